@@ -1,0 +1,1 @@
+// replaced when the library gets its first source

@@ -1,0 +1,3 @@
+#pragma once
+
+#define SLOT_EXPORT __attribute__((visibility("default")))

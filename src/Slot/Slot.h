@@ -1,0 +1,9 @@
+#pragma once
+
+// The whole public API of libSlot.
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/ConfigurationTags.h>
+#include <Slot/Export.h>
+#include <Slot/IFileOutputCfg.h>
+#include <Slot/ISlot.h>
+#include <Slot/ISlotConfiguration.h>

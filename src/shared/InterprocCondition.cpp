@@ -1,0 +1,76 @@
+#include <shared/InterprocCondition.h>
+
+#include <boost/interprocess/exceptions.hpp>
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <cerrno>
+#include <climits>
+#include <ctime>
+
+namespace shared {
+
+namespace {
+
+long Futex(std::uint32_t* word, int op, std::uint32_t value, const timespec* timeout,
+           std::uint32_t bitset) {
+    return syscall(SYS_futex, word, op, value, timeout, nullptr, bitset);
+}
+
+}  // namespace
+
+void InterprocCondition::notify_all() {
+    __atomic_add_fetch(&sequence, 1, __ATOMIC_SEQ_CST);
+    // A waiter increments `waiters` before it reads `sequence` (both seq_cst); a waiter that read
+    // the old sequence is therefore counted here, and one that reads the new one will not sleep.
+    if (__atomic_load_n(&waiters, __ATOMIC_SEQ_CST) != 0) {
+        Futex(&sequence, FUTEX_WAKE, INT_MAX, nullptr, 0);
+    }
+}
+
+std::uint32_t InterprocCondition::Enter() {
+    __atomic_add_fetch(&waiters, 1, __ATOMIC_SEQ_CST);
+    return __atomic_load_n(&sequence, __ATOMIC_SEQ_CST);
+}
+
+void InterprocCondition::Leave() {
+    __atomic_sub_fetch(&waiters, 1, __ATOMIC_SEQ_CST);
+}
+
+bool InterprocCondition::Sleep(std::uint32_t seen, const boost::posix_time::ptime& deadline) {
+    long rc;
+    if (deadline.is_not_a_date_time() || deadline.is_pos_infinity()) {
+        rc = Futex(&sequence, FUTEX_WAIT, seen, nullptr, 0);
+    } else {
+        timespec abs = {0, 0};
+        if (!deadline.is_neg_infinity()) {
+            static const boost::posix_time::ptime epoch(boost::gregorian::date(1970, 1, 1));
+            const boost::posix_time::time_duration since = deadline - epoch;
+            if (since.is_negative()) {
+                return false;
+            }
+            abs.tv_sec = static_cast<time_t>(since.total_seconds());
+            abs.tv_nsec = static_cast<long>(since.fractional_seconds()) *
+                          (1000000000L / boost::posix_time::time_duration::ticks_per_second());
+        }
+        // Absolute deadline on CLOCK_REALTIME, the clock of the UTC deadline.
+        rc = Futex(&sequence, FUTEX_WAIT_BITSET | FUTEX_CLOCK_REALTIME, seen, &abs,
+                   FUTEX_BITSET_MATCH_ANY);
+    }
+    if (rc == 0) {
+        return true;
+    }
+    switch (errno) {
+        case EAGAIN:  // the sequence moved before we slept: a broadcast came
+        case EINTR:   // a signal: a spurious wake-up
+            return true;
+        case ETIMEDOUT:
+            return false;
+        default:
+            throw boost::interprocess::interprocess_exception(
+                boost::interprocess::error_info(boost::interprocess::system_error_code()));
+    }
+}
+
+}  // namespace shared

@@ -1,0 +1,122 @@
+#include "ChildProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <thread>
+
+namespace testsupport {
+
+std::string ChildResult::Describe() const {
+    if (timedOut) {
+        return "child timed out and was killed";
+    }
+    if (exited) {
+        return "child exited with " + std::to_string(exitCode);
+    }
+    return "child killed by signal " + std::to_string(signal);
+}
+
+ChildProcess::ChildProcess(const std::function<int()>& body) : pid_(::fork()), reaped_(false) {
+    if (pid_ < 0) {
+        std::abort();
+    }
+    if (pid_ == 0) {
+        int code = 99;
+        try {
+            code = body();
+        } catch (const std::exception&) {
+            code = 99;
+        } catch (...) {
+            code = 99;
+        }
+        // Skip atexit handlers and static destructors that belong to the parent's test run.
+        ::_exit(code);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (!reaped_) {
+        Kill(SIGKILL);
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+    }
+}
+
+ChildResult ChildProcess::Wait(std::chrono::milliseconds timeout) {
+    if (reaped_) {
+        return result_;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    for (;;) {
+        const pid_t r = ::waitpid(pid_, &status, WNOHANG);
+        if (r == pid_) {
+            break;
+        }
+        if (r < 0 && errno != EINTR) {
+            reaped_ = true;
+            return result_;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, &status, 0);
+            result_.timedOut = true;
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    reaped_ = true;
+    if (WIFEXITED(status)) {
+        result_.exited = true;
+        result_.exitCode = WEXITSTATUS(status);
+    } else if (WIFSIGNALED(status)) {
+        result_.signal = WTERMSIG(status);
+    }
+    return result_;
+}
+
+void ChildProcess::Kill(int signal) {
+    if (!reaped_) {
+        ::kill(pid_, signal);
+    }
+}
+
+ChildResult RunInChild(const std::function<int()>& body, std::chrono::milliseconds timeout) {
+    ChildProcess child(body);
+    return child.Wait(timeout);
+}
+
+PipeSignal::PipeSignal() {
+    if (::pipe2(fds_, O_CLOEXEC) != 0) {
+        std::abort();
+    }
+}
+
+PipeSignal::~PipeSignal() {
+    ::close(fds_[0]);
+    ::close(fds_[1]);
+}
+
+void PipeSignal::Post() {
+    const char byte = 1;
+    while (::write(fds_[1], &byte, 1) < 0 && errno == EINTR) {
+    }
+}
+
+bool PipeSignal::WaitFor(std::chrono::milliseconds timeout) {
+    pollfd p = {fds_[0], POLLIN, 0};
+    const int r = ::poll(&p, 1, static_cast<int>(timeout.count()));
+    if (r <= 0) {
+        return false;
+    }
+    char byte;
+    return ::read(fds_[0], &byte, 1) == 1;
+}
+
+}  // namespace testsupport

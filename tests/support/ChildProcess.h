@@ -1,0 +1,63 @@
+#pragma once
+
+#include <sys/types.h>
+#include <chrono>
+#include <functional>
+#include <string>
+
+namespace testsupport {
+
+// Outcome of a child process.
+struct ChildResult {
+    bool exited = false;  // ended through exit with exitCode
+    int exitCode = -1;
+    int signal = 0;         // the signal that ended it, if any
+    bool timedOut = false;  // killed by the watchdog
+
+    bool Ok() const { return exited && exitCode == 0; }
+    std::string Describe() const;
+};
+
+// A forked child running a function; its return value is the exit code, an escaping exception
+// exits with 99. Every child has a watchdog: Wait kills it with SIGKILL when the time is up, and
+// the destructor kills a child that was never waited for, so no test can hang CI.
+// Fork before the test starts threads of its own: only the forking thread exists in the child.
+class ChildProcess {
+public:
+    explicit ChildProcess(const std::function<int()>& body);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t Pid() const { return pid_; }
+    ChildResult Wait(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    void Kill(int signal = 9);
+
+private:
+    pid_t pid_;
+    bool reaped_;
+    ChildResult result_;
+};
+
+// Runs `body` in a child and waits for it.
+ChildResult RunInChild(const std::function<int()>& body,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+// One-way signal between processes (a pipe): Post() in one, WaitFor() in the other. Create it
+// before fork. Each Post() releases one WaitFor().
+class PipeSignal {
+public:
+    PipeSignal();
+    ~PipeSignal();
+    PipeSignal(const PipeSignal&) = delete;
+    PipeSignal& operator=(const PipeSignal&) = delete;
+
+    void Post();
+    // True when a Post() arrived within the time-out.
+    bool WaitFor(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+private:
+    int fds_[2];
+};
+
+}  // namespace testsupport

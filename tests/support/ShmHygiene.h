@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+// Prefix of every interprocess object name a test run makes: "slottest_<pid of the test binary>_".
+const std::string& TestNamePrefix();
+
+// A fresh slot name, unique in this run and across parallel runs: prefix + counter + stem.
+std::string UniqueName(const std::string& stem = "slot");
+
+// Removes a slot's objects ("<name>", "queue_<name>" and the posix-pipe FIFO, if any) when it
+// goes out of scope, also when the test fails.
+class ScopedSlotName {
+public:
+    explicit ScopedSlotName(const std::string& stem = "slot");
+    ~ScopedSlotName();
+    ScopedSlotName(const ScopedSlotName&) = delete;
+    ScopedSlotName& operator=(const ScopedSlotName&) = delete;
+
+    const std::string& str() const { return name_; }
+    const char* c_str() const { return name_.c_str(); }
+    operator const std::string&() const { return name_; }
+
+private:
+    std::string name_;
+};
+
+// Removes the objects of `name` now.
+void RemoveSlotObjects(const std::string& name);
+
+// Entries in /dev/shm that this run created and left behind.
+std::vector<std::string> LeftoverShmObjects();
+
+// Per-run directory for lock files (exported as SLOT_LOCK_DIR) and for named pipes
+// (SLOT_PIPE_DIR). Created on first use, removed by the test environment.
+const std::string& TestRunDir();
+
+// Installs the gtest environment that sets the directories above up, silences log4cxx by
+// default (SLOT_TEST_LOG=1 prints everything to stderr) and, after the last test, fails the run
+// if anything it created is left in /dev/shm (and removes it).
+void InstallTestEnvironment();
+
+}  // namespace testsupport
