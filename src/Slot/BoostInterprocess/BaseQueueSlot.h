@@ -1,0 +1,167 @@
+#pragma once
+
+#include <Slot/Export.h>
+#include <Slot/ISlot.h>
+
+#include <shared/InterprocCondition.h>
+#include <shared/LockablePtr.h>
+#include <shared/SharedMemory.h>
+#include <shared/SizedArray.h>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/interprocess/creation_tags.hpp>
+#include <boost/interprocess/ipc/message_queue.hpp>
+#include <boost/interprocess/sync/interprocess_condition.hpp>
+#include <boost/interprocess/sync/interprocess_mutex.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <log4cxx/logger.h>
+
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+// Interprocess objects of the slot <name>. Every process that opens the slot builds the same
+// objects by name; they belong to no process and outlive every slot object (only slot removal
+// unlinks them). Nothing here is ever destroyed by a destructor.
+//
+//   "queue_<name>"  message_queue_t<shared::SlotOffsetPtr>, permissions 0644: up to bufferLength
+//                   blocks of up to maxDataSize bytes. Its sizes are fixed by whoever creates it;
+//                   later openers get those sizes whatever they ask for. Guarded by its own
+//                   internal mutex, taken inside each queue call.
+//
+//   "<name>"        managed header segment (shared::SlotSegment), created with
+//                   max data size + HeaderHeadroom bytes. In address order:
+//     segment manager, name index and the header mutex (a unique instance, not a named object;
+//       supplied by shared::CreateSharedMemory), then, as the first opener allocates them:
+//     "last_write_tstamp"        ptime, 8 bytes      written by the slot kinds on every accepted
+//                                                    write, reset to not_a_date_time by every open
+//     "output_buffer_data_size"  unsigned int, 4     written by ReceiveAndCopyToOutBuf, reset to 0
+//                                                    by every open
+//     "output_buffer_handle"     int, 4              written once, by the first opener: the byte
+//                                                    offset of the output buffer in the segment
+//     output buffer (anonymous)  max message size    a copy of the last block taken from the
+//                                of the queue        queue; written by ReceiveAndCopyToOutBuf
+//     "cond_on_write"            shared::InterprocCondition, sizeof(interprocess_condition):
+//                                the slot's "written" signal; broadcast by writers, waited on by
+//                                readers together with the header mutex
+//
+// The header mutex guards the header and the output buffer for all processes, but only by
+// convention: the operations of this class take no lock of their own except the queue's. Callers
+// that need a consistent view (writers around WriteData, readers around ReadData) hold
+// GetLockable(). The header mutex and the queue's mutex are never nested here.
+
+static_assert(sizeof(boost::posix_time::ptime) == 8, "last_write_tstamp is a 64-bit tick count");
+static_assert(sizeof(unsigned int) == 4 && sizeof(int) == 4,
+              "output_buffer_data_size and output_buffer_handle are 32-bit");
+static_assert(sizeof(shared::SlotSegment::handle_t) <= sizeof(int) &&
+                  static_cast<shared::SlotSegment::handle_t>(-1) < 0,
+              "a segment handle fits the int output_buffer_handle");
+static_assert(sizeof(shared::InterprocCondition) ==
+                  sizeof(boost::interprocess::interprocess_condition),
+              "cond_on_write keeps the size of an interprocess_condition");
+#if UINTPTR_MAX == 0xffffffffu
+static_assert(sizeof(boost::interprocess::interprocess_condition) == 48,
+              "cond_on_write is 48 bytes on the 32-bit target");
+#endif
+
+// Common base of the shared-memory slot kinds: creates or opens the slot's interprocess objects,
+// resets its header, and offers the queue and output-buffer operations the kinds are built on.
+//
+// Concurrency: any number of threads and processes may use one slot. Each queue call is atomic
+// under the queue's mutex; the header (write time, data size, output buffer) is guarded by the
+// header mutex, which callers take through GetLockable(). A thread holding GetLockable() must
+// not Wait() on GetOnWriteCondition() (same non-recursive mutex).
+class SLOT_EXPORT BaseQueueSlot : public ISlot {
+public:
+    typedef boost::interprocess::message_queue_t<shared::SlotOffsetPtr> MessageQueue;
+
+    // Priority of every block sent; all blocks share it, so the queue is FIFO.
+    static constexpr unsigned int DefaultDataPriority = 0;
+
+    // Bytes added to the maximum data size for the header segment: room for the segment manager,
+    // the name index, the header mutex and the four named objects, so that an output buffer of
+    // the maximum data size always fits.
+#if UINTPTR_MAX == 0xffffffffu
+    static constexpr unsigned int HeaderHeadroom = 512;
+#else
+    // On x86_64 the bookkeeping is larger (64-bit offset pointers, 16-byte allocation alignment,
+    // a 40-byte pthread mutex). Measured with the construction sequence of ConstructHeader for
+    // every max data size from 0 to 3000, for 1, 7, 8, 15..17, 31..33, 255, 256, 4095..4097,
+    // 65535..65537, 1 MiB, 16 MiB, 64 MiB + 3 and 3000 random sizes up to 32 MiB: the smallest
+    // headroom that fits is 736 at size 0 (a zero-byte allocation still takes a minimum block)
+    // and at most 721 for every other size; every headroom from 736 up fits every size.
+    static constexpr unsigned int HeaderHeadroom = 736;
+#endif
+
+    // Creates or opens the slot `name`. Every Boost.Interprocess failure is raised as
+    // AbortSlotCreationException("Slot could not be created: <what>"); an invalid header as
+    // AbortSlotCreationException(InvalidHeaderMsg()).
+    BaseQueueSlot(boost::interprocess::open_or_create_t, const char* name, size_t maxDataSize,
+                  size_t bufferLength);
+    // Closes this process's view; the slot's objects stay in the system.
+    ~BaseQueueSlot() override;
+
+    BaseQueueSlot(const BaseQueueSlot&) = delete;
+    BaseQueueSlot& operator=(const BaseQueueSlot&) = delete;
+
+    std::string GetName() const override;
+    // The queue's own maximum message size, whatever this process asked for.
+    size_t GetMaxDataSize() const override;
+    shared::ILockable* GetLockable() override;
+    shared::ISyncEvent* GetOnWriteCondition() override;
+    // Read without a lock.
+    boost::posix_time::ptime GetLastWriteTime() const override;
+    // Blocks now in the queue.
+    size_t GetBufferLength() const override;
+
+    static std::string GetQueueName(const std::string& name);
+    static std::string GetConditionName(const std::string& name);
+    static std::string GetRwSyncFileLockName(const std::string& name);
+
+protected:
+    // False, with an ERROR line, when the block is longer than the maximum data size.
+    bool CheckDataBeforeWriting(const void* data, size_t size);
+    // Takes one block from the queue without waiting and leaves a copy of it in the output buffer.
+    // On an empty queue returns an empty array and leaves the output buffer as it was.
+    shared::SizedArray ReceiveAndCopyToOutBuf();
+    // Takes one block from the queue without waiting and drops it. The output buffer is untouched.
+    void DiscardOneDataBlock();
+    // A copy of the output buffer's valid bytes (empty right after the slot was opened).
+    shared::SizedArray GetDataFromOutBuf();
+
+    // Sets "last_write_tstamp" to the current UTC time and returns the value stored.
+    boost::posix_time::ptime StampLastWriteTime();
+    MessageQueue& GetQueue() {
+        return *queue_;
+    }
+    const log4cxx::LoggerPtr& GetLogger() const {
+        return logger_;
+    }
+
+    // Construction steps; ConstructHeader holds GetLockable() throughout and calls ConstructRwSync.
+    void ConstructHeader();
+    void ConstructRwSync();
+    std::string InvalidHeaderMsg() const;
+
+private:
+    struct OutputBuffer {
+        char* data;
+        size_t capacity;  // usable bytes of the allocation
+    };
+    // The output buffer as "output_buffer_handle" locates it. A handle whose block does not lie
+    // inside the segment is logged and yields an empty buffer.
+    OutputBuffer GetOutputBuffer() const;
+
+    log4cxx::LoggerPtr logger_;
+    boost::shared_ptr<MessageQueue> queue_;
+    boost::posix_time::ptime* writeTime_;  // "last_write_tstamp", in the segment
+    std::string name_;
+    boost::shared_ptr<shared::ISharedMemory> segment_;  // deleter: shared::DestroySharedMemory
+    int* bufferHandle_;                                 // "output_buffer_handle", in the segment
+    unsigned int* bufferDataSize_;                      // "output_buffer_data_size", in the segment
+    std::unique_ptr<shared::ISyncEvent> onWrite_;  // pack over the header mutex and cond_on_write
+    shared::LockablePtr<boost::interprocess::interprocess_mutex> lockable_;  // the header mutex
+};
