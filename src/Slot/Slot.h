@@ -7,3 +7,6 @@
 #include <Slot/IFileOutputCfg.h>
 #include <Slot/ISlot.h>
 #include <Slot/ISlotConfiguration.h>
+#include <Slot/BoostInterprocess/BaseQueueSlot.h>
+#include <Slot/BoostInterprocess/DiscardingSlot.h>
+#include <Slot/BoostInterprocess/ReliableSlot.h>
