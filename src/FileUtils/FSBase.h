@@ -1,0 +1,114 @@
+#pragma once
+
+#include <FileUtils/Export.h>
+
+#include <Slot/IFileOutputCfg.h>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include <log4cxx/logger.h>
+
+#include <cstddef>
+#include <string>
+
+namespace FileUtils {
+
+// An output file described by an IFileOutputCfg, written block by block with write(2).
+//
+// File name: the configured base, with "_<YYYYMMDDTHHMMSS>" (UTC, at opening) appended when
+// the time-stamped flag is set. The format name of the configuration is not used: the
+// formatting is the function given to FStreamSubscriber.
+//
+// Regular files:
+// - opened in append mode; with the append flag off, the first opening by this object empties
+//   the file (later reopenings append, so that a reopening never throws written data away);
+// - never grow beyond the configured maximum size (0 = no limit). A block that would cross
+//   it is refused with a WARN when rotation is off. With rotation on, the file is first renamed
+//   to "<file>.0" (older ones move up to "<file>.<max file index>", the oldest is removed) and a
+//   new file is started. A block larger than the maximum on its own is refused with a WARN.
+//   Blocks are never split.
+//
+// Named pipes (FIFOs):
+// - opened read-write and non-blocking. The open never waits for a reader, and since this
+//   object is itself a reader of the pipe, a write can never fail with EPIPE or raise SIGPIPE.
+// - each block is passed to one write(2): blocks of up to PIPE_BUF (4096) bytes arrive whole,
+//   never interleaved with other writers' bytes; larger ones may be split by the kernel.
+// - blocks written while no process reads are kept by the kernel, up to the pipe capacity
+//   (64 KiB by default), and are read by the next reader that opens the pipe while this object
+//   lives. When the pipe is full the writer waits up to the pipe-full time-out (default 1 s)
+//   for room, then drops the block (or its rest) with a WARN. While blocks are being dropped
+//   the writer does not wait again until a block has gone through, so a pipe nobody reads
+//   costs one time-out, not one per block.
+// - bytes still unread when the pipe is closed are lost if no other process has the pipe open;
+//   the destructor says so with a WARN when the pipe still holds bytes.
+// - the maximum size and rotation do not apply.
+// Other files (character devices) are written without limit.
+//
+// Messages go to logger "Slot.Writer": WARN for every refused or dropped block, ERROR for
+// failed writes and openings.
+//
+// Concurrency: every public operation may be called from any thread; mutex_ serialises them,
+// and a block is written under it, so blocks from different threads are never interleaved.
+class FILEUTILS_EXPORT FSBase {
+public:
+    explicit FSBase(const IFileOutputCfg& cfg);
+    virtual ~FSBase();
+
+    FSBase(const FSBase&) = delete;
+    FSBase& operator=(const FSBase&) = delete;
+
+    // Opens the configured file, or opens it anew (an open stream is closed only after the new
+    // one is open). Throws std::runtime_error when it cannot be opened; an open stream is then
+    // kept.
+    virtual void Reopen();
+
+    bool IsOpen() const;
+    // The path of the open file (empty before the first opening).
+    std::string GetFileName() const;
+
+    // How long a write waits for room in a full named pipe before it drops the block.
+    void SetPipeFullTimeout(const boost::posix_time::time_duration& timeout);
+
+protected:
+    // Writes one block (already formatted); refusals and failures are logged.
+    void WriteBlock(const char* data, size_t size);
+
+    // Called under the lock before each block; true when the stream can take the block.
+    // The default accepts an open stream only.
+    virtual bool PrepareStreamLocked();
+
+    // For PrepareStreamLocked overrides: whether the stream is open, and whether the file the
+    // stream writes to is still the one that the file name leads to.
+    bool IsOpenLocked() const { return fd_ >= 0; }
+    bool FileIsStillInPlaceLocked() const;
+    void ReopenLocked();
+
+    log4cxx::LoggerPtr logger_;
+
+private:
+    std::string MakeFileName() const;
+    void WriteRegularFileLocked(const char* data, size_t size);
+    void WritePipeLocked(const char* data, size_t size);
+    bool WriteAllLocked(const char* data, size_t size);
+    void RotateLocked();
+    void CloseLocked();
+
+    const std::string base_;
+    const bool timestamped_;
+    const bool append_;
+    const bool rotate_;
+    const size_t maxSize_;
+    const unsigned int maxFileIndex_;
+
+    mutable boost::mutex mutex_;
+    int fd_;                                            // guarded by mutex_; -1 when closed
+    bool isFifo_;                                       // guarded by mutex_
+    bool isRegular_;                                    // guarded by mutex_
+    bool openedBefore_;                                 // guarded by mutex_
+    bool droppingOnFullPipe_;                           // guarded by mutex_
+    std::string fileName_;                              // guarded by mutex_
+    boost::posix_time::time_duration pipeFullTimeout_;  // guarded by mutex_
+};
+
+}  // namespace FileUtils

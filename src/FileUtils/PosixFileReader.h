@@ -1,0 +1,71 @@
+#pragma once
+
+#include <FileUtils/Export.h>
+
+#include <shared/Notifier.h>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/thread/thread.hpp>
+
+#include <log4cxx/logger.h>
+
+#include <atomic>
+#include <string>
+
+namespace FileUtils {
+
+// Reads a named pipe (or a growing file) on a thread of its own and notifies its subscribers
+// with every chunk read, under the name of the slot: the file name without directory and
+// without ".fifo".
+//
+// - The thread starts in the constructor, but nothing is read before the first subscribe():
+//   until then the bytes wait in the pipe, so a host that subscribes right after construction
+//   loses nothing.
+// - A pipe is a byte stream: a chunk holds at most `size` bytes of what is waiting, so several
+//   writes may come in one notification and a write may be split over two. The bytes arrive
+//   unchanged and in order.
+// - The pipe is opened read-write and non-blocking. The reader thus counts as a writer too: it
+//   never sees end-of-file when a writer closes, and it goes on reading when a new writer
+//   opens the pipe. A regular file is read like `tail -f`: at its end the reader looks again
+//   after `period`.
+// - The destructor stops the thread at once (a self-pipe wakes its poll) and joins it; at the
+//   latest the thread notices within `period`.
+// - Errors (a failed read, an exception from a subscriber) are logged at ERROR on
+//   "Slot.Reader" and followed by a pause of `period`; they do not end the thread.
+//
+// Concurrency: subscribers are called on the reader thread; the shared::Notifier operations
+// may be called from any thread. Final because the thread runs from the constructor on.
+class FILEUTILS_EXPORT PosixFileReader final : public shared::Notifier {
+public:
+    // Opens `path` (which must exist) and starts the thread; throws std::runtime_error when the
+    // file cannot be opened. A `size` of 0 reads chunks of up to 65536 bytes.
+    PosixFileReader(const std::string& path, unsigned size,
+                    const boost::posix_time::time_duration& period);
+    ~PosixFileReader() override;
+
+    void subscribe(shared::ISubscriber* subscriber) override;
+
+    const std::string& GetName() const { return name_; }
+
+private:
+    void Run();
+    void ReadLoop();
+    // Waits up to `timeoutMs` for data (or for ever when -1 and data is not wanted yet); false
+    // when the reader is being stopped.
+    bool WaitReadable(int timeoutMs, bool wantData);
+    void Pause();
+    void Wake();
+
+    const std::string path_;
+    const std::string name_;
+    const unsigned size_;
+    const int periodMs_;
+    log4cxx::LoggerPtr logger_;
+    int fd_;
+    int wakeFds_[2];                // self-pipe: written by subscribe() and the destructor
+    std::atomic<bool> subscribed_;  // set by the first subscribe()
+    std::atomic<bool> stopping_;    // set by the destructor
+    boost::thread thread_;
+};
+
+}  // namespace FileUtils
