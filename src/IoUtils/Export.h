@@ -1,0 +1,4 @@
+#pragma once
+
+// Symbols of libIoUtils are hidden unless marked with this macro.
+#define IOUTILS_EXPORT __attribute__((visibility("default")))

@@ -1,1 +1,0 @@
-// replaced when the library gets its first source
