@@ -10,3 +10,5 @@
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
+#include <Slot/WindowsPipe/WindowsPipeReader.h>
+#include <Slot/WindowsPipe/WindowsPipeServerSlot.h>
