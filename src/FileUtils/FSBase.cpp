@@ -124,13 +124,28 @@ void FSBase::CloseLocked() {
         return;
     }
     int unread = 0;
-    if (isFifo_ && ::ioctl(fd_, FIONREAD, &unread) == 0 && unread > 0 && logger_->isWarnEnabled()) {
-        LOG4CXX_WARN(logger_, "Closing named pipe '" << fileName_ << "' with " << unread
-                                                     << " unread bytes: they are lost unless a "
-                                                        "reader has the pipe open");
+    if (!isFifo_ || ::ioctl(fd_, FIONREAD, &unread) != 0 || unread <= 0) {
+        ::close(fd_);
+        fd_ = -1;
+        return;
     }
+    // Bytes are waiting. They are lost with the pipe if no other process has it open for
+    // reading: find out through a write-only descriptor of the same pipe, which polls POLLERR
+    // once our read-write descriptor is gone and no reader is left.
+    const std::string self = "/proc/self/fd/" + std::to_string(fd_);
+    int probe = ::open(self.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     ::close(fd_);
     fd_ = -1;
+    bool readerLeft = false;
+    if (probe >= 0) {
+        pollfd p = {probe, POLLOUT, 0};
+        readerLeft = ::poll(&p, 1, 0) >= 0 && (p.revents & POLLERR) == 0;
+        ::close(probe);
+    }
+    if (!readerLeft && logger_->isWarnEnabled()) {
+        LOG4CXX_WARN(logger_, "Closing named pipe '" << fileName_ << "' that no reader has open: "
+                                                     << unread << " unread bytes are lost");
+    }
 }
 
 bool FSBase::PrepareStreamLocked() {

@@ -40,8 +40,9 @@ namespace FileUtils {
 //   for room, then drops the block (or its rest) with a WARN. While blocks are being dropped
 //   the writer does not wait again until a block has gone through, so a pipe nobody reads
 //   costs one time-out, not one per block.
-// - bytes still unread when the pipe is closed are lost if no other process has the pipe open;
-//   the destructor says so with a WARN when the pipe still holds bytes.
+// - bytes still unread when the writer closes the pipe are lost if no other process has it
+//   open for reading: the kernel frees a pipe with its last descriptor. The writer finds out
+//   when it closes and then logs how many bytes are lost, at WARN.
 // - the maximum size and rotation do not apply.
 // Other files (character devices) are written without limit.
 //

@@ -1,0 +1,177 @@
+#include "FileTestSupport.h"
+#include "LogCapture.h"
+#include "ShmHygiene.h"
+
+#include <FileUtils/FSSAutoReopen.h>
+#include <FileUtils/FStreamSubscriber.h>
+#include <shared/FileHelpers.h>
+
+#include <gtest/gtest.h>
+
+#include <boost/thread/thread.hpp>
+
+#include <cstdio>
+#include <map>
+#include <sstream>
+#include <vector>
+
+namespace {
+
+using filetest::ReadFile;
+using filetest::TestOutputCfg;
+using filetest::WriteFile;
+
+std::string NewFile(filetest::ScopedPaths& cleanup, const std::string& stem) {
+    return cleanup.Add(testsupport::TestRunDir() + "/" + testsupport::UniqueName(stem));
+}
+
+void Send(shared::ISubscriber& s, const std::string& bytes) {
+    s.onNotify("n", bytes.data(), bytes.size());
+}
+
+std::string Line(shared::SizedArray& data) {
+    return std::string(data.data(), data.size()) + "\n";
+}
+
+TEST(FStreamSubscriber, AppendsFormattedBlocksOnlyOnceOpened) {
+    testsupport::LogCapture log("Slot.Writer");
+    filetest::ScopedPaths cleanup;
+    const std::string file = NewFile(cleanup, "append");
+    WriteFile(file, "old\n");
+    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 0, 0), &Line);
+
+    Send(s, "lost");
+    EXPECT_EQ(1u,
+              log.Count("WARN", "Stream of '" + file + "' is not open, block of 5 bytes dropped"));
+    s.Reopen();
+    Send(s, "abc");
+    Send(s, std::string("d\0e", 3));
+    s.Reopen();
+    Send(s, "f");
+    EXPECT_EQ(std::string("old\nabc\nd\0e\nf\n", 14), ReadFile(file));
+    EXPECT_EQ(file, s.GetFileName());
+}
+
+TEST(FStreamSubscriber, WithoutAppendOnlyTheFirstOpeningEmptiesTheFile) {
+    filetest::ScopedPaths cleanup;
+    const std::string file = NewFile(cleanup, "truncate");
+    WriteFile(file, "old");
+    FileUtils::FStreamSubscriber s(TestOutputCfg(file, false, false, 0, 0), &shared::FormatNothing);
+    s.Reopen();
+    Send(s, "new");
+    s.Reopen();
+    Send(s, "er");
+    EXPECT_EQ("newer", ReadFile(file));
+}
+
+TEST(FStreamSubscriber, ReopenStartsAFileAtTheNameAfterItWasMovedAway) {
+    filetest::ScopedPaths cleanup;
+    const std::string file = NewFile(cleanup, "moved");
+    const std::string moved = cleanup.Add(file + ".old");
+    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 0, 0), &shared::FormatNothing);
+    s.Reopen();
+    Send(s, "a");
+    ASSERT_EQ(0, std::rename(file.c_str(), moved.c_str()));
+    Send(s, "b");  // still the open file
+    s.Reopen();
+    Send(s, "c");
+    EXPECT_EQ("ab", ReadFile(moved));
+    EXPECT_EQ("c", ReadFile(file));
+}
+
+TEST(FSSAutoReopen, OpensByItselfAndFollowsARemovedOrMovedFile) {
+    filetest::ScopedPaths cleanup;
+    const std::string file = NewFile(cleanup, "auto");
+    const std::string moved = cleanup.Add(file + ".moved");
+    testsupport::LogCapture log("Slot.Writer");
+    FileUtils::FSSAutoReopen s(TestOutputCfg(file, true, false, 0, 0), &shared::FormatNothing);
+    Send(s, "a");
+    ASSERT_EQ(0, std::rename(file.c_str(), moved.c_str()));
+    Send(s, "b");
+    ASSERT_EQ(0, ::unlink(file.c_str()));
+    Send(s, "c");
+    EXPECT_EQ("a", ReadFile(moved));
+    EXPECT_EQ("c", ReadFile(file));
+    EXPECT_TRUE(log.Messages("WARN").empty());
+}
+
+TEST(FStreamSubscriber, WithoutRotationRefusesWhatWouldPassTheMaximumSize) {
+    testsupport::LogCapture log("Slot.Writer");
+    filetest::ScopedPaths cleanup;
+    const std::string file = NewFile(cleanup, "max");
+    const std::string before(30, 'p');
+    WriteFile(file, before);
+    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 100, 0),
+                                   &shared::FormatNothing);
+    s.Reopen();
+    Send(s, std::string(40, 'a'));  // 70
+    Send(s, std::string(40, 'b'));  // would be 110
+    Send(s, std::string(30, 'c'));  // exactly 100
+    Send(s, std::string(1, 'd'));
+    Send(s, std::string(101, 'e'));
+    EXPECT_EQ(before + std::string(40, 'a') + std::string(30, 'c'), ReadFile(file));
+    EXPECT_EQ((std::vector<std::string>{
+                  "'" + file + "' reached its maximum size of 100 bytes, block of 40 bytes dropped",
+                  "'" + file + "' reached its maximum size of 100 bytes, block of 1 bytes dropped",
+                  "Block of 101 bytes is larger than the maximum size of 100 bytes of '" + file +
+                      "', dropped"}),
+              log.Messages("WARN"));
+}
+
+TEST(FStreamSubscriber, RotationKeepsTheNewestFilesUpToTheMaximumIndex) {
+    testsupport::LogCapture log("Slot.Writer");
+    filetest::ScopedPaths cleanup;
+    const std::string file = NewFile(cleanup, "rotate");
+    cleanup.Add(file + ".0");
+    cleanup.Add(file + ".1");
+    cleanup.Add(file + ".2");
+    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, true, 10, 1), &shared::FormatNothing);
+    s.Reopen();
+    for (const char c : std::string("abcd")) {
+        Send(s, std::string(6, c));
+    }
+    EXPECT_EQ("dddddd", ReadFile(file));
+    EXPECT_EQ("cccccc", ReadFile(file + ".0"));
+    EXPECT_EQ("bbbbbb", ReadFile(file + ".1"));
+    EXPECT_FALSE(filetest::Exists(file + ".2"));
+    EXPECT_TRUE(log.Messages("WARN").empty());
+    EXPECT_TRUE(log.Messages("ERROR").empty());
+}
+
+TEST(FStreamSubscriber, BlocksFromConcurrentThreadsAreNeverInterleaved) {
+    filetest::ScopedPaths cleanup;
+    const std::string file = NewFile(cleanup, "threads");
+    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 0, 0), &Line);
+    s.Reopen();
+    const int kThreads = 4;
+    const int kBlocks = 500;
+    boost::thread_group threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.create_thread([&s, t] {
+            for (int i = 0; i < kBlocks; ++i) {
+                std::ostringstream block;
+                block << t << ':' << i << ':' << std::string(static_cast<size_t>(50 + i % 37), 'x');
+                Send(s, block.str());
+            }
+        });
+    }
+    threads.join_all();
+
+    std::istringstream lines(ReadFile(file));
+    std::map<int, int> next;
+    std::string line;
+    int count = 0;
+    while (std::getline(lines, line)) {
+        int t = -1;
+        int i = -1;
+        ASSERT_EQ(2, std::sscanf(line.c_str(), "%d:%d:", &t, &i)) << line;
+        EXPECT_EQ(next[t]++, i) << "thread " << t << " out of order";
+        const std::string expected = std::to_string(t) + ":" + std::to_string(i) + ":" +
+                                     std::string(static_cast<size_t>(50 + i % 37), 'x');
+        EXPECT_EQ(expected, line);
+        ++count;
+    }
+    EXPECT_EQ(kThreads * kBlocks, count);
+}
+
+}  // namespace

@@ -1,0 +1,161 @@
+#pragma once
+
+#include <Slot/IFileOutputCfg.h>
+#include <shared/ISubscriber.h>
+
+#include <boost/thread/condition_variable.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+
+namespace filetest {
+
+// A file output with every field chosen by the test.
+class TestOutputCfg : public IFileOutputCfg {
+public:
+    TestOutputCfg(const std::string& file, bool append, bool rotate, size_t maxSize,
+                  unsigned int maxFileIndex)
+        : file_(file),
+          append_(append),
+          rotate_(rotate),
+          maxSize_(maxSize),
+          maxFileIndex_(maxFileIndex) {}
+
+    std::string GetTargetFilenameBase() const override { return file_; }
+    std::string GetFormat() const override { return ""; }
+    bool GetTimestampedFilenameFlag() const override { return false; }
+    bool GetAppendFlag() const override { return append_; }
+    bool GetRotateFlag() const override { return rotate_; }
+    size_t GetMaxSize() const override { return maxSize_; }
+    unsigned int GetMaxFileIndex() const override { return maxFileIndex_; }
+
+private:
+    std::string file_;
+    bool append_;
+    bool rotate_;
+    size_t maxSize_;
+    unsigned int maxFileIndex_;
+};
+
+// Collects every notified byte, in order, and the names notified under.
+class Collector : public shared::ISubscriber {
+public:
+    void onNotify(const std::string& name, const void* data, size_t size) override {
+        boost::mutex::scoped_lock lock(mutex_);
+        bytes_.append(static_cast<const char*>(data), size);
+        names_.insert(name);
+        changed_.notify_all();
+    }
+
+    // True when at least `size` bytes have come within 20 s.
+    bool WaitForSize(size_t size) {
+        boost::mutex::scoped_lock lock(mutex_);
+        const boost::system_time deadline =
+            boost::get_system_time() + boost::posix_time::seconds(20);
+        while (bytes_.size() < size) {
+            if (!changed_.timed_wait(lock, deadline)) {
+                return bytes_.size() >= size;
+            }
+        }
+        return true;
+    }
+
+    std::string Bytes() const {
+        boost::mutex::scoped_lock lock(mutex_);
+        return bytes_;
+    }
+    std::set<std::string> Names() const {
+        boost::mutex::scoped_lock lock(mutex_);
+        return names_;
+    }
+
+private:
+    mutable boost::mutex mutex_;
+    boost::condition_variable changed_;
+    std::string bytes_;            // guarded by mutex_
+    std::set<std::string> names_;  // guarded by mutex_
+};
+
+// Reproducible bytes that reveal loss, duplication and reordering: every position differs
+// from its neighbours over long stretches.
+inline std::string Pattern(size_t size, unsigned int seed) {
+    std::string bytes(size, '\0');
+    unsigned int x = seed * 2654435761u + 1;
+    for (size_t i = 0; i < size; ++i) {
+        x = x * 1103515245u + 12345u;
+        bytes[i] = static_cast<char>(x >> 16);
+    }
+    return bytes;
+}
+
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream in(path.c_str(), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
+    out << bytes;
+}
+
+inline bool Exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+// Removes the listed paths (files, FIFOs) when the test ends, also when it fails.
+class ScopedPaths {
+public:
+    ScopedPaths() {}
+    explicit ScopedPaths(const std::string& path) { Add(path); }
+    ~ScopedPaths() {
+        for (const std::string& path : paths_) {
+            ::unlink(path.c_str());
+        }
+    }
+    ScopedPaths(const ScopedPaths&) = delete;
+    ScopedPaths& operator=(const ScopedPaths&) = delete;
+    const std::string& Add(const std::string& path) {
+        paths_.insert(path);
+        return path;
+    }
+
+private:
+    std::set<std::string> paths_;
+};
+
+// Sets an environment variable for the lifetime of the object. Use only while the test
+// process has no other threads.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value) : name_(name) {
+        const char* old = std::getenv(name);
+        hadOld_ = old != nullptr;
+        if (hadOld_) {
+            old_ = old;
+        }
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnv() {
+        if (hadOld_) {
+            ::setenv(name_.c_str(), old_.c_str(), 1);
+        } else {
+            ::unsetenv(name_.c_str());
+        }
+    }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string name_;
+    std::string old_;
+    bool hadOld_;
+};
+
+}  // namespace filetest

@@ -1,0 +1,207 @@
+#include "ChildProcess.h"
+#include "FileTestSupport.h"
+#include "LogCapture.h"
+#include "ShmHygiene.h"
+
+#include <FileUtils/FSSAutoReopen.h>
+#include <FileUtils/NamedPipeCreator.h>
+#include <FileUtils/PosixFileReader.h>
+#include <shared/FileHelpers.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <vector>
+
+namespace {
+
+using boost::posix_time::milliseconds;
+using boost::posix_time::seconds;
+
+// A FIFO of a fresh slot name, removed when the test ends.
+struct ScopedFifo {
+    ScopedFifo()
+        : name(testsupport::UniqueName("pipe")),
+          path(FileUtils::NamedPipeCreator::ConstructPipeFilename(name)),
+          cleanup(path) {
+        created = FileUtils::NamedPipeCreator::CreateIfNeeded(path);
+    }
+    std::string name;
+    std::string path;
+    filetest::ScopedPaths cleanup;
+    bool created;
+};
+
+// The writer exactly as the posix-pipe slot writer is made: pass-through format, stream opened.
+struct PipeWriter {
+    explicit PipeWriter(const std::string& path)
+        : cfg(path, false, false), writer(cfg, &shared::FormatNothing) {
+        writer.Reopen();
+    }
+    void Write(const std::string& bytes) { writer.onNotify("w", bytes.data(), bytes.size()); }
+    SimpleFileOutputCfg cfg;
+    FileUtils::FSSAutoReopen writer;
+};
+
+// Writes `total` bytes of pattern `seed` in blocks of uneven sizes, small and larger than
+// PIPE_BUF. Returns 0 when no block was dropped.
+int WriteStream(const std::string& path, size_t total, unsigned int seed) {
+    testsupport::LogCapture log("Slot.Writer");
+    PipeWriter w(path);
+    w.writer.SetPipeFullTimeout(seconds(20));
+    const std::string bytes = filetest::Pattern(total, seed);
+    static const size_t sizes[] = {1, 4096, 17, 333, 5000, 4095, 64, 9999, 2, 4097};
+    size_t offset = 0;
+    for (size_t i = 0; offset < total; ++i) {
+        const size_t n = std::min(sizes[i % 10], total - offset);
+        w.Write(bytes.substr(offset, n));
+        offset += n;
+    }
+    return log.Messages("WARN").empty() && log.Messages("ERROR").empty() ? 0 : 3;
+}
+
+TEST(PosixPipe, BytesFromAnotherProcessArriveUnchangedAndInOrder) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    const size_t total = 300000;  // several times the pipe's capacity
+    testsupport::PipeSignal readerReady;
+    testsupport::ChildProcess writer([&] {
+        if (!readerReady.WaitFor()) {
+            return 2;
+        }
+        return WriteStream(fifo.path, total, 7);
+    });
+
+    testsupport::LogCapture readerLog("Slot.Reader");
+    filetest::Collector collector;
+    {
+        FileUtils::PosixFileReader reader(fifo.path, 1000, milliseconds(50));
+        reader.subscribe(&collector);
+        readerReady.Post();
+        const testsupport::ChildResult result = writer.Wait();
+        EXPECT_TRUE(result.Ok()) << result.Describe();
+        EXPECT_TRUE(collector.WaitForSize(total));
+    }
+    EXPECT_EQ(filetest::Pattern(total, 7), collector.Bytes());
+    EXPECT_EQ(std::set<std::string>{fifo.name}, collector.Names());
+    EXPECT_TRUE(readerLog.Messages("ERROR").empty());
+    EXPECT_EQ(1u, readerLog.Count("DEBUG", "Reader thread started for '" + fifo.path + "'"));
+    EXPECT_EQ(1u, readerLog.Count("DEBUG", "Reader thread stopped for '" + fifo.path + "'"));
+}
+
+TEST(PosixPipe, WriterWithoutReaderNeitherHangsNorDiesAndReportsWhatItDrops) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    const int kBlocks = 40;  // 160 KiB: more than a pipe holds
+    const testsupport::ChildResult result = testsupport::RunInChild(
+        [&] {
+            std::signal(SIGPIPE, SIG_DFL);
+            testsupport::LogCapture log("Slot.Writer");
+            {
+                PipeWriter w(fifo.path);
+                w.writer.SetPipeFullTimeout(milliseconds(100));
+                for (int i = 0; i < kBlocks; ++i) {
+                    w.Write(std::string(4096, 'x'));
+                }
+            }
+            const size_t dropped = log.Count(
+                "WARN", "Named pipe '" + fifo.path + "' is full, block of 4096 bytes dropped");
+            // Nobody reads: what the pipe holds is lost with it, and that is reported.
+            const size_t closing = log.CountPrefix(
+                "WARN", "Closing named pipe '" + fifo.path + "' that no reader has open: ");
+            if (dropped == 0 || dropped == static_cast<size_t>(kBlocks)) {
+                return 4;
+            }
+            return closing == 1 ? 0 : 5;
+        },
+        std::chrono::seconds(30));
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+TEST(PosixPipe, BlocksWrittenBeforeTheReaderOpensReachIt) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    const std::string bytes = filetest::Pattern(20000, 3);
+    testsupport::PipeSignal written;
+    testsupport::PipeSignal read;
+    testsupport::ChildProcess writer([&] {
+        testsupport::LogCapture log("Slot.Writer");
+        PipeWriter w(fifo.path);
+        for (size_t offset = 0; offset < bytes.size(); offset += 1000) {
+            w.Write(bytes.substr(offset, 1000));
+        }
+        written.Post();
+        // The pipe lives while the writer has it open.
+        if (!read.WaitFor()) {
+            return 2;
+        }
+        return log.Messages("WARN").empty() ? 0 : 3;
+    });
+    ASSERT_TRUE(written.WaitFor());
+    filetest::Collector collector;
+    {
+        FileUtils::PosixFileReader reader(fifo.path, 4096, milliseconds(50));
+        reader.subscribe(&collector);
+        EXPECT_TRUE(collector.WaitForSize(bytes.size()));
+    }
+    read.Post();
+    const testsupport::ChildResult result = writer.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_EQ(bytes, collector.Bytes());
+}
+
+TEST(PosixPipe, ReaderGoesOnWithTheNextWriterAfterOneHasGone) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    const size_t first = 50000;
+    const size_t second = 70000;
+    testsupport::PipeSignal go1;
+    testsupport::PipeSignal go2;
+    testsupport::ChildProcess writer1(
+        [&] { return go1.WaitFor() ? WriteStream(fifo.path, first, 1) : 2; });
+    testsupport::ChildProcess writer2(
+        [&] { return go2.WaitFor() ? WriteStream(fifo.path, second, 2) : 2; });
+
+    testsupport::LogCapture readerLog("Slot.Reader");
+    filetest::Collector collector;
+    FileUtils::PosixFileReader reader(fifo.path, 512, milliseconds(50));
+    reader.subscribe(&collector);
+    go1.Post();
+    testsupport::ChildResult result = writer1.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    ASSERT_TRUE(collector.WaitForSize(first));
+    // The first writer has closed its end; the reader must not have taken that as an end.
+    go2.Post();
+    result = writer2.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    ASSERT_TRUE(collector.WaitForSize(first + second));
+    EXPECT_EQ(filetest::Pattern(first, 1) + filetest::Pattern(second, 2), collector.Bytes());
+    EXPECT_TRUE(readerLog.Messages("ERROR").empty());
+}
+
+TEST(PosixPipe, ReaderKeepsWaitingBytesForItsFirstSubscriberAndStopsPromptly) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    const std::string bytes = filetest::Pattern(3000, 5);
+    PipeWriter w(fifo.path);
+    w.Write(bytes);
+    filetest::Collector collector;
+    const auto start = std::chrono::steady_clock::now();
+    {
+        // A long period: stopping must not wait for it.
+        FileUtils::PosixFileReader reader(fifo.path, 100, seconds(60));
+        reader.subscribe(&collector);
+        EXPECT_TRUE(collector.WaitForSize(bytes.size()));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+    EXPECT_EQ(bytes, collector.Bytes());
+}
+
+TEST(PosixPipe, ReaderOfAMissingFileThrows) {
+    EXPECT_THROW(
+        FileUtils::PosixFileReader(testsupport::TestRunDir() + "/none.fifo", 10, seconds(1)),
+        std::runtime_error);
+}
+
+}  // namespace
