@@ -1,0 +1,132 @@
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "ShmHygiene.h"
+
+#include <Slot/Slot.h>
+
+#include <FileUtils/FSUtils.h>
+#include <shared/FileLock.h>
+
+#include <gtest/gtest.h>
+
+#include <boost/make_shared.hpp>
+#include <boost/scoped_ptr.hpp>
+
+#include <unistd.h>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace {
+
+const char kRefused[] = "Cannot create non-unique reader for named pipe ''";
+
+class Counter : public shared::ISubscriber {
+public:
+    void onNotify(const std::string&, const void*, size_t) override { ++calls; }
+    std::atomic<int> calls{0};
+};
+
+// The stub slot's name is empty, so every reader here uses the lock file ".lock". Each test
+// gets a lock directory of its own (set before any thread or child exists) and removes it.
+class WindowsPipeReaderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        lockDir_ = testsupport::TestRunDir() + "/" + testsupport::UniqueName("winpipe");
+        const char* old = std::getenv("SLOT_LOCK_DIR");
+        oldLockDir_ = old != nullptr ? old : "";
+        ::setenv("SLOT_LOCK_DIR", lockDir_.c_str(), 1);
+        lockFile_ = FileUtils::FSUtils::GetSingletonFileLockName("");
+        ASSERT_EQ(lockDir_ + "/.lock", lockFile_);
+    }
+    void TearDown() override {
+        ::unlink(lockFile_.c_str());
+        ::rmdir(lockDir_.c_str());
+        ::setenv("SLOT_LOCK_DIR", oldLockDir_.c_str(), 1);
+    }
+
+    static boost::shared_ptr<WindowsPipeServerSlot> StubSlot() {
+        SimpleSlotCfg cfg("ignored", "win-pipe", boost::posix_time::milliseconds(10), 1);
+        return boost::make_shared<WindowsPipeServerSlot>(&cfg);
+    }
+
+    std::string lockDir_;
+    std::string oldLockDir_;
+    std::string lockFile_;
+};
+
+TEST_F(WindowsPipeReaderTest, StubReaderRunsDeliversNothingAndStopsPromptly) {
+    testsupport::LogCapture log("Slot.Reader");
+    Counter counter;
+    boost::scoped_ptr<WindowsPipeReader> reader(
+        new WindowsPipeReader(StubSlot(), boost::posix_time::seconds(60)));
+    reader->subscribe(&counter);
+    reader->Init();
+    EXPECT_EQ(1u, log.Count("DEBUG", "Thread started"));
+    EXPECT_EQ(1u, log.Count("INFO", "Initialized"));
+    EXPECT_EQ(::getpid(), shared::FileLock::Holder(lockFile_));
+    reader->Init();  // already running: no second thread
+    EXPECT_EQ(1u, log.Count("DEBUG", "Thread started"));
+
+    log.Clear();
+    const auto start = std::chrono::steady_clock::now();
+    reader.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+    EXPECT_EQ(0, counter.calls);
+    EXPECT_EQ((std::vector<std::string>{"~WindowsPipeReader(), ''", "Thread shutdown for ''",
+                                        "~WindowsPipeReader(), '' joined"}),
+              log.Messages());
+    EXPECT_EQ(0, shared::FileLock::Holder(lockFile_));
+}
+
+TEST_F(WindowsPipeReaderTest, NeverStartedReaderIsDestroyedAndReleasesTheName) {
+    testsupport::LogCapture log("Slot.Reader");
+    { WindowsPipeReader reader(StubSlot(), boost::posix_time::milliseconds(10)); }
+    EXPECT_EQ(
+        (std::vector<std::string>{"~WindowsPipeReader(), ''", "~WindowsPipeReader(), '' joined"}),
+        log.Messages());
+    WindowsPipeReader again(StubSlot(), boost::posix_time::milliseconds(10));
+}
+
+TEST_F(WindowsPipeReaderTest, SecondReaderIsRefusedInThisAndOtherProcessesWhileTheFirstLives) {
+    // Children are forked before this process starts any thread.
+    testsupport::PipeSignal refuseNow;
+    testsupport::PipeSignal acceptNow;
+    auto tryReader = [](bool expectRefusal) {
+        try {
+            WindowsPipeReader reader(StubSlot(), boost::posix_time::milliseconds(10));
+            reader.Init();
+            return expectRefusal ? 1 : 0;
+        } catch (const std::logic_error& e) {
+            return expectRefusal && std::string(e.what()) == kRefused ? 0 : 2;
+        }
+    };
+    testsupport::ChildProcess refused([&] { return refuseNow.WaitFor() ? tryReader(true) : 3; });
+    testsupport::ChildProcess accepted([&] { return acceptNow.WaitFor() ? tryReader(false) : 3; });
+
+    testsupport::LogCapture log("Slot.Reader");
+    boost::scoped_ptr<WindowsPipeReader> first(
+        new WindowsPipeReader(StubSlot(), boost::posix_time::milliseconds(10)));
+    first->Init();
+    try {
+        WindowsPipeReader second(StubSlot(), boost::posix_time::milliseconds(10));
+        ADD_FAILURE() << "second reader in the same process was accepted";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(kRefused, e.what());
+    }
+    // The refused reader closed its own descriptor of the lock file; the first one's lock stays.
+    EXPECT_EQ(::getpid(), shared::FileLock::Holder(lockFile_));
+    refuseNow.Post();
+    testsupport::ChildResult result = refused.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+
+    // The first reader's thread was running all along: it is the one that shuts down now.
+    first.reset();
+    EXPECT_EQ(1u, log.Count("DEBUG", "Thread shutdown for ''"));
+    acceptNow.Post();
+    result = accepted.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+}  // namespace
