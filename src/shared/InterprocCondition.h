@@ -42,15 +42,29 @@ struct SHARED_EXPORT InterprocCondition {
     // Releases `mutex` (held by the caller), sleeps until notify_all or the absolute UTC
     // deadline, relocks `mutex`. Returns false only when the deadline passed. A deadline of
     // pos_infin or not_a_date_time waits without a deadline. Spurious wake-ups return true.
+    //
+    // `lastSeen` (optional, owned by the caller) remembers the sequence at the caller's previous
+    // return: when a broadcast came while the caller was not waiting, the wait returns true at
+    // once instead of sleeping through it. On return it holds the sequence seen then.
     template <class Mutex>
-    bool timed_wait(Mutex& mutex, const boost::posix_time::ptime& deadline) {
+    bool timed_wait(Mutex& mutex, const boost::posix_time::ptime& deadline,
+                    std::uint32_t* lastSeen = nullptr) {
         const std::uint32_t seen = Enter();
-        mutex.unlock();
-        const bool woken = Sleep(seen, deadline);
-        mutex.lock();
+        bool woken = true;
+        if (lastSeen == nullptr || *lastSeen == seen) {
+            mutex.unlock();
+            woken = Sleep(seen, deadline);
+            mutex.lock();
+        }
         Leave();
+        if (lastSeen != nullptr) {
+            *lastSeen = __atomic_load_n(&sequence, __ATOMIC_SEQ_CST);
+        }
         return woken;
     }
+
+    // The current sequence, to initialise a caller's `lastSeen`.
+    std::uint32_t Sequence() const { return __atomic_load_n(&sequence, __ATOMIC_SEQ_CST); }
 
     std::uint32_t sequence;
     std::uint32_t waiters;

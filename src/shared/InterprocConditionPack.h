@@ -11,6 +11,10 @@ namespace shared {
 // ISyncEvent over a mutex and a condition that live in a slot's segment and are owned by
 // neither this object nor the slot object. Wait takes the mutex, so the caller must not hold it;
 // Notify does not take it. Every Notify is a broadcast.
+//
+// A broadcast that comes while this pack's waiter is busy between two waits is not lost: the
+// next Wait returns true at once. (A slot reader reads the slot after every wake-up, so it then
+// sees the write that the broadcast announced without waiting a whole update time for it.)
 template <class Mutex>
 class InterprocConditionPack : public ISyncEvent {
 public:
@@ -28,6 +32,8 @@ public:
 private:
     Mutex* mutex_;
     InterprocCondition* condition_;
+    std::uint32_t
+        lastSeen_;  // condition sequence at the previous return of Wait; guarded by mutex_
     log4cxx::LoggerPtr logger_;
 };
 

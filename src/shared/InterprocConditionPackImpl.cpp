@@ -28,7 +28,8 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
     }
     bool result;
     if (timeout.is_not_a_date_time()) {
-        condition_->timed_wait(*mutex_, boost::posix_time::ptime(boost::posix_time::pos_infin));
+        condition_->timed_wait(*mutex_, boost::posix_time::ptime(boost::posix_time::pos_infin),
+                               &lastSeen_);
         result = true;
         if (logger_->isTraceEnabled()) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.wait(...) returned");
@@ -37,7 +38,7 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
         // Deadlines are absolute UTC times: the futex sleeps on CLOCK_REALTIME.
         const boost::posix_time::ptime deadline =
             boost::posix_time::microsec_clock::universal_time() + timeout;
-        result = condition_->timed_wait(*mutex_, deadline);
+        result = condition_->timed_wait(*mutex_, deadline, &lastSeen_);
         if (logger_->isTraceEnabled()) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.timed_wait(...) returned " << result);
         }
