@@ -1,0 +1,54 @@
+// Prints every block that arrives in a "reliable" slot until COUNT blocks have arrived.
+//   example_reader NAME [COUNT]
+#include <Slot/Slot.h>
+
+#include <condition_variable>
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+#include <string>
+
+namespace {
+
+// Runs on the reader's thread; copies what it needs during the call.
+class Printer : public shared::ISubscriber {
+public:
+    void onNotify(const std::string& slot, const void* data, size_t size) override {
+        std::cout << slot << ": " << std::string(static_cast<const char*>(data), size) << std::endl;
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++received_;
+        changed_.notify_all();
+    }
+    void WaitFor(int count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [&] { return received_ >= count; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int received_ = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        std::cerr << "usage: example_reader NAME [COUNT]\n";
+        return 2;
+    }
+    const int count = argc > 2 ? std::atoi(argv[2]) : 10;
+    try {
+        SimpleSlotCfg cfg(argv[1], "reliable", boost::posix_time::milliseconds(100), 16);
+        Printer printer;
+        // The reader's thread is already running when the factory returns it.
+        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg);
+        reader->subscribe(&printer);
+        printer.WaitFor(count);
+        reader->unsubscribe(&printer);
+    } catch (const std::exception& e) {
+        std::cerr << "example_reader: " << e.what() << "\n";
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,65 @@
+#include <Slot/BoostInterprocess/ReliableSlotReader.h>
+
+#include <Slot/AbortSlotCreationException.h>
+
+#include <FileUtils/FSUtils.h>
+#include <shared/FileHelpers.h>
+
+std::map<std::string, boost::shared_ptr<boost::mutex> > ReliableSlotReader::SingletonMutexes;
+boost::mutex ReliableSlotReader::SingletonMutexesGuard;
+
+ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
+                                       const boost::posix_time::time_duration& updateTime)
+    : BaseSlotReader(slot, updateTime) {
+    const std::string name = slot_->GetName();
+    singletonMutex_ = FindOrCreateSingletonMutex(name);
+    const std::string path = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name));
+    fileLock_ = shared::FileLock(path.c_str());
+    // Neither attempt waits: a second reader is refused, never queued.
+    if (!fileLock_.try_lock() || !singletonMutex_->try_lock()) {
+        throw AbortSlotCreationException("Cannot create non-unique reader for reliable slot '" +
+                                         name + "'");
+    }
+}
+
+ReliableSlotReader::~ReliableSlotReader() {
+    if (logger_->isDebugEnabled()) {
+        LOG4CXX_DEBUG(logger_, "~ReliableSlotReader(), '" << slot_->GetName() << "'");
+    }
+    if (thread_.joinable()) {
+        thread_.interrupt();
+        thread_.join();
+        if (logger_->isDebugEnabled()) {
+            LOG4CXX_DEBUG(logger_, "~ReliableSlotReader() joined, '" << slot_->GetName() << "'");
+        }
+    }
+    fileLock_.unlock();
+    singletonMutex_->unlock();
+    if (logger_->isDebugEnabled()) {
+        LOG4CXX_DEBUG(logger_, "~ReliableSlotReader() unlocked, '" << slot_->GetName() << "'");
+    }
+}
+
+boost::shared_ptr<boost::mutex> ReliableSlotReader::FindOrCreateSingletonMutex(
+    const std::string& name) {
+    boost::mutex::scoped_lock guard(SingletonMutexesGuard);
+    boost::shared_ptr<boost::mutex>& entry = SingletonMutexes[name];
+    if (!entry) {
+        entry.reset(new boost::mutex);
+    }
+    return entry;
+}
+
+bool ReliableSlotReader::DataInSlotIsActual() {
+    return true;
+}
+
+shared::SizedArray ReliableSlotReader::ReadAndNotify() {
+    // The count is taken without the slot's lock: this reader is the slot's only consumer, so a
+    // counted block is still there when it is read. Blocks added meanwhile are drained too.
+    shared::SizedArray result;
+    while (slot_->GetBufferLength() != 0) {
+        result = BaseSlotReader::ReadAndNotify();
+    }
+    return result;
+}

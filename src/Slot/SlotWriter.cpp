@@ -1,0 +1,32 @@
+#include <Slot/SlotWriter.h>
+
+#include <shared/ILockable.h>
+
+#include <boost/interprocess/sync/scoped_lock.hpp>
+
+SlotWriter::SlotWriter(const boost::shared_ptr<IBaseSlot>& slot)
+    : slot_(slot), logger_(log4cxx::Logger::getLogger("Slot.Writer")) {}
+
+void SlotWriter::onNotify(const std::string&, const void* data, size_t size) {
+    if (logger_->isDebugEnabled()) {
+        LOG4CXX_DEBUG(logger_, "write to '" << slot_->GetName() << "'");
+    }
+    {
+        // Only the write itself (and its TRACE line) stands inside the slot's lock.
+        boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
+        if (logger_->isTraceEnabled()) {
+            LOG4CXX_TRACE(logger_, "locked '" << slot_->GetName() << "'");
+        }
+        slot_->WriteData(data, size);
+    }
+    if (logger_->isTraceEnabled()) {
+        LOG4CXX_TRACE(logger_, "unlocked '" << slot_->GetName() << "'");
+    }
+    slot_->GetOnWriteCondition()->Notify();
+}
+
+SlotWriter::~SlotWriter() {
+    if (logger_->isDebugEnabled()) {
+        LOG4CXX_DEBUG(logger_, "~SlotWriter(), slot '" << slot_->GetName() << "'");
+    }
+}
