@@ -33,6 +33,11 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
       name_(name),
       bufferHandle_(nullptr),
       bufferDataSize_(nullptr) {
+    // An empty name is refused by the segment but not by the queue ("queue_"), which would be
+    // left behind.
+    if (name_.empty()) {
+        throw AbortSlotCreationException(std::string(CreationFailurePrefix) + "empty name");
+    }
     if (!SizesAreAddressable(maxDataSize, bufferLength)) {
         throw AbortSlotCreationException(std::string(CreationFailurePrefix) + "max data size " +
                                          std::to_string(maxDataSize) + " and buffer length " +

@@ -1,0 +1,304 @@
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "ShmHygiene.h"
+
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/BoostInterprocess/DiscardingSlot.h>
+#include <Slot/BoostInterprocess/ReliableSlot.h>
+
+#include <boost/interprocess/shared_memory_object.hpp>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using boost::interprocess::open_or_create;
+typedef boost::shared_ptr<shared::ISharedMemory> Segment;
+
+Segment OpenSegment(const std::string& name) {
+    return Segment(shared::CreateSharedMemory(open_or_create, name.c_str(), 4096),
+                   shared::DestroySharedMemory);
+}
+
+bool ShmExists(const std::string& name) {
+    return ::access(("/dev/shm/" + name).c_str(), F_OK) == 0;
+}
+
+// Usable bytes of the output buffer that "output_buffer_handle" points at.
+size_t OutputBufferCapacity(shared::SlotSegment& segment) {
+    const int handle = *segment.find<int>("output_buffer_handle").first;
+    return segment.get_segment_manager()->size(segment.get_address_from_handle(handle));
+}
+
+// Exposes the protected operations of the base.
+class ProbeSlot : public BaseQueueSlot {
+public:
+    ProbeSlot(const std::string& name, unsigned int maxDataSize, unsigned int bufferLength)
+        : BaseQueueSlot(open_or_create, name.c_str(), maxDataSize, bufferLength) {}
+    size_t ReadData(void*, size_t) override { return 0; }
+    void WriteData(const void*, size_t) override {}
+    using BaseQueueSlot::GetDataFromOutBuf;
+    using BaseQueueSlot::InvalidHeaderMsg;
+    using BaseQueueSlot::ReceiveAndCopyToOutBuf;
+};
+
+std::string AsString(const shared::SizedArray& a) {
+    return std::string(a.data(), a.size());
+}
+
+TEST(SlotLayout, NamesOfASlot) {
+    EXPECT_EQ("queue_abc", BaseQueueSlot::GetQueueName("abc"));
+    EXPECT_EQ("condition_abc", BaseQueueSlot::GetConditionName("abc"));
+    EXPECT_EQ("rwSync_abc.flk", BaseQueueSlot::GetRwSyncFileLockName("abc"));
+
+    testsupport::ScopedSlotName name;
+    ProbeSlot slot(name, 8, 1);
+    EXPECT_EQ(name.str(), slot.GetName());
+    EXPECT_TRUE(ShmExists(name));
+    EXPECT_TRUE(ShmExists("queue_" + name.str()));
+    EXPECT_EQ("Slot '" + name.str() + "'could not be created: invalid header",
+              slot.InvalidHeaderMsg());
+}
+
+TEST(SlotLayout, SegmentHoldsFourNamedObjectsAndAnOutputBufferOfMaxSize) {
+#if UINTPTR_MAX == 0xffffffffu
+    EXPECT_EQ(612u, 100 + BaseQueueSlot::HeaderHeadroom);
+#endif
+    const std::set<std::string> expectedNames = {"last_write_tstamp", "output_buffer_data_size",
+                                                 "output_buffer_handle", "cond_on_write"};
+    for (unsigned int maxDataSize : {0u, 1u, 7u, 8u, 100u, 4095u, 4096u, 65536u, 1u << 20}) {
+        SCOPED_TRACE(maxDataSize);
+        testsupport::ScopedSlotName name;
+        DiscardingSlot slot(open_or_create, name.c_str(), maxDataSize);
+        EXPECT_EQ(maxDataSize, slot.GetMaxDataSize());
+
+        Segment mem = OpenSegment(name);
+        shared::SlotSegment& segment = mem->GetSegment();
+        EXPECT_EQ(maxDataSize + BaseQueueSlot::HeaderHeadroom, segment.get_size());
+
+        // The header mutex is a unique instance, not a fifth named object.
+        EXPECT_EQ(4u, segment.get_num_named_objects());
+        std::set<std::string> names;
+        for (auto it = segment.named_begin(); it != segment.named_end(); ++it) {
+            names.insert(std::string(it->name(), it->name_length()));
+        }
+        EXPECT_EQ(expectedNames, names);
+        EXPECT_EQ(1u, segment.find<boost::posix_time::ptime>("last_write_tstamp").second);
+        EXPECT_EQ(1u, segment.find<unsigned int>("output_buffer_data_size").second);
+        EXPECT_EQ(1u, segment.find<shared::InterprocCondition>("cond_on_write").second);
+
+        const int handle = *segment.find<int>("output_buffer_handle").first;
+        const size_t capacity = OutputBufferCapacity(segment);
+        EXPECT_GT(handle, 0);
+        EXPECT_GE(capacity, maxDataSize);
+        EXPECT_LE(handle + capacity, segment.get_size());
+    }
+}
+
+TEST(SlotLayout, ReopeningKeepsTheCreatedSizes) {
+    testsupport::ScopedSlotName name;
+    ReliableSlot first(open_or_create, name.c_str(), 100, 3);
+    testsupport::LogCapture log("Slot");
+    ReliableSlot second(open_or_create, name.c_str(), 200, 7);
+    EXPECT_EQ(1u, log.Count("WARN", "Slot '" + name.str() +
+                                        "' exists with max data size 100 and buffer length 3; "
+                                        "asked for 200 and 7"));
+    EXPECT_EQ(100u, second.GetMaxDataSize());
+    const std::vector<char> block(100, 'x');
+    for (int i = 0; i < 4; ++i) {
+        second.WriteData(block.data(), block.size());
+    }
+    EXPECT_EQ(3u, first.GetBufferLength());
+    EXPECT_EQ(1u, log.CountPrefix("WARN", "Queue in '"));
+    Segment mem = OpenSegment(name);
+    EXPECT_LT(OutputBufferCapacity(mem->GetSegment()), 200u);
+}
+
+TEST(SlotLayout, ObjectsOutliveEverySlotObject) {
+    testsupport::ScopedSlotName name;
+    {
+        ReliableSlot writer(open_or_create, name.c_str(), 16, 2);
+        ReliableSlot other(open_or_create, name.c_str(), 16, 2);
+        writer.WriteData("kept", 4);
+    }
+    EXPECT_TRUE(ShmExists(name));
+    EXPECT_TRUE(ShmExists("queue_" + name.str()));
+    ReliableSlot again(open_or_create, name.c_str(), 16, 2);
+    char buffer[16];
+    ASSERT_EQ(4u, again.ReadData(buffer, sizeof buffer));
+    EXPECT_EQ("kept", std::string(buffer, 4));
+}
+
+TEST(SlotCreation, RefusedNamesAndSizesAbortAndLeaveNothingBehind) {
+    const std::string longName = testsupport::UniqueName("long") + std::string(300, 'n');
+    std::string queueTooLong = testsupport::UniqueName("q");
+    queueTooLong += std::string(252 - queueTooLong.size(), 'q');  // "queue_" + it is 258 chars
+    const std::vector<std::string> badNames = {testsupport::UniqueName("a") + "/b", longName,
+                                               queueTooLong, ""};
+    for (const std::string& bad : badNames) {
+        SCOPED_TRACE(bad.size());
+        try {
+            DiscardingSlot slot(open_or_create, bad.c_str(), 64);
+            ADD_FAILURE() << "created";
+        } catch (const AbortSlotCreationException& e) {
+            EXPECT_EQ(0u, std::string(e.what()).rfind("Slot could not be created: ", 0))
+                << e.what();
+        }
+    }
+    // Sizes whose queue or segment 32-bit offsets could not address.
+    testsupport::ScopedSlotName name;
+    EXPECT_THROW(ReliableSlot(open_or_create, name.c_str(), 65536, 65537),
+                 AbortSlotCreationException);
+    EXPECT_THROW(DiscardingSlot(open_or_create, name.c_str(), 0xffffffffu),
+                 AbortSlotCreationException);
+    EXPECT_TRUE(testsupport::LeftoverShmObjects().empty());
+    EXPECT_FALSE(ShmExists("queue_"));  // what the empty name would have left
+}
+
+TEST(SlotOperations, OversizedBlockIsRefusedWithOneErrorAndChangesNothing) {
+    testsupport::ScopedSlotName name;
+    DiscardingSlot discarding(open_or_create, name.c_str(), 100);
+    testsupport::ScopedSlotName reliableName;
+    ReliableSlot reliable(open_or_create, reliableName.c_str(), 100, 4);
+    for (ISlot* slot : std::vector<ISlot*>{&discarding, &reliable}) {
+        const std::vector<char> block(101, 'b');
+        slot->WriteData(block.data(), 100);
+        const boost::posix_time::ptime written = slot->GetLastWriteTime();
+        testsupport::LogCapture log("Slot");
+        slot->WriteData(block.data(), 101);
+        EXPECT_EQ(std::vector<std::string>{"Unable to write to '" + slot->GetName() +
+                                           "': data size 101 > max data size 100"},
+                  log.Messages("ERROR"));
+        EXPECT_EQ(1u, log.Events().size());
+        EXPECT_EQ(1u, slot->GetBufferLength());
+        EXPECT_EQ(written, slot->GetLastWriteTime());
+    }
+}
+
+TEST(SlotOperations, ReceiveFromAnEmptyQueueKeepsTheOutputBuffer) {
+    testsupport::ScopedSlotName name;
+    ReliableSlot writer(open_or_create, name.c_str(), 16, 2);
+    ProbeSlot probe(name, 16, 2);
+    EXPECT_TRUE(probe.GetDataFromOutBuf().empty());
+    writer.WriteData("abc", 3);
+    EXPECT_EQ("abc", AsString(probe.ReceiveAndCopyToOutBuf()));
+    EXPECT_TRUE(probe.ReceiveAndCopyToOutBuf().empty());
+    EXPECT_EQ("abc", AsString(probe.GetDataFromOutBuf()));
+}
+
+// Run these under AddressSanitizer too: an unclamped copy runs far past the mapped segment.
+TEST(SlotSafety, CorruptedDataSizeIsClampedToTheOutputBuffer) {
+    testsupport::ScopedSlotName name;
+    DiscardingSlot slot(open_or_create, name.c_str(), 100);
+    std::vector<char> block(100);
+    for (size_t i = 0; i < block.size(); ++i) {
+        block[i] = static_cast<char>(i);
+    }
+    slot.WriteData(block.data(), block.size());
+    std::vector<char> out(2 << 20);
+    ASSERT_EQ(100u, slot.ReadData(out.data(), out.size()));
+
+    Segment mem = OpenSegment(name);
+    *mem->GetSegment().find<unsigned int>("output_buffer_data_size").first = 1u << 20;
+    const size_t capacity = OutputBufferCapacity(mem->GetSegment());
+    testsupport::LogCapture log("Slot");
+    const size_t n = slot.ReadData(out.data(), out.size());
+    EXPECT_EQ(capacity, n);
+    EXPECT_TRUE(std::equal(block.begin(), block.end(), out.begin()));
+    EXPECT_EQ(1u, log.Count("ERROR", "Output buffer of '" + name.str() +
+                                         "' holds 1048576 bytes, more than its " +
+                                         std::to_string(capacity) + "-byte allocation; clamped"));
+}
+
+TEST(SlotSafety, QueueRecreatedWithLargerBlocksIsClampedToTheOutputBuffer) {
+    testsupport::ScopedSlotName name;
+    { DiscardingSlot original(open_or_create, name.c_str(), 100); }
+    boost::interprocess::shared_memory_object::remove(("queue_" + name.str()).c_str());
+
+    testsupport::LogCapture log("Slot");
+    DiscardingSlot slot(open_or_create, name.c_str(), 1000);
+    Segment mem = OpenSegment(name);
+    const size_t capacity = OutputBufferCapacity(mem->GetSegment());
+    ASSERT_LT(capacity, 1000u);
+    EXPECT_EQ(1u, log.Count("WARN", "Output buffer of '" + name.str() + "' has " +
+                                        std::to_string(capacity) +
+                                        " bytes, less than its max data size 1000"));
+
+    std::vector<char> block(1000);
+    for (size_t i = 0; i < block.size(); ++i) {
+        block[i] = static_cast<char>(i * 7);
+    }
+    slot.WriteData(block.data(), block.size());
+    std::vector<char> out(1000);
+    ASSERT_EQ(1000u, slot.ReadData(out.data(), out.size()));
+    EXPECT_EQ(block, out);
+    const std::string cap = std::to_string(capacity);
+    EXPECT_EQ(
+        1u, log.Count("ERROR", "Block of 1000 bytes from '" + name.str() + "' is longer than its " +
+                                   cap + "-byte output buffer; only " + cap + " bytes kept"));
+    // The copy kept in the output buffer is the block's head.
+    std::vector<char> again(1000);
+    ASSERT_EQ(capacity, slot.ReadData(again.data(), again.size()));
+    EXPECT_TRUE(std::equal(again.begin(), again.begin() + capacity, block.begin()));
+}
+
+TEST(SlotProcesses, OpeningResetsTheHeaderButKeepsQueuedBlocks) {
+    testsupport::ScopedSlotName name;
+    ReliableSlot slot(open_or_create, name.c_str(), 16, 4);
+    char buffer[16];
+    slot.WriteData("one", 3);
+    slot.WriteData("two", 3);
+    ASSERT_EQ(3u, slot.ReadData(buffer, sizeof buffer));
+    slot.WriteData("three", 5);
+    ASSERT_FALSE(slot.GetLastWriteTime().is_not_a_date_time());
+
+    const testsupport::ChildResult child = testsupport::RunInChild([&name] {
+        ReliableSlot reopened(open_or_create, name.c_str(), 16, 4);
+        Segment mem = OpenSegment(name);
+        if (!reopened.GetLastWriteTime().is_not_a_date_time()) {
+            return 1;
+        }
+        if (*mem->GetSegment().find<unsigned int>("output_buffer_data_size").first != 0) {
+            return 2;
+        }
+        return reopened.GetBufferLength() == 2 ? 0 : 3;
+    });
+    ASSERT_TRUE(child.Ok()) << child.Describe();
+
+    EXPECT_TRUE(slot.GetLastWriteTime().is_not_a_date_time());
+    ASSERT_EQ(3u, slot.ReadData(buffer, sizeof buffer));
+    EXPECT_EQ("two", std::string(buffer, 3));
+    ASSERT_EQ(5u, slot.ReadData(buffer, sizeof buffer));
+    EXPECT_EQ("three", std::string(buffer, 5));
+}
+
+TEST(SlotProcesses, ABlockTakenInOneProcessIsReadableInAnother) {
+    testsupport::ScopedSlotName name;
+    DiscardingSlot slot(open_or_create, name.c_str(), 32);
+    testsupport::PipeSignal ready, go;
+    testsupport::ChildProcess child([&] {
+        DiscardingSlot other(open_or_create, name.c_str(), 32);
+        ready.Post();
+        if (!go.WaitFor()) {
+            return 1;
+        }
+        char buffer[32];
+        const size_t n = other.ReadData(buffer, sizeof buffer);
+        return std::string(buffer, n) == "hello" ? 0 : 2;
+    });
+    ASSERT_TRUE(ready.WaitFor());
+    slot.WriteData("hello", 5);
+    char buffer[32];
+    ASSERT_EQ(5u, slot.ReadData(buffer, sizeof buffer));
+    go.Post();
+    const testsupport::ChildResult result = child.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+}  // namespace
