@@ -4,8 +4,11 @@
 
 #include <Slot/SlotFactory.h>
 
+#include <FileUtils/NamedPipeCreator.h>
+
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <string>
 
 namespace {
@@ -88,6 +91,58 @@ TEST(EndToEnd, ReliableDeliversEveryBlockAcrossProcesses) {
 
 TEST(EndToEnd, DiscardingDeliversTheLatestStateAcrossProcesses) {
     RunAcrossProcesses("discarding", 200, false);
+}
+
+}  // namespace
+
+namespace {
+
+// A named pipe is a byte stream: what arrives, concatenated, is what was written, in order.
+TEST(EndToEnd, PosixPipeCarriesTheBytesInOrderAcrossProcesses) {
+    ScopedSlotName name("fifo");
+    std::string expected;
+    for (int i = 0; i < 200; ++i) {
+        expected += Block(i);
+    }
+    PipeSignal readerReady, done;
+    ChildProcess reader([&] {
+        SimpleSlotCfg cfg(name, "posix-pipe", boost::posix_time::milliseconds(50), 1);
+        Collector collector;
+        INotifierPtr notifier = SlotFactory::CreateSlotReader(&cfg);
+        notifier->subscribe(&collector);
+        readerReady.Post();
+        std::string received;
+        for (size_t seen = 0; received.size() < expected.size();) {
+            if (!collector.WaitFor(seen + 1)) {
+                return 10;
+            }
+            const std::vector<Collector::Block> blocks = collector.Blocks();
+            for (; seen < blocks.size(); ++seen) {
+                if (blocks[seen].name != name.str()) {
+                    return 11;
+                }
+                received += blocks[seen].bytes;
+            }
+        }
+        notifier->unsubscribe(&collector);
+        done.Post();
+        return received == expected ? 0 : 12;
+    });
+    ASSERT_TRUE(readerReady.WaitFor());
+    const testsupport::ChildResult writer = testsupport::RunInChild([&] {
+        SimpleSlotCfg cfg(name, "posix-pipe", boost::posix_time::milliseconds(50), 1);
+        ISubscriberPtr sink = SlotFactory::CreateSlotWriter(&cfg);
+        for (int i = 0; i < 200; ++i) {
+            const std::string block = Block(i);
+            sink->onNotify("", block.data(), block.size());
+        }
+        return 0;
+    });
+    EXPECT_TRUE(writer.Ok()) << writer.Describe();
+    EXPECT_TRUE(done.WaitFor(std::chrono::seconds(30)));
+    const testsupport::ChildResult result = reader.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    ::unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str());
 }
 
 }  // namespace

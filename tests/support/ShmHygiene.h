@@ -11,7 +11,7 @@ const std::string& TestNamePrefix();
 // A fresh slot name, unique in this run and across parallel runs: prefix + counter + stem.
 std::string UniqueName(const std::string& stem = "slot");
 
-// Removes a slot's objects ("<name>", "queue_<name>" and the posix-pipe FIFO, if any) when it
+// Removes a slot's objects ("<name>" and "queue_<name>") when it
 // goes out of scope, also when the test fails.
 class ScopedSlotName {
 public:
