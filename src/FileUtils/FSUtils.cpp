@@ -1,8 +1,7 @@
 #include <FileUtils/FSUtils.h>
 
-#include <FileUtils/SharedDirectory.h>
-
 #include <sys/stat.h>
+#include <cstdlib>
 
 namespace FileUtils {
 
@@ -20,10 +19,20 @@ std::string DefaultLockDirectory() {
 }  // namespace
 
 std::string FSUtils::GetSingletonFileLockName(const std::string& name) {
-    const std::string dir =
-        detail::DirectoryFromEnvironment("SLOT_LOCK_DIR", DefaultLockDirectory());
-    detail::EnsureSharedDirectory(dir);
+    const std::string dir = DirectoryFromEnvironment("SLOT_LOCK_DIR", DefaultLockDirectory());
+    EnsureSharedDirectory(dir);
     return dir + "/" + name + ".lock";
+}
+
+void FSUtils::EnsureSharedDirectory(const std::string& dir) {
+    if (::mkdir(dir.c_str(), 01777) == 0) {
+        ::chmod(dir.c_str(), 01777);
+    }
+}
+
+std::string FSUtils::DirectoryFromEnvironment(const char* name, const std::string& fallback) {
+    const char* value = std::getenv(name);
+    return (value != nullptr && *value != '\0') ? std::string(value) : fallback;
 }
 
 }  // namespace FileUtils

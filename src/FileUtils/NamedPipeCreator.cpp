@@ -1,6 +1,6 @@
 #include <FileUtils/NamedPipeCreator.h>
 
-#include <FileUtils/SharedDirectory.h>
+#include <FileUtils/FSUtils.h>
 
 #include <log4cxx/logger.h>
 
@@ -34,8 +34,9 @@ bool Fail(const std::string& path, const char* reason) {
 }  // namespace
 
 std::string NamedPipeCreator::ConstructPipeFilename(const std::string& name) {
-    const std::string dir = detail::DirectoryFromEnvironment("SLOT_PIPE_DIR", "/tmp/libslot-pipes");
-    detail::EnsureSharedDirectory(dir);
+    const std::string dir =
+        FSUtils::DirectoryFromEnvironment("SLOT_PIPE_DIR", "/tmp/libslot-pipes");
+    FSUtils::EnsureSharedDirectory(dir);
     return dir + "/" + name + ".fifo";
 }
 

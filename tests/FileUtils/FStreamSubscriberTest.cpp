@@ -33,13 +33,12 @@ std::string Line(shared::SizedArray& data) {
     return std::string(data.data(), data.size()) + "\n";
 }
 
-TEST(FStreamSubscriber, AppendsFormattedBlocksOnlyOnceOpened) {
+TEST(FStreamSubscriber, AppendsFormattedBlocksOnlyOnceOpenedAndNeverTruncatesOnReopen) {
     testsupport::LogCapture log("Slot.Writer");
     filetest::ScopedPaths cleanup;
     const std::string file = NewFile(cleanup, "append");
     WriteFile(file, "old\n");
     FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 0, 0), &Line);
-
     Send(s, "lost");
     EXPECT_EQ(1u,
               log.Count("WARN", "Stream of '" + file + "' is not open, block of 5 bytes dropped"));
@@ -49,22 +48,20 @@ TEST(FStreamSubscriber, AppendsFormattedBlocksOnlyOnceOpened) {
     s.Reopen();
     Send(s, "f");
     EXPECT_EQ(std::string("old\nabc\nd\0e\nf\n", 14), ReadFile(file));
-    EXPECT_EQ(file, s.GetFileName());
+
+    // Without append only the first opening empties the file.
+    const std::string other = NewFile(cleanup, "truncate");
+    WriteFile(other, "old");
+    FileUtils::FStreamSubscriber t(TestOutputCfg(other, false, false, 0, 0),
+                                   &shared::FormatNothing);
+    t.Reopen();
+    Send(t, "new");
+    t.Reopen();
+    Send(t, "er");
+    EXPECT_EQ("newer", ReadFile(other));
 }
 
-TEST(FStreamSubscriber, WithoutAppendOnlyTheFirstOpeningEmptiesTheFile) {
-    filetest::ScopedPaths cleanup;
-    const std::string file = NewFile(cleanup, "truncate");
-    WriteFile(file, "old");
-    FileUtils::FStreamSubscriber s(TestOutputCfg(file, false, false, 0, 0), &shared::FormatNothing);
-    s.Reopen();
-    Send(s, "new");
-    s.Reopen();
-    Send(s, "er");
-    EXPECT_EQ("newer", ReadFile(file));
-}
-
-TEST(FStreamSubscriber, ReopenStartsAFileAtTheNameAfterItWasMovedAway) {
+TEST(FStreamSubscriber, ReopenAndAutoReopenFollowAFileMovedOrRemovedAway) {
     filetest::ScopedPaths cleanup;
     const std::string file = NewFile(cleanup, "moved");
     const std::string moved = cleanup.Add(file + ".old");
@@ -77,21 +74,17 @@ TEST(FStreamSubscriber, ReopenStartsAFileAtTheNameAfterItWasMovedAway) {
     Send(s, "c");
     EXPECT_EQ("ab", ReadFile(moved));
     EXPECT_EQ("c", ReadFile(file));
-}
 
-TEST(FSSAutoReopen, OpensByItselfAndFollowsARemovedOrMovedFile) {
-    filetest::ScopedPaths cleanup;
-    const std::string file = NewFile(cleanup, "auto");
-    const std::string moved = cleanup.Add(file + ".moved");
+    // The auto-reopening one needs no Reopen() at all.
     testsupport::LogCapture log("Slot.Writer");
-    FileUtils::FSSAutoReopen s(TestOutputCfg(file, true, false, 0, 0), &shared::FormatNothing);
-    Send(s, "a");
+    FileUtils::FSSAutoReopen a(TestOutputCfg(file, true, false, 0, 0), &shared::FormatNothing);
+    Send(a, "d");
     ASSERT_EQ(0, std::rename(file.c_str(), moved.c_str()));
-    Send(s, "b");
+    Send(a, "e");
     ASSERT_EQ(0, ::unlink(file.c_str()));
-    Send(s, "c");
-    EXPECT_EQ("a", ReadFile(moved));
-    EXPECT_EQ("c", ReadFile(file));
+    Send(a, "f");
+    EXPECT_EQ("cd", ReadFile(moved));
+    EXPECT_EQ("f", ReadFile(file));
     EXPECT_TRUE(log.Messages("WARN").empty());
 }
 
@@ -133,7 +126,7 @@ TEST(FStreamSubscriber, RotationKeepsTheNewestFilesUpToTheMaximumIndex) {
     EXPECT_EQ("dddddd", ReadFile(file));
     EXPECT_EQ("cccccc", ReadFile(file + ".0"));
     EXPECT_EQ("bbbbbb", ReadFile(file + ".1"));
-    EXPECT_FALSE(filetest::Exists(file + ".2"));
+    EXPECT_NE(0, ::access((file + ".2").c_str(), F_OK));
     EXPECT_TRUE(log.Messages("WARN").empty());
     EXPECT_TRUE(log.Messages("ERROR").empty());
 }

@@ -6,9 +6,7 @@
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/mutex.hpp>
 
-#include <sys/stat.h>
 #include <unistd.h>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <set>
@@ -104,11 +102,6 @@ inline void WriteFile(const std::string& path, const std::string& bytes) {
     out << bytes;
 }
 
-inline bool Exists(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
-}
-
 // Removes the listed paths (files, FIFOs) when the test ends, also when it fails.
 class ScopedPaths {
 public:
@@ -128,34 +121,6 @@ public:
 
 private:
     std::set<std::string> paths_;
-};
-
-// Sets an environment variable for the lifetime of the object. Use only while the test
-// process has no other threads.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value) : name_(name) {
-        const char* old = std::getenv(name);
-        hadOld_ = old != nullptr;
-        if (hadOld_) {
-            old_ = old;
-        }
-        ::setenv(name, value.c_str(), 1);
-    }
-    ~ScopedEnv() {
-        if (hadOld_) {
-            ::setenv(name_.c_str(), old_.c_str(), 1);
-        } else {
-            ::unsetenv(name_.c_str());
-        }
-    }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-private:
-    std::string name_;
-    std::string old_;
-    bool hadOld_;
 };
 
 }  // namespace filetest

@@ -198,10 +198,4 @@ TEST(PosixPipe, ReaderKeepsWaitingBytesForItsFirstSubscriberAndStopsPromptly) {
     EXPECT_EQ(bytes, collector.Bytes());
 }
 
-TEST(PosixPipe, ReaderOfAMissingFileThrows) {
-    EXPECT_THROW(
-        FileUtils::PosixFileReader(testsupport::TestRunDir() + "/none.fifo", 10, seconds(1)),
-        std::runtime_error);
-}
-
 }  // namespace
