@@ -85,6 +85,7 @@ public:
     // the name index, the header mutex and the four named objects, so that an output buffer of
     // the maximum data size always fits.
 #if UINTPTR_MAX == 0xffffffffu
+    // Measured as below: at most 476 bytes are needed (at size 0).
     static constexpr unsigned int HeaderHeadroom = 512;
 #else
     // On x86_64 the bookkeeping is larger (64-bit offset pointers, 16-byte allocation alignment,

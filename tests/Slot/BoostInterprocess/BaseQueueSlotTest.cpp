@@ -109,6 +109,8 @@ TEST(SlotLayout, ReopeningKeepsTheCreatedSizes) {
     EXPECT_EQ(1u, log.Count("WARN", "Slot '" + name.str() +
                                         "' exists with max data size 100 and buffer length 3; "
                                         "asked for 200 and 7"));
+    EXPECT_EQ(1u, log.Count("TRACE", "Created shared memory and queue for '" + name.str() + "'"));
+    EXPECT_EQ(1u, log.Count("TRACE", "BaseQueueSlot() : unlocked '" + name.str() + "'"));
     EXPECT_EQ(100u, second.GetMaxDataSize());
     const std::vector<char> block(100, 'x');
     for (int i = 0; i < 4; ++i) {
@@ -122,6 +124,7 @@ TEST(SlotLayout, ReopeningKeepsTheCreatedSizes) {
 
 TEST(SlotLayout, ObjectsOutliveEverySlotObject) {
     testsupport::ScopedSlotName name;
+    testsupport::LogCapture log("Slot");
     {
         ReliableSlot writer(open_or_create, name.c_str(), 16, 2);
         ReliableSlot other(open_or_create, name.c_str(), 16, 2);
@@ -129,6 +132,7 @@ TEST(SlotLayout, ObjectsOutliveEverySlotObject) {
     }
     EXPECT_TRUE(ShmExists(name));
     EXPECT_TRUE(ShmExists("queue_" + name.str()));
+    EXPECT_EQ(2u, log.Count("TRACE", "~BaseQueueSlot()"));
     ReliableSlot again(open_or_create, name.c_str(), 16, 2);
     char buffer[16];
     ASSERT_EQ(4u, again.ReadData(buffer, sizeof buffer));
