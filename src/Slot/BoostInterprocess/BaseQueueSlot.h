@@ -46,7 +46,9 @@
 //                                of the queue        queue; written by ReceiveAndCopyToOutBuf
 //     "cond_on_write"            shared::InterprocCondition, sizeof(interprocess_condition):
 //                                the slot's "written" signal; broadcast by writers, waited on by
-//                                readers together with the header mutex
+//                                readers together with the header mutex. It replaces
+//                                interprocess_condition, whose glibc implementation can hang
+//                                every process after a waiter was killed mid-wait.
 //
 // The header mutex guards the header and the output buffer for all processes, but only by
 // convention: the operations of this class take no lock of their own except the queue's. Callers
