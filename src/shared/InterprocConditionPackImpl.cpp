@@ -11,6 +11,7 @@ template <class Mutex>
 InterprocConditionPack<Mutex>::InterprocConditionPack(Mutex* mutex, InterprocCondition* condition)
     : mutex_(mutex),
       condition_(condition),
+      lastSeen_(condition->Sequence()),
       logger_(log4cxx::Logger::getLogger("InterprocCondition")) {}
 
 template <class Mutex>
