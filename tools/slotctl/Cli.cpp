@@ -1,0 +1,165 @@
+#include "Cli.h"
+
+#include <Slot/SlotFactory.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+namespace slotctl {
+
+namespace {
+
+// A shared-memory name is at most NAME_MAX (255) characters; the queue adds "queue_".
+const size_t MaxSlotNameLength = 255 - 6;
+
+}  // namespace
+
+Arguments::Arguments(const std::string& command, const std::vector<std::string>& args,
+                     const std::set<std::string>& valued, const std::set<std::string>& flags)
+    : command_(command) {
+    bool optionsEnded = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (optionsEnded || arg == "-" || arg.empty() || arg[0] != '-') {
+            operands_.push_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            optionsEnded = true;
+            continue;
+        }
+        if (arg.compare(0, 2, "--") != 0) {
+            throw UsageError(command_ + ": unknown option '" + arg + "' (see slotctl " + command_ +
+                             " --help)");
+        }
+        std::string name = arg.substr(2);
+        std::string value;
+        const std::string::size_type equals = name.find('=');
+        const bool inlineValue = equals != std::string::npos;
+        if (inlineValue) {
+            value = name.substr(equals + 1);
+            name.erase(equals);
+        }
+        if (valued.count(name) != 0) {
+            if (!inlineValue) {
+                if (i + 1 >= args.size()) {
+                    throw UsageError(command_ + ": option '--" + name + "' needs a value");
+                }
+                value = args[++i];
+            }
+            values_[name] = value;
+        } else if (flags.count(name) != 0 && !inlineValue) {
+            flags_.insert(name);
+        } else {
+            throw UsageError(command_ + ": unknown option '" + arg + "' (see slotctl " + command_ +
+                             " --help)");
+        }
+    }
+}
+
+bool Arguments::Has(const std::string& option) const {
+    return flags_.count(option) != 0 || values_.count(option) != 0;
+}
+
+std::string Arguments::Get(const std::string& option, const std::string& fallback) const {
+    const auto it = values_.find(option);
+    return it == values_.end() ? fallback : it->second;
+}
+
+std::uint64_t Arguments::GetNumber(const std::string& option, std::uint64_t fallback,
+                                   std::uint64_t min, std::uint64_t max) const {
+    const auto it = values_.find(option);
+    if (it == values_.end()) {
+        return fallback;
+    }
+    return ParseNumber(it->second, command_ + ": --" + option, min, max);
+}
+
+double Arguments::GetSeconds(const std::string& option, double fallback, double min,
+                             double max) const {
+    const auto it = values_.find(option);
+    if (it == values_.end()) {
+        return fallback;
+    }
+    const char* text = it->second.c_str();
+    char* end = nullptr;
+    errno = 0;
+    const double value = std::strtod(text, &end);
+    if (it->second.empty() || *end != '\0' || errno != 0 || !(value >= min && value <= max)) {
+        char range[96];
+        std::snprintf(range, sizeof(range), "a number of seconds from %g to %g", min, max);
+        throw UsageError(command_ + ": --" + option + " must be " + range + ", not '" + it->second +
+                         "'");
+    }
+    return value;
+}
+
+void Arguments::ExpectOperands(size_t min, size_t max, const std::string& what) const {
+    if (operands_.size() < min || operands_.size() > max) {
+        throw UsageError(command_ + ": expected " + what + " (see slotctl " + command_ +
+                         " --help)");
+    }
+}
+
+std::uint64_t ParseNumber(const std::string& text, const std::string& what, std::uint64_t min,
+                          std::uint64_t max) {
+    bool ok = !text.empty() && text.size() <= 19;
+    std::uint64_t value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') {
+            ok = false;
+            break;
+        }
+        value = value * 10 + static_cast<std::uint64_t>(c - '0');
+    }
+    if (!ok || value < min || value > max) {
+        throw UsageError(what + " must be a whole number from " + std::to_string(min) + " to " +
+                         std::to_string(max) + ", not '" + text + "'");
+    }
+    return value;
+}
+
+void CheckSlotName(const std::string& name) {
+    std::string reason;
+    if (name.empty()) {
+        reason = "the name is empty";
+    } else if (name == "." || name == "..") {
+        reason = "not a name";
+    } else if (name.find('/') != std::string::npos) {
+        reason = "a name cannot contain '/'";
+    } else if (name.size() > MaxSlotNameLength) {
+        reason = "longer than " + std::to_string(MaxSlotNameLength) + " characters";
+    }
+    if (!reason.empty()) {
+        throw UsageError("invalid slot name " + Quote(name) + ": " + reason);
+    }
+}
+
+void CheckSlotType(const std::string& type) {
+    if (!SlotFactory::SlotTypeIsValid(type)) {
+        throw UsageError("invalid slot type " + Quote(type) +
+                         ": use discarding, reliable or posix-pipe");
+    }
+}
+
+std::string Quote(const std::string& name) {
+    std::string out = "'";
+    const size_t shown = name.size() > 300 ? 300 : name.size();
+    for (size_t i = 0; i < shown; ++i) {
+        const unsigned char c = static_cast<unsigned char>(name[i]);
+        if (c < 0x20 || c == 0x7f) {
+            char hex[8];
+            std::snprintf(hex, sizeof(hex), "\\x%02x", c);
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    if (shown < name.size()) {
+        out += "...";
+    }
+    return out + "'";
+}
+
+}  // namespace slotctl

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace slotctl {
+
+// Exit statuses of every command.
+enum ExitStatus {
+    ExitOk = 0,
+    ExitFailure = 1,       // the command ran and failed (not a slot, permission, refused data...)
+    ExitUsage = 2,         // bad command line: unknown option, invalid name or type, bad number
+    ExitInterrupted = 130  // stopped by SIGINT/SIGTERM/SIGHUP
+};
+
+// An error that ends the command: main prints "slotctl: <what>" as one line and exits with
+// `status`.
+class CommandError : public std::runtime_error {
+public:
+    CommandError(int status, const std::string& what) : std::runtime_error(what), status_(status) {}
+    int Status() const { return status_; }
+
+private:
+    int status_;
+};
+
+inline CommandError UsageError(const std::string& what) {
+    return CommandError(ExitUsage, what);
+}
+
+// Options and operands of one command. Long options take their value as "--opt VALUE" or
+// "--opt=VALUE"; "--" ends the options; a lone "-" is an operand.
+class Arguments {
+public:
+    // `valued` lists the long options that take a value, `flags` those that do not (both
+    // without the leading "--"). Anything else starting with '-' is a usage error.
+    Arguments(const std::string& command, const std::vector<std::string>& args,
+              const std::set<std::string>& valued, const std::set<std::string>& flags);
+
+    bool Has(const std::string& option) const;
+    // The option's last value, or `fallback` when absent.
+    std::string Get(const std::string& option, const std::string& fallback = "") const;
+    // The option's value as a number in [min, max]; a usage error names the option otherwise.
+    std::uint64_t GetNumber(const std::string& option, std::uint64_t fallback, std::uint64_t min,
+                            std::uint64_t max) const;
+    double GetSeconds(const std::string& option, double fallback, double min, double max) const;
+
+    const std::vector<std::string>& Operands() const { return operands_; }
+    // Usage error unless the operand count is within [min, max].
+    void ExpectOperands(size_t min, size_t max, const std::string& what) const;
+
+private:
+    std::string command_;
+    std::map<std::string, std::string> values_;
+    std::set<std::string> flags_;
+    std::vector<std::string> operands_;
+};
+
+// Parses a decimal number in [min, max]; throws UsageError mentioning `what` otherwise.
+std::uint64_t ParseNumber(const std::string& text, const std::string& what, std::uint64_t min,
+                          std::uint64_t max);
+
+// Checks a slot name: not empty, not "." or "..", no '/', and short enough that "queue_<name>"
+// is still a valid shared-memory name. Throws UsageError with the reason.
+void CheckSlotName(const std::string& name);
+
+// Slot type check through the library; throws UsageError for a type the factory refuses.
+void CheckSlotType(const std::string& type);
+
+// The name quoted for messages: 'name', with control characters escaped.
+std::string Quote(const std::string& name);
+
+}  // namespace slotctl

@@ -1,0 +1,217 @@
+// slotctl read: subscribes to a reader made by the factory and prints each block.
+#include "Cli.h"
+#include "Commands.h"
+#include "Inspect.h"
+#include "Signals.h"
+#include "SlotOptions.h"
+
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/SlotFactory.h>
+
+#include <FileUtils/FSUtils.h>
+#include <shared/FileLock.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <deque>
+#include <iostream>
+#include <mutex>
+#include <set>
+
+namespace slotctl {
+
+namespace {
+
+// Runs on the reader's thread: copies each block and wakes the main thread, which prints.
+// Printing stays on the main thread so that a slow or closed standard output never holds up
+// the reader thread.
+class BlockQueue : public shared::ISubscriber {
+public:
+    BlockQueue() {
+        if (::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) {
+            throw CommandError(ExitFailure, "cannot make a pipe");
+        }
+    }
+    ~BlockQueue() override {
+        ::close(wake_[0]);
+        ::close(wake_[1]);
+    }
+
+    void onNotify(const std::string&, const void* data, size_t size) override {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            blocks_.emplace_back(static_cast<const char*>(data), size);
+        }
+        const char byte = 1;
+        // A full wake-up pipe already holds a wake-up.
+        if (::write(wake_[1], &byte, 1) < 0) {
+        }
+    }
+
+    int WakeFd() const { return wake_[0]; }
+
+    std::deque<std::string> Take() {
+        char drain[256];
+        while (::read(wake_[0], drain, sizeof(drain)) > 0) {
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::deque<std::string> taken;
+        taken.swap(blocks_);
+        return taken;
+    }
+
+private:
+    int wake_[2];
+    std::mutex mutex_;
+    std::deque<std::string> blocks_;  // guarded by mutex_
+};
+
+std::string TextLine(const std::string& block) {
+    std::string line = std::to_string(block.size()) + " bytes: ";
+    for (char c : block) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        switch (c) {
+            case '\n':
+                line += "\\n";
+                break;
+            case '\t':
+                line += "\\t";
+                break;
+            case '\r':
+                line += "\\r";
+                break;
+            case '\\':
+                line += "\\\\";
+                break;
+            default:
+                if (u < 0x20 || u == 0x7f) {
+                    char hex[8];
+                    std::snprintf(hex, sizeof(hex), "\\x%02x", u);
+                    line += hex;
+                } else {
+                    line += c;
+                }
+        }
+    }
+    return line + "\n";
+}
+
+std::string HexLines(const std::string& block) {
+    std::string out = std::to_string(block.size()) + " bytes:\n";
+    for (size_t offset = 0; offset < block.size(); offset += 16) {
+        char line[128];
+        int n = std::snprintf(line, sizeof(line), "  %06zx ", offset);
+        std::string ascii;
+        for (size_t i = offset; i < offset + 16; ++i) {
+            if (i < block.size()) {
+                const unsigned char u = static_cast<unsigned char>(block[i]);
+                n += std::snprintf(line + n, sizeof(line) - static_cast<size_t>(n), " %02x", u);
+                ascii += (u >= 0x20 && u < 0x7f) ? static_cast<char>(u) : '.';
+            } else {
+                n += std::snprintf(line + n, sizeof(line) - static_cast<size_t>(n), "   ");
+            }
+        }
+        out += std::string(line) + "  |" + ascii + "|\n";
+    }
+    return out;
+}
+
+// Writes everything; false when standard output is gone (EPIPE) or fails.
+bool WriteOut(const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(STDOUT_FILENO, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+int RunRead(const Context&, const std::vector<std::string>& args) {
+    std::set<std::string> valued(std::begin(SlotValuedOptions), std::end(SlotValuedOptions));
+    valued.insert({"count", "timeout", "format"});
+    const Arguments arguments("read", args, valued, {"follow"});
+    arguments.ExpectOperands(1, 1, "one slot name");
+    const std::string& name = arguments.Operands()[0];
+    const std::string format = arguments.Get("format", "text");
+    if (format != "text" && format != "hex" && format != "raw") {
+        throw UsageError("read: --format must be text, hex or raw, not " + Quote(format));
+    }
+    // Blocks to print before ending; 0: no limit.
+    const std::uint64_t target =
+        arguments.GetNumber("count", arguments.Has("follow") ? 0 : 1, 0, UINT64_MAX >> 1);
+    const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
+    const ToolSlotConfig cfg = ResolveSlot(arguments, name);
+    const std::string type = cfg.GetSlotType().empty() ? "discarding" : cfg.GetSlotType();
+
+    BlockQueue queue;
+    INotifierPtr reader;
+    try {
+        reader = SlotFactory::CreateSlotReader(&cfg);
+    } catch (const AbortSlotCreationException& e) {
+        std::string message = "cannot read " + Quote(name) + ": " + e.what();
+        if (type == "reliable") {
+            const pid_t holder =
+                shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name));
+            if (holder > 0) {
+                message += " (its reader is pid " + std::to_string(holder) + ")";
+            }
+        }
+        throw CommandError(ExitFailure, message);
+    } catch (const std::exception& e) {
+        throw CommandError(ExitFailure, "cannot read " + Quote(name) + ": " + e.what());
+    }
+    reader->subscribe(&queue);
+    std::cerr << "slotctl: reading " << Quote(name) << " (" << type << ")" << std::endl;
+
+    std::uint64_t printed = 0;
+    int status = ExitOk;
+    bool outputGone = false;
+    auto print = [&](const std::deque<std::string>& blocks) {
+        for (const std::string& block : blocks) {
+            const std::string out = format == "raw"   ? block
+                                    : format == "hex" ? HexLines(block)
+                                                      : TextLine(block);
+            if (outputGone || !WriteOut(out)) {
+                outputGone = true;  // nobody reads our output any more
+                return;
+            }
+            ++printed;
+        }
+    };
+    while (!outputGone && (target == 0 || printed < target)) {
+        const WaitResult wait =
+            WaitReadableOrStop(queue.WakeFd(), timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs));
+        if (wait == WaitResult::Stopped) {
+            status = ExitInterrupted;
+            break;
+        }
+        if (wait == WaitResult::TimedOut) {
+            if (target != 0) {
+                std::cerr << "slotctl: no block from " << Quote(name) << " within " << timeoutMs
+                          << " ms (" << printed << " of " << target << " read)" << std::endl;
+                status = ExitFailure;
+            }
+            break;
+        }
+        print(queue.Take());
+    }
+    reader->unsubscribe(&queue);
+    reader.reset();
+    // A reliable reader takes every waiting block at each wake-up: what it took beyond the
+    // count is printed too rather than lost.
+    print(queue.Take());
+    return status;
+}
+
+}  // namespace slotctl

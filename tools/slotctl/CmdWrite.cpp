@@ -1,0 +1,227 @@
+// slotctl write: one block, repeated blocks, or one block per input line, through a writer made
+// by the factory.
+#include "Cli.h"
+#include "Commands.h"
+#include "Signals.h"
+#include "SlotOptions.h"
+
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/SlotFactory.h>
+
+#include <unistd.h>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <set>
+
+namespace slotctl {
+
+namespace {
+
+// Counts the library's warnings about this run's blocks: discarded waiting blocks of a
+// discarding slot (normal operation), and every other WARN or ERROR (a refused, dropped or
+// failed block). Both are also printed by the console appender as the library logs them.
+class WriteOutcome {
+public:
+    void OnEvent(const LogEvent& event) {
+        if (event.message.find("discarded") != std::string::npos) {
+            ++discarded_;
+        } else {
+            ++problems_;
+        }
+    }
+    unsigned long Discarded() const { return discarded_; }
+    unsigned long Problems() const { return problems_; }
+
+private:
+    std::atomic<unsigned long> discarded_{0};
+    std::atomic<unsigned long> problems_{0};
+};
+
+// Reads standard input line by line, without blocking the stop signals.
+class LineReader {
+public:
+    // False at end of input or when stopped.
+    bool Next(std::string& line) {
+        for (;;) {
+            const std::string::size_type newline = buffer_.find('\n');
+            if (newline != std::string::npos) {
+                line = buffer_.substr(0, newline);
+                buffer_.erase(0, newline + 1);
+                return true;
+            }
+            if (eof_) {
+                if (buffer_.empty()) {
+                    return false;
+                }
+                line.swap(buffer_);
+                buffer_.clear();
+                return true;
+            }
+            if (WaitReadableOrStop(STDIN_FILENO, -1) == WaitResult::Stopped) {
+                return false;
+            }
+            char chunk[4096];
+            const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof(chunk));
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                eof_ = true;
+            } else {
+                buffer_.append(chunk, static_cast<size_t>(n));
+            }
+        }
+    }
+
+private:
+    std::string buffer_;
+    bool eof_ = false;
+};
+
+std::string ReadAllInput() {
+    std::string data;
+    char chunk[65536];
+    for (;;) {
+        if (WaitReadableOrStop(STDIN_FILENO, -1) == WaitResult::Stopped) {
+            break;
+        }
+        const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof(chunk));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            throw CommandError(ExitFailure,
+                               std::string("cannot read standard input: ") + std::strerror(errno));
+        }
+        if (n == 0) {
+            break;
+        }
+        data.append(chunk, static_cast<size_t>(n));
+    }
+    return data;
+}
+
+std::string Plural(unsigned long n, const char* word) {
+    return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
+}
+
+}  // namespace
+
+int RunWrite(const Context&, const std::vector<std::string>& args) {
+    std::set<std::string> valued(std::begin(SlotValuedOptions), std::end(SlotValuedOptions));
+    valued.insert({"length", "every", "count"});
+    const Arguments arguments("write", args, valued, {"lines"});
+    arguments.ExpectOperands(1, 2, "a slot name and at most one DATA operand");
+    const std::string& name = arguments.Operands()[0];
+    const bool lines = arguments.Has("lines");
+    const bool hasLength = arguments.Has("length");
+    const std::uint64_t length = arguments.GetNumber("length", 0, 0, INT_MAX);
+    const std::uint64_t everyMs = arguments.GetNumber("every", 0, 0, 86400000);
+    if (lines && arguments.Has("count")) {
+        throw UsageError("write: --count repeats one block; it cannot go with --lines");
+    }
+    // Without --every one block is written once; with it, until interrupted.
+    const std::uint64_t count =
+        arguments.GetNumber("count", arguments.Has("every") ? 0 : 1, 0, UINT64_MAX >> 1);
+    const ToolSlotConfig cfg = ResolveSlot(arguments, name);
+
+    const bool fromStdin = arguments.Operands().size() < 2 || arguments.Operands()[1] == "-";
+    WriteOutcome outcome;
+    unsigned long blocks = 0;
+    bool stopped = false;
+    {
+        ISubscriberPtr writer;
+        try {
+            writer = SlotFactory::CreateSlotWriter(&cfg);
+        } catch (const AbortSlotCreationException& e) {
+            throw CommandError(ExitFailure, "cannot write to " + Quote(name) + ": " + e.what());
+        }
+        // Attached after the opening, whose own warnings (an existing slot of other sizes) are
+        // not about the blocks.
+        std::unique_ptr<WarningTap> tap(
+            new WarningTap([&outcome](const LogEvent& event) { outcome.OnEvent(event); }));
+        auto shape = [&](std::string block) {
+            if (hasLength) {
+                block.resize(static_cast<size_t>(length), '\0');
+            }
+            return block;
+        };
+        auto pause = [&](bool more) {
+            if (StopSignals::Received()) {
+                stopped = true;
+            } else if (more && everyMs != 0 &&
+                       WaitReadableOrStop(-1, static_cast<int>(everyMs)) == WaitResult::Stopped) {
+                stopped = true;
+            }
+            return !stopped;
+        };
+        auto write = [&](const std::string& block) {
+            writer->onNotify(name, block.data(), block.size());
+            ++blocks;
+        };
+        if (lines) {
+            if (fromStdin) {
+                LineReader reader;
+                std::string line;
+                bool first = true;
+                while ((first || pause(true)) && reader.Next(line)) {
+                    write(shape(line));
+                    first = false;
+                }
+                stopped = stopped || StopSignals::Received();
+            } else {
+                std::string data = arguments.Operands()[1];
+                if (!data.empty() && data.back() == '\n') {
+                    data.pop_back();
+                }
+                std::string::size_type start = 0;
+                for (;;) {
+                    const std::string::size_type end = data.find('\n', start);
+                    write(shape(data.substr(start, end == std::string::npos ? end : end - start)));
+                    if (end == std::string::npos || !pause(true)) {
+                        break;
+                    }
+                    start = end + 1;
+                }
+            }
+        } else {
+            const std::string block = shape(fromStdin ? ReadAllInput() : arguments.Operands()[1]);
+            stopped = StopSignals::Received();
+            for (std::uint64_t i = 0; !stopped && (count == 0 || i < count); ++i) {
+                write(block);
+                if (!pause(count == 0 || i + 1 < count)) {
+                    break;
+                }
+            }
+        }
+        // The writer goes before the tap: closing a named pipe may still report lost bytes.
+        writer.reset();
+        tap.reset();
+    }
+    const unsigned long problems = outcome.Problems();
+    const unsigned long discarded = outcome.Discarded();
+    std::string summary = Plural(blocks, "block") + " to " + Quote(name) + " (" +
+                          (cfg.GetSlotType().empty() ? "discarding" : cfg.GetSlotType()) + ")";
+    if (problems == 0) {
+        summary += ": all stored";
+    } else {
+        summary += ": " + std::to_string(problems) + " refused, dropped or failed (see above)";
+    }
+    if (discarded != 0) {
+        summary += "; " + Plural(discarded, "waiting block") + " discarded";
+    }
+    if (stopped) {
+        summary += "; interrupted";
+    }
+    std::cerr << "slotctl: " << summary << std::endl;
+    if (stopped) {
+        return ExitInterrupted;
+    }
+    return problems == 0 ? ExitOk : ExitFailure;
+}
+
+}  // namespace slotctl

@@ -1,0 +1,143 @@
+#include "Commands.h"
+
+namespace slotctl {
+
+const char* ToolHelp() {
+    return R"HELP(usage: slotctl [-v|-vv] [--log-config FILE] COMMAND [ARGS]
+
+Sees and pokes the slots of this machine: the shared-memory header segment "<name>" with its
+message queue "queue_<name>", and the named pipes of posix-pipe slots.
+
+commands:
+  ls [--json]                 every slot, half slot and posix-pipe FIFO, one line each
+  info NAME [--json]          one slot in detail (read without disturbing it)
+  write NAME [DATA | -]       write blocks (DATA, or standard input)
+  read NAME                   print the blocks that arrive
+  rm NAME... | rm --stale     remove slots, or half slots left by a crash
+  demo                        blocks flowing through the three slot types, live
+  help [COMMAND]              this text, or a command's
+
+options (anywhere before "--"):
+  -v, -vv             the library's DEBUG / TRACE logging on stderr
+  --log-config FILE   a log4cxx configuration (.xml: DOMConfigurator, else properties)
+  -h, --help          help for the tool, or for the command given
+
+exit status: 0 ok, 1 failed (not a slot, no permission, data refused...), 2 bad command line,
+130 interrupted.
+)HELP";
+}
+
+const char* CommandHelp(const std::string& command) {
+    if (command == "ls") {
+        return R"HELP(usage: slotctl ls [--json]
+
+Lists every slot of this machine: NAME, KIND (a queue of capacity 1 is discarding, larger is
+reliable; a FIFO alone is posix-pipe), STATE, MAX BLOCK size in bytes, WAITING blocks /
+capacity, LAST WRITE (UTC; "never" means not written since the slot was last opened) and, for
+reliable slots, the READER that holds the machine-wide reader lock ("pid N", "held" when the
+pid is unknown, "none").
+
+STATE is "slot"; "pipe" for a posix-pipe FIFO; "header-only" or "queue-only" for half a slot
+(e.g. after a crash; see rm --stale); "no-access" when this user cannot open it; "busy" when a
+lock inside stays held (a process died holding it: remove the slot); "unfinished" when its
+creator has not finished it; "damaged" otherwise.
+
+Nothing is opened through the library (which would reset the header): the segments are read
+directly, each by a helper process with a time limit. Objects of other programs in /dev/shm
+are skipped.
+  --json    one JSON array of objects (name, state, kind, max_block_size, waiting, capacity,
+            last_write, reader {lock_file, held, pid}, pipe); unknown values are null
+)HELP";
+    }
+    if (command == "info") {
+        return R"HELP(usage: slotctl info NAME [--json]
+
+Shows one slot in detail without disturbing it: kind, block size, waiting blocks, last write
+time and its age, the reliable reader's lock, the header segment (size, managed and free
+bytes, the named objects last_write_tstamp, output_buffer_data_size, output_buffer_handle,
+cond_on_write and their sizes) and the queue (size, capacity). Half slots and damaged slots
+are shown as far as they can be read.
+  --json    the same as one JSON object (the ls fields plus "header" and "queue")
+Fails (status 1) when NAME is not a slot or cannot be opened.
+)HELP";
+    }
+    if (command == "write") {
+        return R"HELP(usage: slotctl write NAME [options] [DATA | -]
+
+Writes DATA, or standard input when DATA is "-" or missing, as one block through a writer made
+by the library's factory. The slot is created when it does not exist.
+  --type T          discarding (default for a new slot), reliable or posix-pipe; an existing
+                    slot keeps its kind unless --type is given
+  --max-size N      maximum block size of a new slot (default 65536; an existing slot keeps
+                    its own)
+  --queue N         queue capacity of a new reliable slot (default 16)
+  --length N        cut or pad (with zero bytes) each block to N bytes
+  --lines           one block per line (without the newline), read as the lines come
+  --every MS        wait MS milliseconds between blocks; repeats the block until Ctrl-C
+                    unless --count is given
+  --count N         write the block N times (0: until Ctrl-C)
+The library's warnings about refused or dropped blocks ("Queue in '<name>' is full, the data
+was not written", "One data block discarded from <name>", a full named pipe...) are printed
+as it logs them, followed by a summary line. Status 1 when a block was refused, dropped or
+failed; discarding a waiting block is how a discarding slot works and is not a failure.
+)HELP";
+    }
+    if (command == "read") {
+        return R"HELP(usage: slotctl read NAME [options]
+
+Subscribes to a reader made by the library's factory and prints each block as it arrives,
+after the line "slotctl: reading 'NAME' (TYPE)" on stderr. The slot is created when it does
+not exist. A discarding reader delivers only blocks written after it started, and only while
+they are not older than the update time; a reliable slot has one reader on the whole machine
+and it also gets the blocks that were waiting; a posix-pipe is a byte stream, printed in the
+chunks it arrives in.
+  --type T, --max-size N, --queue N    as for write
+  --update-time MS    the reader's update time (default 100)
+  --count N           end after N blocks (default 1; 0: no limit); blocks the reader had
+                      already taken are printed too, never lost
+  --follow            no limit (until Ctrl-C)
+  --timeout MS        give up when no block came for MS ms (status 1 if --count was not met)
+  --format F          text: "<n> bytes: <text>", control characters escaped (default)
+                      hex:  "<n> bytes:" and a hex dump
+                      raw:  the bytes alone, for pipes
+)HELP";
+    }
+    if (command == "rm") {
+        return R"HELP(usage: slotctl rm NAME...
+       slotctl rm --stale [NAME...]
+
+Removes each slot through SlotFactory::RemoveSlot (header segment and queue) and the
+posix-pipe FIFO of the same name, and says what was removed. Objects that are not slot parts
+are never removed. Processes still using a slot keep their mappings; new ones make a new slot.
+  --stale          remove only half slots (a header without its queue or the reverse): the
+                   named ones, or, without names, every one on the machine
+  --min-age SECS   with --stale, leave half slots younger than this (default 5): a slot
+                   being created is briefly half
+Status 1 when a name was not a slot or could not be removed.
+)HELP";
+    }
+    if (command == "demo") {
+        return R"HELP(usage: slotctl demo [options]
+
+Starts a publisher process and a subscriber process and shows, live, blocks flowing through a
+discarding, a reliable and a posix-pipe slot: blocks sent, received, discarded or refused, and
+the median and 99th-percentile latency from write to subscriber. Ends with a summary table and
+removes every object it made (also on Ctrl-C).
+  --duration SECS    how long the publisher writes (default 10)
+  --rate N           blocks per second into each slot (default 1000)
+  --burst N          blocks written back to back (default 50): bursts show what each type does
+                     when the reader falls behind
+  --size N           block size in bytes, 16 to 4096 (default 64)
+  --queue N          capacity of the reliable slot (default 16)
+  --update-time MS   the readers' update time (default 100)
+  --prefix P         slot names P-discarding, P-reliable, P-posix-pipe (default
+                     slotctl-demo-<pid>)
+)HELP";
+    }
+    if (command == "help") {
+        return ToolHelp();
+    }
+    return "(internal command of slotctl demo)\n";
+}
+
+}  // namespace slotctl

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace slotctl {
+
+// A minimal JSON writer for --json output: objects and arrays built in order, one line.
+class Json {
+public:
+    Json& BeginObject();
+    Json& EndObject();
+    Json& BeginArray();
+    Json& EndArray();
+    // The key of the next value inside an object.
+    Json& Key(const std::string& key);
+    Json& String(const std::string& value);
+    Json& Number(std::uint64_t value);
+    Json& SignedNumber(std::int64_t value);
+    Json& Bool(bool value);
+    Json& Null();
+
+    const std::string& Text() const { return text_; }
+
+private:
+    void BeforeValue();
+    void AppendQuoted(const std::string& value);
+
+    std::string text_;
+    std::vector<bool> first_;  // per open container: no element written yet
+    bool afterKey_ = false;
+};
+
+}  // namespace slotctl

@@ -1,0 +1,75 @@
+#include "Signals.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+namespace slotctl {
+
+namespace {
+
+int signalFd = -1;
+bool received = false;
+
+sigset_t StopSet() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    return set;
+}
+
+}  // namespace
+
+void StopSignals::Block() {
+    std::signal(SIGPIPE, SIG_IGN);
+    const sigset_t set = StopSet();
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    signalFd = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (signalFd < 0) {
+        std::abort();
+    }
+}
+
+int StopSignals::Fd() {
+    return signalFd;
+}
+
+bool StopSignals::Received() {
+    signalfd_siginfo info;
+    while (signalFd >= 0 && ::read(signalFd, &info, sizeof(info)) == sizeof(info)) {
+        received = true;
+    }
+    return received;
+}
+
+void StopSignals::ResetForExec() {
+    const sigset_t set = StopSet();
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+    std::signal(SIGPIPE, SIG_DFL);
+}
+
+}  // namespace slotctl
+
+namespace slotctl {
+
+WaitResult WaitReadableOrStop(int fd, int timeoutMs) {
+    if (StopSignals::Received()) {
+        return WaitResult::Stopped;
+    }
+    pollfd fds[2] = {{StopSignals::Fd(), POLLIN, 0}, {fd, POLLIN, 0}};
+    int r;
+    do {
+        r = ::poll(fds, fd >= 0 ? 2 : 1, timeoutMs);
+    } while (r < 0 && errno == EINTR);
+    if (StopSignals::Received()) {
+        return WaitResult::Stopped;
+    }
+    return r == 0 ? WaitResult::TimedOut : WaitResult::Ready;
+}
+
+}  // namespace slotctl
