@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <ctime>
+#include <limits>
 
 namespace shared {
 
@@ -50,9 +51,15 @@ bool InterprocCondition::Sleep(std::uint32_t seen, const boost::posix_time::ptim
             if (since.is_negative()) {
                 return false;
             }
-            abs.tv_sec = static_cast<time_t>(since.total_seconds());
-            abs.tv_nsec = static_cast<long>(since.fractional_seconds()) *
-                          (1000000000L / boost::posix_time::time_duration::ticks_per_second());
+            // A 32-bit time_t ends in 2038; a later deadline is clamped to that end instead of
+            // wrapping round into an invalid or past time.
+            if (since.total_seconds() > std::numeric_limits<time_t>::max()) {
+                abs.tv_sec = std::numeric_limits<time_t>::max();
+            } else {
+                abs.tv_sec = static_cast<time_t>(since.total_seconds());
+                abs.tv_nsec = static_cast<long>(since.fractional_seconds()) *
+                              (1000000000L / boost::posix_time::time_duration::ticks_per_second());
+            }
         }
         // Absolute deadline on CLOCK_REALTIME, the clock of the UTC deadline.
         rc = Futex(&sequence, FUTEX_WAIT_BITSET | FUTEX_CLOCK_REALTIME, seen, &abs,

@@ -53,7 +53,14 @@ struct SHARED_EXPORT InterprocCondition {
         bool woken = true;
         if (lastSeen == nullptr || *lastSeen == seen) {
             mutex.unlock();
-            woken = Sleep(seen, deadline);
+            try {
+                woken = Sleep(seen, deadline);
+            } catch (...) {
+                // The caller's lock owns the mutex again as the exception leaves.
+                mutex.lock();
+                Leave();
+                throw;
+            }
             mutex.lock();
         }
         Leave();
