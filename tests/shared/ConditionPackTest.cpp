@@ -1,28 +1,316 @@
 #include "ChildProcess.h"
 #include "LogCapture.h"
+#include "SharedCondition.h"
 #include "ShmHygiene.h"
 
-#include <shared/InterprocConditionPack.h>
-#include <shared/LockablePtr.h>
-#include <shared/SharedMemory.h>
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/thread/thread.hpp>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+
 namespace {
 
-TEST(ConditionPack, ZeroTimeoutReturnsFalse) {
-    testsupport::ScopedSlotName name("cond");
-    boost::shared_ptr<shared::ISharedMemory> mem(
-        shared::CreateSharedMemory(boost::interprocess::open_or_create, name.c_str(), 4096),
-        shared::DestroySharedMemory);
-    shared::InterprocCondition* cond =
-        mem->GetSegment().find_or_construct<shared::InterprocCondition>("cond_on_write")();
-    shared::InterprocConditionPack<boost::interprocess::interprocess_mutex> pack(mem->GetMutex(),
-                                                                                 cond);
-    testsupport::LogCapture log("InterprocCondition");
-    EXPECT_FALSE(pack.Wait(boost::posix_time::microseconds(0)));
-    EXPECT_EQ(1u, log.Count("TRACE", "Wait() : acquired mutex"));
-    EXPECT_EQ(1u, log.Count("TRACE", "Wait() : cv.timed_wait(...) returned 0"));
+using namespace sharedtest;
+namespace pt = boost::posix_time;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testsupport::ChildProcess;
+using testsupport::ChildResult;
+using testsupport::PipeSignal;
+using testsupport::RunInChild;
+using testsupport::ScopedSlotName;
+
+// One thread blocked in Pack::Wait. If the test fails while the thread is still waiting, the
+// destructor notifies until it leaves, so that the segment is never unmapped under it.
+class Waiter {
+public:
+    Waiter(Pack& pack, const pt::time_duration& timeout)
+        : pack_(pack), thread_([this, timeout] {
+              try {
+                  result = pack_.Wait(timeout);
+              } catch (const boost::thread_interrupted&) {
+                  interrupted = true;
+              }
+          }) {}
+    ~Waiter() {
+        for (int i = 0; i < 200 && !Join(milliseconds(50)); ++i) {
+            pack_.Notify();
+        }
+        if (thread_.joinable()) {
+            std::abort();
+        }
+    }
+    bool Join(milliseconds timeout = seconds(10)) {
+        return !thread_.joinable() ||
+               thread_.try_join_for(boost::chrono::milliseconds(timeout.count()));
+    }
+    void Interrupt() { thread_.interrupt(); }
+
+    std::atomic<bool> result{false};
+    std::atomic<bool> interrupted{false};
+
+private:
+    Pack& pack_;
+    boost::thread thread_;
+};
+
+TEST(ConditionPack, LogsItsStepsWithExactTextsAndLevels) {
+    ScopedSlotName name("cond");
+    SharedCondition c(name);
+    {
+        testsupport::LogCapture log("InterprocCondition");
+        EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
+        for (const pt::time_duration& timeout :
+             {pt::time_duration(pt::seconds(20)), pt::time_duration(pt::not_a_date_time)}) {
+            Waiter waiter(*c.pack, timeout);
+            ASSERT_TRUE(WaitForWaiters(c, 1));
+            c.pack->Notify();
+            ASSERT_TRUE(waiter.Join());
+            EXPECT_TRUE(waiter.result);
+        }
+        const std::vector<std::string> expected = {"Wait() : acquired mutex",
+                                                   "Wait() : cv.timed_wait(...) returned 0",
+                                                   "Wait() : acquired mutex",
+                                                   "notify_all()",
+                                                   "Wait() : cv.timed_wait(...) returned 1",
+                                                   "Wait() : acquired mutex",
+                                                   "notify_all()",
+                                                   "Wait() : cv.wait(...) returned"};
+        EXPECT_EQ(expected, log.Messages("TRACE"));
+        EXPECT_EQ(expected.size(), log.Events().size());
+    }
+    // At DEBUG only the destructor speaks.
+    testsupport::LogCapture log("InterprocCondition", log4cxx::Level::getDebug());
+    c.pack->Wait(pt::milliseconds(0));
+    c.pack->Notify();
+    c.pack.reset();
+    EXPECT_EQ(1u, log.Count("DEBUG", "~InterprocConditionPack()"));
+    EXPECT_EQ(1u, log.Events().size());
+}
+
+TEST(ConditionPack, ZeroAndNegativeTimeoutsReturnFalseAtOnce) {
+    ScopedSlotName name("cond");
+    SharedCondition c(name);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
+    EXPECT_FALSE(c.pack->Wait(pt::seconds(-5)));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(3));
+    EXPECT_TRUE(c.lockable.try_lock()) << "Wait must release the mutex";
+    c.lockable.unlock();
+}
+
+// A broadcast made while a pack is not waiting ends that pack's next wait at once, and only
+// that one; a pack made after the broadcast does not see it.
+TEST(ConditionPack, BroadcastBetweenWaitsEndsTheNextWaitOnce) {
+    ScopedSlotName name("cond");
+    SharedCondition c(name);
+    Pack other(c.mutex, c.cond);
+    other.Notify();
+    other.Notify();
+    EXPECT_TRUE(c.pack->Wait(pt::milliseconds(0)));
+    EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
+    EXPECT_TRUE(other.Wait(pt::milliseconds(0)));
+    std::unique_ptr<Pack> late(new Pack(c.mutex, c.cond));
+    EXPECT_FALSE(late->Wait(pt::milliseconds(0)));
+
+    const ChildResult notified = RunInChild([&] {
+        SharedCondition o(name);
+        o.pack->Notify();
+        return 0;
+    });
+    ASSERT_TRUE(notified.Ok()) << notified.Describe();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(c.pack->Wait(pt::seconds(20)));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
+    EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
+}
+
+TEST(ConditionPack, WaitsWithoutDeadlineReturnTrueOnlyAfterNotify) {
+    ScopedSlotName name("cond");
+    SharedCondition c(name);
+    // A deadline beyond 2038 as well: it must not overflow a 32-bit time_t.
+    for (const pt::time_duration& timeout :
+         {pt::time_duration(pt::not_a_date_time), pt::time_duration(pt::pos_infin),
+          pt::time_duration(pt::hours(24 * 365 * 40))}) {
+        Waiter waiter(*c.pack, timeout);
+        ASSERT_TRUE(WaitForWaiters(c, 1));
+        EXPECT_FALSE(waiter.Join(milliseconds(100))) << timeout << " returned without notify";
+        c.pack->Notify();
+        ASSERT_TRUE(waiter.Join()) << timeout;
+        EXPECT_TRUE(waiter.result) << timeout;
+    }
+}
+
+TEST(ConditionPack, InterruptedWaiterStaysUntilNotifiedThenLeavesWithMutexUnlocked) {
+    ScopedSlotName name("cond");
+    SharedCondition c(name);
+    {
+        Waiter waiter(*c.pack, pt::not_a_date_time);
+        ASSERT_TRUE(WaitForWaiters(c, 1));
+        waiter.Interrupt();
+        EXPECT_FALSE(waiter.Join(milliseconds(100))) << "the wait itself is no interruption point";
+        c.pack->Notify();
+        ASSERT_TRUE(waiter.Join());
+        EXPECT_TRUE(waiter.interrupted);
+    }
+    const ChildResult other = RunInChild([&] {
+        SharedCondition o(name);
+        if (!o.lockable.try_lock()) {
+            return Failed(1, "mutex still held after the interrupted wait");
+        }
+        o.lockable.unlock();
+        return 0;
+    });
+    EXPECT_TRUE(other.Ok()) << other.Describe();
+    EXPECT_TRUE(c.lockable.try_lock());
+    c.lockable.unlock();
+}
+
+TEST(Lockable, UnboundReturnsAtOnceAndBoundNeverUnlocksOnDestruction) {
+    shared::LockablePtr<Mutex> unbound;
+    unbound.lock();
+    unbound.unlock();
+    EXPECT_FALSE(unbound.try_lock());
+    EXPECT_FALSE(unbound.timed_lock(pt::pos_infin));
+
+    Mutex first;
+    Mutex second;
+    {
+        shared::LockablePtr<Mutex> lockable(&first);
+        lockable.lock();
+    }
+    EXPECT_FALSE(first.try_lock()) << "destroying a locked LockablePtr unlocked the mutex";
+    shared::LockablePtr<Mutex> rebound(&first);
+    rebound.Bind(&second);  // unlocks the mutex bound before
+    EXPECT_TRUE(first.try_lock());
+    first.unlock();
+}
+
+TEST(CrossProcess, TryLockAndTimedLockOfMutexHeldByAnotherProcess) {
+    ScopedSlotName name("lock");
+    SharedCondition c(name);
+    PipeSignal locked;
+    PipeSignal release;
+    ChildProcess holder([&] {
+        SharedCondition o(name);
+        o.lockable.lock();
+        locked.Post();
+        if (!release.WaitFor()) {
+            return Failed(1, "never released");
+        }
+        o.lockable.unlock();
+        return 0;
+    });
+    ASSERT_TRUE(locked.WaitFor());
+    bool got = true;
+    EXPECT_NO_THROW(got = c.lockable.try_lock());
+    EXPECT_FALSE(got);
+    const pt::ptime now = pt::microsec_clock::universal_time();
+    EXPECT_FALSE(c.lockable.timed_lock(now - pt::seconds(1)));
+    EXPECT_FALSE(c.lockable.timed_lock(now + pt::milliseconds(50)));
+
+    // pos_infin is a plain lock: it waits for the holder, however long.
+    std::atomic<bool> infinite{false};
+    std::atomic<bool> heldAfterwards{false};
+    boost::thread locker([&] {
+        infinite = c.lockable.timed_lock(pt::pos_infin);
+        heldAfterwards = !c.lockable.try_lock();
+        c.lockable.unlock();
+    });
+    EXPECT_FALSE(locker.try_join_for(boost::chrono::milliseconds(100)));
+    release.Post();
+    ASSERT_TRUE(locker.try_join_for(boost::chrono::seconds(10)));
+    EXPECT_TRUE(infinite);
+    EXPECT_TRUE(heldAfterwards);
+    const ChildResult result = holder.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+
+    // And the other way round: this process holds it, another one is refused.
+    c.lockable.lock();
+    const ChildResult tried = RunInChild([&] {
+        SharedCondition o(name);
+        return o.lockable.try_lock() ? Failed(1, "try_lock took a held mutex") : 0;
+    });
+    c.lockable.unlock();
+    EXPECT_TRUE(tried.Ok()) << tried.Describe();
+}
+
+TEST(CrossProcess, OneNotifyWakesEveryWaiterInBothProcesses) {
+    const int kThreads = 3;
+    ScopedSlotName name("cond");
+    SharedCondition c(name);
+    ChildProcess child([&] {
+        SharedCondition o(name);
+        std::atomic<int> woken{0};
+        boost::thread_group threads;
+        for (int i = 0; i < kThreads; ++i) {
+            threads.create_thread([&] { woken += o.pack->Wait(pt::not_a_date_time) ? 1 : 0; });
+        }
+        threads.join_all();
+        return woken == kThreads ? 0 : Failed(1, "a waiter returned false");
+    });
+    std::vector<std::unique_ptr<Waiter>> waiters;
+    for (int i = 0; i < kThreads; ++i) {
+        waiters.emplace_back(new Waiter(*c.pack, pt::seconds(30)));
+    }
+    ASSERT_TRUE(WaitForWaiters(c, 2 * kThreads));
+    c.pack->Notify();  // exactly one broadcast for all six
+    for (std::unique_ptr<Waiter>& waiter : waiters) {
+        ASSERT_TRUE(waiter->Join());
+        EXPECT_TRUE(waiter->result);
+    }
+    const ChildResult result = child.Wait(seconds(10));
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+// Deadlines are absolute times on CLOCK_REALTIME; built from local time they would lie hours in
+// the past west of Greenwich and the waits would return at once.
+TEST(CrossProcess, TimedWaitsLastTheirTimeUnderAWesternTimeZone) {
+    ScopedSlotName name("tz");
+    SharedCondition c(name);
+    PipeSignal waited;
+    PipeSignal locked;
+    ChildProcess child([&] {
+        ::setenv("TZ", "America/New_York", 1);
+        ::tzset();
+        if (pt::microsec_clock::local_time() >
+            pt::microsec_clock::universal_time() - pt::hours(3)) {
+            return Failed(1, "time zone not in effect");
+        }
+        SharedCondition o(name);
+        auto start = std::chrono::steady_clock::now();
+        const bool woken = o.pack->Wait(pt::milliseconds(200));
+        auto elapsed = std::chrono::steady_clock::now() - start;
+        waited.Post();
+        if (woken) {
+            return Failed(2, "Wait returned true with nobody notifying");
+        }
+        if (elapsed < milliseconds(150) || elapsed > seconds(5)) {
+            return Failed(3, "Wait(200ms) did not last about 200 ms");
+        }
+        if (!locked.WaitFor()) {
+            return Failed(4, "parent never locked");
+        }
+        start = std::chrono::steady_clock::now();
+        if (o.lockable.timed_lock(pt::microsec_clock::universal_time() + pt::milliseconds(200))) {
+            return Failed(5, "timed_lock took a held mutex");
+        }
+        elapsed = std::chrono::steady_clock::now() - start;
+        if (elapsed < milliseconds(150) || elapsed > seconds(5)) {
+            return Failed(6, "timed_lock(now + 200ms) did not last about 200 ms");
+        }
+        return 0;
+    });
+    ASSERT_TRUE(waited.WaitFor());
+    c.lockable.lock();  // held here while the child tries its timed lock
+    locked.Post();
+    const ChildResult result = child.Wait();
+    c.lockable.unlock();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
 }
 
 }  // namespace

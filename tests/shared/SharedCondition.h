@@ -1,0 +1,75 @@
+#pragma once
+
+#include <shared/InterprocConditionPack.h>
+#include <shared/LockablePtr.h>
+#include <shared/SharedMemory.h>
+
+#include <boost/interprocess/sync/interprocess_mutex.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <sys/types.h>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace sharedtest {
+
+typedef boost::interprocess::interprocess_mutex Mutex;
+typedef shared::InterprocConditionPack<Mutex> Pack;
+
+// A segment opened (or created) by name, as every process of a slot opens it: the segment's
+// unique mutex, the condition "cond_on_write" and the wrappers over them.
+struct SharedCondition {
+    explicit SharedCondition(const std::string& name);
+
+    boost::shared_ptr<shared::ISharedMemory> memory;
+    Mutex* mutex;
+    shared::InterprocCondition* cond;
+    shared::LockablePtr<Mutex> lockable;
+    std::unique_ptr<Pack> pack;
+
+    // A counter in the segment, created as 0 on first use; read and written atomically.
+    std::uint32_t* Counter(const char* name);
+};
+
+std::uint32_t Load(const std::uint32_t& word);
+
+// Waits until `count` threads are inside Wait, then takes and releases the mutex, so that every
+// one of them has read the condition's sequence: a broadcast from now on reaches all of them.
+// False when that does not happen within the time-out.
+bool WaitForWaiters(SharedCondition& c, std::uint32_t count,
+                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// Polls until a predicate holds; false on time-out.
+template <class Predicate>
+bool Eventually(Predicate predicate, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// True once the thread `tid` of this process, or the process `pid` when tid is 0, is blocked in
+// the kernel (state 'S').
+bool WaitUntilBlocked(pid_t pid, pid_t tid = 0,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+pid_t CurrentTid();
+
+// For grandchildren: die with the process that forked them, so a watchdog kill leaves nothing.
+void DieWithParent();
+
+// In a child: prints what failed to stderr and gives a distinct exit code.
+int Failed(int code, const char* what);
+
+}  // namespace sharedtest
+
+#include <thread>
+
+template <class Predicate>
+bool sharedtest::Eventually(Predicate predicate, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
