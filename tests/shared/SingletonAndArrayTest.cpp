@@ -1,0 +1,45 @@
+#include <shared/FileHelpers.h>
+#include <shared/SingletonMutex.h>
+#include <shared/SizedArray.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+TEST(SingletonMutex, UniqueOnlyWhileAloneUnderItsName) {
+    shared::SingletonMutex first("SingletonMutexTest.a");
+    EXPECT_TRUE(first.IsUnique());
+    {
+        shared::SingletonMutex second("SingletonMutexTest.a");
+        shared::SingletonMutex other("SingletonMutexTest.b");
+        EXPECT_FALSE(first.IsUnique());
+        EXPECT_FALSE(second.IsUnique());
+        EXPECT_TRUE(other.IsUnique());
+    }
+    EXPECT_TRUE(first.IsUnique());
+}
+
+TEST(SizedArray, CopiesShareTheBytesAndTheSizeOnlyShrinks) {
+    shared::SizedArray empty;
+    EXPECT_TRUE(empty.empty());
+    EXPECT_EQ(nullptr, empty.data());
+    EXPECT_EQ(nullptr, shared::SizedArray(0).data());
+
+    std::unique_ptr<shared::SizedArray> original(new shared::SizedArray(4));
+    shared::SizedArray copy = *original;
+    EXPECT_EQ(original->data(), copy.data());
+    original->data()[0] = 'x';
+    original.reset();  // the copy keeps the bytes alive
+    EXPECT_EQ('x', copy.data()[0]);
+
+    copy.setSize(2);
+    EXPECT_EQ(2u, copy.size());
+    EXPECT_THROW(copy.setSize(3), std::length_error);
+    copy.data()[1] = 'y';
+    EXPECT_EQ("xy", shared::FormatNothing(copy));
+}
+
+}  // namespace
