@@ -85,9 +85,10 @@ failed; discarding a waiting block is how a discarding slot works and is not a f
     if (command == "read") {
         return R"HELP(usage: slotctl read NAME [options]
 
-Subscribes to a reader made by the library's factory and prints each block as it arrives,
-after the line "slotctl: reading 'NAME' (TYPE)" on stderr. The slot is created when it does
-not exist. A discarding reader delivers only blocks written after it started, and only while
+Subscribes to a reader of the library and prints each block as it arrives, after the line
+"slotctl: reading 'NAME' (TYPE)" on stderr. The reader is the factory's; for a reliable slot
+it is built the same way but subscribed before its thread starts, so that no block waiting in
+the queue is delivered to nobody. The slot is created when it does not exist. A discarding reader delivers only blocks written after it started, and only while
 they are not older than the update time; a reliable slot has one reader on the whole machine
 and it also gets the blocks that were waiting; a posix-pipe is a byte stream, printed in the
 chunks it arrives in.

@@ -1,0 +1,198 @@
+#include "SlotctlRunner.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <sstream>
+
+namespace slotctltest {
+
+namespace {
+
+pid_t Spawn(const std::vector<std::string>& args, uid_t uid, int& in, int& out, int& err) {
+    int pin[2], pout[2], perr[2];
+    if (::pipe2(pin, O_CLOEXEC) != 0 || ::pipe2(pout, O_CLOEXEC) != 0 ||
+        ::pipe2(perr, O_CLOEXEC) != 0) {
+        std::abort();
+    }
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(SLOTCTL_PATH));
+    for (const std::string& arg : args) {
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    }
+    argv.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        std::abort();
+    }
+    if (pid == 0) {
+        ::dup2(pin[0], STDIN_FILENO);
+        ::dup2(pout[1], STDOUT_FILENO);
+        ::dup2(perr[1], STDERR_FILENO);
+        if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) {
+            ::_exit(126);
+        }
+        ::execv(SLOTCTL_PATH, argv.data());
+        ::_exit(127);
+    }
+    ::close(pin[0]);
+    ::close(pout[1]);
+    ::close(perr[1]);
+    in = pin[1];
+    out = pout[0];
+    err = perr[0];
+    return pid;
+}
+
+// Reads what is there from `fd` into `text`; closes it at end of file.
+void Drain(int& fd, std::string& text) {
+    char chunk[4096];
+    const ssize_t n = ::read(fd, chunk, sizeof(chunk));
+    if (n > 0) {
+        text.append(chunk, static_cast<size_t>(n));
+    } else if (n == 0 || errno != EINTR) {
+        ::close(fd);
+        fd = -1;
+    }
+}
+
+void Reap(pid_t pid, int options, Outcome& run, bool& reaped) {
+    int status = 0;
+    if (::waitpid(pid, &status, options) == pid) {
+        reaped = true;
+        run.exited = WIFEXITED(status);
+        run.status = run.exited ? WEXITSTATUS(status) : -1;
+        run.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> Outcome::ErrLines() const {
+    std::vector<std::string> lines;
+    std::istringstream in(err);
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string Outcome::Describe() const {
+    std::ostringstream text;
+    text << (timedOut ? "timed out, " : "") << "status " << status << " signal " << signal
+         << "\n--- stdout ---\n"
+         << out << "--- stderr ---\n"
+         << err;
+    return text.str();
+}
+
+Outcome Slotctl(const std::vector<std::string>& args, const Options& options) {
+    Background child(args, options.uid);
+    child.Write(options.input);
+    return child.Finish(options.timeout);
+}
+
+Background::Background(const std::vector<std::string>& args, uid_t uid) {
+    // A child that ends before reading its input must not kill us with SIGPIPE.
+    std::signal(SIGPIPE, SIG_IGN);
+    pid_ = Spawn(args, uid, in_, out_, err_);
+}
+
+void Background::Write(const std::string& input) {
+    size_t done = 0;
+    while (in_ >= 0 && done < input.size()) {
+        const ssize_t n = ::write(in_, input.data() + done, input.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+}
+
+Background::~Background() {
+    if (!reaped_) {
+        ::kill(pid_, SIGKILL);
+        Reap(pid_, 0, run_, reaped_);
+    }
+    for (int fd : {in_, out_, err_}) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+}
+
+bool Background::Pump(std::chrono::steady_clock::time_point deadline) {
+    if (out_ < 0 && err_ < 0) {
+        return false;
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+        return false;
+    }
+    pollfd fds[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
+    if (::poll(fds, 2, static_cast<int>(left.count())) <= 0) {
+        return true;
+    }
+    if (out_ >= 0 && fds[0].revents != 0) {
+        Drain(out_, run_.out);
+    }
+    if (err_ >= 0 && fds[1].revents != 0) {
+        Drain(err_, run_.err);
+    }
+    return true;
+}
+
+bool Background::WaitFor(const std::string& text, const std::string& which,
+                         std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const std::string& seen = which == "err" ? run_.err : run_.out;
+        if (seen.find(text) != std::string::npos) {
+            return true;
+        }
+        if (!Pump(deadline)) {
+            return false;
+        }
+    }
+}
+
+bool Background::WaitForErr(const std::string& text, std::chrono::milliseconds timeout) {
+    return WaitFor(text, "err", timeout);
+}
+
+bool Background::WaitForOut(const std::string& text, std::chrono::milliseconds timeout) {
+    return WaitFor(text, "out", timeout);
+}
+
+void Background::Signal(int signal) {
+    if (!reaped_) {
+        ::kill(pid_, signal);
+    }
+}
+
+Outcome Background::Finish(std::chrono::milliseconds timeout) {
+    if (in_ >= 0) {
+        ::close(in_);
+        in_ = -1;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (Pump(deadline)) {
+    }
+    if (out_ >= 0 || err_ >= 0) {
+        run_.timedOut = true;
+        ::kill(pid_, SIGKILL);
+    }
+    Reap(pid_, 0, run_, reaped_);
+    return run_;
+}
+
+}  // namespace slotctltest

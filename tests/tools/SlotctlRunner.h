@@ -1,0 +1,68 @@
+#pragma once
+
+#include <sys/types.h>
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace slotctltest {
+
+// How a slotctl run ended, and what it printed.
+struct Outcome {
+    bool exited = false;
+    int status = -1;
+    int signal = 0;
+    bool timedOut = false;  // killed by the watchdog
+    std::string out;
+    std::string err;
+
+    std::vector<std::string> ErrLines() const;
+    std::string Describe() const;
+};
+
+struct Options {
+    std::string input;  // written to its standard input, which is then closed
+    std::chrono::milliseconds timeout = std::chrono::seconds(60);
+    uid_t uid = 0;  // when not 0 (and we are root): run as this user
+};
+
+// Runs slotctl with `args` (the environment, SLOT_LOCK_DIR and SLOT_PIPE_DIR included, is
+// passed on) and waits for it; the watchdog kills it at the time-out.
+Outcome Slotctl(const std::vector<std::string>& args, const Options& options = Options());
+
+// slotctl running in the background. The destructor kills it if it still runs.
+class Background {
+public:
+    explicit Background(const std::vector<std::string>& args, uid_t uid = 0);
+    ~Background();
+    Background(const Background&) = delete;
+    Background& operator=(const Background&) = delete;
+
+    pid_t Pid() const { return pid_; }
+    // Writes to its standard input (small amounts: nothing reads it meanwhile).
+    void Write(const std::string& input);
+    // Reads its output until stderr (or stdout) holds `text`; false at the time-out or when
+    // it ended first.
+    bool WaitForErr(const std::string& text,
+                    std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    bool WaitForOut(const std::string& text,
+                    std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    void Signal(int signal);
+    // Closes its standard input, collects the rest of its output and waits for it; kills it at
+    // the time-out.
+    Outcome Finish(std::chrono::milliseconds timeout = std::chrono::seconds(60));
+
+private:
+    bool Pump(std::chrono::steady_clock::time_point deadline);
+    bool WaitFor(const std::string& text, const std::string& which,
+                 std::chrono::milliseconds timeout);
+
+    pid_t pid_ = -1;
+    int in_ = -1;
+    int out_ = -1;
+    int err_ = -1;
+    Outcome run_;
+    bool reaped_ = false;
+};
+
+}  // namespace slotctltest

@@ -1,0 +1,454 @@
+#include "ChildProcess.h"
+#include "ShmHygiene.h"
+#include "SlotctlRunner.h"
+
+#include <Slot/SlotFactory.h>
+
+#include <FileUtils/FSUtils.h>
+#include <FileUtils/NamedPipeCreator.h>
+
+#include <gtest/gtest.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/interprocess/shared_memory_object.hpp>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdint>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+using slotctltest::Background;
+using slotctltest::Options;
+using slotctltest::Outcome;
+using slotctltest::Slotctl;
+using testsupport::ChildProcess;
+using testsupport::PipeSignal;
+using testsupport::ScopedSlotName;
+
+bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+bool ShmExists(const std::string& name) {
+    return Exists("/dev/shm/" + name);
+}
+
+// One line on stderr, "slotctl: ...", containing `part`; nothing on stdout.
+void ExpectOneErrorLine(const Outcome& run, int status, const std::string& part) {
+    EXPECT_TRUE(run.exited) << run.Describe();
+    EXPECT_EQ(status, run.status) << run.Describe();
+    ASSERT_EQ(1u, run.ErrLines().size()) << run.Describe();
+    EXPECT_EQ(0u, run.err.find("slotctl: ")) << run.Describe();
+    EXPECT_TRUE(Contains(run.err, part)) << run.Describe();
+    EXPECT_EQ("", run.out) << run.Describe();
+}
+
+// The line of `text` that starts with `start`.
+std::string LineStartingWith(const std::string& text, const std::string& start) {
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, start.size(), start) == 0) {
+            return line;
+        }
+    }
+    return "";
+}
+
+// ---- command-line errors ----
+
+TEST(SlotctlErrors, BadNamesTypesAndOptionsGiveOneLineAndStatus2) {
+    ScopedSlotName name("bad");
+    const std::string tooLong(250, 'n');
+    const struct {
+        std::vector<std::string> args;
+        std::string message;
+    } cases[] = {
+        {{"info", "a/b"}, "invalid slot name 'a/b'"},
+        {{"info", ""}, "invalid slot name ''"},
+        {{"info", tooLong}, "invalid slot name"},
+        {{"read", ".."}, "invalid slot name '..'"},
+        {{"rm", name.str(), "x/y"}, "invalid slot name 'x/y'"},
+        {{"write", "a/b", "data"}, "invalid slot name 'a/b'"},
+        {{"write", name.str(), "--type", "win-pipe", "data"}, "invalid slot type 'win-pipe'"},
+        {{"read", name.str(), "--type", "Reliable"}, "invalid slot type 'Reliable'"},
+        {{"write", name.str(), "--count", "many", "data"}, "--count must be a whole number"},
+        {{"read", name.str(), "--format", "pretty"}, "--format must be text, hex or raw"},
+        {{"ls", "--all"}, "unknown option '--all'"},
+        {{"frobnicate"}, "unknown command 'frobnicate'"},
+        {{"demo", "--size", "8"}, "--size must be a whole number from 16"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
+        ExpectOneErrorLine(Slotctl(c.args), 2, c.message);
+    }
+    // Refused before anything was made.
+    EXPECT_FALSE(ShmExists(name.str()));
+    EXPECT_FALSE(ShmExists("queue_" + name.str()));
+}
+
+TEST(SlotctlErrors, NamesThatAreNotSlotsFailWithStatus1) {
+    ScopedSlotName name("none");
+    ExpectOneErrorLine(Slotctl({"info", name.str()}), 1, "'" + name.str() + "' is not a slot");
+    ExpectOneErrorLine(Slotctl({"rm", name.str()}), 1, "'" + name.str() + "' is not a slot");
+    ExpectOneErrorLine(Slotctl({"info", "--json", name.str()}), 1, "is not a slot");
+}
+
+TEST(SlotctlErrors, ASlotOfAnotherUserGivesPermissionDenied) {
+    ScopedSlotName name("perm");
+    {
+        SimpleSlotCfg cfg(name, "discarding", boost::posix_time::milliseconds(50), 1);
+        SlotFactory::CreateSlot(&cfg);
+    }
+    Options options;
+    if (::geteuid() == 0) {
+        options.uid = 65534;  // nobody: the slot is root's, mode 0644
+    } else {
+        ASSERT_EQ(0, ::chmod(("/dev/shm/" + name.str()).c_str(), 0444));
+    }
+    ExpectOneErrorLine(Slotctl({"info", name.str()}, options), 1, "Permission denied");
+    ExpectOneErrorLine(Slotctl({"write", name.str(), "x"}, options), 1, "Permission denied");
+}
+
+TEST(SlotctlErrors, HelpForTheToolAndEveryCommand) {
+    for (const char* command : {"ls", "info", "write", "read", "rm", "demo"}) {
+        const Outcome run = Slotctl({command, "--help"});
+        EXPECT_EQ(0, run.status) << run.Describe();
+        EXPECT_EQ(0u, run.out.find(std::string("usage: slotctl ") + command)) << run.Describe();
+    }
+    const Outcome run = Slotctl({"--help"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_TRUE(Contains(run.out, "commands:"));
+}
+
+// ---- ls and info: what another process wrote, read without disturbing it ----
+
+std::string Block(int i) {
+    return "block-" + std::to_string(i) + std::string(static_cast<size_t>(i), '*');
+}
+
+TEST(SlotctlInspect, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
+    ScopedSlotName name("shown");
+    int stampPipe[2];
+    ASSERT_EQ(0, ::pipe(stampPipe));
+    PipeSignal checked;
+    // The writer keeps the slot open, tells its last write time, and after slotctl has looked
+    // checks that its header still holds that time.
+    ChildProcess writer([&] {
+        SimpleSlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(50), 8);
+        boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+        ISubscriberPtr sink = SlotFactory::CreateSlotWriter(&cfg);
+        for (int i = 0; i < 4; ++i) {
+            const std::string block = Block(i);
+            sink->onNotify(name, block.data(), block.size());
+        }
+        char first[64];
+        if (slot->ReadData(first, sizeof(first)) != Block(0).size()) {
+            return 10;  // the output buffer now holds block 0
+        }
+        const boost::posix_time::ptime written = slot->GetLastWriteTime();
+        const std::string stamp = boost::posix_time::to_iso_extended_string(written) + "\n";
+        if (::write(stampPipe[1], stamp.data(), stamp.size()) !=
+            static_cast<ssize_t>(stamp.size())) {
+            return 11;
+        }
+        if (!checked.WaitFor()) {
+            return 12;
+        }
+        return slot->GetLastWriteTime() == written && slot->GetBufferLength() == 3 ? 0 : 13;
+    });
+    ::close(stampPipe[1]);
+    std::string stamp;
+    char c;
+    while (::read(stampPipe[0], &c, 1) == 1 && c != '\n') {
+        stamp += c;
+    }
+    ::close(stampPipe[0]);
+    ASSERT_FALSE(stamp.empty()) << writer.Wait().Describe();
+    const std::string shownStamp = stamp + "Z";
+
+    const Outcome ls = Slotctl({"ls"});
+    EXPECT_EQ(0, ls.status) << ls.Describe();
+    const std::string line = LineStartingWith(ls.out, name.str() + " ");
+    EXPECT_TRUE(Contains(line, " reliable ")) << ls.out;
+    EXPECT_TRUE(Contains(line, " slot ")) << ls.out;
+    EXPECT_TRUE(Contains(line, " 3/8 ")) << ls.out;
+    EXPECT_TRUE(Contains(line, shownStamp)) << ls.out;
+    EXPECT_TRUE(Contains(line, " none")) << ls.out;
+
+    const Outcome lsJson = Slotctl({"ls", "--json"});
+    EXPECT_EQ(0, lsJson.status) << lsJson.Describe();
+    EXPECT_TRUE(Contains(lsJson.out, "{\"name\": \"" + name.str() +
+                                         "\", \"state\": \"slot\", \"kind\": \"reliable\", "
+                                         "\"max_block_size\": 65536, \"waiting\": 3, "
+                                         "\"capacity\": 8, \"last_write\": \"" +
+                                         shownStamp + "\""))
+        << lsJson.out;
+
+    const Outcome info = Slotctl({"info", name.str()});
+    EXPECT_EQ(0, info.status) << info.Describe();
+    EXPECT_TRUE(Contains(info.out, "blocks waiting  3 of 8")) << info.out;
+    EXPECT_TRUE(Contains(info.out, "last write      " + shownStamp)) << info.out;
+    const Outcome infoJson = Slotctl({"info", "--json", name.str()});
+    EXPECT_EQ(0, infoJson.status) << infoJson.Describe();
+    // A reset by any of the looks before would have zeroed the data size and the time.
+    EXPECT_TRUE(
+        Contains(infoJson.out, "\"output_buffer_data_size\": " + std::to_string(Block(0).size())))
+        << infoJson.out;
+    EXPECT_TRUE(Contains(infoJson.out, "\"last_write\": \"" + shownStamp + "\"")) << infoJson.out;
+    EXPECT_TRUE(Contains(infoJson.out,
+                         "\"objects\": {\"last_write_tstamp\": 8, \"output_buffer_data_size\": 4, "
+                         "\"output_buffer_handle\": 4, \"cond_on_write\": "))
+        << infoJson.out;
+
+    checked.Post();
+    EXPECT_TRUE(writer.Wait().Ok()) << "the writer's header changed";
+}
+
+TEST(SlotctlInspect, ShowsThePidOfTheReliableReader) {
+    ScopedSlotName name("held");
+    PipeSignal ready, done;
+    ChildProcess reader([&] {
+        SimpleSlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(50), 4);
+        INotifierPtr notifier = SlotFactory::CreateSlotReader(&cfg);
+        ready.Post();
+        return done.WaitFor() ? 0 : 1;
+    });
+    ASSERT_TRUE(ready.WaitFor()) << reader.Wait().Describe();
+    const std::string pid = std::to_string(reader.Pid());
+    const Outcome info = Slotctl({"info", "--json", name.str()});
+    EXPECT_TRUE(Contains(info.out, "\"held\": true, \"pid\": " + pid)) << info.Describe();
+    const Outcome ls = Slotctl({"ls"});
+    EXPECT_TRUE(Contains(LineStartingWith(ls.out, name.str() + " "), "pid " + pid)) << ls.out;
+    // A second reader is refused, and told who holds the slot.
+    ExpectOneErrorLine(Slotctl({"read", name.str(), "--timeout", "1000"}), 1,
+                       "(its reader is pid " + pid + ")");
+    done.Post();
+    EXPECT_TRUE(reader.Wait().Ok());
+    ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+}
+
+TEST(SlotctlInspect, HalfSlotsAreShownAndRemovedWithStale) {
+    ScopedSlotName headerOnly("halfh");
+    ScopedSlotName queueOnly("halfq");
+    for (const std::string& name : {headerOnly.str(), queueOnly.str()}) {
+        SimpleSlotCfg cfg(name, "discarding", boost::posix_time::milliseconds(50), 1);
+        SlotFactory::CreateSlot(&cfg);
+    }
+    boost::interprocess::shared_memory_object::remove(("queue_" + headerOnly.str()).c_str());
+    boost::interprocess::shared_memory_object::remove(queueOnly.c_str());
+
+    const Outcome header = Slotctl({"info", headerOnly.str()});
+    EXPECT_EQ(0, header.status) << header.Describe();
+    EXPECT_TRUE(Contains(header.out, "header-only (half slot: the queue 'queue_" +
+                                         headerOnly.str() + "' is missing)"))
+        << header.out;
+    const Outcome queue = Slotctl({"info", "--json", queueOnly.str()});
+    EXPECT_EQ(0, queue.status) << queue.Describe();
+    EXPECT_TRUE(Contains(queue.out, "\"state\": \"queue-only\", \"kind\": \"discarding\""))
+        << queue.out;
+    const Outcome ls = Slotctl({"ls"});
+    EXPECT_TRUE(Contains(LineStartingWith(ls.out, headerOnly.str() + " "), " header-only "));
+    EXPECT_TRUE(Contains(LineStartingWith(ls.out, queueOnly.str() + " "), " queue-only "));
+
+    // Young half slots may be slots being created: left alone by default.
+    const Outcome young = Slotctl({"rm", "--stale", headerOnly.str()});
+    EXPECT_EQ(1, young.status) << young.Describe();
+    EXPECT_TRUE(ShmExists(headerOnly.str()));
+    const Outcome stale =
+        Slotctl({"rm", "--stale", "--min-age", "0", headerOnly.str(), queueOnly.str()});
+    EXPECT_EQ(0, stale.status) << stale.Describe();
+    EXPECT_TRUE(Contains(stale.out, "removed '" + headerOnly.str() + "': header segment"));
+    EXPECT_TRUE(Contains(stale.out, "removed '" + queueOnly.str() + "': queue"));
+    EXPECT_FALSE(ShmExists(headerOnly.str()));
+    EXPECT_FALSE(ShmExists("queue_" + queueOnly.str()));
+}
+
+// Objects of other programs, or broken ones: an empty object and one whose Boost state word
+// says "being created" (opening either through Boost would spin for ever), and garbage that
+// claims to be initialised.
+TEST(SlotctlInspect, ForeignAndBrokenObjectsNeitherHangNorCrashNorGetRemoved) {
+    ScopedSlotName empty("empty");
+    ScopedSlotName creating("creating");
+    ScopedSlotName garbage("garbage");
+    auto make = [](const std::string& name, std::string bytes) {
+        std::ofstream file("/dev/shm/" + name, std::ios::binary);
+        file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    };
+    make(empty.str(), "");
+    make(creating.str(), std::string(4096, '\0'));
+    std::string noise(8192, '\0');
+    for (size_t i = 0; i < noise.size(); ++i) {
+        noise[i] = static_cast<char>((i * 2654435761u) >> 13);
+    }
+    const std::uint32_t initialised = 2;
+    std::memcpy(&noise[0], &initialised, sizeof(initialised));
+    make(garbage.str(), noise);
+    make("queue_" + garbage.str(), noise);
+
+    for (const std::string& name : {empty.str(), creating.str(), garbage.str()}) {
+        SCOPED_TRACE(name);
+        const Outcome info = Slotctl({"info", name}, Options{"", std::chrono::seconds(30)});
+        EXPECT_TRUE(info.exited) << info.Describe();
+        EXPECT_LE(info.status, 1) << info.Describe();
+        EXPECT_LE(info.ErrLines().size(), 1u) << info.Describe();
+    }
+    const Outcome garbageInfo = Slotctl({"info", garbage.str()});
+    ExpectOneErrorLine(garbageInfo, 1, "is not a slot");
+    const Outcome ls = Slotctl({"ls", "--json"});
+    EXPECT_TRUE(ls.exited && ls.status == 0) << ls.Describe();
+    EXPECT_FALSE(Contains(ls.out, garbage.str())) << ls.out;
+
+    const Outcome rm = Slotctl({"rm", garbage.str()});
+    EXPECT_EQ(1, rm.status) << rm.Describe();
+    EXPECT_TRUE(ShmExists(garbage.str()));
+    EXPECT_TRUE(ShmExists("queue_" + garbage.str()));
+}
+
+// ---- write and read across processes ----
+
+class SlotctlRoundTrip : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(SlotctlRoundTrip, ABlockWrittenByOneProcessIsPrintedByAnother) {
+    ScopedSlotName name("rt");
+    const std::string type = GetParam();
+    Background reader({"read", name.str(), "--type", type, "--timeout", "20000"});
+    ASSERT_TRUE(reader.WaitForErr("slotctl: reading '" + name.str() + "' (" + type + ")"))
+        << reader.Finish().Describe();
+    const Outcome write = Slotctl({"write", name.str(), "--type", type, "hello\tworld"});
+    EXPECT_EQ(0, write.status) << write.Describe();
+    EXPECT_TRUE(Contains(write.err, "1 block to '" + name.str() + "' (" + type + "): all stored"))
+        << write.Describe();
+    const Outcome read = reader.Finish();
+    EXPECT_EQ(0, read.status) << read.Describe();
+    EXPECT_EQ("11 bytes: hello\\tworld\n", read.out);
+
+    const Outcome rm = Slotctl({"rm", name.str()});
+    EXPECT_EQ(0, rm.status) << rm.Describe();
+    EXPECT_FALSE(ShmExists(name.str()));
+    EXPECT_FALSE(ShmExists("queue_" + name.str()));
+    EXPECT_FALSE(Exists(FileUtils::NamedPipeCreator::ConstructPipeFilename(name)));
+    ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(EachType, SlotctlRoundTrip,
+                         ::testing::Values("discarding", "reliable", "posix-pipe"));
+
+TEST(SlotctlReadWrite, AReliableSlotKeepsBlocksForALaterReaderInOrder) {
+    ScopedSlotName name("later");
+    const Outcome write = Slotctl({"write", name.str(), "--type", "reliable", "--lines"},
+                                  Options{"one\ntwo\n\x01three\n", std::chrono::seconds(60)});
+    EXPECT_EQ(0, write.status) << write.Describe();
+    // The kind is taken from the existing slot; hex shows the bytes.
+    const Outcome read = Slotctl({"read", name.str(), "--count", "3", "--timeout", "20000"});
+    EXPECT_EQ(0, read.status) << read.Describe();
+    EXPECT_EQ("3 bytes: one\n3 bytes: two\n6 bytes: \\x01three\n", read.out);
+    EXPECT_TRUE(Contains(read.err, "(reliable)"));
+
+    Slotctl({"write", name.str(), "--length", "4", "ab"});
+    const Outcome hex = Slotctl({"read", name.str(), "--format", "hex", "--timeout", "20000"});
+    EXPECT_EQ("4 bytes:\n  000000  61 62 00 00" + std::string(12 * 3, ' ') + "  |ab..|\n", hex.out);
+    ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+}
+
+TEST(SlotctlReadWrite, RefusedAndDiscardedBlocksAreReportedAsTheLibraryLogsThem) {
+    ScopedSlotName reliable("full");
+    const Outcome refused = Slotctl(
+        {"write", reliable.str(), "--type", "reliable", "--queue", "2", "--lines", "a\nb\nc"});
+    EXPECT_EQ(1, refused.status) << refused.Describe();
+    const std::vector<std::string> lines = refused.ErrLines();
+    ASSERT_EQ(2u, lines.size()) << refused.Describe();
+    EXPECT_EQ(
+        "slotctl: WARN [Slot] Queue in '" + reliable.str() + "' is full, the data was not written",
+        lines[0]);
+    EXPECT_TRUE(Contains(lines[1], "3 blocks to '" + reliable.str() + "' (reliable): 1 refused"))
+        << lines[1];
+
+    ScopedSlotName discarding("disc");
+    const Outcome discarded = Slotctl({"write", discarding.str(), "--count", "3", "x"});
+    EXPECT_EQ(0, discarded.status) << discarded.Describe();
+    const std::string warning =
+        "slotctl: WARN [Slot] One data block discarded from " + discarding.str() + "\n";
+    EXPECT_EQ(warning + warning + "slotctl: 3 blocks to '" + discarding.str() +
+                  "' (discarding): all stored; 2 waiting blocks discarded\n",
+              discarded.err);
+
+    ScopedSlotName small("small");
+    const Outcome tooLarge = Slotctl({"write", small.str(), "--max-size", "4", "12345"});
+    EXPECT_EQ(1, tooLarge.status) << tooLarge.Describe();
+    EXPECT_TRUE(Contains(tooLarge.err, "ERROR [Slot] Unable to write to '" + small.str() +
+                                           "': data size 5 > max data size 4"))
+        << tooLarge.Describe();
+}
+
+// ---- demo ----
+
+// Fields of the summary row of `type`: TYPE SENT RECEIVED NOT-STORED word OTHER ...
+std::vector<std::string> SummaryRow(const std::string& out, const std::string& type) {
+    std::istringstream in(LineStartingWith(out, type + " "));
+    std::vector<std::string> fields;
+    std::string field;
+    while (in >> field) {
+        fields.push_back(field);
+    }
+    return fields;
+}
+
+void ExpectNothingLeft(const std::string& prefix) {
+    for (const char* type : {"discarding", "reliable", "posix-pipe"}) {
+        const std::string name = prefix + "-" + type;
+        EXPECT_FALSE(ShmExists(name)) << name;
+        EXPECT_FALSE(ShmExists("queue_" + name)) << name;
+        EXPECT_FALSE(Exists(FileUtils::NamedPipeCreator::ConstructPipeFilename(name))) << name;
+        EXPECT_FALSE(Exists(FileUtils::FSUtils::GetSingletonFileLockName(name))) << name;
+    }
+}
+
+TEST(SlotctlDemo, AShortRunAccountsForEveryBlockAndLeavesNothing) {
+    const std::string prefix = testsupport::UniqueName("demo");
+    const Outcome demo = Slotctl({"demo", "--duration", "1.5", "--rate", "400", "--burst", "20",
+                                  "--queue", "8", "--prefix", prefix});
+    EXPECT_EQ(0, demo.status) << demo.Describe();
+    EXPECT_FALSE(Contains(demo.out, "\r")) << "progress lines are plain when piped";
+    for (const char* type : {"discarding", "reliable", "posix-pipe"}) {
+        const std::vector<std::string> row = SummaryRow(demo.out, type);
+        ASSERT_GE(row.size(), 6u) << type << "\n" << demo.out;
+        const long sent = std::stol(row[1]);
+        const long received = std::stol(row[2]);
+        const long notStored = std::stol(row[3]);
+        EXPECT_EQ(600, sent) << type;
+        EXPECT_GT(received, 0) << type;
+        if (std::string(type) != "discarding") {
+            // Every block that was stored arrived.
+            EXPECT_EQ(sent, received + notStored) << type << "\n" << demo.out;
+        }
+    }
+    EXPECT_TRUE(Contains(demo.out, "every block that was stored arrived once, in order"));
+    EXPECT_TRUE(Contains(demo.out, "removed slot '" + prefix + "-discarding'"));
+    ExpectNothingLeft(prefix);
+}
+
+TEST(SlotctlDemo, AnInterruptStopsItInOrderAndCleansUp) {
+    const std::string prefix = testsupport::UniqueName("demoint");
+    Background demo({"demo", "--duration", "120", "--prefix", prefix});
+    // The first progress line comes once blocks flow.
+    ASSERT_TRUE(demo.WaitForOut(" rcvd")) << demo.Finish().Describe();
+    demo.Signal(SIGINT);
+    const Outcome run = demo.Finish(std::chrono::seconds(60));
+    EXPECT_EQ(130, run.status) << run.Describe();
+    EXPECT_TRUE(Contains(run.out, "interrupted")) << run.out;
+    EXPECT_FALSE(SummaryRow(run.out, "reliable").empty()) << run.out;
+    ExpectNothingLeft(prefix);
+}
+
+}  // namespace
