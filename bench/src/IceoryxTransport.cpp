@@ -1,0 +1,137 @@
+// iceoryx peer: an untyped publisher and an untyped subscriber woken by a WaitSet, through the
+// RouDi daemon that bench/run starts and stops. The writer copies each block into a loaned
+// chunk (the slot writer also starts from a block in its own memory); the reader checks the
+// block in place in the shared chunk, so iceoryx makes one copy per block. A full subscriber
+// queue blocks the publisher (WAIT_FOR_CONSUMER / BLOCK_PRODUCER): nothing is dropped.
+#ifdef SLOTBENCH_HAVE_ICEORYX
+
+#include "Transport.h"
+
+#include <iceoryx_posh/mepoo/chunk_header.hpp>
+#include <iceoryx_posh/popo/untyped_publisher.hpp>
+#include <iceoryx_posh/popo/untyped_subscriber.hpp>
+#include <iceoryx_posh/popo/wait_set.hpp>
+#include <iceoryx_posh/runtime/posh_runtime.hpp>
+
+#include <unistd.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace bench {
+
+namespace {
+
+void InitRuntimeOnce() {
+    static bool done = false;
+    if (!done) {
+        const std::string app = "slotbench" + std::to_string(getpid());
+        iox::runtime::PoshRuntime::initRuntime(
+            iox::RuntimeName_t(iox::cxx::TruncateToCapacity, app.c_str()));
+        done = true;
+    }
+}
+
+iox::capro::ServiceDescription Service(const RunSpec& spec) {
+    return iox::capro::ServiceDescription(
+        iox::capro::IdString_t(iox::cxx::TruncateToCapacity, "slotbench"),
+        iox::capro::IdString_t(iox::cxx::TruncateToCapacity, spec.name.c_str()),
+        iox::capro::IdString_t(iox::cxx::TruncateToCapacity, "blocks"));
+}
+
+iox::popo::PublisherOptions PublisherOptionsFor() {
+    iox::popo::PublisherOptions options;
+    options.historyCapacity = 0;
+    options.subscriberTooSlowPolicy = iox::popo::ConsumerTooSlowPolicy::WAIT_FOR_CONSUMER;
+    return options;
+}
+
+iox::popo::SubscriberOptions SubscriberOptionsFor(const RunSpec& spec) {
+    iox::popo::SubscriberOptions options;
+    options.queueCapacity = spec.depth;
+    options.queueFullPolicy = iox::popo::QueueFullPolicy::BLOCK_PRODUCER;
+    return options;
+}
+
+class IceoryxSender : public Sender {
+public:
+    explicit IceoryxSender(const RunSpec& spec)
+        : publisher_((InitRuntimeOnce(), Service(spec)), PublisherOptionsFor()) {}
+    bool Warmup(std::uint64_t deadlineNs) override {
+        // The subscriber's connection is made by RouDi asynchronously.
+        while (!publisher_.hasSubscribers()) {
+            if (NowNs() >= deadlineNs) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+    void Send(const char* data, size_t size) override {
+        for (unsigned int attempt = 0;; ++attempt) {
+            bool sent = false;
+            publisher_.loan(static_cast<std::uint32_t>(size)).and_then([&](void* payload) {
+                std::memcpy(payload, data, size);
+                publisher_.publish(payload);
+                sent = true;
+            });
+            if (sent) {
+                return;
+            }
+            // The chunk pool is exhausted for the moment: count it and try again.
+            ++refusals_;
+            std::this_thread::sleep_for(std::chrono::microseconds(attempt < 10 ? 5 : 100));
+        }
+    }
+    std::uint64_t Refusals() const override { return refusals_; }
+
+private:
+    iox::popo::UntypedPublisher publisher_;
+    std::uint64_t refusals_ = 0;
+};
+
+class IceoryxReceiver : public Receiver {
+public:
+    explicit IceoryxReceiver(const RunSpec& spec)
+        : subscriber_((InitRuntimeOnce(), Service(spec)), SubscriberOptionsFor(spec)) {
+        waitSet_.attachState(subscriber_, iox::popo::SubscriberState::HAS_DATA)
+            .or_else([](auto) { throw std::runtime_error("iceoryx: cannot attach to WaitSet"); });
+    }
+    ~IceoryxReceiver() override { waitSet_.detachState(subscriber_, iox::popo::SubscriberState::HAS_DATA); }
+    void Run(BlockSink& sink, Stopper& stop) override {
+        while (!stop.Stopped()) {
+            waitSet_.timedWait(iox::units::Duration::fromMilliseconds(50));
+            bool more = true;
+            while (more) {
+                more = false;
+                subscriber_.take().and_then([&](const void* payload) {
+                    const iox::mepoo::ChunkHeader* header =
+                        iox::mepoo::ChunkHeader::fromUserPayload(payload);
+                    sink.OnBlock(static_cast<const char*>(payload), header->userPayloadSize());
+                    subscriber_.release(payload);
+                    more = true;
+                });
+            }
+        }
+    }
+
+private:
+    iox::popo::UntypedSubscriber subscriber_;
+    iox::popo::WaitSet<> waitSet_;
+};
+
+}  // namespace
+
+std::unique_ptr<Sender> MakeIceoryxSender(const RunSpec& spec) {
+    return std::unique_ptr<Sender>(new IceoryxSender(spec));
+}
+
+std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunSpec& spec) {
+    return std::unique_ptr<Receiver>(new IceoryxReceiver(spec));
+}
+
+}  // namespace bench
+
+#endif  // SLOTBENCH_HAVE_ICEORYX

@@ -1,0 +1,139 @@
+#pragma once
+
+// What is measured. The parent side of each scenario starts the child processes, lets them go
+// together, collects their key=value results and cleans up; the child side is the writer or
+// reader loop itself.
+
+#include "BenchUtil.h"
+#include "Transport.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+// Counts and sizes of one benchmark run (full or quick).
+struct Plan {
+    bool quick = false;
+    std::vector<size_t> latencySizes = {64, 1024, 4096, 65536};
+    std::vector<size_t> throughputSizes = {64, 4096, 65536};
+    std::vector<unsigned int> scaleSlots = {1, 10, 100};
+    size_t latencyCount = 20000;
+    size_t latencyWarmup = 1000;
+    unsigned int gapUs = 50;  // pause after each acknowledged block in paced runs
+    size_t throughputBytesPerWriter = 1300ull * 1000 * 1000;  // scaled by block size, capped
+    size_t throughputMinBlocks = 20000;
+    size_t throughputMaxBlocks = 300000;
+    size_t depth = 64;
+    size_t scaleCount = 30000;
+    size_t scaleWarmup = 1000;
+    unsigned int idleMs = 1000;
+    size_t creationCount = 100;
+    size_t pauseCount = 5;
+    double pauseMs = 100.0;
+    double updateMs = 1000.0;
+    double memcpySeconds = 0.25;
+
+    size_t ThroughputBlocks(size_t blockSize) const;
+    static Plan Quick();
+};
+
+enum class Status { Ok, Skipped, Failed };
+
+struct LatencyResult {
+    std::string transport;
+    size_t size = 0;
+    Status status = Status::Skipped;
+    std::string reason;
+    Percentiles p;  // nanoseconds
+    std::uint64_t lost = 0, duplicates = 0, corrupt = 0;
+    double writerCpuNsPerBlock = 0, readerCpuNsPerBlock = 0;
+};
+
+struct ThroughputResult {
+    std::string transport;
+    size_t size = 0;
+    unsigned int writers = 1;
+    Status status = Status::Skipped;
+    std::string reason;
+    size_t depth = 0;
+    std::uint64_t blocks = 0;  // delivered
+    double seconds = 0;
+    double blocksPerSecond = 0, megabytesPerSecond = 0;
+    std::uint64_t refusals = 0;
+    double readerCpuPercent = 0, writerCpuPercent = 0;
+    std::uint64_t lost = 0, duplicates = 0, corrupt = 0;
+};
+
+struct ScaleResult {
+    unsigned int slots = 0;
+    Status status = Status::Skipped;
+    std::string reason;
+    Percentiles p;
+    std::uint64_t lost = 0, duplicates = 0, corrupt = 0;
+    double writerCpuNsPerBlock = 0, readerCpuNsPerBlock = 0;
+    double idleCpuPercent = 0;  // reader process, all readers waiting, nothing written
+    double readerSetupMs = 0;   // creating every reader, in parallel threads
+    double writerSetupMs = 0;
+};
+
+struct CostRow {
+    std::string operation;
+    size_t count = 0;
+    double medianUs = 0, p90Us = 0;
+    std::string note;
+};
+
+struct CreationResult {
+    Status status = Status::Skipped;
+    std::string reason;
+    std::vector<CostRow> rows;
+    double pauseNominalMs = 0;
+    double pauseMeasuredMs = 0;  // CreateSlotReader with the pause, minus without
+};
+
+struct MemcpyResult {
+    size_t size = 0;
+    double hotGBps = 0;   // source and destination stay in cache
+    double coldGBps = 0;  // source and destination walk a 64 MiB working set
+    double checksumGBps = 0;  // the reader's block check, for comparison
+};
+
+struct Results {
+    Plan plan;
+    std::vector<LatencyResult> latency;
+    std::vector<ThroughputResult> throughput;
+    std::vector<ScaleResult> scale;
+    CreationResult creation;
+    std::vector<MemcpyResult> memcpy;
+    std::vector<std::string> skipped;  // "peer: reason"
+    bool anyDataError = false;  // lost, duplicated or corrupted blocks anywhere
+    bool anyFailure = false;    // a run that could not finish
+};
+
+// The parent's environment for all runs.
+struct Harness {
+    std::string tag;     // unique per benchmark run, part of every object name
+    std::string tmpDir;  // private directory (lock files, FIFOs, result files)
+    std::string controlName;
+    ControlSegment* control = nullptr;
+    Plan plan;
+};
+
+LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size);
+ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t size,
+                               unsigned int writers);
+ScaleResult RunScale(Harness& h, unsigned int slots);
+CreationResult RunCreation(Harness& h);
+std::vector<MemcpyResult> MeasureMemcpy(const Plan& plan);
+
+// Child entry point: `kv` holds the key=value arguments. Returns the process exit code.
+int ChildMain(const KeyValues& kv);
+
+// The number of copies a slot makes of each block (see the report).
+constexpr unsigned int kSlotCopiesPerBlock = 4;
+
+void WriteReport(const Results& r, const std::string& outDir);
+
+}  // namespace bench

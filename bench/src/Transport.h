@@ -1,0 +1,149 @@
+#pragma once
+
+// One interface over every mechanism that is measured: libSlot's three slot types and the peers.
+// A Sender lives in a writer process, a Receiver in a reader process; both are opened before
+// the child reports "ready", so that opening costs never fall into a measurement.
+
+#include "Process.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+// Everything a transport needs to know about one run. The parent fills it in and hands it to
+// the children as key=value arguments.
+struct RunSpec {
+    std::string transport;   // see TransportNames()
+    std::string name;        // unique base name of every object of this run (holds the pid)
+    std::string tmpDir;      // private directory of this benchmark run
+    size_t blockSize = 64;   // bytes per block
+    size_t depth = 64;       // queue length in blocks where the transport has one
+    unsigned int writers = 1;
+    unsigned int writerId = 0;
+    bool throughput = false;       // writers go as fast as accepted; else paced
+    double updateTimeMs = 1000.0;  // slot update time
+    int fdRead = -1;               // inherited descriptors (socket pair)
+    int fdWrite = -1;
+    ControlBlock* control = nullptr;  // the parent's control segment (mapped in every child)
+
+    std::vector<std::string> ToArgs() const;
+    static RunSpec FromArgs(const KeyValues& kv);
+};
+
+class Sender {
+public:
+    virtual ~Sender() {}
+    // Hands one block to the transport. Returns once the transport has accepted it; a transport
+    // that refuses blocks (a full reliable slot) is retried here and the refusals counted.
+    virtual void Send(const char* data, size_t size) = 0;
+    virtual std::uint64_t Refusals() const { return 0; }
+    // Called once all processes are ready and before the first measured block: a transport
+    // whose subscription settles asynchronously (ZeroMQ, iceoryx) waits here until a block
+    // would reach the reader. False when it never did by the deadline.
+    virtual bool Warmup(std::uint64_t deadlineNs) {
+        (void)deadlineNs;
+        return true;
+    }
+};
+
+// First word of a ZeroMQ warm-up message; readers drop such messages.
+constexpr std::uint32_t kProbeMagic = 0x50524f42;  // "PROB"
+// Index in ControlBlock::reserved of the flag a reader sets when it has seen a probe.
+constexpr int kProbeSeenWord = 0;
+
+// Receives complete blocks, on whatever thread the transport delivers on.
+class BlockSink {
+public:
+    virtual ~BlockSink() {}
+    virtual void OnBlock(const char* data, size_t size) = 0;
+};
+
+// Ends a receiver's run: set by the sink when every block is in, or by the deadline.
+class Stopper {
+public:
+    explicit Stopper(std::uint64_t deadlineNs) : deadlineNs_(deadlineNs) {}
+    void Stop();
+    bool Stopped() const;
+    // Blocks until Stop() or the deadline; true when stopped before the deadline.
+    bool Wait();
+    std::uint64_t DeadlineNs() const { return deadlineNs_; }
+
+private:
+    const std::uint64_t deadlineNs_;
+    mutable std::mutex mutex_;
+    std::condition_variable cv_;
+    std::atomic<bool> stopped_{false};
+};
+
+class Receiver {
+public:
+    virtual ~Receiver() {}
+    // Called before the reader reports ready: a transport that delivers on a thread of its own
+    // (the slot readers) attaches the sink here, so that no block written after "go" can pass
+    // before anybody listens.
+    virtual void Attach(BlockSink& sink) { (void)sink; }
+    // Delivers blocks to `sink` until `stop` is stopped or its deadline passes.
+    virtual void Run(BlockSink& sink, Stopper& stop) = 0;
+};
+
+// Turns a byte stream (pipes, sockets) back into blocks of a fixed size.
+class StreamReassembler {
+public:
+    StreamReassembler(size_t blockSize, BlockSink& sink) : blockSize_(blockSize), sink_(sink) {
+        pending_.reserve(blockSize);
+    }
+    void Feed(const char* data, size_t size);
+
+private:
+    size_t blockSize_;
+    BlockSink& sink_;
+    std::vector<char> pending_;
+};
+
+// Transport names, in report order; `available` is false for peers not built in.
+struct TransportInfo {
+    std::string name;
+    std::string label;
+    bool isSlot;
+    bool latency;
+    bool throughput;
+    bool multiWriter;
+};
+const std::vector<TransportInfo>& Transports();
+const TransportInfo* FindTransport(const std::string& name);
+
+// Why a transport cannot run here, or "" when it can.
+std::string TransportUnavailable(const std::string& name);
+
+// Parent side: creates what must exist before the children start (FIFO, condition segment,
+// socket pair) and removes everything of the run afterwards, also after a failure.
+void PrepareTransport(RunSpec& spec);
+void CleanupTransport(RunSpec& spec);
+
+std::unique_ptr<Sender> MakeSender(const RunSpec& spec);
+std::unique_ptr<Receiver> MakeReceiver(const RunSpec& spec);
+
+// Optional peers, defined in their own files when the package was found at configure time.
+#ifdef SLOTBENCH_HAVE_ZMQ
+std::unique_ptr<Sender> MakeZmqSender(const RunSpec& spec);
+std::unique_ptr<Receiver> MakeZmqReceiver(const RunSpec& spec);
+std::string ZmqVersion();
+#endif
+#ifdef SLOTBENCH_HAVE_ICEORYX
+std::unique_ptr<Sender> MakeIceoryxSender(const RunSpec& spec);
+std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunSpec& spec);
+#endif
+
+// Slot library logging: everything off except the "queue is full" warnings, which are counted.
+void ConfigureSlotLogging();
+std::uint64_t SlotRefusalsLogged();
+// Every other WARN or ERROR line the library logged in this process.
+std::uint64_t SlotOtherMessagesLogged();
+
+}  // namespace bench

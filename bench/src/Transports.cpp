@@ -1,0 +1,732 @@
+#include "Transport.h"
+
+#include <Slot/ISlotConfiguration.h>
+#include <Slot/SlotFactory.h>
+#include <shared/ISubscriber.h>
+#include <shared/SharedMemory.h>
+
+#include <FileUtils/NamedPipeCreator.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/interprocess/ipc/message_queue.hpp>
+
+#include <fcntl.h>
+#include <mqueue.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+namespace bench {
+
+// ---------------------------------------------------------------------------------------------
+// RunSpec, Stopper, StreamReassembler
+
+std::vector<std::string> RunSpec::ToArgs() const {
+    return {"transport=" + transport,
+            "name=" + name,
+            "tmp=" + tmpDir,
+            "size=" + std::to_string(blockSize),
+            "depth=" + std::to_string(depth),
+            "writers=" + std::to_string(writers),
+            "writer_id=" + std::to_string(writerId),
+            "throughput=" + std::string(throughput ? "1" : "0"),
+            "update_ms=" + FormatDouble(updateTimeMs, 3),
+            "fd_read=" + std::to_string(fdRead),
+            "fd_write=" + std::to_string(fdWrite)};
+}
+
+RunSpec RunSpec::FromArgs(const KeyValues& kv) {
+    RunSpec s;
+    s.transport = kv.Get("transport");
+    s.name = kv.Get("name");
+    s.tmpDir = kv.Get("tmp");
+    s.blockSize = kv.GetU64("size", 64);
+    s.depth = kv.GetU64("depth", 64);
+    s.writers = static_cast<unsigned int>(kv.GetU64("writers", 1));
+    s.writerId = static_cast<unsigned int>(kv.GetU64("writer_id", 0));
+    s.throughput = kv.Get("throughput") == "1";
+    s.updateTimeMs = kv.GetDouble("update_ms", 1000.0);
+    s.fdRead = static_cast<int>(std::strtol(kv.Get("fd_read", "-1").c_str(), nullptr, 10));
+    s.fdWrite = static_cast<int>(std::strtol(kv.Get("fd_write", "-1").c_str(), nullptr, 10));
+    return s;
+}
+
+void Stopper::Stop() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopped_.store(true);
+    }
+    cv_.notify_all();
+}
+
+bool Stopper::Stopped() const {
+    return stopped_.load(std::memory_order_relaxed) || NowNs() >= deadlineNs_;
+}
+
+bool Stopper::Wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!stopped_.load()) {
+        const std::uint64_t now = NowNs();
+        if (now >= deadlineNs_) {
+            return false;
+        }
+        cv_.wait_for(lock, std::chrono::nanoseconds(std::min<std::uint64_t>(
+                               deadlineNs_ - now, 100000000ull)));
+    }
+    return true;
+}
+
+void StreamReassembler::Feed(const char* data, size_t size) {
+    while (size > 0) {
+        if (pending_.empty() && size >= blockSize_) {
+            // Whole blocks straight from the chunk, without a copy.
+            sink_.OnBlock(data, blockSize_);
+            data += blockSize_;
+            size -= blockSize_;
+            continue;
+        }
+        const size_t take = std::min(size, blockSize_ - pending_.size());
+        pending_.insert(pending_.end(), data, data + take);
+        data += take;
+        size -= take;
+        if (pending_.size() == blockSize_) {
+            sink_.OnBlock(pending_.data(), pending_.size());
+            pending_.clear();
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Catalogue
+
+const std::vector<TransportInfo>& Transports() {
+    static const std::vector<TransportInfo> all = {
+        // name, label, isSlot, latency, throughput, multiWriter
+        {"floor-condvar", "floor: pthread mutex+condvar", false, true, false, false},
+        {"slot-discarding", "slot discarding", true, true, false, false},
+        {"slot-reliable", "slot reliable", true, true, true, true},
+        {"slot-posix-pipe", "slot posix-pipe", true, true, false, false},
+        {"boost-mq", "Boost.Interprocess message_queue", false, true, true, true},
+        {"posix-mq", "POSIX mq", false, true, true, true},
+        {"fifo", "pipe/FIFO", false, true, true, false},
+        {"uds", "Unix socket pair", false, true, true, false},
+        {"zmq", "ZeroMQ ipc PUB/SUB", false, true, true, false},
+        {"iceoryx", "iceoryx (WaitSet)", false, true, true, false},
+    };
+    return all;
+}
+
+const TransportInfo* FindTransport(const std::string& name) {
+    for (const TransportInfo& t : Transports()) {
+        if (t.name == name) {
+            return &t;
+        }
+    }
+    return nullptr;
+}
+
+std::string TransportUnavailable(const std::string& name) {
+    if (name == "zmq") {
+#ifdef SLOTBENCH_HAVE_ZMQ
+        return "";
+#else
+        return "libzmq3-dev was not found when the benchmark was configured";
+#endif
+    }
+    if (name == "iceoryx") {
+#ifdef SLOTBENCH_HAVE_ICEORYX
+        const char* roudi = std::getenv("SLOTBENCH_ROUDI");
+        if (roudi == nullptr || std::string(roudi) != "running") {
+            return roudi != nullptr && *roudi ? std::string(roudi)
+                                              : "no RouDi daemon was started for this run";
+        }
+        return "";
+#else
+        return "libiceoryx-posh-dev was not found when the benchmark was configured";
+#endif
+    }
+    return "";
+}
+
+// ---------------------------------------------------------------------------------------------
+// Slots, through the library's factory
+
+namespace {
+
+class BenchSlotConfig : public ISlotConfiguration {
+public:
+    BenchSlotConfig(const std::string& name, const std::string& type, size_t maxSize,
+                    size_t bufferLength, double updateMs)
+        : name_(name),
+          type_(type),
+          maxSize_(maxSize),
+          bufferLength_(bufferLength),
+          update_(boost::posix_time::microseconds(static_cast<long>(updateMs * 1000.0))) {}
+    std::string GetName() const override { return name_; }
+    size_t GetMaxSize() const override { return maxSize_; }
+    size_t GetMaxBufferLength() const override { return bufferLength_; }
+    boost::posix_time::time_duration GetUpdateTime() const override { return update_; }
+    std::string GetSlotType() const override { return type_; }
+
+private:
+    std::string name_;
+    std::string type_;
+    size_t maxSize_;
+    size_t bufferLength_;
+    boost::posix_time::time_duration update_;
+};
+
+std::string SlotType(const std::string& transport) {
+    if (transport == "slot-discarding") {
+        return "discarding";
+    }
+    if (transport == "slot-reliable") {
+        return "reliable";
+    }
+    return "posix-pipe";
+}
+
+// Waits a little after a refusal: yields first, then sleeps up to 100 us, so that a writer
+// spinning on a full queue does not starve the reader of its core.
+void Backoff(unsigned int attempt) {
+    if (attempt < 4) {
+        sched_yield();
+        return;
+    }
+    const long us = std::min(100L, 5L << std::min(attempt - 4, 5u));
+    timespec ts = {0, us * 1000};
+    nanosleep(&ts, nullptr);
+}
+
+class SlotSender : public Sender {
+public:
+    explicit SlotSender(const RunSpec& spec)
+        : cfg_(spec.name, SlotType(spec.transport), spec.blockSize, spec.depth,
+               spec.updateTimeMs),
+          reliable_(spec.transport == "slot-reliable") {
+        writer_ = SlotFactory::CreateSlotWriter(&cfg_);
+    }
+    void Send(const char* data, size_t size) override {
+        if (!reliable_) {
+            writer_->onNotify(cfg_.GetName(), data, size);
+            return;
+        }
+        // A refused write is only logged: the counting appender tells us, and we try again.
+        for (unsigned int attempt = 0;; ++attempt) {
+            const std::uint64_t before = SlotRefusalsLogged();
+            writer_->onNotify(cfg_.GetName(), data, size);
+            if (SlotRefusalsLogged() == before) {
+                return;
+            }
+            ++refusals_;
+            Backoff(attempt);
+        }
+    }
+    std::uint64_t Refusals() const override { return refusals_; }
+
+private:
+    BenchSlotConfig cfg_;
+    bool reliable_;
+    ISubscriberPtr writer_;
+    std::uint64_t refusals_ = 0;
+};
+
+class SinkSubscriber : public shared::ISubscriber {
+public:
+    explicit SinkSubscriber(BlockSink& sink) : sink_(sink) {}
+    void onNotify(const std::string&, const void* data, size_t size) override {
+        sink_.OnBlock(static_cast<const char*>(data), size);
+    }
+
+private:
+    BlockSink& sink_;
+};
+
+class StreamSubscriber : public shared::ISubscriber {
+public:
+    StreamSubscriber(size_t blockSize, BlockSink& sink) : reassembler_(blockSize, sink) {}
+    void onNotify(const std::string&, const void* data, size_t size) override {
+        reassembler_.Feed(static_cast<const char*>(data), size);
+    }
+
+private:
+    StreamReassembler reassembler_;
+};
+
+class SlotReceiver : public Receiver {
+public:
+    explicit SlotReceiver(const RunSpec& spec)
+        : cfg_(spec.name, SlotType(spec.transport), spec.blockSize, spec.depth,
+               spec.updateTimeMs),
+          stream_(spec.transport == "slot-posix-pipe"),
+          blockSize_(spec.blockSize) {
+        reader_ = SlotFactory::CreateSlotReader(&cfg_);
+    }
+    void Attach(BlockSink& sink) override {
+        if (stream_) {
+            subscriber_.reset(new StreamSubscriber(blockSize_, sink));
+        } else {
+            subscriber_.reset(new SinkSubscriber(sink));
+        }
+        reader_->subscribe(subscriber_.get());
+    }
+    void Run(BlockSink&, Stopper& stop) override {
+        stop.Wait();
+        // Returns once a notification in progress has finished.
+        reader_->unsubscribe(subscriber_.get());
+    }
+
+private:
+    BenchSlotConfig cfg_;
+    bool stream_;
+    size_t blockSize_;
+    INotifierPtr reader_;
+    std::unique_ptr<shared::ISubscriber> subscriber_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Floor: one shared buffer handed over under a process-shared pthread mutex, the reader woken by
+// a process-shared pthread condition variable (CLOCK_MONOTONIC for its timed waits).
+
+struct FloorShared {
+    pthread_mutex_t mutex;
+    pthread_cond_t cond;
+    std::uint64_t seq;  // guarded by mutex; blocks written so far
+    std::uint32_t size;
+    std::uint32_t pad;
+    char data[8];  // blockSize bytes in the mapping
+};
+
+std::string FloorName(const RunSpec& spec) {
+    return "/" + spec.name + "_floor";
+}
+
+size_t FloorBytes(const RunSpec& spec) {
+    return sizeof(FloorShared) + spec.blockSize;
+}
+
+FloorShared* MapFloor(const RunSpec& spec, bool create) {
+    const std::string name = FloorName(spec);
+    const int fd = shm_open(name.c_str(), create ? (O_RDWR | O_CREAT | O_EXCL) : O_RDWR, 0600);
+    if (fd < 0) {
+        throw std::runtime_error("floor segment: " + std::string(std::strerror(errno)));
+    }
+    if (create && ftruncate(fd, static_cast<off_t>(FloorBytes(spec))) != 0) {
+        close(fd);
+        throw std::runtime_error("floor segment: ftruncate failed");
+    }
+    void* p = mmap(nullptr, FloorBytes(spec), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (p == MAP_FAILED) {
+        throw std::runtime_error("floor segment: mmap failed");
+    }
+    return static_cast<FloorShared*>(p);
+}
+
+class FloorSender : public Sender {
+public:
+    explicit FloorSender(const RunSpec& spec) : spec_(spec), shared_(MapFloor(spec, false)) {}
+    ~FloorSender() override { munmap(shared_, FloorBytes(spec_)); }
+    void Send(const char* data, size_t size) override {
+        pthread_mutex_lock(&shared_->mutex);
+        std::memcpy(shared_->data, data, size);
+        shared_->size = static_cast<std::uint32_t>(size);
+        ++shared_->seq;
+        pthread_mutex_unlock(&shared_->mutex);
+        // Outside the mutex, as the slot writer does.
+        pthread_cond_broadcast(&shared_->cond);
+    }
+
+private:
+    RunSpec spec_;
+    FloorShared* shared_;
+};
+
+class FloorReceiver : public Receiver {
+public:
+    explicit FloorReceiver(const RunSpec& spec)
+        : spec_(spec), shared_(MapFloor(spec, false)), buffer_(spec.blockSize) {}
+    ~FloorReceiver() override { munmap(shared_, FloorBytes(spec_)); }
+    void Run(BlockSink& sink, Stopper& stop) override {
+        // The parent starts the sequence at 0; a block written before this loop began is
+        // still picked up.
+        std::uint64_t seen = 0;
+        while (!stop.Stopped()) {
+            pthread_mutex_lock(&shared_->mutex);
+            while (shared_->seq == seen && !stop.Stopped()) {
+                timespec deadline;
+                clock_gettime(CLOCK_MONOTONIC, &deadline);
+                deadline.tv_nsec += 50000000;
+                if (deadline.tv_nsec >= 1000000000) {
+                    deadline.tv_nsec -= 1000000000;
+                    ++deadline.tv_sec;
+                }
+                pthread_cond_timedwait(&shared_->cond, &shared_->mutex, &deadline);
+            }
+            const bool fresh = shared_->seq != seen;
+            size_t size = 0;
+            if (fresh) {
+                seen = shared_->seq;
+                size = std::min<size_t>(shared_->size, buffer_.size());
+                std::memcpy(buffer_.data(), shared_->data, size);
+            }
+            pthread_mutex_unlock(&shared_->mutex);
+            if (fresh) {
+                sink.OnBlock(buffer_.data(), size);
+            }
+        }
+    }
+
+private:
+    RunSpec spec_;
+    FloorShared* shared_;
+    std::vector<char> buffer_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Boost.Interprocess message_queue used directly: the same queue type the slot keeps its blocks
+// in, blocking send and receive.
+
+typedef boost::interprocess::message_queue_t<shared::SlotOffsetPtr> BoostQueue;
+
+std::string BoostQueueName(const RunSpec& spec) {
+    return spec.name + "_bmq";
+}
+
+class BoostMqSender : public Sender {
+public:
+    explicit BoostMqSender(const RunSpec& spec)
+        : queue_(boost::interprocess::open_only, BoostQueueName(spec).c_str()) {}
+    void Send(const char* data, size_t size) override {
+        queue_.send(data, static_cast<BoostQueue::size_type>(size), 0);
+    }
+
+private:
+    BoostQueue queue_;
+};
+
+class BoostMqReceiver : public Receiver {
+public:
+    explicit BoostMqReceiver(const RunSpec& spec)
+        : queue_(boost::interprocess::open_only, BoostQueueName(spec).c_str()),
+          buffer_(queue_.get_max_msg_size()) {}
+    void Run(BlockSink& sink, Stopper& stop) override {
+        while (!stop.Stopped()) {
+            BoostQueue::size_type received = 0;
+            unsigned int priority = 0;
+            // Deadlines of Boost.Interprocess are absolute UTC times.
+            const boost::posix_time::ptime deadline =
+                boost::posix_time::microsec_clock::universal_time() +
+                boost::posix_time::milliseconds(50);
+            if (queue_.timed_receive(buffer_.data(), buffer_.size(), received, priority,
+                                     deadline)) {
+                sink.OnBlock(buffer_.data(), received);
+            }
+        }
+    }
+
+private:
+    BoostQueue queue_;
+    std::vector<char> buffer_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// POSIX message queue, blocking send and receive.
+
+std::string PosixQueueName(const RunSpec& spec) {
+    return "/" + spec.name + "_pmq";
+}
+
+class PosixMqSender : public Sender {
+public:
+    explicit PosixMqSender(const RunSpec& spec) {
+        queue_ = mq_open(PosixQueueName(spec).c_str(), O_WRONLY);
+        if (queue_ == static_cast<mqd_t>(-1)) {
+            throw std::runtime_error("mq_open: " + std::string(std::strerror(errno)));
+        }
+    }
+    ~PosixMqSender() override { mq_close(queue_); }
+    void Send(const char* data, size_t size) override {
+        while (mq_send(queue_, data, size, 0) != 0) {
+            if (errno != EINTR) {
+                throw std::runtime_error("mq_send: " + std::string(std::strerror(errno)));
+            }
+        }
+    }
+
+private:
+    mqd_t queue_;
+};
+
+class PosixMqReceiver : public Receiver {
+public:
+    explicit PosixMqReceiver(const RunSpec& spec) {
+        queue_ = mq_open(PosixQueueName(spec).c_str(), O_RDONLY);
+        if (queue_ == static_cast<mqd_t>(-1)) {
+            throw std::runtime_error("mq_open: " + std::string(std::strerror(errno)));
+        }
+        mq_attr attr;
+        mq_getattr(queue_, &attr);
+        buffer_.resize(static_cast<size_t>(attr.mq_msgsize));
+    }
+    ~PosixMqReceiver() override { mq_close(queue_); }
+    void Run(BlockSink& sink, Stopper& stop) override {
+        while (!stop.Stopped()) {
+            timespec deadline;
+            clock_gettime(CLOCK_REALTIME, &deadline);
+            deadline.tv_nsec += 50000000;
+            if (deadline.tv_nsec >= 1000000000) {
+                deadline.tv_nsec -= 1000000000;
+                ++deadline.tv_sec;
+            }
+            const ssize_t n =
+                mq_timedreceive(queue_, buffer_.data(), buffer_.size(), nullptr, &deadline);
+            if (n >= 0) {
+                sink.OnBlock(buffer_.data(), static_cast<size_t>(n));
+            }
+        }
+    }
+
+private:
+    mqd_t queue_;
+    std::vector<char> buffer_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Byte streams: a FIFO and a Unix-domain stream socket pair, blocking writes, poll + read.
+
+void WriteAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        const ssize_t n = write(fd, data, size);
+        if (n > 0) {
+            data += n;
+            size -= static_cast<size_t>(n);
+        } else if (n < 0 && errno != EINTR) {
+            throw std::runtime_error("write: " + std::string(std::strerror(errno)));
+        }
+    }
+}
+
+class FdSender : public Sender {
+public:
+    explicit FdSender(int fd) : fd_(fd) {}
+    ~FdSender() override { close(fd_); }
+    void Send(const char* data, size_t size) override { WriteAll(fd_, data, size); }
+
+private:
+    int fd_;
+};
+
+class FdReceiver : public Receiver {
+public:
+    FdReceiver(int fd, size_t blockSize)
+        : fd_(fd), blockSize_(blockSize), buffer_(std::max<size_t>(blockSize, 256 * 1024)) {}
+    ~FdReceiver() override { close(fd_); }
+    void Run(BlockSink& sink, Stopper& stop) override {
+        StreamReassembler reassembler(blockSize_, sink);
+        while (!stop.Stopped()) {
+            pollfd p = {fd_, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0) {
+                continue;
+            }
+            const ssize_t n = read(fd_, buffer_.data(), buffer_.size());
+            if (n > 0) {
+                reassembler.Feed(buffer_.data(), static_cast<size_t>(n));
+            } else if (n == 0) {
+                return;  // the writer closed: nothing more will come
+            }
+        }
+    }
+
+private:
+    int fd_;
+    size_t blockSize_;
+    std::vector<char> buffer_;
+};
+
+std::string FifoPath(const RunSpec& spec) {
+    return spec.tmpDir + "/" + spec.name + ".fifo";
+}
+
+int OpenOrThrow(const std::string& path, int flags) {
+    const int fd = open(path.c_str(), flags);
+    if (fd < 0) {
+        throw std::runtime_error("open " + path + ": " + std::strerror(errno));
+    }
+    return fd;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Parent side
+
+void PrepareTransport(RunSpec& spec) {
+    const std::string& t = spec.transport;
+    if (t == "floor-condvar") {
+        FloorShared* f = MapFloor(spec, true);
+        pthread_mutexattr_t ma;
+        pthread_mutexattr_init(&ma);
+        pthread_mutexattr_setpshared(&ma, PTHREAD_PROCESS_SHARED);
+        pthread_mutex_init(&f->mutex, &ma);
+        pthread_mutexattr_destroy(&ma);
+        pthread_condattr_t ca;
+        pthread_condattr_init(&ca);
+        pthread_condattr_setpshared(&ca, PTHREAD_PROCESS_SHARED);
+        pthread_condattr_setclock(&ca, CLOCK_MONOTONIC);
+        pthread_cond_init(&f->cond, &ca);
+        pthread_condattr_destroy(&ca);
+        f->seq = 0;
+        f->size = 0;
+        munmap(f, FloorBytes(spec));
+    } else if (t == "boost-mq") {
+        BoostQueue::remove(BoostQueueName(spec).c_str());
+        BoostQueue queue(boost::interprocess::create_only, BoostQueueName(spec).c_str(),
+                         static_cast<BoostQueue::size_type>(spec.depth),
+                         static_cast<BoostQueue::size_type>(spec.blockSize));
+    } else if (t == "posix-mq") {
+        // The default limit of a queue's length (fs.mqueue.msg_max) is 10; ask for the run's
+        // depth and fall back to what the system grants, which the report then shows.
+        mq_unlink(PosixQueueName(spec).c_str());
+        const std::vector<long> depths = {static_cast<long>(spec.depth), 64, 10};
+        std::string error;
+        for (long depth : depths) {
+            if (depth > static_cast<long>(spec.depth)) {
+                continue;
+            }
+            mq_attr attr;
+            std::memset(&attr, 0, sizeof attr);
+            attr.mq_maxmsg = depth;
+            attr.mq_msgsize = static_cast<long>(spec.blockSize);
+            const mqd_t q = mq_open(PosixQueueName(spec).c_str(), O_RDWR | O_CREAT | O_EXCL,
+                                    0600, &attr);
+            if (q != static_cast<mqd_t>(-1)) {
+                mq_close(q);
+                spec.depth = static_cast<size_t>(depth);
+                return;
+            }
+            error = std::strerror(errno);
+        }
+        throw std::runtime_error("mq_open of " + std::to_string(spec.blockSize) +
+                                 "-byte messages refused: " + error +
+                                 " (see /proc/sys/fs/mqueue/msgsize_max)");
+    } else if (t == "fifo") {
+        unlink(FifoPath(spec).c_str());
+        if (mkfifo(FifoPath(spec).c_str(), 0600) != 0) {
+            throw std::runtime_error("mkfifo: " + std::string(std::strerror(errno)));
+        }
+    } else if (t == "uds") {
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
+            throw std::runtime_error("socketpair: " + std::string(std::strerror(errno)));
+        }
+        spec.fdRead = sv[0];
+        spec.fdWrite = sv[1];
+    }
+}
+
+void CleanupTransport(RunSpec& spec) {
+    const std::string& t = spec.transport;
+    if (t == "slot-discarding" || t == "slot-reliable") {
+        SlotFactory::RemoveSlot(spec.name);
+    } else if (t == "slot-posix-pipe") {
+        unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(spec.name).c_str());
+    } else if (t == "floor-condvar") {
+        shm_unlink(FloorName(spec).c_str());
+    } else if (t == "boost-mq") {
+        BoostQueue::remove(BoostQueueName(spec).c_str());
+    } else if (t == "posix-mq") {
+        mq_unlink(PosixQueueName(spec).c_str());
+    } else if (t == "fifo") {
+        unlink(FifoPath(spec).c_str());
+    } else if (t == "uds") {
+        if (spec.fdRead >= 0) {
+            close(spec.fdRead);
+        }
+        if (spec.fdWrite >= 0) {
+            close(spec.fdWrite);
+        }
+        spec.fdRead = spec.fdWrite = -1;
+    }
+}
+
+std::unique_ptr<Sender> MakeSender(const RunSpec& spec) {
+    const std::string& t = spec.transport;
+    if (t.rfind("slot-", 0) == 0) {
+        return std::unique_ptr<Sender>(new SlotSender(spec));
+    }
+    if (t == "floor-condvar") {
+        return std::unique_ptr<Sender>(new FloorSender(spec));
+    }
+    if (t == "boost-mq") {
+        return std::unique_ptr<Sender>(new BoostMqSender(spec));
+    }
+    if (t == "posix-mq") {
+        return std::unique_ptr<Sender>(new PosixMqSender(spec));
+    }
+    if (t == "fifo") {
+        return std::unique_ptr<Sender>(new FdSender(OpenOrThrow(FifoPath(spec), O_WRONLY)));
+    }
+    if (t == "uds") {
+        return std::unique_ptr<Sender>(new FdSender(spec.fdWrite));
+    }
+#ifdef SLOTBENCH_HAVE_ZMQ
+    if (t == "zmq") {
+        return MakeZmqSender(spec);
+    }
+#endif
+#ifdef SLOTBENCH_HAVE_ICEORYX
+    if (t == "iceoryx") {
+        return MakeIceoryxSender(spec);
+    }
+#endif
+    throw std::runtime_error("unknown transport " + t);
+}
+
+std::unique_ptr<Receiver> MakeReceiver(const RunSpec& spec) {
+    const std::string& t = spec.transport;
+    if (t.rfind("slot-", 0) == 0) {
+        return std::unique_ptr<Receiver>(new SlotReceiver(spec));
+    }
+    if (t == "floor-condvar") {
+        return std::unique_ptr<Receiver>(new FloorReceiver(spec));
+    }
+    if (t == "boost-mq") {
+        return std::unique_ptr<Receiver>(new BoostMqReceiver(spec));
+    }
+    if (t == "posix-mq") {
+        return std::unique_ptr<Receiver>(new PosixMqReceiver(spec));
+    }
+    if (t == "fifo") {
+        // Read-write, so that opening does not wait for the writer and never sees end-of-file.
+        return std::unique_ptr<Receiver>(
+            new FdReceiver(OpenOrThrow(FifoPath(spec), O_RDWR | O_CLOEXEC), spec.blockSize));
+    }
+    if (t == "uds") {
+        return std::unique_ptr<Receiver>(new FdReceiver(spec.fdRead, spec.blockSize));
+    }
+#ifdef SLOTBENCH_HAVE_ZMQ
+    if (t == "zmq") {
+        return MakeZmqReceiver(spec);
+    }
+#endif
+#ifdef SLOTBENCH_HAVE_ICEORYX
+    if (t == "iceoryx") {
+        return MakeIceoryxReceiver(spec);
+    }
+#endif
+    throw std::runtime_error("unknown transport " + t);
+}
+
+}  // namespace bench

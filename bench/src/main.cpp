@@ -1,0 +1,302 @@
+// slotbench: latency, throughput, scale and creation costs of libSlot's slots, next to the
+// machine's floor and to other IPC mechanisms, every writer and reader in a process of its own.
+//
+//   slotbench --out DIR [--quick] [--tag TAG] [--tmp DIR] [--only PARTS] [--transports LIST]
+//             [--sizes LIST]
+//   slotbench --cleanup --tag TAG      remove whatever a killed run with this tag left behind
+//
+// Exit status: 0 when every measured path delivered every block intact, 1 when a block was
+// lost, duplicated or corrupted or a run failed, 2 for a usage error.
+#include "Scenarios.h"
+
+#include <Slot/SlotFactory.h>
+
+#include <dirent.h>
+#include <mqueue.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <sstream>
+
+using namespace bench;
+
+namespace {
+
+std::vector<std::string> Split(const std::string& text) {
+    std::vector<std::string> parts;
+    std::stringstream in(text);
+    std::string part;
+    while (std::getline(in, part, ',')) {
+        if (!part.empty()) {
+            parts.push_back(part);
+        }
+    }
+    return parts;
+}
+
+bool Wanted(const std::vector<std::string>& filter, const std::string& item) {
+    return filter.empty() || std::find(filter.begin(), filter.end(), item) != filter.end();
+}
+
+// Names in /dev/shm that hold the tag: what a run leaves behind when it is killed.
+std::vector<std::string> Leftovers(const std::string& tag) {
+    std::vector<std::string> found;
+    DIR* dir = opendir("/dev/shm");
+    if (dir == nullptr) {
+        return found;
+    }
+    while (dirent* e = readdir(dir)) {
+        if (std::strstr(e->d_name, tag.c_str()) != nullptr) {
+            found.push_back(e->d_name);
+        }
+    }
+    closedir(dir);
+    return found;
+}
+
+// POSIX queues live outside /dev/shm (no mqueue file system is mounted here): unlink every name
+// a run with this tag could have used.
+void UnlinkQueues(const std::string& tag) {
+    for (const char* what : {"lat", "tp"}) {
+        for (size_t size : {64, 1024, 4096, 65536}) {
+            for (const char* suffix : {"", "_w2"}) {
+                const std::string name = "/" + tag + "_" + what + "_posix-mq_" +
+                                         std::to_string(size) + suffix + "_pmq";
+                mq_unlink(name.c_str());
+            }
+        }
+    }
+}
+
+int Cleanup(const std::string& tag) {
+    UnlinkQueues(tag);
+    for (const std::string& name : Leftovers(tag)) {
+        const std::string path = "/dev/shm/" + name;
+        std::fprintf(stderr, "slotbench: removing leftover /dev/shm/%s\n", name.c_str());
+        unlink(path.c_str());
+    }
+    return 0;
+}
+
+void Usage() {
+    std::fprintf(stderr,
+                 "usage: slotbench --out DIR [--quick] [--tag TAG] [--tmp DIR]\n"
+                 "                 [--only latency,throughput,scale,creation]\n"
+                 "                 [--transports NAME,...] [--sizes BYTES,...]\n"
+                 "       slotbench --cleanup --tag TAG\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    SetSelfExecutable(argv[0]);
+    if (argc >= 2 && std::string(argv[1]) == "--child") {
+        KeyValues kv;
+        for (int i = 2; i < argc; ++i) {
+            const std::string arg = argv[i];
+            const size_t eq = arg.find('=');
+            if (eq != std::string::npos) {
+                kv.Set(arg.substr(0, eq), arg.substr(eq + 1));
+            }
+        }
+        return ChildMain(kv);
+    }
+
+    Plan plan;
+    std::string outDir, tag = "sb" + std::to_string(getpid()), tmpDir;
+    std::vector<std::string> only, transports, sizes;
+    bool cleanup = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        auto value = [&]() -> std::string {
+            if (i + 1 >= argc) {
+                Usage();
+                std::exit(2);
+            }
+            return argv[++i];
+        };
+        if (arg == "--quick") {
+            plan = Plan::Quick();
+        } else if (arg == "--out") {
+            outDir = value();
+        } else if (arg == "--tag") {
+            tag = value();
+        } else if (arg == "--tmp") {
+            tmpDir = value();
+        } else if (arg == "--only") {
+            only = Split(value());
+        } else if (arg == "--transports") {
+            transports = Split(value());
+        } else if (arg == "--sizes") {
+            sizes = Split(value());
+        } else if (arg == "--cleanup") {
+            cleanup = true;
+        } else {
+            Usage();
+            return 2;
+        }
+    }
+    if (cleanup) {
+        return Cleanup(tag);
+    }
+    if (outDir.empty()) {
+        Usage();
+        return 2;
+    }
+    auto sizeWanted = [&](size_t size) { return Wanted(sizes, std::to_string(size)); };
+
+    bool ownTmp = false;
+    if (tmpDir.empty()) {
+        char pattern[] = "/tmp/slotbench.XXXXXX";
+        if (mkdtemp(pattern) == nullptr) {
+            std::perror("mkdtemp");
+            return 2;
+        }
+        tmpDir = pattern;
+        ownTmp = true;
+    }
+    // Reliable readers' lock files and posix-pipe FIFOs go into the run's own directory.
+    setenv("SLOT_LOCK_DIR", (tmpDir + "/locks").c_str(), 0);
+    setenv("SLOT_PIPE_DIR", (tmpDir + "/pipes").c_str(), 0);
+    ConfigureSlotLogging();
+
+    Results results;
+    results.plan = plan;
+    {
+        Harness h;
+        h.tag = tag;
+        h.tmpDir = tmpDir;
+        h.plan = plan;
+        h.controlName = "/" + tag + "_ctl";
+        ControlSegment control(h.controlName, true);
+        h.control = &control;
+
+        std::fprintf(stderr, "slotbench: memcpy bandwidth\n");
+        results.memcpy = MeasureMemcpy(plan);
+
+        if (Wanted(only, "latency")) {
+            for (size_t size : plan.latencySizes) {
+                if (!sizeWanted(size)) {
+                    continue;
+                }
+                for (const TransportInfo& t : Transports()) {
+                    if (!t.latency || !Wanted(transports, t.name)) {
+                        continue;
+                    }
+                    LatencyResult r = RunLatency(h, t.name, size);
+                    std::fprintf(stderr, "slotbench: latency %-34s %6zu B: ", t.label.c_str(), size);
+                    if (r.status == Status::Ok) {
+                        std::fprintf(stderr, "p50 %.2f us p99 %.2f us lost %llu corrupt %llu\n",
+                                     r.p.p50 / 1e3, r.p.p99 / 1e3,
+                                     static_cast<unsigned long long>(r.lost),
+                                     static_cast<unsigned long long>(r.corrupt));
+                    } else {
+                        std::fprintf(stderr, "%s %s\n",
+                                     r.status == Status::Skipped ? "skipped:" : "FAILED:",
+                                     r.reason.c_str());
+                    }
+                    results.latency.push_back(r);
+                }
+            }
+        }
+        if (Wanted(only, "throughput")) {
+            for (size_t size : plan.throughputSizes) {
+                if (!sizeWanted(size)) {
+                    continue;
+                }
+                for (const TransportInfo& t : Transports()) {
+                    if (!t.throughput || !Wanted(transports, t.name)) {
+                        continue;
+                    }
+                    for (unsigned int writers : {1u, 2u}) {
+                        if (writers > 1 && !t.multiWriter) {
+                            continue;
+                        }
+                        ThroughputResult r = RunThroughput(h, t.name, size, writers);
+                        std::fprintf(stderr, "slotbench: throughput %-32s %6zu B %uw: ",
+                                     t.label.c_str(), size, writers);
+                        if (r.status == Status::Ok) {
+                            std::fprintf(stderr, "%.0f blocks/s %.1f MB/s refusals %llu lost %llu\n",
+                                         r.blocksPerSecond, r.megabytesPerSecond,
+                                         static_cast<unsigned long long>(r.refusals),
+                                         static_cast<unsigned long long>(r.lost));
+                        } else {
+                            std::fprintf(stderr, "%s %s\n",
+                                         r.status == Status::Skipped ? "skipped:" : "FAILED:",
+                                         r.reason.c_str());
+                        }
+                        results.throughput.push_back(r);
+                    }
+                }
+            }
+        }
+        if (Wanted(only, "scale")) {
+            for (unsigned int n : plan.scaleSlots) {
+                ScaleResult r = RunScale(h, n);
+                std::fprintf(stderr, "slotbench: scale %3u slots: p50 %.2f us p99 %.2f us %s\n", n,
+                             r.p.p50 / 1e3, r.p.p99 / 1e3, r.reason.c_str());
+                results.scale.push_back(r);
+            }
+        }
+        if (Wanted(only, "creation")) {
+            results.creation = RunCreation(h);
+            std::fprintf(stderr, "slotbench: creation costs %s\n",
+                         results.creation.status == Status::Ok ? "ok"
+                                                                : results.creation.reason.c_str());
+        }
+    }
+
+    std::set<std::string> skipped;
+    for (const LatencyResult& r : results.latency) {
+        if (r.status == Status::Skipped) {
+            skipped.insert(FindTransport(r.transport)->label + ": " + r.reason);
+        }
+        results.anyDataError = results.anyDataError || r.lost || r.duplicates || r.corrupt;
+        results.anyFailure = results.anyFailure || r.status == Status::Failed;
+    }
+    for (const ThroughputResult& r : results.throughput) {
+        if (r.status == Status::Skipped) {
+            skipped.insert(FindTransport(r.transport)->label + " (throughput, " +
+                           std::to_string(r.size) + " B): " + r.reason);
+        }
+        results.anyDataError = results.anyDataError || r.lost || r.duplicates || r.corrupt;
+        results.anyFailure = results.anyFailure || r.status == Status::Failed;
+    }
+    for (const ScaleResult& r : results.scale) {
+        results.anyDataError = results.anyDataError || r.lost || r.duplicates || r.corrupt;
+        results.anyFailure = results.anyFailure || r.status == Status::Failed;
+    }
+    results.anyFailure = results.anyFailure || results.creation.status == Status::Failed;
+    results.skipped.assign(skipped.begin(), skipped.end());
+
+    // Nothing of this run may stay behind.
+    UnlinkQueues(tag);
+    const std::vector<std::string> left = Leftovers(tag);
+    for (const std::string& name : left) {
+        std::fprintf(stderr, "slotbench: LEFT BEHIND /dev/shm/%s (removed now)\n", name.c_str());
+        unlink(("/dev/shm/" + name).c_str());
+    }
+    if (!left.empty()) {
+        results.anyFailure = true;
+    }
+    if (ownTmp) {
+        const std::string command = "rm -rf '" + tmpDir + "'";
+        if (std::system(command.c_str()) != 0) {
+            std::fprintf(stderr, "slotbench: could not remove %s\n", tmpDir.c_str());
+        }
+    }
+
+    WriteReport(results, outDir);
+    if (results.anyDataError || results.anyFailure) {
+        std::fprintf(stderr, "slotbench: FAILED: a measured path lost, duplicated or corrupted "
+                             "blocks, or a run failed (see the report)\n");
+        return 1;
+    }
+    std::fprintf(stderr, "slotbench: every measured path delivered every block intact\n");
+    return 0;
+}
