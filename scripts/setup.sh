@@ -1,41 +1,71 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs, when they are missing.
+# Installs the Debian packages the build needs, when they are missing. No prompts; a second run
+# with everything in place returns at once.
 #   scripts/setup.sh          native (x86_64) build dependencies
-#   scripts/setup.sh --i386   also the 32-bit (-m32) toolchain and :i386 libraries
+#   scripts/setup.sh --i386   also the 32-bit (-m32) build: g++-multilib, and the :i386 Boost,
+#                             log4cxx and GoogleTest libraries unpacked into a private tree that
+#                             cmake/i386.cmake uses (scripts/i386-sysroot.sh says why they are not
+#                             installed as :i386 packages)
+# Exits non-zero with one "... setup failed: ..." line when the environment cannot be made.
 set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+
+case "${1:-}" in
+    "") i386=0 ;;
+    --i386) i386=1 ;;
+    *) echo "usage: $0 [--i386]" >&2; exit 2 ;;
+esac
 
 native=(cmake g++ make pkg-config libboost-dev libboost-thread-dev libboost-date-time-dev
         libboost-system-dev liblog4cxx-dev libgtest-dev libgmock-dev googletest)
-i386=(g++-multilib libboost-thread-dev:i386 libboost-date-time-dev:i386 libboost-system-dev:i386
-      liblog4cxx-dev:i386 libgtest-dev:i386 libgmock-dev:i386)
-
 want=("${native[@]}")
-if [[ "${1:-}" == "--i386" ]]; then
-    want+=("${i386[@]}")
-fi
-
-missing=()
-for pkg in "${want[@]}"; do
-    dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" || missing+=("$pkg")
-done
-[[ ${#missing[@]} -eq 0 ]] && exit 0
+[[ $i386 -eq 1 ]] && want+=(g++-multilib)
 
 sudo=""
 [[ $(id -u) -ne 0 ]] && sudo="sudo"
-export DEBIAN_FRONTEND=noninteractive
-if [[ "${1:-}" == "--i386" ]] && ! dpkg --print-foreign-architectures | grep -qx i386; then
-    $sudo dpkg --add-architecture i386
+
+installed() {
+    dpkg-query -W -f='${Status}' "$1" 2> /dev/null | grep -q "install ok installed"
+}
+missing=()
+for pkg in "${want[@]}"; do
+    installed "$pkg" || missing+=("$pkg")
+done
+
+if [[ ${#missing[@]} -gt 0 ]]; then
+    export DEBIAN_FRONTEND=noninteractive
+    apt_opts=(-q -o DPkg::Lock::Timeout=600 -o Dpkg::Options::=--force-confdef
+              -o Dpkg::Options::=--force-confold)
+    # A mirror in the middle of a sync can fail one index: retry a little, then install from
+    # what we have (the install failing is what counts).
+    for attempt in 1 2 3; do
+        if $sudo apt-get "${apt_opts[@]}" update --error-on=any < /dev/null; then break; fi
+        echo "apt-get update failed (attempt $attempt of 3)" >&2
+        if [[ $attempt -lt 3 ]]; then sleep $((attempt * 10)); fi
+    done
+    ok=0
+    for attempt in 1 2 3; do
+        if $sudo apt-get "${apt_opts[@]}" install -y --no-install-recommends "${missing[@]}" \
+                < /dev/null; then
+            ok=1
+            break
+        fi
+        echo "apt-get install failed (attempt $attempt of 3)" >&2
+        [[ $attempt -lt 3 ]] || break
+        sleep $((attempt * 20))
+        $sudo apt-get "${apt_opts[@]}" update < /dev/null || true
+    done
+    if [[ $ok -eq 0 ]]; then
+        native_ok=1
+        for pkg in "${native[@]}"; do installed "$pkg" || native_ok=0; done
+        if [[ $i386 -eq 1 && $native_ok -eq 1 ]]; then
+            echo "i386 setup failed: cannot install g++-multilib" >&2
+        else
+            echo "setup failed: cannot install ${missing[*]}" >&2
+        fi
+        exit 1
+    fi
 fi
-# A mirror in the middle of a sync can fail one index; retry, then install from what we have.
-for attempt in 1 2 3 4 5; do
-    if $sudo apt-get update -q; then break; fi
-    echo "apt-get update failed (attempt $attempt), retrying" >&2
-    sleep $((attempt * 10))
-done
-for attempt in 1 2 3; do
-    if $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"; then exit 0; fi
-    echo "apt-get install failed (attempt $attempt), retrying" >&2
-    sleep $((attempt * 20))
-    $sudo apt-get update -q || true
-done
-exit 1
+
+[[ $i386 -eq 1 ]] || exit 0
+exec $sudo "$here/i386-sysroot.sh"
