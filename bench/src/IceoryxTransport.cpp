@@ -7,6 +7,7 @@
 
 #include "Transport.h"
 
+#include <iceoryx_hoofs/log/logmanager.hpp>
 #include <iceoryx_posh/mepoo/chunk_header.hpp>
 #include <iceoryx_posh/popo/untyped_publisher.hpp>
 #include <iceoryx_posh/popo/untyped_subscriber.hpp>
@@ -27,6 +28,9 @@ namespace {
 void InitRuntimeOnce() {
     static bool done = false;
     if (!done) {
+        // The runtime reports every registration at debug level otherwise.
+        iox::log::LogManager::GetLogManager().SetDefaultLogLevel(iox::log::LogLevel::kWarn,
+                                                              iox::log::LogLevelOutput::kHideLogLevel);
         const std::string app = "slotbench" + std::to_string(getpid());
         iox::runtime::PoshRuntime::initRuntime(
             iox::RuntimeName_t(iox::cxx::TruncateToCapacity, app.c_str()));

@@ -30,6 +30,7 @@ size_t Plan::ThroughputBlocks(size_t blockSize) const {
 Plan Plan::Quick() {
     Plan p;
     p.quick = true;
+    p.rounds = 1;
     p.latencyCount = 300;
     p.latencyWarmup = 30;
     p.throughputBytesPerWriter = 16ull * 1000 * 1000;
@@ -190,6 +191,14 @@ public:
             stop_.Stop();
         }
     }
+    bool SaveSamples(const std::string& path) const {
+        FILE* f = std::fopen(path.c_str(), "wb");
+        if (f == nullptr) {
+            return false;
+        }
+        const size_t n = std::fwrite(samples_.data(), sizeof(std::uint64_t), samples_.size(), f);
+        return std::fclose(f) == 0 && n == samples_.size();
+    }
     void Save(KeyValues& out, size_t expectedPerStream) const {
         std::uint64_t lost = 0, dup = 0;
         for (const SequenceStats& s : stats_) {
@@ -244,6 +253,9 @@ int LatencyReader(const KeyValues& kv, RunSpec& spec) {
     }
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
     sink.Save(out, count);
+    if (!sink.SaveSamples(kv.Get("out") + ".samples")) {
+        out.Set("error", "cannot write the latency samples");
+    }
     out.SetDouble("cpu_ns_per_block", static_cast<double>(cpu) / std::max<double>(1, count));
     out.Set("log_messages", SlotOtherMessagesLogged());
     out.Save(kv.Get("out"));
@@ -362,6 +374,8 @@ int ThroughputReader(const KeyValues& kv, RunSpec& spec) {
         receiver->Run(sink, stop);
     }
     out.Set("cpu_ns", ProcessCpuNs() - cpu0);
+    __atomic_store_n(&spec.control->reserved[kReaderDoneWord], 1u, __ATOMIC_SEQ_CST);
+    FutexWakeAll(&spec.control->reserved[kReaderDoneWord]);
     sink.Save(out, count);
     out.Set("log_messages", SlotOtherMessagesLogged());
     out.Save(kv.Get("out"));
@@ -393,6 +407,10 @@ int ThroughputWriter(const KeyValues& kv, RunSpec& spec) {
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
     WriterFinished(spec.control);
     out.Set("refusals", sender->Refusals());
+    // A queueing peer may still hold blocks that its socket has accepted; keep it open until
+    // the reader is done (or gives up), so closing cannot throw them away.
+    FutexWaitWhile(&spec.control->reserved[kReaderDoneWord], 0,
+                   NowNs() + GraceNs(spec) + 1000000000ull);
     CloseSender(spec, sender);
     out.Set("start_ns", start);
     out.Set("end_ns", end);
@@ -900,7 +918,8 @@ RunSpec BaseSpec(const Harness& h, const std::string& transport, size_t size) {
 // ---------------------------------------------------------------------------------------------
 // Parent entry points
 
-LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size) {
+LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, size_t count,
+                         size_t warmup) {
     LatencyResult r;
     r.transport = transport;
     r.size = size;
@@ -912,11 +931,10 @@ LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size) 
     }
     RunSpec spec = BaseSpec(h, transport, size);
     spec.name = RunName(h, "lat", transport, size);
-    const size_t count = h.plan.latencyCount;
     const std::uint64_t deadlineMs = 30000 + count * 2;
     PairOutcome o = RunPair(h, spec, "lat-reader", "lat-writer",
                             {"count=" + std::to_string(count),
-                             "warmup=" + std::to_string(h.plan.latencyWarmup),
+                             "warmup=" + std::to_string(warmup),
                              "gap_us=" + std::to_string(h.plan.gapUs)},
                             deadlineMs);
     if (o.problem.rfind("SKIP:", 0) == 0) {
@@ -924,13 +942,19 @@ LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size) 
         r.reason = o.problem.substr(5);
         return r;
     }
-    r.p.count = o.reader.GetU64("samples");
-    r.p.p50 = o.reader.GetDouble("p50");
-    r.p.p90 = o.reader.GetDouble("p90");
-    r.p.p99 = o.reader.GetDouble("p99");
-    r.p.p999 = o.reader.GetDouble("p999");
-    r.p.max = o.reader.GetDouble("max");
-    r.p.mean = o.reader.GetDouble("mean");
+    {
+        const std::string path = ResultPath(h, spec.name, "reader") + ".samples";
+        if (FILE* f = std::fopen(path.c_str(), "rb")) {
+            std::uint64_t v;
+            while (std::fread(&v, sizeof v, 1, f) == 1) {
+                r.samples.push_back(v);
+            }
+            std::fclose(f);
+        }
+        std::remove(path.c_str());
+    }
+    r.p = ComputePercentiles(r.samples);
+    r.runs = 1;
     r.lost = o.reader.GetU64("lost", o.problem.empty() ? 0 : count);
     r.duplicates = o.reader.GetU64("duplicates");
     r.corrupt = o.reader.GetU64("corrupt");
@@ -1089,6 +1113,64 @@ CreationResult RunCreation(Harness& h) {
     return r;
 }
 
+void MergeLatency(LatencyResult& total, const LatencyResult& round) {
+    if (total.runs == 0 && total.status == Status::Skipped && total.reason.empty()) {
+        total = round;
+        return;
+    }
+    if (round.status == Status::Skipped) {
+        return;
+    }
+    const double a = total.runs, b = round.runs;
+    total.writerCpuNsPerBlock = (total.writerCpuNsPerBlock * a + round.writerCpuNsPerBlock * b) /
+                                std::max(1.0, a + b);
+    total.readerCpuNsPerBlock = (total.readerCpuNsPerBlock * a + round.readerCpuNsPerBlock * b) /
+                                std::max(1.0, a + b);
+    total.runs += round.runs;
+    total.samples.insert(total.samples.end(), round.samples.begin(), round.samples.end());
+    total.p = ComputePercentiles(total.samples);
+    total.lost += round.lost;
+    total.duplicates += round.duplicates;
+    total.corrupt += round.corrupt;
+    if (round.status == Status::Failed) {
+        total.status = Status::Failed;
+        total.reason += round.reason;
+    } else if (total.status == Status::Skipped) {
+        total.status = round.status;
+    }
+}
+
+void MergeThroughput(ThroughputResult& total, const ThroughputResult& round) {
+    if (total.roundRates.empty() && total.status == Status::Skipped && total.reason.empty()) {
+        total = round;
+        total.roundRates.clear();
+    } else if (round.status == Status::Skipped) {
+        return;
+    } else {
+        const double n = static_cast<double>(total.roundRates.size());
+        total.readerCpuPercent = (total.readerCpuPercent * n + round.readerCpuPercent) / (n + 1);
+        total.writerCpuPercent = (total.writerCpuPercent * n + round.writerCpuPercent) / (n + 1);
+        total.blocks += round.blocks;
+        total.seconds += round.seconds;
+        total.refusals += round.refusals;
+        total.lost += round.lost;
+        total.duplicates += round.duplicates;
+        total.corrupt += round.corrupt;
+        if (round.status == Status::Failed) {
+            total.status = Status::Failed;
+            total.reason += round.reason;
+        }
+    }
+    if (round.status == Status::Ok) {
+        total.roundRates.push_back(round.blocksPerSecond);
+        std::vector<double> sorted = total.roundRates;
+        std::sort(sorted.begin(), sorted.end());
+        // Median round (the lower middle one for an even count).
+        total.blocksPerSecond = sorted[(sorted.size() - 1) / 2];
+        total.megabytesPerSecond = total.blocksPerSecond * static_cast<double>(total.size) / 1e6;
+    }
+}
+
 std::vector<MemcpyResult> MeasureMemcpy(const Plan& plan) {
     std::vector<MemcpyResult> results;
     const size_t workingSet = 64ull << 20;
@@ -1096,8 +1178,11 @@ std::vector<MemcpyResult> MeasureMemcpy(const Plan& plan) {
     for (size_t size : plan.latencySizes) {
         MemcpyResult m;
         m.size = size;
-        std::vector<char> src(size, 3), dst(size, 4);
-        auto run = [&](bool cold) {
+        std::vector<char> src(size, 3);
+        // `span` bytes of source and of destination are walked block by block; a span of one
+        // block keeps both in cache.
+        auto run = [&](size_t span) {
+            span = std::max(size, std::min(span, bigSrc.size()) / size * size);
             double best = 0;
             for (int trial = 0; trial < 5; ++trial) {
                 size_t copies = 0;
@@ -1105,19 +1190,17 @@ std::vector<MemcpyResult> MeasureMemcpy(const Plan& plan) {
                 const std::uint64_t t0 = NowNs();
                 std::uint64_t t1 = t0;
                 const std::uint64_t budget =
-                    static_cast<std::uint64_t>(plan.memcpySeconds * 1e9 / 5);
+                    static_cast<std::uint64_t>(plan.memcpySeconds * 1e9 / 15);
                 while (t1 - t0 < budget) {
                     for (int k = 0; k < 64; ++k) {
-                        char* d = cold ? bigDst.data() + offset : dst.data();
-                        const char* s = cold ? bigSrc.data() + offset : src.data();
+                        char* d = bigDst.data() + offset;
+                        const char* s = bigSrc.data() + offset;
                         std::memcpy(d, s, size);
                         // Keeps the copy from being optimised away.
                         asm volatile("" : : "r"(d) : "memory");
-                        if (cold) {
-                            offset += size;
-                            if (offset + size > bigSrc.size()) {
-                                offset = 0;
-                            }
+                        offset += size;
+                        if (offset + size > span) {
+                            offset = 0;
                         }
                     }
                     copies += 64;
@@ -1128,8 +1211,9 @@ std::vector<MemcpyResult> MeasureMemcpy(const Plan& plan) {
             }
             return best;  // bytes per ns = GB/s
         };
-        m.hotGBps = run(false);
-        m.coldGBps = run(true);
+        m.hotGBps = run(size);
+        m.queueGBps = run(plan.depth * size);
+        m.coldGBps = run(workingSet / 2);
         // The reader's check reads each block once.
         {
             std::uint64_t sink = 0;

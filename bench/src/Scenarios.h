@@ -19,7 +19,11 @@ struct Plan {
     std::vector<size_t> latencySizes = {64, 1024, 4096, 65536};
     std::vector<size_t> throughputSizes = {64, 4096, 65536};
     std::vector<unsigned int> scaleSlots = {1, 10, 100};
-    size_t latencyCount = 20000;
+    // Every latency and throughput run is split into rounds; a round visits every transport and
+    // size before the next begins, so a burst of load elsewhere on the machine hits all of
+    // them alike. Latency samples of the rounds are merged; throughput takes the median round.
+    unsigned int rounds = 3;
+    size_t latencyCount = 20000;  // per transport and size, over all rounds
     size_t latencyWarmup = 1000;
     unsigned int gapUs = 50;  // pause after each acknowledged block in paced runs
     size_t throughputBytesPerWriter = 1300ull * 1000 * 1000;  // scaled by block size, capped
@@ -49,6 +53,8 @@ struct LatencyResult {
     Percentiles p;  // nanoseconds
     std::uint64_t lost = 0, duplicates = 0, corrupt = 0;
     double writerCpuNsPerBlock = 0, readerCpuNsPerBlock = 0;
+    std::vector<std::uint64_t> samples;  // raw latencies of the runs merged so far
+    unsigned int runs = 0;
 };
 
 struct ThroughputResult {
@@ -64,6 +70,7 @@ struct ThroughputResult {
     std::uint64_t refusals = 0;
     double readerCpuPercent = 0, writerCpuPercent = 0;
     std::uint64_t lost = 0, duplicates = 0, corrupt = 0;
+    std::vector<double> roundRates;  // blocks/s of each round
 };
 
 struct ScaleResult {
@@ -95,8 +102,9 @@ struct CreationResult {
 
 struct MemcpyResult {
     size_t size = 0;
-    double hotGBps = 0;   // source and destination stay in cache
-    double coldGBps = 0;  // source and destination walk a 64 MiB working set
+    double hotGBps = 0;    // source and destination stay in cache
+    double queueGBps = 0;  // source and destination walk a slot queue's worth (depth x size)
+    double coldGBps = 0;   // source and destination walk a 64 MiB working set
     double checksumGBps = 0;  // the reader's block check, for comparison
 };
 
@@ -121,7 +129,12 @@ struct Harness {
     Plan plan;
 };
 
-LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size);
+// One round: `count` paced blocks, the first `warmup` not counted.
+LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, size_t count,
+                         size_t warmup);
+// Adds a round to the result so far (samples merged, counts summed, percentiles recomputed).
+void MergeLatency(LatencyResult& total, const LatencyResult& round);
+void MergeThroughput(ThroughputResult& total, const ThroughputResult& round);
 ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t size,
                                unsigned int writers);
 ScaleResult RunScale(Harness& h, unsigned int slots);

@@ -56,6 +56,8 @@ public:
 constexpr std::uint32_t kProbeMagic = 0x50524f42;  // "PROB"
 // Index in ControlBlock::reserved of the flag a reader sets when it has seen a probe.
 constexpr int kProbeSeenWord = 0;
+// Index in ControlBlock::reserved of the flag a throughput reader sets when it has stopped.
+constexpr int kReaderDoneWord = 1;
 
 // Receives complete blocks, on whatever thread the transport delivers on.
 class BlockSink {

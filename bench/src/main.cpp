@@ -179,62 +179,106 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "slotbench: memcpy bandwidth\n");
         results.memcpy = MeasureMemcpy(plan);
 
-        if (Wanted(only, "latency")) {
-            for (size_t size : plan.latencySizes) {
-                if (!sizeWanted(size)) {
-                    continue;
-                }
-                for (const TransportInfo& t : Transports()) {
-                    if (!t.latency || !Wanted(transports, t.name)) {
-                        continue;
-                    }
-                    LatencyResult r = RunLatency(h, t.name, size);
-                    std::fprintf(stderr, "slotbench: latency %-34s %6zu B: ", t.label.c_str(), size);
-                    if (r.status == Status::Ok) {
-                        std::fprintf(stderr, "p50 %.2f us p99 %.2f us lost %llu corrupt %llu\n",
-                                     r.p.p50 / 1e3, r.p.p99 / 1e3,
-                                     static_cast<unsigned long long>(r.lost),
-                                     static_cast<unsigned long long>(r.corrupt));
-                    } else {
-                        std::fprintf(stderr, "%s %s\n",
-                                     r.status == Status::Skipped ? "skipped:" : "FAILED:",
-                                     r.reason.c_str());
-                    }
-                    results.latency.push_back(r);
+        // Results keyed by transport, size and writers, merged over the rounds.
+        std::vector<LatencyResult> latency;
+        std::vector<ThroughputResult> throughput;
+        auto latencySlot = [&](const std::string& t, size_t size) -> LatencyResult& {
+            for (LatencyResult& r : latency) {
+                if (r.transport == t && r.size == size) {
+                    return r;
                 }
             }
-        }
-        if (Wanted(only, "throughput")) {
-            for (size_t size : plan.throughputSizes) {
-                if (!sizeWanted(size)) {
-                    continue;
+            latency.emplace_back();
+            latency.back().transport = t;
+            latency.back().size = size;
+            return latency.back();
+        };
+        auto throughputSlot = [&](const std::string& t, size_t size,
+                                  unsigned int writers) -> ThroughputResult& {
+            for (ThroughputResult& r : throughput) {
+                if (r.transport == t && r.size == size && r.writers == writers) {
+                    return r;
                 }
-                for (const TransportInfo& t : Transports()) {
-                    if (!t.throughput || !Wanted(transports, t.name)) {
+            }
+            throughput.emplace_back();
+            throughput.back().transport = t;
+            throughput.back().size = size;
+            throughput.back().writers = writers;
+            return throughput.back();
+        };
+        const size_t perRoundCount = std::max<size_t>(plan.latencyCount / plan.rounds, 10);
+        const size_t perRoundWarmup = plan.latencyWarmup / plan.rounds;
+        for (unsigned int round = 1; round <= plan.rounds; ++round) {
+            if (Wanted(only, "latency")) {
+                for (size_t size : plan.latencySizes) {
+                    if (!sizeWanted(size)) {
                         continue;
                     }
-                    for (unsigned int writers : {1u, 2u}) {
-                        if (writers > 1 && !t.multiWriter) {
+                    for (const TransportInfo& t : Transports()) {
+                        if (!t.latency || !Wanted(transports, t.name)) {
                             continue;
                         }
-                        ThroughputResult r = RunThroughput(h, t.name, size, writers);
-                        std::fprintf(stderr, "slotbench: throughput %-32s %6zu B %uw: ",
-                                     t.label.c_str(), size, writers);
+                        LatencyResult& total = latencySlot(t.name, size);
+                        if (round > 1 && total.status == Status::Skipped) {
+                            continue;
+                        }
+                        const LatencyResult r =
+                            RunLatency(h, t.name, size, perRoundCount, perRoundWarmup);
+                        MergeLatency(total, r);
+                        std::fprintf(stderr, "slotbench: round %u latency %-34s %6zu B: ", round,
+                                     t.label.c_str(), size);
                         if (r.status == Status::Ok) {
-                            std::fprintf(stderr, "%.0f blocks/s %.1f MB/s refusals %llu lost %llu\n",
-                                         r.blocksPerSecond, r.megabytesPerSecond,
-                                         static_cast<unsigned long long>(r.refusals),
-                                         static_cast<unsigned long long>(r.lost));
+                            std::fprintf(stderr, "p50 %.2f us p99 %.2f us lost %llu corrupt %llu\n",
+                                         r.p.p50 / 1e3, r.p.p99 / 1e3,
+                                         static_cast<unsigned long long>(r.lost),
+                                         static_cast<unsigned long long>(r.corrupt));
                         } else {
                             std::fprintf(stderr, "%s %s\n",
                                          r.status == Status::Skipped ? "skipped:" : "FAILED:",
                                          r.reason.c_str());
                         }
-                        results.throughput.push_back(r);
+                    }
+                }
+            }
+            if (Wanted(only, "throughput")) {
+                for (size_t size : plan.throughputSizes) {
+                    if (!sizeWanted(size)) {
+                        continue;
+                    }
+                    for (const TransportInfo& t : Transports()) {
+                        if (!t.throughput || !Wanted(transports, t.name)) {
+                            continue;
+                        }
+                        for (unsigned int writers : {1u, 2u}) {
+                            if (writers > 1 && !t.multiWriter) {
+                                continue;
+                            }
+                            ThroughputResult& total = throughputSlot(t.name, size, writers);
+                            if (round > 1 && total.status == Status::Skipped) {
+                                continue;
+                            }
+                            const ThroughputResult r = RunThroughput(h, t.name, size, writers);
+                            MergeThroughput(total, r);
+                            std::fprintf(stderr, "slotbench: round %u throughput %-32s %6zu B %uw: ",
+                                         round, t.label.c_str(), size, writers);
+                            if (r.status == Status::Ok) {
+                                std::fprintf(stderr,
+                                             "%.0f blocks/s %.1f MB/s refusals %llu lost %llu\n",
+                                             r.blocksPerSecond, r.megabytesPerSecond,
+                                             static_cast<unsigned long long>(r.refusals),
+                                             static_cast<unsigned long long>(r.lost));
+                            } else {
+                                std::fprintf(stderr, "%s %s\n",
+                                             r.status == Status::Skipped ? "skipped:" : "FAILED:",
+                                             r.reason.c_str());
+                            }
+                        }
                     }
                 }
             }
         }
+        results.latency = latency;
+        results.throughput = throughput;
         if (Wanted(only, "scale")) {
             for (unsigned int n : plan.scaleSlots) {
                 ScaleResult r = RunScale(h, n);
