@@ -18,6 +18,7 @@
 #include <csignal>
 #include <cstdint>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace {
@@ -129,6 +130,35 @@ TEST(SlotctlErrors, HelpForTheToolAndEveryCommand) {
     const Outcome run = Slotctl({"--help"});
     EXPECT_EQ(0, run.status);
     EXPECT_TRUE(Contains(run.out, "commands:"));
+}
+
+TEST(SlotctlLogging, VerbosityAndAConfigurationFileReachTheLibrary) {
+    ScopedSlotName name("log");
+    const Outcome verbose = Slotctl({"-v", "write", name.str(), "x"});
+    EXPECT_EQ(0, verbose.status) << verbose.Describe();
+    EXPECT_TRUE(Contains(verbose.err, "slotctl: DEBUG [Slot.Writer] write to '" + name.str() + "'"))
+        << verbose.Describe();
+
+    const std::string config = testsupport::TestRunDir() + "/log.properties";
+    const std::string logFile = testsupport::TestRunDir() + "/log.out";
+    std::ofstream(config) << "log4j.rootLogger=INFO, file\n"
+                             "log4j.appender.file=org.apache.log4j.FileAppender\n"
+                             "log4j.appender.file.File="
+                          << logFile
+                          << "\n"
+                             "log4j.appender.file.layout=org.apache.log4j.PatternLayout\n"
+                             "log4j.appender.file.layout.ConversionPattern=%p %c %m%n\n";
+    const Outcome configured = Slotctl({"write", name.str(), "--log-config", config, "y"});
+    EXPECT_EQ(0, configured.status) << configured.Describe();
+    std::ifstream in(logFile);
+    const std::string logged((std::istreambuf_iterator<char>(in)),
+                             std::istreambuf_iterator<char>());
+    EXPECT_TRUE(
+        Contains(logged, "INFO Slot Creating SlotWriter and DiscardingSlot for " + name.str()))
+        << logged;
+
+    ExpectOneErrorLine(Slotctl({"--log-config", config + ".missing", "ls"}), 2,
+                       "cannot read log configuration");
 }
 
 // ---- ls and info: what another process wrote, read without disturbing it ----
@@ -404,6 +434,24 @@ std::vector<std::string> SummaryRow(const std::string& out, const std::string& t
     return fields;
 }
 
+// Removes a demo's objects at the end of a test that failed before the demo could.
+class DemoObjects {
+public:
+    DemoObjects() : prefix_(testsupport::UniqueName("demo")) {}
+    ~DemoObjects() {
+        for (const char* type : {"discarding", "reliable", "posix-pipe"}) {
+            const std::string name = prefix_ + "-" + type;
+            testsupport::RemoveSlotObjects(name);
+            ::unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str());
+            ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+        }
+    }
+    const std::string& Prefix() const { return prefix_; }
+
+private:
+    std::string prefix_;
+};
+
 void ExpectNothingLeft(const std::string& prefix) {
     for (const char* type : {"discarding", "reliable", "posix-pipe"}) {
         const std::string name = prefix + "-" + type;
@@ -415,7 +463,8 @@ void ExpectNothingLeft(const std::string& prefix) {
 }
 
 TEST(SlotctlDemo, AShortRunAccountsForEveryBlockAndLeavesNothing) {
-    const std::string prefix = testsupport::UniqueName("demo");
+    const DemoObjects objects;
+    const std::string& prefix = objects.Prefix();
     const Outcome demo = Slotctl({"demo", "--duration", "1.5", "--rate", "400", "--burst", "20",
                                   "--queue", "8", "--prefix", prefix});
     EXPECT_EQ(0, demo.status) << demo.Describe();
@@ -439,10 +488,11 @@ TEST(SlotctlDemo, AShortRunAccountsForEveryBlockAndLeavesNothing) {
 }
 
 TEST(SlotctlDemo, AnInterruptStopsItInOrderAndCleansUp) {
-    const std::string prefix = testsupport::UniqueName("demoint");
+    const DemoObjects objects;
+    const std::string& prefix = objects.Prefix();
     Background demo({"demo", "--duration", "120", "--prefix", prefix});
     // The first progress line comes once blocks flow.
-    ASSERT_TRUE(demo.WaitForOut(" rcvd")) << demo.Finish().Describe();
+    ASSERT_TRUE(demo.WaitForOut(" received,")) << demo.Finish().Describe();
     demo.Signal(SIGINT);
     const Outcome run = demo.Finish(std::chrono::seconds(60));
     EXPECT_EQ(130, run.status) << run.Describe();

@@ -105,7 +105,7 @@ std::string InfoJson(const SlotReport& report) {
     json.EndObject();
     const QueueInfo& q = report.queue;
     json.Key("queue").BeginObject();
-    json.Key("object").String(ShmPath("queue_" + report.name));
+    json.Key("object").String(ShmPath(QueueObject(report.name)));
     AddPartState(json, q.state, q.detail);
     json.Key("size").Number(q.fileSize);
     json.EndObject();
@@ -136,7 +136,7 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
     out << "slot " << Quote(report.name) << "\n";
     out << "  " << Padded("state", 16) << report.State();
     if (report.State() == "header-only") {
-        out << " (half slot: the queue " << Quote("queue_" + report.name) << " is missing)";
+        out << " (half slot: the queue " << Quote(QueueObject(report.name)) << " is missing)";
     } else if (report.State() == "queue-only") {
         out << " (half slot: the header segment " << Quote(report.name) << " is missing)";
     }
@@ -216,7 +216,7 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
                 out << "\n";
             }
         }
-        out << "queue " << ShmPath("queue_" + report.name) << "\n";
+        out << "queue " << ShmPath(QueueObject(report.name)) << "\n";
         PrintPart(out, "state", q.state, q.detail);
         if (q.state != PartState::Absent) {
             out << "  " << Padded("size", 16) << q.fileSize << " bytes\n";
@@ -278,7 +278,7 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
     const SlotReport report = InspectSlot(name);
     if (!report.HasSharedMemory() && report.pipePath.empty()) {
         throw CommandError(ExitFailure, Quote(name) + " is not a slot: there is no " +
-                                            ShmPath(name) + " or " + ShmPath("queue_" + name) +
+                                            ShmPath(name) + " or " + ShmPath(QueueObject(name)) +
                                             " and no named pipe of that name");
     }
     const PartState h = report.header.state;
@@ -286,17 +286,17 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
     if (h == PartState::NoAccess || q == PartState::NoAccess) {
         const bool header = h == PartState::NoAccess;
         throw CommandError(ExitFailure,
-                           "cannot open " + (header ? ShmPath(name) : ShmPath("queue_" + name)) +
+                           "cannot open " + (header ? ShmPath(name) : ShmPath(QueueObject(name))) +
                                ": " + (header ? report.header.detail : report.queue.detail));
     }
     const bool noSlotPart = (h == PartState::Absent || h == PartState::Foreign) &&
                             (q == PartState::Absent || q == PartState::Foreign);
     if (noSlotPart && report.pipePath.empty()) {
         const bool header = h == PartState::Foreign;
-        throw CommandError(
-            ExitFailure,
-            Quote(name) + " is not a slot: " + (header ? ShmPath(name) : ShmPath("queue_" + name)) +
-                " is " + (header ? report.header.detail : report.queue.detail));
+        throw CommandError(ExitFailure, Quote(name) + " is not a slot: " +
+                                            (header ? ShmPath(name) : ShmPath(QueueObject(name))) +
+                                            " is " +
+                                            (header ? report.header.detail : report.queue.detail));
     }
     if (arguments.Has("json")) {
         std::cout << InfoJson(report) << std::endl;

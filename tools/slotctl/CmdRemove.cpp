@@ -34,7 +34,7 @@ std::string Join(const std::vector<std::string>& parts) {
 // Removes the name's objects; prints one line; false on failure.
 bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
     const std::string& name = report.name;
-    const std::string queueName = "queue_" + name;
+    const std::string queueName = QueueObject(name);
     const bool header = report.header.state != PartState::Absent;
     const bool queue = report.queue.state != PartState::Absent;
     if (staleOnly) {

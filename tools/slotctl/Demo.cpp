@@ -246,31 +246,36 @@ const char* NotStoredWord(int slot) {
     return slot == 0 ? "discarded" : slot == 1 ? "refused" : "dropped";
 }
 
-// The progress line: the long form if it fits the terminal, else a short one, cut to fit.
+// The progress line: the longest of three forms that fits the terminal, the shortest cut to
+// fit. Counts are received/sent.
 std::string ProgressLine(const View& view, size_t width) {
     char time[32];
     std::snprintf(time, sizeof(time), "%5.1f s", static_cast<double>(view.elapsedMs) / 1000.0);
-    std::string full = time;
-    std::string brief = time;
+    std::string forms[3] = {time, time, time};
     const char* shortNames[SlotCount] = {"disc", "rel", "pipe"};
     for (int i = 0; i < SlotCount; ++i) {
         const SlotView& s = view.slots[i];
-        const std::string counts = std::to_string(s.received) + "/" + std::to_string(s.sent);
-        full += std::string(" | ") + SlotTypes[i] + " " + counts + " rcvd";
-        if (i != 2 || s.notStored != 0) {
-            full += ", " + std::to_string(s.notStored) + " " + NotStoredWord(i);
-        }
-        full += ", p50 " + Latency(s.p50) + " p99 " + Latency(s.p99);
-        brief += std::string(" | ") + shortNames[i] + " " + counts;
-        if (s.notStored != 0) {
-            brief += " -" + std::to_string(s.notStored);
-        }
-        brief += " " + Latency(s.p50);
+        // The two processes report at different moments: a burst may already be counted as
+        // received before its sending is reported.
+        const std::string counts =
+            std::to_string(std::min(s.received, s.sent)) + "/" + std::to_string(s.sent);
+        const std::string notStored = std::to_string(s.notStored) + " " + NotStoredWord(i);
+        const bool showNotStored = i != 2 || s.notStored != 0;
+        forms[0] += std::string(" | ") + SlotTypes[i] + " " + counts + " received" +
+                    (showNotStored ? ", " + notStored : "") + ", p50 " + Latency(s.p50) + " p99 " +
+                    Latency(s.p99);
+        forms[1] += std::string(" | ") + SlotTypes[i] + " " + counts +
+                    (showNotStored ? " (" + notStored + ")" : "") + " " + Latency(s.p50);
+        forms[2] += std::string(" | ") + shortNames[i] + " " + counts +
+                    (s.notStored != 0 ? " -" + std::to_string(s.notStored) : "") + " " +
+                    Latency(s.p50);
     }
-    if (width == 0 || full.size() < width) {
-        return full;
+    for (const std::string& form : forms) {
+        if (width == 0 || form.size() < width) {
+            return form;
+        }
     }
-    return brief.size() < width ? brief : brief.substr(0, width - 1);
+    return forms[2].substr(0, width - 1);
 }
 
 size_t TerminalWidth() {
@@ -344,7 +349,7 @@ void CleanUp(const demo::Settings& settings) {
             }
             continue;
         }
-        const bool existed = ShmExists(name) || ShmExists("queue_" + name);
+        const bool existed = ShmExists(name) || ShmExists(QueueObject(name));
         SlotFactory::RemoveSlot(name);
         if (existed) {
             removed.push_back("slot " + Quote(name));
@@ -393,7 +398,7 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
     for (int i = 0; i < SlotCount; ++i) {
         const std::string name = settings.SlotName(i);
         CheckSlotName(name);
-        if (ShmExists(name) || ShmExists("queue_" + name) ||
+        if (ShmExists(name) || ShmExists(QueueObject(name)) ||
             ::access(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str(), F_OK) == 0) {
             throw CommandError(ExitFailure, "slot " + Quote(name) +
                                                 " exists already: choose another --prefix or "

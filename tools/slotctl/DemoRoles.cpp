@@ -283,7 +283,7 @@ int RunDemoSubscriber(const Context&, const std::vector<std::string>& args) {
         }
         PrintLine(line);
     };
-    while (!StopRequested(200000000u)) {
+    while (!StopRequested(100000000u)) {
         report('S');
     }
     for (INotifierPtr& reader : readers) {

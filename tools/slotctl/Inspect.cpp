@@ -509,6 +509,10 @@ std::vector<SlotReport> ScanSlots() {
     return result;
 }
 
+std::string QueueObject(const std::string& name) {
+    return BaseQueueSlot::GetQueueName(name);
+}
+
 std::string ShmPath(const std::string& name) {
     return std::string(ShmDirectory) + "/" + name;
 }

@@ -75,6 +75,9 @@ SlotReport InspectSlot(const std::string& name);
 // Every slot, half slot and posix-pipe FIFO on this machine, sorted by name.
 std::vector<SlotReport> ScanSlots();
 
+// Name of the queue object of slot `name` ("queue_<name>").
+std::string QueueObject(const std::string& name);
+
 // Path of the POSIX shared-memory object `name`.
 std::string ShmPath(const std::string& name);
 

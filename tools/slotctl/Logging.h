@@ -30,11 +30,11 @@ struct LogEvent {
     std::string message;
 };
 
-// Sees every event at WARN and above that the library logs on "Slot" (the slots) and
-// its children "Slot.Writer" (writers, including the named-pipe writer) and "Slot.Reader",
-// while it lives. The loggers are
-// lowered to WARN if the configuration had silenced them, so that nothing goes unseen.
-// `onEvent` runs on the logging thread (any thread of the process); it must be thread-safe.
+// Sees every event at WARN and above that the library logs on "Slot" (the slots) and its
+// children "Slot.Writer" (writers, the named-pipe writer included) and "Slot.Reader", while it
+// lives. "Slot" and "Slot.Writer" are lowered to WARN if the configuration had silenced them,
+// so that nothing goes unseen. `onEvent` runs on the thread that logs (any thread of the
+// process); it must be thread-safe.
 class WarningTap {
 public:
     explicit WarningTap(std::function<void(const LogEvent&)> onEvent);

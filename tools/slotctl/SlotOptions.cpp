@@ -50,7 +50,7 @@ ToolSlotConfig ResolveSlot(const Arguments& arguments, const std::string& name) 
     if (!typeGiven || type != pipeType) {
         const SlotReport report = InspectSlot(name);
         RefuseUnusable(name, report.header.state, report.header.detail);
-        RefuseUnusable("queue_" + name, report.queue.state, report.queue.detail);
+        RefuseUnusable(QueueObject(name), report.queue.state, report.queue.detail);
         if (report.queue.state == PartState::Ok) {
             existingMaxSize = static_cast<size_t>(report.queue.maxBlockSize);
             existingQueue = static_cast<size_t>(report.queue.capacity);
