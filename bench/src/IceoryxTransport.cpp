@@ -29,8 +29,8 @@ void InitRuntimeOnce() {
     static bool done = false;
     if (!done) {
         // The runtime reports every registration at debug level otherwise.
-        iox::log::LogManager::GetLogManager().SetDefaultLogLevel(iox::log::LogLevel::kWarn,
-                                                              iox::log::LogLevelOutput::kHideLogLevel);
+        iox::log::LogManager::GetLogManager().SetDefaultLogLevel(
+            iox::log::LogLevel::kWarn, iox::log::LogLevelOutput::kHideLogLevel);
         const std::string app = "slotbench" + std::to_string(getpid());
         iox::runtime::PoshRuntime::initRuntime(
             iox::RuntimeName_t(iox::cxx::TruncateToCapacity, app.c_str()));
@@ -100,10 +100,13 @@ class IceoryxReceiver : public Receiver {
 public:
     explicit IceoryxReceiver(const RunSpec& spec)
         : subscriber_((InitRuntimeOnce(), Service(spec)), SubscriberOptionsFor(spec)) {
-        waitSet_.attachState(subscriber_, iox::popo::SubscriberState::HAS_DATA)
-            .or_else([](auto) { throw std::runtime_error("iceoryx: cannot attach to WaitSet"); });
+        waitSet_.attachState(subscriber_, iox::popo::SubscriberState::HAS_DATA).or_else([](auto) {
+            throw std::runtime_error("iceoryx: cannot attach to WaitSet");
+        });
     }
-    ~IceoryxReceiver() override { waitSet_.detachState(subscriber_, iox::popo::SubscriberState::HAS_DATA); }
+    ~IceoryxReceiver() override {
+        waitSet_.detachState(subscriber_, iox::popo::SubscriberState::HAS_DATA);
+    }
     void Run(BlockSink& sink, Stopper& stop) override {
         while (!stop.Stopped()) {
             waitSet_.timedWait(iox::units::Duration::fromMilliseconds(50));

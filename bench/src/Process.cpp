@@ -51,8 +51,7 @@ ControlSegment::ControlSegment(const std::string& name, bool create)
         shm_unlink(name.c_str());
         throw std::runtime_error("control segment " + name + ": " + std::strerror(error));
     }
-    void* address =
-        mmap(nullptr, sizeof(ControlBlock), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* address = mmap(nullptr, sizeof(ControlBlock), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     if (address == MAP_FAILED) {
         if (create) {

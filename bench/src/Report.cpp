@@ -62,8 +62,7 @@ const LatencyResult* FindLatency(const Results& r, const std::string& t, size_t 
 const ThroughputResult* FindThroughput(const Results& r, const std::string& t, size_t size,
                                        unsigned int writers) {
     for (const ThroughputResult& x : r.throughput) {
-        if (x.transport == t && x.size == size && x.writers == writers &&
-            x.status == Status::Ok) {
+        if (x.transport == t && x.size == size && x.writers == writers && x.status == Status::Ok) {
             return &x;
         }
     }
@@ -131,8 +130,8 @@ void WriteTargets(std::ostream& md, const Results& r) {
                 continue;
             }
             const double pr = s->p.p50 / p->p.p50;
-            md << "| " << Label(kind) << ": p50 at 64 B vs " << Label(peer) << " | "
-               << Us(s->p.p50) << " µs vs " << Us(p->p.p50) << " µs = " << Ratio(s->p.p50, p->p.p50)
+            md << "| " << Label(kind) << ": p50 at 64 B vs " << Label(peer) << " | " << Us(s->p.p50)
+               << " µs vs " << Us(p->p.p50) << " µs = " << Ratio(s->p.p50, p->p.p50)
                << " | ≤ 1.0× | " << (pr <= 1.0 ? "met" : "**missed**") << " |\n";
         }
     }
@@ -152,8 +151,8 @@ void WriteTargets(std::ostream& md, const Results& r) {
             const double share = big->megabytesPerSecond / bound;
             md << "| reliable slot, 64 KiB blocks, 1 writer: throughput vs bound = " << b.what
                << " ÷ " << kSlotCopiesPerBlock << " copies | "
-               << FormatDouble(big->megabytesPerSecond, 0) << " MB/s vs "
-               << FormatDouble(bound, 0) << " MB/s = " << Percent(share) << " | "
+               << FormatDouble(big->megabytesPerSecond, 0) << " MB/s vs " << FormatDouble(bound, 0)
+               << " MB/s = " << Percent(share) << " | "
                << (b.target ? "≥ 80 % | " : "(information) | ")
                << (b.target ? (share >= 0.8 ? "met" : "**missed**") : "–") << " |\n";
         }
@@ -203,8 +202,8 @@ void WriteLatency(std::ostream& md, const Results& r) {
             md << "| " << Label(l.transport) << " | " << Us(l.p.p50) << " | " << Us(l.p.p99)
                << " | " << Us(l.p.p999) << " | " << Us(l.p.max) << " | "
                << (floor ? Ratio(l.p.p50, floor->p.p50) : "–") << " | "
-               << (floor ? Ratio(l.p.p99, floor->p.p99) : "–") << " | "
-               << Us(l.writerCpuNsPerBlock) << " | " << Us(l.readerCpuNsPerBlock) << " |\n";
+               << (floor ? Ratio(l.p.p99, floor->p.p99) : "–") << " | " << Us(l.writerCpuNsPerBlock)
+               << " | " << Us(l.readerCpuNsPerBlock) << " |\n";
         }
         md << "\n";
     }
@@ -276,8 +275,8 @@ void WriteThroughput(std::ostream& md, const Results& r) {
             md << "| " << Label(t.transport) << " | " << t.writers << " | " << t.depth << " | "
                << Big(t.blocksPerSecond) << " | "
                << (t.roundRates.empty() ? "–" : Big(*range.first) + "–" + Big(*range.second))
-               << " | " << FormatDouble(t.megabytesPerSecond, 1)
-               << " | " << (bound > 0 ? Percent(t.megabytesPerSecond / bound) : "–") << " | "
+               << " | " << FormatDouble(t.megabytesPerSecond, 1) << " | "
+               << (bound > 0 ? Percent(t.megabytesPerSecond / bound) : "–") << " | "
                << (slot ? Ratio(slot->blocksPerSecond, t.blocksPerSecond) : "–") << " | "
                << FormatDouble(t.blocks ? static_cast<double>(t.refusals) / t.blocks : 0, 2)
                << " | " << FormatDouble(t.readerCpuPercent, 0) << " % | "
@@ -334,8 +333,8 @@ void WriteCreation(std::ostream& md, const Results& r) {
     }
     md << "| operation | n | median µs | p90 µs |\n|---|---:|---:|---:|\n";
     for (const CostRow& row : r.creation.rows) {
-        md << "| " << row.operation << " | " << row.count << " | "
-           << FormatDouble(row.medianUs, 1) << " | " << FormatDouble(row.p90Us, 1) << " |\n";
+        md << "| " << row.operation << " | " << row.count << " | " << FormatDouble(row.medianUs, 1)
+           << " | " << FormatDouble(row.p90Us, 1) << " |\n";
     }
     md << "\nDeliberate pause of `CreateSlotReader` (`Init` sleeps one update time): nominal "
        << FormatDouble(r.creation.pauseNominalMs, 1) << " ms, measured "
@@ -364,8 +363,9 @@ void WriteMachine(std::ostream& md, const Results& r) {
     for (const MemcpyResult& m : r.memcpy) {
         const double bound = m.hotGBps * 1e3 / kSlotCopiesPerBlock;
         md << "| " << SizeText(m.size) << " | " << FormatDouble(m.hotGBps, 1) << " | "
-           << FormatDouble(m.queueGBps, 1) << " | " << FormatDouble(m.coldGBps, 1) << " | " << FormatDouble(m.checksumGBps, 1) << " | "
-           << FormatDouble(bound, 0) << " | " << Big(bound * 1e6 / m.size) << " |\n";
+           << FormatDouble(m.queueGBps, 1) << " | " << FormatDouble(m.coldGBps, 1) << " | "
+           << FormatDouble(m.checksumGBps, 1) << " | " << FormatDouble(bound, 0) << " | "
+           << Big(bound * 1e6 / m.size) << " |\n";
     }
     md << "\n";
 }
@@ -387,8 +387,8 @@ void WriteIntegrity(std::ostream& md, const Results& r) {
         }
     };
     for (const LatencyResult& l : r.latency) {
-        check("latency " + Label(l.transport) + " " + SizeText(l.size), l.status, l.reason,
-              l.lost, l.duplicates, l.corrupt);
+        check("latency " + Label(l.transport) + " " + SizeText(l.size), l.status, l.reason, l.lost,
+              l.duplicates, l.corrupt);
     }
     for (const ThroughputResult& t : r.throughput) {
         check("throughput " + Label(t.transport) + " " + SizeText(t.size) + " " +
@@ -404,8 +404,7 @@ void WriteIntegrity(std::ostream& md, const Results& r) {
         md << "All " << runs
            << " measured runs delivered every block once, in order, with a valid checksum.\n\n";
     } else {
-        md << "**Blocks were lost, duplicated or corrupted, or a run failed:**\n\n"
-           << text << "\n";
+        md << "**Blocks were lost, duplicated or corrupted, or a run failed:**\n\n" << text << "\n";
     }
     if (r.creation.status == Status::Failed) {
         md << "Creation costs: " << r.creation.reason << "\n\n";
@@ -420,7 +419,26 @@ void WriteIntegrity(std::ostream& md, const Results& r) {
     md << "\n";
 }
 
+struct Series {
+    std::string label;
+    bool thick;  // slots are drawn thick
+};
+
+// One plot command over the index blocks of a data file, a line per series.
+std::string PlotCommand(const std::string& file, const std::vector<Series>& series, int column) {
+    std::ostringstream cmd;
+    cmd << "plot ";
+    for (size_t i = 0; i < series.size(); ++i) {
+        cmd << (i ? ", \\\n     " : "") << "'" << file << "' index " << i << " using 1:" << column
+            << " with linespoints lw " << (series[i].thick ? 3 : 1) << " title '" << series[i].label
+            << "'";
+    }
+    cmd << "\n";
+    return cmd.str();
+}
+
 void WritePlotData(const Results& r, const std::string& outDir) {
+    std::vector<Series> latencySeries, throughputSeries;
     {
         std::ofstream dat(outDir + "/latency.dat");
         int index = 0;
@@ -435,7 +453,8 @@ void WritePlotData(const Results& r, const std::string& outDir) {
             if (index++ > 0) {
                 dat << "\n\n";
             }
-            dat << "\"" << t.label << "\" p50 p99 p999\n";
+            latencySeries.push_back({t.label, t.isSlot});
+            dat << "# " << t.label << ": size p50 p99 p99.9 (us)\n";
             for (size_t size : r.plan.latencySizes) {
                 const LatencyResult* l = FindLatency(r, t.name, size);
                 if (l != nullptr) {
@@ -447,7 +466,8 @@ void WritePlotData(const Results& r, const std::string& outDir) {
     }
     {
         std::ofstream dat(outDir + "/throughput.dat");
-        dat << "\"memcpy bound (4 copies)\" mbps\n";
+        throughputSeries.push_back({"slot bound: hot memcpy / 4 copies", false});
+        dat << "# slot bound: size MB/s\n";
         for (size_t size : r.plan.throughputSizes) {
             dat << size << " " << SlotBoundMBps(r, size, Span::Hot) << "\n";
         }
@@ -460,7 +480,9 @@ void WritePlotData(const Results& r, const std::string& outDir) {
                 if (!any) {
                     continue;
                 }
-                dat << "\n\n\"" << t.label << (w > 1 ? ", 2 writers" : "") << "\" mbps\n";
+                const std::string label = t.label + (w > 1 ? ", 2 writers" : "");
+                throughputSeries.push_back({label, t.isSlot});
+                dat << "\n\n# " << label << ": size MB/s\n";
                 for (size_t size : r.plan.throughputSizes) {
                     const ThroughputResult* x = FindThroughput(r, t.name, size, w);
                     if (x != nullptr) {
@@ -483,23 +505,23 @@ void WritePlotData(const Results& r, const std::string& outDir) {
     }
     std::ofstream gp(outDir + "/plots.gp");
     gp << "# Made by slotbench; run with gnuplot in this directory.\n"
-          "set terminal pngcairo size 1000,640 font ',10'\n"
+          "set terminal pngcairo size 1000,640 font ',10' noenhanced\n"
           "set key outside right top\n"
           "set grid\n"
           "set logscale xy\n"
           "set xtics ('64 B' 64, '1 KiB' 1024, '4 KiB' 4096, '64 KiB' 65536)\n"
           "set xlabel 'block size'\n"
           "set output 'latency_p50.png'\n"
-          "set title 'One-way latency p50 (paced), µs'\n"
-          "plot for [i=0:*] 'latency.dat' index i using 1:2 with linespoints title columnheader(1)\n"
-          "set output 'latency_p99.png'\n"
-          "set title 'One-way latency p99 (paced), µs'\n"
-          "plot for [i=0:*] 'latency.dat' index i using 1:3 with linespoints title columnheader(1)\n"
-          "set output 'throughput.png'\n"
-          "set title 'Throughput, MB/s'\n"
+          "set title 'One-way latency p50 (paced), µs (slots drawn thick)'\n"
+       << PlotCommand("latency.dat", latencySeries, 2)
+       << "set output 'latency_p99.png'\n"
+          "set title 'One-way latency p99 (paced), µs (slots drawn thick)'\n"
+       << PlotCommand("latency.dat", latencySeries, 3)
+       << "set output 'throughput.png'\n"
+          "set title 'Throughput (median round), MB/s'\n"
           "set xtics ('64 B' 64, '4 KiB' 4096, '64 KiB' 65536)\n"
-          "plot for [i=0:*] 'throughput.dat' index i using 1:2 with linespoints title columnheader(1)\n"
-          "set output 'scale.png'\n"
+       << PlotCommand("throughput.dat", throughputSeries, 2)
+       << "set output 'scale.png'\n"
           "set title 'Discarding slots, 64 B, paced round-robin'\n"
           "set xlabel 'slots open and active'\n"
           "set xtics (1, 10, 100)\n"
@@ -513,9 +535,10 @@ void WritePlotData(const Results& r, const std::string& outDir) {
 
 void WriteReport(const Results& r, const std::string& outDir) {
     std::ofstream md(outDir + "/body.md");
-    md << "Counts: " << (r.plan.quick ? "**quick run** (tiny counts: p99.9 and throughput are "
-                                        "rough; use the full run for figures)"
-                                      : "full run")
+    md << "Counts: "
+       << (r.plan.quick ? "**quick run** (tiny counts: p99.9 and throughput are "
+                          "rough; use the full run for figures)"
+                        : "full run")
        << ".\n\n";
     WriteTargets(md, r);
     WriteLatency(md, r);

@@ -59,7 +59,8 @@ void SignalReady(ControlBlock* c) {
 
 // Waits for the parent's go; false when the parent never gave it or a child failed.
 bool WaitForGo(ControlBlock* c, std::uint64_t deadlineNs) {
-    return FutexWaitWhile(&c->go, 0, deadlineNs) && __atomic_load_n(&c->failed, __ATOMIC_SEQ_CST) == 0;
+    return FutexWaitWhile(&c->go, 0, deadlineNs) &&
+           __atomic_load_n(&c->failed, __ATOMIC_SEQ_CST) == 0;
 }
 
 void MarkFailed(ControlBlock* c) {
@@ -485,8 +486,7 @@ int ScaleReader(const KeyValues& kv, RunSpec& spec) {
         for (unsigned int i = 0; i < slots; ++i) {
             threads.emplace_back([&, i] {
                 try {
-                    ScaleConfig cfg(ScaleSlotName(spec.name, i), spec.blockSize,
-                                    spec.updateTimeMs);
+                    ScaleConfig cfg(ScaleSlotName(spec.name, i), spec.blockSize, spec.updateTimeMs);
                     readers[i] = SlotFactory::CreateSlotReader(&cfg);
                 } catch (const std::exception& e) {
                     std::fprintf(stderr, "slotbench: reader %u: %s\n", i, e.what());
@@ -526,8 +526,8 @@ int ScaleReader(const KeyValues& kv, RunSpec& spec) {
     const std::uint64_t idle0 = ProcessCpuNs();
     const std::uint64_t wall0 = NowNs();
     std::this_thread::sleep_for(std::chrono::milliseconds(kv.GetU64("idle_ms", 1000)));
-    const double idlePercent = 100.0 * static_cast<double>(ProcessCpuNs() - idle0) /
-                               static_cast<double>(NowNs() - wall0);
+    const double idlePercent =
+        100.0 * static_cast<double>(ProcessCpuNs() - idle0) / static_cast<double>(NowNs() - wall0);
     for (INotifierPtr& r : readers) {
         r->unsubscribe(&subscriber);
     }
@@ -730,10 +730,10 @@ int OpenSlots(const KeyValues& kv) {
     }
     KeyValues out;
     t.Save(out);
-    out.SetDouble("pause_measured_ms",
-                  (t.Median(withPause) -
-                   t.Median("CreateSlotReader, discarding, update time 0 (no pause)")) /
-                      1e6);
+    out.SetDouble(
+        "pause_measured_ms",
+        (t.Median(withPause) - t.Median("CreateSlotReader, discarding, update time 0 (no pause)")) /
+            1e6);
     out.Save(kv.Get("out"));
     return 0;
 }
@@ -756,7 +756,8 @@ bool WaitReady(Harness& h, std::uint32_t n, const std::vector<Child>& children,
                std::uint64_t deadlineNs) {
     ControlBlock* c = h.control->Get();
     for (;;) {
-        if (FutexWaitAtLeast(&c->ready, n, std::min<std::uint64_t>(deadlineNs, NowNs() + 100000000ull))) {
+        if (FutexWaitAtLeast(&c->ready, n,
+                             std::min<std::uint64_t>(deadlineNs, NowNs() + 100000000ull))) {
             return true;
         }
         if (NowNs() >= deadlineNs || __atomic_load_n(&c->failed, __ATOMIC_SEQ_CST) != 0) {
@@ -854,8 +855,8 @@ PairOutcome RunPair(Harness& h, RunSpec& spec, const std::string& readerRole,
         reader.out = ResultPath(h, spec.name, "reader");
         std::vector<std::string> args = ChildArgs(h, readerRole, spec, reader.out, deadlineMs);
         args.insert(args.end(), extra.begin(), extra.end());
-        reader.pid = SpawnChild(args, spec.fdRead >= 0 ? std::vector<int>{spec.fdRead}
-                                                       : std::vector<int>{});
+        reader.pid =
+            SpawnChild(args, spec.fdRead >= 0 ? std::vector<int>{spec.fdRead} : std::vector<int>{});
         children.push_back(reader);
         if (!WaitReady(h, 1, children, deadline)) {
             outcome.problem += "the reader did not get ready; ";
@@ -869,8 +870,8 @@ PairOutcome RunPair(Harness& h, RunSpec& spec, const std::string& readerRole,
                 std::vector<std::string> wargs =
                     ChildArgs(h, writerRole, ws, writer.out, deadlineMs);
                 wargs.insert(wargs.end(), extra.begin(), extra.end());
-                writer.pid = SpawnChild(wargs, spec.fdWrite >= 0 ? std::vector<int>{spec.fdWrite}
-                                                                 : std::vector<int>{});
+                writer.pid = SpawnChild(
+                    wargs, spec.fdWrite >= 0 ? std::vector<int>{spec.fdWrite} : std::vector<int>{});
                 children.push_back(writer);
             }
             if (!WaitReady(h, 1 + spec.writers, children, deadline)) {
@@ -933,8 +934,7 @@ LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, 
     spec.name = RunName(h, "lat", transport, size);
     const std::uint64_t deadlineMs = 30000 + count * 2;
     PairOutcome o = RunPair(h, spec, "lat-reader", "lat-writer",
-                            {"count=" + std::to_string(count),
-                             "warmup=" + std::to_string(warmup),
+                            {"count=" + std::to_string(count), "warmup=" + std::to_string(warmup),
                              "gap_us=" + std::to_string(h.plan.gapUs)},
                             deadlineMs);
     if (o.problem.rfind("SKIP:", 0) == 0) {
@@ -985,8 +985,8 @@ ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t 
     spec.throughput = true;
     const size_t count = h.plan.ThroughputBlocks(size);
     const std::uint64_t deadlineMs = h.plan.quick ? 30000 : 120000;
-    PairOutcome o = RunPair(h, spec, "tp-reader", "tp-writer", {"count=" + std::to_string(count)},
-                            deadlineMs);
+    PairOutcome o =
+        RunPair(h, spec, "tp-reader", "tp-writer", {"count=" + std::to_string(count)}, deadlineMs);
     r.depth = spec.depth;
     if (o.problem.rfind("SKIP:", 0) == 0) {
         r.status = Status::Skipped;
@@ -1006,7 +1006,8 @@ ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t 
     if (r.seconds > 0) {
         r.blocksPerSecond = static_cast<double>(r.blocks) / r.seconds;
         r.megabytesPerSecond = r.blocksPerSecond * static_cast<double>(size) / 1e6;
-        r.readerCpuPercent = 100.0 * static_cast<double>(o.reader.GetU64("cpu_ns")) / 1e9 / r.seconds;
+        r.readerCpuPercent =
+            100.0 * static_cast<double>(o.reader.GetU64("cpu_ns")) / 1e9 / r.seconds;
         r.writerCpuPercent = 100.0 * static_cast<double>(writerCpu) / 1e9 / r.seconds;
     }
     r.lost = o.reader.GetU64("lost", o.problem.empty() ? 0 : count * writers);
@@ -1027,13 +1028,12 @@ ScaleResult RunScale(Harness& h, unsigned int slots) {
     // The scale roles open their slots themselves; the transport is only named for cleanup.
     RunSpec none = spec;
     none.transport = "";
-    PairOutcome o = RunPair(h, none, "scale-reader", "scale-writer",
-                            {"count=" + std::to_string(count),
-                             "warmup=" + std::to_string(h.plan.scaleWarmup),
-                             "slots=" + std::to_string(slots),
-                             "gap_us=" + std::to_string(h.plan.gapUs),
-                             "idle_ms=" + std::to_string(h.plan.idleMs)},
-                            deadlineMs);
+    PairOutcome o =
+        RunPair(h, none, "scale-reader", "scale-writer",
+                {"count=" + std::to_string(count), "warmup=" + std::to_string(h.plan.scaleWarmup),
+                 "slots=" + std::to_string(slots), "gap_us=" + std::to_string(h.plan.gapUs),
+                 "idle_ms=" + std::to_string(h.plan.idleMs)},
+                deadlineMs);
     for (unsigned int i = 0; i < slots; ++i) {
         SlotFactory::RemoveSlot(ScaleSlotName(spec.name, i));
     }
@@ -1063,24 +1063,24 @@ CreationResult RunCreation(Harness& h) {
     CreationResult r;
     const std::string base = h.tag + "_cost";
     const size_t n = h.plan.creationCount;
-    const std::uint64_t deadline = NowNs() + (60000 + n * 200) * 1000000ull +
-                                   static_cast<std::uint64_t>(h.plan.pauseCount *
-                                                              h.plan.pauseMs * 4e6);
+    const std::uint64_t deadline =
+        NowNs() + (60000 + n * 200) * 1000000ull +
+        static_cast<std::uint64_t>(h.plan.pauseCount * h.plan.pauseMs * 4e6);
     std::string problem;
     std::vector<KeyValues> parts;
     for (const char* role : {"create-slots", "open-slots"}) {
         Child c;
         c.role = role;
         c.out = ResultPath(h, base, role);
-        std::vector<std::string> args = {"role=" + std::string(role),
-                                         "name=" + base,
-                                         "count=" + std::to_string(n),
-                                         "pause_count=" + std::to_string(h.plan.pauseCount),
-                                         "pause_ms=" + FormatDouble(h.plan.pauseMs, 3),
-                                         "ctl=" + h.controlName,
-                                         "out=" + c.out,
-                                         "deadline_ms=" +
-                                             std::to_string((deadline - NowNs()) / 1000000ull)};
+        std::vector<std::string> args = {
+            "role=" + std::string(role),
+            "name=" + base,
+            "count=" + std::to_string(n),
+            "pause_count=" + std::to_string(h.plan.pauseCount),
+            "pause_ms=" + FormatDouble(h.plan.pauseMs, 3),
+            "ctl=" + h.controlName,
+            "out=" + c.out,
+            "deadline_ms=" + std::to_string((deadline - NowNs()) / 1000000ull)};
         c.pid = SpawnChild(args);
         std::vector<Child> one = {c};
         problem += FinishChildren(one, deadline);
@@ -1122,10 +1122,10 @@ void MergeLatency(LatencyResult& total, const LatencyResult& round) {
         return;
     }
     const double a = total.runs, b = round.runs;
-    total.writerCpuNsPerBlock = (total.writerCpuNsPerBlock * a + round.writerCpuNsPerBlock * b) /
-                                std::max(1.0, a + b);
-    total.readerCpuNsPerBlock = (total.readerCpuNsPerBlock * a + round.readerCpuNsPerBlock * b) /
-                                std::max(1.0, a + b);
+    total.writerCpuNsPerBlock =
+        (total.writerCpuNsPerBlock * a + round.writerCpuNsPerBlock * b) / std::max(1.0, a + b);
+    total.readerCpuNsPerBlock =
+        (total.readerCpuNsPerBlock * a + round.readerCpuNsPerBlock * b) / std::max(1.0, a + b);
     total.runs += round.runs;
     total.samples.insert(total.samples.end(), round.samples.begin(), round.samples.end());
     total.p = ComputePercentiles(total.samples);

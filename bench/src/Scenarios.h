@@ -102,9 +102,9 @@ struct CreationResult {
 
 struct MemcpyResult {
     size_t size = 0;
-    double hotGBps = 0;    // source and destination stay in cache
-    double queueGBps = 0;  // source and destination walk a slot queue's worth (depth x size)
-    double coldGBps = 0;   // source and destination walk a 64 MiB working set
+    double hotGBps = 0;       // source and destination stay in cache
+    double queueGBps = 0;     // source and destination walk a slot queue's worth (depth x size)
+    double coldGBps = 0;      // source and destination walk a 64 MiB working set
     double checksumGBps = 0;  // the reader's block check, for comparison
 };
 
@@ -116,8 +116,8 @@ struct Results {
     CreationResult creation;
     std::vector<MemcpyResult> memcpy;
     std::vector<std::string> skipped;  // "peer: reason"
-    bool anyDataError = false;  // lost, duplicated or corrupted blocks anywhere
-    bool anyFailure = false;    // a run that could not finish
+    bool anyDataError = false;         // lost, duplicated or corrupted blocks anywhere
+    bool anyFailure = false;           // a run that could not finish
 };
 
 // The parent's environment for all runs.

@@ -19,11 +19,11 @@ namespace bench {
 // Everything a transport needs to know about one run. The parent fills it in and hands it to
 // the children as key=value arguments.
 struct RunSpec {
-    std::string transport;   // see TransportNames()
-    std::string name;        // unique base name of every object of this run (holds the pid)
-    std::string tmpDir;      // private directory of this benchmark run
-    size_t blockSize = 64;   // bytes per block
-    size_t depth = 64;       // queue length in blocks where the transport has one
+    std::string transport;  // see TransportNames()
+    std::string name;       // unique base name of every object of this run (holds the pid)
+    std::string tmpDir;     // private directory of this benchmark run
+    size_t blockSize = 64;  // bytes per block
+    size_t depth = 64;      // queue length in blocks where the transport has one
     unsigned int writers = 1;
     unsigned int writerId = 0;
     bool throughput = false;       // writers go as fast as accepted; else paced

@@ -81,8 +81,8 @@ bool Stopper::Wait() {
         if (now >= deadlineNs_) {
             return false;
         }
-        cv_.wait_for(lock, std::chrono::nanoseconds(std::min<std::uint64_t>(
-                               deadlineNs_ - now, 100000000ull)));
+        cv_.wait_for(lock, std::chrono::nanoseconds(
+                               std::min<std::uint64_t>(deadlineNs_ - now, 100000000ull)));
     }
     return true;
 }
@@ -212,8 +212,7 @@ void Backoff(unsigned int attempt) {
 class SlotSender : public Sender {
 public:
     explicit SlotSender(const RunSpec& spec)
-        : cfg_(spec.name, SlotType(spec.transport), spec.blockSize, spec.depth,
-               spec.updateTimeMs),
+        : cfg_(spec.name, SlotType(spec.transport), spec.blockSize, spec.depth, spec.updateTimeMs),
           reliable_(spec.transport == "slot-reliable") {
         writer_ = SlotFactory::CreateSlotWriter(&cfg_);
     }
@@ -267,8 +266,7 @@ private:
 class SlotReceiver : public Receiver {
 public:
     explicit SlotReceiver(const RunSpec& spec)
-        : cfg_(spec.name, SlotType(spec.transport), spec.blockSize, spec.depth,
-               spec.updateTimeMs),
+        : cfg_(spec.name, SlotType(spec.transport), spec.blockSize, spec.depth, spec.updateTimeMs),
           stream_(spec.transport == "slot-posix-pipe"),
           blockSize_(spec.blockSize) {
         reader_ = SlotFactory::CreateSlotReader(&cfg_);
@@ -609,8 +607,8 @@ void PrepareTransport(RunSpec& spec) {
             std::memset(&attr, 0, sizeof attr);
             attr.mq_maxmsg = depth;
             attr.mq_msgsize = static_cast<long>(spec.blockSize);
-            const mqd_t q = mq_open(PosixQueueName(spec).c_str(), O_RDWR | O_CREAT | O_EXCL,
-                                    0600, &attr);
+            const mqd_t q =
+                mq_open(PosixQueueName(spec).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600, &attr);
             if (q != static_cast<mqd_t>(-1)) {
                 mq_close(q);
                 spec.depth = static_cast<size_t>(depth);

@@ -84,8 +84,7 @@ public:
         const int timeoutMs = 50;
         const int linger = 0;
         Check(zmq_setsockopt(socket_, ZMQ_RCVHWM, &hwm, sizeof hwm), "ZMQ_RCVHWM");
-        Check(zmq_setsockopt(socket_, ZMQ_RCVTIMEO, &timeoutMs, sizeof timeoutMs),
-              "ZMQ_RCVTIMEO");
+        Check(zmq_setsockopt(socket_, ZMQ_RCVTIMEO, &timeoutMs, sizeof timeoutMs), "ZMQ_RCVTIMEO");
         Check(zmq_setsockopt(socket_, ZMQ_LINGER, &linger, sizeof linger), "ZMQ_LINGER");
         Check(zmq_setsockopt(socket_, ZMQ_SUBSCRIBE, "", 0), "ZMQ_SUBSCRIBE");
         Check(zmq_bind(socket_, Endpoint(spec).c_str()), "zmq_bind");

@@ -65,8 +65,8 @@ void UnlinkQueues(const std::string& tag) {
     for (const char* what : {"lat", "tp"}) {
         for (size_t size : {64, 1024, 4096, 65536}) {
             for (const char* suffix : {"", "_w2"}) {
-                const std::string name = "/" + tag + "_" + what + "_posix-mq_" +
-                                         std::to_string(size) + suffix + "_pmq";
+                const std::string name =
+                    "/" + tag + "_" + what + "_posix-mq_" + std::to_string(size) + suffix + "_pmq";
                 mq_unlink(name.c_str());
             }
         }
@@ -259,8 +259,9 @@ int main(int argc, char** argv) {
                             }
                             const ThroughputResult r = RunThroughput(h, t.name, size, writers);
                             MergeThroughput(total, r);
-                            std::fprintf(stderr, "slotbench: round %u throughput %-32s %6zu B %uw: ",
-                                         round, t.label.c_str(), size, writers);
+                            std::fprintf(stderr,
+                                         "slotbench: round %u throughput %-32s %6zu B %uw: ", round,
+                                         t.label.c_str(), size, writers);
                             if (r.status == Status::Ok) {
                                 std::fprintf(stderr,
                                              "%.0f blocks/s %.1f MB/s refusals %llu lost %llu\n",
@@ -289,9 +290,9 @@ int main(int argc, char** argv) {
         }
         if (Wanted(only, "creation")) {
             results.creation = RunCreation(h);
-            std::fprintf(stderr, "slotbench: creation costs %s\n",
-                         results.creation.status == Status::Ok ? "ok"
-                                                                : results.creation.reason.c_str());
+            std::fprintf(
+                stderr, "slotbench: creation costs %s\n",
+                results.creation.status == Status::Ok ? "ok" : results.creation.reason.c_str());
         }
     }
 
@@ -337,8 +338,9 @@ int main(int argc, char** argv) {
 
     WriteReport(results, outDir);
     if (results.anyDataError || results.anyFailure) {
-        std::fprintf(stderr, "slotbench: FAILED: a measured path lost, duplicated or corrupted "
-                             "blocks, or a run failed (see the report)\n");
+        std::fprintf(stderr,
+                     "slotbench: FAILED: a measured path lost, duplicated or corrupted "
+                     "blocks, or a run failed (see the report)\n");
         return 1;
     }
     std::fprintf(stderr, "slotbench: every measured path delivered every block intact\n");
