@@ -69,6 +69,12 @@ void Notifier::notify(SizedArray* data) {
     notify(noName, data->data(), data->size());
 }
 
+bool Notifier::hasSubscribers() {
+    boost::recursive_mutex::scoped_lock lock(mutex_);
+    return std::find_if(subscribers_.begin(), subscribers_.end(),
+                        [](ISubscriber* s) { return s != nullptr; }) != subscribers_.end();
+}
+
 void Notifier::compact() {
     subscribers_.erase(std::remove(subscribers_.begin(), subscribers_.end(), nullptr),
                        subscribers_.end());

@@ -35,6 +35,9 @@ public:
     void notify(const std::string& name, const void* data, unsigned int size) override;
     void notify(SizedArray* data) override;
 
+    // Whether anyone would receive a notification now.
+    bool hasSubscribers();
+
 private:
     void compact();
 

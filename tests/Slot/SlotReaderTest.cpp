@@ -126,6 +126,26 @@ TEST(ReliableSlotReader, OneWakeUpDrainsTheQueueOldestFirst) {
     EXPECT_EQ(20u, collector.Count());
 }
 
+TEST(ReliableSlotReader, BlocksWaitForTheFirstSubscriber) {
+    ScopedSlotName name("early");
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    for (int i = 0; i < 3; ++i) {
+        Write(slot, "early" + std::to_string(i));
+    }
+    // Started, and a few cycles old, before anyone subscribes: nothing may be taken meanwhile.
+    ReliableSlotReader reader(slot, Update);
+    reader.Init();
+    Write(slot, "early3");
+    SeveralCycles();
+    EXPECT_EQ(4u, slot->GetBufferLength());
+    Collector collector;
+    reader.subscribe(&collector);
+    ASSERT_TRUE(collector.WaitFor(4));
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ("early" + std::to_string(i), collector.Blocks()[i].bytes);
+    }
+}
+
 TEST(ReliableSlotReader, BurstSignalledOnceArrivesInOneWakeUp) {
     ScopedSlotName name("burst");
     boost::shared_ptr<ISlot> slot = Reliable(name);

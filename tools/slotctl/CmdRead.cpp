@@ -6,7 +6,6 @@
 #include "SlotOptions.h"
 
 #include <Slot/AbortSlotCreationException.h>
-#include <Slot/BoostInterprocess/ReliableSlotReader.h>
 #include <Slot/SlotFactory.h>
 
 #include <FileUtils/FSUtils.h>
@@ -120,20 +119,6 @@ std::string HexLines(const std::string& block) {
     return out;
 }
 
-// A reliable slot's reader, subscribed before its thread starts. The factory hands out a
-// reader whose thread already runs: its first wait ends after one update time and it then
-// drains the queue, while the factory itself also waits one update time before returning. The
-// blocks that were waiting in the queue could thus be delivered before anyone subscribed, and
-// be lost. Built from the library's exported classes in the factory's order, but with the
-// subscriber attached before Init().
-INotifierPtr SubscribedReliableReader(const ISlotConfiguration& cfg, shared::ISubscriber* sink) {
-    boost::shared_ptr<BaseSlotReader> reader(
-        new ReliableSlotReader(SlotFactory::CreateSlot(&cfg), cfg.GetUpdateTime()));
-    reader->subscribe(sink);
-    reader->Init();
-    return reader;
-}
-
 // Writes everything; false when standard output is gone (EPIPE) or fails.
 bool WriteOut(const std::string& bytes) {
     size_t done = 0;
@@ -172,12 +157,9 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     BlockQueue queue;
     INotifierPtr reader;
     try {
-        if (type == "reliable") {
-            reader = SubscribedReliableReader(cfg, &queue);
-        } else {
-            reader = SlotFactory::CreateSlotReader(&cfg);
-            reader->subscribe(&queue);
-        }
+        // A reliable reader takes nothing before this subscription: waiting blocks are kept.
+        reader = SlotFactory::CreateSlotReader(&cfg);
+        reader->subscribe(&queue);
     } catch (const AbortSlotCreationException& e) {
         std::string message = "cannot read " + Quote(name) + ": " + e.what();
         if (type == "reliable") {

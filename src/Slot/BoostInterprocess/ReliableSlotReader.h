@@ -10,7 +10,8 @@
 #include <string>
 
 // Reader of a "reliable" slot: every block is delivered, each wake-up drains the queue, and a
-// slot has at most one reader on the whole machine.
+// slot has at most one reader on the whole machine. While the reader has no subscriber it takes
+// nothing: blocks wait in the queue for the first one.
 //
 // One reader per machine: the reader holds, for its whole life, a lock on the slot's singleton
 // lock file (excludes readers in other processes) and the process's mutex for the slot's name
