@@ -1009,6 +1009,10 @@ ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t 
         r.readerCpuPercent =
             100.0 * static_cast<double>(o.reader.GetU64("cpu_ns")) / 1e9 / r.seconds;
         r.writerCpuPercent = 100.0 * static_cast<double>(writerCpu) / 1e9 / r.seconds;
+        if (r.blocks > 0) {
+            r.readerCpuNsPerBlock = static_cast<double>(o.reader.GetU64("cpu_ns")) / r.blocks;
+            r.writerCpuNsPerBlock = static_cast<double>(writerCpu) / r.blocks;
+        }
     }
     r.lost = o.reader.GetU64("lost", o.problem.empty() ? 0 : count * writers);
     r.duplicates = o.reader.GetU64("duplicates");
@@ -1150,6 +1154,10 @@ void MergeThroughput(ThroughputResult& total, const ThroughputResult& round) {
         const double n = static_cast<double>(total.roundRates.size());
         total.readerCpuPercent = (total.readerCpuPercent * n + round.readerCpuPercent) / (n + 1);
         total.writerCpuPercent = (total.writerCpuPercent * n + round.writerCpuPercent) / (n + 1);
+        total.readerCpuNsPerBlock =
+            (total.readerCpuNsPerBlock * n + round.readerCpuNsPerBlock) / (n + 1);
+        total.writerCpuNsPerBlock =
+            (total.writerCpuNsPerBlock * n + round.writerCpuNsPerBlock) / (n + 1);
         total.blocks += round.blocks;
         total.seconds += round.seconds;
         total.refusals += round.refusals;

@@ -69,6 +69,8 @@ struct ThroughputResult {
     double blocksPerSecond = 0, megabytesPerSecond = 0;
     std::uint64_t refusals = 0;
     double readerCpuPercent = 0, writerCpuPercent = 0;
+    // CPU time per delivered block: steadier than rates on a busy machine.
+    double readerCpuNsPerBlock = 0, writerCpuNsPerBlock = 0;
     std::uint64_t lost = 0, duplicates = 0, corrupt = 0;
     std::vector<double> roundRates;  // blocks/s of each round
 };

@@ -2,7 +2,7 @@
 // machine's floor and to other IPC mechanisms, every writer and reader in a process of its own.
 //
 //   slotbench --out DIR [--quick] [--tag TAG] [--tmp DIR] [--only PARTS] [--transports LIST]
-//             [--sizes LIST]
+//             [--sizes LIST] [--rounds N]
 //   slotbench --cleanup --tag TAG      remove whatever a killed run with this tag left behind
 //
 // Exit status: 0 when every measured path delivered every block intact, 1 when a block was
@@ -87,7 +87,7 @@ void Usage() {
     std::fprintf(stderr,
                  "usage: slotbench --out DIR [--quick] [--tag TAG] [--tmp DIR]\n"
                  "                 [--only latency,throughput,scale,creation]\n"
-                 "                 [--transports NAME,...] [--sizes BYTES,...]\n"
+                 "                 [--transports NAME,...] [--sizes BYTES,...] [--rounds N]\n"
                  "       slotbench --cleanup --tag TAG\n");
 }
 
@@ -111,6 +111,7 @@ int main(int argc, char** argv) {
     std::string outDir, tag = "sb" + std::to_string(getpid()), tmpDir;
     std::vector<std::string> only, transports, sizes;
     bool cleanup = false;
+    unsigned int rounds = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto value = [&]() -> std::string {
@@ -134,6 +135,8 @@ int main(int argc, char** argv) {
             transports = Split(value());
         } else if (arg == "--sizes") {
             sizes = Split(value());
+        } else if (arg == "--rounds") {
+            rounds = static_cast<unsigned int>(std::strtoul(value().c_str(), nullptr, 10));
         } else if (arg == "--cleanup") {
             cleanup = true;
         } else {
@@ -143,6 +146,9 @@ int main(int argc, char** argv) {
     }
     if (cleanup) {
         return Cleanup(tag);
+    }
+    if (rounds > 0) {
+        plan.rounds = rounds;
     }
     if (outDir.empty()) {
         Usage();
