@@ -1183,6 +1183,15 @@ std::vector<MemcpyResult> MeasureMemcpy(const Plan& plan) {
     std::vector<MemcpyResult> results;
     const size_t workingSet = 64ull << 20;
     std::vector<char> bigSrc(workingSet / 2, 1), bigDst(workingSet / 2, 2);
+    // Warm-up: the first copies after an idle spell run before the core has reached its clock
+    // speed and would make the first size look slow.
+    {
+        const std::uint64_t until = NowNs() + 100000000ull;
+        while (NowNs() < until) {
+            std::memcpy(bigDst.data(), bigSrc.data(), 1 << 20);
+            asm volatile("" : : "r"(bigDst.data()) : "memory");
+        }
+    }
     for (size_t size : plan.latencySizes) {
         MemcpyResult m;
         m.size = size;
