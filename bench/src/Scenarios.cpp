@@ -4,6 +4,7 @@
 #include <Slot/SlotFactory.h>
 #include <shared/ISubscriber.h>
 
+#include <sched.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -855,6 +856,9 @@ PairOutcome RunPair(Harness& h, RunSpec& spec, const std::string& readerRole,
         reader.out = ResultPath(h, spec.name, "reader");
         std::vector<std::string> args = ChildArgs(h, readerRole, spec, reader.out, deadlineMs);
         args.insert(args.end(), extra.begin(), extra.end());
+        if (h.pin) {
+            args.push_back("cpu=1");
+        }
         reader.pid =
             SpawnChild(args, spec.fdRead >= 0 ? std::vector<int>{spec.fdRead} : std::vector<int>{});
         children.push_back(reader);
@@ -870,6 +874,9 @@ PairOutcome RunPair(Harness& h, RunSpec& spec, const std::string& readerRole,
                 std::vector<std::string> wargs =
                     ChildArgs(h, writerRole, ws, writer.out, deadlineMs);
                 wargs.insert(wargs.end(), extra.begin(), extra.end());
+                if (h.pin) {
+                    wargs.push_back("cpu=0");
+                }
                 writer.pid = SpawnChild(
                     wargs, spec.fdWrite >= 0 ? std::vector<int>{spec.fdWrite} : std::vector<int>{});
                 children.push_back(writer);
@@ -1259,6 +1266,15 @@ std::vector<MemcpyResult> MeasureMemcpy(const Plan& plan) {
 int ChildMain(const KeyValues& kv) {
     const std::uint64_t deadlineMs = kv.GetU64("deadline_ms", 60000);
     ArmChildWatchdog(static_cast<unsigned int>(deadlineMs / 1000 + 10));
+    // Readers on one core, writers on another (when asked and the machine has two): the
+    // scheduler then cannot move both ends onto one core for part of a run and not another.
+    const long cpu = std::strtol(kv.Get("cpu", "-1").c_str(), nullptr, 10);
+    if (cpu >= 0) {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(static_cast<int>(cpu), &set);
+        sched_setaffinity(0, sizeof set, &set);
+    }
     ConfigureSlotLogging();
     const std::string role = kv.Get("role");
     std::unique_ptr<ControlSegment> control;

@@ -129,6 +129,7 @@ struct Harness {
     std::string controlName;
     ControlSegment* control = nullptr;
     Plan plan;
+    bool pin = false;  // readers on CPU 1, writers on CPU 0
 };
 
 // One round: `count` paced blocks, the first `warmup` not counted.

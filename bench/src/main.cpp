@@ -112,6 +112,7 @@ int main(int argc, char** argv) {
     std::vector<std::string> only, transports, sizes;
     bool cleanup = false;
     unsigned int rounds = 0;
+    bool pin = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto value = [&]() -> std::string {
@@ -137,6 +138,8 @@ int main(int argc, char** argv) {
             sizes = Split(value());
         } else if (arg == "--rounds") {
             rounds = static_cast<unsigned int>(std::strtoul(value().c_str(), nullptr, 10));
+        } else if (arg == "--pin") {
+            pin = true;
         } else if (arg == "--cleanup") {
             cleanup = true;
         } else {
@@ -178,6 +181,7 @@ int main(int argc, char** argv) {
         h.tag = tag;
         h.tmpDir = tmpDir;
         h.plan = plan;
+        h.pin = pin && sysconf(_SC_NPROCESSORS_ONLN) >= 2;
         h.controlName = "/" + tag + "_ctl";
         ControlSegment control(h.controlName, true);
         h.control = &control;
