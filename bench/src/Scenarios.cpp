@@ -140,6 +140,22 @@ std::uint64_t GraceNs(const RunSpec& spec) {
                                    static_cast<std::uint64_t>(spec.updateTimeMs * 2e6));
 }
 
+// Deliberate faults, to show that the checks catch them: "drop" leaves out block 5, "corrupt"
+// sends block 7 with one payload byte changed. True when the block was dealt with here.
+bool Inject(const std::string& inject, std::uint64_t seq, const char* block, size_t size,
+            Sender& sender) {
+    if (inject == "drop" && seq == 5) {
+        return true;
+    }
+    if (inject == "corrupt" && seq == 7) {
+        std::vector<char> copy(block, block + size);
+        copy[size - 1] ^= 0x5a;
+        sender.Send(copy.data(), size);
+        return true;
+    }
+    return false;
+}
+
 // A writer of a queueing peer (ZeroMQ) hands its last blocks on while it closes, so it is
 // closed before the process ends; slot writers need nothing of the kind.
 void CloseSender(const RunSpec& spec, std::unique_ptr<Sender>& sender) {
@@ -269,6 +285,7 @@ int LatencyReader(const KeyValues& kv, RunSpec& spec) {
 int LatencyWriter(const KeyValues& kv, RunSpec& spec) {
     const std::uint64_t deadline = DeadlineFromArgs(kv);
     const size_t count = kv.GetU64("count");
+    const std::string inject = kv.Get("inject");
     std::unique_ptr<Sender> sender = MakeSender(spec);
     BlockSource source(spec.blockSize, spec.writerId);
     SignalReady(spec.control);
@@ -286,7 +303,9 @@ int LatencyWriter(const KeyValues& kv, RunSpec& spec) {
     for (size_t seq = 0; seq < count; ++seq) {
         char* block = source.Prepare(seq);
         StampSend(block, NowNs());
-        sender->Send(block, spec.blockSize);
+        if (!Inject(inject, seq, block, spec.blockSize, *sender)) {
+            sender->Send(block, spec.blockSize);
+        }
         ++expectedAcks;
         if (!FutexWaitAtLeast(&spec.control->ack, expectedAcks, NowNs() + 1000000000ull)) {
             ++timeouts;
@@ -387,6 +406,7 @@ int ThroughputReader(const KeyValues& kv, RunSpec& spec) {
 int ThroughputWriter(const KeyValues& kv, RunSpec& spec) {
     const std::uint64_t deadline = DeadlineFromArgs(kv);
     const size_t count = kv.GetU64("count");
+    const std::string inject = kv.Get("inject");
     std::unique_ptr<Sender> sender = MakeSender(spec);
     BlockSource source(spec.blockSize, spec.writerId);
     SignalReady(spec.control);
@@ -400,7 +420,10 @@ int ThroughputWriter(const KeyValues& kv, RunSpec& spec) {
     const std::uint64_t cpu0 = ProcessCpuNs();
     const std::uint64_t start = NowNs();
     for (size_t seq = 0; seq < count; ++seq) {
-        sender->Send(source.Prepare(seq), spec.blockSize);
+        char* block = source.Prepare(seq);
+        if (!Inject(inject, seq, block, spec.blockSize, *sender)) {
+            sender->Send(block, spec.blockSize);
+        }
         if ((seq & 1023) == 0 && NowNs() >= deadline) {
             break;
         }
@@ -801,6 +824,9 @@ std::vector<std::string> ChildArgs(const Harness& h, const std::string& role, co
     args.push_back("ctl=" + h.controlName);
     args.push_back("out=" + out);
     args.push_back("deadline_ms=" + std::to_string(deadlineMs));
+    if (!h.inject.empty()) {
+        args.push_back("inject=" + h.inject);
+    }
     return args;
 }
 

@@ -129,7 +129,8 @@ struct Harness {
     std::string controlName;
     ControlSegment* control = nullptr;
     Plan plan;
-    bool pin = false;  // readers on CPU 1, writers on CPU 0
+    bool pin = false;    // readers on CPU 1, writers on CPU 0
+    std::string inject;  // "drop" or "corrupt": a deliberate fault in every run (self-check)
 };
 
 // One round: `count` paced blocks, the first `warmup` not counted.

@@ -4,6 +4,7 @@
 //   slotbench --out DIR [--quick] [--tag TAG] [--tmp DIR] [--only PARTS] [--transports LIST]
 //             [--sizes LIST] [--rounds N]
 //   slotbench --cleanup --tag TAG      remove whatever a killed run with this tag left behind
+//   slotbench ... --inject drop|corrupt  a deliberate fault in every run: must exit 1
 //
 // Exit status: 0 when every measured path delivered every block intact, 1 when a block was
 // lost, duplicated or corrupted or a run failed, 2 for a usage error.
@@ -88,6 +89,7 @@ void Usage() {
                  "usage: slotbench --out DIR [--quick] [--tag TAG] [--tmp DIR]\n"
                  "                 [--only latency,throughput,scale,creation]\n"
                  "                 [--transports NAME,...] [--sizes BYTES,...] [--rounds N]\n"
+                 "                 [--pin] [--inject drop|corrupt]\n"
                  "       slotbench --cleanup --tag TAG\n");
 }
 
@@ -113,6 +115,7 @@ int main(int argc, char** argv) {
     bool cleanup = false;
     unsigned int rounds = 0;
     bool pin = false;
+    std::string inject;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto value = [&]() -> std::string {
@@ -138,6 +141,8 @@ int main(int argc, char** argv) {
             sizes = Split(value());
         } else if (arg == "--rounds") {
             rounds = static_cast<unsigned int>(std::strtoul(value().c_str(), nullptr, 10));
+        } else if (arg == "--inject") {
+            inject = value();
         } else if (arg == "--pin") {
             pin = true;
         } else if (arg == "--cleanup") {
@@ -182,6 +187,7 @@ int main(int argc, char** argv) {
         h.tmpDir = tmpDir;
         h.plan = plan;
         h.pin = pin && sysconf(_SC_NPROCESSORS_ONLN) >= 2;
+        h.inject = inject;
         h.controlName = "/" + tag + "_ctl";
         ControlSegment control(h.controlName, true);
         h.control = &control;
