@@ -38,10 +38,10 @@ void InitRuntimeOnce() {
     }
 }
 
-iox::capro::ServiceDescription Service(const RunSpec& spec) {
+iox::capro::ServiceDescription Service(const RunParams& params) {
     return iox::capro::ServiceDescription(
         iox::capro::IdString_t(iox::cxx::TruncateToCapacity, "slotbench"),
-        iox::capro::IdString_t(iox::cxx::TruncateToCapacity, spec.name.c_str()),
+        iox::capro::IdString_t(iox::cxx::TruncateToCapacity, params.name.c_str()),
         iox::capro::IdString_t(iox::cxx::TruncateToCapacity, "blocks"));
 }
 
@@ -52,17 +52,17 @@ iox::popo::PublisherOptions PublisherOptionsFor() {
     return options;
 }
 
-iox::popo::SubscriberOptions SubscriberOptionsFor(const RunSpec& spec) {
+iox::popo::SubscriberOptions SubscriberOptionsFor(const RunParams& params) {
     iox::popo::SubscriberOptions options;
-    options.queueCapacity = spec.depth;
+    options.queueCapacity = params.depth;
     options.queueFullPolicy = iox::popo::QueueFullPolicy::BLOCK_PRODUCER;
     return options;
 }
 
 class IceoryxSender : public Sender {
 public:
-    explicit IceoryxSender(const RunSpec& spec)
-        : publisher_((InitRuntimeOnce(), Service(spec)), PublisherOptionsFor()) {}
+    explicit IceoryxSender(const RunParams& params)
+        : publisher_((InitRuntimeOnce(), Service(params)), PublisherOptionsFor()) {}
     bool Warmup(std::uint64_t deadlineNs) override {
         // The subscriber's connection is made by RouDi asynchronously.
         while (!publisher_.hasSubscribers()) {
@@ -98,8 +98,8 @@ private:
 
 class IceoryxReceiver : public Receiver {
 public:
-    explicit IceoryxReceiver(const RunSpec& spec)
-        : subscriber_((InitRuntimeOnce(), Service(spec)), SubscriberOptionsFor(spec)) {
+    explicit IceoryxReceiver(const RunParams& params)
+        : subscriber_((InitRuntimeOnce(), Service(params)), SubscriberOptionsFor(params)) {
         waitSet_.attachState(subscriber_, iox::popo::SubscriberState::HAS_DATA).or_else([](auto) {
             throw std::runtime_error("iceoryx: cannot attach to WaitSet");
         });
@@ -131,12 +131,12 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Sender> MakeIceoryxSender(const RunSpec& spec) {
-    return std::unique_ptr<Sender>(new IceoryxSender(spec));
+std::unique_ptr<Sender> MakeIceoryxSender(const RunParams& params) {
+    return std::unique_ptr<Sender>(new IceoryxSender(params));
 }
 
-std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunSpec& spec) {
-    return std::unique_ptr<Receiver>(new IceoryxReceiver(spec));
+std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunParams& params) {
+    return std::unique_ptr<Receiver>(new IceoryxReceiver(params));
 }
 
 }  // namespace bench

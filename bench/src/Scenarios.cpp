@@ -135,9 +135,9 @@ void PaceGap(std::uint64_t us) {
     clock_nanosleep(CLOCK_MONOTONIC, 0, &ts, nullptr);
 }
 
-std::uint64_t GraceNs(const RunSpec& spec) {
+std::uint64_t GraceNs(const RunParams& params) {
     return std::max<std::uint64_t>(2000000000ull,
-                                   static_cast<std::uint64_t>(spec.updateTimeMs * 2e6));
+                                   static_cast<std::uint64_t>(params.updateTimeMs * 2e6));
 }
 
 // Deliberate faults, to show that the checks catch them: "drop" leaves out block 5, "corrupt"
@@ -158,17 +158,17 @@ bool Inject(const std::string& inject, std::uint64_t seq, const char* block, siz
 
 // A writer of a queueing peer (ZeroMQ) hands its last blocks on while it closes, so it is
 // closed before the process ends; slot writers need nothing of the kind.
-void CloseSender(const RunSpec& spec, std::unique_ptr<Sender>& sender) {
-    if (spec.transport.rfind("slot-", 0) != 0) {
+void CloseSender(const RunParams& params, std::unique_ptr<Sender>& sender) {
+    if (params.transport.rfind("slot-", 0) != 0) {
         sender.reset();
     }
 }
 
 // Slot readers and writers are not destroyed: a reader's destructor waits up to one update
 // time for its thread, and the parent removes every object of the run anyway.
-[[noreturn]] void FinishChild(const RunSpec& spec, int code) {
+[[noreturn]] void FinishChild(const RunParams& params, int code) {
     std::fflush(nullptr);
-    if (spec.transport.rfind("slot-", 0) == 0 || spec.transport.empty()) {
+    if (params.transport.rfind("slot-", 0) == 0 || params.transport.empty()) {
         std::_Exit(code);
     }
     std::exit(code);
@@ -250,23 +250,23 @@ private:
     std::uint64_t corrupt_ = 0;
 };
 
-int LatencyReader(const KeyValues& kv, RunSpec& spec) {
+int LatencyReader(const KeyValues& kv, RunParams& params) {
     const std::uint64_t deadline = DeadlineFromArgs(kv);
     const size_t count = kv.GetU64("count");
-    std::unique_ptr<Receiver> receiver = MakeReceiver(spec);
+    std::unique_ptr<Receiver> receiver = MakeReceiver(params);
     Stopper stop(deadline);
-    LatencySink sink(spec.blockSize, count, kv.GetU64("warmup"), 1, spec.control, stop);
+    LatencySink sink(params.blockSize, count, kv.GetU64("warmup"), 1, params.control, stop);
     receiver->Attach(sink);
-    SignalReady(spec.control);
+    SignalReady(params.control);
     KeyValues out;
-    if (!WaitForGo(spec.control, deadline)) {
+    if (!WaitForGo(params.control, deadline)) {
         out.Set("error", "no go from the parent");
         out.Save(kv.Get("out"));
         return 3;
     }
     const std::uint64_t cpu0 = ProcessCpuNs();
     {
-        Watcher watcher(spec.control, 1, sink, stop, GraceNs(spec));
+        Watcher watcher(params.control, 1, sink, stop, GraceNs(params));
         receiver->Run(sink, stop);
     }
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
@@ -277,23 +277,23 @@ int LatencyReader(const KeyValues& kv, RunSpec& spec) {
     out.SetDouble("cpu_ns_per_block", static_cast<double>(cpu) / std::max<double>(1, count));
     out.Set("log_messages", SlotOtherMessagesLogged());
     out.Save(kv.Get("out"));
-    FinishChild(spec, 0);
+    FinishChild(params, 0);
 }
 
 // Sends `count` blocks, each only after the reader acknowledged the previous one. A block that
 // is not acknowledged within a second counts as lost (the reader's sequence check says so too).
-int LatencyWriter(const KeyValues& kv, RunSpec& spec) {
+int LatencyWriter(const KeyValues& kv, RunParams& params) {
     const std::uint64_t deadline = DeadlineFromArgs(kv);
     const size_t count = kv.GetU64("count");
     const std::string inject = kv.Get("inject");
-    std::unique_ptr<Sender> sender = MakeSender(spec);
-    BlockSource source(spec.blockSize, spec.writerId);
-    SignalReady(spec.control);
+    std::unique_ptr<Sender> sender = MakeSender(params);
+    BlockSource source(params.blockSize, params.writerId);
+    SignalReady(params.control);
     KeyValues out;
-    if (!WaitForGo(spec.control, deadline) || !sender->Warmup(deadline)) {
+    if (!WaitForGo(params.control, deadline) || !sender->Warmup(deadline)) {
         out.Set("error", "no go from the parent, or the transport never connected");
         out.Save(kv.Get("out"));
-        MarkFailed(spec.control);
+        MarkFailed(params.control);
         return 3;
     }
     std::uint64_t timeouts = 0;
@@ -303,29 +303,29 @@ int LatencyWriter(const KeyValues& kv, RunSpec& spec) {
     for (size_t seq = 0; seq < count; ++seq) {
         char* block = source.Prepare(seq);
         StampSend(block, NowNs());
-        if (!Inject(inject, seq, block, spec.blockSize, *sender)) {
-            sender->Send(block, spec.blockSize);
+        if (!Inject(inject, seq, block, params.blockSize, *sender)) {
+            sender->Send(block, params.blockSize);
         }
         ++expectedAcks;
-        if (!FutexWaitAtLeast(&spec.control->ack, expectedAcks, NowNs() + 1000000000ull)) {
+        if (!FutexWaitAtLeast(&params.control->ack, expectedAcks, NowNs() + 1000000000ull)) {
             ++timeouts;
             --expectedAcks;
-            if (timeouts >= 5 || __atomic_load_n(&spec.control->failed, __ATOMIC_SEQ_CST)) {
+            if (timeouts >= 5 || __atomic_load_n(&params.control->failed, __ATOMIC_SEQ_CST)) {
                 break;
             }
         }
         PaceGap(gapUs);
     }
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
-    WriterFinished(spec.control);
+    WriterFinished(params.control);
     const std::uint64_t refusals = sender->Refusals();
-    CloseSender(spec, sender);
+    CloseSender(params, sender);
     out.Set("timeouts", timeouts);
     out.Set("refusals", refusals);
     out.SetDouble("cpu_ns_per_block", static_cast<double>(cpu) / std::max<double>(1, count));
     out.Set("log_messages", SlotOtherMessagesLogged());
     out.Save(kv.Get("out"));
-    FinishChild(spec, 0);
+    FinishChild(params, 0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -375,54 +375,54 @@ private:
     std::uint64_t valid_ = 0, corrupt_ = 0, firstNs_ = 0, lastNs_ = 0;
 };
 
-int ThroughputReader(const KeyValues& kv, RunSpec& spec) {
+int ThroughputReader(const KeyValues& kv, RunParams& params) {
     const std::uint64_t deadline = DeadlineFromArgs(kv);
     const size_t count = kv.GetU64("count");
-    std::unique_ptr<Receiver> receiver = MakeReceiver(spec);
+    std::unique_ptr<Receiver> receiver = MakeReceiver(params);
     Stopper stop(deadline);
-    ThroughputSink sink(spec.blockSize, spec.writers, count, stop);
+    ThroughputSink sink(params.blockSize, params.writers, count, stop);
     receiver->Attach(sink);
-    SignalReady(spec.control);
+    SignalReady(params.control);
     KeyValues out;
-    if (!WaitForGo(spec.control, deadline)) {
+    if (!WaitForGo(params.control, deadline)) {
         out.Set("error", "no go from the parent");
         out.Save(kv.Get("out"));
         return 3;
     }
     const std::uint64_t cpu0 = ProcessCpuNs();
     {
-        Watcher watcher(spec.control, spec.writers, sink, stop, GraceNs(spec));
+        Watcher watcher(params.control, params.writers, sink, stop, GraceNs(params));
         receiver->Run(sink, stop);
     }
     out.Set("cpu_ns", ProcessCpuNs() - cpu0);
-    __atomic_store_n(&spec.control->reserved[kReaderDoneWord], 1u, __ATOMIC_SEQ_CST);
-    FutexWakeAll(&spec.control->reserved[kReaderDoneWord]);
+    __atomic_store_n(&params.control->reserved[kReaderDoneWord], 1u, __ATOMIC_SEQ_CST);
+    FutexWakeAll(&params.control->reserved[kReaderDoneWord]);
     sink.Save(out, count);
     out.Set("log_messages", SlotOtherMessagesLogged());
     out.Save(kv.Get("out"));
-    FinishChild(spec, 0);
+    FinishChild(params, 0);
 }
 
-int ThroughputWriter(const KeyValues& kv, RunSpec& spec) {
+int ThroughputWriter(const KeyValues& kv, RunParams& params) {
     const std::uint64_t deadline = DeadlineFromArgs(kv);
     const size_t count = kv.GetU64("count");
     const std::string inject = kv.Get("inject");
-    std::unique_ptr<Sender> sender = MakeSender(spec);
-    BlockSource source(spec.blockSize, spec.writerId);
-    SignalReady(spec.control);
+    std::unique_ptr<Sender> sender = MakeSender(params);
+    BlockSource source(params.blockSize, params.writerId);
+    SignalReady(params.control);
     KeyValues out;
-    if (!WaitForGo(spec.control, deadline) || !sender->Warmup(deadline)) {
+    if (!WaitForGo(params.control, deadline) || !sender->Warmup(deadline)) {
         out.Set("error", "no go from the parent, or the transport never connected");
         out.Save(kv.Get("out"));
-        MarkFailed(spec.control);
+        MarkFailed(params.control);
         return 3;
     }
     const std::uint64_t cpu0 = ProcessCpuNs();
     const std::uint64_t start = NowNs();
     for (size_t seq = 0; seq < count; ++seq) {
         char* block = source.Prepare(seq);
-        if (!Inject(inject, seq, block, spec.blockSize, *sender)) {
-            sender->Send(block, spec.blockSize);
+        if (!Inject(inject, seq, block, params.blockSize, *sender)) {
+            sender->Send(block, params.blockSize);
         }
         if ((seq & 1023) == 0 && NowNs() >= deadline) {
             break;
@@ -430,19 +430,19 @@ int ThroughputWriter(const KeyValues& kv, RunSpec& spec) {
     }
     const std::uint64_t end = NowNs();
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
-    WriterFinished(spec.control);
+    WriterFinished(params.control);
     out.Set("refusals", sender->Refusals());
     // A queueing peer may still hold blocks that its socket has accepted; keep it open until
     // the reader is done (or gives up), so closing cannot throw them away.
-    FutexWaitWhile(&spec.control->reserved[kReaderDoneWord], 0,
-                   NowNs() + GraceNs(spec) + 1000000000ull);
-    CloseSender(spec, sender);
+    FutexWaitWhile(&params.control->reserved[kReaderDoneWord], 0,
+                   NowNs() + GraceNs(params) + 1000000000ull);
+    CloseSender(params, sender);
     out.Set("start_ns", start);
     out.Set("end_ns", end);
     out.Set("cpu_ns", cpu);
     out.Set("log_messages", SlotOtherMessagesLogged());
     out.Save(kv.Get("out"));
-    FinishChild(spec, 0);
+    FinishChild(params, 0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -496,7 +496,7 @@ private:
     BlockSink& inner_;
 };
 
-int ScaleReader(const KeyValues& kv, RunSpec& spec) {
+int ScaleReader(const KeyValues& kv, RunParams& params) {
     const std::uint64_t deadline = DeadlineFromArgs(kv);
     const size_t count = kv.GetU64("count");
     const unsigned int slots = static_cast<unsigned int>(kv.GetU64("slots"));
@@ -510,7 +510,8 @@ int ScaleReader(const KeyValues& kv, RunSpec& spec) {
         for (unsigned int i = 0; i < slots; ++i) {
             threads.emplace_back([&, i] {
                 try {
-                    ScaleConfig cfg(ScaleSlotName(spec.name, i), spec.blockSize, spec.updateTimeMs);
+                    ScaleConfig cfg(ScaleSlotName(params.name, i), params.blockSize,
+                                    params.updateTimeMs);
                     readers[i] = SlotFactory::CreateSlotReader(&cfg);
                 } catch (const std::exception& e) {
                     std::fprintf(stderr, "slotbench: reader %u: %s\n", i, e.what());
@@ -527,22 +528,22 @@ int ScaleReader(const KeyValues& kv, RunSpec& spec) {
     }
     const double setupMs = static_cast<double>(NowNs() - setup0) / 1e6;
     Stopper stop(deadline);
-    LatencySink sink(spec.blockSize, count, kv.GetU64("warmup"), slots, spec.control, stop);
+    LatencySink sink(params.blockSize, count, kv.GetU64("warmup"), slots, params.control, stop);
     LockedSink locked(sink);
     ForwardingSubscriber subscriber(locked);
     for (INotifierPtr& r : readers) {
         r->subscribe(&subscriber);
     }
-    SignalReady(spec.control);
+    SignalReady(params.control);
     KeyValues out;
-    if (!WaitForGo(spec.control, deadline)) {
+    if (!WaitForGo(params.control, deadline)) {
         out.Set("error", "no go from the parent");
         out.Save(kv.Get("out"));
         return 3;
     }
     const std::uint64_t cpu0 = ProcessCpuNs();
     {
-        Watcher watcher(spec.control, 1, sink, stop, GraceNs(spec));
+        Watcher watcher(params.control, 1, sink, stop, GraceNs(params));
         stop.Wait();
     }
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
@@ -563,10 +564,10 @@ int ScaleReader(const KeyValues& kv, RunSpec& spec) {
     out.SetDouble("setup_ms", setupMs);
     out.Set("log_messages", SlotOtherMessagesLogged());
     out.Save(kv.Get("out"));
-    FinishChild(spec, 0);
+    FinishChild(params, 0);
 }
 
-int ScaleWriter(const KeyValues& kv, RunSpec& spec) {
+int ScaleWriter(const KeyValues& kv, RunParams& params) {
     const std::uint64_t deadline = DeadlineFromArgs(kv);
     const size_t count = kv.GetU64("count");
     const unsigned int slots = static_cast<unsigned int>(kv.GetU64("slots"));
@@ -574,17 +575,17 @@ int ScaleWriter(const KeyValues& kv, RunSpec& spec) {
     std::vector<ISubscriberPtr> writers;
     std::vector<std::unique_ptr<BlockSource>> sources;
     for (unsigned int i = 0; i < slots; ++i) {
-        ScaleConfig cfg(ScaleSlotName(spec.name, i), spec.blockSize, spec.updateTimeMs);
+        ScaleConfig cfg(ScaleSlotName(params.name, i), params.blockSize, params.updateTimeMs);
         writers.push_back(SlotFactory::CreateSlotWriter(&cfg));
-        sources.emplace_back(new BlockSource(spec.blockSize, i, 2));
+        sources.emplace_back(new BlockSource(params.blockSize, i, 2));
     }
     const double setupMs = static_cast<double>(NowNs() - setup0) / 1e6;
-    SignalReady(spec.control);
+    SignalReady(params.control);
     KeyValues out;
-    if (!WaitForGo(spec.control, deadline)) {
+    if (!WaitForGo(params.control, deadline)) {
         out.Set("error", "no go from the parent");
         out.Save(kv.Get("out"));
-        MarkFailed(spec.control);
+        MarkFailed(params.control);
         return 3;
     }
     std::uint64_t timeouts = 0;
@@ -596,25 +597,25 @@ int ScaleWriter(const KeyValues& kv, RunSpec& spec) {
         const unsigned int i = static_cast<unsigned int>(k % slots);
         char* block = sources[i]->Prepare(seqs[i]++);
         StampSend(block, NowNs());
-        writers[i]->onNotify(spec.name, block, spec.blockSize);
+        writers[i]->onNotify(params.name, block, params.blockSize);
         ++expectedAcks;
-        if (!FutexWaitAtLeast(&spec.control->ack, expectedAcks, NowNs() + 1000000000ull)) {
+        if (!FutexWaitAtLeast(&params.control->ack, expectedAcks, NowNs() + 1000000000ull)) {
             ++timeouts;
             --expectedAcks;
-            if (timeouts >= 5 || __atomic_load_n(&spec.control->failed, __ATOMIC_SEQ_CST)) {
+            if (timeouts >= 5 || __atomic_load_n(&params.control->failed, __ATOMIC_SEQ_CST)) {
                 break;
             }
         }
         PaceGap(gapUs);
     }
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
-    WriterFinished(spec.control);
+    WriterFinished(params.control);
     out.Set("timeouts", timeouts);
     out.SetDouble("cpu_ns_per_block", static_cast<double>(cpu) / std::max<double>(1, count));
     out.SetDouble("setup_ms", setupMs);
     out.Set("log_messages", SlotOtherMessagesLogged());
     out.Save(kv.Get("out"));
-    FinishChild(spec, 0);
+    FinishChild(params, 0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -817,7 +818,7 @@ std::string FinishChildren(std::vector<Child>& children, std::uint64_t deadlineN
     return problem;
 }
 
-std::vector<std::string> ChildArgs(const Harness& h, const std::string& role, const RunSpec& s,
+std::vector<std::string> ChildArgs(const Harness& h, const std::string& role, const RunParams& s,
                                    const std::string& out, std::uint64_t deadlineMs) {
     std::vector<std::string> args = s.ToArgs();
     args.push_back("role=" + role);
@@ -862,7 +863,7 @@ struct PairOutcome {
     std::vector<KeyValues> writers;
 };
 
-PairOutcome RunPair(Harness& h, RunSpec& spec, const std::string& readerRole,
+PairOutcome RunPair(Harness& h, RunParams& params, const std::string& readerRole,
                     const std::string& writerRole, const std::vector<std::string>& extra,
                     std::uint64_t deadlineMs) {
     PairOutcome outcome;
@@ -870,56 +871,57 @@ PairOutcome RunPair(Harness& h, RunSpec& spec, const std::string& readerRole,
     const std::uint64_t deadline = NowNs() + deadlineMs * 1000000ull;
     std::vector<Child> children;
     try {
-        PrepareTransport(spec);
+        PrepareTransport(params);
     } catch (const std::exception& e) {
         outcome.problem = std::string("SKIP:") + e.what();
-        CleanupTransport(spec);
+        CleanupTransport(params);
         return outcome;
     }
     try {
         Child reader;
         reader.role = readerRole;
-        reader.out = ResultPath(h, spec.name, "reader");
-        std::vector<std::string> args = ChildArgs(h, readerRole, spec, reader.out, deadlineMs);
+        reader.out = ResultPath(h, params.name, "reader");
+        std::vector<std::string> args = ChildArgs(h, readerRole, params, reader.out, deadlineMs);
         args.insert(args.end(), extra.begin(), extra.end());
         if (h.pin) {
             args.push_back("cpu=1");
         }
-        reader.pid =
-            SpawnChild(args, spec.fdRead >= 0 ? std::vector<int>{spec.fdRead} : std::vector<int>{});
+        reader.pid = SpawnChild(
+            args, params.fdRead >= 0 ? std::vector<int>{params.fdRead} : std::vector<int>{});
         children.push_back(reader);
         if (!WaitReady(h, 1, children, deadline)) {
             outcome.problem += "the reader did not get ready; ";
         } else {
-            for (unsigned int w = 0; w < spec.writers; ++w) {
-                RunSpec ws = spec;
+            for (unsigned int w = 0; w < params.writers; ++w) {
+                RunParams ws = params;
                 ws.writerId = w;
                 Child writer;
                 writer.role = writerRole + std::to_string(w);
-                writer.out = ResultPath(h, spec.name, "writer" + std::to_string(w));
+                writer.out = ResultPath(h, params.name, "writer" + std::to_string(w));
                 std::vector<std::string> wargs =
                     ChildArgs(h, writerRole, ws, writer.out, deadlineMs);
                 wargs.insert(wargs.end(), extra.begin(), extra.end());
                 if (h.pin) {
                     wargs.push_back("cpu=0");
                 }
-                writer.pid = SpawnChild(
-                    wargs, spec.fdWrite >= 0 ? std::vector<int>{spec.fdWrite} : std::vector<int>{});
+                writer.pid =
+                    SpawnChild(wargs, params.fdWrite >= 0 ? std::vector<int>{params.fdWrite}
+                                                          : std::vector<int>{});
                 children.push_back(writer);
             }
-            if (!WaitReady(h, 1 + spec.writers, children, deadline)) {
+            if (!WaitReady(h, 1 + params.writers, children, deadline)) {
                 outcome.problem += "a writer did not get ready; ";
                 MarkFailed(h.control->Get());
             }
         }
         // The socket pair now lives in the children only.
-        if (spec.fdRead >= 0) {
-            close(spec.fdRead);
-            spec.fdRead = -1;
+        if (params.fdRead >= 0) {
+            close(params.fdRead);
+            params.fdRead = -1;
         }
-        if (spec.fdWrite >= 0) {
-            close(spec.fdWrite);
-            spec.fdWrite = -1;
+        if (params.fdWrite >= 0) {
+            close(params.fdWrite);
+            params.fdWrite = -1;
         }
         Go(h);
         outcome.problem += FinishChildren(children, deadline + 5000000000ull);
@@ -933,12 +935,12 @@ PairOutcome RunPair(Harness& h, RunSpec& spec, const std::string& readerRole,
         FinishChildren(children, NowNs() + 5000000000ull);
     }
     RemoveAll(children);
-    CleanupTransport(spec);
+    CleanupTransport(params);
     return outcome;
 }
 
-RunSpec BaseSpec(const Harness& h, const std::string& transport, size_t size) {
-    RunSpec s;
+RunParams BaseParams(const Harness& h, const std::string& transport, size_t size) {
+    RunParams s;
     s.transport = transport;
     s.tmpDir = h.tmpDir;
     s.blockSize = size;
@@ -963,10 +965,10 @@ LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, 
         r.reason = why;
         return r;
     }
-    RunSpec spec = BaseSpec(h, transport, size);
-    spec.name = RunName(h, "lat", transport, size);
+    RunParams params = BaseParams(h, transport, size);
+    params.name = RunName(h, "lat", transport, size);
     const std::uint64_t deadlineMs = 30000 + count * 2;
-    PairOutcome o = RunPair(h, spec, "lat-reader", "lat-writer",
+    PairOutcome o = RunPair(h, params, "lat-reader", "lat-writer",
                             {"count=" + std::to_string(count), "warmup=" + std::to_string(warmup),
                              "gap_us=" + std::to_string(h.plan.gapUs)},
                             deadlineMs);
@@ -976,7 +978,7 @@ LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, 
         return r;
     }
     {
-        const std::string path = ResultPath(h, spec.name, "reader") + ".samples";
+        const std::string path = ResultPath(h, params.name, "reader") + ".samples";
         if (FILE* f = std::fopen(path.c_str(), "rb")) {
             std::uint64_t v;
             while (std::fread(&v, sizeof v, 1, f) == 1) {
@@ -1012,15 +1014,15 @@ ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t 
         r.reason = why;
         return r;
     }
-    RunSpec spec = BaseSpec(h, transport, size);
-    spec.name = RunName(h, "tp", transport, size, writers);
-    spec.writers = writers;
-    spec.throughput = true;
+    RunParams params = BaseParams(h, transport, size);
+    params.name = RunName(h, "tp", transport, size, writers);
+    params.writers = writers;
+    params.throughput = true;
     const size_t count = h.plan.ThroughputBlocks(size);
     const std::uint64_t deadlineMs = h.plan.quick ? 30000 : 120000;
-    PairOutcome o =
-        RunPair(h, spec, "tp-reader", "tp-writer", {"count=" + std::to_string(count)}, deadlineMs);
-    r.depth = spec.depth;
+    PairOutcome o = RunPair(h, params, "tp-reader", "tp-writer", {"count=" + std::to_string(count)},
+                            deadlineMs);
+    r.depth = params.depth;
     if (o.problem.rfind("SKIP:", 0) == 0) {
         r.status = Status::Skipped;
         r.reason = o.problem.substr(5);
@@ -1058,12 +1060,12 @@ ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t 
 ScaleResult RunScale(Harness& h, unsigned int slots) {
     ScaleResult r;
     r.slots = slots;
-    RunSpec spec = BaseSpec(h, "slot-discarding", 64);
-    spec.name = h.tag + "_scale" + std::to_string(slots);
+    RunParams params = BaseParams(h, "slot-discarding", 64);
+    params.name = h.tag + "_scale" + std::to_string(slots);
     const size_t count = h.plan.scaleCount;
     const std::uint64_t deadlineMs = 60000 + count * 2 + h.plan.idleMs;
     // The scale roles open their slots themselves; the transport is only named for cleanup.
-    RunSpec none = spec;
+    RunParams none = params;
     none.transport = "";
     PairOutcome o =
         RunPair(h, none, "scale-reader", "scale-writer",
@@ -1072,7 +1074,7 @@ ScaleResult RunScale(Harness& h, unsigned int slots) {
                  "idle_ms=" + std::to_string(h.plan.idleMs)},
                 deadlineMs);
     for (unsigned int i = 0; i < slots; ++i) {
-        SlotFactory::RemoveSlot(ScaleSlotName(spec.name, i));
+        SlotFactory::RemoveSlot(ScaleSlotName(params.name, i));
     }
     r.p.count = o.reader.GetU64("samples");
     r.p.p50 = o.reader.GetDouble("p50");
@@ -1304,27 +1306,27 @@ int ChildMain(const KeyValues& kv) {
     ConfigureSlotLogging();
     const std::string role = kv.Get("role");
     std::unique_ptr<ControlSegment> control;
-    RunSpec spec = RunSpec::FromArgs(kv);
+    RunParams params = RunParams::FromArgs(kv);
     try {
         control.reset(new ControlSegment(kv.Get("ctl"), false));
-        spec.control = control->Get();
+        params.control = control->Get();
         if (role == "lat-reader") {
-            return LatencyReader(kv, spec);
+            return LatencyReader(kv, params);
         }
         if (role == "lat-writer") {
-            return LatencyWriter(kv, spec);
+            return LatencyWriter(kv, params);
         }
         if (role == "tp-reader") {
-            return ThroughputReader(kv, spec);
+            return ThroughputReader(kv, params);
         }
         if (role == "tp-writer") {
-            return ThroughputWriter(kv, spec);
+            return ThroughputWriter(kv, params);
         }
         if (role == "scale-reader") {
-            return ScaleReader(kv, spec);
+            return ScaleReader(kv, params);
         }
         if (role == "scale-writer") {
-            return ScaleWriter(kv, spec);
+            return ScaleWriter(kv, params);
         }
         if (role == "create-slots") {
             return CreateSlots(kv);
@@ -1334,13 +1336,13 @@ int ChildMain(const KeyValues& kv) {
         }
         throw std::runtime_error("unknown role " + role);
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "slotbench %s (%s): %s\n", role.c_str(), spec.transport.c_str(),
+        std::fprintf(stderr, "slotbench %s (%s): %s\n", role.c_str(), params.transport.c_str(),
                      e.what());
         KeyValues out;
         out.Set("error", role + ": " + e.what());
         out.Save(kv.Get("out"));
-        if (spec.control != nullptr) {
-            MarkFailed(spec.control);
+        if (params.control != nullptr) {
+            MarkFailed(params.control);
         }
         std::fflush(nullptr);
         std::_Exit(3);

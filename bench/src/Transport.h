@@ -18,7 +18,7 @@ namespace bench {
 
 // Everything a transport needs to know about one run. The parent fills it in and hands it to
 // the children as key=value arguments.
-struct RunSpec {
+struct RunParams {
     std::string transport;  // see TransportNames()
     std::string name;       // unique base name of every object of this run (holds the pid)
     std::string tmpDir;     // private directory of this benchmark run
@@ -33,7 +33,7 @@ struct RunSpec {
     ControlBlock* control = nullptr;  // the parent's control segment (mapped in every child)
 
     std::vector<std::string> ToArgs() const;
-    static RunSpec FromArgs(const KeyValues& kv);
+    static RunParams FromArgs(const KeyValues& kv);
 };
 
 class Sender {
@@ -125,21 +125,21 @@ std::string TransportUnavailable(const std::string& name);
 
 // Parent side: creates what must exist before the children start (FIFO, condition segment,
 // socket pair) and removes everything of the run afterwards, also after a failure.
-void PrepareTransport(RunSpec& spec);
-void CleanupTransport(RunSpec& spec);
+void PrepareTransport(RunParams& params);
+void CleanupTransport(RunParams& params);
 
-std::unique_ptr<Sender> MakeSender(const RunSpec& spec);
-std::unique_ptr<Receiver> MakeReceiver(const RunSpec& spec);
+std::unique_ptr<Sender> MakeSender(const RunParams& params);
+std::unique_ptr<Receiver> MakeReceiver(const RunParams& params);
 
 // Optional peers, defined in their own files when the package was found at configure time.
 #ifdef SLOTBENCH_HAVE_ZMQ
-std::unique_ptr<Sender> MakeZmqSender(const RunSpec& spec);
-std::unique_ptr<Receiver> MakeZmqReceiver(const RunSpec& spec);
+std::unique_ptr<Sender> MakeZmqSender(const RunParams& params);
+std::unique_ptr<Receiver> MakeZmqReceiver(const RunParams& params);
 std::string ZmqVersion();
 #endif
 #ifdef SLOTBENCH_HAVE_ICEORYX
-std::unique_ptr<Sender> MakeIceoryxSender(const RunSpec& spec);
-std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunSpec& spec);
+std::unique_ptr<Sender> MakeIceoryxSender(const RunParams& params);
+std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunParams& params);
 #endif
 
 // Slot library logging: everything off except the "queue is full" warnings, which are counted.

@@ -30,9 +30,9 @@
 namespace bench {
 
 // ---------------------------------------------------------------------------------------------
-// RunSpec, Stopper, StreamReassembler
+// RunParams, Stopper, StreamReassembler
 
-std::vector<std::string> RunSpec::ToArgs() const {
+std::vector<std::string> RunParams::ToArgs() const {
     return {"transport=" + transport,
             "name=" + name,
             "tmp=" + tmpDir,
@@ -46,8 +46,8 @@ std::vector<std::string> RunSpec::ToArgs() const {
             "fd_write=" + std::to_string(fdWrite)};
 }
 
-RunSpec RunSpec::FromArgs(const KeyValues& kv) {
-    RunSpec s;
+RunParams RunParams::FromArgs(const KeyValues& kv) {
+    RunParams s;
     s.transport = kv.Get("transport");
     s.name = kv.Get("name");
     s.tmpDir = kv.Get("tmp");
@@ -211,9 +211,10 @@ void Backoff(unsigned int attempt) {
 
 class SlotSender : public Sender {
 public:
-    explicit SlotSender(const RunSpec& spec)
-        : cfg_(spec.name, SlotType(spec.transport), spec.blockSize, spec.depth, spec.updateTimeMs),
-          reliable_(spec.transport == "slot-reliable") {
+    explicit SlotSender(const RunParams& params)
+        : cfg_(params.name, SlotType(params.transport), params.blockSize, params.depth,
+               params.updateTimeMs),
+          reliable_(params.transport == "slot-reliable") {
         writer_ = SlotFactory::CreateSlotWriter(&cfg_);
     }
     void Send(const char* data, size_t size) override {
@@ -265,10 +266,11 @@ private:
 
 class SlotReceiver : public Receiver {
 public:
-    explicit SlotReceiver(const RunSpec& spec)
-        : cfg_(spec.name, SlotType(spec.transport), spec.blockSize, spec.depth, spec.updateTimeMs),
-          stream_(spec.transport == "slot-posix-pipe"),
-          blockSize_(spec.blockSize) {
+    explicit SlotReceiver(const RunParams& params)
+        : cfg_(params.name, SlotType(params.transport), params.blockSize, params.depth,
+               params.updateTimeMs),
+          stream_(params.transport == "slot-posix-pipe"),
+          blockSize_(params.blockSize) {
         reader_ = SlotFactory::CreateSlotReader(&cfg_);
     }
     void Attach(BlockSink& sink) override {
@@ -306,25 +308,25 @@ struct FloorShared {
     char data[8];  // blockSize bytes in the mapping
 };
 
-std::string FloorName(const RunSpec& spec) {
-    return "/" + spec.name + "_floor";
+std::string FloorName(const RunParams& params) {
+    return "/" + params.name + "_floor";
 }
 
-size_t FloorBytes(const RunSpec& spec) {
-    return sizeof(FloorShared) + spec.blockSize;
+size_t FloorBytes(const RunParams& params) {
+    return sizeof(FloorShared) + params.blockSize;
 }
 
-FloorShared* MapFloor(const RunSpec& spec, bool create) {
-    const std::string name = FloorName(spec);
+FloorShared* MapFloor(const RunParams& params, bool create) {
+    const std::string name = FloorName(params);
     const int fd = shm_open(name.c_str(), create ? (O_RDWR | O_CREAT | O_EXCL) : O_RDWR, 0600);
     if (fd < 0) {
         throw std::runtime_error("floor segment: " + std::string(std::strerror(errno)));
     }
-    if (create && ftruncate(fd, static_cast<off_t>(FloorBytes(spec))) != 0) {
+    if (create && ftruncate(fd, static_cast<off_t>(FloorBytes(params))) != 0) {
         close(fd);
         throw std::runtime_error("floor segment: ftruncate failed");
     }
-    void* p = mmap(nullptr, FloorBytes(spec), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* p = mmap(nullptr, FloorBytes(params), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     if (p == MAP_FAILED) {
         throw std::runtime_error("floor segment: mmap failed");
@@ -334,8 +336,9 @@ FloorShared* MapFloor(const RunSpec& spec, bool create) {
 
 class FloorSender : public Sender {
 public:
-    explicit FloorSender(const RunSpec& spec) : spec_(spec), shared_(MapFloor(spec, false)) {}
-    ~FloorSender() override { munmap(shared_, FloorBytes(spec_)); }
+    explicit FloorSender(const RunParams& params)
+        : params_(params), shared_(MapFloor(params, false)) {}
+    ~FloorSender() override { munmap(shared_, FloorBytes(params_)); }
     void Send(const char* data, size_t size) override {
         pthread_mutex_lock(&shared_->mutex);
         std::memcpy(shared_->data, data, size);
@@ -347,15 +350,15 @@ public:
     }
 
 private:
-    RunSpec spec_;
+    RunParams params_;
     FloorShared* shared_;
 };
 
 class FloorReceiver : public Receiver {
 public:
-    explicit FloorReceiver(const RunSpec& spec)
-        : spec_(spec), shared_(MapFloor(spec, false)), buffer_(spec.blockSize) {}
-    ~FloorReceiver() override { munmap(shared_, FloorBytes(spec_)); }
+    explicit FloorReceiver(const RunParams& params)
+        : params_(params), shared_(MapFloor(params, false)), buffer_(params.blockSize) {}
+    ~FloorReceiver() override { munmap(shared_, FloorBytes(params_)); }
     void Run(BlockSink& sink, Stopper& stop) override {
         // The parent starts the sequence at 0; a block written before this loop began is
         // still picked up.
@@ -387,7 +390,7 @@ public:
     }
 
 private:
-    RunSpec spec_;
+    RunParams params_;
     FloorShared* shared_;
     std::vector<char> buffer_;
 };
@@ -398,14 +401,14 @@ private:
 
 typedef boost::interprocess::message_queue_t<shared::SlotOffsetPtr> BoostQueue;
 
-std::string BoostQueueName(const RunSpec& spec) {
-    return spec.name + "_bmq";
+std::string BoostQueueName(const RunParams& params) {
+    return params.name + "_bmq";
 }
 
 class BoostMqSender : public Sender {
 public:
-    explicit BoostMqSender(const RunSpec& spec)
-        : queue_(boost::interprocess::open_only, BoostQueueName(spec).c_str()) {}
+    explicit BoostMqSender(const RunParams& params)
+        : queue_(boost::interprocess::open_only, BoostQueueName(params).c_str()) {}
     void Send(const char* data, size_t size) override {
         queue_.send(data, static_cast<BoostQueue::size_type>(size), 0);
     }
@@ -416,8 +419,8 @@ private:
 
 class BoostMqReceiver : public Receiver {
 public:
-    explicit BoostMqReceiver(const RunSpec& spec)
-        : queue_(boost::interprocess::open_only, BoostQueueName(spec).c_str()),
+    explicit BoostMqReceiver(const RunParams& params)
+        : queue_(boost::interprocess::open_only, BoostQueueName(params).c_str()),
           buffer_(queue_.get_max_msg_size()) {}
     void Run(BlockSink& sink, Stopper& stop) override {
         while (!stop.Stopped()) {
@@ -442,14 +445,14 @@ private:
 // ---------------------------------------------------------------------------------------------
 // POSIX message queue, blocking send and receive.
 
-std::string PosixQueueName(const RunSpec& spec) {
-    return "/" + spec.name + "_pmq";
+std::string PosixQueueName(const RunParams& params) {
+    return "/" + params.name + "_pmq";
 }
 
 class PosixMqSender : public Sender {
 public:
-    explicit PosixMqSender(const RunSpec& spec) {
-        queue_ = mq_open(PosixQueueName(spec).c_str(), O_WRONLY);
+    explicit PosixMqSender(const RunParams& params) {
+        queue_ = mq_open(PosixQueueName(params).c_str(), O_WRONLY);
         if (queue_ == static_cast<mqd_t>(-1)) {
             throw std::runtime_error("mq_open: " + std::string(std::strerror(errno)));
         }
@@ -469,8 +472,8 @@ private:
 
 class PosixMqReceiver : public Receiver {
 public:
-    explicit PosixMqReceiver(const RunSpec& spec) {
-        queue_ = mq_open(PosixQueueName(spec).c_str(), O_RDONLY);
+    explicit PosixMqReceiver(const RunParams& params) {
+        queue_ = mq_open(PosixQueueName(params).c_str(), O_RDONLY);
         if (queue_ == static_cast<mqd_t>(-1)) {
             throw std::runtime_error("mq_open: " + std::string(std::strerror(errno)));
         }
@@ -553,8 +556,8 @@ private:
     std::vector<char> buffer_;
 };
 
-std::string FifoPath(const RunSpec& spec) {
-    return spec.tmpDir + "/" + spec.name + ".fifo";
+std::string FifoPath(const RunParams& params) {
+    return params.tmpDir + "/" + params.name + ".fifo";
 }
 
 int OpenOrThrow(const std::string& path, int flags) {
@@ -570,10 +573,10 @@ int OpenOrThrow(const std::string& path, int flags) {
 // ---------------------------------------------------------------------------------------------
 // Parent side
 
-void PrepareTransport(RunSpec& spec) {
-    const std::string& t = spec.transport;
+void PrepareTransport(RunParams& params) {
+    const std::string& t = params.transport;
     if (t == "floor-condvar") {
-        FloorShared* f = MapFloor(spec, true);
+        FloorShared* f = MapFloor(params, true);
         pthread_mutexattr_t ma;
         pthread_mutexattr_init(&ma);
         pthread_mutexattr_setpshared(&ma, PTHREAD_PROCESS_SHARED);
@@ -587,41 +590,41 @@ void PrepareTransport(RunSpec& spec) {
         pthread_condattr_destroy(&ca);
         f->seq = 0;
         f->size = 0;
-        munmap(f, FloorBytes(spec));
+        munmap(f, FloorBytes(params));
     } else if (t == "boost-mq") {
-        BoostQueue::remove(BoostQueueName(spec).c_str());
-        BoostQueue queue(boost::interprocess::create_only, BoostQueueName(spec).c_str(),
-                         static_cast<BoostQueue::size_type>(spec.depth),
-                         static_cast<BoostQueue::size_type>(spec.blockSize));
+        BoostQueue::remove(BoostQueueName(params).c_str());
+        BoostQueue queue(boost::interprocess::create_only, BoostQueueName(params).c_str(),
+                         static_cast<BoostQueue::size_type>(params.depth),
+                         static_cast<BoostQueue::size_type>(params.blockSize));
     } else if (t == "posix-mq") {
         // The default limit of a queue's length (fs.mqueue.msg_max) is 10; ask for the run's
         // depth and fall back to what the system grants, which the report then shows.
-        mq_unlink(PosixQueueName(spec).c_str());
-        const std::vector<long> depths = {static_cast<long>(spec.depth), 64, 10};
+        mq_unlink(PosixQueueName(params).c_str());
+        const std::vector<long> depths = {static_cast<long>(params.depth), 64, 10};
         std::string error;
         for (long depth : depths) {
-            if (depth > static_cast<long>(spec.depth)) {
+            if (depth > static_cast<long>(params.depth)) {
                 continue;
             }
             mq_attr attr;
             std::memset(&attr, 0, sizeof attr);
             attr.mq_maxmsg = depth;
-            attr.mq_msgsize = static_cast<long>(spec.blockSize);
+            attr.mq_msgsize = static_cast<long>(params.blockSize);
             const mqd_t q =
-                mq_open(PosixQueueName(spec).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600, &attr);
+                mq_open(PosixQueueName(params).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600, &attr);
             if (q != static_cast<mqd_t>(-1)) {
                 mq_close(q);
-                spec.depth = static_cast<size_t>(depth);
+                params.depth = static_cast<size_t>(depth);
                 return;
             }
             error = std::strerror(errno);
         }
-        throw std::runtime_error("mq_open of " + std::to_string(spec.blockSize) +
+        throw std::runtime_error("mq_open of " + std::to_string(params.blockSize) +
                                  "-byte messages refused: " + error +
                                  " (see /proc/sys/fs/mqueue/msgsize_max)");
     } else if (t == "fifo") {
-        unlink(FifoPath(spec).c_str());
-        if (mkfifo(FifoPath(spec).c_str(), 0600) != 0) {
+        unlink(FifoPath(params).c_str());
+        if (mkfifo(FifoPath(params).c_str(), 0600) != 0) {
             throw std::runtime_error("mkfifo: " + std::string(std::strerror(errno)));
         }
     } else if (t == "uds") {
@@ -629,99 +632,99 @@ void PrepareTransport(RunSpec& spec) {
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
             throw std::runtime_error("socketpair: " + std::string(std::strerror(errno)));
         }
-        spec.fdRead = sv[0];
-        spec.fdWrite = sv[1];
+        params.fdRead = sv[0];
+        params.fdWrite = sv[1];
     }
 }
 
-void CleanupTransport(RunSpec& spec) {
-    const std::string& t = spec.transport;
+void CleanupTransport(RunParams& params) {
+    const std::string& t = params.transport;
     if (t == "slot-discarding" || t == "slot-reliable") {
-        SlotFactory::RemoveSlot(spec.name);
+        SlotFactory::RemoveSlot(params.name);
     } else if (t == "slot-posix-pipe") {
-        unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(spec.name).c_str());
+        unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(params.name).c_str());
     } else if (t == "floor-condvar") {
-        shm_unlink(FloorName(spec).c_str());
+        shm_unlink(FloorName(params).c_str());
     } else if (t == "boost-mq") {
-        BoostQueue::remove(BoostQueueName(spec).c_str());
+        BoostQueue::remove(BoostQueueName(params).c_str());
     } else if (t == "posix-mq") {
-        mq_unlink(PosixQueueName(spec).c_str());
+        mq_unlink(PosixQueueName(params).c_str());
     } else if (t == "fifo") {
-        unlink(FifoPath(spec).c_str());
+        unlink(FifoPath(params).c_str());
     } else if (t == "uds") {
-        if (spec.fdRead >= 0) {
-            close(spec.fdRead);
+        if (params.fdRead >= 0) {
+            close(params.fdRead);
         }
-        if (spec.fdWrite >= 0) {
-            close(spec.fdWrite);
+        if (params.fdWrite >= 0) {
+            close(params.fdWrite);
         }
-        spec.fdRead = spec.fdWrite = -1;
+        params.fdRead = params.fdWrite = -1;
     }
 }
 
-std::unique_ptr<Sender> MakeSender(const RunSpec& spec) {
-    const std::string& t = spec.transport;
+std::unique_ptr<Sender> MakeSender(const RunParams& params) {
+    const std::string& t = params.transport;
     if (t.rfind("slot-", 0) == 0) {
-        return std::unique_ptr<Sender>(new SlotSender(spec));
+        return std::unique_ptr<Sender>(new SlotSender(params));
     }
     if (t == "floor-condvar") {
-        return std::unique_ptr<Sender>(new FloorSender(spec));
+        return std::unique_ptr<Sender>(new FloorSender(params));
     }
     if (t == "boost-mq") {
-        return std::unique_ptr<Sender>(new BoostMqSender(spec));
+        return std::unique_ptr<Sender>(new BoostMqSender(params));
     }
     if (t == "posix-mq") {
-        return std::unique_ptr<Sender>(new PosixMqSender(spec));
+        return std::unique_ptr<Sender>(new PosixMqSender(params));
     }
     if (t == "fifo") {
-        return std::unique_ptr<Sender>(new FdSender(OpenOrThrow(FifoPath(spec), O_WRONLY)));
+        return std::unique_ptr<Sender>(new FdSender(OpenOrThrow(FifoPath(params), O_WRONLY)));
     }
     if (t == "uds") {
-        return std::unique_ptr<Sender>(new FdSender(spec.fdWrite));
+        return std::unique_ptr<Sender>(new FdSender(params.fdWrite));
     }
 #ifdef SLOTBENCH_HAVE_ZMQ
     if (t == "zmq") {
-        return MakeZmqSender(spec);
+        return MakeZmqSender(params);
     }
 #endif
 #ifdef SLOTBENCH_HAVE_ICEORYX
     if (t == "iceoryx") {
-        return MakeIceoryxSender(spec);
+        return MakeIceoryxSender(params);
     }
 #endif
     throw std::runtime_error("unknown transport " + t);
 }
 
-std::unique_ptr<Receiver> MakeReceiver(const RunSpec& spec) {
-    const std::string& t = spec.transport;
+std::unique_ptr<Receiver> MakeReceiver(const RunParams& params) {
+    const std::string& t = params.transport;
     if (t.rfind("slot-", 0) == 0) {
-        return std::unique_ptr<Receiver>(new SlotReceiver(spec));
+        return std::unique_ptr<Receiver>(new SlotReceiver(params));
     }
     if (t == "floor-condvar") {
-        return std::unique_ptr<Receiver>(new FloorReceiver(spec));
+        return std::unique_ptr<Receiver>(new FloorReceiver(params));
     }
     if (t == "boost-mq") {
-        return std::unique_ptr<Receiver>(new BoostMqReceiver(spec));
+        return std::unique_ptr<Receiver>(new BoostMqReceiver(params));
     }
     if (t == "posix-mq") {
-        return std::unique_ptr<Receiver>(new PosixMqReceiver(spec));
+        return std::unique_ptr<Receiver>(new PosixMqReceiver(params));
     }
     if (t == "fifo") {
         // Read-write, so that opening does not wait for the writer and never sees end-of-file.
         return std::unique_ptr<Receiver>(
-            new FdReceiver(OpenOrThrow(FifoPath(spec), O_RDWR | O_CLOEXEC), spec.blockSize));
+            new FdReceiver(OpenOrThrow(FifoPath(params), O_RDWR | O_CLOEXEC), params.blockSize));
     }
     if (t == "uds") {
-        return std::unique_ptr<Receiver>(new FdReceiver(spec.fdRead, spec.blockSize));
+        return std::unique_ptr<Receiver>(new FdReceiver(params.fdRead, params.blockSize));
     }
 #ifdef SLOTBENCH_HAVE_ZMQ
     if (t == "zmq") {
-        return MakeZmqReceiver(spec);
+        return MakeZmqReceiver(params);
     }
 #endif
 #ifdef SLOTBENCH_HAVE_ICEORYX
     if (t == "iceoryx") {
-        return MakeIceoryxReceiver(spec);
+        return MakeIceoryxReceiver(params);
     }
 #endif
     throw std::runtime_error("unknown transport " + t);

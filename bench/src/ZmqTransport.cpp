@@ -15,8 +15,8 @@ namespace bench {
 
 namespace {
 
-std::string Endpoint(const RunSpec& spec) {
-    return "ipc://" + spec.tmpDir + "/" + spec.name + ".zmq";
+std::string Endpoint(const RunParams& params) {
+    return "ipc://" + params.tmpDir + "/" + params.name + ".zmq";
 }
 
 void Check(int rc, const char* what) {
@@ -25,23 +25,23 @@ void Check(int rc, const char* what) {
     }
 }
 
-int HighWaterMark(const RunSpec& spec) {
-    return static_cast<int>(spec.depth);
+int HighWaterMark(const RunParams& params) {
+    return static_cast<int>(params.depth);
 }
 
 class ZmqSender : public Sender {
 public:
-    explicit ZmqSender(const RunSpec& spec) : spec_(spec) {
+    explicit ZmqSender(const RunParams& params) : params_(params) {
         context_ = zmq_ctx_new();
         socket_ = zmq_socket(context_, ZMQ_PUB);
-        const int hwm = HighWaterMark(spec);
+        const int hwm = HighWaterMark(params);
         const int one = 1;
         // Closing waits until the blocks still queued have gone out.
         const int linger = 30000;
         Check(zmq_setsockopt(socket_, ZMQ_SNDHWM, &hwm, sizeof hwm), "ZMQ_SNDHWM");
         Check(zmq_setsockopt(socket_, ZMQ_XPUB_NODROP, &one, sizeof one), "ZMQ_XPUB_NODROP");
         Check(zmq_setsockopt(socket_, ZMQ_LINGER, &linger, sizeof linger), "ZMQ_LINGER");
-        Check(zmq_connect(socket_, Endpoint(spec).c_str()), "zmq_connect");
+        Check(zmq_connect(socket_, Endpoint(params).c_str()), "zmq_connect");
     }
     ~ZmqSender() override {
         zmq_close(socket_);
@@ -50,7 +50,7 @@ public:
     bool Warmup(std::uint64_t deadlineNs) override {
         // The subscription travels to the publisher asynchronously ("slow joiner"): send
         // probes until the reader reports one.
-        std::uint32_t* seen = &spec_.control->reserved[kProbeSeenWord];
+        std::uint32_t* seen = &params_.control->reserved[kProbeSeenWord];
         const std::uint32_t probe[8] = {kProbeMagic, 0, 0, 0, 0, 0, 0, 0};
         while (__atomic_load_n(seen, __ATOMIC_ACQUIRE) == 0) {
             if (NowNs() >= deadlineNs) {
@@ -70,24 +70,24 @@ public:
     }
 
 private:
-    RunSpec spec_;
+    RunParams params_;
     void* context_;
     void* socket_;
 };
 
 class ZmqReceiver : public Receiver {
 public:
-    explicit ZmqReceiver(const RunSpec& spec) : spec_(spec) {
+    explicit ZmqReceiver(const RunParams& params) : params_(params) {
         context_ = zmq_ctx_new();
         socket_ = zmq_socket(context_, ZMQ_SUB);
-        const int hwm = HighWaterMark(spec);
+        const int hwm = HighWaterMark(params);
         const int timeoutMs = 50;
         const int linger = 0;
         Check(zmq_setsockopt(socket_, ZMQ_RCVHWM, &hwm, sizeof hwm), "ZMQ_RCVHWM");
         Check(zmq_setsockopt(socket_, ZMQ_RCVTIMEO, &timeoutMs, sizeof timeoutMs), "ZMQ_RCVTIMEO");
         Check(zmq_setsockopt(socket_, ZMQ_LINGER, &linger, sizeof linger), "ZMQ_LINGER");
         Check(zmq_setsockopt(socket_, ZMQ_SUBSCRIBE, "", 0), "ZMQ_SUBSCRIBE");
-        Check(zmq_bind(socket_, Endpoint(spec).c_str()), "zmq_bind");
+        Check(zmq_bind(socket_, Endpoint(params).c_str()), "zmq_bind");
     }
     ~ZmqReceiver() override {
         zmq_close(socket_);
@@ -107,7 +107,7 @@ public:
                 std::memcpy(&first, data, sizeof first);
             }
             if (first == kProbeMagic) {
-                std::uint32_t* seen = &spec_.control->reserved[kProbeSeenWord];
+                std::uint32_t* seen = &params_.control->reserved[kProbeSeenWord];
                 __atomic_store_n(seen, 1u, __ATOMIC_RELEASE);
                 FutexWakeAll(seen);
                 continue;
@@ -118,19 +118,19 @@ public:
     }
 
 private:
-    RunSpec spec_;
+    RunParams params_;
     void* context_;
     void* socket_;
 };
 
 }  // namespace
 
-std::unique_ptr<Sender> MakeZmqSender(const RunSpec& spec) {
-    return std::unique_ptr<Sender>(new ZmqSender(spec));
+std::unique_ptr<Sender> MakeZmqSender(const RunParams& params) {
+    return std::unique_ptr<Sender>(new ZmqSender(params));
 }
 
-std::unique_ptr<Receiver> MakeZmqReceiver(const RunSpec& spec) {
-    return std::unique_ptr<Receiver>(new ZmqReceiver(spec));
+std::unique_ptr<Receiver> MakeZmqReceiver(const RunParams& params) {
+    return std::unique_ptr<Receiver>(new ZmqReceiver(params));
 }
 
 std::string ZmqVersion() {
