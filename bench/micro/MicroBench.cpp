@@ -4,7 +4,7 @@
 // without any wake-up. They explain the multi-process figures of slotbench; they are not a
 // substitute for them.
 //
-//   slot_microbench [--md=FILE] [Google Benchmark flags]
+//   slot_microbench [--md=FILE] [--tag=PREFIX] [Google Benchmark flags]
 #include "../src/BenchUtil.h"
 
 #include <Slot/ISlotConfiguration.h>
@@ -33,7 +33,12 @@
 
 namespace {
 
-const std::string kTag = "sbmicro" + std::to_string(getpid());
+// Prefix of every object this program creates; bench/run passes its own (--tag=...) so that it
+// can clean up after a killed run.
+std::string& Tag() {
+    static std::string tag = "sbmicro" + std::to_string(getpid());
+    return tag;
+}
 
 void BM_Memcpy(benchmark::State& state) {
     const size_t size = static_cast<size_t>(state.range(0));
@@ -118,7 +123,7 @@ struct SlotRemover {
 // reader take and the writer's wake-up broadcast (nobody waits), in one thread.
 void BM_ReliableSlotWriteRead(benchmark::State& state) {
     const size_t size = static_cast<size_t>(state.range(0));
-    const std::string name = kTag + "_slot" + std::to_string(size);
+    const std::string name = Tag() + "_slot" + std::to_string(size);
     SlotRemover remover{name};
     MicroSlotConfig cfg(name, size);
     boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
@@ -148,7 +153,7 @@ BENCHMARK(BM_ReliableSlotWriteRead)->Arg(64)->Arg(4096)->Arg(65536);
 void BM_BoostQueueSendReceive(benchmark::State& state) {
     typedef boost::interprocess::message_queue_t<shared::SlotOffsetPtr> Queue;
     const size_t size = static_cast<size_t>(state.range(0));
-    const std::string name = kTag + "_mq" + std::to_string(size);
+    const std::string name = Tag() + "_mq" + std::to_string(size);
     Queue::remove(name.c_str());
     {
         Queue queue(boost::interprocess::create_only, name.c_str(), 16, size);
@@ -210,6 +215,8 @@ int main(int argc, char** argv) {
         const std::string a = argv[i];
         if (a.rfind("--md=", 0) == 0) {
             mdPath = a.substr(5);
+        } else if (a.rfind("--tag=", 0) == 0) {
+            Tag() = a.substr(6);
         } else {
             args.push_back(argv[i]);
         }
