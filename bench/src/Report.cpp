@@ -195,8 +195,12 @@ void WriteLatency(std::ostream& md, const Results& r) {
        << r.plan.gapUs
        << " µs, so that queues never fill and the reader is back asleep when each block comes "
           "(every block pays a full wake-up, as sporadic data does). "
-       << r.plan.latencyCount << " blocks per row, the first " << r.plan.latencyWarmup
-       << " not counted. µs; ratios against the condvar floor of the same size.\n\n";
+       << r.plan.latencyCount << " blocks per row in " << r.plan.rounds
+       << " round(s) (each round visits every transport and size before the next begins; the "
+          "samples are merged), the first "
+       << r.plan.latencyWarmup
+       << " not counted. µs; ratios against the condvar floor of the same size. CPU per block "
+          "includes the pacing (the writer's pause and its wait for the acknowledgement).\n\n";
     for (size_t size : r.plan.latencySizes) {
         const LatencyResult* floor = FindLatency(r, "floor-condvar", size);
         md << "### " << SizeText(size) << " blocks\n\n"
