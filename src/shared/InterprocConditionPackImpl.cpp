@@ -1,4 +1,5 @@
 #include <shared/InterprocConditionPack.h>
+#include <shared/UtcClock.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/sync/interprocess_mutex.hpp>
@@ -37,8 +38,7 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
         }
     } else {
         // Deadlines are absolute UTC times: the futex sleeps on CLOCK_REALTIME.
-        const boost::posix_time::ptime deadline =
-            boost::posix_time::microsec_clock::universal_time() + timeout;
+        const boost::posix_time::ptime deadline = shared::UtcNow() + timeout;
         result = condition_->timed_wait(*mutex_, deadline, &lastSeen_);
         if (logger_->isTraceEnabled()) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.timed_wait(...) returned " << result);

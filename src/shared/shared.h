@@ -16,4 +16,5 @@
 #include <shared/SharedMemory.h>
 #include <shared/SingletonMutex.h>
 #include <shared/SizedArray.h>
+#include <shared/UtcClock.h>
 #include <shared/WaitForAsyncOpHandler.h>

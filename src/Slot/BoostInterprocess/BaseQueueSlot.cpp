@@ -2,6 +2,7 @@
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 
 #include <shared/InterprocConditionPack.h>
+#include <shared/UtcClock.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/exceptions.hpp>
@@ -186,7 +187,7 @@ std::string BaseQueueSlot::GetRwSyncFileLockName(const std::string& name) {
 }
 
 boost::posix_time::ptime BaseQueueSlot::StampLastWriteTime() {
-    const boost::posix_time::ptime now = boost::posix_time::microsec_clock::universal_time();
+    const boost::posix_time::ptime now = shared::UtcNow();
     *writeTime_ = now;
     return now;
 }
@@ -224,6 +225,21 @@ BaseQueueSlot::OutputBuffer BaseQueueSlot::GetOutputBuffer() const {
 
 shared::SizedArray BaseQueueSlot::ReceiveAndCopyToOutBuf() {
     const MessageQueue::size_type max = queue_->get_max_msg_size();
+    const OutputBuffer out = GetOutputBuffer();
+    if (out.data != nullptr && out.capacity >= max) {
+        // The output buffer holds any message: receive straight into it, saving a copy and an
+        // allocation per block. The array returned is a view of the output buffer.
+        MessageQueue::size_type count = 0;
+        unsigned int priority = 0;
+        if (!queue_->try_receive(out.data, max, count, priority)) {
+            return shared::SizedArray();
+        }
+        *bufferDataSize_ = static_cast<unsigned int>(count);
+        return shared::SizedArray(boost::shared_array<char>(out.data, [](char*) {}),
+                                  static_cast<unsigned int>(count));
+    }
+    // The buffer is smaller than the queue's messages (the queue was re-created larger than the
+    // buffer was allocated for): receive whole into a buffer of our own, keep the head.
     shared::SizedArray received(max);
     char none;  // a zero-size slot still needs a valid address to receive into
     MessageQueue::size_type count = 0;
@@ -236,7 +252,6 @@ shared::SizedArray BaseQueueSlot::ReceiveAndCopyToOutBuf() {
     }
     received.setSize(count);
 
-    const OutputBuffer out = GetOutputBuffer();
     size_t kept = count;
     if (kept > out.capacity) {
         if (logger_->isErrorEnabled()) {

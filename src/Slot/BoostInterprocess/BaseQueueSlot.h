@@ -128,7 +128,9 @@ protected:
     // False, with an ERROR line, when the block is longer than the maximum data size.
     bool CheckDataBeforeWriting(const void* data, size_t size);
     // Takes one block from the queue without waiting and leaves a copy of it in the output buffer.
-    // On an empty queue returns an empty array and leaves the output buffer as it was.
+    // On an empty queue returns an empty array and leaves the output buffer as it was. The array
+    // returned may be a view of the output buffer: use it while holding the slot's lock, before
+    // the next receive.
     shared::SizedArray ReceiveAndCopyToOutBuf();
     // Takes one block from the queue without waiting and drops it. The output buffer is untouched.
     void DiscardOneDataBlock();

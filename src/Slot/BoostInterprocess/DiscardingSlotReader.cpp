@@ -1,5 +1,7 @@
 #include <Slot/BoostInterprocess/DiscardingSlotReader.h>
 
+#include <shared/UtcClock.h>
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 DiscardingSlotReader::DiscardingSlotReader(boost::shared_ptr<ISlot> slot,
@@ -32,8 +34,7 @@ bool DiscardingSlotReader::DataInSlotIsActual() {
     }
     // Remember the write before judging its age: an expired block is never delivered later.
     lastWriteTime_ = written;
-    const boost::posix_time::time_duration age =
-        boost::posix_time::microsec_clock::universal_time() - written;
+    const boost::posix_time::time_duration age = shared::UtcNow() - written;
     if (updateTime_ < age) {
         if (logger_->isTraceEnabled()) {
             LOG4CXX_TRACE(logger_, "Data expired, write timestamp "
