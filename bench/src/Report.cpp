@@ -144,7 +144,7 @@ void WriteTargets(std::ostream& md, const Results& r) {
         };
         const Bound bounds[] = {
             {Span::Hot, "memcpy with source and destination in cache (strictest)", true},
-            {Span::Queue, "memcpy over a slot queue's worth of memory (64 × 64 KiB)", true},
+            {Span::Queue, "memcpy over a slot queue's worth of memory (depth × 64 KiB)", true},
             {Span::Dram, "memcpy over 64 MiB (memory-bound)", false}};
         for (const Bound& b : bounds) {
             const double bound = SlotBoundMBps(r, 65536, b.span);
@@ -366,15 +366,15 @@ void WriteMachine(std::ostream& md, const Results& r) {
        << "A block written into a slot and delivered to a subscriber is copied "
        << kSlotCopiesPerBlock
        << " times: (1) writer's buffer → message queue (`try_send` in `WriteData`), (2) queue → "
-          "a freshly allocated receive buffer (`try_receive` in `ReceiveAndCopyToOutBuf`), (3) "
-          "receive buffer → the slot's output buffer in the header segment (`memcpy` in "
-          "`ReceiveAndCopyToOutBuf`), (4) receive buffer → the reader thread's buffer "
-          "(`memcpy` in `ReadData`, into the `SizedArray` that `BaseSlotReader::ReadAndNotify` "
-          "allocated); subscribers get a pointer to that buffer. Each read also allocates two "
-          "buffers of the slot's maximum block size. The bound is memcpy bandwidth ÷ "
+          "the slot's output buffer in the header segment (`try_receive` straight into it in "
+          "`ReceiveAndCopyToOutBuf`; only a queue re-created larger than the buffer goes through "
+          "a receive buffer of its own, one copy more), (3) output buffer → the reader thread's "
+          "buffer (`memcpy` in `ReadData`, into the `SizedArray` that "
+          "`BaseSlotReader::ReadAndNotify` allocates for every read); subscribers get a pointer "
+          "to that buffer. The bound is memcpy bandwidth ÷ "
        << kSlotCopiesPerBlock
-       << " (copies one after the other; the writer's copy can overlap the reader's three on a "
-          "second core, so ÷ 3 would be the bound for a perfect pipeline).\n\n"
+       << " (copies one after the other: the writer holds the slot's header mutex around its "
+          "copy and the reader around its two, so they cannot overlap).\n\n"
        << "| block | memcpy hot GB/s | memcpy over depth × block GB/s | memcpy over 64 MiB GB/s | "
           "block check GB/s | slot bound MB/s (hot ÷ "
        << kSlotCopiesPerBlock
@@ -485,7 +485,8 @@ void WritePlotData(const Results& r, const std::string& outDir) {
     }
     {
         std::ofstream dat(outDir + "/throughput.dat");
-        throughputSeries.push_back({"slot bound: hot memcpy / 4 copies", false});
+        throughputSeries.push_back(
+            {"slot bound: hot memcpy / " + std::to_string(kSlotCopiesPerBlock) + " copies", false});
         dat << "# slot bound: size MB/s\n";
         for (size_t size : r.plan.throughputSizes) {
             dat << size << " " << SlotBoundMBps(r, size, Span::Hot) << "\n";

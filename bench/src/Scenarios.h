@@ -148,8 +148,9 @@ std::vector<MemcpyResult> MeasureMemcpy(const Plan& plan);
 // Child entry point: `kv` holds the key=value arguments. Returns the process exit code.
 int ChildMain(const KeyValues& kv);
 
-// The number of copies a slot makes of each block (see the report).
-constexpr unsigned int kSlotCopiesPerBlock = 4;
+// The number of copies a slot makes of each block (see the report): writer's buffer -> queue,
+// queue -> output buffer, output buffer -> reader thread's buffer.
+constexpr unsigned int kSlotCopiesPerBlock = 3;
 
 void WriteReport(const Results& r, const std::string& outDir);
 
