@@ -1,8 +1,7 @@
 #include "Scenarios.h"
+#include "SlotAdapters.h"
 
-#include <Slot/ISlotConfiguration.h>
 #include <Slot/SlotFactory.h>
-#include <shared/ISubscriber.h>
 
 #include <sched.h>
 #include <sys/wait.h>
@@ -140,20 +139,20 @@ std::uint64_t GraceNs(const RunParams& params) {
                                    static_cast<std::uint64_t>(params.updateTimeMs * 2e6));
 }
 
-// Deliberate faults, to show that the checks catch them: "drop" leaves out block 5, "corrupt"
-// sends block 7 with one payload byte changed. True when the block was dealt with here.
-bool Inject(const std::string& inject, std::uint64_t seq, const char* block, size_t size,
-            Sender& sender) {
+// Hands a block to the sender. Deliberate faults, to show that the checks catch them: with
+// `inject` "drop" block 5 is left out, with "corrupt" block 7 goes with one payload byte changed.
+void SendBlock(Sender& sender, const char* block, size_t size, std::uint64_t seq,
+               const std::string& inject) {
     if (inject == "drop" && seq == 5) {
-        return true;
+        return;
     }
     if (inject == "corrupt" && seq == 7) {
         std::vector<char> copy(block, block + size);
         copy[size - 1] ^= 0x5a;
         sender.Send(copy.data(), size);
-        return true;
+        return;
     }
-    return false;
+    sender.Send(block, size);
 }
 
 // A writer of a queueing peer (ZeroMQ) hands its last blocks on while it closes, so it is
@@ -173,6 +172,99 @@ void CloseSender(const RunParams& params, std::unique_ptr<Sender>& sender) {
     }
     std::exit(code);
 }
+
+// What every latency, throughput and scale child does around its own loop: it reports ready,
+// waits for the parent's go, receives under a watcher and saves its results on the way out.
+struct ChildRun {
+    ChildRun(const KeyValues& args, const RunParams& params)
+        : args(args),
+          params(params),
+          deadline(DeadlineFromArgs(args)),
+          count(args.GetU64("count")) {}
+
+    // Tells the parent this child is ready and waits for its go; false when it never came or
+    // another process failed.
+    bool ReadyThenGo() {
+        SignalReady(params.control);
+        return WaitForGo(params.control, deadline);
+    }
+
+    // For a child that cannot start: the error becomes its result. Returns the exit code.
+    int GiveUp(const std::string& error) {
+        out.Set("error", error);
+        out.Save(args.Get("out"));
+        return 3;
+    }
+
+    // The same for a writer, which also fails the run so that the reader stops waiting.
+    int GiveUpAndFailRun(const std::string& error) {
+        const int code = GiveUp(error);
+        MarkFailed(params.control);
+        return code;
+    }
+
+    // Receives until the sink has every block, all `writers` have finished and gone quiet, or
+    // another process failed. Without a `receiver` the blocks come on threads of their own.
+    // Returns the CPU time of the process meanwhile.
+    std::uint64_t Receive(unsigned int writers, CountingSink& sink, Stopper& stop,
+                          Receiver* receiver) {
+        const std::uint64_t cpu0 = ProcessCpuNs();
+        {
+            Watcher watcher(params.control, writers, sink, stop, GraceNs(params));
+            if (receiver != nullptr) {
+                receiver->Run(sink, stop);
+            } else {
+                stop.Wait();
+            }
+        }
+        return ProcessCpuNs() - cpu0;
+    }
+
+    void SetCpuNsPerBlock(std::uint64_t cpuNs) {
+        out.SetDouble("cpu_ns_per_block", static_cast<double>(cpuNs) / std::max<double>(1, count));
+    }
+
+    // Saves the results and ends the process.
+    [[noreturn]] void Finish() {
+        out.Set("log_messages", SlotOtherMessagesLogged());
+        out.Save(args.Get("out"));
+        FinishChild(params, 0);
+    }
+
+    const KeyValues& args;
+    const RunParams& params;
+    const std::uint64_t deadline;
+    const size_t count;  // blocks per writer
+    KeyValues out;
+};
+
+// The pacing of latency and scale writers: after each block the writer waits up to a second for
+// the reader's acknowledgement, then pauses. A block not acknowledged in time is a timeout;
+// five of them, or a failure elsewhere, end the run.
+class AckPacer {
+public:
+    AckPacer(ControlBlock* c, std::uint64_t gapUs) : control_(c), gapUs_(gapUs) {}
+    // Called after each block; false when the writer should stop.
+    bool AwaitAck() {
+        ++expectedAcks_;
+        if (!FutexWaitAtLeast(&control_->ack, expectedAcks_, NowNs() + 1000000000ull)) {
+            ++timeouts_;
+            --expectedAcks_;
+            if (timeouts_ >= 5 || __atomic_load_n(&control_->failed, __ATOMIC_SEQ_CST)) {
+                return false;
+            }
+        }
+        PaceGap(gapUs_);
+        return true;
+    }
+    std::uint64_t Timeouts() const { return timeouts_; }
+
+private:
+    ControlBlock* control_;
+    std::uint64_t gapUs_;
+    std::uint64_t timeouts_ = 0;
+    std::uint32_t expectedAcks_ = 0;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Latency: paced, one block in flight
@@ -251,81 +343,51 @@ private:
 };
 
 int LatencyReader(const KeyValues& kv, RunParams& params) {
-    const std::uint64_t deadline = DeadlineFromArgs(kv);
-    const size_t count = kv.GetU64("count");
+    ChildRun run(kv, params);
     std::unique_ptr<Receiver> receiver = MakeReceiver(params);
-    Stopper stop(deadline);
-    LatencySink sink(params.blockSize, count, kv.GetU64("warmup"), 1, params.control, stop);
+    Stopper stop(run.deadline);
+    LatencySink sink(params.blockSize, run.count, kv.GetU64("warmup"), 1, params.control, stop);
     receiver->Attach(sink);
-    SignalReady(params.control);
-    KeyValues out;
-    if (!WaitForGo(params.control, deadline)) {
-        out.Set("error", "no go from the parent");
-        out.Save(kv.Get("out"));
-        return 3;
+    if (!run.ReadyThenGo()) {
+        return run.GiveUp("no go from the parent");
     }
-    const std::uint64_t cpu0 = ProcessCpuNs();
-    {
-        Watcher watcher(params.control, 1, sink, stop, GraceNs(params));
-        receiver->Run(sink, stop);
-    }
-    const std::uint64_t cpu = ProcessCpuNs() - cpu0;
-    sink.Save(out, count);
+    const std::uint64_t cpu = run.Receive(1, sink, stop, receiver.get());
+    sink.Save(run.out, run.count);
     if (!sink.SaveSamples(kv.Get("out") + ".samples")) {
-        out.Set("error", "cannot write the latency samples");
+        run.out.Set("error", "cannot write the latency samples");
     }
-    out.SetDouble("cpu_ns_per_block", static_cast<double>(cpu) / std::max<double>(1, count));
-    out.Set("log_messages", SlotOtherMessagesLogged());
-    out.Save(kv.Get("out"));
-    FinishChild(params, 0);
+    run.SetCpuNsPerBlock(cpu);
+    run.Finish();
 }
 
 // Sends `count` blocks, each only after the reader acknowledged the previous one. A block that
 // is not acknowledged within a second counts as lost (the reader's sequence check says so too).
 int LatencyWriter(const KeyValues& kv, RunParams& params) {
-    const std::uint64_t deadline = DeadlineFromArgs(kv);
-    const size_t count = kv.GetU64("count");
+    ChildRun run(kv, params);
     const std::string inject = kv.Get("inject");
     std::unique_ptr<Sender> sender = MakeSender(params);
     BlockSource source(params.blockSize, params.writerId);
-    SignalReady(params.control);
-    KeyValues out;
-    if (!WaitForGo(params.control, deadline) || !sender->Warmup(deadline)) {
-        out.Set("error", "no go from the parent, or the transport never connected");
-        out.Save(kv.Get("out"));
-        MarkFailed(params.control);
-        return 3;
+    if (!run.ReadyThenGo() || !sender->Warmup(run.deadline)) {
+        return run.GiveUpAndFailRun("no go from the parent, or the transport never connected");
     }
-    std::uint64_t timeouts = 0;
-    std::uint32_t expectedAcks = 0;
-    const std::uint64_t gapUs = kv.GetU64("gap_us", 50);
+    AckPacer pacer(params.control, kv.GetU64("gap_us", 50));
     const std::uint64_t cpu0 = ProcessCpuNs();
-    for (size_t seq = 0; seq < count; ++seq) {
+    for (size_t seq = 0; seq < run.count; ++seq) {
         char* block = source.Prepare(seq);
         StampSend(block, NowNs());
-        if (!Inject(inject, seq, block, params.blockSize, *sender)) {
-            sender->Send(block, params.blockSize);
+        SendBlock(*sender, block, params.blockSize, seq, inject);
+        if (!pacer.AwaitAck()) {
+            break;
         }
-        ++expectedAcks;
-        if (!FutexWaitAtLeast(&params.control->ack, expectedAcks, NowNs() + 1000000000ull)) {
-            ++timeouts;
-            --expectedAcks;
-            if (timeouts >= 5 || __atomic_load_n(&params.control->failed, __ATOMIC_SEQ_CST)) {
-                break;
-            }
-        }
-        PaceGap(gapUs);
     }
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
     WriterFinished(params.control);
     const std::uint64_t refusals = sender->Refusals();
     CloseSender(params, sender);
-    out.Set("timeouts", timeouts);
-    out.Set("refusals", refusals);
-    out.SetDouble("cpu_ns_per_block", static_cast<double>(cpu) / std::max<double>(1, count));
-    out.Set("log_messages", SlotOtherMessagesLogged());
-    out.Save(kv.Get("out"));
-    FinishChild(params, 0);
+    run.out.Set("timeouts", pacer.Timeouts());
+    run.out.Set("refusals", refusals);
+    run.SetCpuNsPerBlock(cpu);
+    run.Finish();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -376,111 +438,67 @@ private:
 };
 
 int ThroughputReader(const KeyValues& kv, RunParams& params) {
-    const std::uint64_t deadline = DeadlineFromArgs(kv);
-    const size_t count = kv.GetU64("count");
+    ChildRun run(kv, params);
     std::unique_ptr<Receiver> receiver = MakeReceiver(params);
-    Stopper stop(deadline);
-    ThroughputSink sink(params.blockSize, params.writers, count, stop);
+    Stopper stop(run.deadline);
+    ThroughputSink sink(params.blockSize, params.writers, run.count, stop);
     receiver->Attach(sink);
-    SignalReady(params.control);
-    KeyValues out;
-    if (!WaitForGo(params.control, deadline)) {
-        out.Set("error", "no go from the parent");
-        out.Save(kv.Get("out"));
-        return 3;
+    if (!run.ReadyThenGo()) {
+        return run.GiveUp("no go from the parent");
     }
-    const std::uint64_t cpu0 = ProcessCpuNs();
-    {
-        Watcher watcher(params.control, params.writers, sink, stop, GraceNs(params));
-        receiver->Run(sink, stop);
-    }
-    out.Set("cpu_ns", ProcessCpuNs() - cpu0);
+    run.out.Set("cpu_ns", run.Receive(params.writers, sink, stop, receiver.get()));
     __atomic_store_n(&params.control->reserved[kReaderDoneWord], 1u, __ATOMIC_SEQ_CST);
     FutexWakeAll(&params.control->reserved[kReaderDoneWord]);
-    sink.Save(out, count);
-    out.Set("log_messages", SlotOtherMessagesLogged());
-    out.Save(kv.Get("out"));
-    FinishChild(params, 0);
+    sink.Save(run.out, run.count);
+    run.Finish();
 }
 
 int ThroughputWriter(const KeyValues& kv, RunParams& params) {
-    const std::uint64_t deadline = DeadlineFromArgs(kv);
-    const size_t count = kv.GetU64("count");
+    ChildRun run(kv, params);
     const std::string inject = kv.Get("inject");
     std::unique_ptr<Sender> sender = MakeSender(params);
     BlockSource source(params.blockSize, params.writerId);
-    SignalReady(params.control);
-    KeyValues out;
-    if (!WaitForGo(params.control, deadline) || !sender->Warmup(deadline)) {
-        out.Set("error", "no go from the parent, or the transport never connected");
-        out.Save(kv.Get("out"));
-        MarkFailed(params.control);
-        return 3;
+    if (!run.ReadyThenGo() || !sender->Warmup(run.deadline)) {
+        return run.GiveUpAndFailRun("no go from the parent, or the transport never connected");
     }
     const std::uint64_t cpu0 = ProcessCpuNs();
     const std::uint64_t start = NowNs();
-    for (size_t seq = 0; seq < count; ++seq) {
+    for (size_t seq = 0; seq < run.count; ++seq) {
         char* block = source.Prepare(seq);
-        if (!Inject(inject, seq, block, params.blockSize, *sender)) {
-            sender->Send(block, params.blockSize);
-        }
-        if ((seq & 1023) == 0 && NowNs() >= deadline) {
+        SendBlock(*sender, block, params.blockSize, seq, inject);
+        if ((seq & 1023) == 0 && NowNs() >= run.deadline) {
             break;
         }
     }
     const std::uint64_t end = NowNs();
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
     WriterFinished(params.control);
-    out.Set("refusals", sender->Refusals());
+    run.out.Set("refusals", sender->Refusals());
     // A queueing peer may still hold blocks that its socket has accepted; keep it open until
     // the reader is done (or gives up), so closing cannot throw them away.
     FutexWaitWhile(&params.control->reserved[kReaderDoneWord], 0,
                    NowNs() + GraceNs(params) + 1000000000ull);
     CloseSender(params, sender);
-    out.Set("start_ns", start);
-    out.Set("end_ns", end);
-    out.Set("cpu_ns", cpu);
-    out.Set("log_messages", SlotOtherMessagesLogged());
-    out.Save(kv.Get("out"));
-    FinishChild(params, 0);
+    run.out.Set("start_ns", start);
+    run.out.Set("end_ns", end);
+    run.out.Set("cpu_ns", cpu);
+    run.Finish();
 }
 
 // ---------------------------------------------------------------------------------------------
 // Scale: N discarding slots in one writer process and one reader process, written round-robin,
 // paced as in the latency runs.
 
-class ScaleConfig : public ISlotConfiguration {
+// One slot of the scale runs: discarding, room for one block.
+class ScaleConfig : public BenchSlotConfig {
 public:
     ScaleConfig(const std::string& name, size_t size, double updateMs)
-        : name_(name),
-          size_(size),
-          update_(boost::posix_time::microseconds(static_cast<long>(updateMs * 1000))) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return size_; }
-    size_t GetMaxBufferLength() const override { return 1; }
-    boost::posix_time::time_duration GetUpdateTime() const override { return update_; }
-    std::string GetSlotType() const override { return "discarding"; }
-
-private:
-    std::string name_;
-    size_t size_;
-    boost::posix_time::time_duration update_;
+        : BenchSlotConfig(name, "discarding", size, 1, updateMs) {}
 };
 
 std::string ScaleSlotName(const std::string& base, unsigned int i) {
     return base + "_" + std::to_string(i);
 }
-
-class ForwardingSubscriber : public shared::ISubscriber {
-public:
-    explicit ForwardingSubscriber(BlockSink& sink) : sink_(sink) {}
-    void onNotify(const std::string&, const void* data, size_t size) override {
-        sink_.OnBlock(static_cast<const char*>(data), size);
-    }
-
-private:
-    BlockSink& sink_;
-};
 
 // Several reader threads deliver at once here (one per slot), so the latency sink is guarded.
 class LockedSink : public BlockSink {
@@ -497,8 +515,7 @@ private:
 };
 
 int ScaleReader(const KeyValues& kv, RunParams& params) {
-    const std::uint64_t deadline = DeadlineFromArgs(kv);
-    const size_t count = kv.GetU64("count");
+    ChildRun run(kv, params);
     const unsigned int slots = static_cast<unsigned int>(kv.GetU64("slots"));
     std::vector<INotifierPtr> readers(slots);
     // Each CreateSlotReader pauses one update time on purpose; made in parallel threads the
@@ -527,26 +544,18 @@ int ScaleReader(const KeyValues& kv, RunParams& params) {
         }
     }
     const double setupMs = static_cast<double>(NowNs() - setup0) / 1e6;
-    Stopper stop(deadline);
-    LatencySink sink(params.blockSize, count, kv.GetU64("warmup"), slots, params.control, stop);
+    Stopper stop(run.deadline);
+    LatencySink sink(params.blockSize, run.count, kv.GetU64("warmup"), slots, params.control, stop);
     LockedSink locked(sink);
-    ForwardingSubscriber subscriber(locked);
+    SinkSubscriber subscriber(locked);
     for (INotifierPtr& r : readers) {
         r->subscribe(&subscriber);
     }
-    SignalReady(params.control);
-    KeyValues out;
-    if (!WaitForGo(params.control, deadline)) {
-        out.Set("error", "no go from the parent");
-        out.Save(kv.Get("out"));
-        return 3;
+    if (!run.ReadyThenGo()) {
+        return run.GiveUp("no go from the parent");
     }
-    const std::uint64_t cpu0 = ProcessCpuNs();
-    {
-        Watcher watcher(params.control, 1, sink, stop, GraceNs(params));
-        stop.Wait();
-    }
-    const std::uint64_t cpu = ProcessCpuNs() - cpu0;
+    // The slot readers deliver on threads of their own.
+    const std::uint64_t cpu = run.Receive(1, sink, stop, nullptr);
     // Idle cost: every reader waiting on its slot, nothing written.
     const std::uint64_t idle0 = ProcessCpuNs();
     const std::uint64_t wall0 = NowNs();
@@ -558,18 +567,15 @@ int ScaleReader(const KeyValues& kv, RunParams& params) {
     }
     // Blocks spread round-robin: slot i gets count / slots (+1 for the first count % slots).
     // Lost blocks: the parent compares the valid count with what was sent.
-    sink.Save(out, 0);
-    out.SetDouble("cpu_ns_per_block", static_cast<double>(cpu) / std::max<double>(1, count));
-    out.SetDouble("idle_cpu_percent", idlePercent);
-    out.SetDouble("setup_ms", setupMs);
-    out.Set("log_messages", SlotOtherMessagesLogged());
-    out.Save(kv.Get("out"));
-    FinishChild(params, 0);
+    sink.Save(run.out, 0);
+    run.SetCpuNsPerBlock(cpu);
+    run.out.SetDouble("idle_cpu_percent", idlePercent);
+    run.out.SetDouble("setup_ms", setupMs);
+    run.Finish();
 }
 
 int ScaleWriter(const KeyValues& kv, RunParams& params) {
-    const std::uint64_t deadline = DeadlineFromArgs(kv);
-    const size_t count = kv.GetU64("count");
+    ChildRun run(kv, params);
     const unsigned int slots = static_cast<unsigned int>(kv.GetU64("slots"));
     const std::uint64_t setup0 = NowNs();
     std::vector<ISubscriberPtr> writers;
@@ -580,63 +586,37 @@ int ScaleWriter(const KeyValues& kv, RunParams& params) {
         sources.emplace_back(new BlockSource(params.blockSize, i, 2));
     }
     const double setupMs = static_cast<double>(NowNs() - setup0) / 1e6;
-    SignalReady(params.control);
-    KeyValues out;
-    if (!WaitForGo(params.control, deadline)) {
-        out.Set("error", "no go from the parent");
-        out.Save(kv.Get("out"));
-        MarkFailed(params.control);
-        return 3;
+    if (!run.ReadyThenGo()) {
+        return run.GiveUpAndFailRun("no go from the parent");
     }
-    std::uint64_t timeouts = 0;
-    std::uint32_t expectedAcks = 0;
-    const std::uint64_t gapUs = kv.GetU64("gap_us", 50);
+    AckPacer pacer(params.control, kv.GetU64("gap_us", 50));
     std::vector<std::uint64_t> seqs(slots, 0);
     const std::uint64_t cpu0 = ProcessCpuNs();
-    for (size_t k = 0; k < count; ++k) {
+    for (size_t k = 0; k < run.count; ++k) {
         const unsigned int i = static_cast<unsigned int>(k % slots);
         char* block = sources[i]->Prepare(seqs[i]++);
         StampSend(block, NowNs());
         writers[i]->onNotify(params.name, block, params.blockSize);
-        ++expectedAcks;
-        if (!FutexWaitAtLeast(&params.control->ack, expectedAcks, NowNs() + 1000000000ull)) {
-            ++timeouts;
-            --expectedAcks;
-            if (timeouts >= 5 || __atomic_load_n(&params.control->failed, __ATOMIC_SEQ_CST)) {
-                break;
-            }
+        if (!pacer.AwaitAck()) {
+            break;
         }
-        PaceGap(gapUs);
     }
     const std::uint64_t cpu = ProcessCpuNs() - cpu0;
     WriterFinished(params.control);
-    out.Set("timeouts", timeouts);
-    out.SetDouble("cpu_ns_per_block", static_cast<double>(cpu) / std::max<double>(1, count));
-    out.SetDouble("setup_ms", setupMs);
-    out.Set("log_messages", SlotOtherMessagesLogged());
-    out.Save(kv.Get("out"));
-    FinishChild(params, 0);
+    run.out.Set("timeouts", pacer.Timeouts());
+    run.SetCpuNsPerBlock(cpu);
+    run.out.SetDouble("setup_ms", setupMs);
+    run.Finish();
 }
 
 // ---------------------------------------------------------------------------------------------
 // Creation costs
 
-class CostConfig : public ISlotConfiguration {
+// The slots of the creation runs: room for 16 blocks of 4 KiB.
+class CostConfig : public BenchSlotConfig {
 public:
     CostConfig(const std::string& name, const std::string& type, double updateMs)
-        : name_(name),
-          type_(type),
-          update_(boost::posix_time::microseconds(static_cast<long>(updateMs * 1000))) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return 4096; }
-    size_t GetMaxBufferLength() const override { return 16; }
-    boost::posix_time::time_duration GetUpdateTime() const override { return update_; }
-    std::string GetSlotType() const override { return type_; }
-
-private:
-    std::string name_;
-    std::string type_;
-    boost::posix_time::time_duration update_;
+        : BenchSlotConfig(name, type, 4096, 16, updateMs) {}
 };
 
 std::string CostName(const std::string& base, const std::string& kind, size_t i) {
@@ -858,6 +838,7 @@ std::string RunName(const Harness& h, const std::string& what, const std::string
 // Starts reader first (it creates or opens the objects), then the writers; lets them go
 // together; collects the results. The transport's objects are removed whatever happens.
 struct PairOutcome {
+    bool skipped = false;  // the transport could not be set up; `problem` says why
     std::string problem;
     KeyValues reader;
     std::vector<KeyValues> writers;
@@ -873,7 +854,8 @@ PairOutcome RunPair(Harness& h, RunParams& params, const std::string& readerRole
     try {
         PrepareTransport(params);
     } catch (const std::exception& e) {
-        outcome.problem = std::string("SKIP:") + e.what();
+        outcome.skipped = true;
+        outcome.problem = e.what();
         CleanupTransport(params);
         return outcome;
     }
@@ -939,6 +921,24 @@ PairOutcome RunPair(Harness& h, RunParams& params, const std::string& readerRole
     return outcome;
 }
 
+// A run that did not take place, and why.
+template <class Result>
+Result Skip(Result r, const std::string& reason) {
+    r.status = Status::Skipped;
+    r.reason = reason;
+    return r;
+}
+
+// The reader's duplicate and corruption counts and the run's status. (What counts as lost
+// differs between the scenarios.)
+template <class Result>
+void SetOutcome(Result& r, const PairOutcome& o) {
+    r.duplicates = o.reader.GetU64("duplicates");
+    r.corrupt = o.reader.GetU64("corrupt");
+    r.status = o.problem.empty() ? Status::Ok : Status::Failed;
+    r.reason = o.problem;
+}
+
 RunParams BaseParams(const Harness& h, const std::string& transport, size_t size) {
     RunParams s;
     s.transport = transport;
@@ -961,9 +961,7 @@ LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, 
     r.size = size;
     const std::string why = TransportUnavailable(transport);
     if (!why.empty()) {
-        r.status = Status::Skipped;
-        r.reason = why;
-        return r;
+        return Skip(r, why);
     }
     RunParams params = BaseParams(h, transport, size);
     params.name = RunName(h, "lat", transport, size);
@@ -972,10 +970,8 @@ LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, 
                             {"count=" + std::to_string(count), "warmup=" + std::to_string(warmup),
                              "gap_us=" + std::to_string(h.plan.gapUs)},
                             deadlineMs);
-    if (o.problem.rfind("SKIP:", 0) == 0) {
-        r.status = Status::Skipped;
-        r.reason = o.problem.substr(5);
-        return r;
+    if (o.skipped) {
+        return Skip(r, o.problem);
     }
     {
         const std::string path = ResultPath(h, params.name, "reader") + ".samples";
@@ -991,14 +987,11 @@ LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, 
     r.p = ComputePercentiles(r.samples);
     r.runs = 1;
     r.lost = o.reader.GetU64("lost", o.problem.empty() ? 0 : count);
-    r.duplicates = o.reader.GetU64("duplicates");
-    r.corrupt = o.reader.GetU64("corrupt");
     r.readerCpuNsPerBlock = o.reader.GetDouble("cpu_ns_per_block");
     if (!o.writers.empty()) {
         r.writerCpuNsPerBlock = o.writers[0].GetDouble("cpu_ns_per_block");
     }
-    r.status = o.problem.empty() ? Status::Ok : Status::Failed;
-    r.reason = o.problem;
+    SetOutcome(r, o);
     return r;
 }
 
@@ -1010,9 +1003,7 @@ ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t 
     r.writers = writers;
     const std::string why = TransportUnavailable(transport);
     if (!why.empty()) {
-        r.status = Status::Skipped;
-        r.reason = why;
-        return r;
+        return Skip(r, why);
     }
     RunParams params = BaseParams(h, transport, size);
     params.name = RunName(h, "tp", transport, size, writers);
@@ -1023,10 +1014,8 @@ ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t 
     PairOutcome o = RunPair(h, params, "tp-reader", "tp-writer", {"count=" + std::to_string(count)},
                             deadlineMs);
     r.depth = params.depth;
-    if (o.problem.rfind("SKIP:", 0) == 0) {
-        r.status = Status::Skipped;
-        r.reason = o.problem.substr(5);
-        return r;
+    if (o.skipped) {
+        return Skip(r, o.problem);
     }
     std::uint64_t start = 0, writerCpu = 0;
     for (const KeyValues& w : o.writers) {
@@ -1050,10 +1039,7 @@ ThroughputResult RunThroughput(Harness& h, const std::string& transport, size_t 
         }
     }
     r.lost = o.reader.GetU64("lost", o.problem.empty() ? 0 : count * writers);
-    r.duplicates = o.reader.GetU64("duplicates");
-    r.corrupt = o.reader.GetU64("corrupt");
-    r.status = o.problem.empty() ? Status::Ok : Status::Failed;
-    r.reason = o.problem;
+    SetOutcome(r, o);
     return r;
 }
 
@@ -1084,8 +1070,6 @@ ScaleResult RunScale(Harness& h, unsigned int slots) {
     r.p.max = o.reader.GetDouble("max");
     const std::uint64_t valid = o.reader.GetU64("valid");
     r.lost = valid < count ? count - valid : 0;
-    r.duplicates = o.reader.GetU64("duplicates");
-    r.corrupt = o.reader.GetU64("corrupt");
     r.readerCpuNsPerBlock = o.reader.GetDouble("cpu_ns_per_block");
     r.idleCpuPercent = o.reader.GetDouble("idle_cpu_percent");
     r.readerSetupMs = o.reader.GetDouble("setup_ms");
@@ -1093,8 +1077,7 @@ ScaleResult RunScale(Harness& h, unsigned int slots) {
         r.writerCpuNsPerBlock = o.writers[0].GetDouble("cpu_ns_per_block");
         r.writerSetupMs = o.writers[0].GetDouble("setup_ms");
     }
-    r.status = o.problem.empty() ? Status::Ok : Status::Failed;
-    r.reason = o.problem;
+    SetOutcome(r, o);
     return r;
 }
 

@@ -1,13 +1,11 @@
+#include "SlotAdapters.h"
 #include "Transport.h"
 
-#include <Slot/ISlotConfiguration.h>
 #include <Slot/SlotFactory.h>
-#include <shared/ISubscriber.h>
 #include <shared/SharedMemory.h>
 
 #include <FileUtils/NamedPipeCreator.h>
 
-#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/ipc/message_queue.hpp>
 
 #include <fcntl.h>
@@ -164,29 +162,6 @@ std::string TransportUnavailable(const std::string& name) {
 
 namespace {
 
-class BenchSlotConfig : public ISlotConfiguration {
-public:
-    BenchSlotConfig(const std::string& name, const std::string& type, size_t maxSize,
-                    size_t bufferLength, double updateMs)
-        : name_(name),
-          type_(type),
-          maxSize_(maxSize),
-          bufferLength_(bufferLength),
-          update_(boost::posix_time::microseconds(static_cast<long>(updateMs * 1000.0))) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return maxSize_; }
-    size_t GetMaxBufferLength() const override { return bufferLength_; }
-    boost::posix_time::time_duration GetUpdateTime() const override { return update_; }
-    std::string GetSlotType() const override { return type_; }
-
-private:
-    std::string name_;
-    std::string type_;
-    size_t maxSize_;
-    size_t bufferLength_;
-    boost::posix_time::time_duration update_;
-};
-
 std::string SlotType(const std::string& transport) {
     if (transport == "slot-discarding") {
         return "discarding";
@@ -240,17 +215,6 @@ private:
     bool reliable_;
     ISubscriberPtr writer_;
     std::uint64_t refusals_ = 0;
-};
-
-class SinkSubscriber : public shared::ISubscriber {
-public:
-    explicit SinkSubscriber(BlockSink& sink) : sink_(sink) {}
-    void onNotify(const std::string&, const void* data, size_t size) override {
-        sink_.OnBlock(static_cast<const char*>(data), size);
-    }
-
-private:
-    BlockSink& sink_;
 };
 
 class StreamSubscriber : public shared::ISubscriber {

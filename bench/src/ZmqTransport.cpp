@@ -29,23 +29,35 @@ int HighWaterMark(const RunParams& params) {
     return static_cast<int>(params.depth);
 }
 
-class ZmqSender : public Sender {
+// A context with its one socket; both are closed together.
+class ZmqSocket {
 public:
-    explicit ZmqSender(const RunParams& params) : params_(params) {
-        context_ = zmq_ctx_new();
-        socket_ = zmq_socket(context_, ZMQ_PUB);
-        const int hwm = HighWaterMark(params);
-        const int one = 1;
-        // Closing waits until the blocks still queued have gone out.
-        const int linger = 30000;
-        Check(zmq_setsockopt(socket_, ZMQ_SNDHWM, &hwm, sizeof hwm), "ZMQ_SNDHWM");
-        Check(zmq_setsockopt(socket_, ZMQ_XPUB_NODROP, &one, sizeof one), "ZMQ_XPUB_NODROP");
-        Check(zmq_setsockopt(socket_, ZMQ_LINGER, &linger, sizeof linger), "ZMQ_LINGER");
-        Check(zmq_connect(socket_, Endpoint(params).c_str()), "zmq_connect");
-    }
-    ~ZmqSender() override {
+    explicit ZmqSocket(int type) : context_(zmq_ctx_new()), socket_(zmq_socket(context_, type)) {}
+    ~ZmqSocket() {
         zmq_close(socket_);
         zmq_ctx_term(context_);
+    }
+    ZmqSocket(const ZmqSocket&) = delete;
+    ZmqSocket& operator=(const ZmqSocket&) = delete;
+
+    void* Get() const { return socket_; }
+    void SetInt(int option, int value, const char* what) {
+        Check(zmq_setsockopt(socket_, option, &value, sizeof value), what);
+    }
+
+private:
+    void* context_;
+    void* socket_;
+};
+
+class ZmqSender : public Sender {
+public:
+    explicit ZmqSender(const RunParams& params) : params_(params), socket_(ZMQ_PUB) {
+        socket_.SetInt(ZMQ_SNDHWM, HighWaterMark(params), "ZMQ_SNDHWM");
+        socket_.SetInt(ZMQ_XPUB_NODROP, 1, "ZMQ_XPUB_NODROP");
+        // Closing waits until the blocks still queued have gone out.
+        socket_.SetInt(ZMQ_LINGER, 30000, "ZMQ_LINGER");
+        Check(zmq_connect(socket_.Get(), Endpoint(params).c_str()), "zmq_connect");
     }
     bool Warmup(std::uint64_t deadlineNs) override {
         // The subscription travels to the publisher asynchronously ("slow joiner"): send
@@ -56,13 +68,13 @@ public:
             if (NowNs() >= deadlineNs) {
                 return false;
             }
-            zmq_send(socket_, probe, sizeof probe, ZMQ_DONTWAIT);
+            zmq_send(socket_.Get(), probe, sizeof probe, ZMQ_DONTWAIT);
             FutexWaitWhile(seen, 0, NowNs() + 1000000ull);
         }
         return true;
     }
     void Send(const char* data, size_t size) override {
-        while (zmq_send(socket_, data, size, 0) < 0) {
+        while (zmq_send(socket_.Get(), data, size, 0) < 0) {
             if (zmq_errno() != EINTR) {
                 throw std::runtime_error(std::string("zmq_send: ") + zmq_strerror(zmq_errno()));
             }
@@ -71,33 +83,23 @@ public:
 
 private:
     RunParams params_;
-    void* context_;
-    void* socket_;
+    ZmqSocket socket_;
 };
 
 class ZmqReceiver : public Receiver {
 public:
-    explicit ZmqReceiver(const RunParams& params) : params_(params) {
-        context_ = zmq_ctx_new();
-        socket_ = zmq_socket(context_, ZMQ_SUB);
-        const int hwm = HighWaterMark(params);
-        const int timeoutMs = 50;
-        const int linger = 0;
-        Check(zmq_setsockopt(socket_, ZMQ_RCVHWM, &hwm, sizeof hwm), "ZMQ_RCVHWM");
-        Check(zmq_setsockopt(socket_, ZMQ_RCVTIMEO, &timeoutMs, sizeof timeoutMs), "ZMQ_RCVTIMEO");
-        Check(zmq_setsockopt(socket_, ZMQ_LINGER, &linger, sizeof linger), "ZMQ_LINGER");
-        Check(zmq_setsockopt(socket_, ZMQ_SUBSCRIBE, "", 0), "ZMQ_SUBSCRIBE");
-        Check(zmq_bind(socket_, Endpoint(params).c_str()), "zmq_bind");
-    }
-    ~ZmqReceiver() override {
-        zmq_close(socket_);
-        zmq_ctx_term(context_);
+    explicit ZmqReceiver(const RunParams& params) : params_(params), socket_(ZMQ_SUB) {
+        socket_.SetInt(ZMQ_RCVHWM, HighWaterMark(params), "ZMQ_RCVHWM");
+        socket_.SetInt(ZMQ_RCVTIMEO, 50, "ZMQ_RCVTIMEO");  // ms
+        socket_.SetInt(ZMQ_LINGER, 0, "ZMQ_LINGER");
+        Check(zmq_setsockopt(socket_.Get(), ZMQ_SUBSCRIBE, "", 0), "ZMQ_SUBSCRIBE");
+        Check(zmq_bind(socket_.Get(), Endpoint(params).c_str()), "zmq_bind");
     }
     void Run(BlockSink& sink, Stopper& stop) override {
         zmq_msg_t message;
         zmq_msg_init(&message);
         while (!stop.Stopped()) {
-            if (zmq_msg_recv(&message, socket_, 0) < 0) {
+            if (zmq_msg_recv(&message, socket_.Get(), 0) < 0) {
                 continue;  // timeout or interruption: look at the stopper again
             }
             const char* data = static_cast<const char*>(zmq_msg_data(&message));
@@ -119,8 +121,7 @@ public:
 
 private:
     RunParams params_;
-    void* context_;
-    void* socket_;
+    ZmqSocket socket_;
 };
 
 }  // namespace

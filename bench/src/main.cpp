@@ -84,6 +84,12 @@ int Cleanup(const std::string& tag) {
     return 0;
 }
 
+// Ends the progress line of a run that was skipped or failed.
+void PrintNotMeasured(Status status, const std::string& reason) {
+    std::fprintf(stderr, "%s %s\n",
+                 status == Status::Skipped ? "skipped:" : "FAILED:", reason.c_str());
+}
+
 void Usage() {
     std::fprintf(stderr,
                  "usage: slotbench --out DIR [--quick] [--tag TAG] [--tmp DIR]\n"
@@ -249,9 +255,7 @@ int main(int argc, char** argv) {
                                          static_cast<unsigned long long>(r.lost),
                                          static_cast<unsigned long long>(r.corrupt));
                         } else {
-                            std::fprintf(stderr, "%s %s\n",
-                                         r.status == Status::Skipped ? "skipped:" : "FAILED:",
-                                         r.reason.c_str());
+                            PrintNotMeasured(r.status, r.reason);
                         }
                     }
                 }
@@ -285,9 +289,7 @@ int main(int argc, char** argv) {
                                              static_cast<unsigned long long>(r.refusals),
                                              static_cast<unsigned long long>(r.lost));
                             } else {
-                                std::fprintf(stderr, "%s %s\n",
-                                             r.status == Status::Skipped ? "skipped:" : "FAILED:",
-                                             r.reason.c_str());
+                                PrintNotMeasured(r.status, r.reason);
                             }
                         }
                     }
