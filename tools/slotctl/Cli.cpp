@@ -1,19 +1,15 @@
 #include "Cli.h"
 
+#include "Inspect.h"
+
 #include <Slot/SlotFactory.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
 namespace slotctl {
-
-namespace {
-
-// A shared-memory name is at most NAME_MAX (255) characters; the queue adds "queue_".
-const size_t MaxSlotNameLength = 255 - 6;
-
-}  // namespace
 
 Arguments::Arguments(const std::string& command, const std::vector<std::string>& args,
                      const std::set<std::string>& valued, const std::set<std::string>& flags)
@@ -29,9 +25,12 @@ Arguments::Arguments(const std::string& command, const std::vector<std::string>&
             optionsEnded = true;
             continue;
         }
-        if (arg.compare(0, 2, "--") != 0) {
-            throw UsageError(command_ + ": unknown option '" + arg + "' (see slotctl " + command_ +
-                             " --help)");
+        auto unknown = [&] {
+            return UsageError(command_ + ": unknown option '" + arg + "' (see slotctl " + command_ +
+                              " --help)");
+        };
+        if (!StartsWith(arg, "--")) {
+            throw unknown();
         }
         std::string name = arg.substr(2);
         std::string value;
@@ -52,8 +51,7 @@ Arguments::Arguments(const std::string& command, const std::vector<std::string>&
         } else if (flags.count(name) != 0 && !inlineValue) {
             flags_.insert(name);
         } else {
-            throw UsageError(command_ + ": unknown option '" + arg + "' (see slotctl " + command_ +
-                             " --help)");
+            throw unknown();
         }
     }
 }
@@ -121,6 +119,8 @@ std::uint64_t ParseNumber(const std::string& text, const std::string& what, std:
 }
 
 void CheckSlotName(const std::string& name) {
+    // A shared-memory name is at most NAME_MAX characters, the queue's too.
+    const size_t maxLength = NAME_MAX - QueueObject("").size();
     std::string reason;
     if (name.empty()) {
         reason = "the name is empty";
@@ -128,8 +128,8 @@ void CheckSlotName(const std::string& name) {
         reason = "not a name";
     } else if (name.find('/') != std::string::npos) {
         reason = "a name cannot contain '/'";
-    } else if (name.size() > MaxSlotNameLength) {
-        reason = "longer than " + std::to_string(MaxSlotNameLength) + " characters";
+    } else if (name.size() > maxLength) {
+        reason = "longer than " + std::to_string(maxLength) + " characters";
     }
     if (!reason.empty()) {
         throw UsageError("invalid slot name " + Quote(name) + ": " + reason);
@@ -160,6 +160,31 @@ std::string Quote(const std::string& name) {
         out += "...";
     }
     return out + "'";
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+bool EndsWith(const std::string& text, const std::string& suffix) {
+    return text.size() >= suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+std::string Join(const std::vector<std::string>& parts) {
+    std::string text;
+    for (size_t i = 0; i < parts.size(); ++i) {
+        text += (i == 0 ? "" : ", ") + parts[i];
+    }
+    return text;
+}
+
+std::string Padded(const std::string& text, size_t width) {
+    return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
+}
+
+std::string RightAligned(const std::string& text, size_t width) {
+    return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
 }
 
 }  // namespace slotctl

@@ -74,4 +74,12 @@ void CheckSlotType(const std::string& type);
 // The name quoted for messages: 'name', with control characters escaped.
 std::string Quote(const std::string& name);
 
+bool StartsWith(const std::string& text, const std::string& prefix);
+bool EndsWith(const std::string& text, const std::string& suffix);
+// The parts separated by ", ".
+std::string Join(const std::vector<std::string>& parts);
+// `text` filled with spaces to `width` columns, on the right (Padded) or on the left.
+std::string Padded(const std::string& text, size_t width);
+std::string RightAligned(const std::string& text, size_t width);
+
 }  // namespace slotctl

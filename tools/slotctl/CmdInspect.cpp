@@ -29,7 +29,7 @@ std::string ReaderText(const SlotReport& report) {
 }
 
 std::string LastWriteText(const SlotReport& report) {
-    if (report.header.state != PartState::Ok || !report.header.hasWriteTime) {
+    if (report.header.state != PartState::Ok || !report.header.Has(LastWriteTime)) {
         return "-";
     }
     return FormatTime(report.header.lastWrite);
@@ -86,17 +86,9 @@ std::string InfoJson(const SlotReport& report) {
         json.Key("named_objects").Number(h.namedObjects);
         json.Key("unique_objects").Number(h.uniqueObjects);
         json.Key("objects").BeginObject();
-        const struct {
-            const char* name;
-            bool found;
-            std::uint64_t bytes;
-        } objects[] = {{"last_write_tstamp", h.hasWriteTime, h.writeTimeBytes},
-                       {"output_buffer_data_size", h.hasDataSize, h.dataSizeBytes},
-                       {"output_buffer_handle", h.hasHandle, h.handleBytes},
-                       {"cond_on_write", h.hasCondition, h.conditionBytes}};
-        for (const auto& object : objects) {
-            json.Key(object.name);
-            object.found ? json.Number(object.bytes) : json.Null();
+        for (int i = 0; i < HeaderObjectCount; ++i) {
+            json.Key(HeaderObjectNames[i]);
+            h.Has(HeaderObject(i)) ? json.Number(h.objectBytes[i]) : json.Null();
         }
         json.EndObject();
         json.Key("output_buffer_data_size").Number(h.outputDataSize);
@@ -113,14 +105,6 @@ std::string InfoJson(const SlotReport& report) {
     return json.Text();
 }
 
-std::string Padded(const std::string& text, size_t width) {
-    return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
-}
-
-std::string RightAligned(const std::string& text, size_t width) {
-    return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
-}
-
 void PrintPart(std::ostream& out, const char* label, PartState state, const std::string& detail) {
     out << "  " << Padded(label, 16) << PartStateText(state);
     if (!detail.empty()) {
@@ -133,11 +117,12 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
     const HeaderInfo& h = report.header;
     const QueueInfo& q = report.queue;
     const std::string kind = report.Kind();
+    const std::string state = report.State();
     out << "slot " << Quote(report.name) << "\n";
-    out << "  " << Padded("state", 16) << report.State();
-    if (report.State() == "header-only") {
+    out << "  " << Padded("state", 16) << state;
+    if (state == "header-only") {
         out << " (half slot: the queue " << Quote(QueueObject(report.name)) << " is missing)";
-    } else if (report.State() == "queue-only") {
+    } else if (state == "queue-only") {
         out << " (half slot: the header segment " << Quote(report.name) << " is missing)";
     }
     out << "\n";
@@ -150,7 +135,7 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
         out << "  " << Padded("max block size", 16) << q.maxBlockSize << " bytes\n";
         out << "  " << Padded("blocks waiting", 16) << q.waiting << " of " << q.capacity << "\n";
     }
-    if (h.state == PartState::Ok && h.hasWriteTime) {
+    if (h.state == PartState::Ok && h.Has(LastWriteTime)) {
         out << "  " << Padded("last write", 16) << FormatTime(h.lastWrite);
         if (!h.lastWrite.is_special()) {
             const boost::posix_time::time_duration age =
@@ -191,24 +176,15 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
         if (h.state == PartState::Ok) {
             out << "  " << Padded("named objects", 16) << h.namedObjects << " (and "
                 << h.uniqueObjects << " unique: the header mutex)\n";
-            const struct {
-                const char* name;
-                bool found;
-                std::uint64_t bytes;
-                std::string value;
-            } objects[] = {
-                {"last_write_tstamp", h.hasWriteTime, h.writeTimeBytes, FormatTime(h.lastWrite)},
-                {"output_buffer_data_size", h.hasDataSize, h.dataSizeBytes,
-                 std::to_string(h.outputDataSize)},
-                {"output_buffer_handle", h.hasHandle, h.handleBytes,
-                 std::to_string(h.outputHandle)},
-                {"cond_on_write", h.hasCondition, h.conditionBytes, ""}};
-            for (const auto& object : objects) {
-                out << "    " << Padded(object.name, 25);
-                if (object.found) {
-                    out << RightAligned(std::to_string(object.bytes), 3) << " bytes";
-                    if (!object.value.empty()) {
-                        out << "  " << object.value;
+            const std::string values[HeaderObjectCount] = {FormatTime(h.lastWrite),
+                                                           std::to_string(h.outputDataSize),
+                                                           std::to_string(h.outputHandle), ""};
+            for (int i = 0; i < HeaderObjectCount; ++i) {
+                out << "    " << Padded(HeaderObjectNames[i], 25);
+                if (h.Has(HeaderObject(i))) {
+                    out << RightAligned(std::to_string(h.objectBytes[i]), 3) << " bytes";
+                    if (!values[i].empty()) {
+                        out << "  " << values[i];
                     }
                 } else {
                     out << "MISSING";
@@ -276,27 +252,19 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
     const std::string name = arguments.Operands()[0];
     CheckSlotName(name);
     const SlotReport report = InspectSlot(name);
-    if (!report.HasSharedMemory() && report.pipePath.empty()) {
-        throw CommandError(ExitFailure, Quote(name) + " is not a slot: there is no " +
-                                            ShmPath(name) + " or " + ShmPath(QueueObject(name)) +
-                                            " and no named pipe of that name");
-    }
     const PartState h = report.header.state;
     const PartState q = report.queue.state;
     if (h == PartState::NoAccess || q == PartState::NoAccess) {
         const bool header = h == PartState::NoAccess;
-        throw CommandError(ExitFailure,
-                           "cannot open " + (header ? ShmPath(name) : ShmPath(QueueObject(name))) +
-                               ": " + (header ? report.header.detail : report.queue.detail));
-    }
-    const bool noSlotPart = (h == PartState::Absent || h == PartState::Foreign) &&
-                            (q == PartState::Absent || q == PartState::Foreign);
-    if (noSlotPart && report.pipePath.empty()) {
-        const bool header = h == PartState::Foreign;
-        throw CommandError(ExitFailure, Quote(name) + " is not a slot: " +
-                                            (header ? ShmPath(name) : ShmPath(QueueObject(name))) +
-                                            " is " +
+        throw CommandError(ExitFailure, "cannot open " +
+                                            ShmPath(header ? name : QueueObject(name)) + ": " +
                                             (header ? report.header.detail : report.queue.detail));
+    }
+    auto noSlotPart = [](PartState state) {
+        return state == PartState::Absent || state == PartState::Foreign;
+    };
+    if (noSlotPart(h) && noSlotPart(q) && report.pipePath.empty()) {
+        throw CommandError(ExitFailure, Quote(name) + " is not a slot: " + report.NotASlotReason());
     }
     if (arguments.Has("json")) {
         std::cout << InfoJson(report) << std::endl;

@@ -1,7 +1,6 @@
 // slotctl read: subscribes to a reader made by the factory and prints each block.
 #include "Cli.h"
 #include "Commands.h"
-#include "Inspect.h"
 #include "Signals.h"
 #include "SlotOptions.h"
 
@@ -19,7 +18,6 @@
 #include <deque>
 #include <iostream>
 #include <mutex>
-#include <set>
 
 namespace slotctl {
 
@@ -138,9 +136,8 @@ bool WriteOut(const std::string& bytes) {
 }  // namespace
 
 int RunRead(const Context&, const std::vector<std::string>& args) {
-    std::set<std::string> valued(std::begin(SlotValuedOptions), std::end(SlotValuedOptions));
-    valued.insert({"count", "timeout", "format"});
-    const Arguments arguments("read", args, valued, {"follow"});
+    const Arguments arguments("read", args, SlotValuedOptions({"count", "timeout", "format"}),
+                              {"follow"});
     arguments.ExpectOperands(1, 1, "one slot name");
     const std::string& name = arguments.Operands()[0];
     const std::string format = arguments.Get("format", "text");
@@ -152,7 +149,7 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
         arguments.GetNumber("count", arguments.Has("follow") ? 0 : 1, 0, UINT64_MAX >> 1);
     const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
     const ToolSlotConfig cfg = ResolveSlot(arguments, name);
-    const std::string type = cfg.GetSlotType().empty() ? "discarding" : cfg.GetSlotType();
+    const std::string type = cfg.TypeName();
 
     BlockQueue queue;
     INotifierPtr reader;

@@ -5,31 +5,14 @@
 
 #include <Slot/SlotFactory.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <iostream>
 
 namespace slotctl {
 
 namespace {
-
-// A part that may be unlinked as part of a slot. A foreign object is never touched: "rm abc"
-// must not remove some other program's "queue_abc".
-bool Removable(PartState state) {
-    return state == PartState::Ok || state == PartState::Busy || state == PartState::NoAccess ||
-           state == PartState::Unfinished;
-}
-
-std::string Join(const std::vector<std::string>& parts) {
-    std::string text;
-    for (size_t i = 0; i < parts.size(); ++i) {
-        text += (i == 0 ? "" : ", ") + parts[i];
-    }
-    return text;
-}
 
 // Removes the name's objects; prints one line; false on failure.
 bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
@@ -51,17 +34,13 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
             return false;
         }
     }
-    if ((header && !Removable(report.header.state)) || (queue && !Removable(report.queue.state))) {
-        const bool foreignHeader = header && !Removable(report.header.state);
-        std::cerr << "slotctl: " << Quote(name)
-                  << " is not a slot: " << ShmPath(foreignHeader ? name : queueName) << " is "
-                  << (foreignHeader ? report.header.detail : report.queue.detail)
-                  << "; nothing removed\n";
-        return false;
-    }
-    if (!header && !queue && report.pipePath.empty()) {
-        std::cerr << "slotctl: " << Quote(name) << " is not a slot: there is no " << ShmPath(name)
-                  << " or " << ShmPath(queueName) << " and no named pipe of that name\n";
+    // A foreign object is never touched: "rm abc" must not remove some other program's
+    // "queue_abc".
+    const bool foreign =
+        report.header.state == PartState::Foreign || report.queue.state == PartState::Foreign;
+    if (foreign || (!header && !queue && report.pipePath.empty())) {
+        std::cerr << "slotctl: " << Quote(name) << " is not a slot: " << report.NotASlotReason()
+                  << (foreign ? "; nothing removed" : "") << "\n";
         return false;
     }
     std::vector<std::string> removed;

@@ -15,7 +15,6 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
-#include <set>
 
 namespace slotctl {
 
@@ -41,7 +40,29 @@ private:
     std::atomic<unsigned long> problems_{0};
 };
 
-// Reads standard input line by line, without blocking the stop signals.
+enum class Input { Data, End, Failed, Stopped };
+
+// Waits until standard input is readable, without blocking the stop signals, and appends what
+// one read gives to `data`.
+Input ReadInput(std::string& data) {
+    for (;;) {
+        if (WaitReadableOrStop(STDIN_FILENO, -1) == WaitResult::Stopped) {
+            return Input::Stopped;
+        }
+        char chunk[65536];
+        const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof(chunk));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return n == 0 ? Input::End : Input::Failed;
+        }
+        data.append(chunk, static_cast<size_t>(n));
+        return Input::Data;
+    }
+}
+
+// Reads standard input line by line.
 class LineReader {
 public:
     // False at end of input or when stopped.
@@ -61,19 +82,11 @@ public:
                 buffer_.clear();
                 return true;
             }
-            if (WaitReadableOrStop(STDIN_FILENO, -1) == WaitResult::Stopped) {
+            const Input input = ReadInput(buffer_);
+            if (input == Input::Stopped) {
                 return false;
             }
-            char chunk[4096];
-            const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof(chunk));
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n <= 0) {
-                eof_ = true;
-            } else {
-                buffer_.append(chunk, static_cast<size_t>(n));
-            }
+            eof_ = input != Input::Data;  // a read error ends the input too
         }
     }
 
@@ -84,25 +97,16 @@ private:
 
 std::string ReadAllInput() {
     std::string data;
-    char chunk[65536];
     for (;;) {
-        if (WaitReadableOrStop(STDIN_FILENO, -1) == WaitResult::Stopped) {
-            break;
-        }
-        const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof(chunk));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
+        const Input input = ReadInput(data);
+        if (input == Input::Failed) {
             throw CommandError(ExitFailure,
                                std::string("cannot read standard input: ") + std::strerror(errno));
         }
-        if (n == 0) {
-            break;
+        if (input != Input::Data) {
+            return data;
         }
-        data.append(chunk, static_cast<size_t>(n));
     }
-    return data;
 }
 
 std::string Plural(unsigned long n, const char* word) {
@@ -112,9 +116,8 @@ std::string Plural(unsigned long n, const char* word) {
 }  // namespace
 
 int RunWrite(const Context&, const std::vector<std::string>& args) {
-    std::set<std::string> valued(std::begin(SlotValuedOptions), std::end(SlotValuedOptions));
-    valued.insert({"length", "every", "count"});
-    const Arguments arguments("write", args, valued, {"lines"});
+    const Arguments arguments("write", args, SlotValuedOptions({"length", "every", "count"}),
+                              {"lines"});
     arguments.ExpectOperands(1, 2, "a slot name and at most one DATA operand");
     const std::string& name = arguments.Operands()[0];
     const bool lines = arguments.Has("lines");
@@ -204,8 +207,8 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     }
     const unsigned long problems = outcome.Problems();
     const unsigned long discarded = outcome.Discarded();
-    std::string summary = Plural(blocks, "block") + " to " + Quote(name) + " (" +
-                          (cfg.GetSlotType().empty() ? "discarding" : cfg.GetSlotType()) + ")";
+    std::string summary =
+        Plural(blocks, "block") + " to " + Quote(name) + " (" + cfg.TypeName() + ")";
     if (problems == 0) {
         summary += ": all stored";
     } else {

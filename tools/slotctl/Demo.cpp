@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
@@ -28,6 +27,9 @@ namespace slotctl {
 
 namespace {
 
+using demo::Discarding;
+using demo::PosixPipe;
+using demo::Reliable;
 using demo::SlotCount;
 using demo::SlotTypes;
 
@@ -68,11 +70,7 @@ public:
     }
 
     ~Child() {
-        Stop();
-        if (Wait(0) == -1) {
-            ::kill(pid_, SIGKILL);
-            Wait(-1);
-        }
+        Finish(0);
         if (output_ >= 0) {
             ::close(output_);
         }
@@ -90,6 +88,9 @@ public:
 
     // Complete lines read so far; false at end of output.
     bool ReadLines(std::vector<std::string>& lines) {
+        if (output_ < 0) {
+            return false;
+        }
         char chunk[4096];
         for (;;) {
             const ssize_t n = ::read(output_, chunk, sizeof(chunk));
@@ -242,8 +243,18 @@ std::string Latency(long long ns) {
     return text;
 }
 
+// Applies the child's new complete lines to the view; false at the end of its output.
+bool ReadReports(Child& child, View& view, void (*apply)(View&, const std::string&)) {
+    std::vector<std::string> lines;
+    const bool open = child.ReadLines(lines);
+    for (const std::string& line : lines) {
+        apply(view, line);
+    }
+    return open;
+}
+
 const char* NotStoredWord(int slot) {
-    return slot == 0 ? "discarded" : slot == 1 ? "refused" : "dropped";
+    return slot == Discarding ? "discarded" : slot == Reliable ? "refused" : "dropped";
 }
 
 // The progress line: the longest of three forms that fits the terminal, the shortest cut to
@@ -260,7 +271,7 @@ std::string ProgressLine(const View& view, size_t width) {
         const std::string counts =
             std::to_string(std::min(s.received, s.sent)) + "/" + std::to_string(s.sent);
         const std::string notStored = std::to_string(s.notStored) + " " + NotStoredWord(i);
-        const bool showNotStored = i != 2 || s.notStored != 0;
+        const bool showNotStored = i != PosixPipe || s.notStored != 0;
         forms[0] += std::string(" | ") + SlotTypes[i] + " " + counts + " received" +
                     (showNotStored ? ", " + notStored : "") + ", p50 " + Latency(s.p50) + " p99 " +
                     Latency(s.p99);
@@ -286,39 +297,31 @@ size_t TerminalWidth() {
     return 80;
 }
 
-std::string Pad(const std::string& text, size_t width, bool right) {
-    if (text.size() >= width) {
-        return text;
-    }
-    const std::string fill(width - text.size(), ' ');
-    return right ? fill + text : text + fill;
-}
-
 std::string SummaryTable(const View& view) {
     std::ostringstream out;
     const size_t w[] = {11, 9, 9, 16, 9, 9, 9};
-    out << Pad("TYPE", w[0], false) << Pad("SENT", w[1], true) << Pad("RECEIVED", w[2], true)
-        << Pad("NOT STORED", w[3], true) << Pad("OTHER", w[4], true) << Pad("p50", w[5], true)
-        << Pad("p99", w[6], true) << "\n";
+    out << Padded("TYPE", w[0]) << RightAligned("SENT", w[1]) << RightAligned("RECEIVED", w[2])
+        << RightAligned("NOT STORED", w[3]) << RightAligned("OTHER", w[4])
+        << RightAligned("p50", w[5]) << RightAligned("p99", w[6]) << "\n";
     for (int i = 0; i < SlotCount; ++i) {
         const SlotView& s = view.slots[i];
         const std::uint64_t accounted = s.received + s.notStored;
         const long long other = static_cast<long long>(s.sent) - static_cast<long long>(accounted);
-        out << Pad(SlotTypes[i], w[0], false) << Pad(std::to_string(s.sent), w[1], true)
-            << Pad(std::to_string(s.received), w[2], true)
-            << Pad(std::to_string(s.notStored) + " " + NotStoredWord(i), w[3], true)
-            << Pad(std::to_string(other), w[4], true) << Pad(Latency(s.p50), w[5], true)
-            << Pad(Latency(s.p99), w[6], true) << "\n";
+        out << Padded(SlotTypes[i], w[0]) << RightAligned(std::to_string(s.sent), w[1])
+            << RightAligned(std::to_string(s.received), w[2])
+            << RightAligned(std::to_string(s.notStored) + " " + NotStoredWord(i), w[3])
+            << RightAligned(std::to_string(other), w[4]) << RightAligned(Latency(s.p50), w[5])
+            << RightAligned(Latency(s.p99), w[6]) << "\n";
     }
     out << "\n";
-    const SlotView& d = view.slots[0];
+    const SlotView& d = view.slots[Discarding];
     out << "discarding: the newest block wins; " << d.notStored
         << " waiting blocks were thrown away by newer ones";
     if (d.duplicates != 0) {
         out << ", " << d.duplicates << " copies of the last block were delivered again";
     }
     out << ".\n";
-    for (int i = 1; i < SlotCount; ++i) {
+    for (int i = Reliable; i < SlotCount; ++i) {
         const SlotView& s = view.slots[i];
         out << SlotTypes[i] << ": ";
         if (s.duplicates == 0 && s.outOfOrder == 0) {
@@ -328,7 +331,7 @@ std::string SummaryTable(const View& view) {
         }
         if (s.notStored != 0) {
             out << "; " << s.notStored << " were " << NotStoredWord(i)
-                << (i == 1 ? " while the queue was full" : " while the pipe was full");
+                << (i == Reliable ? " while the queue was full" : " while the pipe was full");
         }
         out << ".\n";
     }
@@ -342,7 +345,7 @@ void CleanUp(const demo::Settings& settings) {
     std::vector<std::string> removed;
     for (int i = 0; i < SlotCount; ++i) {
         const std::string name = settings.SlotName(i);
-        if (std::string(SlotTypes[i]) == "posix-pipe") {
+        if (i == PosixPipe) {
             const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
             if (::unlink(pipe.c_str()) == 0) {
                 removed.push_back(pipe);
@@ -354,7 +357,7 @@ void CleanUp(const demo::Settings& settings) {
         if (existed) {
             removed.push_back("slot " + Quote(name));
         }
-        if (std::string(SlotTypes[i]) == "reliable") {
+        if (i == Reliable) {
             const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
             if (::unlink(lock.c_str()) == 0) {
                 removed.push_back(lock);
@@ -362,11 +365,7 @@ void CleanUp(const demo::Settings& settings) {
         }
     }
     if (!removed.empty()) {
-        std::string text;
-        for (size_t i = 0; i < removed.size(); ++i) {
-            text += (i == 0 ? "" : ", ") + removed[i];
-        }
-        std::cout << "removed " << text << std::endl;
+        std::cout << "removed " << Join(removed) << std::endl;
     }
 }
 
@@ -387,13 +386,14 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
         "demo", args, {"duration", "rate", "burst", "size", "queue", "update-time", "prefix"}, {});
     arguments.ExpectOperands(0, 0, "no operands");
     demo::Settings settings;
-    settings.durationMs =
-        static_cast<std::uint64_t>(arguments.GetSeconds("duration", 10.0, 0.0, 86400.0) * 1000);
-    settings.rate = arguments.GetNumber("rate", 1000, 1, 1000000);
-    settings.burst = arguments.GetNumber("burst", 50, 1, 100000);
-    settings.blockSize = arguments.GetNumber("size", 64, demo::MinBlockSize, demo::MaxBlockSize);
-    settings.queue = arguments.GetNumber("queue", 16, 1, 100000);
-    settings.updateMs = arguments.GetNumber("update-time", 100, 1, 60000);
+    settings.durationMs = static_cast<std::uint64_t>(
+        arguments.GetSeconds("duration", settings.durationMs / 1000.0, 0.0, 86400.0) * 1000);
+    settings.rate = arguments.GetNumber("rate", settings.rate, 1, 1000000);
+    settings.burst = arguments.GetNumber("burst", settings.burst, 1, 100000);
+    settings.blockSize =
+        arguments.GetNumber("size", settings.blockSize, demo::MinBlockSize, demo::MaxBlockSize);
+    settings.queue = arguments.GetNumber("queue", settings.queue, 1, 100000);
+    settings.updateMs = arguments.GetNumber("update-time", settings.updateMs, 1, 60000);
     settings.prefix = arguments.Get("prefix", "slotctl-demo-" + std::to_string(::getpid()));
     for (int i = 0; i < SlotCount; ++i) {
         const std::string name = settings.SlotName(i);
@@ -407,14 +407,14 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
     }
 
     const bool terminal = ::isatty(STDOUT_FILENO) == 1;
-    const size_t nameWidth = settings.SlotName(2).size();
+    const size_t nameWidth = settings.SlotName(PosixPipe).size();
     std::cout << "slotctl demo: a publisher process writes " << settings.blockSize
               << "-byte blocks into three slots, a subscriber process reads them.\n"
-              << "  " << Pad(settings.SlotName(0), nameWidth, false)
+              << "  " << Padded(settings.SlotName(Discarding), nameWidth)
               << "  a queue of one block; a new block throws the waiting one away\n"
-              << "  " << Pad(settings.SlotName(1), nameWidth, false) << "  a FIFO of "
+              << "  " << Padded(settings.SlotName(Reliable), nameWidth) << "  a FIFO of "
               << settings.queue << " blocks; a write into a full queue is refused\n"
-              << "  " << Pad(settings.SlotName(2), nameWidth, false)
+              << "  " << Padded(settings.SlotName(PosixPipe), nameWidth)
               << "  a named FIFO, a byte stream; a writer waits while it is full\n"
               << settings.rate << " blocks/s into each, in bursts of " << settings.burst << ", for "
               << static_cast<double>(settings.durationMs) / 1000.0
@@ -423,18 +423,18 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
               << std::endl;
 
     CleanUpGuard cleanUp(settings);
-    std::vector<std::string> childArgs = LogArguments(context.log);
-    std::vector<std::string> subscriberArgs = childArgs;
-    subscriberArgs.push_back("__demo-subscriber");
-    std::vector<std::string> publisherArgs = childArgs;
-    publisherArgs.push_back("__demo-publisher");
-    for (const std::string& arg : settings.ToArguments()) {
-        subscriberArgs.push_back(arg);
-        publisherArgs.push_back(arg);
-    }
+    auto childArguments = [&](const char* command) {
+        std::vector<std::string> args = LogArguments(context.log);
+        args.push_back(command);
+        for (const std::string& arg : settings.ToArguments()) {
+            args.push_back(arg);
+        }
+        return args;
+    };
 
     View view;
-    std::unique_ptr<Child> subscriber(new Child(context.executable, subscriberArgs));
+    std::unique_ptr<Child> subscriber(
+        new Child(context.executable, childArguments("__demo-subscriber")));
     std::unique_ptr<Child> publisher;
     bool interrupted = false;
     const std::uint64_t started = demo::MonotonicNs();
@@ -464,20 +464,9 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
                 publisher->Stop();
             }
         }
-        std::vector<std::string> lines;
-        const bool subscriberOpen = subscriber->OutputOpen() && subscriber->ReadLines(lines);
-        for (const std::string& line : lines) {
-            ApplySubscriber(view, line);
-        }
-        lines.clear();
-        if (publisher && publisher->OutputOpen()) {
-            const bool open = publisher->ReadLines(lines);
-            for (const std::string& line : lines) {
-                ApplyPublisher(view, line);
-            }
-            if (!open && !view.publisherDone) {
-                view.publisherDone = true;  // it died without its final report
-            }
+        const bool subscriberOpen = ReadReports(*subscriber, view, ApplySubscriber);
+        if (publisher && !ReadReports(*publisher, view, ApplyPublisher)) {
+            view.publisherDone = true;  // ended, perhaps without its final report
         }
         if (!subscriberOpen && !view.subscriberDone) {
             throw CommandError(ExitFailure, "the subscriber process ended early (status " +
@@ -485,7 +474,7 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
         }
         if (!publisher) {
             if (view.subscriberReady && !interrupted) {
-                publisher.reset(new Child(context.executable, publisherArgs));
+                publisher.reset(new Child(context.executable, childArguments("__demo-publisher")));
                 lastPrinted = now;
             } else if (interrupted || now - started > readyLimitNs) {
                 break;
@@ -518,8 +507,8 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
             lastProgress = now;
         }
         // Wait for the subscriber to receive what was stored, or to stay quiet.
-        const SlotView& reliable = view.slots[1];
-        const SlotView& pipe = view.slots[2];
+        const SlotView& reliable = view.slots[Reliable];
+        const SlotView& pipe = view.slots[PosixPipe];
         const bool complete = reliable.received + reliable.notStored >= reliable.sent &&
                               pipe.received + pipe.notStored >= pipe.sent;
         if (complete || interrupted || now - lastProgress > quietNs ||
@@ -540,11 +529,7 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
     while (subscriber->OutputOpen() && demo::MonotonicNs() < finalLimit) {
         pollfd p = {subscriber->OutputFd(), POLLIN, 0};
         ::poll(&p, 1, 100);
-        std::vector<std::string> lines;
-        subscriber->ReadLines(lines);
-        for (const std::string& line : lines) {
-            ApplySubscriber(view, line);
-        }
+        ReadReports(*subscriber, view, ApplySubscriber);
     }
     subscriber->Finish(5000);
     publisher.reset();

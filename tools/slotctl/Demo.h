@@ -10,6 +10,7 @@ namespace slotctl {
 namespace demo {
 
 // The demo's three slots, in display order.
+enum SlotIndex { Discarding, Reliable, PosixPipe };
 const int SlotCount = 3;
 extern const char* const SlotTypes[SlotCount];  // "discarding", "reliable", "posix-pipe"
 

@@ -46,12 +46,13 @@ Settings Settings::FromArguments(const std::string& command, const std::vector<s
         {});
     Settings settings;
     settings.prefix = arguments.Get("prefix");
-    settings.blockSize = arguments.GetNumber("size", 64, MinBlockSize, MaxBlockSize);
-    settings.rate = arguments.GetNumber("rate", 1000, 1, 10000000);
-    settings.burst = arguments.GetNumber("burst", 50, 1, 1000000);
-    settings.queue = arguments.GetNumber("queue", 16, 1, 1000000);
-    settings.updateMs = arguments.GetNumber("update-time", 100, 1, 60000);
-    settings.durationMs = arguments.GetNumber("duration-ms", 10000, 0, 86400000);
+    settings.blockSize =
+        arguments.GetNumber("size", settings.blockSize, MinBlockSize, MaxBlockSize);
+    settings.rate = arguments.GetNumber("rate", settings.rate, 1, 10000000);
+    settings.burst = arguments.GetNumber("burst", settings.burst, 1, 1000000);
+    settings.queue = arguments.GetNumber("queue", settings.queue, 1, 1000000);
+    settings.updateMs = arguments.GetNumber("update-time", settings.updateMs, 1, 60000);
+    settings.durationMs = arguments.GetNumber("duration-ms", settings.durationMs, 0, 86400000);
     return settings;
 }
 
@@ -95,9 +96,8 @@ public:
     explicit NotStoredCounter(const Settings& settings) {
         for (int i = 0; i < SlotCount; ++i) {
             names_[i] = settings.SlotName(i);
-            pipe_[i] = std::string(SlotTypes[i]) == "posix-pipe"
-                           ? FileUtils::NamedPipeCreator::ConstructPipeFilename(names_[i])
-                           : "";
+            pipe_[i] =
+                i == PosixPipe ? FileUtils::NamedPipeCreator::ConstructPipeFilename(names_[i]) : "";
         }
     }
     void OnEvent(const LogEvent& event) {
@@ -266,13 +266,14 @@ int RunDemoSubscriber(const Context&, const std::vector<std::string>& args) {
     // A pipe is a byte stream: the accumulation buffer cuts it back into blocks.
     IoUtils::AccumulationBuffer blocks(static_cast<unsigned int>(settings.blockSize),
                                        static_cast<unsigned int>(settings.blockSize));
-    blocks.subscribe(measures[2].get());
+    blocks.subscribe(measures[PosixPipe].get());
     std::vector<INotifierPtr> readers;
     for (int i = 0; i < SlotCount; ++i) {
         const ToolSlotConfig cfg = DemoConfig(settings, i);
         readers.push_back(SlotFactory::CreateSlotReader(&cfg));
-        shared::ISubscriber* target = i == 2 ? static_cast<shared::ISubscriber*>(&blocks)
-                                             : static_cast<shared::ISubscriber*>(measures[i].get());
+        shared::ISubscriber* target = i == PosixPipe
+                                          ? static_cast<shared::ISubscriber*>(&blocks)
+                                          : static_cast<shared::ISubscriber*>(measures[i].get());
         readers.back()->subscribe(target);
     }
     PrintLine("ready");

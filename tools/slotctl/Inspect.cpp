@@ -1,5 +1,7 @@
 #include "Inspect.h"
 
+#include "Cli.h"
+
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 
 #include <FileUtils/FSUtils.h>
@@ -23,6 +25,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <set>
 #include <thread>
 #include <type_traits>
 
@@ -31,8 +34,6 @@ namespace slotctl {
 namespace {
 
 const char* const ShmDirectory = "/dev/shm";
-const std::string QueuePrefix = BaseQueueSlot::GetQueueName("");
-const std::string FifoSuffix = ".fifo";
 
 // A time limit for one look inside a segment. Generous: the locks involved are held for
 // microseconds by live processes, so only a lock left by a dead process runs into it.
@@ -45,60 +46,48 @@ const int ProbeTimeoutMs = 3000;
 const std::uint32_t BoostInitialisedWord = 2;
 const std::uint32_t BoostInitialisingWordMax = 1;
 
-// What a forked helper reports about a header segment. Plain bytes: it crosses a pipe.
-struct HeaderProbe {
-    int state;  // PartState
+// What a forked helper reports about an object: its state and, when Ok, its contents.
+template <class Contents>
+struct Probe {
+    PartState state;
     char detail[96];
-    std::uint64_t managedSize, freeMemory, namedObjects, uniqueObjects;
-    std::uint64_t counts[4];  // elements found of each named object (0: absent)
-    boost::posix_time::ptime lastWrite;
-    std::uint64_t outputDataSize;
-    std::int64_t outputHandle;
+    Contents contents;
 };
 
-struct QueueProbe {
-    int state;
-    char detail[96];
-    std::uint64_t capacity, maxBlockSize, waiting;
-};
-
-static_assert(std::is_trivially_copyable<HeaderProbe>::value, "HeaderProbe crosses a pipe");
-static_assert(std::is_trivially_copyable<QueueProbe>::value, "QueueProbe crosses a pipe");
-
-template <class Probe>
-void SetDetail(Probe& probe, const std::string& text) {
-    std::strncpy(probe.detail, text.c_str(), sizeof(probe.detail) - 1);
+template <class Contents>
+void SetOutcome(Probe<Contents>& probe, PartState state, const std::string& detail) {
+    probe.state = state;
+    std::strncpy(probe.detail, detail.c_str(), sizeof(probe.detail) - 1);
     probe.detail[sizeof(probe.detail) - 1] = '\0';
 }
 
 // Runs `body` in a forked child and returns what it reports. When the child does not answer
 // within the time limit it is killed and the result is Busy; when it dies (a crash on a
 // damaged object) the result is Foreign.
-template <class Probe, class Body>
-Probe RunProbe(Body body) {
-    Probe result{};
+template <class Contents, class Body>
+Probe<Contents> RunProbe(Body body) {
+    static_assert(std::is_trivially_copyable<Probe<Contents>>::value, "a probe crosses a pipe");
+    Probe<Contents> result{};
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) {
-        result.state = static_cast<int>(PartState::Busy);
-        SetDetail(result, std::string("cannot make a pipe: ") + std::strerror(errno));
+        SetOutcome(result, PartState::Busy,
+                   std::string("cannot make a pipe: ") + std::strerror(errno));
         return result;
     }
     const pid_t pid = ::fork();
     if (pid < 0) {
         ::close(fds[0]);
         ::close(fds[1]);
-        result.state = static_cast<int>(PartState::Busy);
-        SetDetail(result, std::string("cannot fork: ") + std::strerror(errno));
+        SetOutcome(result, PartState::Busy, std::string("cannot fork: ") + std::strerror(errno));
         return result;
     }
     if (pid == 0) {
         ::close(fds[0]);
-        Probe probe{};
+        Probe<Contents> probe{};
         try {
             body(probe);
         } catch (const std::exception& e) {
-            probe.state = static_cast<int>(PartState::Foreign);
-            SetDetail(probe, e.what());
+            SetOutcome(probe, PartState::Foreign, e.what());
         }
         const char* bytes = reinterpret_cast<const char*>(&probe);
         size_t done = 0;
@@ -149,16 +138,16 @@ Probe RunProbe(Body body) {
     if (done == sizeof(result)) {
         return result;
     }
-    result = Probe{};
+    result = Probe<Contents>{};
     if (timedOut) {
-        result.state = static_cast<int>(PartState::Busy);
-        SetDetail(result, "no answer within " + std::to_string(ProbeTimeoutMs / 1000) +
-                              " s: a lock inside it is held (its holder may have died)");
+        SetOutcome(result, PartState::Busy,
+                   "no answer within " + std::to_string(ProbeTimeoutMs / 1000) +
+                       " s: a lock inside it is held (its holder may have died)");
     } else {
-        result.state = static_cast<int>(PartState::Foreign);
-        SetDetail(result, WIFSIGNALED(status) ? "damaged: reading it killed the helper (signal " +
-                                                    std::to_string(WTERMSIG(status)) + ")"
-                                              : std::string("unreadable"));
+        SetOutcome(result, PartState::Foreign,
+                   WIFSIGNALED(status) ? "damaged: reading it killed the helper (signal " +
+                                             std::to_string(WTERMSIG(status)) + ")"
+                                       : std::string("unreadable"));
     }
     return result;
 }
@@ -200,27 +189,44 @@ PartState PreCheck(const std::string& name, std::uint64_t& fileSize, std::string
     return writable ? PartState::Ok : PartState::NoAccess;
 }
 
-HeaderProbe ProbeHeader(const std::string& name, std::uint64_t fileSize) {
-    return RunProbe<HeaderProbe>([&](HeaderProbe& probe) {
+size_t ObjectsFound(const HeaderContents& contents) {
+    return static_cast<size_t>(std::count_if(std::begin(contents.objectBytes),
+                                             std::end(contents.objectBytes),
+                                             [](std::uint64_t bytes) { return bytes != 0; }));
+}
+
+// Finds the named object `object`: records its size in `contents` and returns its address
+// (nullptr when it is missing).
+template <class T>
+const T* FindObject(shared::SlotSegment& segment, HeaderObject object, HeaderContents& contents) {
+    const std::pair<T*, shared::SlotSegment::size_type> found =
+        segment.find<T>(HeaderObjectNames[object]);
+    contents.objectBytes[object] = found.second * sizeof(T);
+    return found.first;
+}
+
+Probe<HeaderContents> ProbeHeader(const std::string& name, std::uint64_t fileSize) {
+    return RunProbe<HeaderContents>([&](Probe<HeaderContents>& probe) {
         // Read-write: find() takes the segment manager's lock, which lives in the segment.
         shared::SlotSegment segment(boost::interprocess::open_only, name.c_str());
-        probe.managedSize = segment.get_size();
         // The size the segment manager records (plus its offset) must be the object's size: a
         // cheap test that this is a managed segment before following any offset stored in it.
-        if (probe.managedSize != fileSize) {
-            probe.state = static_cast<int>(PartState::Foreign);
-            SetDetail(probe, "not a managed segment");
+        if (segment.get_size() != fileSize) {
+            SetOutcome(probe, PartState::Foreign, "not a managed segment");
             return;
         }
-        HeaderProbe* out = &probe;
-        auto look = [&segment, out] {
-            out->counts[0] = segment.find<boost::posix_time::ptime>("last_write_tstamp").second;
-            out->counts[1] = segment.find<unsigned int>("output_buffer_data_size").second;
-            out->counts[2] = segment.find<int>("output_buffer_handle").second;
-            out->counts[3] = segment.find<shared::InterprocCondition>("cond_on_write").second;
-            out->namedObjects = segment.get_num_named_objects();
-            out->uniqueObjects = segment.get_num_unique_objects();
-            out->freeMemory = segment.get_free_memory();
+        HeaderContents& contents = probe.contents;
+        const boost::posix_time::ptime* lastWrite = nullptr;
+        const unsigned int* dataSize = nullptr;
+        const int* handle = nullptr;
+        auto look = [&] {
+            lastWrite = FindObject<boost::posix_time::ptime>(segment, LastWriteTime, contents);
+            dataSize = FindObject<unsigned int>(segment, OutputDataSize, contents);
+            handle = FindObject<int>(segment, OutputHandle, contents);
+            FindObject<shared::InterprocCondition>(segment, WriteCondition, contents);
+            contents.namedObjects = segment.get_num_named_objects();
+            contents.uniqueObjects = segment.get_num_unique_objects();
+            contents.freeMemory = segment.get_free_memory();
         };
         // The segment manager's lock is only tried, so a lock left by a dead process is
         // reported instead of waited for.
@@ -232,91 +238,71 @@ HeaderProbe ProbeHeader(const std::string& name, std::uint64_t fileSize) {
             }
         }
         if (!looked) {
-            probe.state = static_cast<int>(PartState::Busy);
-            SetDetail(probe, "its segment lock stays held (its holder may have died)");
+            SetOutcome(probe, PartState::Busy,
+                       "its segment lock stays held (its holder may have died)");
             return;
         }
-        if (probe.counts[0] + probe.counts[1] + probe.counts[2] + probe.counts[3] == 0) {
-            probe.state = static_cast<int>(PartState::Foreign);
-            SetDetail(probe, "a managed segment without a slot header");
+        if (ObjectsFound(contents) == 0) {
+            SetOutcome(probe, PartState::Foreign, "a managed segment without a slot header");
             return;
         }
         // Read without the header mutex, as the library's GetLastWriteTime does.
-        if (probe.counts[0] != 0) {
-            probe.lastWrite = *segment.find<boost::posix_time::ptime>("last_write_tstamp").first;
+        if (lastWrite != nullptr) {
+            contents.lastWrite = *lastWrite;
         }
-        if (probe.counts[1] != 0) {
-            probe.outputDataSize = *segment.find<unsigned int>("output_buffer_data_size").first;
+        if (dataSize != nullptr) {
+            contents.outputDataSize = *dataSize;
         }
-        if (probe.counts[2] != 0) {
-            probe.outputHandle = *segment.find<int>("output_buffer_handle").first;
+        if (handle != nullptr) {
+            contents.outputHandle = *handle;
         }
-        probe.state = static_cast<int>(PartState::Ok);
+        SetOutcome(probe, PartState::Ok, "");
     });
 }
 
-QueueProbe ProbeQueue(const std::string& queueName, std::uint64_t fileSize) {
-    return RunProbe<QueueProbe>([&](QueueProbe& probe) {
+Probe<QueueContents> ProbeQueue(const std::string& queueName, std::uint64_t fileSize) {
+    return RunProbe<QueueContents>([&](Probe<QueueContents>& probe) {
         BaseQueueSlot::MessageQueue queue(boost::interprocess::open_only, queueName.c_str());
-        probe.capacity = queue.get_max_msg();
-        probe.maxBlockSize = queue.get_max_msg_size();
+        QueueContents& contents = probe.contents;
+        contents.capacity = queue.get_max_msg();
+        contents.maxBlockSize = queue.get_max_msg_size();
         // Plausible sizes first: get_num_msg() locks a mutex at a fixed place in the header.
-        if (probe.capacity == 0 || probe.capacity > fileSize ||
-            (probe.maxBlockSize != 0 && probe.capacity > fileSize / probe.maxBlockSize)) {
-            probe.state = static_cast<int>(PartState::Foreign);
-            SetDetail(probe, "not a message queue");
+        if (contents.capacity == 0 || contents.capacity > fileSize ||
+            (contents.maxBlockSize != 0 && contents.capacity > fileSize / contents.maxBlockSize)) {
+            SetOutcome(probe, PartState::Foreign, "not a message queue");
             return;
         }
-        probe.waiting = queue.get_num_msg();
-        if (probe.waiting > probe.capacity) {
-            probe.state = static_cast<int>(PartState::Foreign);
-            SetDetail(probe, "not a message queue");
+        contents.waiting = queue.get_num_msg();
+        if (contents.waiting > contents.capacity) {
+            SetOutcome(probe, PartState::Foreign, "not a message queue");
             return;
         }
-        probe.state = static_cast<int>(PartState::Ok);
+        SetOutcome(probe, PartState::Ok, "");
     });
+}
+
+// Checks the object `name` with file operations and, when they find nothing wrong, looks
+// inside it with `probe`.
+template <class Contents>
+PartInfo<Contents> InspectPart(const std::string& name,
+                               Probe<Contents> (*probe)(const std::string&, std::uint64_t)) {
+    PartInfo<Contents> info;
+    info.state = PreCheck(name, info.fileSize, info.detail);
+    if (info.state == PartState::Ok) {
+        const Probe<Contents> found = probe(name, info.fileSize);
+        info.state = found.state;
+        info.detail = found.detail;
+        static_cast<Contents&>(info) = found.contents;
+    }
+    return info;
 }
 
 HeaderInfo InspectHeader(const std::string& name) {
-    HeaderInfo info;
-    info.state = PreCheck(name, info.fileSize, info.detail);
-    if (info.state != PartState::Ok) {
-        return info;
-    }
-    const HeaderProbe probe = ProbeHeader(name, info.fileSize);
-    info.state = static_cast<PartState>(probe.state);
-    info.detail = probe.detail;
-    info.managedSize = probe.managedSize;
-    info.freeMemory = probe.freeMemory;
-    info.namedObjects = probe.namedObjects;
-    info.uniqueObjects = probe.uniqueObjects;
-    info.hasWriteTime = probe.counts[0] != 0;
-    info.hasDataSize = probe.counts[1] != 0;
-    info.hasHandle = probe.counts[2] != 0;
-    info.hasCondition = probe.counts[3] != 0;
-    info.writeTimeBytes = probe.counts[0] * sizeof(boost::posix_time::ptime);
-    info.dataSizeBytes = probe.counts[1] * sizeof(unsigned int);
-    info.handleBytes = probe.counts[2] * sizeof(int);
-    info.conditionBytes = probe.counts[3] * sizeof(shared::InterprocCondition);
-    info.lastWrite = info.hasWriteTime ? probe.lastWrite : boost::posix_time::ptime();
-    info.outputDataSize = probe.outputDataSize;
-    info.outputHandle = probe.outputHandle;
-    return info;
+    return InspectPart(name, ProbeHeader);
 }
 
 QueueInfo InspectQueue(const std::string& queueName) {
-    QueueInfo info;
-    info.state = PreCheck(queueName, info.fileSize, info.detail);
-    if (info.state != PartState::Ok) {
-        return info;
-    }
-    const QueueProbe probe = ProbeQueue(queueName, info.fileSize);
-    info.state = static_cast<PartState>(probe.state);
-    info.detail = probe.detail;
-    info.capacity = probe.capacity;
-    info.maxBlockSize = probe.maxBlockSize;
-    info.waiting = probe.waiting;
-    return info;
+    return InspectPart(queueName, ProbeQueue);
 }
 
 bool IsFifo(const std::string& path) {
@@ -332,8 +318,8 @@ void AddReaderLock(SlotReport& report) {
     report.readerPid = shared::FileLock::Holder(report.lockPath);
 }
 
-std::vector<std::string> ListDirectory(const std::string& dir) {
-    std::vector<std::string> names;
+std::set<std::string> ListDirectory(const std::string& dir) {
+    std::set<std::string> names;
     DIR* d = ::opendir(dir.c_str());
     if (d == nullptr) {
         return names;
@@ -341,23 +327,17 @@ std::vector<std::string> ListDirectory(const std::string& dir) {
     while (dirent* entry = ::readdir(d)) {
         const std::string name = entry->d_name;
         if (name != "." && name != "..") {
-            names.push_back(name);
+            names.insert(name);
         }
     }
     ::closedir(d);
     return names;
 }
 
-bool StartsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-bool EndsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() &&
-           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
 }  // namespace
+
+const char* const HeaderObjectNames[HeaderObjectCount] = {
+    "last_write_tstamp", "output_buffer_data_size", "output_buffer_handle", "cond_on_write"};
 
 const char* PartStateText(PartState state) {
     switch (state) {
@@ -403,9 +383,7 @@ std::string SlotReport::State() const {
         return pipePath.empty() ? "absent" : "pipe";
     }
     if (header.state == PartState::Ok && queue.state == PartState::Ok) {
-        const bool complete =
-            header.hasWriteTime && header.hasDataSize && header.hasHandle && header.hasCondition;
-        return complete ? "slot" : "damaged";
+        return ObjectsFound(header) == HeaderObjectCount ? "slot" : "damaged";
     }
     if (header.state == PartState::Ok && queue.state == PartState::Absent) {
         return "header-only";
@@ -413,29 +391,36 @@ std::string SlotReport::State() const {
     if (queue.state == PartState::Ok && header.state == PartState::Absent) {
         return "queue-only";
     }
-    for (PartState s : {header.state, queue.state}) {
-        if (s == PartState::NoAccess) {
-            return "no-access";
-        }
-    }
-    for (PartState s : {header.state, queue.state}) {
-        if (s == PartState::Busy) {
-            return "busy";
-        }
-    }
-    for (PartState s : {header.state, queue.state}) {
-        if (s == PartState::Unfinished) {
-            return "unfinished";
+    // The worst state of either part, in this order.
+    const struct {
+        PartState state;
+        const char* word;
+    } worst[] = {{PartState::NoAccess, "no-access"},
+                 {PartState::Busy, "busy"},
+                 {PartState::Unfinished, "unfinished"}};
+    for (const auto& w : worst) {
+        if (header.state == w.state || queue.state == w.state) {
+            return w.word;
         }
     }
     return "damaged";
+}
+
+std::string SlotReport::NotASlotReason() const {
+    if (!HasSharedMemory()) {
+        return "there is no " + ShmPath(name) + " or " + ShmPath(QueueObject(name)) +
+               " and no named pipe of that name";
+    }
+    const bool byHeader = header.state == PartState::Foreign;
+    return ShmPath(byHeader ? name : QueueObject(name)) + " is " +
+           (byHeader ? header.detail : queue.detail);
 }
 
 SlotReport InspectSlot(const std::string& name) {
     SlotReport report;
     report.name = name;
     report.header = InspectHeader(name);
-    report.queue = InspectQueue(BaseQueueSlot::GetQueueName(name));
+    report.queue = InspectQueue(QueueObject(name));
     const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
     if (IsFifo(pipe)) {
         report.pipePath = pipe;
@@ -451,28 +436,24 @@ std::vector<SlotReport> ScanSlots() {
         report.name = name;
         return report;
     };
-    const std::vector<std::string> objects = ListDirectory(ShmDirectory);
-    std::map<std::string, bool> present;
-    for (const std::string& name : objects) {
-        present[name] = true;
-    }
-    std::map<std::string, bool> isHeader;
+    const std::set<std::string> objects = ListDirectory(ShmDirectory);
+    std::set<std::string> headers;
     for (const std::string& name : objects) {
         HeaderInfo header = InspectHeader(name);
         if (header.state == PartState::Ok || header.state == PartState::Busy) {
-            isHeader[name] = true;
+            headers.insert(name);
             entry(name).header = header;
-        } else if (header.state != PartState::Foreign &&
-                   present.count(BaseQueueSlot::GetQueueName(name)) != 0) {
+        } else if (header.state != PartState::Foreign && objects.count(QueueObject(name)) != 0) {
             // Cannot look inside, but its queue is there: list the pair as what it seems.
             entry(name).header = header;
         }
     }
+    const std::string queuePrefix = QueueObject("");
     for (const std::string& name : objects) {
-        if (!StartsWith(name, QueuePrefix) || isHeader.count(name) != 0) {
+        if (!StartsWith(name, queuePrefix) || headers.count(name) != 0) {
             continue;
         }
-        const std::string slotName = name.substr(QueuePrefix.size());
+        const std::string slotName = name.substr(queuePrefix.size());
         if (slotName.empty()) {
             continue;
         }
@@ -486,19 +467,19 @@ std::vector<SlotReport> ScanSlots() {
         }
         SlotReport& report = entry(slotName);
         report.queue = queue;
-        if (report.header.state == PartState::Absent && present.count(slotName) != 0) {
+        if (report.header.state == PartState::Absent && objects.count(slotName) != 0) {
             // The header is there but could not be recognised as one.
             report.header = InspectHeader(slotName);
         }
     }
-    const std::string pipeDir = [] {
-        const std::string any = FileUtils::NamedPipeCreator::ConstructPipeFilename("x");
-        return any.substr(0, any.rfind('/'));
-    }();
+    // "<dir>/<name>.fifo": the directory and the suffix of the library's named pipes.
+    const std::string anyPipe = FileUtils::NamedPipeCreator::ConstructPipeFilename("");
+    const std::string pipeDir = anyPipe.substr(0, anyPipe.rfind('/'));
+    const std::string fifoSuffix = anyPipe.substr(pipeDir.size() + 1);
     for (const std::string& file : ListDirectory(pipeDir)) {
         const std::string path = pipeDir + "/" + file;
-        if (EndsWith(file, FifoSuffix) && file.size() > FifoSuffix.size() && IsFifo(path)) {
-            entry(file.substr(0, file.size() - FifoSuffix.size())).pipePath = path;
+        if (EndsWith(file, fifoSuffix) && file.size() > fifoSuffix.size() && IsFifo(path)) {
+            entry(file.substr(0, file.size() - fifoSuffix.size())).pipePath = path;
         }
     }
     std::vector<SlotReport> result;

@@ -21,32 +21,49 @@ enum class PartState {
 
 const char* PartStateText(PartState state);
 
-// The header segment "<name>", read without the library (which would reset it).
-struct HeaderInfo {
-    PartState state = PartState::Absent;
-    std::string detail;  // why it is not Ok
-    std::uint64_t fileSize = 0;
-    std::uint64_t managedSize = 0;  // the size the segment manager records (= fileSize)
+// The named objects of a header segment, and their names in it.
+enum HeaderObject {
+    LastWriteTime,
+    OutputDataSize,
+    OutputHandle,
+    WriteCondition,
+    HeaderObjectCount
+};
+extern const char* const HeaderObjectNames[HeaderObjectCount];
+
+// What a look inside a header segment finds. Plain bytes, like QueueContents: a helper process
+// sends them through a pipe.
+struct HeaderContents {
     std::uint64_t freeMemory = 0;
     std::uint64_t namedObjects = 0;
-    std::uint64_t uniqueObjects = 0;  // the header mutex is one
-    // The four named objects: found, and their size in bytes.
-    bool hasWriteTime = false, hasDataSize = false, hasHandle = false, hasCondition = false;
-    std::uint64_t writeTimeBytes = 0, dataSizeBytes = 0, handleBytes = 0, conditionBytes = 0;
+    std::uint64_t uniqueObjects = 0;                    // the header mutex is one
+    std::uint64_t objectBytes[HeaderObjectCount] = {};  // size of each named object, 0: missing
     boost::posix_time::ptime lastWrite;  // not_a_date_time: not written since last opened
     std::uint64_t outputDataSize = 0;
     std::int64_t outputHandle = 0;
+
+    bool Has(HeaderObject object) const { return objectBytes[object] != 0; }
 };
 
-// The message queue "queue_<name>".
-struct QueueInfo {
-    PartState state = PartState::Absent;
-    std::string detail;
-    std::uint64_t fileSize = 0;
+// What a look inside a message queue finds.
+struct QueueContents {
     std::uint64_t capacity = 0;      // blocks
     std::uint64_t maxBlockSize = 0;  // bytes
     std::uint64_t waiting = 0;       // blocks now in the queue
 };
+
+// One shared-memory object of a slot. The contents are valid when the state is Ok.
+template <class Contents>
+struct PartInfo : Contents {
+    PartState state = PartState::Absent;
+    std::string detail;  // why it is not Ok
+    std::uint64_t fileSize = 0;
+};
+
+// The header segment "<name>", read without the library (which would reset it).
+using HeaderInfo = PartInfo<HeaderContents>;
+// The message queue "queue_<name>".
+using QueueInfo = PartInfo<QueueContents>;
 
 // Everything known about one slot name.
 struct SlotReport {
@@ -64,6 +81,9 @@ struct SlotReport {
     // One word for listings: "slot", "pipe", "header-only", "queue-only", "no-access", "busy",
     // "unfinished", "damaged".
     std::string State() const;
+    // Why a name without a named pipe is not a slot, to follow "'<name>' is not a slot: ": there
+    // is no object of the name, or the first part (header, then queue) that is not a slot part.
+    std::string NotASlotReason() const;
 };
 
 // Reads the header "<name>", the queue "queue_<name>", the FIFO and, for a reliable slot, the

@@ -4,99 +4,89 @@
 
 namespace slotctl {
 
-void Json::BeforeValue() {
+Json& Json::Value(const std::string& token) {
     if (afterKey_) {
         afterKey_ = false;
-        return;
-    }
-    if (!first_.empty()) {
+    } else if (!first_.empty()) {
         if (!first_.back()) {
             text_ += ", ";
         }
         first_.back() = false;
     }
+    text_ += token;
+    return *this;
+}
+
+Json& Json::Open(const char* bracket) {
+    Value(bracket);
+    first_.push_back(true);
+    return *this;
+}
+
+Json& Json::Close(const char* bracket) {
+    first_.pop_back();
+    text_ += bracket;
+    return *this;
 }
 
 Json& Json::BeginObject() {
-    BeforeValue();
-    text_ += '{';
-    first_.push_back(true);
-    return *this;
+    return Open("{");
 }
 
 Json& Json::EndObject() {
-    first_.pop_back();
-    text_ += '}';
-    return *this;
+    return Close("}");
 }
 
 Json& Json::BeginArray() {
-    BeforeValue();
-    text_ += '[';
-    first_.push_back(true);
-    return *this;
+    return Open("[");
 }
 
 Json& Json::EndArray() {
-    first_.pop_back();
-    text_ += ']';
-    return *this;
+    return Close("]");
 }
 
 Json& Json::Key(const std::string& key) {
-    BeforeValue();
-    AppendQuoted(key);
-    text_ += ": ";
+    Value(Quoted(key) + ": ");
     afterKey_ = true;
     return *this;
 }
 
 Json& Json::String(const std::string& value) {
-    BeforeValue();
-    AppendQuoted(value);
-    return *this;
+    return Value(Quoted(value));
 }
 
-void Json::AppendQuoted(const std::string& value) {
-    text_ += '"';
+std::string Json::Quoted(const std::string& value) {
+    std::string quoted = "\"";
     for (char c : value) {
         const unsigned char u = static_cast<unsigned char>(c);
         if (c == '"' || c == '\\') {
-            text_ += '\\';
-            text_ += c;
+            quoted += '\\';
+            quoted += c;
         } else if (u < 0x20) {
             char escaped[8];
             std::snprintf(escaped, sizeof(escaped), "\\u%04x", u);
-            text_ += escaped;
+            quoted += escaped;
         } else {
-            text_ += c;
+            quoted += c;
         }
     }
-    text_ += '"';
+    return quoted + '"';
 }
 
 Json& Json::Number(std::uint64_t value) {
-    BeforeValue();
-    text_ += std::to_string(value);
-    return *this;
+    return Value(std::to_string(value));
 }
 
 Json& Json::SignedNumber(std::int64_t value) {
-    BeforeValue();
-    text_ += std::to_string(value);
-    return *this;
+    return Value(std::to_string(value));
 }
 
 Json& Json::Bool(bool value) {
-    BeforeValue();
-    text_ += value ? "true" : "false";
-    return *this;
+    return Value(value ? "true" : "false");
 }
 
 Json& Json::Null() {
-    BeforeValue();
-    text_ += "null";
-    return *this;
+    return Value("null");
 }
 
 }  // namespace slotctl

@@ -24,8 +24,11 @@ public:
     const std::string& Text() const { return text_; }
 
 private:
-    void BeforeValue();
-    void AppendQuoted(const std::string& value);
+    // Writes `token` (a value, or the start of one) where the next value goes.
+    Json& Value(const std::string& token);
+    Json& Open(const char* bracket);
+    Json& Close(const char* bracket);
+    static std::string Quoted(const std::string& value);
 
     std::string text_;
     std::vector<bool> first_;  // per open container: no element written yet

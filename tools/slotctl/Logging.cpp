@@ -55,11 +55,6 @@ namespace {
 const char* const TappedLogger = "Slot";
 const char* const WarnedLoggers[] = {"Slot", "Slot.Writer"};
 
-bool EndsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() &&
-           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
 }  // namespace
 
 void ConfigureLogging(const LogOptions& options) {
@@ -108,26 +103,19 @@ std::vector<std::string> LogArguments(const LogOptions& options) {
     return args;
 }
 
-class WarningTap::Appender {
-public:
-    explicit Appender(std::function<void(const LogEvent&)> onEvent)
-        : impl(std::make_shared<tap_detail::TapAppender>(std::move(onEvent))) {}
-    std::shared_ptr<tap_detail::TapAppender> impl;
-};
-
 WarningTap::WarningTap(std::function<void(const LogEvent&)> onEvent)
-    : appender_(std::make_shared<Appender>(std::move(onEvent))) {
+    : appender_(std::make_shared<tap_detail::TapAppender>(std::move(onEvent))) {
     for (const char* name : WarnedLoggers) {
         log4cxx::LoggerPtr logger = log4cxx::Logger::getLogger(name);
         if (!logger->isWarnEnabled()) {
             logger->setLevel(log4cxx::Level::getWarn());
         }
     }
-    log4cxx::Logger::getLogger(TappedLogger)->addAppender(appender_->impl);
+    log4cxx::Logger::getLogger(TappedLogger)->addAppender(appender_);
 }
 
 WarningTap::~WarningTap() {
-    log4cxx::Logger::getLogger(TappedLogger)->removeAppender(appender_->impl);
+    log4cxx::Logger::getLogger(TappedLogger)->removeAppender(appender_);
 }
 
 }  // namespace slotctl

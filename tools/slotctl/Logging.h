@@ -23,6 +23,10 @@ void ConfigureLogging(const LogOptions& options);
 // The command-line words that reproduce `options` in a child process.
 std::vector<std::string> LogArguments(const LogOptions& options);
 
+namespace tap_detail {
+class TapAppender;
+}
+
 // One WARN-or-worse event of the library, as it was logged.
 struct LogEvent {
     std::string logger;
@@ -43,8 +47,7 @@ public:
     WarningTap& operator=(const WarningTap&) = delete;
 
 private:
-    class Appender;
-    std::shared_ptr<Appender> appender_;
+    std::shared_ptr<tap_detail::TapAppender> appender_;
 };
 
 }  // namespace slotctl

@@ -53,10 +53,6 @@ void StopSignals::ResetForExec() {
     std::signal(SIGPIPE, SIG_DFL);
 }
 
-}  // namespace slotctl
-
-namespace slotctl {
-
 WaitResult WaitReadableOrStop(int fd, int timeoutMs) {
     if (StopSignals::Received()) {
         return WaitResult::Stopped;

@@ -18,10 +18,6 @@ public:
     static void ResetForExec();
 };
 
-}  // namespace slotctl
-
-namespace slotctl {
-
 enum class WaitResult { Ready, TimedOut, Stopped };
 
 // Waits until `fd` is readable (fd < 0: just waits), the time-out passes (-1: none) or a stop

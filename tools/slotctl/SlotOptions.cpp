@@ -33,6 +33,12 @@ void RefuseUnusable(const std::string& object, PartState state, const std::strin
 
 }  // namespace
 
+std::set<std::string> SlotValuedOptions(std::initializer_list<std::string> more) {
+    std::set<std::string> valued = {"type", "max-size", "queue", "update-time"};
+    valued.insert(more);
+    return valued;
+}
+
 ToolSlotConfig ResolveSlot(const Arguments& arguments, const std::string& name) {
     CheckSlotName(name);
     const bool typeGiven = arguments.Has("type");

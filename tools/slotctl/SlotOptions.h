@@ -7,6 +7,8 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <cstddef>
+#include <initializer_list>
+#include <set>
 #include <string>
 
 namespace slotctl {
@@ -28,6 +30,8 @@ public:
     size_t GetMaxBufferLength() const override { return bufferLength_; }
     boost::posix_time::time_duration GetUpdateTime() const override { return updateTime_; }
     std::string GetSlotType() const override { return type_; }
+    // The type for messages: the empty type is discarding.
+    std::string TypeName() const { return type_.empty() ? "discarding" : type_; }
 
 private:
     std::string name_;
@@ -37,8 +41,8 @@ private:
     boost::posix_time::time_duration updateTime_;
 };
 
-// The options that describe a slot, shared by read and write.
-const char* const SlotValuedOptions[] = {"type", "max-size", "queue", "update-time"};
+// The valued options that describe a slot (shared by read and write), and `more`.
+std::set<std::string> SlotValuedOptions(std::initializer_list<std::string> more);
 
 // Builds the configuration for `name` from --type, --max-size, --queue and --update-time. What
 // is not given is taken from the slot when it exists (its kind, block size and capacity: an

@@ -60,7 +60,7 @@ int Run(int argc, char** argv) {
             context.log.verbosity = 2;
         } else if (arg == "-h" || arg == "--help") {
             help = true;
-        } else if (arg == "--log-config" || arg.compare(0, 13, "--log-config=") == 0) {
+        } else if (arg == "--log-config" || slotctl::StartsWith(arg, "--log-config=")) {
             if (arg.size() > 12) {
                 context.log.configFile = arg.substr(13);
             } else if (i + 1 < argc) {
@@ -95,7 +95,7 @@ int Run(int argc, char** argv) {
         std::cout << slotctl::CommandHelp(command);
         return slotctl::ExitOk;
     }
-    if (command.compare(0, 2, "__") == 0) {
+    if (slotctl::StartsWith(command, "__")) {
         context.log.errorsOnly = context.log.verbosity == 0;
     }
     slotctl::ConfigureLogging(context.log);
