@@ -1,6 +1,6 @@
 #include "Cli.h"
 
-#include "Inspect.h"
+#include "Probe.h"
 
 #include <Slot/SlotFactory.h>
 

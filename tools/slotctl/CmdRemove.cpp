@@ -1,7 +1,7 @@
 // slotctl rm: removes slots through the library, and the posix-pipe FIFO of the same name.
 #include "Cli.h"
 #include "Commands.h"
-#include "Inspect.h"
+#include "Probe.h"
 
 #include <Slot/SlotFactory.h>
 

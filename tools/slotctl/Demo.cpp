@@ -2,7 +2,7 @@
 #include "Demo.h"
 #include "Cli.h"
 #include "Commands.h"
-#include "Inspect.h"
+#include "Probe.h"
 #include "Signals.h"
 
 #include <Slot/SlotFactory.h>

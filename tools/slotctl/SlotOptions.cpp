@@ -1,6 +1,6 @@
 #include "SlotOptions.h"
 
-#include "Inspect.h"
+#include "Probe.h"
 
 #include <Slot/ConfigurationTags.h>
 

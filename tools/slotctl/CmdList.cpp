@@ -1,7 +1,7 @@
 // slotctl ls / info: what is there, read without disturbing it.
 #include "Cli.h"
 #include "Commands.h"
-#include "Inspect.h"
+#include "Probe.h"
 #include "Json.h"
 
 #include <boost/date_time/posix_time/posix_time.hpp>

@@ -1,4 +1,4 @@
-#include "Inspect.h"
+#include "Probe.h"
 
 #include "Cli.h"
 
