@@ -1,8 +1,8 @@
 // slotctl ls / info: what is there, read without disturbing it.
 #include "Cli.h"
 #include "Commands.h"
-#include "Probe.h"
 #include "Json.h"
+#include "Probe.h"
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
