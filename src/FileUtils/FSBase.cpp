@@ -217,6 +217,16 @@ void FSBase::WriteRegularFileLocked(const char* data, size_t size) {
     WriteAllLocked(data, size);
 }
 
+void FSBase::FailWriteLocked(int error, size_t dropped, size_t size) {
+    if (logger_->isErrorEnabled()) {
+        LOG4CXX_ERROR(logger_, "Write to '" << fileName_ << "' failed : " << std::strerror(error)
+                                            << ", " << dropped << " of " << size
+                                            << " bytes of a block dropped");
+    }
+    // Closed, so that an auto-reopening stream opens the file anew.
+    CloseLocked();
+}
+
 bool FSBase::WriteAllLocked(const char* data, size_t size) {
     size_t done = 0;
     while (done < size) {
@@ -226,15 +236,7 @@ bool FSBase::WriteAllLocked(const char* data, size_t size) {
         } else if (n < 0 && errno == EINTR) {
             continue;
         } else {
-            const int error = n < 0 ? errno : EIO;
-            if (logger_->isErrorEnabled()) {
-                LOG4CXX_ERROR(logger_, "Write to '" << fileName_
-                                                    << "' failed : " << std::strerror(error) << ", "
-                                                    << (size - done) << " of " << size
-                                                    << " bytes of a block dropped");
-            }
-            // Closed, so that an auto-reopening stream opens the file anew.
-            CloseLocked();
+            FailWriteLocked(n < 0 ? errno : EIO, size - done, size);
             return false;
         }
     }
@@ -256,14 +258,7 @@ void FSBase::WritePipeLocked(const char* data, size_t size) {
             continue;
         }
         if (n < 0 && errno != EAGAIN) {
-            const int error = errno;
-            if (logger_->isErrorEnabled()) {
-                LOG4CXX_ERROR(logger_, "Write to '" << fileName_
-                                                    << "' failed : " << std::strerror(error) << ", "
-                                                    << (size - done) << " of " << size
-                                                    << " bytes of a block dropped");
-            }
-            CloseLocked();
+            FailWriteLocked(errno, size - done, size);
             return;
         }
         const long long left =

@@ -92,6 +92,8 @@ private:
     void WriteRegularFileLocked(const char* data, size_t size);
     void WritePipeLocked(const char* data, size_t size);
     bool WriteAllLocked(const char* data, size_t size);
+    // Logs a failed write that dropped `dropped` of `size` bytes and closes the stream.
+    void FailWriteLocked(int error, size_t dropped, size_t size);
     void RotateLocked();
     void CloseLocked();
 

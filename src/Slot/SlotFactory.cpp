@@ -28,7 +28,7 @@ log4cxx::LoggerPtr SlotLogger() {
     return log4cxx::Logger::getLogger("Slot");
 }
 
-// Common start of the reader and writer operations: refuse an invalid type.
+// Refuses an invalid type, before anything is created.
 void CheckType(const ISlotConfiguration* cfg) {
     if (!SlotFactory::SlotTypeIsValid(cfg->GetSlotType())) {
         throw AbortSlotCreationException("Invalid slot type " + cfg->GetSlotType());
@@ -51,9 +51,7 @@ bool SlotFactory::SlotTypeIsValid(const std::string& type) {
 }
 
 boost::shared_ptr<ISlot> SlotFactory::CreateSlot(const ISlotConfiguration* cfg) {
-    if (!SlotTypeIsValid(cfg->GetSlotType())) {
-        throw AbortSlotCreationException("Invalid slot type " + cfg->GetSlotType());
-    }
+    CheckType(cfg);
     const std::string name = cfg->GetName();
     if (cfg->GetSlotType() == SlotType::reliableTag) {
         return boost::shared_ptr<ISlot>(

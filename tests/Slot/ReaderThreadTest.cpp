@@ -21,12 +21,7 @@ using testsupport::LogCapture;
 class EveryBlockReader : public BaseSlotReader {
 public:
     using BaseSlotReader::BaseSlotReader;
-    ~EveryBlockReader() override {
-        if (thread_.joinable()) {
-            thread_.interrupt();
-            thread_.join();
-        }
-    }
+    ~EveryBlockReader() override { StopThread(); }
     bool DataInSlotIsActual() override { return slot_->GetBufferLength() != 0; }
 };
 

@@ -24,6 +24,15 @@ BaseSlotReader::~BaseSlotReader() {
     }
 }
 
+bool BaseSlotReader::StopThread() {
+    if (!thread_.joinable()) {
+        return false;
+    }
+    thread_.interrupt();
+    thread_.join();
+    return true;
+}
+
 void BaseSlotReader::Init() {
     startHandler_.RunAndWaitForHandler(boost::bind(&BaseSlotReader::InitBody, this));
     // Deliberate: a reader is handed out no sooner than one update time after its thread

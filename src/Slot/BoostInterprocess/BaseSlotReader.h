@@ -44,6 +44,10 @@ public:
     virtual bool DataInSlotIsActual() = 0;
 
 protected:
+    // Interrupts the thread and waits for it to end; false when there was no thread to stop.
+    // Concrete readers call it first in their destructors.
+    bool StopThread();
+
     shared::WaitForAsyncOpHandler startHandler_;
     boost::shared_ptr<ISlot> slot_;
     boost::thread thread_;

@@ -12,9 +12,7 @@ DiscardingSlotReader::~DiscardingSlotReader() {
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "~DiscardingSlotReader(), '" << slot_->GetName() << "'");
     }
-    if (thread_.joinable()) {
-        thread_.interrupt();
-        thread_.join();
+    if (StopThread()) {
         if (logger_->isDebugEnabled()) {
             LOG4CXX_DEBUG(logger_, "~DiscardingSlotReader() joined, '" << slot_->GetName() << "'");
         }

@@ -26,9 +26,7 @@ ReliableSlotReader::~ReliableSlotReader() {
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "~ReliableSlotReader(), '" << slot_->GetName() << "'");
     }
-    if (thread_.joinable()) {
-        thread_.interrupt();
-        thread_.join();
+    if (StopThread()) {
         if (logger_->isDebugEnabled()) {
             LOG4CXX_DEBUG(logger_, "~ReliableSlotReader() joined, '" << slot_->GetName() << "'");
         }
