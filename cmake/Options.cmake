@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Every build switch of the project, in one place.
 option(SLOT_BUILD_TESTS "Build the GoogleTest suites" ON)
 option(SLOT_BUILD_TOOLS "Build slotctl" ON)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # slot_add_library(NAME SOURCES ... DEPENDS ...): one of the project's shared libraries, with a
 # versioned SONAME, the namespaced alias Slot::NAME, src/ as its include root and the project's
 # warning and sanitizer flags (not exported to users).

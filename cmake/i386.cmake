@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # 32-bit x86 build on an x86_64 Debian host. g++-multilib gives the compiler and the 32-bit C and
 # C++ runtimes; the i386 Boost, log4cxx and GoogleTest come from the tree that
 # `scripts/setup.sh --i386` unpacks (default /opt/slot-i386-sysroot, or $SLOT_I386_SYSROOT), or,

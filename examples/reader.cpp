@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints every block that arrives in a "reliable" slot until COUNT blocks have arrived.
 //   example_reader NAME [COUNT]
 #include <Slot/Slot.h>

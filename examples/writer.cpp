@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes numbered text blocks into a "reliable" slot, one every 100 ms.
 //   example_writer NAME [COUNT]
 #include <Slot/Slot.h>

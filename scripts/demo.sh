@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Sets up, builds and runs the demo: blocks flowing through a discarding, a reliable and a
 # posix-pipe slot between two processes. Options are passed on to `slotctl demo`
 # (e.g. scripts/demo.sh --duration 5; see build/tools/slotctl/slotctl demo --help).

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the private tree of 32-bit x86 libraries that cmake/i386.cmake uses: Debian's i386
 # builds of Boost (thread, date_time, system, chrono and headers), log4cxx and GoogleTest/GoogleMock,
 # plus the i386 runtime libraries they load (apr, apr-util, expat, ...), unpacked from the .debs

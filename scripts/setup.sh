@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages the build needs, when they are missing. No prompts; a second run
 # with everything in place returns at once.
 #   scripts/setup.sh          native (x86_64) build dependencies

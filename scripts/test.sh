@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Sets up, builds and runs every test.
 #   scripts/test.sh           native build in build/
 #   scripts/test.sh --i386    32-bit build in build-i386/

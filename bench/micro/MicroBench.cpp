@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Micro costs of the pieces a slot block passes through, measured with Google Benchmark in one
 // process: copies, the reader's block check, the per-read allocations, the locks and clocks
 // taken per block, and one write+read through a reliable slot and through its bare queue

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // Building blocks shared by every role of the benchmark: the clock, the block format with its

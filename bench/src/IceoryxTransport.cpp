@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // iceoryx peer: an untyped publisher and an untyped subscriber woken by a WaitSet, through the
 // RouDi daemon that bench/run starts and stops. The writer copies each block into a loaned
 // chunk (the slot writer also starts from a block in its own memory); the reader checks the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Markdown tables and gnuplot data of one benchmark run. Every figure stands next to the floor
 // and the peers of the same run as a ratio: absolute numbers drift with the machine's load.
 #include "Scenarios.h"

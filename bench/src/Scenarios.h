@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // What is measured. The parent side of each scenario starts the child processes, lets them go

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // The benchmark's side of two slot library interfaces, shared by the slot transports and by the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "Transport.h"
 
 #include <log4cxx/appenderskeleton.h>

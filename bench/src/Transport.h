@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // One interface over every mechanism that is measured: libSlot's three slot types and the peers.

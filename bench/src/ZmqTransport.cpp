@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ZeroMQ ipc:// PUB/SUB peer. The subscriber binds an ipc endpoint in the run's private
 // directory, the publisher connects. PUB drops messages at its high-water mark; with
 // ZMQ_XPUB_NODROP it blocks instead, so that throughput runs lose nothing.

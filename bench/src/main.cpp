@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slotbench: latency, throughput, scale and creation costs of libSlot's slots, next to the
 // machine's floor and to other IPC mechanisms, every writer and reader in a process of its own.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <Slot/SlotWriter.h>
 
 #include <shared/ILockable.h>

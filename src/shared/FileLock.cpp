@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <shared/FileLock.h>
 
 #include <boost/interprocess/exceptions.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <shared/SharedMemory.h>
 
 #include <boost/interprocess/shared_memory_object.hpp>

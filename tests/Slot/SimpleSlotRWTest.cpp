@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ChildProcess.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"

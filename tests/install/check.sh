@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build into a scratch prefix, then builds and runs an outside project against it,
 # once through find_package(Slot) and once through pkg-config.
 #   check.sh BUILD_DIR SOURCE_DIR [TOOLCHAIN_FILE]

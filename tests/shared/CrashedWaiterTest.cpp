@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A reader process killed while it waits on the condition must not make the Wait or Notify of
 // any other process hang. Each scenario runs in a driver process under a watchdog, so a hang
 // anywhere fails the test instead of blocking the run.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "SharedCondition.h"
 
 #include <shared/WaitForAsyncOpHandler.h>

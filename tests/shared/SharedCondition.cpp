@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "SharedCondition.h"
 
 #include <boost/interprocess/sync/scoped_lock.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <shared/FileHelpers.h>
 #include <shared/SingletonMutex.h>
 #include <shared/SizedArray.h>

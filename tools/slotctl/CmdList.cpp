@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slotctl ls / info: what is there, read without disturbing it.
 #include "Cli.h"
 #include "Commands.h"

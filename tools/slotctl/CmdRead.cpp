@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slotctl read: subscribes to a reader made by the factory and prints each block.
 #include "Cli.h"
 #include "Commands.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slotctl rm: removes slots through the library, and the posix-pipe FIFO of the same name.
 #include "Cli.h"
 #include "Commands.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slotctl write: one block, repeated blocks, or one block per input line, through a writer made
 // by the factory.
 #include "Cli.h"

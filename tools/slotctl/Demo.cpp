@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slotctl demo: a publisher and a subscriber process, blocks through the three slot types.
 #include "Demo.h"
 #include "Cli.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The demo's publisher and subscriber processes.
 #include "Commands.h"
 #include "Demo.h"

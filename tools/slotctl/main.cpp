@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slotctl: sees and pokes the slots of this machine.
 #include "Cli.h"
 #include "Commands.h"

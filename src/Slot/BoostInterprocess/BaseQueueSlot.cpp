@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <Slot/BoostInterprocess/BaseSlotReader.h>
 
 #include <shared/ILockable.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <Slot/BoostInterprocess/DiscardingSlotReader.h>
 
 #include <shared/UtcClock.h>
