@@ -15,19 +15,18 @@ DiscardingSlot::~DiscardingSlot() {}
 
 size_t DiscardingSlot::ReadData(void* buffer, size_t size) {
     const log4cxx::LoggerPtr& logger = GetLogger();
-    shared::SizedArray block;
     if (GetBufferLength() != 0) {
-        block = ReceiveAndCopyToOutBuf();
+        const size_t copied = ReceiveInto(buffer, size);
         if (logger->isDebugEnabled()) {
             LOG4CXX_DEBUG(logger, "Received a data block from queue of  '"
                                       << GetName() << "', size==" << GetBufferLength());
         }
-    } else {
-        block = GetDataFromOutBuf();
-        if (logger->isDebugEnabled()) {
-            LOG4CXX_DEBUG(logger, "Returned a copy of last data block, queue of '" << GetName()
-                                                                                   << "'is empty");
-        }
+        return copied;
+    }
+    const shared::SizedArray block = GetDataFromOutBuf();
+    if (logger->isDebugEnabled()) {
+        LOG4CXX_DEBUG(logger,
+                      "Returned a copy of last data block, queue of '" << GetName() << "'is empty");
     }
     const size_t copied = std::min<size_t>(size, block.size());
     if (copied != 0) {

@@ -10,10 +10,14 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -67,6 +71,98 @@ TEST(ReliableSlot, AShortReadLosesTheRestOfTheBlock) {
     EXPECT_EQ("0123", std::string(buffer, 4));
     ASSERT_EQ(2u, slot.ReadData(buffer, sizeof buffer));
     EXPECT_EQ("ab", std::string(buffer, 2));
+}
+
+// A block of a writer's sequence: its number, a payload derived from it, and a checksum.
+struct NumberedBlock {
+    std::uint32_t seq;
+    std::uint32_t sum;
+    unsigned char payload[65528];
+
+    static NumberedBlock Make(std::uint32_t seq) {
+        NumberedBlock b;
+        b.seq = seq;
+        for (size_t i = 0; i < sizeof b.payload; ++i) {
+            b.payload[i] = static_cast<unsigned char>(seq * 7 + i);
+        }
+        b.sum = b.Checksum();
+        return b;
+    }
+    std::uint32_t Checksum() const {
+        std::uint32_t sum = seq * 2654435761u;
+        for (unsigned char c : payload) {
+            sum = sum * 31 + c;
+        }
+        return sum;
+    }
+};
+
+// Two ReliableSlot objects read one slot on two threads without the slot's lock. In each round
+// the writer puts two blocks into the queue and releases both readers at once, so that their
+// reads overlap; each block must reach exactly one of them, whole.
+TEST(ReliableSlot, UnlockedReadersNeverShareOrLoseABlock) {
+    const std::uint32_t rounds = 3000, capacity = 4;
+    testsupport::ScopedSlotName name;
+    ReliableSlot writer(open_or_create, name.c_str(), sizeof(NumberedBlock), capacity);
+    std::atomic<std::uint32_t> round{0};     // the round the readers may read in
+    std::atomic<std::uint32_t> finished{0};  // reads done in all rounds so far
+    std::atomic<bool> stop{false};
+    std::vector<std::vector<std::uint32_t>> seen(2);
+    std::vector<std::uint32_t> malformed(2, 0);
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 2; ++r) {
+        readers.emplace_back([&, r] {
+            ReliableSlot mine(open_or_create, name.c_str(), sizeof(NumberedBlock), capacity);
+            std::unique_ptr<NumberedBlock> b(new NumberedBlock);
+            for (std::uint32_t done = 0; done < rounds; ++done) {
+                while (round.load() == done && !stop) {
+                    std::this_thread::yield();
+                }
+                if (stop) {
+                    return;
+                }
+                // A different head start in each round (0 to 30 us, busy) so that one reader's
+                // receive falls into every phase of the other's read in some round.
+                const auto start = std::chrono::steady_clock::now();
+                const auto headStart = std::chrono::microseconds((done * (r ? 7919 : 104729)) % 31);
+                while (std::chrono::steady_clock::now() - start < headStart) {
+                }
+                const size_t n = mine.ReadData(b.get(), sizeof *b);
+                if (n != sizeof *b || b->sum != b->Checksum() || b->seq >= 2 * rounds) {
+                    ++malformed[r];
+                } else {
+                    seen[r].push_back(b->seq);
+                }
+                ++finished;
+            }
+        });
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    std::unique_ptr<NumberedBlock> b(new NumberedBlock);
+    for (std::uint32_t r = 0; r < rounds; ++r) {
+        while (finished.load() != 2 * r && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+        for (std::uint32_t k = 0; k < 2; ++k) {
+            *b = NumberedBlock::Make(2 * r + k);
+            writer.WriteData(b.get(), sizeof *b);
+        }
+        round = r + 1;
+    }
+    while (finished.load() != 2 * rounds && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+    stop = true;
+    for (std::thread& t : readers) {
+        t.join();
+    }
+    EXPECT_EQ(0u, malformed[0] + malformed[1]) << "torn or missing blocks";
+    std::vector<std::uint32_t> all(seen[0]);
+    all.insert(all.end(), seen[1].begin(), seen[1].end());
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(all.end(), std::adjacent_find(all.begin(), all.end())) << "a block came twice";
+    EXPECT_EQ(2 * rounds, all.size()) << "blocks lost";
+    EXPECT_EQ(0u, writer.GetBufferLength());
 }
 
 // A pipe through which each writer process reports how many refusals it logged.
