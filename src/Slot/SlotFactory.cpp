@@ -18,7 +18,6 @@
 #include <shared/SharedMemory.h>
 
 #include <log4cxx/logger.h>
-#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/function.hpp>
 #include <boost/interprocess/shared_memory_object.hpp>
 
@@ -52,15 +51,9 @@ unsigned int CheckedSize(std::uint64_t value, const char* what, const ISlotConfi
     return static_cast<unsigned int>(value);
 }
 
-// A reader waits at most one update time per cycle and Init pauses one update time: an infinite
-// or undefined one would never return, a negative one would spin. Refused before anything is made.
+// Refused before anything is made, for every kind of reader.
 void CheckUpdateTime(const ISlotConfiguration* cfg) {
-    const boost::posix_time::time_duration updateTime = cfg->GetUpdateTime();
-    if (updateTime.is_special() || updateTime.is_negative()) {
-        throw AbortSlotCreationException(
-            "Invalid update time " + boost::posix_time::to_simple_string(updateTime) + " of '" +
-            cfg->GetName() + "': a reader needs a finite update time of 0 or more");
-    }
+    BaseSlotReader::CheckUpdateTime(cfg->GetName(), cfg->GetUpdateTime());
 }
 
 // Owner of a reader handed out by the factory. The last reference may be dropped on the

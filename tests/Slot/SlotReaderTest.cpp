@@ -227,6 +227,19 @@ TEST(ReliableSlotReader, OnlyOneReaderPerMachine) {
     EXPECT_NO_THROW(ReliableSlotReader(slot, Update));
 }
 
+TEST(BaseSlotReader, RefusesUpdateTimesThatWouldHangOrSpin) {
+    ScopedSlotName name("badtime"), reliableName("badtime");
+    boost::shared_ptr<ISlot> slot = Discarding(name);
+    for (const boost::posix_time::time_duration& t :
+         {boost::posix_time::time_duration(boost::posix_time::pos_infin),
+          boost::posix_time::time_duration(boost::posix_time::not_a_date_time),
+          boost::posix_time::time_duration(boost::posix_time::milliseconds(-5))}) {
+        EXPECT_THROW(DiscardingSlotReader(slot, t), AbortSlotCreationException);
+        EXPECT_THROW(ReliableSlotReader(Reliable(reliableName), t), AbortSlotCreationException);
+    }
+    EXPECT_NO_THROW(DiscardingSlotReader(slot, boost::posix_time::time_duration()));
+}
+
 TEST(ReliableSlotReader, DestructorLogsItsSteps) {
     ScopedSlotName name("rdtor");
     LogCapture log("Slot.Reader", log4cxx::Level::getDebug());

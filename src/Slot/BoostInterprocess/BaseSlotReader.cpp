@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/BaseSlotReader.h>
 
 #include <shared/ILockable.h>
 #include <shared/ISyncEvent.h>
 
 #include <boost/bind/bind.hpp>
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/exceptions.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <boost/ref.hpp>
@@ -22,7 +24,18 @@ BaseSlotReader::BaseSlotReader(boost::shared_ptr<ISlot> slot,
       slot_(slot),
       updateTime_(updateTime),
       logger_(log4cxx::Logger::getLogger("Slot.Reader")),
-      released_(false) {}
+      released_(false) {
+    CheckUpdateTime(slot_->GetName(), updateTime_);
+}
+
+void BaseSlotReader::CheckUpdateTime(const std::string& slotName,
+                                     const boost::posix_time::time_duration& updateTime) {
+    if (updateTime.is_special() || updateTime.is_negative()) {
+        throw AbortSlotCreationException(
+            "Invalid update time " + boost::posix_time::to_simple_string(updateTime) + " of '" +
+            slotName + "': a reader needs a finite update time of 0 or more");
+    }
+}
 
 BaseSlotReader::~BaseSlotReader() {
     if (logger_->isDebugEnabled()) {

@@ -32,9 +32,16 @@
 // the thread deletes it when the cycle in progress has unwound.
 class SLOT_EXPORT BaseSlotReader : public shared::Notifier {
 public:
+    // Throws AbortSlotCreationException for an update time that CheckUpdateTime refuses.
     BaseSlotReader(boost::shared_ptr<ISlot> slot,
                    const boost::posix_time::time_duration& updateTime);
     ~BaseSlotReader() override;
+
+    // A reader waits at most one update time per cycle and Init pauses one update time: an
+    // infinite or undefined one would never return, a negative one would spin. Throws
+    // AbortSlotCreationException for those.
+    static void CheckUpdateTime(const std::string& slotName,
+                                const boost::posix_time::time_duration& updateTime);
 
     // Deletes `reader` now, unless this is the reader's own thread: then its subscribers are
     // dropped (the rest of the notification in progress reaches nobody), no further block is
