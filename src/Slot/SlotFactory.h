@@ -27,9 +27,10 @@ public:
     static bool RemoveSlot(std::string name);
 
     // A started reader: its thread already runs when it is returned. The update time must be
-    // finite and not negative (AbortSlotCreationException otherwise). The last reference to the
-    // reader may be dropped anywhere, also inside one of its subscribers' onNotify: the reader
-    // then delivers nothing more and is destroyed when that notification has returned.
+    // finite and not negative (AbortSlotCreationException otherwise). The last reference to a
+    // reader of a shared-memory slot may be dropped anywhere, also inside one of its subscribers'
+    // onNotify: the reader then delivers nothing more and is destroyed when that notification
+    // has returned.
     static INotifierPtr CreateSlotReader(const ISlotConfiguration* cfg);
     // The same, with `firstSubscriber` subscribed before the reader's thread starts, so that it
     // gets every block the reader takes, also those that waited in a reliable slot. The reader
