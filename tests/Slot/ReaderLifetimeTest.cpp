@@ -8,8 +8,11 @@
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/SlotFactory.h>
 
+#include <FileUtils/NamedPipeCreator.h>
+
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <chrono>
 #include <future>
 #include <mutex>
@@ -54,6 +57,37 @@ TEST(FactoryReader, FirstSubscriberGetsTheBlocksThatWereWaiting) {
     for (int i = 0; i < 8; ++i) {
         EXPECT_EQ((i < 4 ? "waiting" : "later") + std::to_string(i), blocks[i].bytes);
     }
+}
+
+// The same for a named pipe: bytes written before the reader existed reach its first
+// subscriber.
+TEST(FactoryReader, FirstSubscriberOfAPipeGetsWhatWasWrittenBefore) {
+    ScopedSlotName name("firstpipe");
+    const SimpleSlotCfg cfg = Cfg(name, "posix-pipe");
+    struct Unlinker {
+        std::string path;
+        ~Unlinker() { ::unlink(path.c_str()); }
+    } unlinker{FileUtils::NamedPipeCreator::ConstructPipeFilename(name)};
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+    writer->onNotify("", "early bytes", 11);
+    boost::shared_ptr<Collector> collector(new Collector);
+    // A pipe is a byte stream: the bytes may come in more than one notification.
+    const auto received = [&collector] {
+        std::string bytes;
+        for (const Collector::Block& b : collector->Blocks()) {
+            bytes += b.bytes;
+        }
+        return bytes;
+    };
+    {
+        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, collector);
+        for (int i = 0; i < 200 && received().size() < 11; ++i) {
+            collector->WaitFor(collector->Count() + 1, std::chrono::milliseconds(100));
+        }
+    }
+    EXPECT_EQ(1, collector.use_count());
+    const std::string bytes = received();
+    EXPECT_EQ("early bytes", bytes);
 }
 
 // What a subscriber that drops the last reference to its reader sees, and what is left.
