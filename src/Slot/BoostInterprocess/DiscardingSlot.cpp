@@ -15,18 +15,21 @@ DiscardingSlot::~DiscardingSlot() {}
 
 size_t DiscardingSlot::ReadData(void* buffer, size_t size) {
     const log4cxx::LoggerPtr& logger = GetLogger();
+    shared::SizedArray block;
     if (GetBufferLength() != 0) {
-        const size_t copied = ReceiveInto(buffer, size);
+        // Received straight into `buffer` when it holds any block (see ReceiveInto).
+        const size_t received = ReceiveInto(buffer, size);
         if (logger->isDebugEnabled()) {
             LOG4CXX_DEBUG(logger, "Received a data block from queue of  '"
                                       << GetName() << "', size==" << GetBufferLength());
         }
-        return copied;
-    }
-    const shared::SizedArray block = GetDataFromOutBuf();
-    if (logger->isDebugEnabled()) {
-        LOG4CXX_DEBUG(logger,
-                      "Returned a copy of last data block, queue of '" << GetName() << "'is empty");
+        return received;
+    } else {
+        block = GetDataFromOutBuf();
+        if (logger->isDebugEnabled()) {
+            LOG4CXX_DEBUG(logger, "Returned a copy of last data block, queue of '" << GetName()
+                                                                                   << "'is empty");
+        }
     }
     const size_t copied = std::min<size_t>(size, block.size());
     if (copied != 0) {
