@@ -7,7 +7,8 @@
 #include <string>
 
 // Description of a slot, filled in by the host application and handed to SlotFactory.
-// Sizes are size_t: 32 bits on the 32-bit target, and never above 32 bits in value on x86_64.
+// Sizes are size_t: 32 bits on the 32-bit target; on x86_64 the factory refuses values above
+// 32 bits (AbortSlotCreationException) rather than cutting them.
 class ISlotConfiguration {
 public:
     virtual std::string GetName() const = 0;

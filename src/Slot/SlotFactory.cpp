@@ -21,6 +21,10 @@
 #include <boost/function.hpp>
 #include <boost/interprocess/shared_memory_object.hpp>
 
+#include <cstdint>
+#include <limits>
+#include <memory>
+
 namespace SlotType = Configuration::Object::Slot::Type;
 
 namespace {
@@ -35,6 +39,43 @@ void CheckType(const ISlotConfiguration* cfg) {
         throw AbortSlotCreationException("Invalid slot type " + cfg->GetSlotType());
     }
 }
+
+// Refuses a size of the configuration that does not fit the 32 bits the slot is made with,
+// before it is narrowed.
+unsigned int CheckedSize(std::uint64_t value, const char* what, const ISlotConfiguration* cfg) {
+    if (value > std::numeric_limits<unsigned int>::max()) {
+        throw AbortSlotCreationException("Slot could not be created: " + std::string(what) + " " +
+                                         std::to_string(value) + " of '" + cfg->GetName() +
+                                         "' does not fit 32 bits");
+    }
+    return static_cast<unsigned int>(value);
+}
+
+// Refused before anything is made, for every kind of reader.
+void CheckUpdateTime(const ISlotConfiguration* cfg) {
+    BaseSlotReader::CheckUpdateTime(cfg->GetName(), cfg->GetUpdateTime());
+}
+
+// Owner of a reader handed out by the factory. The last reference may be dropped on the
+// reader's own thread, inside a subscriber's onNotify: BaseSlotReader::Release then lets the
+// thread end and delete the reader instead of joining itself. The first subscriber, if any,
+// is released only after the reader.
+struct ReaderDeleter {
+    ISubscriberPtr firstSubscriber;
+    void operator()(BaseSlotReader* reader) {
+        ISubscriberPtr keep;
+        keep.swap(firstSubscriber);
+        BaseSlotReader::Release(reader, keep);
+    }
+};
+
+struct PipeReaderDeleter {
+    ISubscriberPtr firstSubscriber;
+    void operator()(FileUtils::PosixFileReader* reader) {
+        delete reader;
+        firstSubscriber.reset();
+    }
+};
 
 std::string CreatePipe(const ISlotConfiguration* cfg) {
     const std::string path = FileUtils::NamedPipeCreator::ConstructPipeFilename(cfg->GetName());
@@ -54,16 +95,16 @@ bool SlotFactory::SlotTypeIsValid(const std::string& type) {
 boost::shared_ptr<ISlot> SlotFactory::CreateSlot(const ISlotConfiguration* cfg) {
     CheckType(cfg);
     const std::string name = cfg->GetName();
+    const unsigned int maxSize = CheckedSize(cfg->GetMaxSize(), "max size", cfg);
     if (cfg->GetSlotType() == SlotType::reliableTag) {
+        const unsigned int length =
+            CheckedSize(cfg->GetMaxBufferLength(), "max buffer length", cfg);
         return boost::shared_ptr<ISlot>(
-            new ReliableSlot(boost::interprocess::open_or_create, name.c_str(),
-                             static_cast<unsigned int>(cfg->GetMaxSize()),
-                             static_cast<unsigned int>(cfg->GetMaxBufferLength())));
+            new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), maxSize, length));
     }
     // Discarding, posix-pipe and the empty type: a one-block slot; the buffer length is not asked.
     return boost::shared_ptr<ISlot>(
-        new DiscardingSlot(boost::interprocess::open_or_create, name.c_str(),
-                           static_cast<unsigned int>(cfg->GetMaxSize())));
+        new DiscardingSlot(boost::interprocess::open_or_create, name.c_str(), maxSize));
 }
 
 bool SlotFactory::RemoveSlot(std::string name) {
@@ -79,16 +120,27 @@ bool SlotFactory::RemoveSlot(std::string name) {
 }
 
 INotifierPtr SlotFactory::CreateSlotReader(const ISlotConfiguration* cfg) {
+    return CreateSlotReader(cfg, ISubscriberPtr());
+}
+
+INotifierPtr SlotFactory::CreateSlotReader(const ISlotConfiguration* cfg,
+                                           const ISubscriberPtr& firstSubscriber) {
     log4cxx::LoggerPtr logger = SlotLogger();
     CheckType(cfg);
+    CheckUpdateTime(cfg);
     const std::string type = cfg->GetSlotType();
     if (type == SlotType::posixPipeTag) {
         if (logger->isInfoEnabled()) {
             LOG4CXX_INFO(logger, "Creating FileReader for posix-pipe " << cfg->GetName());
         }
+        const unsigned int maxSize = CheckedSize(cfg->GetMaxSize(), "max size", cfg);
         const std::string path = CreatePipe(cfg);
-        return INotifierPtr(new FileUtils::PosixFileReader(
-            path, static_cast<unsigned int>(cfg->GetMaxSize()), cfg->GetUpdateTime()));
+        std::unique_ptr<FileUtils::PosixFileReader> reader(
+            new FileUtils::PosixFileReader(path, maxSize, cfg->GetUpdateTime()));
+        if (firstSubscriber) {
+            reader->subscribe(firstSubscriber.get());
+        }
+        return INotifierPtr(reader.release(), PipeReaderDeleter{firstSubscriber});
     }
     const bool reliable = type == SlotType::reliableTag;
     if (logger->isInfoEnabled()) {
@@ -97,14 +149,18 @@ INotifierPtr SlotFactory::CreateSlotReader(const ISlotConfiguration* cfg) {
                                  << " for " << cfg->GetName());
     }
     boost::shared_ptr<ISlot> slot = CreateSlot(cfg);
-    boost::shared_ptr<BaseSlotReader> reader;
+    std::unique_ptr<BaseSlotReader> reader;
     if (reliable) {
         reader.reset(new ReliableSlotReader(slot, cfg->GetUpdateTime()));
     } else {
         reader.reset(new DiscardingSlotReader(slot, cfg->GetUpdateTime()));
     }
+    // Subscribed before the thread starts: nothing the thread takes goes to nobody.
+    if (firstSubscriber) {
+        reader->subscribe(firstSubscriber.get());
+    }
     reader->Init();
-    return reader;
+    return INotifierPtr(reader.release(), ReaderDeleter{firstSubscriber});
 }
 
 ISubscriberPtr SlotFactory::CreateSlotWriter(const ISlotConfiguration* cfg) {

@@ -26,8 +26,17 @@ public:
     // Unlinks the slot's header segment and queue. True when both were removed.
     static bool RemoveSlot(std::string name);
 
-    // A started reader: its thread already runs when it is returned.
+    // A started reader: its thread already runs when it is returned. The update time must be
+    // finite and not negative (AbortSlotCreationException otherwise). The last reference to a
+    // reader of a shared-memory slot may be dropped anywhere, also inside one of its subscribers'
+    // onNotify: the reader then delivers nothing more and is destroyed when that notification
+    // has returned.
     static INotifierPtr CreateSlotReader(const ISlotConfiguration* cfg);
+    // The same, with `firstSubscriber` subscribed before the reader's thread starts, so that it
+    // gets every block the reader takes, also those that waited in a reliable slot. The reader
+    // keeps a share of it until the reader is destroyed. A null pointer subscribes nobody.
+    static INotifierPtr CreateSlotReader(const ISlotConfiguration* cfg,
+                                         const ISubscriberPtr& firstSubscriber);
     // A ready writer; for "posix-pipe" its stream is already open.
     static ISubscriberPtr CreateSlotWriter(const ISlotConfiguration* cfg);
 };

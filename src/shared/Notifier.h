@@ -25,16 +25,17 @@ namespace shared {
 class SHARED_EXPORT Notifier : public virtual INotifier {
 public:
     Notifier();
-    ~Notifier() override;
 
     Notifier(const Notifier&) = delete;
     Notifier& operator=(const Notifier&) = delete;
 
+    // In the order of INotifier's table, the destructor last.
     void subscribe(ISubscriber* subscriber) override;
     void unsubscribe(ISubscriber* subscriber) override;
     void unsubscribeAll() override;
     void notify(const std::string& name, const void* data, unsigned int size) override;
     void notify(SizedArray* data) override;
+    ~Notifier() override;
 
     // Whether anyone would receive a notification now.
     bool hasSubscribers();

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ChildProcess.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 
@@ -13,10 +14,13 @@
 #include <shared/SharedMemory.h>
 
 #include <gtest/gtest.h>
+#include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cstdint>
 #include <fstream>
+#include <functional>
 
 namespace {
 
@@ -151,6 +155,101 @@ TEST(SlotFactory, LogsWhatItCreates) {
                                         "Creating DiscardingSlotReader for " + e.str(),
                                         "Creating ReliableSlotReader for " + r.str()}),
               FactoryMessages(log));
+}
+
+// A configuration whose values do not fit what the plain record can hold.
+class WideCfg : public ISlotConfiguration {
+public:
+    WideCfg(const std::string& name, const std::string& type, std::uint64_t maxSize,
+            std::uint64_t length,
+            boost::posix_time::time_duration updateTime = boost::posix_time::milliseconds(10))
+        : name_(name),
+          type_(type),
+          maxSize_(static_cast<size_t>(maxSize)),
+          length_(static_cast<size_t>(length)),
+          updateTime_(updateTime) {}
+    std::string GetName() const override { return name_; }
+    size_t GetMaxSize() const override { return maxSize_; }
+    size_t GetMaxBufferLength() const override { return length_; }
+    boost::posix_time::time_duration GetUpdateTime() const override { return updateTime_; }
+    std::string GetSlotType() const override { return type_; }
+
+private:
+    std::string name_, type_;
+    size_t maxSize_, length_;
+    boost::posix_time::time_duration updateTime_;
+};
+
+void ExpectCreationFailure(const std::function<void()>& op, const std::string& prefix) {
+    try {
+        op();
+        ADD_FAILURE() << "no exception";
+    } catch (const AbortSlotCreationException& e) {
+        EXPECT_EQ(0u, std::string(e.what()).rfind(prefix, 0)) << e.what();
+    }
+}
+
+// 2^32 + 16 would be a 16-byte slot and 2^32 + 2 a 2-block queue if they were narrowed.
+TEST(SlotFactory, SizesAbove32BitsAreRefusedNotTruncated) {
+    if (sizeof(size_t) < 8) {
+        GTEST_SKIP() << "size_t holds 32 bits only";
+    }
+    const std::uint64_t big = std::uint64_t(1) << 32;
+    ScopedSlotName name("wide");
+    for (const std::string type : {"reliable", "discarding", ""}) {
+        SCOPED_TRACE(type);
+        const WideCfg wideSize(name, type, big + 16, 4), wideLength(name, type, 64, big + 2);
+        for (const WideCfg* cfg : {&wideSize, &wideLength}) {
+            if (cfg == &wideLength && type != "reliable") {
+                continue;  // only a reliable slot asks for the buffer length
+            }
+            const std::string failure = "Slot could not be created: ";
+            ExpectCreationFailure([&] { SlotFactory::CreateSlot(cfg); }, failure);
+            ExpectCreationFailure([&] { SlotFactory::CreateSlotWriter(cfg); }, failure);
+            ExpectCreationFailure([&] { SlotFactory::CreateSlotReader(cfg); }, failure);
+        }
+    }
+    ExpectCreationFailure(
+        [&] {
+            const WideCfg pipe(name, "posix-pipe", big + 16, 4);
+            SlotFactory::CreateSlotReader(&pipe);
+        },
+        "Slot could not be created: ");
+    EXPECT_FALSE(ShmExists(name.str()));
+    EXPECT_FALSE(ShmExists("queue_" + name.str()));
+}
+
+// Non-finite and negative update times would make Init sleep for ever or the thread spin.
+TEST(SlotFactory, UpdateTimesThatCannotWorkAreRefused) {
+    ScopedSlotName name("uptime");
+    // In a child with a time limit: a reader that accepted one of them would never return.
+    const testsupport::ChildResult child = testsupport::RunInChild(
+        [&] {
+            using namespace boost::posix_time;
+            int failures = 0;
+            for (const std::string type : {"reliable", "discarding", "posix-pipe"}) {
+                for (const time_duration& t :
+                     {time_duration(pos_infin), time_duration(neg_infin),
+                      time_duration(not_a_date_time), time_duration(milliseconds(-1))}) {
+                    const WideCfg cfg(name, type, 64, 4, t);
+                    try {
+                        SlotFactory::CreateSlotReader(&cfg);
+                        ++failures;
+                    } catch (const AbortSlotCreationException& e) {
+                        const std::string expected =
+                            "Invalid update time " + to_simple_string(t) + " of '" + name.str() +
+                            "': a reader needs a finite update time of 0 or more";
+                        failures += expected == e.what() ? 0 : 1;
+                    }
+                }
+            }
+            return failures;
+        },
+        std::chrono::seconds(20));
+    EXPECT_TRUE(child.Ok()) << child.Describe();
+    EXPECT_FALSE(ShmExists(name.str()));
+    EXPECT_FALSE(ShmExists("queue_" + name.str()));
+    EXPECT_NE(0, ::access(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str(), F_OK));
 }
 
 TEST(SlotFactory, PosixPipeGoesThroughTheFileSystemOnly) {

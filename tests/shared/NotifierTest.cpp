@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <future>
@@ -50,6 +52,53 @@ public:
 private:
     std::atomic<int>& violations_;
 };
+
+// Position of a virtual member function in its class's virtual table. Under the Itanium C++ ABI
+// (x86 and x86_64 Linux) a pointer to a virtual member function holds 1 + its byte offset in the
+// table.
+template <typename F>
+std::ptrdiff_t TableIndex(F function) {
+    struct Representation {
+        std::uintptr_t ptr;
+        std::ptrdiff_t adj;
+    };
+    static_assert(sizeof(F) == sizeof(Representation), "Itanium pointer to member function");
+    Representation rep;
+    std::memcpy(&rep, &function, sizeof rep);
+    if ((rep.ptr & 1) == 0) {
+        return -1;  // not virtual
+    }
+    return static_cast<std::ptrdiff_t>((rep.ptr - 1) / sizeof(void*));
+}
+
+// A class that extends the notifier's table: its first own virtual function comes after all of
+// the notifier's entries.
+class Extended : public shared::Notifier {
+public:
+    virtual void extra() {}
+};
+
+template <typename Class>
+void ExpectOperationsFirstThenDestructor() {
+    typedef void (Class::*NotifyBytes)(const std::string&, const void*, unsigned int);
+    typedef void (Class::*NotifyArray)(shared::SizedArray*);
+    EXPECT_EQ(0, TableIndex(&Class::subscribe));
+    EXPECT_EQ(1, TableIndex(&Class::unsubscribe));
+    EXPECT_EQ(2, TableIndex(&Class::unsubscribeAll));
+    EXPECT_EQ(3, TableIndex(static_cast<NotifyBytes>(&Class::notify)));
+    EXPECT_EQ(4, TableIndex(static_cast<NotifyArray>(&Class::notify)));
+}
+
+TEST(Notifier, VirtualOperationsComeInTableOrderWithTheDestructorLast) {
+#if defined(__x86_64__) || defined(__i386__)
+    ExpectOperationsFirstThenDestructor<shared::INotifier>();
+    ExpectOperationsFirstThenDestructor<shared::Notifier>();
+    // Five operations, then the destructor's two entries (complete and deleting).
+    EXPECT_EQ(7, TableIndex(&Extended::extra));
+#else
+    GTEST_SKIP() << "pointer-to-member layout checked for x86 only";
+#endif
+}
 
 TEST(Notifier, DeliversOnceToEachSubscriberWhatItWasGiven) {
     shared::Notifier notifier;

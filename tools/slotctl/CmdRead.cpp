@@ -155,9 +155,10 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     BlockQueue queue;
     INotifierPtr reader;
     try {
-        // A reliable reader takes nothing before this subscription: waiting blocks are kept.
-        reader = SlotFactory::CreateSlotReader(&cfg);
-        reader->subscribe(&queue);
+        // Subscribed before the reader's thread starts: a reliable reader drains the blocks
+        // that were waiting at once, and they must reach us. The queue outlives the reader.
+        reader = SlotFactory::CreateSlotReader(&cfg,
+                                               ISubscriberPtr(&queue, [](shared::ISubscriber*) {}));
     } catch (const AbortSlotCreationException& e) {
         std::string message = "cannot read " + Quote(name) + ": " + e.what();
         if (type == "reliable") {

@@ -271,11 +271,12 @@ int RunDemoSubscriber(const Context&, const std::vector<std::string>& args) {
     std::vector<INotifierPtr> readers;
     for (int i = 0; i < SlotCount; ++i) {
         const ToolSlotConfig cfg = DemoConfig(settings, i);
-        readers.push_back(SlotFactory::CreateSlotReader(&cfg));
         shared::ISubscriber* target = i == PosixPipe
                                           ? static_cast<shared::ISubscriber*>(&blocks)
                                           : static_cast<shared::ISubscriber*>(measures[i].get());
-        readers.back()->subscribe(target);
+        // Subscribed before the thread starts; the targets outlive the readers.
+        readers.push_back(SlotFactory::CreateSlotReader(
+            &cfg, ISubscriberPtr(target, [](shared::ISubscriber*) {})));
     }
     PrintLine("ready");
     auto report = [&](char tag) {

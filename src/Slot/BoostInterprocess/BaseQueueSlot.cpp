@@ -10,6 +10,7 @@
 #include <boost/interprocess/permissions.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -26,6 +27,28 @@ bool SizesAreAddressable(std::uint64_t maxDataSize, std::uint64_t bufferLength) 
            bufferLength <= limit / perMessage && bufferLength * perMessage + 4096 <= limit;
 }
 
+// Why `name` cannot name a slot, or empty when it can. Checked before anything is created: the
+// queue "queue_<name>" is made first, and names such as "", "." and ".." are valid for it but not
+// for the header segment, so the queue would be left behind alone.
+std::string NameProblem(const std::string& name) {
+    // POSIX shared-memory names are single file names of at most NAME_MAX (255) bytes; the
+    // queue's name adds the prefix "queue_".
+    const size_t longest = 255 - BaseQueueSlot::GetQueueName("").size();
+    if (name.empty()) {
+        return "is empty";
+    }
+    if (name == "." || name == "..") {
+        return "is not a file name";
+    }
+    if (name.find('/') != std::string::npos) {
+        return "contains '/'";
+    }
+    if (name.size() > longest) {
+        return "is longer than " + std::to_string(longest) + " characters";
+    }
+    return std::string();
+}
+
 }  // namespace
 
 BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* name,
@@ -35,10 +58,10 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
       name_(name),
       bufferHandle_(nullptr),
       bufferDataSize_(nullptr) {
-    // An empty name is refused by the segment but not by the queue ("queue_"), which would be
-    // left behind.
-    if (name_.empty()) {
-        throw AbortSlotCreationException(std::string(CreationFailurePrefix) + "empty name");
+    const std::string nameProblem = NameProblem(name_);
+    if (!nameProblem.empty()) {
+        throw AbortSlotCreationException(std::string(CreationFailurePrefix) + "slot name '" +
+                                         name_ + "' " + nameProblem);
     }
     if (!SizesAreAddressable(maxDataSize, bufferLength)) {
         throw AbortSlotCreationException(std::string(CreationFailurePrefix) + "max data size " +
@@ -54,12 +77,14 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
                                       boost::interprocess::permissions(0644)));
         const size_t realMaxDataSize = queue_->get_max_msg_size();
         const size_t realBufferLength = queue_->get_max_msg();
+        // Reopening with other sizes is normal (a host made the slot, SimpleSlotRW opens it
+        // with its own sizes): worth a trace, not a warning.
         if ((realMaxDataSize != maxDataSize || realBufferLength != bufferLength) &&
-            logger_->isWarnEnabled()) {
-            LOG4CXX_WARN(logger_, "Slot '" << name_ << "' exists with max data size "
-                                           << realMaxDataSize << " and buffer length "
-                                           << realBufferLength << "; asked for " << maxDataSize
-                                           << " and " << bufferLength);
+            logger_->isTraceEnabled()) {
+            LOG4CXX_TRACE(logger_, "Slot '" << name_ << "' exists with max data size "
+                                            << realMaxDataSize << " and buffer length "
+                                            << realBufferLength << "; asked for " << maxDataSize
+                                            << " and " << bufferLength);
         }
         if (!SizesAreAddressable(realMaxDataSize, 0)) {
             throw AbortSlotCreationException(std::string(CreationFailurePrefix) +
@@ -225,22 +250,9 @@ BaseQueueSlot::OutputBuffer BaseQueueSlot::GetOutputBuffer() const {
 }
 
 shared::SizedArray BaseQueueSlot::ReceiveAndCopyToOutBuf() {
+    // The block is received into a buffer of its own, which the array returned owns: it never
+    // changes afterwards and outlives the slot object, whatever other receives happen.
     const MessageQueue::size_type max = queue_->get_max_msg_size();
-    const OutputBuffer out = GetOutputBuffer();
-    if (out.data != nullptr && out.capacity >= max) {
-        // The output buffer holds any message: receive straight into it, saving a copy and an
-        // allocation per block. The array returned is a view of the output buffer.
-        MessageQueue::size_type count = 0;
-        unsigned int priority = 0;
-        if (!queue_->try_receive(out.data, max, count, priority)) {
-            return shared::SizedArray();
-        }
-        *bufferDataSize_ = static_cast<unsigned int>(count);
-        return shared::SizedArray(boost::shared_array<char>(out.data, [](char*) {}),
-                                  static_cast<unsigned int>(count));
-    }
-    // The buffer is smaller than the queue's messages (the queue was re-created larger than the
-    // buffer was allocated for): receive whole into a buffer of our own, keep the head.
     shared::SizedArray received(max);
     char none;  // a zero-size slot still needs a valid address to receive into
     MessageQueue::size_type count = 0;
@@ -251,10 +263,42 @@ shared::SizedArray BaseQueueSlot::ReceiveAndCopyToOutBuf() {
     if (count > max) {
         count = max;
     }
-    received.setSize(count);
+    received.setSize(static_cast<unsigned int>(count));
+    KeepInOutBuf(received.data(), count);
+    return received;
+}
 
+size_t BaseQueueSlot::ReceiveInto(void* buffer, size_t size) {
+    const MessageQueue::size_type max = queue_->get_max_msg_size();
+    if (buffer == nullptr || size < max) {
+        const shared::SizedArray block = ReceiveAndCopyToOutBuf();
+        const size_t copied = std::min<size_t>(size, block.size());
+        if (copied != 0) {
+            std::memcpy(buffer, block.data(), copied);
+        }
+        return copied;
+    }
+    // The caller's buffer holds any block: receive straight into it, then keep a copy in the
+    // output buffer. Same result as above without the allocation and one copy per block, and
+    // the block is private to the caller from the start, so concurrent readers of the slot
+    // never see each other's blocks.
+    MessageQueue::size_type count = 0;
+    unsigned int priority = 0;
+    if (!queue_->try_receive(buffer, max, count, priority)) {
+        return 0;
+    }
+    if (count > max) {
+        count = max;
+    }
+    KeepInOutBuf(static_cast<const char*>(buffer), count);
+    return count;
+}
+
+void BaseQueueSlot::KeepInOutBuf(const char* block, size_t count) {
+    const OutputBuffer out = GetOutputBuffer();
     size_t kept = count;
     if (kept > out.capacity) {
+        // The queue was re-created with larger blocks than the buffer was allocated for.
         if (logger_->isErrorEnabled()) {
             LOG4CXX_ERROR(logger_, "Block of " << count << " bytes from '" << name_
                                                << "' is longer than its " << out.capacity
@@ -264,10 +308,9 @@ shared::SizedArray BaseQueueSlot::ReceiveAndCopyToOutBuf() {
         kept = out.capacity;
     }
     if (kept != 0) {
-        std::memcpy(out.data, received.data(), kept);
+        std::memcpy(out.data, block, kept);
     }
     *bufferDataSize_ = static_cast<unsigned int>(kept);
-    return received;
 }
 
 void BaseQueueSlot::DiscardOneDataBlock() {

@@ -130,9 +130,12 @@ protected:
     bool CheckDataBeforeWriting(const void* data, size_t size);
     // Takes one block from the queue without waiting and leaves a copy of it in the output buffer.
     // On an empty queue returns an empty array and leaves the output buffer as it was. The array
-    // returned may be a view of the output buffer: use it while holding the slot's lock, before
-    // the next receive.
+    // owns its bytes: they never change, also after later receives or the slot's destruction.
     shared::SizedArray ReceiveAndCopyToOutBuf();
+    // ReceiveAndCopyToOutBuf, then copies at most `size` bytes of the block into `buffer`;
+    // returns the number copied (0 on an empty queue). A buffer that holds the queue's largest
+    // message receives the block directly, without the intermediate array.
+    size_t ReceiveInto(void* buffer, size_t size);
     // Takes one block from the queue without waiting and drops it. The output buffer is untouched.
     void DiscardOneDataBlock();
     // A copy of the output buffer's valid bytes (empty right after the slot was opened).
@@ -160,6 +163,8 @@ private:
     // The output buffer as "output_buffer_handle" locates it. A handle whose block does not lie
     // inside the segment is logged and yields an empty buffer.
     OutputBuffer GetOutputBuffer() const;
+    // Copies a block just received into the output buffer and sets its data size.
+    void KeepInOutBuf(const char* block, size_t count);
 
     log4cxx::LoggerPtr logger_;
     boost::shared_ptr<MessageQueue> queue_;

@@ -1,20 +1,41 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/BaseSlotReader.h>
 
 #include <shared/ILockable.h>
 #include <shared/ISyncEvent.h>
 
 #include <boost/bind/bind.hpp>
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/exceptions.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <boost/ref.hpp>
+
+namespace {
+
+// The reader whose thread this is; null on every other thread.
+thread_local const BaseSlotReader* RunningReader = nullptr;
+
+}  // namespace
 
 BaseSlotReader::BaseSlotReader(boost::shared_ptr<ISlot> slot,
                                const boost::posix_time::time_duration& updateTime)
     : startHandler_(boost::shared_ptr<shared::ISyncEvent>()),
       slot_(slot),
       updateTime_(updateTime),
-      logger_(log4cxx::Logger::getLogger("Slot.Reader")) {}
+      logger_(log4cxx::Logger::getLogger("Slot.Reader")),
+      released_(false) {
+    CheckUpdateTime(slot_->GetName(), updateTime_);
+}
+
+void BaseSlotReader::CheckUpdateTime(const std::string& slotName,
+                                     const boost::posix_time::time_duration& updateTime) {
+    if (updateTime.is_special() || updateTime.is_negative()) {
+        throw AbortSlotCreationException(
+            "Invalid update time " + boost::posix_time::to_simple_string(updateTime) + " of '" +
+            slotName + "': a reader needs a finite update time of 0 or more");
+    }
+}
 
 BaseSlotReader::~BaseSlotReader() {
     if (logger_->isDebugEnabled()) {
@@ -25,8 +46,28 @@ BaseSlotReader::~BaseSlotReader() {
     }
 }
 
+void BaseSlotReader::Release(BaseSlotReader* reader, boost::shared_ptr<void> keepAlive) {
+    if (reader == nullptr) {
+        return;
+    }
+    if (RunningReader != reader) {
+        delete reader;
+        return;  // keepAlive goes now, after the reader
+    }
+    // On the reader's own thread, inside a subscriber: whoever called the subscriber is still on
+    // the stack and uses the reader's members. Nobody else is called from here on; the loop in
+    // operator() deletes the reader.
+    reader->released_ = true;
+    reader->keepAlive_.swap(keepAlive);
+    reader->unsubscribeAll();
+}
+
 bool BaseSlotReader::StopThread() {
     if (!thread_.joinable()) {
+        return false;
+    }
+    if (RunningReader == this) {
+        thread_.detach();  // deleted by its own thread, which ends right after
         return false;
     }
     thread_.interrupt();
@@ -49,13 +90,15 @@ void BaseSlotReader::InitBody() {
 }
 
 void BaseSlotReader::operator()() {
+    RunningReader = this;
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "Thread started");
     }
     startHandler_.Notify();
-    for (;;) {
+    bool running = true;
+    while (running && !released_) {
         try {
-            for (;;) {
+            while (!released_) {
                 boost::this_thread::interruption_point();
                 // Woken or timed out, the cycle goes on the same way: the slot is polled at
                 // least once per update time even when a signal is missed.
@@ -67,12 +110,12 @@ void BaseSlotReader::operator()() {
                 LOG4CXX_ERROR(logger_, "Thread shutdown after boost::interprocess_exception in "
                                            << slot_->GetName() << " : " << e.what());
             }
-            return;
+            running = false;
         } catch (const boost::thread_interrupted&) {
             if (logger_->isDebugEnabled()) {
                 LOG4CXX_DEBUG(logger_, "Thread shutdown for " << slot_->GetName());
             }
-            return;
+            running = false;
         } catch (const std::exception& e) {
             if (logger_->isErrorEnabled()) {
                 LOG4CXX_ERROR(logger_, "Exception in " << slot_->GetName() << " : " << e.what());
@@ -83,6 +126,15 @@ void BaseSlotReader::operator()() {
             }
         }
     }
+    if (released_) {
+        // Released on this thread: every caller of the subscriber has returned, so the reader
+        // can go. Its destructor sees RunningReader and detaches instead of joining.
+        boost::shared_ptr<void> keepAlive;
+        keepAlive.swap(keepAlive_);
+        delete this;
+        // Nothing below may touch a member.
+    }
+    RunningReader = nullptr;
 }
 
 shared::SizedArray BaseSlotReader::ReadAndNotify() {

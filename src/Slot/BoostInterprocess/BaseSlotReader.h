@@ -24,11 +24,30 @@
 // Init must be called once, after the most-derived constructor has finished (the thread calls
 // virtual functions). Concrete readers interrupt and join the thread in their destructors, before
 // their own parts are destroyed; this base neither interrupts nor joins.
+//
+// Destroying a reader on its own thread (its owner drops the last reference inside a
+// subscriber's onNotify) cannot join that thread, and the code that called the subscriber still
+// runs on the reader's members. Owners that may do so delete the reader through Release, as the
+// readers of SlotFactory do: on the reader's own thread the reader stops delivering at once and
+// the thread deletes it when the cycle in progress has unwound.
 class SLOT_EXPORT BaseSlotReader : public shared::Notifier {
 public:
+    // Throws AbortSlotCreationException for an update time that CheckUpdateTime refuses.
     BaseSlotReader(boost::shared_ptr<ISlot> slot,
                    const boost::posix_time::time_duration& updateTime);
     ~BaseSlotReader() override;
+
+    // A reader waits at most one update time per cycle and Init pauses one update time: an
+    // infinite or undefined one would never return, a negative one would spin. Throws
+    // AbortSlotCreationException for those.
+    static void CheckUpdateTime(const std::string& slotName,
+                                const boost::posix_time::time_duration& updateTime);
+
+    // Deletes `reader` now, unless this is the reader's own thread: then its subscribers are
+    // dropped (the rest of the notification in progress reaches nobody), no further block is
+    // read, and the thread deletes the reader once it is back in its loop. `keepAlive` is
+    // released after the reader has been deleted.
+    static void Release(BaseSlotReader* reader, boost::shared_ptr<void> keepAlive);
 
     BaseSlotReader(const BaseSlotReader&) = delete;
     BaseSlotReader& operator=(const BaseSlotReader&) = delete;
@@ -46,12 +65,20 @@ public:
 
 protected:
     // Interrupts the thread and waits for it to end; false when there was no thread to stop.
-    // Concrete readers call it first in their destructors.
+    // Concrete readers call it first in their destructors. On the reader's own thread (a reader
+    // deleted through Release) the thread is detached instead: it is about to end.
     bool StopThread();
+    // Set on the reader thread by Release: the reader takes nothing more and is deleted by its
+    // thread. Draining loops test it between blocks.
+    bool Released() const { return released_; }
 
     shared::WaitForAsyncOpHandler startHandler_;
     boost::shared_ptr<ISlot> slot_;
     boost::thread thread_;
     boost::posix_time::time_duration updateTime_;
     log4cxx::LoggerPtr logger_;
+
+private:
+    bool released_;                      // reader thread only
+    boost::shared_ptr<void> keepAlive_;  // reader thread only; see Release
 };

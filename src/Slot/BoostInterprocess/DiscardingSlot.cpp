@@ -17,11 +17,13 @@ size_t DiscardingSlot::ReadData(void* buffer, size_t size) {
     const log4cxx::LoggerPtr& logger = GetLogger();
     shared::SizedArray block;
     if (GetBufferLength() != 0) {
-        block = ReceiveAndCopyToOutBuf();
+        // Received straight into `buffer` when it holds any block (see ReceiveInto).
+        const size_t received = ReceiveInto(buffer, size);
         if (logger->isDebugEnabled()) {
             LOG4CXX_DEBUG(logger, "Received a data block from queue of  '"
                                       << GetName() << "', size==" << GetBufferLength());
         }
+        return received;
     } else {
         block = GetDataFromOutBuf();
         if (logger->isDebugEnabled()) {

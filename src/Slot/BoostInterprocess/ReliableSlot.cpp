@@ -21,14 +21,10 @@ size_t ReliableSlot::ReadData(void* buffer, size_t size) {
         }
         return 0;
     }
-    const shared::SizedArray block = ReceiveAndCopyToOutBuf();
+    const size_t copied = ReceiveInto(buffer, size);
     if (logger->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger, "Received a data block from '"
                                   << GetName() << "', queue size==" << GetBufferLength());
-    }
-    const size_t copied = std::min<size_t>(size, block.size());
-    if (copied != 0) {
-        std::memcpy(buffer, block.data(), copied);
     }
     return copied;
 }

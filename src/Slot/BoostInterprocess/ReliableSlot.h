@@ -7,9 +7,11 @@
 // Slot kind "reliable": a FIFO queue of bufferLength blocks. Nothing accepted is thrown away; a
 // write into a full queue is refused with a WARN line and never waits.
 //
-// Neither operation takes the slot's lockable nor signals its condition. Between the count and
-// the receive of ReadData another reader may take the block; readers sharing a slot hold
-// GetLockable() around ReadData (the reliable reader is the only one on the machine).
+// Neither operation takes the slot's lockable nor signals its condition. Readers that share a
+// slot without the lockable each get whole blocks of their own, every block exactly once; but
+// between the count and the receive of ReadData another reader may take the block, and the read
+// then returns 0 with the empty-queue ERROR. Readers that must not see that hold GetLockable()
+// around ReadData (the reliable reader is the only one on the machine).
 class SLOT_EXPORT ReliableSlot : public BaseQueueSlot {
 public:
     ReliableSlot(boost::interprocess::open_or_create_t, const char* name, unsigned int maxDataSize,

@@ -55,12 +55,12 @@ bool ReliableSlotReader::DataInSlotIsActual() {
 
 shared::SizedArray ReliableSlotReader::ReadAndNotify() {
     // The count is taken without the slot's lock: this reader is the slot's only consumer, so a
-    // counted block is still there when it is read. Blocks added meanwhile are drained too.
-    // Without a subscriber nothing is taken: the reader runs before its creator can subscribe
-    // (the factory returns it started), and a reliable slot's blocks must not go to nobody.
-    // They wait in the queue, where writers see a full queue rather than silent loss.
+    // counted block is still there when it is read. Blocks added meanwhile are drained too, with
+    // or without subscribers: a host that must not miss the blocks waiting at the start
+    // subscribes before the thread runs (SlotFactory::CreateSlotReader with a first subscriber).
+    // A reader released by a subscriber takes nothing more: the rest stays for the next reader.
     shared::SizedArray result;
-    while (slot_->GetBufferLength() != 0 && hasSubscribers()) {
+    while (!Released() && slot_->GetBufferLength() != 0) {
         result = BaseSlotReader::ReadAndNotify();
     }
     return result;

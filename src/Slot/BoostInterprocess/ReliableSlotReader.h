@@ -10,9 +10,9 @@
 #include <map>
 #include <string>
 
-// Reader of a "reliable" slot: every block is delivered, each wake-up drains the queue, and a
-// slot has at most one reader on the whole machine. While the reader has no subscriber it takes
-// nothing: blocks wait in the queue for the first one.
+// Reader of a "reliable" slot: every block is delivered, each wake-up drains the queue (also
+// while nobody is subscribed: such blocks reach nobody), and a slot has at most one reader on
+// the whole machine.
 //
 // One reader per machine: the reader holds, for its whole life, a lock on the slot's singleton
 // lock file (excludes readers in other processes) and the process's mutex for the slot's name

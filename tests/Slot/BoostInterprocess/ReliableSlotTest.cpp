@@ -10,10 +10,15 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -67,6 +72,105 @@ TEST(ReliableSlot, AShortReadLosesTheRestOfTheBlock) {
     EXPECT_EQ("0123", std::string(buffer, 4));
     ASSERT_EQ(2u, slot.ReadData(buffer, sizeof buffer));
     EXPECT_EQ("ab", std::string(buffer, 2));
+}
+
+// A block of a writer's sequence: its number, a payload derived from it, and a checksum.
+struct NumberedBlock {
+    std::uint32_t seq;
+    std::uint32_t sum;
+    unsigned char payload[65528];
+
+    static NumberedBlock Make(std::uint32_t seq) {
+        NumberedBlock b;
+        b.seq = seq;
+        for (size_t i = 0; i < sizeof b.payload; ++i) {
+            b.payload[i] = static_cast<unsigned char>(seq * 7 + i);
+        }
+        b.sum = b.Checksum();
+        return b;
+    }
+    std::uint32_t Checksum() const {
+        std::uint32_t sum = seq * 2654435761u;
+        for (unsigned char c : payload) {
+            sum = sum * 31 + c;
+        }
+        return sum;
+    }
+};
+
+// Two ReliableSlot objects read one slot on two threads without the slot's lock. In each round
+// one of the two threads writes two blocks and both then read one at the same moment, so that
+// their reads overlap; each block must reach exactly one of them, whole. Only two threads, both
+// busy-waiting, so that on two cores both run at once.
+TEST(ReliableSlot, UnlockedReadersNeverShareOrLoseABlock) {
+    const std::uint32_t rounds = 2000;
+    testsupport::ScopedSlotName name;
+    std::atomic<std::uint32_t> round{0};     // rounds whose blocks are in the queue
+    std::atomic<std::uint32_t> finished{0};  // reads done in all rounds so far
+    std::atomic<bool> stop{false};
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    // Busy-waits for `ready`, yielding after a while so that a thread that was preempted on a
+    // loaded machine gets the core back. False when time ran out.
+    const auto spinUntil = [&](const std::function<bool()>& ready) {
+        for (unsigned spins = 0; !ready(); ++spins) {
+            if (spins > 2000) {
+                std::this_thread::yield();
+                if (std::chrono::steady_clock::now() > deadline) {
+                    stop = true;
+                }
+            }
+            if (stop) {
+                return false;
+            }
+        }
+        return true;
+    };
+    std::vector<std::vector<std::uint32_t>> seen(2);
+    std::vector<std::uint32_t> malformed(2, 0);
+    std::vector<std::thread> readers;
+    for (std::uint32_t r = 0; r < 2; ++r) {
+        readers.emplace_back([&, r] {
+            ReliableSlot mine(open_or_create, name.c_str(), sizeof(NumberedBlock), 4);
+            std::unique_ptr<NumberedBlock> b(new NumberedBlock);
+            for (std::uint32_t done = 0; done < rounds; ++done) {
+                if (r == 0) {
+                    if (!spinUntil([&] { return finished.load() == 2 * done; })) {
+                        return;
+                    }
+                    for (std::uint32_t k = 0; k < 2; ++k) {
+                        *b = NumberedBlock::Make(2 * done + k);
+                        mine.WriteData(b.get(), sizeof *b);
+                    }
+                    round = done + 1;
+                } else if (!spinUntil([&] { return round.load() != done; })) {
+                    return;
+                }
+                // A different head start in each round (0 to 30 us, busy) so that one reader's
+                // receive falls into every phase of the other's read in some round.
+                const auto start = std::chrono::steady_clock::now();
+                const auto headStart = std::chrono::microseconds((done * (r ? 7919 : 104729)) % 31);
+                while (std::chrono::steady_clock::now() - start < headStart) {
+                }
+                const size_t n = mine.ReadData(b.get(), sizeof *b);
+                if (n != sizeof *b || b->sum != b->Checksum() || b->seq >= 2 * rounds) {
+                    ++malformed[r];
+                } else {
+                    seen[r].push_back(b->seq);
+                }
+                ++finished;
+            }
+        });
+    }
+    for (std::thread& t : readers) {
+        t.join();
+    }
+    EXPECT_FALSE(stop) << "not done within the time limit";
+    EXPECT_EQ(0u, malformed[0] + malformed[1]) << "torn or missing blocks";
+    std::vector<std::uint32_t> all(seen[0]);
+    all.insert(all.end(), seen[1].begin(), seen[1].end());
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(all.end(), std::adjacent_find(all.begin(), all.end())) << "a block came twice";
+    EXPECT_EQ(2 * rounds, all.size()) << "blocks lost";
 }
 
 // A pipe through which each writer process reports how many refusals it logged.
