@@ -7,9 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 #include <csignal>
-#include <fstream>
 
 namespace {
 
@@ -21,12 +21,13 @@ std::string FreshLockFile() {
     return shared::TouchFile(testsupport::TestRunDir() + "/" + testsupport::UniqueName("lock"));
 }
 
-bool RefusedInAnotherProcess(const std::string& path) {
+// 0: refused, 1: claimed, else a failure code.
+int TryInAnotherProcess(const std::string& path) {
     const ChildResult result = testsupport::RunInChild([&] {
         shared::FileLock other(path.c_str());
         return other.try_lock() ? 1 : 0;
     });
-    return result.Ok();
+    return result.exited ? result.exitCode : 100;
 }
 
 TEST(FileLock, SecondLockInTheSameProcessIsRefusedAndHolderIsReported) {
@@ -43,22 +44,27 @@ TEST(FileLock, SecondLockInTheSameProcessIsRefusedAndHolderIsReported) {
         EXPECT_TRUE(second.try_lock());
     }
     EXPECT_EQ(0, shared::FileLock::Holder(path)) << "destruction releases the lock";
+    EXPECT_EQ(1, TryInAnotherProcess(path));
 }
 
-// With classic fcntl locks, closing any descriptor of the file drops the process's lock.
-TEST(FileLock, ClosingOtherDescriptorsOfTheFileKeepsTheLock) {
+// Record locks belong to the process, and closing any descriptor of the file drops them: the
+// library's own ways into the file must never open a second descriptor of it.
+TEST(FileLock, OtherLockObjectsTouchAndHolderKeepTheLock) {
     const std::string path = FreshLockFile();
     shared::FileLock held(path.c_str());
     ASSERT_TRUE(held.try_lock());
-    { std::ifstream reader(path); }
     shared::TouchFile(path);
+    EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
     { shared::FileLock unused(path.c_str()); }
     {
         shared::FileLock refused(path.c_str());
         EXPECT_FALSE(refused.try_lock());
     }
-    EXPECT_TRUE(RefusedInAnotherProcess(path));
+    shared::FileLock moved(std::move(held));
+    EXPECT_EQ(0, TryInAnotherProcess(path));
     EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
+    moved.unlock();
+    EXPECT_EQ(1, TryInAnotherProcess(path));
 }
 
 TEST(FileLock, HolderKilledReleasesTheLock) {
@@ -82,6 +88,119 @@ TEST(FileLock, HolderKilledReleasesTheLock) {
     EXPECT_EQ(SIGKILL, holder.Wait().signal);
     EXPECT_EQ(0, shared::FileLock::Holder(path));
     EXPECT_TRUE(mine.try_lock());
+}
+
+// A child forked without exec from the holder never holds the lock: neither while the holder
+// lives, nor after the holder released it or died.
+TEST(FileLock, ForkedChildrenNeverKeepTheLock) {
+    const std::string path = FreshLockFile();
+    {
+        shared::FileLock lock(path.c_str());
+        ASSERT_TRUE(lock.try_lock());
+        PipeSignal checked, release;
+        ChildProcess child([&] {
+            // The inherited object does not hold the lock in the child, and cannot take it.
+            int failures = lock.try_lock() ? 1 : 0;
+            lock.unlock();  // must not release the parent's lock
+            checked.Post();
+            release.WaitFor(std::chrono::seconds(30));
+            return failures;
+        });
+        ASSERT_TRUE(checked.WaitFor());
+        EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
+        EXPECT_EQ(0, TryInAnotherProcess(path));
+        lock.unlock();
+        EXPECT_EQ(1, TryInAnotherProcess(path)) << "the live child keeps nothing";
+        release.Post();
+        EXPECT_TRUE(child.Wait().Ok());
+    }
+
+    // The holder dies while a child it forked lives on.
+    PipeSignal grandchildUp, stop;
+    ChildProcess holder([&] {
+        shared::FileLock lock(path.c_str());
+        if (!lock.try_lock()) {
+            return 1;
+        }
+        ChildProcess forked([&] {
+            stop.WaitFor(std::chrono::seconds(30));
+            return 0;
+        });
+        grandchildUp.Post();
+        stop.WaitFor(std::chrono::seconds(30));
+        return 0;
+    });
+    ASSERT_TRUE(grandchildUp.WaitFor());
+    EXPECT_EQ(holder.Pid(), shared::FileLock::Holder(path));
+    holder.Kill(SIGKILL);
+    holder.Wait();
+    EXPECT_EQ(0, shared::FileLock::Holder(path)) << "the orphaned grandchild holds nothing";
+    EXPECT_EQ(1, TryInAnotherProcess(path));
+    stop.Post();  // the grandchild's watchdog is its own wait
+}
+
+// A lock file of another user is locked through a read-only descriptor with a shared lock; it
+// still excludes every other claimant, whichever kind of descriptor they have.
+TEST(FileLock, ReadOnlyClaimantsExcludeEachOtherAndWritableOnes) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to give the lock file to another user";
+    }
+    const uid_t other = 65534;  // nobody
+    const std::string path = FreshLockFile();
+    ASSERT_EQ(0, ::chown(path.c_str(), other, other));
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0644));
+    // The test run's folder is root's 0700: let the other user reach the file.
+    ASSERT_EQ(0, ::chmod(testsupport::TestRunDir().c_str(), 0711));
+    auto asOwner = [&](PipeSignal& done, PipeSignal& stop) {
+        return [&, path] {
+            if (::setgid(other) != 0 || ::setuid(other) != 0) {
+                return 2;
+            }
+            shared::FileLock lock(path.c_str());
+            const bool claimed = lock.try_lock();
+            done.Post();
+            stop.WaitFor(std::chrono::seconds(30));
+            return claimed ? 1 : 0;
+        };
+    };
+    {
+        shared::FileLock mine(path.c_str());  // read-only: the file is not root's
+        ASSERT_TRUE(mine.try_lock());
+        EXPECT_EQ(0, TryInAnotherProcess(path)) << "a second read-only claimant";
+        PipeSignal done, stop;
+        ChildProcess owner(asOwner(done, stop));
+        ASSERT_TRUE(done.WaitFor());
+        stop.Post();
+        EXPECT_EQ(0, owner.Wait().exitCode) << "the owner's exclusive claim must be refused";
+    }
+    PipeSignal done, stop;
+    ChildProcess owner(asOwner(done, stop));
+    ASSERT_TRUE(done.WaitFor());
+    shared::FileLock mine(path.c_str());
+    EXPECT_FALSE(mine.try_lock()) << "the owner holds it";
+    stop.Post();
+    EXPECT_EQ(1, owner.Wait().exitCode);
+    EXPECT_TRUE(mine.try_lock()) << "released by the owner's exit";
+    ::chmod(testsupport::TestRunDir().c_str(), 0700);
+}
+
+TEST(TouchFile, CreatesAReadableFileAndRefusesSymlinksAndFolders) {
+    const std::string dir = testsupport::TestRunDir();
+    const mode_t old = ::umask(077);
+    const std::string path = FreshLockFile();
+    ::umask(old);
+    struct stat st;
+    ASSERT_EQ(0, ::lstat(path.c_str(), &st));
+    EXPECT_EQ(0644u, st.st_mode & 07777) << "readable by everyone whatever the umask";
+
+    const std::string target = dir + "/" + testsupport::UniqueName("target");
+    const std::string link = dir + "/" + testsupport::UniqueName("link");
+    ASSERT_EQ(0, ::symlink(target.c_str(), link.c_str()));
+    EXPECT_THROW(shared::TouchFile(link), std::runtime_error);
+    EXPECT_NE(0, ::lstat(target.c_str(), &st)) << "a dangling symlink's target was created";
+    EXPECT_THROW(shared::FileLock(link.c_str()), std::exception);
+    EXPECT_THROW(shared::TouchFile(dir), std::runtime_error);
+    EXPECT_THROW(shared::TouchFile(dir + "/.."), std::runtime_error);
 }
 
 }  // namespace
