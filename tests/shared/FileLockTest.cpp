@@ -4,6 +4,7 @@
 
 #include <shared/FileHelpers.h>
 #include <shared/FileLock.h>
+#include <shared/SharedFolder.h>
 
 #include <gtest/gtest.h>
 
@@ -201,6 +202,42 @@ TEST(TouchFile, CreatesAReadableFileAndRefusesSymlinksAndFolders) {
     EXPECT_THROW(shared::FileLock(link.c_str()), std::exception);
     EXPECT_THROW(shared::TouchFile(dir), std::runtime_error);
     EXPECT_THROW(shared::TouchFile(dir + "/.."), std::runtime_error);
+}
+
+TEST(CheckedFolder, RefusesSymlinksDotDotAndFoldersOthersMayChangeUnlessSticky) {
+    const std::string base = testsupport::TestRunDir() + "/" + testsupport::UniqueName("folders");
+    ASSERT_EQ(0, ::mkdir(base.c_str(), 0755));
+    EXPECT_NO_THROW(shared::CheckedFolder::Open(base));
+    EXPECT_NO_THROW(shared::CheckedFolder::Open(base + "/made", 01777));
+    struct stat st;
+    ASSERT_EQ(0, ::stat((base + "/made").c_str(), &st));
+    EXPECT_EQ(static_cast<mode_t>(S_IFDIR | 01777), st.st_mode);
+
+    const std::string open = base + "/open";
+    ASSERT_EQ(0, ::mkdir(open.c_str(), 0700));
+    ASSERT_EQ(0, ::chmod(open.c_str(), 0777));
+    try {
+        shared::CheckedFolder::Open(open + "/below", 01777);
+        ADD_FAILURE() << "a folder anyone may change was accepted";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ("Unsafe folder '" + open + "/below': '" + open +
+                      "' is writable by others and not sticky",
+                  std::string(e.what()));
+    }
+    EXPECT_NE(0, ::stat((open + "/below").c_str(), &st)) << "created below an unsafe folder";
+
+    const std::string link = base + "/link";
+    ASSERT_EQ(0, ::symlink(base.c_str(), link.c_str()));
+    EXPECT_THROW(shared::CheckedFolder::Open(link), std::runtime_error);
+    EXPECT_THROW(shared::CheckedFolder::Open(link + "/made"), std::runtime_error);
+    EXPECT_THROW(shared::CheckedFolder::Open(base + "/made/.."), std::runtime_error);
+
+    if (::geteuid() == 0) {
+        const std::string foreign = base + "/foreign";
+        ASSERT_EQ(0, ::mkdir(foreign.c_str(), 0755));
+        ASSERT_EQ(0, ::chown(foreign.c_str(), 65534, 65534));
+        EXPECT_THROW(shared::CheckedFolder::Open(foreign), std::runtime_error);
+    }
 }
 
 }  // namespace
