@@ -3,16 +3,15 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>

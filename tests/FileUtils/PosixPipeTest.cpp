@@ -15,6 +15,7 @@
 #include <unistd.h>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -279,6 +280,32 @@ TEST(PosixPipe, BlockLargerThanThePipeRaisesItsSize) {
     EXPECT_EQ(block, DrainPipe(fifo.path));
     EXPECT_TRUE(log.Messages("WARN").empty());
     EXPECT_TRUE(log.Messages("ERROR").empty());
+
+    // An unprivileged writer may not raise it beyond /proc/sys/fs/pipe-max-size: such a block
+    // is refused whole.
+    if (::geteuid() != 0) {
+        return;
+    }
+    std::ifstream limitFile("/proc/sys/fs/pipe-max-size");
+    size_t limit = 0;
+    ASSERT_TRUE(limitFile >> limit);
+    const std::string huge = filetest::Pattern(limit + 4096, 5);
+    ASSERT_EQ(0, ::chmod(fifo.path.c_str(), 0666));
+    ASSERT_EQ(0, ::chmod(testsupport::TestRunDir().c_str(), 0711));
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+            return 2;
+        }
+        testsupport::LogCapture childLog("Slot.Writer");
+        PipeWriter nobody(fifo.path);
+        nobody.Write(huge);
+        const std::string error = "Block of " + std::to_string(huge.size()) +
+                                  " bytes is larger than named pipe '" + fifo.path + "' can hold (";
+        return childLog.CountPrefix("ERROR", error) == 1 ? 0 : 3;
+    });
+    ::chmod(testsupport::TestRunDir().c_str(), 0700);
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_EQ("", DrainPipe(fifo.path));
 }
 
 // The reader takes nothing while nobody is subscribed, also once the last subscriber has left:
