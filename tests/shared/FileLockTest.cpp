@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <csignal>
+#include <memory>
+#include <vector>
 
 namespace {
 
@@ -183,6 +185,55 @@ TEST(FileLock, ReadOnlyClaimantsExcludeEachOtherAndWritableOnes) {
     EXPECT_EQ(1, owner.Wait().exitCode);
     EXPECT_TRUE(mine.try_lock()) << "released by the owner's exit";
     ::chmod(testsupport::TestRunDir().c_str(), 0700);
+}
+
+// Processes racing for one lock file: never two winners, also when all of them must use shared
+// locks (the file is another user's), where a race may leave no winner at all.
+TEST(FileLock, RacingProcessesNeverBothWin) {
+    const int kProcesses = 6;
+    for (int kind = 0; kind < 2; ++kind) {
+        if (kind == 1 && ::geteuid() != 0) {
+            GTEST_SKIP() << "needs root to give the lock file to another user";
+        }
+        for (int round = 0; round < 10; ++round) {
+            const std::string path = FreshLockFile();
+            if (kind == 1) {
+                ASSERT_EQ(0, ::chown(path.c_str(), 65534, 65534));
+            }
+            PipeSignal go, tried, done;
+            std::vector<std::unique_ptr<ChildProcess>> children;
+            for (int i = 0; i < kProcesses; ++i) {
+                children.emplace_back(new ChildProcess([&] {
+                    shared::FileLock lock(path.c_str());
+                    go.WaitFor();
+                    const bool won = lock.try_lock();
+                    tried.Post();
+                    done.WaitFor();  // winners hold until everybody has tried
+                    return won ? 1 : 0;
+                }));
+            }
+            for (int i = 0; i < kProcesses; ++i) {
+                go.Post();
+            }
+            for (int i = 0; i < kProcesses; ++i) {
+                ASSERT_TRUE(tried.WaitFor());
+            }
+            for (int i = 0; i < kProcesses; ++i) {
+                done.Post();
+            }
+            int winners = 0;
+            for (auto& child : children) {
+                const ChildResult result = child->Wait();
+                ASSERT_TRUE(result.exited) << result.Describe();
+                winners += result.exitCode;
+            }
+            if (kind == 0) {
+                EXPECT_EQ(1, winners) << "exclusive locks: exactly one winner";
+            } else {
+                EXPECT_LE(winners, 1) << "shared-lock claimants: at most one winner";
+            }
+        }
+    }
 }
 
 TEST(TouchFile, CreatesAReadableFileAndRefusesSymlinksAndFolders) {
