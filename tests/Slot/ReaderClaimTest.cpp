@@ -29,7 +29,7 @@ boost::shared_ptr<ISlot> Reliable(const std::string& name) {
 }
 
 // Whether a reader of `name` can be made in a fresh process right now (1 yes, 0 refused with
-// the specified text, anything else a failure).
+// the refusal text, anything else a failure).
 int ClaimInAnotherProcess(const std::string& name) {
     const ChildResult result = testsupport::RunInChild([&] {
         try {
