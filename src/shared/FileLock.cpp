@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
@@ -143,6 +144,13 @@ FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary) {
     if (fd < 0 && writable && errno == EACCES) {
         writable = false;
         fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | common);
+    }
+    if (fd < 0 && errno == EACCES) {
+        char mode[8];
+        std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned int>(st.st_mode & 07777));
+        Throw("Cannot open lock file '" + path + "' : it belongs to uid " +
+              std::to_string(st.st_uid) + " with mode " + mode +
+              ", which no reader of another user can use; its owner or root can remove it");
     }
     if (fd < 0) {
         ThrowErrno(path, errno);

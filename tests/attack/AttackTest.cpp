@@ -347,4 +347,27 @@ TEST_F(Attack, NoLastingRefusalThroughTheLockFile) {
     }
 }
 
+// The one lock file that refuses a reader until it is removed is one that the reader cannot
+// even read, which the library never makes: the refusal says whose file it is.
+TEST_F(Attack, UnreadableLockFileIsRefusedWithAClearMessage) {
+    testsupport::ScopedSlotName scoped("atkmode");
+    const std::string name = scoped.str();
+    const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
+    std::ofstream(lock.c_str()) << "";
+    ASSERT_EQ(0, ::chmod(lock.c_str(), 0600));
+    EXPECT_EQ(0, AsAttacker([&] {
+                  try {
+                      boost::shared_ptr<ISlot> slot(new testsupport::FakeSlot(name));
+                      ReliableSlotReader reader(slot, Update);
+                      return 1;
+                  } catch (const std::exception& e) {
+                      const std::string expected = "Cannot open lock file '" + lock +
+                                                   "' : it belongs to uid 0 with mode 0600";
+                      return std::string(e.what()).compare(0, expected.size(), expected) == 0 ? 0
+                                                                                              : 2;
+                  }
+              }));
+    EXPECT_TRUE(RootReader(name)) << "root's own reader is not refused";
+}
+
 }  // namespace
