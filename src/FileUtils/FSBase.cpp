@@ -8,7 +8,10 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -19,20 +22,94 @@ namespace FileUtils {
 namespace {
 
 const int kFileMode = 0666;
+const int kCommonFlags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
-int OpenFile(const std::string& path, bool fifo, bool truncate) {
-    if (fifo) {
-        return ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    }
-    // O_NONBLOCK: should a FIFO appear at the path meanwhile, the open does not wait for it.
-    return ::open(path.c_str(),
-                  O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC | (truncate ? O_TRUNC : 0),
-                  kFileMode);
+[[noreturn]] void ThrowCannotOpen(const std::string& name, const std::string& reason) {
+    throw std::runtime_error("Cannot open '" + name + "' : " + reason);
 }
 
-bool IsFifo(const std::string& path) {
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0 && S_ISFIFO(st.st_mode);
+// Opens `leaf` in the checked folder `dir` as what it is now: a FIFO read-write, a regular file
+// or a character device write-only and appending; creates a missing regular file. The kind
+// seen before the open must be the kind opened, else the entry was swapped and is looked at
+// again. `st` receives the opened file's status, `created` whether it was made here.
+int OpenInFolder(int dir, const std::string& leaf, const std::string& name, struct stat& st,
+                 bool& created) {
+    struct stat folder;
+    if (::fstat(dir, &folder) != 0) {
+        ThrowCannotOpen(name, std::strerror(errno));
+    }
+    const bool shared = (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    for (int round = 0; round < 5; ++round) {
+        created = false;
+        struct stat seen;
+        int fd = -1;
+        if (::fstatat(dir, leaf.c_str(), &seen, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno != ENOENT) {
+                ThrowCannotOpen(name, std::strerror(errno));
+            }
+            fd = ::openat(dir, leaf.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | kCommonFlags,
+                          kFileMode);
+            if (fd < 0 && errno == EEXIST) {
+                continue;
+            }
+            created = fd >= 0;
+            seen.st_mode = S_IFREG;
+        } else if (S_ISFIFO(seen.st_mode)) {
+            fd = ::openat(dir, leaf.c_str(), O_RDWR | kCommonFlags);
+        } else if (S_ISREG(seen.st_mode) || S_ISCHR(seen.st_mode)) {
+            fd = ::openat(dir, leaf.c_str(), O_WRONLY | O_APPEND | kCommonFlags);
+        } else {
+            ThrowCannotOpen(name, "not a regular file, a named pipe or a device");
+        }
+        if (fd < 0) {
+            if (errno == ELOOP) {
+                ThrowCannotOpen(name, "a symlink is in the way");
+            }
+            if (errno == ENOENT || errno == ENXIO) {
+                continue;  // removed, or a FIFO swapped in for a file: look again
+            }
+            ThrowCannotOpen(name, std::strerror(errno));
+        }
+        if (::fstat(fd, &st) != 0) {
+            const int error = errno;
+            ::close(fd);
+            ThrowCannotOpen(name, std::strerror(error));
+        }
+        if ((st.st_mode & S_IFMT) != (seen.st_mode & S_IFMT)) {
+            ::close(fd);
+            continue;
+        }
+        if (shared && !shared::OwnedByRootOrMe(st)) {
+            ::close(fd);
+            ThrowCannotOpen(name, "it belongs to uid " + std::to_string(st.st_uid) +
+                                      " in a folder that others may write to");
+        }
+        if (shared && S_ISREG(st.st_mode) && st.st_nlink != 1) {
+            ::close(fd);
+            ThrowCannotOpen(name, "it has more than one link in a folder that others may write to");
+        }
+        return fd;
+    }
+    ThrowCannotOpen(name, "it keeps changing while it is opened");
+}
+
+// Puts a new empty file in the place of `leaf` (a rename: the old file is not changed) and
+// returns it opened; -1 when that fails.
+int ReplaceWithEmptyFile(int dir, const std::string& leaf, struct stat& st) {
+    static std::atomic<unsigned int> counter{0};
+    const std::string temporary =
+        "." + leaf + "." + std::to_string(::getpid()) + "." + std::to_string(counter++) + ".new";
+    const int fd = ::openat(dir, temporary.c_str(),
+                            O_WRONLY | O_CREAT | O_EXCL | O_APPEND | kCommonFlags, kFileMode);
+    if (fd < 0) {
+        return -1;
+    }
+    if (::renameat(dir, temporary.c_str(), dir, leaf.c_str()) != 0 || ::fstat(fd, &st) != 0) {
+        ::unlinkat(dir, temporary.c_str(), 0);
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 }  // namespace
@@ -87,24 +164,29 @@ std::string FSBase::MakeFileName() const {
 
 void FSBase::ReopenLocked() {
     const std::string name = MakeFileName();
-    const bool fifo = IsFifo(name);
-    int fd = OpenFile(name, fifo, !append_ && !openedBefore_);
-    if (fd < 0) {
-        throw std::runtime_error("Cannot open '" + name + "' : " + std::strerror(errno));
+    std::string folderPath;
+    std::string leaf;
+    if (!shared::SplitFolderAndName(name, folderPath, leaf)) {
+        ThrowCannotOpen(name, "not a file name");
+    }
+    shared::CheckedFolder folder;
+    try {
+        folder = shared::CheckedFolder::Open(folderPath);
+    } catch (const std::exception& e) {
+        ThrowCannotOpen(name, e.what());
     }
     struct stat st;
-    if (::fstat(fd, &st) != 0) {
-        const int error = errno;
+    bool created = false;
+    int fd = OpenInFolder(folder.fd(), leaf, name, st, created);
+    if (!append_ && !openedBefore_ && S_ISREG(st.st_mode) && !created && st.st_size != 0) {
+        struct stat fresh;
+        const int empty = ReplaceWithEmptyFile(folder.fd(), leaf, fresh);
         ::close(fd);
-        throw std::runtime_error("Cannot open '" + name + "' : " + std::strerror(error));
-    }
-    if (S_ISFIFO(st.st_mode) && !fifo) {
-        // A FIFO replaced the file between the look and the open: open it as a pipe.
-        ::close(fd);
-        fd = OpenFile(name, true, false);
-        if (fd < 0) {
-            throw std::runtime_error("Cannot open '" + name + "' : " + std::strerror(errno));
+        if (empty < 0) {
+            ThrowCannotOpen(name, std::string("cannot start it empty : ") + std::strerror(errno));
         }
+        fd = empty;
+        st = fresh;
     }
     // The new stream is open before the old one closes, so a pipe nobody else holds keeps the
     // bytes it buffers.
@@ -113,6 +195,8 @@ void FSBase::ReopenLocked() {
     isFifo_ = S_ISFIFO(st.st_mode);
     isRegular_ = S_ISREG(st.st_mode);
     fileName_ = name;
+    folder_ = std::move(folder);
+    leaf_ = leaf;
     openedBefore_ = true;
     droppingOnFullPipe_ = false;
     if (old >= 0) {
@@ -162,7 +246,7 @@ bool FSBase::FileIsStillInPlaceLocked() const {
     if (::fstat(fd_, &opened) != 0) {
         return true;
     }
-    if (::stat(fileName_.c_str(), &named) != 0) {
+    if (::fstatat(folder_.fd(), leaf_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
         return false;
     }
     return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
@@ -244,14 +328,79 @@ bool FSBase::WriteAllLocked(const char* data, size_t size) {
     return true;
 }
 
+bool FSBase::WaitForPipeRoomLocked(size_t size, size_t pageSize, long long timeoutMs) {
+    const int capacity = ::fcntl(fd_, F_GETPIPE_SZ);
+    if (capacity <= 0) {
+        return true;  // unknown: let the write find out
+    }
+    const size_t pages = static_cast<size_t>(capacity) / pageSize;
+    const size_t needed = (size + pageSize - 1) / pageSize;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    int pauseMs = 1;
+    for (;;) {
+        int unread = 0;
+        if (::ioctl(fd_, FIONREAD, &unread) != 0) {
+            return true;
+        }
+        // Unread bytes may start anywhere in their first page and leave the rest of their last
+        // page unused by a new block: count one page more than they fill.
+        const size_t busy =
+            unread <= 0 ? 0 : (static_cast<size_t>(unread) + pageSize - 1) / pageSize + 1;
+        if (busy + needed <= pages) {
+            return true;
+        }
+        const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   deadline - std::chrono::steady_clock::now())
+                                   .count();
+        if (left <= 0) {
+            return false;
+        }
+        // poll() reports POLLOUT as soon as one page is free, which may be too little: look
+        // again after a short pause.
+        ::poll(nullptr, 0, static_cast<int>(std::min<long long>(left, pauseMs)));
+        pauseMs = std::min(pauseMs * 2, 20);
+    }
+}
+
 void FSBase::WritePipeLocked(const char* data, size_t size) {
-    const boost::posix_time::ptime deadline =
-        boost::posix_time::microsec_clock::universal_time() +
-        (droppingOnFullPipe_ ? boost::posix_time::time_duration() : pipeFullTimeout_);
+    if (size == 0) {
+        return;
+    }
+    const long long timeoutMs = droppingOnFullPipe_ ? 0 : pipeFullTimeout_.total_milliseconds();
+    if (size > PIPE_BUF) {
+        const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+        const int capacity = ::fcntl(fd_, F_GETPIPE_SZ);
+        const size_t needed = (size + page - 1) / page * page;
+        if (capacity > 0 && needed > static_cast<size_t>(capacity) &&
+            (needed > INT_MAX || ::fcntl(fd_, F_SETPIPE_SZ, static_cast<int>(needed)) < 0)) {
+            if (logger_->isErrorEnabled()) {
+                LOG4CXX_ERROR(logger_, "Block of " << size << " bytes is larger than named pipe '"
+                                                   << fileName_ << "' can hold (" << capacity
+                                                   << " bytes), dropped");
+            }
+            return;
+        }
+        if (!WaitForPipeRoomLocked(size, page, timeoutMs)) {
+            droppingOnFullPipe_ = true;
+            if (logger_->isWarnEnabled()) {
+                LOG4CXX_WARN(logger_, "Named pipe '" << fileName_ << "' is full, block of " << size
+                                                     << " bytes dropped");
+            }
+            return;
+        }
+    }
+    // Up to PIPE_BUF a write is all or nothing. A larger block has room now; should another
+    // writer take it first, the started block is finished within a new time-out rather than
+    // cut short.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     size_t done = 0;
     while (done < size) {
         const ssize_t n = ::write(fd_, data + done, size - done);
         if (n > 0) {
+            if (done == 0 && static_cast<size_t>(n) < size) {
+                deadline = std::chrono::steady_clock::now() +
+                           std::chrono::milliseconds(pipeFullTimeout_.total_milliseconds());
+            }
             done += static_cast<size_t>(n);
             continue;
         }
@@ -262,8 +411,9 @@ void FSBase::WritePipeLocked(const char* data, size_t size) {
             FailWriteLocked(errno, size - done, size);
             return;
         }
-        const long long left =
-            (deadline - boost::posix_time::microsec_clock::universal_time()).total_milliseconds();
+        const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   deadline - std::chrono::steady_clock::now())
+                                   .count();
         if (left <= 0) {
             break;
         }
@@ -289,14 +439,17 @@ void FSBase::WritePipeLocked(const char* data, size_t size) {
 void FSBase::RotateLocked() {
     const std::string current = fileName_;
     CloseLocked();
+    // Renamed inside the folder that was checked when the file was opened.
+    const int dir = folder_.fd();
     for (unsigned int i = maxFileIndex_; i > 0; --i) {
-        const std::string from = current + "." + std::to_string(i - 1);
-        const std::string to = current + "." + std::to_string(i);
+        const std::string from = leaf_ + "." + std::to_string(i - 1);
+        const std::string to = leaf_ + "." + std::to_string(i);
         // A missing older file is not an error.
-        std::rename(from.c_str(), to.c_str());
+        ::renameat(dir, from.c_str(), dir, to.c_str());
     }
     const std::string rotated = current + ".0";
-    if (std::rename(current.c_str(), rotated.c_str()) != 0 && logger_->isErrorEnabled()) {
+    if (::renameat(dir, leaf_.c_str(), dir, (leaf_ + ".0").c_str()) != 0 &&
+        logger_->isErrorEnabled()) {
         LOG4CXX_ERROR(logger_, "Cannot rotate '" << current << "' : " << std::strerror(errno));
     } else if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "Rotated '" << current << "' to '" << rotated << "'");

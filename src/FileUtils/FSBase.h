@@ -4,6 +4,7 @@
 #include <FileUtils/Export.h>
 
 #include <Slot/IFileOutputCfg.h>
+#include <shared/SharedFolder.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/thread/mutex.hpp>
@@ -21,9 +22,18 @@ namespace FileUtils {
 // the time-stamped flag is set. The format name of the configuration is not used: the
 // formatting is the function given to FStreamSubscriber.
 //
+// Opening: the folder is a shared::CheckedFolder (real folders of root or the user down from
+// the root, sticky where others may write) and the file is opened relative to it with
+// O_NOFOLLOW, then checked with fstat: it must still be of the kind that was seen (a regular
+// file, a FIFO or a character device; anything else, a symlink above all, is refused). In a
+// folder that others may write to, the file must also belong to root or the user, and a
+// regular file must have one link. A missing file is created with O_CREAT|O_EXCL. Nothing that
+// exists is truncated: the "empty on first opening" below puts a new empty file in the old
+// one's place (rename), so a file that was not ours is never cut.
+//
 // Regular files:
-// - opened in append mode; with the append flag off, the first opening by this object empties
-//   the file (later reopenings append, so that a reopening never throws written data away);
+// - opened in append mode; with the append flag off, the first opening by this object starts
+//   an empty file (later reopenings append, so that a reopening never throws written data away);
 // - never grow beyond the configured maximum size (0 = no limit). A block that would cross
 //   it is refused with a WARN when rotation is off. With rotation on, the file is first renamed
 //   to "<file>.0" (older ones move up to "<file>.<max file index>", the oldest is removed) and a
@@ -33,14 +43,20 @@ namespace FileUtils {
 // Named pipes (FIFOs):
 // - opened read-write and non-blocking. The open never waits for a reader, and since this
 //   object is itself a reader of the pipe, a write can never fail with EPIPE or raise SIGPIPE.
-// - each block is passed to one write(2): blocks of up to PIPE_BUF (4096) bytes arrive whole,
-//   never interleaved with other writers' bytes; larger ones may be split by the kernel.
+// - a block enters the pipe whole or not at all. Blocks of up to PIPE_BUF (4096) bytes are
+//   written by one atomic write(2). For a larger block the writer first waits until the pipe has
+//   room for all of it (free room = pipe size less the unread bytes, counted in the pipe's pages),
+//   then writes it; the kernel never mixes it with other writers' bytes only for blocks up to
+//   PIPE_BUF, so several writers of large blocks should not share a pipe.
+// - a block larger than the pipe can ever hold makes the writer raise the pipe's size
+//   (F_SETPIPE_SZ; /proc/sys/fs/pipe-max-size bounds it for unprivileged processes); when that
+//   is not allowed the block is refused whole with an ERROR.
 // - blocks written while no process reads are kept by the kernel, up to the pipe capacity
 //   (64 KiB by default), and are read by the next reader that opens the pipe while this object
-//   lives. When the pipe is full the writer waits up to the pipe-full time-out (default 1 s)
-//   for room, then drops the block (or its rest) with a WARN. While blocks are being dropped
-//   the writer does not wait again until a block has gone through, so a pipe nobody reads
-//   costs one time-out, not one per block.
+//   lives. When the pipe has no room the writer waits up to the pipe-full time-out (default
+//   1 s), then drops the whole block with a WARN. While blocks are being dropped the writer does
+//   not wait again until a block has gone through, so a pipe nobody reads costs one time-out,
+//   not one per block.
 // - bytes still unread when the writer closes the pipe are lost if no other process has it
 //   open for reading: the kernel frees a pipe with its last descriptor. The writer finds out
 //   when it closes and then logs how many bytes are lost, at WARN.
@@ -90,6 +106,8 @@ protected:
 
 private:
     std::string MakeFileName() const;
+    // Waits until the pipe has room for `size` bytes, up to `timeoutMs`; false when it has not.
+    bool WaitForPipeRoomLocked(size_t size, size_t pageSize, long long timeoutMs);
     void WriteRegularFileLocked(const char* data, size_t size);
     void WritePipeLocked(const char* data, size_t size);
     bool WriteAllLocked(const char* data, size_t size);
@@ -112,6 +130,8 @@ private:
     bool openedBefore_;                                 // guarded by mutex_
     bool droppingOnFullPipe_;                           // guarded by mutex_
     std::string fileName_;                              // guarded by mutex_
+    shared::CheckedFolder folder_;                      // guarded by mutex_; of fileName_
+    std::string leaf_;                                  // guarded by mutex_; fileName_ in folder_
     boost::posix_time::time_duration pipeFullTimeout_;  // guarded by mutex_
 };
 

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <FileUtils/FSUtils.h>
 
+#include <shared/SharedFolder.h>
+
 #include <sys/stat.h>
 #include <cstdlib>
+#include <exception>
 
 namespace FileUtils {
 
@@ -26,8 +29,10 @@ std::string FSUtils::GetSingletonFileLockName(const std::string& name) {
 }
 
 void FSUtils::EnsureSharedDirectory(const std::string& dir) {
-    if (::mkdir(dir.c_str(), 01777) == 0) {
-        ::chmod(dir.c_str(), 01777);
+    try {
+        shared::CheckedFolder::Open(dir, 01777);
+    } catch (const std::exception&) {
+        // Reported by the opening of the file in it, which checks the folder again.
     }
 }
 

@@ -15,10 +15,13 @@ public:
     // 01777. The file itself is not created: "<dir>/<name>.lock".
     static std::string GetSingletonFileLockName(const std::string& name);
 
-    // Makes sure the directory `dir` exists. One created here gets mode 01777 (set with chmod,
+    // Makes sure the directory `dir` exists. One created here gets mode 01777 (set with fchmod,
     // so the umask does not matter): every user's processes can create their files in it, and
-    // the sticky bit keeps them from removing each other's. An existing directory is left as
-    // it is. Failure is not reported: the later open or mkfifo in it fails with the reason.
+    // the sticky bit keeps them from removing each other's. It is reached as a
+    // shared::CheckedFolder, so it and every folder above it must be real folders of root or of
+    // the user, sticky when others may write to them; a folder made by another user is not
+    // used. An existing directory is left as it is. Failure is not reported: the later opening
+    // of a file in it checks the folder again and fails with the reason.
     static void EnsureSharedDirectory(const std::string& dir);
 
     // The value of environment variable `name` when set and not empty, else `fallback`.

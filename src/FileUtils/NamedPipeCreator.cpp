@@ -2,29 +2,28 @@
 #include <FileUtils/NamedPipeCreator.h>
 
 #include <FileUtils/FSUtils.h>
+#include <shared/SharedFolder.h>
 
 #include <log4cxx/logger.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 
 namespace FileUtils {
 
 namespace {
 
-enum class PathState { Missing, Fifo, Other, Error };
+const char kFifoSuffix[] = ".fifo";
+const char kInTheWay[] = "a file that is not a FIFO is in the way";
 
-PathState Inspect(const std::string& path, int& error) {
-    struct stat st;
-    if (::stat(path.c_str(), &st) != 0) {
-        error = errno;
-        return error == ENOENT ? PathState::Missing : PathState::Error;
-    }
-    return S_ISFIFO(st.st_mode) ? PathState::Fifo : PathState::Other;
+std::string PipeDirectory() {
+    return FSUtils::DirectoryFromEnvironment("SLOT_PIPE_DIR", "/tmp/libslot-pipes");
 }
 
-bool Fail(const std::string& path, const char* reason) {
+bool Fail(const std::string& path, const std::string& reason) {
     log4cxx::LoggerPtr logger = log4cxx::Logger::getLogger("FileUtils");
     if (logger->isErrorEnabled()) {
         LOG4CXX_ERROR(logger, "Cannot create named pipe '" << path << "' : " << reason);
@@ -32,37 +31,77 @@ bool Fail(const std::string& path, const char* reason) {
     return false;
 }
 
+bool EndsWith(const std::string& text, const std::string& suffix) {
+    return text.size() >= suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// A pipe's path names an entry directly in its folder, and a pipe of the pipe folder is
+// "<name>.fifo" with a name that is neither empty nor "." nor "..": names like "../x", "a/b",
+// "", "." and ".." do not stay in the pipe folder.
+bool StaysInItsFolder(const std::string& path, const std::string& folder, const std::string& leaf) {
+    const std::string dir = PipeDirectory();
+    if (folder != dir && folder.compare(0, dir.size() + 1, dir + "/") == 0) {
+        return false;  // in a folder below the pipe folder
+    }
+    if (path.find("/../") != std::string::npos || path.compare(0, 3, "../") == 0) {
+        return false;
+    }
+    if (EndsWith(leaf, kFifoSuffix)) {
+        const std::string stem = leaf.substr(0, leaf.size() - (sizeof(kFifoSuffix) - 1));
+        if (stem.empty() || stem == "." || stem == "..") {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string NamedPipeCreator::ConstructPipeFilename(const std::string& name) {
-    const std::string dir =
-        FSUtils::DirectoryFromEnvironment("SLOT_PIPE_DIR", "/tmp/libslot-pipes");
+    const std::string dir = PipeDirectory();
     FSUtils::EnsureSharedDirectory(dir);
-    return dir + "/" + name + ".fifo";
+    return dir + "/" + name + kFifoSuffix;
 }
 
 bool NamedPipeCreator::CreateIfNeeded(const std::string& path) {
-    int error = 0;
-    switch (Inspect(path, error)) {
-        case PathState::Fifo:
+    std::string folderPath;
+    std::string leaf;
+    if (!shared::SplitFolderAndName(path, folderPath, leaf) ||
+        !StaysInItsFolder(path, folderPath, leaf)) {
+        return Fail(path, "the name does not stay in the pipe folder");
+    }
+    shared::CheckedFolder folder;
+    try {
+        folder = shared::CheckedFolder::Open(folderPath);
+    } catch (const std::exception& e) {
+        return Fail(path, e.what());
+    }
+    // Two rounds: a FIFO made by another process between our look and mkfifoat is looked at
+    // again. Nothing is followed: a symlink at the name counts as a file in the way.
+    for (int round = 0; round < 2; ++round) {
+        struct stat st;
+        if (::fstatat(folder.fd(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+            if (!S_ISFIFO(st.st_mode)) {
+                return Fail(path, kInTheWay);
+            }
+            if (!shared::OwnedByRootOrMe(st)) {
+                return Fail(path,
+                            "a named pipe of uid " + std::to_string(st.st_uid) + " is in the way");
+            }
             return true;
-        case PathState::Other:
-            return Fail(path, "a file that is not a FIFO is in the way");
-        case PathState::Error:
-            return Fail(path, std::strerror(error));
-        case PathState::Missing:
-            break;
+        }
+        if (errno != ENOENT) {
+            return Fail(path, std::strerror(errno));
+        }
+        if (::mkfifoat(folder.fd(), leaf.c_str(), 0666) == 0) {
+            return true;
+        }
+        if (errno != EEXIST) {
+            return Fail(path, std::strerror(errno));
+        }
     }
-    if (::mkfifo(path.c_str(), 0666) == 0) {
-        return true;
-    }
-    error = errno;
-    // Another process may have made it between our look and mkfifo.
-    if (error == EEXIST && Inspect(path, error) == PathState::Fifo) {
-        return true;
-    }
-    return Fail(path,
-                error == EEXIST ? "a file that is not a FIFO is in the way" : std::strerror(error));
+    return Fail(path, kInTheWay);
 }
 
 }  // namespace FileUtils

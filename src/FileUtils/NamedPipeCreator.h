@@ -15,9 +15,16 @@ public:
     static std::string ConstructPipeFilename(const std::string& name);
 
     // Creates a FIFO at `path` (mode 0666 less the umask) unless one is there already. False
-    // when it cannot be made, also when a file that is not a FIFO (a regular file, a directory)
-    // is in the way; the reason is logged at ERROR on logger "FileUtils". Safe against another
-    // process creating the same FIFO at the same time.
+    // when it cannot be made, also when
+    // - the path does not stay in its folder: a ".." component, a folder below the pipe folder,
+    //   or "<name>.fifo" with an empty name, "." or ".." (slot names "../x", "a/b", "", ".",
+    //   "..");
+    // - the folder fails the checks of shared::CheckedFolder;
+    // - something that is not a FIFO (a regular file, a folder, a symlink) is in the way, or a
+    //   FIFO of another user than root or the effective user (which could hand this process's
+    //   blocks to that user, or feed it theirs).
+    // The reason is logged at ERROR on logger "FileUtils". Nothing at the path is followed or
+    // changed. Safe against another process creating the same FIFO at the same time.
     static bool CreateIfNeeded(const std::string& path);
 };
 

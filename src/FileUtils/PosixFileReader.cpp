@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <FileUtils/PosixFileReader.h>
 
+#include <shared/SharedFolder.h>
 #include <shared/SizedArray.h>
 
 #include <boost/bind/bind.hpp>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 #include <climits>
@@ -30,6 +32,42 @@ std::string NameFromPath(const std::string& path) {
     return name;
 }
 
+// Opens the pipe (or file) read-write, or read-only when only that is allowed for a regular
+// file, relative to its checked folder and without following a symlink; it must be a FIFO or a
+// regular file of root or the user.
+int OpenChecked(const std::string& path) {
+    std::string folderPath;
+    std::string name;
+    if (!shared::SplitFolderAndName(path, folderPath, name)) {
+        throw std::runtime_error("Cannot open '" + path + "' : not a file name");
+    }
+    shared::CheckedFolder folder;
+    try {
+        folder = shared::CheckedFolder::Open(folderPath);
+    } catch (const std::exception& e) {
+        throw std::runtime_error("Cannot open '" + path + "' : " + e.what());
+    }
+    const int flags = O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+    int fd = ::openat(folder.fd(), name.c_str(), O_RDWR | flags);
+    if (fd < 0 && errno == EACCES) {
+        // A regular file we may only read: read-write is only needed for pipes.
+        fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | flags);
+    }
+    if (fd < 0) {
+        throw std::runtime_error(
+            "Cannot open '" + path +
+            "' : " + (errno == ELOOP ? "a symlink is in the way" : std::strerror(errno)));
+    }
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !(S_ISFIFO(st.st_mode) || S_ISREG(st.st_mode)) ||
+        !shared::OwnedByRootOrMe(st)) {
+        ::close(fd);
+        throw std::runtime_error("Cannot open '" + path +
+                                 "' : not a named pipe or regular file of root or this user");
+    }
+    return fd;
+}
+
 int ToMilliseconds(const boost::posix_time::time_duration& period) {
     const long long ms = period.total_milliseconds();
     if (ms < 1) {
@@ -47,16 +85,8 @@ PosixFileReader::PosixFileReader(const std::string& path, unsigned size,
       size_(size == 0 ? kDefaultChunk : size),
       periodMs_(ToMilliseconds(period)),
       logger_(log4cxx::Logger::getLogger("Slot.Reader")),
-      fd_(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)),
-      subscribed_(false),
+      fd_(OpenChecked(path)),
       stopping_(false) {
-    if (fd_ < 0 && errno == EACCES) {
-        // A regular file we may only read: read-write is only needed for pipes.
-        fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    }
-    if (fd_ < 0) {
-        throw std::runtime_error("Cannot open '" + path + "' : " + std::strerror(errno));
-    }
     if (::pipe2(wakeFds_, O_NONBLOCK | O_CLOEXEC) != 0) {
         const int error = errno;
         ::close(fd_);
@@ -78,9 +108,19 @@ PosixFileReader::~PosixFileReader() {
 
 void PosixFileReader::subscribe(shared::ISubscriber* subscriber) {
     shared::Notifier::subscribe(subscriber);
-    if (subscriber != nullptr && !subscribed_.exchange(true)) {
+    if (subscriber != nullptr) {
         Wake();
     }
+}
+
+void PosixFileReader::unsubscribe(shared::ISubscriber* subscriber) {
+    boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+    shared::Notifier::unsubscribe(subscriber);
+}
+
+void PosixFileReader::unsubscribeAll() {
+    boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+    shared::Notifier::unsubscribeAll();
 }
 
 void PosixFileReader::Wake() {
@@ -139,20 +179,31 @@ void PosixFileReader::ReadLoop() {
     shared::SizedArray buffer(size_);
     while (!stopping_) {
         boost::this_thread::interruption_point();
-        if (!subscribed_) {
-            WaitReadable(-1, false);
-            continue;
+        ssize_t n = 0;
+        int error = 0;
+        {
+            // Checked, read and delivered under deliveryMutex_: the last subscriber cannot leave
+            // between the check and the delivery, so no byte is read for nobody.
+            boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+            if (!hasSubscribers()) {
+                n = -2;
+            } else {
+                n = ::read(fd_, buffer.data(), size_);
+                error = errno;
+                if (n > 0) {
+                    notify(name_, buffer.data(), static_cast<unsigned int>(n));
+                    continue;
+                }
+            }
         }
-        const ssize_t n = ::read(fd_, buffer.data(), size_);
-        if (n > 0) {
-            notify(name_, buffer.data(), static_cast<unsigned int>(n));
+        if (n == -2) {
+            WaitReadable(-1, false);
         } else if (n == 0) {
             // End of a regular file (a pipe held read-write never ends): look again later.
             Pause();
-        } else if (errno == EAGAIN || errno == EINTR) {
+        } else if (error == EAGAIN || error == EINTR) {
             WaitReadable(periodMs_, true);
         } else {
-            const int error = errno;
             if (logger_->isErrorEnabled()) {
                 LOG4CXX_ERROR(logger_,
                               "Read error on '" << path_ << "' : " << std::strerror(error));

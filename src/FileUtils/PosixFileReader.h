@@ -6,6 +6,7 @@
 #include <shared/Notifier.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 
 #include <log4cxx/logger.h>
@@ -19,12 +20,15 @@ namespace FileUtils {
 // with every chunk read, under the name of the slot: the file name without directory and
 // without ".fifo".
 //
-// - The thread starts in the constructor, but nothing is read before the first subscribe():
-//   until then the bytes wait in the pipe, so a host that subscribes right after construction
-//   loses nothing.
+// - The thread starts in the constructor, but nothing is read while the reader has no
+//   subscriber, before the first subscribe() and after the last one has left: the bytes wait in
+//   the pipe, so a host that subscribes right after construction, or a new subscriber after a
+//   gap, loses nothing.
 // - A pipe is a byte stream: a chunk holds at most `size` bytes of what is waiting, so several
 //   writes may come in one notification and a write may be split over two. The bytes arrive
 //   unchanged and in order.
+// - The pipe is opened relative to its checked folder (shared::CheckedFolder), without
+//   following a symlink, and must be a FIFO or a regular file of root or the user.
 // - The pipe is opened read-write and non-blocking. The reader thus counts as a writer too: it
 //   never sees end-of-file when a writer closes, and it goes on reading when a new writer
 //   opens the pipe. A regular file is read like `tail -f`: at its end the reader looks again
@@ -45,6 +49,8 @@ public:
     ~PosixFileReader() override;
 
     void subscribe(shared::ISubscriber* subscriber) override;
+    void unsubscribe(shared::ISubscriber* subscriber) override;
+    void unsubscribeAll() override;
 
     const std::string& GetName() const { return name_; }
 
@@ -63,9 +69,12 @@ private:
     const int periodMs_;
     log4cxx::LoggerPtr logger_;
     int fd_;
-    int wakeFds_[2];                // self-pipe: written by subscribe() and the destructor
-    std::atomic<bool> subscribed_;  // set by the first subscribe()
-    std::atomic<bool> stopping_;    // set by the destructor
+    int wakeFds_[2];  // self-pipe: written by subscribe() and the destructor
+    // Held by the thread while it checks for subscribers, reads and notifies, and by
+    // unsubscribe/unsubscribeAll. Recursive: a subscriber may unsubscribe from inside onNotify.
+    // Taken before the Notifier's own mutex.
+    boost::recursive_mutex deliveryMutex_;
+    std::atomic<bool> stopping_;  // set by the destructor
     boost::thread thread_;
 };
 

@@ -1,122 +1,289 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <shared/FileLock.h>
 
+#include <shared/SharedFolder.h>
+
 #include <boost/interprocess/exceptions.hpp>
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <vector>
 
 namespace shared {
 
+// One per lock file and process. All fields are guarded by the registry mutex.
+struct FileLockEntry {
+    int fd;
+    dev_t dev;
+    ino_t ino;
+    bool writable;           // fd is read-write: the claim is an exclusive lock
+    unsigned int refs;       // FileLock objects that share fd
+    const FileLock* holder;  // the FileLock that holds the process's lock, or null
+};
+
 namespace {
 
-void ThrowSystemError() {
-    throw boost::interprocess::interprocess_exception(
-        boost::interprocess::error_info(boost::interprocess::system_error_code()));
+struct Registry {
+    pthread_mutex_t mutex;
+    std::vector<FileLockEntry*>* entries;  // never freed: usable during static teardown
+    // Descriptors of files that already had an entry when they were opened again (only when
+    // a file is swapped in under another name during the open). Closing one would drop the
+    // process's lock on that file, so they stay open.
+    std::vector<int>* parked;
+};
+
+Registry registry = {PTHREAD_MUTEX_INITIALIZER, nullptr, nullptr};
+pthread_once_t registryOnce = PTHREAD_ONCE_INIT;
+
+void AtForkPrepare() {
+    pthread_mutex_lock(&registry.mutex);
+}
+void AtForkParent() {
+    pthread_mutex_unlock(&registry.mutex);
+}
+// The child holds no record lock: forget every holder. Its mutex is made anew, since the
+// thread that locked it does not exist in the child.
+void AtForkChild() {
+    pthread_mutex_init(&registry.mutex, nullptr);
+    for (FileLockEntry* entry : *registry.entries) {
+        entry->holder = nullptr;
+    }
 }
 
-int SetLock(int fd, short type, int command) {
+void InitRegistry() {
+    registry.entries = new std::vector<FileLockEntry*>;
+    registry.parked = new std::vector<int>;
+    pthread_atfork(AtForkPrepare, AtForkParent, AtForkChild);
+}
+
+class RegistryLock {
+public:
+    RegistryLock() {
+        pthread_once(&registryOnce, InitRegistry);
+        pthread_mutex_lock(&registry.mutex);
+    }
+    ~RegistryLock() { pthread_mutex_unlock(&registry.mutex); }
+    RegistryLock(const RegistryLock&) = delete;
+    RegistryLock& operator=(const RegistryLock&) = delete;
+};
+
+[[noreturn]] void Throw(const std::string& text) {
+    throw boost::interprocess::interprocess_exception(text.c_str());
+}
+
+[[noreturn]] void ThrowErrno(const std::string& path, int error) {
+    Throw("Cannot open lock file '" + path + "' : " + std::strerror(error));
+}
+
+FileLockEntry* Find(dev_t dev, ino_t ino) {
+    for (FileLockEntry* entry : *registry.entries) {
+        if (entry->dev == dev && entry->ino == ino) {
+            return entry;
+        }
+    }
+    return nullptr;
+}
+
+int SetLock(int fd, short type) {
     struct flock fl = {};
     fl.l_type = type;
     fl.l_whence = SEEK_SET;
     fl.l_start = 0;
     fl.l_len = 0;  // whole file
-    fl.l_pid = 0;  // required by OFD locks
-    return ::fcntl(fd, command, &fl);
+    return ::fcntl(fd, F_SETLK, &fl);
 }
 
-void WritePid(int fd) {
-    char text[32];
-    const int n = std::snprintf(text, sizeof(text), "%ld\n", static_cast<long>(::getpid()));
-    if (::ftruncate(fd, 0) == 0 && ::pwrite(fd, text, static_cast<size_t>(n), 0) == n) {
-        return;
+// Pid of another process that holds any lock on the file, 0 when none, -1 when unknown.
+pid_t OtherHolder(int fd) {
+    struct flock fl = {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    if (::fcntl(fd, F_GETLK, &fl) != 0 || fl.l_type == F_UNLCK) {
+        return 0;
     }
-    // The pid is only informative; a full disk does not refuse the lock.
+    return fl.l_pid > 0 ? fl.l_pid : -1;
+}
+
+// The registry's entry for the lock file at `path`, opened when there is none (the caller
+// holds the registry lock). With `keep` false a newly opened file is not registered: its
+// descriptor is returned in `temporary` and the caller closes it.
+FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary) {
+    temporary = -1;
+    std::string folderPath;
+    std::string name;
+    if (!SplitFolderAndName(path, folderPath, name)) {
+        Throw("Lock file path '" + path + "' does not name a file");
+    }
+    CheckedFolder folder;
+    try {
+        folder = CheckedFolder::Open(folderPath);
+    } catch (const std::exception& e) {
+        Throw(e.what());
+    }
+    struct stat st;
+    if (::fstatat(folder.fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        ThrowErrno(path, errno);
+    }
+    if (!S_ISREG(st.st_mode)) {
+        Throw("Lock file '" + path + "' is not a regular file");
+    }
+    if (FileLockEntry* entry = Find(st.st_dev, st.st_ino)) {
+        return entry;
+    }
+    // Read-write only on our own files; another user's lock file is never opened for writing.
+    bool writable = st.st_uid == ::geteuid();
+    const int common = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    int fd = ::openat(folder.fd(), name.c_str(), (writable ? O_RDWR : O_RDONLY) | common);
+    if (fd < 0 && writable && errno == EACCES) {
+        writable = false;
+        fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | common);
+    }
+    if (fd < 0 && errno == EACCES) {
+        char mode[8];
+        std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned int>(st.st_mode & 07777));
+        Throw("Cannot open lock file '" + path + "' : it belongs to uid " +
+              std::to_string(st.st_uid) + " with mode " + mode +
+              ", which no reader of another user can use; its owner or root can remove it");
+    }
+    if (fd < 0) {
+        ThrowErrno(path, errno);
+    }
+    struct stat opened;
+    if (::fstat(fd, &opened) != 0) {
+        const int error = errno;
+        ::close(fd);
+        ThrowErrno(path, error);
+    }
+    if (FileLockEntry* entry = Find(opened.st_dev, opened.st_ino)) {
+        registry.parked->push_back(fd);
+        return entry;
+    }
+    // Not registered, so this process holds no lock on it: closing fd is harmless.
+    if (!S_ISREG(opened.st_mode) || opened.st_nlink != 1 ||
+        (writable && opened.st_uid != ::geteuid())) {
+        ::close(fd);
+        Throw("Lock file '" + path + "' is not a plain file of one link (refused)");
+    }
+    if (!keep) {
+        temporary = fd;
+        return nullptr;
+    }
+    FileLockEntry* entry =
+        new FileLockEntry{fd, opened.st_dev, opened.st_ino, writable, 0, nullptr};
+    registry.entries->push_back(entry);
+    return entry;
 }
 
 }  // namespace
 
-FileLock::FileLock() : fd_(-1) {}
+FileLock::FileLock() : entry_(nullptr) {}
 
-FileLock::FileLock(const char* path) : fd_(::open(path, O_RDWR | O_CLOEXEC)) {
-    if (fd_ < 0) {
-        ThrowSystemError();
-    }
+FileLock::FileLock(const char* path) : entry_(nullptr) {
+    RegistryLock lock;
+    int temporary = -1;
+    entry_ = Acquire(path, true, temporary);
+    ++entry_->refs;
 }
 
 FileLock::~FileLock() {
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
+    Release();
 }
 
-FileLock::FileLock(FileLock&& other) noexcept : fd_(other.fd_) {
-    other.fd_ = -1;
+FileLock::FileLock(FileLock&& other) noexcept : entry_(nullptr) {
+    *this = std::move(other);
 }
 
 FileLock& FileLock::operator=(FileLock&& other) noexcept {
     if (this != &other) {
-        if (fd_ >= 0) {
-            ::close(fd_);
+        Release();
+        RegistryLock lock;
+        entry_ = other.entry_;
+        other.entry_ = nullptr;
+        if (entry_ != nullptr && entry_->holder == &other) {
+            entry_->holder = this;
         }
-        fd_ = other.fd_;
-        other.fd_ = -1;
     }
     return *this;
 }
 
-bool FileLock::try_lock() {
-    if (SetLock(fd_, F_WRLCK, F_OFD_SETLK) == 0) {
-        WritePid(fd_);
-        return true;
+void FileLock::Release() {
+    if (entry_ == nullptr) {
+        return;
     }
-    if (errno == EAGAIN || errno == EACCES) {
-        return false;
+    RegistryLock lock;
+    if (entry_->holder == this) {
+        SetLock(entry_->fd, F_UNLCK);
+        entry_->holder = nullptr;
     }
-    ThrowSystemError();
-    return false;
+    if (--entry_->refs == 0) {
+        // The last user: the process holds no lock on the file, so the descriptor may go.
+        ::close(entry_->fd);
+        std::vector<FileLockEntry*>& entries = *registry.entries;
+        entries.erase(std::remove(entries.begin(), entries.end(), entry_), entries.end());
+        delete entry_;
+    }
+    entry_ = nullptr;
 }
 
-void FileLock::lock() {
-    while (SetLock(fd_, F_WRLCK, F_OFD_SETLKW) != 0) {
-        if (errno != EINTR) {
-            ThrowSystemError();
-        }
+bool FileLock::try_lock() {
+    if (entry_ == nullptr) {
+        Throw("FileLock without a file");
     }
-    WritePid(fd_);
+    RegistryLock lock;
+    if (entry_->holder != nullptr) {
+        return entry_->holder == this;
+    }
+    if (SetLock(entry_->fd, entry_->writable ? F_WRLCK : F_RDLCK) != 0) {
+        if (errno == EAGAIN || errno == EACCES) {
+            return false;
+        }
+        Throw(std::string("Cannot lock : ") + std::strerror(errno));
+    }
+    // A shared lock excludes exclusive claimants but not other shared ones: keep it only when
+    // no other process holds any lock. Of two shared claimants, the later one to look sees the
+    // earlier one's lock, so both cannot succeed.
+    if (!entry_->writable && OtherHolder(entry_->fd) != 0) {
+        SetLock(entry_->fd, F_UNLCK);
+        return false;
+    }
+    entry_->holder = this;
+    return true;
 }
 
 void FileLock::unlock() {
-    if (fd_ < 0) {
+    if (entry_ == nullptr) {
         return;
     }
-    if (::ftruncate(fd_, 0) != 0) {
-        // Stale pid text is harmless: Holder() asks the lock first.
+    RegistryLock lock;
+    if (entry_->holder == this) {
+        SetLock(entry_->fd, F_UNLCK);
+        entry_->holder = nullptr;
     }
-    SetLock(fd_, F_UNLCK, F_OFD_SETLK);
 }
 
 pid_t FileLock::Holder(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    RegistryLock lock;
+    int temporary = -1;
+    FileLockEntry* entry = nullptr;
+    try {
+        entry = Acquire(path, false, temporary);
+    } catch (const std::exception&) {
         return 0;
     }
-    struct flock fl = {};
-    fl.l_type = F_WRLCK;
-    fl.l_whence = SEEK_SET;
-    pid_t holder = 0;
-    if (::fcntl(fd, F_OFD_GETLK, &fl) == 0 && fl.l_type != F_UNLCK) {
-        char text[32] = {0};
-        const ssize_t n = ::pread(fd, text, sizeof(text) - 1, 0);
-        holder = n > 0 ? static_cast<pid_t>(std::atol(text)) : 0;
-        if (holder <= 0) {
-            holder = -1;
-        }
+    if (entry != nullptr && entry->holder != nullptr) {
+        return ::getpid();
     }
-    ::close(fd);
+    const pid_t holder = OtherHolder(entry != nullptr ? entry->fd : temporary);
+    if (temporary >= 0) {
+        ::close(temporary);
+    }
     return holder;
 }
 

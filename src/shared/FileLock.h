@@ -8,22 +8,39 @@
 
 namespace shared {
 
-// Whole-file write lock on an open file description (Linux F_OFD_SETLK), with the interface of
-// boost::interprocess::file_lock.
+struct FileLockEntry;
+
+// Exclusive claim on a lock file, held by this process through a classic fcntl record lock, with
+// the try_lock/unlock interface of boost::interprocess::file_lock.
 //
-// Why not boost::interprocess::file_lock: classic fcntl locks belong to the process, so a second
-// lock object on the same file in the same process "succeeds", and closing ANY descriptor of the
-// file in the process silently drops the lock. An OFD lock belongs to its own descriptor: a
-// second FileLock on the same file, in this or another process, is refused, and other
-// descriptors opening and closing the file do not affect it. The kernel drops it when the
-// descriptor is closed or the process dies.
+// Why classic record locks: they belong to the process that took them. A child forked from the
+// holder never holds them, and the kernel drops them when the holder dies. (Open-file-description
+// locks are shared with children forked without exec and outlive the holder while such a child
+// lives.)
 //
-// While locked, the file holds the owner's pid as text (OFD locks do not report an owner),
-// so tools can tell who holds it.
+// Their pitfall is that closing ANY descriptor of the file in the process drops the process's
+// lock. So the process keeps exactly one descriptor per lock file, in a registry keyed by device
+// and inode: every FileLock of the same file shares it, and it is closed only when the last
+// FileLock of the file goes. The registry also knows which FileLock holds the lock, so a second
+// FileLock of the same file in the same process is refused, like one in another process.
+//
+// Lock files may belong to any user (see TouchFile): the lock is taken on a descriptor that is
+// read-write when the file belongs to the effective user and read-only otherwise; nothing is
+// ever written to the file. Through a read-write descriptor the claim is an exclusive lock.
+// Through a read-only one it is a shared lock that is kept only when F_GETLK then shows no lock
+// of any other process; two such claimants racing may both be refused, never both accepted.
+//
+// The file is opened relative to a checked folder (CheckedFolder) with O_NOFOLLOW and must be a
+// regular file with one link; anything else is refused.
+//
+// Thread safety: the registry is guarded by a mutex held only for the non-blocking open, lock,
+// unlock and close steps; try_lock and unlock may be called on any thread, also on different
+// ones. A child forked from the process starts with no lock held.
 class SHARED_EXPORT FileLock {
 public:
     FileLock();
-    // Opens an existing file; throws boost::interprocess::interprocess_exception on failure.
+    // Opens the existing lock file at `path`; throws boost::interprocess::interprocess_exception
+    // when it cannot be opened or is not a plain file in a checked folder.
     explicit FileLock(const char* path);
     ~FileLock();
 
@@ -32,17 +49,20 @@ public:
     FileLock(FileLock&& other) noexcept;
     FileLock& operator=(FileLock&& other) noexcept;
 
-    // Non-blocking; false when another descriptor holds the lock.
+    // Non-blocking; false when another process, or another FileLock of this process, holds the
+    // lock. True again when this object already holds it.
     bool try_lock();
-    void lock();
+    // Releases the lock if this object holds it.
     void unlock();
 
-    // Pid written by the holder of the lock on `path`, 0 when nobody holds it, -1 when it is
-    // held but the holder is unknown.
+    // Pid of the process that holds the lock on `path`, 0 when nobody holds it (or the file is
+    // missing or refused), -1 when it is held but the holder is unknown.
     static pid_t Holder(const std::string& path);
 
 private:
-    int fd_;
+    void Release();
+
+    FileLockEntry* entry_;  // shared with the other FileLocks of the file; guarded by the registry
 };
 
 }  // namespace shared

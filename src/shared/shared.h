@@ -14,6 +14,7 @@
 #include <shared/LockablePtr.h>
 #include <shared/Notifier.h>
 #include <shared/ProxySubscriber.h>
+#include <shared/SharedFolder.h>
 #include <shared/SharedMemory.h>
 #include <shared/SingletonMutex.h>
 #include <shared/SizedArray.h>

@@ -11,6 +11,7 @@
 
 #include <boost/thread/thread.hpp>
 
+#include <unistd.h>
 #include <cstdio>
 #include <map>
 #include <sstream>
@@ -60,6 +61,40 @@ TEST(FStreamSubscriber, AppendsFormattedBlocksOnlyOnceOpenedAndNeverTruncatesOnR
     t.Reopen();
     Send(t, "er");
     EXPECT_EQ("newer", ReadFile(other));
+}
+
+// What is at the name is never followed nor cut: a symlink is refused (its target, existing or
+// not, stays as it was), and starting empty puts a new file in the place of the old one, so
+// another name of the old file keeps its bytes.
+TEST(FStreamSubscriber, NeverFollowsASymlinkNorCutsAnExistingFile) {
+    filetest::ScopedPaths cleanup;
+    const std::string target = NewFile(cleanup, "target");
+    const std::string missing = NewFile(cleanup, "missing");
+    WriteFile(target, "keep");
+    for (const std::string& pointee : {target, missing}) {
+        const std::string link = NewFile(cleanup, "link");
+        ASSERT_EQ(0, ::symlink(pointee.c_str(), link.c_str()));
+        for (bool append : {true, false}) {
+            FileUtils::FStreamSubscriber s(TestOutputCfg(link, append, false, 0, 0),
+                                           &shared::FormatNothing);
+            EXPECT_THROW(s.Reopen(), std::runtime_error);
+            FileUtils::FSSAutoReopen a(TestOutputCfg(link, append, false, 0, 0),
+                                       &shared::FormatNothing);
+            Send(a, "x");
+        }
+    }
+    EXPECT_EQ("keep", ReadFile(target));
+    EXPECT_NE(0, ::access(missing.c_str(), F_OK)) << "a dangling symlink's target was created";
+
+    const std::string file = NewFile(cleanup, "linked");
+    const std::string otherName = NewFile(cleanup, "othername");
+    WriteFile(file, "old bytes");
+    ASSERT_EQ(0, ::link(file.c_str(), otherName.c_str()));
+    FileUtils::FStreamSubscriber s(TestOutputCfg(file, false, false, 0, 0), &shared::FormatNothing);
+    s.Reopen();
+    Send(s, "new");
+    EXPECT_EQ("new", ReadFile(file));
+    EXPECT_EQ("old bytes", ReadFile(otherName));
 }
 
 TEST(FStreamSubscriber, ReopenAndAutoReopenFollowAFileMovedOrRemovedAway) {

@@ -52,6 +52,54 @@ TEST(NamedPipeCreator, CreatesAFifoButRefusesAnythingElseInTheWayAndLeavesItAlon
                                          "' : a file that is not a FIFO is in the way"));
 }
 
+TEST(NamedPipeCreator, NamesThatDoNotStayInThePipeFolderAreRefusedAndCreateNothing) {
+    testsupport::LogCapture log("FileUtils");
+    const std::string dir = testsupport::TestRunDir();
+    // A folder below the pipe folder and one beside it, so that a FIFO could be made there.
+    const std::string sub = testsupport::UniqueName("sub");
+    const std::string beside = dir + "/" + testsupport::UniqueName("beside");
+    ASSERT_EQ(0, ::mkdir((dir + "/" + sub).c_str(), 0700));
+    ASSERT_EQ(0, ::mkdir(beside.c_str(), 0700));
+    const std::string besideName = beside.substr(beside.rfind('/') + 1);
+    ::setenv("SLOT_PIPE_DIR", (dir + "/" + sub).c_str(), 1);
+    const std::string up = NamedPipeCreator::ConstructPipeFilename("../" + besideName + "/x");
+    ::setenv("SLOT_PIPE_DIR", dir.c_str(), 1);
+    const std::vector<std::string> paths = {
+        up,
+        NamedPipeCreator::ConstructPipeFilename(sub + "/b"),
+        NamedPipeCreator::ConstructPipeFilename(""),
+        NamedPipeCreator::ConstructPipeFilename("."),
+        NamedPipeCreator::ConstructPipeFilename(".."),
+    };
+    for (const std::string& path : paths) {
+        EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(path)) << path;
+        EXPECT_EQ(0u, ModeOf(path)) << path << " was created";
+        EXPECT_EQ(1u, log.Count("ERROR", "Cannot create named pipe '" + path +
+                                             "' : the name does not stay in the pipe folder"));
+    }
+    EXPECT_EQ(0u, ModeOf(beside + "/x.fifo"));
+    ::rmdir((dir + "/" + sub).c_str());
+    ::rmdir(beside.c_str());
+}
+
+// Only a FIFO of root or of this user is used; a symlink is never followed.
+TEST(NamedPipeCreator, RefusesSymlinksAndOtherUsersFifos) {
+    const std::string target = testsupport::TestRunDir() + "/" + testsupport::UniqueName("t");
+    filetest::ScopedPaths cleanup;
+    const std::string link =
+        cleanup.Add(NamedPipeCreator::ConstructPipeFilename(testsupport::UniqueName("link")));
+    ASSERT_EQ(0, ::symlink(target.c_str(), link.c_str()));
+    EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(link));
+    EXPECT_EQ(0u, ModeOf(target)) << "a dangling symlink's target was created";
+    if (::geteuid() == 0) {
+        const std::string foreign =
+            cleanup.Add(NamedPipeCreator::ConstructPipeFilename(testsupport::UniqueName("f")));
+        ASSERT_EQ(0, ::mkfifo(foreign.c_str(), 0666));
+        ASSERT_EQ(0, ::chown(foreign.c_str(), 65534, 65534));
+        EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(foreign));
+    }
+}
+
 TEST(NamedPipeCreator, ProcessesRacingToCreateTheSameFifoAllSucceed) {
     const std::string path =
         NamedPipeCreator::ConstructPipeFilename(testsupport::UniqueName("race"));

@@ -11,8 +11,12 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <chrono>
 #include <csignal>
+#include <fstream>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -197,6 +201,141 @@ TEST(PosixPipe, ReaderKeepsWaitingBytesForItsFirstSubscriberAndStopsPromptly) {
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
     EXPECT_EQ(bytes, collector.Bytes());
+}
+
+// Every byte waiting in the pipe at `path` now, read through a descriptor of our own.
+std::string DrainPipe(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    std::string bytes;
+    char buffer[8192];
+    ssize_t n;
+    while (fd >= 0 && (n = ::read(fd, buffer, sizeof(buffer))) > 0) {
+        bytes.append(buffer, static_cast<size_t>(n));
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    return bytes;
+}
+
+// Blocks larger than PIPE_BUF: when the pipe has no room for a whole block the writer drops all
+// of it, never a part, so a reader of fixed-size records stays in step.
+TEST(PosixPipe, BlocksEnterAFullPipeWholeOrNotAtAll) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    testsupport::LogCapture log("Slot.Writer");
+    PipeWriter w(fifo.path);
+    w.writer.SetPipeFullTimeout(milliseconds(100));
+    const std::string blocks[] = {filetest::Pattern(40000, 1), filetest::Pattern(40000, 2),
+                                  filetest::Pattern(40000, 3)};
+    for (const std::string& block : blocks) {
+        w.Write(block);
+    }
+    // Nobody read: the pipe holds the first block, and nothing of the others.
+    EXPECT_EQ(blocks[0], DrainPipe(fifo.path));
+    EXPECT_EQ(2u, log.Count("WARN", "Named pipe '" + fifo.path +
+                                        "' is full, block of 40000 bytes dropped"));
+    // With room again, the next block goes through whole.
+    w.Write(blocks[1]);
+    EXPECT_EQ(blocks[1], DrainPipe(fifo.path));
+
+    // A reader that drains slowly gets every block whole, in order.
+    w.writer.SetPipeFullTimeout(seconds(20));
+    testsupport::PipeSignal go;
+    testsupport::ChildProcess reader([&] {
+        go.WaitFor();
+        const int fd = ::open(fifo.path.c_str(), O_RDONLY | O_CLOEXEC);
+        std::string got;
+        char chunk[1000];
+        while (fd >= 0 && got.size() < 4 * 40000) {
+            const ssize_t n = ::read(fd, chunk, sizeof(chunk));
+            if (n <= 0) {
+                return 2;
+            }
+            got.append(chunk, static_cast<size_t>(n));
+        }
+        std::string expected;
+        for (int i = 0; i < 4; ++i) {
+            expected += blocks[i % 3];
+        }
+        return got == expected ? 0 : 3;
+    });
+    go.Post();
+    for (int i = 0; i < 4; ++i) {
+        w.Write(blocks[i % 3]);
+    }
+    const testsupport::ChildResult result = reader.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_EQ(2u, log.Messages("WARN").size());
+}
+
+// A block larger than the pipe's size makes the writer raise it rather than cut the block.
+TEST(PosixPipe, BlockLargerThanThePipeRaisesItsSize) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    testsupport::LogCapture log("Slot.Writer");
+    PipeWriter w(fifo.path);
+    const std::string block = filetest::Pattern(200000, 4);
+    w.Write(block);
+    EXPECT_EQ(block, DrainPipe(fifo.path));
+    EXPECT_TRUE(log.Messages("WARN").empty());
+    EXPECT_TRUE(log.Messages("ERROR").empty());
+
+    // An unprivileged writer may not raise it beyond /proc/sys/fs/pipe-max-size: such a block
+    // is refused whole.
+    if (::geteuid() != 0) {
+        return;
+    }
+    std::ifstream limitFile("/proc/sys/fs/pipe-max-size");
+    size_t limit = 0;
+    ASSERT_TRUE(limitFile >> limit);
+    const std::string huge = filetest::Pattern(limit + 4096, 5);
+    ASSERT_EQ(0, ::chmod(fifo.path.c_str(), 0666));
+    ASSERT_EQ(0, ::chmod(testsupport::TestRunDir().c_str(), 0711));
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+            return 2;
+        }
+        testsupport::LogCapture childLog("Slot.Writer");
+        PipeWriter nobody(fifo.path);
+        nobody.Write(huge);
+        const std::string error = "Block of " + std::to_string(huge.size()) +
+                                  " bytes is larger than named pipe '" + fifo.path + "' can hold (";
+        return childLog.CountPrefix("ERROR", error) == 1 ? 0 : 3;
+    });
+    ::chmod(testsupport::TestRunDir().c_str(), 0700);
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_EQ("", DrainPipe(fifo.path));
+}
+
+// The reader takes nothing while nobody is subscribed, also once the last subscriber has left:
+// the bytes wait for the next subscriber.
+TEST(PosixPipe, ReaderReadsNothingAfterItsLastSubscriberLeft) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    PipeWriter w(fifo.path);
+    FileUtils::PosixFileReader reader(fifo.path, 1000, milliseconds(10));
+    for (int round = 0; round < 2; ++round) {
+        filetest::Collector first;
+        reader.subscribe(&first);
+        w.Write("hello");
+        ASSERT_TRUE(first.WaitForSize(5));
+        if (round == 0) {
+            reader.unsubscribe(&first);
+        } else {
+            reader.unsubscribeAll();
+        }
+        const std::string waiting = filetest::Pattern(3000, 9 + round);
+        w.Write(waiting);
+        // Time for several reader cycles; only shows that nothing is taken meanwhile.
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        filetest::Collector next;
+        reader.subscribe(&next);
+        EXPECT_TRUE(next.WaitForSize(waiting.size()));
+        EXPECT_EQ(waiting, next.Bytes());
+        EXPECT_EQ("hello", first.Bytes());
+        reader.unsubscribe(&next);
+    }
 }
 
 }  // namespace

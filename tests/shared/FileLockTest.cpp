@@ -4,12 +4,15 @@
 
 #include <shared/FileHelpers.h>
 #include <shared/FileLock.h>
+#include <shared/SharedFolder.h>
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 #include <csignal>
-#include <fstream>
+#include <memory>
+#include <vector>
 
 namespace {
 
@@ -21,12 +24,13 @@ std::string FreshLockFile() {
     return shared::TouchFile(testsupport::TestRunDir() + "/" + testsupport::UniqueName("lock"));
 }
 
-bool RefusedInAnotherProcess(const std::string& path) {
+// 0: refused, 1: claimed, else a failure code.
+int TryInAnotherProcess(const std::string& path) {
     const ChildResult result = testsupport::RunInChild([&] {
         shared::FileLock other(path.c_str());
         return other.try_lock() ? 1 : 0;
     });
-    return result.Ok();
+    return result.exited ? result.exitCode : 100;
 }
 
 TEST(FileLock, SecondLockInTheSameProcessIsRefusedAndHolderIsReported) {
@@ -43,22 +47,27 @@ TEST(FileLock, SecondLockInTheSameProcessIsRefusedAndHolderIsReported) {
         EXPECT_TRUE(second.try_lock());
     }
     EXPECT_EQ(0, shared::FileLock::Holder(path)) << "destruction releases the lock";
+    EXPECT_EQ(1, TryInAnotherProcess(path));
 }
 
-// With classic fcntl locks, closing any descriptor of the file drops the process's lock.
-TEST(FileLock, ClosingOtherDescriptorsOfTheFileKeepsTheLock) {
+// Record locks belong to the process, and closing any descriptor of the file drops them: the
+// library's own ways into the file must never open a second descriptor of it.
+TEST(FileLock, OtherLockObjectsTouchAndHolderKeepTheLock) {
     const std::string path = FreshLockFile();
     shared::FileLock held(path.c_str());
     ASSERT_TRUE(held.try_lock());
-    { std::ifstream reader(path); }
     shared::TouchFile(path);
+    EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
     { shared::FileLock unused(path.c_str()); }
     {
         shared::FileLock refused(path.c_str());
         EXPECT_FALSE(refused.try_lock());
     }
-    EXPECT_TRUE(RefusedInAnotherProcess(path));
+    shared::FileLock moved(std::move(held));
+    EXPECT_EQ(0, TryInAnotherProcess(path));
     EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
+    moved.unlock();
+    EXPECT_EQ(1, TryInAnotherProcess(path));
 }
 
 TEST(FileLock, HolderKilledReleasesTheLock) {
@@ -82,6 +91,204 @@ TEST(FileLock, HolderKilledReleasesTheLock) {
     EXPECT_EQ(SIGKILL, holder.Wait().signal);
     EXPECT_EQ(0, shared::FileLock::Holder(path));
     EXPECT_TRUE(mine.try_lock());
+}
+
+// A child forked without exec from the holder never holds the lock: neither while the holder
+// lives, nor after the holder released it or died.
+TEST(FileLock, ForkedChildrenNeverKeepTheLock) {
+    const std::string path = FreshLockFile();
+    {
+        shared::FileLock lock(path.c_str());
+        ASSERT_TRUE(lock.try_lock());
+        PipeSignal checked, release;
+        ChildProcess child([&] {
+            // The inherited object does not hold the lock in the child, and cannot take it.
+            int failures = lock.try_lock() ? 1 : 0;
+            lock.unlock();  // must not release the parent's lock
+            checked.Post();
+            release.WaitFor(std::chrono::seconds(30));
+            return failures;
+        });
+        ASSERT_TRUE(checked.WaitFor());
+        EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
+        EXPECT_EQ(0, TryInAnotherProcess(path));
+        lock.unlock();
+        EXPECT_EQ(1, TryInAnotherProcess(path)) << "the live child keeps nothing";
+        release.Post();
+        EXPECT_TRUE(child.Wait().Ok());
+    }
+
+    // The holder dies while a child it forked lives on.
+    PipeSignal grandchildUp, stop;
+    ChildProcess holder([&] {
+        shared::FileLock lock(path.c_str());
+        if (!lock.try_lock()) {
+            return 1;
+        }
+        ChildProcess forked([&] {
+            stop.WaitFor(std::chrono::seconds(30));
+            return 0;
+        });
+        grandchildUp.Post();
+        stop.WaitFor(std::chrono::seconds(30));
+        return 0;
+    });
+    ASSERT_TRUE(grandchildUp.WaitFor());
+    EXPECT_EQ(holder.Pid(), shared::FileLock::Holder(path));
+    holder.Kill(SIGKILL);
+    holder.Wait();
+    EXPECT_EQ(0, shared::FileLock::Holder(path)) << "the orphaned grandchild holds nothing";
+    EXPECT_EQ(1, TryInAnotherProcess(path));
+    stop.Post();  // the grandchild's watchdog is its own wait
+}
+
+// A lock file of another user is locked through a read-only descriptor with a shared lock; it
+// still excludes every other claimant, whichever kind of descriptor they have.
+TEST(FileLock, ReadOnlyClaimantsExcludeEachOtherAndWritableOnes) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to give the lock file to another user";
+    }
+    const uid_t other = 65534;  // nobody
+    const std::string path = FreshLockFile();
+    ASSERT_EQ(0, ::chown(path.c_str(), other, other));
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0644));
+    // The test run's folder is root's 0700: let the other user reach the file.
+    ASSERT_EQ(0, ::chmod(testsupport::TestRunDir().c_str(), 0711));
+    auto asOwner = [&](PipeSignal& done, PipeSignal& stop) {
+        return [&, path] {
+            if (::setgid(other) != 0 || ::setuid(other) != 0) {
+                return 2;
+            }
+            shared::FileLock lock(path.c_str());
+            const bool claimed = lock.try_lock();
+            done.Post();
+            stop.WaitFor(std::chrono::seconds(30));
+            return claimed ? 1 : 0;
+        };
+    };
+    {
+        shared::FileLock mine(path.c_str());  // read-only: the file is not root's
+        ASSERT_TRUE(mine.try_lock());
+        EXPECT_EQ(0, TryInAnotherProcess(path)) << "a second read-only claimant";
+        PipeSignal done, stop;
+        ChildProcess owner(asOwner(done, stop));
+        ASSERT_TRUE(done.WaitFor());
+        stop.Post();
+        EXPECT_EQ(0, owner.Wait().exitCode) << "the owner's exclusive claim must be refused";
+    }
+    PipeSignal done, stop;
+    ChildProcess owner(asOwner(done, stop));
+    ASSERT_TRUE(done.WaitFor());
+    shared::FileLock mine(path.c_str());
+    EXPECT_FALSE(mine.try_lock()) << "the owner holds it";
+    stop.Post();
+    EXPECT_EQ(1, owner.Wait().exitCode);
+    EXPECT_TRUE(mine.try_lock()) << "released by the owner's exit";
+    ::chmod(testsupport::TestRunDir().c_str(), 0700);
+}
+
+// Processes racing for one lock file: never two winners, also when all of them must use shared
+// locks (the file is another user's), where a race may leave no winner at all.
+TEST(FileLock, RacingProcessesNeverBothWin) {
+    const int kProcesses = 6;
+    for (int kind = 0; kind < 2; ++kind) {
+        if (kind == 1 && ::geteuid() != 0) {
+            GTEST_SKIP() << "needs root to give the lock file to another user";
+        }
+        for (int round = 0; round < 10; ++round) {
+            const std::string path = FreshLockFile();
+            if (kind == 1) {
+                ASSERT_EQ(0, ::chown(path.c_str(), 65534, 65534));
+            }
+            PipeSignal go, tried, done;
+            std::vector<std::unique_ptr<ChildProcess>> children;
+            for (int i = 0; i < kProcesses; ++i) {
+                children.emplace_back(new ChildProcess([&] {
+                    shared::FileLock lock(path.c_str());
+                    go.WaitFor();
+                    const bool won = lock.try_lock();
+                    tried.Post();
+                    done.WaitFor();  // winners hold until everybody has tried
+                    return won ? 1 : 0;
+                }));
+            }
+            for (int i = 0; i < kProcesses; ++i) {
+                go.Post();
+            }
+            for (int i = 0; i < kProcesses; ++i) {
+                ASSERT_TRUE(tried.WaitFor());
+            }
+            for (int i = 0; i < kProcesses; ++i) {
+                done.Post();
+            }
+            int winners = 0;
+            for (auto& child : children) {
+                const ChildResult result = child->Wait();
+                ASSERT_TRUE(result.exited) << result.Describe();
+                winners += result.exitCode;
+            }
+            if (kind == 0) {
+                EXPECT_EQ(1, winners) << "exclusive locks: exactly one winner";
+            } else {
+                EXPECT_LE(winners, 1) << "shared-lock claimants: at most one winner";
+            }
+        }
+    }
+}
+
+TEST(TouchFile, CreatesAReadableFileAndRefusesSymlinksAndFolders) {
+    const std::string dir = testsupport::TestRunDir();
+    const mode_t old = ::umask(077);
+    const std::string path = FreshLockFile();
+    ::umask(old);
+    struct stat st;
+    ASSERT_EQ(0, ::lstat(path.c_str(), &st));
+    EXPECT_EQ(0644u, st.st_mode & 07777) << "readable by everyone whatever the umask";
+
+    const std::string target = dir + "/" + testsupport::UniqueName("target");
+    const std::string link = dir + "/" + testsupport::UniqueName("link");
+    ASSERT_EQ(0, ::symlink(target.c_str(), link.c_str()));
+    EXPECT_THROW(shared::TouchFile(link), std::runtime_error);
+    EXPECT_NE(0, ::lstat(target.c_str(), &st)) << "a dangling symlink's target was created";
+    EXPECT_THROW(shared::FileLock(link.c_str()), std::exception);
+    EXPECT_THROW(shared::TouchFile(dir), std::runtime_error);
+    EXPECT_THROW(shared::TouchFile(dir + "/.."), std::runtime_error);
+}
+
+TEST(CheckedFolder, RefusesSymlinksDotDotAndFoldersOthersMayChangeUnlessSticky) {
+    const std::string base = testsupport::TestRunDir() + "/" + testsupport::UniqueName("folders");
+    ASSERT_EQ(0, ::mkdir(base.c_str(), 0755));
+    EXPECT_NO_THROW(shared::CheckedFolder::Open(base));
+    EXPECT_NO_THROW(shared::CheckedFolder::Open(base + "/made", 01777));
+    struct stat st;
+    ASSERT_EQ(0, ::stat((base + "/made").c_str(), &st));
+    EXPECT_EQ(static_cast<mode_t>(S_IFDIR | 01777), st.st_mode);
+
+    const std::string open = base + "/open";
+    ASSERT_EQ(0, ::mkdir(open.c_str(), 0700));
+    ASSERT_EQ(0, ::chmod(open.c_str(), 0777));
+    try {
+        shared::CheckedFolder::Open(open + "/below", 01777);
+        ADD_FAILURE() << "a folder anyone may change was accepted";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ("Unsafe folder '" + open + "/below': '" + open +
+                      "' is writable by others and not sticky",
+                  std::string(e.what()));
+    }
+    EXPECT_NE(0, ::stat((open + "/below").c_str(), &st)) << "created below an unsafe folder";
+
+    const std::string link = base + "/link";
+    ASSERT_EQ(0, ::symlink(base.c_str(), link.c_str()));
+    EXPECT_THROW(shared::CheckedFolder::Open(link), std::runtime_error);
+    EXPECT_THROW(shared::CheckedFolder::Open(link + "/made"), std::runtime_error);
+    EXPECT_THROW(shared::CheckedFolder::Open(base + "/made/.."), std::runtime_error);
+
+    if (::geteuid() == 0) {
+        const std::string foreign = base + "/foreign";
+        ASSERT_EQ(0, ::mkdir(foreign.c_str(), 0755));
+        ASSERT_EQ(0, ::chown(foreign.c_str(), 65534, 65534));
+        EXPECT_THROW(shared::CheckedFolder::Open(foreign), std::runtime_error);
+    }
 }
 
 }  // namespace

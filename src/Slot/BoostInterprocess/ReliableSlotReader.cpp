@@ -9,6 +9,32 @@
 std::map<std::string, boost::shared_ptr<boost::mutex> > ReliableSlotReader::SingletonMutexes;
 boost::mutex ReliableSlotReader::SingletonMutexesGuard;
 
+namespace {
+
+// The per-name mutex of SingletonMutexes together with the claim it guards. A reader holds the
+// claim, not the mutex, for its life: a mutex must be unlocked by the thread that locked it.
+struct NameMutex : boost::mutex {
+    bool claimed = false;  // guarded by the mutex itself
+};
+
+bool ClaimName(boost::mutex& mutex) {
+    NameMutex& name = static_cast<NameMutex&>(mutex);
+    boost::lock_guard<boost::mutex> guard(name);
+    if (name.claimed) {
+        return false;
+    }
+    name.claimed = true;
+    return true;
+}
+
+void ReleaseName(boost::mutex& mutex) {
+    NameMutex& name = static_cast<NameMutex&>(mutex);
+    boost::lock_guard<boost::mutex> guard(name);
+    name.claimed = false;
+}
+
+}  // namespace
+
 ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
                                        const boost::posix_time::time_duration& updateTime)
     : BaseSlotReader(slot, updateTime) {
@@ -17,7 +43,7 @@ ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
     const std::string path = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name));
     fileLock_ = shared::FileLock(path.c_str());
     // Neither attempt waits: a second reader is refused, never queued.
-    if (!fileLock_.try_lock() || !singletonMutex_->try_lock()) {
+    if (!fileLock_.try_lock() || !ClaimName(*singletonMutex_)) {
         throw AbortSlotCreationException("Cannot create non-unique reader for reliable slot '" +
                                          name + "'");
     }
@@ -33,7 +59,7 @@ ReliableSlotReader::~ReliableSlotReader() {
         }
     }
     fileLock_.unlock();
-    singletonMutex_->unlock();
+    ReleaseName(*singletonMutex_);
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "~ReliableSlotReader() unlocked, '" << slot_->GetName() << "'");
     }
@@ -44,7 +70,7 @@ boost::shared_ptr<boost::mutex> ReliableSlotReader::FindOrCreateSingletonMutex(
     boost::mutex::scoped_lock guard(SingletonMutexesGuard);
     boost::shared_ptr<boost::mutex>& entry = SingletonMutexes[name];
     if (!entry) {
-        entry.reset(new boost::mutex);
+        entry.reset(new NameMutex);
     }
     return entry;
 }

@@ -15,10 +15,15 @@
 // the whole machine.
 //
 // One reader per machine: the reader holds, for its whole life, a lock on the slot's singleton
-// lock file (excludes readers in other processes) and the process's mutex for the slot's name
-// (excludes a second reader in this process). The file lock is an open-file-description lock
-// (shared::FileLock): a classic fcntl lock would be dropped for the whole process when the
-// refused second reader closes its own descriptor of the same file.
+// lock file (excludes readers in other processes) and the claim of the slot's name in this
+// process (excludes a second reader in this process). Both are taken without waiting, the file
+// lock first. The file lock is a classic fcntl record lock (shared::FileLock): it ends with the
+// process that holds it, a forked child never has it, and the process keeps one descriptor per
+// lock file, so a refused second reader does not release the first one's lock.
+//
+// The name's claim is a flag guarded by the name's mutex (FindOrCreateSingletonMutex), which is
+// held only while the flag is tested and set or cleared, so the constructor and the destructor
+// may run on different threads.
 class SLOT_EXPORT ReliableSlotReader : public BaseSlotReader {
 public:
     // Throws AbortSlotCreationException when the slot already has a reader.
@@ -32,7 +37,7 @@ public:
     shared::SizedArray ReadAndNotify() override;
 
 private:
-    boost::shared_ptr<boost::mutex> singletonMutex_;  // locked for the reader's lifetime
+    boost::shared_ptr<boost::mutex> singletonMutex_;  // guards the name's claim, briefly
     shared::FileLock fileLock_;                       // locked for the reader's lifetime
 
     // One mutex per slot name for the whole process; entries are never removed, so the next

@@ -24,9 +24,10 @@
 //
 // Only one reader per pipe name lives on the machine: the constructor takes the lock file of
 // the name (FileUtils::FSUtils::GetSingletonFileLockName) and checks the process-wide
-// SingletonMutex of the name, and throws std::logic_error when either is taken. The lock is an
-// open-file-description lock, so a refused reader in the same process does not release the
-// lock of the one that holds it. The lock file is the same as that of a reliable slot of the
+// SingletonMutex of the name, and throws std::logic_error when either is taken. The lock is a
+// record lock through the process's one descriptor of the file (shared::FileLock), so a refused
+// reader in the same process does not release the lock of the one that holds it, and the lock
+// ends with the process. The lock file is the same as that of a reliable slot of the
 // same name: the two exclude each other.
 //
 // Lifecycle: constructed (no thread) -> Init() (thread started, connected) -> destructor

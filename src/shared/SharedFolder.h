@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <shared/Export.h>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <string>
+
+namespace shared {
+
+// A folder that files are created and opened in, reached without following any symlink and
+// checked component by component from the root (or from the working folder for a relative
+// path). Every component must be:
+// - a real folder, not a symlink;
+// - owned by root or by the effective user;
+// - sticky when its group or others may write to it (so nobody else can rename or remove what
+//   the user puts there).
+// Files are then opened relative to fd() with O_NOFOLLOW, so that a component swapped after
+// the check cannot redirect them: the descriptor keeps pointing at the folder that was checked.
+//
+// Ownership: the object owns its O_PATH descriptor and closes it. It is not thread-safe to
+// share one object between threads that move or destroy it; fd() may be used by any thread.
+class SHARED_EXPORT CheckedFolder {
+public:
+    // Throws std::runtime_error "Unsafe folder '<path>': <reason>" when a component fails the
+    // checks, "Cannot open folder '<path>' : <errno text>" when it cannot be reached. With
+    // `createMode` != 0 a missing last component is created with that mode (set with fchmod,
+    // so the umask does not matter; e.g. 01777 for a folder shared by every user).
+    static CheckedFolder Open(const std::string& path, mode_t createMode = 0);
+
+    CheckedFolder() : fd_(-1) {}
+    ~CheckedFolder();
+    CheckedFolder(CheckedFolder&& other) noexcept;
+    CheckedFolder& operator=(CheckedFolder&& other) noexcept;
+    CheckedFolder(const CheckedFolder&) = delete;
+    CheckedFolder& operator=(const CheckedFolder&) = delete;
+
+    int fd() const { return fd_; }
+    const std::string& path() const { return path_; }
+
+private:
+    int fd_;
+    std::string path_;
+};
+
+// Splits `path` into its folder and its last component. False when the last component is
+// empty, "." or "..", i.e. when the path does not name an entry of a folder.
+SHARED_EXPORT bool SplitFolderAndName(const std::string& path, std::string& folder,
+                                      std::string& name);
+
+// True when `st` belongs to root or to the effective user.
+SHARED_EXPORT bool OwnedByRootOrMe(const struct stat& st);
+
+}  // namespace shared

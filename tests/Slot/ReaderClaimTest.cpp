@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: Apache-2.0
+// The claim of a reliable slot's reader ends with its process: forked children, destruction,
+// refused readers and death, each seen from other real processes.
+#include "ChildProcess.h"
+#include "ShmHygiene.h"
+
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/BoostInterprocess/ReliableSlot.h>
+#include <Slot/BoostInterprocess/ReliableSlotReader.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <memory>
+#include <thread>
+
+namespace {
+
+using testsupport::ChildProcess;
+using testsupport::ChildResult;
+using testsupport::PipeSignal;
+using testsupport::ScopedSlotName;
+
+const boost::posix_time::milliseconds Update(50);
+
+boost::shared_ptr<ISlot> Reliable(const std::string& name) {
+    return boost::shared_ptr<ISlot>(
+        new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), 64, 4));
+}
+
+// Whether a reader of `name` can be made in a fresh process right now (1 yes, 0 refused with
+// the refusal text, anything else a failure).
+int ClaimInAnotherProcess(const std::string& name) {
+    const ChildResult result = testsupport::RunInChild([&] {
+        try {
+            ReliableSlotReader reader(Reliable(name), Update);
+            return 1;
+        } catch (const AbortSlotCreationException& e) {
+            return std::string(e.what()) ==
+                           "Cannot create non-unique reader for reliable slot '" + name + "'"
+                       ? 0
+                       : 3;
+        }
+    });
+    return result.exited ? result.exitCode : 100;
+}
+
+TEST(ReaderClaim, ForkedChildNeverKeepsItAndDestructionReleasesItAtOnce) {
+    ScopedSlotName name("claimfork");
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    std::unique_ptr<ReliableSlotReader> reader(new ReliableSlotReader(slot, Update));
+    PipeSignal forkedUp, stop;
+    // A child forked without exec while the reader lives, e.g. by a host that spawns helpers.
+    ChildProcess forked([&] {
+        forkedUp.Post();
+        stop.WaitFor(std::chrono::seconds(30));
+        return 0;
+    });
+    ASSERT_TRUE(forkedUp.WaitFor());
+    EXPECT_EQ(0, ClaimInAnotherProcess(name));
+    reader.reset();
+    EXPECT_EQ(1, ClaimInAnotherProcess(name)) << "the forked child must not keep the claim";
+    stop.Post();
+    EXPECT_TRUE(forked.Wait().Ok());
+}
+
+TEST(ReaderClaim, RefusedSecondReaderLeavesTheFirstOnesClaimIntact) {
+    ScopedSlotName name("claimtwice");
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    ReliableSlotReader first(slot, Update);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_THROW(ReliableSlotReader(slot, Update), AbortSlotCreationException);
+    }
+    EXPECT_EQ(0, ClaimInAnotherProcess(name)) << "the refused readers released the claim";
+}
+
+TEST(ReaderClaim, HoldersDeathReleasesIt) {
+    ScopedSlotName name("claimdeath");
+    PipeSignal claimed, stop;
+    ChildProcess holder([&] {
+        ReliableSlotReader reader(Reliable(name), Update);
+        // Also a grandchild that outlives the holder.
+        ChildProcess forked([&] {
+            stop.WaitFor(std::chrono::seconds(30));
+            return 0;
+        });
+        claimed.Post();
+        stop.WaitFor(std::chrono::seconds(30));
+        return 0;
+    });
+    ASSERT_TRUE(claimed.WaitFor());
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    EXPECT_THROW(ReliableSlotReader(slot, Update), AbortSlotCreationException);
+    holder.Kill(SIGKILL);
+    EXPECT_EQ(SIGKILL, holder.Wait().signal);
+    EXPECT_NO_THROW(ReliableSlotReader(slot, Update));
+    stop.Post();
+}
+
+// The claim may be released on another thread than the one that took it (a host that hands its
+// reader over); the name can be claimed again afterwards, from any thread.
+TEST(ReaderClaim, MadeOnOneThreadDestroyedOnAnother) {
+    ScopedSlotName name("claimthreads");
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    for (int i = 0; i < 3; ++i) {
+        std::unique_ptr<ReliableSlotReader> reader;
+        std::thread maker([&] { reader.reset(new ReliableSlotReader(slot, Update)); });
+        maker.join();
+        ASSERT_TRUE(reader);
+        EXPECT_THROW(ReliableSlotReader(slot, Update), AbortSlotCreationException);
+        std::thread destroyer([&] { reader.reset(); });
+        destroyer.join();
+    }
+    EXPECT_EQ(1, ClaimInAnotherProcess(name));
+}
+
+}  // namespace
