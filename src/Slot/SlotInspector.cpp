@@ -155,6 +155,10 @@ void InspectHeader(const std::string& name, SlotHeaderReport& header,
     header.outputDataSize = image.outputDataSize;
     header.outputHandle = image.outputHandle;
     header.outputBufferSize = image.outputBuffer.present ? image.outputBuffer.size : 0;
+    // The owners recorded in a damaged segment are as untrustworthy as the rest of it.
+    if (image.verdict == SlotImage::Verdict::Damaged) {
+        return;
+    }
     AddLock(locks, "header mutex", image.headerMutexOwnerThread);
     AddLock(locks, "segment index mutex", image.indexMutexOwnerThread);
     AddLock(locks, "segment allocator mutex", image.allocatorMutexOwnerThread);
@@ -177,6 +181,9 @@ void InspectQueue(const std::string& object, SlotQueueReport& queue,
         queue.capacity = image.capacity;
         queue.maxBlockSize = image.maxMessageSize;
         queue.waiting = image.waiting;
+    }
+    if (image.verdict == SlotImage::Verdict::Damaged) {
+        return;
     }
     AddLock(locks, "queue mutex", image.mutexOwnerThread);
 }
@@ -411,6 +418,10 @@ double SlotReport::AgeSeconds() const {
 SlotReport SlotInspector::InspectSlot(const std::string& name) {
     SlotReport report;
     report.name = name;
+    // A name the system cannot hold has no objects; "queue_" alone is not its queue either.
+    if (name.empty() || name.find('/') != std::string::npos) {
+        return report;
+    }
     const std::string queueName = BaseQueueSlot::GetQueueName(name);
     for (int look = 0; look < BusyLooks; ++look) {
         if (look > 0) {
@@ -423,11 +434,9 @@ SlotReport SlotInspector::InspectSlot(const std::string& name) {
             break;
         }
     }
-    if (!name.empty() && name.find('/') == std::string::npos) {
-        const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
-        if (IsFifo(pipe)) {
-            report.pipePath = pipe;
-        }
+    const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
+    if (IsFifo(pipe)) {
+        report.pipePath = pipe;
     }
     Decide(report);
     if (report.kind == SlotKind::Reliable && !name.empty() && name.find('/') == std::string::npos) {

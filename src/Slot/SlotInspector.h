@@ -107,6 +107,8 @@ struct SLOT_EXPORT SlotReport {
     SlotKind kind = SlotKind::Unknown;
     SlotHeaderReport header;
     SlotQueueReport queue;
+    // Locks found held in parts that are valid or unfinished (a damaged part's recorded owners
+    // are not trusted).
     std::vector<SlotLockReport> heldLocks;
     // Thread id recorded by the first lock whose holder is dead (see SlotLockReport), 0 if none.
     pid_t deadHolder = 0;
@@ -122,6 +124,7 @@ struct SLOT_EXPORT SlotReport {
     double AgeSeconds() const;
 };
 
+// Any thread may call these at any time; they share no state.
 class SLOT_EXPORT SlotInspector {
 public:
     // Everything about the slot `name`. Never throws for what it finds; a name that the system

@@ -284,7 +284,8 @@ TEST(SlotInspector, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
     ASSERT_EQ(1u, report.heldLocks.size());
     EXPECT_TRUE(report.heldLocks[0].HolderDead());
     EXPECT_NE(std::string::npos, report.detail.find(std::to_string(pid))) << report.detail;
-    const SlotReport* listed = Find(SlotInspector::ListSlots(), name);
+    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    const SlotReport* listed = Find(all, name);
     ASSERT_NE(nullptr, listed);
     EXPECT_EQ(SlotState::DeadHolder, listed->state);
 }
