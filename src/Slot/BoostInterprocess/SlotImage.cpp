@@ -203,6 +203,15 @@ public:
         return Has(offset, length) && std::memcmp(base_ + offset, text, length) == 0;
     }
 
+    bool AllZero() const {
+        for (std::uint64_t i = 0; i < size_; ++i) {
+            if (base_[i] != 0) {
+                return false;
+            }
+        }
+        return true;
+    }
+
     // The target of the offset pointer stored at `at`, holding `raw`. False for null.
     static bool Follow(std::uint64_t at, OffsetType raw, std::uint64_t& target) {
         if (raw == 1) {
@@ -262,6 +271,13 @@ bool CheckCreation(const Bytes& bytes, Image& image) {
     switch (word) {
         case 0:
             image.creation = CreationState::Uninitialised;
+            // A creator sizes the object and only then starts building it: until then every
+            // byte is still zero. Anything else is some other program's data.
+            if (!bytes.AllZero()) {
+                image.verdict = Verdict::Foreign;
+                image.problem = "not a Boost.Interprocess object";
+                return false;
+            }
             image.verdict = Verdict::Unfinished;
             image.problem = "not initialised: being created, or its creator died";
             return false;

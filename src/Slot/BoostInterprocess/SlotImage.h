@@ -28,7 +28,8 @@ namespace SlotImage {
 // which the creator sets from 0 to 1 when it starts building and to 2 when it is done.
 enum class CreationState {
     Missing,        // fewer than 4 bytes: not sized yet (size 0), or a failed creation (size 1)
-    Uninitialised,  // 0: sized, not yet being built
+    Uninitialised,  // 0: sized, not yet being built (the verdict is Foreign unless every
+                    // byte is still zero, as a creator leaves it)
     Initialising,   // 1: being built, or its creator died while building it
     Initialised,    // 2
     Corrupted,      // 3: its creator failed while building it

@@ -233,6 +233,13 @@ TEST(SlotImage, CreationStates) {
         {Image(), SlotImage::CreationState::Missing, Verdict::Unfinished},
         {Image(1, 0), SlotImage::CreationState::Missing, Verdict::Damaged},
         {word(0), SlotImage::CreationState::Uninitialised, Verdict::Unfinished},
+        // Some other program's data that happens to start with a zero word.
+        {[&] {
+             Image bytes = word(0);
+             bytes[4000] = 7;
+             return bytes;
+         }(),
+         SlotImage::CreationState::Uninitialised, Verdict::Foreign},
         {word(1), SlotImage::CreationState::Initialising, Verdict::Unfinished},
         {word(3), SlotImage::CreationState::Corrupted, Verdict::Damaged},
         {word(0x464c457f), SlotImage::CreationState::Invalid, Verdict::Foreign},
