@@ -257,7 +257,7 @@ void Decide(SlotReport& report) {
         if (lock.HolderDead()) {
             report.state = SlotState::DeadHolder;
             report.deadHolder = lock.thread;
-            report.detail = "its " + lock.lock + " is held by " + std::to_string(lock.thread) +
+            report.detail = "its " + lock.lock + " is held by pid " + std::to_string(lock.thread) +
                             ", which no longer exists";
             return;
         }

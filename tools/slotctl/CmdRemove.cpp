@@ -52,8 +52,10 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
         const double age = report.AgeSeconds();
         if (age >= 0 && age < minAge) {
             std::cerr << "slotctl: " << Quote(name) << " is " << StaleWhat(report) << " but only "
-                      << static_cast<int>(age)
-                      << " s old (it may be being created), left as it is\n";
+                      << static_cast<int>(age) << " s old"
+                      << (report.state == SlotState::DeadHolder ? " (see --min-age)"
+                                                                : " (it may be being created)")
+                      << ", left as it is\n";
             return false;
         }
     }

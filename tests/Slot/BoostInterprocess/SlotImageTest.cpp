@@ -390,11 +390,17 @@ TEST_F(DamagedSlot, HeaderSizeHandleAndDataSize) {
 TEST_F(DamagedSlot, IndexLinksThatLoopOrLeave) {
     // The name index's root pointer (after its entry count), made to point at itself, and far
     // outside.
-    const std::uint64_t namedRootAt =
-        h_.managerOffset + sizeof(shared::SlotSegment::segment_manager) - 2 * (8 + 24) + 8;
-    for (shared::SlotOffsetPtr::offset_type raw :
-         {shared::SlotOffsetPtr::offset_type(0), shared::SlotOffsetPtr::offset_type(1) << 40,
-          ~shared::SlotOffsetPtr::offset_type(0) - 7}) {
+    typedef shared::SlotOffsetPtr::offset_type Offset;
+    const std::uint64_t indexBytes = sizeof(std::size_t) + 3 * sizeof(Offset);
+    const std::uint64_t namedRootAt = h_.managerOffset +
+                                      sizeof(shared::SlotSegment::segment_manager) -
+                                      2 * indexBytes + sizeof(std::size_t);
+    // It points at an entry past the segment manager (bit 1 is the colour).
+    const Offset root =
+        static_cast<Offset>(namedRootAt + (Peek<Offset>(header_, namedRootAt) & ~Offset(2)));
+    ASSERT_GT(root, namedRootAt);
+    ASSERT_LT(root, header_.size());
+    for (Offset raw : {Offset(0), Offset(0x7ffffff0), ~Offset(0) - 7}) {
         Image bad = header_;
         Poke(bad, namedRootAt, raw);
         const SlotImage::HeaderImage h = ParseHeader(bad);
