@@ -87,6 +87,11 @@ const SlotReport* Find(const std::vector<SlotReport>& reports, const std::string
     return nullptr;
 }
 
+bool Listed(const std::string& name) {
+    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    return Find(all, name) != nullptr;
+}
+
 TEST(SlotInspector, HealthySlotsOfBothKinds) {
     ScopedSlotName reliableName("rel");
     ScopedSlotName discardingName("dis");
@@ -229,7 +234,19 @@ TEST(SlotInspector, DamagedAndForeignObjects) {
     const SlotReport g = Inspect(garbage);
     EXPECT_EQ(SlotPartState::Foreign, g.header.state);
     EXPECT_EQ(SlotPartState::Foreign, g.queue.state);
-    EXPECT_EQ(nullptr, Find(SlotInspector::ListSlots(), garbage));
+    EXPECT_FALSE(Listed(garbage));
+
+    // Data of another program that starts with a zero word is not an unfinished slot part: it
+    // is neither listed nor (through slotctl rm --stale) removed as one.
+    ScopedSlotName zeroWord("zeroword");
+    Bytes data(4096, 0);
+    data[100] = 1;
+    WriteObject(zeroWord, data);
+    WriteObject(BaseQueueSlot::GetQueueName(zeroWord), data);
+    const SlotReport z = Inspect(zeroWord);
+    EXPECT_EQ(SlotPartState::Foreign, z.header.state);
+    EXPECT_EQ(SlotPartState::Foreign, z.queue.state);
+    EXPECT_FALSE(Listed(zeroWord));
 }
 
 // A child process that opens the slot and holds its header mutex until told or killed.
