@@ -307,24 +307,19 @@ TEST(SlotInspector, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
     EXPECT_EQ(SlotState::DeadHolder, listed->state);
 }
 
-// The queue's internal mutex, taken through the raw mapping as a process dying inside a queue
-// operation leaves it.
-TEST(SlotInspector, AQueueMutexLeftByAKilledProcessIsReported) {
-    ScopedSlotName name("qdead");
-    { DiscardingSlot slot(open_or_create, name.c_str(), 32); }
-    const std::string queue = BaseQueueSlot::GetQueueName(name);
-    const Bytes bytes = ReadObject(queue);
-    const SlotImage::QueueImage image = SlotImage::ParseQueue(bytes.data(), bytes.size());
-    ASSERT_TRUE(image.mutex.present);
+// Locks a mutex inside `object` at `offset` through a raw mapping in a child, kills the child
+// while it holds it, and returns the child's pid: what a process dying inside a queue
+// operation or a segment allocation leaves behind.
+pid_t KillWhileHolding(const std::string& object, std::uint64_t offset) {
+    const size_t size = ReadObject(object).size();
     PipeSignal locked;
     ChildProcess child([&] {
-        const int fd = ::shm_open(queue.c_str(), O_RDWR, 0);
-        void* map = ::mmap(nullptr, bytes.size(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        const int fd = ::shm_open(object.c_str(), O_RDWR, 0);
+        void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         if (map == MAP_FAILED) {
             return 1;
         }
-        auto* mutex =
-            reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(map) + image.mutex.offset);
+        auto* mutex = reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(map) + offset);
         if (::pthread_mutex_lock(mutex) != 0) {
             return 2;
         }
@@ -332,15 +327,46 @@ TEST(SlotInspector, AQueueMutexLeftByAKilledProcessIsReported) {
         ::pause();
         return 0;
     });
-    ASSERT_TRUE(locked.WaitFor()) << child.Wait().Describe();
+    EXPECT_TRUE(locked.WaitFor()) << child.Wait().Describe();
     child.Kill(SIGKILL);
     child.Wait();
+    return child.Pid();
+}
+
+TEST(SlotInspector, AQueueMutexLeftByAKilledProcessIsReported) {
+    ScopedSlotName name("qdead");
+    { DiscardingSlot slot(open_or_create, name.c_str(), 32); }
+    const std::string queue = BaseQueueSlot::GetQueueName(name);
+    const Bytes bytes = ReadObject(queue);
+    const SlotImage::QueueImage image = SlotImage::ParseQueue(bytes.data(), bytes.size());
+    ASSERT_TRUE(image.mutex.present);
+    const pid_t pid = KillWhileHolding(queue, image.mutex.offset);
 
     const SlotReport report = Inspect(name);
     EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
-    EXPECT_EQ(child.Pid(), report.deadHolder);
+    EXPECT_EQ(pid, report.deadHolder);
     ASSERT_EQ(1u, report.heldLocks.size());
     EXPECT_EQ("queue mutex", report.heldLocks[0].lock);
+}
+
+// Every later named lookup or allocation in the segment would wait for these for ever.
+TEST(SlotInspector, SegmentManagerMutexesLeftByAKilledProcessAreReported) {
+    ScopedSlotName name("smdead");
+    { ReliableSlot slot(open_or_create, name.c_str(), 32, 2); }
+    const Bytes bytes = ReadObject(name);
+    const SlotImage::HeaderImage image = SlotImage::ParseHeader(bytes.data(), bytes.size());
+    ASSERT_TRUE(image.indexMutex.present && image.allocatorMutex.present);
+    const pid_t indexHolder = KillWhileHolding(name, image.indexMutex.offset);
+    const pid_t allocatorHolder = KillWhileHolding(name, image.allocatorMutex.offset);
+
+    const SlotReport report = Inspect(name);
+    EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
+    ASSERT_EQ(2u, report.heldLocks.size());
+    EXPECT_EQ("segment index mutex", report.heldLocks[0].lock);
+    EXPECT_EQ(indexHolder, report.heldLocks[0].thread);
+    EXPECT_EQ("segment allocator mutex", report.heldLocks[1].lock);
+    EXPECT_EQ(allocatorHolder, report.heldLocks[1].thread);
+    EXPECT_TRUE(report.heldLocks[0].HolderDead() && report.heldLocks[1].HolderDead());
 }
 
 }  // namespace
