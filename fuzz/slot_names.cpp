@@ -10,10 +10,10 @@
 // front (bit 2; otherwise the name is used as it stands) and whether a reliable reader is made
 // (bit 3). The rest is the name.
 #include "FuzzSupport.h"
-#include "SlotOptions.h"
 
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
+#include <Slot/ISlotConfiguration.h>
 #include <Slot/SlotFactory.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
@@ -33,6 +33,23 @@ using fuzzsupport::Escaped;
 using fuzzsupport::Fail;
 
 namespace {
+
+// A small slot: blocks of at most 16 bytes, two in the queue.
+class SmallSlotConfig : public ISlotConfiguration {
+public:
+    SmallSlotConfig(const std::string& name, const std::string& type) : name_(name), type_(type) {}
+    std::string GetName() const override { return name_; }
+    size_t GetMaxSize() const override { return 16; }
+    size_t GetMaxBufferLength() const override { return 2; }
+    boost::posix_time::time_duration GetUpdateTime() const override {
+        return boost::posix_time::milliseconds(10);
+    }
+    std::string GetSlotType() const override { return type_; }
+
+private:
+    std::string name_;
+    std::string type_;
+};
 
 bool Exists(const std::string& path) {
     struct stat st;
@@ -110,7 +127,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
 
     std::set<std::string> made;
     {
-        const slotctl::ToolSlotConfig cfg(name, type, 16, 2, boost::posix_time::milliseconds(10));
+        const SmallSlotConfig cfg(name, type);
         try {
             boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
             slot->WriteData("block", 5);

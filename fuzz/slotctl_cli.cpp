@@ -6,7 +6,6 @@
 // outside the process; only CommandError may leave it.
 #include "Cli.h"
 #include "FuzzSupport.h"
-#include "SlotOptions.h"
 
 #include <climits>
 #include <cmath>
@@ -27,14 +26,18 @@ struct CommandTable {
     std::set<std::string> flags;
 };
 
-// The option tables of slotctl's commands.
+// The option tables of slotctl's commands (read and write also take the slot options).
 const std::vector<CommandTable>& Tables() {
     static const std::vector<CommandTable> tables = {
         {"ls", {}, {"json"}},
         {"info", {}, {"json"}},
         {"rm", {"min-age"}, {"stale"}},
-        {"read", slotctl::SlotValuedOptions({"count", "timeout", "format"}), {"follow"}},
-        {"write", slotctl::SlotValuedOptions({"length", "every", "count"}), {"lines"}},
+        {"read",
+         {"type", "max-size", "queue", "update-time", "count", "timeout", "format"},
+         {"follow"}},
+        {"write",
+         {"type", "max-size", "queue", "update-time", "length", "every", "count"},
+         {"lines"}},
         {"demo", {"duration", "rate", "burst", "size", "queue", "update-time", "prefix"}, {}},
     };
     return tables;
