@@ -75,6 +75,16 @@ const std::string& ProcessTag() {
     return tag;
 }
 
+void NoteSlotInUse(const std::string& name) {
+    const std::string path = PrivateRoot() + "/slot-in-use";
+    std::FILE* file = std::fopen(path.c_str(), "w");
+    if (file == nullptr) {
+        Fail("cannot write " + path);
+    }
+    std::fwrite(name.data(), 1, name.size(), file);
+    std::fclose(file);
+}
+
 void Fail(const std::string& what) {
     std::fprintf(stderr, "==FUZZ PROPERTY BROKEN== %s\n", what.c_str());
     std::fflush(stderr);

@@ -27,6 +27,10 @@ const SharedFolders& UsePrivateFolders();
 // A tag unique to this process, for the interprocess objects a target makes: "slotfuzz_<pid>_".
 const std::string& ProcessTag();
 
+// Records `name` as the slot this process works on now, in "<PrivateRoot>/slot-in-use", so that
+// scripts/fuzz.sh can remove its shared memory when the process dies before it could.
+void NoteSlotInUse(const std::string& name);
+
 // Reports a broken property on stderr and aborts, which libFuzzer records as a crash together
 // with the input.
 [[noreturn]] void Fail(const std::string& what);

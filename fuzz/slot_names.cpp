@@ -123,6 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     if (!tagged && (Exists("/dev/shm/" + name) || Exists("/dev/shm/queue_" + name))) {
         return 0;
     }
+    fuzzsupport::NoteSlotInUse(name);
     const std::set<std::string> rootBefore = Entries(fuzzsupport::PrivateRoot());
 
     std::set<std::string> made;

@@ -66,9 +66,18 @@ for target in "${targets[@]}"; do
         grep -E '^Base64:|Test unit written' "$dir/artifacts/$target.log" || tail -20 "$dir/artifacts/$target.log"
         failed+=("$target")
     fi
-    # What a crashed run left: its folders, and the shared memory carrying the targets' tag.
-    rm -rf "${TMPDIR:?}"/*
+    # What a crashed run left: the shared memory of the slot it worked on (a name with '/' cannot
+    # have made any), the objects carrying the targets' tag, its private folder.
+    for note in "$TMPDIR"/slotfuzz.*/slot-in-use; do
+        [[ -f $note ]] || continue
+        name=$(head -z -n1 "$note" | tr -d '\0'; echo x)  # up to a NUL, as shm_open reads it
+        name=${name%x}
+        if [[ -n $name && $name != *"/"* && $name != "." && $name != ".." ]]; then
+            rm -f "/dev/shm/$name" "/dev/shm/queue_$name"
+        fi
+    done
     rm -f /dev/shm/*slotfuzz_[0-9]*
+    rm -rf "${TMPDIR:?}"/*
 done
 rmdir "$TMPDIR"
 if [[ ${#failed[@]} -gt 0 ]]; then
