@@ -24,6 +24,8 @@ done
 scripts/setup.sh --fuzz
 launcher=()
 if command -v ccache > /dev/null; then
+    # Objects of this folder only (see scripts/test.sh).
+    export CCACHE_BASEDIR="" CCACHE_HASHDIR=1
     launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 fi
 dir=build-fuzz

@@ -47,6 +47,10 @@ case "$mode" in
         ;;
 esac
 if command -v ccache > /dev/null; then
+    # A build reuses only objects of builds in the same folder: with path rewriting (a base_dir
+    # in the user's ccache.conf) builds of different checkouts have been seen to share objects
+    # made from different headers.
+    export CCACHE_BASEDIR="" CCACHE_HASHDIR=1
     extra+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 fi
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${extra[@]}"
