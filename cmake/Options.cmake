@@ -4,9 +4,21 @@ option(SLOT_BUILD_TESTS "Build the GoogleTest suites" ON)
 option(SLOT_BUILD_TOOLS "Build slotctl" ON)
 option(SLOT_BUILD_EXAMPLES "Build the example programs" ON)
 option(SLOT_BUILD_BENCHMARKS "Build the benchmark programs" OFF)
+option(SLOT_BUILD_FUZZERS "Build the libFuzzer targets in fuzz/ (clang only; implies ASan+UBSan)" OFF)
 option(SLOT_WERROR "Treat warnings as errors" ON)
 option(SLOT_SANITIZE_ADDRESS "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
 option(SLOT_SANITIZE_THREAD "Build with ThreadSanitizer" OFF)
+
+if(SLOT_BUILD_FUZZERS)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR "SLOT_BUILD_FUZZERS needs clang (e.g. -DCMAKE_CXX_COMPILER=clang++-14)")
+    endif()
+    # The fuzzers look for memory errors and undefined behaviour in the libraries they drive.
+    if(NOT SLOT_SANITIZE_THREAD)
+        set(SLOT_SANITIZE_ADDRESS ON CACHE BOOL
+            "Build with AddressSanitizer and UndefinedBehaviorSanitizer" FORCE)
+    endif()
+endif()
 
 if(SLOT_SANITIZE_ADDRESS AND SLOT_SANITIZE_THREAD)
     message(FATAL_ERROR "SLOT_SANITIZE_ADDRESS and SLOT_SANITIZE_THREAD cannot be combined")

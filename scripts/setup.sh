@@ -7,20 +7,26 @@
 #                             log4cxx and GoogleTest libraries unpacked into a private tree that
 #                             cmake/i386.cmake uses (scripts/i386-sysroot.sh says why they are not
 #                             installed as :i386 packages)
+#   scripts/setup.sh --fuzz   also clang-14 with its sanitizer and libFuzzer runtimes, and
+#                             llvm-symbolizer for readable sanitizer stacks (scripts/fuzz.sh)
 # Exits non-zero with one "... setup failed: ..." line when the environment cannot be made.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 
+i386=0
+fuzz=0
 case "${1:-}" in
-    "") i386=0 ;;
+    "") ;;
     --i386) i386=1 ;;
-    *) echo "usage: $0 [--i386]" >&2; exit 2 ;;
+    --fuzz) fuzz=1 ;;
+    *) echo "usage: $0 [--i386|--fuzz]" >&2; exit 2 ;;
 esac
 
 native=(cmake g++ make pkg-config libboost-dev libboost-thread-dev libboost-date-time-dev
         libboost-system-dev liblog4cxx-dev libgtest-dev libgmock-dev googletest)
 want=("${native[@]}")
 [[ $i386 -eq 1 ]] && want+=(g++-multilib)
+[[ $fuzz -eq 1 ]] && want+=(clang-14 libclang-rt-14-dev llvm-14)
 
 sudo=""
 [[ $(id -u) -ne 0 ]] && sudo="sudo"
@@ -61,6 +67,8 @@ if [[ ${#missing[@]} -gt 0 ]]; then
         for pkg in "${native[@]}"; do installed "$pkg" || native_ok=0; done
         if [[ $i386 -eq 1 && $native_ok -eq 1 ]]; then
             echo "i386 setup failed: cannot install g++-multilib" >&2
+        elif [[ $fuzz -eq 1 && $native_ok -eq 1 ]]; then
+            echo "fuzz setup failed: cannot install ${missing[*]}" >&2
         else
             echo "setup failed: cannot install ${missing[*]}" >&2
         fi
