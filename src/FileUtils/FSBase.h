@@ -5,6 +5,8 @@
 
 #include <Slot/IFileOutputCfg.h>
 
+#include <shared/WriteOutcome.h>
+
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/thread/mutex.hpp>
 
@@ -72,6 +74,10 @@ public:
     // How long a write waits for room in a full named pipe before it drops the block.
     void SetPipeFullTimeout(const boost::posix_time::time_duration& timeout);
 
+    // Records the outcome of every following block for the slot `slotName` (see
+    // <shared/WriteOutcome.h>); the factory names the writers of posix-pipe slots so.
+    void SetWriteOutcomeName(const std::string& slotName);
+
 protected:
     // Writes one block (already formatted); refusals and failures are logged.
     void WriteBlock(const char* data, size_t size);
@@ -113,6 +119,8 @@ private:
     bool droppingOnFullPipe_;                           // guarded by mutex_
     std::string fileName_;                              // guarded by mutex_
     boost::posix_time::time_duration pipeFullTimeout_;  // guarded by mutex_
+    shared::WriteCounters* writeCounters_;              // guarded by mutex_; null: not recorded
+    shared::WriteOutcome blockOutcome_;  // guarded by mutex_; of the block being written
 };
 
 }  // namespace FileUtils
