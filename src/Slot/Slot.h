@@ -20,3 +20,4 @@
 #include <Slot/Version.h>
 #include <Slot/WindowsPipe/WindowsPipeReader.h>
 #include <Slot/WindowsPipe/WindowsPipeServerSlot.h>
+#include <Slot/WriteOutcome.h>
