@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a host learns about its writes without reading the log: the thread's last outcome and
 // the per-slot counts, for each slot kind.
+#include "FakeSlot.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotWriter.h>
 #include <Slot/WriteOutcome.h>
 
 #include <FileUtils/NamedPipeCreator.h>
@@ -12,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -126,6 +129,16 @@ TEST(WriteOutcome, DirectWriteDataIsRecordedAndCountsAreKeptPerName) {
     ExpectCounts(first, 1, 0, 1, 0);
     ExpectCounts(second, 1, 0, 0, 0);
     ExpectCounts(testsupport::UniqueName("never_written"), 0, 0, 0, 0);
+}
+
+TEST(WriteOutcome, AWriteThatThrowsThroughSlotWriterIsAFailure) {
+    const std::string name = testsupport::UniqueName("outcome_throws");
+    testsupport::FakeSlot slot(name);
+    slot.writeThrows = [] { throw std::runtime_error("broken"); };
+    SlotWriter writer{boost::shared_ptr<IBaseSlot>(&slot, [](IBaseSlot*) {})};
+    EXPECT_THROW(writer.onNotify("", "x", 1), std::runtime_error);
+    EXPECT_EQ(WriteOutcome::Failed, Slot::LastWriteOutcome());
+    ExpectCounts(name, 0, 0, 0, 1);
 }
 
 TEST(WriteOutcome, LastOutcomeBelongsToTheWritingThreadAndCountsAddUpAcrossThreads) {
