@@ -3,6 +3,9 @@
 //   example_reader NAME [COUNT]
 #include <Slot/Slot.h>
 
+#include <log4cxx/basicconfigurator.h>
+#include <log4cxx/logger.h>
+
 #include <condition_variable>
 #include <cstdlib>
 #include <iostream>
@@ -39,6 +42,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     const int count = argc > 2 ? std::atoi(argv[2]) : 10;
+    // The library logs through log4cxx and configures nothing: warnings and errors to stdout.
+    log4cxx::BasicConfigurator::configure();
+    log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getWarn());
     try {
         SimpleSlotCfg cfg(argv[1], "reliable", boost::posix_time::milliseconds(100), 16);
         Printer printer;

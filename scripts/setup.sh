@@ -25,6 +25,8 @@ esac
 native=(cmake g++ make pkg-config libboost-dev libboost-thread-dev libboost-date-time-dev
         libboost-system-dev liblog4cxx-dev libgtest-dev libgmock-dev googletest)
 want=("${native[@]}")
+want+=(dpkg-dev file)                                       # Debian packages (CPack, tests/deb)
+[[ "${SLOT_SETUP_DOCS:-0}" == 1 ]] && want+=(doxygen)       # API documentation (scripts/docs.sh)
 [[ $i386 -eq 1 ]] && want+=(g++-multilib)
 [[ $fuzz -eq 1 ]] && want+=(clang-14 libclang-rt-14-dev llvm-14)
 

@@ -227,7 +227,6 @@ struct ChildRun {
 
     // Saves the results and ends the process.
     [[noreturn]] void Finish() {
-        out.Set("log_messages", SlotOtherMessagesLogged());
         out.Save(args.Get("out"));
         FinishChild(params, 0);
     }

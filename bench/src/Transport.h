@@ -143,10 +143,7 @@ std::unique_ptr<Sender> MakeIceoryxSender(const RunParams& params);
 std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunParams& params);
 #endif
 
-// Slot library logging: everything off except the "queue is full" warnings, which are counted.
+// Slot library logging: errors only, on stderr.
 void ConfigureSlotLogging();
-std::uint64_t SlotRefusalsLogged();
-// Every other WARN or ERROR line the library logged in this process.
-std::uint64_t SlotOtherMessagesLogged();
 
 }  // namespace bench

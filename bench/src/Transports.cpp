@@ -3,6 +3,7 @@
 #include "Transport.h"
 
 #include <Slot/SlotFactory.h>
+#include <Slot/WriteOutcome.h>
 #include <shared/SharedMemory.h>
 
 #include <FileUtils/NamedPipeCreator.h>
@@ -198,11 +199,10 @@ public:
             writer_->onNotify(cfg_.GetName(), data, size);
             return;
         }
-        // A refused write is only logged: the counting appender tells us, and we try again.
+        // A full queue refuses the block without waiting: try again after a short back-off.
         for (unsigned int attempt = 0;; ++attempt) {
-            const std::uint64_t before = SlotRefusalsLogged();
             writer_->onNotify(cfg_.GetName(), data, size);
-            if (SlotRefusalsLogged() == before) {
+            if (Slot::LastWriteOutcome() != Slot::WriteOutcome::Refused) {
                 return;
             }
             ++refusals_;

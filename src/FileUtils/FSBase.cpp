@@ -127,7 +127,9 @@ FSBase::FSBase(const IFileOutputCfg& cfg)
       isRegular_(false),
       openedBefore_(false),
       droppingOnFullPipe_(false),
-      pipeFullTimeout_(boost::posix_time::seconds(1)) {}
+      pipeFullTimeout_(boost::posix_time::seconds(1)),
+      writeCounters_(nullptr),
+      blockOutcome_(shared::WriteOutcome::None) {}
 
 FSBase::~FSBase() {
     boost::mutex::scoped_lock lock(mutex_);
@@ -252,6 +254,12 @@ bool FSBase::FileIsStillInPlaceLocked() const {
     return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
+void FSBase::SetWriteOutcomeName(const std::string& slotName) {
+    shared::WriteCounters* counters = shared::WriteCountersFor(slotName);
+    boost::mutex::scoped_lock lock(mutex_);
+    writeCounters_ = counters;
+}
+
 void FSBase::WriteBlock(const char* data, size_t size) {
     boost::mutex::scoped_lock lock(mutex_);
     if (!PrepareStreamLocked()) {
@@ -260,14 +268,22 @@ void FSBase::WriteBlock(const char* data, size_t size) {
                                                 << "' is not open, block of " << size
                                                 << " bytes dropped");
         }
+        if (writeCounters_ != nullptr) {
+            shared::RecordWriteOutcome(writeCounters_, shared::WriteOutcome::Failed);
+        }
         return;
     }
+    // The writing steps below change this when they drop or fail the block.
+    blockOutcome_ = shared::WriteOutcome::Stored;
     if (isFifo_) {
         WritePipeLocked(data, size);
     } else if (isRegular_) {
         WriteRegularFileLocked(data, size);
     } else {
         WriteAllLocked(data, size);
+    }
+    if (writeCounters_ != nullptr) {
+        shared::RecordWriteOutcome(writeCounters_, blockOutcome_);
     }
 }
 
@@ -279,6 +295,7 @@ void FSBase::WriteRegularFileLocked(const char* data, size_t size) {
                              "Block of " << size << " bytes is larger than the maximum size of "
                                          << maxSize_ << " bytes of '" << fileName_ << "', dropped");
             }
+            blockOutcome_ = shared::WriteOutcome::Refused;
             return;
         }
         struct stat st;
@@ -286,6 +303,7 @@ void FSBase::WriteRegularFileLocked(const char* data, size_t size) {
         if (known && static_cast<unsigned long long>(st.st_size) + size > maxSize_ && rotate_) {
             RotateLocked();
             if (fd_ < 0) {
+                blockOutcome_ = shared::WriteOutcome::Failed;
                 return;
             }
         }
@@ -296,6 +314,7 @@ void FSBase::WriteRegularFileLocked(const char* data, size_t size) {
                                           << maxSize_ << " bytes, block of " << size
                                           << " bytes dropped");
             }
+            blockOutcome_ = shared::WriteOutcome::Refused;
             return;
         }
     }
@@ -308,6 +327,7 @@ void FSBase::FailWriteLocked(int error, size_t dropped, size_t size) {
                                             << ", " << dropped << " of " << size
                                             << " bytes of a block dropped");
     }
+    blockOutcome_ = shared::WriteOutcome::Failed;
     // Closed, so that an auto-reopening stream opens the file anew.
     CloseLocked();
 }
@@ -425,6 +445,8 @@ void FSBase::WritePipeLocked(const char* data, size_t size) {
         return;
     }
     droppingOnFullPipe_ = true;
+    // A whole block dropped is a refusal; a block cut short has damaged the byte stream.
+    blockOutcome_ = done == 0 ? shared::WriteOutcome::Refused : shared::WriteOutcome::Failed;
     if (logger_->isWarnEnabled()) {
         if (done == 0) {
             LOG4CXX_WARN(logger_, "Named pipe '" << fileName_ << "' is full, block of " << size

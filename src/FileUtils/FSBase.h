@@ -6,6 +6,8 @@
 #include <Slot/IFileOutputCfg.h>
 #include <shared/SharedFolder.h>
 
+#include <shared/WriteOutcome.h>
+
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/thread/mutex.hpp>
 
@@ -88,6 +90,10 @@ public:
     // How long a write waits for room in a full named pipe before it drops the block.
     void SetPipeFullTimeout(const boost::posix_time::time_duration& timeout);
 
+    // Records the outcome of every following block for the slot `slotName` (see
+    // <shared/WriteOutcome.h>); the factory names the writers of posix-pipe slots so.
+    void SetWriteOutcomeName(const std::string& slotName);
+
 protected:
     // Writes one block (already formatted); refusals and failures are logged.
     void WriteBlock(const char* data, size_t size);
@@ -133,6 +139,8 @@ private:
     shared::CheckedFolder folder_;                      // guarded by mutex_; of fileName_
     std::string leaf_;                                  // guarded by mutex_; fileName_ in folder_
     boost::posix_time::time_duration pipeFullTimeout_;  // guarded by mutex_
+    shared::WriteCounters* writeCounters_;              // guarded by mutex_; null: not recorded
+    shared::WriteOutcome blockOutcome_;  // guarded by mutex_; of the block being written
 };
 
 }  // namespace FileUtils

@@ -17,5 +17,7 @@
 #include <Slot/SimpleSlotRW.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotWriter.h>
+#include <Slot/Version.h>
 #include <Slot/WindowsPipe/WindowsPipeReader.h>
 #include <Slot/WindowsPipe/WindowsPipeServerSlot.h>
+#include <Slot/WriteOutcome.h>

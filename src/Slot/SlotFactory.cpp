@@ -176,6 +176,7 @@ ISubscriberPtr SlotFactory::CreateSlotWriter(const ISlotConfiguration* cfg) {
         const boost::function<std::string(shared::SizedArray&)> format = shared::FormatNothing;
         boost::shared_ptr<FileUtils::FSSAutoReopen> writer(
             new FileUtils::FSSAutoReopen(outputCfg, format));
+        writer->SetWriteOutcomeName(cfg->GetName());
         writer->Reopen();
         return writer;
     }

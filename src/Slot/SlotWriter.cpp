@@ -2,6 +2,7 @@
 #include <Slot/SlotWriter.h>
 
 #include <shared/ILockable.h>
+#include <shared/WriteOutcome.h>
 
 #include <boost/interprocess/sync/scoped_lock.hpp>
 
@@ -18,7 +19,14 @@ void SlotWriter::onNotify(const std::string&, const void* data, size_t size) {
         if (logger_->isTraceEnabled()) {
             LOG4CXX_TRACE(logger_, "locked '" << slot_->GetName() << "'");
         }
-        slot_->WriteData(data, size);
+        try {
+            slot_->WriteData(data, size);
+        } catch (...) {
+            // The slot kinds record their own outcomes; an exception is a failed write.
+            shared::RecordWriteOutcome(shared::WriteCountersFor(slot_->GetName()),
+                                       shared::WriteOutcome::Failed);
+            throw;
+        }
     }
     if (logger_->isTraceEnabled()) {
         LOG4CXX_TRACE(logger_, "unlocked '" << slot_->GetName() << "'");

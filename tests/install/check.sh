@@ -1,27 +1,83 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs the build into a scratch prefix, then builds and runs an outside project against it,
-# once through find_package(Slot) and once through pkg-config.
+# Installs the build into a scratch prefix outside the loader's search path and, with
+# LD_LIBRARY_PATH unset, builds and runs: an outside project through find_package(Slot), the
+# same through the build tree (-DSlot_DIR=<build>), a program built with pkg-config's flags, and
+# the installed slotctl; then moves the installed tree and runs the pkg-config program and
+# slotctl again from the new place.
 #   check.sh BUILD_DIR SOURCE_DIR [TOOLCHAIN_FILE]
 set -euo pipefail
-build=$1
+build=$(cd "$1" && pwd)
 src=$2
 toolchain=${3:-}
+unset LD_LIBRARY_PATH
 work=$(mktemp -d /tmp/slot-install-XXXXXX)
 trap 'rm -rf "$work"' EXIT
+step() { echo "--- $*"; }
 
-cmake --install "$build" --prefix "$work/prefix" > "$work/install.log"
+pc_build=1
+if [[ -n "$toolchain" ]]; then
+    # 32-bit: Boost and log4cxx may come from a private tree that is not in the loader's path;
+    # that tree (not ours) is given to the loader. pkg-config answers for the native log4cxx
+    # here, so the pkg-config program is not built; its flags are still checked.
+    pc_build=0
+    sysroot=${SLOT_I386_SYSROOT:-/opt/slot-i386-sysroot}
+    if [[ -e "$sysroot/.slot-i386-ready" ]]; then
+        export LD_LIBRARY_PATH="$sysroot/usr/lib/i386-linux-gnu:$sysroot/lib/i386-linux-gnu"
+    fi
+fi
+
+prefix="$work/some/prefix"
+cmake --install "$build" --prefix "$prefix" > "$work/install.log"
+libdir=$(dirname "$(ls "$prefix"/lib*/libSlot.so.1)")
 for lib in libshared libFileUtils libIoUtils libSlot; do
-    ls "$work"/prefix/lib*/"$lib".so.1 > /dev/null
+    ls "$libdir/$lib.so.1" > /dev/null
 done
 
-args=(-S "$src/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix")
-[[ -n "$toolchain" ]] && args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
-cmake "${args[@]}" > "$work/configure.log"
-cmake --build "$work/consumer" > "$work/build.log"
-LD_LIBRARY_PATH="$(dirname "$(ls "$work"/prefix/lib*/libSlot.so.1)")" "$work/consumer/consumer"
+consumer() {  # consumer LABEL BUILD_DIR CMAKE_ARGS...
+    local label=$1 dir=$2
+    shift 2
+    step "$label"
+    local args=(-S "$src/consumer" -B "$dir" "$@")
+    [[ -n "$toolchain" ]] && args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
+    cmake "${args[@]}" > "$dir.configure.log" || { cat "$dir.configure.log"; return 1; }
+    cmake --build "$dir" > "$dir.build.log" || { cat "$dir.build.log"; return 1; }
+    "$dir/consumer"
+}
+consumer "find_package(Slot) from the installed prefix" "$work/consumer" \
+    -DCMAKE_PREFIX_PATH="$prefix"
+consumer "find_package(Slot) from the build tree" "$work/consumer-build-tree" -DSlot_DIR="$build"
 
-pcdir=$(dirname "$(ls "$work"/prefix/lib*/pkgconfig/slot.pc)")
-flags=$(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs slot)
+step "pkg-config"
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+flags=$(pkg-config --cflags --libs slot)
 [[ "$flags" == *"-lSlot"* ]] || { echo "slot.pc lacks -lSlot: $flags"; exit 1; }
+[[ "$flags" == *"-I$prefix/"* || "$flags" == *"-I$libdir/pkgconfig/"* ]] \
+    || { echo "slot.pc does not point into the prefix: $flags"; exit 1; }
+pc_consumer() {  # pc_consumer OUTPUT
+    if [[ $pc_build -eq 1 ]]; then
+        # shellcheck disable=SC2086  # the flags are words
+        g++ -std=c++17 "$src/consumer/main.cpp" $flags -o "$1"
+        "$1"
+    fi
+}
+pc_consumer "$work/pc-consumer"
+
+tools=0
+if [[ -x "$prefix/bin/slotctl" ]]; then  # built unless SLOT_BUILD_TOOLS is off
+    tools=1
+    step "installed slotctl"
+    version=$("$prefix/bin/slotctl" --version)
+    [[ "$version" =~ ^slotctl\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || { echo "slotctl --version: $version"; exit 1; }
+    "$prefix/bin/slotctl" ls > /dev/null
+fi
+
+step "moved installation"
+mv "$prefix" "$work/moved"
+libdir=${libdir/$prefix/$work/moved}
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+flags=$(pkg-config --cflags --libs slot)
+[[ "$flags" == *"-I$work/moved/"* ]] || { echo "slot.pc did not move along: $flags"; exit 1; }
+pc_consumer "$work/pc-consumer-moved"
+[[ $tools -eq 0 ]] || "$work/moved/bin/slotctl" --version > /dev/null
 echo "install check ok"

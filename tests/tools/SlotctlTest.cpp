@@ -4,6 +4,7 @@
 #include "SlotctlRunner.h"
 
 #include <Slot/SlotFactory.h>
+#include <Slot/Version.h>
 
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
@@ -131,6 +132,12 @@ TEST(SlotctlErrors, HelpForTheToolAndEveryCommand) {
     const Outcome run = Slotctl({"--help"});
     EXPECT_EQ(0, run.status);
     EXPECT_TRUE(Contains(run.out, "commands:"));
+}
+
+TEST(SlotctlErrors, VersionIsTheProjectVersion) {
+    const Outcome run = Slotctl({"--version"});
+    EXPECT_EQ(0, run.status) << run.Describe();
+    EXPECT_EQ(std::string("slotctl ") + SLOT_VERSION_STRING + "\n", run.out);
 }
 
 TEST(SlotctlLogging, VerbosityAndAConfigurationFileReachTheLibrary) {
@@ -420,6 +427,20 @@ TEST(SlotctlReadWrite, RefusedAndDiscardedBlocksAreReportedAsTheLibraryLogsThem)
     EXPECT_TRUE(Contains(tooLarge.err, "ERROR [Slot] Unable to write to '" + small.str() +
                                            "': data size 5 > max data size 4"))
         << tooLarge.Describe();
+}
+
+// The summary and the exit status come from the write outcomes, not from the log: a
+// configuration that silences the library hides the WARN line but not the refusal.
+TEST(SlotctlReadWrite, RefusedBlocksCountAlsoWhenTheLogIsSilenced) {
+    const std::string config = testsupport::TestRunDir() + "/silent.properties";
+    std::ofstream(config) << "log4j.rootLogger=OFF\n";
+    ScopedSlotName reliable("silenced");
+    const Outcome refused = Slotctl({"--log-config", config, "write", reliable.str(), "--type",
+                                     "reliable", "--queue", "1", "--count", "3", "x"});
+    EXPECT_EQ(1, refused.status) << refused.Describe();
+    EXPECT_FALSE(Contains(refused.err, "is full")) << refused.Describe();
+    EXPECT_TRUE(Contains(refused.err, "3 blocks to '" + reliable.str() + "' (reliable): 2 refused"))
+        << refused.Describe();
 }
 
 // ---- demo ----

@@ -8,9 +8,9 @@
 
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/WriteOutcome.h>
 
 #include <unistd.h>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -20,26 +20,6 @@
 namespace slotctl {
 
 namespace {
-
-// Counts the library's warnings about this run's blocks: discarded waiting blocks of a
-// discarding slot (normal operation), and every other WARN or ERROR (a refused, dropped or
-// failed block). Both are also printed by the console appender as the library logs them.
-class WriteOutcome {
-public:
-    void OnEvent(const LogEvent& event) {
-        if (event.message.find("discarded") != std::string::npos) {
-            ++discarded_;
-        } else {
-            ++problems_;
-        }
-    }
-    unsigned long Discarded() const { return discarded_; }
-    unsigned long Problems() const { return problems_; }
-
-private:
-    std::atomic<unsigned long> discarded_{0};
-    std::atomic<unsigned long> problems_{0};
-};
 
 enum class Input { Data, End, Failed, Stopped };
 
@@ -110,7 +90,7 @@ std::string ReadAllInput() {
     }
 }
 
-std::string Plural(unsigned long n, const char* word) {
+std::string Plural(std::uint64_t n, const char* word) {
     return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
 }
 
@@ -134,7 +114,8 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     const ToolSlotConfig cfg = ResolveSlot(arguments, name);
 
     const bool fromStdin = arguments.Operands().size() < 2 || arguments.Operands()[1] == "-";
-    WriteOutcome outcome;
+    // This run's blocks: the counts of the slot's name in this process, before and after.
+    const Slot::WriteCounts before = Slot::GetWriteCounts(cfg.GetName());
     unsigned long blocks = 0;
     bool stopped = false;
     {
@@ -144,10 +125,6 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
         } catch (const AbortSlotCreationException& e) {
             throw CommandError(ExitFailure, "cannot write to " + Quote(name) + ": " + e.what());
         }
-        // Attached after the opening, whose own warnings (an existing slot of other sizes) are
-        // not about the blocks.
-        std::unique_ptr<WarningTap> tap(
-            new WarningTap([&outcome](const LogEvent& event) { outcome.OnEvent(event); }));
         auto shape = [&](std::string block) {
             if (hasLength) {
                 block.resize(static_cast<size_t>(length), '\0');
@@ -202,12 +179,12 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
                 }
             }
         }
-        // The writer goes before the tap: closing a named pipe may still report lost bytes.
         writer.reset();
-        tap.reset();
     }
-    const unsigned long problems = outcome.Problems();
-    const unsigned long discarded = outcome.Discarded();
+    // The library has printed a WARN or ERROR line for each of these as it happened.
+    const Slot::WriteCounts after = Slot::GetWriteCounts(cfg.GetName());
+    const std::uint64_t problems = after.NotStored() - before.NotStored();
+    const std::uint64_t discarded = after.discarded - before.discarded;
     std::string summary =
         Plural(blocks, "block") + " to " + Quote(name) + " (" + cfg.TypeName() + ")";
     if (problems == 0) {

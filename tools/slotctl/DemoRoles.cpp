@@ -7,6 +7,7 @@
 #include "SlotOptions.h"
 
 #include <Slot/SlotFactory.h>
+#include <Slot/WriteOutcome.h>
 
 #include <FileUtils/NamedPipeCreator.h>
 #include <IoUtils/AccumulationBuffer.h>
@@ -91,36 +92,26 @@ bool StopRequested(std::uint64_t timeoutNs) {
     return r > 0;
 }
 
-// Per-slot counters of the library's warnings, told apart by the slot name in the message.
+// Blocks of each demo slot that did not get through as written: discarded waiting blocks of the
+// discarding slot, refused blocks of the reliable one, dropped blocks of the pipe, and failures.
 class NotStoredCounter {
 public:
     explicit NotStoredCounter(const Settings& settings) {
         for (int i = 0; i < SlotCount; ++i) {
             names_[i] = settings.SlotName(i);
-            pipe_[i] =
-                i == PosixPipe ? FileUtils::NamedPipeCreator::ConstructPipeFilename(names_[i]) : "";
+            before_[i] = Lost(Slot::GetWriteCounts(names_[i]));
         }
     }
-    void OnEvent(const LogEvent& event) {
-        for (int i = 0; i < SlotCount; ++i) {
-            const std::string& m = event.message;
-            const bool named = m.find("'" + names_[i] + "'") != std::string::npos ||
-                               (m.size() > names_[i].size() &&
-                                m.compare(m.size() - names_[i].size() - 1, std::string::npos,
-                                          " " + names_[i]) == 0) ||
-                               (!pipe_[i].empty() && m.find(pipe_[i]) != std::string::npos);
-            if (named) {
-                ++counts_[i];
-                return;
-            }
-        }
+    std::uint64_t Count(int slot) const {
+        return Lost(Slot::GetWriteCounts(names_[slot])) - before_[slot];
     }
-    std::uint64_t Count(int slot) const { return counts_[slot]; }
 
 private:
+    static std::uint64_t Lost(const Slot::WriteCounts& counts) {
+        return counts.discarded + counts.NotStored();
+    }
     std::string names_[SlotCount];
-    std::string pipe_[SlotCount];
-    std::atomic<std::uint64_t> counts_[SlotCount] = {};
+    std::uint64_t before_[SlotCount] = {};
 };
 
 std::string PublisherLine(char tag, std::uint64_t elapsedMs, const std::uint64_t* sent,
@@ -210,8 +201,6 @@ int RunDemoPublisher(const Context&, const std::vector<std::string>& args) {
         const ToolSlotConfig cfg = DemoConfig(settings, i);
         writers.push_back(SlotFactory::CreateSlotWriter(&cfg));
     }
-    std::unique_ptr<WarningTap> tap(
-        new WarningTap([&notStored](const LogEvent& event) { notStored.OnEvent(event); }));
     std::string block(static_cast<size_t>(settings.blockSize), '\0');
     for (size_t k = 2 * sizeof(std::uint64_t); k < block.size(); ++k) {
         block[k] = static_cast<char>('a' + k % 26);
@@ -250,9 +239,7 @@ int RunDemoPublisher(const Context&, const std::vector<std::string>& args) {
             break;
         }
     }
-    // Closing the pipe writer may still report lost bytes: writers go before the tap.
     writers.clear();
-    tap.reset();
     PrintLine(PublisherLine('E', (MonotonicNs() - start) / 1000000u, sent, notStored));
     return ExitOk;
 }

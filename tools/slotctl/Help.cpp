@@ -22,6 +22,7 @@ options (anywhere before "--"):
   -v, -vv             the library's DEBUG / TRACE logging on stderr
   --log-config FILE   a log4cxx configuration (.xml: DOMConfigurator, else properties)
   -h, --help          help for the tool, or for the command given
+  --version           the versions of slotctl and of the libSlot it runs with
 
 exit status: 0 ok, 1 failed (not a slot, no permission, data refused...), 2 bad command line,
 130 interrupted.

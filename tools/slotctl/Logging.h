@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,32 +21,5 @@ void ConfigureLogging(const LogOptions& options);
 
 // The command-line words that reproduce `options` in a child process.
 std::vector<std::string> LogArguments(const LogOptions& options);
-
-namespace tap_detail {
-class TapAppender;
-}
-
-// One WARN-or-worse event of the library, as it was logged.
-struct LogEvent {
-    std::string logger;
-    std::string level;
-    std::string message;
-};
-
-// Sees every event at WARN and above that the library logs on "Slot" (the slots) and its
-// children "Slot.Writer" (writers, the named-pipe writer included) and "Slot.Reader", while it
-// lives. "Slot" and "Slot.Writer" are lowered to WARN if the configuration had silenced them,
-// so that nothing goes unseen. `onEvent` runs on the thread that logs (any thread of the
-// process); it must be thread-safe.
-class WarningTap {
-public:
-    explicit WarningTap(std::function<void(const LogEvent&)> onEvent);
-    ~WarningTap();
-    WarningTap(const WarningTap&) = delete;
-    WarningTap& operator=(const WarningTap&) = delete;
-
-private:
-    std::shared_ptr<tap_detail::TapAppender> appender_;
-};
 
 }  // namespace slotctl

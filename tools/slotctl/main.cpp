@@ -6,6 +6,7 @@
 #include "Signals.h"
 
 #include <Slot/AbortSlotCreationException.h>
+#include <Slot/Version.h>
 
 #include <unistd.h>
 #include <climits>
@@ -61,6 +62,14 @@ int Run(int argc, char** argv) {
             context.log.verbosity = 2;
         } else if (arg == "-h" || arg == "--help") {
             help = true;
+        } else if (arg == "--version" && command.empty()) {
+            // The tool's own version, and the library's when another one is loaded.
+            std::cout << "slotctl " << SLOT_VERSION_STRING;
+            if (std::string(Slot::Version()) != SLOT_VERSION_STRING) {
+                std::cout << " (libSlot " << Slot::Version() << ")";
+            }
+            std::cout << std::endl;
+            return slotctl::ExitOk;
         } else if (arg == "--log-config" || slotctl::StartsWith(arg, "--log-config=")) {
             if (arg.size() > 12) {
                 context.log.configFile = arg.substr(13);

@@ -340,3 +340,12 @@ shared::SizedArray BaseQueueSlot::GetDataFromOutBuf() {
     }
     return copy;
 }
+
+void BaseQueueSlot::RecordWriteOutcome(shared::WriteOutcome outcome) {
+    shared::WriteCounters* counters = writeCounters_.load(std::memory_order_acquire);
+    if (counters == nullptr) {
+        counters = shared::WriteCountersFor(name_);
+        writeCounters_.store(counters, std::memory_order_release);
+    }
+    shared::RecordWriteOutcome(counters, outcome);
+}

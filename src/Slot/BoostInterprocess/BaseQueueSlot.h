@@ -8,6 +8,7 @@
 #include <shared/LockablePtr.h>
 #include <shared/SharedMemory.h>
 #include <shared/SizedArray.h>
+#include <shared/WriteOutcome.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/interprocess/creation_tags.hpp>
@@ -18,6 +19,7 @@
 
 #include <log4cxx/logger.h>
 
+#include <atomic>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -149,6 +151,8 @@ protected:
     const log4cxx::LoggerPtr& GetLogger() const {
         return logger_;
     }
+    // Tells Slot::LastWriteOutcome / Slot::GetWriteCounts what became of one WriteData.
+    void RecordWriteOutcome(shared::WriteOutcome outcome);
 
     // Construction steps; ConstructHeader holds GetLockable() throughout and calls ConstructRwSync.
     void ConstructHeader();
@@ -175,4 +179,7 @@ private:
     unsigned int* bufferDataSize_;                      // "output_buffer_data_size", in the segment
     std::unique_ptr<shared::ISyncEvent> onWrite_;  // pack over the header mutex and cond_on_write
     shared::LockablePtr<boost::interprocess::interprocess_mutex> lockable_;  // the header mutex
+    // This name's write counters, looked up at the first write (any thread may make it; every
+    // lookup yields the same pointer).
+    std::atomic<shared::WriteCounters*> writeCounters_{nullptr};
 };

@@ -40,13 +40,16 @@ size_t DiscardingSlot::ReadData(void* buffer, size_t size) {
 
 void DiscardingSlot::WriteData(const void* data, size_t size) {
     if (!CheckDataBeforeWriting(data, size)) {
+        RecordWriteOutcome(shared::WriteOutcome::Refused);
         return;
     }
     const log4cxx::LoggerPtr& logger = GetLogger();
     try {
         MessageQueue& queue = GetQueue();
+        shared::WriteOutcome outcome = shared::WriteOutcome::Stored;
         if (queue.get_num_msg() == queue.get_max_msg()) {
             DiscardOneDataBlock();
+            outcome = shared::WriteOutcome::Discarded;
             if (logger->isWarnEnabled()) {
                 LOG4CXX_WARN(logger, "One data block discarded from " << GetName());
             }
@@ -54,9 +57,12 @@ void DiscardingSlot::WriteData(const void* data, size_t size) {
         // A writer that filled the queue since the count above makes this send fail; the block
         // is then lost, as in any race between two writers that do not hold the lockable.
         const char none = 0;
-        queue.try_send(size != 0 ? data : &none, static_cast<MessageQueue::size_type>(size),
-                       DefaultDataPriority);
+        if (!queue.try_send(size != 0 ? data : &none, static_cast<MessageQueue::size_type>(size),
+                            DefaultDataPriority)) {
+            outcome = shared::WriteOutcome::Refused;
+        }
         const boost::posix_time::ptime stamp = StampLastWriteTime();
+        RecordWriteOutcome(outcome);
         if (logger->isTraceEnabled()) {
             LOG4CXX_TRACE(logger, "write timestamp "
                                       << boost::posix_time::to_simple_string(stamp.time_of_day())
@@ -66,5 +72,6 @@ void DiscardingSlot::WriteData(const void* data, size_t size) {
         if (logger->isErrorEnabled()) {
             LOG4CXX_ERROR(logger, "Error writing to '" << GetName() << "' : " << e.what());
         }
+        RecordWriteOutcome(shared::WriteOutcome::Failed);
     }
 }

@@ -31,6 +31,7 @@ size_t ReliableSlot::ReadData(void* buffer, size_t size) {
 
 void ReliableSlot::WriteData(const void* data, size_t size) {
     if (!CheckDataBeforeWriting(data, size)) {
+        RecordWriteOutcome(shared::WriteOutcome::Refused);
         return;
     }
     const log4cxx::LoggerPtr& logger = GetLogger();
@@ -40,19 +41,24 @@ void ReliableSlot::WriteData(const void* data, size_t size) {
         if (queue.try_send(size != 0 ? data : &none, static_cast<MessageQueue::size_type>(size),
                            DefaultDataPriority)) {
             const boost::posix_time::ptime stamp = StampLastWriteTime();
+            RecordWriteOutcome(shared::WriteOutcome::Stored);
             if (logger->isTraceEnabled()) {
                 LOG4CXX_TRACE(
                     logger, "Write timestamp "
                                 << boost::posix_time::to_simple_string(stamp.time_of_day()) << " '"
                                 << GetName() << "' queue size==" << queue.get_num_msg());
             }
-        } else if (logger->isWarnEnabled()) {
-            LOG4CXX_WARN(logger,
-                         "Queue in '" << GetName() << "' is full, the data was not written");
+        } else {
+            RecordWriteOutcome(shared::WriteOutcome::Refused);
+            if (logger->isWarnEnabled()) {
+                LOG4CXX_WARN(logger,
+                             "Queue in '" << GetName() << "' is full, the data was not written");
+            }
         }
     } catch (const boost::interprocess::interprocess_exception& e) {
         if (logger->isErrorEnabled()) {
             LOG4CXX_ERROR(logger, "Error writing to '" << GetName() << "' : " << e.what());
         }
+        RecordWriteOutcome(shared::WriteOutcome::Failed);
     }
 }

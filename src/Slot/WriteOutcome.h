@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <shared/WriteOutcome.h>
+
+/// @file
+/// Write outcomes without reading the log.
+///
+/// A write into a slot never throws for a full or refused block: `SlotWriter::onNotify` and
+/// `WriteData` return normally and say what happened only in the log. These functions tell a
+/// program the same without parsing log lines:
+///
+/// @code
+/// writer->onNotify(cfg.GetName(), block.data(), block.size());
+/// if (Slot::LastWriteOutcome() == Slot::WriteOutcome::Refused) {
+///     // the reliable slot was full (or the block too large): keep the block and retry later
+/// }
+/// Slot::WriteCounts counts = Slot::GetWriteCounts(cfg.GetName());   // this process, so far
+/// @endcode
+///
+/// Every write through a "discarding" or "reliable" slot (`SlotWriter`, `SimpleSlotRW`, a
+/// direct `WriteData`) and through the writer of a "posix-pipe" slot is recorded:
+///
+/// | outcome | discarding | reliable | posix-pipe |
+/// |---|---|---|---|
+/// | Stored | in the queue | in the queue | written whole |
+/// | Discarded | in the queue, the block waiting there was thrown away | - | - |
+/// | Refused | larger than the maximum size, or lost to another writer | full, or too large | the
+/// pipe stayed full, block dropped | | Failed | queue error | queue error | write error, the pipe
+/// is not open, or part of a block dropped |
+///
+/// The last outcome belongs to the calling thread (a write made by a reader thread or a
+/// notifier's thread is seen there). The counts are per slot name and per process, summed
+/// over every writer of the process, and never reset. Recording costs one thread-local store
+/// and one relaxed atomic increment per write.
+
+namespace Slot {
+
+using shared::GetWriteCounts;
+using shared::LastWriteOutcome;
+using shared::ToString;
+using shared::WriteCounts;
+using shared::WriteOutcome;
+
+}  // namespace Slot

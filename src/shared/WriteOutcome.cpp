@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <shared/WriteOutcome.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+namespace shared {
+
+class WriteCounters {
+public:
+    std::atomic<std::uint64_t> stored{0};
+    std::atomic<std::uint64_t> discarded{0};
+    std::atomic<std::uint64_t> refused{0};
+    std::atomic<std::uint64_t> failed{0};
+};
+
+namespace {
+
+thread_local WriteOutcome lastOutcome = WriteOutcome::None;
+
+// Slot name -> counters. Entries are never removed, so the pointers handed out stay valid;
+// the map is touched only when a writer first meets a name and when counts are asked for.
+struct Registry {
+    std::mutex mutex;
+    std::unordered_map<std::string, std::unique_ptr<WriteCounters>> counters;  // guarded by mutex
+};
+
+Registry& TheRegistry() {
+    // Never destroyed: writers may still record while static objects are torn down.
+    static Registry* registry = new Registry;
+    return *registry;
+}
+
+std::uint64_t Load(const std::atomic<std::uint64_t>& value) {
+    return value.load(std::memory_order_relaxed);
+}
+
+}  // namespace
+
+WriteCounters* WriteCountersFor(const std::string& slotName) {
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    std::unique_ptr<WriteCounters>& entry = registry.counters[slotName];
+    if (!entry) {
+        entry.reset(new WriteCounters);
+    }
+    return entry.get();
+}
+
+void RecordWriteOutcome(WriteCounters* counters, WriteOutcome outcome) {
+    std::atomic<std::uint64_t>* counter = nullptr;
+    switch (outcome) {
+        case WriteOutcome::None:
+            return;
+        case WriteOutcome::Stored:
+            counter = &counters->stored;
+            break;
+        case WriteOutcome::Discarded:
+            counter = &counters->discarded;
+            break;
+        case WriteOutcome::Refused:
+            counter = &counters->refused;
+            break;
+        case WriteOutcome::Failed:
+            counter = &counters->failed;
+            break;
+    }
+    lastOutcome = outcome;
+    counter->fetch_add(1, std::memory_order_relaxed);
+}
+
+WriteOutcome LastWriteOutcome() {
+    return lastOutcome;
+}
+
+WriteCounts GetWriteCounts(const std::string& slotName) {
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    WriteCounts counts;
+    const auto found = registry.counters.find(slotName);
+    if (found != registry.counters.end()) {
+        const WriteCounters& c = *found->second;
+        counts.stored = Load(c.stored);
+        counts.discarded = Load(c.discarded);
+        counts.refused = Load(c.refused);
+        counts.failed = Load(c.failed);
+    }
+    return counts;
+}
+
+const char* ToString(WriteOutcome outcome) {
+    switch (outcome) {
+        case WriteOutcome::None:
+            return "none";
+        case WriteOutcome::Stored:
+            return "stored";
+        case WriteOutcome::Discarded:
+            return "discarded";
+        case WriteOutcome::Refused:
+            return "refused";
+        case WriteOutcome::Failed:
+            return "failed";
+    }
+    return "unknown";
+}
+
+}  // namespace shared

@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a host learns about its writes without reading the log: the thread's last outcome and
+// the per-slot counts, for each slot kind.
+#include "FakeSlot.h"
+#include "LogCapture.h"
+#include "ShmHygiene.h"
+
+#include <Slot/SlotFactory.h>
+#include <Slot/SlotWriter.h>
+#include <Slot/WriteOutcome.h>
+
+#include <FileUtils/NamedPipeCreator.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Slot::WriteOutcome;
+using testsupport::LogCapture;
+using testsupport::ScopedSlotName;
+
+// A slot of `length` blocks of at most `maxSize` bytes.
+class Cfg : public ISlotConfiguration {
+public:
+    Cfg(const std::string& name, const std::string& type, unsigned int length = 2,
+        size_t maxSize = 64)
+        : name_(name), type_(type), length_(length), maxSize_(maxSize) {}
+    std::string GetName() const override { return name_; }
+    size_t GetMaxSize() const override { return maxSize_; }
+    size_t GetMaxBufferLength() const override { return length_; }
+    boost::posix_time::time_duration GetUpdateTime() const override {
+        return boost::posix_time::milliseconds(10);
+    }
+    std::string GetSlotType() const override { return type_; }
+
+private:
+    std::string name_;
+    std::string type_;
+    unsigned int length_;
+    size_t maxSize_;
+};
+
+// Writes `block` through `writer` and answers the outcome the calling thread sees.
+WriteOutcome Write(const ISubscriberPtr& writer, const std::string& block) {
+    writer->onNotify("any topic", block.data(), block.size());
+    return Slot::LastWriteOutcome();
+}
+
+void ExpectCounts(const std::string& name, std::uint64_t stored, std::uint64_t discarded,
+                  std::uint64_t refused, std::uint64_t failed) {
+    const Slot::WriteCounts counts = Slot::GetWriteCounts(name);
+    EXPECT_EQ(stored, counts.stored) << name;
+    EXPECT_EQ(discarded, counts.discarded) << name;
+    EXPECT_EQ(refused, counts.refused) << name;
+    EXPECT_EQ(failed, counts.failed) << name;
+}
+
+TEST(WriteOutcome, ReliableSlotTellsStoredFromRefusedAndKeepsTheWarning) {
+    ScopedSlotName name("outcome_reliable");
+    const Cfg cfg = Cfg(name, "reliable");
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+    LogCapture log("Slot");
+
+    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "one"));
+    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "two"));
+    EXPECT_EQ(WriteOutcome::Refused, Write(writer, "three"));               // the queue holds two
+    EXPECT_EQ(WriteOutcome::Refused, Write(writer, std::string(65, 'x')));  // too large
+    ExpectCounts(name, 2, 0, 2, 0);
+    EXPECT_EQ(4u, Slot::GetWriteCounts(name).Total());
+    EXPECT_EQ(2u, Slot::GetWriteCounts(name).NotStored());
+
+    // The log says the same as before, once per refusal.
+    EXPECT_EQ(1u,
+              log.Count("WARN", "Queue in '" + name.str() + "' is full, the data was not written"));
+    EXPECT_EQ(1u, log.Count("ERROR", "Unable to write to '" + name.str() +
+                                         "': data size 65 > max data size 64"));
+
+    // Once a block is taken, there is room again.
+    char buffer[64];
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+    EXPECT_EQ(3u, slot->ReadData(buffer, sizeof(buffer)));
+    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "four"));
+    ExpectCounts(name, 3, 0, 2, 0);
+}
+
+TEST(WriteOutcome, DiscardingSlotCountsTheBlocksItThrowsAway) {
+    ScopedSlotName name("outcome_discarding");
+    const Cfg cfg = Cfg(name, "discarding");
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+
+    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "one"));
+    EXPECT_EQ(WriteOutcome::Discarded, Write(writer, "two"));  // "one" was still waiting
+    EXPECT_EQ(WriteOutcome::Discarded, Write(writer, "three"));
+    EXPECT_EQ(WriteOutcome::Refused, Write(writer, std::string(65, 'x')));
+    ExpectCounts(name, 1, 2, 1, 0);
+
+    // The newest block is the one kept.
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+    char buffer[64];
+    ASSERT_EQ(5u, slot->ReadData(buffer, sizeof(buffer)));
+    EXPECT_EQ("three", std::string(buffer, 5));
+    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "four"));
+    ExpectCounts(name, 2, 2, 1, 0);
+}
+
+TEST(WriteOutcome, DirectWriteDataIsRecordedAndCountsAreKeptPerName) {
+    ScopedSlotName first("outcome_first");
+    ScopedSlotName second("outcome_second");
+    const Cfg firstCfg = Cfg(first, "reliable", 1);
+    const Cfg secondCfg = Cfg(second, "reliable", 1);
+    boost::shared_ptr<ISlot> a = SlotFactory::CreateSlot(&firstCfg);
+    boost::shared_ptr<ISlot> b = SlotFactory::CreateSlot(&secondCfg);
+    // A second slot object of the same name adds to the same counts.
+    boost::shared_ptr<ISlot> a2 = SlotFactory::CreateSlot(&firstCfg);
+
+    a->WriteData("x", 1);
+    EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
+    a2->WriteData("y", 1);
+    EXPECT_EQ(WriteOutcome::Refused, Slot::LastWriteOutcome());
+    b->WriteData("z", 1);
+    EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
+
+    ExpectCounts(first, 1, 0, 1, 0);
+    ExpectCounts(second, 1, 0, 0, 0);
+    ExpectCounts(testsupport::UniqueName("never_written"), 0, 0, 0, 0);
+}
+
+TEST(WriteOutcome, AWriteThatThrowsThroughSlotWriterIsAFailure) {
+    const std::string name = testsupport::UniqueName("outcome_throws");
+    testsupport::FakeSlot slot(name);
+    slot.writeThrows = [] { throw std::runtime_error("broken"); };
+    SlotWriter writer{boost::shared_ptr<IBaseSlot>(&slot, [](IBaseSlot*) {})};
+    EXPECT_THROW(writer.onNotify("", "x", 1), std::runtime_error);
+    EXPECT_EQ(WriteOutcome::Failed, Slot::LastWriteOutcome());
+    ExpectCounts(name, 0, 0, 0, 1);
+}
+
+TEST(WriteOutcome, LastOutcomeBelongsToTheWritingThreadAndCountsAddUpAcrossThreads) {
+    ScopedSlotName name("outcome_threads");
+    const unsigned int capacity = 8;
+    const Cfg cfg = Cfg(name, "reliable", capacity);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+    ASSERT_EQ(WriteOutcome::Stored, Write(writer, "main"));
+
+    // Four threads write 10 blocks each into the 7 places left: every write is counted once,
+    // exactly 7 are stored, and each thread's last outcome is its own.
+    const int threads = 4;
+    const int perThread = 10;
+    std::vector<WriteOutcome> firstSeen(threads, WriteOutcome::None);
+    std::vector<WriteOutcome> lastSeen(threads, WriteOutcome::None);
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            firstSeen[t] = Slot::LastWriteOutcome();
+            for (int i = 0; i < perThread; ++i) {
+                Write(writer, "block");
+            }
+            lastSeen[t] = Slot::LastWriteOutcome();
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    for (int t = 0; t < threads; ++t) {
+        EXPECT_EQ(WriteOutcome::None, firstSeen[t]) << "thread " << t;
+        EXPECT_EQ(WriteOutcome::Refused, lastSeen[t]) << "thread " << t;  // the queue is full
+    }
+    // The main thread's own last write was stored, whatever the others met since.
+    EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
+    ExpectCounts(name, capacity, 0, threads * perThread - (capacity - 1), 0);
+}
+
+TEST(WriteOutcome, PosixPipeWriterReportsBlocksDroppedOnAFullPipe) {
+    ScopedSlotName name("outcome_pipe");
+    const Cfg cfg = Cfg(name, "posix-pipe", 1, 4096);
+    const std::string fifo = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
+    {
+        ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+        LogCapture quiet("Slot.Writer", log4cxx::Level::getOff());
+        // Nobody reads: the pipe takes blocks until it is full (64 KiB on Linux, at most 1 MiB
+        // when raised); the first block that does not fit is dropped after the writer's wait.
+        const std::string block(4096, 'p');
+        int stored = 0;
+        WriteOutcome outcome = WriteOutcome::None;
+        while ((outcome = Write(writer, block)) == WriteOutcome::Stored && stored < 1024) {
+            ++stored;
+        }
+        EXPECT_EQ(WriteOutcome::Refused, outcome);
+        EXPECT_GT(stored, 0);
+        ExpectCounts(name, static_cast<std::uint64_t>(stored), 0, 1, 0);
+        EXPECT_EQ("refused", std::string(Slot::ToString(outcome)));
+    }
+    ::unlink(fifo.c_str());
+}
+
+}  // namespace

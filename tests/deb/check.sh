@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Makes the Debian packages of this build, installs them on this machine with dpkg, builds and
+# runs an outside project against them (find_package and pkg-config, from /usr) and the
+# installed slotctl, then removes the packages again (dpkg --purge), also when a step fails.
+# Needs root and dpkg; otherwise it says so and reports the test as skipped (exit 77). It also
+# skips when one of the packages is already installed, so that it never replaces or removes
+# what it did not install.
+#   check.sh BUILD_DIR CONSUMER_SOURCE_DIR
+set -euo pipefail
+build=$(cd "$1" && pwd)
+consumer=$2
+packages=(slotctl libslot-dev libslot1)
+skip() { echo "!!! SKIPPED: $*"; exit 77; }
+
+[[ $(id -u) -eq 0 ]] || skip "the Debian package test installs packages and needs root"
+command -v dpkg > /dev/null || skip "dpkg is missing"
+command -v dpkg-shlibdeps > /dev/null || skip "dpkg-shlibdeps (package dpkg-dev) is missing"
+unset LD_LIBRARY_PATH
+
+# One run at a time on this machine: the packages are machine-wide.
+exec 9> /run/lock/slot-deb-test.lock
+flock -w 600 9 || skip "another run of this test holds /run/lock/slot-deb-test.lock"
+for p in "${packages[@]}"; do
+    if dpkg-query -W -f='${Status}' "$p" 2> /dev/null | grep -q "ok installed"; then
+        skip "package $p is already installed; not touching it"
+    fi
+done
+
+work=$(mktemp -d /tmp/slot-deb-XXXXXX)
+installed=0
+cleanup() {
+    local status=$?
+    if [[ $installed -eq 1 ]]; then
+        # --purge, not only -r: the library package's ldconfig scripts would keep its record.
+        dpkg --purge "${packages[@]}" > "$work/remove.log" 2>&1 || cat "$work/remove.log"
+        for p in "${packages[@]}"; do
+            if dpkg-query -W "$p" > /dev/null 2>&1; then
+                echo "FAIL: package $p is still known to dpkg"
+                status=1
+            fi
+        done
+    fi
+    rm -rf "$work"
+    exit $status
+}
+trap cleanup EXIT
+step() { echo "--- $*"; }
+
+step "cpack"
+(cd "$work" && cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/packages") \
+    > "$work/cpack.log" 2>&1 || { cat "$work/cpack.log"; exit 1; }
+debs=()
+for p in libslot1 libslot-dev slotctl; do
+    deb=$(ls "$work"/packages/"${p}"_*.deb)
+    debs+=("$deb")
+    dpkg-deb --info "$deb" | sed -n 's/^ \(Package\|Version\|Depends\):/  &/p'
+done
+# What goes where: the libraries, the development files and the tool, under /usr.
+contains() {  # contains DEB PATTERN
+    dpkg-deb --contents "$1" > "$work/contents"
+    grep -Eq "$2" "$work/contents" || { echo "$(basename "$1") lacks $2"; exit 1; }
+}
+contains "${debs[0]}" '\./usr/lib/libSlot\.so\.1( |$)'
+contains "${debs[1]}" '\./usr/lib/pkgconfig/slot\.pc$'
+contains "${debs[1]}" '\./usr/lib/cmake/Slot/SlotConfig\.cmake$'
+contains "${debs[1]}" '\./usr/include/Slot/Version\.h$'
+contains "${debs[2]}" '\./usr/bin/slotctl$'
+
+step "dpkg -i"
+installed=1
+dpkg -i "${debs[@]}" > "$work/install.log" 2>&1 || { cat "$work/install.log"; exit 1; }
+
+step "find_package(Slot) from /usr"
+cmake -S "$consumer" -B "$work/consumer" > "$work/configure.log" 2>&1 \
+    || { cat "$work/configure.log"; exit 1; }
+grep -q "Slot_DIR.*/usr/lib/cmake/Slot" "$work/consumer/CMakeCache.txt" \
+    || { grep Slot_DIR "$work/consumer/CMakeCache.txt"; echo "Slot was not found in /usr"; exit 1; }
+cmake --build "$work/consumer" > "$work/build.log" 2>&1 || { cat "$work/build.log"; exit 1; }
+"$work/consumer/consumer"
+
+step "pkg-config from /usr"
+flags=$(pkg-config --cflags --libs slot)
+# shellcheck disable=SC2086  # the flags are words
+g++ -std=c++17 "$consumer/main.cpp" $flags -o "$work/pc-consumer"
+"$work/pc-consumer"
+
+step "slotctl"
+/usr/bin/slotctl --version
+/usr/bin/slotctl ls > /dev/null
+echo "Debian packages ok"
