@@ -7,6 +7,8 @@ option(SLOT_BUILD_BENCHMARKS "Build the benchmark programs" OFF)
 option(SLOT_WERROR "Treat warnings as errors" ON)
 option(SLOT_SANITIZE_ADDRESS "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
 option(SLOT_SANITIZE_THREAD "Build with ThreadSanitizer" OFF)
+# Test-only SIGKILL points in the libraries (shared/CrashPoint.h); never in a release build.
+option(SLOT_CRASH_POINTS "Build the crash points the crash tests use" ${SLOT_BUILD_TESTS})
 
 if(SLOT_SANITIZE_ADDRESS AND SLOT_SANITIZE_THREAD)
     message(FATAL_ERROR "SLOT_SANITIZE_ADDRESS and SLOT_SANITIZE_THREAD cannot be combined")
