@@ -154,10 +154,24 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
 
     BlockQueue queue;
     INotifierPtr reader;
+    const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     try {
         // A reliable reader takes nothing before this subscription: waiting blocks are kept.
-        reader = SlotFactory::CreateSlotReader(&cfg);
-        reader->subscribe(&queue);
+        // Opening waits for the slot's lock, which a live process may keep: that wait still
+        // ends on Ctrl-C and --timeout.
+        const WaitResult opened = RunInterruptibly(
+            [&] {
+                reader = SlotFactory::CreateSlotReader(&cfg);
+                reader->subscribe(&queue);
+            },
+            limitMs);
+        if (opened == WaitResult::Stopped) {
+            LeaveNow(ExitInterrupted, "");
+        }
+        if (opened == WaitResult::TimedOut) {
+            LeaveNow(ExitFailure, "slotctl: cannot read " + Quote(name) + ": not opened within " +
+                                      std::to_string(timeoutMs) + " ms (its lock is held)");
+        }
     } catch (const AbortSlotCreationException& e) {
         std::string message = "cannot read " + Quote(name) + ": " + e.what();
         if (type == "reliable") {
@@ -205,8 +219,17 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
         }
         print(queue.Take());
     }
-    reader->unsubscribe(&queue);
-    reader.reset();
+    // The reader's thread may be waiting for the slot's lock: stopping it is bounded too.
+    const WaitResult closed = RunInterruptibly(
+        [&] {
+            reader->unsubscribe(&queue);
+            reader.reset();
+        },
+        limitMs < 0 ? 2000 : limitMs);
+    if (closed != WaitResult::Ready) {
+        print(queue.Take());
+        LeaveNow(closed == WaitResult::Stopped ? ExitInterrupted : status, "");
+    }
     // A reliable reader takes every waiting block at each wake-up: what it took beyond the
     // count is printed too rather than lost.
     print(queue.Take());
