@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// slotctl ls / info: what is there, read without disturbing it.
+// slotctl ls / info: what is there, as the library's inspection sees it, without disturbing it.
 #include "Cli.h"
 #include "Commands.h"
 #include "Json.h"
-#include "Probe.h"
+#include "Names.h"
+
+#include <Slot/SlotInspector.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -16,8 +18,47 @@ namespace slotctl {
 
 namespace {
 
+bool PartReadable(const SlotPartReport& part) {
+    return part.state == SlotPartState::Ok || part.state == SlotPartState::Damaged ||
+           part.state == SlotPartState::Unfinished;
+}
+
+// A part this user cannot use: it exists, but cannot be opened read-write.
+const SlotPartReport* UnusablePart(const SlotReport& report) {
+    for (const SlotPartReport* part : {static_cast<const SlotPartReport*>(&report.header),
+                                       static_cast<const SlotPartReport*>(&report.queue)}) {
+        if (part->state == SlotPartState::NoAccess ||
+            (part->state != SlotPartState::Absent && part->state != SlotPartState::Foreign &&
+             !part->writable)) {
+            return part;
+        }
+    }
+    return nullptr;
+}
+
+// One word for listings: "slot", "pipe", "header-only", "queue-only", "no-access", "busy",
+// "dead-holder", "unfinished", "damaged".
+std::string StateWord(const SlotReport& report) {
+    switch (report.state) {
+        case SlotState::Healthy:
+            return UnusablePart(report) != nullptr ? "no-access" : "slot";
+        case SlotState::Half:
+            return report.header.state == SlotPartState::Absent ? "queue-only" : "header-only";
+        default:
+            return SlotStateText(report.state);
+    }
+}
+
+std::string KindWord(const SlotReport& report) {
+    return report.kind == SlotKind::Unknown ? "" : SlotKindText(report.kind);
+}
+
+bool QueueKnown(const SlotReport& report) {
+    return report.queue.capacity != 0;
+}
+
 std::string ReaderText(const SlotReport& report) {
-    if (report.Kind() != "reliable") {
+    if (report.kind != SlotKind::Reliable) {
         return "-";
     }
     if (report.readerPid == 0) {
@@ -30,32 +71,70 @@ std::string ReaderText(const SlotReport& report) {
 }
 
 std::string LastWriteText(const SlotReport& report) {
-    if (report.header.state != PartState::Ok || !report.header.Has(LastWriteTime)) {
+    if (!PartReadable(report.header) || !report.header.Has(SlotImage::LastWriteTime)) {
         return "-";
     }
     return FormatTime(report.header.lastWrite);
 }
 
+// What a held lock means, for the NOTE column and for info.
+std::string LockText(const SlotLockReport& lock) {
+    if (lock.HolderDead()) {
+        return lock.lock + " held by dead pid " + std::to_string(lock.thread);
+    }
+    return lock.lock + " held by pid " + std::to_string(lock.process);
+}
+
+std::string NoteText(const SlotReport& report) {
+    if (report.state == SlotState::DeadHolder || report.state == SlotState::Busy) {
+        for (const SlotLockReport& lock : report.heldLocks) {
+            if (lock.HolderDead() == (report.state == SlotState::DeadHolder)) {
+                return LockText(lock);
+            }
+        }
+    }
+    return "";
+}
+
+void AddHolder(Json& json, const SlotReport& report) {
+    json.Key("holder");
+    const SlotLockReport* shown = nullptr;
+    for (const SlotLockReport& lock : report.heldLocks) {
+        if (shown == nullptr || (lock.HolderDead() && !shown->HolderDead())) {
+            shown = &lock;
+        }
+    }
+    if (shown == nullptr) {
+        json.Null();
+        return;
+    }
+    json.BeginObject();
+    json.Key("lock").String(shown->lock);
+    json.Key("pid").SignedNumber(shown->HolderDead() ? shown->thread : shown->process);
+    json.Key("alive").Bool(!shown->HolderDead());
+    json.EndObject();
+}
+
 void AddSummary(Json& json, const SlotReport& report) {
     json.Key("name").String(report.name);
-    json.Key("state").String(report.State());
-    const std::string kind = report.Kind();
+    json.Key("state").String(StateWord(report));
+    const std::string kind = KindWord(report);
     json.Key("kind");
     kind.empty() ? json.Null() : json.String(kind);
-    const bool queueOk = report.queue.state == PartState::Ok;
+    const bool queueKnown = QueueKnown(report);
     json.Key("max_block_size");
-    queueOk ? json.Number(report.queue.maxBlockSize) : json.Null();
+    queueKnown ? json.Number(report.queue.maxBlockSize) : json.Null();
     json.Key("waiting");
-    queueOk ? json.Number(report.queue.waiting) : json.Null();
+    queueKnown ? json.Number(report.queue.waiting) : json.Null();
     json.Key("capacity");
-    queueOk ? json.Number(report.queue.capacity) : json.Null();
+    queueKnown ? json.Number(report.queue.capacity) : json.Null();
     json.Key("last_write");
     const std::string lastWrite = LastWriteText(report);
     lastWrite == "-" ? json.Null() : json.String(lastWrite);
     json.Key("reader");
-    if (kind == "reliable") {
+    if (report.kind == SlotKind::Reliable) {
         json.BeginObject();
-        json.Key("lock_file").String(report.lockPath);
+        json.Key("lock_file").String(report.readerLockFile);
         json.Key("held").Bool(report.readerPid != 0);
         json.Key("pid");
         report.readerPid > 0 ? json.SignedNumber(report.readerPid) : json.Null();
@@ -65,78 +144,95 @@ void AddSummary(Json& json, const SlotReport& report) {
     }
     json.Key("pipe");
     report.pipePath.empty() ? json.Null() : json.String(report.pipePath);
+    AddHolder(json, report);
+    json.Key("detail");
+    report.detail.empty() ? json.Null() : json.String(report.detail);
 }
 
-void AddPartState(Json& json, PartState state, const std::string& detail) {
-    json.Key("state").String(PartStateText(state));
+void AddPart(Json& json, const SlotPartReport& part) {
+    json.Key("object").String(part.path);
+    json.Key("state").String(SlotPartStateText(part.state));
     json.Key("detail");
-    detail.empty() ? json.Null() : json.String(detail);
+    part.detail.empty() ? json.Null() : json.String(part.detail);
+    json.Key("size").Number(part.size);
 }
 
 std::string InfoJson(const SlotReport& report) {
     Json json;
     json.BeginObject();
     AddSummary(json, report);
-    const HeaderInfo& h = report.header;
+    const SlotHeaderReport& h = report.header;
     json.Key("header").BeginObject();
-    json.Key("object").String(ShmPath(report.name));
-    AddPartState(json, h.state, h.detail);
-    json.Key("size").Number(h.fileSize);
-    if (h.state == PartState::Ok) {
-        json.Key("free").Number(h.freeMemory);
+    AddPart(json, h);
+    if (PartReadable(h)) {
+        json.Key("free").Number(h.freeBytes);
         json.Key("named_objects").Number(h.namedObjects);
         json.Key("unique_objects").Number(h.uniqueObjects);
         json.Key("objects").BeginObject();
-        for (int i = 0; i < HeaderObjectCount; ++i) {
-            json.Key(HeaderObjectNames[i]);
-            h.Has(HeaderObject(i)) ? json.Number(h.objectBytes[i]) : json.Null();
+        for (int i = 0; i < SlotImage::HeaderObjectCount; ++i) {
+            json.Key(SlotImage::HeaderObjectNames[i]);
+            h.Has(SlotImage::HeaderObject(i)) ? json.Number(h.objectBytes[i]) : json.Null();
         }
         json.EndObject();
         json.Key("output_buffer_data_size").Number(h.outputDataSize);
         json.Key("output_buffer_handle").SignedNumber(h.outputHandle);
+        json.Key("output_buffer_size").Number(h.outputBufferSize);
     }
     json.EndObject();
-    const QueueInfo& q = report.queue;
     json.Key("queue").BeginObject();
-    json.Key("object").String(ShmPath(QueueObject(report.name)));
-    AddPartState(json, q.state, q.detail);
-    json.Key("size").Number(q.fileSize);
+    AddPart(json, report.queue);
     json.EndObject();
+    json.Key("locks").BeginArray();
+    for (const SlotLockReport& lock : report.heldLocks) {
+        json.BeginObject();
+        json.Key("lock").String(lock.lock);
+        json.Key("thread").SignedNumber(lock.thread);
+        json.Key("pid");
+        lock.HolderDead() ? json.Null() : json.SignedNumber(lock.process);
+        json.Key("alive").Bool(!lock.HolderDead());
+        json.EndObject();
+    }
+    json.EndArray();
     json.EndObject();
     return json.Text();
 }
 
-void PrintPart(std::ostream& out, const char* label, PartState state, const std::string& detail) {
-    out << "  " << Padded(label, 16) << PartStateText(state);
-    if (!detail.empty()) {
-        out << " (" << detail << ")";
+void PrintPart(std::ostream& out, const SlotPartReport& part) {
+    out << "  " << Padded("state", 16) << SlotPartStateText(part.state);
+    if (!part.detail.empty()) {
+        out << " (" << Printable(part.detail) << ")";
     }
     out << "\n";
+    if (part.state != SlotPartState::Absent) {
+        out << "  " << Padded("size", 16) << part.size << " bytes";
+    }
 }
 
 void PrintInfo(std::ostream& out, const SlotReport& report) {
-    const HeaderInfo& h = report.header;
-    const QueueInfo& q = report.queue;
-    const std::string kind = report.Kind();
-    const std::string state = report.State();
+    const SlotHeaderReport& h = report.header;
+    const SlotQueueReport& q = report.queue;
+    const std::string kind = KindWord(report);
+    const std::string state = StateWord(report);
     out << "slot " << Quote(report.name) << "\n";
     out << "  " << Padded("state", 16) << state;
     if (state == "header-only") {
         out << " (half slot: the queue " << Quote(QueueObject(report.name)) << " is missing)";
     } else if (state == "queue-only") {
         out << " (half slot: the header segment " << Quote(report.name) << " is missing)";
+    } else if (!report.detail.empty()) {
+        out << " (" << Printable(report.detail) << ")";
     }
     out << "\n";
     out << "  " << Padded("kind", 16) << (kind.empty() ? "unknown" : kind);
-    if (q.state == PartState::Ok) {
+    if (QueueKnown(report)) {
         out << " (queue capacity " << q.capacity << ")";
     }
     out << "\n";
-    if (q.state == PartState::Ok) {
+    if (QueueKnown(report)) {
         out << "  " << Padded("max block size", 16) << q.maxBlockSize << " bytes\n";
         out << "  " << Padded("blocks waiting", 16) << q.waiting << " of " << q.capacity << "\n";
     }
-    if (h.state == PartState::Ok && h.Has(LastWriteTime)) {
+    if (PartReadable(h) && h.Has(SlotImage::LastWriteTime)) {
         out << "  " << Padded("last write", 16) << FormatTime(h.lastWrite);
         if (!h.lastWrite.is_special()) {
             const boost::posix_time::time_duration age =
@@ -150,7 +246,7 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
         }
         out << "\n";
     }
-    if (kind == "reliable") {
+    if (report.kind == SlotKind::Reliable) {
         out << "  " << Padded("reader", 16);
         if (report.readerPid == 0) {
             out << "none";
@@ -159,49 +255,57 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
         } else {
             out << "pid " << report.readerPid;
         }
-        out << " (lock file " << report.lockPath << ")\n";
+        out << " (lock file " << Printable(report.readerLockFile) << ")\n";
+    }
+    for (const SlotLockReport& lock : report.heldLocks) {
+        out << "  " << Padded("lock", 16) << LockText(lock)
+            << (lock.HolderDead() ? " (its holder is gone: slotctl rm --stale removes the slot)"
+                                  : "")
+            << "\n";
     }
     if (!report.pipePath.empty()) {
-        out << "  " << Padded("named pipe", 16) << report.pipePath << "\n";
+        out << "  " << Padded("named pipe", 16) << Printable(report.pipePath) << "\n";
     }
-    if (report.HasSharedMemory()) {
-        out << "header segment " << ShmPath(report.name) << "\n";
-        PrintPart(out, "state", h.state, h.detail);
-        if (h.state != PartState::Absent) {
-            out << "  " << Padded("size", 16) << h.fileSize << " bytes";
-            if (h.state == PartState::Ok) {
-                out << " (" << h.freeMemory << " free)";
+    if (!report.HasSharedMemory()) {
+        return;
+    }
+    out << "header segment " << Printable(h.path) << "\n";
+    PrintPart(out, h);
+    if (h.state != SlotPartState::Absent) {
+        if (PartReadable(h)) {
+            out << " (" << h.freeBytes << " free)";
+        }
+        out << "\n";
+    }
+    if (PartReadable(h)) {
+        out << "  " << Padded("named objects", 16) << h.namedObjects << " (and " << h.uniqueObjects
+            << " unique: the header mutex)\n";
+        const std::string values[SlotImage::HeaderObjectCount] = {
+            FormatTime(h.lastWrite), std::to_string(h.outputDataSize),
+            std::to_string(h.outputHandle) + " (buffer of " + std::to_string(h.outputBufferSize) +
+                " bytes)",
+            ""};
+        for (int i = 0; i < SlotImage::HeaderObjectCount; ++i) {
+            out << "    " << Padded(SlotImage::HeaderObjectNames[i], 25);
+            if (h.Has(SlotImage::HeaderObject(i))) {
+                out << RightAligned(std::to_string(h.objectBytes[i]), 3) << " bytes";
+                if (!values[i].empty()) {
+                    out << "  " << values[i];
+                }
+            } else {
+                out << "MISSING";
             }
             out << "\n";
         }
-        if (h.state == PartState::Ok) {
-            out << "  " << Padded("named objects", 16) << h.namedObjects << " (and "
-                << h.uniqueObjects << " unique: the header mutex)\n";
-            const std::string values[HeaderObjectCount] = {FormatTime(h.lastWrite),
-                                                           std::to_string(h.outputDataSize),
-                                                           std::to_string(h.outputHandle), ""};
-            for (int i = 0; i < HeaderObjectCount; ++i) {
-                out << "    " << Padded(HeaderObjectNames[i], 25);
-                if (h.Has(HeaderObject(i))) {
-                    out << RightAligned(std::to_string(h.objectBytes[i]), 3) << " bytes";
-                    if (!values[i].empty()) {
-                        out << "  " << values[i];
-                    }
-                } else {
-                    out << "MISSING";
-                }
-                out << "\n";
-            }
-        }
-        out << "queue " << ShmPath(QueueObject(report.name)) << "\n";
-        PrintPart(out, "state", q.state, q.detail);
-        if (q.state != PartState::Absent) {
-            out << "  " << Padded("size", 16) << q.fileSize << " bytes\n";
-        }
-        if (q.state == PartState::Ok) {
-            out << "  " << Padded("capacity", 16) << q.capacity << " blocks of up to "
-                << q.maxBlockSize << " bytes\n";
-        }
+    }
+    out << "queue " << Printable(q.path) << "\n";
+    PrintPart(out, q);
+    if (q.state != SlotPartState::Absent) {
+        out << "\n";
+    }
+    if (QueueKnown(report)) {
+        out << "  " << Padded("capacity", 16) << q.capacity << " blocks of up to " << q.maxBlockSize
+            << " bytes\n";
     }
 }
 
@@ -210,7 +314,7 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
 int RunList(const Context&, const std::vector<std::string>& args) {
     const Arguments arguments("ls", args, {}, {"json"});
     arguments.ExpectOperands(0, 0, "no operands");
-    const std::vector<SlotReport> reports = ScanSlots();
+    const std::vector<SlotReport> reports = SlotInspector::ListSlots();
     if (arguments.Has("json")) {
         Json json;
         json.BeginArray();
@@ -225,23 +329,27 @@ int RunList(const Context&, const std::vector<std::string>& args) {
     }
     size_t nameWidth = 4;
     for (const SlotReport& report : reports) {
-        nameWidth = std::max(nameWidth, std::min<size_t>(report.name.size(), 48));
+        nameWidth = std::max(nameWidth, std::min<size_t>(Printable(report.name).size(), 48));
     }
     std::ostringstream out;
     out << Padded("NAME", nameWidth) << "  " << Padded("KIND", 10) << "  " << Padded("STATE", 11)
         << "  " << RightAligned("MAX BLOCK", 9) << "  " << RightAligned("WAITING", 11) << "  "
-        << Padded("LAST WRITE", 27) << "  READER\n";
+        << Padded("LAST WRITE", 27) << "  " << Padded("READER", 10) << "  NOTE\n";
     for (const SlotReport& report : reports) {
-        const bool queueOk = report.queue.state == PartState::Ok;
-        const std::string kind = report.Kind();
-        out << Padded(report.name, nameWidth) << "  " << Padded(kind.empty() ? "-" : kind, 10)
-            << "  " << Padded(report.State(), 11) << "  "
-            << RightAligned(queueOk ? std::to_string(report.queue.maxBlockSize) : "-", 9) << "  "
-            << RightAligned(queueOk ? std::to_string(report.queue.waiting) + "/" +
+        const bool queueKnown = QueueKnown(report);
+        const std::string kind = KindWord(report);
+        const std::string note = NoteText(report);
+        std::string line =
+            Padded(Printable(report.name), nameWidth) + "  " +
+            Padded(kind.empty() ? "-" : kind, 10) + "  " + Padded(StateWord(report), 11) + "  " +
+            RightAligned(queueKnown ? std::to_string(report.queue.maxBlockSize) : "-", 9) + "  " +
+            RightAligned(queueKnown ? std::to_string(report.queue.waiting) + "/" +
                                           std::to_string(report.queue.capacity)
                                     : "-",
-                            11)
-            << "  " << Padded(LastWriteText(report), 27) << "  " << ReaderText(report) << "\n";
+                         11) +
+            "  " + Padded(LastWriteText(report), 27) + "  " +
+            (note.empty() ? ReaderText(report) : Padded(ReaderText(report), 10) + "  " + note);
+        out << line << "\n";
     }
     std::cout << out.str() << std::flush;
     return ExitOk;
@@ -252,20 +360,27 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
     arguments.ExpectOperands(1, 1, "one slot name");
     const std::string name = arguments.Operands()[0];
     CheckSlotName(name);
-    const SlotReport report = InspectSlot(name);
-    const PartState h = report.header.state;
-    const PartState q = report.queue.state;
-    if (h == PartState::NoAccess || q == PartState::NoAccess) {
-        const bool header = h == PartState::NoAccess;
-        throw CommandError(ExitFailure, "cannot open " +
-                                            ShmPath(header ? name : QueueObject(name)) + ": " +
-                                            (header ? report.header.detail : report.queue.detail));
+    const SlotReport report = SlotInspector::InspectSlot(name);
+    if (const SlotPartReport* part = UnusablePart(report)) {
+        throw CommandError(ExitFailure,
+                           "cannot open " + Printable(part->path) + ": " +
+                               (part->detail.empty() ? "Permission denied" : part->detail));
     }
-    auto noSlotPart = [](PartState state) {
-        return state == PartState::Absent || state == PartState::Foreign;
+    auto noSlotPart = [](const SlotPartReport& part) {
+        return part.state == SlotPartState::Absent || part.state == SlotPartState::Foreign;
     };
-    if (noSlotPart(h) && noSlotPart(q) && report.pipePath.empty()) {
-        throw CommandError(ExitFailure, Quote(name) + " is not a slot: " + report.NotASlotReason());
+    if (noSlotPart(report.header) && noSlotPart(report.queue) && report.pipePath.empty()) {
+        std::string reason;
+        if (!report.HasSharedMemory()) {
+            reason = "there is no " + ShmPath(name) + " or " + ShmPath(QueueObject(name)) +
+                     " and no named pipe of that name";
+        } else {
+            const SlotPartReport& part = report.header.state == SlotPartState::Foreign
+                                             ? static_cast<const SlotPartReport&>(report.header)
+                                             : report.queue;
+            reason = part.path + " is " + part.detail;
+        }
+        throw CommandError(ExitFailure, Quote(name) + " is not a slot: " + Printable(reason));
     }
     if (arguments.Has("json")) {
         std::cout << InfoJson(report) << std::endl;

@@ -2,9 +2,10 @@
 // slotctl rm: removes slots through the library, and the posix-pipe FIFO of the same name.
 #include "Cli.h"
 #include "Commands.h"
-#include "Probe.h"
+#include "Names.h"
 
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotInspector.h>
 
 #include <unistd.h>
 #include <cerrno>
@@ -15,21 +16,42 @@ namespace slotctl {
 
 namespace {
 
+// Slots that nobody can use as they are: half slots, unfinished objects whose creator is gone
+// or slow, and slots whose lock a dead process holds. Removing them frees the name for a new
+// slot.
+bool IsStale(const SlotReport& report) {
+    return report.state == SlotState::Half || report.state == SlotState::Unfinished ||
+           report.state == SlotState::DeadHolder;
+}
+
+std::string StaleWhat(const SlotReport& report) {
+    switch (report.state) {
+        case SlotState::Half:
+            return "a half slot";
+        case SlotState::Unfinished:
+            return "unfinished";
+        case SlotState::DeadHolder:
+            return "held by dead pid " + std::to_string(report.deadHolder);
+        default:
+            return SlotStateText(report.state);
+    }
+}
+
 // Removes the name's objects; prints one line; false on failure.
 bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
     const std::string& name = report.name;
-    const std::string queueName = QueueObject(name);
-    const bool header = report.header.state != PartState::Absent;
-    const bool queue = report.queue.state != PartState::Absent;
+    const bool header = report.header.state != SlotPartState::Absent;
+    const bool queue = report.queue.state != SlotPartState::Absent;
     if (staleOnly) {
-        if (!report.IsHalf()) {
-            std::cerr << "slotctl: " << Quote(name) << " is not a half slot (" << report.State()
-                      << "), left as it is\n";
+        if (!IsStale(report)) {
+            std::cerr << "slotctl: " << Quote(name)
+                      << " is not stale (neither half, unfinished nor held by a dead process: "
+                      << SlotStateText(report.state) << "), left as it is\n";
             return false;
         }
-        const double age = ShmAgeSeconds(header ? name : queueName);
+        const double age = report.AgeSeconds();
         if (age >= 0 && age < minAge) {
-            std::cerr << "slotctl: " << Quote(name) << " is a half slot only "
+            std::cerr << "slotctl: " << Quote(name) << " is " << StaleWhat(report) << " but only "
                       << static_cast<int>(age)
                       << " s old (it may be being created), left as it is\n";
             return false;
@@ -37,11 +59,17 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
     }
     // A foreign object is never touched: "rm abc" must not remove some other program's
     // "queue_abc".
-    const bool foreign =
-        report.header.state == PartState::Foreign || report.queue.state == PartState::Foreign;
-    if (foreign || (!header && !queue && report.pipePath.empty())) {
-        std::cerr << "slotctl: " << Quote(name) << " is not a slot: " << report.NotASlotReason()
-                  << (foreign ? "; nothing removed" : "") << "\n";
+    const SlotPartReport* foreign = report.header.state == SlotPartState::Foreign
+                                        ? static_cast<const SlotPartReport*>(&report.header)
+                                    : report.queue.state == SlotPartState::Foreign
+                                        ? static_cast<const SlotPartReport*>(&report.queue)
+                                        : nullptr;
+    if (foreign != nullptr || (!header && !queue && report.pipePath.empty())) {
+        const std::string reason =
+            foreign != nullptr ? foreign->path + " is " + foreign->detail + "; nothing removed"
+                               : "there is no " + ShmPath(name) + " or " +
+                                     ShmPath(QueueObject(name)) + " and no named pipe of that name";
+        std::cerr << "slotctl: " << Quote(name) << " is not a slot: " << Printable(reason) << "\n";
         return false;
     }
     std::vector<std::string> removed;
@@ -53,20 +81,23 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
             bool was;
             std::string object;
             const char* what;
-        } parts[] = {{header, name, "header segment"}, {queue, queueName, "queue"}};
+        } parts[] = {{header, report.header.object, "header segment"},
+                     {queue, report.queue.object, "queue"}};
         for (const auto& part : parts) {
             if (!part.was) {
                 continue;
             }
             (ShmExists(part.object) ? failed : removed)
-                .push_back(std::string(part.what) + " " + ShmPath(part.object));
+                .push_back(std::string(part.what) + " " + Printable(ShmPath(part.object)));
         }
     }
-    if (!report.pipePath.empty()) {
+    // A FIFO is never stale: --stale leaves it.
+    if (!report.pipePath.empty() && !staleOnly) {
         if (::unlink(report.pipePath.c_str()) == 0) {
-            removed.push_back("named pipe " + report.pipePath);
+            removed.push_back("named pipe " + Printable(report.pipePath));
         } else {
-            failed.push_back("named pipe " + report.pipePath + " (" + std::strerror(errno) + ")");
+            failed.push_back("named pipe " + Printable(report.pipePath) + " (" +
+                             std::strerror(errno) + ")");
         }
     }
     if (!removed.empty()) {
@@ -94,20 +125,26 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
     }
     bool ok = true;
     if (arguments.Operands().empty()) {
-        // --stale alone: every half slot on the machine.
+        // --stale alone: every stale slot on the machine; young ones are skipped quietly.
         size_t found = 0;
-        for (const SlotReport& report : ScanSlots()) {
-            if (report.IsHalf()) {
+        for (const SlotReport& report : SlotInspector::ListSlots()) {
+            if (IsStale(report)) {
                 ++found;
+                const double age = report.AgeSeconds();
+                if (age >= 0 && age < minAge) {
+                    std::cout << "left " << Quote(report.name) << " (" << StaleWhat(report)
+                              << ", only " << static_cast<int>(age) << " s old)\n";
+                    continue;
+                }
                 ok = RemoveOne(report, true, minAge) && ok;
             }
         }
         if (found == 0) {
-            std::cout << "no half slots\n";
+            std::cout << "no stale slots\n";
         }
     } else {
         for (const std::string& name : arguments.Operands()) {
-            ok = RemoveOne(InspectSlot(name), stale, minAge) && ok;
+            ok = RemoveOne(SlotInspector::InspectSlot(name), stale, minAge) && ok;
         }
     }
     std::cout << std::flush;

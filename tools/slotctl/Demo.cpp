@@ -3,7 +3,7 @@
 #include "Demo.h"
 #include "Cli.h"
 #include "Commands.h"
-#include "Probe.h"
+#include "Names.h"
 #include "Signals.h"
 
 #include <Slot/SlotFactory.h>

@@ -14,7 +14,7 @@ commands:
   info NAME [--json]          one slot in detail (read without disturbing it)
   write NAME [DATA | -]       write blocks (DATA, or standard input)
   read NAME                   print the blocks that arrive
-  rm NAME... | rm --stale     remove slots, or half slots left by a crash
+  rm NAME... | rm --stale     remove slots, or stale ones left by a crash
   demo                        blocks flowing through the three slot types, live
   help [COMMAND]              this text, or a command's
 
@@ -39,15 +39,20 @@ reliable slots, the READER that holds the machine-wide reader lock ("pid N", "he
 pid is unknown, "none").
 
 STATE is "slot"; "pipe" for a posix-pipe FIFO; "header-only" or "queue-only" for half a slot
-(e.g. after a crash; see rm --stale); "no-access" when this user cannot open it; "busy" when a
-lock inside stays held (a process died holding it: remove the slot); "unfinished" when its
-creator has not finished it; "damaged" otherwise.
+(e.g. after a crash; see rm --stale); "dead-holder" when a lock inside it is held by a process
+that no longer exists (NOTE names its pid; remove the slot with rm --stale); "busy" when a live
+process kept a lock inside it held at every look (NOTE names it); "unfinished" when its
+creator has not finished it, or died doing so; "no-access" when this user cannot open it;
+"damaged" otherwise.
 
-Nothing is opened through the library (which would reset the header): the segments are read
-directly, each by a helper process with a time limit. Objects of other programs in /dev/shm
-are skipped.
+Nothing is opened through the library (which would reset the header): the library's
+inspection reads the objects' bytes and checks every offset in them, takes no lock and never
+waits. Objects of other programs in /dev/shm are skipped. Names are printed with control
+characters and bytes that are not UTF-8 escaped as \xNN.
   --json    one JSON array of objects (name, state, kind, max_block_size, waiting, capacity,
-            last_write, reader {lock_file, held, pid}, pipe); unknown values are null
+            last_write, reader {lock_file, held, pid}, pipe, holder {lock, pid, alive},
+            detail); unknown values are null; control characters are \u00XX escapes and
+            bytes that are not UTF-8 the text \xNN
 )HELP";
     }
     if (command == "info") {
@@ -56,8 +61,9 @@ are skipped.
 Shows one slot in detail without disturbing it: kind, block size, waiting blocks, last write
 time and its age, the reliable reader's lock, the header segment (size, managed and free
 bytes, the named objects last_write_tstamp, output_buffer_data_size, output_buffer_handle,
-cond_on_write and their sizes) and the queue (size, capacity). Half slots and damaged slots
-are shown as far as they can be read.
+cond_on_write and their sizes) and the queue (size, capacity), and every lock found held with
+its holder, alive or dead. Half, unfinished and damaged slots are shown as far as they can be
+read.
   --json    the same as one JSON object (the ls fields plus "header" and "queue")
 Fails (status 1) when NAME is not a slot or cannot be opened.
 )HELP";
@@ -113,10 +119,11 @@ chunks it arrives in.
 Removes each slot through SlotFactory::RemoveSlot (header segment and queue) and the
 posix-pipe FIFO of the same name, and says what was removed. Objects that are not slot parts
 are never removed. Processes still using a slot keep their mappings; new ones make a new slot.
-  --stale          remove only half slots (a header without its queue or the reverse): the
-                   named ones, or, without names, every one on the machine
-  --min-age SECS   with --stale, leave half slots younger than this (default 5): a slot
-                   being created is briefly half
+  --stale          remove only stale slots: half slots (a header without its queue or the
+                   reverse), unfinished ones and those whose lock a dead process holds; the
+                   named ones, or, without names, every one on the machine; FIFOs are kept
+  --min-age SECS   with --stale, leave slots younger than this (default 5): a slot being
+                   created is briefly half or unfinished
 Status 1 when a name was not a slot or could not be removed.
 )HELP";
     }

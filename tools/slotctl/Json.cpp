@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Json.h"
 
+#include "Cli.h"
+
 #include <cstdio>
 
 namespace slotctl {
@@ -58,18 +60,28 @@ Json& Json::String(const std::string& value) {
 
 std::string Json::Quoted(const std::string& value) {
     std::string quoted = "\"";
-    for (char c : value) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
+    for (size_t i = 0; i < value.size();) {
+        std::uint32_t codePoint = 0;
+        const size_t length = Utf8SequenceAt(value, i, codePoint);
+        char escaped[16];
+        if (length == 0) {
+            // Not UTF-8: JSON cannot carry the byte, so it becomes the text \xNN.
+            std::snprintf(escaped, sizeof(escaped), "\\\\x%02x",
+                          static_cast<unsigned char>(value[i]));
+            quoted += escaped;
+            ++i;
+            continue;
+        }
+        if (codePoint == '"' || codePoint == '\\') {
             quoted += '\\';
-            quoted += c;
-        } else if (u < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\u%04x", u);
+            quoted += static_cast<char>(codePoint);
+        } else if (IsControl(codePoint)) {
+            std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(codePoint));
             quoted += escaped;
         } else {
-            quoted += c;
+            quoted.append(value, i, length);
         }
+        i += length;
     }
     return quoted + '"';
 }

@@ -8,6 +8,8 @@
 namespace slotctl {
 
 // A minimal JSON writer for --json output: objects and arrays built in order, one line.
+// Strings are escaped so that the output is valid JSON and safe on a terminal: control
+// characters (C0, DEL, C1) as \u00XX, bytes that are not UTF-8 as the text \xNN.
 class Json {
 public:
     Json& BeginObject();

@@ -16,6 +16,31 @@
 
 #include <unistd.h>
 
+namespace layout_detail {
+using namespace log4cxx;
+
+// "slotctl: LEVEL [logger] message", made Printable: library messages carry slot names.
+class PrintableLayout : public PatternLayout {
+public:
+    DECLARE_LOG4CXX_OBJECT(PrintableLayout)
+    BEGIN_LOG4CXX_CAST_MAP()
+    LOG4CXX_CAST_ENTRY(PrintableLayout)
+    LOG4CXX_CAST_ENTRY_CHAIN(PatternLayout)
+    END_LOG4CXX_CAST_MAP()
+
+    PrintableLayout() : PatternLayout(LOG4CXX_STR("slotctl: %p [%c] %m")) {}
+
+    void format(LogString& output, const spi::LoggingEventPtr& event,
+                helpers::Pool& pool) const override {
+        LogString line;
+        PatternLayout::format(line, event, pool);
+        output += slotctl::Printable(line) + "\n";
+    }
+};
+
+IMPLEMENT_LOG4CXX_OBJECT(PrintableLayout)
+}  // namespace layout_detail
+
 namespace slotctl {
 
 namespace tap_detail {
@@ -47,6 +72,7 @@ private:
 };
 
 IMPLEMENT_LOG4CXX_OBJECT(TapAppender)
+
 }  // namespace tap_detail
 
 namespace {
@@ -70,8 +96,7 @@ void ConfigureLogging(const LogOptions& options) {
             log4cxx::PropertyConfigurator::configure(options.configFile);
         }
     } else if (options.console) {
-        log4cxx::LayoutPtr layout =
-            std::make_shared<log4cxx::PatternLayout>("slotctl: %p [%c] %m%n");
+        log4cxx::LayoutPtr layout = std::make_shared<layout_detail::PrintableLayout>();
         std::shared_ptr<log4cxx::ConsoleAppender> console =
             std::make_shared<log4cxx::ConsoleAppender>(layout,
                                                        log4cxx::ConsoleAppender::getSystemErr());

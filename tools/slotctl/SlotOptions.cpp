@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SlotOptions.h"
 
-#include "Probe.h"
+#include "Names.h"
 
 #include <Slot/ConfigurationTags.h>
+#include <Slot/SlotInspector.h>
 
 #include <climits>
 
@@ -15,19 +16,28 @@ const size_t DefaultMaxSize = 65536;
 const size_t DefaultQueue = 16;
 const std::uint64_t DefaultUpdateMs = 100;
 
-void RefuseUnusable(const std::string& object, PartState state, const std::string& detail) {
-    switch (state) {
-        case PartState::Absent:
-        case PartState::Ok:
+// Refuses a part of the slot that the library could not use, with the reason and the remedy.
+void RefuseUnusable(const SlotPartReport& part) {
+    switch (part.state) {
+        case SlotPartState::Absent:
             return;
-        case PartState::NoAccess:
-            throw CommandError(ExitFailure, "cannot open " + ShmPath(object) + ": " + detail);
-        case PartState::Foreign:
+        case SlotPartState::Ok:
+            if (!part.writable) {
+                throw CommandError(ExitFailure,
+                                   "cannot open " + Printable(part.path) + ": Permission denied");
+            }
+            return;
+        case SlotPartState::NoAccess:
             throw CommandError(ExitFailure,
-                               ShmPath(object) + " is not part of a slot: it is " + detail);
-        case PartState::Busy:
-        case PartState::Unfinished:
-            throw CommandError(ExitFailure, ShmPath(object) + " cannot be used: " + detail +
+                               "cannot open " + Printable(part.path) + ": " + part.detail);
+        case SlotPartState::Foreign:
+            throw CommandError(
+                ExitFailure,
+                Printable(part.path) + " is not part of a slot: it is " + Printable(part.detail));
+        case SlotPartState::Unfinished:
+        case SlotPartState::Damaged:
+            throw CommandError(ExitFailure, Printable(part.path) +
+                                                " cannot be used: " + Printable(part.detail) +
                                                 "; remove the slot with slotctl rm");
     }
 }
@@ -55,16 +65,22 @@ ToolSlotConfig ResolveSlot(const Arguments& arguments, const std::string& name) 
     size_t existingMaxSize = DefaultMaxSize;
     size_t existingQueue = DefaultQueue;
     if (!typeGiven || type != pipeType) {
-        const SlotReport report = InspectSlot(name);
-        RefuseUnusable(name, report.header.state, report.header.detail);
-        RefuseUnusable(QueueObject(name), report.queue.state, report.queue.detail);
-        if (report.queue.state == PartState::Ok) {
+        const SlotReport report = SlotInspector::InspectSlot(name);
+        RefuseUnusable(report.header);
+        RefuseUnusable(report.queue);
+        if (report.state == SlotState::DeadHolder) {
+            throw CommandError(ExitFailure, Quote(name) +
+                                                " cannot be used: " + Printable(report.detail) +
+                                                "; remove the slot with slotctl rm");
+        }
+        if (report.queue.state == SlotPartState::Ok) {
             existingMaxSize = static_cast<size_t>(report.queue.maxBlockSize);
             existingQueue = static_cast<size_t>(report.queue.capacity);
         }
         if (!typeGiven) {
-            const std::string kind = report.Kind();
-            type = kind.empty() ? Configuration::Object::Slot::Type::discardingTag : kind;
+            type = report.kind == SlotKind::Unknown
+                       ? Configuration::Object::Slot::Type::discardingTag
+                       : SlotKindText(report.kind);
         }
     }
     return ToolSlotConfig(name, type, maxSize != 0 ? static_cast<size_t>(maxSize) : existingMaxSize,

@@ -111,10 +111,10 @@ int main(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const slotctl::CommandError& e) {
-        std::cerr << "slotctl: " << e.what() << std::endl;
+        std::cerr << "slotctl: " << slotctl::Printable(e.what()) << std::endl;
         return e.Status();
     } catch (const std::exception& e) {
-        std::cerr << "slotctl: " << e.what() << std::endl;
+        std::cerr << "slotctl: " << slotctl::Printable(e.what()) << std::endl;
         return slotctl::ExitFailure;
     }
 }

@@ -1,0 +1,465 @@
+// SPDX-License-Identifier: Apache-2.0
+// The raw-bytes view of a slot's header segment and queue, checked against what Boost itself
+// answers for real objects, and against unfinished, foreign and damaged bytes.
+#include "ShmHygiene.h"
+
+#include <Slot/BoostInterprocess/DiscardingSlot.h>
+#include <Slot/BoostInterprocess/ReliableSlot.h>
+#include <Slot/BoostInterprocess/SlotImage.h>
+
+#include <shared/SharedMemory.h>
+
+#include <boost/interprocess/ipc/message_queue.hpp>
+#include <boost/interprocess/shared_memory_object.hpp>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using boost::interprocess::open_only;
+using boost::interprocess::open_or_create;
+using SlotImage::Verdict;
+
+typedef std::vector<unsigned char> Image;
+
+// The bytes of the shared-memory object `name`.
+Image ReadObject(const std::string& name) {
+    const int fd = ::shm_open(name.c_str(), O_RDONLY, 0);
+    EXPECT_GE(fd, 0) << name;
+    struct stat st;
+    ::fstat(fd, &st);
+    Image bytes(static_cast<size_t>(st.st_size));
+    if (!bytes.empty()) {
+        EXPECT_EQ(st.st_size, ::pread(fd, bytes.data(), bytes.size(), 0));
+    }
+    ::close(fd);
+    return bytes;
+}
+
+void WriteObject(const std::string& name, const Image& bytes) {
+    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bytes.size())));
+    if (!bytes.empty()) {
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::pwrite(fd, bytes.data(), bytes.size(), 0));
+    }
+    ::close(fd);
+}
+
+template <class T>
+void Poke(Image& image, std::uint64_t offset, T value) {
+    ASSERT_LE(offset + sizeof(T), image.size());
+    std::memcpy(image.data() + offset, &value, sizeof(T));
+}
+
+template <class T>
+T Peek(const Image& image, std::uint64_t offset) {
+    T value{};
+    std::memcpy(&value, image.data() + offset, sizeof(T));
+    return value;
+}
+
+SlotImage::HeaderImage ParseHeader(const Image& image) {
+    return SlotImage::ParseHeader(image.data(), image.size());
+}
+
+SlotImage::QueueImage ParseQueue(const Image& image) {
+    return SlotImage::ParseQueue(image.data(), image.size());
+}
+
+void WriteBlock(ReliableSlot& slot, const std::string& text) {
+    slot.GetLockable()->lock();
+    slot.WriteData(text.data(), text.size());
+    slot.GetLockable()->unlock();
+}
+
+// Offset in the mapping of an address inside an opened segment (get_address is the mapping's
+// start).
+std::uint64_t OffsetIn(shared::SlotSegment& segment, const void* address,
+                       const SlotImage::HeaderImage& header) {
+    EXPECT_EQ(static_cast<const char*>(segment.get_address()) + header.managerOffset,
+              reinterpret_cast<const char*>(segment.get_segment_manager()));
+    return static_cast<std::uint64_t>(static_cast<const char*>(address) -
+                                      static_cast<const char*>(segment.get_address()));
+}
+
+// Every region the parser reports lies inside the bytes it was given.
+void ExpectInside(const SlotImage::Region& region, std::uint64_t size) {
+    if (region.present) {
+        EXPECT_LE(region.offset, size);
+        EXPECT_LE(region.size, size - region.offset);
+    }
+}
+
+void ExpectRegionsInside(const SlotImage::HeaderImage& h, std::uint64_t size) {
+    ExpectInside(h.allocatorMutex, size);
+    ExpectInside(h.indexMutex, size);
+    ExpectInside(h.headerMutex, size);
+    ExpectInside(h.outputBuffer, size);
+    for (const SlotImage::NamedObject& object : h.objects) {
+        ExpectInside(object.value, size);
+    }
+}
+
+void ExpectRegionsInside(const SlotImage::QueueImage& q, std::uint64_t size) {
+    ExpectInside(q.mutex, size);
+    ExpectInside(q.receiveCondition, size);
+    ExpectInside(q.sendCondition, size);
+    ExpectInside(q.index, size);
+    ExpectInside(q.messages, size);
+}
+
+TEST(SlotImage, HealthyReliableSlotAgreesWithBoost) {
+    testsupport::ScopedSlotName name;
+    ReliableSlot slot(open_or_create, name.c_str(), 100, 4);
+    WriteBlock(slot, "first");
+    WriteBlock(slot, "second block");
+
+    const Image headerBytes = ReadObject(name);
+    const SlotImage::HeaderImage h = ParseHeader(headerBytes);
+    EXPECT_EQ(Verdict::Valid, h.verdict) << h.problem;
+    EXPECT_EQ(SlotImage::CreationState::Initialised, h.creation);
+    EXPECT_TRUE(h.Complete());
+    EXPECT_EQ(headerBytes.size(), h.recordedSize);
+    EXPECT_EQ(slot.GetLastWriteTime(), h.lastWrite);
+    EXPECT_EQ(0u, h.outputDataSize);
+
+    // The same objects as Boost finds them.
+    shared::SlotSegment segment(open_only, name.c_str());
+    EXPECT_EQ(segment.get_free_memory(), h.freeBytes);
+    EXPECT_EQ(segment.get_num_named_objects(), h.namedCount);
+    EXPECT_EQ(segment.get_num_unique_objects(), h.uniqueCount);
+    EXPECT_EQ(OffsetIn(segment,
+                       segment
+                           .find<boost::interprocess::interprocess_mutex>(
+                               boost::interprocess::unique_instance)
+                           .first,
+                       h),
+              h.headerMutex.offset);
+    EXPECT_EQ(
+        OffsetIn(segment, segment.find<boost::posix_time::ptime>("last_write_tstamp").first, h),
+        h.objects[SlotImage::LastWriteTime].value.offset);
+    EXPECT_EQ(OffsetIn(segment, segment.find<unsigned int>("output_buffer_data_size").first, h),
+              h.objects[SlotImage::OutputDataSize].value.offset);
+    const int handle = *segment.find<int>("output_buffer_handle").first;
+    EXPECT_EQ(handle, h.outputHandle);
+    void* buffer = segment.get_address_from_handle(handle);
+    EXPECT_EQ(OffsetIn(segment, buffer, h), h.outputBuffer.offset);
+    EXPECT_EQ(segment.get_segment_manager()->size(buffer), h.outputBuffer.size);
+    EXPECT_TRUE(h.objects[SlotImage::WriteCondition].value.present);
+    EXPECT_EQ(0, h.headerMutexOwnerThread);
+
+    const Image queueBytes = ReadObject(BaseQueueSlot::GetQueueName(name));
+    const SlotImage::QueueImage q = ParseQueue(queueBytes);
+    EXPECT_EQ(Verdict::Valid, q.verdict) << q.problem;
+    EXPECT_EQ(4u, q.capacity);
+    EXPECT_EQ(100u, q.maxMessageSize);
+    EXPECT_EQ(2u, q.waiting);
+    EXPECT_EQ(queueBytes.size(), q.requiredSize);
+    EXPECT_TRUE(q.countsValid && q.indexValid && q.messagesValid);
+    EXPECT_EQ(0, q.mutexOwnerThread);
+}
+
+TEST(SlotImage, HeaderAndQueueOfADiscardingSlotAfterReads) {
+    testsupport::ScopedSlotName name;
+    DiscardingSlot slot(open_or_create, name.c_str(), 1000);
+    const std::string block(777, 'x');
+    slot.GetLockable()->lock();
+    slot.WriteData(block.data(), block.size());
+    char out[1000];
+    EXPECT_EQ(block.size(), slot.ReadData(out, sizeof(out)));
+    slot.GetLockable()->unlock();
+
+    const SlotImage::HeaderImage h = ParseHeader(ReadObject(name));
+    EXPECT_EQ(Verdict::Valid, h.verdict) << h.problem;
+    EXPECT_EQ(block.size(), h.outputDataSize);
+    EXPECT_GE(h.outputBuffer.size, 1000u);
+    const SlotImage::QueueImage q = ParseQueue(ReadObject(BaseQueueSlot::GetQueueName(name)));
+    EXPECT_EQ(Verdict::Valid, q.verdict) << q.problem;
+    EXPECT_EQ(1u, q.capacity);
+    EXPECT_EQ(0u, q.waiting);
+}
+
+TEST(SlotImage, WrapsAroundTheCircularIndex) {
+    testsupport::ScopedSlotName name;
+    ReliableSlot slot(open_or_create, name.c_str(), 16, 3);
+    char out[16];
+    for (int i = 0; i < 7; ++i) {
+        WriteBlock(slot, "block " + std::to_string(i));
+        if (i % 2 == 1) {
+            slot.GetLockable()->lock();
+            slot.ReadData(out, sizeof(out));
+            slot.GetLockable()->unlock();
+        }
+    }
+    const SlotImage::QueueImage q = ParseQueue(ReadObject(BaseQueueSlot::GetQueueName(name)));
+    EXPECT_EQ(Verdict::Valid, q.verdict) << q.problem;
+    EXPECT_EQ(slot.GetBufferLength(), q.waiting);
+}
+
+TEST(SlotImage, ReportsTheThreadHoldingTheHeaderMutex) {
+    testsupport::ScopedSlotName name;
+    ReliableSlot slot(open_or_create, name.c_str(), 8, 2);
+    slot.GetLockable()->lock();
+    const SlotImage::HeaderImage h = ParseHeader(ReadObject(name));
+    slot.GetLockable()->unlock();
+    EXPECT_EQ(static_cast<pid_t>(::syscall(SYS_gettid)), h.headerMutexOwnerThread);
+    EXPECT_EQ(0, h.indexMutexOwnerThread);
+    EXPECT_EQ(0, h.allocatorMutexOwnerThread);
+}
+
+TEST(SlotImage, CreationStates) {
+    struct Case {
+        Image bytes;
+        SlotImage::CreationState state;
+        Verdict verdict;
+    };
+    auto word = [](std::uint32_t value) {
+        Image bytes(4096, 0);
+        std::memcpy(bytes.data(), &value, sizeof(value));
+        return bytes;
+    };
+    const Case cases[] = {
+        {Image(), SlotImage::CreationState::Missing, Verdict::Unfinished},
+        {Image(1, 0), SlotImage::CreationState::Missing, Verdict::Damaged},
+        {word(0), SlotImage::CreationState::Uninitialised, Verdict::Unfinished},
+        {word(1), SlotImage::CreationState::Initialising, Verdict::Unfinished},
+        {word(3), SlotImage::CreationState::Corrupted, Verdict::Damaged},
+        {word(0x464c457f), SlotImage::CreationState::Invalid, Verdict::Foreign},
+        {word(2), SlotImage::CreationState::Initialised, Verdict::Foreign},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.bytes.size());
+        EXPECT_EQ(c.state, SlotImage::ReadCreationState(c.bytes.data(), c.bytes.size()));
+        const SlotImage::HeaderImage h = ParseHeader(c.bytes);
+        const SlotImage::QueueImage q = ParseQueue(c.bytes);
+        EXPECT_EQ(c.state, h.creation);
+        EXPECT_EQ(c.state, q.creation);
+        EXPECT_EQ(c.verdict, h.verdict) << h.problem;
+        EXPECT_EQ(c.verdict, q.verdict) << q.problem;
+        EXPECT_FALSE(h.problem.empty());
+        EXPECT_FALSE(q.problem.empty());
+    }
+}
+
+TEST(SlotImage, TellsHeaderSegmentsAndQueuesApart) {
+    // Slot "queue_<x>"'s header segment has the name of slot "<x>"'s queue.
+    testsupport::ScopedSlotName name;
+    ReliableSlot slot(open_or_create, name.c_str(), 64, 3);
+    const Image header = ReadObject(name);
+    const Image queue = ReadObject(BaseQueueSlot::GetQueueName(name));
+    EXPECT_EQ(Verdict::Foreign, ParseQueue(header).verdict);
+    EXPECT_EQ(Verdict::Foreign, ParseHeader(queue).verdict);
+}
+
+TEST(SlotImage, PartlyBuiltHeaderIsUnfinishedInBuildOrderOnly) {
+    testsupport::ScopedSlotName name;
+    {
+        // The segment and its header mutex, as shared::CreateSharedMemory leaves them.
+        std::unique_ptr<shared::ISharedMemory> memory(
+            shared::CreateSharedMemory(open_or_create, name.c_str(), 4096));
+        const SlotImage::HeaderImage h = ParseHeader(ReadObject(name));
+        EXPECT_EQ(Verdict::Unfinished, h.verdict) << h.problem;
+        EXPECT_TRUE(h.headerMutex.present);
+
+        // The first two named objects: a builder that died half way.
+        memory->GetSegment().construct<boost::posix_time::ptime>("last_write_tstamp")();
+        memory->GetSegment().construct<unsigned int>("output_buffer_data_size")(0u);
+        const SlotImage::HeaderImage half = ParseHeader(ReadObject(name));
+        EXPECT_EQ(Verdict::Unfinished, half.verdict) << half.problem;
+        EXPECT_TRUE(half.objects[SlotImage::OutputDataSize].value.present);
+        EXPECT_FALSE(half.objects[SlotImage::OutputHandle].found);
+
+        // A condition without a handle is not what any builder leaves.
+        memory->GetSegment().construct<shared::InterprocCondition>("cond_on_write")();
+        EXPECT_EQ(Verdict::Damaged, ParseHeader(ReadObject(name)).verdict);
+    }
+}
+
+class DamagedSlot : public ::testing::Test {
+protected:
+    void SetUp() override {
+        slot_.reset(new ReliableSlot(open_or_create, name_.c_str(), 40, 4));
+        WriteBlock(*slot_, "one");
+        WriteBlock(*slot_, "two");
+        header_ = ReadObject(name_);
+        queue_ = ReadObject(BaseQueueSlot::GetQueueName(name_));
+        h_ = ParseHeader(header_);
+        q_ = ParseQueue(queue_);
+        ASSERT_EQ(Verdict::Valid, h_.verdict);
+        ASSERT_EQ(Verdict::Valid, q_.verdict);
+    }
+
+    testsupport::ScopedSlotName name_;
+    std::unique_ptr<ReliableSlot> slot_;
+    Image header_;
+    Image queue_;
+    SlotImage::HeaderImage h_;
+    SlotImage::QueueImage q_;
+};
+
+TEST_F(DamagedSlot, QueueCountsIndexAndLengths) {
+    typedef boost::interprocess::message_queue_t<shared::SlotOffsetPtr>::size_type Count;
+    // The count of waiting messages is the third 32-bit field after the index pointer.
+    const std::uint64_t waitingAt = q_.controlOffset + sizeof(shared::SlotOffsetPtr) + 8;
+    ASSERT_EQ(2u, Peek<Count>(queue_, waitingAt));
+    Image bad = queue_;
+    Poke<Count>(bad, waitingAt, 5);
+    SlotImage::QueueImage q = ParseQueue(bad);
+    EXPECT_EQ(Verdict::Damaged, q.verdict);
+    EXPECT_FALSE(q.countsValid);
+
+    bad = queue_;
+    const std::uint64_t entry = q_.index.offset + sizeof(shared::SlotOffsetPtr);
+    Poke<shared::SlotOffsetPtr::offset_type>(
+        bad, entry, Peek<shared::SlotOffsetPtr::offset_type>(bad, entry) + 3);
+    q = ParseQueue(bad);
+    EXPECT_EQ(Verdict::Damaged, q.verdict);
+    EXPECT_TRUE(q.countsValid);
+    EXPECT_FALSE(q.indexValid);
+
+    bad = queue_;
+    // Two index entries naming the same message.
+    Poke<shared::SlotOffsetPtr::offset_type>(
+        bad, entry,
+        Peek<shared::SlotOffsetPtr::offset_type>(bad, q_.index.offset) -
+            sizeof(shared::SlotOffsetPtr));
+    EXPECT_FALSE(ParseQueue(bad).indexValid);
+
+    // Every waiting message's length field, made larger than the maximum.
+    bad = queue_;
+    for (std::uint64_t m = 0; m < q_.capacity; ++m) {
+        Poke<Count>(bad, q_.messages.offset + m * q_.messageStride, 41);
+    }
+    q = ParseQueue(bad);
+    EXPECT_EQ(Verdict::Damaged, q.verdict);
+    EXPECT_TRUE(q.indexValid);
+    EXPECT_FALSE(q.messagesValid);
+
+    bad = queue_;
+    bad.resize(bad.size() - 1);
+    EXPECT_EQ(Verdict::Damaged, ParseQueue(bad).verdict);
+}
+
+TEST_F(DamagedSlot, HeaderSizeHandleAndDataSize) {
+    // The segment size the allocator records, a 32-bit field of its header.
+    std::uint64_t recordedAt = h_.managerOffset;
+    while (Peek<std::uint32_t>(header_, recordedAt) != header_.size() - h_.managerOffset) {
+        recordedAt += 4;
+        ASSERT_LT(recordedAt, h_.managerOffset + 128);
+    }
+    Image bad = header_;
+    Poke<std::uint32_t>(bad, recordedAt, 1u << 30);
+    SlotImage::HeaderImage h = ParseHeader(bad);
+    EXPECT_EQ(Verdict::Damaged, h.verdict);
+    EXPECT_TRUE(h.Complete()) << "the objects are still found";
+
+    const std::int32_t outside[] = {
+        -16, 0, 8, static_cast<std::int32_t>(header_.size()), h_.outputHandle + 1, 0x7ffffff0};
+    for (std::int32_t handle : outside) {
+        bad = header_;
+        Poke<std::int32_t>(bad, h_.objects[SlotImage::OutputHandle].value.offset, handle);
+        h = ParseHeader(bad);
+        EXPECT_EQ(Verdict::Damaged, h.verdict) << handle;
+        EXPECT_FALSE(h.outputBuffer.present) << handle;
+    }
+
+    bad = header_;
+    Poke<std::uint32_t>(bad, h_.objects[SlotImage::OutputDataSize].value.offset,
+                        static_cast<std::uint32_t>(h_.outputBuffer.size + 1));
+    EXPECT_EQ(Verdict::Damaged, ParseHeader(bad).verdict);
+}
+
+TEST_F(DamagedSlot, IndexLinksThatLoopOrLeave) {
+    // The name index's root pointer (after its entry count), made to point at itself, and far
+    // outside.
+    const std::uint64_t namedRootAt =
+        h_.managerOffset + sizeof(shared::SlotSegment::segment_manager) - 2 * (8 + 24) + 8;
+    for (shared::SlotOffsetPtr::offset_type raw :
+         {shared::SlotOffsetPtr::offset_type(0), shared::SlotOffsetPtr::offset_type(1) << 40,
+          ~shared::SlotOffsetPtr::offset_type(0) - 7}) {
+        Image bad = header_;
+        Poke(bad, namedRootAt, raw);
+        const SlotImage::HeaderImage h = ParseHeader(bad);
+        EXPECT_NE(Verdict::Valid, h.verdict);
+        ExpectRegionsInside(h, bad.size());
+    }
+}
+
+// Arbitrary damage to real images: never out of bounds (run under ASan), every region reported
+// lies inside the bytes, and the parsers agree with themselves on a page-aligned copy.
+TEST_F(DamagedSlot, RandomDamageStaysInBounds) {
+    std::mt19937 random(12345);
+    const Image originals[] = {header_, queue_};
+    int valid = 0;
+    for (int round = 0; round < 3000; ++round) {
+        Image bytes = originals[round % 2];
+        const int kind = random() % 4;
+        const int flips = 1 + random() % 8;
+        for (int i = 0; i < flips; ++i) {
+            const size_t at = random() % bytes.size();
+            if (kind == 0) {
+                bytes[at] ^= static_cast<unsigned char>(1u << (random() % 8));
+            } else if (kind == 1) {
+                bytes[at] = static_cast<unsigned char>(random());
+            } else if (kind == 2 && at + 4 <= bytes.size()) {
+                const std::uint32_t value = random();
+                std::memcpy(&bytes[at], &value, sizeof(value));
+            }
+        }
+        if (kind == 3) {
+            bytes.resize(random() % bytes.size());
+        }
+        // An exactly sized heap copy, so any read past the end is caught.
+        std::unique_ptr<unsigned char[]> exact(new unsigned char[bytes.size() + 1]);
+        std::memcpy(exact.get(), bytes.data(), bytes.size());
+        const SlotImage::HeaderImage h = SlotImage::ParseHeader(exact.get(), bytes.size());
+        const SlotImage::QueueImage q = SlotImage::ParseQueue(exact.get(), bytes.size());
+        ExpectRegionsInside(h, bytes.size());
+        ExpectRegionsInside(q, bytes.size());
+        valid += (h.verdict == Verdict::Valid) + (q.verdict == Verdict::Valid);
+        if (::testing::Test::HasFailure()) {
+            FAIL() << "round " << round;
+        }
+    }
+    EXPECT_GT(valid, 0) << "some damage lands in bytes nobody checks (data, free space)";
+}
+
+TEST(SlotImage, ParsesAMappingAsTheInspectorDoes) {
+    testsupport::ScopedSlotName name;
+    ReliableSlot slot(open_or_create, name.c_str(), 4000, 2);
+    const int fd = ::shm_open(name.c_str(), O_RDONLY, 0);
+    ASSERT_GE(fd, 0);
+    struct stat st;
+    ASSERT_EQ(0, ::fstat(fd, &st));
+    void* map = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
+    ::close(fd);
+    ASSERT_NE(MAP_FAILED, map);
+    const Image before = ReadObject(name);
+    const SlotImage::HeaderImage h = SlotImage::ParseHeader(map, static_cast<size_t>(st.st_size));
+    ::munmap(map, static_cast<size_t>(st.st_size));
+    EXPECT_EQ(Verdict::Valid, h.verdict) << h.problem;
+    EXPECT_EQ(before, ReadObject(name));
+}
+
+TEST(SlotImage, ObjectsWrittenByHand) {
+    // A hand-made object under a slot's name: just the creation word of a finished object.
+    testsupport::ScopedSlotName name;
+    Image bytes(64, 0);
+    Poke<std::uint32_t>(bytes, 0, 2);
+    WriteObject(name, bytes);
+    EXPECT_EQ(Verdict::Foreign, ParseHeader(ReadObject(name)).verdict);
+    EXPECT_EQ(Verdict::Foreign, ParseQueue(ReadObject(name)).verdict);
+}
+
+}  // namespace

@@ -1,0 +1,329 @@
+// SPDX-License-Identifier: Apache-2.0
+// The library's inspection of slots: states of healthy, half, unfinished, damaged, busy and
+// dead-held slots seen with real processes, and that looking never changes a byte.
+#include "ChildProcess.h"
+#include "ShmHygiene.h"
+
+#include <Slot/BoostInterprocess/DiscardingSlot.h>
+#include <Slot/BoostInterprocess/ReliableSlot.h>
+#include <Slot/BoostInterprocess/SlotImage.h>
+#include <Slot/SlotInspector.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using boost::interprocess::open_or_create;
+using testsupport::ChildProcess;
+using testsupport::PipeSignal;
+using testsupport::ScopedSlotName;
+
+typedef std::vector<unsigned char> Bytes;
+
+Bytes ReadObject(const std::string& object) {
+    Bytes bytes;
+    const int fd = ::shm_open(object.c_str(), O_RDONLY, 0);
+    if (fd < 0) {
+        return bytes;
+    }
+    struct stat st;
+    ::fstat(fd, &st);
+    bytes.resize(static_cast<size_t>(st.st_size));
+    if (!bytes.empty() && ::pread(fd, bytes.data(), bytes.size(), 0) != st.st_size) {
+        bytes.clear();
+    }
+    ::close(fd);
+    return bytes;
+}
+
+void WriteObject(const std::string& object, const Bytes& bytes) {
+    const int fd = ::shm_open(object.c_str(), O_RDWR | O_CREAT, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, ::fchmod(fd, 0644));
+    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bytes.size())));
+    if (!bytes.empty()) {
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::pwrite(fd, bytes.data(), bytes.size(), 0));
+    }
+    ::close(fd);
+}
+
+// Inspects `name` and checks that doing so changed neither object.
+SlotReport Inspect(const std::string& name) {
+    const std::string queue = BaseQueueSlot::GetQueueName(name);
+    const Bytes header = ReadObject(name);
+    const Bytes queueBytes = ReadObject(queue);
+    const auto start = std::chrono::steady_clock::now();
+    SlotReport report = SlotInspector::InspectSlot(name);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_TRUE(header == ReadObject(name)) << "inspecting changed the header segment";
+    EXPECT_TRUE(queueBytes == ReadObject(queue)) << "inspecting changed the queue";
+    return report;
+}
+
+void WriteBlock(BaseQueueSlot& slot, const std::string& text) {
+    slot.GetLockable()->lock();
+    slot.WriteData(text.data(), text.size());
+    slot.GetLockable()->unlock();
+}
+
+const SlotReport* Find(const std::vector<SlotReport>& reports, const std::string& name) {
+    for (const SlotReport& report : reports) {
+        if (report.name == name) {
+            return &report;
+        }
+    }
+    return nullptr;
+}
+
+TEST(SlotInspector, HealthySlotsOfBothKinds) {
+    ScopedSlotName reliableName("rel");
+    ScopedSlotName discardingName("dis");
+    ReliableSlot reliable(open_or_create, reliableName.c_str(), 300, 5);
+    DiscardingSlot discarding(open_or_create, discardingName.c_str(), 20);
+    WriteBlock(reliable, "a");
+    WriteBlock(reliable, "bb");
+    WriteBlock(discarding, "c");
+    char out[300];
+    reliable.GetLockable()->lock();
+    ASSERT_EQ(1u, reliable.ReadData(out, sizeof(out)));
+    reliable.GetLockable()->unlock();
+
+    const SlotReport r = Inspect(reliableName);
+    EXPECT_EQ(SlotState::Healthy, r.state) << r.detail;
+    EXPECT_EQ(SlotKind::Reliable, r.kind);
+    EXPECT_EQ(5u, r.queue.capacity);
+    EXPECT_EQ(300u, r.queue.maxBlockSize);
+    EXPECT_EQ(1u, r.queue.waiting);
+    EXPECT_EQ(reliable.GetLastWriteTime(), r.header.lastWrite);
+    EXPECT_EQ(1u, r.header.outputDataSize);
+    EXPECT_GE(r.header.outputBufferSize, 300u);
+    EXPECT_TRUE(r.heldLocks.empty());
+    EXPECT_EQ(0, r.deadHolder);
+    EXPECT_EQ(0, r.readerPid);
+    EXPECT_FALSE(r.readerLockFile.empty());
+    for (int i = 0; i < SlotImage::HeaderObjectCount; ++i) {
+        EXPECT_TRUE(r.header.Has(SlotImage::HeaderObject(i))) << SlotImage::HeaderObjectNames[i];
+    }
+
+    const SlotReport d = Inspect(discardingName);
+    EXPECT_EQ(SlotState::Healthy, d.state) << d.detail;
+    EXPECT_EQ(SlotKind::Discarding, d.kind);
+    EXPECT_EQ(1u, d.queue.capacity);
+    EXPECT_EQ(1u, d.queue.waiting);
+    EXPECT_TRUE(d.readerLockFile.empty());
+
+    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    ASSERT_NE(nullptr, Find(all, reliableName));
+    ASSERT_NE(nullptr, Find(all, discardingName));
+    EXPECT_EQ(SlotState::Healthy, Find(all, reliableName)->state);
+    EXPECT_TRUE(
+        std::is_sorted(all.begin(), all.end(),
+                       [](const SlotReport& a, const SlotReport& b) { return a.name < b.name; }));
+}
+
+TEST(SlotInspector, NothingThereAndHalfSlots) {
+    ScopedSlotName absent("absent");
+    EXPECT_EQ(SlotState::Absent, Inspect(absent).state);
+    EXPECT_EQ(SlotState::Absent, SlotInspector::InspectSlot("").state);
+    EXPECT_EQ(SlotState::Absent, SlotInspector::InspectSlot("a/b").state);
+
+    ScopedSlotName headerOnly("hdr");
+    ScopedSlotName queueOnly("que");
+    { DiscardingSlot a(open_or_create, headerOnly.c_str(), 8); }
+    { ReliableSlot b(open_or_create, queueOnly.c_str(), 8, 3); }
+    ::shm_unlink(BaseQueueSlot::GetQueueName(headerOnly).c_str());
+    ::shm_unlink(queueOnly.c_str());
+
+    const SlotReport h = Inspect(headerOnly);
+    EXPECT_EQ(SlotState::Half, h.state);
+    EXPECT_EQ(SlotPartState::Ok, h.header.state);
+    EXPECT_EQ(SlotPartState::Absent, h.queue.state);
+    EXPECT_EQ(SlotKind::Unknown, h.kind);
+    const SlotReport q = Inspect(queueOnly);
+    EXPECT_EQ(SlotState::Half, q.state);
+    EXPECT_EQ(SlotKind::Reliable, q.kind);
+    EXPECT_GE(q.AgeSeconds(), 0);
+
+    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    EXPECT_NE(nullptr, Find(all, headerOnly));
+    EXPECT_NE(nullptr, Find(all, queueOnly));
+}
+
+// What a creator killed at each point of creation leaves behind.
+TEST(SlotInspector, UnfinishedObjectsOfEitherPart) {
+    ScopedSlotName emptyHeader("eh");
+    ScopedSlotName emptyQueue("eq");
+    ScopedSlotName initialising("init");
+    WriteObject(emptyHeader, Bytes());
+    WriteObject(BaseQueueSlot::GetQueueName(emptyQueue), Bytes());
+    Bytes building(4096, 0);
+    building[0] = 1;  // Boost's "initialising"
+    WriteObject(initialising, building);
+    WriteObject(BaseQueueSlot::GetQueueName(initialising), Bytes(4096, 0));
+
+    const SlotReport h = Inspect(emptyHeader);
+    EXPECT_EQ(SlotState::Unfinished, h.state);
+    EXPECT_EQ(SlotPartState::Unfinished, h.header.state);
+    const SlotReport q = Inspect(emptyQueue);
+    EXPECT_EQ(SlotState::Unfinished, q.state);
+    EXPECT_EQ(SlotPartState::Unfinished, q.queue.state);
+    EXPECT_EQ(SlotPartState::Absent, q.header.state);
+    const SlotReport both = Inspect(initialising);
+    EXPECT_EQ(SlotState::Unfinished, both.state);
+    EXPECT_EQ(SlotPartState::Unfinished, both.header.state);
+    EXPECT_EQ(SlotPartState::Unfinished, both.queue.state);
+
+    // Each is listed once, the queue-only one under its slot's name.
+    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    EXPECT_NE(nullptr, Find(all, emptyHeader));
+    EXPECT_NE(nullptr, Find(all, emptyQueue));
+    EXPECT_EQ(nullptr, Find(all, BaseQueueSlot::GetQueueName(emptyQueue)));
+    EXPECT_NE(nullptr, Find(all, initialising));
+}
+
+TEST(SlotInspector, DamagedAndForeignObjects) {
+    ScopedSlotName name("dmg");
+    { ReliableSlot slot(open_or_create, name.c_str(), 64, 4); }
+    Bytes header = ReadObject(name);
+    const SlotImage::HeaderImage image = SlotImage::ParseHeader(header.data(), header.size());
+    ASSERT_TRUE(image.objects[SlotImage::OutputHandle].value.present);
+    const std::int32_t outside = 1 << 30;
+    std::memcpy(&header[image.objects[SlotImage::OutputHandle].value.offset], &outside,
+                sizeof(outside));
+    WriteObject(name, header);
+    const SlotReport damaged = Inspect(name);
+    EXPECT_EQ(SlotState::Damaged, damaged.state);
+    EXPECT_EQ(SlotPartState::Damaged, damaged.header.state);
+    EXPECT_FALSE(damaged.detail.empty());
+
+    // Another program's object under the queue's name: the slot is damaged, the object foreign.
+    ScopedSlotName foreign("frg");
+    { DiscardingSlot slot(open_or_create, foreign.c_str(), 8); }
+    Bytes noise(8192);
+    for (size_t i = 0; i < noise.size(); ++i) {
+        noise[i] = static_cast<unsigned char>((i * 2654435761u) >> 13);
+    }
+    WriteObject(BaseQueueSlot::GetQueueName(foreign), noise);
+    const SlotReport f = Inspect(foreign);
+    EXPECT_EQ(SlotState::Damaged, f.state);
+    EXPECT_EQ(SlotPartState::Foreign, f.queue.state);
+
+    // Garbage under both names is no slot at all, and not listed.
+    ScopedSlotName garbage("garbage");
+    noise[0] = 2;
+    noise[1] = noise[2] = noise[3] = 0;
+    WriteObject(garbage, noise);
+    WriteObject(BaseQueueSlot::GetQueueName(garbage), noise);
+    const SlotReport g = Inspect(garbage);
+    EXPECT_EQ(SlotPartState::Foreign, g.header.state);
+    EXPECT_EQ(SlotPartState::Foreign, g.queue.state);
+    EXPECT_EQ(nullptr, Find(SlotInspector::ListSlots(), garbage));
+}
+
+// A child process that opens the slot and holds its header mutex until told or killed.
+class HeaderHolder {
+public:
+    explicit HeaderHolder(const std::string& name)
+        : child_([this, name] {
+              ReliableSlot slot(open_or_create, name.c_str(), 16, 2);
+              slot.GetLockable()->lock();
+              locked_.Post();
+              release_.WaitFor(std::chrono::seconds(60));
+              slot.GetLockable()->unlock();
+              return 0;
+          }) {}
+
+    bool WaitLocked() { return locked_.WaitFor(); }
+    void Release() { release_.Post(); }
+    ChildProcess& Child() { return child_; }
+
+private:
+    PipeSignal locked_;
+    PipeSignal release_;
+    ChildProcess child_;
+};
+
+TEST(SlotInspector, AHeaderMutexHeldByALiveProcessIsBusy) {
+    ScopedSlotName name("busy");
+    HeaderHolder holder(name);
+    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+    const SlotReport report = Inspect(name);
+    EXPECT_EQ(SlotState::Busy, report.state) << report.detail;
+    ASSERT_EQ(1u, report.heldLocks.size());
+    EXPECT_EQ("header mutex", report.heldLocks[0].lock);
+    EXPECT_EQ(holder.Child().Pid(), report.heldLocks[0].process);
+    EXPECT_FALSE(report.heldLocks[0].HolderDead());
+    holder.Release();
+    EXPECT_TRUE(holder.Child().Wait().Ok());
+    EXPECT_EQ(SlotState::Healthy, Inspect(name).state);
+}
+
+TEST(SlotInspector, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
+    ScopedSlotName name("dead");
+    HeaderHolder holder(name);
+    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+    const pid_t pid = holder.Child().Pid();
+    holder.Child().Kill(SIGKILL);
+    EXPECT_EQ(SIGKILL, holder.Child().Wait().signal);
+
+    const SlotReport report = Inspect(name);
+    EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
+    EXPECT_EQ(pid, report.deadHolder);
+    ASSERT_EQ(1u, report.heldLocks.size());
+    EXPECT_TRUE(report.heldLocks[0].HolderDead());
+    EXPECT_NE(std::string::npos, report.detail.find(std::to_string(pid))) << report.detail;
+    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    const SlotReport* listed = Find(all, name);
+    ASSERT_NE(nullptr, listed);
+    EXPECT_EQ(SlotState::DeadHolder, listed->state);
+}
+
+// The queue's internal mutex, taken through the raw mapping as a process dying inside a queue
+// operation leaves it.
+TEST(SlotInspector, AQueueMutexLeftByAKilledProcessIsReported) {
+    ScopedSlotName name("qdead");
+    { DiscardingSlot slot(open_or_create, name.c_str(), 32); }
+    const std::string queue = BaseQueueSlot::GetQueueName(name);
+    const Bytes bytes = ReadObject(queue);
+    const SlotImage::QueueImage image = SlotImage::ParseQueue(bytes.data(), bytes.size());
+    ASSERT_TRUE(image.mutex.present);
+    PipeSignal locked;
+    ChildProcess child([&] {
+        const int fd = ::shm_open(queue.c_str(), O_RDWR, 0);
+        void* map = ::mmap(nullptr, bytes.size(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (map == MAP_FAILED) {
+            return 1;
+        }
+        auto* mutex =
+            reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(map) + image.mutex.offset);
+        if (::pthread_mutex_lock(mutex) != 0) {
+            return 2;
+        }
+        locked.Post();
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(locked.WaitFor()) << child.Wait().Describe();
+    child.Kill(SIGKILL);
+    child.Wait();
+
+    const SlotReport report = Inspect(name);
+    EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
+    EXPECT_EQ(child.Pid(), report.deadHolder);
+    ASSERT_EQ(1u, report.heldLocks.size());
+    EXPECT_EQ("queue mutex", report.heldLocks[0].lock);
+}
+
+}  // namespace

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Names.h"
+
+#include <Slot/BoostInterprocess/BaseQueueSlot.h>
+#include <Slot/SlotInspector.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <sys/stat.h>
+
+namespace slotctl {
+
+std::string QueueObject(const std::string& name) {
+    return BaseQueueSlot::GetQueueName(name);
+}
+
+std::string ShmPath(const std::string& object) {
+    return SlotInspector::ShmPath(object);
+}
+
+bool ShmExists(const std::string& object) {
+    struct stat st;
+    return ::lstat(ShmPath(object).c_str(), &st) == 0;
+}
+
+std::string FormatTime(const boost::posix_time::ptime& time) {
+    if (time.is_special()) {
+        return "never";
+    }
+    return boost::posix_time::to_iso_extended_string(time) + "Z";
+}
+
+}  // namespace slotctl
