@@ -201,23 +201,28 @@ bool PrepareManagedObject(const std::string& name, std::size_t size, std::size_t
 
 void AwaitUnheldMutex(const void* mutex, const std::string& what, const std::string& remedy) {
     const pthread_mutex_t* native = static_cast<const pthread_mutex_t*>(mutex);
-    if (MutexOwnerThread(native) == 0) {
+    // The lock word tells whether it is held; the owner is recorded just after the word is
+    // taken and cleared just before it is released, so a death in between leaves no owner.
+    auto held = [native] { return __atomic_load_n(&native->__data.__lock, __ATOMIC_RELAXED) != 0; };
+    if (!held()) {
         return;
     }
     const auto limit = CreationWaitLimit();
     const auto deadline = std::chrono::steady_clock::now() + limit;
     for (;;) {
         const pid_t owner = MutexOwnerThread(native);
-        if (owner == 0) {
+        if (!held()) {
             return;
         }
-        if (ProcessOfThread(owner) == 0) {
+        if (owner != 0 && ProcessOfThread(owner) == 0) {
             Fail(what + " is held by thread " + std::to_string(owner) +
                  ", which died holding it; " + remedy);
         }
         if (std::chrono::steady_clock::now() >= deadline) {
-            Fail(what + " has been held by thread " + std::to_string(owner) + " for more than " +
-                 std::to_string(limit.count()) + " ms; " + remedy);
+            Fail(what + " has been held by " +
+                 (owner != 0 ? "thread " + std::to_string(owner)
+                             : std::string("a thread that died while taking it")) +
+                 " for more than " + std::to_string(limit.count()) + " ms; " + remedy);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

@@ -2,6 +2,7 @@
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 #include <Slot/BoostInterprocess/QueueGuard.h>
+#include <Slot/BoostInterprocess/SlotImage.h>
 
 #include <shared/CrashPoint.h>
 #include <shared/InterprocConditionPack.h>
@@ -108,6 +109,7 @@ BaseQueueSlot::~BaseQueueSlot() {
 void BaseQueueSlot::ConstructHeader() {
     boost::interprocess::scoped_lock<shared::ILockable> lock(*GetLockable());
     shared::SlotSegment& segment = segment_->GetSegment();
+    CheckHeaderSegment();
 
     writeTime_ = segment.find_or_construct<boost::posix_time::ptime>("last_write_tstamp")();
     bufferDataSize_ = segment.find_or_construct<unsigned int>("output_buffer_data_size")();
@@ -427,6 +429,23 @@ void BaseQueueSlot::RepairAfterDeadHolder(pid_t deadThread) {
                 LOG4CXX_ERROR(logger_, "Slot '" << name_ << "' : " << e.what());
             }
         }
+    }
+}
+
+void BaseQueueSlot::CheckHeaderSegment() const {
+    // Boost's find and construct follow every offset of the name index; a damaged segment is
+    // refused before they run. Under the header lock the index does not change meanwhile (only
+    // ConstructHeader adds to it). A data size beyond the buffer is repaired by the reset below.
+    shared::SlotSegment& segment = segment_->GetSegment();
+    const SlotImage::HeaderImage image =
+        SlotImage::ParseHeader(segment.get_address(), segment.get_size());
+    const bool onlyDataSize = image.problem == "the output buffer's data size exceeds the buffer";
+    if (image.verdict == SlotImage::Verdict::Foreign ||
+        (image.verdict == SlotImage::Verdict::Damaged && !onlyDataSize)) {
+        throw boost::interprocess::interprocess_exception(
+            ("segment '" + name_ + "' is damaged: " + image.problem +
+             "; remove the slot (slotctl rm " + name_ + ") and create it again")
+                .c_str());
     }
 }
 

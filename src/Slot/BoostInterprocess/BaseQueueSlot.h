@@ -178,6 +178,9 @@ private:
     // Run by whoever locks the header mutex after its holder died, before the mutex is marked
     // consistent: makes the header consistent again and checks the queue.
     void RepairAfterDeadHolder(pid_t deadThread);
+    // Throws boost::interprocess::interprocess_exception when the header segment's bytes are
+    // damaged or foreign (called under the header lock, before Boost walks its index).
+    void CheckHeaderSegment() const;
     // True when [p, p + size) lies inside this process's mapping of the header segment.
     bool InsideSegment(const void* p, size_t size) const;
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Slot/BoostInterprocess/QueueGuard.h>
+#include <Slot/BoostInterprocess/SlotImage.h>
 
 #include <shared/ManagedObject.h>
 #include <shared/MutexOwner.h>
@@ -28,14 +29,6 @@ typedef boost::intrusive::pointer_traits<shared::SlotOffsetPtr>::rebind_pointer<
     MessagePtr;
 typedef bi::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr> Header;
 typedef bi::message_queue_t<shared::SlotOffsetPtr>::size_type QueueSize;
-
-const std::size_t UserOffset =
-    bi::ipcdetail::managed_open_or_create_impl<bi::shared_memory_object, 0, true,
-                                               false>::ManagedOpenOrCreateUserOffset;
-
-std::size_t RoundUp(std::size_t value, std::size_t alignment) {
-    return (value + alignment - 1) / alignment * alignment;
-}
 
 }  // namespace
 
@@ -69,7 +62,7 @@ QueueGuard::QueueGuard(const std::string& queueName)
     }
     base_ = static_cast<char*>(address);
     try {
-        Validate();
+        Validate(true);
     } catch (...) {
         ::munmap(base_, size_);
         throw;
@@ -84,46 +77,20 @@ void QueueGuard::Damaged(const std::string& detail) const {
     throw bi::interprocess_exception(("queue '" + name_ + "' is damaged: " + detail).c_str());
 }
 
-void QueueGuard::Validate() const {
+void QueueGuard::Validate(bool messagesToo) const {
+    // The structure is checked by the one parser of slot objects; this view then addresses the
+    // parts it found, as Boost's own types.
+    const SlotImage::QueueImage image = SlotImage::ParseQueue(base_, size_);
+    if (!image.countsValid || !image.indexValid ||
+        (messagesToo && image.verdict != SlotImage::Verdict::Valid)) {
+        Damaged(image.problem.empty() ? SlotImage::VerdictText(image.verdict) : image.problem);
+    }
     QueueGuard& self = const_cast<QueueGuard&>(*this);
-    if (size_ < UserOffset + sizeof(Header)) {
-        Damaged(std::to_string(size_) + " bytes cannot hold a queue header");
-    }
-    Header* header = reinterpret_cast<Header*>(base_ + UserOffset);
-    const std::uint64_t capacity = header->m_max_num_msg;
-    const std::uint64_t maxSize = header->m_max_msg_size;
-    // The object's size follows from the two sizes; anything else is not the queue it claims.
-    if (capacity > 0xffffffffu || maxSize > 0xffffffffu ||
-        Header::get_mem_size(static_cast<QueueSize>(maxSize), static_cast<QueueSize>(capacity)) !=
-            size_ ||
-        capacity * (maxSize + sizeof(MessageHeader)) > size_) {
-        Damaged("its header describes " + std::to_string(capacity) + " messages of " +
-                std::to_string(maxSize) + " bytes, which do not fill its " + std::to_string(size_) +
-                " bytes");
-    }
-    const std::size_t indexAt =
-        RoundUp(sizeof(Header), alignof(MessagePtr));  // as Boost lays it out
-    const std::size_t indexSize =
-        RoundUp(static_cast<std::size_t>(capacity) * sizeof(MessagePtr), alignof(MessageHeader));
-    const std::size_t slotSize =
-        RoundUp(static_cast<std::size_t>(maxSize), alignof(MessageHeader)) + sizeof(MessageHeader);
-    char* user = base_ + UserOffset;
-    MessagePtr* index = reinterpret_cast<MessagePtr*>(user + indexAt);
-    if (bi::ipcdetail::to_raw_pointer(header->mp_index) != index) {
-        Damaged("its index pointer is wrong");
-    }
-    char* messages = user + indexAt + indexSize;
-    // Every index entry points at its own message slot.
-    std::vector<bool> seen(static_cast<std::size_t>(capacity), false);
-    for (std::uint64_t i = 0; i < capacity; ++i) {
-        char* slot = reinterpret_cast<char*>(index[i].get());
-        const std::ptrdiff_t at = slot - messages;
-        if (slot == nullptr || at < 0 || static_cast<std::size_t>(at) % slotSize != 0 ||
-            static_cast<std::size_t>(at) / slotSize >= capacity ||
-            seen[static_cast<std::size_t>(at) / slotSize]) {
-            Damaged("index entry " + std::to_string(i) + " points outside its message slots");
-        }
-        seen[static_cast<std::size_t>(at) / slotSize] = true;
+    Header* header = reinterpret_cast<Header*>(base_ + image.controlOffset);
+    if (!image.mutex.present ||
+        reinterpret_cast<char*>(&header->m_mutex) != base_ + image.mutex.offset ||
+        image.capacity > 0xffffffffu) {
+        Damaged("its control block is not where Boost puts it");
     }
     self.header_ = header;
     self.mutexOwner_ = shared::NativeMutex(&header->m_mutex);
@@ -132,14 +99,9 @@ void QueueGuard::Validate() const {
                   "the queue's counters are 32-bit");
     self.countWord_ = reinterpret_cast<const std::uint32_t*>(&header->m_cur_num_msg);
     self.firstWord_ = reinterpret_cast<const std::uint32_t*>(&header->m_cur_first_msg);
-    self.capacity_ = static_cast<std::uint32_t>(capacity);
-    self.slotSize_ = slotSize;
-    self.messages_ = messages;
-    if (!CountersInRange()) {
-        Damaged("its count " + std::to_string(header->m_cur_num_msg) + " or first position " +
-                std::to_string(header->m_cur_first_msg) + " exceeds its " +
-                std::to_string(capacity) + " messages");
-    }
+    self.capacity_ = static_cast<std::uint32_t>(image.capacity);
+    self.slotSize_ = static_cast<std::size_t>(image.messageStride);
+    self.messages_ = base_ + image.messages.offset;
 }
 
 std::size_t QueueGuard::Count() const {
@@ -209,20 +171,29 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
     }
     const auto limit = shared::CreationWaitLimit();
     const auto deadline = std::chrono::steady_clock::now() + limit;
+    // A lock word without an owner is a thread between taking the word and recording itself
+    // (or between clearing itself and releasing the word): a live one gets past that within
+    // nanoseconds, so one that stays there this long has died there.
+    const auto ownerless = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
     for (;;) {
+        const int word = __atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED);
         const pid_t owner = shared::MutexOwnerThread(mutexOwner_);
-        if (owner == 0) {
+        if (word == 0) {
             return;
         }
-        if (owner != shared::CurrentThreadId() && shared::ProcessOfThread(owner) == 0) {
+        const bool dead =
+            owner == 0 ? std::chrono::steady_clock::now() >= ownerless
+                       : owner != shared::CurrentThreadId() && shared::ProcessOfThread(owner) == 0;
+        if (dead) {
             // Everyone who takes this mutex in the library holds the header lock, which we hold:
             // nobody else can be inside the queue, so it can be repaired and its mutex made anew.
-            Validate();
+            Validate(false);
             const std::string done = RepairWindow();
             shared::InitSharedMutex(mutexOwner_);
             if (logger->isErrorEnabled()) {
                 LOG4CXX_ERROR(logger, "Queue of '"
-                                          << slotName << "' was locked by thread " << owner
+                                          << slotName << "' was locked by thread "
+                                          << (owner != 0 ? std::to_string(owner) : "(unknown)")
                                           << ", which died holding it;"
                                           << (done.empty() ? " its blocks are intact;" : done)
                                           << " lock released");

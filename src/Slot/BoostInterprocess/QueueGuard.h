@@ -53,7 +53,9 @@ public:
 
     // Cheap test, every queue use: the mutex is free and the counters are in range.
     bool LooksHealthy() const {
-        return __atomic_load_n(&mutexOwner_->__data.__owner, __ATOMIC_RELAXED) == 0 &&
+        // The lock word, not the owner: glibc sets the owner just after taking the word and
+        // clears it just before releasing it, and a death in between leaves no owner.
+        return __atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED) == 0 &&
                CountersInRange();
     }
 
@@ -78,8 +80,9 @@ private:
     // The control block's current count and first index position (Boost's size_type).
     const std::uint32_t& CountWord() const { return *countWord_; }
     const std::uint32_t& FirstWord() const { return *firstWord_; }
-    // Throws when the header, the index or the message slots do not fit the mapping.
-    void Validate() const;
+    // Throws when the control block, the index (or, with messagesToo, a waiting message's
+    // length) do not fit the mapping; sets the addresses this view uses.
+    void Validate(bool messagesToo) const;
     // Repairs the window after a death inside a queue call; returns what was done.
     std::string RepairWindow();
     [[noreturn]] void Damaged(const std::string& detail) const;
