@@ -8,6 +8,8 @@ option(SLOT_BUILD_FUZZERS "Build the libFuzzer targets in fuzz/ (clang only; imp
 option(SLOT_WERROR "Treat warnings as errors" ON)
 option(SLOT_SANITIZE_ADDRESS "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
 option(SLOT_SANITIZE_THREAD "Build with ThreadSanitizer" OFF)
+# Test-only SIGKILL points in the libraries (shared/CrashPoint.h); never in a release build.
+option(SLOT_CRASH_POINTS "Build the crash points the crash tests use" ${SLOT_BUILD_TESTS})
 
 if(SLOT_BUILD_FUZZERS)
     if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")

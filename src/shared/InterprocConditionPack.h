@@ -4,6 +4,7 @@
 #include <shared/Export.h>
 #include <shared/ISyncEvent.h>
 #include <shared/InterprocCondition.h>
+#include <shared/RobustMutex.h>
 
 #include <log4cxx/logger.h>
 
@@ -30,12 +31,17 @@ public:
     bool Wait(const boost::posix_time::time_duration& timeout) override;
     void Notify() override;
 
+    // Repair run when Wait locks the (robust) mutex after its holder died; see LockablePtr.
+    // Set before the pack is shared between threads.
+    void SetOwnerDeadRepair(const OwnerDeadRepair& repair) { repair_ = repair; }
+
 private:
     Mutex* mutex_;
     InterprocCondition* condition_;
     std::uint32_t
         lastSeen_;  // condition sequence at the previous return of Wait; guarded by mutex_
     log4cxx::LoggerPtr logger_;
+    OwnerDeadRepair repair_;
 };
 
 }  // namespace shared

@@ -9,6 +9,23 @@
 
 namespace shared {
 
+namespace {
+
+// The pack's mutex as the lock of the wait: robust locking with the pack's repair.
+class RecoveringMutex {
+public:
+    RecoveringMutex(pthread_mutex_t* mutex, const OwnerDeadRepair& repair)
+        : mutex_(mutex), repair_(repair) {}
+    void lock() { LockRecovering(mutex_, repair_); }
+    void unlock() { UnlockRobust(mutex_); }
+
+private:
+    pthread_mutex_t* mutex_;
+    const OwnerDeadRepair& repair_;
+};
+
+}  // namespace
+
 template <class Mutex>
 InterprocConditionPack<Mutex>::InterprocConditionPack(Mutex* mutex, InterprocCondition* condition)
     : mutex_(mutex),
@@ -25,13 +42,14 @@ InterprocConditionPack<Mutex>::~InterprocConditionPack() {
 
 template <class Mutex>
 bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration& timeout) {
-    boost::interprocess::scoped_lock<Mutex> lock(*mutex_);
+    RecoveringMutex mutex(NativeMutex(mutex_), repair_);
+    boost::interprocess::scoped_lock<RecoveringMutex> lock(mutex);
     if (logger_->isTraceEnabled()) {
         LOG4CXX_TRACE(logger_, "Wait() : acquired mutex");
     }
     bool result;
     if (timeout.is_not_a_date_time()) {
-        condition_->timed_wait(*mutex_, boost::posix_time::ptime(boost::posix_time::pos_infin),
+        condition_->timed_wait(mutex, boost::posix_time::ptime(boost::posix_time::pos_infin),
                                &lastSeen_);
         result = true;
         if (logger_->isTraceEnabled()) {
@@ -40,7 +58,7 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
     } else {
         // Deadlines are absolute UTC times: the futex sleeps on CLOCK_REALTIME.
         const boost::posix_time::ptime deadline = shared::UtcNow() + timeout;
-        result = condition_->timed_wait(*mutex_, deadline, &lastSeen_);
+        result = condition_->timed_wait(mutex, deadline, &lastSeen_);
         if (logger_->isTraceEnabled()) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.timed_wait(...) returned " << result);
         }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <shared/ILockable.h>
+#include <shared/RobustMutex.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
@@ -10,6 +11,10 @@ namespace shared {
 // ILockable over a mutex that lives elsewhere (in a slot's shared segment). Never owns, creates
 // or destroys the mutex; destroying a locked LockablePtr leaves the mutex locked. Unbound (null)
 // it does nothing: lock/unlock return at once, try_lock/timed_lock answer false.
+//
+// The mutex may be robust. When its previous holder died, the lock operations run the repair
+// set with SetOwnerDeadRepair (while holding the mutex), mark the mutex consistent and return
+// as after an ordinary lock. Without a repair the mutex is only marked consistent.
 template <class Mutex>
 class LockablePtr : public ILockable {
 public:
@@ -19,29 +24,35 @@ public:
     // Binding unlocks the previously bound mutex, if any, then stores the new one.
     void Bind(Mutex* mutex) {
         if (mutex_ != nullptr) {
-            mutex_->unlock();
+            UnlockRobust(NativeMutex(mutex_));
         }
         mutex_ = mutex;
     }
     Mutex* Get() const { return mutex_; }
 
+    // Set before the lockable is shared between threads.
+    void SetOwnerDeadRepair(const OwnerDeadRepair& repair) { repair_ = repair; }
+
     void lock() override {
         if (mutex_ != nullptr) {
-            mutex_->lock();
+            LockRecovering(NativeMutex(mutex_), repair_);
         }
     }
-    bool try_lock() override { return mutex_ != nullptr && mutex_->try_lock(); }
+    bool try_lock() override {
+        return mutex_ != nullptr && TryLockRecovering(NativeMutex(mutex_), repair_);
+    }
     bool timed_lock(const boost::posix_time::ptime& absTime) override {
-        return mutex_ != nullptr && mutex_->timed_lock(absTime);
+        return mutex_ != nullptr && TimedLockRecovering(NativeMutex(mutex_), absTime, repair_);
     }
     void unlock() override {
         if (mutex_ != nullptr) {
-            mutex_->unlock();
+            UnlockRobust(NativeMutex(mutex_));
         }
     }
 
 private:
     Mutex* mutex_;
+    OwnerDeadRepair repair_;
 };
 
 }  // namespace shared

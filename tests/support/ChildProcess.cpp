@@ -82,6 +82,24 @@ ChildResult ChildProcess::Wait(std::chrono::milliseconds timeout) {
     return result_;
 }
 
+bool ChildProcess::Poll(ChildResult* result) {
+    if (!reaped_) {
+        int status = 0;
+        if (::waitpid(pid_, &status, WNOHANG) != pid_) {
+            return false;
+        }
+        reaped_ = true;
+        if (WIFEXITED(status)) {
+            result_.exited = true;
+            result_.exitCode = WEXITSTATUS(status);
+        } else if (WIFSIGNALED(status)) {
+            result_.signal = WTERMSIG(status);
+        }
+    }
+    *result = result_;
+    return true;
+}
+
 void ChildProcess::Kill(int signal) {
     if (!reaped_) {
         ::kill(pid_, signal);

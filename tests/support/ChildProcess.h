@@ -32,6 +32,8 @@ public:
 
     pid_t Pid() const { return pid_; }
     ChildResult Wait(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    // True, with the result, once the child has ended; never waits and never kills.
+    bool Poll(ChildResult* result);
     void Kill(int signal = 9);
 
 private:

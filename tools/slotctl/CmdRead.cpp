@@ -154,11 +154,25 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
 
     BlockQueue queue;
     INotifierPtr reader;
+    const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     try {
         // Subscribed before the reader's thread starts: a reliable reader drains the blocks
         // that were waiting at once, and they must reach us. The queue outlives the reader.
-        reader = SlotFactory::CreateSlotReader(&cfg,
-                                               ISubscriberPtr(&queue, [](shared::ISubscriber*) {}));
+        // Opening waits for the slot's lock, which a live process may keep: that wait still
+        // ends on Ctrl-C and --timeout.
+        const WaitResult opened = RunInterruptibly(
+            [&] {
+                reader = SlotFactory::CreateSlotReader(
+                    &cfg, ISubscriberPtr(&queue, [](shared::ISubscriber*) {}));
+            },
+            limitMs);
+        if (opened == WaitResult::Stopped) {
+            LeaveNow(ExitInterrupted, "");
+        }
+        if (opened == WaitResult::TimedOut) {
+            LeaveNow(ExitFailure, "slotctl: cannot read " + Quote(name) + ": not opened within " +
+                                      std::to_string(timeoutMs) + " ms (its lock is held)");
+        }
     } catch (const AbortSlotCreationException& e) {
         std::string message = "cannot read " + Quote(name) + ": " + e.what();
         if (type == "reliable") {
@@ -206,8 +220,17 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
         }
         print(queue.Take());
     }
-    reader->unsubscribe(&queue);
-    reader.reset();
+    // The reader's thread may be waiting for the slot's lock: stopping it is bounded too.
+    const WaitResult closed = RunInterruptibly(
+        [&] {
+            reader->unsubscribe(&queue);
+            reader.reset();
+        },
+        limitMs < 0 ? 2000 : limitMs);
+    if (closed != WaitResult::Ready) {
+        print(queue.Take());
+        LeaveNow(closed == WaitResult::Stopped ? ExitInterrupted : status, "");
+    }
     // A reliable reader takes every waiting block at each wake-up: what it took beyond the
     // count is printed too rather than lost.
     print(queue.Take());

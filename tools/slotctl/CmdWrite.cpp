@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <memory>
 
@@ -97,14 +98,28 @@ std::string Plural(std::uint64_t n, const char* word) {
 }  // namespace
 
 int RunWrite(const Context&, const std::vector<std::string>& args) {
-    const Arguments arguments("write", args, SlotValuedOptions({"length", "every", "count"}),
-                              {"lines"});
+    const Arguments arguments(
+        "write", args, SlotValuedOptions({"length", "every", "count", "timeout"}), {"lines"});
     arguments.ExpectOperands(1, 2, "a slot name and at most one DATA operand");
     const std::string& name = arguments.Operands()[0];
     const bool lines = arguments.Has("lines");
     const bool hasLength = arguments.Has("length");
     const std::uint64_t length = arguments.GetNumber("length", 0, 0, INT_MAX);
     const std::uint64_t everyMs = arguments.GetNumber("every", 0, 0, 86400000);
+    const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
+    const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
+    // Opening and every write wait for the slot's lock, which a live process may keep: those
+    // waits end on Ctrl-C and --timeout.
+    auto bounded = [&](const std::function<void()>& step) {
+        const WaitResult result = RunInterruptibly(step, limitMs);
+        if (result == WaitResult::Stopped) {
+            LeaveNow(ExitInterrupted, "slotctl: interrupted");
+        }
+        if (result == WaitResult::TimedOut) {
+            LeaveNow(ExitFailure, "slotctl: cannot write to " + Quote(name) + ": not done within " +
+                                      std::to_string(timeoutMs) + " ms (its lock is held)");
+        }
+    };
     if (lines && arguments.Has("count")) {
         throw UsageError("write: --count repeats one block; it cannot go with --lines");
     }
@@ -121,7 +136,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     {
         ISubscriberPtr writer;
         try {
-            writer = SlotFactory::CreateSlotWriter(&cfg);
+            bounded([&] { writer = SlotFactory::CreateSlotWriter(&cfg); });
         } catch (const AbortSlotCreationException& e) {
             throw CommandError(ExitFailure, "cannot write to " + Quote(name) + ": " + e.what());
         }
@@ -141,7 +156,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
             return !stopped;
         };
         auto write = [&](const std::string& block) {
-            writer->onNotify(name, block.data(), block.size());
+            bounded([&] { writer->onNotify(name, block.data(), block.size()); });
             ++blocks;
         };
         if (lines) {

@@ -84,6 +84,8 @@ by the library's factory. The slot is created when it does not exist.
   --every MS        wait MS milliseconds between blocks; repeats the block until Ctrl-C
                     unless --count is given
   --count N         write the block N times (0: until Ctrl-C)
+  --timeout MS      give up (status 1) when opening the slot or storing one block takes
+                    longer than MS ms, e.g. while another process holds the slot's lock
 The library's warnings about refused or dropped blocks ("Queue in '<name>' is full, the data
 was not written", "One data block discarded from <name>", a full named pipe...) are printed
 as it logs them, followed by a summary line. Status 1 when a block was refused, dropped or

@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Signals.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <thread>
 
 namespace slotctl {
 
@@ -67,6 +72,45 @@ WaitResult WaitReadableOrStop(int fd, int timeoutMs) {
         return WaitResult::Stopped;
     }
     return r == 0 ? WaitResult::TimedOut : WaitResult::Ready;
+}
+
+WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs) {
+    struct Shared {
+        int done[2] = {-1, -1};
+        std::exception_ptr error;
+        ~Shared() {
+            ::close(done[0]);
+            ::close(done[1]);
+        }
+    };
+    std::shared_ptr<Shared> state = std::make_shared<Shared>();
+    if (::pipe2(state->done, O_CLOEXEC) != 0) {
+        work();  // no pipe: run it here, uninterruptibly
+        return WaitResult::Ready;
+    }
+    std::thread([state, work] {
+        try {
+            work();
+        } catch (...) {
+            state->error = std::current_exception();
+        }
+        const char byte = 1;
+        while (::write(state->done[1], &byte, 1) < 0 && errno == EINTR) {
+        }
+    }).detach();
+    const WaitResult result = WaitReadableOrStop(state->done[0], timeoutMs);
+    if (result == WaitResult::Ready && state->error) {
+        std::rethrow_exception(state->error);
+    }
+    return result;
+}
+
+void LeaveNow(int status, const std::string& message) {
+    if (!message.empty()) {
+        std::cerr << message << std::endl;
+    }
+    std::cout.flush();
+    std::_Exit(status);
 }
 
 }  // namespace slotctl

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
+#include <string>
+
 namespace slotctl {
 
 // SIGINT, SIGTERM and SIGHUP as a file descriptor. Call Block() first thing in main, before
@@ -24,5 +27,15 @@ enum class WaitResult { Ready, TimedOut, Stopped };
 // Waits until `fd` is readable (fd < 0: just waits), the time-out passes (-1: none) or a stop
 // signal arrives.
 WaitResult WaitReadableOrStop(int fd, int timeoutMs);
+
+// Runs `work` on a helper thread and waits until it has returned (Ready; an exception of `work`
+// is rethrown here), the time-out passes (-1: none) or a stop signal arrives. `work` may block on
+// a slot's lock that another live process holds; a wait that ends first leaves the helper
+// blocked (it holds nothing), and the caller must then leave the process with LeaveNow.
+WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs);
+
+// Ends the process at once with `status` after printing `message` (if any) to stderr, without
+// running destructors that could wait for a helper thread blocked on a lock.
+[[noreturn]] void LeaveNow(int status, const std::string& message);
 
 }  // namespace slotctl

@@ -1,16 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
+#include <Slot/BoostInterprocess/QueueGuard.h>
+#include <Slot/BoostInterprocess/SlotImage.h>
 
+#include <shared/CrashPoint.h>
 #include <shared/InterprocConditionPack.h>
+#include <shared/ManagedObject.h>
+#include <shared/MutexOwner.h>
+#include <shared/RobustMutex.h>
 #include <shared/UtcClock.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/interprocess/detail/managed_open_or_create_impl.hpp>
 #include <boost/interprocess/exceptions.hpp>
 #include <boost/interprocess/permissions.hpp>
+#include <boost/interprocess/shared_memory_object.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -69,12 +78,9 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
                                          std::to_string(bufferLength) +
                                          " exceed what a slot can address");
     }
+    bool createdQueue = false;
     try {
-        queue_.reset(new MessageQueue(boost::interprocess::open_or_create,
-                                      GetQueueName(name_).c_str(),
-                                      static_cast<MessageQueue::size_type>(bufferLength),
-                                      static_cast<MessageQueue::size_type>(maxDataSize),
-                                      boost::interprocess::permissions(0644)));
+        createdQueue = OpenQueue(maxDataSize, bufferLength);
         const size_t realMaxDataSize = queue_->get_max_msg_size();
         const size_t realBufferLength = queue_->get_max_msg();
         // Reopening with other sizes is normal (a host made the slot, SimpleSlotRW opens it
@@ -99,6 +105,7 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
                                        static_cast<unsigned int>(realMaxDataSize + HeaderHeadroom)),
             shared::DestroySharedMemory);
         lockable_.Bind(segment_->GetMutex());
+        lockable_.SetOwnerDeadRepair([this](pid_t dead) { RepairAfterDeadHolder(dead); });
         if (logger_->isTraceEnabled()) {
             LOG4CXX_TRACE(logger_, "Created shared memory and queue for '" << name_ << "'");
         }
@@ -107,6 +114,13 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
             LOG4CXX_TRACE(logger_, "BaseQueueSlot() : unlocked '" << name_ << "'");
         }
     } catch (const boost::interprocess::interprocess_exception& e) {
+        // No room for the header segment: take back the queue this call made, so that no half
+        // slot is left behind (whoever opened it meanwhile fails for the same reason).
+        if (createdQueue && e.get_native_error() == ENOSPC) {
+            queueGuard_.reset();
+            queue_.reset();
+            boost::interprocess::shared_memory_object::remove(GetQueueName(name_).c_str());
+        }
         throw AbortSlotCreationException(std::string(CreationFailurePrefix) + e.what());
     }
 }
@@ -120,6 +134,7 @@ BaseQueueSlot::~BaseQueueSlot() {
 void BaseQueueSlot::ConstructHeader() {
     boost::interprocess::scoped_lock<shared::ILockable> lock(*GetLockable());
     shared::SlotSegment& segment = segment_->GetSegment();
+    CheckHeaderSegment();
 
     writeTime_ = segment.find_or_construct<boost::posix_time::ptime>("last_write_tstamp")();
     bufferDataSize_ = segment.find_or_construct<unsigned int>("output_buffer_data_size")();
@@ -149,9 +164,13 @@ void BaseQueueSlot::ConstructHeader() {
         }
     }
 
-    if (bufferDataSize_ == nullptr || writeTime_ == nullptr) {
+    if (bufferDataSize_ == nullptr || writeTime_ == nullptr ||
+        !InsideSegment(bufferDataSize_, sizeof(*bufferDataSize_)) ||
+        !InsideSegment(writeTime_, sizeof(*writeTime_)) ||
+        !InsideSegment(bufferHandle_, sizeof(*bufferHandle_))) {
         throw AbortSlotCreationException(InvalidHeaderMsg());
     }
+    shared::CrashPoint("header-locked");
     // Every opening forgets the last block and the last write time; queued blocks stay.
     *bufferDataSize_ = 0;
     *writeTime_ = boost::posix_time::ptime(boost::posix_time::not_a_date_time);
@@ -168,8 +187,13 @@ void BaseQueueSlot::ConstructRwSync() {
     if (condition == nullptr || mutex == nullptr) {
         throw AbortSlotCreationException(InvalidHeaderMsg());
     }
-    onWrite_.reset(new shared::InterprocConditionPack<boost::interprocess::interprocess_mutex>(
-        mutex, condition));
+    if (!InsideSegment(condition, sizeof(*condition))) {
+        throw AbortSlotCreationException(InvalidHeaderMsg());
+    }
+    auto* pack = new shared::InterprocConditionPack<boost::interprocess::interprocess_mutex>(
+        mutex, condition);
+    onWrite_.reset(pack);
+    pack->SetOwnerDeadRepair([this](pid_t dead) { RepairAfterDeadHolder(dead); });
 }
 
 std::string BaseQueueSlot::InvalidHeaderMsg() const {
@@ -197,6 +221,11 @@ boost::posix_time::ptime BaseQueueSlot::GetLastWriteTime() const {
 }
 
 size_t BaseQueueSlot::GetBufferLength() const {
+    // Read from the queue's header without its mutex: a count is a snapshot either way, and so
+    // no process takes the queue's mutex without holding the slot's lock (see CheckQueue).
+    if (queueGuard_) {
+        return queueGuard_->Count();
+    }
     return queue_ ? queue_->get_num_msg() : 0;
 }
 
@@ -348,4 +377,134 @@ void BaseQueueSlot::RecordWriteOutcome(shared::WriteOutcome outcome) {
         writeCounters_.store(counters, std::memory_order_release);
     }
     shared::RecordWriteOutcome(counters, outcome);
+}
+
+bool BaseQueueSlot::OpenQueue(size_t maxDataSize, size_t bufferLength) {
+    namespace bi = boost::interprocess;
+    const std::string queueName = GetQueueName(name_);
+    const MessageQueue::size_type count = static_cast<MessageQueue::size_type>(bufferLength);
+    const MessageQueue::size_type size = static_cast<MessageQueue::size_type>(maxDataSize);
+    const std::size_t userOffset =
+        bi::ipcdetail::managed_open_or_create_impl<bi::shared_memory_object, 0, true,
+                                                   false>::ManagedOpenOrCreateUserOffset;
+    const std::string remedy =
+        "remove the slot (slotctl rm --stale " + name_ + ") and create it again";
+    // Boost's own constructor of the queue's header, run on an object whose pages are reserved.
+    auto initialise = [count, size](void* user, std::size_t userSize) {
+        bi::ipcdetail::msg_queue_initialization_func_t<shared::SlotOffsetPtr> build(count, size);
+        if (!build(user, userSize, true)) {
+            throw bi::interprocess_exception("the queue's header could not be built");
+        }
+    };
+    // Open-or-create, without Boost's unbounded wait for an unfinished object: the object is
+    // prepared (created here, or finished by its creator) first, then opened. A queue removed in
+    // between is prepared again.
+    bool created = false;
+    for (int round = 0;; ++round) {
+        created = shared::PrepareManagedObject(
+            queueName, bi::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr>::get_mem_size(size, count),
+            userOffset, initialise, remedy);
+        try {
+            queue_.reset(new MessageQueue(bi::open_only, queueName.c_str()));
+            break;
+        } catch (const bi::interprocess_exception& e) {
+            if (e.get_error_code() != bi::not_found_error || round == 3) {
+                throw;
+            }
+        }
+    }
+    queueGuard_.reset(new QueueGuard(queueName));
+    shared::CrashPoint("queue-opened");
+    return created;
+}
+
+void BaseQueueSlot::CheckQueue() {
+    if (!queueGuard_ || queueGuard_->LooksHealthy()) {
+        return;
+    }
+    // Repairs need the header lock. Callers of the slot kinds normally hold it; one who does not
+    // (a direct WriteData) takes it for the repair.
+    pthread_mutex_t* header = shared::NativeMutex(lockable_.Get());
+    if (header != nullptr && shared::MutexOwnerThread(header) != shared::CurrentThreadId()) {
+        const boost::posix_time::ptime deadline =
+            shared::UtcNow() +
+            boost::posix_time::milliseconds(shared::CreationWaitLimit().count() * 2);
+        if (!lockable_.timed_lock(deadline)) {
+            throw boost::interprocess::interprocess_exception(
+                ("slot '" + name_ + "' stays locked by thread " +
+                 std::to_string(shared::MutexOwnerThread(header)))
+                    .c_str());
+        }
+        boost::interprocess::scoped_lock<shared::ILockable> lock(
+            lockable_, boost::interprocess::accept_ownership);
+        queueGuard_->Recover(logger_, name_);
+        return;
+    }
+    queueGuard_->Recover(logger_, name_);
+}
+
+void BaseQueueSlot::CrashInsideQueue(const char* name) {
+    if (shared::CrashPointDue(name) && queueGuard_) {
+        pthread_mutex_lock(queueGuard_->Mutex());
+        shared::KillThisProcess();
+    }
+}
+
+void BaseQueueSlot::RepairAfterDeadHolder(pid_t deadThread) {
+    if (logger_->isErrorEnabled()) {
+        LOG4CXX_ERROR(logger_, "Slot '" << name_ << "' was locked by thread "
+                                        << (deadThread > 0 ? std::to_string(deadThread)
+                                                           : std::string("(unknown)"))
+                                        << ", which died holding the lock; repairing its header");
+    }
+    // A reader killed while it copied a block into the output buffer leaves the buffer torn:
+    // forget it, as a fresh opening does. Keep the last write time unless it is not a time.
+    if (bufferDataSize_ != nullptr) {
+        *bufferDataSize_ = 0;
+    }
+    if (writeTime_ != nullptr) {
+        const boost::posix_time::ptime stamp = *writeTime_;
+        const bool valid = stamp.is_not_a_date_time() ||
+                           (!stamp.is_special() && stamp.date().year() >= 1970 &&
+                            stamp <= shared::UtcNow() + boost::posix_time::hours(24));
+        if (!valid) {
+            *writeTime_ = boost::posix_time::ptime(boost::posix_time::not_a_date_time);
+        }
+    }
+    // The dead holder may have died inside a queue call: we hold the header lock now.
+    // A damaged queue is reported here and again by the next queue use, which refuses it.
+    if (queueGuard_ && !queueGuard_->LooksHealthy()) {
+        try {
+            queueGuard_->Recover(logger_, name_);
+        } catch (const boost::interprocess::interprocess_exception& e) {
+            if (logger_->isErrorEnabled()) {
+                LOG4CXX_ERROR(logger_, "Slot '" << name_ << "' : " << e.what());
+            }
+        }
+    }
+}
+
+void BaseQueueSlot::CheckHeaderSegment() const {
+    // Boost's find and construct follow every offset of the name index; a damaged segment is
+    // refused before they run. Under the header lock the index does not change meanwhile (only
+    // ConstructHeader adds to it). A data size beyond the buffer is repaired by the reset below.
+    shared::SlotSegment& segment = segment_->GetSegment();
+    const SlotImage::HeaderImage image =
+        SlotImage::ParseHeader(segment.get_address(), segment.get_size());
+    const bool onlyDataSize = image.problem == "the output buffer's data size exceeds the buffer";
+    if (image.verdict == SlotImage::Verdict::Foreign ||
+        (image.verdict == SlotImage::Verdict::Damaged && !onlyDataSize)) {
+        throw boost::interprocess::interprocess_exception(
+            ("segment '" + name_ + "' is damaged: " + image.problem +
+             "; remove the slot (slotctl rm " + name_ + ") and create it again")
+                .c_str());
+    }
+}
+
+bool BaseQueueSlot::InsideSegment(const void* p, size_t size) const {
+    shared::SlotSegment& segment = segment_->GetSegment();
+    const char* base = static_cast<const char*>(segment.get_address());
+    const char* at = static_cast<const char*>(p);
+    return p != nullptr && at >= base && size <= segment.get_size() &&
+           static_cast<size_t>(at - base) <= segment.get_size() - size;
 }

@@ -26,6 +26,8 @@
 #include <memory>
 #include <string>
 
+class QueueGuard;
+
 // Interprocess objects of the slot <name>. Every process that opens the slot builds the same
 // objects by name; they belong to no process and outlive every slot object (only slot removal
 // unlinks them). Nothing here is ever destroyed by a destructor.
@@ -154,6 +156,15 @@ protected:
     // Tells Slot::LastWriteOutcome / Slot::GetWriteCounts what became of one WriteData.
     void RecordWriteOutcome(shared::WriteOutcome outcome);
 
+    // Makes sure the queue can be used without blocking for ever: called by the slot kinds under
+    // the slot's lock before their queue calls. A queue mutex left held by a dead process is
+    // repaired (ERROR line); a damaged queue, or one whose mutex a live thread keeps, raises
+    // boost::interprocess::interprocess_exception. One relaxed load when all is well.
+    void CheckQueue();
+    // Test builds: dies at the crash point `name` holding the queue's mutex, as a process killed
+    // inside a queue call does. Does nothing otherwise.
+    void CrashInsideQueue(const char* name);
+
     // Construction steps; ConstructHeader holds GetLockable() throughout and calls ConstructRwSync.
     void ConstructHeader();
     void ConstructRwSync();
@@ -170,6 +181,18 @@ private:
     // Copies a block just received into the output buffer and sets its data size.
     void KeepInOutBuf(const char* block, size_t count);
 
+    // Creates the queue object (space reserved) or waits, bounded, for its creator; then opens it.
+    // True when this call created it.
+    bool OpenQueue(size_t maxDataSize, size_t bufferLength);
+    // Run by whoever locks the header mutex after its holder died, before the mutex is marked
+    // consistent: makes the header consistent again and checks the queue.
+    void RepairAfterDeadHolder(pid_t deadThread);
+    // Throws boost::interprocess::interprocess_exception when the header segment's bytes are
+    // damaged or foreign (called under the header lock, before Boost walks its index).
+    void CheckHeaderSegment() const;
+    // True when [p, p + size) lies inside this process's mapping of the header segment.
+    bool InsideSegment(const void* p, size_t size) const;
+
     log4cxx::LoggerPtr logger_;
     boost::shared_ptr<MessageQueue> queue_;
     boost::posix_time::ptime* writeTime_;  // "last_write_tstamp", in the segment
@@ -182,4 +205,5 @@ private:
     // This name's write counters, looked up at the first write (any thread may make it; every
     // lookup yields the same pointer).
     std::atomic<shared::WriteCounters*> writeCounters_{nullptr};
+    std::unique_ptr<QueueGuard> queueGuard_;  // our checking view of the queue
 };

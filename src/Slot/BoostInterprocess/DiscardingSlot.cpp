@@ -16,6 +16,7 @@ DiscardingSlot::~DiscardingSlot() {}
 size_t DiscardingSlot::ReadData(void* buffer, size_t size) {
     const log4cxx::LoggerPtr& logger = GetLogger();
     shared::SizedArray block;
+    CheckQueue();
     if (GetBufferLength() != 0) {
         // Received straight into `buffer` when it holds any block (see ReceiveInto).
         const size_t received = ReceiveInto(buffer, size);
@@ -45,6 +46,7 @@ void DiscardingSlot::WriteData(const void* data, size_t size) {
     }
     const log4cxx::LoggerPtr& logger = GetLogger();
     try {
+        CheckQueue();
         MessageQueue& queue = GetQueue();
         shared::WriteOutcome outcome = shared::WriteOutcome::Stored;
         if (queue.get_num_msg() == queue.get_max_msg()) {
@@ -57,6 +59,7 @@ void DiscardingSlot::WriteData(const void* data, size_t size) {
         // A writer that filled the queue since the count above makes this send fail; the block
         // is then lost, as in any race between two writers that do not hold the lockable.
         const char none = 0;
+        CrashInsideQueue("send-queue-locked");
         if (!queue.try_send(size != 0 ? data : &none, static_cast<MessageQueue::size_type>(size),
                             DefaultDataPriority)) {
             outcome = shared::WriteOutcome::Refused;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 
+#include <shared/CrashPoint.h>
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/exceptions.hpp>
 
@@ -15,6 +17,7 @@ ReliableSlot::~ReliableSlot() {}
 
 size_t ReliableSlot::ReadData(void* buffer, size_t size) {
     const log4cxx::LoggerPtr& logger = GetLogger();
+    CheckQueue();
     if (GetBufferLength() == 0) {
         if (logger->isErrorEnabled()) {
             LOG4CXX_ERROR(logger, "Unable to read from an empty queue of '" << GetName() << "'");
@@ -22,6 +25,7 @@ size_t ReliableSlot::ReadData(void* buffer, size_t size) {
         return 0;
     }
     const size_t copied = ReceiveInto(buffer, size);
+    shared::CrashPoint("read-received");
     if (logger->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger, "Received a data block from '"
                                   << GetName() << "', queue size==" << GetBufferLength());
@@ -36,10 +40,13 @@ void ReliableSlot::WriteData(const void* data, size_t size) {
     }
     const log4cxx::LoggerPtr& logger = GetLogger();
     try {
+        CheckQueue();
         MessageQueue& queue = GetQueue();
         const char none = 0;
+        CrashInsideQueue("send-queue-locked");
         if (queue.try_send(size != 0 ? data : &none, static_cast<MessageQueue::size_type>(size),
                            DefaultDataPriority)) {
+            shared::CrashPoint("write-sent");
             const boost::posix_time::ptime stamp = StampLastWriteTime();
             RecordWriteOutcome(shared::WriteOutcome::Stored);
             if (logger->isTraceEnabled()) {

@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Slot/BoostInterprocess/QueueGuard.h>
+#include <Slot/BoostInterprocess/SlotImage.h>
+
+#include <shared/ManagedObject.h>
+#include <shared/MutexOwner.h>
+#include <shared/RobustMutex.h>
+
+#include <boost/interprocess/detail/managed_open_or_create_impl.hpp>
+#include <boost/interprocess/exceptions.hpp>
+#include <boost/interprocess/ipc/message_queue.hpp>
+#include <boost/interprocess/shared_memory_object.hpp>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace bi = boost::interprocess;
+
+typedef bi::ipcdetail::msg_hdr_t<shared::SlotOffsetPtr> MessageHeader;
+typedef boost::intrusive::pointer_traits<shared::SlotOffsetPtr>::rebind_pointer<MessageHeader>::type
+    MessagePtr;
+typedef bi::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr> Header;
+typedef bi::message_queue_t<shared::SlotOffsetPtr>::size_type QueueSize;
+
+}  // namespace
+
+QueueGuard::QueueGuard(const std::string& queueName)
+    : name_(queueName),
+      base_(nullptr),
+      size_(0),
+      header_(nullptr),
+      mutexOwner_(nullptr),
+      countWord_(nullptr),
+      firstWord_(nullptr),
+      capacity_(0),
+      slotSize_(0),
+      messages_(nullptr) {
+    const int fd = ::shm_open(name_.c_str(), O_RDWR | O_CLOEXEC, 0);
+    if (fd < 0) {
+        throw bi::interprocess_exception(bi::error_info(errno));
+    }
+    struct stat st;
+    if (::fstat(fd, &st) != 0) {
+        const int error = errno;
+        ::close(fd);
+        throw bi::interprocess_exception(bi::error_info(error));
+    }
+    size_ = static_cast<std::size_t>(st.st_size);
+    void* address =
+        size_ == 0 ? MAP_FAILED : ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (address == MAP_FAILED) {
+        Damaged("cannot map its " + std::to_string(size_) + " bytes");
+    }
+    base_ = static_cast<char*>(address);
+    try {
+        Validate(true);
+    } catch (...) {
+        ::munmap(base_, size_);
+        throw;
+    }
+}
+
+QueueGuard::~QueueGuard() {
+    ::munmap(base_, size_);
+}
+
+void QueueGuard::Damaged(const std::string& detail) const {
+    throw bi::interprocess_exception(("queue '" + name_ + "' is damaged: " + detail).c_str());
+}
+
+void QueueGuard::Validate(bool messagesToo) const {
+    // The structure is checked by the one parser of slot objects; this view then addresses the
+    // parts it found, as Boost's own types.
+    const SlotImage::QueueImage image = SlotImage::ParseQueue(base_, size_);
+    if (!image.countsValid || !image.indexValid ||
+        (messagesToo && image.verdict != SlotImage::Verdict::Valid)) {
+        Damaged(image.problem.empty() ? SlotImage::VerdictText(image.verdict) : image.problem);
+    }
+    QueueGuard& self = const_cast<QueueGuard&>(*this);
+    Header* header = reinterpret_cast<Header*>(base_ + image.controlOffset);
+    if (!image.mutex.present ||
+        reinterpret_cast<char*>(&header->m_mutex) != base_ + image.mutex.offset ||
+        image.capacity > 0xffffffffu) {
+        Damaged("its control block is not where Boost puts it");
+    }
+    self.header_ = header;
+    self.mutexOwner_ = shared::NativeMutex(&header->m_mutex);
+    static_assert(sizeof(header->m_cur_num_msg) == sizeof(std::uint32_t) &&
+                      sizeof(header->m_cur_first_msg) == sizeof(std::uint32_t),
+                  "the queue's counters are 32-bit");
+    self.countWord_ = reinterpret_cast<const std::uint32_t*>(&header->m_cur_num_msg);
+    self.firstWord_ = reinterpret_cast<const std::uint32_t*>(&header->m_cur_first_msg);
+    self.capacity_ = static_cast<std::uint32_t>(image.capacity);
+    self.slotSize_ = static_cast<std::size_t>(image.messageStride);
+    self.messages_ = base_ + image.messages.offset;
+}
+
+std::size_t QueueGuard::Count() const {
+    const std::size_t count = __atomic_load_n(&CountWord(), __ATOMIC_RELAXED);
+    return count <= capacity_ ? count : capacity_;
+}
+
+std::string QueueGuard::RepairWindow() {
+    std::string done;
+    if (capacity_ == 0) {
+        header_->m_cur_num_msg = 0;
+        header_->m_cur_first_msg = 0;
+        return done;
+    }
+    MessagePtr* index = bi::ipcdetail::to_raw_pointer(header_->mp_index);
+    auto message = [&](std::uint64_t position) -> MessageHeader& {
+        return *index[position % capacity_];
+    };
+    std::uint64_t first = header_->m_cur_first_msg;
+    std::uint64_t count = header_->m_cur_num_msg;
+    // A send moves `first` back one slot, then counts the new block. Killed in between, the
+    // window has slid: the oldest block lies just past its end. Slide it back.
+    if (count < capacity_ && message(first + count).len != 0) {
+        first = (first + 1) % capacity_;
+        done += " the window of a half-made send was restored;";
+    }
+    // The oldest block with length 0: a receive cleared it and was killed before it counted it
+    // out (the receiver's block in flight), or a send counted a slot it never filled.
+    if (count != 0 && message(first + count - 1).len == 0 &&
+        message(first + count - 1).priority == 0) {
+        --count;
+        done += " an emptied oldest block was taken out;";
+    }
+    // The newest block with length 0: a send counted it and was killed before it filled it.
+    if (count != 0 && message(first).len == 0) {
+        first = (first + 1) % capacity_;
+        --count;
+        done += " an unfilled newest block was taken out;";
+    }
+    // Every other block must fit the queue's message size.
+    for (std::uint64_t i = 0; i < count; ++i) {
+        if (message(first + i).len > header_->m_max_msg_size) {
+            Damaged("block " + std::to_string(i) + " claims " +
+                    std::to_string(message(first + i).len) + " bytes");
+        }
+    }
+    // Free slots are clean, as Boost expects of them.
+    for (std::uint64_t i = count; i < capacity_; ++i) {
+        MessageHeader& free = message(first + i);
+        free.len = 0;
+        free.priority = 0;
+    }
+    header_->m_cur_first_msg = static_cast<QueueSize>(first);
+    header_->m_cur_num_msg = static_cast<QueueSize>(count);
+    // Nobody ever blocks in this queue; a count left by a killed try-call would make every
+    // later call signal a condition variable for nothing.
+    header_->m_blocked_senders = 0;
+    header_->m_blocked_receivers = 0;
+    return done;
+}
+
+void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& slotName) {
+    if (!CountersInRange()) {
+        Damaged("its count " + std::to_string(header_->m_cur_num_msg) + " or first position " +
+                std::to_string(header_->m_cur_first_msg) + " exceeds its " +
+                std::to_string(capacity_) + " messages");
+    }
+    const auto limit = shared::CreationWaitLimit();
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    // A lock word without an owner is a thread between taking the word and recording itself
+    // (or between clearing itself and releasing the word): a live one gets past that within
+    // nanoseconds, so one that stays there this long has died there.
+    const auto ownerless = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+    for (;;) {
+        const int word = __atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED);
+        const pid_t owner = shared::MutexOwnerThread(mutexOwner_);
+        if (word == 0) {
+            return;
+        }
+        const bool dead =
+            owner == 0 ? std::chrono::steady_clock::now() >= ownerless
+                       : owner != shared::CurrentThreadId() && shared::ProcessOfThread(owner) == 0;
+        if (dead) {
+            // Everyone who takes this mutex in the library holds the header lock, which we hold:
+            // nobody else can be inside the queue, so it can be repaired and its mutex made anew.
+            Validate(false);
+            const std::string done = RepairWindow();
+            shared::InitSharedMutex(mutexOwner_);
+            if (logger->isErrorEnabled()) {
+                LOG4CXX_ERROR(logger, "Queue of '"
+                                          << slotName << "' was locked by thread "
+                                          << (owner != 0 ? std::to_string(owner) : "(unknown)")
+                                          << ", which died holding it;"
+                                          << (done.empty() ? " its blocks are intact;" : done)
+                                          << " lock released");
+            }
+            return;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            throw bi::interprocess_exception(("queue '" + name_ + "' has been locked by thread " +
+                                              std::to_string(owner) + " for more than " +
+                                              std::to_string(limit.count()) + " ms")
+                                                 .c_str());
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}

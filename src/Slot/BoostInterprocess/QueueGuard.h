@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <shared/SharedMemory.h>
+
+#include <log4cxx/logger.h>
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace boost {
+namespace interprocess {
+namespace ipcdetail {
+template <class VoidPointer>
+class mq_hdr_t;
+}  // namespace ipcdetail
+}  // namespace interprocess
+}  // namespace boost
+
+// This process's second view of a slot's message queue "queue_<name>", through which the slot
+// checks the queue's structure and recovers the queue's internal mutex from a dead holder.
+// Boost's message_queue trusts every word of its header and takes its mutex with a blocking
+// lock that no death releases; this view validates the words against the size of the real
+// mapping and repairs what a process killed inside a queue call can leave behind.
+//
+// Queue layout (Boost 1.74, circular index), from the start of the object:
+//   creation-state word, padded to 16 bytes (Boost's managed_open_or_create_impl)
+//   mq_hdr_t: index pointer, max messages, max message size, current count, the mutex, two
+//             condition variables (unused: the slot only calls try_send/try_receive), the first
+//             index position, and blocked sender/receiver counts
+//   index: max messages offset pointers to the message slots
+//   messages: max messages slots of (length, priority, max message size bytes, rounded up)
+// The current messages are the index entries first .. first + count - 1 (circular); the newest
+// is at `first`, the oldest (received next) at the end. Free slots have length and priority 0.
+//
+// Not thread-safe by itself: Recover must run while the caller holds the slot's header lock.
+class QueueGuard {
+public:
+    // Maps "queue_<name>" (already opened by Boost) and validates its structure. Throws
+    // boost::interprocess::interprocess_exception ("queue '<name>' is damaged: ...") when the
+    // words in it do not describe a queue of the mapped size.
+    explicit QueueGuard(const std::string& queueName);
+    ~QueueGuard();
+    QueueGuard(const QueueGuard&) = delete;
+    QueueGuard& operator=(const QueueGuard&) = delete;
+
+    // Blocks now in the queue, read without the queue's mutex (a snapshot, like any count),
+    // clamped to the capacity.
+    std::size_t Count() const;
+
+    // Cheap test, every queue use: the mutex is free and the counters are in range.
+    bool LooksHealthy() const {
+        // The lock word, not the owner: glibc sets the owner just after taking the word and
+        // clears it just before releasing it, and a death in between leaves no owner.
+        return __atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED) == 0 &&
+               CountersInRange();
+    }
+
+    // Called with the slot's header lock held when LooksHealthy() said no. Returns when the
+    // queue can be used: its mutex was free, was released by a live holder within the creation
+    // wait limit, or was held by a dead thread and has been repaired (logged at ERROR on
+    // `logger`). Throws boost::interprocess::interprocess_exception when the queue is damaged or
+    // a live thread keeps its mutex.
+    void Recover(const log4cxx::LoggerPtr& logger, const std::string& slotName);
+
+    // The queue's mutex (for tests and crash points).
+    pthread_mutex_t* Mutex() const { return mutexOwner_; }
+
+private:
+    typedef boost::interprocess::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr> Header;
+
+    bool CountersInRange() const {
+        const std::uint64_t count = __atomic_load_n(&CountWord(), __ATOMIC_RELAXED);
+        const std::uint64_t first = __atomic_load_n(&FirstWord(), __ATOMIC_RELAXED);
+        return count <= capacity_ && (first < capacity_ || (capacity_ == 0 && first == 0));
+    }
+    // The control block's current count and first index position (Boost's size_type).
+    const std::uint32_t& CountWord() const { return *countWord_; }
+    const std::uint32_t& FirstWord() const { return *firstWord_; }
+    // Throws when the control block, the index (or, with messagesToo, a waiting message's
+    // length) do not fit the mapping; sets the addresses this view uses.
+    void Validate(bool messagesToo) const;
+    // Repairs the window after a death inside a queue call; returns what was done.
+    std::string RepairWindow();
+    [[noreturn]] void Damaged(const std::string& detail) const;
+
+    std::string name_;
+    char* base_;        // start of our mapping of the object
+    std::size_t size_;  // real size of the mapping (fstat), the bound of every check
+    Header* header_;
+    pthread_mutex_t* mutexOwner_;     // the queue's internal mutex, inside the mapping
+    const std::uint32_t* countWord_;  // mq_hdr_t::m_cur_num_msg, inside the mapping
+    const std::uint32_t* firstWord_;  // mq_hdr_t::m_cur_first_msg, inside the mapping
+    std::uint32_t capacity_;          // max messages, validated at construction (immutable)
+    std::size_t slotSize_;            // bytes per message slot, header included
+    char* messages_;                  // first message slot
+};

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <shared/Export.h>
+
+namespace shared {
+
+// Named points at which a test can make the process die with SIGKILL, to check that every other
+// process recovers from a death exactly there (holding a lock, half-way through creating an
+// object...). They exist only in builds configured with SLOT_CRASH_POINTS (on by default when
+// the tests are built); elsewhere CrashPoint() compiles to nothing.
+//
+// A point is armed by ArmCrashPoint() or, for a process started by exec, by the environment
+// variable SLOT_CRASH_POINT=<name>[:<n>]: the n-th time (default: the first) the process passes
+// the point named <name>, it kills itself.
+// SIGKILL to the calling process.
+[[noreturn]] SHARED_EXPORT void KillThisProcess();
+
+#ifdef SLOT_CRASH_POINTS
+SHARED_EXPORT bool CrashPointsArmed();
+// Counts a pass of `name`; true when this pass is the armed one.
+SHARED_EXPORT bool CrashPointReached(const char* name);
+inline void CrashPoint(const char* name) {
+    if (CrashPointsArmed() && CrashPointReached(name)) {
+        KillThisProcess();
+    }
+}
+// For points that first set a scene (take a lock...): true when the process must die here.
+inline bool CrashPointDue(const char* name) {
+    return CrashPointsArmed() && CrashPointReached(name);
+}
+#else
+inline void CrashPoint(const char*) {}
+inline bool CrashPointDue(const char*) {
+    return false;
+}
+#endif
+
+// Arms `name` in this process (replacing any armed point): the `hit`-th pass kills it. An empty
+// name disarms. Returns false when the library was built without crash points.
+SHARED_EXPORT bool ArmCrashPoint(const char* name, unsigned hit = 1);
+
+}  // namespace shared

@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <shared/RobustMutex.h>
+
+#include <boost/interprocess/exceptions.hpp>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <cerrno>
+#include <ctime>
+#include <limits>
+
+namespace shared {
+
+namespace {
+
+// MutexOwnerThread, inlined on the lock paths.
+inline pid_t RecordedOwner(const pthread_mutex_t* mutex) {
+    return __atomic_load_n(&mutex->__data.__owner, __ATOMIC_RELAXED);
+}
+
+void ThrowLockError(int) {
+    throw boost::interprocess::lock_exception();
+}
+
+void InitMutex(pthread_mutex_t* mutex, bool robust) {
+    pthread_mutexattr_t attr;
+    int rc = pthread_mutexattr_init(&attr);
+    if (rc == 0) {
+        rc = pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
+    }
+    if (rc == 0 && robust) {
+        rc = pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+    }
+    if (rc == 0) {
+        rc = pthread_mutex_init(mutex, &attr);
+    }
+    pthread_mutexattr_destroy(&attr);
+    if (rc != 0) {
+        throw boost::interprocess::interprocess_exception(boost::interprocess::error_info(rc));
+    }
+}
+
+// The caller holds `mutex` after EOWNERDEAD: repair, then make the mutex usable again.
+void Recover(pthread_mutex_t* mutex, pid_t deadThread, const OwnerDeadRepair& repair) {
+    try {
+        if (repair) {
+            repair(deadThread);
+        }
+    } catch (...) {
+        pthread_mutex_consistent(mutex);
+        pthread_mutex_unlock(mutex);
+        throw;
+    }
+    pthread_mutex_consistent(mutex);
+}
+
+timespec ToTimespec(const boost::posix_time::ptime& deadline) {
+    static const boost::posix_time::ptime epoch(boost::gregorian::date(1970, 1, 1));
+    timespec abs = {0, 0};
+    if (deadline.is_neg_infinity()) {
+        return abs;
+    }
+    const boost::posix_time::time_duration since = deadline - epoch;
+    if (since.is_negative()) {
+        return abs;
+    }
+    if (since.total_seconds() > std::numeric_limits<time_t>::max()) {
+        abs.tv_sec = std::numeric_limits<time_t>::max();
+        return abs;
+    }
+    abs.tv_sec = static_cast<time_t>(since.total_seconds());
+    abs.tv_nsec = static_cast<long>(since.fractional_seconds()) *
+                  (1000000000L / boost::posix_time::time_duration::ticks_per_second());
+    return abs;
+}
+
+}  // namespace
+
+void InitRobustMutex(pthread_mutex_t* mutex) {
+    InitMutex(mutex, true);
+}
+
+void InitSharedMutex(pthread_mutex_t* mutex) {
+    InitMutex(mutex, false);
+}
+
+void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair) {
+    // glibc replaces the recorded owner when it hands out a mutex whose owner died, so the dead
+    // holder's id can only be read before locking. One relaxed load.
+    const pid_t previous = RecordedOwner(mutex);
+    const int rc = pthread_mutex_lock(mutex);
+    if (rc == 0) {
+        return;
+    }
+    if (rc == EOWNERDEAD) {
+        Recover(mutex, previous, repair);
+        return;
+    }
+    ThrowLockError(rc);
+}
+
+bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair) {
+    const pid_t previous = RecordedOwner(mutex);
+    const int rc = pthread_mutex_trylock(mutex);
+    if (rc == 0) {
+        return true;
+    }
+    if (rc == EBUSY) {
+        return false;
+    }
+    if (rc == EOWNERDEAD) {
+        Recover(mutex, previous, repair);
+        return true;
+    }
+    ThrowLockError(rc);
+    return false;
+}
+
+bool TimedLockRecovering(pthread_mutex_t* mutex, const boost::posix_time::ptime& deadline,
+                         const OwnerDeadRepair& repair) {
+    if (deadline.is_pos_infinity()) {
+        LockRecovering(mutex, repair);
+        return true;
+    }
+    const pid_t previous = RecordedOwner(mutex);
+    const timespec abs = ToTimespec(deadline);
+    const int rc = pthread_mutex_timedlock(mutex, &abs);
+    if (rc == 0) {
+        return true;
+    }
+    if (rc == ETIMEDOUT) {
+        return false;
+    }
+    if (rc == EOWNERDEAD) {
+        Recover(mutex, previous, repair);
+        return true;
+    }
+    ThrowLockError(rc);
+    return false;
+}
+
+void UnlockRobust(pthread_mutex_t* mutex) {
+    pthread_mutex_unlock(mutex);
+}
+
+pid_t CurrentThreadId() {
+    // Not cached: a forked child's thread would inherit its parent's cached id.
+    return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+}  // namespace shared

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <shared/Export.h>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/interprocess/sync/interprocess_mutex.hpp>
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <functional>
+
+namespace shared {
+
+// Locking of robust process-shared mutexes. When the holder of a robust mutex dies, the next
+// locker gets the mutex together with EOWNERDEAD; it must repair what the mutex guards and mark
+// the mutex consistent, or the mutex becomes unusable for everyone. Boost's interprocess_mutex
+// throws on EOWNERDEAD although the caller then holds the mutex, so robust mutexes are locked
+// through these functions instead.
+//
+// `repair` runs while the caller holds the mutex and before it is marked consistent. It gets the
+// thread id that the mutex recorded as its owner before this lock was taken (0 when unknown; it
+// may name a thread that held the mutex earlier, since it is read before the lock is taken). If
+// `repair` throws, the mutex is marked consistent, released, and the exception passes on.
+typedef std::function<void(pid_t deadThread)> OwnerDeadRepair;
+
+// The pthread mutex inside a Boost.Interprocess mutex (on Linux it is nothing else).
+inline pthread_mutex_t* NativeMutex(boost::interprocess::interprocess_mutex* mutex) {
+    static_assert(sizeof(boost::interprocess::interprocess_mutex) == sizeof(pthread_mutex_t),
+                  "interprocess_mutex is a bare pthread_mutex_t");
+    return reinterpret_cast<pthread_mutex_t*>(mutex);
+}
+
+// Initialises `mutex` (not in use) as a process-shared, robust, non-recursive mutex.
+// Throws boost::interprocess::interprocess_exception on failure.
+SHARED_EXPORT void InitRobustMutex(pthread_mutex_t* mutex);
+// Initialises `mutex` (not in use) as a process-shared, non-robust, non-recursive mutex: what
+// Boost's interprocess_mutex constructor makes.
+SHARED_EXPORT void InitSharedMutex(pthread_mutex_t* mutex);
+
+// Blocking lock. Throws boost::interprocess::lock_exception when the system refuses.
+SHARED_EXPORT void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair);
+// One attempt: true when acquired, false when someone holds it.
+SHARED_EXPORT bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair);
+// Until the absolute UTC time `deadline` (pos_infin: no deadline). False when it passed.
+SHARED_EXPORT bool TimedLockRecovering(pthread_mutex_t* mutex,
+                                       const boost::posix_time::ptime& deadline,
+                                       const OwnerDeadRepair& repair);
+// Never throws (it runs in destructors); unlocking a mutex the caller does not hold does nothing.
+SHARED_EXPORT void UnlockRobust(pthread_mutex_t* mutex);
+
+// The calling thread's kernel thread id.
+SHARED_EXPORT pid_t CurrentThreadId();
+
+}  // namespace shared
