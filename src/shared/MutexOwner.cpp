@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <shared/MutexOwner.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace shared {
 
@@ -11,6 +13,23 @@ pid_t MutexOwnerThread(const pthread_mutex_t* mutex) {
     // glibc keeps the owner's thread id in __data.__owner for every mutex kind; the lock word
     // itself loses it when the kernel marks a robust mutex's owner dead.
     return __atomic_load_n(&mutex->__data.__owner, __ATOMIC_RELAXED);
+}
+
+bool MutexLooksSane(const pthread_mutex_t* mutex, int kind) {
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        const int actualKind = __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED);
+        const pid_t owner = __atomic_load_n(&mutex->__data.__owner, __ATOMIC_RELAXED);
+        const unsigned int count = __atomic_load_n(&mutex->__data.__count, __ATOMIC_RELAXED);
+        const int word = __atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED);
+        if (actualKind != kind) {
+            return false;
+        }
+        if (word != 0 || (owner == 0 && count == 0)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(300));
+    }
+    return false;
 }
 
 pid_t ProcessOfThread(pid_t tid) {

@@ -16,6 +16,13 @@ namespace shared {
 // mutex whose owner died keeps that thread id until the next locker takes it over.
 SHARED_EXPORT pid_t MutexOwnerThread(const pthread_mutex_t* mutex);
 
+// False when the bytes of `mutex` cannot be a pthread mutex of kind `kind` (glibc's __kind, e.g.
+// 128 for a process-shared normal mutex) in a state glibc would produce: a wrong kind, or a free
+// lock word with an owner or a recursion count (glibc asserts on those, and its other paths
+// follow the kind). Checked a few times over a millisecond, as other processes may be locking
+// it meanwhile.
+SHARED_EXPORT bool MutexLooksSane(const pthread_mutex_t* mutex, int kind);
+
 // Process of the thread `tid` (its thread-group id), or 0 when no such thread lives.
 SHARED_EXPORT pid_t ProcessOfThread(pid_t tid);
 

@@ -39,6 +39,8 @@ struct ManagerMutexes {
     bool known = false;
     std::size_t allocator = 0;
     std::size_t index = 0;
+    int allocatorKind = 0;  // glibc's __kind of each, as Boost initialises them
+    int indexKind = 0;
 };
 
 const ManagerMutexes& FindManagerMutexes() {
@@ -63,6 +65,8 @@ const ManagerMutexes& FindManagerMutexes() {
         const bool allocatorLooksRight = (allocator->__data.__kind & 128) != 0 &&
                                          MutexOwnerThread(allocator) == 0 && m.index != 0;
         m.known = indexFound && allocatorLooksRight;
+        m.allocatorKind = allocator->__data.__kind;
+        m.indexKind = reinterpret_cast<const pthread_mutex_t*>(scratch + m.index)->__data.__kind;
         manager->~SegmentManager();
         return m;
     }();
@@ -104,6 +108,17 @@ public:
         const ManagerMutexes& offsets = FindManagerMutexes();
         if (offsets.known) {
             const char* manager = reinterpret_cast<const char*>(segment_.get_segment_manager());
+            // Damaged bytes in these mutexes would make glibc abort or wait for ever.
+            if (!MutexLooksSane(
+                    reinterpret_cast<const pthread_mutex_t*>(manager + offsets.allocator),
+                    offsets.allocatorKind) ||
+                !MutexLooksSane(reinterpret_cast<const pthread_mutex_t*>(manager + offsets.index),
+                                offsets.indexKind)) {
+                throw bi::interprocess_exception(
+                    ("segment '" + name_ +
+                     "' is damaged: its allocator or index lock is not a lock; " + remedy)
+                        .c_str());
+            }
             AwaitUnheldMutex(manager + offsets.allocator,
                              "The allocator lock of segment '" + name_ + "'", remedy);
             AwaitUnheldMutex(manager + offsets.index, "The index lock of segment '" + name_ + "'",

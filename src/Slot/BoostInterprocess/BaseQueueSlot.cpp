@@ -19,8 +19,14 @@
 #include <boost/interprocess/sync/scoped_lock.hpp>
 
 #include <algorithm>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 namespace {
 
@@ -100,6 +106,7 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
         // The segment is sized for the queue's real message size, so that the output buffer fits
         // also when the queue outlived an earlier segment of the same name. The shared_ptr calls
         // the deleter itself if it cannot be built.
+        PrecheckHeaderSegment();
         segment_.reset(
             shared::CreateSharedMemory(boost::interprocess::open_or_create, name_.c_str(),
                                        static_cast<unsigned int>(realMaxDataSize + HeaderHeadroom)),
@@ -132,7 +139,22 @@ BaseQueueSlot::~BaseQueueSlot() {
 }
 
 void BaseQueueSlot::ConstructHeader() {
-    boost::interprocess::scoped_lock<shared::ILockable> lock(*GetLockable());
+    // Bounded like the rest of creation: a dead holder is recovered at once, so a lock that stays
+    // held is kept by a live process that does not let go, or its bytes are damaged.
+    shared::ILockable& lockable = *GetLockable();
+    const std::chrono::milliseconds limit = shared::CreationWaitLimit();
+    if (&lockable != &lockable_ || lockable_.Get() == nullptr) {
+        lockable.lock();
+    } else if (!lockable.timed_lock(shared::UtcNow() +
+                                    boost::posix_time::milliseconds(limit.count()))) {
+        throw boost::interprocess::interprocess_exception(
+            ("the header lock of '" + name_ + "' has been held by thread " +
+             std::to_string(shared::MutexOwnerThread(shared::NativeMutex(lockable_.Get()))) +
+             " for more than " + std::to_string(limit.count()) + " ms")
+                .c_str());
+    }
+    boost::interprocess::scoped_lock<shared::ILockable> lock(lockable,
+                                                             boost::interprocess::accept_ownership);
     shared::SlotSegment& segment = segment_->GetSegment();
     CheckHeaderSegment();
 
@@ -481,6 +503,46 @@ void BaseQueueSlot::RepairAfterDeadHolder(pid_t deadThread) {
                 LOG4CXX_ERROR(logger_, "Slot '" << name_ << "' : " << e.what());
             }
         }
+    }
+}
+
+void BaseQueueSlot::PrecheckHeaderSegment() const {
+    // Opening the segment makes Boost walk its index (to find the header mutex): an existing
+    // segment is checked from its raw bytes first. Absent or unfinished ones are left to the
+    // creation. Another opener may be adding to the index right now, so damage must persist.
+    const int fd = ::shm_open(name_.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0) {
+        return;
+    }
+    struct stat st;
+    const bool sized = ::fstat(fd, &st) == 0 && st.st_size > 0;
+    void* address =
+        sized ? ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_SHARED, fd, 0)
+              : MAP_FAILED;
+    ::close(fd);
+    if (address == MAP_FAILED) {
+        return;
+    }
+    const size_t size = static_cast<size_t>(st.st_size);
+    std::string problem;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        const SlotImage::HeaderImage image = SlotImage::ParseHeader(address, size);
+        if (image.creation != SlotImage::CreationState::Initialised ||
+            image.verdict == SlotImage::Verdict::Valid ||
+            image.verdict == SlotImage::Verdict::Unfinished ||
+            image.problem == "the output buffer's data size exceeds the buffer") {
+            problem.clear();
+            break;
+        }
+        problem = image.problem;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ::munmap(address, size);
+    if (!problem.empty()) {
+        throw boost::interprocess::interprocess_exception(
+            ("segment '" + name_ + "' is damaged: " + problem + "; remove the slot (slotctl rm " +
+             name_ + ") and create it again")
+                .c_str());
     }
 }
 

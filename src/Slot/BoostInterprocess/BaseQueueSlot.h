@@ -190,6 +190,8 @@ private:
     // Throws boost::interprocess::interprocess_exception when the header segment's bytes are
     // damaged or foreign (called under the header lock, before Boost walks its index).
     void CheckHeaderSegment() const;
+    // The same for an existing header segment, from its raw bytes, before it is opened.
+    void PrecheckHeaderSegment() const;
     // True when [p, p + size) lies inside this process's mapping of the header segment.
     bool InsideSegment(const void* p, size_t size) const;
 

@@ -30,6 +30,18 @@ typedef boost::intrusive::pointer_traits<shared::SlotOffsetPtr>::rebind_pointer<
 typedef bi::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr> Header;
 typedef bi::message_queue_t<shared::SlotOffsetPtr>::size_type QueueSize;
 
+// glibc's __kind of the mutex Boost puts into a queue (process-shared, normal).
+int PlainMutexKind() {
+    static const int kind = [] {
+        pthread_mutex_t probe;
+        shared::InitSharedMutex(&probe);
+        const int k = probe.__data.__kind;
+        pthread_mutex_destroy(&probe);
+        return k;
+    }();
+    return kind;
+}
+
 }  // namespace
 
 QueueGuard::QueueGuard(const std::string& queueName)
@@ -91,6 +103,10 @@ void QueueGuard::Validate(bool messagesToo) const {
         reinterpret_cast<char*>(&header->m_mutex) != base_ + image.mutex.offset ||
         image.capacity > 0xffffffffu) {
         Damaged("its control block is not where Boost puts it");
+    }
+    // Damaged bytes in the mutex would make glibc abort or wait for ever inside Boost.
+    if (!shared::MutexLooksSane(shared::NativeMutex(&header->m_mutex), PlainMutexKind())) {
+        Damaged("its lock is not a lock");
     }
     self.header_ = header;
     self.mutexOwner_ = shared::NativeMutex(&header->m_mutex);
