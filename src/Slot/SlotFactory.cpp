@@ -33,10 +33,17 @@ log4cxx::LoggerPtr SlotLogger() {
     return log4cxx::Logger::getLogger("Slot");
 }
 
-// Refuses an invalid type, before anything is created.
+// Refuses an invalid type, and a name that the system would cut short at a NUL byte (two
+// names would then share one slot), before anything is created.
 void CheckType(const ISlotConfiguration* cfg) {
     if (!SlotFactory::SlotTypeIsValid(cfg->GetSlotType())) {
         throw AbortSlotCreationException("Invalid slot type " + cfg->GetSlotType());
+    }
+    const std::string name = cfg->GetName();
+    if (name.find('\0') != std::string::npos) {
+        throw AbortSlotCreationException("Slot could not be created: the name '" +
+                                         name.substr(0, name.find('\0')) +
+                                         "...' contains a NUL byte");
     }
 }
 

@@ -196,7 +196,9 @@ int ReaderLife(Ledger& ledger, const std::string& slotName) {
     // the lock may still be seen as held for a moment.
     while (!reader) {
         try {
-            reader = SlotFactory::CreateSlotReader(&cfg);
+            // Subscribed before the thread starts: it drains what waits at once.
+            reader = SlotFactory::CreateSlotReader(
+                &cfg, ISubscriberPtr(&subscriber, [](shared::ISubscriber*) {}));
         } catch (const AbortSlotCreationException&) {
             if (Load(ledger.stop)) {
                 return 0;
@@ -204,7 +206,6 @@ int ReaderLife(Ledger& ledger, const std::string& slotName) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
-    reader->subscribe(&subscriber);
     while (!Load(ledger.stop)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }

@@ -91,6 +91,34 @@ TEST(SlotFactory, InvalidTypeIsRefusedByEveryOperationAndCreatesNothing) {
     EXPECT_NE(0, ::stat(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str(), &st));
 }
 
+// A NUL byte would cut the name short: "<n>\0x" would open slot "<n>" (and its FIFO).
+TEST(SlotFactory, NamesWithANulByteAreRefusedAndCreateNothing) {
+    ScopedSlotName name("nul");
+    for (const char* type : {"reliable", "discarding", "posix-pipe", ""}) {
+        const SimpleSlotCfg cfg = Cfg(name.str() + std::string(1, '\0') + "x", type);
+        for (int op = 0; op < 3; ++op) {
+            try {
+                if (op == 0) {
+                    SlotFactory::CreateSlot(&cfg);
+                } else if (op == 1) {
+                    SlotFactory::CreateSlotReader(&cfg);
+                } else {
+                    SlotFactory::CreateSlotWriter(&cfg);
+                }
+                ADD_FAILURE() << "no exception for type '" << type << "', operation " << op;
+            } catch (const AbortSlotCreationException& e) {
+                EXPECT_EQ("Slot could not be created: the name '" + name.str() +
+                              "...' contains a NUL byte",
+                          e.what());
+            }
+        }
+    }
+    EXPECT_FALSE(ShmExists(name.str()));
+    EXPECT_FALSE(ShmExists("queue_" + name.str()));
+    struct stat st;
+    EXPECT_NE(0, ::stat(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str(), &st));
+}
+
 TEST(SlotFactory, CreateSlotPicksTheKindByType) {
     ScopedSlotName a("kind"), b("kind"), c("kind"), d("kind");
     const SimpleSlotCfg empty = Cfg(a, ""), pipe = Cfg(b, "posix-pipe"),
