@@ -30,14 +30,14 @@ Armed& State() {
         Armed* s = new Armed;
         const char* text = std::getenv("SLOT_CRASH_POINT");
         if (text != nullptr && *text != '\0') {
-            std::string spec = text;
+            std::string point = text;
             unsigned hit = 1;
-            const std::string::size_type colon = spec.find(':');
+            const std::string::size_type colon = point.find(':');
             if (colon != std::string::npos) {
-                hit = static_cast<unsigned>(std::strtoul(spec.c_str() + colon + 1, nullptr, 10));
-                spec.resize(colon);
+                hit = static_cast<unsigned>(std::strtoul(point.c_str() + colon + 1, nullptr, 10));
+                point.resize(colon);
             }
-            s->name = spec;
+            s->name = point;
             s->left = hit == 0 ? 1 : hit;
             __atomic_store_n(&s->armed, true, __ATOMIC_RELEASE);
         }
