@@ -537,6 +537,14 @@ bool WalkIndex(const Bytes& bytes, std::uint64_t treeAt, std::uint64_t entriesFr
             RoundUp(sizeof(BlockHeader),
                     entry.header.valueAlignment == 0 ? 1 : entry.header.valueAlignment);
         entry.nameOffset = entry.valueOffset + entry.header.valueBytes;  // 1-byte characters
+        // Boost's own lookups compare the key with every entry's name on their path, rounding
+        // with a power-of-two mask: an entry whose name lies outside the mapping is damage.
+        const unsigned alignment = entry.header.valueAlignment;
+        if (alignment == 0 || (alignment & (alignment - 1)) != 0 ||
+            !bytes.Has(entry.nameOffset, std::uint64_t(entry.header.nameLength) + 1)) {
+            problem = "an index entry's name lies outside the mapping";
+            return false;
+        }
         entries.push_back(entry);
         TreeNode links{};
         bytes.Read(node, links);
