@@ -367,12 +367,12 @@ void WriteMachine(std::ostream& md, const Results& r) {
        << "A block written into a slot and delivered to a subscriber is copied "
        << kSlotCopiesPerBlock
        << " times: (1) writer's buffer → message queue (`try_send` in `WriteData`), (2) queue → "
-          "the slot's output buffer in the header segment (`try_receive` straight into it in "
-          "`ReceiveAndCopyToOutBuf`; only a queue re-created larger than the buffer goes through "
-          "a receive buffer of its own, one copy more), (3) output buffer → the reader thread's "
-          "buffer (`memcpy` in `ReadData`, into the `SizedArray` that "
-          "`BaseSlotReader::ReadAndNotify` allocates for every read); subscribers get a pointer "
-          "to that buffer. The bound is memcpy bandwidth ÷ "
+          "the reader thread's buffer (`try_receive` straight into the `SizedArray` that "
+          "`BaseSlotReader::ReadAndNotify` allocates for every read, in `ReadData`; a caller "
+          "buffer shorter than the queue's messages goes through a receive buffer of its own, "
+          "one copy more), (3) that buffer → the slot's output buffer in the header segment, "
+          "which keeps a copy of the last block taken; subscribers get a pointer to the "
+          "reader's buffer. The bound is memcpy bandwidth ÷ "
        << kSlotCopiesPerBlock
        << " (copies one after the other: the writer holds the slot's header mutex around its "
           "copy and the reader around its two, so they cannot overlap).\n\n"
