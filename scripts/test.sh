@@ -16,7 +16,7 @@ case "$mode" in
     --i386)
         scripts/setup.sh --i386
         dir=build-i386
-        extra=(-DCMAKE_TOOLCHAIN_FILE=cmake/i386.cmake)
+        extra=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/i386.cmake")
         ;;
     --asan)
         scripts/setup.sh

@@ -99,13 +99,16 @@ void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair) {
     ThrowLockError(rc);
 }
 
-bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair) {
-    const pid_t previous = RecordedOwner(mutex);
-    const int rc = pthread_mutex_trylock(mutex);
+namespace {
+
+// The end of a lock attempt: true when this thread now holds the mutex (repaired first when its
+// holder died), false when `failure` (EBUSY, ETIMEDOUT) came back; any other error throws.
+bool Acquired(int rc, int failure, pthread_mutex_t* mutex, pid_t previous,
+              const OwnerDeadRepair& repair) {
     if (rc == 0) {
         return true;
     }
-    if (rc == EBUSY) {
+    if (rc == failure) {
         return false;
     }
     if (rc == EOWNERDEAD) {
@@ -114,6 +117,13 @@ bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair) {
     }
     ThrowLockError(rc);
     return false;
+}
+
+}  // namespace
+
+bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair) {
+    const pid_t previous = RecordedOwner(mutex);
+    return Acquired(pthread_mutex_trylock(mutex), EBUSY, mutex, previous, repair);
 }
 
 bool TimedLockRecovering(pthread_mutex_t* mutex, const boost::posix_time::ptime& deadline,
@@ -143,19 +153,7 @@ bool TimedLockRecovering(pthread_mutex_t* mutex, const boost::posix_time::ptime&
 #else
     const int rc = pthread_mutex_timedlock(mutex, &abs);
 #endif
-    if (rc == 0) {
-        return true;
-    }
-    if (rc == ETIMEDOUT) {
-        return false;
-    }
-    if (rc == EOWNERDEAD) {
-
-        Recover(mutex, previous, repair);
-        return true;
-    }
-    ThrowLockError(rc);
-    return false;
+    return Acquired(rc, ETIMEDOUT, mutex, previous, repair);
 }
 
 void UnlockRobust(pthread_mutex_t* mutex) {
