@@ -175,7 +175,7 @@ std::string Block(int i) {
     return "block-" + std::to_string(i) + std::string(static_cast<size_t>(i), '*');
 }
 
-TEST(SlotctlInspect, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
+TEST(SlotctlSurvey, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
     ScopedSlotName name("shown");
     int stampPipe[2];
     ASSERT_EQ(0, ::pipe(stampPipe));
@@ -253,7 +253,7 @@ TEST(SlotctlInspect, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
     EXPECT_TRUE(writer.Wait().Ok()) << "the writer's header changed";
 }
 
-TEST(SlotctlInspect, ShowsThePidOfTheReliableReader) {
+TEST(SlotctlSurvey, ShowsThePidOfTheReliableReader) {
     ScopedSlotName name("held");
     PipeSignal ready, done;
     ChildProcess reader([&] {
@@ -276,7 +276,7 @@ TEST(SlotctlInspect, ShowsThePidOfTheReliableReader) {
     ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
 }
 
-TEST(SlotctlInspect, HalfSlotsAreShownAndRemovedWithStale) {
+TEST(SlotctlSurvey, HalfSlotsAreShownAndRemovedWithStale) {
     ScopedSlotName headerOnly("halfh");
     ScopedSlotName queueOnly("halfq");
     for (const std::string& name : {headerOnly.str(), queueOnly.str()}) {
@@ -315,7 +315,7 @@ TEST(SlotctlInspect, HalfSlotsAreShownAndRemovedWithStale) {
 // Objects of other programs, or broken ones: an empty object and one whose Boost state word
 // says "being created" (opening either through Boost would spin for ever), and garbage that
 // claims to be initialised.
-TEST(SlotctlInspect, ForeignAndBrokenObjectsNeitherHangNorCrashNorGetRemoved) {
+TEST(SlotctlSurvey, ForeignAndBrokenObjectsNeitherHangNorCrashNorGetRemoved) {
     ScopedSlotName empty("empty");
     ScopedSlotName creating("creating");
     ScopedSlotName garbage("garbage");

@@ -5,7 +5,7 @@
 #include "Json.h"
 #include "Names.h"
 
-#include <Slot/SlotInspector.h>
+#include <Slot/SlotSurvey.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -314,7 +314,7 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
 int RunList(const Context&, const std::vector<std::string>& args) {
     const Arguments arguments("ls", args, {}, {"json"});
     arguments.ExpectOperands(0, 0, "no operands");
-    const std::vector<SlotReport> reports = SlotInspector::ListSlots();
+    const std::vector<SlotReport> reports = SlotSurvey::ListSlots();
     if (arguments.Has("json")) {
         Json json;
         json.BeginArray();
@@ -360,7 +360,7 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
     arguments.ExpectOperands(1, 1, "one slot name");
     const std::string name = arguments.Operands()[0];
     CheckSlotName(name);
-    const SlotReport report = SlotInspector::InspectSlot(name);
+    const SlotReport report = SlotSurvey::InspectSlot(name);
     if (const SlotPartReport* part = UnusablePart(report)) {
         throw CommandError(ExitFailure,
                            "cannot open " + Printable(part->path) + ": " +

@@ -5,7 +5,7 @@
 #include "Names.h"
 
 #include <Slot/SlotFactory.h>
-#include <Slot/SlotInspector.h>
+#include <Slot/SlotSurvey.h>
 
 #include <unistd.h>
 #include <cerrno>
@@ -129,7 +129,7 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
     if (arguments.Operands().empty()) {
         // --stale alone: every stale slot on the machine; young ones are skipped quietly.
         size_t found = 0;
-        for (const SlotReport& report : SlotInspector::ListSlots()) {
+        for (const SlotReport& report : SlotSurvey::ListSlots()) {
             if (IsStale(report)) {
                 ++found;
                 const double age = report.AgeSeconds();
@@ -146,7 +146,7 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
         }
     } else {
         for (const std::string& name : arguments.Operands()) {
-            ok = RemoveOne(SlotInspector::InspectSlot(name), stale, minAge) && ok;
+            ok = RemoveOne(SlotSurvey::InspectSlot(name), stale, minAge) && ok;
         }
     }
     std::cout << std::flush;

@@ -2,7 +2,7 @@
 #include "Names.h"
 
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
-#include <Slot/SlotInspector.h>
+#include <Slot/SlotSurvey.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -15,7 +15,7 @@ std::string QueueObject(const std::string& name) {
 }
 
 std::string ShmPath(const std::string& object) {
-    return SlotInspector::ShmPath(object);
+    return SlotSurvey::ShmPath(object);
 }
 
 bool ShmExists(const std::string& object) {

@@ -4,7 +4,7 @@
 #include "Names.h"
 
 #include <Slot/ConfigurationTags.h>
-#include <Slot/SlotInspector.h>
+#include <Slot/SlotSurvey.h>
 
 #include <climits>
 
@@ -65,7 +65,7 @@ ToolSlotConfig ResolveSlot(const Arguments& arguments, const std::string& name) 
     size_t existingMaxSize = DefaultMaxSize;
     size_t existingQueue = DefaultQueue;
     if (!typeGiven || type != pipeType) {
-        const SlotReport report = SlotInspector::InspectSlot(name);
+        const SlotReport report = SlotSurvey::InspectSlot(name);
         RefuseUnusable(report.header);
         RefuseUnusable(report.queue);
         if (report.state == SlotState::DeadHolder) {

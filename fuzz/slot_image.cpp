@@ -5,7 +5,7 @@
 // the same answer for the same bytes at a page-aligned address, as a real mapping has.
 //
 // Sources: this file, src/Slot/BoostInterprocess/SlotImage.cpp, src/shared/MutexOwner.cpp.
-// Seeds: fuzz/corpus/inspect_slot_image (header segments and queues of real slots).
+// Seeds: fuzz/corpus/slot_image (header segments and queues of real slots).
 #include <Slot/BoostInterprocess/SlotImage.h>
 
 #include <cstddef>

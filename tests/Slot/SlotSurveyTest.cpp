@@ -7,7 +7,7 @@
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
-#include <Slot/SlotInspector.h>
+#include <Slot/SlotSurvey.h>
 
 #include <gtest/gtest.h>
 
@@ -65,7 +65,7 @@ SlotReport Inspect(const std::string& name) {
     const Bytes header = ReadObject(name);
     const Bytes queueBytes = ReadObject(queue);
     const auto start = std::chrono::steady_clock::now();
-    SlotReport report = SlotInspector::InspectSlot(name);
+    SlotReport report = SlotSurvey::InspectSlot(name);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_TRUE(header == ReadObject(name)) << "inspecting changed the header segment";
     EXPECT_TRUE(queueBytes == ReadObject(queue)) << "inspecting changed the queue";
@@ -88,11 +88,11 @@ const SlotReport* Find(const std::vector<SlotReport>& reports, const std::string
 }
 
 bool Listed(const std::string& name) {
-    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
     return Find(all, name) != nullptr;
 }
 
-TEST(SlotInspector, HealthySlotsOfBothKinds) {
+TEST(SlotSurvey, HealthySlotsOfBothKinds) {
     ScopedSlotName reliableName("rel");
     ScopedSlotName discardingName("dis");
     ReliableSlot reliable(open_or_create, reliableName.c_str(), 300, 5);
@@ -129,7 +129,7 @@ TEST(SlotInspector, HealthySlotsOfBothKinds) {
     EXPECT_EQ(1u, d.queue.waiting);
     EXPECT_TRUE(d.readerLockFile.empty());
 
-    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
     ASSERT_NE(nullptr, Find(all, reliableName));
     ASSERT_NE(nullptr, Find(all, discardingName));
     EXPECT_EQ(SlotState::Healthy, Find(all, reliableName)->state);
@@ -138,11 +138,11 @@ TEST(SlotInspector, HealthySlotsOfBothKinds) {
                        [](const SlotReport& a, const SlotReport& b) { return a.name < b.name; }));
 }
 
-TEST(SlotInspector, NothingThereAndHalfSlots) {
+TEST(SlotSurvey, NothingThereAndHalfSlots) {
     ScopedSlotName absent("absent");
     EXPECT_EQ(SlotState::Absent, Inspect(absent).state);
-    EXPECT_EQ(SlotState::Absent, SlotInspector::InspectSlot("").state);
-    EXPECT_EQ(SlotState::Absent, SlotInspector::InspectSlot("a/b").state);
+    EXPECT_EQ(SlotState::Absent, SlotSurvey::InspectSlot("").state);
+    EXPECT_EQ(SlotState::Absent, SlotSurvey::InspectSlot("a/b").state);
 
     ScopedSlotName headerOnly("hdr");
     ScopedSlotName queueOnly("que");
@@ -161,13 +161,13 @@ TEST(SlotInspector, NothingThereAndHalfSlots) {
     EXPECT_EQ(SlotKind::Reliable, q.kind);
     EXPECT_GE(q.AgeSeconds(), 0);
 
-    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
     EXPECT_NE(nullptr, Find(all, headerOnly));
     EXPECT_NE(nullptr, Find(all, queueOnly));
 }
 
 // What a creator killed at each point of creation leaves behind.
-TEST(SlotInspector, UnfinishedObjectsOfEitherPart) {
+TEST(SlotSurvey, UnfinishedObjectsOfEitherPart) {
     ScopedSlotName emptyHeader("eh");
     ScopedSlotName emptyQueue("eq");
     ScopedSlotName initialising("init");
@@ -191,14 +191,14 @@ TEST(SlotInspector, UnfinishedObjectsOfEitherPart) {
     EXPECT_EQ(SlotPartState::Unfinished, both.queue.state);
 
     // Each is listed once, the queue-only one under its slot's name.
-    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
     EXPECT_NE(nullptr, Find(all, emptyHeader));
     EXPECT_NE(nullptr, Find(all, emptyQueue));
     EXPECT_EQ(nullptr, Find(all, BaseQueueSlot::GetQueueName(emptyQueue)));
     EXPECT_NE(nullptr, Find(all, initialising));
 }
 
-TEST(SlotInspector, DamagedAndForeignObjects) {
+TEST(SlotSurvey, DamagedAndForeignObjects) {
     ScopedSlotName name("dmg");
     { ReliableSlot slot(open_or_create, name.c_str(), 64, 4); }
     Bytes header = ReadObject(name);
@@ -272,7 +272,7 @@ private:
     ChildProcess child_;
 };
 
-TEST(SlotInspector, AHeaderMutexHeldByALiveProcessIsBusy) {
+TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusy) {
     ScopedSlotName name("busy");
     HeaderHolder holder(name);
     ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
@@ -287,7 +287,7 @@ TEST(SlotInspector, AHeaderMutexHeldByALiveProcessIsBusy) {
     EXPECT_EQ(SlotState::Healthy, Inspect(name).state);
 }
 
-TEST(SlotInspector, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
+TEST(SlotSurvey, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
     ScopedSlotName name("dead");
     HeaderHolder holder(name);
     ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
@@ -301,7 +301,7 @@ TEST(SlotInspector, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
     ASSERT_EQ(1u, report.heldLocks.size());
     EXPECT_TRUE(report.heldLocks[0].HolderDead());
     EXPECT_NE(std::string::npos, report.detail.find(std::to_string(pid))) << report.detail;
-    const std::vector<SlotReport> all = SlotInspector::ListSlots();
+    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
     const SlotReport* listed = Find(all, name);
     ASSERT_NE(nullptr, listed);
     EXPECT_EQ(SlotState::DeadHolder, listed->state);
@@ -333,7 +333,7 @@ pid_t KillWhileHolding(const std::string& object, std::uint64_t offset) {
     return child.Pid();
 }
 
-TEST(SlotInspector, AQueueMutexLeftByAKilledProcessIsReported) {
+TEST(SlotSurvey, AQueueMutexLeftByAKilledProcessIsReported) {
     ScopedSlotName name("qdead");
     { DiscardingSlot slot(open_or_create, name.c_str(), 32); }
     const std::string queue = BaseQueueSlot::GetQueueName(name);
@@ -350,7 +350,7 @@ TEST(SlotInspector, AQueueMutexLeftByAKilledProcessIsReported) {
 }
 
 // Every later named lookup or allocation in the segment would wait for these for ever.
-TEST(SlotInspector, SegmentManagerMutexesLeftByAKilledProcessAreReported) {
+TEST(SlotSurvey, SegmentManagerMutexesLeftByAKilledProcessAreReported) {
     ScopedSlotName name("smdead");
     { ReliableSlot slot(open_or_create, name.c_str(), 32, 2); }
     const Bytes bytes = ReadObject(name);

@@ -125,7 +125,7 @@ struct SLOT_EXPORT SlotReport {
 };
 
 // Any thread may call these at any time; they share no state.
-class SLOT_EXPORT SlotInspector {
+class SLOT_EXPORT SlotSurvey {
 public:
     // Everything about the slot `name`. Never throws for what it finds; a name that the system
     // cannot hold just reports Absent parts.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Slot/SlotInspector.h>
+#include <Slot/SlotSurvey.h>
 
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 
@@ -44,7 +44,7 @@ ObjectRead ReadObject(const std::string& object) {
     ObjectRead result;
     SlotPartReport& part = result.part;
     part.object = object;
-    part.path = SlotInspector::ShmPath(object);
+    part.path = SlotSurvey::ShmPath(object);
     struct stat st;
     if (object.empty() || object.find('/') != std::string::npos ||
         ::lstat(part.path.c_str(), &st) != 0) {
@@ -415,7 +415,7 @@ double SlotReport::AgeSeconds() const {
     return age;
 }
 
-SlotReport SlotInspector::InspectSlot(const std::string& name) {
+SlotReport SlotSurvey::InspectSlot(const std::string& name) {
     SlotReport report;
     report.name = name;
     // A name the system cannot hold has no objects; "queue_" alone is not its queue either.
@@ -446,7 +446,7 @@ SlotReport SlotInspector::InspectSlot(const std::string& name) {
     return report;
 }
 
-std::vector<SlotReport> SlotInspector::ListSlots() {
+std::vector<SlotReport> SlotSurvey::ListSlots() {
     const std::string queuePrefix = BaseQueueSlot::GetQueueName("");
     // Every name an object could belong to: as a header segment, and as a queue.
     std::set<std::string> candidates;
@@ -492,6 +492,6 @@ std::vector<SlotReport> SlotInspector::ListSlots() {
     return slots;
 }
 
-std::string SlotInspector::ShmPath(const std::string& object) {
+std::string SlotSurvey::ShmPath(const std::string& object) {
     return std::string(ShmDirectory) + "/" + object;
 }
