@@ -217,11 +217,8 @@ void FileLock::Release() {
     if (entry_ == nullptr) {
         return;
     }
+    unlock();
     RegistryLock lock;
-    if (entry_->holder == this) {
-        SetLock(entry_->fd, F_UNLCK);
-        entry_->holder = nullptr;
-    }
     if (--entry_->refs == 0) {
         // The last user: the process holds no lock on the file, so the descriptor may go.
         ::close(entry_->fd);
