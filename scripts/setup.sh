@@ -23,8 +23,13 @@ case "${1:-}" in
 esac
 
 native=(cmake g++ make pkg-config libboost-dev libboost-thread-dev libboost-date-time-dev
-        libboost-system-dev liblog4cxx-dev libgtest-dev libgmock-dev googletest)
+        libboost-system-dev liblog4cxx-dev libgtest-dev libgmock-dev googletest
+        nlohmann-json3-dev)                                  # slotctl's JSON output
 want=("${native[@]}")
+# The DDS gateway (Eclipse Cyclone DDS), the Python binding (pybind11, Debian's Python 3, pytest)
+# and the gateway's two-host test (iproute2 for network namespaces, ZeroMQ for its comparison).
+want+=(cyclonedds-dev cyclonedds-tools pybind11-dev python3-dev python3-pytest iproute2
+       libzmq3-dev)
 want+=(dpkg-dev file)                                       # Debian packages (CPack, tests/deb)
 [[ "${SLOT_SETUP_DOCS:-0}" == 1 ]] && want+=(doxygen)       # API documentation (scripts/docs.sh)
 [[ $i386 -eq 1 ]] && want+=(g++-multilib)
