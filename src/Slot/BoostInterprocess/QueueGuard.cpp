@@ -52,6 +52,8 @@ QueueGuard::QueueGuard(const std::string& queueName)
       mutexOwner_(nullptr),
       countWord_(nullptr),
       firstWord_(nullptr),
+      blockedSenders_(nullptr),
+      blockedReceivers_(nullptr),
       capacity_(0),
       slotSize_(0),
       messages_(nullptr) {
@@ -115,6 +117,11 @@ void QueueGuard::Validate(bool messagesToo) const {
                   "the queue's counters are 32-bit");
     self.countWord_ = reinterpret_cast<const std::uint32_t*>(&header->m_cur_num_msg);
     self.firstWord_ = reinterpret_cast<const std::uint32_t*>(&header->m_cur_first_msg);
+    static_assert(sizeof(header->m_blocked_senders) == sizeof(std::uint32_t) &&
+                      sizeof(header->m_blocked_receivers) == sizeof(std::uint32_t),
+                  "the queue's blocked counts are 32-bit");
+    self.blockedSenders_ = reinterpret_cast<const std::uint32_t*>(&header->m_blocked_senders);
+    self.blockedReceivers_ = reinterpret_cast<const std::uint32_t*>(&header->m_blocked_receivers);
     self.capacity_ = static_cast<std::uint32_t>(image.capacity);
     self.slotSize_ = static_cast<std::size_t>(image.messageStride);
     self.messages_ = base_ + image.messages.offset;
@@ -184,6 +191,20 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
         Damaged("its count " + std::to_string(header_->m_cur_num_msg) + " or first position " +
                 std::to_string(header_->m_cur_first_msg) + " exceeds its " +
                 std::to_string(capacity_) + " messages");
+    }
+    if (AnyBlocked()) {
+        // Nobody waits in a slot's queue: the counts are damage, and a wrong count only makes
+        // senders and receivers signal for nothing. Callers hold the header lock, so no queue
+        // call of the library runs meanwhile.
+        if (logger->isErrorEnabled()) {
+            LOG4CXX_ERROR(logger, "Queue of '"
+                                      << slotName << "' counted " << header_->m_blocked_senders
+                                      << " blocked senders and " << header_->m_blocked_receivers
+                                      << " blocked receivers, but nobody waits in it; "
+                                         "counts reset");
+        }
+        header_->m_blocked_senders = 0;
+        header_->m_blocked_receivers = 0;
     }
     const auto limit = shared::CreationWaitLimit();
     const auto deadline = std::chrono::steady_clock::now() + limit;

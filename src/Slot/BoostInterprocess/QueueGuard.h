@@ -51,12 +51,14 @@ public:
     // clamped to the capacity.
     std::size_t Count() const;
 
-    // Cheap test, every queue use: the mutex is free and the counters are in range.
+    // Cheap test, every queue use: the mutex is free, the counters are in range and nobody is
+    // counted as blocked (the slot only makes try-calls, so nobody ever waits in the queue; a
+    // blocked count would make Boost signal a condition variable, which hangs on damaged bytes).
     bool LooksHealthy() const {
         // The lock word, not the owner: glibc sets the owner just after taking the word and
         // clears it just before releasing it, and a death in between leaves no owner.
         return __atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED) == 0 &&
-               CountersInRange();
+               CountersInRange() && !AnyBlocked();
     }
 
     // Called with the slot's header lock held when LooksHealthy() said no. Returns when the
@@ -77,6 +79,10 @@ private:
         const std::uint64_t first = __atomic_load_n(&FirstWord(), __ATOMIC_RELAXED);
         return count <= capacity_ && (first < capacity_ || (capacity_ == 0 && first == 0));
     }
+    bool AnyBlocked() const {
+        return (__atomic_load_n(blockedSenders_, __ATOMIC_RELAXED) |
+                __atomic_load_n(blockedReceivers_, __ATOMIC_RELAXED)) != 0;
+    }
     // The control block's current count and first index position (Boost's size_type).
     const std::uint32_t& CountWord() const { return *countWord_; }
     const std::uint32_t& FirstWord() const { return *firstWord_; }
@@ -91,10 +97,12 @@ private:
     char* base_;        // start of our mapping of the object
     std::size_t size_;  // real size of the mapping (fstat), the bound of every check
     Header* header_;
-    pthread_mutex_t* mutexOwner_;     // the queue's internal mutex, inside the mapping
-    const std::uint32_t* countWord_;  // mq_hdr_t::m_cur_num_msg, inside the mapping
-    const std::uint32_t* firstWord_;  // mq_hdr_t::m_cur_first_msg, inside the mapping
-    std::uint32_t capacity_;          // max messages, validated at construction (immutable)
-    std::size_t slotSize_;            // bytes per message slot, header included
-    char* messages_;                  // first message slot
+    pthread_mutex_t* mutexOwner_;            // the queue's internal mutex, inside the mapping
+    const std::uint32_t* countWord_;         // mq_hdr_t::m_cur_num_msg, inside the mapping
+    const std::uint32_t* firstWord_;         // mq_hdr_t::m_cur_first_msg, inside the mapping
+    const std::uint32_t* blockedSenders_;    // mq_hdr_t::m_blocked_senders, inside the mapping
+    const std::uint32_t* blockedReceivers_;  // mq_hdr_t::m_blocked_receivers, inside the mapping
+    std::uint32_t capacity_;                 // max messages, validated at construction (immutable)
+    std::size_t slotSize_;                   // bytes per message slot, header included
+    char* messages_;                         // first message slot
 };

@@ -15,6 +15,7 @@
 #include <boost/interprocess/sync/interprocess_recursive_mutex.hpp>
 
 #include <pthread.h>
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <type_traits>
@@ -158,7 +159,18 @@ const std::uint64_t AllocatedCtrlBytes =
 const std::uint64_t AllocatedCtrlUnits = AllocatedCtrlBytes / Alignment;
 const std::uint64_t UsableByPreviousChunk = sizeof(SizeType);
 const SizeType BlockUnitsMask = (SizeType(1) << 30) - 1;
+const SizeType PreviousAllocatedFlag = SizeType(1) << 30;
 const SizeType AllocatedFlag = SizeType(1) << 31;
+// A free block is its size word pair followed by its node in the tree of free blocks; no block is
+// smaller than that. The end block is a bare size word pair.
+const std::uint64_t FreeNodeAt =
+    (sizeof(SizeHolder) + alignof(TreeNode) - 1) / alignof(TreeNode) * alignof(TreeNode);
+const std::uint64_t BlockCtrlBytes =
+    (FreeNodeAt + sizeof(TreeNode) + Alignment - 1) / Alignment * Alignment;
+const std::uint64_t BlockCtrlUnits = BlockCtrlBytes / Alignment;
+const std::uint64_t EndCtrlBytes = AllocatedCtrlBytes;
+static_assert(Allocator::PayloadPerAllocation == AllocatedCtrlBytes - UsableByPreviousChunk,
+              "rbtree_best_fit allocation overhead");
 
 // Expected sizes and alignments of the named objects, in HeaderObject order.
 const std::uint64_t ObjectSizes[HeaderObjectCount] = {sizeof(boost::posix_time::ptime),
@@ -171,8 +183,10 @@ const std::uint64_t ObjectAlignments[HeaderObjectCount] = {alignof(boost::posix_
 static_assert(std::is_trivially_copyable<boost::posix_time::ptime>::value,
               "a ptime is copied out of the segment bytewise");
 
-// Bounded traversal: a slot header has four named entries and one unique one.
-const std::size_t MaxIndexEntries = 1024;
+// Bounded traversal: a slot header has four named entries and one unique one, and a handful of
+// free blocks. A red-black tree of MaxTreeNodes nodes is at most 2 * 17 levels deep.
+const std::size_t MaxTreeNodes = 65536;
+const int MaxTreeDepth = 40;
 
 // ---- Reading bytes --------------------------------------------------------------------------
 
@@ -201,6 +215,17 @@ public:
     // Whether the bytes at `offset` are `length` bytes equal to `text`.
     bool Equals(std::uint64_t offset, const char* text, std::uint64_t length) const {
         return Has(offset, length) && std::memcmp(base_ + offset, text, length) == 0;
+    }
+
+    // Copies `length` bytes at `offset` to `out`; false (nothing copied) outside the mapping.
+    bool Copy(std::uint64_t offset, void* out, std::uint64_t length) const {
+        if (!Has(offset, length)) {
+            return false;
+        }
+        if (length != 0) {
+            std::memcpy(out, base_ + offset, length);
+        }
+        return true;
     }
 
     bool AllZero() const {
@@ -494,67 +519,293 @@ struct IndexEntry {
     std::uint64_t nameOffset = 0;
 };
 
-// Walks the tree whose header node is at `treeAt`, collecting at most MaxIndexEntries entries
-// that lie inside the mapping past the segment manager. False, with `problem` set, when a link
-// leaves the mapping, loops, or the walk exceeds the limit.
-bool WalkIndex(const Bytes& bytes, std::uint64_t treeAt, std::uint64_t entriesFrom,
-               std::vector<IndexEntry>& entries, std::string& problem) {
-    OffsetType rootRaw = 0;
-    if (!bytes.Read(treeAt + offsetof(TreeNode, parent), rootRaw)) {
-        problem = "index outside the mapping";
+// One block of the allocator's chain.
+struct Block {
+    std::uint64_t offset = 0;
+    std::uint64_t units = 0;
+    bool allocated = false;
+};
+
+// The allocator's blocks in address order, from the first block up to (not including) the end
+// block, each checked against its neighbours as rbtree_best_fit keeps them: sizes of at least a
+// block's control bytes that tile the managed memory exactly, previous-allocated bits that agree
+// with the previous block, a free block's size repeated in its successor, no two free blocks
+// side by side, and the end block (allocated, sized back to the first block) at its place.
+bool WalkBlocks(const Bytes& bytes, std::uint64_t firstBlock, std::uint64_t endBlock,
+                std::vector<Block>& blocks, std::string& problem) {
+    if (firstBlock % Alignment != 0 || endBlock % Alignment != 0 ||
+        endBlock < firstBlock + BlockCtrlBytes || !bytes.Has(endBlock, sizeof(SizeHolder))) {
+        problem = "its allocator's bounds are wrong";
         return false;
     }
-    std::vector<std::uint64_t> pending;
-    std::vector<std::uint64_t> seen;
-    std::uint64_t root = 0;
-    if (Bytes::Follow(treeAt + offsetof(TreeNode, parent), rootRaw & ~ColourMask, root)) {
-        pending.push_back(root);
-    }
-    while (!pending.empty()) {
-        const std::uint64_t node = pending.back();
-        pending.pop_back();
-        if (node < entriesFrom || node % alignof(TreeNode) != 0 ||
-            !bytes.Has(node, EntryHeaderAt + sizeof(BlockHeader))) {
-            problem = "an index entry lies outside the segment's allocations";
+    bool previousAllocated = true;  // the end block precedes the first one
+    std::uint64_t previousUnits = 0;
+    std::uint64_t at = firstBlock;
+    while (at < endBlock) {
+        SizeHolder holder{};
+        bytes.Read(at, holder);
+        const std::uint64_t units = holder.sizeAndFlags & BlockUnitsMask;
+        const bool allocated = (holder.sizeAndFlags & AllocatedFlag) != 0;
+        const bool markedPrevious = (holder.sizeAndFlags & PreviousAllocatedFlag) != 0;
+        if (units < BlockCtrlUnits || units > (endBlock - at) / Alignment) {
+            problem = "an allocator block at " + std::to_string(at) + " has a wrong size";
             return false;
         }
-        for (std::uint64_t s : seen) {
-            if (s == node) {
-                problem = "the index loops";
+        if (markedPrevious != previousAllocated ||
+            (!previousAllocated && holder.previousSize != previousUnits)) {
+            problem = "an allocator block at " + std::to_string(at) +
+                      " disagrees with the block before it";
+            return false;
+        }
+        if (!allocated && !previousAllocated) {
+            problem = "two free allocator blocks lie side by side at " + std::to_string(at);
+            return false;
+        }
+        blocks.push_back(Block{at, units, allocated});
+        previousAllocated = allocated;
+        previousUnits = units;
+        at += units * Alignment;
+    }
+    SizeHolder end{};
+    bytes.Read(endBlock, end);
+    const bool endPrevious = (end.sizeAndFlags & PreviousAllocatedFlag) != 0;
+    if (at != endBlock || (end.sizeAndFlags & AllocatedFlag) == 0 ||
+        (end.sizeAndFlags & BlockUnitsMask) != (endBlock - firstBlock) / Alignment ||
+        endPrevious != previousAllocated ||
+        (!previousAllocated && end.previousSize != previousUnits)) {
+        problem = "the allocator's end block is wrong";
+        return false;
+    }
+    return true;
+}
+
+// The block of `blocks` that starts at `offset`, or null.
+const Block* BlockAt(const std::vector<Block>& blocks, std::uint64_t offset) {
+    auto it = std::lower_bound(blocks.begin(), blocks.end(), offset,
+                               [](const Block& b, std::uint64_t o) { return b.offset < o; });
+    return it != blocks.end() && it->offset == offset ? &*it : nullptr;
+}
+
+// A compact red-black tree of Boost.Intrusive, checked as a whole before anyone follows its
+// links: `count` nodes, each accepted by `nodeOk`, reached once from the root, every child
+// pointing back to its parent, red-black colours consistent, the header's left and right the
+// smallest and largest node, in-order keys ascending (`less`; equal keys allowed when
+// `!strict`). The nodes are returned in order.
+template <class NodeOk, class Less>
+class TreeCheck {
+public:
+    TreeCheck(const Bytes& bytes, NodeOk nodeOk, Less less, bool strict)
+        : bytes_(bytes), nodeOk_(nodeOk), less_(less), strict_(strict) {}
+
+    bool Run(std::uint64_t headerAt, std::uint64_t count, std::vector<std::uint64_t>& nodes,
+             std::string& problem) {
+        TreeNode header{};
+        if (!bytes_.Read(headerAt, header)) {
+            problem = "a tree lies outside the mapping";
+            return false;
+        }
+        std::uint64_t left = 0, right = 0, root = 0;
+        const bool hasLeft = Bytes::Follow(headerAt + offsetof(TreeNode, left), header.left, left);
+        const bool hasRight =
+            Bytes::Follow(headerAt + offsetof(TreeNode, right), header.right, right);
+        const bool hasRoot =
+            Bytes::Follow(headerAt + offsetof(TreeNode, parent), header.parent & ~ColourMask, root);
+        if ((header.parent & ColourMask) != 0 || !hasLeft || !hasRight) {
+            problem = "a tree's header is wrong";
+            return false;
+        }
+        if (!hasRoot) {
+            if (count != 0 || left != headerAt || right != headerAt) {
+                problem = "an empty tree's header is wrong";
+                return false;
+            }
+            return true;
+        }
+        if (count > MaxTreeNodes) {
+            problem = "a tree records " + std::to_string(count) + " nodes";
+            return false;
+        }
+        headerAt_ = headerAt;
+        std::uint64_t blackHeight = 0;
+        if (!Visit(root, headerAt, 0, blackHeight, nodes, problem)) {
+            return false;
+        }
+        if (IsRed(root)) {
+            problem = "a tree's root is red";
+            return false;
+        }
+        if (nodes.size() != count || left != nodes.front() || right != nodes.back()) {
+            problem = "a tree's header disagrees with its nodes";
+            return false;
+        }
+        return true;
+    }
+
+private:
+    bool IsRed(std::uint64_t node) const {
+        TreeNode links{};
+        bytes_.Read(node, links);
+        return (links.parent & ColourMask) == 0;
+    }
+
+    bool Visit(std::uint64_t node, std::uint64_t parent, int depth, std::uint64_t& blackHeight,
+               std::vector<std::uint64_t>& nodes, std::string& problem) {
+        TreeNode links{};
+        if (depth > MaxTreeDepth || node % alignof(TreeNode) != 0 || node == headerAt_ ||
+            !bytes_.Read(node, links) || !nodeOk_(node)) {
+            problem = "a tree node lies outside its place";
+            return false;
+        }
+        std::uint64_t up = 0;
+        if (!Bytes::Follow(node + offsetof(TreeNode, parent), links.parent & ~ColourMask, up) ||
+            up != parent) {
+            problem = "a tree node does not point back to its parent";
+            return false;
+        }
+        const bool red = (links.parent & ColourMask) == 0;
+        std::uint64_t heights[2] = {0, 0};
+        for (int side = 0; side < 2; ++side) {
+            const OffsetType raw = side == 0 ? links.left : links.right;
+            const std::uint64_t at =
+                node + (side == 0 ? offsetof(TreeNode, left) : offsetof(TreeNode, right));
+            std::uint64_t child = 0;
+            if (side == 1 && !Append(node, nodes, problem)) {
+                return false;
+            }
+            if (!Bytes::Follow(at, raw, child)) {
+                continue;
+            }
+            if (red && bytes_.Has(child, sizeof(TreeNode)) && IsRed(child)) {
+                problem = "a red tree node has a red child";
+                return false;
+            }
+            if (!Visit(child, node, depth + 1, heights[side], nodes, problem)) {
                 return false;
             }
         }
-        if (seen.size() >= MaxIndexEntries) {
-            problem = "the index has more than " + std::to_string(MaxIndexEntries) + " entries";
+        if (heights[0] != heights[1]) {
+            problem = "a tree's black heights differ";
             return false;
         }
-        seen.push_back(node);
+        blackHeight = heights[0] + (red ? 0 : 1);
+        return true;
+    }
+
+    // In-order append with the order and uniqueness checks.
+    bool Append(std::uint64_t node, std::vector<std::uint64_t>& nodes, std::string& problem) {
+        if (nodes.size() >= MaxTreeNodes) {
+            problem = "a tree has more than " + std::to_string(MaxTreeNodes) + " nodes";
+            return false;
+        }
+        if (!nodes.empty()) {
+            const std::uint64_t last = nodes.back();
+            if (less_(node, last) || (strict_ && !less_(last, node))) {
+                problem = "a tree is out of order";
+                return false;
+            }
+        }
+        nodes.push_back(node);
+        return true;
+    }
+
+    const Bytes& bytes_;
+    NodeOk nodeOk_;
+    Less less_;
+    bool strict_;
+    std::uint64_t headerAt_ = 0;
+};
+
+template <class NodeOk, class Less>
+bool CheckTree(const Bytes& bytes, std::uint64_t headerAt, std::uint64_t count, NodeOk nodeOk,
+               Less less, bool strict, std::vector<std::uint64_t>& nodes, std::string& problem) {
+    return TreeCheck<NodeOk, Less>(bytes, nodeOk, less, strict)
+        .Run(headerAt, count, nodes, problem);
+}
+
+// The entries of the index tree whose header node is at `treeAt`, checked as a tree before any
+// entry is read further. Each entry must lie past the segment manager, its name inside the
+// mapping, and (when the allocator's blocks are known) inside one allocated block of which it is
+// the start. False, with `problem` set, otherwise.
+bool WalkIndex(const Bytes& bytes, std::uint64_t treeAt, std::uint64_t count,
+               std::uint64_t entriesFrom, const std::vector<Block>* blocks,
+               std::vector<IndexEntry>& entries, std::string& problem) {
+    auto entryAt = [&bytes](std::uint64_t node) {
         IndexEntry entry;
         entry.node = node;
         bytes.Read(node + EntryHeaderAt, entry.header);
+        const unsigned alignment = entry.header.valueAlignment;
         entry.valueOffset =
-            node + EntryHeaderAt +
-            RoundUp(sizeof(BlockHeader),
-                    entry.header.valueAlignment == 0 ? 1 : entry.header.valueAlignment);
+            node + EntryHeaderAt + RoundUp(sizeof(BlockHeader), alignment == 0 ? 1 : alignment);
         entry.nameOffset = entry.valueOffset + entry.header.valueBytes;  // 1-byte characters
+        return entry;
+    };
+    auto nodeOk = [&](std::uint64_t node) {
+        if (node < entriesFrom || !bytes.Has(node, EntryHeaderAt + sizeof(BlockHeader))) {
+            return false;
+        }
+        const IndexEntry entry = entryAt(node);
         // Boost's own lookups compare the key with every entry's name on their path, rounding
         // with a power-of-two mask: an entry whose name lies outside the mapping is damage.
         const unsigned alignment = entry.header.valueAlignment;
+        const std::uint64_t nameEnd = entry.nameOffset + entry.header.nameLength + 1;
         if (alignment == 0 || (alignment & (alignment - 1)) != 0 ||
-            !bytes.Has(entry.nameOffset, std::uint64_t(entry.header.nameLength) + 1)) {
-            problem = "an index entry's name lies outside the mapping";
+            (entry.header.allocTypeAndCharSize & 0x1f) != 1 ||
+            !bytes.Has(entry.nameOffset, nameEnd - entry.nameOffset)) {
             return false;
         }
-        entries.push_back(entry);
-        TreeNode links{};
-        bytes.Read(node, links);
-        std::uint64_t child = 0;
-        if (Bytes::Follow(node + offsetof(TreeNode, left), links.left, child)) {
-            pending.push_back(child);
+        if (blocks == nullptr) {
+            return true;
         }
-        if (Bytes::Follow(node + offsetof(TreeNode, right), links.right, child)) {
-            pending.push_back(child);
+        const Block* block =
+            node >= AllocatedCtrlBytes ? BlockAt(*blocks, node - AllocatedCtrlBytes) : nullptr;
+        return block != nullptr && block->allocated &&
+               nameEnd <= block->offset + block->units * Alignment + UsableByPreviousChunk;
+    };
+    // Boost orders entries by name length, then by the names' bytes.
+    auto less = [&](std::uint64_t a, std::uint64_t b) {
+        const IndexEntry x = entryAt(a);
+        const IndexEntry y = entryAt(b);
+        if (x.header.nameLength != y.header.nameLength) {
+            return x.header.nameLength < y.header.nameLength;
         }
+        std::string nx(x.header.nameLength, '\0'), ny(y.header.nameLength, '\0');
+        bytes.Copy(x.nameOffset, &nx[0], nx.size());
+        bytes.Copy(y.nameOffset, &ny[0], ny.size());
+        return nx < ny;
+    };
+    std::vector<std::uint64_t> nodes;
+    std::string treeProblem;
+    if (!CheckTree(bytes, treeAt, count, nodeOk, less, true, nodes, treeProblem)) {
+        problem = "its name index is damaged: " + treeProblem;
+        return false;
+    }
+    for (std::uint64_t node : nodes) {
+        entries.push_back(entryAt(node));
+    }
+    return true;
+}
+
+// The allocator's tree of free blocks: exactly the free blocks of the chain, ordered by size.
+bool CheckFreeTree(const Bytes& bytes, std::uint64_t treeAt, std::uint64_t count,
+                   const std::vector<Block>& blocks, std::string& problem) {
+    auto nodeOk = [&blocks](std::uint64_t node) {
+        const Block* block = node >= FreeNodeAt ? BlockAt(blocks, node - FreeNodeAt) : nullptr;
+        return block != nullptr && !block->allocated;
+    };
+    auto less = [&blocks](std::uint64_t a, std::uint64_t b) {
+        return BlockAt(blocks, a - FreeNodeAt)->units < BlockAt(blocks, b - FreeNodeAt)->units;
+    };
+    std::vector<std::uint64_t> nodes;
+    std::string treeProblem;
+    if (!CheckTree(bytes, treeAt, count, nodeOk, less, false, nodes, treeProblem)) {
+        problem = "its free-block tree is damaged: " + treeProblem;
+        return false;
+    }
+    const std::size_t free =
+        std::count_if(blocks.begin(), blocks.end(), [](const Block& b) { return !b.allocated; });
+    if (free != nodes.size()) {
+        problem = "its free-block tree misses free blocks";
+        return false;
     }
     return true;
 }
@@ -582,7 +833,8 @@ void SetProblem(HeaderImage& h, Verdict verdict, const std::string& problem) {
     }
 }
 
-void FindOutputBuffer(const Bytes& bytes, HeaderImage& h, std::uint64_t firstBlock) {
+void FindOutputBuffer(const Bytes& bytes, HeaderImage& h, std::uint64_t firstBlock,
+                      const std::vector<Block>* blocks) {
     if (h.outputHandle < 0) {
         return;
     }
@@ -593,6 +845,12 @@ void FindOutputBuffer(const Bytes& bytes, HeaderImage& h, std::uint64_t firstBlo
         !bytes.Read(data - AllocatedCtrlBytes, holder) ||
         (holder.sizeAndFlags & AllocatedFlag) == 0) {
         return;
+    }
+    if (blocks != nullptr) {
+        const Block* block = BlockAt(*blocks, data - AllocatedCtrlBytes);
+        if (block == nullptr || !block->allocated) {
+            return;
+        }
     }
     const std::uint64_t units = holder.sizeAndFlags & BlockUnitsMask;
     if (units < AllocatedCtrlUnits) {
@@ -655,15 +913,37 @@ HeaderImage ParseHeader(const void* base, std::size_t size) {
                    "the segment records " + std::to_string(h.recordedSize) +
                        " bytes, the object has " + std::to_string(h.mappedSize));
     }
+    // The allocator: its header, then every block and the tree of free blocks. Boost allocates
+    // by walking that tree and splitting and merging neighbouring blocks, so all of it is checked
+    // before the library lets Boost find or construct anything.
+    std::vector<Block> blocks;
+    bool blocksOk = false;
+    if (sizeOk) {
+        std::string allocatorProblem;
+        const std::uint64_t endBlock =
+            m + manager.allocator.size / Alignment * Alignment - EndCtrlBytes;
+        if (manager.allocator.extraHeaderBytes != sizeof(Manager) - sizeof(Allocator)) {
+            allocatorProblem = "its allocator's header is wrong";
+        } else if (WalkBlocks(bytes, firstBlock, endBlock, blocks, allocatorProblem) &&
+                   CheckFreeTree(bytes, m + offsetof(ManagerLayout, allocator.freeBlocks.header),
+                                 manager.allocator.freeBlocks.count, blocks, allocatorProblem)) {
+            blocksOk = true;
+        }
+        if (!blocksOk) {
+            SetProblem(h, Verdict::Damaged, allocatorProblem);
+        }
+    }
+
     const std::uint64_t entriesFrom = m + sizeof(Manager);
     std::vector<IndexEntry> unique;
     std::vector<IndexEntry> named;
     std::string walkProblem;
+    const std::vector<Block>* knownBlocks = blocksOk ? &blocks : nullptr;
     const bool uniqueOk = WalkIndex(bytes, m + offsetof(ManagerLayout, indexes.unique.header),
-                                    entriesFrom, unique, walkProblem);
+                                    h.uniqueCount, entriesFrom, knownBlocks, unique, walkProblem);
     const bool namedOk =
-        uniqueOk && WalkIndex(bytes, m + offsetof(ManagerLayout, indexes.named.header), entriesFrom,
-                              named, walkProblem);
+        uniqueOk && WalkIndex(bytes, m + offsetof(ManagerLayout, indexes.named.header),
+                              h.namedCount, entriesFrom, knownBlocks, named, walkProblem);
 
     const char* mutexName = typeid(bi::interprocess_mutex).name();
     bool anyFound = false;
@@ -693,8 +973,6 @@ HeaderImage ParseHeader(const void* base, std::size_t size) {
     }
     if (!uniqueOk || !namedOk) {
         SetProblem(h, Verdict::Damaged, walkProblem);
-    } else if (unique.size() != h.uniqueCount || named.size() != h.namedCount) {
-        SetProblem(h, Verdict::Damaged, "its indexes record other counts than they hold");
     }
 
     // Values, copied where present.
@@ -706,7 +984,7 @@ HeaderImage ParseHeader(const void* base, std::size_t size) {
     }
     if (h.objects[OutputHandle].value.present) {
         bytes.Read(h.objects[OutputHandle].value.offset, h.outputHandle);
-        FindOutputBuffer(bytes, h, firstBlock);
+        FindOutputBuffer(bytes, h, firstBlock, knownBlocks);
     }
 
     // Which of the header's parts exist, in the order they are built: the header mutex, the

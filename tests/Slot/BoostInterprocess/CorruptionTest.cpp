@@ -80,8 +80,18 @@ TEST(Corruption, RandomBytesOverAHeaderOrAQueueNeverCrashOrHang) {
     if (const char* text = std::getenv("SLOT_CORRUPTION_CASES")) {
         cases = std::max(1, std::atoi(text));
     }
-    std::mt19937 random(20261123);
-    for (int c = 0; c < cases; ++c) {
+    unsigned seed = 20261123;
+    if (const char* text = std::getenv("SLOT_CORRUPTION_SEED")) {
+        seed = static_cast<unsigned>(std::strtoul(text, nullptr, 10));
+    }
+    // Each case draws from its own generator, so that one case can be run alone.
+    int first = 0;
+    if (const char* text = std::getenv("SLOT_CORRUPTION_FIRST")) {
+        first = std::max(0, std::atoi(text));
+    }
+    for (int c = first; c < first + cases; ++c) {
+        std::seed_seq caseSeed{seed, static_cast<unsigned>(c)};
+        std::mt19937 random(caseSeed);
         testsupport::ScopedSlotName name("corrupt");
         {
             ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
@@ -94,8 +104,8 @@ TEST(Corruption, RandomBytesOverAHeaderOrAQueueNeverCrashOrHang) {
         Scribble(queue ? "queue_" + name.str() : name.str(), random, 1 + c % 4);
         const testsupport::ChildResult result =
             testsupport::RunInChild([&] { return UseSlot(name); }, std::chrono::seconds(30));
-        ASSERT_TRUE(result.Ok()) << "case " << c << " (" << (queue ? "queue" : "header")
-                                 << "): " << result.Describe();
+        ASSERT_TRUE(result.Ok()) << "seed " << seed << ", case " << c << " ("
+                                 << (queue ? "queue" : "header") << "): " << result.Describe();
         SlotFactory::RemoveSlot(name.str());
     }
 }
