@@ -7,6 +7,7 @@
 
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
+#include <Slot/BoostInterprocess/SlotImage.h>
 #include <Slot/SlotFactory.h>
 
 #include <shared/ILockable.h>
@@ -21,8 +22,10 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -108,6 +111,78 @@ TEST(Corruption, RandomBytesOverAHeaderOrAQueueNeverCrashOrHang) {
                                  << (queue ? "queue" : "header") << "): " << result.Describe();
         SlotFactory::RemoveSlot(name.str());
     }
+}
+
+// The bytes of the shared-memory object `name`, and writing them back.
+std::vector<unsigned char> ReadBytes(const std::string& name) {
+    const int fd = ::shm_open(name.c_str(), O_RDONLY, 0);
+    EXPECT_GE(fd, 0) << name;
+    struct stat st;
+    ::fstat(fd, &st);
+    std::vector<unsigned char> bytes(static_cast<size_t>(st.st_size));
+    EXPECT_EQ(st.st_size, ::pread(fd, bytes.data(), bytes.size(), 0));
+    ::close(fd);
+    return bytes;
+}
+
+void WriteBytes(const std::string& name, const std::vector<unsigned char>& bytes) {
+    const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0) << name;
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::pwrite(fd, bytes.data(), bytes.size(), 0));
+    ::close(fd);
+}
+
+// Every 32-bit word of the segment's bookkeeping (all but the output buffer's data) replaced by
+// values that look like sizes, offsets and flags, while the last named object's name is changed,
+// so that opening must construct it again and so allocate through whatever the damage left:
+// no crash, no hang. The words of the segment's own mutexes are left alone (a lock word that a
+// live process seems to hold is waited for, as any lock is).
+TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
+    testsupport::ScopedSlotName name("corrupt");
+    {
+        ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+        slot.GetLockable()->lock();
+        slot.WriteData("block", 5);
+        slot.GetLockable()->unlock();
+    }
+    std::vector<unsigned char> pristine = ReadBytes(name.str());
+    const char condition[] = "cond_on_write";
+    auto found =
+        std::search(pristine.begin(), pristine.end(), condition, condition + sizeof(condition) - 1);
+    ASSERT_NE(pristine.end(), found);
+    found[sizeof(condition) - 2] = 'f';  // same length: the index stays in order
+    const SlotImage::HeaderImage image = SlotImage::ParseHeader(pristine.data(), pristine.size());
+    ASSERT_EQ(SlotImage::Verdict::Unfinished, image.verdict) << image.problem;
+    ASSERT_TRUE(image.outputBuffer.present);
+    auto insideMutex = [&](std::uint64_t at) {
+        for (const SlotImage::Region& mutex :
+             {image.allocatorMutex, image.indexMutex, image.headerMutex}) {
+            if (mutex.present && at + 4 > mutex.offset && at < mutex.offset + mutex.size) {
+                return true;
+            }
+        }
+        return false;
+    };
+    const std::uint32_t values[] = {0, 1, 16, 0x80000002u, 0xfffffff0u};
+    int cases = 0;
+    for (std::uint64_t at = image.managerOffset; at + 4 <= pristine.size(); at += 4) {
+        const bool data = at + 4 > image.outputBuffer.offset &&
+                          at < image.outputBuffer.offset + image.outputBuffer.size;
+        if (data || insideMutex(at)) {
+            continue;
+        }
+        for (std::uint32_t value : values) {
+            std::vector<unsigned char> bytes = pristine;
+            std::memcpy(&bytes[at], &value, sizeof(value));
+            WriteBytes(name.str(), bytes);
+            const testsupport::ChildResult result =
+                testsupport::RunInChild([&] { return UseSlot(name); }, std::chrono::seconds(30));
+            ASSERT_TRUE(result.Ok())
+                << "word at " << at << " = " << value << ": " << result.Describe();
+            ++cases;
+        }
+    }
+    EXPECT_GT(cases, 100);
 }
 
 }  // namespace
