@@ -68,10 +68,15 @@ ToolSlotConfig ResolveSlot(const Arguments& arguments, const std::string& name) 
         const SlotReport report = SlotSurvey::InspectSlot(name);
         RefuseUnusable(report.header);
         RefuseUnusable(report.queue);
-        if (report.state == SlotState::DeadHolder) {
-            throw CommandError(ExitFailure, Quote(name) +
-                                                " cannot be used: " + Printable(report.detail) +
-                                                "; remove the slot with slotctl rm");
+        // The library repairs a header or queue mutex whose holder died when it next takes it
+        // (with an ERROR line naming the slot), so such a slot is used, not refused. The
+        // segment's own allocator and index mutexes are not robust: nothing repairs those.
+        for (const SlotLockReport& lock : report.heldLocks) {
+            if (lock.HolderDead() && lock.lock != "header mutex" && lock.lock != "queue mutex") {
+                throw CommandError(ExitFailure, Quote(name) +
+                                                    " cannot be used: " + Printable(report.detail) +
+                                                    "; remove the slot with slotctl rm");
+            }
         }
         if (report.queue.state == SlotPartState::Ok) {
             existingMaxSize = static_cast<size_t>(report.queue.maxBlockSize);
