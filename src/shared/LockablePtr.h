@@ -32,17 +32,20 @@ public:
 
     // Set before the lockable is shared between threads.
     void SetOwnerDeadRepair(const OwnerDeadRepair& repair) { repair_ = repair; }
+    // What lock() may learn about a holder it waits for (see LockRecovering).
+    void SetLockWatch(const LockWatch& watch) { watch_ = watch; }
 
     void lock() override {
         if (mutex_ != nullptr) {
-            LockRecovering(NativeMutex(mutex_), repair_);
+            LockRecovering(NativeMutex(mutex_), repair_, &watch_);
         }
     }
     bool try_lock() override {
         return mutex_ != nullptr && TryLockRecovering(NativeMutex(mutex_), repair_);
     }
     bool timed_lock(const boost::posix_time::ptime& absTime) override {
-        return mutex_ != nullptr && TimedLockRecovering(NativeMutex(mutex_), absTime, repair_);
+        return mutex_ != nullptr &&
+               TimedLockRecovering(NativeMutex(mutex_), absTime, repair_, &watch_);
     }
     void unlock() override {
         if (mutex_ != nullptr) {
@@ -53,6 +56,7 @@ public:
 private:
     Mutex* mutex_;
     OwnerDeadRepair repair_;
+    LockWatch watch_;
 };
 
 }  // namespace shared

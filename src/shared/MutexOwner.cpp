@@ -56,4 +56,39 @@ pid_t ProcessOfThread(pid_t tid) {
     return zombie ? 0 : pid;
 }
 
+int ProcessMapsFile(pid_t pid, const std::string& path) {
+    if (pid <= 0) {
+        return -1;
+    }
+    FILE* maps = std::fopen(("/proc/" + std::to_string(pid) + "/maps").c_str(), "re");
+    if (maps == nullptr) {
+        return -1;
+    }
+    // Each line ends with the mapped file's path, " (deleted)" added once it was unlinked.
+    const std::string deleted = path + " (deleted)";
+    auto endsWith = [](const std::string& line, const std::string& end) {
+        return line.size() > end.size() && line[line.size() - end.size() - 1] == ' ' &&
+               line.compare(line.size() - end.size(), end.size(), end) == 0;
+    };
+    int found = 0;
+    bool read = false;
+    std::string line;
+    char chunk[512];
+    while (std::fgets(chunk, sizeof chunk, maps) != nullptr) {
+        read = true;
+        line += chunk;
+        if (line.empty() || line.back() != '\n') {
+            continue;
+        }
+        line.pop_back();
+        if (endsWith(line, path) || endsWith(line, deleted)) {
+            found = 1;
+            break;
+        }
+        line.clear();
+    }
+    std::fclose(maps);
+    return read ? found : -1;
+}
+
 }  // namespace shared

@@ -1,11 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <shared/RobustMutex.h>
 
+#include <shared/ManagedObject.h>
+#include <shared/MutexOwner.h>
+#include <shared/UtcClock.h>
+
 #include <boost/interprocess/exceptions.hpp>
 
+#include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <limits>
 
@@ -84,21 +90,6 @@ void InitSharedMutex(pthread_mutex_t* mutex) {
     InitMutex(mutex, false);
 }
 
-void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair) {
-    // glibc replaces the recorded owner when it hands out a mutex whose owner died, so the dead
-    // holder's id can only be read before locking. One relaxed load.
-    const pid_t previous = RecordedOwner(mutex);
-    const int rc = pthread_mutex_lock(mutex);
-    if (rc == 0) {
-        return;
-    }
-    if (rc == EOWNERDEAD) {
-        Recover(mutex, previous, repair);
-        return;
-    }
-    ThrowLockError(rc);
-}
-
 namespace {
 
 // The end of a lock attempt: true when this thread now holds the mutex (repaired first when its
@@ -121,15 +112,98 @@ bool Acquired(int rc, int failure, pthread_mutex_t* mutex, pid_t previous,
 
 }  // namespace
 
+namespace {
+
+// glibc's __kind of a process-shared robust normal mutex, as InitRobustMutex makes it.
+int RobustKind() {
+    static const int kind = [] {
+        pthread_mutex_t probe;
+        InitRobustMutex(&probe);
+        const int k = probe.__data.__kind;
+        pthread_mutex_destroy(&probe);
+        return k;
+    }();
+    return kind;
+}
+
+// How long a contended locker waits between two looks at the lock word.
+const boost::posix_time::milliseconds LockSlice(100);
+
+}  // namespace
+
+std::string RobustLockDamage(const pthread_mutex_t* mutex) {
+    const int kind = __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED);
+    const unsigned word =
+        static_cast<unsigned>(__atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED));
+    if (kind != RobustKind()) {
+        return "is not a robust lock (kind " + std::to_string(kind) + ")";
+    }
+    if (word == 0 || (word & FUTEX_OWNER_DIED) != 0) {
+        return std::string();  // free, or the next locker gets EOWNERDEAD
+    }
+    // A robust mutex keeps its holder's thread id in the lock word itself.
+    const pid_t owner = static_cast<pid_t>(word & FUTEX_TID_MASK);
+    if (owner == 0) {
+        return "word " + std::to_string(word) + " names no holder";
+    }
+    if (ProcessOfThread(owner) == 0) {
+        // The kernel marks the owner dead when a holder exits; this word was written otherwise.
+        return "is held by thread " + std::to_string(owner) +
+               ", which does not exist, without being marked as left by a dead holder";
+    }
+    return std::string();
+}
+
+void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const LockWatch* watch) {
+    // glibc replaces the recorded owner when it hands out a mutex whose owner died, so the dead
+    // holder's id can only be read before locking. One relaxed load.
+    const pid_t previous = RecordedOwner(mutex);
+    if (Acquired(pthread_mutex_trylock(mutex), EBUSY, mutex, previous, repair)) {
+        return;
+    }
+    const std::chrono::milliseconds limit = CreationWaitLimit();
+    bool damaged = false;
+    std::chrono::steady_clock::time_point damagedSince;
+    for (;;) {
+        if (TimedLockRecovering(mutex, UtcNow() + LockSlice, repair)) {
+            return;
+        }
+        std::string why = RobustLockDamage(mutex);
+        if (why.empty() && watch != nullptr && watch->holderCheck) {
+            const unsigned word =
+                static_cast<unsigned>(__atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED));
+            const pid_t owner = static_cast<pid_t>(word & FUTEX_TID_MASK);
+            if (owner != 0) {
+                why = watch->holderCheck(owner);
+            }
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (why.empty()) {
+            damaged = false;
+            continue;
+        }
+        if (!damaged) {
+            damaged = true;
+            damagedSince = now;
+        } else if (now - damagedSince >= limit) {
+            why += " for more than " + std::to_string(limit.count()) + " ms";
+            if (watch != nullptr && watch->giveUp) {
+                watch->giveUp(why);
+            }
+            throw boost::interprocess::interprocess_exception(("the lock " + why).c_str());
+        }
+    }
+}
+
 bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair) {
     const pid_t previous = RecordedOwner(mutex);
     return Acquired(pthread_mutex_trylock(mutex), EBUSY, mutex, previous, repair);
 }
 
 bool TimedLockRecovering(pthread_mutex_t* mutex, const boost::posix_time::ptime& deadline,
-                         const OwnerDeadRepair& repair) {
+                         const OwnerDeadRepair& repair, const LockWatch* watch) {
     if (deadline.is_pos_infinity()) {
-        LockRecovering(mutex, repair);
+        LockRecovering(mutex, repair, watch);
         return true;
     }
     const pid_t previous = RecordedOwner(mutex);

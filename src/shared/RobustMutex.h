@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <string>
 
 namespace shared {
 
@@ -39,14 +40,36 @@ SHARED_EXPORT void InitRobustMutex(pthread_mutex_t* mutex);
 // Boost's interprocess_mutex constructor makes.
 SHARED_EXPORT void InitSharedMutex(pthread_mutex_t* mutex);
 
-// Blocking lock. Throws boost::interprocess::lock_exception when the system refuses.
-SHARED_EXPORT void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair);
+// What a blocking locker may learn about the holder of a mutex it has waited for, from the
+// mutex's user (which knows what the mutex guards).
+struct LockWatch {
+    // Empty when the live thread `owner`, recorded in the lock word, may really hold the mutex;
+    // otherwise why it cannot (e.g. its process does not map the memory the mutex lives in).
+    std::function<std::string(pid_t owner)> holderCheck;
+    // Told why the lock is given up, just before LockRecovering throws.
+    std::function<void(const std::string& why)> giveUp;
+};
+
+// Blocking lock. Uncontended it is one trylock. Contended it waits in slices and, between them,
+// looks at the lock word: a word that no live holder can leave (owned by a thread that no longer
+// exists although the kernel did not mark the owner dead, waiters flagged without an owner, not
+// a robust mutex at all) or a holder that `watch` rejects is a damaged lock. When that persists
+// for CreationWaitLimit() (2 s by default) the lock is given up: watch->giveUp is told, and
+// boost::interprocess::interprocess_exception("the lock <why>") is thrown. A live, plausible
+// holder is waited for as long as it holds the mutex. Throws
+// boost::interprocess::lock_exception when the system refuses.
+SHARED_EXPORT void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair,
+                                  const LockWatch* watch = nullptr);
+// Why the robust mutex `mutex` cannot be released by a live holder, or empty (see
+// LockRecovering). A snapshot of the word; for tests and diagnostics.
+SHARED_EXPORT std::string RobustLockDamage(const pthread_mutex_t* mutex);
 // One attempt: true when acquired, false when someone holds it.
 SHARED_EXPORT bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair);
-// Until the absolute UTC time `deadline` (pos_infin: no deadline). False when it passed.
+// Until the absolute UTC time `deadline` (pos_infin: LockRecovering). False when it passed.
 SHARED_EXPORT bool TimedLockRecovering(pthread_mutex_t* mutex,
                                        const boost::posix_time::ptime& deadline,
-                                       const OwnerDeadRepair& repair);
+                                       const OwnerDeadRepair& repair,
+                                       const LockWatch* watch = nullptr);
 // Never throws (it runs in destructors); unlocking a mutex the caller does not hold does nothing.
 SHARED_EXPORT void UnlockRobust(pthread_mutex_t* mutex);
 

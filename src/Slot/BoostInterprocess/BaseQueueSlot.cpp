@@ -3,6 +3,7 @@
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 #include <Slot/BoostInterprocess/QueueGuard.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
+#include <Slot/SlotSurvey.h>
 
 #include <shared/CrashPoint.h>
 #include <shared/InterprocConditionPack.h>
@@ -113,6 +114,7 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
             shared::DestroySharedMemory);
         lockable_.Bind(segment_->GetMutex());
         lockable_.SetOwnerDeadRepair([this](pid_t dead) { RepairAfterDeadHolder(dead); });
+        lockable_.SetLockWatch(HeaderLockWatch());
         if (logger_->isTraceEnabled()) {
             LOG4CXX_TRACE(logger_, "Created shared memory and queue for '" << name_ << "'");
         }
@@ -470,6 +472,30 @@ void BaseQueueSlot::CrashInsideQueue(const char* name) {
         pthread_mutex_lock(queueGuard_->Mutex());
         shared::KillThisProcess();
     }
+}
+
+shared::LockWatch BaseQueueSlot::HeaderLockWatch() const {
+    shared::LockWatch watch;
+    // Whoever holds the header mutex has the segment mapped: a live owner whose process does not
+    // is a word that damage wrote.
+    const std::string path = SlotSurvey::ShmPath(name_);
+    watch.holderCheck = [path](pid_t owner) {
+        const pid_t process = shared::ProcessOfThread(owner);
+        if (process != 0 && shared::ProcessMapsFile(process, path) == 0) {
+            return "is held by thread " + std::to_string(owner) + " of process " +
+                   std::to_string(process) + ", which does not map " + path;
+        }
+        return std::string();
+    };
+    const log4cxx::LoggerPtr logger = logger_;
+    const std::string name = name_;
+    watch.giveUp = [logger, name](const std::string& why) {
+        if (logger->isErrorEnabled()) {
+            LOG4CXX_ERROR(logger, "Slot '" << name << "' : its header lock " << why
+                                           << "; the lock is damaged, giving up");
+        }
+    };
+    return watch;
 }
 
 void BaseQueueSlot::RepairAfterDeadHolder(pid_t deadThread) {

@@ -187,6 +187,9 @@ private:
     // Run by whoever locks the header mutex after its holder died, before the mutex is marked
     // consistent: makes the header consistent again and checks the queue.
     void RepairAfterDeadHolder(pid_t deadThread);
+    // What a blocked lock() checks about the header mutex's holder, and its ERROR line when it
+    // gives up on a damaged lock word.
+    shared::LockWatch HeaderLockWatch() const;
     // Throws boost::interprocess::interprocess_exception when the header segment's bytes are
     // damaged or foreign (called under the header lock, before Boost walks its index).
     void CheckHeaderSegment() const;

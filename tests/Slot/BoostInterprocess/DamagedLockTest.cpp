@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: Apache-2.0
+// A slot that is already open whose header mutex word gets overwritten: a lock() waits a bounded
+// time, then fails with an ERROR line naming the slot and the state, instead of blocking for
+// ever. A live holder that really holds the lock is still waited for, however long. Every
+// waiting step runs in a child under a watchdog.
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "ShmHygiene.h"
+
+#include <Slot/BoostInterprocess/ReliableSlot.h>
+#include <Slot/BoostInterprocess/SlotImage.h>
+
+#include <shared/ILockable.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+using boost::interprocess::open_or_create;
+using testsupport::ChildProcess;
+using testsupport::ChildResult;
+using testsupport::LogCapture;
+using testsupport::PipeSignal;
+using testsupport::RunInChild;
+using testsupport::ScopedSlotName;
+
+int Failed(int code, const std::string& what) {
+    std::fprintf(stderr, "%s\n", what.c_str());
+    return code;
+}
+
+// The header mutex's lock word of the slot `name`, in a mapping of our own.
+class LockWord {
+public:
+    explicit LockWord(const std::string& name) {
+        const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
+        EXPECT_GE(fd, 0);
+        struct stat st;
+        ::fstat(fd, &st);
+        size_ = static_cast<size_t>(st.st_size);
+        base_ = ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        ::close(fd);
+        EXPECT_NE(MAP_FAILED, base_);
+        const SlotImage::HeaderImage image = SlotImage::ParseHeader(base_, size_);
+        EXPECT_TRUE(image.headerMutex.present);
+        word_ = reinterpret_cast<int*>(static_cast<char*>(base_) + image.headerMutex.offset +
+                                       offsetof(pthread_mutex_t, __data.__lock));
+    }
+    ~LockWord() { ::munmap(base_, size_); }
+
+    void Set(unsigned value) { __atomic_store_n(word_, static_cast<int>(value), __ATOMIC_SEQ_CST); }
+
+private:
+    void* base_ = nullptr;
+    size_t size_ = 0;
+    int* word_ = nullptr;
+};
+
+// In a child: lock() on the damaged lock must fail within a few bounds, with an ERROR line that
+// names the slot and `state`.
+ChildResult ExpectLockGivesUp(ReliableSlot& slot, const std::string& name,
+                              const std::string& state) {
+    return RunInChild(
+        [&] {
+            ::setenv("SLOT_CREATION_WAIT_MS", "300", 1);
+            LogCapture log("Slot");
+            const auto start = std::chrono::steady_clock::now();
+            try {
+                slot.GetLockable()->lock();
+                return Failed(11, "lock() succeeded on a damaged lock word");
+            } catch (const boost::interprocess::interprocess_exception& e) {
+                if (std::string(e.what()).find(state) == std::string::npos) {
+                    return Failed(12, std::string("exception: ") + e.what());
+                }
+            }
+            if (std::chrono::steady_clock::now() - start > std::chrono::seconds(15)) {
+                return Failed(13, "gave up far later than the bound");
+            }
+            const std::string expected = "Slot '" + name + "' : its header lock ";
+            for (const std::string& m : log.Messages("ERROR")) {
+                if (m.compare(0, expected.size(), expected) == 0 &&
+                    m.find(state) != std::string::npos &&
+                    m.find("; the lock is damaged, giving up") != std::string::npos) {
+                    return 0;
+                }
+            }
+            return Failed(14, "no ERROR line '" + expected + "..." + state + "'");
+        },
+        std::chrono::seconds(60));
+}
+
+TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired) {
+    ScopedSlotName name("damagedlock");
+    ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+    slot.GetLockable()->lock();
+    slot.WriteData("one", 3);
+    slot.WriteData("two", 3);
+    slot.GetLockable()->unlock();
+    LockWord word(name.str());
+
+    // A live process that does not map the slot: an exec'ed sleep.
+    const pid_t foreign = ::fork();
+    ASSERT_GE(foreign, 0);
+    if (foreign == 0) {
+        ::execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    // A thread id that no longer exists: a child that has been reaped.
+    const pid_t gone = ::fork();
+    ASSERT_GE(gone, 0);
+    if (gone == 0) {
+        ::_exit(0);
+    }
+    ::waitpid(gone, nullptr, 0);
+
+    struct Case {
+        unsigned value;
+        std::string state;
+    } cases[] = {
+        {static_cast<unsigned>(foreign), "is held by thread " + std::to_string(foreign) +
+                                             " of process " + std::to_string(foreign) +
+                                             ", which does not map /dev/shm/" + name.str()},
+        {static_cast<unsigned>(gone) | FUTEX_WAITERS,
+         "is held by thread " + std::to_string(gone) + ", which does not exist"},
+        {FUTEX_WAITERS, "names no holder"},
+    };
+    for (const Case& c : cases) {
+        word.Set(c.value);
+        const ChildResult result = ExpectLockGivesUp(slot, name.str(), c.state);
+        EXPECT_TRUE(result.Ok()) << c.state << ": " << result.Describe();
+    }
+    ::kill(foreign, SIGKILL);
+    ::waitpid(foreign, nullptr, 0);
+
+    // Repaired by hand, the slot has kept both blocks.
+    word.Set(0);
+    slot.GetLockable()->lock();
+    EXPECT_EQ(2u, slot.GetBufferLength());
+    char buffer[64];
+    EXPECT_EQ(3u, slot.ReadData(buffer, sizeof(buffer)));
+    EXPECT_EQ(0, std::memcmp(buffer, "one", 3));
+    slot.GetLockable()->unlock();
+}
+
+TEST(DamagedHeaderLock, ALiveHolderIsWaitedForBeyondTheBound) {
+    ScopedSlotName name("heldlong");
+    ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+    PipeSignal locked;
+    ChildProcess holder([&] {
+        slot.GetLockable()->lock();
+        locked.Post();
+        // Four times the bound the waiter uses below.
+        ::usleep(1200 * 1000);
+        slot.GetLockable()->unlock();
+        return 0;
+    });
+    ASSERT_TRUE(locked.WaitFor()) << holder.Wait().Describe();
+    const ChildResult waiter = RunInChild([&] {
+        ::setenv("SLOT_CREATION_WAIT_MS", "300", 1);
+        try {
+            slot.GetLockable()->lock();
+        } catch (const std::exception& e) {
+            return Failed(11, std::string("a live holder was given up on: ") + e.what());
+        }
+        slot.GetLockable()->unlock();
+        return 0;
+    });
+    EXPECT_TRUE(waiter.Ok()) << waiter.Describe();
+    EXPECT_TRUE(holder.Wait().Ok());
+}
+
+}  // namespace
