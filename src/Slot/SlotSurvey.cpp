@@ -257,8 +257,10 @@ void Decide(SlotReport& report) {
         if (lock.HolderDead()) {
             report.state = SlotState::DeadHolder;
             report.deadHolder = lock.thread;
-            report.detail = "its " + lock.lock + " is held by pid " + std::to_string(lock.thread) +
-                            ", which no longer exists";
+            // A dead thread's process cannot be told any more: the lock records only the thread
+            // id, which is the process id of a single-threaded (or main-thread) holder.
+            report.detail = "its " + lock.lock + " is held by thread " +
+                            std::to_string(lock.thread) + ", which no longer exists";
             return;
         }
     }
