@@ -16,7 +16,7 @@
 //
 // Only processes whose /proc entries this process may read are seen: as an ordinary user, other
 // users' processes are counted in `unreadable` instead. The answer is a snapshot.
-struct SlotAttachment {
+struct SLOT_EXPORT SlotAttachment {
     pid_t pid = 0;
     uid_t uid = 0;
     std::string command;  // its command line, arguments separated by spaces (its name when
