@@ -84,9 +84,10 @@ int Watch(const std::vector<std::string>& args, bool bandwidth) {
             1000;
         const WaitResult wait =
             WaitReadableOrStop(-1, static_cast<int>(std::max<std::int64_t>(0, waitMs)));
-        if (wait == WaitResult::Stopped) {
+        // Stopped: the writes since the last window are still counted and shown.
+        const bool stopped = wait == WaitResult::Stopped;
+        if (stopped) {
             status = ExitInterrupted;
-            break;
         }
         const SlotActivitySample now = SlotActivity::Sample(name, false);
         const Clock::time_point at = Clock::now();
@@ -128,7 +129,7 @@ int Watch(const std::vector<std::string>& args, bool bandwidth) {
             }
         }
         std::cout << line << std::endl;
-        if (at >= end) {
+        if (stopped || at >= end) {
             break;
         }
     }
