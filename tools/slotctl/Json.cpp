@@ -34,8 +34,22 @@ std::string DumpJson(const nlohmann::ordered_json& value) {
     out.reserve(dumped.size());
     // Outside strings the dump is ASCII, so DEL and the two-byte C1 sequences (C2 80..C2 9F)
     // can only be characters inside strings.
+    // Outside strings a ", " and ": " separate, as slotctl always printed them.
+    bool inString = false;
     for (size_t i = 0; i < dumped.size(); ++i) {
         const unsigned char c = static_cast<unsigned char>(dumped[i]);
+        if (inString && c == '\\') {
+            out += dumped.substr(i, 2);  // an escape: its second byte is never special
+            ++i;
+            continue;
+        }
+        if (c == '"') {
+            inString = !inString;
+        } else if (!inString && (c == ',' || c == ':')) {
+            out += static_cast<char>(c);
+            out += ' ';
+            continue;
+        }
         const unsigned char next =
             i + 1 < dumped.size() ? static_cast<unsigned char>(dumped[i + 1]) : 0;
         char escaped[8];

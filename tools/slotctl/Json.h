@@ -29,7 +29,7 @@ public:
     Json& Bool(bool value);
     Json& Null();
 
-    // The whole document, compact, on one line.
+    // The whole document on one line.
     std::string Text() const;
 
 private:
@@ -43,8 +43,8 @@ private:
 // `text` as valid UTF-8: each byte that starts no valid sequence becomes the text \xNN.
 std::string JsonText(const std::string& text);
 
-// `value` dumped compact, with DEL and C1 control characters escaped as \u00XX too (nlohmann
-// escapes only C0 ones).
+// `value` on one line with ", " and ": " between items, and DEL and C1 control characters
+// escaped as \u00XX too (nlohmann escapes only C0 ones).
 std::string DumpJson(const nlohmann::ordered_json& value);
 
 }  // namespace slotctl
