@@ -66,6 +66,8 @@ contains "${debs[1]}" '\./usr/lib/pkgconfig/slot\.pc$'
 contains "${debs[1]}" '\./usr/lib/cmake/Slot/SlotConfig\.cmake$'
 contains "${debs[1]}" '\./usr/include/Slot/Version\.h$'
 contains "${debs[2]}" '\./usr/bin/slotctl$'
+contains "${debs[2]}" '\./usr/share/man/man1/slotctl\.1\.gz$'
+contains "${debs[2]}" '\./usr/share/bash-completion/completions/slotctl$'
 
 step "dpkg -i"
 installed=1
@@ -88,4 +90,10 @@ g++ -std=c++17 "$consumer/main.cpp" $flags -o "$work/pc-consumer"
 step "slotctl"
 /usr/bin/slotctl --version
 /usr/bin/slotctl ls > /dev/null
+# The manual page reads, and the completion completes from the installed files.
+gzip -dc /usr/share/man/man1/slotctl.1.gz | grep -q '^\.TH SLOTCTL 1' \
+    || { echo "slotctl.1.gz is not the manual page"; exit 1; }
+completed=$(bash -c 'source /usr/share/bash-completion/completions/slotctl
+    COMP_WORDS=(slotctl pe); COMP_CWORD=1; _slotctl; echo "${COMPREPLY[*]}"')
+[[ "$completed" == peek ]] || { echo "completion of 'slotctl pe' gave '$completed'"; exit 1; }
 echo "Debian packages ok"

@@ -70,6 +70,13 @@ if [[ -x "$prefix/bin/slotctl" ]]; then  # built unless SLOT_BUILD_TOOLS is off
     version=$("$prefix/bin/slotctl" --version)
     [[ "$version" =~ ^slotctl\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || { echo "slotctl --version: $version"; exit 1; }
     "$prefix/bin/slotctl" ls > /dev/null
+    # Installed with the tool: the manual page and the bash completion.
+    gzip -dc "$prefix/share/man/man1/slotctl.1.gz" | grep -q '^\.TH SLOTCTL 1' \
+        || { echo "no slotctl manual page in $prefix/share/man/man1"; exit 1; }
+    completed=$(bash -c 'source "$1"; COMP_WORDS=(slotctl rm --f); COMP_CWORD=2; _slotctl
+        echo "${COMPREPLY[*]}"' _ "$prefix/share/bash-completion/completions/slotctl")
+    [[ "$completed" == --force ]] \
+        || { echo "completion of 'slotctl rm --f' gave '$completed'"; exit 1; }
 fi
 
 step "moved installation"

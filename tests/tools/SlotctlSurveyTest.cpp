@@ -192,7 +192,7 @@ TEST(SlotctlNames, ControlCharactersAndInvalidUtf8AreEscapedEverywhere) {
         std::string shown;      // in tables and messages
         std::string shownJson;  // inside a JSON string
     } cases[] = {
-        {"nl\nx", "nl\\x0ax", "nl\\u000ax"},
+        {"nl\nx", "nl\\x0ax", "nl\\nx"},
         {"esc\x1b[31mred\x1b[0m", "esc\\x1b[31mred\\x1b[0m", "esc\\u001b[31mred\\u001b[0m"},
         {"c1\xc2\x9b"
          "2J",

@@ -5,10 +5,14 @@
 #include "Json.h"
 #include "Names.h"
 
+#include <Slot/SlotAttachments.h>
 #include <Slot/SlotSurvey.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
@@ -75,6 +79,65 @@ std::string LastWriteText(const SlotReport& report) {
         return "-";
     }
     return FormatTime(report.header.lastWrite);
+}
+
+// The part that tells the slot's owner and age: the header segment, else the queue; nullptr for
+// a FIFO alone.
+const SlotPartReport* MainPart(const SlotReport& report) {
+    if (report.header.state != SlotPartState::Absent) {
+        return &report.header;
+    }
+    if (report.queue.state != SlotPartState::Absent) {
+        return &report.queue;
+    }
+    return nullptr;
+}
+
+// Owner uid and age of the slot (its header's, or its queue's, or its FIFO's); false when
+// unknown.
+bool OwnerAndAge(const SlotReport& report, uid_t& owner, double& age) {
+    if (const SlotPartReport* part = MainPart(report)) {
+        owner = part->owner;
+        age = part->ageSeconds;
+        return true;
+    }
+    struct stat st;
+    if (!report.pipePath.empty() && ::lstat(report.pipePath.c_str(), &st) == 0) {
+        owner = st.st_uid;
+        timespec now;
+        ::clock_gettime(CLOCK_REALTIME, &now);
+        age = static_cast<double>(now.tv_sec - st.st_ctim.tv_sec);
+        return true;
+    }
+    return false;
+}
+
+std::string UserName(uid_t uid) {
+    struct passwd entry;
+    struct passwd* found = nullptr;
+    char buffer[4096];
+    if (::getpwuid_r(uid, &entry, buffer, sizeof(buffer), &found) == 0 && found != nullptr) {
+        return Printable(found->pw_name);
+    }
+    return std::to_string(uid);
+}
+
+// "12s", "5m", "3h", "2d": since the object was made (its status change time).
+std::string AgeText(double seconds) {
+    if (seconds < 0) {
+        return "-";
+    }
+    const auto s = static_cast<std::uint64_t>(seconds);
+    if (s < 120) {
+        return std::to_string(s) + "s";
+    }
+    if (s < 7200) {
+        return std::to_string(s / 60) + "m";
+    }
+    if (s < 172800) {
+        return std::to_string(s / 3600) + "h";
+    }
+    return std::to_string(s / 86400) + "d";
 }
 
 // What a held lock means, for the NOTE column and for info.
@@ -145,6 +208,15 @@ void AddSummary(Json& json, const SlotReport& report) {
     json.Key("pipe");
     report.pipePath.empty() ? json.Null() : json.String(report.pipePath);
     AddHolder(json, report);
+    uid_t owner = 0;
+    double age = -1;
+    const bool known = OwnerAndAge(report, owner, age);
+    json.Key("owner");
+    known ? json.String(UserName(owner)) : json.Null();
+    json.Key("uid");
+    known ? json.Number(owner) : json.Null();
+    json.Key("age_seconds");
+    known&& age >= 0 ? json.Number(static_cast<std::uint64_t>(age)) : json.Null();
     json.Key("detail");
     report.detail.empty() ? json.Null() : json.String(report.detail);
 }
@@ -193,6 +265,21 @@ std::string InfoJson(const SlotReport& report) {
         json.EndObject();
     }
     json.EndArray();
+    const SlotAttachmentList attached = SlotAttachments::Find(report.name, report.pipePath);
+    json.Key("attached").BeginArray();
+    for (const SlotAttachment& process : attached.processes) {
+        json.BeginObject();
+        json.Key("pid").SignedNumber(process.pid);
+        json.Key("uid").Number(process.uid);
+        json.Key("command").String(process.command);
+        json.Key("header").Bool(process.header);
+        json.Key("queue").Bool(process.queue);
+        json.Key("pipe").Bool(process.pipe);
+        json.Key("reader").Bool(process.reader);
+        json.EndObject();
+    }
+    json.EndArray();
+    json.Key("unreadable_processes").Number(attached.unreadable);
     json.EndObject();
     return json.Text();
 }
@@ -266,6 +353,26 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
     if (!report.pipePath.empty()) {
         out << "  " << Padded("named pipe", 16) << Printable(report.pipePath) << "\n";
     }
+    uid_t owner = 0;
+    double age = -1;
+    if (OwnerAndAge(report, owner, age)) {
+        out << "  " << Padded("owner", 16) << UserName(owner) << " (uid " << owner << ")\n";
+        out << "  " << Padded("age", 16) << AgeText(age) << "\n";
+    }
+    const SlotAttachmentList attached = SlotAttachments::Find(report.name, report.pipePath);
+    out << "  " << Padded("attached", 16) << attached.processes.size()
+        << (attached.processes.size() == 1 ? " process" : " processes");
+    if (attached.unreadable != 0) {
+        out << " (" << attached.unreadable
+            << (attached.unreadable == 1 ? " other process" : " other processes")
+            << " could not be looked at)";
+    }
+    out << "\n";
+    for (const SlotAttachment& process : attached.processes) {
+        out << "    " << RightAligned(std::to_string(process.pid), 7) << "  "
+            << Padded(UserName(process.uid), 8) << "  " << Padded(process.What(), 26) << "  "
+            << Printable(process.command.substr(0, 200)) << "\n";
+    }
     if (!report.HasSharedMemory()) {
         return;
     }
@@ -334,11 +441,15 @@ int RunList(const Context&, const std::vector<std::string>& args) {
     std::ostringstream out;
     out << Padded("NAME", nameWidth) << "  " << Padded("KIND", 10) << "  " << Padded("STATE", 11)
         << "  " << RightAligned("MAX BLOCK", 9) << "  " << RightAligned("WAITING", 11) << "  "
-        << Padded("LAST WRITE", 27) << "  " << Padded("READER", 10) << "  NOTE\n";
+        << Padded("LAST WRITE", 27) << "  " << Padded("OWNER", 8) << "  " << RightAligned("AGE", 4)
+        << "  " << Padded("READER", 10) << "  NOTE\n";
     for (const SlotReport& report : reports) {
         const bool queueKnown = QueueKnown(report);
         const std::string kind = KindWord(report);
         const std::string note = NoteText(report);
+        uid_t owner = 0;
+        double age = -1;
+        const bool ownerKnown = OwnerAndAge(report, owner, age);
         std::string line =
             Padded(Printable(report.name), nameWidth) + "  " +
             Padded(kind.empty() ? "-" : kind, 10) + "  " + Padded(StateWord(report), 11) + "  " +
@@ -348,6 +459,8 @@ int RunList(const Context&, const std::vector<std::string>& args) {
                                     : "-",
                          11) +
             "  " + Padded(LastWriteText(report), 27) + "  " +
+            Padded(ownerKnown ? UserName(owner) : "-", 8) + "  " +
+            RightAligned(ownerKnown ? AgeText(age) : "-", 4) + "  " +
             (note.empty() ? ReaderText(report) : Padded(ReaderText(report), 10) + "  " + note);
         out << line << "\n";
     }

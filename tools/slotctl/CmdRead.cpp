@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // slotctl read: subscribes to a reader made by the factory and prints each block.
+#include "BlockFormat.h"
 #include "Cli.h"
 #include "Commands.h"
 #include "Signals.h"
@@ -11,6 +12,8 @@
 #include <FileUtils/FSUtils.h>
 #include <shared/FileLock.h>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
+
 #include <fcntl.h>
 #include <unistd.h>
 #include <cerrno>
@@ -19,10 +22,14 @@
 #include <deque>
 #include <iostream>
 #include <mutex>
+#include <utility>
 
 namespace slotctl {
 
 namespace {
+
+// A block and when it arrived.
+typedef std::pair<std::string, boost::posix_time::ptime> Block;
 
 // Runs on the reader's thread: copies each block and wakes the main thread, which prints.
 // Printing stays on the main thread so that a slow or closed standard output never holds up
@@ -42,7 +49,8 @@ public:
     void onNotify(const std::string&, const void* data, size_t size) override {
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            blocks_.emplace_back(static_cast<const char*>(data), size);
+            blocks_.emplace_back(std::string(static_cast<const char*>(data), size),
+                                 boost::posix_time::microsec_clock::universal_time());
         }
         const char byte = 1;
         // A full wake-up pipe already holds a wake-up.
@@ -52,12 +60,12 @@ public:
 
     int WakeFd() const { return wake_[0]; }
 
-    std::deque<std::string> Take() {
+    std::deque<Block> Take() {
         char drain[256];
         while (::read(wake_[0], drain, sizeof(drain)) > 0) {
         }
         std::lock_guard<std::mutex> lock(mutex_);
-        std::deque<std::string> taken;
+        std::deque<Block> taken;
         taken.swap(blocks_);
         return taken;
     }
@@ -65,58 +73,8 @@ public:
 private:
     int wake_[2];
     std::mutex mutex_;
-    std::deque<std::string> blocks_;  // guarded by mutex_
+    std::deque<Block> blocks_;  // guarded by mutex_
 };
-
-std::string TextLine(const std::string& block) {
-    std::string line = std::to_string(block.size()) + " bytes: ";
-    for (char c : block) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        switch (c) {
-            case '\n':
-                line += "\\n";
-                break;
-            case '\t':
-                line += "\\t";
-                break;
-            case '\r':
-                line += "\\r";
-                break;
-            case '\\':
-                line += "\\\\";
-                break;
-            default:
-                if (u < 0x20 || u == 0x7f) {
-                    char hex[8];
-                    std::snprintf(hex, sizeof(hex), "\\x%02x", u);
-                    line += hex;
-                } else {
-                    line += c;
-                }
-        }
-    }
-    return line + "\n";
-}
-
-std::string HexLines(const std::string& block) {
-    std::string out = std::to_string(block.size()) + " bytes:\n";
-    for (size_t offset = 0; offset < block.size(); offset += 16) {
-        char line[128];
-        int n = std::snprintf(line, sizeof(line), "  %06zx ", offset);
-        std::string ascii;
-        for (size_t i = offset; i < offset + 16; ++i) {
-            if (i < block.size()) {
-                const unsigned char u = static_cast<unsigned char>(block[i]);
-                n += std::snprintf(line + n, sizeof(line) - static_cast<size_t>(n), " %02x", u);
-                ascii += (u >= 0x20 && u < 0x7f) ? static_cast<char>(u) : '.';
-            } else {
-                n += std::snprintf(line + n, sizeof(line) - static_cast<size_t>(n), "   ");
-            }
-        }
-        out += std::string(line) + "  |" + ascii + "|\n";
-    }
-    return out;
-}
 
 // Writes everything; false when standard output is gone (EPIPE) or fails.
 bool WriteOut(const std::string& bytes) {
@@ -142,8 +100,9 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     arguments.ExpectOperands(1, 1, "one slot name");
     const std::string& name = arguments.Operands()[0];
     const std::string format = arguments.Get("format", "text");
-    if (format != "text" && format != "hex" && format != "raw") {
-        throw UsageError("read: --format must be text, hex or raw, not " + Quote(format));
+    if (!IsBlockFormat(format)) {
+        throw UsageError("read: --format must be text, hex, raw, frames or ndjson, not " +
+                         Quote(format));
     }
     // Blocks to print before ending; 0: no limit.
     const std::uint64_t target =
@@ -191,11 +150,9 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     std::uint64_t printed = 0;
     int status = ExitOk;
     bool outputGone = false;
-    auto print = [&](const std::deque<std::string>& blocks) {
-        for (const std::string& block : blocks) {
-            const std::string out = format == "raw"   ? block
-                                    : format == "hex" ? HexLines(block)
-                                                      : TextLine(block);
+    auto print = [&](const std::deque<Block>& blocks) {
+        for (const Block& block : blocks) {
+            const std::string out = FormatBlock(format, block.first, block.second);
             if (outputGone || !WriteOut(out)) {
                 outputGone = true;  // nobody reads our output any more
                 return;

@@ -4,9 +4,16 @@
 #include "Commands.h"
 #include "Names.h"
 
+#include <Slot/SlotAttachments.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotSurvey.h>
 
+#include <FileUtils/FSUtils.h>
+#include <shared/FileLock.h>
+#include <shared/SharedFolder.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstring>
@@ -37,8 +44,66 @@ std::string StaleWhat(const SlotReport& report) {
     }
 }
 
+// The processes other than this one that use the slot, as "pid 4711 (slotctl read orders)".
+std::vector<std::string> Users(const SlotReport& report) {
+    std::vector<std::string> users;
+    for (const SlotAttachment& process :
+         SlotAttachments::Find(report.name, report.pipePath).processes) {
+        if (process.pid != ::getpid()) {
+            users.push_back("pid " + std::to_string(process.pid) + " (" +
+                            Printable(process.command.substr(0, 80)) + ": " + process.What() + ")");
+        }
+    }
+    return users;
+}
+
+// Removes the reliable reader's lock file of `name` when nobody holds it: a reader that ended
+// leaves it behind. The file is reached through the checked lock folder and unlinked there,
+// never through a link; a held one is left to its reader (noted in `kept`). Returns what was done,
+// for the "removed" line, or "" when there was nothing to do.
+std::string RemoveOrphanLockFile(const std::string& name, std::vector<std::string>& failed,
+                                 std::vector<std::string>& kept) {
+    std::string path;
+    try {
+        path = FileUtils::FSUtils::GetSingletonFileLockName(name);
+    } catch (const std::exception&) {
+        return "";
+    }
+    std::string folder;
+    std::string file;
+    if (!shared::SplitFolderAndName(path, folder, file)) {
+        return "";
+    }
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0) {
+        return "";  // no lock file (or no lock folder): nothing left behind
+    }
+    if (!S_ISREG(st.st_mode)) {
+        failed.push_back("lock file " + Printable(path) + " (not a plain file, left alone)");
+        return "";
+    }
+    const pid_t holder = shared::FileLock::Holder(path);
+    if (holder != 0) {
+        kept.push_back("lock file " + Printable(path) + " (held by " +
+                       (holder > 0 ? "pid " + std::to_string(holder) : "a reader") + ")");
+        return "";
+    }
+    try {
+        const shared::CheckedFolder dir = shared::CheckedFolder::Open(folder);
+        if (::fstatat(dir.fd(), file.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISREG(st.st_mode) || ::unlinkat(dir.fd(), file.c_str(), 0) != 0) {
+            failed.push_back("lock file " + Printable(path) + " (" + std::strerror(errno) + ")");
+            return "";
+        }
+    } catch (const std::exception& e) {
+        failed.push_back("lock file " + Printable(path) + " (" + e.what() + ")");
+        return "";
+    }
+    return "lock file " + Printable(path);
+}
+
 // Removes the name's objects; prints one line; false on failure.
-bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
+bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge, bool force) {
     const std::string& name = report.name;
     const bool header = report.header.state != SlotPartState::Absent;
     const bool queue = report.queue.state != SlotPartState::Absent;
@@ -74,6 +139,18 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
         std::cerr << "slotctl: " << Quote(name) << " is not a slot: " << Printable(reason) << "\n";
         return false;
     }
+    // Removing a slot under running processes leaves them on objects nobody else can reach.
+    const std::vector<std::string> users = Users(report);
+    if (!users.empty()) {
+        if (!force) {
+            std::cerr << "slotctl: " << Quote(name) << " is in use by " << users.size()
+                      << (users.size() == 1 ? " process: " : " processes: ") << Join(users)
+                      << "; not removed (--force removes it anyway)\n";
+            return false;
+        }
+        std::cerr << "slotctl: warning: removing " << Quote(name) << " while in use by "
+                  << Join(users) << "\n";
+    }
     std::vector<std::string> removed;
     std::vector<std::string> failed;
     if (header || queue) {
@@ -102,6 +179,16 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
                              std::strerror(errno) + ")");
         }
     }
+    if (header || queue) {
+        std::vector<std::string> kept;
+        const std::string lockFile = RemoveOrphanLockFile(name, failed, kept);
+        if (!kept.empty()) {
+            std::cerr << "slotctl: kept " << Join(kept) << "\n";
+        }
+        if (!lockFile.empty()) {
+            removed.push_back(lockFile);
+        }
+    }
     if (!removed.empty()) {
         std::cout << "removed " << Quote(name) << ": " << Join(removed) << "\n";
     }
@@ -116,8 +203,9 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge) {
 }  // namespace
 
 int RunRemove(const Context&, const std::vector<std::string>& args) {
-    const Arguments arguments("rm", args, {"min-age"}, {"stale"});
+    const Arguments arguments("rm", args, {"min-age"}, {"stale", "force"});
     const bool stale = arguments.Has("stale");
+    const bool force = arguments.Has("force");
     const double minAge = arguments.GetSeconds("min-age", 5.0, 0.0, 1e9);
     if (!stale) {
         arguments.ExpectOperands(1, SIZE_MAX, "one or more slot names");
@@ -138,7 +226,7 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
                               << ", only " << static_cast<int>(age) << " s old)\n";
                     continue;
                 }
-                ok = RemoveOne(report, true, minAge) && ok;
+                ok = RemoveOne(report, true, minAge, force) && ok;
             }
         }
         if (found == 0) {
@@ -146,7 +234,7 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
         }
     } else {
         for (const std::string& name : arguments.Operands()) {
-            ok = RemoveOne(SlotSurvey::InspectSlot(name), stale, minAge) && ok;
+            ok = RemoveOne(SlotSurvey::InspectSlot(name), stale, minAge, force) && ok;
         }
     }
     std::cout << std::flush;

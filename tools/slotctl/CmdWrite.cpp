@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // slotctl write: one block, repeated blocks, or one block per input line, through a writer made
 // by the factory.
+#include "BlockFormat.h"
 #include "Cli.h"
 #include "Commands.h"
 #include "Signals.h"
@@ -98,8 +99,9 @@ std::string Plural(std::uint64_t n, const char* word) {
 }  // namespace
 
 int RunWrite(const Context&, const std::vector<std::string>& args) {
-    const Arguments arguments(
-        "write", args, SlotValuedOptions({"length", "every", "count", "timeout"}), {"lines"});
+    const Arguments arguments("write", args,
+                              SlotValuedOptions({"length", "every", "count", "timeout"}),
+                              {"lines", "frames"});
     arguments.ExpectOperands(1, 2, "a slot name and at most one DATA operand");
     const std::string& name = arguments.Operands()[0];
     const bool lines = arguments.Has("lines");
@@ -120,6 +122,12 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
                                       std::to_string(timeoutMs) + " ms (its lock is held)");
         }
     };
+    const bool frames = arguments.Has("frames");
+    if (frames && (lines || arguments.Has("count") || arguments.Operands().size() > 1)) {
+        throw UsageError(
+            "write: --frames reads blocks from standard input; it cannot go with "
+            "--lines, --count or DATA");
+    }
     if (lines && arguments.Has("count")) {
         throw UsageError("write: --count repeats one block; it cannot go with --lines");
     }
@@ -133,6 +141,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     const Slot::WriteCounts before = Slot::GetWriteCounts(cfg.GetName());
     unsigned long blocks = 0;
     bool stopped = false;
+    std::string inputProblem;  // why the framed input ended early
     {
         ISubscriberPtr writer;
         try {
@@ -159,7 +168,53 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
             bounded([&] { writer->onNotify(name, block.data(), block.size()); });
             ++blocks;
         };
-        if (lines) {
+        if (frames) {
+            FrameParser parser;
+            std::string block;
+            bool first = true;
+            for (;;) {
+                const std::int64_t declared = parser.NextSize();
+                if (declared > static_cast<std::int64_t>(cfg.GetMaxSize())) {
+                    inputProblem = "a frame of " + std::to_string(declared) +
+                                   " bytes is larger than the slot's maximum block size " +
+                                   std::to_string(cfg.GetMaxSize());
+                    break;
+                }
+                if (parser.Next(block)) {
+                    if (!first && !pause(true)) {
+                        break;
+                    }
+                    write(shape(block));
+                    first = false;
+                    continue;
+                }
+                if (StopSignals::Received()) {
+                    stopped = true;
+                    break;
+                }
+                std::string chunk;
+                const Input input = ReadInput(chunk);
+                if (input == Input::Stopped) {
+                    stopped = true;
+                    break;
+                }
+                if (input == Input::Failed) {
+                    inputProblem =
+                        std::string("cannot read standard input: ") + std::strerror(errno);
+                    break;
+                }
+                if (input == Input::End) {
+                    if (parser.Pending() != 0) {
+                        inputProblem = "standard input ends inside a frame (" +
+                                       std::to_string(parser.Pending()) +
+                                       " bytes of an incomplete frame; each frame is a 4-byte "
+                                       "little-endian length and that many bytes)";
+                    }
+                    break;
+                }
+                parser.Append(chunk.data(), chunk.size());
+            }
+        } else if (lines) {
             if (fromStdin) {
                 LineReader reader;
                 std::string line;
@@ -214,6 +269,10 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
         summary += "; interrupted";
     }
     std::cerr << "slotctl: " << summary << std::endl;
+    if (!inputProblem.empty()) {
+        std::cerr << "slotctl: " << inputProblem << std::endl;
+        return ExitFailure;
+    }
     if (stopped) {
         return ExitInterrupted;
     }

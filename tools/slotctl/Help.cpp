@@ -15,6 +15,8 @@ commands:
   write NAME [DATA | -]       write blocks (DATA, or standard input)
   read NAME                   print the blocks that arrive
   rm NAME... | rm --stale     remove slots, or stale ones left by a crash
+  hz NAME / bw NAME           write rate / estimated bandwidth, without reading anything
+  peek NAME                   the last block taken from the slot, without changing anything
   demo                        blocks flowing through the three slot types, live
   help [COMMAND]              this text, or a command's
 
@@ -37,7 +39,8 @@ Lists every slot of this machine: NAME, KIND (a queue of capacity 1 is discardin
 reliable; a FIFO alone is posix-pipe), STATE, MAX BLOCK size in bytes, WAITING blocks /
 capacity, LAST WRITE (UTC; "never" means not written since the slot was last opened) and, for
 reliable slots, the READER that holds the machine-wide reader lock ("pid N", "held" when the
-pid is unknown, "none").
+pid is unknown, "none"). OWNER is the user owning the header segment (else the queue, else the
+FIFO); AGE the time since it was created (status change time), as 12s, 5m, 3h or 2d.
 
 STATE is "slot"; "pipe" for a posix-pipe FIFO; "header-only" or "queue-only" for half a slot
 (e.g. after a crash; see rm --stale); "dead-holder" when a lock inside it is held by a process
@@ -52,8 +55,9 @@ waits. Objects of other programs in /dev/shm are skipped. Names are printed with
 characters and bytes that are not UTF-8 escaped as \xNN.
   --json    one JSON array of objects (name, state, kind, max_block_size, waiting, capacity,
             last_write, reader {lock_file, held, pid}, pipe, holder {lock, pid, alive},
-            detail); unknown values are null; control characters are \u00XX escapes and
-            bytes that are not UTF-8 the text \xNN
+            owner, uid, age_seconds, detail); unknown values are null; control characters
+            are \u00XX escapes (\n, \t... for those JSON has a short escape for) and bytes
+            that are not UTF-8 the text \xNN
 )HELP";
     }
     if (command == "info") {
@@ -63,9 +67,12 @@ Shows one slot in detail without disturbing it: kind, block size, waiting blocks
 time and its age, the reliable reader's lock, the header segment (size, managed and free
 bytes, the named objects last_write_tstamp, output_buffer_data_size, output_buffer_handle,
 cond_on_write and their sizes) and the queue (size, capacity), and every lock found held with
-its holder, alive or dead. Half, unfinished and damaged slots are shown as far as they can be
-read.
-  --json    the same as one JSON object (the ls fields plus "header" and "queue")
+its holder, alive or dead, its owner and age, and the processes attached to it: pid, user,
+what they use (header, queue, pipe: mapped or open, as /proc/PID/maps and /proc/PID/fd show;
+reader lock: the holder of the reliable reader's lock file) and command line. Half, unfinished
+and damaged slots are shown as far as they can be read.
+  --json    the same as one JSON object (the ls fields plus "header", "queue", "locks" and
+            "attached" [{pid, uid, command, header, queue, pipe, reader}])
 Fails (status 1) when NAME is not a slot or cannot be opened.
 )HELP";
     }
@@ -84,6 +91,10 @@ by the library's factory. The slot is created when it does not exist.
   --every MS        wait MS milliseconds between blocks; repeats the block until Ctrl-C
                     unless --count is given
   --count N         write the block N times (0: until Ctrl-C)
+  --frames          standard input is a stream of frames, each one block: a 4-byte
+                    little-endian length, then that many bytes (as read --format frames
+                    writes them); input that ends inside a frame, or a frame larger than the
+                    slot's maximum block size, ends the command with status 1
   --timeout MS      give up (status 1) when opening the slot or storing one block takes
                     longer than MS ms, e.g. while another process holds the slot's lock
 The library's warnings about refused or dropped blocks ("Queue in '<name>' is full, the data
@@ -111,6 +122,10 @@ chunks it arrives in.
   --format F          text: "<n> bytes: <text>", control characters escaped (default)
                       hex:  "<n> bytes:" and a hex dump
                       raw:  the bytes alone, for pipes
+                      frames: each block as a 4-byte little-endian length and its bytes
+                              (binary-safe; write --frames reads it back)
+                      ndjson: one JSON object per line: {"time":"<arrival, UTC>Z","size":N,
+                              "base64":"<the bytes>"}
 )HELP";
     }
     if (command == "rm") {
@@ -125,7 +140,38 @@ are never removed. Processes still using a slot keep their mappings; new ones ma
                    named ones, or, without names, every one on the machine; FIFOs are kept
   --min-age SECS   with --stale, leave slots younger than this (default 5): a slot being
                    created is briefly half or unfinished
-Status 1 when a name was not a slot or could not be removed.
+  --force          remove a slot even though processes are attached to it
+A slot that other processes are attached to (see info) is not removed, with a warning naming
+them, unless --force is given. The reliable reader's lock file left behind by a reader that
+ended is removed with the slot; one still held is kept.
+Status 1 when a name was not a slot, was in use, or could not be removed.
+)HELP";
+    }
+    if (command == "hz" || command == "bw") {
+        return R"HELP(usage: slotctl hz NAME [--window SECS] [--timeout MS]
+       slotctl bw NAME [--window SECS] [--timeout MS]
+
+Counts the writes into a slot without reading from it: every write advances the sequence
+word of the slot's write condition, which is read from the header segment with plain reads
+(no lock, no reader, nothing taken: a reliable slot's reader still gets every block, a
+discarding slot's reader is not disturbed). One line per window on stdout:
+  hz: "rate: R writes/s (N writes in S s); average A writes/s over T s"
+  bw: "estimated bandwidth: ..." = writes x the size of the last block a reader took (the only
+      block size the header keeps); an ESTIMATE, exact only when all blocks have one size
+  --window SECS   length of each window (default 1)
+  --timeout MS    stop after MS ms (default: until Ctrl-C)
+A posix-pipe cannot be watched (its bytes would have to be read). Status 1 when the slot has
+no usable header or goes away, 130 on Ctrl-C.
+)HELP";
+    }
+    if (command == "peek") {
+        return R"HELP(usage: slotctl peek NAME [--format F]
+
+Prints the slot's output buffer, the copy of the last block a reader took from it, read from
+the header segment with plain reads: nothing is taken, locked or changed. A slot that was not
+read since it was last opened shows an empty block.
+  --format F    text (default), hex, raw, frames or ndjson, as for read (the ndjson time is
+                the slot's last write time, null when unknown)
 )HELP";
     }
     if (command == "demo") {

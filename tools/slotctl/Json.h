@@ -1,15 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace slotctl {
 
-// A minimal JSON writer for --json output: objects and arrays built in order, one line.
-// Strings are escaped so that the output is valid JSON and safe on a terminal: control
-// characters (C0, DEL, C1) as \u00XX, bytes that are not UTF-8 as the text \xNN.
+// Builds --json output in order, on nlohmann::ordered_json, and prints it as one line.
+//
+// Every string goes through JsonText first, so that the output is always valid JSON and safe on
+// a terminal: bytes that are not UTF-8 become the text \xNN (JSON cannot carry them), and
+// control characters (C0, DEL, C1) are written as \u00XX escapes (C0 ones that JSON has a short
+// escape for, such as \n and \t, as that escape).
 class Json {
 public:
     Json& BeginObject();
@@ -24,18 +29,22 @@ public:
     Json& Bool(bool value);
     Json& Null();
 
-    const std::string& Text() const { return text_; }
+    // The whole document on one line.
+    std::string Text() const;
 
 private:
-    // Writes `token` (a value, or the start of one) where the next value goes.
-    Json& Value(const std::string& token);
-    Json& Open(const char* bracket);
-    Json& Close(const char* bracket);
-    static std::string Quoted(const std::string& value);
+    Json& Put(nlohmann::ordered_json value);
 
-    std::string text_;
-    std::vector<bool> first_;  // per open container: no element written yet
-    bool afterKey_ = false;
+    std::vector<nlohmann::ordered_json> open_;  // the containers being built, innermost last
+    std::vector<std::string> keys_;             // per open container: the key of its next value
+    nlohmann::ordered_json done_;
 };
+
+// `text` as valid UTF-8: each byte that starts no valid sequence becomes the text \xNN.
+std::string JsonText(const std::string& text);
+
+// `value` on one line with ", " and ": " between items, and DEL and C1 control characters
+// escaped as \u00XX too (nlohmann escapes only C0 ones).
+std::string DumpJson(const nlohmann::ordered_json& value);
 
 }  // namespace slotctl

@@ -27,6 +27,9 @@ const std::map<std::string, CommandFunction>& Commands() {
         {"read", slotctl::RunRead},
         {"rm", slotctl::RunRemove},
         {"demo", slotctl::RunDemo},
+        {"hz", slotctl::RunHz},
+        {"bw", slotctl::RunBw},
+        {"peek", slotctl::RunPeek},
         // The demo's own processes; not for users.
         {"__demo-publisher", slotctl::RunDemoPublisher},
         {"__demo-subscriber", slotctl::RunDemoSubscriber},

@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: Apache-2.0
+// The processes attached to a slot, and the write count and output buffer read from outside,
+// with real processes.
+#include "ChildProcess.h"
+#include "ShmHygiene.h"
+
+#include <Slot/SlotActivity.h>
+#include <Slot/SlotAttachments.h>
+#include <Slot/SlotFactory.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using testsupport::ChildProcess;
+using testsupport::PipeSignal;
+using testsupport::ScopedSlotName;
+
+const SlotAttachment* Find(const SlotAttachmentList& list, pid_t pid) {
+    for (const SlotAttachment& process : list.processes) {
+        if (process.pid == pid) {
+            return &process;
+        }
+    }
+    return nullptr;
+}
+
+// Collects nothing: a reader needs a subscriber.
+class Ignore : public shared::ISubscriber {
+public:
+    void onNotify(const std::string&, const void*, size_t) override {}
+};
+
+// Checks that blocks "block 0", "block 1"... arrive in order; posts `done` after `count`.
+class Expect : public shared::ISubscriber {
+public:
+    Expect(int count, PipeSignal& done) : count_(count), done_(done) {}
+    void onNotify(const std::string&, const void* data, size_t size) override {
+        inOrder = inOrder && std::string(static_cast<const char*>(data), size) ==
+                                 "block " + std::to_string(seen_);
+        if (++seen_ == count_) {
+            done_.Post();
+        }
+    }
+    bool inOrder = true;
+
+private:
+    int count_;
+    int seen_ = 0;
+    PipeSignal& done_;
+};
+
+TEST(SlotAttachments, AWriterAndAReaderProcessAreListedUntilTheyEnd) {
+    ScopedSlotName name("attach");
+    SimpleSlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(50), 4);
+    SlotFactory::CreateSlot(&cfg);
+    EXPECT_TRUE(SlotAttachments::Find(name).processes.empty());
+
+    PipeSignal writerReady, readerReady, end;
+    ChildProcess writer([&] {
+        ISubscriberPtr slot = SlotFactory::CreateSlotWriter(&cfg);
+        writerReady.Post();
+        return end.WaitFor(std::chrono::seconds(60)) ? 0 : 1;
+    });
+    ChildProcess reader([&] {
+        ISubscriberPtr ignore(new Ignore);
+        INotifierPtr slot = SlotFactory::CreateSlotReader(&cfg, ignore);
+        readerReady.Post();
+        return end.WaitFor(std::chrono::seconds(60)) ? 0 : 1;
+    });
+    ASSERT_TRUE(writerReady.WaitFor());
+    ASSERT_TRUE(readerReady.WaitFor());
+
+    const SlotAttachmentList list = SlotAttachments::Find(name);
+    const SlotAttachment* w = Find(list, writer.Pid());
+    const SlotAttachment* r = Find(list, reader.Pid());
+    ASSERT_NE(nullptr, w);
+    ASSERT_NE(nullptr, r);
+    EXPECT_TRUE(w->header && w->queue && !w->reader) << w->What();
+    EXPECT_EQ("header, queue, reader lock", r->What());
+    EXPECT_EQ(::geteuid(), w->uid);
+    // The children run this test program.
+    EXPECT_NE(std::string::npos, w->command.find("Slot_tests")) << w->command;
+    EXPECT_EQ(nullptr, Find(list, ::getpid()));
+    // Another slot of a similar name is not this one.
+    EXPECT_TRUE(SlotAttachments::Find(name.str() + "x").processes.empty());
+    EXPECT_TRUE(
+        SlotAttachments::Find(name.str().substr(0, name.str().size() - 1)).processes.empty());
+
+    end.Post();
+    end.Post();
+    EXPECT_TRUE(writer.Wait().Ok());
+    EXPECT_TRUE(reader.Wait().Ok());
+    EXPECT_TRUE(SlotAttachments::Find(name).processes.empty());
+}
+
+TEST(SlotAttachments, AMappingOfARemovedSlotIsNotAnAttachmentOfItsSuccessor) {
+    ScopedSlotName name("successor");
+    SimpleSlotCfg cfg(name, "discarding", boost::posix_time::milliseconds(50), 1);
+    PipeSignal ready, removed, end;
+    ChildProcess holder([&] {
+        ISubscriberPtr slot = SlotFactory::CreateSlotWriter(&cfg);
+        ready.Post();
+        return end.WaitFor(std::chrono::seconds(60)) ? 0 : 1;
+    });
+    ASSERT_TRUE(ready.WaitFor());
+    EXPECT_NE(nullptr, Find(SlotAttachments::Find(name), holder.Pid()));
+    SlotFactory::RemoveSlot(name);
+    SlotFactory::CreateSlot(&cfg);
+    EXPECT_EQ(nullptr, Find(SlotAttachments::Find(name), holder.Pid()));
+    end.Post();
+    EXPECT_TRUE(holder.Wait().Ok());
+}
+
+TEST(SlotActivity, CountsTheWritesOfAnotherProcessAndShowsTheLastBlockTaken) {
+    ScopedSlotName name("activity");
+    SimpleSlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(50), 64);
+    SlotFactory::CreateSlot(&cfg);
+    const SlotActivitySample before = SlotActivity::Sample(name, true);
+    ASSERT_TRUE(before.valid) << before.problem;
+    EXPECT_TRUE(before.hasOutput);
+    EXPECT_EQ("", before.output);
+
+    const int blocks = 25;
+    ChildProcess writer([&] {
+        ISubscriberPtr slot = SlotFactory::CreateSlotWriter(&cfg);
+        for (int i = 0; i < blocks; ++i) {
+            const std::string block = "block " + std::to_string(i);
+            slot->onNotify(name, block.data(), block.size());
+        }
+        return 0;
+    });
+    ASSERT_TRUE(writer.Wait().Ok());
+    const SlotActivitySample written = SlotActivity::Sample(name, true);
+    ASSERT_TRUE(written.valid);
+    EXPECT_EQ(static_cast<std::uint32_t>(blocks), SlotActivity::WritesBetween(before, written));
+    EXPECT_FALSE(written.lastWrite.is_special());
+
+    // Sampling took nothing: a reader in another process gets every block, in order.
+    PipeSignal allRead, end;
+    ChildProcess reader([&] {
+        Expect* expect = new Expect(blocks, allRead);
+        ISubscriberPtr check(expect);
+        INotifierPtr slot = SlotFactory::CreateSlotReader(&cfg, check);
+        return end.WaitFor(std::chrono::seconds(60)) && expect->inOrder ? 0 : 1;
+    });
+    ASSERT_TRUE(allRead.WaitFor(std::chrono::seconds(60)));
+    const SlotActivitySample read = SlotActivity::Sample(name, true);
+    EXPECT_EQ(0u, SlotActivity::WritesBetween(written, read));
+    const std::string last = "block " + std::to_string(blocks - 1);
+    EXPECT_EQ(last, read.output);
+    EXPECT_EQ(last.size(), read.outputDataSize);
+    end.Post();
+    EXPECT_TRUE(reader.Wait().Ok());
+}
+
+TEST(SlotActivity, ObjectsThatAreNoSlotHeadersAreRefusedWithoutReadingOutside) {
+    ScopedSlotName name("notaheader");
+    EXPECT_FALSE(SlotActivity::Sample(name).valid);
+    EXPECT_FALSE(SlotActivity::Sample("a/b").valid);
+    EXPECT_FALSE(SlotActivity::Sample("").valid);
+
+    // A real header cut short, and one with random bytes over it: never valid beyond its size
+    // (ASan checks the reads), never a crash.
+    SimpleSlotCfg cfg(name, "discarding", boost::posix_time::milliseconds(50), 1);
+    SlotFactory::CreateSlot(&cfg);
+    const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    struct stat st;
+    ASSERT_EQ(0, ::fstat(fd, &st));
+    std::vector<unsigned char> original(static_cast<size_t>(st.st_size));
+    ASSERT_EQ(st.st_size, ::pread(fd, original.data(), original.size(), 0));
+    std::mt19937 random(7);
+    for (int round = 0; round < 200; ++round) {
+        std::vector<unsigned char> bytes = original;
+        bytes.resize(random() % (original.size() + 1));
+        for (int flips = 0; flips < 8 && !bytes.empty(); ++flips) {
+            bytes[random() % bytes.size()] = static_cast<unsigned char>(random());
+        }
+        ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bytes.size())));
+        if (!bytes.empty()) {
+            ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
+                      ::pwrite(fd, bytes.data(), bytes.size(), 0));
+        }
+        const SlotActivitySample sample = SlotActivity::Sample(name, true);
+        if (sample.hasOutput) {
+            EXPECT_EQ(sample.outputDataSize, sample.output.size());
+        }
+    }
+    ::close(fd);
+}
+
+}  // namespace

@@ -1,0 +1,397 @@
+// SPDX-License-Identifier: Apache-2.0
+// slotctl hz, bw, peek, rm with attached processes, framed and NDJSON I/O, JSON of odd names,
+// and the manual page and completion: the real binary on real slots.
+#include "ChildProcess.h"
+#include "ShmHygiene.h"
+#include "SlotctlRunner.h"
+
+#include <Slot/SlotFactory.h>
+#include <Slot/SlotSurvey.h>
+
+#include <FileUtils/FSUtils.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+using slotctltest::Background;
+using slotctltest::Options;
+using slotctltest::Outcome;
+using slotctltest::Slotctl;
+using testsupport::ChildProcess;
+using testsupport::ScopedSlotName;
+
+bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string Frame(const std::string& block) {
+    const std::uint32_t n = static_cast<std::uint32_t>(block.size());
+    std::string frame;
+    for (int i = 0; i < 4; ++i) {
+        frame += static_cast<char>((n >> (8 * i)) & 0xff);
+    }
+    return frame + block;
+}
+
+// The total the summary line "slotctl: N writes to ..." reports.
+long WritesCounted(const Outcome& run) {
+    std::smatch match;
+    static const std::regex total("slotctl: ([0-9]+) writes to");
+    return std::regex_search(run.err, match, total) ? std::stol(match[1]) : -1;
+}
+
+// ---- hz and bw ----
+
+TEST(SlotctlWatch, HzAndBwCountEveryWriteWhileTheReliableReaderGetsEveryBlock) {
+    ScopedSlotName name("hz");
+    const int blocks = 40;
+    // The slot exists before anything watches it; the reader takes this first block.
+    ASSERT_EQ(
+        0, Slotctl({"write", name.str(), "--type", "reliable", "--queue", "64", "first"}).status);
+    Background reader(
+        {"read", name.str(), "--count", std::to_string(blocks + 1), "--timeout", "60000"});
+    ASSERT_TRUE(reader.WaitForErr("slotctl: reading")) << reader.Finish().Describe();
+    ASSERT_TRUE(reader.WaitForOut("5 bytes: first"));
+    Background hz({"hz", name.str(), "--window", "0.1"});
+    Background bw({"bw", name.str(), "--window", "0.1"});
+    ASSERT_TRUE(hz.WaitForErr("counting writes")) << hz.Finish().Describe();
+    ASSERT_TRUE(bw.WaitForErr("counting writes")) << bw.Finish().Describe();
+
+    const Outcome writer = Slotctl(
+        {"write", name.str(), "--count", std::to_string(blocks), "--every", "2", "0123456789"});
+    ASSERT_EQ(0, writer.status) << writer.Describe();
+    const Outcome read = reader.Finish();
+    EXPECT_EQ(0, read.status) << read.Describe();
+    // Watching took nothing: the one reader got every block.
+    EXPECT_EQ(static_cast<size_t>(blocks + 1), Lines(read.out).size()) << read.Describe();
+
+    // Ctrl-C ends the watch; the writes since the last window are counted too.
+    hz.Signal(SIGINT);
+    bw.Signal(SIGINT);
+    const Outcome hzRun = hz.Finish();
+    const Outcome bwRun = bw.Finish();
+    EXPECT_EQ(130, hzRun.status) << hzRun.Describe();
+    EXPECT_EQ(blocks, WritesCounted(hzRun)) << hzRun.Describe();
+    EXPECT_EQ(blocks, WritesCounted(bwRun)) << bwRun.Describe();
+    EXPECT_TRUE(Contains(hzRun.out, "rate: ")) << hzRun.out;
+    EXPECT_TRUE(Contains(hzRun.out, " writes/s")) << hzRun.out;
+    // bw is labelled an estimate and uses the size of the block the reader took last.
+    EXPECT_TRUE(Contains(bwRun.out, "estimated bandwidth: ")) << bwRun.out;
+    EXPECT_TRUE(Contains(bwRun.out, "x 10 bytes")) << bwRun.out;
+    EXPECT_EQ(0u, SlotSurvey::InspectSlot(name).queue.waiting);
+}
+
+TEST(SlotctlWatch, HzEndsAtItsTimeoutAndRefusesWhatItCannotWatch) {
+    ScopedSlotName name("hzt");
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
+    const Outcome quiet = Slotctl({"hz", name.str(), "--window", "0.1", "--timeout", "300"});
+    EXPECT_EQ(0, quiet.status) << quiet.Describe();
+    EXPECT_EQ(0, WritesCounted(quiet)) << quiet.Describe();
+    EXPECT_GE(Lines(quiet.out).size(), 2u) << quiet.Describe();
+
+    ScopedSlotName missing("hzmissing");
+    const Outcome none = Slotctl({"hz", missing.str(), "--timeout", "100"});
+    EXPECT_EQ(1, none.status) << none.Describe();
+    EXPECT_TRUE(Contains(none.err, "has no usable header")) << none.Describe();
+    EXPECT_EQ(2, Slotctl({"bw", name.str(), "--window", "0"}).status);
+}
+
+// ---- peek ----
+
+// Polls the slot's waiting blocks until there are `n` (a writer in another process stores them).
+bool WaitForWaiting(const std::string& name, std::uint64_t n) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (SlotSurvey::InspectSlot(name).queue.waiting != n) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+TEST(SlotctlWatch, PeekShowsTheLastBlockTakenAndChangesNothing) {
+    ScopedSlotName name("peek");
+    const std::string block("a\tb\x01\xff", 5);
+    // One writer stays open throughout: opening a slot resets its output buffer.
+    Background writer({"write", name.str(), "--type", "reliable", "--lines"});
+    writer.Write(block + "\n");
+    ASSERT_TRUE(WaitForWaiting(name, 1));
+    ASSERT_EQ(0, Slotctl({"read", name.str(), "--format", "raw"}).status);
+    // A second block waits: peek must neither take it nor replace the buffer's copy.
+    writer.Write("second\n");
+    ASSERT_TRUE(WaitForWaiting(name, 1));
+    const SlotReport before = SlotSurvey::InspectSlot(name);
+
+    const Outcome raw = Slotctl({"peek", name.str(), "--format", "raw"});
+    EXPECT_EQ(0, raw.status) << raw.Describe();
+    EXPECT_EQ(block, raw.out);
+    const Outcome hex = Slotctl({"peek", name.str(), "--format", "hex"});
+    EXPECT_TRUE(Contains(hex.out, "61 09 62 01 ff")) << hex.out;
+    const Outcome frames = Slotctl({"peek", name.str(), "--format", "frames"});
+    EXPECT_EQ(Frame(block), frames.out);
+
+    const SlotReport after = SlotSurvey::InspectSlot(name);
+    EXPECT_EQ(1u, after.queue.waiting);
+    EXPECT_EQ(before.header.lastWrite, after.header.lastWrite);
+    EXPECT_EQ(5u, after.header.outputDataSize);
+    EXPECT_EQ(0, after.readerPid);
+    EXPECT_EQ(0, writer.Finish().status);
+    const Outcome next = Slotctl({"read", name.str()});
+    EXPECT_EQ("6 bytes: second\n", next.out) << next.Describe();
+}
+
+// ---- attached processes and rm ----
+
+TEST(SlotctlAttached, InfoListsTheReaderAndRmRefusesUnlessForced) {
+    ScopedSlotName name("attached");
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
+    Background reader({"read", name.str(), "--follow"});
+    ASSERT_TRUE(reader.WaitForOut("1 bytes: x")) << reader.Finish().Describe();
+    const std::string pid = std::to_string(reader.Pid());
+
+    const Outcome info = Slotctl({"info", name.str()});
+    EXPECT_EQ(0, info.status) << info.Describe();
+    EXPECT_TRUE(std::regex_search(info.out, std::regex("\n +" + pid +
+                                                       "  .*header, queue, reader lock  .*"
+                                                       "slotctl read " +
+                                                       name.str() + " --follow")))
+        << info.out;
+    const nlohmann::json json = nlohmann::json::parse(Slotctl({"info", "--json", name.str()}).out);
+    ASSERT_EQ(1u, json["attached"].size()) << json.dump();
+    EXPECT_EQ(reader.Pid(), json["attached"][0]["pid"].get<int>());
+    EXPECT_TRUE(json["attached"][0]["reader"].get<bool>());
+
+    const Outcome refused = Slotctl({"rm", name.str()});
+    EXPECT_EQ(1, refused.status) << refused.Describe();
+    EXPECT_TRUE(Contains(refused.err, "is in use by 1 process: pid " + pid)) << refused.err;
+    EXPECT_TRUE(Contains(refused.err, "--force")) << refused.err;
+    EXPECT_TRUE(Exists("/dev/shm/" + name.str()));
+
+    const Outcome forced = Slotctl({"rm", "--force", name.str()});
+    EXPECT_EQ(0, forced.status) << forced.Describe();
+    EXPECT_TRUE(Contains(forced.err, "warning: removing")) << forced.err;
+    // The live reader keeps its lock file.
+    EXPECT_TRUE(Contains(forced.err, "kept lock file")) << forced.err;
+    EXPECT_FALSE(Exists("/dev/shm/" + name.str()));
+    reader.Signal(SIGINT);
+    EXPECT_EQ(130, reader.Finish().status);
+}
+
+TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
+    ScopedSlotName name("orphan");
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
+    ASSERT_EQ(0, Slotctl({"read", name.str()}).status);
+    const std::string lockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);
+    ASSERT_TRUE(Exists(lockFile)) << "the reader left no lock file: nothing to test";
+    const Outcome rm = Slotctl({"rm", name.str()});
+    EXPECT_EQ(0, rm.status) << rm.Describe();
+    EXPECT_TRUE(Contains(rm.out, "lock file " + lockFile)) << rm.out;
+    EXPECT_FALSE(Exists(lockFile));
+
+    // A symlink planted under the lock file's name is not followed and not removed.
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
+    const std::string victim = testsupport::TestRunDir() + "/" + name.str() + ".victim";
+    std::ofstream(victim) << "keep";
+    ASSERT_EQ(0, ::symlink(victim.c_str(), lockFile.c_str()));
+    const Outcome planted = Slotctl({"rm", name.str()});
+    EXPECT_EQ(1, planted.status) << planted.Describe();
+    EXPECT_TRUE(Contains(planted.err, "not a plain file")) << planted.err;
+    EXPECT_TRUE(Exists(victim));
+    ::unlink(lockFile.c_str());
+    ::unlink(victim.c_str());
+}
+
+// ---- framed and NDJSON I/O ----
+
+TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctls) {
+    ScopedSlotName from("framesa");
+    ScopedSlotName to("framesb");
+    std::string big;
+    for (int i = 0; i < 3000; ++i) {
+        big += static_cast<char>(i * 7);
+    }
+    const std::vector<std::string> blocks = {std::string("\0\0\0\0", 4), "", big,
+                                             std::string("\xff\xfe\n\r", 4), "last"};
+    std::string frames;
+    for (const std::string& block : blocks) {
+        frames += Frame(block);
+    }
+    const Outcome filled = Slotctl(
+        {"write", from.str(), "--type", "reliable", "--queue", "8", "--frames"}, Options{frames});
+    ASSERT_EQ(0, filled.status) << filled.Describe();
+    ASSERT_TRUE(Contains(filled.err, "5 blocks to")) << filled.Describe();
+
+    const std::string slotctl = SLOTCTL_PATH;
+    const std::string pipeline = "'" + slotctl + "' read " + from.str() + " --count " +
+                                 std::to_string(blocks.size()) + " --format frames | '" + slotctl +
+                                 "' write " + to.str() +
+                                 " --frames --type reliable --queue 8 2>/dev/null";
+    ChildProcess shell([&] {
+        ::execl("/bin/sh", "sh", "-c", pipeline.c_str(), static_cast<char*>(nullptr));
+        return 127;
+    });
+    const testsupport::ChildResult piped = shell.Wait(std::chrono::seconds(60));
+    ASSERT_TRUE(piped.Ok()) << piped.Describe();
+
+    const Outcome out = Slotctl({"read", to.str(), "--count", std::to_string(blocks.size()),
+                                 "--format", "frames", "--timeout", "10000"});
+    EXPECT_EQ(0, out.status) << out.Describe();
+    EXPECT_EQ(frames.size(), out.out.size());
+    EXPECT_TRUE(frames == out.out) << "the blocks changed on the way";
+}
+
+TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
+    ScopedSlotName name("truncated");
+    const Outcome cut = Slotctl({"write", name.str(), "--type", "reliable", "--frames"},
+                                Options{Frame("whole") + std::string("\x09\0\0\0ab", 6)});
+    EXPECT_EQ(1, cut.status) << cut.Describe();
+    EXPECT_TRUE(Contains(cut.err, "1 block to")) << cut.err;
+    EXPECT_TRUE(Contains(cut.err, "standard input ends inside a frame (6 bytes")) << cut.err;
+    EXPECT_EQ(1u, SlotSurvey::InspectSlot(name).queue.waiting);
+
+    const Outcome header = Slotctl({"write", name.str(), "--frames"}, Options{"\x01\0"});
+    EXPECT_EQ(1, header.status) << header.Describe();
+    EXPECT_TRUE(Contains(header.err, "ends inside a frame")) << header.err;
+
+    // A length beyond the slot's block size is refused before its bytes are awaited.
+    const Outcome huge =
+        Slotctl({"write", name.str(), "--frames"}, Options{std::string("\xff\xff\xff\x7f", 4)});
+    EXPECT_EQ(1, huge.status) << huge.Describe();
+    EXPECT_TRUE(Contains(huge.err, "larger than the slot's maximum block size")) << huge.err;
+
+    EXPECT_EQ(2, Slotctl({"write", name.str(), "--frames", "--lines"}).status);
+    EXPECT_EQ(2, Slotctl({"read", name.str(), "--format", "json"}).status);
+}
+
+TEST(SlotctlFrames, NdjsonLinesParseWithTimeSizeAndBytes) {
+    ScopedSlotName name("ndjson");
+    const std::string frames = Frame("abc") + Frame(std::string("\0\xff", 2)) + Frame("");
+    ASSERT_EQ(
+        0,
+        Slotctl({"write", name.str(), "--type", "reliable", "--frames"}, Options{frames}).status);
+    const Outcome read =
+        Slotctl({"read", name.str(), "--count", "3", "--format", "ndjson", "--timeout", "10000"});
+    ASSERT_EQ(0, read.status) << read.Describe();
+    const std::vector<std::string> lines = Lines(read.out);
+    ASSERT_EQ(3u, lines.size()) << read.out;
+    const struct {
+        size_t size;
+        const char* base64;
+    } expected[] = {{3, "YWJj"}, {2, "AP8="}, {0, ""}};
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const nlohmann::json line = nlohmann::json::parse(lines[i]);
+        EXPECT_EQ(expected[i].size, line["size"].get<size_t>()) << lines[i];
+        EXPECT_EQ(expected[i].base64, line["base64"].get<std::string>()) << lines[i];
+        EXPECT_TRUE(std::regex_match(line["time"].get<std::string>(),
+                                     std::regex("20[0-9]{2}-[0-9]{2}-[0-9]{2}T[0-9:.]+Z")))
+            << lines[i];
+    }
+}
+
+// ---- JSON of names that are not UTF-8 ----
+
+TEST(SlotctlJson, NamesThatAreNotUtf8GiveJsonThatParses) {
+    ScopedSlotName name(std::string("odd\xff\xfe\x7f\xc2\x85", 8));
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
+    const std::string prefix = name.str().substr(0, name.str().size() - 8);
+    const std::string shown = prefix + "odd\\xff\\xfe\x7f\xc2\x85";
+
+    const Outcome ls = Slotctl({"ls", "--json"});
+    ASSERT_EQ(0, ls.status) << ls.Describe();
+    const nlohmann::json list = nlohmann::json::parse(ls.out);
+    bool found = false;
+    for (const nlohmann::json& slot : list) {
+        found = found || slot["name"].get<std::string>() == shown;
+    }
+    EXPECT_TRUE(found) << ls.out;
+    // DEL and C1 are escaped, not printed raw.
+    EXPECT_TRUE(Contains(ls.out, "odd\\\\xff\\\\xfe\\u007f\\u0085")) << ls.out;
+    EXPECT_EQ(shown, nlohmann::json::parse(Slotctl({"info", "--json", name.str()}).out)["name"]);
+}
+
+// ---- manual page and completion ----
+
+// What bash completion offers for the command line `words` (the last one being completed).
+std::vector<std::string> Completions(const std::vector<std::string>& words) {
+    std::string array;
+    for (const std::string& word : words) {
+        array += " '" + word + "'";
+    }
+    const std::string script = "source '" SLOTCTL_SOURCE_DIR
+                               "/slotctl.bash-completion'; COMP_WORDS=(" +
+                               array + "); COMP_CWORD=" + std::to_string(words.size() - 1) +
+                               "; _slotctl; printf '%s\\n' \"${COMPREPLY[@]}\"";
+    const std::string out = testsupport::TestRunDir() + "/completion." + std::to_string(::getpid());
+    ChildProcess bash([&] {
+        if (!std::freopen(out.c_str(), "w", stdout)) {
+            return 126;
+        }
+        ::execl("/bin/bash", "bash", "-c", script.c_str(), static_cast<char*>(nullptr));
+        return 127;
+    });
+    const testsupport::ChildResult result = bash.Wait(std::chrono::seconds(30));
+    std::ifstream in(out);
+    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    ::unlink(out.c_str());
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    std::vector<std::string> lines = Lines(text);
+    lines.erase(std::remove(lines.begin(), lines.end(), ""), lines.end());
+    return lines;
+}
+
+TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
+    std::ifstream manFile(SLOTCTL_SOURCE_DIR "/slotctl.1");
+    const std::string man((std::istreambuf_iterator<char>(manFile)), {});
+    ASSERT_FALSE(man.empty());
+    const Outcome help = Slotctl({"--help"});
+    std::string commands = help.out.substr(help.out.find("commands:"));
+    commands = commands.substr(0, commands.find("options"));
+    const std::vector<std::string> all = Completions({"slotctl", ""});
+    for (const std::string command :
+         {"ls", "info", "write", "read", "rm", "hz", "bw", "peek", "demo", "help"}) {
+        EXPECT_TRUE(Contains(commands, " " + command + " ")) << command;
+        EXPECT_TRUE(std::regex_search(man, std::regex("\n\\.B[IR]? \"?" + command + "\\b")))
+            << command << " is not in the manual page";
+        EXPECT_NE(all.end(), std::find(all.begin(), all.end(), command)) << command;
+    }
+    // Each command's options, their values, and slot names for operands.
+    EXPECT_EQ(std::vector<std::string>{"--frames"}, Completions({"slotctl", "write", "--fr"}));
+    EXPECT_EQ(std::vector<std::string>{"--force"}, Completions({"slotctl", "-v", "rm", "--f"}));
+    EXPECT_EQ((std::vector<std::string>{"frames"}),
+              Completions({"slotctl", "read", "x", "--format", "fr"}));
+    ScopedSlotName name("completed");
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
+    const std::string slotctl = SLOTCTL_PATH;
+    EXPECT_EQ(std::vector<std::string>{name.str()},
+              Completions({slotctl, "hz", name.str().substr(0, name.str().size() - 3)}));
+}
+
+}  // namespace

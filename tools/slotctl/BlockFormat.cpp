@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "BlockFormat.h"
+
+#include "Cli.h"
+#include "Json.h"
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <cstdio>
+
+namespace slotctl {
+
+namespace {
+
+std::string TextLine(const std::string& block) {
+    std::string line = std::to_string(block.size()) + " bytes: ";
+    for (char c : block) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        switch (c) {
+            case '\n':
+                line += "\\n";
+                break;
+            case '\t':
+                line += "\\t";
+                break;
+            case '\r':
+                line += "\\r";
+                break;
+            case '\\':
+                line += "\\\\";
+                break;
+            default:
+                if (u < 0x20 || u == 0x7f) {
+                    char hex[8];
+                    std::snprintf(hex, sizeof(hex), "\\x%02x", u);
+                    line += hex;
+                } else {
+                    line += c;
+                }
+        }
+    }
+    return line + "\n";
+}
+
+std::string HexLines(const std::string& block) {
+    std::string out = std::to_string(block.size()) + " bytes:\n";
+    for (size_t offset = 0; offset < block.size(); offset += 16) {
+        char line[128];
+        int n = std::snprintf(line, sizeof(line), "  %06zx ", offset);
+        std::string ascii;
+        for (size_t i = offset; i < offset + 16; ++i) {
+            if (i < block.size()) {
+                const unsigned char u = static_cast<unsigned char>(block[i]);
+                n += std::snprintf(line + n, sizeof(line) - static_cast<size_t>(n), " %02x", u);
+                ascii += (u >= 0x20 && u < 0x7f) ? static_cast<char>(u) : '.';
+            } else {
+                n += std::snprintf(line + n, sizeof(line) - static_cast<size_t>(n), "   ");
+            }
+        }
+        out += std::string(line) + "  |" + ascii + "|\n";
+    }
+    return out;
+}
+
+std::string NdjsonLine(const std::string& block, const boost::posix_time::ptime& time) {
+    nlohmann::ordered_json line;
+    if (time.is_special()) {
+        line["time"] = nullptr;
+    } else {
+        line["time"] = boost::posix_time::to_iso_extended_string(time) + "Z";
+    }
+    line["size"] = block.size();
+    line["base64"] = Base64(block);
+    return DumpJson(line) + "\n";
+}
+
+}  // namespace
+
+bool IsBlockFormat(const std::string& format) {
+    return format == "text" || format == "hex" || format == "raw" || format == "frames" ||
+           format == "ndjson";
+}
+
+std::string FormatBlock(const std::string& format, const std::string& block,
+                        const boost::posix_time::ptime& time) {
+    if (format == "raw") {
+        return block;
+    }
+    if (format == "hex") {
+        return HexLines(block);
+    }
+    if (format == "frames") {
+        return FrameHeader(static_cast<std::uint32_t>(block.size())) + block;
+    }
+    if (format == "ndjson") {
+        return NdjsonLine(block, time);
+    }
+    return TextLine(block);
+}
+
+std::string Base64(const std::string& bytes) {
+    static const char alphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    out.reserve((bytes.size() + 2) / 3 * 4);
+    size_t i = 0;
+    for (; i + 2 < bytes.size(); i += 3) {
+        const std::uint32_t v = std::uint32_t(std::uint8_t(bytes[i])) << 16 |
+                                std::uint32_t(std::uint8_t(bytes[i + 1])) << 8 |
+                                std::uint8_t(bytes[i + 2]);
+        out += alphabet[v >> 18];
+        out += alphabet[(v >> 12) & 63];
+        out += alphabet[(v >> 6) & 63];
+        out += alphabet[v & 63];
+    }
+    if (i < bytes.size()) {
+        std::uint32_t v = std::uint32_t(std::uint8_t(bytes[i])) << 16;
+        if (i + 1 < bytes.size()) {
+            v |= std::uint32_t(std::uint8_t(bytes[i + 1])) << 8;
+        }
+        out += alphabet[v >> 18];
+        out += alphabet[(v >> 12) & 63];
+        out += i + 1 < bytes.size() ? alphabet[(v >> 6) & 63] : '=';
+        out += '=';
+    }
+    return out;
+}
+
+std::string FrameHeader(std::uint32_t size) {
+    std::string header(4, '\0');
+    for (int i = 0; i < 4; ++i) {
+        header[static_cast<size_t>(i)] = static_cast<char>((size >> (8 * i)) & 0xff);
+    }
+    return header;
+}
+
+std::int64_t FrameParser::NextSize() const {
+    if (Pending() < 4) {
+        return -1;
+    }
+    std::uint32_t size = 0;
+    for (int i = 3; i >= 0; --i) {
+        size = size << 8 | std::uint8_t(buffer_[start_ + static_cast<size_t>(i)]);
+    }
+    return size;
+}
+
+bool FrameParser::Next(std::string& block) {
+    const std::int64_t declared = NextSize();
+    if (declared < 0) {
+        return false;
+    }
+    const size_t size = static_cast<size_t>(declared);
+    if (Pending() - 4 < size) {
+        return false;
+    }
+    block.assign(buffer_, start_ + 4, size);
+    start_ += 4 + size;
+    // Drop consumed bytes now and then, not at every frame.
+    if (start_ > 65536 && start_ * 2 > buffer_.size()) {
+        buffer_.erase(0, start_);
+        start_ = 0;
+    }
+    return true;
+}
+
+}  // namespace slotctl
