@@ -21,10 +21,13 @@
 
 #include <condition_variable>
 #include <deque>
+#include <exception>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 
 namespace slotpy {
 
@@ -77,6 +80,37 @@ auto CallLibrary(F&& f) -> decltype(f()) {
         throw;  // becomes libslot.SlotCreationError
     } catch (const std::exception& e) {
         throw SlotError(e.what());
+    }
+}
+
+// Runs `f` with the GIL released and takes the GIL back, also when `f` throws. Not an RAII
+// guard on purpose: a thread that takes the GIL back while the interpreter is being finalised is
+// ended by Python (pthread_exit), and that unwinding must not start inside a destructor.
+template <typename F>
+auto WithoutGil(F&& f) -> decltype(f()) {
+    using Result = decltype(f());
+    std::exception_ptr error;
+    PyThreadState* state = PyEval_SaveThread();
+    if constexpr (std::is_void_v<Result>) {
+        try {
+            f();
+        } catch (...) {
+            error = std::current_exception();
+        }
+        PyEval_RestoreThread(state);
+        if (error)
+            std::rethrow_exception(error);
+    } else {
+        std::optional<Result> result;
+        try {
+            result.emplace(f());
+        } catch (...) {
+            error = std::current_exception();
+        }
+        PyEval_RestoreThread(state);
+        if (error)
+            std::rethrow_exception(error);
+        return std::move(*result);
     }
 }
 

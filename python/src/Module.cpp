@@ -46,15 +46,14 @@ boost::posix_time::time_duration ToDuration(double seconds) {
 class Writer {
 public:
     explicit Writer(const SlotConfig& cfg) : name_(cfg.GetName()), type_(cfg.GetSlotType()) {
-        py::gil_scoped_release unlocked;
-        writer_ = CallLibrary([&] { return SlotFactory::CreateSlotWriter(&cfg); });
+        writer_ = WithoutGil(
+            [&] { return CallLibrary([&] { return SlotFactory::CreateSlotWriter(&cfg); }); });
     }
+    // At interpreter exit the writer is dropped with the GIL held: taking the GIL back in a
+    // destructor then could end the thread there.
     ~Writer() {
-        if (writer_) {
-            ISubscriberPtr last;
-            last.swap(writer_);
-            py::gil_scoped_release unlocked;
-            last.reset();
+        if (writer_ && !ShuttingDown()) {
+            Close();
         }
     }
 
@@ -71,11 +70,12 @@ public:
         }
         Slot::WriteOutcome outcome = Slot::WriteOutcome::None;
         try {
-            py::gil_scoped_release unlocked;
-            CallLibrary([&] {
-                writer->onNotify(name_, view.buf, static_cast<size_t>(view.len));
-                // Read on this thread, right after the write: the outcome is per thread.
-                outcome = Slot::LastWriteOutcome();
+            WithoutGil([&] {
+                CallLibrary([&] {
+                    writer->onNotify(name_, view.buf, static_cast<size_t>(view.len));
+                    // Read on this thread, right after the write: the outcome is per thread.
+                    outcome = Slot::LastWriteOutcome();
+                });
             });
         } catch (...) {
             PyBuffer_Release(&view);
@@ -88,8 +88,7 @@ public:
     void Close() {
         ISubscriberPtr last;
         last.swap(writer_);
-        py::gil_scoped_release unlocked;
-        last.reset();
+        WithoutGil([&] { last.reset(); });
     }
 
     bool Closed() const { return !writer_; }
@@ -190,8 +189,7 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
     m.def(
         "create_slot",
         [](const SlotConfig& cfg) {
-            py::gil_scoped_release unlocked;
-            CallLibrary([&] { SlotFactory::CreateSlot(&cfg); });
+            WithoutGil([&] { CallLibrary([&] { SlotFactory::CreateSlot(&cfg); }); });
         },
         py::arg("config"),
         "Opens or creates the shared-memory slot that ``config`` describes. The slot stays "
@@ -199,8 +197,8 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
     m.def(
         "remove_slot",
         [](const std::string& name) {
-            py::gil_scoped_release unlocked;
-            return CallLibrary([&] { return SlotFactory::RemoveSlot(name); });
+            return WithoutGil(
+                [&] { return CallLibrary([&] { return SlotFactory::RemoveSlot(name); }); });
         },
         py::arg("name"),
         "Unlinks the slot's header segment and queue; True when both were removed. Processes "
@@ -224,11 +222,8 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
     m.def(
         "simple_read",
         [](const std::string& name) {
-            std::string block;
-            {
-                py::gil_scoped_release unlocked;
-                block = CallLibrary([&] { return SimpleSlotRW(name).Read(); });
-            }
+            std::string block =
+                WithoutGil([&] { return CallLibrary([&] { return SimpleSlotRW(name).Read(); }); });
             return py::bytes(block);
         },
         py::arg("name"), "SimpleSlotRW(name).Read() as bytes.");
@@ -241,9 +236,10 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
             }
             std::string block(static_cast<const char*>(view.buf), static_cast<size_t>(view.len));
             PyBuffer_Release(&view);
-            py::gil_scoped_release unlocked;
-            CallLibrary([&] { SimpleSlotRW(name).Write(block); });
-            return std::string(Slot::ToString(Slot::LastWriteOutcome()));
+            return WithoutGil([&] {
+                CallLibrary([&] { SimpleSlotRW(name).Write(block); });
+                return std::string(Slot::ToString(Slot::LastWriteOutcome()));
+            });
         },
         py::arg("name"), py::arg("data"), "SimpleSlotRW(name).Write(data); the outcome's name.");
 

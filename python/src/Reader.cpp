@@ -170,10 +170,9 @@ public:
             throw py::type_error("callback must be callable or None");
         }
         sink_->SetName(name_);
-        {
-            py::gil_scoped_release unlocked;
-            reader_ = CallLibrary([&] { return SlotFactory::CreateSlotReader(&cfg, sink_); });
-        }
+        reader_ = WithoutGil([&] {
+            return CallLibrary([&] { return SlotFactory::CreateSlotReader(&cfg, sink_); });
+        });
         openReaders.insert(this);
     }
 
@@ -201,9 +200,13 @@ public:
             }
             return;
         }
+        if (ShuttingDown()) {
+            // No callback takes the GIL any more; keep it, so that no destructor takes it back.
+            reader.reset();
+            return;
+        }
         // Joining the reader's thread waits for a callback that may wait for the GIL.
-        py::gil_scoped_release unlocked;
-        reader.reset();
+        WithoutGil([&] { reader.reset(); });
     }
 
     py::bytes Get(const py::object& timeout) {

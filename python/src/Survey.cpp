@@ -73,22 +73,16 @@ void BindSurvey(py::module_& m) {
     m.def(
         "inspect_slot",
         [](const std::string& name) {
-            SlotReport report;
-            {
-                py::gil_scoped_release unlocked;
-                report = CallLibrary([&] { return SlotSurvey::InspectSlot(name); });
-            }
+            SlotReport report = WithoutGil(
+                [&] { return CallLibrary([&] { return SlotSurvey::InspectSlot(name); }); });
             return ReportOf(report);
         },
         py::arg("name"), "SlotSurvey::InspectSlot as a dict.");
     m.def(
         "list_slots",
         [] {
-            std::vector<SlotReport> reports;
-            {
-                py::gil_scoped_release unlocked;
-                reports = CallLibrary([] { return SlotSurvey::ListSlots(); });
-            }
+            std::vector<SlotReport> reports =
+                WithoutGil([] { return CallLibrary([] { return SlotSurvey::ListSlots(); }); });
             py::list result;
             for (const SlotReport& r : reports) {
                 result.append(ReportOf(r));
