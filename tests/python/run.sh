@@ -27,6 +27,7 @@ case "$mode" in
         ;;
 esac
 export PYTHONPATH="$package_dir${PYTHONPATH:+:$PYTHONPATH}"
-export SLOTCTL="$slotctl" SLOT_README="$readme" PYTHONDONTWRITEBYTECODE=1
+export SLOTCTL="$slotctl" SLOT_README="$readme" SLOT_BUILD_DIR="$(dirname "$package_dir")"
+export PYTHONDONTWRITEBYTECODE=1
 cd "$here"
 exec "$python" -m pytest -q -p no:cacheprovider "$here"

@@ -158,9 +158,12 @@ def test_many_readers_each_get_every_block(name):
                     assert wait_for(i)[-1] == block
                 assert readers[-1].get(timeout=WAIT) == block
     finally:
-        for reader in readers:
-            if reader is not None:
-                reader.close()
+        # Closed at once too: each close waits for its reader's thread.
+        closers = [threading.Thread(target=r.close) for r in readers if r is not None]
+        for t in closers:
+            t.start()
+        for t in closers:
+            t.join(WAIT)
 
 
 def test_get_times_out_and_close_ends_a_waiting_iteration(name):
