@@ -67,6 +67,11 @@ ConfigLike = Union[SlotConfig, str]
 for _type in (SlotConfig, SlotError, SlotCreationError, ReaderClosedError):
     _type.__module__ = __name__
 del _type
+SlotError.__doc__ = ("A library failure, with the library's text (also the use of a closed "
+                     "writer). A RuntimeError.")
+SlotCreationError.__doc__ = ("A slot, reader or writer could not be made "
+                             "(AbortSlotCreationException), with the library's text.")
+ReaderClosedError.__doc__ = "get() of a reader that is closed and has no block left."
 
 
 def _config(config: ConfigLike, **options) -> SlotConfig:
