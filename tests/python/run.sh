@@ -14,7 +14,9 @@ if ! "$python" -c 'import pytest' 2> /dev/null; then
 fi
 case "$mode" in
     asan)
-        export LD_PRELOAD="$("$cxx" -print-file-name=libasan.so)"
+        # libstdc++ too: ASan hooks C++ throws only in a C++ runtime present at start, and the
+        # interpreter is a C program that would load it later with the module.
+        export LD_PRELOAD="$("$cxx" -print-file-name=libasan.so) $("$cxx" -print-file-name=libstdc++.so)"
         # The interpreter itself is not instrumented: its own allocations at exit are not ours.
         export ASAN_OPTIONS="detect_leaks=0:halt_on_error=1:abort_on_error=1"
         export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
