@@ -262,3 +262,21 @@ def test_interpreter_exits_with_readers_running(name, how):
     assert result.returncode == (3 if how.startswith("sys.exit") else 0), err
     assert result.stdout.decode() == "exiting\n"
     assert "Fatal" not in err and "Traceback" not in err, err
+
+
+def test_waiting_get_lets_callbacks_run(names):
+    """The main thread waits in get() of one slot for a block that only a callback of another
+    reader writes: it arrives only if get() waits without the GIL."""
+    first, second = names("first"), names("second")
+    with libslot.Writer(second, type="reliable") as relay, \
+            libslot.Reader(second, type="reliable") as waiting:
+        outcomes = []
+
+        def forward(block):
+            outcomes.append(relay.write(block + b" relayed"))  # on the reader's thread
+
+        with libslot.Reader(first, forward, type="reliable"), \
+                libslot.Writer(first, type="reliable") as writer:
+            writer.write(b"\0go")
+            assert waiting.get(timeout=WAIT) == b"\0go relayed"
+        assert outcomes == [libslot.WriteOutcome.STORED]
