@@ -25,3 +25,9 @@ endif()
 if(SLOT_SANITIZE_ADDRESS AND SLOT_SANITIZE_THREAD)
     message(FATAL_ERROR "SLOT_SANITIZE_ADDRESS and SLOT_SANITIZE_THREAD cannot be combined")
 endif()
+
+# The Python module (python/): built when pybind11 and the Python 3 interpreter below (Debian's,
+# whose site-packages layout the module installs into) are found for this target's pointer
+# size; quietly left out otherwise (e.g. the i386 build).
+option(SLOT_BUILD_PYTHON "Build the Python module when pybind11 and Python 3 are found" ON)
+set(SLOT_PYTHON_EXECUTABLE "/usr/bin/python3" CACHE FILEPATH "Python interpreter of the module")

@@ -1,0 +1,240 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Pass blocks of bytes between processes through named slots (libSlot).
+
+A slot is a named set of POSIX shared-memory objects (or, for "posix-pipe", a named FIFO) that
+any process can open by name to write blocks or read them::
+
+    import libslot
+    with libslot.Reader("orders", type="reliable") as reader, libslot.Writer("orders", type="reliable") as writer:
+        writer.write(b"block 1")
+        print(reader.get(timeout=5))   # b'block 1'
+    libslot.remove_slot("orders")
+
+Blocks cross as ``bytes`` of their exact length. Library errors raise SlotError or its
+subclass SlotCreationError (both RuntimeError) with the library's own text. Every call that may
+wait releases the GIL; readers still open at interpreter exit are stopped then.
+"""
+
+from __future__ import annotations
+
+import atexit
+import enum
+from dataclasses import dataclass
+from typing import Callable, Iterator, List, Optional, Union
+
+from . import _native
+from ._native import (
+    ReaderClosedError,
+    SlotConfig,
+    SlotCreationError,
+    SlotError,
+    configure_logging,
+    create_slot,
+    remove_slot,
+    slot_type_is_valid,
+    version,
+)
+from ._survey import (
+    HeaderPart,
+    HeldLock,
+    PartState,
+    QueuePart,
+    SlotKind,
+    SlotPart,
+    SlotReport,
+    SlotState,
+    report_from_dict,
+)
+
+__all__ = [
+    "DISCARDING", "RELIABLE", "POSIX_PIPE",
+    "SlotConfig", "SlotError", "SlotCreationError", "ReaderClosedError",
+    "slot_type_is_valid", "create_slot", "remove_slot",
+    "Writer", "WriteOutcome", "WriteCounts", "write_counts", "last_write_outcome",
+    "Reader", "SimpleSlot",
+    "inspect_slot", "list_slots", "SlotReport", "SlotPart", "HeaderPart", "QueuePart",
+    "HeldLock", "SlotKind", "SlotState", "PartState",
+    "configure_logging", "version",
+]
+
+#: Slot type names.
+DISCARDING = "discarding"
+RELIABLE = "reliable"
+POSIX_PIPE = "posix-pipe"
+
+ConfigLike = Union[SlotConfig, str]
+
+for _type in (SlotConfig, SlotError, SlotCreationError, ReaderClosedError):
+    _type.__module__ = __name__
+del _type
+SlotError.__doc__ = ("A library failure, with the library's text (also the use of a closed "
+                     "writer). A RuntimeError.")
+SlotCreationError.__doc__ = ("A slot, reader or writer could not be made "
+                             "(AbortSlotCreationException), with the library's text.")
+ReaderClosedError.__doc__ = "get() of a reader that is closed and has no block left."
+
+
+def _config(config: ConfigLike, **options) -> SlotConfig:
+    if isinstance(config, SlotConfig):
+        if options:
+            raise TypeError("give either a SlotConfig or a name with options, not both")
+        return config
+    if isinstance(config, str):
+        return SlotConfig(config, **options)
+    raise TypeError(f"expected a SlotConfig or a slot name, not {type(config).__name__}")
+
+
+class WriteOutcome(str, enum.Enum):
+    """What became of one write."""
+
+    NONE = "none"            #: no write made yet on this thread
+    STORED = "stored"        #: the block is in the slot
+    DISCARDED = "discarded"  #: stored; an unread block waiting in a discarding slot was dropped
+    REFUSED = "refused"      #: not stored: the slot was full, or the block too large
+    FAILED = "failed"        #: not stored because of an error (see the library's log)
+
+    @property
+    def stored(self) -> bool:
+        """True when the block reached the slot (STORED or DISCARDED)."""
+        return self in (WriteOutcome.STORED, WriteOutcome.DISCARDED)
+
+
+@dataclass(frozen=True)
+class WriteCounts:
+    """Outcomes of this process's writes into one slot since the process started."""
+
+    stored: int = 0
+    discarded: int = 0
+    refused: int = 0
+    failed: int = 0
+
+    @property
+    def total(self) -> int:
+        """Every write counted."""
+        return self.stored + self.discarded + self.refused + self.failed
+
+    @property
+    def not_stored(self) -> int:
+        """Writes whose block did not reach the slot."""
+        return self.refused + self.failed
+
+
+def write_counts(name: str) -> WriteCounts:
+    """Counts of the outcomes of this process's writes into the slot ``name``, summed over all
+    its writers (all zero for a name never written to)."""
+    return WriteCounts(**_native.write_counts(name))
+
+
+def last_write_outcome() -> WriteOutcome:
+    """Outcome of the calling thread's last write into any slot."""
+    return WriteOutcome(_native.last_write_outcome())
+
+
+class Writer(_native.Writer):
+    """Writes blocks into a slot: ``Writer(config)`` or ``Writer(name, type=..., ...)``.
+
+    The slot is opened, or created from the configuration. A write never waits for room and
+    never raises for a full slot: it returns its WriteOutcome. Any thread may write; the GIL is
+    released while the block is stored. Use it as a context manager or call close().
+    """
+
+    def __init__(self, config: ConfigLike, **options) -> None:
+        super().__init__(_config(config, **options))
+
+    def write(self, data) -> WriteOutcome:
+        """Stores ``data`` (bytes, bytearray, memoryview or any C-contiguous buffer) as one
+        block and returns what became of it. Raises SlotError when the writer is closed."""
+        return WriteOutcome(super().write(data))
+
+    @property
+    def counts(self) -> WriteCounts:
+        """Counts of this process's writes into this slot (all its writers together)."""
+        return write_counts(self.name)
+
+    def close(self) -> None:
+        """Releases the writer (a posix-pipe writer closes its FIFO). Idempotent."""
+        super().close()
+
+    def __enter__(self) -> "Writer":
+        return self
+
+    def __exit__(self, *exc) -> None:
+        self.close()
+
+
+class Reader(_native.Reader):
+    """Reads the blocks of a slot: ``Reader(config)`` or ``Reader(name, type=..., ...)``.
+
+    With ``callback``, each block (``bytes``) is passed to ``callback(block)`` on the reader's
+    own thread, holding the GIL; an exception it raises is reported through
+    ``sys.unraisablehook`` and the reader goes on. Without one, blocks are queued in this
+    process until taken with get() or by iterating (``for block in reader``), which ends once
+    the reader is closed and drained.
+
+    The reader's thread runs once the constructor returns. A reliable slot has one reader on
+    the machine (SlotCreationError for a second); this reader gets also the blocks that waited
+    before it started. A discarding reader gets only blocks not older than the update time.
+    close() (or leaving the ``with`` block) stops it promptly: no callback runs after it
+    returns, also when it is called from inside the reader's own callback.
+    """
+
+    def __init__(self, config: ConfigLike, callback: Optional[Callable[[bytes], object]] = None,
+                 **options) -> None:
+        super().__init__(_config(config, **options), callback)
+
+    def get(self, timeout: Optional[float] = None) -> bytes:
+        """Next block. Waits at most ``timeout`` seconds (None: no limit) and raises
+        TimeoutError then; raises ReaderClosedError once the reader is closed and no block is
+        left. The GIL is released while waiting; Ctrl-C raises KeyboardInterrupt."""
+        return super().get(timeout)
+
+    def close(self) -> None:
+        """Stops the reader. Blocks already received can still be taken with get(). Idempotent."""
+        super().close()
+
+    def __iter__(self) -> Iterator[bytes]:
+        return self
+
+    def __next__(self) -> bytes:
+        try:
+            return self.get()
+        except ReaderClosedError:
+            raise StopIteration from None
+
+    def __enter__(self) -> "Reader":
+        return self
+
+    def __exit__(self, *exc) -> None:
+        self.close()
+
+
+class SimpleSlot:
+    """One value by slot name, in one call each (SimpleSlotRW): a discarding slot with blocks
+    of at most 65536 bytes, opened and let go again by every call."""
+
+    def __init__(self, name: str) -> None:
+        self.name = name
+
+    def read(self) -> bytes:
+        """The block waiting in the slot, or b"" when none waits."""
+        return _native.simple_read(self.name)
+
+    def write(self, data) -> WriteOutcome:
+        """Stores ``data`` (any bytes-like object) as one block; returns what became of it."""
+        return WriteOutcome(_native.simple_write(self.name, data))
+
+
+def inspect_slot(name: str) -> SlotReport:
+    """What the machine holds under the slot ``name``, seen without opening, locking or
+    changing it (a snapshot). A name with nothing behind it gives state SlotState.ABSENT."""
+    return report_from_dict(_native.inspect_slot(name))
+
+
+def list_slots() -> List[SlotReport]:
+    """Every slot, half or unfinished slot and posix-pipe FIFO of the machine, sorted by name."""
+    return [report_from_dict(d) for d in _native.list_slots()]
+
+
+# Readers still open at exit are stopped before the interpreter is finalised; after that no
+# reader thread calls into Python.
+atexit.register(_native._close_all_readers)

@@ -1,0 +1,255 @@
+// SPDX-License-Identifier: Apache-2.0
+// libslot._native: configuration, factory operations, writers, SimpleSlotRW, write outcomes,
+// logging set-up and the exception types. Readers live in Reader.cpp, the survey in Survey.cpp.
+
+#include "Binding.h"
+
+#include <Slot/SimpleSlotRW.h>
+#include <Slot/SlotFactory.h>
+#include <Slot/Version.h>
+#include <Slot/WriteOutcome.h>
+
+#include <log4cxx/basicconfigurator.h>
+#include <log4cxx/level.h>
+#include <log4cxx/logger.h>
+
+#include <atomic>
+#include <cmath>
+#include <limits>
+#include <mutex>
+
+namespace slotpy {
+
+namespace {
+
+std::atomic<bool> shuttingDown{false};
+
+boost::posix_time::time_duration ToDuration(double seconds) {
+    if (std::isnan(seconds)) {
+        return boost::posix_time::time_duration(boost::posix_time::not_a_date_time);
+    }
+    if (std::isinf(seconds)) {
+        return boost::posix_time::time_duration(seconds > 0 ? boost::posix_time::pos_infin
+                                                            : boost::posix_time::neg_infin);
+    }
+    // Beyond this the microsecond count would overflow; such a time is refused as "infinite".
+    const double limit = static_cast<double>(std::numeric_limits<int64_t>::max() / 2) / 1e6;
+    if (std::fabs(seconds) > limit) {
+        return boost::posix_time::time_duration(seconds > 0 ? boost::posix_time::pos_infin
+                                                            : boost::posix_time::neg_infin);
+    }
+    return boost::posix_time::microseconds(static_cast<int64_t>(std::llround(seconds * 1e6)));
+}
+
+// A writer made by the factory. Any thread may write; close() ends it for every thread (a
+// write already running finishes with its own reference).
+class Writer {
+public:
+    explicit Writer(const SlotConfig& cfg) : name_(cfg.GetName()), type_(cfg.GetSlotType()) {
+        writer_ = WithoutGil(
+            [&] { return CallLibrary([&] { return SlotFactory::CreateSlotWriter(&cfg); }); });
+    }
+    // At interpreter exit the writer is dropped with the GIL held: taking the GIL back in a
+    // destructor then could end the thread there.
+    ~Writer() {
+        if (writer_ && !ShuttingDown()) {
+            Close();
+        }
+    }
+
+    // Stores the bytes of `data` (any C-contiguous buffer) as one block; returns the outcome's
+    // name ("stored", "discarded", "refused", "failed").
+    std::string Write(const py::handle& data) {
+        ISubscriberPtr writer = writer_;
+        if (!writer) {
+            throw SlotError("write to a closed writer of '" + name_ + "'");
+        }
+        Py_buffer view;
+        if (PyObject_GetBuffer(data.ptr(), &view, PyBUF_SIMPLE) != 0) {
+            throw py::error_already_set();
+        }
+        Slot::WriteOutcome outcome = Slot::WriteOutcome::None;
+        try {
+            WithoutGil([&] {
+                CallLibrary([&] {
+                    writer->onNotify(name_, view.buf, static_cast<size_t>(view.len));
+                    // Read on this thread, right after the write: the outcome is per thread.
+                    outcome = Slot::LastWriteOutcome();
+                });
+            });
+        } catch (...) {
+            PyBuffer_Release(&view);
+            throw;
+        }
+        PyBuffer_Release(&view);
+        return Slot::ToString(outcome);
+    }
+
+    void Close() {
+        ISubscriberPtr last;
+        last.swap(writer_);
+        WithoutGil([&] { last.reset(); });
+    }
+
+    bool Closed() const { return !writer_; }
+    const std::string& Name() const { return name_; }
+    const std::string& Type() const { return type_; }
+
+private:
+    std::string name_;
+    std::string type_;
+    ISubscriberPtr writer_;  // guarded by the GIL
+};
+
+py::dict CountsOf(const std::string& name) {
+    Slot::WriteCounts counts = Slot::GetWriteCounts(name);
+    py::dict result;
+    result["stored"] = counts.stored;
+    result["discarded"] = counts.discarded;
+    result["refused"] = counts.refused;
+    result["failed"] = counts.failed;
+    return result;
+}
+
+void ConfigureLogging(const std::string& level) {
+    static std::once_flag configured;
+    std::call_once(configured, [] { log4cxx::BasicConfigurator::configure(); });
+    log4cxx::LevelPtr wanted = log4cxx::Level::toLevel(level, nullptr);
+    if (!wanted) {
+        throw py::value_error("unknown log level '" + level +
+                              "' (TRACE, DEBUG, INFO, WARN, ERROR, FATAL, OFF)");
+    }
+    log4cxx::Logger::getRootLogger()->setLevel(wanted);
+}
+
+}  // namespace
+
+SlotConfig::SlotConfig(std::string name, std::string type, double updateSeconds, size_t queueLength,
+                       size_t maxSize)
+    : name_(std::move(name)),
+      type_(std::move(type)),
+      updateSeconds_(updateSeconds),
+      updateTime_(ToDuration(updateSeconds)),
+      queueLength_(queueLength),
+      maxSize_(maxSize) {}
+
+bool ShuttingDown() {
+    return shuttingDown.load(std::memory_order_acquire);
+}
+void SetShuttingDown() {
+    shuttingDown.store(true, std::memory_order_release);
+}
+
+}  // namespace slotpy
+
+using namespace slotpy;
+
+PYBIND11_MODULE(_native, m) {
+    m.doc() = "Native part of libslot; use the libslot package instead.";
+
+    static py::exception<SlotError> slotError(m, "SlotError", PyExc_RuntimeError);
+    py::register_exception<AbortSlotCreationException>(m, "SlotCreationError", slotError.ptr());
+    py::register_exception<ReaderClosed>(m, "ReaderClosedError", slotError.ptr());
+    py::register_exception_translator([](std::exception_ptr p) {
+        try {
+            if (p)
+                std::rethrow_exception(p);
+        } catch (const SlotError& e) {
+            slotError(e.what());
+        }
+    });
+
+    py::class_<SlotConfig>(m, "SlotConfig", R"doc(
+A slot's description: name, type, update time, queue length and maximum block size.
+
+``type`` is "discarding" (also ""), "reliable" or "posix-pipe". ``update_time`` is in seconds:
+a reader waits at most that long per cycle, and a discarding reader drops blocks older than
+that. ``queue_length`` is the number of blocks a reliable slot holds. ``max_size`` is the
+largest block in bytes. A slot that already exists keeps the sizes it was created with.)doc")
+        .def(py::init<std::string, std::string, double, size_t, size_t>(), py::arg("name"),
+             py::arg("type") = "discarding", py::arg("update_time") = 0.1,
+             py::arg("queue_length") = 16, py::arg("max_size") = 65536)
+        .def_property_readonly("name", &SlotConfig::GetName, "The slot's name.")
+        .def_property_readonly("type", &SlotConfig::GetSlotType, "The slot type.")
+        .def_property_readonly("update_time", &SlotConfig::UpdateSeconds, "Update time in seconds.")
+        .def_property_readonly("queue_length", &SlotConfig::GetMaxBufferLength,
+                               "Blocks a reliable slot holds.")
+        .def_property_readonly("max_size", &SlotConfig::GetMaxSize, "Largest block in bytes.")
+        .def("__repr__", [](const SlotConfig& c) {
+            return py::str(
+                       "SlotConfig(name={!r}, type={!r}, update_time={!r}, "
+                       "queue_length={!r}, max_size={!r})")
+                .format(c.GetName(), c.GetSlotType(), c.UpdateSeconds(), c.GetMaxBufferLength(),
+                        c.GetMaxSize());
+        });
+
+    m.def("slot_type_is_valid", &SlotFactory::SlotTypeIsValid, py::arg("type"),
+          "True for the types the factory accepts: \"discarding\", \"reliable\", \"posix-pipe\" "
+          "and \"\".");
+    m.def(
+        "create_slot",
+        [](const SlotConfig& cfg) {
+            WithoutGil([&] { CallLibrary([&] { SlotFactory::CreateSlot(&cfg); }); });
+        },
+        py::arg("config"),
+        "Opens or creates the shared-memory slot that ``config`` describes. The slot stays "
+        "until remove_slot. Raises SlotCreationError with the library's text.");
+    m.def(
+        "remove_slot",
+        [](const std::string& name) {
+            return WithoutGil(
+                [&] { return CallLibrary([&] { return SlotFactory::RemoveSlot(name); }); });
+        },
+        py::arg("name"),
+        "Unlinks the slot's header segment and queue; True when both were removed. Processes "
+        "that have the slot open keep using the old objects.");
+
+    py::class_<Writer>(m, "Writer", "Native writer; use libslot.Writer.")
+        .def(py::init<const SlotConfig&>(), py::arg("config"))
+        .def("write", &Writer::Write, py::arg("data"),
+             "Stores ``data`` as one block; returns the outcome's name.")
+        .def("close", &Writer::Close, "Releases the writer.")
+        .def_property_readonly("closed", &Writer::Closed, "True once closed.")
+        .def_property_readonly("name", &Writer::Name, "The slot's name.")
+        .def_property_readonly("type", &Writer::Type, "The slot type.");
+
+    m.def("write_counts", &CountsOf, py::arg("name"),
+          "Counts of the outcomes of this process's writes into the slot ``name``.");
+    m.def(
+        "last_write_outcome", [] { return std::string(Slot::ToString(Slot::LastWriteOutcome())); },
+        "Outcome name of the calling thread's last write into any slot.");
+
+    m.def(
+        "simple_read",
+        [](const std::string& name) {
+            std::string block =
+                WithoutGil([&] { return CallLibrary([&] { return SimpleSlotRW(name).Read(); }); });
+            return py::bytes(block);
+        },
+        py::arg("name"), "SimpleSlotRW(name).Read() as bytes.");
+    m.def(
+        "simple_write",
+        [](const std::string& name, const py::handle& data) {
+            Py_buffer view;
+            if (PyObject_GetBuffer(data.ptr(), &view, PyBUF_SIMPLE) != 0) {
+                throw py::error_already_set();
+            }
+            std::string block(static_cast<const char*>(view.buf), static_cast<size_t>(view.len));
+            PyBuffer_Release(&view);
+            return WithoutGil([&] {
+                CallLibrary([&] { SimpleSlotRW(name).Write(block); });
+                return std::string(Slot::ToString(Slot::LastWriteOutcome()));
+            });
+        },
+        py::arg("name"), py::arg("data"), "SimpleSlotRW(name).Write(data); the outcome's name.");
+
+    m.def("configure_logging", &ConfigureLogging, py::arg("level") = "WARN",
+          "Sends the library's log to stderr (log4cxx BasicConfigurator, once) at ``level``.");
+    m.def(
+        "version", [] { return std::string(Slot::Version()); }, "Version of the libSlot loaded.");
+    m.def("_set_shutting_down", &SetShuttingDown,
+          "Interpreter exit: reader threads no longer call into Python.");
+
+    BindReader(m);
+    BindSurvey(m);
+}

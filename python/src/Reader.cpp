@@ -1,0 +1,258 @@
+// SPDX-License-Identifier: Apache-2.0
+// Readers for Python: a factory reader whose first subscriber either calls a Python callback on
+// the reader's thread or queues each block for get()/iteration.
+
+#include "Binding.h"
+
+#include <Slot/SlotFactory.h>
+
+#include <boost/shared_ptr.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <set>
+#include <thread>
+
+namespace slotpy {
+
+namespace {
+
+// Receives the reader's blocks on the reader's thread.
+//
+// Locks: mutex_ guards blocks_ and closed_; it is never held while Python runs or while the
+// GIL is taken. callback_ is guarded by the GIL.
+class ReaderSink final : public shared::ISubscriber {
+public:
+    explicit ReaderSink(PyObject* callback) : callback_(callback) { Py_XINCREF(callback_); }
+
+    // The callback is dropped by Close (with the GIL); one left here is leaked on purpose: this
+    // destructor may run on a thread without the GIL.
+    ~ReaderSink() override = default;
+
+    void onNotify(const std::string&, const void* data, size_t size) override {
+        if (closing_.load(std::memory_order_acquire)) {
+            return;
+        }
+        if (!hasCallback_) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!closed_) {
+                blocks_.emplace_back(static_cast<const char*>(data), size);
+                arrived_.notify_all();
+            }
+            return;
+        }
+        // Never take the GIL of an interpreter that is shutting down: Python would end this
+        // thread inside the library.
+        if (ShuttingDown() || !Py_IsInitialized() || _Py_IsFinalizing()) {
+            return;
+        }
+        PyGILState_STATE state = PyGILState_Ensure();
+        PyObject* callback = callback_;
+        if (callback && !closing_.load(std::memory_order_acquire)) {
+            Py_INCREF(callback);  // the callback may close its reader and drop callback_
+            ReaderSink* outer = current;
+            current = this;
+            PyObject* block = PyBytes_FromStringAndSize(static_cast<const char*>(data),
+                                                        static_cast<Py_ssize_t>(size));
+            PyObject* result = block ? PyObject_CallOneArg(callback, block) : nullptr;
+            Py_XDECREF(block);
+            if (result) {
+                Py_DECREF(result);
+            } else {
+                // Reported through sys.unraisablehook; the reader goes on.
+                PyErr_WriteUnraisable(callback);
+            }
+            current = outer;
+            Py_DECREF(callback);
+        }
+        PyGILState_Release(state);
+    }
+
+    // Next block; waits at most `seconds` (negative: no limit), in slices so that signals
+    // (Ctrl-C) are seen. Called with the GIL.
+    py::bytes Get(double seconds) {
+        using Clock = std::chrono::steady_clock;
+        const bool forever = seconds < 0 || std::isinf(seconds);
+        const Clock::time_point deadline =
+            forever ? Clock::time_point::max()
+                    : Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                         std::chrono::duration<double>(seconds));
+        for (;;) {
+            std::string block;
+            bool got = false;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (!blocks_.empty()) {
+                    block.swap(blocks_.front());
+                    blocks_.pop_front();
+                    got = true;
+                } else if (closed_) {
+                    throw ReaderClosed("reader of '" + name_ + "' is closed");
+                }
+            }
+            if (got) {
+                return py::bytes(block);
+            }
+            Clock::time_point now = Clock::now();
+            if (now >= deadline) {
+                PyErr_SetString(PyExc_TimeoutError,
+                                ("no block from '" + name_ + "' in time").c_str());
+                throw py::error_already_set();
+            }
+            Clock::time_point until = now + std::chrono::milliseconds(50);
+            if (until > deadline) {
+                until = deadline;
+            }
+            PyThreadState* thread = PyEval_SaveThread();
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                arrived_.wait_until(lock, until, [&] { return !blocks_.empty() || closed_; });
+            }
+            PyEval_RestoreThread(thread);
+            if (PyErr_CheckSignals() != 0) {
+                throw py::error_already_set();
+            }
+        }
+    }
+
+    size_t Pending() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return blocks_.size();
+    }
+
+    // No further block is taken in; waiting get() calls return. Called with the GIL.
+    void Close() {
+        closing_.store(true, std::memory_order_release);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            closed_ = true;
+        }
+        arrived_.notify_all();
+        PyObject* callback = callback_;
+        callback_ = nullptr;
+        Py_XDECREF(callback);
+    }
+
+    // True on this sink's reader thread, inside its callback.
+    bool OnOwnThread() const { return current == this; }
+
+    void SetName(const std::string& name) { name_ = name; }
+
+private:
+    static thread_local ReaderSink* current;  // sink whose callback runs on this thread
+
+    PyObject* callback_;  // guarded by the GIL
+    const bool hasCallback_ = callback_ != nullptr;
+    std::atomic<bool> closing_{false};
+    std::string name_;
+
+    std::mutex mutex_;
+    std::condition_variable arrived_;
+    std::deque<std::string> blocks_;  // guarded by mutex_
+    bool closed_ = false;             // guarded by mutex_
+};
+
+thread_local ReaderSink* ReaderSink::current = nullptr;
+
+class Reader;
+std::set<Reader*> openReaders;  // guarded by the GIL
+
+// A factory reader with a ReaderSink as its first subscriber, so that it receives every block,
+// also those that waited in a reliable slot.
+class Reader {
+public:
+    Reader(const SlotConfig& cfg, const py::object& callback)
+        : name_(cfg.GetName()),
+          type_(cfg.GetSlotType()),
+          sink_(new ReaderSink(callback.is_none() ? nullptr : callback.ptr())) {
+        if (!callback.is_none() && !PyCallable_Check(callback.ptr())) {
+            throw py::type_error("callback must be callable or None");
+        }
+        sink_->SetName(name_);
+        reader_ = WithoutGil([&] {
+            return CallLibrary([&] { return SlotFactory::CreateSlotReader(&cfg, sink_); });
+        });
+        openReaders.insert(this);
+    }
+
+    ~Reader() { Close(); }
+
+    // Stops the reader: no callback starts after this returns (except one already running on
+    // another thread, which ends first: the reader's thread is joined). From inside the
+    // reader's own callback it returns at once and the reader is destroyed when the callback
+    // has returned.
+    void Close() {
+        openReaders.erase(this);
+        if (!reader_) {
+            return;
+        }
+        INotifierPtr reader;
+        reader.swap(reader_);
+        sink_->Close();
+        if (sink_->OnOwnThread()) {
+            if (type_ == "posix-pipe") {
+                // The pipe reader cannot end on its own thread: a helper thread drops it,
+                // which waits for this notification to return.
+                std::thread([reader]() mutable { reader.reset(); }).detach();
+            } else {
+                reader.reset();  // the library destroys it once this notification returns
+            }
+            return;
+        }
+        if (ShuttingDown()) {
+            // No callback takes the GIL any more; keep it, so that no destructor takes it back.
+            reader.reset();
+            return;
+        }
+        // Joining the reader's thread waits for a callback that may wait for the GIL.
+        WithoutGil([&] { reader.reset(); });
+    }
+
+    py::bytes Get(const py::object& timeout) {
+        double seconds = timeout.is_none() ? -1.0 : timeout.cast<double>();
+        if (!timeout.is_none() && seconds < 0) {
+            throw py::value_error("timeout must not be negative");
+        }
+        return sink_->Get(seconds);
+    }
+
+    bool Closed() const { return !reader_; }
+    size_t Pending() { return sink_->Pending(); }
+    const std::string& Name() const { return name_; }
+    const std::string& Type() const { return type_; }
+
+private:
+    std::string name_;
+    std::string type_;
+    boost::shared_ptr<ReaderSink> sink_;
+    INotifierPtr reader_;  // guarded by the GIL
+};
+
+// Interpreter exit: stops every reader still open, before the interpreter is finalised.
+void CloseAllReaders() {
+    while (!openReaders.empty()) {
+        (*openReaders.begin())->Close();
+    }
+    SetShuttingDown();
+}
+
+}  // namespace
+
+void BindReader(py::module_& m) {
+    py::class_<Reader>(m, "Reader", "Native reader; use libslot.Reader.")
+        .def(py::init<const SlotConfig&, const py::object&>(), py::arg("config"),
+             py::arg("callback") = py::none())
+        .def("get", &Reader::Get, py::arg("timeout") = py::none(),
+             "Next block as bytes; TimeoutError after ``timeout`` seconds, ReaderClosedError "
+             "once closed and drained.")
+        .def("close", &Reader::Close, "Stops the reader.")
+        .def_property_readonly("closed", &Reader::Closed, "True once closed.")
+        .def_property_readonly("pending", &Reader::Pending, "Blocks received, not yet taken.")
+        .def_property_readonly("name", &Reader::Name, "The slot's name.")
+        .def_property_readonly("type", &Reader::Type, "The slot type.");
+    m.def("_close_all_readers", &CloseAllReaders,
+          "Stops every open reader; afterwards reader threads never call into Python.");
+}
+
+}  // namespace slotpy

@@ -1,0 +1,92 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Fixtures of the libslot suite: unique slot names removed after each test, private lock and
+pipe folders, child processes with time limits, and a final check for leftovers in /dev/shm."""
+
+import itertools
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+
+import pytest
+
+# Lock files and FIFOs of this run go to a private folder (children inherit it), removed at
+# the end of the session.
+RUN_DIR = tempfile.mkdtemp(prefix="libslot-pytest-")
+os.environ["SLOT_LOCK_DIR"] = os.path.join(RUN_DIR, "lock")
+os.environ["SLOT_PIPE_DIR"] = os.path.join(RUN_DIR, "pipes")
+
+import libslot  # noqa: E402  (after the folders above are set)
+
+PREFIX = f"pyslottest_{os.getpid()}_"
+_counter = itertools.count()
+SLOTCTL = os.environ.get("SLOTCTL", "")
+CHILD_TIMEOUT = 120  # seconds; generous for sanitizer builds on a loaded machine
+
+
+def unique_name(stem="slot"):
+    """A slot name no other test or parallel run uses."""
+    return f"{PREFIX}{next(_counter)}_{stem}"
+
+
+def remove_everything(name):
+    """Removes the slot's shared memory, its FIFO and its reader lock file."""
+    libslot.remove_slot(name)
+    for path in (os.path.join(os.environ["SLOT_PIPE_DIR"], name + ".fifo"),
+                 os.path.join(os.environ["SLOT_LOCK_DIR"], name + ".lock")):
+        try:
+            os.unlink(path)
+        except FileNotFoundError:
+            pass
+
+
+@pytest.fixture
+def names():
+    """Makes unique slot names (names("stem")) and removes their objects afterwards, also when
+    the test fails."""
+    made = []
+
+    def make(stem="slot"):
+        made.append(unique_name(stem))
+        return made[-1]
+
+    yield make
+    for name in made:
+        remove_everything(name)
+
+
+@pytest.fixture
+def name(names):
+    """One unique slot name, removed afterwards."""
+    return names()
+
+
+def run_python(code, *args, timeout=CHILD_TIMEOUT, **kwargs):
+    """Runs `code` in a fresh interpreter (this one, with this environment); returns the
+    CompletedProcess. A child that outlives `timeout` is killed and fails the test."""
+    return subprocess.run([sys.executable, "-c", code, *args], capture_output=True,
+                          timeout=timeout, **kwargs)
+
+
+def slotctl(*args, input=None, timeout=CHILD_TIMEOUT):
+    """Runs slotctl (the C++ side of the cross-language tests)."""
+    if not SLOTCTL:
+        pytest.skip("slotctl is not built")
+    return subprocess.run([SLOTCTL, *args], input=input, capture_output=True, timeout=timeout)
+
+
+def shm_leftovers():
+    return sorted(f for f in os.listdir("/dev/shm") if PREFIX in f)
+
+
+@pytest.fixture(scope="session", autouse=True)
+def no_leftovers():
+    """After the last test: nothing of this run may remain in /dev/shm (it is removed, and the
+    run fails), and the private folders are removed."""
+    yield
+    left = shm_leftovers()
+    for f in left:
+        os.unlink(os.path.join("/dev/shm", f))
+    shutil.rmtree(RUN_DIR, ignore_errors=True)
+    assert not left, f"left in /dev/shm: {left}"

@@ -1,0 +1,146 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Blocks between Python and C++ processes (slotctl, a program of the C++ library), both ways,
+through every slot kind, and the README's Python example."""
+
+import os
+import re
+import subprocess
+import sys
+
+import pytest
+
+import libslot
+from conftest import CHILD_TIMEOUT, SLOTCTL, run_python, slotctl
+
+BLOCKS = [b"a\0b", b"\0\0\0", b"\x01line\nnext\\\x7f", bytes(range(32, 127))]
+WAIT = 30
+
+
+def text_line(block):
+    """How `slotctl read` prints a block in its text format."""
+    out = []
+    for c in block:
+        ch = chr(c)
+        if ch in "\n\t\r\\":
+            out.append({"\n": "\\n", "\t": "\\t", "\r": "\\r", "\\": "\\\\"}[ch])
+        elif c < 0x20 or c == 0x7F:
+            out.append("\\x%02x" % c)
+        else:
+            out.append(ch)
+    return f"{len(block)} bytes: " + "".join(out) + "\n"
+
+
+def write_with_slotctl(name, type_, block):
+    result = slotctl("write", name, "--type", type_, "-", input=block)
+    assert result.returncode == 0, result.stderr.decode()
+
+
+class SlotctlReader:
+    """`slotctl read` in a child process, started and waited for until it reads."""
+
+    def __init__(self, name, type_, count, fmt="text"):
+        if not SLOTCTL:
+            pytest.skip("slotctl is not built")
+        self.proc = subprocess.Popen(
+            [SLOTCTL, "read", name, "--type", type_, "--count", str(count), "--format", fmt,
+             "--update-time", "1000", "--timeout", str(WAIT * 1000)],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        # It says so on stderr once its reader runs.
+        line = self.proc.stderr.readline().decode()
+        assert line.startswith("slotctl: reading"), line + self.proc.stderr.read().decode()
+
+    def output(self):
+        try:
+            out, err = self.proc.communicate(timeout=CHILD_TIMEOUT)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            self.proc.communicate()
+            raise
+        assert self.proc.returncode == 0, err.decode()
+        return out
+
+
+@pytest.mark.parametrize("type_", ["reliable", "discarding", "posix-pipe"])
+def test_cpp_writer_to_python_reader(name, type_):
+    with libslot.Reader(name, type=type_, update_time=1.0) as reader:
+        got = b""
+        for block in BLOCKS:
+            write_with_slotctl(name, type_, block)  # a whole process per block
+            if type_ == "posix-pipe":
+                while len(got) < sum(len(b) for b in BLOCKS[:BLOCKS.index(block) + 1]):
+                    got += reader.get(timeout=WAIT)
+            else:
+                assert reader.get(timeout=WAIT) == block
+        if type_ == "posix-pipe":
+            assert got == b"".join(BLOCKS)
+
+
+def test_cpp_writer_before_python_reader_of_a_reliable_slot(name):
+    for block in BLOCKS:
+        write_with_slotctl(name, "reliable", block)
+    with libslot.Reader(name, type="reliable") as reader:
+        assert [reader.get(timeout=WAIT) for _ in BLOCKS] == BLOCKS
+
+
+@pytest.mark.parametrize("type_", ["reliable", "discarding", "posix-pipe"])
+def test_python_writer_to_cpp_reader(name, type_):
+    if type_ == "reliable":
+        with libslot.Writer(name, type="reliable") as writer:
+            assert all(writer.write(b) is libslot.WriteOutcome.STORED for b in BLOCKS)
+        reader = SlotctlReader(name, type_, len(BLOCKS))
+        assert reader.output().decode() == "".join(text_line(b) for b in BLOCKS)
+    elif type_ == "discarding":
+        # Only blocks written after the reader started reach it: one at a time.
+        reader = SlotctlReader(name, type_, 1)
+        with libslot.Writer(name) as writer:
+            writer.write(BLOCKS[0])
+        assert reader.output().decode() == text_line(BLOCKS[0])
+    else:
+        reader = SlotctlReader(name, type_, 0, fmt="raw")
+        with libslot.Writer(name, type="posix-pipe") as writer:
+            for block in BLOCKS:
+                writer.write(block)
+        # A byte stream: read until everything came, then stop the child.
+        want = b"".join(BLOCKS)
+        got = b""
+        while len(got) < len(want):
+            chunk = os.read(reader.proc.stdout.fileno(), 65536)
+            assert chunk, reader.proc.stderr.read().decode()
+            got += chunk
+        reader.proc.terminate()
+        reader.proc.communicate(timeout=CHILD_TIMEOUT)
+        assert got == want
+
+
+def test_python_writer_process_to_python_reader(name):
+    """Two interpreters: the writer exits before the reader starts."""
+    code = ("import sys, libslot\n"
+            "w = libslot.Writer(sys.argv[1], type='reliable')\n"
+            "print([w.write(bytes([i]) * i).value for i in range(4)])\n")
+    result = run_python(code, name)
+    assert result.stdout.decode() == "['stored', 'stored', 'stored', 'stored']\n", \
+        result.stderr.decode()
+    with libslot.Reader(name, type="reliable") as reader:
+        assert [reader.get(timeout=WAIT) for _ in range(4)] == [bytes([i]) * i for i in range(4)]
+
+
+def readme_example():
+    """The Python block of the README, as written there."""
+    readme = os.environ.get("SLOT_README") or os.path.join(
+        os.path.dirname(__file__), "..", "..", "README.md")
+    with open(readme, encoding="utf-8") as f:
+        text = f.read()
+    match = re.search(r"<!-- readme-test: python -->\s*```python\n(.*?)```", text, re.S)
+    assert match, "the README has no tested Python example"
+    return match.group(1)
+
+
+def test_readme_example_runs_as_written(name):
+    code = readme_example()
+    assert len(code.strip().splitlines()) == 5
+    assert code.count('"orders"') >= 1
+    # The same code, on this run's own slot name.
+    result = run_python(code.replace('"orders"', repr(name)))
+    assert result.returncode == 0, result.stderr.decode()
+    assert result.stdout.decode() == "b'block 1'\n"
+    assert libslot.inspect_slot(name).state is libslot.SlotState.ABSENT

@@ -1,0 +1,163 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Blocks, write outcomes, errors, SimpleSlot and the survey, within one process."""
+
+import os
+
+import pytest
+
+import libslot
+
+BLOCKS = [b"", b"\0", b"a\0b\0\0", bytes(range(256)) * 3, b"\xff" * 65536]
+
+
+def read_stream(reader, size, timeout=30):
+    """Bytes of a byte stream (a posix-pipe) until `size` have come."""
+    data = b""
+    while len(data) < size:
+        data += reader.get(timeout=timeout)
+    return data
+
+
+@pytest.mark.parametrize("type_", ["reliable", "discarding"])
+def test_blocks_cross_whole_with_exact_lengths(name, type_):
+    # Discarding slots keep one block: each is read before the next is written.
+    with libslot.Reader(name, type=type_, update_time=1.0) as reader, \
+            libslot.Writer(name, type=type_) as writer:
+        for block in BLOCKS:
+            assert writer.write(block) is libslot.WriteOutcome.STORED
+            got = reader.get(timeout=30)
+            assert type(got) is bytes and got == block
+        # Every bytes-like kind is taken, a slice of a memoryview as just its bytes.
+        for data in (bytearray(b"x\0y"), memoryview(b"--abc--")[2:5], memoryview(bytearray(4))):
+            writer.write(data)
+            assert reader.get(timeout=30) == bytes(data)
+        with pytest.raises(TypeError):
+            writer.write("text is not bytes")
+        with pytest.raises(BufferError):
+            writer.write(memoryview(b"abcdef")[::2])  # not contiguous
+        assert reader.pending == 0
+
+
+def test_posix_pipe_carries_the_byte_stream(name):
+    with libslot.Reader(name, type="posix-pipe") as reader, \
+            libslot.Writer(name, type="posix-pipe") as writer:
+        sent = b"".join(BLOCKS[:4])
+        for block in BLOCKS[:4]:
+            assert writer.write(block) is libslot.WriteOutcome.STORED
+        assert read_stream(reader, len(sent)) == sent
+    assert not [f for f in os.listdir("/dev/shm") if name in f]  # no shared memory for pipes
+
+
+def test_reliable_slot_keeps_order_and_refuses_when_full(name):
+    with libslot.Writer(name, type="reliable", queue_length=3) as writer:
+        outcomes = [writer.write(b"%d" % i) for i in range(5)]
+        assert outcomes == [libslot.WriteOutcome.STORED] * 3 + [libslot.WriteOutcome.REFUSED] * 2
+        assert libslot.last_write_outcome() is libslot.WriteOutcome.REFUSED
+        too_large = writer.write(bytes(65537))
+        assert too_large is libslot.WriteOutcome.REFUSED and not too_large.stored
+        assert writer.counts == libslot.WriteCounts(stored=3, refused=3)
+        assert writer.counts.total == 6 and writer.counts.not_stored == 3
+        # The blocks wait for the reader, which also gets those written before it started.
+        with libslot.Reader(name, type="reliable", queue_length=3) as reader:
+            assert [reader.get(timeout=30) for _ in range(3)] == [b"0", b"1", b"2"]
+            writer.write(b"after")
+            assert reader.get(timeout=30) == b"after"
+
+
+def test_discarding_slot_replaces_the_waiting_block(name):
+    with libslot.Writer(name) as writer:
+        assert writer.write(b"old") is libslot.WriteOutcome.STORED
+        outcome = writer.write(b"new")
+        assert outcome is libslot.WriteOutcome.DISCARDED and outcome.stored
+    assert libslot.SimpleSlot(name).read() == b"new"
+
+
+def test_closed_writer_refuses_to_write(name):
+    writer = libslot.Writer(name)
+    writer.close()
+    writer.close()
+    assert writer.closed
+    with pytest.raises(libslot.SlotError, match="closed writer"):
+        writer.write(b"x")
+
+
+def test_errors_carry_the_library_texts(name):
+    assert issubclass(libslot.SlotCreationError, libslot.SlotError)
+    assert issubclass(libslot.SlotError, RuntimeError)
+    for make in (libslot.Reader, libslot.Writer):
+        with pytest.raises(libslot.SlotCreationError) as e:
+            make(name, type="win-pipe")
+        assert str(e.value) == "Invalid slot type win-pipe"
+    with pytest.raises(libslot.SlotCreationError) as e:
+        libslot.Reader(name, type="reliable", update_time=float("inf"))
+    assert str(e.value) == (f"Invalid update time +infinity of '{name}': a reader needs a finite "
+                            "update time of 0 or more")
+    with libslot.Reader(name, type="reliable"):
+        with pytest.raises(libslot.SlotCreationError) as e:
+            libslot.Reader(name, type="reliable")
+        assert str(e.value) == f"Cannot create non-unique reader for reliable slot '{name}'"
+    with pytest.raises(libslot.SlotCreationError) as e:
+        libslot.create_slot(libslot.SlotConfig("a/b"))
+    assert str(e.value).startswith("Slot could not be created: ")
+    with pytest.raises(libslot.SlotCreationError) as e:
+        libslot.Writer(name + "_big", type="reliable", max_size=1 << 33)
+    assert str(e.value).startswith("Slot could not be created: ")
+    assert "does not fit 32 bits" in str(e.value)
+    with pytest.raises(TypeError):
+        libslot.Reader(name, callback=42)
+
+
+def test_factory_operations(name):
+    for t in ("reliable", "discarding", "posix-pipe", ""):
+        assert libslot.slot_type_is_valid(t)
+    for t in ("win-pipe", "Reliable", "fifo"):
+        assert not libslot.slot_type_is_valid(t)
+    cfg = libslot.SlotConfig(name, type="reliable", update_time=0.25, queue_length=4, max_size=100)
+    assert (cfg.name, cfg.type, cfg.update_time, cfg.queue_length, cfg.max_size) == \
+        (name, "reliable", 0.25, 4, 100)
+    assert libslot.inspect_slot(name).state is libslot.SlotState.ABSENT
+    libslot.create_slot(cfg)
+    report = libslot.inspect_slot(name)
+    assert report.state is libslot.SlotState.HEALTHY
+    assert (report.kind, report.capacity, report.max_block_size) == \
+        (libslot.SlotKind.RELIABLE, 4, 100)
+    assert libslot.remove_slot(name) is True
+    assert libslot.remove_slot(name) is False
+    assert not [f for f in os.listdir("/dev/shm") if f.endswith(name)]
+
+
+def test_simple_slot_round_trip(name):
+    rw = libslot.SimpleSlot(name)
+    assert rw.read() == b""  # a fresh slot
+    assert rw.write(b"a\0b" * 10) is libslot.WriteOutcome.STORED
+    assert libslot.SimpleSlot(name).read() == b"a\0b" * 10
+    assert rw.read() == b""  # taken
+    assert rw.write(bytes(65536)) is libslot.WriteOutcome.STORED
+    assert rw.read() == bytes(65536)
+    assert rw.write(bytes(65537)) is libslot.WriteOutcome.REFUSED
+    assert rw.read() == b""
+    assert libslot.write_counts(name).refused == 1
+
+
+def test_survey_looks_without_disturbing(names):
+    reliable, discarding = names("reliable"), names("discarding")
+    with libslot.Writer(reliable, type="reliable", queue_length=8) as writer:
+        for block in (b"one", b"two"):
+            writer.write(block)
+        libslot.create_slot(libslot.SlotConfig(discarding))
+        for _ in range(2):  # looking twice changes nothing
+            report = libslot.inspect_slot(reliable)
+            assert report.name == reliable
+            assert report.state is libslot.SlotState.HEALTHY and report.detail == ""
+            assert report.waiting == 2 and report.capacity == 8
+            assert report.last_write is not None and report.last_write.tzinfo is not None
+            assert report.header.state is libslot.PartState.OK
+            assert report.queue.object == "queue_" + reliable
+            assert report.held_locks == [] and report.reader_pid == 0
+        listed = {r.name: r for r in libslot.list_slots()}
+        assert listed[reliable].kind is libslot.SlotKind.RELIABLE
+        assert listed[discarding].kind is libslot.SlotKind.DISCARDING
+        # The blocks are all still there for the reader.
+        with libslot.Reader(reliable, type="reliable") as reader:
+            assert [reader.get(timeout=30), reader.get(timeout=30)] == [b"one", b"two"]
+            assert libslot.inspect_slot(reliable).reader_pid == os.getpid()

@@ -1,0 +1,282 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Reader threads and the interpreter: callbacks, closing, waits, signals and shutdown."""
+
+import sys
+import threading
+import textwrap
+import time
+
+import pytest
+
+import libslot
+from conftest import remove_everything, run_python
+
+WAIT = 30  # seconds; generous bound for anything that should happen at once
+
+
+def collecting_callback():
+    """A callback that records blocks and the thread they came on, and an event per count."""
+    got, threads = [], []
+    arrived = threading.Condition()
+
+    def callback(block):
+        with arrived:
+            got.append(block)
+            threads.append(threading.get_ident())
+            arrived.notify_all()
+
+    def wait_for(count):
+        with arrived:
+            assert arrived.wait_for(lambda: len(got) >= count, WAIT), got
+        return got
+
+    return callback, wait_for, threads
+
+
+@pytest.mark.parametrize("type_", ["reliable", "discarding", "posix-pipe"])
+def test_callback_runs_on_the_reader_thread(name, type_):
+    callback, wait_for, threads = collecting_callback()
+    with libslot.Reader(name, callback, type=type_, update_time=1.0) as reader, \
+            libslot.Writer(name, type=type_) as writer:
+        writer.write(b"a\0")
+        assert b"".join(wait_for(1)) == b"a\0"
+        assert threads[0] != threading.get_ident()
+        assert reader.pending == 0  # callback readers queue nothing
+
+
+def second_reader(name):
+    """The next reader of a reliable slot. A reader closed inside its callback lets the slot go
+    once that callback has returned, on its own thread: until then a new reader is refused."""
+    deadline = time.monotonic() + WAIT
+    while True:
+        try:
+            return libslot.Reader(name, type="reliable")
+        except libslot.SlotCreationError:
+            if time.monotonic() > deadline:
+                raise
+            time.sleep(0.01)
+
+
+@pytest.mark.parametrize("type_", ["reliable", "discarding", "posix-pipe"])
+def test_callback_may_close_its_own_reader(name, type_):
+    calls = []
+    closed = threading.Event()
+
+    def callback(block):
+        calls.append(block)
+        reader.close()  # inside the reader's own notification
+        assert reader.closed
+        closed.set()
+
+    reader = libslot.Reader(name, callback, type=type_, update_time=1.0)
+    with libslot.Writer(name, type=type_) as writer:
+        writer.write(b"first")
+        assert closed.wait(WAIT)
+        for i in range(5):
+            writer.write(b"later %d" % i)
+        if type_ == "reliable":
+            # The closed reader took nothing more: the next reader gets every later block.
+            with second_reader(name) as second:
+                assert [second.get(timeout=WAIT) for _ in range(5)] == \
+                    [b"later %d" % i for i in range(5)]
+    assert calls == [b"first"]
+    reader.close()  # again: nothing left to do
+
+
+def test_close_from_another_thread_waits_for_a_running_callback(name):
+    inside, release = threading.Event(), threading.Event()
+    finished = []
+
+    def callback(block):
+        inside.set()
+        release.wait(WAIT)
+        finished.append(block)
+
+    reader = libslot.Reader(name, callback, type="reliable")
+    with libslot.Writer(name, type="reliable") as writer:
+        writer.write(b"x")
+        assert inside.wait(WAIT)
+        # close() blocks until the callback has returned; it must release the GIL meanwhile,
+        # or the callback (which needs the GIL to go on) and close() would wait for each other.
+        closer = threading.Thread(target=reader.close)
+        closer.start()
+        release.set()
+        closer.join(WAIT)
+        assert not closer.is_alive()
+        assert finished == [b"x"]
+        writer.write(b"y")
+    assert finished == [b"x"]
+
+
+def test_callback_exceptions_are_reported_and_the_reader_goes_on(name, monkeypatch):
+    reported = []
+    monkeypatch.setattr(sys, "unraisablehook", lambda u: reported.append(u.exc_value))
+    callback, wait_for, _ = collecting_callback()
+
+    def failing(block):
+        callback(block)
+        if block == b"bad":
+            raise ValueError("broken consumer")
+
+    with libslot.Reader(name, failing, type="reliable") as reader, \
+            libslot.Writer(name, type="reliable") as writer:
+        writer.write(b"bad")
+        writer.write(b"good")
+        assert wait_for(2) == [b"bad", b"good"]
+        assert not reader.closed
+    assert len(reported) == 1 and str(reported[0]) == "broken consumer"
+
+
+def test_many_readers_each_get_every_block(name):
+    count = 8
+    callbacks, waits = [], []
+    for _ in range(count):
+        callback, wait_for, _ = collecting_callback()
+        callbacks.append(callback)
+        waits.append(wait_for)
+    callbacks.append(None)  # and one that queues, the last
+    readers = [None] * len(callbacks)
+
+    def start(i):
+        readers[i] = libslot.Reader(name, callbacks[i], update_time=1.0)
+
+    try:
+        # Started from several threads at once: a reader's start takes one update time, with
+        # the GIL released.
+        starters = [threading.Thread(target=start, args=(i,)) for i in range(len(callbacks))]
+        for t in starters:
+            t.start()
+        for t in starters:
+            t.join(WAIT)
+        assert all(readers)
+        with libslot.Writer(name) as writer:
+            # A discarding slot keeps the latest block: each block is seen by all before the next.
+            for i in range(1, 6):
+                block = b"state %d" % i
+                writer.write(block)
+                for wait_for in waits:
+                    assert wait_for(i)[-1] == block
+                assert readers[-1].get(timeout=WAIT) == block
+    finally:
+        # Closed at once too: each close waits for its reader's thread.
+        closers = [threading.Thread(target=r.close) for r in readers if r is not None]
+        for t in closers:
+            t.start()
+        for t in closers:
+            t.join(WAIT)
+
+
+def test_get_times_out_and_close_ends_a_waiting_iteration(name):
+    with libslot.Reader(name, type="reliable") as reader:
+        with pytest.raises(TimeoutError):
+            reader.get(timeout=0.05)
+        with pytest.raises(ValueError):
+            reader.get(timeout=-1)
+        got = []
+        arrived = threading.Condition()
+
+        def consume():
+            for block in reader:  # ends once the reader is closed and drained
+                with arrived:
+                    got.append(block)
+                    arrived.notify_all()
+
+        consumer = threading.Thread(target=consume)
+        consumer.start()
+        with libslot.Writer(name, type="reliable") as writer:
+            writer.write(b"1")
+            writer.write(b"2")
+        with arrived:
+            assert arrived.wait_for(lambda: len(got) == 2, WAIT)
+        # The consumer now waits in get() with the GIL released; close() wakes it.
+        reader.close()
+        consumer.join(WAIT)
+        assert not consumer.is_alive()
+    assert got == [b"1", b"2"]
+    with pytest.raises(libslot.ReaderClosedError):
+        reader.get(timeout=0)
+
+
+def test_blocks_received_before_close_can_still_be_taken(name):
+    callback_free = libslot.Reader(name, type="reliable")
+    with libslot.Writer(name, type="reliable") as writer:
+        for i in range(3):
+            writer.write(b"%d" % i)
+    got = [callback_free.get(timeout=WAIT)]
+    callback_free.close()
+    got += list(callback_free)
+    assert got == [b"0", b"1", b"2"]
+
+
+def test_ctrl_c_interrupts_a_blocking_get(name):
+    script = textwrap.dedent("""
+        import os, signal, sys, threading, libslot
+        reader = libslot.Reader(sys.argv[1], type="reliable")
+        # The signal may come before or during get(): either way get() must give way to it.
+        threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT)).start()
+        try:
+            reader.get()
+        except KeyboardInterrupt:
+            print("interrupted", flush=True)
+        reader.close()
+    """)
+    result = run_python(script, name)
+    assert result.returncode == 0, result.stderr.decode()
+    assert result.stdout.decode() == "interrupted\n"
+
+
+SHUTDOWN = textwrap.dedent("""
+    import sys, threading, time, libslot
+    base = sys.argv[1]
+    started = threading.Event()
+    def slow(block):
+        started.set()
+        time.sleep(0.05)   # a callback running while the interpreter exits
+    readers = [libslot.Reader(base + "_r", slow, type="reliable", update_time=0.05),
+               libslot.Reader(base + "_d", slow, update_time=0.05),
+               libslot.Reader(base + "_p", slow, type="posix-pipe", update_time=0.05)]
+    waiting = libslot.Reader(base + "_q", type="reliable")
+    threading.Thread(target=lambda: list(waiting), daemon=True).start()   # in get() at exit
+    writers = [libslot.Writer(base + s, type=t) for s, t in
+               (("_r", "reliable"), ("_d", "discarding"), ("_p", "posix-pipe"))]
+    def write_forever():
+        while True:
+            for w in writers:
+                w.write(b"block")
+    threading.Thread(target=write_forever, daemon=True).start()
+    started.wait(30)
+    print("exiting", flush=True)
+    {exit}
+""")
+
+
+@pytest.mark.parametrize("how", ["end", "sys.exit(3)", "del readers"])
+def test_interpreter_exits_with_readers_running(name, how):
+    script = SHUTDOWN.replace("{exit}", "" if how == "end" else how)
+    try:
+        result = run_python(script, name, timeout=120)
+    finally:
+        for suffix in ("_r", "_d", "_p", "_q"):
+            remove_everything(name + suffix)
+    err = result.stderr.decode()
+    assert result.returncode == (3 if how.startswith("sys.exit") else 0), err
+    assert result.stdout.decode() == "exiting\n"
+    assert "Fatal" not in err and "Traceback" not in err, err
+
+
+def test_waiting_get_lets_callbacks_run(names):
+    """The main thread waits in get() of one slot for a block that only a callback of another
+    reader writes: it arrives only if get() waits without the GIL."""
+    first, second = names("first"), names("second")
+    with libslot.Writer(second, type="reliable") as relay, \
+            libslot.Reader(second, type="reliable") as waiting:
+        outcomes = []
+
+        def forward(block):
+            outcomes.append(relay.write(block + b" relayed"))  # on the reader's thread
+
+        with libslot.Reader(first, forward, type="reliable"), \
+                libslot.Writer(first, type="reliable") as writer:
+            writer.write(b"\0go")
+            assert waiting.get(timeout=WAIT) == b"\0go relayed"
+        assert outcomes == [libslot.WriteOutcome.STORED]
