@@ -532,10 +532,38 @@ void BaseQueueSlot::RepairAfterDeadHolder(pid_t deadThread) {
     }
 }
 
+namespace {
+
+// Boost's allocator and name index are guarded by mutexes of their own, which are not robust, and
+// stay inconsistent while a process is inside them. Returns once neither is held; a holder that
+// died there (a creator killed in the middle of an allocation) is reported as such, a live one is
+// waited for up to the creation bound (shared::AwaitUnheldMutex throws).
+void AwaitManagerLocks(const void* base, const SlotImage::HeaderImage& image,
+                       const std::string& name) {
+    const std::string remedy =
+        "remove it (slotctl rm --stale " + name + ") and create the slot again";
+    const char* bytes = static_cast<const char*>(base);
+    if (image.allocatorMutex.present) {
+        shared::AwaitUnheldMutex(bytes + image.allocatorMutex.offset,
+                                 "The allocator lock of segment '" + name + "'", remedy);
+    }
+    if (image.indexMutex.present) {
+        shared::AwaitUnheldMutex(bytes + image.indexMutex.offset,
+                                 "The index lock of segment '" + name + "'", remedy);
+    }
+}
+
+bool OnlyDataSizeIsWrong(const SlotImage::HeaderImage& image) {
+    return image.problem == "the output buffer's data size exceeds the buffer";
+}
+
+}  // namespace
+
 void BaseQueueSlot::PrecheckHeaderSegment() const {
     // Opening the segment makes Boost walk its index (to find the header mutex): an existing
     // segment is checked from its raw bytes first. Absent or unfinished ones are left to the
-    // creation. Another opener may be adding to the index right now, so damage must persist.
+    // creation. Another opener may be adding to the index right now, so damage must persist
+    // while nobody holds the allocator's or the index's lock.
     const int fd = ::shm_open(name_.c_str(), O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) {
         return;
@@ -550,20 +578,24 @@ void BaseQueueSlot::PrecheckHeaderSegment() const {
         return;
     }
     const size_t size = static_cast<size_t>(st.st_size);
+    struct Unmap {
+        void* address;
+        size_t size;
+        ~Unmap() { ::munmap(address, size); }
+    } unmap{address, size};
     std::string problem;
     for (int attempt = 0; attempt < 5; ++attempt) {
         const SlotImage::HeaderImage image = SlotImage::ParseHeader(address, size);
         if (image.creation != SlotImage::CreationState::Initialised ||
             image.verdict == SlotImage::Verdict::Valid ||
-            image.verdict == SlotImage::Verdict::Unfinished ||
-            image.problem == "the output buffer's data size exceeds the buffer") {
+            image.verdict == SlotImage::Verdict::Unfinished || OnlyDataSizeIsWrong(image)) {
             problem.clear();
             break;
         }
         problem = image.problem;
+        AwaitManagerLocks(address, image, name_);
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    ::munmap(address, size);
     if (!problem.empty()) {
         throw boost::interprocess::interprocess_exception(
             ("segment '" + name_ + "' is damaged: " + problem + "; remove the slot (slotctl rm " +
@@ -574,14 +606,19 @@ void BaseQueueSlot::PrecheckHeaderSegment() const {
 
 void BaseQueueSlot::CheckHeaderSegment() const {
     // Boost's find and construct follow every offset of the name index; a damaged segment is
-    // refused before they run. Under the header lock the index does not change meanwhile (only
-    // ConstructHeader adds to it). A data size beyond the buffer is repaired by the reset below.
+    // refused before they run. Under the header lock the index changes only through a process
+    // that opens the segment (its find of the header mutex): that one is waited for, and one
+    // that died inside the allocator or the index is reported instead of blocking
+    // find_or_construct for ever. A data size beyond the buffer is repaired by the reset below.
     shared::SlotSegment& segment = segment_->GetSegment();
-    const SlotImage::HeaderImage image =
+    SlotImage::HeaderImage image =
         SlotImage::ParseHeader(segment.get_address(), segment.get_size());
-    const bool onlyDataSize = image.problem == "the output buffer's data size exceeds the buffer";
+    AwaitManagerLocks(segment.get_address(), image, name_);
+    if (image.verdict != SlotImage::Verdict::Valid) {
+        image = SlotImage::ParseHeader(segment.get_address(), segment.get_size());
+    }
     if (image.verdict == SlotImage::Verdict::Foreign ||
-        (image.verdict == SlotImage::Verdict::Damaged && !onlyDataSize)) {
+        (image.verdict == SlotImage::Verdict::Damaged && !OnlyDataSizeIsWrong(image))) {
         throw boost::interprocess::interprocess_exception(
             ("segment '" + name_ + "' is damaged: " + image.problem +
              "; remove the slot (slotctl rm " + name_ + ") and create it again")

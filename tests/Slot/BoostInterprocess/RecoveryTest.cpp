@@ -9,6 +9,7 @@
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
+#include <Slot/BoostInterprocess/SlotImage.h>
 #include <Slot/SlotFactory.h>
 
 #include <shared/CrashPoint.h>
@@ -23,6 +24,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -30,9 +32,34 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 namespace {
+
+// A slot's header segment mapped as raw bytes, as another process sees it.
+struct RawObject {
+    RawObject(const std::string& name, bool writable) {
+        const int fd = ::shm_open(name.c_str(), writable ? O_RDWR : O_RDONLY, 0);
+        struct stat st;
+        if (fd < 0 || ::fstat(fd, &st) != 0) {
+            throw std::runtime_error("cannot open " + name);
+        }
+        size = static_cast<std::size_t>(st.st_size);
+        void* at =
+            ::mmap(nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+        ::close(fd);
+        if (at == MAP_FAILED) {
+            throw std::runtime_error("cannot map " + name);
+        }
+        bytes = static_cast<char*>(at);
+    }
+    ~RawObject() { ::munmap(bytes, size); }
+    SlotImage::HeaderImage Image() const { return SlotImage::ParseHeader(bytes, size); }
+
+    char* bytes = nullptr;
+    std::size_t size = 0;
+};
 
 using boost::interprocess::open_or_create;
 using std::chrono::seconds;
@@ -327,29 +354,57 @@ TEST(UnfinishedCreation, CreatorKilledAtEachStepNeverHangsTheNextOpener) {
     }
 }
 
+// A process killed inside the segment's index (or its allocator) may leave it half changed: the
+// opener names the dead holder of the index lock, whether or not the bookkeeping looks damaged.
 TEST(UnfinishedCreation, DeathInsideTheSegmentIndexIsReportedNotWaitedFor) {
-    ScopedSlotName name;
-    { ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity); }
-    ChildProcess dier([&] {
-        std::unique_ptr<shared::ISharedMemory> segment(
-            shared::CreateSharedMemory(open_or_create, name.c_str(), 4096));
-        auto die = [] { shared::KillThisProcess(); };
-        segment->GetSegment().atomic_func(die);
-        return 3;
-    });
-    EXPECT_EQ(9, dier.Wait(seconds(30)).signal);
-    const ChildResult opener = RunInChild([&] {
-        try {
-            ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
-        } catch (const AbortSlotCreationException& e) {
-            const std::string expected = "Slot could not be created: The index lock of segment '" +
-                                         name.str() + "' is held by thread " +
-                                         std::to_string(dier.Pid()) + ", which died holding it";
-            return std::string(e.what()).rfind(expected, 0) == 0 ? 0 : Failed(11, e.what());
+    for (const bool halfChanged : {false, true}) {
+        SCOPED_TRACE(halfChanged ? "bookkeeping half changed" : "bookkeeping intact");
+        ScopedSlotName name;
+        { ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity); }
+        ChildProcess dier([&] {
+            std::unique_ptr<shared::ISharedMemory> segment(
+                shared::CreateSharedMemory(open_or_create, name.c_str(), 4096));
+            auto die = [&] {
+                if (halfChanged) {
+                    // The allocator's record of the segment's size, as an allocation in progress
+                    // may leave its bookkeeping for a moment.
+                    RawObject raw(name.str(), true);
+                    const std::uint64_t at = raw.Image().managerOffset;
+                    const std::uint64_t recorded = raw.size - at;
+                    for (std::uint64_t p = at;
+                         p + 8 <= std::min<std::uint64_t>(raw.size, at + 4096); p += 8) {
+                        std::uint64_t word;
+                        std::memcpy(&word, raw.bytes + p, 8);
+                        if (word == recorded) {
+                            word += 64;
+                            std::memcpy(raw.bytes + p, &word, 8);
+                            break;
+                        }
+                    }
+                }
+                shared::KillThisProcess();
+            };
+            segment->GetSegment().atomic_func(die);
+            return 3;
+        });
+        EXPECT_EQ(9, dier.Wait(seconds(30)).signal);
+        if (halfChanged) {
+            ASSERT_EQ(SlotImage::Verdict::Damaged, RawObject(name.str(), false).Image().verdict);
         }
-        return Failed(12, "no exception");
-    });
-    EXPECT_TRUE(opener.Ok()) << opener.Describe();
+        const ChildResult opener = RunInChild([&] {
+            try {
+                ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
+            } catch (const AbortSlotCreationException& e) {
+                const std::string expected =
+                    "Slot could not be created: The index lock of segment '" + name.str() +
+                    "' is held by thread " + std::to_string(dier.Pid()) +
+                    ", which died holding it; remove it (slotctl rm --stale " + name.str() + ")";
+                return std::string(e.what()).rfind(expected, 0) == 0 ? 0 : Failed(11, e.what());
+            }
+            return Failed(12, "no exception");
+        });
+        EXPECT_TRUE(opener.Ok()) << opener.Describe();
+    }
 }
 
 // A full /dev/shm: creation fails with the system's text instead of a later SIGBUS, and leaves
