@@ -16,15 +16,12 @@
 
 namespace {
 
+using slotctltest::Contains;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
 using testsupport::ChildProcess;
 using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 // Writes two blocks to a reliable slot, then locks it and is killed while it holds the lock.
 void KillHolderOf(const std::string& name) {

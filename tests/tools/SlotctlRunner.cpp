@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
@@ -73,14 +74,31 @@ void Reap(pid_t pid, int options, Outcome& run, bool& reaped) {
 
 }  // namespace
 
-std::vector<std::string> Outcome::ErrLines() const {
+bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+bool ShmExists(const std::string& name) {
+    return Exists("/dev/shm/" + name);
+}
+
+std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
-    std::istringstream in(err);
+    std::istringstream in(text);
     std::string line;
     while (std::getline(in, line)) {
         lines.push_back(line);
     }
     return lines;
+}
+
+std::vector<std::string> Outcome::ErrLines() const {
+    return Lines(err);
 }
 
 std::string Outcome::Describe() const {

@@ -8,6 +8,13 @@
 
 namespace slotctltest {
 
+bool Contains(const std::string& text, const std::string& part);
+// Whether `path` exists (a symbolic link is not followed).
+bool Exists(const std::string& path);
+// Whether the shared-memory object `name` exists.
+bool ShmExists(const std::string& name);
+std::vector<std::string> Lines(const std::string& text);
+
 // How a slotctl run ended, and what it printed.
 struct Outcome {
     bool exited = false;

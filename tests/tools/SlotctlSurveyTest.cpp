@@ -21,20 +21,13 @@
 
 namespace {
 
+using slotctltest::Contains;
 using slotctltest::Outcome;
+using slotctltest::ShmExists;
 using slotctltest::Slotctl;
 using testsupport::ChildProcess;
 using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-bool ShmExists(const std::string& name) {
-    struct stat st;
-    return ::lstat(("/dev/shm/" + name).c_str(), &st) == 0;
-}
 
 std::string LineStartingWith(const std::string& text, const std::string& start) {
     std::istringstream in(text);

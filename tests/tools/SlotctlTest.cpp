@@ -26,25 +26,15 @@
 namespace {
 
 using slotctltest::Background;
+using slotctltest::Contains;
+using slotctltest::Exists;
 using slotctltest::Options;
 using slotctltest::Outcome;
+using slotctltest::ShmExists;
 using slotctltest::Slotctl;
 using testsupport::ChildProcess;
 using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-bool Exists(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
-}
-
-bool ShmExists(const std::string& name) {
-    return Exists("/dev/shm/" + name);
-}
 
 // One line on stderr, "slotctl: ...", containing `part`; nothing on stdout.
 void ExpectOneErrorLine(const Outcome& run, int status, const std::string& part) {

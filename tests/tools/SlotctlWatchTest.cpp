@@ -26,30 +26,14 @@
 namespace {
 
 using slotctltest::Background;
+using slotctltest::Contains;
+using slotctltest::Exists;
+using slotctltest::Lines;
 using slotctltest::Options;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
 using testsupport::ChildProcess;
 using testsupport::ScopedSlotName;
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-bool Exists(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 std::string Frame(const std::string& block) {
     const std::uint32_t n = static_cast<std::uint32_t>(block.size());
