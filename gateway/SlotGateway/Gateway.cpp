@@ -357,6 +357,9 @@ private:
     }
 
     void Send(const void* data, std::size_t size) {
+        if (size == 0) {
+            return;  // an empty read (another process took the block first) is no block
+        }
         if (route_.direction == Direction::Both && echoes_.IsEcho(data, size)) {
             ++echoes_skipped_;
             return;
