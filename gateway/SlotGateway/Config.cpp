@@ -106,6 +106,11 @@ void CheckTopic(const std::string& topic, const Place& place) {
                        "digits, '_' and '/'");
         }
     }
+    const std::string reserved = "/ack";  // a reliable route's acknowledgements
+    if (topic.size() > reserved.size() &&
+        topic.compare(topic.size() - reserved.size(), reserved.size(), reserved) == 0) {
+        place.Fail("topic", "topic names ending in \"/ack\" are the gateway's own");
+    }
 }
 
 void CheckPartition(const std::string& partition, const Place& place) {

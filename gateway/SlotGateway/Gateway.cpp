@@ -25,6 +25,7 @@
 #include <iomanip>
 #include <map>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -77,6 +78,16 @@ dds_qos_t* RouteQos(const Route& route) {
         dds_qset_history(qos, DDS_HISTORY_KEEP_LAST, 1);
         dds_qset_durability(qos, DDS_DURABILITY_TRANSIENT_LOCAL);
     }
+    dds_qset_ignorelocal(qos, DDS_IGNORELOCAL_PARTICIPANT);
+    return qos;
+}
+
+// QoS of a reliable route's acknowledgements (receiving gateway -> sending gateway).
+dds_qos_t* AckQos() {
+    dds_qos_t* qos = dds_create_qos();
+    dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
+    dds_qset_history(qos, DDS_HISTORY_KEEP_LAST, 64);
+    dds_qset_durability(qos, DDS_DURABILITY_VOLATILE);
     dds_qset_ignorelocal(qos, DDS_IGNORELOCAL_PARTICIPANT);
     return qos;
 }
@@ -169,7 +180,7 @@ struct StopFlag {
 class RouteRunner {
 public:
     RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity_t publisher,
-                dds_entity_t subscriber, dds_entity_t topic, StopFlag& stop,
+                dds_entity_t subscriber, dds_entity_t topic, dds_entity_t ackTopic, StopFlag& stop,
                 std::chrono::milliseconds grace)
         : route_(route),
           cfg_(route),
@@ -181,9 +192,24 @@ public:
         if (route.sends()) {
             writer_ =
                 Check(dds_create_writer(publisher, topic, qos.get(), nullptr), "dds_create_writer");
+            if (route.reliable()) {
+                QosPtr ackQos(AckQos());
+                ackReader_ = Check(dds_create_reader(subscriber, ackTopic, ackQos.get(), nullptr),
+                                   "dds_create_reader");
+                ackCondition_ = Check(dds_create_readcondition(ackReader_, DDS_ANY_STATE),
+                                      "dds_create_readcondition");
+                ackWaitset_ =
+                    Check(dds_create_waitset(DDS_CYCLONEDDS_HANDLE), "dds_create_waitset");
+                dds_waitset_attach(ackWaitset_, ackCondition_, 0);
+            }
         }
         if (route.receives()) {
             slotWriter_ = SlotFactory::CreateSlotWriter(&cfg_);
+            if (route.reliable()) {
+                QosPtr ackQos(AckQos());
+                ackWriter_ = Check(dds_create_writer(publisher, ackTopic, ackQos.get(), nullptr),
+                                   "dds_create_writer");
+            }
             reader_ = Check(dds_create_reader(subscriber, topic, qos.get(), nullptr),
                             "dds_create_reader");
             readCondition_ =
@@ -206,6 +232,9 @@ public:
         if (wakeup_ > 0) {
             dds_delete(wakeup_);
         }
+        if (ackWaitset_ > 0) {
+            dds_delete(ackWaitset_);
+        }
     }
 
     const Route& route() const { return route_; }
@@ -220,7 +249,8 @@ public:
 
     // A best-effort writer's history does not reach a reader that matches later, so the current
     // state is published again (same serial: readers that have it skip it) a few times after a
-    // new reader appeared, for a late-joining gateway to get it.
+    // new reader appeared, for a late-joining gateway to get it, and then once a second, so that
+    // a state lost on the way still arrives.
     void RepeatStateForNewReaders() {
         dds_publication_matched_status_t matched;
         if (dds_get_publication_matched_status(writer_, &matched) != DDS_RETCODE_OK) {
@@ -232,7 +262,10 @@ public:
             repeats_ = {now + std::chrono::milliseconds(50), now + std::chrono::milliseconds(300),
                         now + std::chrono::milliseconds(1000)};
         }
-        if (repeats_.empty() || now < repeats_.front()) {
+        if (repeats_.empty()) {
+            repeats_.push_back(now + std::chrono::milliseconds(1000));
+        }
+        if (now < repeats_.front()) {
             return;
         }
         repeats_.pop_front();
@@ -296,10 +329,16 @@ public:
         }
     }
 
+    // Ends the receiving thread after it stored what DDS holds, and lets the acknowledgements of
+    // those blocks reach their senders. A block that arrives after the last take is not
+    // acknowledged: its sender gives it to the next receiving gateway.
     void StopReceiving() {
         if (receiver_.joinable()) {
             dds_set_guardcondition(wakeup_, true);
             receiver_.join();
+        }
+        if (ackWriter_ > 0) {
+            dds_wait_for_acks(ackWriter_, DDS_MSECS(grace_.count()));
         }
     }
 
@@ -314,6 +353,10 @@ public:
         status.counters.echoes = echoes_skipped_;
         status.counters.duplicates = duplicates_;
         status.matchedReaders = MatchedReaders();
+        {
+            std::lock_guard<std::mutex> guard(slotReaderMutex_);
+            status.sending = static_cast<bool>(slotReader_);
+        }
         if (reader_ > 0) {
             dds_subscription_matched_status_t matched;
             if (dds_get_subscription_matched_status(reader_, &matched) == DDS_RETCODE_OK) {
@@ -434,28 +477,76 @@ private:
                 }
                 continue;
             }
+            // Done when every matched receiving gateway stored the block in its slot. A receiver
+            // that left before storing it (a restart) makes the block go out again: receivers
+            // still running recognise the serial and only acknowledge it once more.
+            std::set<std::uint64_t> storedBy;
             bool again = false;
             for (;;) {
-                const dds_return_t acked = dds_wait_for_acks(writer_, DDS_MSECS(200));
-                if (acked == DDS_RETCODE_OK) {
-                    again = LostReaders() != lostBefore || MatchedReaders() == 0;
+                TakeAcks(sample.serial, storedBy);
+                const std::uint32_t matched = MatchedReaders();
+                if (!storedBy.empty() && storedBy.size() >= matched) {
                     break;
                 }
-                if (MatchedReaders() == 0) {
+                if (storedBy.empty() && (matched == 0 || LostReaders() != lostBefore)) {
                     again = true;
                     break;
                 }
                 if (givingUp()) {
-                    // Published and matched, only not yet acknowledged: the reader has it or
-                    // gets it from the writer's history while the participant lives.
+                    // Published and matched, only not yet stored: the receiver has it or gets it
+                    // from the writer's history while this participant lives.
                     ++forwarded_;
                     return;
                 }
+                dds_waitset_wait(ackWaitset_, nullptr, 0, DDS_MSECS(100));
             }
             if (!again) {
                 ++forwarded_;
                 return;
             }
+        }
+    }
+
+    // Collects the receiving gateways that acknowledged block `serial` of this gateway.
+    void TakeAcks(std::uint64_t serial, std::set<std::uint64_t>& storedBy) {
+        for (;;) {
+            void* samples[1] = {nullptr};
+            dds_sample_info_t info[1];
+            const dds_return_t n = dds_take(ackReader_, samples, info, 1, 1);
+            if (n <= 0) {
+                return;
+            }
+            if (info[0].valid_data) {
+                const auto* ack = static_cast<const SlotGatewayWire_Block*>(samples[0]);
+                std::uint64_t receiver = 0;
+                if (ack->gateway == gatewayId_ && ack->serial == serial &&
+                    ack->data._length == sizeof receiver) {
+                    std::memcpy(&receiver, ack->data._buffer, sizeof receiver);
+                    storedBy.insert(receiver);
+                }
+            }
+            dds_return_loan(ackReader_, samples, n);
+        }
+    }
+
+    // Tells the sending gateway that its block `serial` is in the slot (or was already).
+    void Acknowledge(std::uint64_t sender, std::uint64_t serial) {
+        if (ackWriter_ <= 0) {
+            return;
+        }
+        std::uint64_t self = gatewayId_;
+        SlotGatewayWire_Block ack;
+        ack.gateway = sender;
+        ack.serial = serial;
+        ack.data._maximum = sizeof self;
+        ack.data._length = sizeof self;
+        ack.data._buffer = reinterpret_cast<uint8_t*>(&self);
+        ack.data._release = false;
+        const dds_return_t rc = dds_write(ackWriter_, &ack);
+        if (rc != DDS_RETCODE_OK) {
+            LOG4CXX_WARN(Logger(), "Acknowledgement of block "
+                                       << serial << " of '" << route_.name
+                                       << "' not sent: " << dds_strretcode(rc));
         }
     }
 
@@ -495,9 +586,13 @@ private:
                     std::uint64_t& last = lastSequence[block->gateway];
                     if (block->serial <= last) {
                         ++duplicates_;
-                    } else {
+                        Acknowledge(block->gateway, block->serial);
+                    } else if (Deliver(block->data._buffer, block->data._length, block->serial)) {
                         last = block->serial;
-                        Deliver(block->data._buffer, block->data._length, block->serial);
+                        Acknowledge(block->gateway, block->serial);
+                    } else {
+                        dds_return_loan(reader_, samples, n);
+                        return;  // stopping with a full slot: later blocks stay unstored too
                     }
                 }
                 dds_return_loan(reader_, samples, n);
@@ -511,14 +606,15 @@ private:
 
     // Writes one received block into the slot; a refusal is retried with back-off (and DDS is
     // not taken from meanwhile, so the sending side is held back) until stored or, when
-    // stopping, until the grace has passed.
-    void Deliver(const void* data, std::size_t size, std::uint64_t sequence) {
+    // stopping, until the grace has passed. False: not stored and not acknowledged, so that the
+    // sending gateway gives the block to the next receiving gateway.
+    bool Deliver(const void* data, std::size_t size, std::uint64_t sequence) {
         if (size == 0 || size > route_.maxSize) {
             ++dropped_;
             LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name
                                              << "' dropped: " << size
                                              << " bytes, the slot takes 1 to " << route_.maxSize);
-            return;
+            return true;
         }
         std::chrono::milliseconds backoff(1);
         Clock::time_point deadline = Clock::time_point::max();
@@ -530,12 +626,12 @@ private:
             const Slot::WriteOutcome outcome = Slot::LastWriteOutcome();
             if (outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded) {
                 ++received_;
-                return;
+                return true;
             }
             if (!route_.reliable() && outcome == Slot::WriteOutcome::Refused) {
                 // Another writer's newer state won: latest wins.
                 ++refused_;
-                return;
+                return true;
             }
             if (attempt == 0) {
                 ++refused_;
@@ -548,11 +644,17 @@ private:
                 deadline = Clock::now() + grace_;
             }
             if (Clock::now() >= deadline) {
-                ++dropped_;
-                LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name
-                                                 << "' dropped: the slot stayed full while "
-                                                    "the gateway stopped");
-                return;
+                if (!route_.reliable()) {
+                    ++dropped_;
+                    LOG4CXX_ERROR(Logger(), "State " << sequence << " for '" << route_.name
+                                                     << "' dropped: the slot refused it while "
+                                                        "the gateway stopped");
+                    return true;
+                }
+                LOG4CXX_WARN(Logger(), "Block " << sequence << " for '" << route_.name
+                                                << "' not stored: the slot stayed full while the "
+                                                   "gateway stopped; its sender keeps it");
+                return false;
             }
             std::this_thread::sleep_for(backoff);
             backoff = std::min(backoff * 2, std::chrono::milliseconds(100));
@@ -571,10 +673,14 @@ private:
     dds_entity_t readCondition_ = 0;
     dds_entity_t waitset_ = 0;
     dds_entity_t wakeup_ = 0;
-    ISubscriberPtr slotWriter_;  // used by the receiving thread only
+    dds_entity_t ackWriter_ = 0;  // receiving reliable route: "stored" to the senders
+    dds_entity_t ackReader_ = 0;  // sending reliable route: "stored" from the receivers
+    dds_entity_t ackCondition_ = 0;
+    dds_entity_t ackWaitset_ = 0;  // sending thread only
+    ISubscriberPtr slotWriter_;    // used by the receiving thread only
     std::thread receiver_;
 
-    std::mutex slotReaderMutex_;
+    mutable std::mutex slotReaderMutex_;
     INotifierPtr slotReader_;                // guarded by slotReaderMutex_
     Clock::time_point lastStartError_;       // control thread only
     std::uint32_t seenMatches_ = 0;          // control thread only
@@ -632,19 +738,22 @@ Gateway::Gateway(const Config& config) : impl_(new Impl) {
                 Check(dds_create_topic(participant, &SlotGatewayWire_Block_desc,
                                        route.topic.c_str(), nullptr, nullptr),
                       "dds_create_topic");
-            dds_entity_t publisher = 0;
-            dds_entity_t subscriber = 0;
-            if (route.sends()) {
-                publisher = Check(dds_create_publisher(participant, partition.get(), nullptr),
-                                  "dds_create_publisher");
-            }
-            if (route.receives()) {
-                subscriber = Check(dds_create_subscriber(participant, partition.get(), nullptr),
-                                   "dds_create_subscriber");
-            }
+            // A reliable route also carries acknowledgements back, on "<topic>/ack".
+            const dds_entity_t ackTopic =
+                route.reliable()
+                    ? Check(dds_create_topic(participant, &SlotGatewayWire_Block_desc,
+                                             (route.topic + "/ack").c_str(), nullptr, nullptr),
+                            "dds_create_topic")
+                    : 0;
+            const dds_entity_t publisher =
+                Check(dds_create_publisher(participant, partition.get(), nullptr),
+                      "dds_create_publisher");
+            const dds_entity_t subscriber =
+                Check(dds_create_subscriber(participant, partition.get(), nullptr),
+                      "dds_create_subscriber");
             impl_->routes.emplace_back(
-                new RouteRunner(route, impl_->id, publisher, subscriber, topic, impl_->stop,
-                                std::chrono::milliseconds(config.stopGraceMs)));
+                new RouteRunner(route, impl_->id, publisher, subscriber, topic, ackTopic,
+                                impl_->stop, std::chrono::milliseconds(config.stopGraceMs)));
         }
     } catch (...) {
         impl_->stop.Raise();
@@ -717,6 +826,7 @@ std::string Gateway::StatusJson() const {
                          {"topic", route.topic},
                          {"matched_readers", status.matchedReaders},
                          {"matched_writers", status.matchedWriters},
+                         {"sending", status.sending},
                          {"forwarded", status.counters.forwarded},
                          {"received", status.counters.received},
                          {"retried", status.counters.retried},

@@ -27,6 +27,8 @@ struct RouteStatus {
     RouteCounters counters;
     std::uint32_t matchedReaders = 0;  // remote gateways that take what this route publishes
     std::uint32_t matchedWriters = 0;  // remote gateways that publish to this route
+    bool sending = false;              // the slot is being read (a reliable one: once a reader
+                                       // is matched)
 };
 
 // Mirrors slots to DDS topics and topics to slots, as a configuration says.

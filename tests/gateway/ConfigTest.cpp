@@ -97,6 +97,11 @@ TEST(GatewayConfig, ErrorsNameFileEntryAndField) {
     EXPECT_EQ(Refusal(R"({"gateway": {"stop_grace": 1}, "slots": []})").substr(0, 50),
               "gw.json: gateway: field \"stop_grace\": unknown key ");
     EXPECT_EQ(Refusal(R"([1])"), "gw.json: top level: must be an object, not array");
+    EXPECT_EQ(
+        Refusal(
+            R"({"slots": [{"name": "s", "type": "reliable", "direction": "to-network", "topic": "x/ack"}]})"),
+        "gw.json: slots[0] (\"s\"): field \"topic\": topic names ending in \"/ack\" are the "
+        "gateway's own");
     EXPECT_EQ(Refusal(R"({"slots": [7]})"), "gw.json: slots[0]: must be an object, not number");
     EXPECT_EQ(Refusal(R"({"slots": )").rfind("gw.json: not valid JSON: ", 0), 0u);
 }
