@@ -268,6 +268,10 @@ TEST(Gateway, BothWaysDoesNotEcho) {
     ASSERT_TRUE(Eventually([&] { return gatewayB.Status()[0].counters.echoes == 1; },
                            std::chrono::seconds(20)))
         << gatewayA.StatusJson() << gatewayB.StatusJson();
+    // The echo is counted while B's slot reader still runs its subscriber; a state written in
+    // that window reaches a discarding reader only at its next timed poll, when it counts as
+    // expired. Let the reader get back to its wait first.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const std::string world = "world from the right";
     rightSlot->WriteData(world.data(), world.size());
     ASSERT_TRUE(Eventually([&] { return gatewayA.Status()[0].counters.echoes == 1; },

@@ -176,6 +176,11 @@ watch() {  # host text
 watch B "from A"
 "${on_A[@]}" "$probe" state gw_shared 4096 "from A"
 wait "$watcher" || fail "B did not get A's state"
+# B's gateway handed "from A" back to its slot; its reader of the slot skips it as an echo. A
+# state written while that reader still runs its subscriber would wait for the reader's next
+# timed poll and count as expired there, so B writes only after the echo was seen.
+wait_counter B gw_shared echoes_skipped 1 30 || fail "B's gateway did not see its own write come back from its slot"
+sleep 0.2
 watch A "from B"
 "${on_B[@]}" "$probe" state gw_shared 4096 "from B"
 wait "$watcher" || fail "A did not get B's state"
