@@ -161,7 +161,7 @@ reader=$!
 wait "$reader" || fail "reader on A: $(cat "$work/read-back.log")"
 
 step "discarding A -> B: the latest state arrives"
-for n in $(seq 1 40); do "${on_A[@]}" "$probe" state gw_latest 4096 "state $n"; done
+for n in $(seq 1 40); do "${on_A[@]}" timeout -s KILL 20 "$probe" state gw_latest 4096 "state $n"; done
 "${on_B[@]}" timeout -s KILL 40 "$probe" wait-state gw_latest 4096 "state 40" 30 || fail "B does not hold the latest state"
 
 step "discarding both ways: each state crosses once, no echo"
@@ -174,7 +174,7 @@ watch() {  # host text
     fail "watcher on $1 did not start"
 }
 watch B "from A"
-"${on_A[@]}" "$probe" state gw_shared 4096 "from A"
+"${on_A[@]}" timeout -s KILL 20 "$probe" state gw_shared 4096 "from A"
 wait "$watcher" || fail "B did not get A's state"
 # B's gateway handed "from A" back to its slot; its reader of the slot skips it as an echo. A
 # state written while that reader still runs its subscriber would wait for the reader's next
@@ -182,7 +182,7 @@ wait "$watcher" || fail "B did not get A's state"
 wait_counter B gw_shared echoes_skipped 1 30 || fail "B's gateway did not see its own write come back from its slot"
 sleep 0.2
 watch A "from B"
-"${on_B[@]}" "$probe" state gw_shared 4096 "from B"
+"${on_B[@]}" timeout -s KILL 20 "$probe" state gw_shared 4096 "from B"
 wait "$watcher" || fail "A did not get B's state"
 wait_counter A gw_shared echoes_skipped 1 30 || fail "A's gateway did not see its own write come back from its slot"
 wait_counter B gw_shared echoes_skipped 1 30 || fail "B's gateway did not see its own write come back from its slot"
