@@ -31,3 +31,15 @@ endif()
 # size; quietly left out otherwise (e.g. the i386 build).
 option(SLOT_BUILD_PYTHON "Build the Python module when pybind11 and Python 3 are found" ON)
 set(SLOT_PYTHON_EXECUTABLE "/usr/bin/python3" CACHE FILEPATH "Python interpreter of the module")
+
+# The DDS gateway (gateway/): built when Cyclone DDS and nlohmann-json are found; quietly left
+# out otherwise (e.g. the i386 build, whose sysroot has neither).
+find_package(CycloneDDS QUIET)
+find_package(nlohmann_json 3 QUIET)
+if(CycloneDDS_FOUND AND nlohmann_json_FOUND AND NOT CMAKE_TOOLCHAIN_FILE)
+    set(SLOT_GATEWAY_DEFAULT ON)
+else()
+    set(SLOT_GATEWAY_DEFAULT OFF)
+endif()
+option(SLOT_BUILD_GATEWAY "Build slot-gateway (needs cyclonedds-dev, cyclonedds-tools, nlohmann-json3-dev)"
+       ${SLOT_GATEWAY_DEFAULT})

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Slot/ISlotConfiguration.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace SlotGateway {
+
+// A configuration that cannot be used; what() names the file, the entry and the field.
+class ConfigError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+enum class Direction { ToNetwork, FromNetwork, Both };
+
+const char* ToString(Direction direction);
+
+// One slot mirrored to or from one DDS topic.
+struct Route {
+    std::string name;              // the slot's name
+    std::string type;              // "reliable" or "discarding"
+    std::size_t maxSize = 65536;   // largest block, bytes
+    std::size_t queueLength = 16;  // blocks a reliable slot holds (and DDS buffers per side)
+    unsigned updateTimeMs = 100;   // the slot reader's update time
+    Direction direction = Direction::ToNetwork;
+    std::uint32_t domain = 0;
+    std::string partition;  // "" is DDS's default partition
+    std::string topic;
+
+    bool reliable() const { return type == "reliable"; }
+    bool sends() const { return direction != Direction::FromNetwork; }
+    bool receives() const { return direction != Direction::ToNetwork; }
+};
+
+struct Config {
+    std::string source;       // file name (or label) the configuration came from
+    std::string gatewayName;  // shown in the status; defaults to the host name
+    std::string statusFile;   // "" writes none
+    unsigned statusIntervalMs = 1000;
+    unsigned stopGraceMs = 5000;  // how long a stopping gateway tries to deliver a block in hand
+    std::vector<Route> routes;
+};
+
+// Limits the validation applies.
+constexpr std::size_t kMaxBlockSize = 16u * 1024u * 1024u;
+constexpr std::size_t kMaxQueueLength = 65536;
+constexpr std::uint32_t kMaxDomain = 232;
+
+// Parses and validates; throws ConfigError.
+Config ParseConfig(const std::string& text, const std::string& source);
+Config LoadConfig(const std::string& path);
+
+// The slot configuration a route gives the slot factory.
+class RouteSlotCfg : public ISlotConfiguration {
+public:
+    explicit RouteSlotCfg(const Route& route) : route_(route) {}
+    std::string GetName() const override { return route_.name; }
+    size_t GetMaxSize() const override { return route_.maxSize; }
+    size_t GetMaxBufferLength() const override {
+        return route_.reliable() ? route_.queueLength : 1;
+    }
+    boost::posix_time::time_duration GetUpdateTime() const override {
+        return boost::posix_time::milliseconds(route_.updateTimeMs);
+    }
+    std::string GetSlotType() const override { return route_.type; }
+
+private:
+    Route route_;
+};
+
+}  // namespace SlotGateway

@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: Apache-2.0
+// slot-gateway: runs a gateway from a configuration file until SIGINT or SIGTERM.
+#include <SlotGateway/Gateway.h>
+
+#include <log4cxx/basicconfigurator.h>
+#include <log4cxx/level.h>
+#include <log4cxx/logger.h>
+#include <log4cxx/propertyconfigurator.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+const char* const kUsage =
+    "usage: slot-gateway --config FILE [--status-file FILE] [--timeout SECONDS] [--log-config "
+    "FILE]\n"
+    "                    [--verbose]\n"
+    "       slot-gateway --check FILE      validate a configuration and exit\n"
+    "       slot-gateway --status FILE     print a running gateway's status file\n";
+
+int Usage(const std::string& problem) {
+    std::cerr << "slot-gateway: " << problem << "\n" << kUsage;
+    return 2;
+}
+
+bool ParseSeconds(const std::string& text, double& seconds) {
+    char* end = nullptr;
+    errno = 0;
+    seconds = std::strtod(text.c_str(), &end);
+    return errno == 0 && end != text.c_str() && *end == '\0' && seconds > 0 && seconds < 1e7;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string configPath, statusFile, checkPath, showPath, logConfig;
+    double timeout = 0;
+    bool verbose = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        auto value = [&](std::string& out) {
+            if (i + 1 >= argc) {
+                return false;
+            }
+            out = argv[++i];
+            return true;
+        };
+        std::string text;
+        if (arg == "--config") {
+            if (!value(configPath))
+                return Usage("--config needs a file");
+        } else if (arg == "--status-file") {
+            if (!value(statusFile))
+                return Usage("--status-file needs a file");
+        } else if (arg == "--check") {
+            if (!value(checkPath))
+                return Usage("--check needs a file");
+        } else if (arg == "--status") {
+            if (!value(showPath))
+                return Usage("--status needs a file");
+        } else if (arg == "--log-config") {
+            if (!value(logConfig))
+                return Usage("--log-config needs a file");
+        } else if (arg == "--timeout") {
+            if (!value(text) || !ParseSeconds(text, timeout))
+                return Usage("--timeout needs seconds > 0");
+        } else if (arg == "--verbose") {
+            verbose = true;
+        } else if (arg == "--help" || arg == "-h") {
+            std::cout << kUsage;
+            return 0;
+        } else {
+            return Usage("unknown argument '" + arg + "'");
+        }
+    }
+
+    if (!showPath.empty()) {
+        std::ifstream in(showPath);
+        if (!in) {
+            std::cerr << "slot-gateway: " << showPath << ": cannot be read\n";
+            return 1;
+        }
+        std::ostringstream text;
+        text << in.rdbuf();
+        try {
+            std::cout << SlotGateway::FormatStatus(text.str());
+        } catch (const std::exception& e) {
+            std::cerr << "slot-gateway: " << showPath << ": not a status file: " << e.what()
+                      << "\n";
+            return 1;
+        }
+        return 0;
+    }
+    if (!checkPath.empty()) {
+        try {
+            const SlotGateway::Config config = SlotGateway::LoadConfig(checkPath);
+            std::cout << checkPath << ": " << config.routes.size() << " slot(s), valid\n";
+            return 0;
+        } catch (const SlotGateway::ConfigError& e) {
+            std::cerr << "slot-gateway: " << e.what() << "\n";
+            return 1;
+        }
+    }
+    if (configPath.empty()) {
+        return Usage("--config is required");
+    }
+
+    if (!logConfig.empty()) {
+        log4cxx::PropertyConfigurator::configure(logConfig);
+    } else {
+        log4cxx::BasicConfigurator::configure();
+        log4cxx::Logger::getRootLogger()->setLevel(verbose ? log4cxx::Level::getDebug()
+                                                           : log4cxx::Level::getInfo());
+    }
+
+    SlotGateway::Config config;
+    try {
+        config = SlotGateway::LoadConfig(configPath);
+    } catch (const SlotGateway::ConfigError& e) {
+        std::cerr << "slot-gateway: " << e.what() << "\n";
+        return 1;
+    }
+    if (!statusFile.empty()) {
+        config.statusFile = statusFile;
+    }
+
+    // Every thread (ours, the slot readers', Cyclone's) inherits this mask; the main thread
+    // takes the stop signals synchronously.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    try {
+        SlotGateway::Gateway gateway(config);
+        const auto end = std::chrono::steady_clock::now() +
+                         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                             std::chrono::duration<double>(timeout > 0 ? timeout : 1e7));
+        for (;;) {
+            const timespec slice = {0, 200 * 1000 * 1000};
+            const int signal = sigtimedwait(&stopSignals, nullptr, &slice);
+            if (signal > 0) {
+                LOG4CXX_INFO(log4cxx::Logger::getLogger("SlotGateway"),
+                             "Stopping on " << strsignal(signal));
+                break;
+            }
+            if (std::chrono::steady_clock::now() >= end) {
+                LOG4CXX_INFO(log4cxx::Logger::getLogger("SlotGateway"), "Stopping: time is up");
+                break;
+            }
+        }
+        gateway.Stop();
+    } catch (const std::exception& e) {
+        std::cerr << "slot-gateway: " << e.what() << "\n";
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <SlotGateway/Config.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+using SlotGateway::ConfigError;
+using SlotGateway::Direction;
+using SlotGateway::ParseConfig;
+
+namespace {
+
+// The error text of a configuration that must be refused.
+std::string Refusal(const std::string& text) {
+    try {
+        ParseConfig(text, "gw.json");
+    } catch (const ConfigError& e) {
+        return e.what();
+    }
+    ADD_FAILURE() << "accepted: " << text;
+    return "";
+}
+
+std::string OneSlot(const std::string& fields) {
+    return R"({"slots": [{"name": "s", "type": "reliable", "direction": "to-network", "topic": "t")" +
+           (fields.empty() ? "" : ", " + fields) + "}]}";
+}
+
+}  // namespace
+
+TEST(GatewayConfig, FullEntryAndDefaults) {
+    const auto config = ParseConfig(R"({
+      "gateway": {"name": "det", "status_file": "/run/x.json", "status_interval_ms": 250,
+                  "stop_grace_ms": 0},
+      "slots": [
+        {"name": "frames", "type": "reliable", "max_size": 1048576, "queue_length": 64,
+         "update_time_ms": 5, "direction": "from-network", "domain": 7, "partition": "lab",
+         "topic": "det/frames"},
+        {"name": "state", "type": "discarding", "direction": "both", "topic": "state"}]})",
+                                    "gw.json");
+    EXPECT_EQ(config.gatewayName, "det");
+    EXPECT_EQ(config.statusFile, "/run/x.json");
+    EXPECT_EQ(config.statusIntervalMs, 250u);
+    EXPECT_EQ(config.stopGraceMs, 0u);
+    ASSERT_EQ(config.routes.size(), 2u);
+    const auto& frames = config.routes[0];
+    EXPECT_EQ(frames.maxSize, 1048576u);
+    EXPECT_EQ(frames.queueLength, 64u);
+    EXPECT_EQ(frames.updateTimeMs, 5u);
+    EXPECT_EQ(frames.direction, Direction::FromNetwork);
+    EXPECT_EQ(frames.domain, 7u);
+    EXPECT_EQ(frames.partition, "lab");
+    EXPECT_EQ(frames.topic, "det/frames");
+    const auto& state = config.routes[1];
+    EXPECT_EQ(state.maxSize, 65536u);
+    EXPECT_EQ(state.domain, 0u);
+    EXPECT_EQ(state.partition, "");
+    EXPECT_TRUE(state.sends() && state.receives());
+    // The slot factory sees the sizes of the file; a discarding slot holds one block.
+    SlotGateway::RouteSlotCfg frameCfg(frames), stateCfg(state);
+    EXPECT_EQ(frameCfg.GetMaxSize(), 1048576u);
+    EXPECT_EQ(frameCfg.GetMaxBufferLength(), 64u);
+    EXPECT_EQ(frameCfg.GetUpdateTime(), boost::posix_time::milliseconds(5));
+    EXPECT_EQ(stateCfg.GetMaxBufferLength(), 1u);
+    EXPECT_FALSE(config.gatewayName.empty());
+}
+
+TEST(GatewayConfig, ErrorsNameFileEntryAndField) {
+    EXPECT_EQ(
+        Refusal(OneSlot(R"("max_size": 0)")),
+        "gw.json: slots[0] (\"s\"): field \"max_size\": must be between 1 and 16777216, not 0");
+    EXPECT_EQ(Refusal(OneSlot(R"("max_size": 16777217)")),
+              "gw.json: slots[0] (\"s\"): field \"max_size\": must be between 1 and 16777216, not "
+              "16777217");
+    EXPECT_EQ(
+        Refusal(OneSlot(R"("queue_length": -3)")),
+        "gw.json: slots[0] (\"s\"): field \"queue_length\": must be between 1 and 65536, not -3");
+    EXPECT_EQ(Refusal(OneSlot(R"("domain": "0")")),
+              "gw.json: slots[0] (\"s\"): field \"domain\": must be an integer, not string");
+    EXPECT_EQ(Refusal(OneSlot(R"("max_size": 1.5)")),
+              "gw.json: slots[0] (\"s\"): field \"max_size\": must be an integer, not number");
+    EXPECT_EQ(Refusal(OneSlot(R"("domain": 233)")),
+              "gw.json: slots[0] (\"s\"): field \"domain\": must be between 0 and 232, not 233");
+    EXPECT_EQ(
+        Refusal(OneSlot(R"("update_time_ms": 0)")),
+        "gw.json: slots[0] (\"s\"): field \"update_time_ms\": must be between 1 and 60000, not 0");
+    EXPECT_EQ(Refusal(OneSlot(R"("colour": 1)"))
+                  .rfind("gw.json: slots[0] (\"s\"): field \"colour\": unknown key (known: "
+                         "direction, domain,",
+                         0),
+              0u);
+    EXPECT_EQ(Refusal(R"({"slots": [{"type": "reliable", "direction": "both", "topic": "t"}]})"),
+              "gw.json: slots[0]: field \"name\": missing");
+    EXPECT_EQ(Refusal(R"({"slots": [], "gateway": {}})"),
+              "gw.json: top level: field \"slots\": must be a non-empty array of slot entries");
+    EXPECT_EQ(Refusal(R"({"gateway": {"stop_grace": 1}, "slots": []})").substr(0, 50),
+              "gw.json: gateway: field \"stop_grace\": unknown key ");
+    EXPECT_EQ(Refusal(R"([1])"), "gw.json: top level: must be an object, not array");
+    EXPECT_EQ(
+        Refusal(
+            R"({"slots": [{"name": "s", "type": "reliable", "direction": "to-network", "topic": "x/ack"}]})"),
+        "gw.json: slots[0] (\"s\"): field \"topic\": topic names ending in \"/ack\" are the "
+        "gateway's own");
+    EXPECT_EQ(Refusal(R"({"slots": [7]})"), "gw.json: slots[0]: must be an object, not number");
+    EXPECT_EQ(Refusal(R"({"slots": )").rfind("gw.json: not valid JSON: ", 0), 0u);
+}
+
+TEST(GatewayConfig, NamesTypesAndDirections) {
+    const std::string prefix = "gw.json: slots[0] (\"s\"): field ";
+    EXPECT_EQ(
+        Refusal(
+            R"({"slots": [{"name": "a/b", "type": "reliable", "direction": "both", "topic": "t"}]})"),
+        "gw.json: slots[0] (\"a/b\"): field \"name\": a slot name has no '/', space or control "
+        "character");
+    EXPECT_EQ(Refusal(R"({"slots": [{"name": ")" + std::string(250, 'n') +
+                      R"(", "type": "reliable", "direction": "to-network", "topic": "t"}]})")
+                      .find("a slot name has 1 to 249 characters") != std::string::npos,
+              true);
+    EXPECT_EQ(
+        Refusal(
+            R"({"slots": [{"name": "s", "type": "posix-pipe", "direction": "to-network", "topic": "t"}]})")
+            .rfind(prefix + "\"type\": \"posix-pipe\" is a byte stream", 0),
+        0u);
+    EXPECT_EQ(
+        Refusal(
+            R"({"slots": [{"name": "s", "type": "fifo", "direction": "to-network", "topic": "t"}]})"),
+        prefix + "\"type\": \"fifo\" is neither \"reliable\" nor \"discarding\"");
+    EXPECT_EQ(
+        Refusal(
+            R"({"slots": [{"name": "s", "type": "reliable", "direction": "up", "topic": "t"}]})"),
+        prefix + "\"direction\": \"up\" is none of to-network, from-network, both");
+    // A reliable slot has one reader per machine, so "both" is refused with the reason.
+    EXPECT_EQ(
+        Refusal(
+            R"({"slots": [{"name": "s", "type": "reliable", "direction": "both", "topic": "t"}]})")
+            .rfind(prefix + "\"direction\": a reliable slot has one reader per machine", 0),
+        0u);
+    EXPECT_EQ(
+        Refusal(
+            R"({"slots": [{"name": "s", "type": "discarding", "queue_length": 4, "direction": "both", "topic": "t"}]})")
+            .rfind(prefix + "\"queue_length\": a discarding slot holds one block", 0),
+        0u);
+    EXPECT_EQ(Refusal(OneSlot(R"("partition": "la*")"))
+                  .rfind(prefix + "\"partition\": a partition name has no wildcard", 0),
+              0u);
+    for (const char* topic : {"", "9lives", "a b", "a-b"}) {
+        EXPECT_EQ(
+            Refusal(
+                R"({"slots": [{"name": "s", "type": "reliable", "direction": "to-network", "topic": ")" +
+                std::string(topic) + R"("}]})")
+                .rfind(prefix + "\"topic\": a topic name ", 0),
+            0u)
+            << topic;
+    }
+}
+
+TEST(GatewayConfig, DuplicatesRefused) {
+    EXPECT_EQ(Refusal(R"({"slots": [
+        {"name": "s", "type": "reliable", "direction": "to-network", "topic": "t1"},
+        {"name": "s", "type": "reliable", "direction": "from-network", "topic": "t2"}]})"),
+              "gw.json: slots[1] (\"s\"): field \"name\": slot \"s\" is already mirrored by an "
+              "earlier entry");
+    EXPECT_EQ(
+        Refusal(R"({"slots": [
+        {"name": "a", "type": "reliable", "direction": "to-network", "topic": "t", "domain": 3},
+        {"name": "b", "type": "discarding", "direction": "from-network", "topic": "t", "domain": 3}]})"),
+        "gw.json: slots[1] (\"b\"): field \"topic\": topic \"t\" in domain 3 is already used by an "
+        "earlier entry");
+    // The same topic in two domains is two topics.
+    EXPECT_NO_THROW(ParseConfig(R"({"slots": [
+        {"name": "a", "type": "reliable", "direction": "to-network", "topic": "t", "domain": 3},
+        {"name": "b", "type": "discarding", "direction": "from-network", "topic": "t", "domain": 4}]})",
+                                "gw.json"));
+}
+
+TEST(GatewayConfig, UnreadableFileNamed) {
+    try {
+        SlotGateway::LoadConfig("/nonexistent/gw.json");
+        FAIL();
+    } catch (const ConfigError& e) {
+        EXPECT_STREQ(e.what(), "/nonexistent/gw.json: cannot be read");
+    }
+}
