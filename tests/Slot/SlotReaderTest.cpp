@@ -105,6 +105,38 @@ TEST(DiscardingSlotReader, WritesWithinOneCycleMergeIntoTheLatest) {
     EXPECT_EQ("3", collector.Blocks()[0].bytes);
 }
 
+// A write that lands while the reader thread is busy in a subscriber is not slept through: the
+// next wait returns at once and the block is still fresh. Slept through, it would be read one
+// update time late and then dropped as expired.
+TEST(DiscardingSlotReader, AWriteDuringTheNotificationIsDeliveredNext) {
+    ScopedSlotName name("busy");
+    boost::shared_ptr<ISlot> slot = Discarding(name);
+    Collector collector;
+    PipeSignal inSubscriber, release;
+    // Blocks the reader thread inside its notification of each "busy" block.
+    collector.action = [&] {
+        if (collector.Blocks().back().bytes.rfind("busy", 0) == 0) {
+            inSubscriber.Post();
+            release.WaitFor();
+        }
+    };
+    const boost::posix_time::seconds update(2);
+    DiscardingSlotReader reader(slot, update);
+    reader.subscribe(&collector);
+    reader.Init();
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        const size_t before = collector.Count();
+        Write(slot, "busy " + std::to_string(round));
+        ASSERT_TRUE(inSubscriber.WaitFor());
+        Write(slot, "next " + std::to_string(round));
+        release.Post();
+        ASSERT_TRUE(collector.WaitFor(before + 2))
+            << "the write made during the notification was lost";
+        EXPECT_EQ("next " + std::to_string(round), collector.Blocks()[before + 1].bytes);
+    }
+}
+
 TEST(ReliableSlotReader, OneWakeUpDrainsTheQueueOldestFirst) {
     ScopedSlotName name("drain");
     boost::shared_ptr<ISlot> slot = Reliable(name);

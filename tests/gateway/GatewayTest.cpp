@@ -5,6 +5,7 @@
 
 #include <ShmHygiene.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotWriter.h>
 #include <Slot/WriteOutcome.h>
 
 #include <gtest/gtest.h>
@@ -263,17 +264,14 @@ TEST(Gateway, BothWaysDoesNotEcho) {
     boost::shared_ptr<ISlot> rightSlot = SlotFactory::CreateSlot(&rightCfg);
 
     const std::string hello = "hello from the left";
-    leftSlot->WriteData(hello.data(), hello.size());
+    // Written as a writer does: locked, then the write condition notified.
+    SlotWriter(leftSlot).onNotify("", hello.data(), hello.size());
     // B stores it and its own reader of the right slot sees it: skipped, not sent back.
     ASSERT_TRUE(Eventually([&] { return gatewayB.Status()[0].counters.echoes == 1; },
                            std::chrono::seconds(20)))
         << gatewayA.StatusJson() << gatewayB.StatusJson();
-    // The echo is counted while B's slot reader still runs its subscriber; a state written in
-    // that window reaches a discarding reader only at its next timed poll, when it counts as
-    // expired. Let the reader get back to its wait first.
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const std::string world = "world from the right";
-    rightSlot->WriteData(world.data(), world.size());
+    SlotWriter(rightSlot).onNotify("", world.data(), world.size());
     ASSERT_TRUE(Eventually([&] { return gatewayA.Status()[0].counters.echoes == 1; },
                            std::chrono::seconds(20)))
         << gatewayA.StatusJson() << gatewayB.StatusJson();
