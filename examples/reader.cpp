@@ -47,12 +47,12 @@ int main(int argc, char** argv) {
     log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getWarn());
     try {
         SimpleSlotCfg cfg(argv[1], "reliable", boost::posix_time::milliseconds(100), 16);
-        Printer printer;
-        // The reader's thread is already running when the factory returns it.
-        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg);
-        reader->subscribe(&printer);
-        printer.WaitFor(count);
-        reader->unsubscribe(&printer);
+        // Subscribed before the reader's thread starts: blocks already waiting in the queue
+        // reach it instead of being taken while nobody listens.
+        boost::shared_ptr<Printer> printer(new Printer);
+        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, printer);
+        printer->WaitFor(count);
+        reader->unsubscribe(printer.get());
     } catch (const std::exception& e) {
         std::cerr << "example_reader: " << e.what() << "\n";
         return 1;
