@@ -11,6 +11,8 @@
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <boost/ref.hpp>
 
+#include <algorithm>
+
 namespace {
 
 // The reader whose thread this is; null on every other thread.
@@ -24,8 +26,26 @@ BaseSlotReader::BaseSlotReader(boost::shared_ptr<ISlot> slot,
       slot_(slot),
       updateTime_(updateTime),
       logger_(log4cxx::Logger::getLogger("Slot.Reader")),
-      released_(false) {
+      released_(false),
+      spinBudget_(0, 0, 0),
+      spinWait_(nullptr) {
     CheckUpdateTime(slot_->GetName(), updateTime_);
+}
+
+void BaseSlotReader::SetSpinBudget(const boost::posix_time::time_duration& budget) {
+    CheckSpinBudget(slot_->GetName(), budget);
+    spinBudget_ = budget;
+    spinWait_ = budget.ticks() > 0 ? dynamic_cast<shared::ISpinWait*>(slot_->GetOnWriteCondition())
+                                   : nullptr;
+}
+
+void BaseSlotReader::CheckSpinBudget(const std::string& slotName,
+                                     const boost::posix_time::time_duration& budget) {
+    if (budget.is_special() || budget.is_negative()) {
+        throw AbortSlotCreationException(
+            "Invalid spin budget " + boost::posix_time::to_simple_string(budget) + " of '" +
+            slotName + "': a spinning reader needs a finite budget of 0 or more");
+    }
 }
 
 void BaseSlotReader::CheckUpdateTime(const std::string& slotName,
@@ -102,7 +122,18 @@ void BaseSlotReader::operator()() {
                 boost::this_thread::interruption_point();
                 // Woken or timed out, the cycle goes on the same way: the slot is polled at
                 // least once per update time even when a signal is missed.
-                slot_->GetOnWriteCondition()->Wait(updateTime_);
+                boost::posix_time::time_duration wait = updateTime_;
+                if (spinWait_ != nullptr) {
+                    // The spin is the first part of the cycle's wait, so it never delays the
+                    // poll. A signal seen while spinning makes the Wait below return at once; a
+                    // stop request ends the spin and is taken right away.
+                    const boost::posix_time::time_duration spin = std::min(spinBudget_, wait);
+                    if (!spinWait_->SpinForSignal(spin)) {
+                        boost::this_thread::interruption_point();
+                        wait -= spin;
+                    }
+                }
+                slot_->GetOnWriteCondition()->Wait(wait);
                 ReadAndNotify();
             }
         } catch (const boost::interprocess::interprocess_exception& e) {
