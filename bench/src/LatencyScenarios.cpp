@@ -105,6 +105,7 @@ LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, 
     r.runs = 1;
     r.lost = o.reader.GetU64("lost", o.problem.empty() ? 0 : count);
     r.readerCpuNsPerBlock = o.reader.GetDouble("cpu_ns_per_block");
+    r.readerCpuShare = o.reader.GetDouble("cpu_share");
     if (!o.writers.empty()) {
         r.writerCpuNsPerBlock = o.writers[0].GetDouble("cpu_ns_per_block");
     }
@@ -125,6 +126,8 @@ void MergeLatency(LatencyResult& total, const LatencyResult& round) {
         (total.writerCpuNsPerBlock * a + round.writerCpuNsPerBlock * b) / std::max(1.0, a + b);
     total.readerCpuNsPerBlock =
         (total.readerCpuNsPerBlock * a + round.readerCpuNsPerBlock * b) / std::max(1.0, a + b);
+    total.readerCpuShare =
+        (total.readerCpuShare * a + round.readerCpuShare * b) / std::max(1.0, a + b);
     total.runs += round.runs;
     total.samples.insert(total.samples.end(), round.samples.begin(), round.samples.end());
     total.p = ComputePercentiles(total.samples);

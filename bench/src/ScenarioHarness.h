@@ -134,6 +134,7 @@ struct ChildRun {
     std::uint64_t Receive(unsigned int writers, CountingSink& sink, Stopper& stop,
                           Receiver* receiver) {
         const std::uint64_t cpu0 = ProcessCpuNs();
+        const std::uint64_t wall0 = NowNs();
         {
             Watcher watcher(params.control, writers, sink, stop, GraceNs(params));
             if (receiver != nullptr) {
@@ -142,7 +143,10 @@ struct ChildRun {
                 stop.Wait();
             }
         }
-        return ProcessCpuNs() - cpu0;
+        const std::uint64_t cpu = ProcessCpuNs() - cpu0;
+        // CPU per second of the receive: what a reader that spins costs a host.
+        out.SetDouble("cpu_share", static_cast<double>(cpu) / std::max<double>(1, NowNs() - wall0));
+        return cpu;
     }
 
     void SetCpuNsPerBlock(std::uint64_t cpuNs) {
