@@ -13,10 +13,12 @@ void SlotWriter::onNotify(const std::string&, const void* data, size_t size) {
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "write to '" << slot_->GetName() << "'");
     }
+    // One level test for both TRACE lines, made before the lock so the lock is held shorter.
+    const bool trace = logger_->isTraceEnabled();
     {
         // Only the write itself (and its TRACE line) stands inside the slot's lock.
         boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
-        if (logger_->isTraceEnabled()) {
+        if (trace) {
             LOG4CXX_TRACE(logger_, "locked '" << slot_->GetName() << "'");
         }
         try {
@@ -28,7 +30,7 @@ void SlotWriter::onNotify(const std::string&, const void* data, size_t size) {
             throw;
         }
     }
-    if (logger_->isTraceEnabled()) {
+    if (trace) {
         LOG4CXX_TRACE(logger_, "unlocked '" << slot_->GetName() << "'");
     }
     slot_->GetOnWriteCondition()->Notify();

@@ -62,8 +62,10 @@ InterprocConditionPack<Mutex>::~InterprocConditionPack() {
 template <class Mutex>
 bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration& timeout) {
     RecoveringMutex mutex(NativeMutex(mutex_), repair_);
+    // One level test for the wait's TRACE lines: the second would come right after a wake-up.
+    const bool trace = logger_->isTraceEnabled();
     boost::interprocess::scoped_lock<RecoveringMutex> lock(mutex);
-    if (logger_->isTraceEnabled()) {
+    if (trace) {
         LOG4CXX_TRACE(logger_, "Wait() : acquired mutex");
     }
     bool result;
@@ -71,14 +73,14 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
         condition_->timed_wait(mutex, boost::posix_time::ptime(boost::posix_time::pos_infin),
                                &lastSeen_);
         result = true;
-        if (logger_->isTraceEnabled()) {
+        if (trace) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.wait(...) returned");
         }
     } else {
         // Deadlines are absolute UTC times: the futex sleeps on CLOCK_REALTIME.
         const boost::posix_time::ptime deadline = shared::UtcNow() + timeout;
         result = condition_->timed_wait(mutex, deadline, &lastSeen_);
-        if (logger_->isTraceEnabled()) {
+        if (trace) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.timed_wait(...) returned " << result);
         }
     }

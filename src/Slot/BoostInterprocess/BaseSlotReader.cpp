@@ -25,6 +25,7 @@ BaseSlotReader::BaseSlotReader(boost::shared_ptr<ISlot> slot,
     : startHandler_(boost::shared_ptr<shared::ISyncEvent>()),
       slot_(slot),
       updateTime_(updateTime),
+      name_(slot->GetName()),
       logger_(log4cxx::Logger::getLogger("Slot.Reader")),
       released_(false),
       spinBudget_(0, 0, 0),
@@ -170,12 +171,14 @@ void BaseSlotReader::operator()() {
 
 shared::SizedArray BaseSlotReader::ReadAndNotify() {
     shared::SizedArray buffer(static_cast<unsigned int>(slot_->GetMaxDataSize()));
-    if (logger_->isTraceEnabled()) {
+    // One level test for the TRACE lines of this step: each test walks the logger hierarchy.
+    const bool trace = logger_->isTraceEnabled();
+    if (trace) {
         LOG4CXX_TRACE(logger_, "ReadAndNotify() : '" << slot_->GetName() << "'");
     }
     {
         boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
-        if (logger_->isTraceEnabled()) {
+        if (trace) {
             LOG4CXX_TRACE(logger_, "ReadAndNotify() : locked '" << slot_->GetName() << "'");
         }
         if (!DataInSlotIsActual()) {
@@ -183,14 +186,13 @@ shared::SizedArray BaseSlotReader::ReadAndNotify() {
         }
         buffer.setSize(static_cast<unsigned int>(slot_->ReadData(buffer.data(), buffer.size())));
     }
-    if (logger_->isTraceEnabled()) {
+    if (trace) {
         LOG4CXX_TRACE(logger_, "Unlocked " << slot_->GetName());
     }
     // Subscribers run outside the slot's lock: a slow one never holds up writers.
-    notify(slot_->GetName(), buffer.data(), buffer.size());
+    notify(name_, buffer.data(), buffer.size());
     if (logger_->isDebugEnabled()) {
-        LOG4CXX_DEBUG(logger_,
-                      "Notified " << buffer.size() << " bytes from '" << slot_->GetName() << "'");
+        LOG4CXX_DEBUG(logger_, "Notified " << buffer.size() << " bytes from '" << name_ << "'");
     }
     return buffer;
 }

@@ -89,6 +89,8 @@ protected:
     boost::shared_ptr<ISlot> slot_;
     boost::thread thread_;
     boost::posix_time::time_duration updateTime_;
+    // The slot's name, handed to every subscriber: asking the slot would copy it for each block.
+    const std::string name_;
     log4cxx::LoggerPtr logger_;
 
 private:
