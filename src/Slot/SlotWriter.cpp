@@ -10,11 +10,13 @@ SlotWriter::SlotWriter(const boost::shared_ptr<IBaseSlot>& slot)
     : slot_(slot), logger_(log4cxx::Logger::getLogger("Slot.Writer")) {}
 
 void SlotWriter::onNotify(const std::string&, const void* data, size_t size) {
-    if (logger_->isDebugEnabled()) {
+    // TRACE lies below DEBUG: with DEBUG off (the usual case) one level test serves all three
+    // lines of a write, and none is made while the lock is held.
+    const bool debug = logger_->isDebugEnabled();
+    const bool trace = debug && logger_->isTraceEnabled();
+    if (debug) {
         LOG4CXX_DEBUG(logger_, "write to '" << slot_->GetName() << "'");
     }
-    // One level test for both TRACE lines, made before the lock so the lock is held shorter.
-    const bool trace = logger_->isTraceEnabled();
     {
         // Only the write itself (and its TRACE line) stands inside the slot's lock.
         boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());

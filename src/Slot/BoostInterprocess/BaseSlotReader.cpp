@@ -171,8 +171,10 @@ void BaseSlotReader::operator()() {
 
 shared::SizedArray BaseSlotReader::ReadAndNotify() {
     shared::SizedArray buffer(static_cast<unsigned int>(slot_->GetMaxDataSize()));
-    // One level test for the TRACE lines of this step: each test walks the logger hierarchy.
-    const bool trace = logger_->isTraceEnabled();
+    // Level tests walk the logger hierarchy. TRACE lies below DEBUG, so with DEBUG off (the usual
+    // case) one test serves every line of this step.
+    const bool debug = logger_->isDebugEnabled();
+    const bool trace = debug && logger_->isTraceEnabled();
     if (trace) {
         LOG4CXX_TRACE(logger_, "ReadAndNotify() : '" << slot_->GetName() << "'");
     }
@@ -191,7 +193,7 @@ shared::SizedArray BaseSlotReader::ReadAndNotify() {
     }
     // Subscribers run outside the slot's lock: a slow one never holds up writers.
     notify(name_, buffer.data(), buffer.size());
-    if (logger_->isDebugEnabled()) {
+    if (debug) {
         LOG4CXX_DEBUG(logger_, "Notified " << buffer.size() << " bytes from '" << name_ << "'");
     }
     return buffer;
