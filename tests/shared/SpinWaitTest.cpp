@@ -38,7 +38,8 @@ TEST(SpinWait, ReportsBroadcastsSinceThePreviousWait) {
 }
 
 // A broadcast from another process ends a spin whose budget would outlast the test: the signal
-// is watched in the shared word, not in a copy.
+// is watched in the shared word, not in a copy. The spinner is no sleeper: the broadcast finds
+// no waiter counted, so it makes no wake system call.
 TEST(SpinWait, SeesABroadcastOfAnotherProcess) {
     ScopedSlotName name("spinproc");
     SharedCondition c(name);
@@ -48,7 +49,11 @@ TEST(SpinWait, SeesABroadcastOfAnotherProcess) {
         if (!spinning.WaitFor()) {
             return Failed(2, "no spin started");
         }
-        mine.pack->Notify();
+        const bool counted = Load(mine.cond->waiters) != 0;
+        mine.pack->Notify();  // also after a failure: the parent spins until it comes
+        if (counted) {
+            return Failed(3, "a spinning waiter is counted as a sleeper");
+        }
         return 0;
     });
     spinning.Post();
