@@ -34,7 +34,7 @@ std::int64_t MonotonicNs() {
 }
 
 // Tells the core that this is a spin-wait loop: it saves power and lets the other hardware
-// thread of the core run, and the loop leaves without a memory-order mis-speculation.
+// thread of the core run, and the loop leaves without a memory-order pipeline flush.
 inline void CpuRelax() {
 #if defined(__i386__) || defined(__x86_64__)
     __builtin_ia32_pause();
