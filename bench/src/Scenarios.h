@@ -54,6 +54,7 @@ struct LatencyResult {
     Percentiles p;  // nanoseconds
     std::uint64_t lost = 0, duplicates = 0, corrupt = 0;
     double writerCpuNsPerBlock = 0, readerCpuNsPerBlock = 0;
+    double readerCpuShare = 0;           // reader process CPU time per second of the run
     std::vector<std::uint64_t> samples;  // raw latencies of the runs merged so far
     unsigned int runs = 0;
 };

@@ -117,6 +117,8 @@ const std::vector<TransportInfo>& Transports() {
         {"slot-discarding", "slot discarding", true, true, false, false},
         {"slot-reliable", "slot reliable", true, true, true, true},
         {"slot-posix-pipe", "slot posix-pipe", true, true, false, false},
+        // A reliable slot read by the spinning reader: it spins for a whole update time.
+        {"slot-spinning", "slot reliable, spinning reader", true, true, false, false},
         {"boost-mq", "Boost.Interprocess message_queue", false, true, true, true},
         {"posix-mq", "POSIX mq", false, true, true, true},
         {"fifo", "pipe/FIFO", false, true, true, false},
@@ -168,7 +170,7 @@ std::string SlotType(const std::string& transport) {
     if (transport == "slot-discarding") {
         return "discarding";
     }
-    if (transport == "slot-reliable") {
+    if (transport == "slot-reliable" || transport == "slot-spinning") {
         return "reliable";
     }
     return "posix-pipe";
@@ -191,7 +193,7 @@ public:
     explicit SlotSender(const RunParams& params)
         : cfg_(params.name, SlotType(params.transport), params.blockSize, params.depth,
                params.updateTimeMs),
-          reliable_(params.transport == "slot-reliable") {
+          reliable_(SlotType(params.transport) == "reliable") {
         writer_ = SlotFactory::CreateSlotWriter(&cfg_);
     }
     void Send(const char* data, size_t size) override {
@@ -236,7 +238,11 @@ public:
                params.updateTimeMs),
           stream_(params.transport == "slot-posix-pipe"),
           blockSize_(params.blockSize) {
-        reader_ = SlotFactory::CreateSlotReader(&cfg_);
+        if (params.transport == "slot-spinning") {
+            reader_ = SlotFactory::CreateSpinningSlotReader(&cfg_, cfg_.GetUpdateTime());
+        } else {
+            reader_ = SlotFactory::CreateSlotReader(&cfg_);
+        }
     }
     void Attach(BlockSink& sink) override {
         if (stream_) {
@@ -604,7 +610,7 @@ void PrepareTransport(RunParams& params) {
 
 void CleanupTransport(RunParams& params) {
     const std::string& t = params.transport;
-    if (t == "slot-discarding" || t == "slot-reliable") {
+    if (t == "slot-discarding" || t == "slot-reliable" || t == "slot-spinning") {
         SlotFactory::RemoveSlot(params.name);
     } else if (t == "slot-posix-pipe") {
         unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(params.name).c_str());

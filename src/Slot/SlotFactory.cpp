@@ -132,9 +132,17 @@ INotifierPtr SlotFactory::CreateSlotReader(const ISlotConfiguration* cfg) {
 
 INotifierPtr SlotFactory::CreateSlotReader(const ISlotConfiguration* cfg,
                                            const ISubscriberPtr& firstSubscriber) {
+    return CreateSpinningSlotReader(cfg, boost::posix_time::time_duration(0, 0, 0),
+                                    firstSubscriber);
+}
+
+INotifierPtr SlotFactory::CreateSpinningSlotReader(
+    const ISlotConfiguration* cfg, const boost::posix_time::time_duration& spinBudget,
+    const ISubscriberPtr& firstSubscriber) {
     log4cxx::LoggerPtr logger = SlotLogger();
     CheckType(cfg);
     CheckUpdateTime(cfg);
+    BaseSlotReader::CheckSpinBudget(cfg->GetName(), spinBudget);
     const std::string type = cfg->GetSlotType();
     if (type == SlotType::posixPipeTag) {
         if (logger->isInfoEnabled()) {
@@ -162,6 +170,7 @@ INotifierPtr SlotFactory::CreateSlotReader(const ISlotConfiguration* cfg,
     } else {
         reader.reset(new DiscardingSlotReader(slot, cfg->GetUpdateTime()));
     }
+    reader->SetSpinBudget(spinBudget);
     // Subscribed before the thread starts: nothing the thread takes goes to nobody.
     if (firstSubscriber) {
         reader->subscribe(firstSubscriber.get());

@@ -5,6 +5,7 @@
 #include <Slot/ISlot.h>
 #include <Slot/ISlotConfiguration.h>
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <string>
@@ -37,6 +38,19 @@ public:
     // keeps a share of it until the reader is destroyed. A null pointer subscribes nobody.
     static INotifierPtr CreateSlotReader(const ISlotConfiguration* cfg,
                                          const ISubscriberPtr& firstSubscriber);
+    // A reader for hosts that can give a core to a slot: like CreateSlotReader, but before each
+    // wait the reader's thread spins for up to `spinBudget` on the slot's write signal (without
+    // a lock or a system call) and sleeps on it only when nothing came. A block written while it
+    // spins is taken without a wake-up; while it spins, it keeps a core busy. It delivers exactly
+    // what the ordinary reader of the slot's type delivers (a discarding slot's latest fresh
+    // block, each block of a reliable slot in order, one reliable reader per machine, the same
+    // log lines), and writers do not pay for it. A budget of 0 makes the ordinary reader.
+    // "posix-pipe" slots have no write signal to spin on: they get their ordinary reader.
+    // Throws AbortSlotCreationException for a negative or infinite budget, besides the refusals
+    // of CreateSlotReader.
+    static INotifierPtr CreateSpinningSlotReader(
+        const ISlotConfiguration* cfg, const boost::posix_time::time_duration& spinBudget,
+        const ISubscriberPtr& firstSubscriber = ISubscriberPtr());
     // A ready writer; for "posix-pipe" its stream is already open.
     static ISubscriberPtr CreateSlotWriter(const ISlotConfiguration* cfg);
 };

@@ -10,13 +10,17 @@ SlotWriter::SlotWriter(const boost::shared_ptr<IBaseSlot>& slot)
     : slot_(slot), logger_(log4cxx::Logger::getLogger("Slot.Writer")) {}
 
 void SlotWriter::onNotify(const std::string&, const void* data, size_t size) {
-    if (logger_->isDebugEnabled()) {
+    // TRACE lies below DEBUG: with DEBUG off (the usual case) one level test serves all three
+    // lines of a write, and none is made while the lock is held.
+    const bool debug = logger_->isDebugEnabled();
+    const bool trace = debug && logger_->isTraceEnabled();
+    if (debug) {
         LOG4CXX_DEBUG(logger_, "write to '" << slot_->GetName() << "'");
     }
     {
         // Only the write itself (and its TRACE line) stands inside the slot's lock.
         boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
-        if (logger_->isTraceEnabled()) {
+        if (trace) {
             LOG4CXX_TRACE(logger_, "locked '" << slot_->GetName() << "'");
         }
         try {
@@ -28,7 +32,7 @@ void SlotWriter::onNotify(const std::string&, const void* data, size_t size) {
             throw;
         }
     }
-    if (logger_->isTraceEnabled()) {
+    if (trace) {
         LOG4CXX_TRACE(logger_, "unlocked '" << slot_->GetName() << "'");
     }
     slot_->GetOnWriteCondition()->Notify();

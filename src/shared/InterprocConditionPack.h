@@ -2,6 +2,7 @@
 #pragma once
 
 #include <shared/Export.h>
+#include <shared/ISpinWait.h>
 #include <shared/ISyncEvent.h>
 #include <shared/InterprocCondition.h>
 #include <shared/RobustMutex.h>
@@ -17,8 +18,11 @@ namespace shared {
 // A broadcast that comes while this pack's waiter is busy between two waits is not lost: the
 // next Wait returns true at once. (A slot reader reads the slot after every wake-up, so it then
 // sees the write that the broadcast announced without waiting a whole update time for it.)
+//
+// SpinForSignal watches the condition's sequence word without the mutex: a broadcast is seen
+// within a pause instruction's time, and the Wait that follows returns without sleeping.
 template <class Mutex>
-class InterprocConditionPack : public ISyncEvent {
+class InterprocConditionPack : public ISyncEvent, public ISpinWait {
 public:
     InterprocConditionPack(Mutex* mutex, InterprocCondition* condition);
     ~InterprocConditionPack() override;
@@ -30,6 +34,7 @@ public:
     // mutex still held (released as boost::thread_interrupted leaves).
     bool Wait(const boost::posix_time::time_duration& timeout) override;
     void Notify() override;
+    bool SpinForSignal(const boost::posix_time::time_duration& budget) override;
 
     // Repair run when Wait locks the (robust) mutex after its holder died; see LockablePtr.
     // Set before the pack is shared between threads.
@@ -38,8 +43,9 @@ public:
 private:
     Mutex* mutex_;
     InterprocCondition* condition_;
-    std::uint32_t
-        lastSeen_;  // condition sequence at the previous return of Wait; guarded by mutex_
+    // Condition sequence at the previous return of Wait; written under mutex_ by the waiting
+    // thread, which alone reads it without the mutex (SpinForSignal).
+    std::uint32_t lastSeen_;
     log4cxx::LoggerPtr logger_;
     OwnerDeadRepair repair_;
 };

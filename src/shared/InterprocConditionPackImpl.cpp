@@ -7,6 +7,9 @@
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <boost/thread/thread.hpp>
 
+#include <time.h>
+#include <cstdint>
+
 namespace shared {
 
 namespace {
@@ -23,6 +26,22 @@ private:
     pthread_mutex_t* mutex_;
     const OwnerDeadRepair& repair_;
 };
+
+std::int64_t MonotonicNs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<std::int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+// Tells the core that this is a spin-wait loop: it saves power and lets the other hardware
+// thread of the core run, and the loop leaves without a memory-order pipeline flush.
+inline void CpuRelax() {
+#if defined(__i386__) || defined(__x86_64__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield" ::: "memory");
+#endif
+}
 
 }  // namespace
 
@@ -43,8 +62,10 @@ InterprocConditionPack<Mutex>::~InterprocConditionPack() {
 template <class Mutex>
 bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration& timeout) {
     RecoveringMutex mutex(NativeMutex(mutex_), repair_);
+    // One level test for the wait's TRACE lines: the second would come right after a wake-up.
+    const bool trace = logger_->isTraceEnabled();
     boost::interprocess::scoped_lock<RecoveringMutex> lock(mutex);
-    if (logger_->isTraceEnabled()) {
+    if (trace) {
         LOG4CXX_TRACE(logger_, "Wait() : acquired mutex");
     }
     bool result;
@@ -52,14 +73,14 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
         condition_->timed_wait(mutex, boost::posix_time::ptime(boost::posix_time::pos_infin),
                                &lastSeen_);
         result = true;
-        if (logger_->isTraceEnabled()) {
+        if (trace) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.wait(...) returned");
         }
     } else {
         // Deadlines are absolute UTC times: the futex sleeps on CLOCK_REALTIME.
         const boost::posix_time::ptime deadline = shared::UtcNow() + timeout;
         result = condition_->timed_wait(mutex, deadline, &lastSeen_);
-        if (logger_->isTraceEnabled()) {
+        if (trace) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.timed_wait(...) returned " << result);
         }
     }
@@ -73,6 +94,29 @@ void InterprocConditionPack<Mutex>::Notify() {
         LOG4CXX_TRACE(logger_, "notify_all()");
     }
     condition_->notify_all();
+}
+
+template <class Mutex>
+bool InterprocConditionPack<Mutex>::SpinForSignal(const boost::posix_time::time_duration& budget) {
+    if (budget.is_special() || budget.is_negative() || budget.ticks() == 0) {
+        return false;
+    }
+    const std::int64_t deadline = MonotonicNs() + budget.total_nanoseconds();
+    // The clock and the stop request are asked once per round of pauses only: the word itself
+    // is a load from a cache line that stays in this core's cache until a broadcast writes it.
+    constexpr unsigned int kRound = 32;
+    for (;;) {
+        for (unsigned int i = 0; i < kRound; ++i) {
+            if (__atomic_load_n(&condition_->sequence, __ATOMIC_ACQUIRE) != lastSeen_) {
+                return true;
+            }
+            CpuRelax();
+        }
+        if (boost::this_thread::interruption_requested() || MonotonicNs() >= deadline) {
+            return __atomic_load_n(&condition_->sequence, __ATOMIC_ACQUIRE) != lastSeen_ &&
+                   !boost::this_thread::interruption_requested();
+        }
+    }
 }
 
 template class InterprocConditionPack<boost::interprocess::interprocess_mutex>;

@@ -11,6 +11,8 @@
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <boost/ref.hpp>
 
+#include <algorithm>
+
 namespace {
 
 // The reader whose thread this is; null on every other thread.
@@ -23,9 +25,28 @@ BaseSlotReader::BaseSlotReader(boost::shared_ptr<ISlot> slot,
     : startHandler_(boost::shared_ptr<shared::ISyncEvent>()),
       slot_(slot),
       updateTime_(updateTime),
+      name_(slot->GetName()),
       logger_(log4cxx::Logger::getLogger("Slot.Reader")),
-      released_(false) {
+      released_(false),
+      spinBudget_(0, 0, 0),
+      spinWait_(nullptr) {
     CheckUpdateTime(slot_->GetName(), updateTime_);
+}
+
+void BaseSlotReader::SetSpinBudget(const boost::posix_time::time_duration& budget) {
+    CheckSpinBudget(slot_->GetName(), budget);
+    spinBudget_ = budget;
+    spinWait_ = budget.ticks() > 0 ? dynamic_cast<shared::ISpinWait*>(slot_->GetOnWriteCondition())
+                                   : nullptr;
+}
+
+void BaseSlotReader::CheckSpinBudget(const std::string& slotName,
+                                     const boost::posix_time::time_duration& budget) {
+    if (budget.is_special() || budget.is_negative()) {
+        throw AbortSlotCreationException(
+            "Invalid spin budget " + boost::posix_time::to_simple_string(budget) + " of '" +
+            slotName + "': a spinning reader needs a finite budget of 0 or more");
+    }
 }
 
 void BaseSlotReader::CheckUpdateTime(const std::string& slotName,
@@ -102,7 +123,18 @@ void BaseSlotReader::operator()() {
                 boost::this_thread::interruption_point();
                 // Woken or timed out, the cycle goes on the same way: the slot is polled at
                 // least once per update time even when a signal is missed.
-                slot_->GetOnWriteCondition()->Wait(updateTime_);
+                boost::posix_time::time_duration wait = updateTime_;
+                if (spinWait_ != nullptr) {
+                    // The spin is the first part of the cycle's wait, so it never delays the
+                    // poll. A signal seen while spinning makes the Wait below return at once; a
+                    // stop request ends the spin and is taken right away.
+                    const boost::posix_time::time_duration spin = std::min(spinBudget_, wait);
+                    if (!spinWait_->SpinForSignal(spin)) {
+                        boost::this_thread::interruption_point();
+                        wait -= spin;
+                    }
+                }
+                slot_->GetOnWriteCondition()->Wait(wait);
                 ReadAndNotify();
             }
         } catch (const boost::interprocess::interprocess_exception& e) {
@@ -139,12 +171,16 @@ void BaseSlotReader::operator()() {
 
 shared::SizedArray BaseSlotReader::ReadAndNotify() {
     shared::SizedArray buffer(static_cast<unsigned int>(slot_->GetMaxDataSize()));
-    if (logger_->isTraceEnabled()) {
+    // Level tests walk the logger hierarchy. TRACE lies below DEBUG, so with DEBUG off (the usual
+    // case) one test serves every line of this step.
+    const bool debug = logger_->isDebugEnabled();
+    const bool trace = debug && logger_->isTraceEnabled();
+    if (trace) {
         LOG4CXX_TRACE(logger_, "ReadAndNotify() : '" << slot_->GetName() << "'");
     }
     {
         boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
-        if (logger_->isTraceEnabled()) {
+        if (trace) {
             LOG4CXX_TRACE(logger_, "ReadAndNotify() : locked '" << slot_->GetName() << "'");
         }
         if (!DataInSlotIsActual()) {
@@ -152,14 +188,13 @@ shared::SizedArray BaseSlotReader::ReadAndNotify() {
         }
         buffer.setSize(static_cast<unsigned int>(slot_->ReadData(buffer.data(), buffer.size())));
     }
-    if (logger_->isTraceEnabled()) {
+    if (trace) {
         LOG4CXX_TRACE(logger_, "Unlocked " << slot_->GetName());
     }
     // Subscribers run outside the slot's lock: a slow one never holds up writers.
-    notify(slot_->GetName(), buffer.data(), buffer.size());
-    if (logger_->isDebugEnabled()) {
-        LOG4CXX_DEBUG(logger_,
-                      "Notified " << buffer.size() << " bytes from '" << slot_->GetName() << "'");
+    notify(name_, buffer.data(), buffer.size());
+    if (debug) {
+        LOG4CXX_DEBUG(logger_, "Notified " << buffer.size() << " bytes from '" << name_ << "'");
     }
     return buffer;
 }

@@ -4,6 +4,7 @@
 #include <Slot/Export.h>
 #include <Slot/ISlot.h>
 
+#include <shared/ISpinWait.h>
 #include <shared/Notifier.h>
 #include <shared/SizedArray.h>
 #include <shared/WaitForAsyncOpHandler.h>
@@ -43,6 +44,10 @@ public:
     static void CheckUpdateTime(const std::string& slotName,
                                 const boost::posix_time::time_duration& updateTime);
 
+    // A spin budget must be finite and not negative: AbortSlotCreationException otherwise.
+    static void CheckSpinBudget(const std::string& slotName,
+                                const boost::posix_time::time_duration& budget);
+
     // Deletes `reader` now, unless this is the reader's own thread: then its subscribers are
     // dropped (the rest of the notification in progress reaches nobody), no further block is
     // read, and the thread deletes the reader once it is back in its loop. `keepAlive` is
@@ -51,6 +56,14 @@ public:
 
     BaseSlotReader(const BaseSlotReader&) = delete;
     BaseSlotReader& operator=(const BaseSlotReader&) = delete;
+
+    // Each cycle first spins for up to `budget` (at most the update time) on the slot's write
+    // signal, without a lock or a system call, and only then sleeps on it for the rest of the
+    // update time: a block written meanwhile is taken without a wake-up, at the price of a busy
+    // core. Delivery is unchanged, the slot is still polled once per update time. 0 (the
+    // default) never spins; a slot without such a signal ignores the budget. Call before Init.
+    void SetSpinBudget(const boost::posix_time::time_duration& budget);
+    const boost::posix_time::time_duration& SpinBudget() const { return spinBudget_; }
 
     // Starts the thread, waits until it runs, then sleeps one update time.
     void Init();
@@ -76,9 +89,13 @@ protected:
     boost::shared_ptr<ISlot> slot_;
     boost::thread thread_;
     boost::posix_time::time_duration updateTime_;
+    // The slot's name, handed to every subscriber: asking the slot would copy it for each block.
+    const std::string name_;
     log4cxx::LoggerPtr logger_;
 
 private:
-    bool released_;                      // reader thread only
-    boost::shared_ptr<void> keepAlive_;  // reader thread only; see Release
+    bool released_;                                // reader thread only
+    boost::posix_time::time_duration spinBudget_;  // set before Init
+    shared::ISpinWait* spinWait_;                  // the slot's write signal; null: no spinning
+    boost::shared_ptr<void> keepAlive_;            // reader thread only; see Release
 };
