@@ -369,15 +369,17 @@ TEST(UnfinishedCreation, DeathInsideTheSegmentIndexIsReportedNotWaitedFor) {
                     // The allocator's record of the segment's size, as an allocation in progress
                     // may leave its bookkeeping for a moment.
                     RawObject raw(name.str(), true);
-                    const std::uint64_t at = raw.Image().managerOffset;
-                    const std::uint64_t recorded = raw.size - at;
-                    for (std::uint64_t p = at;
-                         p + 8 <= std::min<std::uint64_t>(raw.size, at + 4096); p += 8) {
-                        std::uint64_t word;
-                        std::memcpy(&word, raw.bytes + p, 8);
+                    // Boost's size type: 32 bits on i386, 64 bits on x86_64, like std::size_t.
+                    const std::size_t at = static_cast<std::size_t>(raw.Image().managerOffset);
+                    const std::size_t recorded = raw.size - at;
+                    const std::size_t end = std::min(raw.size, at + 4096);
+                    for (std::size_t p = at; p + sizeof(std::size_t) <= end;
+                         p += sizeof(std::size_t)) {
+                        std::size_t word;
+                        std::memcpy(&word, raw.bytes + p, sizeof word);
                         if (word == recorded) {
                             word += 64;
-                            std::memcpy(raw.bytes + p, &word, 8);
+                            std::memcpy(raw.bytes + p, &word, sizeof word);
                             break;
                         }
                     }
