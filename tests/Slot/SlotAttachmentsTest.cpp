@@ -152,7 +152,9 @@ TEST(SlotActivity, CountsTheWritesOfAnotherProcessAndShowsTheLastBlockTaken) {
         Expect* expect = new Expect(blocks, allRead);
         ISubscriberPtr check(expect);
         INotifierPtr slot = SlotFactory::CreateSlotReader(&cfg, check);
-        return end.WaitFor(std::chrono::seconds(60)) && expect->inOrder ? 0 : 1;
+        const bool ended = end.WaitFor(std::chrono::seconds(60));
+        slot.reset();  // joins the reader's thread before its findings are read
+        return ended && expect->inOrder ? 0 : 1;
     });
     ASSERT_TRUE(allRead.WaitFor(std::chrono::seconds(60)));
     const SlotActivitySample read = SlotActivity::Sample(name, true);
