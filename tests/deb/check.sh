@@ -18,9 +18,11 @@ command -v dpkg > /dev/null || skip "dpkg is missing"
 command -v dpkg-shlibdeps > /dev/null || skip "dpkg-shlibdeps (package dpkg-dev) is missing"
 unset LD_LIBRARY_PATH
 
-# One run at a time on this machine: the packages are machine-wide.
-exec 9> /run/lock/slot-deb-test.lock
-flock -w 600 9 || skip "another run of this test holds /run/lock/slot-deb-test.lock"
+# One run at a time on this machine: the packages are machine-wide. The lock is taken on dpkg's
+# root-owned database folder (dpkg itself locks files inside it with fcntl, not this flock), so
+# nothing is created, followed or truncated in a folder that others can write to.
+exec 9< /var/lib/dpkg
+flock -w 600 9 || skip "another run of this test holds the flock of /var/lib/dpkg"
 for p in "${packages[@]}"; do
     if dpkg-query -W -f='${Status}' "$p" 2> /dev/null | grep -q "ok installed"; then
         skip "package $p is already installed; not touching it"
