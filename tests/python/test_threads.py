@@ -203,6 +203,12 @@ def test_blocks_received_before_close_can_still_be_taken(name):
         for i in range(3):
             writer.write(b"%d" % i)
     got = [callback_free.get(timeout=WAIT)]
+    # Close only once the reader's thread has taken the other two from the slot: they are then
+    # this process's, and close() must not lose them.
+    deadline = time.monotonic() + WAIT
+    while callback_free.pending < 2 and time.monotonic() < deadline:
+        time.sleep(0.01)
+    assert callback_free.pending == 2
     callback_free.close()
     got += list(callback_free)
     assert got == [b"0", b"1", b"2"]
