@@ -35,21 +35,9 @@ using fuzzsupport::Fail;
 namespace {
 
 // A small slot: blocks of at most 16 bytes, two in the queue.
-class SmallSlotConfig : public ISlotConfiguration {
-public:
-    SmallSlotConfig(const std::string& name, const std::string& type) : name_(name), type_(type) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return 16; }
-    size_t GetMaxBufferLength() const override { return 2; }
-    boost::posix_time::time_duration GetUpdateTime() const override {
-        return boost::posix_time::milliseconds(10);
-    }
-    std::string GetSlotType() const override { return type_; }
-
-private:
-    std::string name_;
-    std::string type_;
-};
+SlotCfg SmallSlotConfig(const std::string& name, const std::string& type) {
+    return SlotCfg(name, type, boost::posix_time::milliseconds(10), 2, 16);
+}
 
 bool Exists(const std::string& path) {
     struct stat st;
@@ -128,7 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
 
     std::set<std::string> made;
     {
-        const SmallSlotConfig cfg(name, type);
+        const SlotCfg cfg = SmallSlotConfig(name, type);
         try {
             boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
             slot->WriteData("block", 5);

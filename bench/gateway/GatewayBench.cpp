@@ -45,21 +45,10 @@ struct Header {
     std::uint64_t sentNs;
 };
 
-class Cfg : public ISlotConfiguration {
-public:
-    Cfg(std::string name, std::size_t maxSize) : name_(std::move(name)), maxSize_(maxSize) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return maxSize_; }
-    size_t GetMaxBufferLength() const override { return 16; }
-    boost::posix_time::time_duration GetUpdateTime() const override {
-        return boost::posix_time::milliseconds(20);
-    }
-    std::string GetSlotType() const override { return "reliable"; }
-
-private:
-    std::string name_;
-    std::size_t maxSize_;
-};
+// The benchmark's reliable slot: 16 blocks of `maxSize` bytes.
+SlotCfg Cfg(const std::string& name, std::size_t maxSize) {
+    return SlotCfg(name, "reliable", boost::posix_time::milliseconds(20), 16, maxSize);
+}
 
 // Collects arrival times; shared by both receivers.
 class Tally {
@@ -147,7 +136,7 @@ void Pause(unsigned pauseUs) {
 }
 
 int SlotSend(const std::string& name, std::size_t size, std::uint64_t count, unsigned pauseUs) {
-    Cfg cfg(name, size);
+    const SlotCfg cfg = Cfg(name, size);
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(300);
     for (std::uint64_t n = 0; n < count;) {
@@ -167,7 +156,7 @@ int SlotSend(const std::string& name, std::size_t size, std::uint64_t count, uns
 }
 
 int SlotRecv(const std::string& name, std::size_t size, std::uint64_t count, unsigned seconds) {
-    Cfg cfg(name, size);
+    const SlotCfg cfg = Cfg(name, size);
     Tally tally(count);
     INotifierPtr reader =
         SlotFactory::CreateSlotReader(&cfg, ISubscriberPtr(new SlotReceiver(tally)));

@@ -98,21 +98,10 @@ void BM_MicrosecClockUniversalTime(benchmark::State& state) {
 }
 BENCHMARK(BM_MicrosecClockUniversalTime);
 
-class MicroSlotConfig : public ISlotConfiguration {
-public:
-    MicroSlotConfig(const std::string& name, size_t size) : name_(name), size_(size) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return size_; }
-    size_t GetMaxBufferLength() const override { return 16; }
-    boost::posix_time::time_duration GetUpdateTime() const override {
-        return boost::posix_time::seconds(1);
-    }
-    std::string GetSlotType() const override { return "reliable"; }
-
-private:
-    std::string name_;
-    size_t size_;
-};
+// A reliable slot of 16 blocks of `size` bytes.
+SlotCfg MicroSlotConfig(const std::string& name, size_t size) {
+    return SlotCfg(name, "reliable", boost::posix_time::seconds(1), 16, size);
+}
 
 // Removes the slot whatever happens to the benchmark.
 struct SlotRemover {
@@ -126,7 +115,7 @@ void BM_ReliableSlotWriteRead(benchmark::State& state) {
     const size_t size = static_cast<size_t>(state.range(0));
     const std::string name = Tag() + "_slot" + std::to_string(size);
     SlotRemover remover{name};
-    MicroSlotConfig cfg(name, size);
+    const SlotCfg cfg = MicroSlotConfig(name, size);
     boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
     std::vector<char> in(size, 5);
     shared::SizedArray out(static_cast<unsigned int>(slot->GetMaxDataSize()));

@@ -23,11 +23,9 @@ namespace bench {
 namespace {
 
 // The slots of the creation runs: room for 16 blocks of 4 KiB.
-class CostConfig : public BenchSlotConfig {
-public:
-    CostConfig(const std::string& name, const std::string& type, double updateMs)
-        : BenchSlotConfig(name, type, 4096, 16, updateMs) {}
-};
+SlotCfg CostConfig(const std::string& name, const std::string& type, double updateMs) {
+    return BenchSlotConfig(name, type, 4096, 16, updateMs);
+}
 
 std::string CostName(const std::string& base, const std::string& kind, size_t i) {
     return base + "_" + kind + std::to_string(i);
@@ -75,15 +73,15 @@ int CreateSlots(const KeyValues& kv) {
     Timings t;
     for (size_t i = 0; i < n; ++i) {
         t.Time("CreateSlot, new reliable slot (creates queue and segment)", [&] {
-            CostConfig cfg(CostName(base, "r", i), "reliable", 1000);
+            const SlotCfg cfg = CostConfig(CostName(base, "r", i), "reliable", 1000);
             SlotFactory::CreateSlot(&cfg);
         });
         t.Time("CreateSlot, new discarding slot", [&] {
-            CostConfig cfg(CostName(base, "d", i), "discarding", 1000);
+            const SlotCfg cfg = CostConfig(CostName(base, "d", i), "discarding", 1000);
             SlotFactory::CreateSlot(&cfg);
         });
         t.Time("CreateSlotWriter, new discarding slot", [&] {
-            CostConfig cfg(CostName(base, "w", i), "discarding", 1000);
+            const SlotCfg cfg = CostConfig(CostName(base, "w", i), "discarding", 1000);
             SlotFactory::CreateSlotWriter(&cfg);
         });
     }
@@ -103,21 +101,21 @@ int OpenSlots(const KeyValues& kv) {
     for (size_t i = 0; i < n; ++i) {
         boost::shared_ptr<ISlot> held;
         t.Time("CreateSlot, existing reliable slot (open)", [&] {
-            CostConfig cfg(CostName(base, "r", i), "reliable", 1000);
+            const SlotCfg cfg = CostConfig(CostName(base, "r", i), "reliable", 1000);
             held = SlotFactory::CreateSlot(&cfg);
         });
         t.Time("CreateSlotWriter, existing discarding slot", [&] {
-            CostConfig cfg(CostName(base, "d", i), "discarding", 1000);
+            const SlotCfg cfg = CostConfig(CostName(base, "d", i), "discarding", 1000);
             SlotFactory::CreateSlotWriter(&cfg);
         });
         INotifierPtr reader;
         t.Time("CreateSlotReader, discarding, update time 0 (no pause)", [&] {
-            CostConfig cfg(CostName(base, "d", i), "discarding", 0);
+            const SlotCfg cfg = CostConfig(CostName(base, "d", i), "discarding", 0);
             reader = SlotFactory::CreateSlotReader(&cfg);
         });
         t.Time("destroy that discarding reader (interrupt, join)", [&] { reader.reset(); });
         t.Time("CreateSlotReader, reliable, update time 0 (no pause)", [&] {
-            CostConfig cfg(CostName(base, "r", i), "reliable", 0);
+            const SlotCfg cfg = CostConfig(CostName(base, "r", i), "reliable", 0);
             reader = SlotFactory::CreateSlotReader(&cfg);
         });
         t.Time("destroy that reliable reader (interrupt, join, unlock)", [&] { reader.reset(); });
@@ -127,11 +125,11 @@ int OpenSlots(const KeyValues& kv) {
     for (size_t i = 0; i < pauses; ++i) {
         INotifierPtr reader;
         t.Time(withPause, [&] {
-            CostConfig cfg(CostName(base, "d", i), "discarding", pauseMs);
+            const SlotCfg cfg = CostConfig(CostName(base, "d", i), "discarding", pauseMs);
             reader = SlotFactory::CreateSlotReader(&cfg);
         });
         // Waking the reader lets its destructor finish at once instead of after a whole wait.
-        CostConfig cfg(CostName(base, "d", i), "discarding", pauseMs);
+        const SlotCfg cfg = CostConfig(CostName(base, "d", i), "discarding", pauseMs);
         boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
         std::thread waker([&] {
             for (int k = 0; k < 200 && reader; ++k) {

@@ -24,11 +24,9 @@ namespace {
 
 // paced as in the latency runs.
 // One slot of the scale runs: discarding, room for one block.
-class ScaleConfig : public BenchSlotConfig {
-public:
-    ScaleConfig(const std::string& name, size_t size, double updateMs)
-        : BenchSlotConfig(name, "discarding", size, 1, updateMs) {}
-};
+SlotCfg ScaleConfig(const std::string& name, size_t size, double updateMs) {
+    return BenchSlotConfig(name, "discarding", size, 1, updateMs);
+}
 
 std::string ScaleSlotName(const std::string& base, unsigned int i) {
     return base + "_" + std::to_string(i);
@@ -63,8 +61,8 @@ int ScaleReader(const KeyValues& kv, RunParams& params) {
         for (unsigned int i = 0; i < slots; ++i) {
             threads.emplace_back([&, i] {
                 try {
-                    ScaleConfig cfg(ScaleSlotName(params.name, i), params.blockSize,
-                                    params.updateTimeMs);
+                    const SlotCfg cfg = ScaleConfig(ScaleSlotName(params.name, i), params.blockSize,
+                                                    params.updateTimeMs);
                     readers[i] = SlotFactory::CreateSlotReader(&cfg);
                 } catch (const std::exception& e) {
                     std::fprintf(stderr, "slotbench: reader %u: %s\n", i, e.what());
@@ -117,7 +115,8 @@ int ScaleWriter(const KeyValues& kv, RunParams& params) {
     std::vector<ISubscriberPtr> writers;
     std::vector<std::unique_ptr<BlockSource>> sources;
     for (unsigned int i = 0; i < slots; ++i) {
-        ScaleConfig cfg(ScaleSlotName(params.name, i), params.blockSize, params.updateTimeMs);
+        const SlotCfg cfg =
+            ScaleConfig(ScaleSlotName(params.name, i), params.blockSize, params.updateTimeMs);
         writers.push_back(SlotFactory::CreateSlotWriter(&cfg));
         sources.emplace_back(new BlockSource(params.blockSize, i, 2));
     }

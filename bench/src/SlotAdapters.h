@@ -16,29 +16,13 @@
 
 namespace bench {
 
-// A slot's configuration as the factory asks for it.
-class BenchSlotConfig : public ISlotConfiguration {
-public:
-    BenchSlotConfig(const std::string& name, const std::string& type, size_t maxSize,
-                    size_t bufferLength, double updateMs)
-        : name_(name),
-          type_(type),
-          maxSize_(maxSize),
-          bufferLength_(bufferLength),
-          update_(boost::posix_time::microseconds(static_cast<long>(updateMs * 1000.0))) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return maxSize_; }
-    size_t GetMaxBufferLength() const override { return bufferLength_; }
-    boost::posix_time::time_duration GetUpdateTime() const override { return update_; }
-    std::string GetSlotType() const override { return type_; }
-
-private:
-    std::string name_;
-    std::string type_;
-    size_t maxSize_;
-    size_t bufferLength_;
-    boost::posix_time::time_duration update_;
-};
+// A slot's configuration as the factory asks for it, with the update time in milliseconds.
+inline SlotCfg BenchSlotConfig(const std::string& name, const std::string& type, size_t maxSize,
+                               size_t bufferLength, double updateMs) {
+    return SlotCfg(name, type,
+                   boost::posix_time::microseconds(static_cast<long>(updateMs * 1000.0)),
+                   bufferLength, maxSize);
+}
 
 // Hands every block a slot reader delivers on to a sink.
 class SinkSubscriber : public shared::ISubscriber {

@@ -191,8 +191,8 @@ void Backoff(unsigned int attempt) {
 class SlotSender : public Sender {
 public:
     explicit SlotSender(const RunParams& params)
-        : cfg_(params.name, SlotType(params.transport), params.blockSize, params.depth,
-               params.updateTimeMs),
+        : cfg_(BenchSlotConfig(params.name, SlotType(params.transport), params.blockSize,
+                               params.depth, params.updateTimeMs)),
           reliable_(SlotType(params.transport) == "reliable") {
         writer_ = SlotFactory::CreateSlotWriter(&cfg_);
     }
@@ -214,7 +214,7 @@ public:
     std::uint64_t Refusals() const override { return refusals_; }
 
 private:
-    BenchSlotConfig cfg_;
+    SlotCfg cfg_;
     bool reliable_;
     ISubscriberPtr writer_;
     std::uint64_t refusals_ = 0;
@@ -234,8 +234,8 @@ private:
 class SlotReceiver : public Receiver {
 public:
     explicit SlotReceiver(const RunParams& params)
-        : cfg_(params.name, SlotType(params.transport), params.blockSize, params.depth,
-               params.updateTimeMs),
+        : cfg_(BenchSlotConfig(params.name, SlotType(params.transport), params.blockSize,
+                               params.depth, params.updateTimeMs)),
           stream_(params.transport == "slot-posix-pipe"),
           blockSize_(params.blockSize) {
         if (params.transport == "slot-spinning") {
@@ -259,7 +259,7 @@ public:
     }
 
 private:
-    BenchSlotConfig cfg_;
+    SlotCfg cfg_;
     bool stream_;
     size_t blockSize_;
     INotifierPtr reader_;

@@ -57,21 +57,11 @@ Config ParseConfig(const std::string& text, const std::string& source);
 Config LoadConfig(const std::string& path);
 
 // The slot configuration a route gives the slot factory.
-class RouteSlotCfg : public ISlotConfiguration {
+class RouteSlotCfg : public SlotCfg {
 public:
-    explicit RouteSlotCfg(const Route& route) : route_(route) {}
-    std::string GetName() const override { return route_.name; }
-    size_t GetMaxSize() const override { return route_.maxSize; }
-    size_t GetMaxBufferLength() const override {
-        return route_.reliable() ? route_.queueLength : 1;
-    }
-    boost::posix_time::time_duration GetUpdateTime() const override {
-        return boost::posix_time::milliseconds(route_.updateTimeMs);
-    }
-    std::string GetSlotType() const override { return route_.type; }
-
-private:
-    Route route_;
+    explicit RouteSlotCfg(const Route& route)
+        : SlotCfg(route.name, route.type, boost::posix_time::milliseconds(route.updateTimeMs),
+                  route.reliable() ? route.queueLength : 1, route.maxSize) {}
 };
 
 }  // namespace SlotGateway

@@ -33,27 +33,17 @@ namespace slotpy {
 
 namespace py = pybind11;
 
-// A slot's description, filled in from Python. Immutable once made.
-class SlotConfig final : public ISlotConfiguration {
+// A slot's description, filled in from Python. Immutable once made; keeps the update time as
+// Python gave it, in seconds, for its repr.
+class SlotConfig final : public SlotCfg {
 public:
     SlotConfig(std::string name, std::string type, double updateSeconds, size_t queueLength,
                size_t maxSize);
 
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return maxSize_; }
-    size_t GetMaxBufferLength() const override { return queueLength_; }
-    boost::posix_time::time_duration GetUpdateTime() const override { return updateTime_; }
-    std::string GetSlotType() const override { return type_; }
-
     double UpdateSeconds() const { return updateSeconds_; }
 
 private:
-    std::string name_;
-    std::string type_;
     double updateSeconds_;
-    boost::posix_time::time_duration updateTime_;
-    size_t queueLength_;
-    size_t maxSize_;
 };
 
 // Raised (and turned into libslot.SlotError) for a library failure other than a refused

@@ -126,12 +126,8 @@ void ConfigureLogging(const std::string& level) {
 
 SlotConfig::SlotConfig(std::string name, std::string type, double updateSeconds, size_t queueLength,
                        size_t maxSize)
-    : name_(std::move(name)),
-      type_(std::move(type)),
-      updateSeconds_(updateSeconds),
-      updateTime_(ToDuration(updateSeconds)),
-      queueLength_(queueLength),
-      maxSize_(maxSize) {}
+    : SlotCfg(name, type, ToDuration(updateSeconds), queueLength, maxSize),
+      updateSeconds_(updateSeconds) {}
 
 bool ShuttingDown() {
     return shuttingDown.load(std::memory_order_acquire);

@@ -41,3 +41,34 @@ private:
     boost::posix_time::time_duration updateTime_;
     unsigned int maxBufferLength_;
 };
+
+// A slot record with every field chosen by the caller, the maximum block size included. A plain
+// value: tools and bindings that take the sizes from their users describe slots with it.
+class SlotCfg : public ISlotConfiguration {
+public:
+    SlotCfg(const std::string& name, const std::string& slotType,
+            const boost::posix_time::time_duration& updateTime, size_t maxBufferLength,
+            size_t maxSize)
+        : name_(name),
+          slotType_(slotType),
+          updateTime_(updateTime),
+          maxBufferLength_(maxBufferLength),
+          maxSize_(maxSize) {}
+    // A copy of any description, as its getters answer now.
+    explicit SlotCfg(const ISlotConfiguration& other)
+        : SlotCfg(other.GetName(), other.GetSlotType(), other.GetUpdateTime(),
+                  other.GetMaxBufferLength(), other.GetMaxSize()) {}
+
+    std::string GetName() const override { return name_; }
+    size_t GetMaxSize() const override { return maxSize_; }
+    size_t GetMaxBufferLength() const override { return maxBufferLength_; }
+    boost::posix_time::time_duration GetUpdateTime() const override { return updateTime_; }
+    std::string GetSlotType() const override { return slotType_; }
+
+private:
+    std::string name_;
+    std::string slotType_;
+    boost::posix_time::time_duration updateTime_;
+    size_t maxBufferLength_;
+    size_t maxSize_;
+};

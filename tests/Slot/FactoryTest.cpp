@@ -186,27 +186,12 @@ TEST(SlotFactory, LogsWhatItCreates) {
 }
 
 // A configuration whose values do not fit what the plain record can hold.
-class WideCfg : public ISlotConfiguration {
-public:
-    WideCfg(const std::string& name, const std::string& type, std::uint64_t maxSize,
-            std::uint64_t length,
-            boost::posix_time::time_duration updateTime = boost::posix_time::milliseconds(10))
-        : name_(name),
-          type_(type),
-          maxSize_(static_cast<size_t>(maxSize)),
-          length_(static_cast<size_t>(length)),
-          updateTime_(updateTime) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return maxSize_; }
-    size_t GetMaxBufferLength() const override { return length_; }
-    boost::posix_time::time_duration GetUpdateTime() const override { return updateTime_; }
-    std::string GetSlotType() const override { return type_; }
-
-private:
-    std::string name_, type_;
-    size_t maxSize_, length_;
-    boost::posix_time::time_duration updateTime_;
-};
+SlotCfg WideCfg(const std::string& name, const std::string& type, std::uint64_t maxSize,
+                std::uint64_t length,
+                boost::posix_time::time_duration updateTime = boost::posix_time::milliseconds(10)) {
+    return SlotCfg(name, type, updateTime, static_cast<size_t>(length),
+                   static_cast<size_t>(maxSize));
+}
 
 void ExpectCreationFailure(const std::function<void()>& op, const std::string& prefix) {
     try {
@@ -226,8 +211,9 @@ TEST(SlotFactory, SizesAbove32BitsAreRefusedNotTruncated) {
     ScopedSlotName name("wide");
     for (const std::string type : {"reliable", "discarding", ""}) {
         SCOPED_TRACE(type);
-        const WideCfg wideSize(name, type, big + 16, 4), wideLength(name, type, 64, big + 2);
-        for (const WideCfg* cfg : {&wideSize, &wideLength}) {
+        const SlotCfg wideSize = WideCfg(name, type, big + 16, 4),
+                      wideLength = WideCfg(name, type, 64, big + 2);
+        for (const SlotCfg* cfg : {&wideSize, &wideLength}) {
             if (cfg == &wideLength && type != "reliable") {
                 continue;  // only a reliable slot asks for the buffer length
             }
@@ -239,7 +225,7 @@ TEST(SlotFactory, SizesAbove32BitsAreRefusedNotTruncated) {
     }
     ExpectCreationFailure(
         [&] {
-            const WideCfg pipe(name, "posix-pipe", big + 16, 4);
+            const SlotCfg pipe = WideCfg(name, "posix-pipe", big + 16, 4);
             SlotFactory::CreateSlotReader(&pipe);
         },
         "Slot could not be created: ");
@@ -259,7 +245,7 @@ TEST(SlotFactory, UpdateTimesThatCannotWorkAreRefused) {
                 for (const time_duration& t :
                      {time_duration(pos_infin), time_duration(neg_infin),
                       time_duration(not_a_date_time), time_duration(milliseconds(-1))}) {
-                    const WideCfg cfg(name, type, 64, 4, t);
+                    const SlotCfg cfg = WideCfg(name, type, 64, 4, t);
                     try {
                         SlotFactory::CreateSlotReader(&cfg);
                         ++failures;

@@ -26,25 +26,10 @@ using testsupport::LogCapture;
 using testsupport::ScopedSlotName;
 
 // A slot of `length` blocks of at most `maxSize` bytes.
-class Cfg : public ISlotConfiguration {
-public:
-    Cfg(const std::string& name, const std::string& type, unsigned int length = 2,
-        size_t maxSize = 64)
-        : name_(name), type_(type), length_(length), maxSize_(maxSize) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return maxSize_; }
-    size_t GetMaxBufferLength() const override { return length_; }
-    boost::posix_time::time_duration GetUpdateTime() const override {
-        return boost::posix_time::milliseconds(10);
-    }
-    std::string GetSlotType() const override { return type_; }
-
-private:
-    std::string name_;
-    std::string type_;
-    unsigned int length_;
-    size_t maxSize_;
-};
+SlotCfg Cfg(const std::string& name, const std::string& type, unsigned int length = 2,
+            size_t maxSize = 64) {
+    return SlotCfg(name, type, boost::posix_time::milliseconds(10), length, maxSize);
+}
 
 // Writes `block` through `writer` and answers the outcome the calling thread sees.
 WriteOutcome Write(const ISubscriberPtr& writer, const std::string& block) {
@@ -63,7 +48,7 @@ void ExpectCounts(const std::string& name, std::uint64_t stored, std::uint64_t d
 
 TEST(WriteOutcome, ReliableSlotTellsStoredFromRefusedAndKeepsTheWarning) {
     ScopedSlotName name("outcome_reliable");
-    const Cfg cfg = Cfg(name, "reliable");
+    const SlotCfg cfg = Cfg(name, "reliable");
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
     LogCapture log("Slot");
 
@@ -91,7 +76,7 @@ TEST(WriteOutcome, ReliableSlotTellsStoredFromRefusedAndKeepsTheWarning) {
 
 TEST(WriteOutcome, DiscardingSlotCountsTheBlocksItThrowsAway) {
     ScopedSlotName name("outcome_discarding");
-    const Cfg cfg = Cfg(name, "discarding");
+    const SlotCfg cfg = Cfg(name, "discarding");
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
 
     EXPECT_EQ(WriteOutcome::Stored, Write(writer, "one"));
@@ -112,8 +97,8 @@ TEST(WriteOutcome, DiscardingSlotCountsTheBlocksItThrowsAway) {
 TEST(WriteOutcome, DirectWriteDataIsRecordedAndCountsAreKeptPerName) {
     ScopedSlotName first("outcome_first");
     ScopedSlotName second("outcome_second");
-    const Cfg firstCfg = Cfg(first, "reliable", 1);
-    const Cfg secondCfg = Cfg(second, "reliable", 1);
+    const SlotCfg firstCfg = Cfg(first, "reliable", 1);
+    const SlotCfg secondCfg = Cfg(second, "reliable", 1);
     boost::shared_ptr<ISlot> a = SlotFactory::CreateSlot(&firstCfg);
     boost::shared_ptr<ISlot> b = SlotFactory::CreateSlot(&secondCfg);
     // A second slot object of the same name adds to the same counts.
@@ -144,7 +129,7 @@ TEST(WriteOutcome, AWriteThatThrowsThroughSlotWriterIsAFailure) {
 TEST(WriteOutcome, LastOutcomeBelongsToTheWritingThreadAndCountsAddUpAcrossThreads) {
     ScopedSlotName name("outcome_threads");
     const unsigned int capacity = 8;
-    const Cfg cfg = Cfg(name, "reliable", capacity);
+    const SlotCfg cfg = Cfg(name, "reliable", capacity);
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
     ASSERT_EQ(WriteOutcome::Stored, Write(writer, "main"));
 
@@ -178,7 +163,7 @@ TEST(WriteOutcome, LastOutcomeBelongsToTheWritingThreadAndCountsAddUpAcrossThrea
 
 TEST(WriteOutcome, PosixPipeWriterReportsBlocksDroppedOnAFullPipe) {
     ScopedSlotName name("outcome_pipe");
-    const Cfg cfg = Cfg(name, "posix-pipe", 1, 4096);
+    const SlotCfg cfg = Cfg(name, "posix-pipe", 1, 4096);
     const std::string fifo = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
     {
         ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);

@@ -39,23 +39,13 @@ Bytes NumberedBlock(unsigned n, std::size_t maxSize) {
     return block;
 }
 
-class Cfg : public ISlotConfiguration {
-public:
-    Cfg(std::string name, std::string type, std::size_t maxSize)
-        : name_(std::move(name)), type_(std::move(type)), maxSize_(maxSize) {}
-    std::string GetName() const override { return name_; }
-    size_t GetMaxSize() const override { return maxSize_; }
-    size_t GetMaxBufferLength() const override { return type_ == "reliable" ? 16 : 1; }
-    boost::posix_time::time_duration GetUpdateTime() const override {
-        // A discarding reader passes on only states younger than this: generous under load.
-        return boost::posix_time::milliseconds(type_ == "reliable" ? 20 : 500);
-    }
-    std::string GetSlotType() const override { return type_; }
-
-private:
-    std::string name_, type_;
-    std::size_t maxSize_;
-};
+SlotCfg Cfg(const std::string& name, const std::string& type, std::size_t maxSize) {
+    const bool reliable = type == "reliable";
+    // A discarding reader passes on only states younger than its update time: generous under
+    // load.
+    return SlotCfg(name, type, boost::posix_time::milliseconds(reliable ? 20 : 500),
+                   reliable ? 16 : 1, maxSize);
+}
 
 // Checks each delivered block against the next expected one.
 class Checker : public shared::ISubscriber {
@@ -114,7 +104,7 @@ int main(int argc, char** argv) {
     const std::string mode = argv[1], name = argv[2];
     const std::size_t maxSize = std::strtoul(argv[3], nullptr, 10);
     if (mode == "write") {
-        Cfg cfg(name, "reliable", maxSize);
+        const SlotCfg cfg = Cfg(name, "reliable", maxSize);
         ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
         const unsigned count = std::strtoul(argv[4], nullptr, 10);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
@@ -133,7 +123,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (mode == "read" && argc == 6) {
-        Cfg cfg(name, "reliable", maxSize);
+        const SlotCfg cfg = Cfg(name, "reliable", maxSize);
         boost::shared_ptr<Checker> checker(
             new Checker(maxSize, std::strtoul(argv[4], nullptr, 10)));
         INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, checker);
@@ -142,14 +132,14 @@ int main(int argc, char** argv) {
         return result;
     }
     if (mode == "state") {
-        Cfg cfg(name, "discarding", maxSize);
+        const SlotCfg cfg = Cfg(name, "discarding", maxSize);
         boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
         const std::string text = argv[4];
         slot->WriteData(text.data(), text.size());
         return 0;
     }
     if (mode == "wait-state" && argc == 6) {
-        Cfg cfg(name, "discarding", maxSize);
+        const SlotCfg cfg = Cfg(name, "discarding", maxSize);
         boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
         const std::string text = argv[4];
         const auto end = std::chrono::steady_clock::now() +
@@ -180,7 +170,7 @@ int main(int argc, char** argv) {
                 changed.notify_all();
             }
         };
-        Cfg cfg(name, "discarding", maxSize);
+        const SlotCfg cfg = Cfg(name, "discarding", maxSize);
         boost::shared_ptr<Watcher> watcher(new Watcher);
         watcher->text = argv[4];
         INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, watcher);

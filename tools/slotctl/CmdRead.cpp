@@ -108,8 +108,8 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     const std::uint64_t target =
         arguments.GetNumber("count", arguments.Has("follow") ? 0 : 1, 0, UINT64_MAX >> 1);
     const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
-    const ToolSlotConfig cfg = ResolveSlot(arguments, name);
-    const std::string type = cfg.TypeName();
+    const SlotCfg cfg = ResolveSlot(arguments, name);
+    const std::string type = TypeName(cfg);
 
     BlockQueue queue;
     INotifierPtr reader;

@@ -134,7 +134,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     // Without --every one block is written once; with it, until interrupted.
     const std::uint64_t count =
         arguments.GetNumber("count", arguments.Has("every") ? 0 : 1, 0, UINT64_MAX >> 1);
-    const ToolSlotConfig cfg = ResolveSlot(arguments, name);
+    const SlotCfg cfg = ResolveSlot(arguments, name);
 
     const bool fromStdin = arguments.Operands().size() < 2 || arguments.Operands()[1] == "-";
     // This run's blocks: the counts of the slot's name in this process, before and after.
@@ -256,7 +256,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     const std::uint64_t problems = after.NotStored() - before.NotStored();
     const std::uint64_t discarded = after.discarded - before.discarded;
     std::string summary =
-        Plural(blocks, "block") + " to " + Quote(name) + " (" + cfg.TypeName() + ")";
+        Plural(blocks, "block") + " to " + Quote(name) + " (" + TypeName(cfg) + ")";
     if (problems == 0) {
         summary += ": all stored";
     } else {

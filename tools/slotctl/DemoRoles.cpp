@@ -67,11 +67,10 @@ std::uint64_t MonotonicNs() {
 
 namespace {
 
-ToolSlotConfig DemoConfig(const Settings& settings, int slot) {
-    return ToolSlotConfig(settings.SlotName(slot), SlotTypes[slot],
-                          static_cast<size_t>(settings.blockSize),
-                          static_cast<size_t>(settings.queue),
-                          boost::posix_time::milliseconds(static_cast<long>(settings.updateMs)));
+SlotCfg DemoConfig(const Settings& settings, int slot) {
+    return SlotCfg(settings.SlotName(slot), SlotTypes[slot],
+                   boost::posix_time::milliseconds(static_cast<long>(settings.updateMs)),
+                   static_cast<size_t>(settings.queue), static_cast<size_t>(settings.blockSize));
 }
 
 void PrintLine(const std::string& line) {
@@ -198,7 +197,7 @@ int RunDemoPublisher(const Context&, const std::vector<std::string>& args) {
     NotStoredCounter notStored(settings);
     std::vector<ISubscriberPtr> writers;
     for (int i = 0; i < SlotCount; ++i) {
-        const ToolSlotConfig cfg = DemoConfig(settings, i);
+        const SlotCfg cfg = DemoConfig(settings, i);
         writers.push_back(SlotFactory::CreateSlotWriter(&cfg));
     }
     std::string block(static_cast<size_t>(settings.blockSize), '\0');
@@ -257,7 +256,7 @@ int RunDemoSubscriber(const Context&, const std::vector<std::string>& args) {
     blocks.subscribe(measures[PosixPipe].get());
     std::vector<INotifierPtr> readers;
     for (int i = 0; i < SlotCount; ++i) {
-        const ToolSlotConfig cfg = DemoConfig(settings, i);
+        const SlotCfg cfg = DemoConfig(settings, i);
         shared::ISubscriber* target = i == PosixPipe
                                           ? static_cast<shared::ISubscriber*>(&blocks)
                                           : static_cast<shared::ISubscriber*>(measures[i].get());

@@ -50,7 +50,12 @@ std::set<std::string> SlotValuedOptions(std::initializer_list<std::string> more)
     return valued;
 }
 
-ToolSlotConfig ResolveSlot(const Arguments& arguments, const std::string& name) {
+std::string TypeName(const ISlotConfiguration& cfg) {
+    const std::string type = cfg.GetSlotType();
+    return type.empty() ? std::string(Configuration::Object::Slot::Type::discardingTag) : type;
+}
+
+SlotCfg ResolveSlot(const Arguments& arguments, const std::string& name) {
     CheckSlotName(name);
     const bool typeGiven = arguments.Has("type");
     if (typeGiven) {
@@ -88,9 +93,9 @@ ToolSlotConfig ResolveSlot(const Arguments& arguments, const std::string& name) 
                        : SlotKindText(report.kind);
         }
     }
-    return ToolSlotConfig(name, type, maxSize != 0 ? static_cast<size_t>(maxSize) : existingMaxSize,
-                          queue != 0 ? static_cast<size_t>(queue) : existingQueue,
-                          boost::posix_time::milliseconds(static_cast<long>(updateMs)));
+    return SlotCfg(name, type, boost::posix_time::milliseconds(static_cast<long>(updateMs)),
+                   queue != 0 ? static_cast<size_t>(queue) : existingQueue,
+                   maxSize != 0 ? static_cast<size_t>(maxSize) : existingMaxSize);
 }
 
 }  // namespace slotctl
