@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <SlotGateway/Config.h>
 
+#include <Slot/SlotNames.h>
+
 #include <nlohmann/json.hpp>
 
 #include <unistd.h>
 #include <fstream>
+#include <optional>
 #include <set>
 #include <sstream>
 
@@ -13,6 +16,11 @@ namespace SlotGateway {
 namespace {
 
 using nlohmann::json;
+
+// `text` in double quotes with JSON's escapes, so that control bytes in a name print safely.
+std::string Quoted(const std::string& text) {
+    return json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+}
 
 // Where an error sits: "<file>: slots[1] (\"frames\"): field \"max_size\": ".
 class Place {
@@ -81,13 +89,8 @@ std::uint64_t GetUnsigned(const json& object, const char* key, const Place& plac
 }
 
 void CheckSlotName(const std::string& name, const Place& place) {
-    if (name.empty() || name.size() > 249) {
-        place.Fail("name", "a slot name has 1 to 249 characters");
-    }
-    for (char c : name) {
-        if (c == '/' || static_cast<unsigned char>(c) < 0x21 || c == 0x7f) {
-            place.Fail("name", "a slot name has no '/', space or control character");
-        }
+    if (const std::optional<std::string> problem = Slot::SlotNameProblem(name)) {
+        place.Fail("name", "the slot name " + *problem);
     }
 }
 
@@ -242,13 +245,13 @@ Config ParseConfig(const std::string& text, const std::string& source) {
         const json& entry = (*slots)[i];
         std::string label = "slots[" + std::to_string(i) + "]";
         if (entry.is_object() && entry.contains("name") && entry["name"].is_string()) {
-            label += " (\"" + entry["name"].get<std::string>() + "\")";
+            label += " (" + Quoted(entry["name"].get<std::string>()) + ")";
         }
         Place place(source, label);
         Route route = ParseRoute(entry, place);
         if (!names.insert(route.name).second) {
             place.Fail("name",
-                       "slot \"" + route.name + "\" is already mirrored by an earlier entry");
+                       "slot " + Quoted(route.name) + " is already mirrored by an earlier entry");
         }
         // One topic per domain carries one slot: two slots on one topic would mix their blocks.
         if (!topics.insert({route.domain, route.topic}).second) {

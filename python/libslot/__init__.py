@@ -31,6 +31,7 @@ from ._native import (
     configure_logging,
     create_slot,
     remove_slot,
+    slot_name_problem,
     slot_type_is_valid,
     version,
 )
@@ -49,7 +50,7 @@ from ._survey import (
 __all__ = [
     "DISCARDING", "RELIABLE", "POSIX_PIPE",
     "SlotConfig", "SlotError", "SlotCreationError", "ReaderClosedError",
-    "slot_type_is_valid", "create_slot", "remove_slot",
+    "slot_type_is_valid", "slot_name_problem", "create_slot", "remove_slot",
     "Writer", "WriteOutcome", "WriteCounts", "write_counts", "last_write_outcome",
     "Reader", "SimpleSlot",
     "inspect_slot", "list_slots", "SlotReport", "SlotPart", "HeaderPart", "QueuePart",

@@ -6,6 +6,7 @@
 
 #include <Slot/SimpleSlotRW.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotNames.h>
 #include <Slot/Version.h>
 #include <Slot/WriteOutcome.h>
 
@@ -17,6 +18,7 @@
 #include <cmath>
 #include <limits>
 #include <mutex>
+#include <optional>
 
 namespace slotpy {
 
@@ -182,6 +184,16 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
     m.def("slot_type_is_valid", &SlotFactory::SlotTypeIsValid, py::arg("type"),
           "True for the types the factory accepts: \"discarding\", \"reliable\", \"posix-pipe\" "
           "and \"\".");
+    m.def(
+        "slot_name_problem",
+        [](const std::string& name) -> py::object {
+            const std::optional<std::string> problem = Slot::SlotNameProblem(name);
+            return problem ? py::object(py::str(*problem)) : py::object(py::none());
+        },
+        py::arg("name"),
+        "Why ``name`` cannot name a slot (\"is empty\", \"is not a file name\", \"contains "
+        "'/'\", \"is longer than 249 characters\"), or None when it can: the library's own "
+        "rule, which slotctl and the gateway apply too.");
     m.def(
         "create_slot",
         [](const SlotConfig& cfg) {

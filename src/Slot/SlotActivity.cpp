@@ -2,6 +2,7 @@
 #include "SlotActivity.h"
 
 #include <Slot/BoostInterprocess/SlotImage.h>
+#include <Slot/SlotNames.h>
 #include <Slot/SlotSurvey.h>
 
 #include <fcntl.h>
@@ -18,11 +19,11 @@ const std::uint64_t MaxHeaderBytes = std::uint64_t(256) << 20;
 
 bool ReadHeaderBytes(const std::string& name, std::vector<unsigned char>& bytes,
                      std::string& problem) {
-    if (name.empty() || name.find('/') != std::string::npos) {
+    if (Slot::SlotNameProblem(name)) {
         problem = "not a slot name";
         return false;
     }
-    const std::string path = SlotSurvey::ShmPath(name);
+    const std::string path = Slot::ShmPath(Slot::HeaderObjectName(name));
     // Non-blocking and without following links, as the survey reads.
     const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {

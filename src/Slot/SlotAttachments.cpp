@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SlotAttachments.h"
 
+#include <Slot/SlotNames.h>
 #include <Slot/SlotSurvey.h>
 
 #include <FileUtils/FSUtils.h>
@@ -121,11 +122,11 @@ std::string SlotAttachment::What() const {
 
 SlotAttachmentList SlotAttachments::Find(const std::string& name, const std::string& pipePath) {
     SlotAttachmentList list;
-    if (name.empty() || name.find('/') != std::string::npos) {
+    if (Slot::SlotNameProblem(name)) {
         return list;
     }
-    const std::string header = SlotSurvey::ShmPath(name);
-    const std::string queue = SlotSurvey::ShmPath("queue_" + name);
+    const std::string header = Slot::ShmPath(Slot::HeaderObjectName(name));
+    const std::string queue = Slot::ShmPath(Slot::QueueObjectName(name));
     std::string lockFile;
     try {
         lockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);

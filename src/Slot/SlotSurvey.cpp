@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Slot/SlotNames.h>
 #include <Slot/SlotSurvey.h>
-
-#include <Slot/BoostInterprocess/BaseQueueSlot.h>
 
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
@@ -21,8 +20,6 @@
 #include <thread>
 
 namespace {
-
-const char* const ShmDirectory = "/dev/shm";
 
 // Objects are read whole into memory; a larger one is not read. Slot objects are the maximum
 // block size plus a little (header) and capacity times that (queue).
@@ -44,7 +41,7 @@ ObjectRead ReadObject(const std::string& object) {
     ObjectRead result;
     SlotPartReport& part = result.part;
     part.object = object;
-    part.path = SlotSurvey::ShmPath(object);
+    part.path = Slot::ShmPath(object);
     struct stat st;
     if (object.empty() || object.find('/') != std::string::npos ||
         ::lstat(part.path.c_str(), &st) != 0) {
@@ -421,10 +418,10 @@ SlotReport SlotSurvey::InspectSlot(const std::string& name) {
     SlotReport report;
     report.name = name;
     // A name the system cannot hold has no objects; "queue_" alone is not its queue either.
-    if (name.empty() || name.find('/') != std::string::npos) {
+    if (Slot::SlotNameProblem(name)) {
         return report;
     }
-    const std::string queueName = BaseQueueSlot::GetQueueName(name);
+    const std::string queueName = Slot::QueueObjectName(name);
     for (int look = 0; look < BusyLooks; ++look) {
         if (look > 0) {
             std::this_thread::sleep_for(BusyPause);
@@ -441,7 +438,7 @@ SlotReport SlotSurvey::InspectSlot(const std::string& name) {
         report.pipePath = pipe;
     }
     Decide(report);
-    if (report.kind == SlotKind::Reliable && !name.empty() && name.find('/') == std::string::npos) {
+    if (report.kind == SlotKind::Reliable) {
         report.readerLockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);
         report.readerPid = ReaderLockHolder(report.readerLockFile);
     }
@@ -449,10 +446,10 @@ SlotReport SlotSurvey::InspectSlot(const std::string& name) {
 }
 
 std::vector<SlotReport> SlotSurvey::ListSlots() {
-    const std::string queuePrefix = BaseQueueSlot::GetQueueName("");
+    const std::string queuePrefix = Slot::QueueObjectName("");
     // Every name an object could belong to: as a header segment, and as a queue.
     std::set<std::string> candidates;
-    for (const std::string& object : ListDirectory(ShmDirectory)) {
+    for (const std::string& object : ListDirectory(Slot::ShmDirectory())) {
         candidates.insert(object);
         if (object.size() > queuePrefix.size() &&
             object.compare(0, queuePrefix.size(), queuePrefix) == 0) {
@@ -492,8 +489,4 @@ std::vector<SlotReport> SlotSurvey::ListSlots() {
         }
     }
     return slots;
-}
-
-std::string SlotSurvey::ShmPath(const std::string& object) {
-    return std::string(ShmDirectory) + "/" + object;
 }

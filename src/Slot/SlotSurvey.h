@@ -135,7 +135,4 @@ public:
     // by name. An object of another program is left out; a size-0 or uninitialised object
     // counts as a slot part only with the permissions the library creates them with (0644).
     static std::vector<SlotReport> ListSlots();
-
-    // Where the system shows the shared-memory object `object`.
-    static std::string ShmPath(const std::string& object);
 };

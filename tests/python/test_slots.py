@@ -112,6 +112,14 @@ def test_factory_operations(name):
         assert libslot.slot_type_is_valid(t)
     for t in ("win-pipe", "Reliable", "fifo"):
         assert not libslot.slot_type_is_valid(t)
+    # The library's name rule, word for word as creation reports it.
+    for bad, problem in (("", "is empty"), ("..", "is not a file name"), ("a/b", "contains '/'"),
+                         ("n" * 250, "is longer than 249 characters")):
+        assert libslot.slot_name_problem(bad) == problem
+        with pytest.raises(libslot.SlotCreationError) as e:
+            libslot.create_slot(libslot.SlotConfig(bad))
+        assert str(e.value) == f"Slot could not be created: slot name '{bad}' {problem}"
+    assert libslot.slot_name_problem(name + " with space\x01") is None
     cfg = libslot.SlotConfig(name, type="reliable", update_time=0.25, queue_length=4, max_size=100)
     assert (cfg.name, cfg.type, cfg.update_time, cfg.queue_length, cfg.max_size) == \
         (name, "reliable", 0.25, 4, 100)

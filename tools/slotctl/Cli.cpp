@@ -4,6 +4,7 @@
 #include "Names.h"
 
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotNames.h>
 
 #include <cerrno>
 #include <climits>
@@ -120,20 +121,8 @@ std::uint64_t ParseNumber(const std::string& text, const std::string& what, std:
 }
 
 void CheckSlotName(const std::string& name) {
-    // A shared-memory name is at most NAME_MAX characters, the queue's too.
-    const size_t maxLength = NAME_MAX - QueueObject("").size();
-    std::string reason;
-    if (name.empty()) {
-        reason = "the name is empty";
-    } else if (name == "." || name == "..") {
-        reason = "not a name";
-    } else if (name.find('/') != std::string::npos) {
-        reason = "a name cannot contain '/'";
-    } else if (name.size() > maxLength) {
-        reason = "longer than " + std::to_string(maxLength) + " characters";
-    }
-    if (!reason.empty()) {
-        throw UsageError("invalid slot name " + Quote(name) + ": " + reason);
+    if (const std::optional<std::string> problem = Slot::SlotNameProblem(name)) {
+        throw UsageError("invalid slot name " + Quote(name) + ": the name " + *problem);
     }
 }
 

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Names.h"
 
-#include <Slot/BoostInterprocess/BaseQueueSlot.h>
-#include <Slot/SlotSurvey.h>
+#include <Slot/SlotNames.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -11,11 +10,11 @@
 namespace slotctl {
 
 std::string QueueObject(const std::string& name) {
-    return BaseQueueSlot::GetQueueName(name);
+    return Slot::QueueObjectName(name);
 }
 
 std::string ShmPath(const std::string& object) {
-    return SlotSurvey::ShmPath(object);
+    return Slot::ShmPath(object);
 }
 
 bool ShmExists(const std::string& object) {

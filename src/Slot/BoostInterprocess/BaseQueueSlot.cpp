@@ -3,7 +3,7 @@
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 #include <Slot/BoostInterprocess/QueueGuard.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
-#include <Slot/SlotSurvey.h>
+#include <Slot/SlotNames.h>
 
 #include <shared/CrashPoint.h>
 #include <shared/InterprocConditionPack.h>
@@ -27,6 +27,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -43,28 +44,6 @@ bool SizesAreAddressable(std::uint64_t maxDataSize, std::uint64_t bufferLength) 
            bufferLength <= limit / perMessage && bufferLength * perMessage + 4096 <= limit;
 }
 
-// Why `name` cannot name a slot, or empty when it can. Checked before anything is created: the
-// queue "queue_<name>" is made first, and names such as "", "." and ".." are valid for it but not
-// for the header segment, so the queue would be left behind alone.
-std::string NameProblem(const std::string& name) {
-    // POSIX shared-memory names are single file names of at most NAME_MAX (255) bytes; the
-    // queue's name adds the prefix "queue_".
-    const size_t longest = 255 - BaseQueueSlot::GetQueueName("").size();
-    if (name.empty()) {
-        return "is empty";
-    }
-    if (name == "." || name == "..") {
-        return "is not a file name";
-    }
-    if (name.find('/') != std::string::npos) {
-        return "contains '/'";
-    }
-    if (name.size() > longest) {
-        return "is longer than " + std::to_string(longest) + " characters";
-    }
-    return std::string();
-}
-
 }  // namespace
 
 BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* name,
@@ -74,10 +53,11 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
       name_(name),
       bufferHandle_(nullptr),
       bufferDataSize_(nullptr) {
-    const std::string nameProblem = NameProblem(name_);
-    if (!nameProblem.empty()) {
+    // Checked before anything is created: the queue is made first, and names such as "", "."
+    // and ".." are valid for it but not for the header segment, which would leave it alone.
+    if (const std::optional<std::string> problem = Slot::SlotNameProblem(name_)) {
         throw AbortSlotCreationException(std::string(CreationFailurePrefix) + "slot name '" +
-                                         name_ + "' " + nameProblem);
+                                         name_ + "' " + *problem);
     }
     if (!SizesAreAddressable(maxDataSize, bufferLength)) {
         throw AbortSlotCreationException(std::string(CreationFailurePrefix) + "max data size " +
@@ -160,14 +140,16 @@ void BaseQueueSlot::ConstructHeader() {
     shared::SlotSegment& segment = segment_->GetSegment();
     CheckHeaderSegment();
 
-    writeTime_ = segment.find_or_construct<boost::posix_time::ptime>("last_write_tstamp")();
-    bufferDataSize_ = segment.find_or_construct<unsigned int>("output_buffer_data_size")();
+    writeTime_ = segment.find_or_construct<boost::posix_time::ptime>(
+        Slot::HeaderObjectNames[Slot::LastWriteTime])();
+    bufferDataSize_ =
+        segment.find_or_construct<unsigned int>(Slot::HeaderObjectNames[Slot::OutputDataSize])();
 
-    bufferHandle_ = segment.find<int>("output_buffer_handle").first;
+    bufferHandle_ = segment.find<int>(Slot::HeaderObjectNames[Slot::OutputHandle]).first;
     if (bufferHandle_ == nullptr) {
         // First opener: allocate the output buffer. If that fails, take the handle object back
         // so that no later opener finds a handle without a buffer.
-        bufferHandle_ = segment.construct<int>("output_buffer_handle")(0);
+        bufferHandle_ = segment.construct<int>(Slot::HeaderObjectNames[Slot::OutputHandle])(0);
         if (bufferHandle_ == nullptr) {
             throw AbortSlotCreationException(InvalidHeaderMsg());
         }
@@ -206,7 +188,8 @@ void BaseQueueSlot::ConstructRwSync() {
     // Not an interprocess_condition: see shared/InterprocCondition.h (a waiter killed mid-wait
     // must not hang the slot's other processes). Same size, same place in the layout.
     shared::InterprocCondition* condition =
-        segment_->GetSegment().find_or_construct<shared::InterprocCondition>("cond_on_write")();
+        segment_->GetSegment().find_or_construct<shared::InterprocCondition>(
+            Slot::HeaderObjectNames[Slot::WriteCondition])();
     boost::interprocess::interprocess_mutex* mutex = segment_->GetMutex();
     if (condition == nullptr || mutex == nullptr) {
         throw AbortSlotCreationException(InvalidHeaderMsg());
@@ -254,7 +237,7 @@ size_t BaseQueueSlot::GetBufferLength() const {
 }
 
 std::string BaseQueueSlot::GetQueueName(const std::string& name) {
-    return "queue_" + name;
+    return Slot::QueueObjectName(name);
 }
 
 std::string BaseQueueSlot::GetConditionName(const std::string& name) {
@@ -478,7 +461,7 @@ shared::LockWatch BaseQueueSlot::HeaderLockWatch() const {
     shared::LockWatch watch;
     // Whoever holds the header mutex has the segment mapped: a live owner whose process does not
     // is a word that damage wrote.
-    const std::string path = SlotSurvey::ShmPath(name_);
+    const std::string path = Slot::ShmPath(Slot::HeaderObjectName(name_));
     watch.holderCheck = [path](pid_t owner) {
         const pid_t process = shared::ProcessOfThread(owner);
         if (process != 0 && shared::ProcessMapsFile(process, path) == 0) {

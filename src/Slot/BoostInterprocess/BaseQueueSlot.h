@@ -3,6 +3,7 @@
 
 #include <Slot/Export.h>
 #include <Slot/ISlot.h>
+#include <Slot/SlotNames.h>
 
 #include <shared/InterprocCondition.h>
 #include <shared/LockablePtr.h>
@@ -28,38 +29,8 @@
 
 class QueueGuard;
 
-// Interprocess objects of the slot <name>. Every process that opens the slot builds the same
-// objects by name; they belong to no process and outlive every slot object (only slot removal
-// unlinks them). Nothing here is ever destroyed by a destructor.
-//
-//   "queue_<name>"  message_queue_t<shared::SlotOffsetPtr>, permissions 0644: up to bufferLength
-//                   blocks of up to maxDataSize bytes. Its sizes are fixed by whoever creates it;
-//                   later openers get those sizes whatever they ask for. Guarded by its own
-//                   internal mutex, taken inside each queue call.
-//
-//   "<name>"        managed header segment (shared::SlotSegment), created with
-//                   max data size + HeaderHeadroom bytes. In address order:
-//     segment manager, name index and the header mutex (a unique instance, not a named object;
-//       supplied by shared::CreateSharedMemory), then, as the first opener allocates them:
-//     "last_write_tstamp"        ptime, 8 bytes      written by the slot kinds on every accepted
-//                                                    write, reset to not_a_date_time by every open
-//     "output_buffer_data_size"  unsigned int, 4     written by ReceiveAndCopyToOutBuf, reset to 0
-//                                                    by every open
-//     "output_buffer_handle"     int, 4              written once, by the first opener: the byte
-//                                                    offset of the output buffer in the segment
-//     output buffer (anonymous)  max message size    a copy of the last block taken from the
-//                                of the queue        queue; written by ReceiveAndCopyToOutBuf
-//     "cond_on_write"            shared::InterprocCondition, sizeof(interprocess_condition):
-//                                the slot's "written" signal; broadcast by writers, waited on by
-//                                readers together with the header mutex. It replaces
-//                                interprocess_condition, whose glibc implementation can hang
-//                                every process after a waiter was killed mid-wait.
-//
-// The header mutex guards the header and the output buffer for all processes, but only by
-// convention: the operations of this class take no lock of their own except the queue's. Callers
-// that need a consistent view (writers around WriteData, readers around ReadData) hold
-// GetLockable(). The header mutex and the queue's mutex are never nested here.
-
+// The slot's interprocess objects, their names and the header segment's layout in address order
+// are described in <Slot/SlotNames.h>. The sizes this class relies on are pinned here.
 static_assert(sizeof(boost::posix_time::ptime) == 8, "last_write_tstamp is a 64-bit tick count");
 static_assert(sizeof(unsigned int) == 4 && sizeof(int) == 4,
               "output_buffer_data_size and output_buffer_handle are 32-bit");

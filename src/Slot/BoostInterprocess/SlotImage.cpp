@@ -367,9 +367,6 @@ void CheckQueueIndex(const Bytes& bytes, QueueImage& q) {
 
 }  // namespace
 
-const char* const HeaderObjectNames[HeaderObjectCount] = {
-    "last_write_tstamp", "output_buffer_data_size", "output_buffer_handle", "cond_on_write"};
-
 const char* CreationStateText(CreationState state) {
     switch (state) {
         case CreationState::Missing:

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Slot/Export.h>
+#include <Slot/SlotNames.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
@@ -100,15 +101,13 @@ struct QueueImage {
 SLOT_EXPORT QueueImage ParseQueue(const void* base, std::size_t size);
 
 // The named objects of a slot's header segment, in the order the library constructs them.
-enum HeaderObject {
-    LastWriteTime,
-    OutputDataSize,
-    OutputHandle,
-    WriteCondition,
-    HeaderObjectCount
-};
-// "last_write_tstamp", "output_buffer_data_size", "output_buffer_handle", "cond_on_write".
-SLOT_EXPORT extern const char* const HeaderObjectNames[HeaderObjectCount];
+using Slot::HeaderObject;
+using Slot::HeaderObjectCount;
+using Slot::HeaderObjectNames;
+using Slot::LastWriteTime;
+using Slot::OutputDataSize;
+using Slot::OutputHandle;
+using Slot::WriteCondition;
 
 struct NamedObject {
     Region value;                    // present: found, of the expected size and alignment
@@ -116,10 +115,7 @@ struct NamedObject {
     bool found = false;              // its name is in the index (value may still be bad)
 };
 
-// The header segment "<name>": a shared::SlotSegment. In address order: the creation word, the
-// segment manager (at managerOffset: the allocator's header with its mutex, then the name index
-// and unique index with their recursive mutex), then the allocations: the header mutex (a unique
-// instance), the four named objects and the output buffer, in the order they were created.
+// The header segment "<name>", laid out as <Slot/SlotNames.h> describes.
 struct SLOT_EXPORT HeaderImage {
     std::uint64_t mappedSize = 0;
     CreationState creation = CreationState::Missing;
