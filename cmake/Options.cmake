@@ -55,11 +55,17 @@ endif()
 if(NOT SLOT_BUILD_GATEWAY STREQUAL "OFF")
     find_package(CycloneDDS QUIET)
     find_package(nlohmann_json 3 QUIET)
+    if(CycloneDDS_FOUND AND NOT TARGET CycloneDDS::idlc)
+        find_program(SLOT_IDLC_EXECUTABLE idlc)  # what idlc_generate runs (cyclonedds-tools)
+    endif()
     if(CMAKE_TOOLCHAIN_FILE)
         slot_optional_missing(SLOT_BUILD_GATEWAY "not for a cross or 32-bit toolchain")
     elseif(NOT CycloneDDS_FOUND)
         slot_optional_missing(SLOT_BUILD_GATEWAY
             "Cyclone DDS not found (apt-get install cyclonedds-dev cyclonedds-tools)")
+    elseif(NOT TARGET CycloneDDS::idlc AND NOT SLOT_IDLC_EXECUTABLE)
+        slot_optional_missing(SLOT_BUILD_GATEWAY
+            "Cyclone DDS's IDL compiler idlc not found (apt-get install cyclonedds-tools)")
     elseif(NOT nlohmann_json_FOUND)
         slot_optional_missing(SLOT_BUILD_GATEWAY
             "nlohmann-json not found (apt-get install nlohmann-json3-dev)")
