@@ -102,7 +102,7 @@ void RunPump() {
                                   " log records of libSlot were dropped: they came faster than "
                                   "Python took them"});
         }
-        // Stop() waits for this thread before the interpreter is finalised, so the GIL can
+        // StopForwarding joins this thread before the interpreter is finalised, so the GIL can
         // be taken here.
         PyGILState_STATE state = PyGILState_Ensure();
         for (const Record& record : batch) {
