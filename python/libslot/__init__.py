@@ -13,12 +13,17 @@ any process can open by name to write blocks or read them::
 Blocks cross as ``bytes`` of their exact length. Library errors raise SlotError or its
 subclass SlotCreationError (both RuntimeError) with the library's own text. Every call that may
 wait releases the GIL; readers still open at interpreter exit are stopped then.
+
+The library's warnings and errors go to the Python logger "libslot" (children named after the
+library's loggers, e.g. "libslot.Slot"), unless log4cxx was configured by the host;
+configure_logging() sends the whole log to stderr instead.
 """
 
 from __future__ import annotations
 
 import atexit
 import enum
+import logging
 from dataclasses import dataclass
 from typing import Callable, Iterator, List, Optional, Union
 
@@ -236,6 +241,18 @@ def list_slots() -> List[SlotReport]:
     return [report_from_dict(d) for d in _native.list_slots()]
 
 
-# Readers still open at exit are stopped before the interpreter is finalised; after that no
-# reader thread calls into Python.
+_log = logging.getLogger("libslot")
+
+
+def _forward_log(name: str, level: int, message: str) -> None:
+    """Receives each library log record of WARN and above (on libslot's log thread)."""
+    (_log.getChild(name) if name else _log).log(level, message)
+
+
+_native._install_log_forwarding(_forward_log)
+
+# At exit (last registered, first run): readers still open are stopped before the interpreter
+# is finalised, after that no reader thread calls into Python; then the log records still
+# queued are delivered and the library's later records go to stderr.
+atexit.register(_native._stop_log_forwarding)
 atexit.register(_native._close_all_readers)

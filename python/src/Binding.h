@@ -110,5 +110,6 @@ void SetShuttingDown();
 
 void BindReader(py::module_& m);
 void BindSurvey(py::module_& m);
+void BindLogging(py::module_& m);
 
 }  // namespace slotpy

@@ -1,23 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // libslot._native: configuration, factory operations, writers, SimpleSlotRW, write outcomes,
-// logging set-up and the exception types. Readers live in Reader.cpp, the survey in Survey.cpp.
+// and the exception types. Readers live in Reader.cpp, the survey in Survey.cpp, the log's way
+// to Python in Logging.cpp.
 
 #include "Binding.h"
 
 #include <Slot/SimpleSlotRW.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotLeftovers.h>
 #include <Slot/SlotNames.h>
 #include <Slot/Version.h>
 #include <Slot/WriteOutcome.h>
 
-#include <log4cxx/basicconfigurator.h>
-#include <log4cxx/level.h>
-#include <log4cxx/logger.h>
-
 #include <atomic>
 #include <cmath>
 #include <limits>
-#include <mutex>
 #include <optional>
 
 namespace slotpy {
@@ -113,17 +110,6 @@ py::dict CountsOf(const std::string& name) {
     return result;
 }
 
-void ConfigureLogging(const std::string& level) {
-    static std::once_flag configured;
-    std::call_once(configured, [] { log4cxx::BasicConfigurator::configure(); });
-    log4cxx::LevelPtr wanted = log4cxx::Level::toLevel(level, nullptr);
-    if (!wanted) {
-        throw py::value_error("unknown log level '" + level +
-                              "' (TRACE, DEBUG, INFO, WARN, ERROR, FATAL, OFF)");
-    }
-    log4cxx::Logger::getRootLogger()->setLevel(wanted);
-}
-
 }  // namespace
 
 SlotConfig::SlotConfig(std::string name, std::string type, double updateSeconds, size_t queueLength,
@@ -205,12 +191,18 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
     m.def(
         "remove_slot",
         [](const std::string& name) {
-            return WithoutGil(
-                [&] { return CallLibrary([&] { return SlotFactory::RemoveSlot(name); }); });
+            return WithoutGil([&] {
+                return CallLibrary([&] {
+                    const bool removed = SlotFactory::RemoveSlot(name);
+                    SlotLeftovers::RemoveReaderLockFile(name);
+                    return removed;
+                });
+            });
         },
         py::arg("name"),
         "Unlinks the slot's header segment and queue; True when both were removed. Processes "
-        "that have the slot open keep using the old objects.");
+        "that have the slot open keep using the old objects. The reliable reader's lock file "
+        "is removed too unless a reader holds it (as slotctl rm does).");
 
     py::class_<Writer>(m, "Writer", "Native writer; use libslot.Writer.")
         .def(py::init<const SlotConfig&>(), py::arg("config"))
@@ -251,8 +243,6 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
         },
         py::arg("name"), py::arg("data"), "SimpleSlotRW(name).Write(data); the outcome's name.");
 
-    m.def("configure_logging", &ConfigureLogging, py::arg("level") = "WARN",
-          "Sends the library's log to stderr (log4cxx BasicConfigurator, once) at ``level``.");
     m.def(
         "version", [] { return std::string(Slot::Version()); }, "Version of the libSlot loaded.");
     m.def("_set_shutting_down", &SetShuttingDown,
@@ -260,4 +250,5 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
 
     BindReader(m);
     BindSurvey(m);
+    BindLogging(m);
 }

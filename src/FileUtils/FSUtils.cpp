@@ -23,9 +23,13 @@ std::string DefaultLockDirectory() {
 }  // namespace
 
 std::string FSUtils::GetSingletonFileLockName(const std::string& name) {
+    return GetSingletonFileLockDirectory() + "/" + name + ".lock";
+}
+
+std::string FSUtils::GetSingletonFileLockDirectory() {
     const std::string dir = DirectoryFromEnvironment("SLOT_LOCK_DIR", DefaultLockDirectory());
     EnsureSharedDirectory(dir);
-    return dir + "/" + name + ".lock";
+    return dir;
 }
 
 void FSUtils::EnsureSharedDirectory(const std::string& dir) {

@@ -15,6 +15,9 @@ public:
     // 01777. The file itself is not created: "<dir>/<name>.lock".
     static std::string GetSingletonFileLockName(const std::string& name);
 
+    // The folder of those lock files, created on demand as above (without a trailing '/').
+    static std::string GetSingletonFileLockDirectory();
+
     // Makes sure the directory `dir` exists. One created here gets mode 01777 (set with fchmod,
     // so the umask does not matter): every user's processes can create their files in it, and
     // the sticky bit keeps them from removing each other's. It is reached as a

@@ -250,6 +250,13 @@ bool FileLock::try_lock() {
         SetLock(entry_->fd, F_UNLCK);
         return false;
     }
+    // A file removed between the open and the lock (a leftover being cleaned up) can be claimed
+    // by nobody else any more: such a claim would not exclude the next claimant.
+    struct stat st;
+    if (::fstat(entry_->fd, &st) != 0 || st.st_nlink == 0) {
+        SetLock(entry_->fd, F_UNLCK);
+        return false;
+    }
     entry_->holder = this;
     return true;
 }

@@ -50,7 +50,8 @@ public:
     FileLock& operator=(FileLock&& other) noexcept;
 
     // Non-blocking; false when another process, or another FileLock of this process, holds the
-    // lock. True again when this object already holds it.
+    // lock, or when the file was removed since it was opened. True again when this object
+    // already holds it.
     bool try_lock();
     // Releases the lock if this object holds it.
     void unlock();

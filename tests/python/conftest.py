@@ -31,14 +31,17 @@ def unique_name(stem="slot"):
 
 
 def remove_everything(name):
-    """Removes the slot's shared memory, its FIFO and its reader lock file."""
+    """Removes the slot's shared memory and its reader lock file (remove_slot), and its FIFO."""
     libslot.remove_slot(name)
-    for path in (os.path.join(os.environ["SLOT_PIPE_DIR"], name + ".fifo"),
-                 os.path.join(os.environ["SLOT_LOCK_DIR"], name + ".lock")):
-        try:
-            os.unlink(path)
-        except FileNotFoundError:
-            pass
+    try:
+        os.unlink(os.path.join(os.environ["SLOT_PIPE_DIR"], name + ".fifo"))
+    except FileNotFoundError:
+        pass
+
+
+def lock_file(name):
+    """The reliable reader's lock file of slot `name` in this run's lock folder."""
+    return os.path.join(os.environ["SLOT_LOCK_DIR"], name + ".lock")
 
 
 @pytest.fixture

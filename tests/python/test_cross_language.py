@@ -10,7 +10,7 @@ import sys
 import pytest
 
 import libslot
-from conftest import CHILD_TIMEOUT, SLOTCTL, run_python, slotctl
+from conftest import CHILD_TIMEOUT, SLOTCTL, lock_file, run_python, slotctl
 
 BLOCKS = [b"a\0b", b"\0\0\0", b"\x01line\nnext\\\x7f", bytes(range(32, 127))]
 WAIT = 30
@@ -143,4 +143,6 @@ def test_readme_example_runs_as_written(name):
     result = run_python(code.replace('"orders"', repr(name)))
     assert result.returncode == 0, result.stderr.decode()
     assert result.stdout.decode() == "b'block 1'\n"
+    assert result.stderr.decode() == "", "a quiet module prints nothing of its own"
     assert libslot.inspect_slot(name).state is libslot.SlotState.ABSENT
+    assert not os.path.exists(lock_file(name)), "remove_slot left the reader's lock file"

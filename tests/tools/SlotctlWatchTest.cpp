@@ -213,6 +213,56 @@ TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
     ::unlink(victim.c_str());
 }
 
+TEST(SlotctlAttached, RmAndRmStaleRemoveALockFileWhoseSlotIsGone) {
+    ScopedSlotName name("gone");
+    const std::string lockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);
+    const std::string removed =
+        "removed '" + name.str() + "' (no slot left): lock file " + lockFile + "\n";
+    // A reader that ended, then a removal of the shared memory alone (SlotFactory::RemoveSlot).
+    auto leaveOrphan = [&] {
+        ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
+        ASSERT_EQ(0, Slotctl({"read", name.str()}).status);
+        SlotFactory::RemoveSlot(name);
+        ASSERT_TRUE(Exists(lockFile)) << "the reader left no lock file: nothing to test";
+    };
+    // (rm --stale without names would look at every slot of the machine, other runs' too.)
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"rm", name.str()},
+          std::vector<std::string>{"rm", "--stale", name.str()}}) {
+        leaveOrphan();
+        const Outcome rm = Slotctl(command);
+        EXPECT_EQ(0, rm.status) << rm.Describe();
+        EXPECT_TRUE(Contains(rm.out, removed)) << rm.Describe();
+        EXPECT_FALSE(Exists(lockFile)) << rm.Describe();
+    }
+    // Nothing left: the name is not a slot any more.
+    const Outcome again = Slotctl({"rm", name.str()});
+    EXPECT_EQ(1, again.status) << again.Describe();
+    EXPECT_TRUE(Contains(again.err, "is not a slot")) << again.Describe();
+}
+
+// ---- read --timeout ----
+
+TEST(SlotctlTimeout, ReadThatGivesUpWaitingEndsWithStatus124AlsoWhenFollowing) {
+    ScopedSlotName name("idle");
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "first"}).status);
+    const Outcome follow = Slotctl({"read", name.str(), "--follow", "--timeout", "300"});
+    EXPECT_EQ(124, follow.status) << follow.Describe();
+    EXPECT_EQ("5 bytes: first\n", follow.out) << "the block before the timeout is printed";
+    EXPECT_TRUE(
+        Contains(follow.err, "slotctl: no block from '" + name.str() + "' within 300 ms (1 read)"))
+        << follow.Describe();
+
+    const Outcome count = Slotctl({"read", name.str(), "--count", "2", "--timeout", "300"});
+    EXPECT_EQ(124, count.status) << count.Describe();
+    EXPECT_TRUE(Contains(count.err, "within 300 ms (0 of 2 read)")) << count.Describe();
+
+    // A read that got what it asked for is a success, with or without --timeout.
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "second"}).status);
+    EXPECT_EQ(0, Slotctl({"read", name.str(), "--timeout", "20000"}).status);
+    ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+}
+
 // ---- framed and NDJSON I/O ----
 
 TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctls) {

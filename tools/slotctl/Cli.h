@@ -15,6 +15,7 @@ enum ExitStatus {
     ExitOk = 0,
     ExitFailure = 1,       // the command ran and failed (not a slot, permission, refused data...)
     ExitUsage = 2,         // bad command line: unknown option, invalid name or type, bad number
+    ExitTimedOut = 124,    // read/write gave up waiting (--timeout), as coreutils timeout(1)
     ExitInterrupted = 130  // stopped by SIGINT/SIGTERM/SIGHUP
 };
 

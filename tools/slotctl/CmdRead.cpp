@@ -129,8 +129,8 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
             LeaveNow(ExitInterrupted, "");
         }
         if (opened == WaitResult::TimedOut) {
-            LeaveNow(ExitFailure, "slotctl: cannot read " + Quote(name) + ": not opened within " +
-                                      std::to_string(timeoutMs) + " ms (its lock is held)");
+            LeaveNow(ExitTimedOut, "slotctl: cannot read " + Quote(name) + ": not opened within " +
+                                       std::to_string(timeoutMs) + " ms (its lock is held)");
         }
     } catch (const AbortSlotCreationException& e) {
         std::string message = "cannot read " + Quote(name) + ": " + e.what();
@@ -168,11 +168,15 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
             break;
         }
         if (wait == WaitResult::TimedOut) {
+            // Giving up is not success, also with --follow: a script must be able to tell
+            // "no more blocks came" from "all blocks asked for were read".
+            std::cerr << "slotctl: no block from " << Quote(name) << " within " << timeoutMs
+                      << " ms (" << printed;
             if (target != 0) {
-                std::cerr << "slotctl: no block from " << Quote(name) << " within " << timeoutMs
-                          << " ms (" << printed << " of " << target << " read)" << std::endl;
-                status = ExitFailure;
+                std::cerr << " of " << target;
             }
+            std::cerr << " read)" << std::endl;
+            status = ExitTimedOut;
             break;
         }
         print(queue.Take());

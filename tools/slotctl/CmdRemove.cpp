@@ -6,15 +6,11 @@
 
 #include <Slot/SlotAttachments.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotLeftovers.h>
 #include <Slot/SlotSurvey.h>
 
-#include <FileUtils/FSUtils.h>
-#include <shared/FileLock.h>
-#include <shared/SharedFolder.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -57,49 +53,53 @@ std::vector<std::string> Users(const SlotReport& report) {
     return users;
 }
 
-// Removes the reliable reader's lock file of `name` when nobody holds it: a reader that ended
-// leaves it behind. The file is reached through the checked lock folder and unlinked there,
-// never through a link; a held one is left to its reader (noted in `kept`). Returns what was done,
-// for the "removed" line, or "" when there was nothing to do.
+// Removes the reliable reader's lock file of `name` when nobody holds it (SlotLeftovers): a
+// reader that ended leaves it behind. A held one is left to its reader (noted in `kept`).
+// Returns what was done, for the "removed" line, or "" when there was nothing to do.
 std::string RemoveOrphanLockFile(const std::string& name, std::vector<std::string>& failed,
                                  std::vector<std::string>& kept) {
-    std::string path;
-    try {
-        path = FileUtils::FSUtils::GetSingletonFileLockName(name);
-    } catch (const std::exception&) {
-        return "";
+    const LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
+    const std::string what = "lock file " + Printable(removal.path);
+    switch (removal.outcome) {
+        case LeftoverOutcome::Removed:
+            return what;
+        case LeftoverOutcome::Held:
+            kept.push_back(what + " (held by " +
+                           (removal.holder > 0 ? "pid " + std::to_string(removal.holder)
+                                               : std::string("a reader")) +
+                           ")");
+            break;
+        case LeftoverOutcome::Failed:
+            failed.push_back(what + " (" + Printable(removal.detail) + ", left alone)");
+            break;
+        case LeftoverOutcome::Absent:
+            break;
     }
-    std::string folder;
-    std::string file;
-    if (!shared::SplitFolderAndName(path, folder, file)) {
-        return "";
+    return "";
+}
+
+// Whether `name` has a reader lock file that nobody holds while its slot is gone.
+bool HasOrphanLockFile(const std::string& name) {
+    const std::vector<std::string> orphans = SlotLeftovers::OrphanedReaderLockFiles();
+    return std::find(orphans.begin(), orphans.end(), name) != orphans.end();
+}
+
+// Removes the lock file that a reliable slot's reader left behind after the slot itself was
+// removed (by SlotFactory::RemoveSlot alone, or by an older slotctl); prints one line.
+bool RemoveOrphanOnly(const std::string& name) {
+    std::vector<std::string> failed;
+    std::vector<std::string> kept;
+    const std::string removed = RemoveOrphanLockFile(name, failed, kept);
+    if (!removed.empty()) {
+        std::cout << "removed " << Quote(name) << " (no slot left): " << removed << "\n";
     }
-    struct stat st;
-    if (::lstat(path.c_str(), &st) != 0) {
-        return "";  // no lock file (or no lock folder): nothing left behind
+    if (!kept.empty()) {
+        std::cerr << "slotctl: kept " << Join(kept) << "\n";
     }
-    if (!S_ISREG(st.st_mode)) {
-        failed.push_back("lock file " + Printable(path) + " (not a plain file, left alone)");
-        return "";
+    if (!failed.empty()) {
+        std::cerr << "slotctl: could not remove " << Quote(name) << ": " << Join(failed) << "\n";
     }
-    const pid_t holder = shared::FileLock::Holder(path);
-    if (holder != 0) {
-        kept.push_back("lock file " + Printable(path) + " (held by " +
-                       (holder > 0 ? "pid " + std::to_string(holder) : "a reader") + ")");
-        return "";
-    }
-    try {
-        const shared::CheckedFolder dir = shared::CheckedFolder::Open(folder);
-        if (::fstatat(dir.fd(), file.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-            !S_ISREG(st.st_mode) || ::unlinkat(dir.fd(), file.c_str(), 0) != 0) {
-            failed.push_back("lock file " + Printable(path) + " (" + std::strerror(errno) + ")");
-            return "";
-        }
-    } catch (const std::exception& e) {
-        failed.push_back("lock file " + Printable(path) + " (" + e.what() + ")");
-        return "";
-    }
-    return "lock file " + Printable(path);
+    return failed.empty() && kept.empty();
 }
 
 // Removes the name's objects; prints one line; false on failure.
@@ -107,6 +107,9 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge, bool for
     const std::string& name = report.name;
     const bool header = report.header.state != SlotPartState::Absent;
     const bool queue = report.queue.state != SlotPartState::Absent;
+    if (report.state == SlotState::Absent && HasOrphanLockFile(name)) {
+        return RemoveOrphanOnly(name);
+    }
     if (staleOnly) {
         if (!IsStale(report)) {
             std::cerr << "slotctl: " << Quote(name)
@@ -179,7 +182,7 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge, bool for
                              std::strerror(errno) + ")");
         }
     }
-    if (header || queue) {
+    {
         std::vector<std::string> kept;
         const std::string lockFile = RemoveOrphanLockFile(name, failed, kept);
         if (!kept.empty()) {
@@ -228,6 +231,11 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
                 }
                 ok = RemoveOne(report, true, minAge, force) && ok;
             }
+        }
+        // Lock files of reliable readers whose slot is gone.
+        for (const std::string& name : SlotLeftovers::OrphanedReaderLockFiles()) {
+            ++found;
+            ok = RemoveOrphanOnly(name) && ok;
         }
         if (found == 0) {
             std::cout << "no stale slots\n";

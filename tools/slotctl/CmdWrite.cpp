@@ -118,8 +118,9 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
             LeaveNow(ExitInterrupted, "slotctl: interrupted");
         }
         if (result == WaitResult::TimedOut) {
-            LeaveNow(ExitFailure, "slotctl: cannot write to " + Quote(name) + ": not done within " +
-                                      std::to_string(timeoutMs) + " ms (its lock is held)");
+            LeaveNow(ExitTimedOut, "slotctl: cannot write to " + Quote(name) +
+                                       ": not done within " + std::to_string(timeoutMs) +
+                                       " ms (its lock is held)");
         }
     };
     const bool frames = arguments.Has("frames");

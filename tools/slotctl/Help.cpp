@@ -27,7 +27,7 @@ options (anywhere before "--"):
   --version           the versions of slotctl and of the libSlot it runs with
 
 exit status: 0 ok, 1 failed (not a slot, no permission, data refused...), 2 bad command line,
-130 interrupted.
+124 read or write gave up waiting (--timeout), 130 interrupted.
 )HELP";
 }
 
@@ -95,8 +95,9 @@ by the library's factory. The slot is created when it does not exist.
                     little-endian length, then that many bytes (as read --format frames
                     writes them); input that ends inside a frame, or a frame larger than the
                     slot's maximum block size, ends the command with status 1
-  --timeout MS      give up (status 1) when opening the slot or storing one block takes
-                    longer than MS ms, e.g. while another process holds the slot's lock
+  --timeout MS      give up (status 124, as timeout(1)) when opening the slot or storing
+                    one block takes longer than MS ms, e.g. while another process holds the
+                    slot's lock
 The library's warnings about refused or dropped blocks ("Queue in '<name>' is full, the data
 was not written", "One data block discarded from <name>", a full named pipe...) are printed
 as it logs them, followed by a summary line. Status 1 when a block was refused, dropped or
@@ -118,7 +119,10 @@ chunks it arrives in.
   --count N           end after N blocks (default 1; 0: no limit); blocks the reader had
                       already taken are printed too, never lost
   --follow            no limit (until Ctrl-C)
-  --timeout MS        give up when no block came for MS ms (status 1 if --count was not met)
+  --timeout MS        give up when no block came for MS ms, or the slot could not be opened
+                      within MS ms: status 124 (as timeout(1)), also with --follow, after
+                      "slotctl: no block from 'NAME' within MS ms (N read)" on stderr; the
+                      blocks that came before are printed
   --format F          text: "<n> bytes: <text>", control characters escaped (default)
                       hex:  "<n> bytes:" and a hex dump
                       raw:  the bytes alone, for pipes
@@ -136,14 +140,17 @@ Removes each slot through SlotFactory::RemoveSlot (header segment and queue) and
 posix-pipe FIFO of the same name, and says what was removed. Objects that are not slot parts
 are never removed. Processes still using a slot keep their mappings; new ones make a new slot.
   --stale          remove only stale slots: half slots (a header without its queue or the
-                   reverse), unfinished ones and those whose lock a dead process holds; the
-                   named ones, or, without names, every one on the machine; FIFOs are kept
+                   reverse), unfinished ones and those whose lock a dead process holds, and
+                   reader lock files whose slot is gone; the named ones, or, without names,
+                   every one on the machine; FIFOs are kept
   --min-age SECS   with --stale, leave slots younger than this (default 5): a slot being
                    created is briefly half or unfinished
   --force          remove a slot even though processes are attached to it
 A slot that other processes are attached to (see info) is not removed, with a warning naming
 them, unless --force is given. The reliable reader's lock file left behind by a reader that
-ended is removed with the slot; one still held is kept.
+ended is removed with the slot, or alone when the slot is already gone ("removed 'NAME' (no
+slot left): lock file ..."); one still held is kept. A lock file is claimed with a
+non-blocking lock before it is unlinked, through the checked lock folder, never through a link.
 Status 1 when a name was not a slot, was in use, or could not be removed.
 )HELP";
     }
@@ -159,7 +166,8 @@ discarding slot's reader is not disturbed). One line per window on stdout:
   bw: "estimated bandwidth: ..." = writes x the size of the last block a reader took (the only
       block size the header keeps); an ESTIMATE, exact only when all blocks have one size
   --window SECS   length of each window (default 1)
-  --timeout MS    stop after MS ms (default: until Ctrl-C)
+  --timeout MS    stop after MS ms (default: until Ctrl-C); the planned end of the watch,
+                  status 0
 A posix-pipe cannot be watched (its bytes would have to be read). Status 1 when the slot has
 no usable header or goes away, 130 on Ctrl-C.
 )HELP";

@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: Apache-2.0
+// The reliable reader's lock file outlives its slot; SlotLeftovers finds and removes it, never
+// one that a reader holds and never through a link.
+#include "ChildProcess.h"
+#include "ShmHygiene.h"
+
+#include <Slot/Slot.h>
+#include <Slot/SlotLeftovers.h>
+
+#include <FileUtils/FSUtils.h>
+#include <shared/FileHelpers.h>
+#include <shared/FileLock.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <fstream>
+
+namespace {
+
+using testsupport::ChildProcess;
+using testsupport::PipeSignal;
+using testsupport::ScopedSlotName;
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+bool Listed(const std::string& name) {
+    const std::vector<std::string> orphans = SlotLeftovers::OrphanedReaderLockFiles();
+    return std::find(orphans.begin(), orphans.end(), name) != orphans.end();
+}
+
+SimpleSlotCfg Reliable(const std::string& name) {
+    return SimpleSlotCfg(name, "reliable", boost::posix_time::milliseconds(20), 4);
+}
+
+TEST(SlotLeftovers, LockFileOfAnEndedReaderIsOrphanedOnceTheSlotIsGoneAndThenRemoved) {
+    ScopedSlotName name("orphan");
+    const SimpleSlotCfg cfg = Reliable(name);
+    SlotFactory::CreateSlotReader(&cfg).reset();
+    const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
+    ASSERT_TRUE(Exists(lock));
+    EXPECT_FALSE(Listed(name)) << "the slot still exists";
+
+    SlotFactory::RemoveSlot(name);
+    EXPECT_TRUE(Exists(lock)) << "RemoveSlot removes the shared memory only";
+    EXPECT_TRUE(Listed(name));
+
+    const LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
+    EXPECT_EQ(LeftoverOutcome::Removed, removal.outcome) << removal.detail;
+    EXPECT_EQ(lock, removal.path);
+    EXPECT_FALSE(Exists(lock));
+    EXPECT_FALSE(Listed(name));
+    EXPECT_EQ(LeftoverOutcome::Absent, SlotLeftovers::RemoveReaderLockFile(name).outcome);
+
+    // The name is free again: a new reader makes a new lock file.
+    SlotFactory::CreateSlotReader(&cfg).reset();
+    EXPECT_TRUE(Exists(lock));
+    EXPECT_EQ(LeftoverOutcome::Removed, SlotLeftovers::RemoveReaderLockFile(name).outcome);
+}
+
+TEST(SlotLeftovers, LockFileHeldByALiveReaderIsKeptInThisAndOtherProcesses) {
+    ScopedSlotName name("held");
+    const SimpleSlotCfg cfg = Reliable(name);
+    const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
+    PipeSignal ready;
+    PipeSignal done;
+    ChildProcess child([&] {
+        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg);
+        ready.Post();
+        return done.WaitFor() ? 0 : 1;
+    });
+    ASSERT_TRUE(ready.WaitFor()) << child.Wait().Describe();
+    SlotFactory::RemoveSlot(name);  // the reader lives on the removed objects
+    EXPECT_FALSE(Listed(name)) << "a held lock file is no leftover";
+    LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
+    EXPECT_EQ(LeftoverOutcome::Held, removal.outcome);
+    EXPECT_EQ(child.Pid(), removal.holder);
+    EXPECT_TRUE(Exists(lock));
+    done.Post();
+    ASSERT_TRUE(child.Wait().Ok());
+
+    // A reader of this process: the attempt must neither succeed nor drop the reader's lock.
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg);
+    removal = SlotLeftovers::RemoveReaderLockFile(name);
+    EXPECT_EQ(LeftoverOutcome::Held, removal.outcome);
+    EXPECT_EQ(::getpid(), removal.holder);
+    EXPECT_EQ(::getpid(), shared::FileLock::Holder(lock));
+    reader.reset();
+    EXPECT_EQ(LeftoverOutcome::Removed, SlotLeftovers::RemoveReaderLockFile(name).outcome);
+}
+
+TEST(SlotLeftovers, ALinkOrAFolderInPlaceOfTheLockFileIsLeftAloneAndItsTargetKept) {
+    ScopedSlotName name("planted");
+    const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
+    const std::string target = testsupport::TestRunDir() + "/" + testsupport::UniqueName("target");
+    { std::ofstream(target) << "precious"; }
+    ASSERT_EQ(0, ::symlink(target.c_str(), lock.c_str()));
+    EXPECT_FALSE(Listed(name));
+    LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
+    EXPECT_EQ(LeftoverOutcome::Failed, removal.outcome);
+    EXPECT_FALSE(removal.detail.empty());
+    EXPECT_TRUE(Exists(lock));
+    std::string content;
+    std::getline(std::ifstream(target), content);
+    EXPECT_EQ("precious", content);
+    ::unlink(lock.c_str());
+    ::unlink(target.c_str());
+
+    ASSERT_EQ(0, ::mkdir(lock.c_str(), 0700));
+    EXPECT_EQ(LeftoverOutcome::Failed, SlotLeftovers::RemoveReaderLockFile(name).outcome);
+    EXPECT_TRUE(Exists(lock));
+    ::rmdir(lock.c_str());
+}
+
+TEST(SlotLeftovers, NamesWithoutALockFileOfTheirOwnAreNeverLookedUp) {
+    // "" would be the folder's ".lock" (another component's), "../x" a file elsewhere.
+    const std::string empty = FileUtils::FSUtils::GetSingletonFileLockName("");
+    shared::TouchFile(empty);
+    for (const std::string& name : {std::string(""), std::string("../x"), std::string("a/b")}) {
+        const LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
+        EXPECT_EQ(LeftoverOutcome::Absent, removal.outcome) << name;
+        EXPECT_EQ("", removal.path) << name;
+    }
+    EXPECT_TRUE(Exists(empty));
+    EXPECT_FALSE(Listed(""));
+    ::unlink(empty.c_str());
+}
+
+TEST(SlotLeftovers, AClaimOnALockFileRemovedSinceItWasOpenedIsRefused) {
+    // The remover unlinks while it holds the claim; a reader that opened the file before then
+    // must not end up holding a file that the next reader cannot see.
+    ScopedSlotName name("race");
+    const std::string lock = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name));
+    shared::FileLock early(lock.c_str());
+    ASSERT_EQ(0, ::unlink(lock.c_str()));
+    EXPECT_FALSE(early.try_lock());
+    shared::FileLock fresh(shared::TouchFile(lock).c_str());
+    EXPECT_TRUE(fresh.try_lock());
+    fresh.unlock();
+    ::unlink(lock.c_str());
+}
+
+}  // namespace
