@@ -9,7 +9,10 @@
 //   gateway_probe wait-state SLOT MAXSIZE TEXT SECONDS  waits until the discarding slot holds TEXT
 //   gateway_probe watch-state SLOT MAXSIZE TEXT SECONDS  waits until a reader of the slot is
 //                                                    given TEXT (prints 'ready' once reading)
-// Block n's size walks through 1..MAXSIZE (both ends included) and its bytes derive from n.
+//   gateway_probe length SLOT MAXSIZE                prints the number of blocks waiting in a
+//                                                    reliable slot
+// Block n's size walks through 0..MAXSIZE (both ends included; empty blocks never adjacent) and
+// its bytes derive from n.
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
 
@@ -31,7 +34,10 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 Bytes NumberedBlock(unsigned n, std::size_t maxSize) {
-    const std::size_t size = n % 5 == 0 ? 1 : n % 5 == 1 ? maxSize : 1 + (n * 7919u) % maxSize;
+    const std::size_t size = n % 7 == 3   ? 0
+                             : n % 5 == 0 ? 1
+                             : n % 5 == 1 ? maxSize
+                                          : 1 + (n * 7919u) % maxSize;
     Bytes block(size);
     for (std::size_t i = 0; i < size; ++i) {
         block[i] = static_cast<unsigned char>((n * 131u + i * 7u) ^ (i >> 8) ^ (n >> 8));
@@ -99,14 +105,15 @@ private:
 };
 
 int Usage() {
-    std::cerr << "usage: gateway_probe write|read|state|wait-state SLOT MAXSIZE ...\n";
+    std::cerr
+        << "usage: gateway_probe write|read|length|state|wait-state|watch-state SLOT MAXSIZE ...\n";
     return 64;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 5) {
+    if (argc < 4 || (std::string(argv[1]) != "length" && argc < 5)) {
         return Usage();
     }
     log4cxx::BasicConfigurator::configure();
@@ -140,6 +147,11 @@ int main(int argc, char** argv) {
         const int result = checker->Wait(std::chrono::seconds(std::strtoul(argv[5], nullptr, 10)));
         reader.reset();
         return result;
+    }
+    if (mode == "length") {
+        Cfg cfg(name, "reliable", maxSize);
+        std::cout << SlotFactory::CreateSlot(&cfg)->GetBufferLength() << "\n";
+        return 0;
     }
     if (mode == "state") {
         Cfg cfg(name, "discarding", maxSize);
