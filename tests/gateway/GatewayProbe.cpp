@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Test driver for the two-host gateway test, run inside each "host":
-//   gateway_probe write SLOT MAXSIZE COUNT           numbered blocks into a reliable slot,
-//                                                    waiting while it is full
+//   gateway_probe write SLOT MAXSIZE COUNT [PAUSE_MS]  numbered blocks into a reliable slot,
+//                                                    waiting while it is full (and PAUSE_MS
+//                                                    after each block: a paced stream)
 //   gateway_probe read SLOT MAXSIZE COUNT SECONDS    checks that blocks 0..COUNT-1 arrive in
 //                                                    order, byte for byte (a repeat of the
 //                                                    block just read is counted, not an error)
@@ -124,12 +125,14 @@ int main(int argc, char** argv) {
         Cfg cfg(name, "reliable", maxSize);
         ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
         const unsigned count = std::strtoul(argv[4], nullptr, 10);
+        const std::chrono::milliseconds pause(argc > 5 ? std::strtoul(argv[5], nullptr, 10) : 0);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
         for (unsigned n = 0; n < count;) {
             const Bytes block = NumberedBlock(n, maxSize);
             writer->onNotify(name, block.data(), block.size());
             if (Slot::LastWriteOutcome() == Slot::WriteOutcome::Stored) {
                 ++n;
+                std::this_thread::sleep_for(pause);
             } else if (std::chrono::steady_clock::now() > end) {
                 std::cerr << "gateway_probe: the slot stayed full at block " << n << "\n";
                 return 2;
