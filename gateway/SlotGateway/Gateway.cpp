@@ -272,6 +272,9 @@ public:
         }
         INotifierPtr reader;
         try {
+            if (!stateSlot_) {
+                stateSlot_ = SlotFactory::CreateSlot(&cfg_);
+            }
             reader = SlotFactory::CreateSlotReader(&cfg_, ISubscriberPtr(new Sender(this)));
         } catch (const std::exception& e) {
             const Clock::time_point now = Clock::now();
@@ -362,6 +365,11 @@ private:
 
     // The state a discarding slot's reader passes on (0 bytes: an empty state) is published.
     void Send(const void* data, std::size_t size) {
+        // Opening a slot forgets its last block and write time, which the reader takes for a
+        // change and passes on as 0 bytes; an empty state written has a write time.
+        if (size == 0 && stateSlot_->GetLastWriteTime().is_not_a_date_time()) {
+            return;
+        }
         if (route_.direction == Direction::Both && echoes_.IsEcho(data, size)) {
             ++counters_.echoes;
             return;
@@ -522,6 +530,7 @@ private:
     Clock::time_point lastStartError_;       // control thread only
     std::uint32_t seenMatches_ = 0;          // control thread only
     std::deque<Clock::time_point> repeats_;  // control thread only
+    boost::shared_ptr<ISlot> stateSlot_;     // set by the control thread before the reader runs
     std::mutex stateMutex_;
     std::vector<std::uint8_t> state_;  // last discarding block sent; guarded by stateMutex_
     std::uint64_t stateSerial_ = 0;    // guarded by stateMutex_

@@ -153,7 +153,7 @@ wait_started A
 wait_started B
 
 count=600
-step "reliable A -> B: $count blocks of 1..$max bytes, B's gateway restarted mid-stream"
+step "reliable A -> B: $count blocks of 0..$max bytes, B's gateway restarted mid-stream"
 "${on_B[@]}" timeout -s KILL 150 "$probe" read gw_rel $max $count 120 > "$work/read-rel.log" 2>&1 &
 reader=$!
 "${on_A[@]}" timeout -s KILL 150 "$probe" write gw_rel $max $count > "$work/write-rel.log" 2>&1 &
