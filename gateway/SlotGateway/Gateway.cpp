@@ -12,8 +12,6 @@
 #include <log4cxx/logger.h>
 #include <nlohmann/json.hpp>
 
-#include <boost/thread/thread.hpp>
-
 #include <fcntl.h>
 #include <sys/random.h>
 #include <unistd.h>
@@ -27,7 +25,6 @@
 #include <iomanip>
 #include <map>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
