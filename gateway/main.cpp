@@ -20,9 +20,8 @@
 namespace {
 
 const char* const kUsage =
-    "usage: slot-gateway --config FILE [--status-file FILE] [--timeout SECONDS] [--log-config "
-    "FILE]\n"
-    "                    [--verbose]\n"
+    "usage: slot-gateway --config FILE [--status-file FILE] [--timeout SECONDS] [--lease-ms MS]\n"
+    "                    [--log-config FILE] [--verbose]\n"
     "       slot-gateway --check FILE      validate a configuration and exit\n"
     "       slot-gateway --status FILE     print a running gateway's status file\n";
 
@@ -43,6 +42,7 @@ bool ParseSeconds(const std::string& text, double& seconds) {
 int main(int argc, char** argv) {
     std::string configPath, statusFile, checkPath, showPath, logConfig;
     double timeout = 0;
+    unsigned leaseMs = 0;  // 0: the configuration's
     bool verbose = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -72,6 +72,15 @@ int main(int argc, char** argv) {
         } else if (arg == "--timeout") {
             if (!value(text) || !ParseSeconds(text, timeout))
                 return Usage("--timeout needs seconds > 0");
+        } else if (arg == "--lease-ms") {
+            char* end = nullptr;
+            const unsigned long ms = value(text) ? std::strtoul(text.c_str(), &end, 10) : 0;
+            if (end == nullptr || end == text.c_str() || *end != '\0' ||
+                ms < SlotGateway::kMinLeaseMs || ms > SlotGateway::kMaxLeaseMs)
+                return Usage("--lease-ms needs milliseconds from " +
+                             std::to_string(SlotGateway::kMinLeaseMs) + " to " +
+                             std::to_string(SlotGateway::kMaxLeaseMs));
+            leaseMs = static_cast<unsigned>(ms);
         } else if (arg == "--verbose") {
             verbose = true;
         } else if (arg == "--help" || arg == "-h") {
@@ -130,6 +139,9 @@ int main(int argc, char** argv) {
     }
     if (!statusFile.empty()) {
         config.statusFile = statusFile;
+    }
+    if (leaseMs != 0) {
+        config.leaseMs = leaseMs;
     }
 
     // Every thread (ours, the slot readers', Cyclone's) inherits this mask; the main thread

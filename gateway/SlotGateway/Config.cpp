@@ -218,13 +218,16 @@ Config ParseConfig(const std::string& text, const std::string& source) {
         if (!gateway->is_object()) {
             place.Fail("", std::string("must be an object, not ") + gateway->type_name());
         }
-        OnlyKnownKeys(*gateway, {"name", "status_file", "status_interval_ms", "stop_grace_ms"},
+        OnlyKnownKeys(*gateway,
+                      {"name", "status_file", "status_interval_ms", "stop_grace_ms", "lease_ms"},
                       place);
         config.gatewayName = GetString(*gateway, "name", place, false);
         config.statusFile = GetString(*gateway, "status_file", place, false);
         config.statusIntervalMs =
             GetUnsigned(*gateway, "status_interval_ms", place, 1000, 10, 3600000);
         config.stopGraceMs = GetUnsigned(*gateway, "stop_grace_ms", place, 5000, 0, 600000);
+        config.leaseMs =
+            GetUnsigned(*gateway, "lease_ms", place, config.leaseMs, kMinLeaseMs, kMaxLeaseMs);
     }
     if (config.gatewayName.empty()) {
         char host[256] = {};

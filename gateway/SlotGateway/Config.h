@@ -44,6 +44,10 @@ struct Config {
     std::string statusFile;   // "" writes none
     unsigned statusIntervalMs = 1000;
     unsigned stopGraceMs = 5000;  // how long a stopping gateway tries to deliver a block in hand
+    // The lease of this gateway's DDS participants: peers take a gateway that fell silent (a
+    // crash) for gone after this long, and a sender then gives its block in flight to the next
+    // receiving gateway.
+    unsigned leaseMs = 500;
     std::vector<Route> routes;
 };
 
@@ -51,6 +55,8 @@ struct Config {
 constexpr std::size_t kMaxBlockSize = 16u * 1024u * 1024u;
 constexpr std::size_t kMaxQueueLength = 65536;
 constexpr std::uint32_t kMaxDomain = 232;
+constexpr unsigned kMinLeaseMs = 100;
+constexpr unsigned kMaxLeaseMs = 3600000;
 
 // Parses and validates; throws ConfigError.
 Config ParseConfig(const std::string& text, const std::string& source);

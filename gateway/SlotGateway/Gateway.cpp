@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <SlotGateway/Gateway.h>
+#include <SlotGateway/Internal.h>
+#include <SlotGateway/ReliableSender.h>
 
 #include "GatewayBlock.h"
 
@@ -9,8 +11,6 @@
 #include <dds/dds.h>
 #include <log4cxx/logger.h>
 #include <nlohmann/json.hpp>
-
-#include <boost/thread/thread.hpp>
 
 #include <fcntl.h>
 #include <sys/random.h>
@@ -25,21 +25,18 @@
 #include <iomanip>
 #include <map>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
 namespace SlotGateway {
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
 log4cxx::LoggerPtr Logger() {
     static log4cxx::LoggerPtr logger = log4cxx::Logger::getLogger("SlotGateway");
     return logger;
 }
+
+namespace {
 
 std::uint64_t NewGatewayId() {
     std::uint64_t id = 0;
@@ -127,7 +124,8 @@ public:
         std::lock_guard<std::mutex> guard(mutex_);
         Expire();
         for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-            if (it->bytes.size() == size && std::memcmp(it->bytes.data(), data, size) == 0) {
+            if (it->bytes.size() == size &&
+                (size == 0 || std::memcmp(it->bytes.data(), data, size) == 0)) {
                 entries_.erase(entries_.begin(), it + 1);
                 return true;
             }
@@ -156,26 +154,6 @@ private:
 
 }  // namespace
 
-// Stop signal shared by every route: set once, waited on with bounded waits.
-struct StopFlag {
-    std::atomic<bool> set{false};
-    std::mutex mutex;
-    std::condition_variable changed;
-
-    // Sleeps up to `duration`; true when stopping.
-    bool WaitFor(std::chrono::milliseconds duration) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, duration, [this] { return set.load(); });
-    }
-    void Raise() {
-        {
-            std::lock_guard<std::mutex> guard(mutex);
-            set = true;
-        }
-        changed.notify_all();
-    }
-};
-
 // One configured slot and its DDS writer and/or reader.
 class RouteRunner {
 public:
@@ -192,16 +170,6 @@ public:
         if (route.sends()) {
             writer_ =
                 Check(dds_create_writer(publisher, topic, qos.get(), nullptr), "dds_create_writer");
-            if (route.reliable()) {
-                QosPtr ackQos(AckQos());
-                ackReader_ = Check(dds_create_reader(subscriber, ackTopic, ackQos.get(), nullptr),
-                                   "dds_create_reader");
-                ackCondition_ = Check(dds_create_readcondition(ackReader_, DDS_ANY_STATE),
-                                      "dds_create_readcondition");
-                ackWaitset_ =
-                    Check(dds_create_waitset(DDS_CYCLONEDDS_HANDLE), "dds_create_waitset");
-                dds_waitset_attach(ackWaitset_, ackCondition_, 0);
-            }
         }
         if (route.receives()) {
             slotWriter_ = SlotFactory::CreateSlotWriter(&cfg_);
@@ -221,6 +189,15 @@ public:
             dds_waitset_attach(waitset_, wakeup_, 1);
             receiver_ = std::thread([this] { ReceiveLoop(); });
         }
+        // Last: its thread runs from here on.
+        if (route.sends() && route.reliable()) {
+            QosPtr ackQos(AckQos());
+            const dds_entity_t ackReader =
+                Check(dds_create_reader(subscriber, ackTopic, ackQos.get(), nullptr),
+                      "dds_create_reader");
+            sender_.reset(
+                new ReliableSender(route, gatewayId, writer_, ackReader, stop, grace, counters_));
+        }
     }
 
     ~RouteRunner() {
@@ -232,17 +209,14 @@ public:
         if (wakeup_ > 0) {
             dds_delete(wakeup_);
         }
-        if (ackWaitset_ > 0) {
-            dds_delete(ackWaitset_);
-        }
     }
 
     const Route& route() const { return route_; }
 
     // Control thread, every few milliseconds.
     void Tick() {
-        MaybeStartSending();
         if (route_.sends() && !route_.reliable()) {
+            MaybeStartSending();
             RepeatStateForNewReaders();
         }
     }
@@ -270,21 +244,21 @@ public:
         }
         repeats_.pop_front();
         std::lock_guard<std::mutex> guard(stateMutex_);
-        if (!state_.empty()) {
+        if (haveState_) {
             SlotGatewayWire_Block sample;
             sample.gateway = gatewayId_;
             sample.serial = stateSerial_;
             sample.data._maximum = static_cast<uint32_t>(state_.size());
             sample.data._length = static_cast<uint32_t>(state_.size());
-            sample.data._buffer = state_.data();
+            sample.data._buffer = state_.empty() ? nullptr : state_.data();
             sample.data._release = false;
             dds_write(writer_, &sample);
         }
     }
 
-    // Starts the slot reader of a sending route when it may take blocks.
+    // Starts the slot reader of a discarding sending route.
     void MaybeStartSending() {
-        if (!route_.sends() || stop_.set) {
+        if (stop_.set) {
             return;
         }
         {
@@ -293,11 +267,11 @@ public:
                 return;
             }
         }
-        if (route_.reliable() && MatchedReaders() == 0) {
-            return;  // a block taken now could reach nobody
-        }
         INotifierPtr reader;
         try {
+            if (!stateSlot_) {
+                stateSlot_ = SlotFactory::CreateSlot(&cfg_);
+            }
             reader = SlotFactory::CreateSlotReader(&cfg_, ISubscriberPtr(new Sender(this)));
         } catch (const std::exception& e) {
             const Clock::time_point now = Clock::now();
@@ -316,17 +290,17 @@ public:
         slotReader_ = reader;
     }
 
-    // Ends the slot reader; a block in hand is delivered within the grace first.
+    // Ends the sending side; a reliable block in hand is delivered within the grace first.
     void StopSending() {
+        if (sender_) {
+            sender_->Stop();
+        }
         INotifierPtr reader;
         {
             std::lock_guard<std::mutex> guard(slotReaderMutex_);
             reader.swap(slotReader_);
         }
         reader.reset();  // joins the reader's thread
-        if (writer_ > 0 && route_.reliable()) {
-            dds_wait_for_acks(writer_, DDS_MSECS(grace_.count()));
-        }
     }
 
     // Ends the receiving thread after it stored what DDS holds, and lets the acknowledgements of
@@ -345,15 +319,11 @@ public:
     RouteStatus Status() const {
         RouteStatus status;
         status.route = route_;
-        status.counters.forwarded = forwarded_;
-        status.counters.received = received_;
-        status.counters.retried = retried_;
-        status.counters.refused = refused_;
-        status.counters.dropped = dropped_;
-        status.counters.echoes = echoes_skipped_;
-        status.counters.duplicates = duplicates_;
+        status.counters = counters_.Snapshot();
         status.matchedReaders = MatchedReaders();
-        {
+        if (sender_) {
+            status.sending = sender_->Sending();
+        } else {
             std::lock_guard<std::mutex> guard(slotReaderMutex_);
             status.sending = static_cast<bool>(slotReader_);
         }
@@ -390,142 +360,36 @@ private:
         return matched.current_count;
     }
 
-    // Readers that went away so far (a reader gone before acknowledging may have missed a block).
-    std::uint64_t LostReaders() const {
-        dds_publication_matched_status_t matched;
-        if (dds_get_publication_matched_status(writer_, &matched) != DDS_RETCODE_OK) {
-            return 0;
-        }
-        return matched.total_count - matched.current_count;
-    }
-
+    // The state a discarding slot's reader passes on (0 bytes: an empty state) is published.
     void Send(const void* data, std::size_t size) {
-        if (size == 0) {
-            return;  // an empty read (another process took the block first) is no block
+        // Opening a slot forgets its last block and write time, which the reader takes for a
+        // change and passes on as 0 bytes; an empty state written has a write time.
+        if (size == 0 && stateSlot_->GetLastWriteTime().is_not_a_date_time()) {
+            return;
         }
         if (route_.direction == Direction::Both && echoes_.IsEcho(data, size)) {
-            ++echoes_skipped_;
+            ++counters_.echoes;
             return;
         }
+        std::lock_guard<std::mutex> guard(stateMutex_);
+        const auto* bytes = static_cast<const std::uint8_t*>(data);
+        state_.assign(bytes, bytes + size);
+        haveState_ = true;
+        stateSerial_ = ++sequence_;
         SlotGatewayWire_Block sample;
         sample.gateway = gatewayId_;
-        sample.serial = ++sequence_;
+        sample.serial = stateSerial_;
         sample.data._maximum = static_cast<uint32_t>(size);
         sample.data._length = static_cast<uint32_t>(size);
-        sample.data._buffer = static_cast<uint8_t*>(const_cast<void*>(data));
+        sample.data._buffer = size != 0 ? state_.data() : nullptr;
         sample.data._release = false;
-        if (!route_.reliable()) {
-            std::lock_guard<std::mutex> guard(stateMutex_);
-            const auto* bytes = static_cast<const std::uint8_t*>(data);
-            state_.assign(bytes, bytes + size);
-            stateSerial_ = sample.serial;
-            const dds_return_t rc = dds_write(writer_, &sample);
-            if (rc == DDS_RETCODE_OK) {
-                ++forwarded_;
-            } else {
-                ++dropped_;
-                LOG4CXX_ERROR(Logger(), "Block of '" << route_.name
-                                                     << "' not published: " << dds_strretcode(rc));
-            }
-            return;
-        }
-        SendReliably(sample);
-        // A stopping gateway takes no further block: the rest stays in the slot.
-        if (stop_.set) {
-            boost::this_thread::interruption_point();
-        }
-    }
-
-    // Publishes one block and waits until every matched reader has it. A reader that leaves
-    // before acknowledging (a restarting gateway) gets it again from the next reader's start:
-    // the block is published again once a reader is matched.
-    void SendReliably(SlotGatewayWire_Block& sample) {
-        bool graceStarted = false;
-        Clock::time_point deadline;
-        auto givingUp = [&] {
-            if (!stop_.set) {
-                return false;
-            }
-            if (!graceStarted) {
-                graceStarted = true;
-                deadline = Clock::now() + grace_;
-            }
-            return Clock::now() >= deadline;
-        };
-        for (bool first = true;; first = false) {
-            if (!first) {
-                ++retried_;
-            }
-            while (MatchedReaders() == 0) {
-                if (givingUp()) {
-                    GiveBack(sample);
-                    return;
-                }
-                stop_.WaitFor(std::chrono::milliseconds(20));
-            }
-            const std::uint64_t lostBefore = LostReaders();
-            const dds_return_t written = dds_write(writer_, &sample);
-            if (written != DDS_RETCODE_OK) {
-                if (written != DDS_RETCODE_TIMEOUT) {
-                    LOG4CXX_WARN(Logger(), "Block of '" << route_.name << "' not published yet: "
-                                                        << dds_strretcode(written));
-                    stop_.WaitFor(std::chrono::milliseconds(50));
-                }
-                if (givingUp()) {
-                    GiveBack(sample);
-                    return;
-                }
-                continue;
-            }
-            // Done when every matched receiving gateway stored the block in its slot. A receiver
-            // that left before storing it (a restart) makes the block go out again: receivers
-            // still running recognise the serial and only acknowledge it once more.
-            std::set<std::uint64_t> storedBy;
-            bool again = false;
-            for (;;) {
-                TakeAcks(sample.serial, storedBy);
-                const std::uint32_t matched = MatchedReaders();
-                if (!storedBy.empty() && storedBy.size() >= matched) {
-                    break;
-                }
-                if (storedBy.empty() && (matched == 0 || LostReaders() != lostBefore)) {
-                    again = true;
-                    break;
-                }
-                if (givingUp()) {
-                    // Published and matched, only not yet stored: the receiver has it or gets it
-                    // from the writer's history while this participant lives.
-                    ++forwarded_;
-                    return;
-                }
-                dds_waitset_wait(ackWaitset_, nullptr, 0, DDS_MSECS(100));
-            }
-            if (!again) {
-                ++forwarded_;
-                return;
-            }
-        }
-    }
-
-    // Collects the receiving gateways that acknowledged block `serial` of this gateway.
-    void TakeAcks(std::uint64_t serial, std::set<std::uint64_t>& storedBy) {
-        for (;;) {
-            void* samples[1] = {nullptr};
-            dds_sample_info_t info[1];
-            const dds_return_t n = dds_take(ackReader_, samples, info, 1, 1);
-            if (n <= 0) {
-                return;
-            }
-            if (info[0].valid_data) {
-                const auto* ack = static_cast<const SlotGatewayWire_Block*>(samples[0]);
-                std::uint64_t receiver = 0;
-                if (ack->gateway == gatewayId_ && ack->serial == serial &&
-                    ack->data._length == sizeof receiver) {
-                    std::memcpy(&receiver, ack->data._buffer, sizeof receiver);
-                    storedBy.insert(receiver);
-                }
-            }
-            dds_return_loan(ackReader_, samples, n);
+        const dds_return_t rc = dds_write(writer_, &sample);
+        if (rc == DDS_RETCODE_OK) {
+            ++counters_.forwarded;
+        } else {
+            ++counters_.dropped;
+            LOG4CXX_ERROR(Logger(),
+                          "Block of '" << route_.name << "' not published: " << dds_strretcode(rc));
         }
     }
 
@@ -550,25 +414,6 @@ private:
         }
     }
 
-    // A stopping gateway that found no receiver within the grace puts the block back into the
-    // source slot (at the end of its queue) rather than losing it.
-    void GiveBack(const SlotGatewayWire_Block& sample) {
-        try {
-            ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg_);
-            writer->onNotify(route_.name, sample.data._buffer, sample.data._length);
-            if (Slot::LastWriteOutcome() == Slot::WriteOutcome::Stored) {
-                LOG4CXX_WARN(Logger(), "No receiver for slot '"
-                                           << route_.name << "' while stopping: block "
-                                           << sample.serial << " put back into the slot");
-                return;
-            }
-        } catch (const std::exception&) {
-        }
-        ++dropped_;
-        LOG4CXX_ERROR(Logger(), "Block " << sample.serial << " of '" << route_.name
-                                         << "' dropped: no receiver and the slot refused it back");
-    }
-
     void ReceiveLoop() {
         std::map<std::uint64_t, std::uint64_t> lastSequence;  // per publishing gateway
         for (;;) {
@@ -585,7 +430,7 @@ private:
                     const auto* block = static_cast<const SlotGatewayWire_Block*>(samples[0]);
                     std::uint64_t& last = lastSequence[block->gateway];
                     if (block->serial <= last) {
-                        ++duplicates_;
+                        ++counters_.duplicates;
                         Acknowledge(block->gateway, block->serial);
                     } else if (Deliver(block->data._buffer, block->data._length, block->serial)) {
                         last = block->serial;
@@ -609,11 +454,11 @@ private:
     // stopping, until the grace has passed. False: not stored and not acknowledged, so that the
     // sending gateway gives the block to the next receiving gateway.
     bool Deliver(const void* data, std::size_t size, std::uint64_t sequence) {
-        if (size == 0 || size > route_.maxSize) {
-            ++dropped_;
-            LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name
-                                             << "' dropped: " << size
-                                             << " bytes, the slot takes 1 to " << route_.maxSize);
+        if (size > route_.maxSize) {
+            ++counters_.dropped;
+            LOG4CXX_ERROR(Logger(),
+                          "Block " << sequence << " for '" << route_.name << "' dropped: " << size
+                                   << " bytes, the slot takes at most " << route_.maxSize);
             return true;
         }
         std::chrono::milliseconds backoff(1);
@@ -625,27 +470,27 @@ private:
             slotWriter_->onNotify(route_.name, data, size);
             const Slot::WriteOutcome outcome = Slot::LastWriteOutcome();
             if (outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded) {
-                ++received_;
+                ++counters_.received;
                 return true;
             }
             if (!route_.reliable() && outcome == Slot::WriteOutcome::Refused) {
                 // Another writer's newer state won: latest wins.
-                ++refused_;
+                ++counters_.refused;
                 return true;
             }
             if (attempt == 0) {
-                ++refused_;
+                ++counters_.refused;
                 LOG4CXX_WARN(Logger(), "Slot '" << route_.name << "' refused block " << sequence
                                                 << " (" << Slot::ToString(outcome)
                                                 << "), retrying");
             }
-            ++retried_;
+            ++counters_.retried;
             if (stop_.set && deadline == Clock::time_point::max()) {
                 deadline = Clock::now() + grace_;
             }
             if (Clock::now() >= deadline) {
                 if (!route_.reliable()) {
-                    ++dropped_;
+                    ++counters_.dropped;
                     LOG4CXX_ERROR(Logger(), "State " << sequence << " for '" << route_.name
                                                      << "' dropped: the slot refused it while "
                                                         "the gateway stopped");
@@ -674,10 +519,7 @@ private:
     dds_entity_t waitset_ = 0;
     dds_entity_t wakeup_ = 0;
     dds_entity_t ackWriter_ = 0;  // receiving reliable route: "stored" to the senders
-    dds_entity_t ackReader_ = 0;  // sending reliable route: "stored" from the receivers
-    dds_entity_t ackCondition_ = 0;
-    dds_entity_t ackWaitset_ = 0;  // sending thread only
-    ISubscriberPtr slotWriter_;    // used by the receiving thread only
+    ISubscriberPtr slotWriter_;   // used by the receiving thread only
     std::thread receiver_;
 
     mutable std::mutex slotReaderMutex_;
@@ -685,13 +527,15 @@ private:
     Clock::time_point lastStartError_;       // control thread only
     std::uint32_t seenMatches_ = 0;          // control thread only
     std::deque<Clock::time_point> repeats_;  // control thread only
+    boost::shared_ptr<ISlot> stateSlot_;     // set by the control thread before the reader runs
     std::mutex stateMutex_;
     std::vector<std::uint8_t> state_;  // last discarding block sent; guarded by stateMutex_
     std::uint64_t stateSerial_ = 0;    // guarded by stateMutex_
-    std::uint64_t sequence_ = 0;       // slot reader's thread only
+    bool haveState_ = false;           // guarded by stateMutex_
+    std::uint64_t sequence_ = 0;       // guarded by stateMutex_
 
-    std::atomic<std::uint64_t> forwarded_{0}, received_{0}, retried_{0}, refused_{0}, dropped_{0},
-        echoes_skipped_{0}, duplicates_{0};
+    AtomicCounters counters_;
+    std::unique_ptr<ReliableSender> sender_;  // a reliable sending route's; destroyed first
 };
 
 struct Gateway::Impl {
@@ -730,8 +574,13 @@ Gateway::Gateway(const Config& config) : impl_(new Impl) {
         for (const Route& route : config.routes) {
             dds_entity_t& participant = impl_->participants[route.domain];
             if (participant == 0) {
-                participant = Check(dds_create_participant(route.domain, nullptr, nullptr),
-                                    "dds_create_participant");
+                // The participant's liveliness is its lease: how soon peers notice a crash.
+                QosPtr participantQos(dds_create_qos());
+                dds_qset_liveliness(participantQos.get(), DDS_LIVELINESS_AUTOMATIC,
+                                    DDS_MSECS(config.leaseMs));
+                participant =
+                    Check(dds_create_participant(route.domain, participantQos.get(), nullptr),
+                          "dds_create_participant");
             }
             QosPtr partition(PartitionQos(route.partition));
             const dds_entity_t topic =

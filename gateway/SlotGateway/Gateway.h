@@ -34,11 +34,11 @@ struct RouteStatus {
 // Mirrors slots to DDS topics and topics to slots, as a configuration says.
 //
 // Threads: the constructor starts one receiving thread per route that takes from the network
-// (it waits on a DDS waitset and writes into the slot) and one control thread that starts the
-// slot readers of the sending routes (a reliable one only once a remote reader is matched, so
-// that no block is taken from the slot while nobody could receive it) and refreshes the status
-// file. Slot readers run the sending side on their own threads. Status() and Stop() may be
-// called from any thread.
+// (it waits on a DDS waitset and writes into the slot), one sending thread per reliable route
+// that sends (it takes a block from the slot only while a remote reader is matched, so that no
+// block is taken while nobody could receive it; see ReliableSender), and one control thread that
+// starts the slot readers of the discarding sending routes (they run the sending side on their
+// own threads) and refreshes the status file. Status() and Stop() may be called from any thread.
 class Gateway {
 public:
     // Creates every DDS entity, opens or creates the slots and starts; throws std::runtime_error

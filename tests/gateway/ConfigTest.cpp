@@ -32,7 +32,7 @@ std::string OneSlot(const std::string& fields) {
 TEST(GatewayConfig, FullEntryAndDefaults) {
     const auto config = ParseConfig(R"({
       "gateway": {"name": "det", "status_file": "/run/x.json", "status_interval_ms": 250,
-                  "stop_grace_ms": 0},
+                  "stop_grace_ms": 0, "lease_ms": 2500},
       "slots": [
         {"name": "frames", "type": "reliable", "max_size": 1048576, "queue_length": 64,
          "update_time_ms": 5, "direction": "from-network", "domain": 7, "partition": "lab",
@@ -43,6 +43,8 @@ TEST(GatewayConfig, FullEntryAndDefaults) {
     EXPECT_EQ(config.statusFile, "/run/x.json");
     EXPECT_EQ(config.statusIntervalMs, 250u);
     EXPECT_EQ(config.stopGraceMs, 0u);
+    EXPECT_EQ(config.leaseMs, 2500u);
+    EXPECT_EQ(ParseConfig(OneSlot(""), "gw.json").leaseMs, 500u);
     ASSERT_EQ(config.routes.size(), 2u);
     const auto& frames = config.routes[0];
     EXPECT_EQ(frames.maxSize, 1048576u);
@@ -96,6 +98,8 @@ TEST(GatewayConfig, ErrorsNameFileEntryAndField) {
               "gw.json: top level: field \"slots\": must be a non-empty array of slot entries");
     EXPECT_EQ(Refusal(R"({"gateway": {"stop_grace": 1}, "slots": []})").substr(0, 50),
               "gw.json: gateway: field \"stop_grace\": unknown key ");
+    EXPECT_EQ(Refusal(R"({"gateway": {"lease_ms": 99}, "slots": []})"),
+              "gw.json: gateway: field \"lease_ms\": must be between 100 and 3600000, not 99");
     EXPECT_EQ(Refusal(R"([1])"), "gw.json: top level: must be an object, not array");
     EXPECT_EQ(
         Refusal(

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Test driver for the two-host gateway test, run inside each "host":
-//   gateway_probe write SLOT MAXSIZE COUNT           numbered blocks into a reliable slot,
-//                                                    waiting while it is full
+//   gateway_probe write SLOT MAXSIZE COUNT [PAUSE_MS]  numbered blocks into a reliable slot,
+//                                                    waiting while it is full (and PAUSE_MS
+//                                                    after each block: a paced stream)
 //   gateway_probe read SLOT MAXSIZE COUNT SECONDS    checks that blocks 0..COUNT-1 arrive in
 //                                                    order, byte for byte (a repeat of the
 //                                                    block just read is counted, not an error)
@@ -9,7 +10,10 @@
 //   gateway_probe wait-state SLOT MAXSIZE TEXT SECONDS  waits until the discarding slot holds TEXT
 //   gateway_probe watch-state SLOT MAXSIZE TEXT SECONDS  waits until a reader of the slot is
 //                                                    given TEXT (prints 'ready' once reading)
-// Block n's size walks through 1..MAXSIZE (both ends included) and its bytes derive from n.
+//   gateway_probe length SLOT MAXSIZE                prints the number of blocks waiting in a
+//                                                    reliable slot
+// Block n's size walks through 0..MAXSIZE (both ends included; empty blocks never adjacent) and
+// its bytes derive from n.
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
 
@@ -31,7 +35,10 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 Bytes NumberedBlock(unsigned n, std::size_t maxSize) {
-    const std::size_t size = n % 5 == 0 ? 1 : n % 5 == 1 ? maxSize : 1 + (n * 7919u) % maxSize;
+    const std::size_t size = n % 7 == 3   ? 0
+                             : n % 5 == 0 ? 1
+                             : n % 5 == 1 ? maxSize
+                                          : 1 + (n * 7919u) % maxSize;
     Bytes block(size);
     for (std::size_t i = 0; i < size; ++i) {
         block[i] = static_cast<unsigned char>((n * 131u + i * 7u) ^ (i >> 8) ^ (n >> 8));
@@ -89,14 +96,15 @@ private:
 };
 
 int Usage() {
-    std::cerr << "usage: gateway_probe write|read|state|wait-state SLOT MAXSIZE ...\n";
+    std::cerr
+        << "usage: gateway_probe write|read|length|state|wait-state|watch-state SLOT MAXSIZE ...\n";
     return 64;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 5) {
+    if (argc < 4 || (std::string(argv[1]) != "length" && argc < 5)) {
         return Usage();
     }
     log4cxx::BasicConfigurator::configure();
@@ -107,12 +115,14 @@ int main(int argc, char** argv) {
         const SlotCfg cfg = Cfg(name, "reliable", maxSize);
         ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
         const unsigned count = std::strtoul(argv[4], nullptr, 10);
+        const std::chrono::milliseconds pause(argc > 5 ? std::strtoul(argv[5], nullptr, 10) : 0);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
         for (unsigned n = 0; n < count;) {
             const Bytes block = NumberedBlock(n, maxSize);
             writer->onNotify(name, block.data(), block.size());
             if (Slot::LastWriteOutcome() == Slot::WriteOutcome::Stored) {
                 ++n;
+                std::this_thread::sleep_for(pause);
             } else if (std::chrono::steady_clock::now() > end) {
                 std::cerr << "gateway_probe: the slot stayed full at block " << n << "\n";
                 return 2;
@@ -130,6 +140,11 @@ int main(int argc, char** argv) {
         const int result = checker->Wait(std::chrono::seconds(std::strtoul(argv[5], nullptr, 10)));
         reader.reset();
         return result;
+    }
+    if (mode == "length") {
+        Cfg cfg(name, "reliable", maxSize);
+        std::cout << SlotFactory::CreateSlot(&cfg)->GetBufferLength() << "\n";
+        return 0;
     }
     if (mode == "state") {
         const SlotCfg cfg = Cfg(name, "discarding", maxSize);

@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -314,4 +315,132 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     EXPECT_EQ(WriteFileAtomically(config.statusFile, "{}"), "");
     EXPECT_NE(access(target.c_str(), F_OK), 0);
     std::remove(config.statusFile.c_str());
+}
+
+// Once its receiver has gone, a sending gateway takes nothing more from a reliable slot, and the
+// blocks written meanwhile reach the next receiver in their order.
+TEST(Gateway, ReliableTakesNothingWhileNoReceiverIsMatched) {
+    testsupport::ScopedSlotName source("gw_gone_src"), destination("gw_gone_dst");
+    const std::string partition = testsupport::UniqueName("part");
+    const Route out =
+        MakeRoute(source, "reliable", Direction::ToNetwork, partition, "gone", 1024, 16);
+    const Route in =
+        MakeRoute(destination, "reliable", Direction::FromNetwork, partition, "gone", 1024, 16);
+    RouteSlotCfg sourceCfg(out), destinationCfg(in);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&sourceCfg);
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
+
+    Gateway sending(OneRoute(out));
+    std::unique_ptr<Gateway> receiving(new Gateway(OneRoute(in)));
+    WriteHeld(writer, source, NumberedBlock(0, 1024));
+    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(30)));
+    receiving.reset();
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; },
+                           std::chrono::seconds(30)));
+    for (unsigned n = 1; n <= 5; ++n) {
+        WriteHeld(writer, source, NumberedBlock(n, 1024));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // time to (wrongly) take
+    EXPECT_EQ(slot->GetBufferLength(), 5u);
+
+    receiving.reset(new Gateway(OneRoute(in)));
+    ASSERT_TRUE(collector->WaitFor(6, std::chrono::seconds(30)))
+        << collector->Blocks().size() << " of 6 arrived";
+    const std::vector<Bytes> blocks = collector->Blocks();
+    ASSERT_EQ(blocks.size(), 6u);
+    for (unsigned n = 0; n < 6; ++n) {
+        EXPECT_EQ(blocks[n], NumberedBlock(n, 1024)) << "block " << n;
+    }
+}
+
+// A block in hand when the receiver went away, unstored, goes back to the head of the slot
+// when the sending gateway stops: the next reader gets the blocks in their order.
+TEST(Gateway, ReliableBlockInHandGoesBackToTheHeadOfTheSlot) {
+    testsupport::ScopedSlotName source("gw_back_src"), destination("gw_back_dst");
+    const std::string partition = testsupport::UniqueName("part");
+    const Route out =
+        MakeRoute(source, "reliable", Direction::ToNetwork, partition, "back", 512, 8);
+    // Nobody reads the destination: it holds block 0 and refuses block 1.
+    const Route in =
+        MakeRoute(destination, "reliable", Direction::FromNetwork, partition, "back", 512, 1);
+    RouteSlotCfg sourceCfg(out), destinationCfg(in);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&sourceCfg);
+    boost::shared_ptr<ISlot> destinationSlot = SlotFactory::CreateSlot(&destinationCfg);
+    Config sendingConfig = OneRoute(out), receivingConfig = OneRoute(in);
+    sendingConfig.stopGraceMs = 300;
+    receivingConfig.stopGraceMs = 200;
+
+    Gateway sending(sendingConfig);
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    for (unsigned n = 0; n < 5; ++n) {
+        WriteHeld(writer, source, NumberedBlock(n, 512));
+    }
+    ASSERT_TRUE(Eventually([&] { return receiving->Status()[0].counters.refused >= 1; },
+                           std::chrono::seconds(30)));
+    EXPECT_EQ(slot->GetBufferLength(), 3u);  // blocks 2..4; block 1 is in the sender's hand
+    receiving.reset();                       // stops within its grace, block 1 unstored
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; },
+                           std::chrono::seconds(30)));
+    sending.Stop();
+    EXPECT_EQ(sending.Status()[0].counters.dropped, 0u);
+    ASSERT_EQ(slot->GetBufferLength(), 4u);
+    for (unsigned n = 1; n < 5; ++n) {
+        char buffer[512];
+        const size_t size = slot->ReadData(buffer, sizeof buffer);
+        EXPECT_EQ(Bytes(buffer, buffer + size), NumberedBlock(n, 512)) << "block " << n;
+    }
+}
+
+// Empty blocks are blocks: they cross like the others, in order, for both slot kinds.
+TEST(Gateway, EmptyBlocksCross) {
+    testsupport::ScopedSlotName source("gw_empty_src"), destination("gw_empty_dst"),
+        stateSource("gw_empty_state"), stateCopy("gw_empty_state_copy");
+    const std::string partition = testsupport::UniqueName("part");
+    const Route out =
+        MakeRoute(source, "reliable", Direction::ToNetwork, partition, "empty", 64, 8);
+    const Route in =
+        MakeRoute(destination, "reliable", Direction::FromNetwork, partition, "empty", 64, 8);
+    const Route stateOut =
+        MakeRoute(stateSource, "discarding", Direction::ToNetwork, partition, "empty_state", 64, 1);
+    const Route stateIn =
+        MakeRoute(stateCopy, "discarding", Direction::FromNetwork, partition, "empty_state", 64, 1);
+    RouteSlotCfg sourceCfg(out), destinationCfg(in), stateSourceCfg(stateOut),
+        stateCopyCfg(stateIn);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    ISubscriberPtr stateWriter = SlotFactory::CreateSlotWriter(&stateSourceCfg);
+    boost::shared_ptr<Collector> blocks(new Collector), states(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, blocks);
+    INotifierPtr stateReader = SlotFactory::CreateSlotReader(&stateCopyCfg, states);
+
+    Config sendingConfig = OneRoute(out), receivingConfig = OneRoute(in);
+    sendingConfig.routes.push_back(stateOut);
+    receivingConfig.routes.push_back(stateIn);
+    Gateway receiving(receivingConfig);
+    Gateway sending(sendingConfig);
+
+    const std::vector<Bytes> written = {Bytes{1}, Bytes{}, Bytes{2, 3, 4}, Bytes{}};
+    for (const Bytes& block : written) {
+        WriteHeld(writer, source, block);
+    }
+    ASSERT_TRUE(blocks->WaitFor(written.size(), std::chrono::seconds(30)))
+        << blocks->Blocks().size() << " of " << written.size() << " arrived";
+    EXPECT_EQ(blocks->Blocks(), written);
+
+    // A state is sent once the sending gateway reads the slot; the empty one follows it.
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[1].sending; }, std::chrono::seconds(20)));
+    const Bytes first = {'x'};
+    stateWriter->onNotify(stateSource, first.data(), first.size());
+    ASSERT_TRUE(states->WaitFor(1, std::chrono::seconds(30)));
+    stateWriter->onNotify(stateSource, nullptr, 0);
+    ASSERT_TRUE(states->WaitFor(2, std::chrono::seconds(30)));
+    EXPECT_EQ(states->Blocks(), (std::vector<Bytes>{first, Bytes{}}));
+    for (const RouteStatus& status : sending.Status()) {
+        EXPECT_EQ(status.counters.dropped, 0u) << status.route.name;
+    }
+    for (const RouteStatus& status : receiving.Status()) {
+        EXPECT_EQ(status.counters.dropped, 0u) << status.route.name;
+    }
 }

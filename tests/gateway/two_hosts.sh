@@ -3,7 +3,9 @@
 # Two gateways on two "hosts" of this machine: network namespaces joined by a veth pair, each
 # with its own /dev/shm and /run/lock (a mount namespace kept by a holder process). Covers both
 # slot kinds and both directions, a receiving gateway restarted mid-stream (reliable: nothing
-# lost), blocks of 1 byte to the maximum size, the latest state of a discarding slot, and no
+# lost), SIGKILLed mid-stream (the stall until blocks flow again is measured), a reliable slot
+# left alone while no receiver is matched (kept whole and in order across a SIGKILL of the
+# sender), blocks of 0 bytes to the maximum size, the latest state of a discarding slot, and no
 # echo in a both-ways configuration. Needs root; otherwise reported as skipped (exit 77).
 #   two_hosts.sh SLOT_GATEWAY GATEWAY_PROBE
 set -euo pipefail
@@ -102,9 +104,10 @@ JSON
 config "$work/a.json" to-network from-network
 config "$work/b.json" from-network to-network
 
+lease_ms=500
 start_gateway() {  # host
     local -n runner=on_$1
-    "${runner[@]}" "$gateway" --timeout 200 --config "$work/${1,,}.json" --status-file "$work/status-$1.json" \
+    "${runner[@]}" "$gateway" --timeout 200 --lease-ms $lease_ms --config "$work/${1,,}.json" --status-file "$work/status-$1.json" \
         >> "$work/gateway-$1.log" 2>&1 &
     gateways[$1]=$!
 }
@@ -115,6 +118,19 @@ stop_gateway() {  # host
     kill -0 "$pid" 2> /dev/null && fail "gateway $1 did not stop within 15 s of SIGTERM"
     wait "$pid" || fail "gateway $1 exited with status $?"
     unset "gateways[$1]"
+}
+kill_gateway() {  # host: SIGKILL; its status file goes too, so that counters are the next run's
+    kill -KILL "${gateways[$1]}"
+    wait "${gateways[$1]}" 2> /dev/null || true
+    unset "gateways[$1]"
+    rm -f "$work/status-$1.json"
+}
+wait_started() {  # host
+    for _ in $(seq 400); do
+        [[ -e $work/status-$1.json ]] && return 0
+        sleep 0.05
+    done
+    fail "gateway $1 did not start"
 }
 # counter host slot field: a counter from the host's status file.
 counter() {
@@ -133,16 +149,11 @@ wait_counter() {  # host slot field minimum seconds
 step "start both gateways"
 start_gateway A
 start_gateway B
-for host in A B; do
-    for _ in $(seq 400); do
-        [[ -e $work/status-$host.json ]] && break
-        sleep 0.05
-    done
-    [[ -e $work/status-$host.json ]] || fail "gateway $host did not start"
-done
+wait_started A
+wait_started B
 
 count=600
-step "reliable A -> B: $count blocks of 1..$max bytes, B's gateway restarted mid-stream"
+step "reliable A -> B: $count blocks of 0..$max bytes, B's gateway restarted mid-stream"
 "${on_B[@]}" timeout -s KILL 150 "$probe" read gw_rel $max $count 120 > "$work/read-rel.log" 2>&1 &
 reader=$!
 "${on_A[@]}" timeout -s KILL 150 "$probe" write gw_rel $max $count > "$work/write-rel.log" 2>&1 &
@@ -153,6 +164,57 @@ start_gateway B
 wait "$writer" || fail "writer on A failed"
 wait "$reader" || fail "reader on B: $(cat "$work/read-rel.log")"
 cat "$work/read-rel.log"
+
+step "reliable A -> B: B's gateway SIGKILLed and restarted three times mid-stream"
+# The stall: from the SIGKILL until the restarted gateway has stored two blocks (the first may
+# be the one in flight, sent again; the second needs the sender to be done with it).
+# A paced stream (a block every 5 ms), so that it still runs at the third SIGKILL.
+count=1200
+"${on_B[@]}" timeout -s KILL 150 "$probe" read gw_rel $max $count 120 > "$work/read-kill.log" 2>&1 &
+reader=$!
+"${on_A[@]}" timeout -s KILL 150 "$probe" write gw_rel $max $count 5 > "$work/write-kill.log" 2>&1 &
+writer=$!
+stalls=()
+for round in 1 2 3; do
+    base=$(counter B gw_rel received)
+    wait_counter B gw_rel received $((base + 40)) 60 || fail "B received fewer than 40 blocks before SIGKILL $round"
+    start=$(date +%s%N)
+    kill_gateway B
+    start_gateway B
+    wait_counter B gw_rel received 2 30 || fail "blocks did not resume after SIGKILL $round of B"
+    stalls+=($(( ($(date +%s%N) - start) / 1000000 )))
+done
+wait "$writer" || fail "writer on A failed"
+wait "$reader" || fail "reader on B: $(cat "$work/read-kill.log")"
+cat "$work/read-kill.log"
+echo "stall after a SIGKILL of the receiving gateway (lease $lease_ms ms): ${stalls[*]} ms"
+for stall in "${stalls[@]}"; do
+    (( stall < 5000 )) || fail "blocks resumed only $stall ms after a SIGKILL of the receiving gateway"
+done
+
+step "reliable A -> B: nothing taken while B's gateway is stopped; kept across a SIGKILL of A's"
+stop_gateway B
+wait_counter_max() {  # host slot field maximum seconds
+    for _ in $(seq $(($5 * 20))); do
+        (( $(counter "$1" "$2" "$3") <= $4 )) 2> /dev/null && return 0
+        sleep 0.05
+    done
+    return 1
+}
+wait_counter_max A gw_rel matched_readers 0 30 || fail "A still sees a receiver of gw_rel"
+held=8  # the slot's queue length
+"${on_A[@]}" timeout -s KILL 60 "$probe" write gw_rel $max $held > "$work/write-held.log" 2>&1 || fail "writer on A failed"
+sleep 1  # room for a wrong take
+waiting=$("${on_A[@]}" "$probe" length gw_rel $max)
+[[ $waiting == "$held" ]] || fail "A's gateway took from gw_rel without a receiver: $waiting of $held blocks left"
+kill_gateway A
+start_gateway A
+start_gateway B
+wait_started A
+wait_started B
+"${on_B[@]}" timeout -s KILL 90 "$probe" read gw_rel $max $held 60 > "$work/read-held.log" 2>&1 ||
+    fail "reader on B: $(cat "$work/read-held.log")"
+cat "$work/read-held.log"
 
 step "reliable B -> A: 300 blocks"
 "${on_A[@]}" timeout -s KILL 100 "$probe" read gw_back $max 300 80 > "$work/read-back.log" 2>&1 &

@@ -1,0 +1,301 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <SlotGateway/ReliableSender.h>
+
+#include "GatewayBlock.h"
+
+#include <Slot/BoostInterprocess/ReliableSlotReader.h>
+#include <Slot/SlotFactory.h>
+#include <Slot/WriteOutcome.h>
+#include <shared/ILockable.h>
+#include <shared/ISyncEvent.h>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/interprocess/sync/scoped_lock.hpp>
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+namespace SlotGateway {
+
+namespace {
+
+// How long the thread sleeps at most between looks at the stop flag and the matched receivers.
+constexpr std::chrono::milliseconds kPoll(20);
+
+dds_entity_t CheckEntity(dds_entity_t entity, const char* what) {
+    if (entity < 0) {
+        throw std::runtime_error(std::string(what) + ": " + dds_strretcode(entity));
+    }
+    return entity;
+}
+
+struct Matches {
+    std::uint32_t current = 0;
+    std::uint32_t total = 0;  // ever matched
+};
+
+Matches PublicationMatches(dds_entity_t writer) {
+    dds_publication_matched_status_t status;
+    Matches matches;
+    if (dds_get_publication_matched_status(writer, &status) == DDS_RETCODE_OK) {
+        matches.current = status.current_count;
+        matches.total = status.total_count;
+    }
+    return matches;
+}
+
+}  // namespace
+
+ReliableSender::ReliableSender(const Route& route, std::uint64_t gatewayId, dds_entity_t writer,
+                               dds_entity_t ackReader, StopFlag& stop,
+                               std::chrono::milliseconds grace, AtomicCounters& counters)
+    : route_(route),
+      cfg_(route),
+      gatewayId_(gatewayId),
+      writer_(writer),
+      ackReader_(ackReader),
+      stop_(stop),
+      grace_(grace),
+      counters_(counters) {
+    ackCondition_ = CheckEntity(dds_create_readcondition(ackReader_, DDS_ANY_STATE),
+                                "dds_create_readcondition");
+    ackWaitset_ = CheckEntity(dds_create_waitset(DDS_CYCLONEDDS_HANDLE), "dds_create_waitset");
+    dds_waitset_attach(ackWaitset_, ackCondition_, 0);
+    thread_ = std::thread([this] { Run(); });
+}
+
+ReliableSender::~ReliableSender() {
+    Stop();
+    dds_delete(ackWaitset_);
+}
+
+void ReliableSender::Stop() {
+    if (stopped_) {
+        return;
+    }
+    stopped_ = true;
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    dds_wait_for_acks(writer_, DDS_MSECS(grace_.count()));
+}
+
+std::uint32_t ReliableSender::MatchedReaders() const {
+    return PublicationMatches(writer_).current;
+}
+
+void ReliableSender::Run() {
+    const std::chrono::milliseconds slice = std::min<std::chrono::milliseconds>(
+        kPoll * 5, std::chrono::milliseconds(route_.updateTimeMs));
+    while (!stop_.set) {
+        try {
+            if (!holding_) {
+                // The check comes right before the take: a block is taken only while a receiving
+                // gateway is matched.
+                if (MatchedReaders() == 0) {
+                    stop_.WaitFor(kPoll);
+                    continue;
+                }
+                if (!claim_ && !Claim()) {
+                    stop_.WaitFor(std::chrono::milliseconds(200));
+                    continue;
+                }
+                if (!Take()) {
+                    slot_->GetOnWriteCondition()->Wait(
+                        boost::posix_time::milliseconds(slice.count()));
+                    continue;
+                }
+            }
+            if (Deliver()) {
+                holding_ = false;
+            }
+        } catch (const std::exception& e) {
+            LOG4CXX_ERROR(Logger(),
+                          "Sending slot '" << route_.name << "': " << e.what() << " (retrying)");
+            stop_.WaitFor(std::chrono::milliseconds(200));
+        }
+    }
+    if (holding_) {
+        GiveBack();
+        holding_ = false;
+    }
+    claim_.reset();
+    claimed_ = false;
+}
+
+bool ReliableSender::Claim() {
+    try {
+        if (!slot_) {
+            slot_ = SlotFactory::CreateSlot(&cfg_);
+        }
+        claim_.reset(new ReliableSlotReader(slot_, cfg_.GetUpdateTime()));
+    } catch (const std::exception& e) {
+        const Clock::time_point now = Clock::now();
+        if (now - lastClaimError_ > std::chrono::seconds(30)) {
+            lastClaimError_ = now;
+            LOG4CXX_ERROR(Logger(), "Cannot read slot '" << route_.name << "': " << e.what()
+                                                         << " (retrying)");
+        }
+        return false;
+    }
+    held_.resize(std::max<std::size_t>(1, slot_->GetMaxDataSize()));
+    claimed_ = true;
+    if (Logger()->isInfoEnabled()) {
+        LOG4CXX_INFO(Logger(), "Slot '" << route_.name << "' is sent to topic '" << route_.topic
+                                        << "' (domain " << route_.domain << ")");
+    }
+    return true;
+}
+
+bool ReliableSender::Take() {
+    // This is the slot's only reader: a block counted under the lock is there to be read, also
+    // one of 0 bytes.
+    boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
+    if (slot_->GetBufferLength() == 0) {
+        return false;
+    }
+    heldSize_ = slot_->ReadData(held_.data(), held_.size());
+    heldSerial_ = ++sequence_;
+    holding_ = true;
+    return true;
+}
+
+bool ReliableSender::Deliver() {
+    SlotGatewayWire_Block sample;
+    sample.gateway = gatewayId_;
+    sample.serial = heldSerial_;
+    sample.data._maximum = static_cast<uint32_t>(heldSize_);
+    sample.data._length = static_cast<uint32_t>(heldSize_);
+    sample.data._buffer = heldSize_ != 0 ? held_.data() : nullptr;
+    sample.data._release = false;
+
+    bool graceStarted = false;
+    Clock::time_point deadline;
+    auto givingUp = [&] {
+        if (!stop_.set) {
+            return false;
+        }
+        if (!graceStarted) {
+            graceStarted = true;
+            deadline = Clock::now() + grace_;
+        }
+        return Clock::now() >= deadline;
+    };
+    for (bool first = true;; first = false) {
+        if (!first) {
+            ++counters_.retried;
+        }
+        while (MatchedReaders() == 0) {
+            if (givingUp()) {
+                return false;
+            }
+            stop_.WaitFor(kPoll);
+        }
+        const Matches before = PublicationMatches(writer_);
+        const dds_return_t written = dds_write(writer_, &sample);
+        if (written != DDS_RETCODE_OK) {
+            if (written != DDS_RETCODE_TIMEOUT) {
+                LOG4CXX_WARN(Logger(), "Block of '" << route_.name << "' not published yet: "
+                                                    << dds_strretcode(written));
+                stop_.WaitFor(std::chrono::milliseconds(50));
+            }
+            if (givingUp()) {
+                return false;
+            }
+            continue;
+        }
+        // Done when every matched receiving gateway stored the block in its slot. A receiver
+        // that left before storing it (a restart) or one that matched after the publication (a
+        // restart's successor: the topic keeps no history for late readers) makes the block go
+        // out again at once: receivers that have it recognise the serial and only acknowledge
+        // it once more.
+        std::set<std::uint64_t> storedBy;
+        bool again = false;
+        for (;;) {
+            TakeAcks(sample.serial, storedBy);
+            const Matches now = PublicationMatches(writer_);
+            if (!storedBy.empty() && storedBy.size() >= now.current) {
+                break;
+            }
+            const bool someLeft = now.total - now.current != before.total - before.current;
+            const bool someCame = now.total != before.total;
+            if (someCame || (storedBy.empty() && (now.current == 0 || someLeft))) {
+                again = true;
+                break;
+            }
+            if (givingUp()) {
+                // Published and matched, only not yet stored: the receiver has it or gets it
+                // from the writer's history while this participant lives.
+                ++counters_.forwarded;
+                return true;
+            }
+            dds_waitset_wait(ackWaitset_, nullptr, 0, DDS_MSECS(kPoll.count()));
+        }
+        if (!again) {
+            ++counters_.forwarded;
+            return true;
+        }
+    }
+}
+
+void ReliableSender::TakeAcks(std::uint64_t serial, std::set<std::uint64_t>& storedBy) {
+    for (;;) {
+        void* samples[1] = {nullptr};
+        dds_sample_info_t info[1];
+        const dds_return_t n = dds_take(ackReader_, samples, info, 1, 1);
+        if (n <= 0) {
+            return;
+        }
+        if (info[0].valid_data) {
+            const auto* ack = static_cast<const SlotGatewayWire_Block*>(samples[0]);
+            std::uint64_t receiver = 0;
+            if (ack->gateway == gatewayId_ && ack->serial == serial &&
+                ack->data._length == sizeof receiver) {
+                std::memcpy(&receiver, ack->data._buffer, sizeof receiver);
+                storedBy.insert(receiver);
+            }
+        }
+        dds_return_loan(ackReader_, samples, n);
+    }
+}
+
+void ReliableSender::GiveBack() {
+    // Under the slot's lock, which writers hold around each write: the block goes to the end of
+    // the queue, then each block that waited before it is taken from the head and appended
+    // again, which leaves the block at the head and the others in their order. The queue never
+    // holds more than before plus this block, and no more than one block is out of it at a time.
+    bool stored = false;
+    try {
+        {
+            boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
+            const std::size_t waiting = slot_->GetBufferLength();
+            slot_->WriteData(held_.data(), heldSize_);
+            stored = Slot::LastWriteOutcome() == Slot::WriteOutcome::Stored;
+            for (std::size_t i = 0; stored && i < waiting; ++i) {
+                const std::size_t size = slot_->ReadData(held_.data(), held_.size());
+                slot_->WriteData(held_.data(), size);
+                if (Slot::LastWriteOutcome() != Slot::WriteOutcome::Stored) {
+                    ++counters_.dropped;
+                    LOG4CXX_ERROR(Logger(), "A block of '" << route_.name
+                                                           << "' was lost while the gateway "
+                                                              "put a block back into the slot");
+                }
+            }
+        }
+        slot_->GetOnWriteCondition()->Notify();
+    } catch (const std::exception& e) {
+        LOG4CXX_ERROR(Logger(), "Slot '" << route_.name << "': " << e.what());
+    }
+    if (stored) {
+        LOG4CXX_WARN(Logger(), "No receiver for slot '" << route_.name << "' while stopping: block "
+                                                        << heldSerial_
+                                                        << " put back at the head of the slot");
+        return;
+    }
+    ++counters_.dropped;
+    LOG4CXX_ERROR(Logger(), "Block " << heldSerial_ << " of '" << route_.name
+                                     << "' dropped: no receiver and the slot refused it back");
+}
+
+}  // namespace SlotGateway

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <SlotGateway/Config.h>
+#include <SlotGateway/Internal.h>
+
+#include <Slot/ISlot.h>
+
+#include <dds/dds.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <thread>
+#include <vector>
+
+class ReliableSlotReader;
+
+namespace SlotGateway {
+
+// The sending side of a reliable route, on a thread of its own.
+//
+// The thread takes one block at a time from the slot, and only while a receiving gateway is
+// matched, publishes it, and keeps it in hand until every matched receiving gateway has stored
+// it (an acknowledgement on "<topic>/ack"). A receiver that leaves before acknowledging gets the
+// block again from its successor; a receiver that matches meanwhile gets it at once. Without a
+// receiver the block stays in hand (its place in the order kept) and nothing more is taken.
+//
+// The slot has one reader per machine: from the first take on, this sender holds the slot's
+// reader claim (a reliable slot reader whose thread is never started) and reads the slot itself,
+// under the slot's lock, so that it decides when to take and sees empty blocks as blocks.
+class ReliableSender {
+public:
+    // `writer` publishes on the route's topic, `ackReader` reads "<topic>/ack"; both stay
+    // owned by the caller's participant. Starts the thread.
+    ReliableSender(const Route& route, std::uint64_t gatewayId, dds_entity_t writer,
+                   dds_entity_t ackReader, StopFlag& stop, std::chrono::milliseconds grace,
+                   AtomicCounters& counters);
+    // Stop().
+    ~ReliableSender();
+    ReliableSender(const ReliableSender&) = delete;
+    ReliableSender& operator=(const ReliableSender&) = delete;
+
+    // Once the stop flag is raised: ends the thread. The block in hand is delivered within the
+    // grace; without a receiver it goes back to the head of the slot's queue. Then lets DDS
+    // deliver what was published, within the grace. Idempotent.
+    void Stop();
+
+    // The slot's reader claim is held (the slot is being read).
+    bool Sending() const { return claimed_; }
+    std::uint32_t MatchedReaders() const;
+
+private:
+    void Run();
+    // Takes the slot's reader claim; false (logged now and then) while another reader has it.
+    bool Claim();
+    // Takes the oldest block into the hand; false when the slot is empty.
+    bool Take();
+    // Publishes the block in hand until stored; false: stopping, the block is still in hand.
+    bool Deliver();
+    // Puts the block in hand back at the head of the slot's queue, or drops it (logged).
+    void GiveBack();
+    // Adds the receiving gateways that acknowledged block `serial`.
+    void TakeAcks(std::uint64_t serial, std::set<std::uint64_t>& storedBy);
+
+    const Route route_;
+    const RouteSlotCfg cfg_;
+    const std::uint64_t gatewayId_;
+    const dds_entity_t writer_;
+    const dds_entity_t ackReader_;
+    StopFlag& stop_;
+    const std::chrono::milliseconds grace_;
+    AtomicCounters& counters_;
+    dds_entity_t ackCondition_ = 0;
+    dds_entity_t ackWaitset_ = 0;
+
+    // The sending thread's own.
+    boost::shared_ptr<ISlot> slot_;
+    std::unique_ptr<ReliableSlotReader> claim_;
+    Clock::time_point lastClaimError_;
+    std::vector<std::uint8_t> held_;  // the block in hand: heldSize_ bytes, when holding_
+    std::size_t heldSize_ = 0;
+    bool holding_ = false;
+    std::uint64_t heldSerial_ = 0;
+    std::uint64_t sequence_ = 0;
+
+    std::atomic<bool> claimed_{false};
+    std::thread thread_;
+    bool stopped_ = false;  // Stop()'s caller only
+};
+
+}  // namespace SlotGateway
