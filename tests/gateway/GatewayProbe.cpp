@@ -142,7 +142,7 @@ int main(int argc, char** argv) {
         return result;
     }
     if (mode == "length") {
-        Cfg cfg(name, "reliable", maxSize);
+        const SlotCfg cfg = Cfg(name, "reliable", maxSize);
         std::cout << SlotFactory::CreateSlot(&cfg)->GetBufferLength() << "\n";
         return 0;
     }
