@@ -17,20 +17,23 @@ void SlotWriter::onNotify(const std::string&, const void* data, size_t size) {
     if (debug) {
         LOG4CXX_DEBUG(logger_, "write to '" << slot_->GetName() << "'");
     }
-    {
+    bool writing = false;
+    try {
         // Only the write itself (and its TRACE line) stands inside the slot's lock.
         boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
         if (trace) {
             LOG4CXX_TRACE(logger_, "locked '" << slot_->GetName() << "'");
         }
-        try {
-            slot_->WriteData(data, size);
-        } catch (...) {
-            // The slot kinds record their own outcomes; an exception is a failed write.
+        writing = true;
+        slot_->WriteData(data, size);
+    } catch (...) {
+        // The slot kinds record their own outcomes; a write that throws is a failed one,
+        // recorded once the lock is released (the lock's own failure is no write).
+        if (writing) {
             shared::RecordWriteOutcome(shared::WriteCountersFor(slot_->GetName()),
                                        shared::WriteOutcome::Failed);
-            throw;
         }
+        throw;
     }
     if (trace) {
         LOG4CXX_TRACE(logger_, "unlocked '" << slot_->GetName() << "'");

@@ -39,6 +39,8 @@ public:
     // Repair run when Wait locks the (robust) mutex after its holder died; see LockablePtr.
     // Set before the pack is shared between threads.
     void SetOwnerDeadRepair(const OwnerDeadRepair& repair) { repair_ = repair; }
+    // The relock's watch (see LockWatch), as the LockablePtr over the same mutex has it.
+    void SetLockWatch(const LockWatch& watch) { watch_ = watch; }
 
 private:
     Mutex* mutex_;
@@ -48,6 +50,7 @@ private:
     std::uint32_t lastSeen_;
     log4cxx::LoggerPtr logger_;
     OwnerDeadRepair repair_;
+    LockWatch watch_;
 };
 
 }  // namespace shared

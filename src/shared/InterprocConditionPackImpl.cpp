@@ -17,14 +17,15 @@ namespace {
 // The pack's mutex as the lock of the wait: robust locking with the pack's repair.
 class RecoveringMutex {
 public:
-    RecoveringMutex(pthread_mutex_t* mutex, const OwnerDeadRepair& repair)
-        : mutex_(mutex), repair_(repair) {}
-    void lock() { LockRecovering(mutex_, repair_); }
-    void unlock() { UnlockRobust(mutex_); }
+    RecoveringMutex(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const LockWatch& watch)
+        : mutex_(mutex), repair_(repair), watch_(watch) {}
+    void lock() { LockRecovering(mutex_, repair_, &watch_); }
+    void unlock() { UnlockRobust(mutex_, &watch_); }
 
 private:
     pthread_mutex_t* mutex_;
     const OwnerDeadRepair& repair_;
+    const LockWatch& watch_;
 };
 
 std::int64_t MonotonicNs() {
@@ -61,7 +62,7 @@ InterprocConditionPack<Mutex>::~InterprocConditionPack() {
 
 template <class Mutex>
 bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration& timeout) {
-    RecoveringMutex mutex(NativeMutex(mutex_), repair_);
+    RecoveringMutex mutex(NativeMutex(mutex_), repair_, watch_);
     // One level test for the wait's TRACE lines: the second would come right after a wake-up.
     const bool trace = logger_->isTraceEnabled();
     boost::interprocess::scoped_lock<RecoveringMutex> lock(mutex);

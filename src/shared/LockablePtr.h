@@ -32,7 +32,7 @@ public:
 
     // Set before the lockable is shared between threads.
     void SetOwnerDeadRepair(const OwnerDeadRepair& repair) { repair_ = repair; }
-    // What lock() may learn about a holder it waits for (see LockRecovering).
+    // What lock() may learn about a holder it waits for, and the mutex's kind (see LockWatch).
     void SetLockWatch(const LockWatch& watch) { watch_ = watch; }
 
     void lock() override {
@@ -41,7 +41,7 @@ public:
         }
     }
     bool try_lock() override {
-        return mutex_ != nullptr && TryLockRecovering(NativeMutex(mutex_), repair_);
+        return mutex_ != nullptr && TryLockRecovering(NativeMutex(mutex_), repair_, &watch_);
     }
     bool timed_lock(const boost::posix_time::ptime& absTime) override {
         return mutex_ != nullptr &&
@@ -49,7 +49,7 @@ public:
     }
     void unlock() override {
         if (mutex_ != nullptr) {
-            UnlockRobust(NativeMutex(mutex_));
+            UnlockRobust(NativeMutex(mutex_), &watch_);
         }
     }
 

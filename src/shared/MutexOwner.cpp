@@ -88,7 +88,9 @@ int ProcessMapsFile(pid_t pid, const std::string& path) {
         line.clear();
     }
     std::fclose(maps);
-    return read ? found : -1;
+    // A map that opens but is empty belongs to a process without an address space (a kernel
+    // thread, or a zombie): it maps nothing. One we may not read does not open at all.
+    return read ? found : 0;
 }
 
 }  // namespace shared

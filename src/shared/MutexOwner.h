@@ -28,8 +28,9 @@ SHARED_EXPORT bool MutexLooksSane(const pthread_mutex_t* mutex, int kind);
 // Process of the thread `tid` (its thread-group id), or 0 when no such thread lives.
 SHARED_EXPORT pid_t ProcessOfThread(pid_t tid);
 
-// Whether the live process `pid` maps the file `path` (e.g. "/dev/shm/<object>"): 1 yes, 0 no,
-// -1 unknown (its memory map cannot be read, e.g. another user's process).
+// Whether the live process `pid` maps the file `path` (e.g. "/dev/shm/<object>"): 1 yes, 0 no
+// (also a kernel thread, whose map is empty), -1 unknown (its memory map cannot be read, e.g.
+// another user's process).
 SHARED_EXPORT int ProcessMapsFile(pid_t pid, const std::string& path);
 
 }  // namespace shared

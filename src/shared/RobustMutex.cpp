@@ -129,6 +129,21 @@ int RobustKind() {
 // How long a contended locker waits between two looks at the lock word.
 const boost::posix_time::milliseconds LockSlice(100);
 
+// See LockWatch::kind. One load and compare before each lock.
+void CheckKind(pthread_mutex_t* mutex, const LockWatch* watch) {
+    if (watch == nullptr || watch->kind < 0) {
+        return;
+    }
+    const int kind = __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED);
+    if (__builtin_expect(kind != watch->kind, 0)) {
+        const std::string why = "is not a robust lock (kind " + std::to_string(kind) + ")";
+        if (watch->giveUp) {
+            watch->giveUp(why);
+        }
+        throw boost::interprocess::interprocess_exception(("the lock " + why).c_str());
+    }
+}
+
 }  // namespace
 
 std::string RobustLockDamage(const pthread_mutex_t* mutex) {
@@ -157,6 +172,7 @@ std::string RobustLockDamage(const pthread_mutex_t* mutex) {
 void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const LockWatch* watch) {
     // glibc replaces the recorded owner when it hands out a mutex whose owner died, so the dead
     // holder's id can only be read before locking. One relaxed load.
+    CheckKind(mutex, watch);
     const pid_t previous = RecordedOwner(mutex);
     if (Acquired(pthread_mutex_trylock(mutex), EBUSY, mutex, previous, repair)) {
         return;
@@ -165,7 +181,7 @@ void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const
     bool damaged = false;
     std::chrono::steady_clock::time_point damagedSince;
     for (;;) {
-        if (TimedLockRecovering(mutex, UtcNow() + LockSlice, repair)) {
+        if (TimedLockRecovering(mutex, UtcNow() + LockSlice, repair, watch)) {
             return;
         }
         std::string why = RobustLockDamage(mutex);
@@ -195,7 +211,13 @@ void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const
     }
 }
 
-bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair) {
+int RobustMutexKind() {
+    return RobustKind();
+}
+
+bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair,
+                       const LockWatch* watch) {
+    CheckKind(mutex, watch);
     const pid_t previous = RecordedOwner(mutex);
     return Acquired(pthread_mutex_trylock(mutex), EBUSY, mutex, previous, repair);
 }
@@ -206,6 +228,7 @@ bool TimedLockRecovering(pthread_mutex_t* mutex, const boost::posix_time::ptime&
         LockRecovering(mutex, repair, watch);
         return true;
     }
+    CheckKind(mutex, watch);
     const pid_t previous = RecordedOwner(mutex);
     const timespec abs = ToTimespec(deadline);
 #if defined(__SANITIZE_THREAD__)
@@ -230,7 +253,14 @@ bool TimedLockRecovering(pthread_mutex_t* mutex, const boost::posix_time::ptime&
     return Acquired(rc, ETIMEDOUT, mutex, previous, repair);
 }
 
-void UnlockRobust(pthread_mutex_t* mutex) {
+void UnlockRobust(pthread_mutex_t* mutex, const LockWatch* watch) {
+    // The caller holds the mutex, so its kind is the caller's to restore: glibc's unlock of
+    // another kind would leave a robust mutex linked in this thread's list of robust mutexes.
+    if (watch != nullptr && watch->kind >= 0 &&
+        __builtin_expect(__atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED) != watch->kind,
+                         0)) {
+        __atomic_store_n(&mutex->__data.__kind, watch->kind, __ATOMIC_RELAXED);
+    }
     pthread_mutex_unlock(mutex);
 }
 

@@ -48,7 +48,16 @@ struct LockWatch {
     std::function<std::string(pid_t owner)> holderCheck;
     // Told why the lock is given up, just before LockRecovering throws.
     std::function<void(const std::string& why)> giveUp;
+    // The mutex's kind word as it was made (RobustMutexKind() for a slot's header mutex), or -1:
+    // not checked. glibc picks its lock path by this word, and some paths assert on the other
+    // words or make system calls with them: a lock that finds another kind gives up at once
+    // (giveUp, then interprocess_exception "the lock is not a robust lock (kind <k>)"); an
+    // unlock restores it first, as the holder.
+    int kind = -1;
 };
+
+// glibc's kind word of a mutex made by InitRobustMutex.
+SHARED_EXPORT int RobustMutexKind();
 
 // Blocking lock. Uncontended it is one trylock. Contended it waits in slices and, between them,
 // looks at the lock word: a word that no live holder can leave (owned by a thread that no longer
@@ -64,14 +73,15 @@ SHARED_EXPORT void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair&
 // LockRecovering). A snapshot of the word; for tests and diagnostics.
 SHARED_EXPORT std::string RobustLockDamage(const pthread_mutex_t* mutex);
 // One attempt: true when acquired, false when someone holds it.
-SHARED_EXPORT bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair);
+SHARED_EXPORT bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair,
+                                     const LockWatch* watch = nullptr);
 // Until the absolute UTC time `deadline` (pos_infin: LockRecovering). False when it passed.
 SHARED_EXPORT bool TimedLockRecovering(pthread_mutex_t* mutex,
                                        const boost::posix_time::ptime& deadline,
                                        const OwnerDeadRepair& repair,
                                        const LockWatch* watch = nullptr);
 // Never throws (it runs in destructors); unlocking a mutex the caller does not hold does nothing.
-SHARED_EXPORT void UnlockRobust(pthread_mutex_t* mutex);
+SHARED_EXPORT void UnlockRobust(pthread_mutex_t* mutex, const LockWatch* watch = nullptr);
 
 // The calling thread's kernel thread id.
 SHARED_EXPORT pid_t CurrentThreadId();

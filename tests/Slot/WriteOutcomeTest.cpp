@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
+#include <atomic>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -122,6 +123,35 @@ TEST(WriteOutcome, AWriteThatThrowsThroughSlotWriterIsAFailure) {
     slot.writeThrows = [] { throw std::runtime_error("broken"); };
     SlotWriter writer{boost::shared_ptr<IBaseSlot>(&slot, [](IBaseSlot*) {})};
     EXPECT_THROW(writer.onNotify("", "x", 1), std::runtime_error);
+    EXPECT_EQ(WriteOutcome::Failed, Slot::LastWriteOutcome());
+    ExpectCounts(name, 0, 0, 0, 1);
+}
+
+// The failed outcome is recorded after the lock is released: nothing but the write (and its
+// TRACE line) asks the slot anything while the lock is held, and the exception still comes
+// through with the lock released and no notification.
+TEST(WriteOutcome, AThrowingWriteIsRecordedOutsideTheLock) {
+    class NameCountingSlot : public testsupport::FakeSlot {
+    public:
+        using FakeSlot::FakeSlot;
+        std::string GetName() const override {
+            if (const_cast<NameCountingSlot*>(this)->lock().held) {
+                ++namesWhileLocked;
+            }
+            return FakeSlot::GetName();
+        }
+        mutable std::atomic<int> namesWhileLocked{0};
+    };
+    const std::string name = testsupport::UniqueName("outcome_unlocked");
+    NameCountingSlot slot(name);
+    slot.writeThrows = [] { throw std::runtime_error("broken"); };
+    SlotWriter writer{boost::shared_ptr<IBaseSlot>(&slot, [](IBaseSlot*) {})};
+    EXPECT_THROW(writer.onNotify("", "x", 1), std::runtime_error);
+    EXPECT_EQ(0, slot.namesWhileLocked.load());
+    EXPECT_FALSE(slot.lock().held.load());
+    EXPECT_TRUE(slot.lock().mutex.try_lock());
+    slot.lock().mutex.unlock();
+    EXPECT_EQ(0, slot.event().notifies.load());
     EXPECT_EQ(WriteOutcome::Failed, Slot::LastWriteOutcome());
     ExpectCounts(name, 0, 0, 0, 1);
 }

@@ -92,6 +92,9 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
             shared::CreateSharedMemory(boost::interprocess::open_or_create, name_.c_str(),
                                        static_cast<unsigned int>(realMaxDataSize + HeaderHeadroom)),
             shared::DestroySharedMemory);
+        // Checked against the real size of the object by CreateSharedMemory; the segment's own
+        // record of it may change later, this does not.
+        segmentSize_ = segment_->GetSegment().get_size();
         lockable_.Bind(segment_->GetMutex());
         lockable_.SetOwnerDeadRepair([this](pid_t dead) { RepairAfterDeadHolder(dead); });
         lockable_.SetLockWatch(HeaderLockWatch());
@@ -162,7 +165,7 @@ void BaseQueueSlot::ConstructHeader() {
             throw;
         }
     } else {
-        const OutputBuffer out = GetOutputBuffer();
+        const OutputBuffer out = LocateOutputBuffer(*bufferHandle_);
         if (out.capacity < GetMaxDataSize() && logger_->isWarnEnabled()) {
             LOG4CXX_WARN(logger_, "Output buffer of '" << name_ << "' has " << out.capacity
                                                        << " bytes, less than its max data size "
@@ -176,6 +179,8 @@ void BaseQueueSlot::ConstructHeader() {
         !InsideSegment(bufferHandle_, sizeof(*bufferHandle_))) {
         throw AbortSlotCreationException(InvalidHeaderMsg());
     }
+    outHandle_ = *bufferHandle_;
+    out_ = LocateOutputBuffer(outHandle_);
     shared::CrashPoint("header-locked");
     // Every opening forgets the last block and the last write time; queued blocks stay.
     *bufferDataSize_ = 0;
@@ -201,6 +206,7 @@ void BaseQueueSlot::ConstructRwSync() {
         mutex, condition);
     onWrite_.reset(pack);
     pack->SetOwnerDeadRepair([this](pid_t dead) { RepairAfterDeadHolder(dead); });
+    pack->SetLockWatch(HeaderLockWatch());
 }
 
 std::string BaseQueueSlot::InvalidHeaderMsg() const {
@@ -224,7 +230,15 @@ shared::ISyncEvent* BaseQueueSlot::GetOnWriteCondition() {
 }
 
 boost::posix_time::ptime BaseQueueSlot::GetLastWriteTime() const {
-    return *writeTime_;
+    // Any 64-bit value can stand there; one that is no time of this era (damage) reads as "not
+    // written", so that no caller computes with it.
+    static const boost::posix_time::ptime earliest(boost::gregorian::date(1970, 1, 1));
+    static const boost::posix_time::ptime latest(boost::gregorian::date(9999, 1, 1));
+    const boost::posix_time::ptime stamp = *writeTime_;
+    if (stamp.is_special() ? stamp.is_not_a_date_time() : (stamp >= earliest && stamp < latest)) {
+        return stamp;
+    }
+    return boost::posix_time::ptime(boost::posix_time::not_a_date_time);
 }
 
 size_t BaseQueueSlot::GetBufferLength() const {
@@ -264,9 +278,23 @@ bool BaseQueueSlot::CheckDataBeforeWriting(const void*, size_t size) {
 }
 
 BaseQueueSlot::OutputBuffer BaseQueueSlot::GetOutputBuffer() const {
+    const int handle = __atomic_load_n(bufferHandle_, __ATOMIC_RELAXED);
+    if (handle == outHandle_ && out_.data != nullptr) {
+        return out_;
+    }
+    if (handle != outHandle_) {
+        throw boost::interprocess::interprocess_exception(
+            ("segment '" + name_ + "' is damaged: its output buffer handle is " +
+             std::to_string(handle) + ", not " + std::to_string(outHandle_) +
+             "; remove the slot (slotctl rm " + name_ + ") and create it again")
+                .c_str());
+    }
+    return LocateOutputBuffer(handle);
+}
+
+BaseQueueSlot::OutputBuffer BaseQueueSlot::LocateOutputBuffer(int handle) const {
     shared::SlotSegment& segment = segment_->GetSegment();
-    const std::uint64_t segmentSize = segment.get_size();
-    const int handle = *bufferHandle_;
+    const std::uint64_t segmentSize = segmentSize_;
     // A valid handle lies past the segment manager, so the block header that size() reads in
     // front of it is inside the segment too.
     if (handle >= static_cast<int>(sizeof(shared::SlotSegment::segment_manager)) &&
@@ -293,6 +321,8 @@ shared::SizedArray BaseQueueSlot::ReceiveAndCopyToOutBuf() {
     char none;  // a zero-size slot still needs a valid address to receive into
     MessageQueue::size_type count = 0;
     unsigned int priority = 0;
+    // Checked before the block is taken: a damaged header costs no block.
+    const OutputBuffer out = GetOutputBuffer();
     if (!queue_->try_receive(max != 0 ? received.data() : &none, max, count, priority)) {
         return shared::SizedArray();
     }
@@ -300,7 +330,7 @@ shared::SizedArray BaseQueueSlot::ReceiveAndCopyToOutBuf() {
         count = max;
     }
     received.setSize(static_cast<unsigned int>(count));
-    KeepInOutBuf(received.data(), count);
+    KeepInOutBuf(out, received.data(), count);
     return received;
 }
 
@@ -320,18 +350,18 @@ size_t BaseQueueSlot::ReceiveInto(void* buffer, size_t size) {
     // never see each other's blocks.
     MessageQueue::size_type count = 0;
     unsigned int priority = 0;
+    const OutputBuffer out = GetOutputBuffer();
     if (!queue_->try_receive(buffer, max, count, priority)) {
         return 0;
     }
     if (count > max) {
         count = max;
     }
-    KeepInOutBuf(static_cast<const char*>(buffer), count);
+    KeepInOutBuf(out, static_cast<const char*>(buffer), count);
     return count;
 }
 
-void BaseQueueSlot::KeepInOutBuf(const char* block, size_t count) {
-    const OutputBuffer out = GetOutputBuffer();
+void BaseQueueSlot::KeepInOutBuf(const OutputBuffer& out, const char* block, size_t count) {
     size_t kept = count;
     if (kept > out.capacity) {
         // The queue was re-created with larger blocks than the buffer was allocated for.
@@ -450,15 +480,39 @@ void BaseQueueSlot::CheckQueue() {
     queueGuard_->Recover(logger_, name_);
 }
 
-void BaseQueueSlot::CrashInsideQueue(const char* name) {
-    if (shared::CrashPointDue(name) && queueGuard_) {
-        pthread_mutex_lock(queueGuard_->Mutex());
-        shared::KillThisProcess();
+bool BaseQueueSlot::SendBlock(const void* data, size_t size) {
+    const char none = 0;
+    const void* bytes = size != 0 ? data : &none;
+    if (!queueGuard_) {
+        return queue_->try_send(bytes, static_cast<MessageQueue::size_type>(size),
+                                DefaultDataPriority);
     }
+    struct Record {
+        QueueGuard& guard;
+        explicit Record(QueueGuard& g) : guard(g) { guard.BeginSend(); }
+        ~Record() { guard.EndSend(); }
+    } record(*queueGuard_);
+#ifdef SLOT_CRASH_POINTS
+    if (shared::CrashPointsArmed()) {
+        if (shared::CrashPointReached("send-queue-locked")) {
+            pthread_mutex_lock(queueGuard_->Mutex());
+            shared::KillThisProcess();
+        }
+        if (shared::CrashPointReached("send-window-moved")) {
+            queueGuard_->DieInsideSend(0, bytes, size);
+        }
+        if (shared::CrashPointReached("send-half-copied")) {
+            queueGuard_->DieInsideSend(1, bytes, size);
+        }
+    }
+#endif
+    return queue_->try_send(bytes, static_cast<MessageQueue::size_type>(size), DefaultDataPriority);
 }
 
 shared::LockWatch BaseQueueSlot::HeaderLockWatch() const {
     shared::LockWatch watch;
+    // Made robust by CreateSharedMemory before the segment was marked initialised.
+    watch.kind = shared::RobustMutexKind();
     // Whoever holds the header mutex has the segment mapped: a live owner whose process does not
     // is a word that damage wrote.
     const std::string path = Slot::ShmPath(Slot::HeaderObjectName(name_));
@@ -594,11 +648,10 @@ void BaseQueueSlot::CheckHeaderSegment() const {
     // that died inside the allocator or the index is reported instead of blocking
     // find_or_construct for ever. A data size beyond the buffer is repaired by the reset below.
     shared::SlotSegment& segment = segment_->GetSegment();
-    SlotImage::HeaderImage image =
-        SlotImage::ParseHeader(segment.get_address(), segment.get_size());
+    SlotImage::HeaderImage image = SlotImage::ParseHeader(segment.get_address(), segmentSize_);
     AwaitManagerLocks(segment.get_address(), image, name_);
     if (image.verdict != SlotImage::Verdict::Valid) {
-        image = SlotImage::ParseHeader(segment.get_address(), segment.get_size());
+        image = SlotImage::ParseHeader(segment.get_address(), segmentSize_);
     }
     if (image.verdict == SlotImage::Verdict::Foreign ||
         (image.verdict == SlotImage::Verdict::Damaged && !OnlyDataSizeIsWrong(image))) {
@@ -610,9 +663,8 @@ void BaseQueueSlot::CheckHeaderSegment() const {
 }
 
 bool BaseQueueSlot::InsideSegment(const void* p, size_t size) const {
-    shared::SlotSegment& segment = segment_->GetSegment();
-    const char* base = static_cast<const char*>(segment.get_address());
+    const char* base = static_cast<const char*>(segment_->GetSegment().get_address());
     const char* at = static_cast<const char*>(p);
-    return p != nullptr && at >= base && size <= segment.get_size() &&
-           static_cast<size_t>(at - base) <= segment.get_size() - size;
+    return p != nullptr && at >= base && size <= segmentSize_ &&
+           static_cast<size_t>(at - base) <= segmentSize_ - size;
 }

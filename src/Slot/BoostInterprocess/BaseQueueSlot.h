@@ -132,9 +132,12 @@ protected:
     // repaired (ERROR line); a damaged queue, or one whose mutex a live thread keeps, raises
     // boost::interprocess::interprocess_exception. One relaxed load when all is well.
     void CheckQueue();
-    // Test builds: dies at the crash point `name` holding the queue's mutex, as a process killed
-    // inside a queue call does. Does nothing otherwise.
-    void CrashInsideQueue(const char* name);
+    // try_send of one block (priority DefaultDataPriority; a 0-byte block is sent from a valid
+    // address), recorded in the queue while it runs, so that a recoverer that finds the sender
+    // dead inside it drops the block it may have half copied (QueueGuard::BeginSend). Callers
+    // hold the slot's lock and have called CheckQueue. Test builds: the crash points
+    // "send-queue-locked", "send-window-moved" and "send-half-copied" die inside the send.
+    bool SendBlock(const void* data, size_t size);
 
     // Construction steps; ConstructHeader holds GetLockable() throughout and calls ConstructRwSync.
     void ConstructHeader();
@@ -146,11 +149,15 @@ private:
         char* data;
         size_t capacity;  // usable bytes of the allocation
     };
-    // The output buffer as "output_buffer_handle" locates it. A handle whose block does not lie
-    // inside the segment is logged and yields an empty buffer.
+    // The output buffer, as "output_buffer_handle" located it when the slot was opened. The
+    // handle is written once, by the slot's first opener: one that differs now is damage, and
+    // throws boost::interprocess::interprocess_exception ("segment '<name>' is damaged: ...").
+    // A handle that located nothing at the opening is logged and yields an empty buffer.
     OutputBuffer GetOutputBuffer() const;
-    // Copies a block just received into the output buffer and sets its data size.
-    void KeepInOutBuf(const char* block, size_t count);
+    // The block "output_buffer_handle" names now, checked against the mapping (see above).
+    OutputBuffer LocateOutputBuffer(int handle) const;
+    // Copies a block just received into `out` and sets the data size.
+    void KeepInOutBuf(const OutputBuffer& out, const char* block, size_t count);
 
     // Creates the queue object (space reserved) or waits, bounded, for its creator; then opens it.
     // True when this call created it.
@@ -182,4 +189,9 @@ private:
     // lookup yields the same pointer).
     std::atomic<shared::WriteCounters*> writeCounters_{nullptr};
     std::unique_ptr<QueueGuard> queueGuard_;  // our checking view of the queue
+    // What this process found at the opening, checked then; every later use compares the
+    // segment's words with these instead of following them again.
+    size_t segmentSize_ = 0;        // bytes mapped (the segment records its own size too)
+    int outHandle_ = 0;             // "output_buffer_handle"
+    OutputBuffer out_{nullptr, 0};  // the block it located (data null: none)
 };

@@ -58,10 +58,7 @@ void DiscardingSlot::WriteData(const void* data, size_t size) {
         }
         // A writer that filled the queue since the count above makes this send fail; the block
         // is then lost, as in any race between two writers that do not hold the lockable.
-        const char none = 0;
-        CrashInsideQueue("send-queue-locked");
-        if (!queue.try_send(size != 0 ? data : &none, static_cast<MessageQueue::size_type>(size),
-                            DefaultDataPriority)) {
+        if (!SendBlock(data, size)) {
             outcome = shared::WriteOutcome::Refused;
         }
         const boost::posix_time::ptime stamp = StampLastWriteTime();

@@ -2,6 +2,7 @@
 #include <Slot/BoostInterprocess/QueueGuard.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
 
+#include <shared/CrashPoint.h>
 #include <shared/ManagedObject.h>
 #include <shared/MutexOwner.h>
 #include <shared/RobustMutex.h>
@@ -17,6 +18,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -54,6 +56,7 @@ QueueGuard::QueueGuard(const std::string& queueName)
       firstWord_(nullptr),
       blockedSenders_(nullptr),
       blockedReceivers_(nullptr),
+      sendRecord_(nullptr),
       capacity_(0),
       slotSize_(0),
       messages_(nullptr) {
@@ -122,17 +125,60 @@ void QueueGuard::Validate(bool messagesToo) const {
                   "the queue's blocked counts are 32-bit");
     self.blockedSenders_ = reinterpret_cast<const std::uint32_t*>(&header->m_blocked_senders);
     self.blockedReceivers_ = reinterpret_cast<const std::uint32_t*>(&header->m_blocked_receivers);
+    self.sendRecord_ = reinterpret_cast<std::uint32_t*>(&header->m_blocked_senders);
     self.capacity_ = static_cast<std::uint32_t>(image.capacity);
     self.slotSize_ = static_cast<std::size_t>(image.messageStride);
     self.messages_ = base_ + image.messages.offset;
 }
 
 std::size_t QueueGuard::Count() const {
-    const std::size_t count = __atomic_load_n(&CountWord(), __ATOMIC_RELAXED);
+    std::size_t count = __atomic_load_n(&CountWord(), __ATOMIC_RELAXED);
+    // Pairs with the fence in BeginSend: a count that includes a send's block comes with that
+    // send's record, until the send has returned.
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    const std::uint32_t record = __atomic_load_n(sendRecord_, __ATOMIC_RELAXED);
+    if (record != 0) {
+        const std::int64_t before = RecordedCount(record);
+        if (before >= 0 && static_cast<std::size_t>(before) < count) {
+            count = static_cast<std::size_t>(before);
+        }
+    }
     return count <= capacity_ ? count : capacity_;
 }
 
-std::string QueueGuard::RepairWindow() {
+bool QueueGuard::RepairSend(std::uint32_t record, std::uint64_t& first, std::uint64_t& count,
+                            std::string& done) const {
+    // Boost's full-queue path counts the sender in (+1) and out again: the low bit.
+    const std::int64_t recorded = RecordedCount(record);
+    if (recorded < 0) {
+        return false;
+    }
+    const std::uint64_t countBefore = static_cast<std::uint64_t>(recorded);
+    const std::uint32_t classBefore = ((record & ~1u) / 2 - 1) % 3;
+    // A send moves `first` back by one, then counts its block, then sets the block's length and
+    // copies its bytes. With a single slot `first` never moves.
+    const bool moved = capacity_ > 1 && PositionClass(first) != classBefore;
+    if (count == countBefore + 1 && (moved || capacity_ == 1)) {
+        // Counted: its bytes may be partly copied, and its sender never heard it was stored.
+        // Taken out, so that no reader is handed a block that was never written whole.
+        first = (first + 1) % capacity_;
+        count = countBefore;
+        done += " the block its unfinished send had counted was dropped;";
+        return true;
+    }
+    if (count == countBefore && moved) {
+        first = (first + 1) % capacity_;
+        done += " the window of a half-made send was restored;";
+        return true;
+    }
+    if (count == countBefore && !moved) {
+        done += " its send had not yet taken a block;";
+        return true;
+    }
+    return false;
+}
+
+std::string QueueGuard::RepairWindow(std::uint32_t record) {
     std::string done;
     if (capacity_ == 0) {
         header_->m_cur_num_msg = 0;
@@ -145,24 +191,33 @@ std::string QueueGuard::RepairWindow() {
     };
     std::uint64_t first = header_->m_cur_first_msg;
     std::uint64_t count = header_->m_cur_num_msg;
-    // A send moves `first` back one slot, then counts the new block. Killed in between, the
-    // window has slid: the oldest block lies just past its end. Slide it back.
-    if (count < capacity_ && message(first + count).len != 0) {
-        first = (first + 1) % capacity_;
-        done += " the window of a half-made send was restored;";
-    }
-    // The oldest block with length 0: a receive cleared it and was killed before it counted it
-    // out (the receiver's block in flight), or a send counted a slot it never filled.
-    if (count != 0 && message(first + count - 1).len == 0 &&
-        message(first + count - 1).priority == 0) {
-        --count;
-        done += " an emptied oldest block was taken out;";
-    }
-    // The newest block with length 0: a send counted it and was killed before it filled it.
-    if (count != 0 && message(first).len == 0) {
-        first = (first + 1) % capacity_;
-        --count;
-        done += " an unfilled newest block was taken out;";
+    if (record != 0 && RepairSend(record, first, count, done)) {
+        // The dead holder was inside a recorded send: repaired exactly above.
+    } else {
+        if (record != 0) {
+            done += " its send record did not match the queue;";
+        }
+        // Without a record (a death inside a receive, or inside a send by a caller without the
+        // header lock) the state of the blocks tells what the call had done.
+        // A send moves `first` back one slot, then counts the new block. Killed in between, the
+        // window has slid: the oldest block lies just past its end. Slide it back.
+        if (count < capacity_ && message(first + count).len != 0) {
+            first = (first + 1) % capacity_;
+            done += " the window of a half-made send was restored;";
+        }
+        // The oldest block with length 0: a receive cleared it and was killed before it counted
+        // it out (the receiver's block in flight), or a send counted a slot it never filled.
+        if (count != 0 && message(first + count - 1).len == 0 &&
+            message(first + count - 1).priority == 0) {
+            --count;
+            done += " an emptied oldest block was taken out;";
+        }
+        // The newest block with length 0: a send counted it and was killed before it filled it.
+        if (count != 0 && message(first).len == 0) {
+            first = (first + 1) % capacity_;
+            --count;
+            done += " an unfilled newest block was taken out;";
+        }
     }
     // Every other block must fit the queue's message size.
     for (std::uint64_t i = 0; i < count; ++i) {
@@ -179,8 +234,8 @@ std::string QueueGuard::RepairWindow() {
     }
     header_->m_cur_first_msg = static_cast<QueueSize>(first);
     header_->m_cur_num_msg = static_cast<QueueSize>(count);
-    // Nobody ever blocks in this queue; a count left by a killed try-call would make every
-    // later call signal a condition variable for nothing.
+    // Nobody ever blocks in this queue; a count left by a killed try-call (or the send record)
+    // would make every later call signal a condition variable for nothing.
     header_->m_blocked_senders = 0;
     header_->m_blocked_receivers = 0;
     return done;
@@ -192,7 +247,13 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
                 std::to_string(header_->m_cur_first_msg) + " exceeds its " +
                 std::to_string(capacity_) + " messages");
     }
-    if (AnyBlocked()) {
+    // A send record: the sender died inside its send (the queue's mutex is still held, repaired
+    // below) or after it (its block is whole and stays).
+    std::uint32_t record = __atomic_load_n(sendRecord_, __ATOMIC_RELAXED);
+    if (record != 0 && (header_->m_blocked_receivers != 0 || RecordedCount(record) < 0)) {
+        record = 0;
+    }
+    if (AnyBlocked() && record == 0) {
         // Nobody waits in a slot's queue: the counts are damage, and a wrong count only makes
         // senders and receivers signal for nothing. Callers hold the header lock, so no queue
         // call of the library runs meanwhile.
@@ -216,6 +277,9 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
         const int word = __atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED);
         const pid_t owner = shared::MutexOwnerThread(mutexOwner_);
         if (word == 0) {
+            if (record != 0) {
+                EndSend();
+            }
             return;
         }
         const bool dead =
@@ -225,7 +289,7 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
             // Everyone who takes this mutex in the library holds the header lock, which we hold:
             // nobody else can be inside the queue, so it can be repaired and its mutex made anew.
             Validate(false);
-            const std::string done = RepairWindow();
+            const std::string done = RepairWindow(record);
             shared::InitSharedMutex(mutexOwner_);
             if (logger->isErrorEnabled()) {
                 LOG4CXX_ERROR(logger, "Queue of '"
@@ -245,4 +309,26 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+}
+
+void QueueGuard::DieInsideSend(int step, const void* data, std::size_t size) {
+    // What Boost's do_send does under the queue's mutex, stopped part-way. A full queue takes
+    // no block.
+    pthread_mutex_lock(mutexOwner_);
+    if (header_->m_cur_num_msg >= capacity_) {
+        shared::KillThisProcess();
+    }
+    if (capacity_ > 1) {
+        header_->m_cur_first_msg =
+            header_->m_cur_first_msg == 0 ? capacity_ - 1 : header_->m_cur_first_msg - 1;
+    }
+    if (step >= 1) {
+        ++header_->m_cur_num_msg;
+        MessageHeader& block = *bi::ipcdetail::to_raw_pointer(
+            bi::ipcdetail::to_raw_pointer(header_->mp_index)[header_->m_cur_first_msg]);
+        block.priority = 0;
+        block.len = static_cast<QueueSize>(size);
+        std::memcpy(block.data(), data, size / 2);
+    }
+    shared::KillThisProcess();
 }

@@ -48,7 +48,9 @@ public:
     QueueGuard& operator=(const QueueGuard&) = delete;
 
     // Blocks now in the queue, read without the queue's mutex (a snapshot, like any count),
-    // clamped to the capacity.
+    // clamped to the capacity. The block of a send that has not returned is not counted yet:
+    // Boost counts it before it copies its bytes, and if its sender dies it is dropped, so a
+    // reader that counts without the slot's lock never counts on it.
     std::size_t Count() const;
 
     // Cheap test, every queue use: the mutex is free, the counters are in range and nobody is
@@ -68,8 +70,28 @@ public:
     // a live thread keeps its mutex.
     void Recover(const log4cxx::LoggerPtr& logger, const std::string& slotName);
 
+    // Bracket every send of the library, under the slot's header lock: BeginSend records the
+    // queue's count and first position as they are before the send, EndSend clears the record.
+    // A recoverer that finds the queue's mutex held by a dead thread and this record set knows
+    // that the thread died inside that send, and where the send had got to (see Recover). The
+    // record lives in the queue's blocked-senders count: the library only makes try-calls, so
+    // the count is 0 whenever no send runs, and Boost's non-blocking send does not read it (it
+    // only counts itself in and out there when the queue is full).
+    void BeginSend() {
+        const std::uint32_t count = __atomic_load_n(&CountWord(), __ATOMIC_RELAXED);
+        const std::uint32_t first = __atomic_load_n(&FirstWord(), __ATOMIC_RELAXED);
+        __atomic_store_n(sendRecord_, SendRecord(count, first), __ATOMIC_RELAXED);
+        // Orders the record before the send's change of the count (see Count).
+        __atomic_thread_fence(__ATOMIC_RELEASE);
+    }
+    void EndSend() { __atomic_store_n(sendRecord_, 0u, __ATOMIC_RELAXED); }
+
     // The queue's mutex (for tests and crash points).
     pthread_mutex_t* Mutex() const { return mutexOwner_; }
+    // Test builds: dies inside a send as one killed by SIGKILL in Boost's do_send does, holding
+    // the queue's mutex: `step` 0 after moving the window without counting the block, 1 after
+    // counting it and copying half of `data`. Call after BeginSend.
+    [[noreturn]] void DieInsideSend(int step, const void* data, std::size_t size);
 
 private:
     typedef boost::interprocess::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr> Header;
@@ -89,8 +111,32 @@ private:
     // Throws when the control block, the index (or, with messagesToo, a waiting message's
     // length) do not fit the mapping; sets the addresses this view uses.
     void Validate(bool messagesToo) const;
-    // Repairs the window after a death inside a queue call; returns what was done.
-    std::string RepairWindow();
+    // The send record of a send that starts with `count` blocks and first position `first`:
+    // even and not 0 (Boost's full-queue path may add 1 while the send runs). The first position
+    // is kept as a class that differs between any position and the one before it (a send moves
+    // the window back by one), which is all the recoverer needs of it.
+    static std::uint32_t PositionClass(std::uint64_t first) {
+        return first == 0 ? 2u : static_cast<std::uint32_t>(first & 1u);
+    }
+    static std::uint32_t SendRecord(std::uint32_t count, std::uint32_t first) {
+        return 2u * (3u * count + PositionClass(first) + 1u);
+    }
+    // Count before the send of a send record, or -1 when `record` cannot be one for this queue.
+    std::int64_t RecordedCount(std::uint32_t record) const {
+        const std::uint32_t even = record & ~1u;
+        if (even == 0) {
+            return -1;
+        }
+        const std::uint64_t count = (even / 2 - 1) / 3;
+        return count <= capacity_ ? static_cast<std::int64_t>(count) : -1;
+    }
+    // Repairs the window after a death inside a queue call; returns what was done. `record` is
+    // the send record found (0: none).
+    std::string RepairWindow(std::uint32_t record);
+    // Exact repair after a death inside a recorded send; false when the queue does not match the
+    // record (then the general repair runs).
+    bool RepairSend(std::uint32_t record, std::uint64_t& first, std::uint64_t& count,
+                    std::string& done) const;
     [[noreturn]] void Damaged(const std::string& detail) const;
 
     std::string name_;
@@ -102,6 +148,7 @@ private:
     const std::uint32_t* firstWord_;         // mq_hdr_t::m_cur_first_msg, inside the mapping
     const std::uint32_t* blockedSenders_;    // mq_hdr_t::m_blocked_senders, inside the mapping
     const std::uint32_t* blockedReceivers_;  // mq_hdr_t::m_blocked_receivers, inside the mapping
+    std::uint32_t* sendRecord_;              // mq_hdr_t::m_blocked_senders, written by BeginSend
     std::uint32_t capacity_;                 // max messages, validated at construction (immutable)
     std::size_t slotSize_;                   // bytes per message slot, header included
     char* messages_;                         // first message slot

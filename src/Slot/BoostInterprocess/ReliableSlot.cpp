@@ -42,10 +42,7 @@ void ReliableSlot::WriteData(const void* data, size_t size) {
     try {
         CheckQueue();
         MessageQueue& queue = GetQueue();
-        const char none = 0;
-        CrashInsideQueue("send-queue-locked");
-        if (queue.try_send(size != 0 ? data : &none, static_cast<MessageQueue::size_type>(size),
-                           DefaultDataPriority)) {
+        if (SendBlock(data, size)) {
             shared::CrashPoint("write-sent");
             const boost::posix_time::ptime stamp = StampLastWriteTime();
             RecordWriteOutcome(shared::WriteOutcome::Stored);

@@ -1,25 +1,33 @@
 // SPDX-License-Identifier: Apache-2.0
-// Random bytes written over a slot's header segment or queue: opening, writing and reading the
-// slot give exceptions or ERROR lines, never a crash, an out-of-bounds access (run it under
-// ASan/UBSan) or a hang. Each case runs in a child under a watchdog.
+// Random bytes written over a slot's header segment or queue, before it is opened or while it is
+// open: opening, writing and reading the slot give exceptions or ERROR lines, never a crash, an
+// out-of-bounds access (run it under ASan/UBSan) or a hang. Each case runs in a child under a
+// watchdog.
 #include "ChildProcess.h"
+#include "LogCapture.h"
 #include "ShmHygiene.h"
 
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
+#include <Slot/ISlotConfiguration.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotSurvey.h>
+#include <Slot/SlotWriter.h>
 
 #include <shared/ILockable.h>
+#include <shared/ISubscriber.h>
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -78,11 +86,16 @@ int UseSlot(const std::string& name) {
     return 0;
 }
 
-TEST(Corruption, RandomBytesOverAHeaderOrAQueueNeverCrashOrHang) {
-    int cases = 200;
+// SLOT_CORRUPTION_CASES, or `fallback`.
+int CaseCount(int fallback) {
     if (const char* text = std::getenv("SLOT_CORRUPTION_CASES")) {
-        cases = std::max(1, std::atoi(text));
+        return std::max(1, std::atoi(text));
     }
+    return fallback;
+}
+
+TEST(Corruption, RandomBytesOverAHeaderOrAQueueNeverCrashOrHang) {
+    const int cases = CaseCount(200);
     unsigned seed = 20261123;
     if (const char* text = std::getenv("SLOT_CORRUPTION_SEED")) {
         seed = static_cast<unsigned>(std::strtoul(text, nullptr, 10));
@@ -183,6 +196,187 @@ TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
         }
     }
     EXPECT_GT(cases, 100);
+}
+
+// Fills part of the header segment `name` with random bytes while it is mapped elsewhere: a
+// run of the bookkeeping in front of the output buffer, a run anywhere, or the whole segment.
+// `keepFirstWord` restores Boost's creation-state word, so that openers get past it.
+void FillOpenHeader(const std::string& name, std::mt19937& random, bool keepFirstWord) {
+    const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0) << name;
+    struct stat st;
+    ASSERT_EQ(0, ::fstat(fd, &st));
+    const size_t size = static_cast<size_t>(st.st_size);
+    void* address = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    ASSERT_NE(MAP_FAILED, address);
+    unsigned char* bytes = static_cast<unsigned char*>(address);
+    std::uint64_t firstWord;
+    std::memcpy(&firstWord, bytes, sizeof(firstWord));
+    size_t at = 0;
+    size_t length = size;
+    switch (random() % 3) {
+        case 0:  // the segment manager, the index, the named objects
+            at = random() % std::min<size_t>(size, 1024);
+            length = 1 + random() % 256;
+            break;
+        case 1:
+            at = random() % size;
+            length = 1 + random() % 4096;
+            break;
+        default:
+            break;
+    }
+    for (size_t k = at; k < at + length && k < size; ++k) {
+        bytes[k] = static_cast<unsigned char>(random());
+    }
+    if (keepFirstWord) {
+        std::memcpy(bytes, &firstWord, sizeof(firstWord));
+    }
+    ::munmap(address, size);
+}
+
+// Uses `slot`, open while its header was filled: a read under its lock, a write through a
+// writer of this slot and one of a new opening, then another opening. Every failure must be one
+// of the library's kinds.
+int UseDamagedOpenSlot(const boost::shared_ptr<ISlot>& slot, const SimpleSlotCfg& cfg) {
+    std::vector<char> buffer(slot->GetMaxDataSize());
+    try {
+        shared::ILockable& lock = *slot->GetLockable();
+        lock.lock();
+        try {
+            slot->ReadData(buffer.data(), buffer.size());
+        } catch (const boost::interprocess::interprocess_exception&) {
+        }
+        lock.unlock();
+    } catch (const boost::interprocess::interprocess_exception&) {
+    }
+    try {
+        SlotWriter writer(slot);
+        writer.onNotify("", "fresh", 5);
+    } catch (const boost::interprocess::interprocess_exception&) {
+    }
+    slot->GetBufferLength();
+    slot->GetLastWriteTime();
+    try {
+        const ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+        writer->onNotify("", "fresh", 5);
+    } catch (const AbortSlotCreationException&) {
+    } catch (const boost::interprocess::interprocess_exception&) {
+    }
+    try {
+        SlotFactory::CreateSlot(&cfg);
+    } catch (const AbortSlotCreationException&) {
+    }
+    return 0;
+}
+
+// The header segment of an open slot, of either kind, filled with random bytes; the first word
+// is kept in half of the cases. The survey must still read it and removal must remove it.
+TEST(Corruption, RandomBytesOverAnOpenSlotsHeaderNeverCrashOrHang) {
+    const int cases = CaseCount(60);
+    unsigned seed = 20261125;
+    if (const char* text = std::getenv("SLOT_CORRUPTION_SEED")) {
+        seed = static_cast<unsigned>(std::strtoul(text, nullptr, 10));
+    }
+    int first = 0;
+    if (const char* text = std::getenv("SLOT_CORRUPTION_FIRST")) {
+        first = std::max(0, std::atoi(text));
+    }
+    for (int c = first; c < first + cases; ++c) {
+        testsupport::ScopedSlotName name("corruptopen");
+        const bool reliable = c % 2 == 0;
+        const bool keepFirstWord = c % 4 < 2;
+        const SimpleSlotCfg cfg(name.str(), reliable ? "reliable" : "discarding",
+                                boost::posix_time::milliseconds(10), 4);
+        const testsupport::ChildResult result = testsupport::RunInChild(
+            [&] {
+                ::setenv("SLOT_CREATION_WAIT_MS", "100", 1);
+                std::seed_seq caseSeed{seed, static_cast<unsigned>(c)};
+                std::mt19937 random(caseSeed);
+                const boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+                slot->GetLockable()->lock();
+                slot->WriteData("block one", 9);
+                slot->GetLockable()->unlock();
+                FillOpenHeader(name.str(), random, keepFirstWord);
+                return UseDamagedOpenSlot(slot, cfg);
+            },
+            std::chrono::seconds(30));
+        ASSERT_TRUE(result.Ok()) << "seed " << seed << ", case " << c << " ("
+                                 << (reliable ? "reliable" : "discarding")
+                                 << (keepFirstWord ? ", first word kept" : "")
+                                 << "): " << result.Describe();
+        SlotSurvey::InspectSlot(name.str());
+        SlotFactory::RemoveSlot(name.str());
+        ASSERT_EQ(SlotState::Absent, SlotSurvey::InspectSlot(name.str()).state) << "case " << c;
+    }
+}
+
+// The words an open slot follows, each changed while it is open: a changed output buffer handle
+// makes a read throw before it takes a block, and the survey call the slot damaged; a header
+// mutex of another kind is given up on at once with the ERROR line; a write time that is no time
+// reads as not written. The slot is removed as any other.
+TEST(Corruption, WordsAnOpenSlotFollowsAreCheckedAtEveryUse) {
+    testsupport::ScopedSlotName name("corruptword");
+    ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+    shared::ILockable& lock = *slot.GetLockable();
+    lock.lock();
+    slot.WriteData("kept", 4);
+    lock.unlock();
+    const std::vector<unsigned char> pristine = ReadBytes(name.str());
+    const SlotImage::HeaderImage image = SlotImage::ParseHeader(pristine.data(), pristine.size());
+    ASSERT_EQ(SlotImage::Verdict::Valid, image.verdict) << image.problem;
+    auto overwrite = [&](std::uint64_t at, const void* value, size_t size) {
+        std::vector<unsigned char> bytes = pristine;
+        std::memcpy(&bytes[at], value, size);
+        WriteBytes(name.str(), bytes);
+    };
+    char buffer[64];
+
+    const std::int32_t handle = image.outputHandle + 16;
+    overwrite(image.objects[SlotImage::OutputHandle].value.offset, &handle, sizeof(handle));
+    lock.lock();
+    try {
+        slot.ReadData(buffer, sizeof(buffer));
+        ADD_FAILURE() << "a read followed a changed output buffer handle";
+    } catch (const boost::interprocess::interprocess_exception& e) {
+        EXPECT_NE(std::string::npos,
+                  std::string(e.what()).find("segment '" + name.str() +
+                                             "' is damaged: its output buffer handle is " +
+                                             std::to_string(handle)))
+            << e.what();
+    }
+    lock.unlock();
+    EXPECT_EQ(1u, slot.GetBufferLength()) << "the block was taken although the read failed";
+    EXPECT_EQ(SlotState::Damaged, SlotSurvey::InspectSlot(name.str()).state);
+
+    const std::uint64_t never = 0x7ffffffffffffff0ull;
+    overwrite(image.objects[SlotImage::LastWriteTime].value.offset, &never, sizeof(never));
+    EXPECT_TRUE(slot.GetLastWriteTime().is_not_a_date_time());
+
+    const int kind = 3;  // adaptive, not robust
+    overwrite(image.headerMutex.offset + offsetof(pthread_mutex_t, __data.__kind), &kind,
+              sizeof(kind));
+    {
+        testsupport::LogCapture log("Slot");
+        EXPECT_THROW(lock.lock(), boost::interprocess::interprocess_exception);
+        EXPECT_THROW(lock.try_lock(), boost::interprocess::interprocess_exception);
+        bool logged = false;
+        for (const std::string& m : log.Messages("ERROR")) {
+            logged = logged || m == "Slot '" + name.str() +
+                                        "' : its header lock is not a robust lock (kind 3); the "
+                                        "lock is damaged, giving up";
+        }
+        EXPECT_TRUE(logged);
+    }
+
+    WriteBytes(name.str(), pristine);
+    lock.lock();
+    EXPECT_EQ(4u, slot.ReadData(buffer, sizeof(buffer)));
+    lock.unlock();
+    EXPECT_EQ(0, std::memcmp(buffer, "kept", 4));
+    SlotFactory::RemoveSlot(name.str());
+    EXPECT_EQ(SlotState::Absent, SlotSurvey::InspectSlot(name.str()).state);
 }
 
 }  // namespace

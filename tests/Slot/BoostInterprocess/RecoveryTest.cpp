@@ -246,6 +246,91 @@ TEST(DeadQueueHolder, DeathInsideAQueueCallLosesOnlyTheBlockInFlight) {
     }
 }
 
+// A writer killed inside Boost's send, after the queue counted its block and before the copy
+// ended (or after the window moved, before the count): the block is never delivered, the blocks
+// accepted before it are, in order, and the ERROR line names the slot and the dead writer.
+TEST(DeadQueueHolder, ABlockWhoseSendDidNotFinishIsNeverDelivered) {
+    if (!shared::ArmCrashPoint("")) {
+        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
+    }
+    const std::string inFlight(kMaxSize, 'x');
+    for (const char* point : {"send-half-copied", "send-window-moved"}) {
+        // 0 and 3 accepted blocks: the window's first position wraps or not.
+        for (const int accepted : {0, 3}) {
+            SCOPED_TRACE(std::string(point) + " after " + std::to_string(accepted) + " blocks");
+            ScopedSlotName name;
+            std::unique_ptr<ChildProcess> child;
+            const pid_t dead = StartDyingWriter(
+                name, accepted,
+                [&](ReliableSlot& slot) {
+                    shared::ArmCrashPoint(point);
+                    Write(slot, inFlight);
+                },
+                child);
+            const ChildResult result = RunInChild([&] {
+                LogCapture log("Slot");
+                ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
+                Write(slot, Block(accepted));
+                if (const int failed = ExpectBlocks(slot, accepted + 1)) {
+                    return failed;
+                }
+                const std::string expected = "Queue of '" + name.str() + "' was locked by thread " +
+                                             std::to_string(dead) + ", which died holding it;";
+                if (CountContaining(log, "ERROR", expected) != 1) {
+                    return Failed(11, "no ERROR line '" + expected + "'");
+                }
+                const bool copying = std::string(point) == "send-half-copied";
+                if (copying && CountContaining(log, "ERROR", "had counted was dropped") != 1) {
+                    return Failed(12, "the dropped block is not named");
+                }
+                return 0;
+            });
+            EXPECT_TRUE(result.Ok()) << result.Describe();
+        }
+    }
+}
+
+TEST(DeadQueueHolder, ADiscardingSlotNeverDeliversAHalfCopiedBlock) {
+    if (!shared::ArmCrashPoint("")) {
+        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
+    }
+    ScopedSlotName name;
+    const std::string inFlight(kMaxSize, 'x');
+    std::unique_ptr<ChildProcess> child(new ChildProcess([&] {
+        DiscardingSlot slot(open_or_create, name.c_str(), kMaxSize);
+        slot.GetLockable()->lock();
+        slot.WriteData("kept", 4);
+        slot.GetLockable()->unlock();
+        shared::ArmCrashPoint("send-half-copied");
+        slot.GetLockable()->lock();
+        slot.WriteData(inFlight.data(), inFlight.size());
+        return 3;  // not reached
+    }));
+    const ChildResult died = child->Wait(seconds(30));
+    ASSERT_EQ(9, died.signal) << died.Describe();
+    const ChildResult result = RunInChild([&] {
+        LogCapture log("Slot");
+        DiscardingSlot slot(open_or_create, name.c_str(), kMaxSize);
+        char buffer[kMaxSize];
+        shared::ILockable& lock = *slot.GetLockable();
+        lock.lock();
+        const size_t n = slot.ReadData(buffer, sizeof(buffer));
+        lock.unlock();
+        if (n != 0) {
+            return Failed(11, "read " + std::to_string(n) + " bytes of a block never finished");
+        }
+        if (CountContaining(log, "ERROR", "had counted was dropped") != 1) {
+            return Failed(12, "the dropped block is not named");
+        }
+        lock.lock();
+        slot.WriteData("next", 4);
+        const size_t next = slot.ReadData(buffer, sizeof(buffer));
+        lock.unlock();
+        return std::string(buffer, next) == "next" ? 0 : Failed(13, "the next block is wrong");
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
 // Raw objects as a creator killed at some point leaves them.
 void MakeUnfinished(const std::string& name, off_t size, int state) {
     const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
