@@ -22,7 +22,7 @@ const size_t kLockSuffixLength = sizeof(kLockSuffix) - 1;
 
 // Slot names, which map to a file directly in the lock folder; other names have no lock file.
 bool HasLockFile(const std::string& name) {
-    return !Slot::SlotNameProblem(name) && name.find('\0') == std::string::npos;
+    return !Slot::SlotNameProblem(name);
 }
 
 bool Exists(const std::string& path) {

@@ -36,6 +36,9 @@ std::optional<std::string> SlotNameProblem(const std::string& name) {
     if (name.find('/') != std::string::npos) {
         return std::string("contains '/'");
     }
+    if (name.find('\0') != std::string::npos) {
+        return std::string("contains a NUL byte");  // the system would cut the name short
+    }
     if (name.size() > MaxSlotNameLength) {
         return "is longer than " + std::to_string(MaxSlotNameLength) + " characters";
     }

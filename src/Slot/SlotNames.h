@@ -68,9 +68,9 @@ SLOT_EXPORT std::string QueueObjectName(const std::string& slot);
 // bytes, and the queue's name adds "queue_".
 constexpr std::size_t MaxSlotNameLength = 249;
 
-// Why `name` cannot name a slot ("is empty", "is not a file name", "contains '/'", "is longer
-// than 249 characters"), or nothing when it can. Any other bytes are allowed: spaces, control
-// bytes and bytes that are not UTF-8 (tools escape names when they print them).
+// Why `name` cannot name a slot ("is empty", "is not a file name", "contains '/'", "contains a
+// NUL byte", "is longer than 249 characters"), or nothing when it can. Any other bytes are allowed:
+// spaces, control bytes and bytes that are not UTF-8 (tools escape names when they print them).
 SLOT_EXPORT std::optional<std::string> SlotNameProblem(const std::string& name);
 
 // The folder where the system shows POSIX shared-memory objects: "/dev/shm".

@@ -23,6 +23,7 @@ struct NameCase {
     std::string name;
     bool valid;
     bool jsonCanCarry = true;  // JSON text carries only UTF-8
+    bool argvCanCarry = true;  // a command line carries no NUL byte
 };
 
 std::vector<NameCase> Names() {
@@ -43,6 +44,7 @@ std::vector<NameCase> Names() {
         {"255 bytes", padded(255), false},
         {"300 bytes", padded(300), false},
         {"not UTF-8", prefix + "\xff\xfe\xc3", true, false},
+        {"NUL byte", prefix + std::string(1, '\0') + "x", false, true, false},
     };
 }
 
@@ -58,9 +60,13 @@ bool LibraryAccepts(const std::string& name) {
         SlotFactory::RemoveSlot(name);
     } catch (const AbortSlotCreationException& e) {
         EXPECT_TRUE(problem.has_value()) << e.what();
-        if (problem) {
-            EXPECT_EQ("Slot could not be created: slot name '" + name + "' " + *problem, e.what());
-        }
+        // The factory names a NUL byte in its own words, before the slot applies the rule.
+        const std::string expected =
+            name.find('\0') != std::string::npos
+                ? "Slot could not be created: the name '" + name.substr(0, name.find('\0')) +
+                      "...' contains a NUL byte"
+                : "Slot could not be created: slot name '" + name + "' " + problem.value_or("");
+        EXPECT_EQ(expected, e.what());
     }
     EXPECT_EQ(!problem.has_value(), created);
     return created;
@@ -93,7 +99,9 @@ TEST(SlotNameRule, LibrarySlotctlAndGatewayAgree) {
     for (const NameCase& c : Names()) {
         SCOPED_TRACE(c.what);
         EXPECT_EQ(c.valid, LibraryAccepts(c.name));
-        EXPECT_EQ(c.valid, SlotctlAccepts(c.name));
+        if (c.argvCanCarry) {
+            EXPECT_EQ(c.valid, SlotctlAccepts(c.name));
+        }
         if (c.jsonCanCarry) {
             EXPECT_EQ(c.valid, GatewayAccepts(c.name));
         }
