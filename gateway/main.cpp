@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // slot-gateway: runs a gateway from a configuration file until SIGINT or SIGTERM.
 #include <SlotGateway/Gateway.h>
+#include <SlotGateway/Status.h>
 
 #include <log4cxx/basicconfigurator.h>
 #include <log4cxx/level.h>

@@ -2,6 +2,7 @@
 // Two gateways in one process: DDS delivers between their participants as between hosts, while
 // both ends are slots of this machine with different names.
 #include <SlotGateway/Gateway.h>
+#include <SlotGateway/Status.h>
 
 #include <ShmHygiene.h>
 #include <Slot/SlotFactory.h>

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+// A reliable route's link between gateways: the sending end (ReliableSender) publishes a block
+// and keeps it until acknowledged; the receiving end (Acknowledger) acknowledges each block it
+// stored, on "<topic>/ack".
 #pragma once
 
 #include <SlotGateway/Config.h>
@@ -13,6 +16,7 @@
 #include <cstdint>
 #include <memory>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -89,6 +93,25 @@ private:
     std::atomic<bool> claimed_{false};
     std::thread thread_;
     bool stopped_ = false;  // Stop()'s caller only
+};
+
+// The receiving end of a reliable route's link: tells the sending gateways which of their blocks
+// are in the slot. An acknowledgement carries the sender's id and the block's serial, and as
+// data the id of the gateway that stored it. Used by the route's receiving thread, then by Stop().
+class Acknowledger {
+public:
+    // `ackWriter` publishes on "<topic>/ack" and stays owned by the caller's participant.
+    Acknowledger(const std::string& slotName, std::uint64_t gatewayId, dds_entity_t ackWriter);
+
+    // Tells the sending gateway that its block `serial` is in the slot (or was already).
+    void Acknowledge(std::uint64_t sender, std::uint64_t serial);
+    // Lets the acknowledgements sent reach their senders, within `grace`.
+    void Flush(std::chrono::milliseconds grace);
+
+private:
+    const std::string slotName_;
+    const std::uint64_t gatewayId_;
+    const dds_entity_t ackWriter_;
 };
 
 }  // namespace SlotGateway

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <SlotGateway/ReliableSender.h>
+#include <SlotGateway/Dds.h>
+#include <SlotGateway/ReliableLink.h>
 
 #include "GatewayBlock.h"
 
@@ -23,28 +24,6 @@ namespace {
 // How long the thread sleeps at most between looks at the stop flag and the matched receivers.
 constexpr std::chrono::milliseconds kPoll(20);
 
-dds_entity_t CheckEntity(dds_entity_t entity, const char* what) {
-    if (entity < 0) {
-        throw std::runtime_error(std::string(what) + ": " + dds_strretcode(entity));
-    }
-    return entity;
-}
-
-struct Matches {
-    std::uint32_t current = 0;
-    std::uint32_t total = 0;  // ever matched
-};
-
-Matches PublicationMatches(dds_entity_t writer) {
-    dds_publication_matched_status_t status;
-    Matches matches;
-    if (dds_get_publication_matched_status(writer, &status) == DDS_RETCODE_OK) {
-        matches.current = status.current_count;
-        matches.total = status.total_count;
-    }
-    return matches;
-}
-
 }  // namespace
 
 ReliableSender::ReliableSender(const Route& route, std::uint64_t gatewayId, dds_entity_t writer,
@@ -58,9 +37,9 @@ ReliableSender::ReliableSender(const Route& route, std::uint64_t gatewayId, dds_
       stop_(stop),
       grace_(grace),
       counters_(counters) {
-    ackCondition_ = CheckEntity(dds_create_readcondition(ackReader_, DDS_ANY_STATE),
-                                "dds_create_readcondition");
-    ackWaitset_ = CheckEntity(dds_create_waitset(DDS_CYCLONEDDS_HANDLE), "dds_create_waitset");
+    ackCondition_ =
+        Check(dds_create_readcondition(ackReader_, DDS_ANY_STATE), "dds_create_readcondition");
+    ackWaitset_ = Check(dds_create_waitset(DDS_CYCLONEDDS_HANDLE), "dds_create_waitset");
     dds_waitset_attach(ackWaitset_, ackCondition_, 0);
     thread_ = std::thread([this] { Run(); });
 }
@@ -296,6 +275,30 @@ void ReliableSender::GiveBack() {
     ++counters_.dropped;
     LOG4CXX_ERROR(Logger(), "Block " << heldSerial_ << " of '" << route_.name
                                      << "' dropped: no receiver and the slot refused it back");
+}
+
+Acknowledger::Acknowledger(const std::string& slotName, std::uint64_t gatewayId,
+                           dds_entity_t ackWriter)
+    : slotName_(slotName), gatewayId_(gatewayId), ackWriter_(ackWriter) {}
+
+void Acknowledger::Acknowledge(std::uint64_t sender, std::uint64_t serial) {
+    std::uint64_t self = gatewayId_;
+    SlotGatewayWire_Block ack;
+    ack.gateway = sender;
+    ack.serial = serial;
+    ack.data._maximum = sizeof self;
+    ack.data._length = sizeof self;
+    ack.data._buffer = reinterpret_cast<uint8_t*>(&self);
+    ack.data._release = false;
+    const dds_return_t rc = dds_write(ackWriter_, &ack);
+    if (rc != DDS_RETCODE_OK) {
+        LOG4CXX_WARN(Logger(), "Acknowledgement of block " << serial << " of '" << slotName_
+                                                           << "' not sent: " << dds_strretcode(rc));
+    }
+}
+
+void Acknowledger::Flush(std::chrono::milliseconds grace) {
+    dds_wait_for_acks(ackWriter_, DDS_MSECS(grace.count()));
 }
 
 }  // namespace SlotGateway

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <SlotGateway/Dds.h>
+
+#include "GatewayBlock.h"
+
+#include <stdexcept>
+
+namespace SlotGateway {
+
+dds_entity_t Check(dds_entity_t entity, const char* what) {
+    if (entity < 0) {
+        throw std::runtime_error(std::string(what) + ": " + dds_strretcode(entity));
+    }
+    return entity;
+}
+
+dds_qos_t* RouteQos(const Route& route) {
+    dds_qos_t* qos = dds_create_qos();
+    if (route.reliable()) {
+        const int32_t depth = static_cast<int32_t>(route.queueLength);
+        dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
+        dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);
+        dds_qset_resource_limits(qos, depth, DDS_LENGTH_UNLIMITED, depth);
+        dds_qset_durability(qos, DDS_DURABILITY_VOLATILE);
+    } else {
+        dds_qset_reliability(qos, DDS_RELIABILITY_BEST_EFFORT, 0);
+        dds_qset_history(qos, DDS_HISTORY_KEEP_LAST, 1);
+        dds_qset_durability(qos, DDS_DURABILITY_TRANSIENT_LOCAL);
+    }
+    dds_qset_ignorelocal(qos, DDS_IGNORELOCAL_PARTICIPANT);
+    return qos;
+}
+
+dds_qos_t* AckQos() {
+    dds_qos_t* qos = dds_create_qos();
+    dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
+    dds_qset_history(qos, DDS_HISTORY_KEEP_LAST, 64);
+    dds_qset_durability(qos, DDS_DURABILITY_VOLATILE);
+    dds_qset_ignorelocal(qos, DDS_IGNORELOCAL_PARTICIPANT);
+    return qos;
+}
+
+dds_qos_t* PartitionQos(const std::string& partition) {
+    dds_qos_t* qos = dds_create_qos();
+    if (!partition.empty()) {
+        dds_qset_partition1(qos, partition.c_str());
+    }
+    return qos;
+}
+
+dds_entity_t CreateParticipant(std::uint32_t domain, unsigned leaseMs) {
+    // The participant's liveliness is its lease: how soon peers notice a crash.
+    QosPtr participantQos(dds_create_qos());
+    dds_qset_liveliness(participantQos.get(), DDS_LIVELINESS_AUTOMATIC, DDS_MSECS(leaseMs));
+    return Check(dds_create_participant(domain, participantQos.get(), nullptr),
+                 "dds_create_participant");
+}
+
+RouteEntities CreateRouteEntities(dds_entity_t participant, const Route& route) {
+    RouteEntities entities;
+    QosPtr partition(PartitionQos(route.partition));
+    entities.topic = Check(dds_create_topic(participant, &SlotGatewayWire_Block_desc,
+                                            route.topic.c_str(), nullptr, nullptr),
+                           "dds_create_topic");
+    // A reliable route also carries acknowledgements back, on "<topic>/ack".
+    if (route.reliable()) {
+        entities.ackTopic =
+            Check(dds_create_topic(participant, &SlotGatewayWire_Block_desc,
+                                   (route.topic + "/ack").c_str(), nullptr, nullptr),
+                  "dds_create_topic");
+    }
+    entities.publisher =
+        Check(dds_create_publisher(participant, partition.get(), nullptr), "dds_create_publisher");
+    entities.subscriber = Check(dds_create_subscriber(participant, partition.get(), nullptr),
+                                "dds_create_subscriber");
+    return entities;
+}
+
+Matches PublicationMatches(dds_entity_t writer) {
+    dds_publication_matched_status_t status;
+    Matches matches;
+    if (dds_get_publication_matched_status(writer, &status) == DDS_RETCODE_OK) {
+        matches.current = status.current_count;
+        matches.total = status.total_count;
+    }
+    return matches;
+}
+
+}  // namespace SlotGateway

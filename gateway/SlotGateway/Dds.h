@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+// The gateway's DDS plumbing: entities, their QoS and owners.
+#pragma once
+
+#include <SlotGateway/Config.h>
+
+#include <dds/dds.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace SlotGateway {
+
+// `entity`, or std::runtime_error "<what>: <DDS's text>" when it is a DDS error code.
+dds_entity_t Check(dds_entity_t entity, const char* what);
+
+// QoS of one route's writer or reader. Reliable: every block is kept until the receiving side
+// has room (KEEP_ALL bounded by the slot's queue length, blocking writes). Discarding: only the
+// latest state, also for a gateway that joins later (TRANSIENT_LOCAL). Both ignore the
+// participant's own entities, so a "both" route never hears itself.
+dds_qos_t* RouteQos(const Route& route);
+
+// QoS of a reliable route's acknowledgements (receiving gateway -> sending gateway).
+dds_qos_t* AckQos();
+
+// QoS of a publisher or subscriber in `partition` ("" is DDS's default partition).
+dds_qos_t* PartitionQos(const std::string& partition);
+
+struct QosDeleter {
+    void operator()(dds_qos_t* qos) const { dds_delete_qos(qos); }
+};
+using QosPtr = std::unique_ptr<dds_qos_t, QosDeleter>;
+
+// A participant in `domain`, with a lease of `leaseMs`; throws std::runtime_error.
+dds_entity_t CreateParticipant(std::uint32_t domain, unsigned leaseMs);
+
+// What one route uses of its domain's participant; all owned by the participant.
+struct RouteEntities {
+    dds_entity_t topic = 0;
+    dds_entity_t ackTopic = 0;  // reliable routes only
+    dds_entity_t publisher = 0;
+    dds_entity_t subscriber = 0;
+};
+
+// Creates a route's topics, publisher and subscriber; throws std::runtime_error.
+RouteEntities CreateRouteEntities(dds_entity_t participant, const Route& route);
+
+struct Matches {
+    std::uint32_t current = 0;
+    std::uint32_t total = 0;  // ever matched
+};
+
+// The readers matched by `writer` (none when DDS cannot tell).
+Matches PublicationMatches(dds_entity_t writer);
+
+}  // namespace SlotGateway

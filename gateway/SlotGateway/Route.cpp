@@ -1,0 +1,360 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <SlotGateway/Dds.h>
+#include <SlotGateway/ReliableLink.h>
+#include <SlotGateway/Route.h>
+
+#include "GatewayBlock.h"
+
+#include <Slot/SlotFactory.h>
+#include <Slot/WriteOutcome.h>
+
+#include <log4cxx/logger.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+
+namespace SlotGateway {
+
+void EchoMemory::Remember(const void* data, std::size_t size) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    Expire();
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    entries_.push_back({Clock::now(), std::vector<std::uint8_t>(bytes, bytes + size)});
+    if (entries_.size() > kMaxEntries) {
+        entries_.pop_front();
+    }
+}
+
+bool EchoMemory::IsEcho(const void* data, std::size_t size) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    Expire();
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+        if (it->bytes.size() == size &&
+            (size == 0 || std::memcmp(it->bytes.data(), data, size) == 0)) {
+            entries_.erase(entries_.begin(), it + 1);
+            return true;
+        }
+    }
+    return false;
+}
+
+void EchoMemory::Expire() {
+    const Clock::time_point now = Clock::now();
+    while (!entries_.empty() && now - entries_.front().written > lifetime_) {
+        entries_.pop_front();
+    }
+}
+
+class RouteRunner::Sender : public shared::ISubscriber {
+public:
+    explicit Sender(RouteRunner* runner) : runner_(runner) {}
+    void onNotify(const std::string&, const void* data, size_t size) override {
+        runner_->Send(data, size);
+    }
+
+private:
+    RouteRunner* runner_;
+};
+
+RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity_t publisher,
+                         dds_entity_t subscriber, dds_entity_t topic, dds_entity_t ackTopic,
+                         StopFlag& stop, std::chrono::milliseconds grace)
+    : route_(route),
+      cfg_(route),
+      gatewayId_(gatewayId),
+      stop_(stop),
+      grace_(grace),
+      echoes_(std::chrono::milliseconds(std::max<unsigned>(1000, 4 * route.updateTimeMs))) {
+    QosPtr qos(RouteQos(route));
+    if (route.sends()) {
+        writer_ =
+            Check(dds_create_writer(publisher, topic, qos.get(), nullptr), "dds_create_writer");
+    }
+    if (route.receives()) {
+        slotWriter_ = SlotFactory::CreateSlotWriter(&cfg_);
+        if (route.reliable()) {
+            QosPtr ackQos(AckQos());
+            acknowledger_.reset(new Acknowledger(
+                route.name, gatewayId,
+                Check(dds_create_writer(publisher, ackTopic, ackQos.get(), nullptr),
+                      "dds_create_writer")));
+        }
+        reader_ =
+            Check(dds_create_reader(subscriber, topic, qos.get(), nullptr), "dds_create_reader");
+        readCondition_ =
+            Check(dds_create_readcondition(reader_, DDS_ANY_STATE), "dds_create_readcondition");
+        waitset_ = Check(dds_create_waitset(DDS_CYCLONEDDS_HANDLE), "dds_create_waitset");
+        wakeup_ =
+            Check(dds_create_guardcondition(DDS_CYCLONEDDS_HANDLE), "dds_create_guardcondition");
+        dds_waitset_attach(waitset_, readCondition_, 0);
+        dds_waitset_attach(waitset_, wakeup_, 1);
+        receiver_ = std::thread([this] { ReceiveLoop(); });
+    }
+    // Last: its thread runs from here on.
+    if (route.sends() && route.reliable()) {
+        QosPtr ackQos(AckQos());
+        const dds_entity_t ackReader = Check(
+            dds_create_reader(subscriber, ackTopic, ackQos.get(), nullptr), "dds_create_reader");
+        sender_.reset(
+            new ReliableSender(route, gatewayId, writer_, ackReader, stop, grace, counters_));
+    }
+}
+
+RouteRunner::~RouteRunner() {
+    StopSending();
+    StopReceiving();
+    if (waitset_ > 0) {
+        dds_delete(waitset_);
+    }
+    if (wakeup_ > 0) {
+        dds_delete(wakeup_);
+    }
+}
+
+void RouteRunner::Tick() {
+    if (route_.sends() && !route_.reliable()) {
+        MaybeStartSending();
+        RepeatStateForNewReaders();
+    }
+}
+
+void RouteRunner::RepeatStateForNewReaders() {
+    dds_publication_matched_status_t matched;
+    if (dds_get_publication_matched_status(writer_, &matched) != DDS_RETCODE_OK) {
+        return;
+    }
+    const Clock::time_point now = Clock::now();
+    if (matched.total_count != seenMatches_) {
+        seenMatches_ = matched.total_count;
+        repeats_ = {now + std::chrono::milliseconds(50), now + std::chrono::milliseconds(300),
+                    now + std::chrono::milliseconds(1000)};
+    }
+    if (repeats_.empty()) {
+        repeats_.push_back(now + std::chrono::milliseconds(1000));
+    }
+    if (now < repeats_.front()) {
+        return;
+    }
+    repeats_.pop_front();
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    if (haveState_) {
+        SlotGatewayWire_Block sample;
+        sample.gateway = gatewayId_;
+        sample.serial = stateSerial_;
+        sample.data._maximum = static_cast<uint32_t>(state_.size());
+        sample.data._length = static_cast<uint32_t>(state_.size());
+        sample.data._buffer = state_.empty() ? nullptr : state_.data();
+        sample.data._release = false;
+        dds_write(writer_, &sample);
+    }
+}
+
+void RouteRunner::MaybeStartSending() {
+    if (stop_.set) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> guard(slotReaderMutex_);
+        if (slotReader_) {
+            return;
+        }
+    }
+    INotifierPtr reader;
+    try {
+        if (!stateSlot_) {
+            stateSlot_ = SlotFactory::CreateSlot(&cfg_);
+        }
+        reader = SlotFactory::CreateSlotReader(&cfg_, ISubscriberPtr(new Sender(this)));
+    } catch (const std::exception& e) {
+        const Clock::time_point now = Clock::now();
+        if (now - lastStartError_ > std::chrono::seconds(30)) {
+            lastStartError_ = now;
+            LOG4CXX_ERROR(Logger(), "Cannot read slot '" << route_.name << "': " << e.what()
+                                                         << " (retrying)");
+        }
+        return;
+    }
+    if (Logger()->isInfoEnabled()) {
+        LOG4CXX_INFO(Logger(), "Slot '" << route_.name << "' is sent to topic '" << route_.topic
+                                        << "' (domain " << route_.domain << ")");
+    }
+    std::lock_guard<std::mutex> guard(slotReaderMutex_);
+    slotReader_ = reader;
+}
+
+void RouteRunner::StopSending() {
+    if (sender_) {
+        sender_->Stop();
+    }
+    INotifierPtr reader;
+    {
+        std::lock_guard<std::mutex> guard(slotReaderMutex_);
+        reader.swap(slotReader_);
+    }
+    reader.reset();  // joins the reader's thread
+}
+
+void RouteRunner::StopReceiving() {
+    if (receiver_.joinable()) {
+        dds_set_guardcondition(wakeup_, true);
+        receiver_.join();
+    }
+    if (acknowledger_) {
+        acknowledger_->Flush(grace_);
+    }
+}
+
+RouteStatus RouteRunner::Status() const {
+    RouteStatus status;
+    status.route = route_;
+    status.counters = counters_.Snapshot();
+    status.matchedReaders = MatchedReaders();
+    if (sender_) {
+        status.sending = sender_->Sending();
+    } else {
+        std::lock_guard<std::mutex> guard(slotReaderMutex_);
+        status.sending = static_cast<bool>(slotReader_);
+    }
+    if (reader_ > 0) {
+        dds_subscription_matched_status_t matched;
+        if (dds_get_subscription_matched_status(reader_, &matched) == DDS_RETCODE_OK) {
+            status.matchedWriters = matched.current_count;
+        }
+    }
+    return status;
+}
+
+std::uint32_t RouteRunner::MatchedReaders() const {
+    if (writer_ <= 0) {
+        return 0;
+    }
+    return PublicationMatches(writer_).current;
+}
+
+void RouteRunner::Send(const void* data, std::size_t size) {
+    // Opening a slot forgets its last block and write time, which the reader takes for a
+    // change and passes on as 0 bytes; an empty state written has a write time.
+    if (size == 0 && stateSlot_->GetLastWriteTime().is_not_a_date_time()) {
+        return;
+    }
+    if (route_.direction == Direction::Both && echoes_.IsEcho(data, size)) {
+        ++counters_.echoes;
+        return;
+    }
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    state_.assign(bytes, bytes + size);
+    haveState_ = true;
+    stateSerial_ = ++sequence_;
+    SlotGatewayWire_Block sample;
+    sample.gateway = gatewayId_;
+    sample.serial = stateSerial_;
+    sample.data._maximum = static_cast<uint32_t>(size);
+    sample.data._length = static_cast<uint32_t>(size);
+    sample.data._buffer = size != 0 ? state_.data() : nullptr;
+    sample.data._release = false;
+    const dds_return_t rc = dds_write(writer_, &sample);
+    if (rc == DDS_RETCODE_OK) {
+        ++counters_.forwarded;
+    } else {
+        ++counters_.dropped;
+        LOG4CXX_ERROR(Logger(),
+                      "Block of '" << route_.name << "' not published: " << dds_strretcode(rc));
+    }
+}
+
+void RouteRunner::Acknowledge(std::uint64_t sender, std::uint64_t serial) {
+    if (acknowledger_) {
+        acknowledger_->Acknowledge(sender, serial);
+    }
+}
+
+void RouteRunner::ReceiveLoop() {
+    std::map<std::uint64_t, std::uint64_t> lastSequence;  // per publishing gateway
+    for (;;) {
+        const bool stopping = stop_.set;
+        // Take everything DDS holds; while stopping this drains what was already received.
+        for (;;) {
+            void* samples[1] = {nullptr};
+            dds_sample_info_t info[1];
+            const dds_return_t n = dds_take(reader_, samples, info, 1, 1);
+            if (n <= 0) {
+                break;
+            }
+            if (info[0].valid_data) {
+                const auto* block = static_cast<const SlotGatewayWire_Block*>(samples[0]);
+                std::uint64_t& last = lastSequence[block->gateway];
+                if (block->serial <= last) {
+                    ++counters_.duplicates;
+                    Acknowledge(block->gateway, block->serial);
+                } else if (Deliver(block->data._buffer, block->data._length, block->serial)) {
+                    last = block->serial;
+                    Acknowledge(block->gateway, block->serial);
+                } else {
+                    dds_return_loan(reader_, samples, n);
+                    return;  // stopping with a full slot: later blocks stay unstored too
+                }
+            }
+            dds_return_loan(reader_, samples, n);
+        }
+        if (stopping) {
+            return;
+        }
+        dds_waitset_wait(waitset_, nullptr, 0, DDS_MSECS(200));
+    }
+}
+
+bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequence) {
+    if (size > route_.maxSize) {
+        ++counters_.dropped;
+        LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name
+                                         << "' dropped: " << size
+                                         << " bytes, the slot takes at most " << route_.maxSize);
+        return true;
+    }
+    std::chrono::milliseconds backoff(1);
+    Clock::time_point deadline = Clock::time_point::max();
+    for (unsigned attempt = 0;; ++attempt) {
+        if (route_.direction == Direction::Both) {
+            echoes_.Remember(data, size);
+        }
+        slotWriter_->onNotify(route_.name, data, size);
+        const Slot::WriteOutcome outcome = Slot::LastWriteOutcome();
+        if (outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded) {
+            ++counters_.received;
+            return true;
+        }
+        if (!route_.reliable() && outcome == Slot::WriteOutcome::Refused) {
+            // Another writer's newer state won: latest wins.
+            ++counters_.refused;
+            return true;
+        }
+        if (attempt == 0) {
+            ++counters_.refused;
+            LOG4CXX_WARN(Logger(), "Slot '" << route_.name << "' refused block " << sequence << " ("
+                                            << Slot::ToString(outcome) << "), retrying");
+        }
+        ++counters_.retried;
+        if (stop_.set && deadline == Clock::time_point::max()) {
+            deadline = Clock::now() + grace_;
+        }
+        if (Clock::now() >= deadline) {
+            if (!route_.reliable()) {
+                ++counters_.dropped;
+                LOG4CXX_ERROR(Logger(), "State " << sequence << " for '" << route_.name
+                                                 << "' dropped: the slot refused it while "
+                                                    "the gateway stopped");
+                return true;
+            }
+            LOG4CXX_WARN(Logger(), "Block " << sequence << " for '" << route_.name
+                                            << "' not stored: the slot stayed full while the "
+                                               "gateway stopped; its sender keeps it");
+            return false;
+        }
+        std::this_thread::sleep_for(backoff);
+        backoff = std::min(backoff * 2, std::chrono::milliseconds(100));
+    }
+}
+
+}  // namespace SlotGateway

@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+// One configured slot and its DDS writer and/or reader: sending, receiving, echo suppression.
+#pragma once
+
+#include <SlotGateway/Config.h>
+#include <SlotGateway/Internal.h>
+#include <SlotGateway/Status.h>
+
+#include <Slot/ISlot.h>
+
+#include <dds/dds.h>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace SlotGateway {
+
+class Acknowledger;
+class ReliableSender;
+
+// Blocks this gateway wrote into a "both" slot, so that its own reader of that slot does not
+// send them back. A discarding reader may skip states, so a match also forgets every older
+// entry; entries expire after a few update times.
+class EchoMemory {
+public:
+    explicit EchoMemory(std::chrono::milliseconds lifetime) : lifetime_(lifetime) {}
+
+    void Remember(const void* data, std::size_t size);
+    // True when the block is one this gateway wrote.
+    bool IsEcho(const void* data, std::size_t size);
+
+private:
+    struct Entry {
+        Clock::time_point written;
+        std::vector<std::uint8_t> bytes;
+    };
+    static constexpr std::size_t kMaxEntries = 16;
+
+    void Expire();
+
+    std::mutex mutex_;
+    std::deque<Entry> entries_;  // guarded by mutex_, oldest first
+    std::chrono::milliseconds lifetime_;
+};
+
+// One configured slot and its DDS writer and/or reader.
+class RouteRunner {
+public:
+    // `publisher`, `subscriber` and the topics stay owned by the caller's participant.
+    RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity_t publisher,
+                dds_entity_t subscriber, dds_entity_t topic, dds_entity_t ackTopic, StopFlag& stop,
+                std::chrono::milliseconds grace);
+    ~RouteRunner();
+    RouteRunner(const RouteRunner&) = delete;
+    RouteRunner& operator=(const RouteRunner&) = delete;
+
+    const Route& route() const { return route_; }
+
+    // Control thread, every few milliseconds.
+    void Tick();
+
+    // A best-effort writer's history does not reach a reader that matches later, so the current
+    // state is published again (same serial: readers that have it skip it) a few times after a
+    // new reader appeared, for a late-joining gateway to get it, and then once a second, so that
+    // a state lost on the way still arrives.
+    void RepeatStateForNewReaders();
+
+    // Starts the slot reader of a discarding sending route.
+    void MaybeStartSending();
+
+    // Ends the sending side; a reliable block in hand is delivered within the grace first.
+    void StopSending();
+
+    // Ends the receiving thread after it stored what DDS holds, and lets the acknowledgements of
+    // those blocks reach their senders. A block that arrives after the last take is not
+    // acknowledged: its sender gives it to the next receiving gateway.
+    void StopReceiving();
+
+    RouteStatus Status() const;
+
+private:
+    // The first subscriber of the route's slot reader; runs on the reader's thread.
+    class Sender;
+
+    std::uint32_t MatchedReaders() const;
+
+    // The state a discarding slot's reader passes on (0 bytes: an empty state) is published.
+    void Send(const void* data, std::size_t size);
+
+    // A reliable route's: tells the sending gateway that its block `serial` is in the slot.
+    void Acknowledge(std::uint64_t sender, std::uint64_t serial);
+
+    void ReceiveLoop();
+
+    // Writes one received block into the slot; a refusal is retried with back-off (and DDS is
+    // not taken from meanwhile, so the sending side is held back) until stored or, when
+    // stopping, until the grace has passed. False: not stored and not acknowledged, so that the
+    // sending gateway gives the block to the next receiving gateway.
+    bool Deliver(const void* data, std::size_t size, std::uint64_t sequence);
+
+    const Route route_;
+    const RouteSlotCfg cfg_;
+    const std::uint64_t gatewayId_;
+    StopFlag& stop_;
+    const std::chrono::milliseconds grace_;
+    EchoMemory echoes_;
+
+    dds_entity_t writer_ = 0;
+    dds_entity_t reader_ = 0;
+    dds_entity_t readCondition_ = 0;
+    dds_entity_t waitset_ = 0;
+    dds_entity_t wakeup_ = 0;
+    std::unique_ptr<Acknowledger> acknowledger_;  // receiving reliable route: "stored" to the
+                                                  // senders
+    ISubscriberPtr slotWriter_;                   // used by the receiving thread only
+    std::thread receiver_;
+
+    mutable std::mutex slotReaderMutex_;
+    INotifierPtr slotReader_;                // guarded by slotReaderMutex_
+    Clock::time_point lastStartError_;       // control thread only
+    std::uint32_t seenMatches_ = 0;          // control thread only
+    std::deque<Clock::time_point> repeats_;  // control thread only
+    boost::shared_ptr<ISlot> stateSlot_;     // set by the control thread before the reader runs
+    std::mutex stateMutex_;
+    std::vector<std::uint8_t> state_;  // last discarding block sent; guarded by stateMutex_
+    std::uint64_t stateSerial_ = 0;    // guarded by stateMutex_
+    bool haveState_ = false;           // guarded by stateMutex_
+    std::uint64_t sequence_ = 0;       // guarded by stateMutex_
+
+    AtomicCounters counters_;
+    std::unique_ptr<ReliableSender> sender_;  // a reliable sending route's; destroyed first
+};
+
+}  // namespace SlotGateway

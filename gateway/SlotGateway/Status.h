@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a gateway reports about its routes: counters, the status document (JSON) and its file,
+// and the table `slot-gateway --status` prints.
+#pragma once
+
+#include <SlotGateway/Config.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace SlotGateway {
+
+// What one route has done since the gateway started.
+struct RouteCounters {
+    std::uint64_t forwarded = 0;   // slot -> network: blocks published (reliable: acknowledged)
+    std::uint64_t received = 0;    // network -> slot: blocks stored in the slot
+    std::uint64_t retried = 0;     // attempts repeated: a refused slot write, a blocked or
+                                   // unacknowledged publication
+    std::uint64_t refused = 0;     // blocks the destination slot refused at least once
+    std::uint64_t dropped = 0;     // blocks given up, each logged at ERROR
+    std::uint64_t echoes = 0;      // blocks this gateway wrote itself, not sent back ("both")
+    std::uint64_t duplicates = 0;  // blocks received a second time, not stored again
+};
+
+struct RouteStatus {
+    Route route;
+    RouteCounters counters;
+    std::uint32_t matchedReaders = 0;  // remote gateways that take what this route publishes
+    std::uint32_t matchedWriters = 0;  // remote gateways that publish to this route
+    bool sending = false;              // the slot is being read (a reliable one: once a reader
+                                       // is matched)
+};
+
+// The status document of gateway `gatewayName` (id `gatewayId`, this process, now) as JSON.
+std::string StatusDocument(const std::string& gatewayName, std::uint64_t gatewayId, bool stopped,
+                           const std::vector<RouteStatus>& routes);
+
+// Writes `text` to `path` atomically (a temporary file beside it, then rename); never follows a
+// symlink at the temporary name. Returns "" or the error.
+std::string WriteFileAtomically(const std::string& path, const std::string& text);
+
+// A status document (StatusJson) as a table, for `slot-gateway --status`.
+std::string FormatStatus(const std::string& json);
+
+}  // namespace SlotGateway
