@@ -2,10 +2,11 @@
 # SPDX-License-Identifier: Apache-2.0
 # Measures line and branch coverage of src/, tools/ and gateway/ by the whole test suite.
 #   scripts/coverage.sh [ctest arguments...]
-# Builds with gcov instrumentation (-O0, NDEBUG as in the shipped builds: Boost's own asserts
-# would stop the corruption campaign on bytes the release code survives) into build-coverage/, runs the suite there (the Debian
-# package test is left out: it installs into /usr), then prints gcovr's summary and writes
-# build-coverage/coverage.txt (per file) and build-coverage/coverage.json (the summary).
+# Builds with gcov instrumentation into build-coverage/ (-O0, and NDEBUG as in the shipped
+# builds: Boost's own asserts would stop the corruption campaign on bytes the release code
+# survives), runs the suite there (the Debian package test is left out: it installs into /usr),
+# then prints gcovr's summary and writes build-coverage/coverage.txt (per file) and
+# build-coverage/coverage.json (the summary).
 # Exception-only and unreachable branches are not counted. Children that end with _exit or a
 # signal write no counts; what they run is measured where the parent runs it too.
 set -euo pipefail
