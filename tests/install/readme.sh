@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Runs the README's section "Using libSlot from your program" as a new user would: every code
+# Runs the README's section "A writer and a reader" as a new user would: every code
 # block marked <!-- readme-test: FILE --> is written to FILE, every block marked
 # <!-- readme-test: run --> is run, in order, in a scratch directory whose "build" is this build
 # tree, with a scratch $HOME and LD_LIBRARY_PATH unset. The one change: the slot name "orders"
@@ -22,8 +22,8 @@ mkdir -p "$HOME" "$work/user"
 ln -s "$build" "$work/user/build"
 
 # Extract the section's marked blocks: files as they stand, commands into one script.
-section=$(awk '/^## Using libSlot from your program/ {on = 1; next} on && /^## / {exit} on' "$readme")
-[[ -n "$section" ]] || { echo "README has no section 'Using libSlot from your program'"; exit 1; }
+section=$(awk '/^## A writer and a reader/ {on = 1; next} on && /^## / {exit} on' "$readme")
+[[ -n "$section" ]] || { echo "README has no section 'A writer and a reader'"; exit 1; }
 script="$work/commands.sh"
 echo "set -euo pipefail" > "$script"
 files=0

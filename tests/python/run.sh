@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Runs the pytest suite of the Python module.
-#   run.sh MODE PYTHON PACKAGE_DIR SLOTCTL README CXX
+#   run.sh MODE PYTHON PACKAGE_DIR SLOTCTL PYTHON_GUIDE CXX
 # MODE plain, asan or tsan: an instrumented extension in the uninstrumented interpreter needs
 # the sanitizer's runtime loaded first.
 set -euo pipefail

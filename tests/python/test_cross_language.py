@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Blocks between Python and C++ processes (slotctl, a program of the C++ library), both ways,
-through every slot kind, and the README's Python example."""
+through every slot kind, and the Python guide's example."""
 
 import os
 import re
@@ -125,13 +125,13 @@ def test_python_writer_process_to_python_reader(name):
 
 
 def readme_example():
-    """The Python block of the README, as written there."""
+    """The tested Python block of docs/python.md, as written there."""
     readme = os.environ.get("SLOT_README") or os.path.join(
-        os.path.dirname(__file__), "..", "..", "README.md")
+        os.path.dirname(__file__), "..", "..", "docs", "python.md")
     with open(readme, encoding="utf-8") as f:
         text = f.read()
     match = re.search(r"<!-- readme-test: python -->\s*```python\n(.*?)```", text, re.S)
-    assert match, "the README has no tested Python example"
+    assert match, "docs/python.md has no tested Python example"
     return match.group(1)
 
 
