@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Prints the share of test code: non-blank lines of the tracked text files under tests/ against
-# those under the code folders (src, tools, gateway, python, bench, examples, fuzz).
+# those under the code folders (src, tools, gateway, python, bench, examples, fuzz). Markdown
+# (guides, benchmark reports) is not code and is left out on both sides.
 #   scripts/test-share.sh            a table per folder and the share
 #   scripts/test-share.sh --percent  the share alone, in percent with one decimal
 set -euo pipefail
@@ -11,7 +12,7 @@ code_dirs=(src tools gateway python bench examples fuzz)
 
 # Non-blank lines of the tracked text files under one folder (binary files are skipped).
 lines_under() {
-    git ls-files -z -- "$1" | xargs -0 -r grep -Ihcv '^[[:space:]]*$' -- 2> /dev/null |
+    git ls-files -z -- "$1" ':!:*.md' | xargs -0 -r grep -Ihcv '^[[:space:]]*$' -- 2> /dev/null |
         awk '{ s += $1 } END { print s + 0 }'
 }
 
