@@ -86,26 +86,33 @@ int UseSlot(const std::string& name) {
     return 0;
 }
 
-// SLOT_CORRUPTION_CASES, or `fallback`.
-int CaseCount(int fallback) {
-    if (const char* text = std::getenv("SLOT_CORRUPTION_CASES")) {
-        return std::max(1, std::atoi(text));
-    }
-    return fallback;
-}
+// The cases a campaign runs: SLOT_CORRUPTION_CASES of them (or `count`) from case
+// SLOT_CORRUPTION_FIRST (or 0), in the series SLOT_CORRUPTION_SEED (or `seed`).
+struct Cases {
+    unsigned seed;
+    int first;
+    int end;
+};
 
-TEST(Corruption, RandomBytesOverAHeaderOrAQueueNeverCrashOrHang) {
-    const int cases = CaseCount(200);
-    unsigned seed = 20261123;
+Cases CasesToRun(int count, unsigned seed) {
+    if (const char* text = std::getenv("SLOT_CORRUPTION_CASES")) {
+        count = std::max(1, std::atoi(text));
+    }
     if (const char* text = std::getenv("SLOT_CORRUPTION_SEED")) {
         seed = static_cast<unsigned>(std::strtoul(text, nullptr, 10));
     }
-    // Each case draws from its own generator, so that one case can be run alone.
     int first = 0;
     if (const char* text = std::getenv("SLOT_CORRUPTION_FIRST")) {
         first = std::max(0, std::atoi(text));
     }
-    for (int c = first; c < first + cases; ++c) {
+    return Cases{seed, first, first + count};
+}
+
+TEST(Corruption, RandomBytesOverAHeaderOrAQueueNeverCrashOrHang) {
+    const Cases cases = CasesToRun(200, 20261123);
+    const unsigned seed = cases.seed;
+    // Each case draws from its own generator, so that one case can be run alone.
+    for (int c = cases.first; c < cases.end; ++c) {
         std::seed_seq caseSeed{seed, static_cast<unsigned>(c)};
         std::mt19937 random(caseSeed);
         testsupport::ScopedSlotName name("corrupt");
@@ -274,16 +281,9 @@ int UseDamagedOpenSlot(const boost::shared_ptr<ISlot>& slot, const SimpleSlotCfg
 // The header segment of an open slot, of either kind, filled with random bytes; the first word
 // is kept in half of the cases. The survey must still read it and removal must remove it.
 TEST(Corruption, RandomBytesOverAnOpenSlotsHeaderNeverCrashOrHang) {
-    const int cases = CaseCount(60);
-    unsigned seed = 20261125;
-    if (const char* text = std::getenv("SLOT_CORRUPTION_SEED")) {
-        seed = static_cast<unsigned>(std::strtoul(text, nullptr, 10));
-    }
-    int first = 0;
-    if (const char* text = std::getenv("SLOT_CORRUPTION_FIRST")) {
-        first = std::max(0, std::atoi(text));
-    }
-    for (int c = first; c < first + cases; ++c) {
+    const Cases cases = CasesToRun(60, 20261125);
+    const unsigned seed = cases.seed;
+    for (int c = cases.first; c < cases.end; ++c) {
         testsupport::ScopedSlotName name("corruptopen");
         const bool reliable = c % 2 == 0;
         const bool keepFirstWord = c % 4 < 2;
