@@ -134,8 +134,9 @@ void QueueGuard::Validate(bool messagesToo) const {
 std::size_t QueueGuard::Count() const {
     std::size_t count = __atomic_load_n(&CountWord(), __ATOMIC_RELAXED);
     // Pairs with the fence in BeginSend: a count that includes a send's block comes with that
-    // send's record, until the send has returned.
-    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    // send's record, until the send has returned. x86 keeps loads in program order: only the
+    // compiler must not move them.
+    __atomic_signal_fence(__ATOMIC_ACQUIRE);
     const std::uint32_t record = __atomic_load_n(sendRecord_, __ATOMIC_RELAXED);
     if (record != 0) {
         const std::int64_t before = RecordedCount(record);
