@@ -39,17 +39,28 @@ namespace {
 
 using boost::interprocess::open_or_create;
 
-// Overwrites `count` random runs of 1-8 random bytes of the object `name`.
-void Scribble(const std::string& name, std::mt19937& random, int count) {
+// Maps the whole shared-memory object `name` for writing, as a stray process would.
+void MapForWriting(const std::string& name, unsigned char*& bytes, size_t& size) {
+    bytes = nullptr;
     const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
     ASSERT_GE(fd, 0) << name;
     struct stat st;
-    ASSERT_EQ(0, ::fstat(fd, &st));
-    const size_t size = static_cast<size_t>(st.st_size);
-    void* address = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    const int statted = ::fstat(fd, &st);
+    void* address = statted == 0 ? ::mmap(nullptr, static_cast<size_t>(st.st_size),
+                                          PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
+                                 : MAP_FAILED;
     ::close(fd);
-    ASSERT_NE(MAP_FAILED, address);
-    unsigned char* bytes = static_cast<unsigned char*>(address);
+    ASSERT_EQ(0, statted) << name;
+    ASSERT_NE(MAP_FAILED, address) << name;
+    size = static_cast<size_t>(st.st_size);
+    bytes = static_cast<unsigned char*>(address);
+}
+
+// Overwrites `count` random runs of 1-8 random bytes of the object `name`.
+void Scribble(const std::string& name, std::mt19937& random, int count) {
+    unsigned char* bytes = nullptr;
+    size_t size = 0;
+    ASSERT_NO_FATAL_FAILURE(MapForWriting(name, bytes, size));
     for (int i = 0; i < count; ++i) {
         const size_t at = random() % size;
         const size_t run = 1 + random() % 8;
@@ -57,7 +68,7 @@ void Scribble(const std::string& name, std::mt19937& random, int count) {
             bytes[k] = static_cast<unsigned char>(random());
         }
     }
-    ::munmap(address, size);
+    ::munmap(bytes, size);
 }
 
 // Opens, writes and reads the slot; every failure must be an exception of the library's kinds.
@@ -209,15 +220,9 @@ TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
 // run of the bookkeeping in front of the output buffer, a run anywhere, or the whole segment.
 // `keepFirstWord` restores Boost's creation-state word, so that openers get past it.
 void FillOpenHeader(const std::string& name, std::mt19937& random, bool keepFirstWord) {
-    const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
-    ASSERT_GE(fd, 0) << name;
-    struct stat st;
-    ASSERT_EQ(0, ::fstat(fd, &st));
-    const size_t size = static_cast<size_t>(st.st_size);
-    void* address = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ::close(fd);
-    ASSERT_NE(MAP_FAILED, address);
-    unsigned char* bytes = static_cast<unsigned char*>(address);
+    unsigned char* bytes = nullptr;
+    size_t size = 0;
+    ASSERT_NO_FATAL_FAILURE(MapForWriting(name, bytes, size));
     std::uint64_t firstWord;
     std::memcpy(&firstWord, bytes, sizeof(firstWord));
     size_t at = 0;
@@ -240,7 +245,7 @@ void FillOpenHeader(const std::string& name, std::mt19937& random, bool keepFirs
     if (keepFirstWord) {
         std::memcpy(bytes, &firstWord, sizeof(firstWord));
     }
-    ::munmap(address, size);
+    ::munmap(bytes, size);
 }
 
 // Uses `slot`, open while its header was filled: a read under its lock, a write through a
