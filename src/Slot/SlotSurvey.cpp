@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Slot/SlotNames.h>
 #include <Slot/SlotSurvey.h>
+
+#include <Slot/BoostInterprocess/SlotImage.h>
+#include <Slot/SlotNames.h>
 
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>

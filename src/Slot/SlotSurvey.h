@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <Slot/BoostInterprocess/SlotImage.h>
 #include <Slot/Export.h>
+#include <Slot/SlotNames.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
@@ -68,18 +68,18 @@ struct SlotPartReport {
 };
 
 struct SlotHeaderReport : SlotPartReport {
-    // Read when the segment is built far enough (see SlotImage::HeaderImage).
+    // Read when the segment is built far enough (far enough that its named objects can be found).
     std::uint64_t freeBytes = 0;
     std::uint64_t namedObjects = 0;
     std::uint64_t uniqueObjects = 0;  // the header mutex is one
-    // Bytes of each named object, in SlotImage::HeaderObject order; 0 when missing.
-    std::uint64_t objectBytes[SlotImage::HeaderObjectCount] = {};
+    // Bytes of each named object, in Slot::HeaderObject order; 0 when missing.
+    std::uint64_t objectBytes[Slot::HeaderObjectCount] = {};
     boost::posix_time::ptime lastWrite;  // not_a_date_time: not written since last opened
     std::uint32_t outputDataSize = 0;
     std::int32_t outputHandle = 0;
     std::uint64_t outputBufferSize = 0;  // 0 when the handle names no allocation
 
-    bool Has(SlotImage::HeaderObject object) const { return objectBytes[object] != 0; }
+    bool Has(Slot::HeaderObject object) const { return objectBytes[object] != 0; }
 };
 
 struct SlotQueueReport : SlotPartReport {

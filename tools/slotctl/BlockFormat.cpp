@@ -2,7 +2,9 @@
 #include "BlockFormat.h"
 
 #include "Cli.h"
-#include "Json.h"
+#include "Names.h"
+
+#include <Slot/SlotText.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -63,15 +65,13 @@ std::string HexLines(const std::string& block) {
 }
 
 std::string NdjsonLine(const std::string& block, const boost::posix_time::ptime& time) {
-    nlohmann::ordered_json line;
-    if (time.is_special()) {
-        line["time"] = nullptr;
-    } else {
-        line["time"] = boost::posix_time::to_iso_extended_string(time) + "Z";
-    }
-    line["size"] = block.size();
-    line["base64"] = Base64(block);
-    return DumpJson(line) + "\n";
+    Slot::JsonWriter line;
+    line.BeginObject().Key("time");
+    time.is_special() ? line.Null() : line.String(FormatTime(time));
+    line.Key("size").Number(block.size());
+    line.Key("base64").String(Base64(block));
+    line.EndObject();
+    return line.Text() + "\n";
 }
 
 }  // namespace

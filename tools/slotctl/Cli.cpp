@@ -133,69 +133,6 @@ void CheckSlotType(const std::string& type) {
     }
 }
 
-size_t Utf8SequenceAt(const std::string& text, size_t at, std::uint32_t& codePoint) {
-    const unsigned char lead = static_cast<unsigned char>(text[at]);
-    if (lead < 0x80) {
-        codePoint = lead;
-        return 1;
-    }
-    size_t length = 0;
-    std::uint32_t value = 0;
-    std::uint32_t minimum = 0;
-    if ((lead & 0xe0) == 0xc0) {
-        length = 2;
-        value = lead & 0x1f;
-        minimum = 0x80;
-    } else if ((lead & 0xf0) == 0xe0) {
-        length = 3;
-        value = lead & 0x0f;
-        minimum = 0x800;
-    } else if ((lead & 0xf8) == 0xf0) {
-        length = 4;
-        value = lead & 0x07;
-        minimum = 0x10000;
-    } else {
-        return 0;
-    }
-    if (text.size() - at < length) {
-        return 0;
-    }
-    for (size_t i = 1; i < length; ++i) {
-        const unsigned char next = static_cast<unsigned char>(text[at + i]);
-        if ((next & 0xc0) != 0x80) {
-            return 0;
-        }
-        value = (value << 6) | (next & 0x3f);
-    }
-    if (value < minimum || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) {
-        return 0;
-    }
-    codePoint = value;
-    return length;
-}
-
-std::string Printable(const std::string& text) {
-    std::string out;
-    out.reserve(text.size());
-    for (size_t i = 0; i < text.size();) {
-        std::uint32_t codePoint = 0;
-        size_t length = Utf8SequenceAt(text, i, codePoint);
-        if (length != 0 && !IsControl(codePoint)) {
-            out.append(text, i, length);
-        } else {
-            // One escape per byte, also for an encoded C1 control (two bytes).
-            length = length == 0 ? 1 : length;
-            for (size_t k = 0; k < length; ++k) {
-                char hex[8];
-                std::snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned char>(text[i + k]));
-                out += hex;
-            }
-        }
-        i += length;
-    }
-    return out;
-}
-
 std::string Quote(const std::string& name) {
     const size_t shown = name.size() > 300 ? 300 : name.size();
     return "'" + Printable(name.substr(0, shown)) + (shown < name.size() ? "..." : "") + "'";

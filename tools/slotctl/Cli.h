@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <Slot/SlotText.h>
+
 #include <cstdint>
 #include <map>
 #include <set>
@@ -73,19 +75,8 @@ void CheckSlotName(const std::string& name);
 // Slot type check through the library; throws UsageError for a type the factory refuses.
 void CheckSlotType(const std::string& type);
 
-// Length of the valid UTF-8 sequence at text[at] (1 to 4) with its code point in `codePoint`,
-// or 0 when the byte there starts no valid sequence (stray, overlong, surrogate, too large).
-size_t Utf8SequenceAt(const std::string& text, size_t at, std::uint32_t& codePoint);
-
-// Whether the code point is a control character: C0, DEL or C1.
-inline bool IsControl(std::uint32_t codePoint) {
-    return codePoint < 0x20 || (codePoint >= 0x7f && codePoint <= 0x9f);
-}
-
-// `text` safe to print on a terminal: control characters (C0, DEL and C1) and bytes that are
-// not valid UTF-8 appear as \xNN, one per byte; everything else as it is. Applying it twice
-// changes nothing more.
-std::string Printable(const std::string& text);
+// `text` safe to print on a terminal (the library's, as in its JSON).
+using Slot::Printable;
 
 // The name quoted for messages: 'name', made Printable, cut after 300 bytes.
 std::string Quote(const std::string& name);

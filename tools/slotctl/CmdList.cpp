@@ -2,16 +2,14 @@
 // slotctl ls / info: what is there, as the library's inspection sees it, without disturbing it.
 #include "Cli.h"
 #include "Commands.h"
-#include "Json.h"
 #include "Names.h"
 
 #include <Slot/SlotAttachments.h>
+#include <Slot/SlotReportJson.h>
 #include <Slot/SlotSurvey.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
-#include <pwd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cstdio>
@@ -20,46 +18,18 @@
 
 namespace slotctl {
 
+using Slot::InfoJson;
+using Slot::KindWord;
+using Slot::LastWriteText;
+using Slot::ListJson;
+using Slot::OwnerAndAge;
+using Slot::PartReadable;
+using Slot::QueueKnown;
+using Slot::StateWord;
+using Slot::UnusablePart;
+using Slot::UserName;
+
 namespace {
-
-bool PartReadable(const SlotPartReport& part) {
-    return part.state == SlotPartState::Ok || part.state == SlotPartState::Damaged ||
-           part.state == SlotPartState::Unfinished;
-}
-
-// A part this user cannot use: it exists, but cannot be opened read-write.
-const SlotPartReport* UnusablePart(const SlotReport& report) {
-    for (const SlotPartReport* part : {static_cast<const SlotPartReport*>(&report.header),
-                                       static_cast<const SlotPartReport*>(&report.queue)}) {
-        if (part->state == SlotPartState::NoAccess ||
-            (part->state != SlotPartState::Absent && part->state != SlotPartState::Foreign &&
-             !part->writable)) {
-            return part;
-        }
-    }
-    return nullptr;
-}
-
-// One word for listings: "slot", "pipe", "header-only", "queue-only", "no-access", "busy",
-// "dead-holder", "unfinished", "damaged".
-std::string StateWord(const SlotReport& report) {
-    switch (report.state) {
-        case SlotState::Healthy:
-            return UnusablePart(report) != nullptr ? "no-access" : "slot";
-        case SlotState::Half:
-            return report.header.state == SlotPartState::Absent ? "queue-only" : "header-only";
-        default:
-            return SlotStateText(report.state);
-    }
-}
-
-std::string KindWord(const SlotReport& report) {
-    return report.kind == SlotKind::Unknown ? "" : SlotKindText(report.kind);
-}
-
-bool QueueKnown(const SlotReport& report) {
-    return report.queue.capacity != 0;
-}
 
 std::string ReaderText(const SlotReport& report) {
     if (report.kind != SlotKind::Reliable) {
@@ -74,52 +44,10 @@ std::string ReaderText(const SlotReport& report) {
     return "pid " + std::to_string(report.readerPid);
 }
 
-std::string LastWriteText(const SlotReport& report) {
-    if (!PartReadable(report.header) || !report.header.Has(SlotImage::LastWriteTime)) {
-        return "-";
-    }
-    return FormatTime(report.header.lastWrite);
-}
-
-// The part that tells the slot's owner and age: the header segment, else the queue; nullptr for
-// a FIFO alone.
-const SlotPartReport* MainPart(const SlotReport& report) {
-    if (report.header.state != SlotPartState::Absent) {
-        return &report.header;
-    }
-    if (report.queue.state != SlotPartState::Absent) {
-        return &report.queue;
-    }
-    return nullptr;
-}
-
-// Owner uid and age of the slot (its header's, or its queue's, or its FIFO's); false when
-// unknown.
-bool OwnerAndAge(const SlotReport& report, uid_t& owner, double& age) {
-    if (const SlotPartReport* part = MainPart(report)) {
-        owner = part->owner;
-        age = part->ageSeconds;
-        return true;
-    }
-    struct stat st;
-    if (!report.pipePath.empty() && ::lstat(report.pipePath.c_str(), &st) == 0) {
-        owner = st.st_uid;
-        timespec now;
-        ::clock_gettime(CLOCK_REALTIME, &now);
-        age = static_cast<double>(now.tv_sec - st.st_ctim.tv_sec);
-        return true;
-    }
-    return false;
-}
-
-std::string UserName(uid_t uid) {
-    struct passwd entry;
-    struct passwd* found = nullptr;
-    char buffer[4096];
-    if (::getpwuid_r(uid, &entry, buffer, sizeof(buffer), &found) == 0 && found != nullptr) {
-        return Printable(found->pw_name);
-    }
-    return std::to_string(uid);
+// The last write for the table, "-" when the header does not tell it.
+std::string LastWriteCell(const SlotReport& report) {
+    const std::string text = LastWriteText(report);
+    return text.empty() ? "-" : text;
 }
 
 // "12s", "5m", "3h", "2d": since the object was made (its status change time).
@@ -159,131 +87,6 @@ std::string NoteText(const SlotReport& report) {
     return "";
 }
 
-void AddHolder(Json& json, const SlotReport& report) {
-    json.Key("holder");
-    const SlotLockReport* shown = nullptr;
-    for (const SlotLockReport& lock : report.heldLocks) {
-        if (shown == nullptr || (lock.HolderDead() && !shown->HolderDead())) {
-            shown = &lock;
-        }
-    }
-    if (shown == nullptr) {
-        json.Null();
-        return;
-    }
-    json.BeginObject();
-    json.Key("lock").String(shown->lock);
-    json.Key("pid").SignedNumber(shown->HolderDead() ? shown->thread : shown->process);
-    json.Key("alive").Bool(!shown->HolderDead());
-    json.EndObject();
-}
-
-void AddSummary(Json& json, const SlotReport& report) {
-    json.Key("name").String(report.name);
-    json.Key("state").String(StateWord(report));
-    const std::string kind = KindWord(report);
-    json.Key("kind");
-    kind.empty() ? json.Null() : json.String(kind);
-    const bool queueKnown = QueueKnown(report);
-    json.Key("max_block_size");
-    queueKnown ? json.Number(report.queue.maxBlockSize) : json.Null();
-    json.Key("waiting");
-    queueKnown ? json.Number(report.queue.waiting) : json.Null();
-    json.Key("capacity");
-    queueKnown ? json.Number(report.queue.capacity) : json.Null();
-    json.Key("last_write");
-    const std::string lastWrite = LastWriteText(report);
-    lastWrite == "-" ? json.Null() : json.String(lastWrite);
-    json.Key("reader");
-    if (report.kind == SlotKind::Reliable) {
-        json.BeginObject();
-        json.Key("lock_file").String(report.readerLockFile);
-        json.Key("held").Bool(report.readerPid != 0);
-        json.Key("pid");
-        report.readerPid > 0 ? json.SignedNumber(report.readerPid) : json.Null();
-        json.EndObject();
-    } else {
-        json.Null();
-    }
-    json.Key("pipe");
-    report.pipePath.empty() ? json.Null() : json.String(report.pipePath);
-    AddHolder(json, report);
-    uid_t owner = 0;
-    double age = -1;
-    const bool known = OwnerAndAge(report, owner, age);
-    json.Key("owner");
-    known ? json.String(UserName(owner)) : json.Null();
-    json.Key("uid");
-    known ? json.Number(owner) : json.Null();
-    json.Key("age_seconds");
-    known&& age >= 0 ? json.Number(static_cast<std::uint64_t>(age)) : json.Null();
-    json.Key("detail");
-    report.detail.empty() ? json.Null() : json.String(report.detail);
-}
-
-void AddPart(Json& json, const SlotPartReport& part) {
-    json.Key("object").String(part.path);
-    json.Key("state").String(SlotPartStateText(part.state));
-    json.Key("detail");
-    part.detail.empty() ? json.Null() : json.String(part.detail);
-    json.Key("size").Number(part.size);
-}
-
-std::string InfoJson(const SlotReport& report) {
-    Json json;
-    json.BeginObject();
-    AddSummary(json, report);
-    const SlotHeaderReport& h = report.header;
-    json.Key("header").BeginObject();
-    AddPart(json, h);
-    if (PartReadable(h)) {
-        json.Key("free").Number(h.freeBytes);
-        json.Key("named_objects").Number(h.namedObjects);
-        json.Key("unique_objects").Number(h.uniqueObjects);
-        json.Key("objects").BeginObject();
-        for (int i = 0; i < SlotImage::HeaderObjectCount; ++i) {
-            json.Key(SlotImage::HeaderObjectNames[i]);
-            h.Has(SlotImage::HeaderObject(i)) ? json.Number(h.objectBytes[i]) : json.Null();
-        }
-        json.EndObject();
-        json.Key("output_buffer_data_size").Number(h.outputDataSize);
-        json.Key("output_buffer_handle").SignedNumber(h.outputHandle);
-        json.Key("output_buffer_size").Number(h.outputBufferSize);
-    }
-    json.EndObject();
-    json.Key("queue").BeginObject();
-    AddPart(json, report.queue);
-    json.EndObject();
-    json.Key("locks").BeginArray();
-    for (const SlotLockReport& lock : report.heldLocks) {
-        json.BeginObject();
-        json.Key("lock").String(lock.lock);
-        json.Key("thread").SignedNumber(lock.thread);
-        json.Key("pid");
-        lock.HolderDead() ? json.Null() : json.SignedNumber(lock.process);
-        json.Key("alive").Bool(!lock.HolderDead());
-        json.EndObject();
-    }
-    json.EndArray();
-    const SlotAttachmentList attached = SlotAttachments::Find(report.name, report.pipePath);
-    json.Key("attached").BeginArray();
-    for (const SlotAttachment& process : attached.processes) {
-        json.BeginObject();
-        json.Key("pid").SignedNumber(process.pid);
-        json.Key("uid").Number(process.uid);
-        json.Key("command").String(process.command);
-        json.Key("header").Bool(process.header);
-        json.Key("queue").Bool(process.queue);
-        json.Key("pipe").Bool(process.pipe);
-        json.Key("reader").Bool(process.reader);
-        json.EndObject();
-    }
-    json.EndArray();
-    json.Key("unreadable_processes").Number(attached.unreadable);
-    json.EndObject();
-    return json.Text();
-}
-
 void PrintPart(std::ostream& out, const SlotPartReport& part) {
     out << "  " << Padded("state", 16) << SlotPartStateText(part.state);
     if (!part.detail.empty()) {
@@ -319,7 +122,7 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
         out << "  " << Padded("max block size", 16) << q.maxBlockSize << " bytes\n";
         out << "  " << Padded("blocks waiting", 16) << q.waiting << " of " << q.capacity << "\n";
     }
-    if (PartReadable(h) && h.Has(SlotImage::LastWriteTime)) {
+    if (PartReadable(h) && h.Has(Slot::LastWriteTime)) {
         out << "  " << Padded("last write", 16) << FormatTime(h.lastWrite);
         if (!h.lastWrite.is_special()) {
             const boost::posix_time::time_duration age =
@@ -387,14 +190,14 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
     if (PartReadable(h)) {
         out << "  " << Padded("named objects", 16) << h.namedObjects << " (and " << h.uniqueObjects
             << " unique: the header mutex)\n";
-        const std::string values[SlotImage::HeaderObjectCount] = {
+        const std::string values[Slot::HeaderObjectCount] = {
             FormatTime(h.lastWrite), std::to_string(h.outputDataSize),
             std::to_string(h.outputHandle) + " (buffer of " + std::to_string(h.outputBufferSize) +
                 " bytes)",
             ""};
-        for (int i = 0; i < SlotImage::HeaderObjectCount; ++i) {
-            out << "    " << Padded(SlotImage::HeaderObjectNames[i], 25);
-            if (h.Has(SlotImage::HeaderObject(i))) {
+        for (int i = 0; i < Slot::HeaderObjectCount; ++i) {
+            out << "    " << Padded(Slot::HeaderObjectNames[i], 25);
+            if (h.Has(Slot::HeaderObject(i))) {
                 out << RightAligned(std::to_string(h.objectBytes[i]), 3) << " bytes";
                 if (!values[i].empty()) {
                     out << "  " << values[i];
@@ -423,15 +226,7 @@ int RunList(const Context&, const std::vector<std::string>& args) {
     arguments.ExpectOperands(0, 0, "no operands");
     const std::vector<SlotReport> reports = SlotSurvey::ListSlots();
     if (arguments.Has("json")) {
-        Json json;
-        json.BeginArray();
-        for (const SlotReport& report : reports) {
-            json.BeginObject();
-            AddSummary(json, report);
-            json.EndObject();
-        }
-        json.EndArray();
-        std::cout << json.Text() << std::endl;
+        std::cout << ListJson(reports) << std::endl;
         return ExitOk;
     }
     size_t nameWidth = 4;
@@ -458,7 +253,7 @@ int RunList(const Context&, const std::vector<std::string>& args) {
                                           std::to_string(report.queue.capacity)
                                     : "-",
                          11) +
-            "  " + Padded(LastWriteText(report), 27) + "  " +
+            "  " + Padded(LastWriteCell(report), 27) + "  " +
             Padded(ownerKnown ? UserName(owner) : "-", 8) + "  " +
             RightAligned(ownerKnown ? AgeText(age) : "-", 4) + "  " +
             (note.empty() ? ReaderText(report) : Padded(ReaderText(report), 10) + "  " + note);

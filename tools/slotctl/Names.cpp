@@ -2,8 +2,7 @@
 #include "Names.h"
 
 #include <Slot/SlotNames.h>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
+#include <Slot/SlotReportJson.h>
 
 #include <sys/stat.h>
 
@@ -23,10 +22,7 @@ bool ShmExists(const std::string& object) {
 }
 
 std::string FormatTime(const boost::posix_time::ptime& time) {
-    if (time.is_special()) {
-        return "never";
-    }
-    return boost::posix_time::to_iso_extended_string(time) + "Z";
+    return Slot::TimeText(time);
 }
 
 }  // namespace slotctl
