@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// The whole public API of libSlot.
+// Every public header of libSlot: slots, the factory, writers and readers, the named-pipe
+// endpoint and the survey of a machine's slots. The companion libraries' headers come in where
+// these use their types; <shared/shared.h> has all of libshared.
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 #include <Slot/BoostInterprocess/BaseSlotReader.h>
@@ -15,7 +17,14 @@
 #include <Slot/ISlot.h>
 #include <Slot/ISlotConfiguration.h>
 #include <Slot/SimpleSlotRW.h>
+#include <Slot/SlotActivity.h>
+#include <Slot/SlotAttachments.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotLeftovers.h>
+#include <Slot/SlotNames.h>
+#include <Slot/SlotReportJson.h>
+#include <Slot/SlotSurvey.h>
+#include <Slot/SlotText.h>
 #include <Slot/SlotWriter.h>
 #include <Slot/Version.h>
 #include <Slot/WindowsPipe/WindowsPipeReader.h>

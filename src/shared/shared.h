@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// The whole public API of libshared.
+// Every public header of libshared.
 #include <shared/Export.h>
 #include <shared/FileHelpers.h>
 #include <shared/FileLock.h>
 #include <shared/ILockable.h>
 #include <shared/INotifier.h>
+#include <shared/ISpinWait.h>
 #include <shared/ISubscriber.h>
 #include <shared/ISyncEvent.h>
 #include <shared/InterprocCondition.h>
@@ -14,9 +15,10 @@
 #include <shared/LockablePtr.h>
 #include <shared/Notifier.h>
 #include <shared/ProxySubscriber.h>
+#include <shared/RobustMutex.h>
 #include <shared/SharedFolder.h>
 #include <shared/SharedMemory.h>
 #include <shared/SingletonMutex.h>
 #include <shared/SizedArray.h>
-#include <shared/UtcClock.h>
 #include <shared/WaitForAsyncOpHandler.h>
+#include <shared/WriteOutcome.h>

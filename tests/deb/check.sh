@@ -66,7 +66,12 @@ contains() {  # contains DEB PATTERN
 contains "${debs[0]}" '\./usr/lib/libSlot\.so\.1( |$)'
 contains "${debs[1]}" '\./usr/lib/pkgconfig/slot\.pc$'
 contains "${debs[1]}" '\./usr/lib/cmake/Slot/SlotConfig\.cmake$'
-contains "${debs[1]}" '\./usr/include/Slot/Version\.h$'
+# libslot-dev carries exactly the public headers.
+headers="$build/public-headers.txt"
+# shellcheck source=tests/install/headers.sh
+source "$consumer/../headers.sh"
+check_header_set "$headers" < <(dpkg-deb --contents "${debs[1]}" \
+    | awk '$1 !~ /^d/ {print $NF}' | sed -n 's|^\./usr/include/||p')
 contains "${debs[2]}" '\./usr/bin/slotctl$'
 contains "${debs[2]}" '\./usr/share/man/man1/slotctl\.1\.gz$'
 contains "${debs[2]}" '\./usr/share/bash-completion/completions/slotctl$'
@@ -75,12 +80,13 @@ step "dpkg -i"
 installed=1
 dpkg -i "${debs[@]}" > "$work/install.log" 2>&1 || { cat "$work/install.log"; exit 1; }
 
-step "find_package(Slot) from /usr"
-cmake -S "$consumer" -B "$work/consumer" > "$work/configure.log" 2>&1 \
+step "find_package(Slot) from /usr, each public header alone"
+cmake -S "$consumer" -B "$work/consumer" -DSLOT_PUBLIC_HEADER_LIST="$headers" \
+    > "$work/configure.log" 2>&1 \
     || { cat "$work/configure.log"; exit 1; }
 grep -q "Slot_DIR.*/usr/lib/cmake/Slot" "$work/consumer/CMakeCache.txt" \
     || { grep Slot_DIR "$work/consumer/CMakeCache.txt"; echo "Slot was not found in /usr"; exit 1; }
-cmake --build "$work/consumer" > "$work/build.log" 2>&1 || { cat "$work/build.log"; exit 1; }
+cmake --build "$work/consumer" -j2 > "$work/build.log" 2>&1 || { cat "$work/build.log"; exit 1; }
 "$work/consumer/consumer"
 
 step "pkg-config from /usr"

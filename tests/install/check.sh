@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs the build into a scratch prefix outside the loader's search path and, with
-# LD_LIBRARY_PATH unset, builds and runs: an outside project through find_package(Slot), the
-# same through the build tree (-DSlot_DIR=<build>), a program built with pkg-config's flags, and
-# the installed slotctl; then moves the installed tree and runs the pkg-config program and
-# slotctl again from the new place.
+# Installs the build into a scratch prefix outside the loader's search path and checks that the
+# installed headers are exactly the public ones (<build>/public-headers.txt) and that each
+# compiles on its own. With LD_LIBRARY_PATH unset it builds and runs: an outside project through
+# find_package(Slot), the same through the build tree (-DSlot_DIR=<build>), a program built with
+# pkg-config's flags, and the installed slotctl; then moves the installed tree and runs the
+# pkg-config program and slotctl again from the new place.
 #   check.sh BUILD_DIR SOURCE_DIR [TOOLCHAIN_FILE]
 set -euo pipefail
 build=$(cd "$1" && pwd)
@@ -34,6 +35,13 @@ for lib in libshared libFileUtils libIoUtils libSlot; do
     ls "$libdir/$lib.so.1" > /dev/null
 done
 
+step "public headers"
+headers="$build/public-headers.txt"
+# shellcheck source=tests/install/headers.sh
+source "$src/headers.sh"
+check_header_set "$headers" < <(cd "$prefix/include" && find . -type f -o -type l | sed 's|^\./||')
+check_umbrellas "$headers" "$prefix/include"
+
 consumer() {  # consumer LABEL BUILD_DIR CMAKE_ARGS...
     local label=$1 dir=$2
     shift 2
@@ -41,11 +49,11 @@ consumer() {  # consumer LABEL BUILD_DIR CMAKE_ARGS...
     local args=(-S "$src/consumer" -B "$dir" "$@")
     [[ -n "$toolchain" ]] && args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
     cmake "${args[@]}" > "$dir.configure.log" || { cat "$dir.configure.log"; return 1; }
-    cmake --build "$dir" > "$dir.build.log" || { cat "$dir.build.log"; return 1; }
+    cmake --build "$dir" -j2 > "$dir.build.log" || { cat "$dir.build.log"; return 1; }
     "$dir/consumer"
 }
-consumer "find_package(Slot) from the installed prefix" "$work/consumer" \
-    -DCMAKE_PREFIX_PATH="$prefix"
+consumer "find_package(Slot) from the installed prefix, each public header alone" \
+    "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" -DSLOT_PUBLIC_HEADER_LIST="$headers"
 consumer "find_package(Slot) from the build tree" "$work/consumer-build-tree" -DSlot_DIR="$build"
 
 step "pkg-config"
@@ -62,6 +70,11 @@ pc_consumer() {  # pc_consumer OUTPUT
     fi
 }
 pc_consumer "$work/pc-consumer"
+if [[ $pc_build -eq 1 ]]; then
+    step "pkg-config, each public header alone"
+    # shellcheck disable=SC2046  # the flags are words
+    compile_each_header "$headers" "$work/pc-headers" g++ -std=c++17 $(pkg-config --cflags slot)
+fi
 
 tools=0
 if [[ -x "$prefix/bin/slotctl" ]]; then  # built unless SLOT_BUILD_TOOLS is off

@@ -10,7 +10,9 @@
 #include <string>
 
 // Server end of a Windows named pipe. This platform has no such pipes: every operation returns
-// at once and nothing is ever read, so a WindowsPipeReader on it never delivers data.
+// at once and nothing is ever read, so a WindowsPipeReader on it never delivers data. The stub
+// ships because the library's exported API names this class and WindowsPipeReader: programs
+// written against that API build and link here unchanged (the factory refuses "win-pipe").
 //
 // What a working server slot must do, and WindowsPipeReader relies on:
 // WaitForConnectionOrReinitPipeIfNeeded blocks until a client is connected (re-creating a
