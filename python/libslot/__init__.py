@@ -41,15 +41,13 @@ from ._native import (
     version,
 )
 from ._survey import (
-    HeaderPart,
-    HeldLock,
     PartState,
-    QueuePart,
+    Record,
     SlotKind,
-    SlotPart,
     SlotReport,
     SlotState,
-    report_from_dict,
+    inspect_slot_report,
+    list_slot_reports,
 )
 
 __all__ = [
@@ -58,8 +56,7 @@ __all__ = [
     "slot_type_is_valid", "slot_name_problem", "create_slot", "remove_slot",
     "Writer", "WriteOutcome", "WriteCounts", "write_counts", "last_write_outcome",
     "Reader", "SimpleSlot",
-    "inspect_slot", "list_slots", "SlotReport", "SlotPart", "HeaderPart", "QueuePart",
-    "HeldLock", "SlotKind", "SlotState", "PartState",
+    "inspect_slot", "list_slots", "SlotReport", "Record", "SlotKind", "SlotState", "PartState",
     "configure_logging", "version",
 ]
 
@@ -232,13 +229,15 @@ class SimpleSlot:
 
 def inspect_slot(name: str) -> SlotReport:
     """What the machine holds under the slot ``name``, seen without opening, locking or
-    changing it (a snapshot). A name with nothing behind it gives state SlotState.ABSENT."""
-    return report_from_dict(_native.inspect_slot(name))
+    changing it (a snapshot): the document of ``slotctl info --json``. A name with nothing
+    behind it gives state SlotState.ABSENT."""
+    return inspect_slot_report(name)
 
 
 def list_slots() -> List[SlotReport]:
-    """Every slot, half or unfinished slot and posix-pipe FIFO of the machine, sorted by name."""
-    return [report_from_dict(d) for d in _native.list_slots()]
+    """Every slot, half or unfinished slot and posix-pipe FIFO of the machine, sorted by name:
+    the entries of ``slotctl ls --json``."""
+    return list_slot_reports()
 
 
 _log = logging.getLogger("libslot")

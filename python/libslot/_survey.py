@@ -1,155 +1,75 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Records of the slot survey: what the machine holds under a slot's name."""
+"""Records of the slot survey: the documents that ``slotctl info --json`` and ``slotctl ls --json``
+print, with the same keys (listed in docs/slotctl.md, "JSON output")."""
 
 from __future__ import annotations
 
-import datetime
 import enum
-from dataclasses import dataclass, field
-from typing import List, Optional
+import json
+
+from . import _native
 
 
-class SlotKind(str, enum.Enum):
-    """Kind of a slot, as far as its objects tell."""
-
-    UNKNOWN = "unknown"
-    DISCARDING = "discarding"
-    RELIABLE = "reliable"
-    POSIX_PIPE = "posix-pipe"
-
-
-class SlotState(str, enum.Enum):
-    """State of a slot as a whole, decided in this order."""
-
-    ABSENT = "absent"
-    PIPE = "pipe"
-    DEAD_HOLDER = "dead-holder"
-    NO_ACCESS = "no-access"
-    DAMAGED = "damaged"
-    UNFINISHED = "unfinished"
-    HALF = "half"
-    BUSY = "busy"
-    HEALTHY = "healthy"
+def _enum_of(name: str, words, doc: str):
+    """An enum of str whose values are the library's words; "no-access" is NO_ACCESS."""
+    members = [(w.upper().replace("-", "_").replace(" ", "_"), w) for w in words]
+    kind = enum.Enum(name, members, type=str, module=__name__, qualname=name)
+    kind.__doc__ = doc
+    return kind
 
 
-class PartState(str, enum.Enum):
-    """State of one shared-memory object of a slot."""
-
-    ABSENT = "absent"
-    OK = "ok"
-    NO_ACCESS = "no access"
-    UNFINISHED = "unfinished"
-    DAMAGED = "damaged"
-    FOREIGN = "not a slot part"
+SlotState = _enum_of("SlotState", _native.SLOT_STATES,
+                     "State of a slot as listings show it (\"slot\" is a healthy one).")
+SlotKind = _enum_of("SlotKind", _native.SLOT_KINDS,
+                    "Kind of a slot, as far as its objects tell (None when they do not).")
+PartState = _enum_of("PartState", _native.PART_STATES,
+                     "State of one shared-memory object of a slot.")
 
 
-def _enum(kind, text):
+class Record(dict):
+    """A JSON object of the survey: a dict whose keys are also attributes (``report.state``,
+    ``report.header.free``)."""
+
+    def __getattr__(self, key):
+        try:
+            return self[key]
+        except KeyError:
+            raise AttributeError(key) from None
+
+
+class SlotReport(Record):
+    """A snapshot of one slot, taken without opening it, locking it or changing it."""
+
+
+def _word(kind, text):
     try:
         return kind(text)
-    except ValueError:  # a state this package does not know yet: keep the text
+    except ValueError:  # a word this package does not know (or None): kept as it is
         return text
 
 
-@dataclass(frozen=True)
-class SlotPart:
-    """One shared-memory object of a slot (the header segment or the queue)."""
-
-    state: PartState
-    object: str
-    path: str
-    detail: str
-    size: int
-    age_seconds: Optional[float]
-    owner: int
-    mode: int
-    writable: bool
+def _records(value):
+    if isinstance(value, dict):
+        return Record((key, _records(item)) for key, item in value.items())
+    if isinstance(value, list):
+        return [_records(item) for item in value]
+    return value
 
 
-@dataclass(frozen=True)
-class HeaderPart(SlotPart):
-    """The header segment: free bytes, last write time (UTC, None when not written since it
-    was last opened) and the output buffer."""
-
-    free_bytes: int = 0
-    last_write: Optional[datetime.datetime] = None
-    output_data_size: int = 0
-    output_buffer_size: int = 0
-
-
-@dataclass(frozen=True)
-class QueuePart(SlotPart):
-    """The queue: capacity and largest block, and the blocks waiting now."""
-
-    capacity: int = 0
-    max_block_size: int = 0
-    waiting: int = 0
+def report_from_json(document: dict) -> SlotReport:
+    """A SlotReport of a parsed survey document, its states and kind as enums."""
+    report = SlotReport(_records(document))
+    report["state"] = _word(SlotState, report["state"])
+    report["kind"] = _word(SlotKind, report["kind"])
+    for part in ("header", "queue"):
+        if part in report:
+            report[part]["state"] = _word(PartState, report[part]["state"])
+    return report
 
 
-@dataclass(frozen=True)
-class HeldLock:
-    """A lock inside a slot found held: its holder's thread and live process (0: dead)."""
-
-    lock: str
-    thread: int
-    process: int
-
-    @property
-    def holder_dead(self) -> bool:
-        """True when the thread that holds the lock no longer exists."""
-        return self.process == 0
+def inspect_slot_report(name: str) -> SlotReport:
+    return report_from_json(json.loads(_native.inspect_slot_json(name)))
 
 
-@dataclass(frozen=True)
-class SlotReport:
-    """A snapshot of one slot, taken without opening it, locking it or changing it."""
-
-    name: str
-    state: SlotState
-    detail: str
-    kind: SlotKind
-    header: HeaderPart
-    queue: QueuePart
-    held_locks: List[HeldLock] = field(default_factory=list)
-    dead_holder: int = 0
-    reader_lock_file: str = ""
-    reader_pid: int = 0
-    pipe_path: str = ""
-
-    @property
-    def capacity(self) -> int:
-        """Blocks the queue holds."""
-        return self.queue.capacity
-
-    @property
-    def max_block_size(self) -> int:
-        """Largest block in bytes."""
-        return self.queue.max_block_size
-
-    @property
-    def waiting(self) -> int:
-        """Blocks waiting in the queue."""
-        return self.queue.waiting
-
-    @property
-    def last_write(self) -> Optional[datetime.datetime]:
-        """Time of the last write (UTC), None when not written since it was last opened."""
-        return self.header.last_write
-
-
-def _part(cls, d):
-    d = dict(d)
-    d["state"] = _enum(PartState, d["state"])
-    if "last_write" in d and d["last_write"] is not None:
-        d["last_write"] = datetime.datetime.fromtimestamp(d["last_write"], datetime.timezone.utc)
-    return cls(**d)
-
-
-def report_from_dict(d) -> SlotReport:
-    """Builds a SlotReport from the native survey's dict."""
-    d = dict(d)
-    d["state"] = _enum(SlotState, d["state"])
-    d["kind"] = _enum(SlotKind, d["kind"])
-    d["header"] = _part(HeaderPart, d["header"])
-    d["queue"] = _part(QueuePart, d["queue"])
-    d["held_locks"] = [HeldLock(**lock) for lock in d["held_locks"]]
-    return SlotReport(**d)
+def list_slot_reports():
+    return [report_from_json(entry) for entry in json.loads(_native.list_slots_json())]

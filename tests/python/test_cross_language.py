@@ -2,6 +2,7 @@
 """Blocks between Python and C++ processes (slotctl, a program of the C++ library), both ways,
 through every slot kind, and the Python guide's example."""
 
+import json
 import os
 import re
 import subprocess
@@ -146,3 +147,36 @@ def test_readme_example_runs_as_written(name):
     assert result.stderr.decode() == "", "a quiet module prints nothing of its own"
     assert libslot.inspect_slot(name).state is libslot.SlotState.ABSENT
     assert not os.path.exists(lock_file(name)), "remove_slot left the reader's lock file"
+
+
+def _shape(value):
+    """The keys of a JSON document, recursively, with the type of each value."""
+    if isinstance(value, dict):
+        return {key: _shape(item) for key, item in value.items()}
+    if isinstance(value, list):
+        return [_shape(item) for item in value]
+    return "str" if isinstance(value, str) else type(value).__name__  # enums are str
+
+
+def test_survey_documents_are_slotctls(name):
+    """The Python survey gives slotctl's documents: the same keys in the same order, the same
+    words (the enums' values) and the same numbers."""
+    with libslot.Writer(name, type="reliable", queue_length=4) as writer:
+        writer.write(b"one")
+        shown = slotctl("info", "--json", name)
+        assert shown.returncode == 0, shown.stderr.decode()
+        expected = json.loads(shown.stdout)
+        report = libslot.inspect_slot(name)
+        assert _shape(report) == _shape(expected)
+        assert list(report) == list(expected)
+        assert (report.state, report.kind, report.header.state) == \
+            (expected["state"], expected["kind"], expected["header"]["state"])
+        assert (report.waiting, report.header.free) == (expected["waiting"],
+                                                        expected["header"]["free"])
+        listed = json.loads(slotctl("ls", "--json").stdout)
+        entry = dict(next(e for e in libslot.list_slots() if e.name == name))
+        other = next(e for e in listed if e["name"] == name)
+        for document in (entry, other):  # a second may pass between the two looks
+            del document["age_seconds"]
+        assert entry == other
+    libslot.remove_slot(name)

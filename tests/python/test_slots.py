@@ -127,7 +127,7 @@ def test_factory_operations(name):
     assert libslot.inspect_slot(name).state is libslot.SlotState.ABSENT
     libslot.create_slot(cfg)
     report = libslot.inspect_slot(name)
-    assert report.state is libslot.SlotState.HEALTHY
+    assert report.state is libslot.SlotState.SLOT
     assert (report.kind, report.capacity, report.max_block_size) == \
         (libslot.SlotKind.RELIABLE, 4, 100)
     assert libslot.remove_slot(name) is True
@@ -183,16 +183,17 @@ def test_survey_looks_without_disturbing(names):
         for _ in range(2):  # looking twice changes nothing
             report = libslot.inspect_slot(reliable)
             assert report.name == reliable
-            assert report.state is libslot.SlotState.HEALTHY and report.detail == ""
+            assert report.state is libslot.SlotState.SLOT and report.detail is None
             assert report.waiting == 2 and report.capacity == 8
-            assert report.last_write is not None and report.last_write.tzinfo is not None
+            assert report.last_write is not None and report.last_write.endswith("Z")
             assert report.header.state is libslot.PartState.OK
-            assert report.queue.object == "queue_" + reliable
-            assert report.held_locks == [] and report.reader_pid == 0
+            assert report.queue.object == "/dev/shm/queue_" + reliable
+            assert report.locks == [] and report.holder is None
+            assert report.reader.held is False and report.reader.pid is None
         listed = {r.name: r for r in libslot.list_slots()}
         assert listed[reliable].kind is libslot.SlotKind.RELIABLE
         assert listed[discarding].kind is libslot.SlotKind.DISCARDING
         # The blocks are all still there for the reader.
         with libslot.Reader(reliable, type="reliable") as reader:
             assert [reader.get(timeout=30), reader.get(timeout=30)] == [b"one", b"two"]
-            assert libslot.inspect_slot(reliable).reader_pid == os.getpid()
+            assert libslot.inspect_slot(reliable).reader.pid == os.getpid()
