@@ -68,7 +68,7 @@ struct SlotPartReport {
 };
 
 struct SlotHeaderReport : SlotPartReport {
-    // Read when the segment is built far enough (far enough that its named objects can be found).
+    // Read when the segment is built far enough for its named objects to be found.
     std::uint64_t freeBytes = 0;
     std::uint64_t namedObjects = 0;
     std::uint64_t uniqueObjects = 0;  // the header mutex is one
