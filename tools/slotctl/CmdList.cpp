@@ -3,6 +3,7 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "Json.h"
+#include "Listing.h"
 #include "Names.h"
 
 #include <Slot/SlotAttachments.h>
@@ -503,6 +504,26 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
         std::cout << out.str() << std::flush;
     }
     return ExitOk;
+}
+
+}  // namespace slotctl
+
+namespace slotctl {
+
+std::string ListStateWord(const SlotReport& report) {
+    return StateWord(report);
+}
+
+std::string ListKindWord(const SlotReport& report) {
+    return KindWord(report);
+}
+
+std::string ListAgeText(double seconds) {
+    return AgeText(seconds);
+}
+
+void AddListFields(Json& json, const SlotReport& report) {
+    AddSummary(json, report);
 }
 
 }  // namespace slotctl
