@@ -69,17 +69,15 @@ public:
                 due = std::max(due + step, now);
             }
             Draw();
-            const int waitMs =
-                paused_
-                    ? -1
-                    : static_cast<int>(
-                          (std::chrono::duration_cast<std::chrono::microseconds>(due - Clock::now())
-                               .count() +
-                           999) /
-                          1000);
+            // Paused: only a key or a signal ends the wait. Late: no wait.
+            const std::int64_t untilDue =
+                (std::chrono::duration_cast<std::chrono::microseconds>(due - Clock::now()).count() +
+                 999) /
+                1000;
+            const int waitMs = paused_ ? -1 : static_cast<int>(std::max<std::int64_t>(0, untilDue));
             pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {StopSignals::Fd(), POLLIN, 0}};
             // A resize interrupts the wait (EINTR); the key loop below then gets KEY_RESIZE.
-            const int ready = ::poll(fds, 2, waitMs < 0 ? -1 : std::max(0, waitMs));
+            const int ready = ::poll(fds, 2, waitMs);
             if (ready < 0 && errno != EINTR) {
                 throw CommandError(ExitFailure, "top: poll failed");
             }
@@ -156,15 +154,14 @@ private:
         erase();
         const std::vector<TopRow> rows = model_.Rows(sort_, filter_);
         const std::size_t width = static_cast<std::size_t>(std::max(COLS, 1));
-        std::string status = "slotctl top  " + std::to_string(model_.All().size()) + " slots";
+        // The most telling first: the line is cut at the screen's edge.
+        std::string status = paused_ ? "PAUSED  " : "";
+        status += std::to_string(model_.All().size()) + " slots";
         if (!filter_.empty()) {
             status += " (" + std::to_string(rows.size()) + " match '" + Printable(filter_) + "')";
         }
-        status += "  every " + Fixed(interval_, interval_ < 1 ? 2 : 1) + " s  sort " +
-                  TopModel::SortName(sort_);
-        if (paused_) {
-            status += "  PAUSED";
-        }
+        status += "  sort " + std::string(TopModel::SortName(sort_)) + "  every " +
+                  Fixed(interval_, interval_ < 1 ? 2 : 1) + " s";
         Put(0, status);
         Put(1, TopHeading(rows, width), A_REVERSE);
         const int first = 2;
