@@ -124,8 +124,10 @@ int RunSnapshots(double interval, bool once, bool json) {
         look = LookAtSlots();
         const Clock::time_point at = Clock::now();
         model.Update(look.slots, Seconds(at));
-        // Late (a slow look, a suspended process): the next interval starts now.
-        due = std::max(due + step, at);
+        due += step;
+        if (due <= at) {
+            due = at + step;  // late (a slow look, a suspended process): start afresh
+        }
         if (json) {
             std::cout << SnapshotJson(model, look, interval) << std::endl;
         } else {

@@ -66,7 +66,10 @@ public:
                 model_.Update(
                     look_(),
                     std::chrono::duration<double>(Clock::now().time_since_epoch()).count());
-                due = std::max(due + step, now);
+                due += step;
+                if (due <= now) {
+                    due = now + step;  // late (a slow look, a suspended process): start afresh
+                }
             }
             Draw();
             // Paused: only a key or a signal ends the wait. Late: no wait.
