@@ -37,7 +37,7 @@ struct TopRow : TopObservation {
 enum class TopSort { Name, Writes, Bytes, Waiting, LastWrite };
 
 // The view's state between looks: rates come from the write counter of the same slot at the
-// previous look. Pure: it is told what was seen and when.
+// previous look. Pure: it is told what was seen and when. One thread uses it (no locking).
 class TopModel {
 public:
     // A look taken at `seconds` (a monotonic clock). A slot gone since the previous look
