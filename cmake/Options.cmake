@@ -31,6 +31,9 @@ slot_optional_part(SLOT_BUILD_DOCS AUTO "API documentation target docs: AUTO, ON
 # to be installed: OFF unless asked for (ON, or AUTO: built when the compiler is clang).
 slot_optional_part(SLOT_BUILD_FUZZERS OFF
     "libFuzzer targets in fuzz/: OFF, ON or AUTO (clang only; implies ASan+UBSan)" "")
+# slotctl top's full-screen view (ncurses); top --once and --json are built without it.
+slot_optional_part(SLOT_BUILD_TOP_SCREEN AUTO
+    "slotctl top's full-screen view: AUTO, ON or OFF (needs libncurses-dev)" "")
 set(SLOT_PYTHON_EXECUTABLE "/usr/bin/python3" CACHE FILEPATH "Python interpreter of the module")
 
 # Fuzzers: clang with libFuzzer.

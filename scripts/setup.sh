@@ -24,7 +24,8 @@ esac
 
 native=(cmake g++ make pkg-config libboost-dev libboost-thread-dev libboost-date-time-dev
         libboost-system-dev liblog4cxx-dev libgtest-dev libgmock-dev googletest
-        nlohmann-json3-dev)                  # JSON of slot reports (libSlot, slotctl)
+        nlohmann-json3-dev                                   # JSON of slot reports
+        libncurses-dev tmux)                                 # slotctl top, and its test
 want=("${native[@]}")
 # The DDS gateway (Eclipse Cyclone DDS), the Python binding (pybind11, Debian's Python 3, pytest)
 # and the gateway's two-host test (iproute2 for network namespaces, ZeroMQ for its comparison).

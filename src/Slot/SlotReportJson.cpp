@@ -159,7 +159,17 @@ void AddHolder(JsonWriter& json, const SlotReport& report) {
     json.EndObject();
 }
 
-void AddSummary(JsonWriter& json, const SlotReport& report) {
+void AddPart(JsonWriter& json, const SlotPartReport& part) {
+    json.Key("object").String(part.path);
+    json.Key("state").String(SlotPartStateText(part.state));
+    json.Key("detail");
+    part.detail.empty() ? json.Null() : json.String(part.detail);
+    json.Key("size").Number(part.size);
+}
+
+}  // namespace
+
+void AddListEntry(JsonWriter& json, const SlotReport& report) {
     json.Key("name").String(report.name);
     json.Key("state").String(StateWord(report));
     const std::string kind = KindWord(report);
@@ -202,22 +212,12 @@ void AddSummary(JsonWriter& json, const SlotReport& report) {
     report.detail.empty() ? json.Null() : json.String(report.detail);
 }
 
-void AddPart(JsonWriter& json, const SlotPartReport& part) {
-    json.Key("object").String(part.path);
-    json.Key("state").String(SlotPartStateText(part.state));
-    json.Key("detail");
-    part.detail.empty() ? json.Null() : json.String(part.detail);
-    json.Key("size").Number(part.size);
-}
-
-}  // namespace
-
 std::string ListJson(const std::vector<SlotReport>& reports) {
     JsonWriter json;
     json.BeginArray();
     for (const SlotReport& report : reports) {
         json.BeginObject();
-        AddSummary(json, report);
+        AddListEntry(json, report);
         json.EndObject();
     }
     json.EndArray();
@@ -227,7 +227,7 @@ std::string ListJson(const std::vector<SlotReport>& reports) {
 std::string InfoJson(const SlotReport& report) {
     JsonWriter json;
     json.BeginObject();
-    AddSummary(json, report);
+    AddListEntry(json, report);
     const SlotHeaderReport& h = report.header;
     json.Key("header").BeginObject();
     AddPart(json, h);

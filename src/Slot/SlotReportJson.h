@@ -3,6 +3,7 @@
 
 #include <Slot/Export.h>
 #include <Slot/SlotSurvey.h>
+#include <Slot/SlotText.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
@@ -47,6 +48,9 @@ SLOT_EXPORT bool OwnerAndAge(const SlotReport& report, uid_t& owner, double& age
 
 // The user's name (Printable), or the uid as a number when the system has no name for it.
 SLOT_EXPORT std::string UserName(uid_t uid);
+
+// The keys of one slot in a listing, written into the object `json` has open.
+SLOT_EXPORT void AddListEntry(JsonWriter& json, const SlotReport& report);
 
 // The JSON array of a listing (`slotctl ls --json`): one object per report, with the slot's
 // summary keys.

@@ -196,6 +196,10 @@ JsonWriter& JsonWriter::SignedNumber(std::int64_t value) {
     return document_->Put(*this, value);
 }
 
+JsonWriter& JsonWriter::Real(double value) {
+    return document_->Put(*this, value);
+}
+
 JsonWriter& JsonWriter::Bool(bool value) {
     return document_->Put(*this, value);
 }

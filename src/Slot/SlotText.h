@@ -52,6 +52,8 @@ public:
     JsonWriter& String(const std::string& value);
     JsonWriter& Number(std::uint64_t value);
     JsonWriter& SignedNumber(std::int64_t value);
+    // In the shortest form that reads back as the same double; null when not finite.
+    JsonWriter& Real(double value);
     JsonWriter& Bool(bool value);
     JsonWriter& Null();
 

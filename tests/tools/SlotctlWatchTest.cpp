@@ -410,7 +410,7 @@ TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
     commands = commands.substr(0, commands.find("options"));
     const std::vector<std::string> all = Completions({"slotctl", ""});
     for (const std::string command :
-         {"ls", "info", "write", "read", "rm", "hz", "bw", "peek", "demo", "help"}) {
+         {"ls", "info", "write", "read", "rm", "hz", "bw", "peek", "top", "demo", "help"}) {
         EXPECT_TRUE(Contains(commands, " " + command + " ")) << command;
         EXPECT_TRUE(std::regex_search(man, std::regex("\n\\.B[IR]? \"?" + command + "\\b")))
             << command << " is not in the manual page";
@@ -419,6 +419,7 @@ TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
     // Each command's options, their values, and slot names for operands.
     EXPECT_EQ(std::vector<std::string>{"--frames"}, Completions({"slotctl", "write", "--fr"}));
     EXPECT_EQ(std::vector<std::string>{"--force"}, Completions({"slotctl", "-v", "rm", "--f"}));
+    EXPECT_EQ(std::vector<std::string>{"--interval"}, Completions({"slotctl", "top", "--i"}));
     EXPECT_EQ((std::vector<std::string>{"frames"}),
               Completions({"slotctl", "read", "x", "--format", "fr"}));
     ScopedSlotName name("completed");

@@ -2,6 +2,7 @@
 // slotctl ls / info: what is there, as the library's inspection sees it, without disturbing it.
 #include "Cli.h"
 #include "Commands.h"
+#include "Listing.h"
 #include "Names.h"
 
 #include <Slot/SlotAttachments.h>
@@ -298,6 +299,10 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
         std::cout << out.str() << std::flush;
     }
     return ExitOk;
+}
+
+std::string ListAgeText(double seconds) {
+    return AgeText(seconds);
 }
 
 }  // namespace slotctl

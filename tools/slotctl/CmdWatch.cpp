@@ -5,6 +5,7 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "Signals.h"
+#include "WriteRate.h"
 
 #include <Slot/SlotActivity.h>
 #include <Slot/SlotSurvey.h>
@@ -35,22 +36,6 @@ SlotActivitySample FirstSample(const std::string& command, const std::string& na
             ExitFailure, command + ": " + Quote(name) + " has no usable header: " + sample.problem);
     }
     return sample;
-}
-
-std::string Fixed(double value, int decimals) {
-    char text[64];
-    std::snprintf(text, sizeof(text), "%.*f", decimals, value);
-    return text;
-}
-
-std::string Bytes(double perSecond) {
-    if (perSecond >= 1e6) {
-        return Fixed(perSecond / 1e6, 2) + " MB/s";
-    }
-    if (perSecond >= 1e3) {
-        return Fixed(perSecond / 1e3, 2) + " kB/s";
-    }
-    return Fixed(perSecond, 0) + " B/s";
 }
 
 // Samples the slot once per window and prints a line per window, until --timeout, Ctrl-C or the
@@ -96,10 +81,7 @@ int Watch(const std::vector<std::string>& args, bool bandwidth) {
             status = ExitFailure;
             break;
         }
-        std::uint32_t writes = SlotActivity::WritesBetween(last, now);
-        if (writes > (1u << 31)) {
-            writes = 0;  // the sequence went back: the slot was made anew meanwhile
-        }
+        const std::uint32_t writes = WritesSince(last, now);
         last = now;
         const double seconds = std::chrono::duration<double>(at - windowStart).count();
         const double elapsed = std::chrono::duration<double>(at - start).count();
@@ -115,13 +97,15 @@ int Watch(const std::vector<std::string>& args, bool bandwidth) {
         } else {
             // The header keeps only the size of the last block a reader took: the bytes of the
             // other blocks are not known without taking them.
-            const double bytes = static_cast<double>(writes) * now.outputDataSize;
+            double bytes = 0;
+            const bool sizeKnown = EstimatedBytes(writes, now, bytes);
             estimatedBytes += bytes;
-            line = "estimated bandwidth: " + Bytes(seconds > 0 ? bytes / seconds : 0) + " (" +
-                   std::to_string(writes) + " writes/s x " + std::to_string(now.outputDataSize) +
+            line = "estimated bandwidth: " + BytesPerSecondText(seconds > 0 ? bytes / seconds : 0) +
+                   " (" + std::to_string(writes) + " writes/s x " +
+                   std::to_string(now.outputDataSize) +
                    " bytes, the size of the last block taken); average " +
-                   Bytes(elapsed > 0 ? estimatedBytes / elapsed : 0);
-            if (!now.hasOutput || (now.outputDataSize == 0 && writes != 0)) {
+                   BytesPerSecondText(elapsed > 0 ? estimatedBytes / elapsed : 0);
+            if (!sizeKnown) {
                 line += " [block size unknown: no block taken since the slot was opened]";
             }
             if (seconds > 0) {

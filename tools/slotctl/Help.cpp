@@ -17,6 +17,7 @@ commands:
   rm NAME... | rm --stale     remove slots, or stale ones left by a crash
   hz NAME / bw NAME           write rate / estimated bandwidth, without reading anything
   peek NAME                   the last block taken from the slot, without changing anything
+  top [--once | --json]       every slot live: rates, queue fill, reader, attached processes
   demo                        blocks flowing through the three slot types, live
   help [COMMAND]              this text, or a command's
 
@@ -180,6 +181,33 @@ the header segment with plain reads: nothing is taken, locked or changed. A slot
 read since it was last opened shows an empty block.
   --format F    text (default), hex, raw, frames or ndjson, as for read (the ndjson time is
                 the slot's last write time, null when unknown)
+)HELP";
+    }
+    if (command == "top") {
+        return R"HELP(usage: slotctl top [--interval SECS] [--once] [--json]
+
+Every slot of this machine, refreshed every interval, one row each: NAME, KIND and STATE (the
+words of ls), WRITE/S and MB/S (from the slot's write counter, as hz and bw: the bytes are
+estimated from the size of the last block a reader took; "-" until two looks, or when no
+block was taken), WAITING blocks / capacity with a bar, the reliable READER's pid ("none",
+"held" when unknown, "-" for other kinds), ATT the number of attached processes (as info
+lists them) and LAST the age of the last write. Like ls it reads nothing from the slots: no
+block is taken, no lock, nothing waits. Names are escaped as everywhere in slotctl; a name too
+long for its column ends in '~'.
+
+keys: q quits; s sorts by the next column (NAME, WRITE/S, MB/S, WAITING, LAST: largest or
+most recent first); / filters by name (type a part of the name as shown, Enter applies, Esc
+cancels, an empty filter shows all); p pauses and resumes. The view fits 80x24 and follows the
+terminal's size. Ctrl-C ends it too (status 130), with the terminal restored.
+
+  --interval SECS   time between looks, 0.1 to 3600 (default 1)
+  --once            one table after one interval (the rates need two looks), then exit; also
+                    what top does when standard input or output is not a terminal
+  --json            one JSON object per interval, one line each: {"time", "interval_seconds",
+                    "slots": [...]}, each slot with the fields of ls --json plus
+                    writes_per_second, bytes_per_second (null when unknown),
+                    attached_processes and last_write_age_seconds; with --once a single one
+The full-screen view needs ncurses: a slotctl built without it has --once and --json only.
 )HELP";
     }
     if (command == "demo") {

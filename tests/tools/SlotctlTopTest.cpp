@@ -1,0 +1,361 @@
+// SPDX-License-Identifier: Apache-2.0
+// slotctl top: its snapshots (--once, --json) from the real binary, and its full-screen view
+// driven the way a person uses it, in a tmux session of fixed size.
+#include "ShmHygiene.h"
+#include "SlotctlRunner.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+using slotctltest::Background;
+using slotctltest::Contains;
+using slotctltest::Lines;
+using slotctltest::Outcome;
+using slotctltest::Slotctl;
+using testsupport::ScopedSlotName;
+
+std::vector<std::string> Words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    for (std::string word; in >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+// The line of a table that shows `name` (cut names aside), or "".
+std::string RowOf(const std::string& table, const std::string& name) {
+    for (const std::string& line : Lines(table)) {
+        if (line.compare(0, name.size() + 1, name + " ") == 0) {
+            return line;
+        }
+    }
+    return "";
+}
+
+// The WRITE/S of a row; -1 when unknown.
+double WritesPerSecond(const std::string& row) {
+    const std::vector<std::string> words = Words(row);
+    return words.size() > 3 && words[3] != "-" ? std::stod(words[3]) : -1;
+}
+
+// Polls `look` until `done` holds for what it returns, for up to 30 s.
+bool Eventually(const std::function<std::string()>& look,
+                const std::function<bool(const std::string&)>& done, std::string* last) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    do {
+        *last = look();
+        if (done(*last)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // poll interval
+    } while (std::chrono::steady_clock::now() < end);
+    return false;
+}
+
+// ---- snapshots ----
+
+TEST(SlotctlTop, OnceShowsEverySlotWithItsTrafficAndTakesNothing) {
+    ScopedSlotName busy("busy"), kept("kept");
+    ASSERT_EQ(0,
+              Slotctl({"write", kept.str(), "--type", "reliable", "--queue", "8", "one"}).status);
+    Background writer({"write", busy.str(), "--every", "5", "x"});
+
+    std::string table;
+    ASSERT_TRUE(Eventually(
+        [] {
+            const Outcome once = Slotctl({"top", "--once", "--interval", "0.3"});
+            return once.status == 0 ? once.out : "status " + once.Describe();
+        },
+        [&](const std::string& out) { return WritesPerSecond(RowOf(out, busy.str())) > 0; },
+        &table))
+        << table;
+    EXPECT_EQ((std::vector<std::string>{"NAME", "KIND", "STATE", "WRITE/S", "MB/S", "WAITING",
+                                        "READER", "ATT", "LAST"}),
+              Words(Lines(table).at(0)));
+    // The writer is attached to its slot; nobody to the other, whose reader lock is free.
+    const std::vector<std::string> busyRow = Words(RowOf(table, busy.str()));
+    ASSERT_EQ(10u, busyRow.size()) << table;  // MB/S unknown: no block taken yet
+    EXPECT_EQ("discarding", busyRow[1]);
+    EXPECT_EQ("1", busyRow[8]);
+    std::vector<std::string> keptRow = Words(RowOf(table, kept.str()));
+    keptRow.resize(std::min<size_t>(keptRow.size(), 9));  // LAST aside
+    EXPECT_EQ((std::vector<std::string>{kept.str(), "reliable", "slot", "0.0", "0.00", "1/8",
+                                        "#....", "none", "0"}),
+              keptRow)
+        << table;
+
+    // Not on a terminal, top prints one table without being asked to.
+    const Outcome piped = Slotctl({"top", "--interval", "0.1"});
+    EXPECT_EQ(0, piped.status) << piped.Describe();
+    const std::vector<std::string> pipedLines = Lines(piped.out);
+    EXPECT_EQ(1, std::count_if(pipedLines.begin(), pipedLines.end(),
+                               [](const std::string& line) { return line.rfind("NAME ", 0) == 0; }))
+        << piped.out;
+    EXPECT_FALSE(RowOf(piped.out, kept.str()).empty()) << piped.out;
+
+    // Looking took nothing: the block is still there for the reader.
+    const Outcome read = Slotctl({"read", kept.str(), "--count", "1", "--timeout", "10000"});
+    EXPECT_EQ(0, read.status) << read.Describe();
+    EXPECT_TRUE(Contains(read.out, "one")) << read.Describe();
+}
+
+TEST(SlotctlTop, JsonIsLsFieldsWithTrafficOneSnapshotPerLine) {
+    ScopedSlotName name(std::string("json\x01\x7f", 6));
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
+
+    const auto entry = [&](const nlohmann::ordered_json& slots) {
+        for (const nlohmann::ordered_json& slot : slots) {
+            if (slot["name"] == name.str()) {
+                return slot;
+            }
+        }
+        return nlohmann::ordered_json();
+    };
+    const Outcome once = Slotctl({"top", "--json", "--once", "--interval", "0.2"});
+    ASSERT_EQ(0, once.status) << once.Describe();
+    ASSERT_EQ(1u, Lines(once.out).size()) << once.out;
+    const nlohmann::ordered_json snapshot = nlohmann::ordered_json::parse(once.out);
+    EXPECT_EQ(0.2, snapshot["interval_seconds"]);
+    EXPECT_TRUE(snapshot["time"].is_string());
+    const nlohmann::ordered_json slot = entry(snapshot["slots"]);
+    ASSERT_FALSE(slot.is_null()) << once.out;
+    // ls's fields in ls's order, then the traffic.
+    std::vector<std::string> keys, expected;
+    for (const auto& item : slot.items()) {
+        keys.push_back(item.key());
+    }
+    const nlohmann::ordered_json listed =
+        entry(nlohmann::ordered_json::parse(Slotctl({"ls", "--json"}).out));
+    for (const auto& item : listed.items()) {
+        expected.push_back(item.key());
+    }
+    for (const char* key : {"writes_per_second", "bytes_per_second", "attached_processes",
+                            "last_write_age_seconds"}) {
+        expected.push_back(key);
+    }
+    EXPECT_EQ(expected, keys);
+    EXPECT_EQ(0.0, slot["writes_per_second"]);
+    EXPECT_EQ(0u, slot["attached_processes"]);
+    EXPECT_TRUE(slot["last_write_age_seconds"].is_number()) << slot;
+
+    // Without --once: a line per interval until Ctrl-C.
+    Background stream({"top", "--json", "--interval", "0.1"});
+    ASSERT_TRUE(stream.WaitForOut("}\n{")) << stream.Finish().Describe();
+    stream.Signal(SIGINT);
+    const Outcome streamed = stream.Finish();
+    EXPECT_EQ(130, streamed.status) << streamed.Describe();
+    ASSERT_GE(Lines(streamed.out).size(), 2u);
+    std::string previous;
+    for (const std::string& line : Lines(streamed.out)) {
+        const std::string time = nlohmann::json::parse(line)["time"];
+        EXPECT_LT(previous, time);
+        previous = time;
+    }
+}
+
+TEST(SlotctlTop, BadCommandLinesAreUsageErrors) {
+    const Outcome zero = Slotctl({"top", "--interval", "0"});
+    EXPECT_EQ(2, zero.status);
+    EXPECT_EQ("slotctl: top: --interval must be a number of seconds from 0.1 to 3600, not '0'\n",
+              zero.err);
+    EXPECT_EQ(2, Slotctl({"top", "--interval=soon"}).status);
+    EXPECT_EQ(2, Slotctl({"top", "--once", "extra"}).status);
+    EXPECT_EQ(2, Slotctl({"top", "--sort"}).status);
+}
+
+// ---- the full-screen view, in tmux ----
+
+// A tmux server of its own (a unique socket), killed with everything in it at the end, also
+// when the test fails.
+class Tmux {
+public:
+    Tmux() : socket_(testsupport::UniqueName("tmux")) {}
+    ~Tmux() {
+        Run({"kill-server"});
+        const char* dir = std::getenv("TMUX_TMPDIR");
+        ::unlink(((dir != nullptr && *dir != '\0' ? dir : "/tmp") + std::string("/tmux-") +
+                  std::to_string(::getuid()) + "/" + socket_)
+                     .c_str());
+    }
+
+    static std::string Program() {
+        for (const char* dir : {"/usr/bin", "/bin", "/usr/local/bin"}) {
+            const std::string path = dir + std::string("/tmux");
+            if (::access(path.c_str(), X_OK) == 0) {
+                return path;
+            }
+        }
+        return "";
+    }
+
+    // Runs tmux with `args` on this server; its output ("" when it failed).
+    std::string Run(const std::vector<std::string>& args) {
+        std::vector<std::string> all = {Program(), "-L", socket_, "-f", "/dev/null"};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (std::string& arg : all) {
+            argv.push_back(&arg[0]);
+        }
+        argv.push_back(nullptr);
+        int out[2];
+        if (::pipe2(out, O_CLOEXEC) != 0) {
+            return "";
+        }
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::dup2(out[1], STDOUT_FILENO);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        ::close(out[1]);
+        // Waits for tmux itself, not for the end of the pipe: a server it starts may keep it.
+        int status = -1;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (pid > 0 && ::waitpid(pid, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() > end) {
+                ::kill(pid, SIGKILL);
+                ::waitpid(pid, &status, 0);
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        std::string text;
+        ::fcntl(out[0], F_SETFL, O_NONBLOCK);
+        char chunk[4096];
+        for (ssize_t n; (n = ::read(out[0], chunk, sizeof(chunk))) > 0;) {
+            text.append(chunk, static_cast<size_t>(n));
+        }
+        ::close(out[0]);
+        return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? text : "";
+    }
+
+    // Starts `command` in session "top" of `columns` x `rows`; its pane stays when it ends.
+    void Start(const std::string& command, int columns, int rows) {
+        Run({"new-session", "-d", "-s", "top", "-x", std::to_string(columns), "-y",
+             std::to_string(rows), command, ";", "set-option", "-t", "top", "remain-on-exit",
+             "on"});
+    }
+
+    // What the pane shows; with `history`, what scrolled off its top too.
+    std::string Pane(bool history = false) {
+        return Run({"capture-pane", "-p", "-t", "top", "-S", history ? "-100" : "0"});
+    }
+
+    // Polls the pane until `done` holds for it; its last content in `*last`.
+    bool WaitFor(const std::function<bool(const std::string&)>& done, std::string* last,
+                 bool history = false) {
+        return Eventually([this, history] { return Pane(history); }, done, last);
+    }
+
+private:
+    std::string socket_;
+};
+
+// slotctl top in a shell that says how it ended and whether the terminal is back in its
+// ordinary (canonical, echoing) mode.
+std::string TopCommand() {
+    return std::string("'") + SLOTCTL_PATH +
+           "' top --interval 0.2; echo \"top ended: $?\"; stty -a | tr ' ;' '\\n\\n' | "
+           "grep -x -e icanon -e echo | tr '\\n' ' '; echo '(modes)'";
+}
+
+#define SKIP_WITHOUT_SCREEN()                                                               \
+    if (Tmux::Program().empty()) {                                                          \
+        std::cerr << "*** SKIPPED: tmux is not installed (scripts/setup.sh installs it)\n"; \
+        GTEST_SKIP() << "tmux is not installed";                                            \
+    }                                                                                       \
+    if (!SLOTCTL_TOP_SCREEN) {                                                              \
+        std::cerr << "*** SKIPPED: slotctl was built without its full-screen view\n";       \
+        GTEST_SKIP() << "slotctl was built without ncurses";                                \
+    }
+
+TEST(SlotctlTopScreen, ShowsSlotsLiveFollowsAResizeAndQuitsOnQ) {
+    SKIP_WITHOUT_SCREEN();
+    ScopedSlotName live("live"), gone("gone"), odd(std::string("odd\x01\x1b", 5));
+    ASSERT_EQ(0, Slotctl({"write", gone.str(), "x"}).status);
+    ASSERT_EQ(0, Slotctl({"write", odd.str(), "x"}).status);
+    Background writer({"write", live.str(), "--every", "5", "x"});
+    Tmux tmux;
+    tmux.Start(TopCommand(), 120, 30);
+    std::string pane;
+    ASSERT_TRUE(tmux.WaitFor([](const std::string& p) { return Contains(p, "WRITE/S"); }, &pane))
+        << pane;
+
+    // Only this test's slots: other slots of the machine could fill the screen.
+    const std::string prefix = testsupport::TestNamePrefix();
+    tmux.Run({"send-keys", "-t", "top", "-l", "/" + prefix});
+    tmux.Run({"send-keys", "-t", "top", "Enter"});
+    const std::string shownOdd = odd.str().substr(0, odd.str().size() - 2) + "\\x01\\x1b";
+    ASSERT_TRUE(tmux.WaitFor(
+        [&](const std::string& p) {
+            return Contains(p, "3 match '" + prefix + "'") &&
+                   WritesPerSecond(RowOf(p, live.str())) > 0 && !RowOf(p, gone.str()).empty() &&
+                   !RowOf(p, shownOdd).empty();
+        },
+        &pane))
+        << pane;
+    EXPECT_TRUE(Contains(RowOf(pane, live.str()), " discarding slot ")) << pane;
+
+    // A slot removed while shown leaves the screen.
+    ASSERT_EQ(0, Slotctl({"rm", gone.str()}).status);
+    ASSERT_TRUE(tmux.WaitFor(
+        [&](const std::string& p) {
+            return RowOf(p, gone.str()).empty() && Contains(p, "2 match");
+        },
+        &pane))
+        << pane;
+
+    // Down to 80x24: the name column shrinks so that every line fits.
+    tmux.Run({"resize-window", "-t", "top", "-x", "80", "-y", "24"});
+    ASSERT_TRUE(
+        tmux.WaitFor([&](const std::string& p) { return !RowOf(p, "slottest_~").empty(); }, &pane))
+        << pane;
+    for (const std::string& line : Lines(pane)) {
+        EXPECT_LE(line.size(), 80u) << line;
+    }
+    EXPECT_EQ(24u, Lines(pane).size()) << pane;
+
+    // `s` and `p` show in the status line.
+    tmux.Run({"send-keys", "-t", "top", "s", "p"});
+    ASSERT_TRUE(tmux.WaitFor(
+        [](const std::string& p) { return Contains(p, "PAUSED") && Contains(p, "sort WRITE/S"); },
+        &pane))
+        << pane;
+
+    tmux.Run({"send-keys", "-t", "top", "q"});
+    ASSERT_TRUE(
+        tmux.WaitFor([](const std::string& p) { return Contains(p, "(modes)"); }, &pane, true))
+        << pane;
+    EXPECT_TRUE(Contains(pane, "top ended: 0\nicanon echo (modes)")) << pane;
+}
+
+TEST(SlotctlTopScreen, CtrlCEndsItWithTheTerminalRestored) {
+    SKIP_WITHOUT_SCREEN();
+    Tmux tmux;
+    tmux.Start(TopCommand(), 80, 24);
+    std::string pane;
+    ASSERT_TRUE(tmux.WaitFor([](const std::string& p) { return Contains(p, "WRITE/S"); }, &pane))
+        << pane;
+    tmux.Run({"send-keys", "-t", "top", "C-c"});
+    ASSERT_TRUE(
+        tmux.WaitFor([](const std::string& p) { return Contains(p, "(modes)"); }, &pane, true))
+        << pane;
+    EXPECT_TRUE(Contains(pane, "top ended: 130\nicanon echo (modes)")) << pane;
+}
+
+}  // namespace

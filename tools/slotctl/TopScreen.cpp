@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: Apache-2.0
+// top's full-screen view: draws the model's rows with ncurses and handles the keys. The rows
+// and their rates come from TopModel; nothing here decides what they say.
+#include "TopScreen.h"
+
+#include "Cli.h"
+#include "Signals.h"
+#include "WriteRate.h"
+
+#include <curses.h>
+#include <poll.h>
+#include <unistd.h>
+#include <cerrno>
+#include <chrono>
+#include <clocale>
+#include <cstdio>
+
+namespace slotctl {
+
+namespace {
+
+typedef std::chrono::steady_clock Clock;
+
+// The terminal in curses mode for its lifetime, given back as it was on every way out.
+class Terminal {
+public:
+    Terminal() {
+        // Multibyte names shown as characters; numbers keep their '.' (only LC_CTYPE is taken).
+        std::setlocale(LC_CTYPE, "");
+        screen_ = newterm(nullptr, stdout, stdin);
+        if (screen_ == nullptr) {
+            throw CommandError(ExitFailure, "top: cannot use this terminal (TERM is " +
+                                                Quote(::getenv("TERM") ? ::getenv("TERM") : "") +
+                                                "): use top --once or top --json");
+        }
+        cbreak();  // keys at once; Ctrl-C still raises SIGINT, which ends the view
+        noecho();
+        keypad(stdscr, TRUE);
+        nodelay(stdscr, TRUE);
+        set_escdelay(50);
+        curs_set(0);
+    }
+    ~Terminal() {
+        endwin();
+        delscreen(screen_);
+    }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+private:
+    SCREEN* screen_;
+};
+
+class View {
+public:
+    View(double interval, const std::function<std::vector<TopObservation>()>& look)
+        : interval_(interval), look_(look) {}
+
+    int Run() {
+        Terminal terminal;
+        const auto step = std::chrono::microseconds(static_cast<std::int64_t>(interval_ * 1e6));
+        Clock::time_point due = Clock::now();
+        for (;;) {
+            const Clock::time_point now = Clock::now();
+            if (!paused_ && now >= due) {
+                model_.Update(
+                    look_(),
+                    std::chrono::duration<double>(Clock::now().time_since_epoch()).count());
+                due += step;
+                if (due <= now) {
+                    due = now + step;  // late (a slow look, a suspended process): start afresh
+                }
+            }
+            Draw();
+            // Paused: only a key or a signal ends the wait. Late: no wait.
+            const std::int64_t untilDue =
+                (std::chrono::duration_cast<std::chrono::microseconds>(due - Clock::now()).count() +
+                 999) /
+                1000;
+            const int waitMs = paused_ ? -1 : static_cast<int>(std::max<std::int64_t>(0, untilDue));
+            pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {StopSignals::Fd(), POLLIN, 0}};
+            // A resize interrupts the wait (EINTR); the key loop below then gets KEY_RESIZE.
+            const int ready = ::poll(fds, 2, waitMs);
+            if (ready < 0 && errno != EINTR) {
+                throw CommandError(ExitFailure, "top: poll failed");
+            }
+            if ((fds[1].revents & POLLIN) != 0 && StopSignals::Received()) {
+                return ExitInterrupted;
+            }
+            for (int key = getch(); key != ERR; key = getch()) {
+                if (!Key(key)) {
+                    return ExitOk;
+                }
+            }
+            if ((fds[0].revents & (POLLHUP | POLLERR)) != 0) {
+                return ExitFailure;  // the terminal is gone
+            }
+        }
+    }
+
+private:
+    // False for the key that quits.
+    bool Key(int key) {
+        if (editing_) {
+            if (key == 27) {  // Esc: the filter stays as it was
+                editing_ = false;
+            } else if (key == '\n' || key == '\r' || key == KEY_ENTER) {
+                filter_ = typed_;
+                editing_ = false;
+            } else if (key == KEY_BACKSPACE || key == 127 || key == 8) {
+                // One character back, a multibyte one whole.
+                while (!typed_.empty() && (typed_.back() & 0xc0) == 0x80) {
+                    typed_.pop_back();
+                }
+                if (!typed_.empty()) {
+                    typed_.pop_back();
+                }
+            } else if (key >= 32 && key <= 255 && key != 127) {
+                typed_ += static_cast<char>(key);
+            }
+            return true;
+        }
+        switch (key) {
+            case 'q':
+            case 'Q':
+                return false;
+            case 's':
+                sort_ = TopModel::NextSort(sort_);
+                break;
+            case 'p':
+                paused_ = !paused_;
+                break;
+            case '/':
+                editing_ = true;
+                typed_ = filter_;
+                break;
+            default:  // KEY_RESIZE too: every pass draws at the present size
+                break;
+        }
+        return true;
+    }
+
+    static void Put(int y, const std::string& text, int attributes = A_NORMAL) {
+        // The bottom right cell is left alone: writing it would scroll some terminals.
+        const int width = y == LINES - 1 ? COLS - 1 : COLS;
+        if (y < 0 || y >= LINES || width <= 0) {
+            return;
+        }
+        std::string line = FitColumns(text, static_cast<std::size_t>(width));
+        line.erase(line.find_last_not_of(' ') + 1);
+        attrset(attributes);
+        mvaddstr(y, 0, line.c_str());
+        attrset(A_NORMAL);
+    }
+
+    void Draw() {
+        erase();
+        const std::vector<TopRow> rows = model_.Rows(sort_, filter_);
+        const std::size_t width = static_cast<std::size_t>(std::max(COLS, 1));
+        // The most telling first: the line is cut at the screen's edge.
+        std::string status = paused_ ? "PAUSED  " : "";
+        status += std::to_string(model_.All().size()) + " slots";
+        if (!filter_.empty()) {
+            status += " (" + std::to_string(rows.size()) + " match '" + Printable(filter_) + "')";
+        }
+        status += "  sort " + std::string(TopModel::SortName(sort_)) + "  every " +
+                  Fixed(interval_, interval_ < 1 ? 2 : 1) + " s";
+        Put(0, status);
+        Put(1, TopHeading(rows, width), A_REVERSE);
+        const int first = 2;
+        const int last = LINES - 2;  // the line above the key help
+        const int room = std::max(0, last - first + 1);
+        const bool cut = static_cast<int>(rows.size()) > room;
+        const int shown = cut ? std::max(0, room - 1) : static_cast<int>(rows.size());
+        for (int i = 0; i < shown; ++i) {
+            Put(first + i, TopLine(rows[static_cast<std::size_t>(i)], rows, width));
+        }
+        if (cut) {
+            Put(first + shown, "... " + std::to_string(rows.size() - shown) + " more");
+        }
+        if (editing_) {
+            Put(LINES - 1, "filter by name: /" + Printable(typed_) +
+                               "_   (Enter applies, Esc cancels, empty shows all)");
+        } else {
+            Put(LINES - 1, "q quit  s sort  / filter  p pause", A_REVERSE);
+        }
+        refresh();
+    }
+
+    const double interval_;
+    const std::function<std::vector<TopObservation>()> look_;
+    TopModel model_;
+    TopSort sort_ = TopSort::Name;
+    std::string filter_;
+    bool editing_ = false;
+    std::string typed_;
+    bool paused_ = false;
+};
+
+}  // namespace
+
+int RunTopScreen(double interval, const std::function<std::vector<TopObservation>()>& look) {
+    return View(interval, look).Run();
+}
+
+}  // namespace slotctl
