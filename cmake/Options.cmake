@@ -31,6 +31,10 @@ slot_optional_part(SLOT_BUILD_DOCS AUTO "API documentation target docs: AUTO, ON
 # to be installed: OFF unless asked for (ON, or AUTO: built when the compiler is clang).
 slot_optional_part(SLOT_BUILD_FUZZERS OFF
     "libFuzzer targets in fuzz/: OFF, ON or AUTO (clang only; implies ASan+UBSan)" "")
+# zstd-compressed chunks in slotctl's recordings (libzstd-dev). Detected in tools/slotctl; not
+# in the i386 sysroot, whose build then records uncompressed only.
+slot_optional_part(SLOT_BUILD_ZSTD AUTO
+    "zstd compression of slotctl recordings: AUTO, ON or OFF (needs libzstd-dev)" "")
 set(SLOT_PYTHON_EXECUTABLE "/usr/bin/python3" CACHE FILEPATH "Python interpreter of the module")
 
 # Fuzzers: clang with libFuzzer.

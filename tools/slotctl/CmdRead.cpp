@@ -3,6 +3,7 @@
 #include "BlockFormat.h"
 #include "Cli.h"
 #include "Commands.h"
+#include "Recording.h"
 #include "Signals.h"
 #include "SlotOptions.h"
 
@@ -97,8 +98,11 @@ bool WriteOut(const std::string& bytes) {
 int RunRead(const Context&, const std::vector<std::string>& args) {
     const Arguments arguments("read", args, SlotValuedOptions({"count", "timeout", "format"}),
                               {"follow"});
-    arguments.ExpectOperands(1, 1, "one slot name");
+    arguments.ExpectOperands(1, 1, "one slot name or recording");
     const std::string& name = arguments.Operands()[0];
+    if (IsRecordingFile(name)) {
+        return ReadRecording(arguments, name);
+    }
     const std::string format = arguments.Get("format", "text");
     if (!IsBlockFormat(format)) {
         throw UsageError("read: --format must be text, hex, raw, frames or ndjson, not " +

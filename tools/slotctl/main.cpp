@@ -30,6 +30,8 @@ const std::map<std::string, CommandFunction>& Commands() {
         {"hz", slotctl::RunHz},
         {"bw", slotctl::RunBw},
         {"peek", slotctl::RunPeek},
+        {"record", slotctl::RunRecord},
+        {"replay", slotctl::RunReplay},
         // The demo's own processes; not for users.
         {"__demo-publisher", slotctl::RunDemoPublisher},
         {"__demo-subscriber", slotctl::RunDemoSubscriber},
