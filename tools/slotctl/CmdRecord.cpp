@@ -26,9 +26,11 @@
 #include <cstdio>
 #include <ctime>
 #include <deque>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 namespace slotctl {
 
@@ -407,8 +409,17 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     // waiting for a slot's lock, or for room in a --tee slot, ends within the bound.
     backlog.Stop();
     for (const auto& source : sources) {
-        const WaitResult closed = RunInterruptibly([&] { source->reader.reset(); }, 5000);
-        if (closed != WaitResult::Ready) {
+        // Not RunInterruptibly: the stop signal that ended the loop must not cut this short.
+        auto stoppedReader = std::make_shared<std::promise<void>>();
+        std::future<void> readerStopped = stoppedReader->get_future();
+        std::thread stopper([&source, stoppedReader] {
+            source->reader.reset();
+            stoppedReader->set_value();
+        });
+        if (readerStopped.wait_for(std::chrono::seconds(5)) == std::future_status::ready) {
+            stopper.join();
+        } else {
+            stopper.detach();
             for (const Arrival& arrival : backlog.Take()) {
                 store(arrival);
             }

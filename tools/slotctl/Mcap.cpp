@@ -770,6 +770,13 @@ ReadResult Read(const std::string& path,
             }
             result.problem = CheckTail(file, offset + RecordHead + length);
             result.complete = result.problem.empty();
+            // A file torn inside its summary (the recorder killed while closing it) lacks the
+            // closing magic: every block was read, and it is cut short, not damaged.
+            result.cutShort = !result.complete &&
+                              (size < sizeof(Magic) ||
+                               std::memcmp(file.At(size - sizeof(Magic), sizeof(Magic)).data(),
+                                           Magic, sizeof(Magic)) != 0);
+            result.problemOffset = offset;
             return result;
         }
         if (opcode == OpFooter) {
