@@ -71,16 +71,20 @@ public:
     // False when stopping before there was room.
     bool Put(Arrival arrival) {
         std::unique_lock<std::mutex> lock(mutex_);
-        room_.wait(lock, [&] { return bytes_ < MaxBacklogBytes || stopping_; });
-        if (stopping_ && bytes_ >= MaxBacklogBytes) {
-            return false;
+        if (bytes_ >= MaxBacklogBytes) {
+            heldBack_ = true;
+            room_.wait(lock, [&] { return bytes_ < MaxBacklogBytes || stopping_; });
+            if (stopping_ && bytes_ >= MaxBacklogBytes) {
+                return false;
+            }
         }
         bytes_ += arrival.data.size();
         items_.push_back(std::move(arrival));
-        maxItems_ = std::max(maxItems_, items_.size());
+        // Only the first block after a Take needs to wake the main thread.
+        const bool wake = items_.size() == 1;
         lock.unlock();
         const char byte = 1;
-        if (::write(wake_[1], &byte, 1) < 0) {
+        if (wake && ::write(wake_[1], &byte, 1) < 0) {
             // A full wake-up pipe already holds a wake-up.
         }
         return true;
@@ -111,9 +115,10 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return stopping_;
     }
-    size_t MaxItems() {
+    // Whether the readers ever had to wait for the file.
+    bool HeldBack() {
         std::lock_guard<std::mutex> lock(mutex_);
-        return maxItems_;
+        return heldBack_;
     }
 
 private:
@@ -122,7 +127,7 @@ private:
     std::condition_variable room_;
     std::deque<Arrival> items_;
     size_t bytes_ = 0;
-    size_t maxItems_ = 0;
+    bool heldBack_ = false;
     bool stopping_ = false;
 };
 
@@ -246,7 +251,6 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
 
     Backlog backlog;
     std::vector<std::unique_ptr<Source>> sources;
-    size_t capacity = 0;
     for (const std::string& name : names) {
         std::vector<std::string> given;
         if (arguments.Has("update-time")) {
@@ -273,7 +277,6 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         }
         sources.emplace_back(new Source(sources.size(), cfg, backlog));
         sources.back()->discarding = type == "discarding";
-        capacity += cfg.GetMaxBufferLength();
         if (arguments.Has("tee")) {
             const std::string other = arguments.Get("tee");
             CheckSlotName(other);
@@ -460,7 +463,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         }
         std::cerr << std::endl;
     }
-    const bool keptUp = gaps == 0 && dropped == 0 && backlog.MaxItems() <= capacity;
+    const bool keptUp = gaps == 0 && dropped == 0 && !backlog.HeldBack();
     std::cerr << "slotctl: wrote " << Plural(files.size(), "file") << ": "
               << Printable(files.front());
     if (files.size() > 1) {
