@@ -76,7 +76,7 @@ public:
 private:
     void Record(std::uint8_t opcode, const std::string& content);
     void CloseChunk();
-    void WriteOut();
+    void WriteOut(const char* extra = nullptr, size_t extraSize = 0);
 
     struct ChunkIndex {
         std::uint64_t start = 0, end = 0, offset = 0, length = 0, indexLength = 0;
