@@ -474,6 +474,9 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
     arguments.ExpectOperands(1, 1, "one slot name or recording");
     const std::string name = arguments.Operands()[0];
     if (IsRecordingFile(name)) {
+        if (arguments.Has("json")) {
+            throw UsageError("info: --json is for slots; a recording is summarised as text");
+        }
         return RecordingInfo(name);
     }
     CheckSlotName(name);
