@@ -139,7 +139,7 @@ std::vector<std::uint64_t> WriteFile(const std::string& path, bool zstd, size_t 
     return ends;
 }
 
-TEST(McapFile, ACutFileReadsEveryWholeRecordBeforeTheCut) {
+TEST(SlotctlMcapFile, ACutFileReadsEveryWholeRecordBeforeTheCut) {
     for (const bool zstd : {false, true}) {
         if (zstd && !mcap::ZstdBuiltIn()) {
             continue;
@@ -176,7 +176,7 @@ TEST(McapFile, ACutFileReadsEveryWholeRecordBeforeTheCut) {
     }
 }
 
-TEST(McapFile, HostileFilesEndWithAProblemNeverACrash) {
+TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
     const std::string path = FilePath("hostile");
     WriteFile(path, mcap::ZstdBuiltIn(), 30);
     const std::string good = Slurp(path);
@@ -215,7 +215,7 @@ TEST(McapFile, HostileFilesEndWithAProblemNeverACrash) {
     }
 }
 
-TEST(McapFile, Crc32IsTheUsualOne) {
+TEST(SlotctlMcapFile, Crc32IsTheUsualOne) {
     EXPECT_EQ(0xcbf43926u, mcap::Crc32(0, "123456789", 9));
     EXPECT_EQ(mcap::Crc32(0, "123456789", 9), mcap::Crc32(mcap::Crc32(0, "1234", 4), "56789", 5));
 }
@@ -379,6 +379,7 @@ TEST(SlotctlRecord, RefusalsAndDamagedFilesGiveOneClearLine) {
          "the reliable slot already has a reader (pid " + std::to_string(reader.Pid()) + ")"},
         {{"record", "-o", existing, free.str()}, 1, "File exists"},
         {{"record", reliable.str()}, 2, "the output file is missing"},
+        {{"record", "-o", FilePath("twice"), free.str(), free.str()}, 2, "is named twice"},
         {{"record", "-o", FilePath("x"), "--compression", "lz4", reliable.str()},
          2,
          "--compression must be zstd or none"},

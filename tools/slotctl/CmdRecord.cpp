@@ -7,7 +7,6 @@
 #include "Signals.h"
 #include "SlotOptions.h"
 
-#include <Slot/AbortSlotCreationException.h>
 #include <Slot/SlotActivity.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotSurvey.h>
@@ -18,6 +17,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -249,6 +249,12 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         throw UsageError("record: --tee passes one slot on; give exactly one SLOT with it");
     }
 
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (std::find(names.begin(), names.begin() + static_cast<long>(i), names[i]) !=
+            names.begin() + static_cast<long>(i)) {
+            throw UsageError("record: " + Quote(names[i]) + " is named twice");
+        }
+    }
     Backlog backlog;
     std::vector<std::unique_ptr<Source>> sources;
     for (const std::string& name : names) {
@@ -314,6 +320,15 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
 
     for (const auto& source : sources) {
         const std::string& name = source->cfg.GetName();
+        auto abandon = [&] {
+            // Nothing was recorded yet: the file we made goes again.
+            backlog.Stop();
+            for (const auto& started : sources) {
+                started->reader.reset();
+            }
+            writer.reset();
+            ::unlink(files.front().c_str());
+        };
         try {
             // Subscribed before the reader's thread starts, so that the blocks waiting in a
             // reliable slot are recorded too. Opening waits for the slot's lock, which a live
@@ -327,7 +342,8 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             if (opened != WaitResult::Ready) {
                 LeaveNow(ExitInterrupted, "");
             }
-        } catch (const AbortSlotCreationException& e) {
+        } catch (const std::exception& e) {
+            abandon();
             throw CommandError(ExitFailure, "cannot record " + Quote(name) + ": " + e.what());
         }
         std::cerr << "slotctl: recording " << Quote(name) << " (" << TypeName(source->cfg)
