@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace mcap {
@@ -782,6 +783,11 @@ ReadResult Read(const std::string& path,
             return result;
         }
         first = false;
+        if (length > std::uint64_t(SIZE_MAX / 2)) {
+            result.problem = "a record of " + std::to_string(length) +
+                             " bytes, more than this build can hold";
+            return result;
+        }
         if (length > size - offset - RecordHead) {
             result.cutShort = true;
             result.problem =
