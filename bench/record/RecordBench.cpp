@@ -55,29 +55,34 @@ int Writer(const std::string& name, unsigned long count, size_t size) {
 // Counts blocks; says "ready" on stdout once its reader runs, exits after `count`.
 class Counter : public shared::ISubscriber {
 public:
+    explicit Counter(unsigned long count) : count_(count) {}
+    // The reader's thread; wakes the main thread only at the end, so that counting costs the
+    // reader no more than the recorder's hand-over costs it.
     void onNotify(const std::string&, const void*, size_t) override {
         std::lock_guard<std::mutex> lock(mutex_);
-        ++seen_;
-        done_.notify_all();
+        if (++seen_ == count_) {
+            done_.notify_all();
+        }
     }
-    void Wait(unsigned long count) {
+    void Wait() {
         std::unique_lock<std::mutex> lock(mutex_);
-        done_.wait(lock, [&] { return seen_ >= count; });
+        done_.wait(lock, [&] { return seen_ >= count_; });
     }
 
 private:
     std::mutex mutex_;
     std::condition_variable done_;
+    const unsigned long count_;
     unsigned long seen_ = 0;
 };
 
 int Reader(const std::string& name, unsigned long count, size_t size) {
     const SlotCfg cfg = Config(name, size);
-    Counter counter;
+    Counter counter(count);
     INotifierPtr reader =
         SlotFactory::CreateSlotReader(&cfg, ISubscriberPtr(&counter, [](shared::ISubscriber*) {}));
     std::fprintf(stderr, "ready\n");
-    counter.Wait(count);
+    counter.Wait();
     reader.reset();
     return 0;
 }
