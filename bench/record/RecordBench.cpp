@@ -7,6 +7,8 @@
 //   record_bench --writer NAME COUNT SIZE     (internal: the writer process)
 //   record_bench --reader NAME COUNT SIZE     (internal: the plain reader process)
 #include <Slot/SlotFactory.h>
+
+#include <FileUtils/FSUtils.h>
 #include <Slot/WriteOutcome.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
@@ -156,6 +158,12 @@ struct Result {
     bool keptUp = false;
 };
 
+// Removes the slot and the reader lock file its reliable readers left.
+void Remove(const std::string& name) {
+    SlotFactory::RemoveSlot(name);
+    ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+}
+
 // One stream through slot `name`, read by `reader` (ready once its stderr shows `readyText`).
 Result Run(const std::string& self, const std::string& name, unsigned long count, size_t size,
            const std::vector<std::string>& reader, const std::string& readyText) {
@@ -166,7 +174,7 @@ Result Run(const std::string& self, const std::string& name, unsigned long count
     if (!WaitFor(read, readyText)) {
         ::kill(read.pid, SIGKILL);
         Finish(read);
-        SlotFactory::RemoveSlot(name);
+        Remove(name);
         std::fprintf(stderr, "record_bench: the reader did not start: %s\n", read.output.c_str());
         return result;
     }
@@ -183,7 +191,7 @@ Result Run(const std::string& self, const std::string& name, unsigned long count
                      read.output.c_str());
         result.ok = false;
     }
-    SlotFactory::RemoveSlot(name);
+    Remove(name);
     return result;
 }
 
