@@ -384,6 +384,7 @@ TEST(SlotctlRecord, RefusalsAndDamagedFilesGiveOneClearLine) {
          2,
          "--compression must be zstd or none"},
         {{"read", damaged}, 1, "is damaged at byte"},
+        {{"read", FilePath("missing")}, 1, "no such recording (and no slot of that name)"},
         {{"replay", "--max", good.substr(0, good.size() - 5)}, 2, "is not a recording"},
     };
     for (const auto& c : cases) {

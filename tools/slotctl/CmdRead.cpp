@@ -9,6 +9,7 @@
 
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotSurvey.h>
 
 #include <FileUtils/FSUtils.h>
 #include <shared/FileLock.h>
@@ -102,6 +103,12 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     const std::string& name = arguments.Operands()[0];
     if (IsRecordingFile(name)) {
         return ReadRecording(arguments, name);
+    }
+    if (EndsWith(name, ".mcap") &&
+        SlotSurvey::InspectSlot(name).header.state == SlotPartState::Absent) {
+        // Meant as a recording, most likely: reading would make a slot of that name and wait.
+        throw CommandError(ExitFailure, "cannot read " + Quote(name) +
+                                            ": no such recording (and no slot of that name)");
     }
     const std::string format = arguments.Get("format", "text");
     if (!IsBlockFormat(format)) {

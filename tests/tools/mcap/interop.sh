@@ -22,6 +22,7 @@ cleanup() {
     rm -rf "$work"
 }
 trap cleanup EXIT
+trap 'exit 1' INT TERM
 cd "$work"
 
 # A reliable slot with the blocks of file $2 waiting in it.
@@ -52,7 +53,9 @@ for compression in none zstd; do
         "${prefix}kill$compression" 2> /dev/null &
     recorder=$!
     for _ in $(seq 1 300); do
-        got=$("$slotctl" read "kill$compression.mcap" 2> /dev/null | wc -l || true)
+        got=0
+        [[ -f kill$compression.mcap ]] &&
+            got=$("$slotctl" read "kill$compression.mcap" 2> /dev/null | wc -l || true)
         [[ $got -ge $n ]] && break
         sleep 0.1
     done
