@@ -34,6 +34,10 @@ slot_optional_part(SLOT_BUILD_FUZZERS OFF
 # slotctl top's full-screen view (ncurses); top --once and --json are built without it.
 slot_optional_part(SLOT_BUILD_TOP_SCREEN AUTO
     "slotctl top's full-screen view: AUTO, ON or OFF (needs libncurses-dev)" "")
+# zstd-compressed chunks in slotctl's recordings (libzstd-dev). Detected in tools/slotctl; not
+# in the i386 sysroot, whose build then records uncompressed only.
+slot_optional_part(SLOT_BUILD_ZSTD AUTO
+    "zstd compression of slotctl recordings: AUTO, ON or OFF (needs libzstd-dev)" "")
 set(SLOT_PYTHON_EXECUTABLE "/usr/bin/python3" CACHE FILEPATH "Python interpreter of the module")
 
 # Fuzzers: clang with libFuzzer.

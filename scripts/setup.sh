@@ -25,6 +25,7 @@ esac
 native=(cmake g++ make pkg-config libboost-dev libboost-thread-dev libboost-date-time-dev
         libboost-system-dev liblog4cxx-dev libgtest-dev libgmock-dev googletest
         nlohmann-json3-dev                                   # JSON of slot reports
+        libzstd-dev                                          # slotctl record --compression zstd
         libncurses-dev tmux)                                 # slotctl top, and its test
 want=("${native[@]}")
 # The DDS gateway (Eclipse Cyclone DDS), the Python binding (pybind11, Debian's Python 3, pytest)
@@ -32,6 +33,9 @@ want=("${native[@]}")
 want+=(cyclonedds-dev cyclonedds-tools pybind11-dev python3-dev python3-pytest iproute2
        libzmq3-dev)
 want+=(dpkg-dev file)                                       # Debian packages (CPack, tests/deb)
+# The independent MCAP reader of the recording test (tests/tools/mcap): Node.js and npm, from
+# Debian unless some node is already installed.
+command -v npm > /dev/null || want+=(nodejs npm)
 [[ "${SLOT_SETUP_DOCS:-0}" == 1 ]] && want+=(doxygen)       # API documentation (scripts/docs.sh)
 [[ $i386 -eq 1 ]] && want+=(g++-multilib)
 [[ $fuzz -eq 1 ]] && want+=(clang-14 libclang-rt-14-dev llvm-14)
@@ -82,6 +86,13 @@ if [[ ${#missing[@]} -gt 0 ]]; then
         fi
         exit 1
     fi
+fi
+
+# The pinned npm packages of the recording test (a failure only skips that test).
+mcap_check=$here/../tests/tools/mcap
+if command -v npm > /dev/null && [[ ! -d $mcap_check/node_modules/@mcap/core ]]; then
+    (cd "$mcap_check" && npm ci --ignore-scripts --no-audit --no-fund) ||
+        echo "setup: npm ci failed in tests/tools/mcap; the MCAP interoperation test is skipped" >&2
 fi
 
 [[ $i386 -eq 1 ]] || exit 0

@@ -409,8 +409,8 @@ TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
     std::string commands = help.out.substr(help.out.find("commands:"));
     commands = commands.substr(0, commands.find("options"));
     const std::vector<std::string> all = Completions({"slotctl", ""});
-    for (const std::string command :
-         {"ls", "info", "write", "read", "rm", "hz", "bw", "peek", "top", "demo", "help"}) {
+    for (const std::string command : {"ls", "info", "write", "read", "rm", "hz", "bw", "peek",
+                                      "top", "record", "replay", "demo", "help"}) {
         EXPECT_TRUE(Contains(commands, " " + command + " ")) << command;
         EXPECT_TRUE(std::regex_search(man, std::regex("\n\\.B[IR]? \"?" + command + "\\b")))
             << command << " is not in the manual page";

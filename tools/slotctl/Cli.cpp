@@ -50,6 +50,7 @@ Arguments::Arguments(const std::string& command, const std::vector<std::string>&
                 value = args[++i];
             }
             values_[name] = value;
+            allValues_[name].push_back(value);
         } else if (flags.count(name) != 0 && !inlineValue) {
             flags_.insert(name);
         } else {
@@ -65,6 +66,11 @@ bool Arguments::Has(const std::string& option) const {
 std::string Arguments::Get(const std::string& option, const std::string& fallback) const {
     const auto it = values_.find(option);
     return it == values_.end() ? fallback : it->second;
+}
+
+std::vector<std::string> Arguments::GetAll(const std::string& option) const {
+    const auto it = allValues_.find(option);
+    return it == allValues_.end() ? std::vector<std::string>() : it->second;
 }
 
 std::uint64_t Arguments::GetNumber(const std::string& option, std::uint64_t fallback,

@@ -48,6 +48,8 @@ public:
     bool Has(const std::string& option) const;
     // The option's last value, or `fallback` when absent.
     std::string Get(const std::string& option, const std::string& fallback = "") const;
+    // Every value the option was given, in order (for options that may be repeated).
+    std::vector<std::string> GetAll(const std::string& option) const;
     // The option's value as a number in [min, max]; a usage error names the option otherwise.
     std::uint64_t GetNumber(const std::string& option, std::uint64_t fallback, std::uint64_t min,
                             std::uint64_t max) const;
@@ -60,6 +62,7 @@ public:
 private:
     std::string command_;
     std::map<std::string, std::string> values_;
+    std::map<std::string, std::vector<std::string>> allValues_;
     std::set<std::string> flags_;
     std::vector<std::string> operands_;
 };

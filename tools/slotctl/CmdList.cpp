@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "Listing.h"
 #include "Names.h"
+#include "Recording.h"
 
 #include <Slot/SlotAttachments.h>
 #include <Slot/SlotReportJson.h>
@@ -266,8 +267,14 @@ int RunList(const Context&, const std::vector<std::string>& args) {
 
 int RunInfo(const Context&, const std::vector<std::string>& args) {
     const Arguments arguments("info", args, {}, {"json"});
-    arguments.ExpectOperands(1, 1, "one slot name");
+    arguments.ExpectOperands(1, 1, "one slot name or recording");
     const std::string name = arguments.Operands()[0];
+    if (IsRecordingFile(name)) {
+        if (arguments.Has("json")) {
+            throw UsageError("info: --json is for slots; a recording is summarised as text");
+        }
+        return RecordingInfo(name);
+    }
     CheckSlotName(name);
     const SlotReport report = SlotSurvey::InspectSlot(name);
     if (const SlotPartReport* part = UnusablePart(report)) {

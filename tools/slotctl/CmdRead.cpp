@@ -3,11 +3,13 @@
 #include "BlockFormat.h"
 #include "Cli.h"
 #include "Commands.h"
+#include "Recording.h"
 #include "Signals.h"
 #include "SlotOptions.h"
 
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotSurvey.h>
 
 #include <FileUtils/FSUtils.h>
 #include <shared/FileLock.h>
@@ -97,8 +99,17 @@ bool WriteOut(const std::string& bytes) {
 int RunRead(const Context&, const std::vector<std::string>& args) {
     const Arguments arguments("read", args, SlotValuedOptions({"count", "timeout", "format"}),
                               {"follow"});
-    arguments.ExpectOperands(1, 1, "one slot name");
+    arguments.ExpectOperands(1, 1, "one slot name or recording");
     const std::string& name = arguments.Operands()[0];
+    if (IsRecordingFile(name)) {
+        return ReadRecording(arguments, name);
+    }
+    if (EndsWith(name, ".mcap") &&
+        SlotSurvey::InspectSlot(name).header.state == SlotPartState::Absent) {
+        // Meant as a recording, most likely: reading would make a slot of that name and wait.
+        throw CommandError(ExitFailure, "cannot read " + Quote(name) +
+                                            ": no such recording (and no slot of that name)");
+    }
     const std::string format = arguments.Get("format", "text");
     if (!IsBlockFormat(format)) {
         throw UsageError("read: --format must be text, hex, raw, frames or ndjson, not " +

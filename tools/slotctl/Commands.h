@@ -25,6 +25,8 @@ int RunHz(const Context& context, const std::vector<std::string>& args);
 int RunBw(const Context& context, const std::vector<std::string>& args);
 int RunPeek(const Context& context, const std::vector<std::string>& args);
 int RunTop(const Context& context, const std::vector<std::string>& args);
+int RunRecord(const Context& context, const std::vector<std::string>& args);
+int RunReplay(const Context& context, const std::vector<std::string>& args);
 
 // The demo's child processes, started by RunDemo under hidden command names.
 int RunDemoPublisher(const Context& context, const std::vector<std::string>& args);

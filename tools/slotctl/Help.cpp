@@ -18,6 +18,8 @@ commands:
   hz NAME / bw NAME           write rate / estimated bandwidth, without reading anything
   peek NAME                   the last block taken from the slot, without changing anything
   top [--once | --json]       every slot live: rates, queue fill, reader, attached processes
+  record -o FILE.mcap NAME... record the blocks that arrive to an MCAP file
+  replay FILE.mcap...         write recorded blocks back into slots
   demo                        blocks flowing through the three slot types, live
   help [COMMAND]              this text, or a command's
 
@@ -63,6 +65,7 @@ characters and bytes that are not UTF-8 escaped as \xNN.
     }
     if (command == "info") {
         return R"HELP(usage: slotctl info NAME [--json]
+       slotctl info FILE.mcap      a recording: channels, counts, time range, gaps
 
 Shows one slot in detail without disturbing it: kind, block size, waiting blocks, last write
 time and its age, the reliable reader's lock, the header segment (size, managed and free
@@ -107,6 +110,7 @@ failed; discarding a waiting block is how a discarding slot works and is not a f
     }
     if (command == "read") {
         return R"HELP(usage: slotctl read NAME [options]
+       slotctl read FILE.mcap [--format F] [--count N]
 
 Subscribes to a reader of the library and prints each block as it arrives, after the line
 "slotctl: reading 'NAME' (TYPE)" on stderr. The reader is the factory's; for a reliable slot
@@ -208,6 +212,53 @@ terminal's size. Ctrl-C ends it too (status 130), with the terminal restored.
                     writes_per_second, bytes_per_second (null when unknown),
                     attached_processes and last_write_age_seconds; with --once a single one
 The full-screen view needs ncurses: a slotctl built without it has --once and --json only.
+)HELP";
+    }
+    if (command == "record") {
+        return R"HELP(usage: slotctl record -o FILE.mcap [options] NAME...
+
+Reads the slots and writes every block that arrives to an MCAP file: one channel per slot
+(topic = the slot's name, metadata kind, max_block_size, queue_length, host, libslot_version),
+one message per block with log_time = arrival (ns, UTC), publish_time = the same, and a
+sequence: a reliable slot's blocks are numbered 1, 2, 3...; a discarding slot's take the slot's
+write counter, so writes the recorder never saw show as gaps. A reliable slot has one reader
+per machine: the recorder is it, and refuses a reliable slot that already has a reader.
+Ctrl-C (SIGINT, SIGTERM) stops it cleanly: summary and footer are written, status 0. A
+recorder killed with SIGKILL leaves a file without summary whose records read and replay up to
+the last one it wrote (with --compression zstd, up to the last closed chunk: at most one chunk
+or one second is lost). The end prints blocks, bytes and gaps per slot, the files, and whether
+the recorder kept up; on a terminal a progress line shows the same while it runs.
+  -o, --output FILE        the file (never overwritten: it must not exist)
+  --compression zstd|none  zstd: chunks of 1 MiB compressed with zstd, with message and chunk
+                           indexes; none (default): plain messages, each in the file at once
+  --split-size N[K|M|G]    start a new file when one reaches N bytes; files are then named
+                           FILE-000.mcap, FILE-001.mcap, ... (no block is lost in between)
+  --split-duration SECS    start a new file every SECS seconds (same names)
+  --duration SECS          stop after SECS seconds
+  --count N                stop after N blocks (blocks a reliable reader already took are
+                           recorded too)
+  --tee OTHER              pass every recorded block on into slot OTHER (one NAME only), in
+                           order; a refused block is retried: the consumer then reads OTHER
+  --update-time MS         the readers' update time (default 100)
+)HELP";
+    }
+    if (command == "replay") {
+        return R"HELP(usage: slotctl replay [options] FILE.mcap...
+
+Writes recorded blocks back into slots of the recorded names, file after file, creating a
+missing slot with the recorded kind and sizes (the defaults of write when the file does not
+say). A block a slot refuses (a full reliable slot) is retried until stored, and counted;
+nothing is dropped silently. The end prints blocks and retries per slot.
+  --map OLD=NEW      replay channel OLD into slot NEW (may be repeated)
+  --rate X           X times the recorded pace (default 1: as recorded)
+  --max              as fast as the slots accept
+  --loop             start again at the end, until Ctrl-C
+  --topics A,B       only these channels
+  --update-time MS   update time of the slots it opens (default 100)
+
+read FILE.mcap [--format F] [--count N] prints a recording as read prints a slot, and
+info FILE.mcap summarises it (channels, metadata, counts, time range, gaps). An operand is a
+recording when it ends in ".mcap" and names a regular file.
 )HELP";
     }
     if (command == "demo") {

@@ -31,6 +31,8 @@ const std::map<std::string, CommandFunction>& Commands() {
         {"bw", slotctl::RunBw},
         {"peek", slotctl::RunPeek},
         {"top", slotctl::RunTop},
+        {"record", slotctl::RunRecord},
+        {"replay", slotctl::RunReplay},
         // The demo's own processes; not for users.
         {"__demo-publisher", slotctl::RunDemoPublisher},
         {"__demo-subscriber", slotctl::RunDemoSubscriber},

@@ -1,0 +1,466 @@
+// SPDX-License-Identifier: Apache-2.0
+// slotctl record / replay and the MCAP files between them: real slotctl processes, SIGKILL,
+// and torn or hostile files read in-process.
+#include "Mcap.h"
+#include "ShmHygiene.h"
+#include "SlotctlRunner.h"
+
+#include <Slot/SlotFactory.h>
+
+#include <gtest/gtest.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <thread>
+
+namespace {
+
+using slotctltest::Background;
+using slotctltest::Contains;
+using slotctltest::Outcome;
+using slotctltest::Slotctl;
+using testsupport::ScopedSlotName;
+
+// A fresh path for a recording, inside the run's directory (removed with it).
+std::string FilePath(const std::string& stem) {
+    return testsupport::TestRunDir() + "/" + testsupport::UniqueName(stem) + ".mcap";
+}
+
+std::string Slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void Spit(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+struct Recorded {
+    mcap::ReadResult result;
+    std::vector<std::string> blocks;
+    std::vector<std::uint32_t> sequences;
+};
+
+Recorded ReadAll(const std::string& path) {
+    Recorded recorded;
+    recorded.result = mcap::Read(path, [&](const mcap::Message& m, const mcap::Channel&) {
+        recorded.blocks.emplace_back(m.data, m.size);
+        recorded.sequences.push_back(m.sequence);
+        return true;
+    });
+    return recorded;
+}
+
+// Waits, bounded, until the recording holds `count` blocks (a running recorder hands each block
+// to the system at once); the number it holds.
+size_t WaitForBlocks(const std::string& path, size_t count) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    size_t have = 0;
+    while (std::chrono::steady_clock::now() < deadline) {
+        struct stat st {};
+        if (::stat(path.c_str(), &st) == 0) {
+            have = ReadAll(path).blocks.size();
+            if (have >= count) {
+                break;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return have;
+}
+
+SlotCfg Reliable(const std::string& name, size_t queue) {
+    return SlotCfg(name, "reliable", boost::posix_time::milliseconds(100), queue, 1024);
+}
+
+// Blocks with every byte value, an empty one included.
+std::vector<std::string> TestBlocks(size_t count) {
+    std::vector<std::string> blocks;
+    for (size_t i = 0; i < count; ++i) {
+        std::string block = "block " + std::to_string(i);
+        block.append(i % 7, static_cast<char>(i * 37));
+        block += std::string("\0\xff\n", 3);
+        blocks.push_back(i == 3 ? std::string() : block);
+    }
+    return blocks;
+}
+
+// Writes the blocks into a new reliable slot (capacity for all of them), where they wait.
+void Fill(const std::string& name, const std::vector<std::string>& blocks) {
+    const SlotCfg cfg = Reliable(name, blocks.size() + 8);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+    for (const std::string& block : blocks) {
+        writer->onNotify(name, block.data(), block.size());
+    }
+}
+
+std::string Frames(const std::vector<std::string>& blocks) {
+    std::string out;
+    for (const std::string& block : blocks) {
+        const std::uint32_t size = static_cast<std::uint32_t>(block.size());
+        for (int i = 0; i < 4; ++i) {
+            out.push_back(static_cast<char>((size >> (8 * i)) & 0xff));
+        }
+        out += block;
+    }
+    return out;
+}
+
+// ---- the file format, in-process ----
+
+// A file of `count` blocks on one channel, and the file size after each block.
+std::vector<std::uint64_t> WriteFile(const std::string& path, bool zstd, size_t count) {
+    mcap::Writer::Options options;
+    options.zstd = zstd;
+    options.chunkSize = 300;
+    mcap::Writer writer(path, options);
+    const std::uint16_t channel = writer.AddChannel("t", "application/octet-stream", {{"k", "v"}});
+    std::vector<std::uint64_t> ends;
+    const std::vector<std::string> blocks = TestBlocks(count);
+    for (size_t i = 0; i < count; ++i) {
+        mcap::Message m;
+        m.channel = channel;
+        m.sequence = static_cast<std::uint32_t>(i + 1);
+        m.logTime = m.publishTime = 1000 + i;
+        m.data = blocks[i].data();
+        m.size = blocks[i].size();
+        writer.Add(m);
+        ends.push_back(writer.Size());
+    }
+    writer.Close();
+    return ends;
+}
+
+TEST(SlotctlMcapFile, ACutFileReadsEveryWholeRecordBeforeTheCut) {
+    for (const bool zstd : {false, true}) {
+        if (zstd && !mcap::ZstdBuiltIn()) {
+            continue;
+        }
+        const std::string path = FilePath("whole");
+        const std::vector<std::uint64_t> ends = WriteFile(path, zstd, 20);
+        const std::string bytes = Slurp(path);
+        const Recorded full = ReadAll(path);
+        ASSERT_TRUE(full.result.complete) << full.result.problem;
+        ASSERT_EQ(TestBlocks(20), full.blocks);
+        const std::string cut = FilePath("cut");
+        size_t previous = 0;
+        for (size_t length = 0; length < bytes.size(); ++length) {
+            Spit(cut, bytes.substr(0, length));
+            const Recorded part = ReadAll(cut);
+            SCOPED_TRACE("zstd " + std::to_string(zstd) + ", cut at " + std::to_string(length));
+            EXPECT_FALSE(part.result.complete);
+            EXPECT_FALSE(part.result.problem.empty());
+            // What it reads is the start of the recording, never less than before.
+            ASSERT_LE(part.blocks.size(), full.blocks.size());
+            EXPECT_TRUE(std::equal(part.blocks.begin(), part.blocks.end(), full.blocks.begin()));
+            EXPECT_GE(part.blocks.size(), previous);
+            previous = part.blocks.size();
+            if (!zstd) {
+                // Plain: exactly the messages that end before the cut.
+                EXPECT_EQ(
+                    static_cast<size_t>(std::count_if(
+                        ends.begin(), ends.end(), [&](std::uint64_t e) { return e <= length; })),
+                    part.blocks.size());
+            }
+        }
+        EXPECT_EQ(full.blocks.size(), previous);  // a file torn inside its summary lost nothing
+        ::unlink(cut.c_str());
+    }
+}
+
+TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
+    const std::string path = FilePath("hostile");
+    WriteFile(path, mcap::ZstdBuiltIn(), 30);
+    const std::string good = Slurp(path);
+    const std::string bad = FilePath("bad");
+    std::mt19937 random(12345);
+    for (int round = 0; round < 1500; ++round) {
+        std::string bytes = good;
+        const size_t at = random() % bytes.size();
+        if (round % 2 == 0) {
+            bytes[at] = static_cast<char>(random());
+        } else {
+            // An absurd length or size field anywhere.
+            const std::uint64_t huge = round % 4 == 1 ? ~std::uint64_t(0) : std::uint64_t(1) << 40;
+            std::memcpy(&bytes[at], &huge, std::min<size_t>(8, bytes.size() - at));
+        }
+        Spit(bad, bytes);
+        const Recorded read = ReadAll(bad);
+        EXPECT_LE(read.blocks.size(), 30u);
+        EXPECT_TRUE(read.result.complete || !read.result.problem.empty());
+    }
+    const struct {
+        std::string bytes;
+        std::string problem;
+    } crafted[] = {
+        {"not an mcap file", "not an MCAP file"},
+        {good.substr(0, 8) + std::string("\x05\x10\0\0\0\0\0\0\0", 9) + std::string(16, '\0'),
+         "does not begin with a header"},
+        {good.substr(0, 8) + std::string("\x01\xff\xff\xff\xff\xff\xff\xff\x7f", 9),
+         "ends inside a record"},
+    };
+    for (const auto& c : crafted) {
+        Spit(bad, c.bytes);
+        const Recorded read = ReadAll(bad);
+        EXPECT_TRUE(Contains(read.result.problem, c.problem)) << read.result.problem;
+        EXPECT_TRUE(read.blocks.empty());
+    }
+}
+
+TEST(SlotctlMcapFile, Crc32IsTheUsualOne) {
+    EXPECT_EQ(0xcbf43926u, mcap::Crc32(0, "123456789", 9));
+    EXPECT_EQ(mcap::Crc32(0, "123456789", 9), mcap::Crc32(mcap::Crc32(0, "1234", 4), "56789", 5));
+}
+
+// ---- record and replay, real processes ----
+
+TEST(SlotctlRecord, RecordsReplaysAndReadsBackEveryBlockInOrder) {
+    for (const std::string compression : {"none", "zstd"}) {
+        if (compression == "zstd" && !mcap::ZstdBuiltIn()) {
+            continue;
+        }
+        ScopedSlotName source("rec");
+        ScopedSlotName target("replayed");
+        const std::vector<std::string> blocks = TestBlocks(40);
+        Fill(source, blocks);
+        const std::string path = FilePath("roundtrip");
+        const Outcome recorded = Slotctl(
+            {"record", "-o", path, "--compression", compression, "--count", "40", source.str()});
+        ASSERT_EQ(0, recorded.status) << recorded.Describe();
+        EXPECT_TRUE(Contains(recorded.err, "40 blocks")) << recorded.Describe();
+        EXPECT_TRUE(Contains(recorded.err, "0 gaps")) << recorded.Describe();
+        EXPECT_TRUE(Contains(recorded.err, "kept up")) << recorded.Describe();
+
+        const Outcome read = Slotctl({"read", path, "--format", "frames"});
+        EXPECT_EQ(0, read.status) << read.Describe();
+        EXPECT_EQ(Frames(blocks), read.out);
+
+        const Outcome replayed =
+            Slotctl({"replay", "--max", "--map", source.str() + "=" + target.str(), path});
+        ASSERT_EQ(0, replayed.status) << replayed.Describe();
+        // Made with the recorded kind and sizes.
+        const Outcome info = Slotctl({"info", target.str()});
+        EXPECT_TRUE(Contains(info.out, "reliable (queue capacity 48)")) << info.out;
+        EXPECT_TRUE(Contains(info.out, "1024 bytes")) << info.out;
+        const Outcome back = Slotctl({"read", target.str(), "--count", "40", "--format", "frames"});
+        EXPECT_EQ(0, back.status) << back.Describe();
+        EXPECT_EQ(Frames(blocks), back.out);
+    }
+}
+
+TEST(SlotctlRecord, WritesTheRecorderNeverSawAreGaps) {
+    ScopedSlotName name("gaps");
+    const SlotCfg cfg(name, "discarding", boost::posix_time::milliseconds(100), 16, 1024);
+    SlotFactory::CreateSlot(&cfg);
+    const std::string path = FilePath("gaps");
+    Background recorder({"record", "-o", path, name.str()});
+    ASSERT_TRUE(recorder.WaitForErr("slotctl: recording"));
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+    const int writes = 2000;
+    writer->onNotify(name, "0", 1);
+    // The first block is numbered once nothing else is written meanwhile; then a burst the
+    // reader cannot follow block by block.
+    ASSERT_EQ(1u, WaitForBlocks(path, 1));
+    for (int i = 1; i < writes; ++i) {
+        const std::string block = std::to_string(i);
+        writer->onNotify(name, block.data(), block.size());
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    Recorded recorded;
+    do {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        recorded = ReadAll(path);
+    } while ((recorded.blocks.empty() || recorded.blocks.back() != std::to_string(writes - 1)) &&
+             std::chrono::steady_clock::now() < deadline);
+    recorder.Signal(SIGINT);
+    const Outcome run = recorder.Finish();
+    ASSERT_EQ(0, run.status) << run.Describe();
+    recorded = ReadAll(path);
+    ASSERT_TRUE(recorded.result.complete) << recorded.result.problem;
+    ASSERT_EQ(std::to_string(writes - 1), recorded.blocks.back());
+    std::uint64_t gaps = 0;
+    for (size_t i = 1; i < recorded.sequences.size(); ++i) {
+        ASSERT_LT(recorded.sequences[i - 1], recorded.sequences[i]);
+        gaps += recorded.sequences[i] - recorded.sequences[i - 1] - 1;
+    }
+    EXPECT_GT(gaps, 0u);
+    EXPECT_EQ(static_cast<std::uint64_t>(writes), recorded.blocks.size() + gaps);
+    EXPECT_TRUE(Contains(run.err, std::to_string(gaps) + " gap")) << run.Describe();
+    EXPECT_TRUE(Contains(run.err, "did not keep up")) << run.Describe();
+}
+
+TEST(SlotctlRecord, SplittingBySizeLosesNoBlock) {
+    ScopedSlotName name("split");
+    const std::vector<std::string> blocks = TestBlocks(200);
+    Fill(name, blocks);
+    const std::string path = FilePath("split");
+    const Outcome run =
+        Slotctl({"record", "-o", path, "--split-size", "1K", "--count", "200", name.str()});
+    ASSERT_EQ(0, run.status) << run.Describe();
+    const std::string stem = path.substr(0, path.size() - 5);
+    std::vector<std::string> got;
+    std::uint32_t expected = 1;
+    int files = 0;
+    for (;; ++files) {
+        char part[32];
+        std::snprintf(part, sizeof(part), "-%03d.mcap", files);
+        struct stat st {};
+        if (::stat((stem + part).c_str(), &st) != 0) {
+            break;
+        }
+        const Recorded recorded = ReadAll(stem + part);
+        EXPECT_TRUE(recorded.result.complete) << part << ": " << recorded.result.problem;
+        for (std::uint32_t sequence : recorded.sequences) {
+            EXPECT_EQ(expected++, sequence);
+        }
+        got.insert(got.end(), recorded.blocks.begin(), recorded.blocks.end());
+    }
+    EXPECT_GE(files, 5);
+    EXPECT_EQ(blocks, got);
+    EXPECT_TRUE(Contains(run.err, "wrote " + std::to_string(files) + " files")) << run.Describe();
+}
+
+TEST(SlotctlRecord, AKilledRecorderLeavesAFileReadToItsLastRecord) {
+    for (const std::string compression : {"none", "zstd"}) {
+        if (compression == "zstd" && !mcap::ZstdBuiltIn()) {
+            continue;
+        }
+        ScopedSlotName name("killed");
+        const std::vector<std::string> blocks = TestBlocks(50);
+        Fill(name, blocks);
+        const std::string path = FilePath("killed");
+        Background recorder({"record", "-o", path, "--compression", compression, name.str()});
+        ASSERT_EQ(50u, WaitForBlocks(path, 50));
+        recorder.Signal(SIGKILL);
+        const Outcome killed = recorder.Finish();
+        EXPECT_EQ(SIGKILL, killed.signal);
+
+        const Outcome read = Slotctl({"read", path, "--format", "frames"});
+        EXPECT_EQ(0, read.status) << read.Describe();
+        EXPECT_EQ(Frames(blocks), read.out);
+        EXPECT_TRUE(Contains(read.err, "not closed")) << read.Describe();
+        const Outcome info = Slotctl({"info", path});
+        EXPECT_EQ(0, info.status) << info.Describe();
+        EXPECT_TRUE(Contains(info.out, "not closed")) << info.out;
+        EXPECT_TRUE(Contains(info.out, "50 blocks")) << info.out;
+    }
+}
+
+TEST(SlotctlRecord, RefusalsAndDamagedFilesGiveOneClearLine) {
+    ScopedSlotName reliable("busy");
+    Fill(reliable, {"x"});
+    ScopedSlotName free("free");
+    Fill(free, {"y"});
+    Background reader({"read", reliable.str(), "--follow"});
+    ASSERT_TRUE(reader.WaitForErr("slotctl: reading"));
+    const std::string damaged = FilePath("damaged");
+    const std::string good = FilePath("good");
+    WriteFile(good, false, 5);
+    std::string bytes = Slurp(good);
+    bytes[40] ^= 0x55;  // inside the channel record: the data section's CRC no longer matches
+    Spit(damaged, bytes);
+    const std::string existing = FilePath("existing");
+    Spit(existing, "keep me");
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string message;
+    } cases[] = {
+        {{"record", "-o", FilePath("refused"), reliable.str()},
+         1,
+         "the reliable slot already has a reader (pid " + std::to_string(reader.Pid()) + ")"},
+        {{"record", "-o", existing, free.str()}, 1, "File exists"},
+        {{"record", reliable.str()}, 2, "the output file is missing"},
+        {{"record", "-o", FilePath("twice"), free.str(), free.str()}, 2, "is named twice"},
+        {{"record", "-o", FilePath("x"), "--compression", "lz4", reliable.str()},
+         2,
+         "--compression must be zstd or none"},
+        {{"read", damaged}, 1, "is damaged at byte"},
+        {{"read", FilePath("missing")}, 1, "no such recording (and no slot of that name)"},
+        {{"replay", "--max", good.substr(0, good.size() - 5)}, 2, "is not a recording"},
+    };
+    for (const auto& c : cases) {
+        const Outcome run = Slotctl(c.args);
+        EXPECT_EQ(c.status, run.status) << run.Describe();
+        EXPECT_EQ(1u, run.ErrLines().size()) << run.Describe();
+        EXPECT_TRUE(Contains(run.err, c.message)) << c.message << "\n" << run.Describe();
+    }
+    EXPECT_EQ("keep me", Slurp(existing));
+    reader.Signal(SIGINT);
+    reader.Finish();
+}
+
+TEST(SlotctlRecord, TeePassesEveryBlockOnInOrderThroughRefusals) {
+    ScopedSlotName source("teesrc");
+    ScopedSlotName other("teeout");
+    const std::vector<std::string> blocks = TestBlocks(100);
+    Fill(source, blocks);
+    // Capacity 2: the consumer's slot refuses most of the time.
+    const SlotCfg otherCfg = Reliable(other, 2);
+    SlotFactory::CreateSlot(&otherCfg);
+    Background consumer({"read", other.str(), "--count", "100", "--format", "frames"});
+    ASSERT_TRUE(consumer.WaitForErr("slotctl: reading"));
+    const std::string path = FilePath("tee");
+    const Outcome run =
+        Slotctl({"record", "-o", path, "--tee", other.str(), "--count", "100", source.str()});
+    ASSERT_EQ(0, run.status) << run.Describe();
+    EXPECT_TRUE(Contains(run.err, "passed 100 on to")) << run.Describe();
+    const Outcome consumed = consumer.Finish();
+    EXPECT_EQ(0, consumed.status) << consumed.Describe();
+    EXPECT_EQ(Frames(blocks), consumed.out);
+    EXPECT_EQ(blocks, ReadAll(path).blocks);
+}
+
+TEST(SlotctlReplay, PacesSelectsTopicsAndLoops) {
+    ScopedSlotName fast("fast");
+    ScopedSlotName skipped("skipped");
+    const std::string path = FilePath("paced");
+    {
+        mcap::Writer writer(path, mcap::Writer::Options());
+        const std::map<std::string, std::string> metadata = {
+            {"kind", "reliable"}, {"queue_length", "32"}, {"max_block_size", "64"}};
+        const std::uint16_t a = writer.AddChannel(fast, "application/octet-stream", metadata);
+        const std::uint16_t b = writer.AddChannel(skipped, "application/octet-stream", metadata);
+        // Five blocks 100 ms apart on the first channel, one on the second.
+        for (std::uint32_t i = 0; i < 5; ++i) {
+            const std::string block = "b" + std::to_string(i);
+            writer.Add(mcap::Message{a, i + 1, 1000000000ull + i * 100000000ull, 0, block.data(),
+                                     block.size()});
+        }
+        writer.Add(mcap::Message{b, 1, 1000000000ull, 0, "x", 1});
+        writer.Close();
+    }
+    const auto started = std::chrono::steady_clock::now();
+    const Outcome paced = Slotctl({"replay", "--rate", "2", "--topics", fast.str(), path});
+    const auto took = std::chrono::steady_clock::now() - started;
+    ASSERT_EQ(0, paced.status) << paced.Describe();
+    // 400 ms recorded at twice the pace: never faster than 200 ms.
+    EXPECT_GE(took, std::chrono::milliseconds(200));
+    EXPECT_TRUE(Contains(paced.err, "replayed 5 blocks into " + std::string("'") + fast.str()))
+        << paced.Describe();
+    EXPECT_FALSE(slotctltest::ShmExists(skipped.str()));
+
+    // Looping: the recording again and again, in order, until Ctrl-C.
+    Background looping({"replay", "--loop", "--max", "--topics", fast.str(), path});
+    const Outcome read = Slotctl({"read", fast.str(), "--count", "15", "--timeout", "30000"});
+    looping.Signal(SIGINT);
+    const Outcome looped = looping.Finish();
+    EXPECT_EQ(130, looped.status) << looped.Describe();
+    std::string expected;
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < 5; ++i) {
+            expected += "2 bytes: b" + std::to_string(i) + "\n";
+        }
+    }
+    EXPECT_EQ(expected, read.out.substr(0, expected.size())) << read.Describe();
+}
+
+}  // namespace

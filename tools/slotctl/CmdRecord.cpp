@@ -1,0 +1,496 @@
+// SPDX-License-Identifier: Apache-2.0
+// slotctl record: reads slots and writes every block that arrives to an MCAP file.
+#include "Cli.h"
+#include "Commands.h"
+#include "Mcap.h"
+#include "Recording.h"
+#include "Signals.h"
+#include "SlotOptions.h"
+
+#include <Slot/SlotActivity.h>
+#include <Slot/SlotFactory.h>
+#include <Slot/SlotSurvey.h>
+#include <Slot/Version.h>
+
+#include <FileUtils/FSUtils.h>
+#include <shared/FileLock.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <condition_variable>
+#include <cstdio>
+#include <ctime>
+#include <deque>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace slotctl {
+
+namespace {
+
+// Blocks the reader threads may hold for the file before they wait for it (a reliable slot
+// then fills and refuses its writers; a discarding one shows gaps).
+const size_t MaxBacklogBytes = 64u << 20;
+
+std::uint64_t NowNs() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u +
+           static_cast<std::uint64_t>(ts.tv_nsec);
+}
+
+struct Arrival {
+    size_t slot;
+    std::uint32_t sequence;
+    std::uint64_t time;
+    std::string data;
+};
+
+// What the reader threads hand to the main thread, which writes the file.
+class Backlog {
+public:
+    Backlog() {
+        if (::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) {
+            throw CommandError(ExitFailure, "cannot make a pipe");
+        }
+    }
+    ~Backlog() {
+        ::close(wake_[0]);
+        ::close(wake_[1]);
+    }
+    int WakeFd() const { return wake_[0]; }
+
+    // False when stopping before there was room.
+    bool Put(Arrival arrival) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (bytes_ >= MaxBacklogBytes) {
+            heldBack_ = true;
+            room_.wait(lock, [&] { return bytes_ < MaxBacklogBytes || stopping_; });
+            if (stopping_ && bytes_ >= MaxBacklogBytes) {
+                return false;
+            }
+        }
+        bytes_ += arrival.data.size();
+        items_.push_back(std::move(arrival));
+        // Only the first block after a Take needs to wake the main thread.
+        const bool wake = items_.size() == 1;
+        lock.unlock();
+        const char byte = 1;
+        if (wake && ::write(wake_[1], &byte, 1) < 0) {
+            // A full wake-up pipe already holds a wake-up.
+        }
+        return true;
+    }
+
+    std::deque<Arrival> Take() {
+        char drain[256];
+        while (::read(wake_[0], drain, sizeof(drain)) > 0) {
+        }
+        std::deque<Arrival> taken;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            taken.swap(items_);
+            bytes_ = 0;
+        }
+        room_.notify_all();
+        return taken;
+    }
+
+    void Stop() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        room_.notify_all();
+    }
+    bool Stopping() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return stopping_;
+    }
+    // Whether the readers ever had to wait for the file.
+    bool HeldBack() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return heldBack_;
+    }
+
+private:
+    int wake_[2];
+    std::mutex mutex_;
+    std::condition_variable room_;
+    std::deque<Arrival> items_;
+    size_t bytes_ = 0;
+    bool heldBack_ = false;
+    bool stopping_ = false;
+};
+
+// One recorded slot.
+struct Source : public shared::ISubscriber {
+    Source(size_t index, const SlotCfg& cfg, Backlog& backlog)
+        : index(index), cfg(cfg), backlog(backlog) {}
+
+    // The reader's thread: numbers the block, passes it on to --tee, queues it for the file.
+    void onNotify(const std::string&, const void* data, size_t size) override {
+        const std::uint64_t time = NowNs();
+        std::uint32_t sequence = lastSequence + 1;
+        if (discarding) {
+            // The slot's write counter now: writes this reader never saw show as gaps. A write
+            // that lands between the take and this look numbers the block a little high; the
+            // next block's number is right again.
+            const SlotActivitySample sample = SlotActivity::Sample(cfg.GetName());
+            if (sample.valid &&
+                (!numbered || static_cast<std::int32_t>(sample.writeSequence - lastSequence) > 0)) {
+                sequence = sample.writeSequence;
+            }
+        }
+        numbered = true;
+        lastSequence = sequence;
+        const char* bytes = static_cast<const char*>(data);
+        if (tee) {
+            tee->Write(bytes, size, [&] { return backlog.Stopping(); });
+        }
+        if (!backlog.Put(Arrival{index, sequence, time, std::string(bytes, size)})) {
+            ++dropped;
+        }
+    }
+
+    size_t index;
+    SlotCfg cfg;
+    Backlog& backlog;
+    bool discarding = false;
+    std::unique_ptr<RetryingWriter> tee;
+    INotifierPtr reader;
+    // The reader's thread only.
+    bool numbered = false;
+    std::uint32_t lastSequence = 0;
+    std::atomic<std::uint64_t> dropped{0};
+    // The main thread only.
+    std::uint64_t blocks = 0, bytes = 0, gaps = 0;
+    bool seen = false;
+    std::uint32_t seenSequence = 0;
+};
+
+std::string Plural(std::uint64_t n, const char* word) {
+    return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
+}
+
+// "run.mcap" split into "run-000.mcap", "run-001.mcap", ...
+std::string PartName(const std::string& path, unsigned part) {
+    const std::string stem = EndsWith(path, ".mcap") ? path.substr(0, path.size() - 5) : path;
+    char number[16];
+    std::snprintf(number, sizeof(number), "-%03u", part);
+    return stem + number + ".mcap";
+}
+
+// A size with an optional K, M or G (powers of 1024).
+std::uint64_t ParseSize(const std::string& text) {
+    std::string digits = text;
+    std::uint64_t unit = 1;
+    if (!digits.empty()) {
+        const char last = digits.back();
+        unit = last == 'K' || last == 'k' ? 1024u
+               : last == 'M'              ? 1024u * 1024u
+               : last == 'G'              ? 1024u * 1024u * 1024u
+                                          : 1u;
+        if (unit != 1) {
+            digits.pop_back();
+        }
+    }
+    return ParseNumber(digits, "record: --split-size (bytes, or with K, M or G)", 1,
+                       (UINT64_MAX >> 2) / unit) *
+           unit;
+}
+
+}  // namespace
+
+int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
+    std::vector<std::string> args;
+    for (size_t i = 0; i < rawArgs.size(); ++i) {
+        // -o is the usual short name of the output.
+        args.push_back(rawArgs[i] == "-o" ? "--output" : rawArgs[i]);
+        if (rawArgs[i] == "--") {
+            args.insert(args.end(), rawArgs.begin() + static_cast<long>(i) + 1, rawArgs.end());
+            break;
+        }
+    }
+    const Arguments arguments("record", args,
+                              {"output", "split-size", "split-duration", "compression", "duration",
+                               "count", "tee", "update-time"},
+                              {});
+    arguments.ExpectOperands(1, 1000, "one or more slot names");
+    if (!arguments.Has("output")) {
+        throw UsageError("record: the output file is missing (-o FILE.mcap)");
+    }
+    const std::string output = arguments.Get("output");
+    const std::string compression = arguments.Get("compression", "none");
+    if (compression != "none" && compression != "zstd") {
+        throw UsageError("record: --compression must be zstd or none, not " + Quote(compression));
+    }
+    if (compression == "zstd" && !mcap::ZstdBuiltIn()) {
+        throw CommandError(ExitFailure,
+                           "record: compression zstd is not built in (this slotctl was built "
+                           "without libzstd); use --compression none");
+    }
+    const std::uint64_t splitSize =
+        arguments.Has("split-size") ? ParseSize(arguments.Get("split-size")) : 0;
+    const double splitSeconds = arguments.GetSeconds("split-duration", 0, 0.001, 1e9);
+    const double seconds = arguments.GetSeconds("duration", 0, 0.001, 1e9);
+    const std::uint64_t count = arguments.GetNumber("count", 0, 1, UINT64_MAX >> 1);
+    const bool split = splitSize != 0 || splitSeconds != 0;
+    const std::vector<std::string>& names = arguments.Operands();
+    if (arguments.Has("tee") && names.size() != 1) {
+        throw UsageError("record: --tee passes one slot on; give exactly one SLOT with it");
+    }
+
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (std::find(names.begin(), names.begin() + static_cast<long>(i), names[i]) !=
+            names.begin() + static_cast<long>(i)) {
+            throw UsageError("record: " + Quote(names[i]) + " is named twice");
+        }
+    }
+    Backlog backlog;
+    std::vector<std::unique_ptr<Source>> sources;
+    for (const std::string& name : names) {
+        std::vector<std::string> given;
+        if (arguments.Has("update-time")) {
+            given = {"--update-time", arguments.Get("update-time")};
+        }
+        const SlotCfg cfg =
+            ResolveSlot(Arguments("record", given, SlotValuedOptions({}), {}), name);
+        if (SlotSurvey::InspectSlot(name).header.state == SlotPartState::Absent) {
+            throw CommandError(ExitFailure, "cannot record " + Quote(name) + ": no such slot");
+        }
+        const std::string type = TypeName(cfg);
+        if (type == "reliable") {
+            // One reader per machine: the recorder must be it.
+            const pid_t holder =
+                shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name));
+            if (holder > 0) {
+                throw CommandError(ExitFailure,
+                                   "cannot record " + Quote(name) +
+                                       ": the reliable slot already has a reader (pid " +
+                                       std::to_string(holder) +
+                                       "); a reliable slot has one reader, so stop it and let "
+                                       "the recorder pass the blocks on with --tee OTHER");
+            }
+        }
+        sources.emplace_back(new Source(sources.size(), cfg, backlog));
+        sources.back()->discarding = type == "discarding";
+        if (arguments.Has("tee")) {
+            const std::string other = arguments.Get("tee");
+            CheckSlotName(other);
+            if (other == name) {
+                throw UsageError("record: --tee must name another slot than the one recorded");
+            }
+            const SlotCfg teeCfg(other, cfg.GetSlotType(), cfg.GetUpdateTime(),
+                                 cfg.GetMaxBufferLength(), cfg.GetMaxSize());
+            sources.back()->tee.reset(new RetryingWriter(teeCfg));
+        }
+    }
+
+    mcap::Writer::Options options;
+    options.zstd = compression == "zstd";
+    options.library = std::string("slotctl ") + SLOT_VERSION_STRING;
+    std::vector<std::string> files;
+    std::unique_ptr<mcap::Writer> writer;
+    auto open = [&] {
+        const std::string path =
+            split ? PartName(output, static_cast<unsigned>(files.size())) : output;
+        try {
+            writer.reset(new mcap::Writer(path, options));
+            for (const auto& source : sources) {
+                writer->AddChannel(source->cfg.GetName(), "application/octet-stream",
+                                   SlotMetadata(source->cfg));
+            }
+        } catch (const mcap::Error& e) {
+            throw CommandError(ExitFailure, std::string("record: ") + e.what());
+        }
+        files.push_back(path);
+    };
+    open();
+    const auto started = std::chrono::steady_clock::now();
+    auto fileStarted = started;
+
+    for (const auto& source : sources) {
+        const std::string& name = source->cfg.GetName();
+        auto abandon = [&] {
+            // Nothing was recorded yet: the file we made goes again.
+            backlog.Stop();
+            for (const auto& started : sources) {
+                started->reader.reset();
+            }
+            writer.reset();
+            ::unlink(files.front().c_str());
+        };
+        try {
+            // Subscribed before the reader's thread starts, so that the blocks waiting in a
+            // reliable slot are recorded too. Opening waits for the slot's lock, which a live
+            // process may keep: that wait still ends on Ctrl-C.
+            const WaitResult opened = RunInterruptibly(
+                [&] {
+                    source->reader = SlotFactory::CreateSlotReader(
+                        &source->cfg, ISubscriberPtr(source.get(), [](shared::ISubscriber*) {}));
+                },
+                -1);
+            if (opened != WaitResult::Ready) {
+                LeaveNow(ExitInterrupted, "");
+            }
+        } catch (const std::exception& e) {
+            abandon();
+            throw CommandError(ExitFailure, "cannot record " + Quote(name) + ": " + e.what());
+        }
+        std::cerr << "slotctl: recording " << Quote(name) << " (" << TypeName(source->cfg)
+                  << ") to " << Printable(files.front()) << std::endl;
+    }
+
+    const bool progress = ::isatty(STDERR_FILENO) == 1;
+    std::uint64_t total = 0, totalBytes = 0;
+    auto lastProgress = started;
+    auto showProgress = [&] {
+        std::uint64_t gaps = 0;
+        for (const auto& source : sources) {
+            gaps += source->gaps;
+        }
+        std::cerr << "\rslotctl: " << Plural(total, "block") << ", " << ByteText(totalBytes) << ", "
+                  << Plural(gaps, "gap") << ", " << Plural(files.size(), "file") << "\x1b[K"
+                  << std::flush;
+    };
+    auto store = [&](const Arrival& arrival) {
+        Source& source = *sources[arrival.slot];
+        const auto now = std::chrono::steady_clock::now();
+        if (split && writer->Size() > 0 &&
+            ((splitSize != 0 && writer->Size() >= splitSize) ||
+             (splitSeconds != 0 &&
+              std::chrono::duration<double>(now - fileStarted).count() >= splitSeconds))) {
+            writer->Close();
+            open();
+            fileStarted = now;
+        }
+        if (source.seen && arrival.sequence - source.seenSequence > 1) {
+            source.gaps += arrival.sequence - source.seenSequence - 1;
+        }
+        source.seen = true;
+        source.seenSequence = arrival.sequence;
+        mcap::Message message;
+        message.channel = static_cast<std::uint16_t>(arrival.slot + 1);
+        message.sequence = arrival.sequence;
+        message.logTime = arrival.time;
+        // Blocks carry no time of their own: published is when it arrived.
+        message.publishTime = arrival.time;
+        message.data = arrival.data.data();
+        message.size = arrival.data.size();
+        writer->Add(message);
+        ++source.blocks;
+        source.bytes += arrival.data.size();
+        ++total;
+        totalBytes += arrival.data.size();
+    };
+
+    bool stopped = false;
+    std::string failure;
+    try {
+        while (count == 0 || total < count) {
+            int waitMs = 200;
+            if (seconds != 0) {
+                const double left = seconds - std::chrono::duration<double>(
+                                                  std::chrono::steady_clock::now() - started)
+                                                  .count();
+                if (left <= 0) {
+                    break;
+                }
+                waitMs = std::min(waitMs, static_cast<int>(left * 1000) + 1);
+            }
+            if (WaitReadableOrStop(backlog.WakeFd(), waitMs) == WaitResult::Stopped) {
+                stopped = true;
+                break;
+            }
+            for (const Arrival& arrival : backlog.Take()) {
+                store(arrival);
+            }
+            writer->Flush(NowNs());
+            const auto now = std::chrono::steady_clock::now();
+            if (progress && now - lastProgress >= std::chrono::seconds(1)) {
+                showProgress();
+                lastProgress = now;
+            }
+        }
+    } catch (const mcap::Error& e) {
+        failure = e.what();
+    }
+    // Readers stop first; what they took is written too, never dropped. A reader's thread
+    // waiting for a slot's lock, or for room in a --tee slot, ends within the bound.
+    backlog.Stop();
+    for (const auto& source : sources) {
+        // Not RunInterruptibly: the stop signal that ended the loop must not cut this short.
+        auto stoppedReader = std::make_shared<std::promise<void>>();
+        std::future<void> readerStopped = stoppedReader->get_future();
+        std::thread stopper([&source, stoppedReader] {
+            source->reader.reset();
+            stoppedReader->set_value();
+        });
+        if (readerStopped.wait_for(std::chrono::seconds(5)) == std::future_status::ready) {
+            stopper.join();
+        } else {
+            stopper.detach();
+            for (const Arrival& arrival : backlog.Take()) {
+                store(arrival);
+            }
+            writer->Close();
+            LeaveNow(ExitFailure, "slotctl: a slot's reader did not stop; " +
+                                      Printable(files.back()) + " is closed");
+        }
+    }
+    if (failure.empty()) {
+        try {
+            for (const Arrival& arrival : backlog.Take()) {
+                store(arrival);
+            }
+            writer->Close();
+        } catch (const mcap::Error& e) {
+            failure = e.what();
+        }
+    }
+    if (progress) {
+        std::cerr << "\r\x1b[K";
+    }
+    std::uint64_t gaps = 0, dropped = 0;
+    for (const auto& source : sources) {
+        gaps += source->gaps;
+        dropped += source->dropped;
+        std::cerr << "slotctl: recorded " << Quote(source->cfg.GetName()) << " ("
+                  << TypeName(source->cfg) << "): " << Plural(source->blocks, "block") << ", "
+                  << ByteText(source->bytes) << ", " << Plural(source->gaps, "gap");
+        if (source->tee) {
+            const RetryingWriter& tee = *source->tee;
+            std::cerr << "; passed " << tee.Stored() << " on to " << Quote(tee.Name());
+            if (tee.Retries() != 0) {
+                std::cerr << " (" << tee.Retries() << " refused writes retried)";
+            }
+            if (tee.Lost() != 0) {
+                std::cerr << ", " << tee.Lost() << " not passed on";
+            }
+        }
+        std::cerr << std::endl;
+    }
+    const bool keptUp = gaps == 0 && dropped == 0 && !backlog.HeldBack();
+    std::cerr << "slotctl: wrote " << Plural(files.size(), "file") << ": "
+              << Printable(files.front());
+    if (files.size() > 1) {
+        std::cerr << " to " << Printable(files.back());
+    }
+    std::cerr << "; " << (keptUp ? "kept up" : "did not keep up")
+              << (stopped ? "; interrupted" : "") << std::endl;
+    if (!failure.empty()) {
+        throw CommandError(ExitFailure, "record: " + failure);
+    }
+    return ExitOk;
+}
+
+}  // namespace slotctl

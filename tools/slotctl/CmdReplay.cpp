@@ -1,0 +1,407 @@
+// SPDX-License-Identifier: Apache-2.0
+// slotctl replay: writes recorded blocks back into slots; read and info of a recording.
+#include "BlockFormat.h"
+#include "Cli.h"
+#include "Commands.h"
+#include "Mcap.h"
+#include "Names.h"
+#include "Recording.h"
+#include "Signals.h"
+#include "SlotOptions.h"
+
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/SlotFactory.h>
+#include <Slot/SlotSurvey.h>
+#include <Slot/Version.h>
+#include <Slot/WriteOutcome.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <sstream>
+
+namespace slotctl {
+
+namespace {
+
+boost::posix_time::ptime TimeOf(std::uint64_t ns) {
+    return boost::posix_time::from_time_t(static_cast<std::time_t>(ns / 1000000000)) +
+           boost::posix_time::microseconds(static_cast<long>((ns % 1000000000) / 1000));
+}
+
+bool WriteOut(const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(STDOUT_FILENO, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Reads a recording, turning a file that cannot be opened into a command error.
+mcap::ReadResult ReadFile(
+    const std::string& path,
+    const std::function<bool(const mcap::Message&, const mcap::Channel&)>& cb) {
+    try {
+        return mcap::Read(path, cb);
+    } catch (const mcap::Error& e) {
+        throw CommandError(ExitFailure, e.what());
+    }
+}
+
+// Reports how reading ended: nothing for a complete file, a note for a file cut short (what a
+// killed recorder leaves), an error line for a damaged one. The exit status.
+int ReportEnd(const std::string& path, const mcap::ReadResult& result) {
+    if (result.problem.empty()) {
+        return ExitOk;
+    }
+    if (result.cutShort) {
+        std::cerr << "slotctl: " << Printable(path) << ": " << result.problem
+                  << " (a recording that was not closed); read up to its last whole record"
+                  << std::endl;
+        return ExitOk;
+    }
+    std::cerr << "slotctl: " << Printable(path) << " is damaged at byte " << result.problemOffset
+              << ": " << Printable(result.problem) << std::endl;
+    return ExitFailure;
+}
+
+}  // namespace
+
+bool IsRecordingFile(const std::string& operand) {
+    struct stat st {};
+    return EndsWith(operand, ".mcap") && ::stat(operand.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+std::map<std::string, std::string> SlotMetadata(const ISlotConfiguration& cfg) {
+    char host[256] = {};
+    if (::gethostname(host, sizeof(host) - 1) != 0) {
+        host[0] = '\0';
+    }
+    return {{meta::Kind, TypeName(cfg)},
+            {meta::MaxBlockSize, std::to_string(cfg.GetMaxSize())},
+            {meta::QueueLength, std::to_string(cfg.GetMaxBufferLength())},
+            {meta::Host, host},
+            {meta::Version, Slot::Version()}};
+}
+
+std::string ByteText(std::uint64_t bytes) {
+    char text[32];
+    if (bytes < 1000) {
+        std::snprintf(text, sizeof(text), "%llu B", static_cast<unsigned long long>(bytes));
+    } else if (bytes < 1000000) {
+        std::snprintf(text, sizeof(text), "%.1f kB", bytes / 1e3);
+    } else if (bytes < 1000000000) {
+        std::snprintf(text, sizeof(text), "%.1f MB", bytes / 1e6);
+    } else {
+        std::snprintf(text, sizeof(text), "%.2f GB", bytes / 1e9);
+    }
+    return text;
+}
+
+RetryingWriter::RetryingWriter(const ISlotConfiguration& cfg)
+    : name_(cfg.GetName()), maxSize_(cfg.GetMaxSize()) {
+    try {
+        writer_ = SlotFactory::CreateSlotWriter(&cfg);
+    } catch (const std::exception& e) {
+        throw CommandError(ExitFailure, "cannot write to " + Quote(name_) + ": " + e.what());
+    }
+}
+
+RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
+                                             const std::function<bool()>& stopping) {
+    if (size > maxSize_) {
+        ++lost_;
+        return Result::TooLarge;
+    }
+    long pauseUs = 50;
+    for (;;) {
+        writer_->onNotify(name_, data, size);
+        const Slot::WriteOutcome outcome = Slot::LastWriteOutcome();
+        if (outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded) {
+            ++stored_;
+            return Result::Stored;
+        }
+        if (outcome == Slot::WriteOutcome::Failed) {
+            ++lost_;
+            return Result::Failed;
+        }
+        // Refused: the slot is full. Its reader makes room.
+        ++retries_;
+        if (stopping()) {
+            ++lost_;
+            return Result::Stopped;
+        }
+        const timespec pause{0, pauseUs * 1000};
+        ::nanosleep(&pause, nullptr);
+        pauseUs = std::min(pauseUs * 2, 5000L);
+    }
+}
+
+int ReadRecording(const Arguments& arguments, const std::string& path) {
+    const std::string format = arguments.Get("format", "text");
+    if (!IsBlockFormat(format)) {
+        throw UsageError("read: --format must be text, hex, raw, frames or ndjson, not " +
+                         Quote(format));
+    }
+    const std::uint64_t target = arguments.GetNumber("count", 0, 0, UINT64_MAX >> 1);
+    std::uint64_t printed = 0;
+    bool outputGone = false;
+    const mcap::ReadResult result =
+        ReadFile(path, [&](const mcap::Message& message, const mcap::Channel&) {
+            if (StopSignals::Received()) {
+                return false;
+            }
+            const std::string block(message.data, message.size);
+            if (!WriteOut(FormatBlock(format, block, TimeOf(message.logTime)))) {
+                outputGone = true;
+                return false;
+            }
+            ++printed;
+            return target == 0 || printed < target;
+        });
+    if (outputGone || (target != 0 && printed >= target)) {
+        return ExitOk;
+    }
+    return ReportEnd(path, result);
+}
+
+int RecordingInfo(const std::string& path) {
+    struct Counts {
+        std::uint64_t blocks = 0, bytes = 0, gaps = 0, first = 0, last = 0;
+        std::uint32_t sequence = 0;
+    };
+    std::map<std::uint16_t, Counts> counts;
+    std::uint64_t first = UINT64_MAX, last = 0;
+    const mcap::ReadResult result =
+        ReadFile(path, [&](const mcap::Message& message, const mcap::Channel&) {
+            Counts& c = counts[message.channel];
+            if (c.blocks != 0 && message.sequence - c.sequence > 1 &&
+                message.sequence - c.sequence < 0x80000000u) {
+                c.gaps += message.sequence - c.sequence - 1;
+            }
+            c.first = c.blocks == 0 ? message.logTime : c.first;
+            c.last = message.logTime;
+            ++c.blocks;
+            c.bytes += message.size;
+            c.sequence = message.sequence;
+            first = std::min(first, message.logTime);
+            last = std::max(last, message.logTime);
+            return !StopSignals::Received();
+        });
+    std::ostringstream out;
+    out << "recording " << Printable(path) << "\n";
+    out << "  state:     "
+        << (result.complete   ? "complete (summary and footer checked)"
+            : result.cutShort ? "not closed (" + result.problem + "); read to its last whole record"
+                              : "damaged at byte " + std::to_string(result.problemOffset) + ": " +
+                                    Printable(result.problem))
+        << "\n";
+    out << "  written by: " << Printable(result.library.empty() ? "-" : result.library) << "\n";
+    if (result.messages == 0) {
+        out << "  blocks:    0\n";
+    } else {
+        out << "  time:      " << FormatTime(TimeOf(first)) << " to " << FormatTime(TimeOf(last));
+        char seconds[32];
+        std::snprintf(seconds, sizeof(seconds), " (%.3f s)", (last - first) / 1e9);
+        out << seconds << "\n";
+        out << "  blocks:    " << result.messages;
+        if (result.chunks != 0) {
+            out << " in " << result.chunks << " chunk" << (result.chunks == 1 ? "" : "s");
+        }
+        out << "\n";
+    }
+    for (const mcap::Channel& channel : result.channels) {
+        const Counts& c = counts[channel.id];
+        auto value = [&](const char* key) {
+            const auto it = channel.metadata.find(key);
+            return it == channel.metadata.end() ? std::string("-") : Printable(it->second);
+        };
+        out << "  channel " << channel.id << ": " << Quote(channel.topic) << " ("
+            << value(meta::Kind) << ", max block " << value(meta::MaxBlockSize) << ", queue "
+            << value(meta::QueueLength) << ", host " << value(meta::Host) << ", libSlot "
+            << value(meta::Version) << "): " << c.blocks << " block" << (c.blocks == 1 ? "" : "s")
+            << ", " << ByteText(c.bytes) << ", " << c.gaps << " gap" << (c.gaps == 1 ? "" : "s")
+            << "\n";
+    }
+    std::cout << out.str() << std::flush;
+    return result.problem.empty() || result.cutShort ? ExitOk : ExitFailure;
+}
+
+int RunReplay(const Context&, const std::vector<std::string>& args) {
+    const Arguments arguments("replay", args, {"map", "rate", "topics", "update-time"},
+                              {"max", "loop"});
+    arguments.ExpectOperands(1, SIZE_MAX, "one or more recordings (FILE.mcap)");
+    const double rate = arguments.GetSeconds("rate", 1.0, 1e-3, 1e6);
+    const bool max = arguments.Has("max");
+    if (max && arguments.Has("rate")) {
+        throw UsageError("replay: --max and --rate cannot go together");
+    }
+    std::map<std::string, std::string> mapping;
+    for (const std::string& item : arguments.GetAll("map")) {
+        const std::string::size_type equals = item.find('=');
+        if (equals == std::string::npos || equals == 0 || equals + 1 == item.size()) {
+            throw UsageError("replay: --map takes OLD=NEW, not " + Quote(item));
+        }
+        CheckSlotName(item.substr(equals + 1));
+        mapping[item.substr(0, equals)] = item.substr(equals + 1);
+    }
+    std::set<std::string> topics;
+    if (arguments.Has("topics")) {
+        std::string list = arguments.Get("topics");
+        std::string::size_type start = 0;
+        for (;;) {
+            const std::string::size_type comma = list.find(',', start);
+            topics.insert(list.substr(start, comma == std::string::npos ? comma : comma - start));
+            if (comma == std::string::npos) {
+                break;
+            }
+            start = comma + 1;
+        }
+    }
+    for (const std::string& file : arguments.Operands()) {
+        if (!IsRecordingFile(file)) {
+            throw UsageError("replay: " + Quote(file) +
+                             " is not a recording (a regular file named *.mcap)");
+        }
+    }
+
+    std::map<std::string, std::unique_ptr<RetryingWriter>> writers;  // by slot name
+    std::map<std::string, std::string> kinds;
+    bool stopped = false;
+    auto stopping = [&] {
+        if (!stopped && StopSignals::Received()) {
+            stopped = true;
+        }
+        return stopped;
+    };
+    // The slot a channel goes to, opened (and made, with the recorded kind and sizes) at its
+    // first block.
+    auto writerFor = [&](const mcap::Channel& channel) -> RetryingWriter& {
+        const auto mapped = mapping.find(channel.topic);
+        const std::string name = mapped == mapping.end() ? channel.topic : mapped->second;
+        auto& writer = writers[name];
+        if (!writer) {
+            CheckSlotName(name);
+            std::vector<std::string> given;
+            if (SlotSurvey::InspectSlot(name).header.state == SlotPartState::Absent) {
+                const std::pair<const char*, const char*> fields[] = {
+                    {meta::Kind, "--type"},
+                    {meta::MaxBlockSize, "--max-size"},
+                    {meta::QueueLength, "--queue"}};
+                for (const auto& field : fields) {
+                    const auto it = channel.metadata.find(field.first);
+                    if (it != channel.metadata.end()) {
+                        given.push_back(field.second);
+                        given.push_back(it->second);
+                    }
+                }
+            }
+            if (arguments.Has("update-time")) {
+                given.push_back("--update-time");
+                given.push_back(arguments.Get("update-time"));
+            }
+            SlotCfg cfg("", "", boost::posix_time::milliseconds(100), 1, 1);
+            try {
+                cfg = ResolveSlot(Arguments("replay", given, SlotValuedOptions({}), {}), name);
+            } catch (const CommandError& e) {
+                throw CommandError(ExitFailure, "cannot replay into " + Quote(name) +
+                                                    " (as recorded): " + e.what());
+            }
+            writer.reset(new RetryingWriter(cfg));
+            kinds[name] = TypeName(cfg);
+        }
+        return *writer;
+    };
+
+    int status = ExitOk;
+    std::uint64_t tooLarge = 0;
+    do {
+        for (const std::string& file : arguments.Operands()) {
+            bool paced = false;
+            std::uint64_t firstLog = 0;
+            std::chrono::steady_clock::time_point started;
+            const mcap::ReadResult result =
+                ReadFile(file, [&](const mcap::Message& message, const mcap::Channel& channel) {
+                    if (!topics.empty() && topics.count(channel.topic) == 0) {
+                        return true;
+                    }
+                    if (!max) {
+                        if (!paced) {
+                            paced = true;
+                            firstLog = message.logTime;
+                            started = std::chrono::steady_clock::now();
+                        } else if (message.logTime > firstLog) {
+                            const auto due =
+                                started + std::chrono::nanoseconds(static_cast<std::int64_t>(
+                                              (message.logTime - firstLog) / rate));
+                            const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                due - std::chrono::steady_clock::now());
+                            if (wait.count() > 0 &&
+                                WaitReadableOrStop(-1, static_cast<int>(std::min<std::int64_t>(
+                                                           wait.count(), INT_MAX))) ==
+                                    WaitResult::Stopped) {
+                                stopped = true;
+                            }
+                        }
+                    }
+                    if (stopping()) {
+                        return false;
+                    }
+                    RetryingWriter& writer = writerFor(channel);
+                    const RetryingWriter::Result written =
+                        writer.Write(message.data, message.size, stopping);
+                    if (written == RetryingWriter::Result::TooLarge) {
+                        ++tooLarge;
+                    }
+                    return written != RetryingWriter::Result::Stopped;
+                });
+            if (stopped) {
+                break;
+            }
+            status = std::max(status, ReportEnd(file, result));
+        }
+    } while (arguments.Has("loop") && !stopped && status == ExitOk);
+
+    for (const auto& item : writers) {
+        const RetryingWriter& writer = *item.second;
+        std::cerr << "slotctl: replayed " << writer.Stored() << " block"
+                  << (writer.Stored() == 1 ? "" : "s") << " into " << Quote(item.first) << " ("
+                  << kinds[item.first] << ")";
+        if (writer.Retries() != 0) {
+            std::cerr << ", " << writer.Retries() << " refused writes retried";
+        }
+        if (writer.Lost() != 0) {
+            std::cerr << ", " << writer.Lost() << " not written (too large, failed or interrupted)";
+            status = std::max(status, static_cast<int>(ExitFailure));
+        }
+        std::cerr << std::endl;
+    }
+    if (writers.empty()) {
+        std::cerr << "slotctl: nothing replayed (no blocks"
+                  << (topics.empty() ? "" : " of the topics given") << ")" << std::endl;
+    }
+    if (tooLarge != 0) {
+        std::cerr << "slotctl: " << tooLarge
+                  << " blocks were larger than their slot's maximum block size" << std::endl;
+    }
+    return stopped ? ExitInterrupted : status;
+}
+
+}  // namespace slotctl

@@ -1,0 +1,835 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Mcap.h"
+
+#ifdef SLOT_WITH_ZSTD
+#include <zstd.h>
+#endif
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+namespace mcap {
+
+namespace {
+
+const char Magic[8] = {'\x89', 'M', 'C', 'A', 'P', '0', '\r', '\n'};
+
+enum Opcode : std::uint8_t {
+    OpHeader = 0x01,
+    OpFooter = 0x02,
+    OpSchema = 0x03,
+    OpChannel = 0x04,
+    OpMessage = 0x05,
+    OpChunk = 0x06,
+    OpMessageIndex = 0x07,
+    OpChunkIndex = 0x08,
+    OpStatistics = 0x0b,
+    OpSummaryOffset = 0x0e,
+    OpDataEnd = 0x0f,
+};
+
+const size_t RecordHead = 9;         // opcode and 8-byte length
+const size_t FooterRecord = 9 + 20;  // summary start, summary offset start, CRC
+// A chunk never unpacks to more than this (a hostile size cannot make us allocate more).
+const std::uint64_t MaxChunkSize = std::uint64_t(1) << 30;
+
+// Tables for CRC-32 eight bytes at a time ("slicing by 8"): table[k][b] is the CRC of byte b
+// followed by k zero bytes.
+typedef std::array<std::array<std::uint32_t, 256>, 8> CrcTables;
+
+CrcTables MakeCrcTables() {
+    CrcTables tables{};
+    for (std::uint32_t i = 0; i < 256; ++i) {
+        std::uint32_t c = i;
+        for (int k = 0; k < 8; ++k) {
+            c = (c & 1) ? 0xedb88320u ^ (c >> 1) : c >> 1;
+        }
+        tables[0][i] = c;
+    }
+    for (std::uint32_t i = 0; i < 256; ++i) {
+        for (size_t k = 1; k < 8; ++k) {
+            tables[k][i] = (tables[k - 1][i] >> 8) ^ tables[0][tables[k - 1][i] & 0xff];
+        }
+    }
+    return tables;
+}
+
+// Little-endian encoding.
+void Put(std::string& out, std::uint64_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) {
+        out.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
+    }
+}
+void Put8(std::string& out, std::uint8_t v) {
+    Put(out, v, 1);
+}
+void Put16(std::string& out, std::uint16_t v) {
+    Put(out, v, 2);
+}
+void Put32(std::string& out, std::uint32_t v) {
+    Put(out, v, 4);
+}
+void Put64(std::string& out, std::uint64_t v) {
+    Put(out, v, 8);
+}
+void PutString(std::string& out, const std::string& s) {
+    Put32(out, static_cast<std::uint32_t>(s.size()));
+    out += s;
+}
+
+// Reads fields from a record's content; any read past its end makes it !ok and yields zeros.
+class Cursor {
+public:
+    Cursor(const char* data, size_t size) : p_(data), left_(size) {}
+    bool ok() const { return ok_; }
+    size_t Left() const { return left_; }
+    const char* Here() const { return p_; }
+    std::uint64_t Get(int bytes) {
+        if (!Take(static_cast<size_t>(bytes))) {
+            return 0;
+        }
+        std::uint64_t value = 0;
+        for (int i = bytes - 1; i >= 0; --i) {
+            value = (value << 8) | static_cast<unsigned char>(p_[i - bytes]);
+        }
+        return value;
+    }
+    std::uint8_t U8() { return static_cast<std::uint8_t>(Get(1)); }
+    std::uint16_t U16() { return static_cast<std::uint16_t>(Get(2)); }
+    std::uint32_t U32() { return static_cast<std::uint32_t>(Get(4)); }
+    std::uint64_t U64() { return Get(8); }
+    std::string String() {
+        const std::uint32_t size = U32();
+        const char* start = p_;
+        return Take(size) ? std::string(start, size) : std::string();
+    }
+    // The next `size` bytes, or nullptr when there are fewer.
+    const char* Bytes(std::uint64_t size) {
+        const char* start = p_;
+        return Take(size) ? start : nullptr;
+    }
+    std::map<std::string, std::string> StringMap() {
+        std::map<std::string, std::string> map;
+        const std::uint32_t size = U32();
+        const char* start = Bytes(size);
+        if (start == nullptr) {
+            return map;
+        }
+        Cursor inner(start, size);
+        while (inner.ok() && inner.Left() > 0) {
+            std::string key = inner.String();
+            std::string value = inner.String();
+            if (inner.ok()) {
+                map[key] = value;
+            }
+        }
+        ok_ = ok_ && inner.ok();
+        return map;
+    }
+
+private:
+    bool Take(std::uint64_t size) {
+        if (!ok_ || size > left_) {
+            ok_ = false;
+            return false;
+        }
+        p_ += size;
+        left_ -= static_cast<size_t>(size);
+        return true;
+    }
+
+    const char* p_;
+    size_t left_;
+    bool ok_ = true;
+};
+
+std::string SystemError(const std::string& what, const std::string& path) {
+    return what + " " + path + ": " + std::strerror(errno);
+}
+
+}  // namespace
+
+std::uint32_t Crc32(std::uint32_t crc, const void* data, size_t size) {
+    static const CrcTables t = MakeCrcTables();
+    const unsigned char* p = static_cast<const unsigned char*>(data);
+    crc = ~crc;
+    for (; size >= 8; size -= 8, p += 8) {
+        const std::uint32_t low = crc ^ (std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 |
+                                         std::uint32_t(p[2]) << 16 | std::uint32_t(p[3]) << 24);
+        crc = t[7][low & 0xff] ^ t[6][(low >> 8) & 0xff] ^ t[5][(low >> 16) & 0xff] ^
+              t[4][low >> 24] ^ t[3][p[4]] ^ t[2][p[5]] ^ t[1][p[6]] ^ t[0][p[7]];
+    }
+    for (; size > 0; --size, ++p) {
+        crc = t[0][(crc ^ *p) & 0xff] ^ (crc >> 8);
+    }
+    return ~crc;
+}
+
+bool ZstdBuiltIn() {
+#ifdef SLOT_WITH_ZSTD
+    return true;
+#else
+    return false;
+#endif
+}
+
+// ---- writing ----
+
+Writer::Writer(const std::string& path, const Options& options) : path_(path), options_(options) {
+#ifndef SLOT_WITH_ZSTD
+    if (options_.zstd) {
+        throw Error("compression zstd is not built in (this slotctl was built without libzstd)");
+    }
+#endif
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd_ < 0) {
+        throw Error(SystemError("cannot create", path));
+    }
+    out_.append(Magic, sizeof(Magic));
+    std::string header;
+    PutString(header, "");  // profile: none
+    PutString(header, options_.library);
+    Record(OpHeader, header);
+    dataCrc_ = Crc32(0, out_.data(), out_.size());
+    WriteOut();
+}
+
+Writer::~Writer() {
+    if (fd_ >= 0) {
+        try {
+            WriteOut();
+        } catch (const Error&) {
+        }
+        ::close(fd_);
+    }
+}
+
+void Writer::Record(std::uint8_t opcode, const std::string& content) {
+    Put8(out_, opcode);
+    Put64(out_, content.size());
+    out_ += content;
+}
+
+void Writer::WriteOut(const char* extra, size_t extraSize) {
+    // What is buffered, then `extra`, each byte once, whatever the system takes per call.
+    size_t done = 0;
+    const size_t total = out_.size() + extraSize;
+    while (done < total) {
+        iovec parts[2];
+        int count = 0;
+        if (done < out_.size()) {
+            parts[count++] = iovec{&out_[done], out_.size() - done};
+        }
+        const size_t extraDone = done > out_.size() ? done - out_.size() : 0;
+        if (extraSize > extraDone) {
+            parts[count++] = iovec{const_cast<char*>(extra) + extraDone, extraSize - extraDone};
+        }
+        const ssize_t n = ::writev(fd_, parts, count);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            // The file is unusable from here on; nothing more is written to it.
+            written_ += done;
+            out_.clear();
+            throw Error(SystemError("cannot write", path_));
+        }
+        done += static_cast<size_t>(n);
+    }
+    written_ += done;
+    out_.clear();
+}
+
+std::uint16_t Writer::AddChannel(const std::string& topic, const std::string& encoding,
+                                 const std::map<std::string, std::string>& metadata) {
+    Channel channel;
+    channel.id = static_cast<std::uint16_t>(channels_.size() + 1);
+    channel.topic = topic;
+    channel.encoding = encoding;
+    channel.metadata = metadata;
+    channels_.push_back(channel);
+    std::string content;
+    Put16(content, channel.id);
+    Put16(content, 0);  // no schema
+    PutString(content, topic);
+    PutString(content, encoding);
+    std::string map;
+    for (const auto& item : metadata) {
+        PutString(map, item.first);
+        PutString(map, item.second);
+    }
+    PutString(content, map);
+    const size_t before = out_.size();
+    Record(OpChannel, content);
+    dataCrc_ = Crc32(dataCrc_, out_.data() + before, out_.size() - before);
+    return channel.id;
+}
+
+void Writer::Add(const Message& message) {
+    std::string head;
+    Put8(head, OpMessage);
+    Put64(head, 2 + 4 + 8 + 8 + message.size);
+    Put16(head, message.channel);
+    Put32(head, message.sequence);
+    Put64(head, message.logTime);
+    Put64(head, message.publishTime);
+    if (messages_ == 0 || message.logTime < firstTime_) {
+        firstTime_ = message.logTime;
+    }
+    lastTime_ = std::max(lastTime_, message.logTime);
+    ++messages_;
+    ++counts_[message.channel];
+    if (!options_.zstd) {
+        dataCrc_ = Crc32(dataCrc_, head.data(), head.size());
+        dataCrc_ = Crc32(dataCrc_, message.data, message.size);
+        out_ += head;
+        if (message.size >= 16384) {
+            WriteOut(message.data, message.size);  // a large block goes out without a copy
+        } else {
+            out_.append(message.data, message.size);
+            if (out_.size() >= (1u << 20)) {
+                WriteOut();
+            }
+        }
+        return;
+    }
+    if (chunk_.empty()) {
+        chunkStart_ = message.logTime;
+        chunkEnd_ = message.logTime;
+        chunkOpened_ = message.logTime;
+    }
+    chunkStart_ = std::min(chunkStart_, message.logTime);
+    chunkEnd_ = std::max(chunkEnd_, message.logTime);
+    chunkIndex_[message.channel].emplace_back(message.logTime, chunk_.size());
+    chunk_ += head;
+    chunk_.append(message.data, message.size);
+    if (chunk_.size() >= options_.chunkSize) {
+        CloseChunk();
+        WriteOut();
+    }
+}
+
+void Writer::CloseChunk() {
+    if (chunk_.empty()) {
+        return;
+    }
+#ifdef SLOT_WITH_ZSTD
+    std::string packed(ZSTD_compressBound(chunk_.size()), '\0');
+    const size_t size = ZSTD_compress(&packed[0], packed.size(), chunk_.data(), chunk_.size(), 1);
+    if (ZSTD_isError(size)) {
+        throw Error(std::string("cannot compress a chunk: ") + ZSTD_getErrorName(size));
+    }
+    packed.resize(size);
+#else
+    const std::string& packed = chunk_;
+#endif
+    ChunkIndex index;
+    index.start = chunkStart_;
+    index.end = chunkEnd_;
+    index.offset = Size();
+    index.compressed = packed.size();
+    index.uncompressed = chunk_.size();
+    std::string content;
+    Put64(content, chunkStart_);
+    Put64(content, chunkEnd_);
+    Put64(content, chunk_.size());
+    Put32(content, Crc32(0, chunk_.data(), chunk_.size()));
+    PutString(content, "zstd");
+    Put64(content, packed.size());
+    const size_t before = out_.size();
+    Put8(out_, OpChunk);
+    Put64(out_, content.size() + packed.size());
+    out_ += content;
+    out_ += packed;
+    index.length = out_.size() - before;
+    const std::uint64_t indexesAt = Size();
+    for (const auto& channel : chunkIndex_) {
+        index.indexOffsets[channel.first] = Size();
+        std::string entries;
+        for (const auto& entry : channel.second) {
+            Put64(entries, entry.first);
+            Put64(entries, entry.second);
+        }
+        std::string record;
+        Put16(record, channel.first);
+        PutString(record, entries);
+        Record(OpMessageIndex, record);
+    }
+    index.indexLength = Size() - indexesAt;
+    dataCrc_ = Crc32(dataCrc_, out_.data() + before, out_.size() - before);
+    chunks_.push_back(index);
+    chunk_.clear();
+    chunkIndex_.clear();
+}
+
+void Writer::Flush(std::uint64_t nowNs) {
+    if (!chunk_.empty() && nowNs - chunkOpened_ >= options_.chunkAgeNs) {
+        CloseChunk();
+    }
+    WriteOut();
+}
+
+void Writer::Close() {
+    if (fd_ < 0) {
+        return;
+    }
+    CloseChunk();
+    std::string dataEnd;
+    Put32(dataEnd, dataCrc_);
+    Record(OpDataEnd, dataEnd);
+    WriteOut();
+    // From here on out_ holds the summary, the summary offsets and the footer, whose CRC
+    // covers all of them up to the CRC itself.
+    const std::uint64_t summaryStart = Size();
+    struct Group {
+        std::uint8_t opcode;
+        std::uint64_t start, length;
+    };
+    std::vector<Group> groups;
+    auto group = [&](std::uint8_t opcode, std::uint64_t start) {
+        if (Size() > start) {
+            groups.push_back(Group{opcode, start, Size() - start});
+        }
+    };
+    std::uint64_t start = Size();
+    for (const Channel& channel : channels_) {
+        std::string content;
+        Put16(content, channel.id);
+        Put16(content, 0);
+        PutString(content, channel.topic);
+        PutString(content, channel.encoding);
+        std::string map;
+        for (const auto& item : channel.metadata) {
+            PutString(map, item.first);
+            PutString(map, item.second);
+        }
+        PutString(content, map);
+        Record(OpChannel, content);
+    }
+    group(OpChannel, start);
+    start = Size();
+    std::string stats;
+    Put64(stats, messages_);
+    Put16(stats, 0);  // schemas
+    Put32(stats, static_cast<std::uint32_t>(channels_.size()));
+    Put32(stats, 0);  // attachments
+    Put32(stats, 0);  // metadata
+    Put32(stats, static_cast<std::uint32_t>(chunks_.size()));
+    Put64(stats, firstTime_);
+    Put64(stats, lastTime_);
+    std::string counts;
+    for (const auto& count : counts_) {
+        Put16(counts, count.first);
+        Put64(counts, count.second);
+    }
+    PutString(stats, counts);
+    Record(OpStatistics, stats);
+    group(OpStatistics, start);
+    start = Size();
+    for (const ChunkIndex& chunk : chunks_) {
+        std::string content;
+        Put64(content, chunk.start);
+        Put64(content, chunk.end);
+        Put64(content, chunk.offset);
+        Put64(content, chunk.length);
+        std::string offsets;
+        for (const auto& offset : chunk.indexOffsets) {
+            Put16(offsets, offset.first);
+            Put64(offsets, offset.second);
+        }
+        PutString(content, offsets);
+        Put64(content, chunk.indexLength);
+        PutString(content, "zstd");
+        Put64(content, chunk.compressed);
+        Put64(content, chunk.uncompressed);
+        Record(OpChunkIndex, content);
+    }
+    group(OpChunkIndex, start);
+    const std::uint64_t summaryOffsetStart = Size();
+    for (const Group& g : groups) {
+        std::string content;
+        Put8(content, g.opcode);
+        Put64(content, g.start);
+        Put64(content, g.length);
+        Record(OpSummaryOffset, content);
+    }
+    Put8(out_, OpFooter);
+    Put64(out_, 20);
+    Put64(out_, summaryStart);
+    Put64(out_, summaryOffsetStart);
+    Put32(out_, Crc32(0, out_.data(), out_.size()));
+    out_.append(Magic, sizeof(Magic));
+    WriteOut();
+    const int fd = fd_;
+    fd_ = -1;
+    if (::close(fd) != 0) {
+        throw Error(SystemError("cannot write", path_));
+    }
+}
+
+// ---- reading ----
+
+namespace {
+
+class File {
+public:
+    explicit File(const std::string& path) : path_(path) {
+        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd_ < 0) {
+            throw Error(SystemError("cannot open", path));
+        }
+        struct stat st {};
+        if (::fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) {
+            ::close(fd_);
+            throw Error("cannot read " + path + ": not a regular file");
+        }
+        size_ = static_cast<std::uint64_t>(st.st_size);
+    }
+    ~File() { ::close(fd_); }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    std::uint64_t Size() const { return size_; }
+    // `size` bytes at `offset`, which the caller has checked against Size().
+    std::string At(std::uint64_t offset, std::uint64_t size) const {
+        std::string bytes(static_cast<size_t>(size), '\0');
+        size_t done = 0;
+        while (done < bytes.size()) {
+            const ssize_t n =
+                ::pread(fd_, &bytes[done], bytes.size() - done, static_cast<off_t>(offset + done));
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                throw Error(SystemError("cannot read", path_));
+            }
+            done += static_cast<size_t>(n);
+        }
+        return bytes;
+    }
+
+private:
+    std::string path_;
+    int fd_ = -1;
+    std::uint64_t size_ = 0;
+};
+
+// Unpacks a zstd chunk of `expected` bytes; false, with the reason, on any mismatch. The
+// output grows with what really comes out, so a false size allocates nothing.
+bool Unzstd(const char* data, size_t size, std::uint64_t expected, std::string& out,
+            std::string& problem) {
+#ifdef SLOT_WITH_ZSTD
+    ZSTD_DStream* stream = ZSTD_createDStream();
+    if (stream == nullptr) {
+        problem = "cannot make a zstd decompressor";
+        return false;
+    }
+    ZSTD_inBuffer in{data, size, 0};
+    std::string block(ZSTD_DStreamOutSize(), '\0');
+    size_t last = 1;
+    bool ok = true;
+    while (ok && in.pos < in.size) {
+        ZSTD_outBuffer o{&block[0], block.size(), 0};
+        last = ZSTD_decompressStream(stream, &o, &in);
+        if (ZSTD_isError(last)) {
+            problem = std::string("a chunk does not unpack: ") + ZSTD_getErrorName(last);
+            ok = false;
+        } else if (out.size() + o.pos > expected) {
+            problem = "a chunk unpacks to more than its declared size";
+            ok = false;
+        } else {
+            out.append(block.data(), o.pos);
+        }
+    }
+    // Output the decompressor still holds.
+    while (ok && last != 0) {
+        ZSTD_outBuffer o{&block[0], block.size(), 0};
+        last = ZSTD_decompressStream(stream, &o, &in);
+        if (ZSTD_isError(last) || o.pos == 0) {
+            problem = "a chunk's compressed data ends early";
+            ok = false;
+        } else if (out.size() + o.pos > expected) {
+            problem = "a chunk unpacks to more than its declared size";
+            ok = false;
+        } else {
+            out.append(block.data(), o.pos);
+        }
+    }
+    ZSTD_freeDStream(stream);
+    if (ok && out.size() != expected) {
+        problem = "a chunk unpacks to " + std::to_string(out.size()) + " bytes, not the " +
+                  std::to_string(expected) + " it declares";
+        ok = false;
+    }
+    return ok;
+#else
+    (void)data;
+    (void)size;
+    (void)expected;
+    (void)out;
+    problem = "the file has zstd chunks, and compression zstd is not built in";
+    return false;
+#endif
+}
+
+class Parser {
+public:
+    Parser(ReadResult& result, const std::function<bool(const Message&, const Channel&)>& cb)
+        : result_(result), onMessage_(cb) {}
+
+    // Handles one record of the data section (or of a chunk). False to stop: the caller's
+    // wish, or a problem (then result_.problem is set).
+    bool Handle(std::uint8_t opcode, const char* data, size_t size, bool inChunk) {
+        Cursor c(data, size);
+        switch (opcode) {
+            case OpHeader: {
+                c.String();  // profile
+                result_.library = c.String();
+                return Check(c, "header");
+            }
+            case OpChannel: {
+                Channel channel;
+                channel.id = c.U16();
+                c.U16();  // schema
+                channel.topic = c.String();
+                channel.encoding = c.String();
+                channel.metadata = c.StringMap();
+                if (!Check(c, "channel")) {
+                    return false;
+                }
+                auto known =
+                    std::find_if(result_.channels.begin(), result_.channels.end(),
+                                 [&](const Channel& other) { return other.id == channel.id; });
+                if (known == result_.channels.end()) {
+                    result_.channels.push_back(channel);
+                }
+                return true;
+            }
+            case OpMessage: {
+                Message message;
+                message.channel = c.U16();
+                message.sequence = c.U32();
+                message.logTime = c.U64();
+                message.publishTime = c.U64();
+                if (!Check(c, "message")) {
+                    return false;
+                }
+                message.data = c.Here();
+                message.size = c.Left();
+                auto channel =
+                    std::find_if(result_.channels.begin(), result_.channels.end(),
+                                 [&](const Channel& other) { return other.id == message.channel; });
+                if (channel == result_.channels.end()) {
+                    return Fail("a message of channel " + std::to_string(message.channel) +
+                                " comes before that channel");
+                }
+                ++result_.messages;
+                return onMessage_ ? onMessage_(message, *channel) : true;
+            }
+            case OpChunk: {
+                if (inChunk) {
+                    return Fail("a chunk inside a chunk");
+                }
+                c.U64();
+                c.U64();
+                const std::uint64_t uncompressed = c.U64();
+                const std::uint32_t crc = c.U32();
+                const std::string compression = c.String();
+                const std::uint64_t recordsSize = c.U64();
+                const char* records = c.Bytes(recordsSize);
+                if (!Check(c, "chunk") || records == nullptr) {
+                    return Fail("a chunk's records run past its end");
+                }
+                if (uncompressed > MaxChunkSize) {
+                    return Fail("a chunk declares " + std::to_string(uncompressed) +
+                                " bytes, more than 1 GiB");
+                }
+                std::string unpacked;
+                const char* plain = records;
+                size_t plainSize = static_cast<size_t>(recordsSize);
+                if (compression == "zstd") {
+                    std::string problem;
+                    if (!Unzstd(records, plainSize, uncompressed, unpacked, problem)) {
+                        return Fail(problem);
+                    }
+                    plain = unpacked.data();
+                    plainSize = unpacked.size();
+                } else if (!compression.empty()) {
+                    return Fail("chunks compressed with '" + compression +
+                                "' cannot be read (zstd and uncompressed can)");
+                } else if (recordsSize != uncompressed) {
+                    return Fail("an uncompressed chunk's size does not match its records");
+                }
+                if (crc != 0 && Crc32(0, plain, plainSize) != crc) {
+                    return Fail("a chunk's CRC does not match its contents");
+                }
+                ++result_.chunks;
+                Cursor inner(plain, plainSize);
+                while (inner.Left() > 0) {
+                    const std::uint8_t op = inner.U8();
+                    const std::uint64_t length = inner.U64();
+                    const char* content = inner.Bytes(length);
+                    if (!inner.ok() || content == nullptr) {
+                        return Fail("a record inside a chunk runs past the chunk's end");
+                    }
+                    if (!Handle(op, content, static_cast<size_t>(length), true)) {
+                        return false;
+                    }
+                }
+                return true;
+            }
+            default:
+                return true;  // indexes, attachments, metadata, records this reader ignores
+        }
+    }
+
+    bool Fail(const std::string& problem) {
+        result_.problem = problem;
+        return false;
+    }
+
+private:
+    bool Check(const Cursor& c, const char* what) {
+        return c.ok() || Fail(std::string("a ") + what + " record is shorter than its fields");
+    }
+
+    ReadResult& result_;
+    const std::function<bool(const Message&, const Channel&)>& onMessage_;
+};
+
+// Checks what follows the data-end record: summary records within bounds, footer, CRC, magic.
+std::string CheckTail(const File& file, std::uint64_t summaryFrom) {
+    const std::uint64_t size = file.Size();
+    if (size < summaryFrom + FooterRecord + sizeof(Magic)) {
+        return "the file ends before its footer";
+    }
+    const std::uint64_t footerAt = size - FooterRecord - sizeof(Magic);
+    const std::string tail = file.At(footerAt, FooterRecord + sizeof(Magic));
+    if (std::memcmp(tail.data() + FooterRecord, Magic, sizeof(Magic)) != 0) {
+        return "the file does not end with the MCAP magic";
+    }
+    Cursor footer(tail.data(), FooterRecord);
+    const std::uint8_t opcode = footer.U8();
+    const std::uint64_t length = footer.U64();
+    const std::uint64_t summaryStart = footer.U64();
+    const std::uint64_t summaryOffsetStart = footer.U64();
+    const std::uint32_t crc = footer.U32();
+    if (opcode != OpFooter || length != 20) {
+        return "the footer is malformed";
+    }
+    if (summaryStart == 0) {
+        return "";
+    }
+    if (summaryStart != summaryFrom ||
+        (summaryOffsetStart != 0 &&
+         (summaryOffsetStart < summaryStart || summaryOffsetStart > footerAt))) {
+        return "the footer's summary offsets point outside the summary";
+    }
+    const std::string summary = file.At(summaryStart, footerAt - summaryStart);
+    Cursor records(summary.data(), summary.size());
+    while (records.Left() > 0) {
+        records.U8();
+        const std::uint64_t n = records.U64();
+        if (records.Bytes(n) == nullptr || !records.ok()) {
+            return "a summary record runs past the footer";
+        }
+    }
+    if (crc != 0) {
+        std::uint32_t actual = Crc32(0, summary.data(), summary.size());
+        actual = Crc32(actual, tail.data(), FooterRecord - 4);
+        if (actual != crc) {
+            return "the summary's CRC does not match";
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+ReadResult Read(const std::string& path,
+                const std::function<bool(const Message&, const Channel&)>& onMessage) {
+    File file(path);
+    ReadResult result;
+    Parser parser(result, onMessage);
+    const std::uint64_t size = file.Size();
+    if (size < sizeof(Magic) || std::memcmp(file.At(0, sizeof(Magic)).data(), Magic, 8) != 0) {
+        result.problem = "not an MCAP file (it does not start with the MCAP magic)";
+        return result;
+    }
+    std::uint32_t crc = Crc32(0, Magic, sizeof(Magic));
+    std::uint64_t offset = sizeof(Magic);
+    bool first = true;
+    for (;;) {
+        result.problemOffset = offset;
+        if (size - offset < RecordHead) {
+            result.cutShort = true;
+            result.problem = offset == size ? "the file ends without its summary"
+                                            : "the file ends inside a record";
+            return result;
+        }
+        const std::string head = file.At(offset, RecordHead);
+        Cursor c(head.data(), head.size());
+        const std::uint8_t opcode = c.U8();
+        const std::uint64_t length = c.U64();
+        if (first && opcode != OpHeader) {
+            result.problem = "the file does not begin with a header record";
+            return result;
+        }
+        first = false;
+        if (length > std::uint64_t(SIZE_MAX / 2)) {
+            result.problem = "a record of " + std::to_string(length) +
+                             " bytes, more than this build can hold";
+            return result;
+        }
+        if (length > size - offset - RecordHead) {
+            result.cutShort = true;
+            result.problem =
+                "the file ends inside a record of " + std::to_string(length) + " bytes";
+            return result;
+        }
+        if (opcode == OpDataEnd) {
+            const std::string content = file.At(offset + RecordHead, length);
+            Cursor end(content.data(), content.size());
+            const std::uint32_t declared = end.U32();
+            if (!end.ok()) {
+                result.problem = "the data-end record is shorter than its fields";
+                return result;
+            }
+            if (declared != 0 && declared != crc) {
+                result.problem = "the data section's CRC does not match";
+                return result;
+            }
+            result.problem = CheckTail(file, offset + RecordHead + length);
+            result.complete = result.problem.empty();
+            // A file torn inside its summary (the recorder killed while closing it) lacks the
+            // closing magic: every block was read, and it is cut short, not damaged.
+            result.cutShort = !result.complete &&
+                              (size < sizeof(Magic) ||
+                               std::memcmp(file.At(size - sizeof(Magic), sizeof(Magic)).data(),
+                                           Magic, sizeof(Magic)) != 0);
+            result.problemOffset = offset;
+            return result;
+        }
+        if (opcode == OpFooter) {
+            result.problem = "a footer without a data-end record";
+            return result;
+        }
+        const std::string content = file.At(offset + RecordHead, length);
+        crc = Crc32(crc, head.data(), head.size());
+        crc = Crc32(crc, content.data(), content.size());
+        if (!parser.Handle(opcode, content.data(), content.size(), false)) {
+            // Stopped by the caller: no problem.
+            return result;
+        }
+        offset += RecordHead + length;
+    }
+}
+
+}  // namespace mcap
