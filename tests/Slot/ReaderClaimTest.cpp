@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A reliable slot has one reader on the machine, whatever its flavour; the claim ends with the
-// reader or its process: forked children, destruction, refused readers and death, each seen
-// from other real processes.
+// reader: forked children, destruction, refused readers and other threads, each seen from
+// other real processes. That the lock file's claim ends with its process is FileLock's own.
 #include "ChildProcess.h"
 #include "LogCapture.h"
 #include "Readers.h"
@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <memory>
 #include <thread>
 
@@ -97,29 +96,6 @@ TEST(ReaderClaim, OnePerMachineWhateverTheFlavour) {
         reader.reset();
         EXPECT_NO_THROW(testsupport::MakeReader(flavour, cfg));
     }
-}
-
-TEST(ReaderClaim, HoldersDeathReleasesIt) {
-    ScopedSlotName name("claimdeath");
-    PipeSignal claimed, stop;
-    ChildProcess holder([&] {
-        ReliableSlotReader reader(Reliable(name), Update);
-        // Also a grandchild that outlives the holder.
-        ChildProcess forked([&] {
-            stop.WaitFor(std::chrono::seconds(30));
-            return 0;
-        });
-        claimed.Post();
-        stop.WaitFor(std::chrono::seconds(30));
-        return 0;
-    });
-    ASSERT_TRUE(claimed.WaitFor());
-    boost::shared_ptr<ISlot> slot = Reliable(name);
-    EXPECT_THROW(ReliableSlotReader(slot, Update), AbortSlotCreationException);
-    holder.Kill(SIGKILL);
-    EXPECT_EQ(SIGKILL, holder.Wait().signal);
-    EXPECT_NO_THROW(ReliableSlotReader(slot, Update));
-    stop.Post();
 }
 
 // The claim may be released on another thread than the one that took it (a host that hands its

@@ -51,14 +51,12 @@ void ExpectOneErrorLine(const Outcome& run, int status, const std::string& part)
 
 TEST(SlotctlErrors, BadNamesTypesAndOptionsGiveOneLineAndStatus2) {
     ScopedSlotName name("bad");
-    const std::string tooLong(250, 'n');
     const struct {
         std::vector<std::string> args;
         std::string message;
     } cases[] = {
+        // Which names are refused is the name rule's own test: here each command's wiring.
         {{"info", "a/b"}, "invalid slot name 'a/b'"},
-        {{"info", ""}, "invalid slot name ''"},
-        {{"info", tooLong}, "invalid slot name"},
         {{"read", ".."}, "invalid slot name '..'"},
         {{"rm", name.str(), "x/y"}, "invalid slot name 'x/y'"},
         {{"write", "a/b", "data"}, "invalid slot name 'a/b'"},
