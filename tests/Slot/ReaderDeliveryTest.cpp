@@ -42,6 +42,7 @@ namespace pt = boost::posix_time;
 using testsupport::ChildProcess;
 using testsupport::ChildResult;
 using testsupport::Collector;
+using testsupport::EveryBlockReader;
 using testsupport::FakeSlot;
 using testsupport::Flavour;
 using testsupport::LogCapture;
@@ -373,14 +374,6 @@ TEST(FactoryReader, FirstSubscriberOfAPipeGetsWhatWasWrittenBefore) {
 }
 
 // ---- the writer and the reader thread on a fake slot ----
-
-// Delivers every block; stops its thread like the concrete readers do.
-class EveryBlockReader : public BaseSlotReader {
-public:
-    using BaseSlotReader::BaseSlotReader;
-    ~EveryBlockReader() override { StopThread(); }
-    bool DataInSlotIsActual() override { return slot_->GetBufferLength() != 0; }
-};
 
 boost::shared_ptr<IBaseSlot> Unowned(FakeSlot& slot) {
     return boost::shared_ptr<IBaseSlot>(&slot, [](IBaseSlot*) {});

@@ -30,6 +30,7 @@ namespace {
 
 namespace pt = boost::posix_time;
 using testsupport::Collector;
+using testsupport::EveryBlockReader;
 using testsupport::FakeSlot;
 using testsupport::Flavour;
 using testsupport::LogCapture;
@@ -74,14 +75,6 @@ TEST(SpinningReader, RefusesBadBudgets) {
 }
 
 // ---- the thread, on a fake slot ----
-
-// Delivers every block; stops its thread like the concrete readers do.
-class EveryBlockReader : public BaseSlotReader {
-public:
-    using BaseSlotReader::BaseSlotReader;
-    ~EveryBlockReader() override { StopThread(); }
-    bool DataInSlotIsActual() override { return slot_->GetBufferLength() != 0; }
-};
 
 TEST(BaseSlotReader, InitReturnsAfterOneUpdateTimeAndDestructionWithinAboutOne) {
     boost::shared_ptr<FakeSlot> slot(new FakeSlot);
