@@ -2,10 +2,6 @@
 #pragma once
 
 #include <Slot/IFileOutputCfg.h>
-#include <shared/ISubscriber.h>
-
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
 
 #include <unistd.h>
 #include <fstream>
@@ -40,45 +36,6 @@ private:
     bool rotate_;
     size_t maxSize_;
     unsigned int maxFileIndex_;
-};
-
-// Collects every notified byte, in order, and the names notified under.
-class Collector : public shared::ISubscriber {
-public:
-    void onNotify(const std::string& name, const void* data, size_t size) override {
-        boost::mutex::scoped_lock lock(mutex_);
-        bytes_.append(static_cast<const char*>(data), size);
-        names_.insert(name);
-        changed_.notify_all();
-    }
-
-    // True when at least `size` bytes have come within 20 s.
-    bool WaitForSize(size_t size) {
-        boost::mutex::scoped_lock lock(mutex_);
-        const boost::system_time deadline =
-            boost::get_system_time() + boost::posix_time::seconds(20);
-        while (bytes_.size() < size) {
-            if (!changed_.timed_wait(lock, deadline)) {
-                return bytes_.size() >= size;
-            }
-        }
-        return true;
-    }
-
-    std::string Bytes() const {
-        boost::mutex::scoped_lock lock(mutex_);
-        return bytes_;
-    }
-    std::set<std::string> Names() const {
-        boost::mutex::scoped_lock lock(mutex_);
-        return names_;
-    }
-
-private:
-    mutable boost::mutex mutex_;
-    boost::condition_variable changed_;
-    std::string bytes_;            // guarded by mutex_
-    std::set<std::string> names_;  // guarded by mutex_
 };
 
 // Reproducible bytes that reveal loss, duplication and reordering: every position differs

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ChildProcess.h"
+#include "Collector.h"
 #include "FileTestSupport.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
@@ -79,16 +80,16 @@ TEST(PosixPipe, BytesFromAnotherProcessArriveUnchangedAndInOrder) {
     });
 
     testsupport::LogCapture readerLog("Slot.Reader");
-    filetest::Collector collector;
+    testsupport::Collector collector;
     {
         FileUtils::PosixFileReader reader(fifo.path, 1000, milliseconds(50));
         reader.subscribe(&collector);
         readerReady.Post();
         const testsupport::ChildResult result = writer.Wait();
         EXPECT_TRUE(result.Ok()) << result.Describe();
-        EXPECT_TRUE(collector.WaitForSize(total));
+        EXPECT_TRUE(collector.WaitForBytes(total));
     }
-    EXPECT_EQ(filetest::Pattern(total, 7), collector.Bytes());
+    EXPECT_EQ(filetest::Pattern(total, 7), collector.Stream());
     EXPECT_EQ(std::set<std::string>{fifo.name}, collector.Names());
     EXPECT_TRUE(readerLog.Messages("ERROR").empty());
     EXPECT_EQ(1u, readerLog.Count("DEBUG", "Reader thread started for '" + fifo.path + "'"));
@@ -144,16 +145,16 @@ TEST(PosixPipe, BlocksWrittenBeforeTheReaderOpensReachIt) {
         return log.Messages("WARN").empty() ? 0 : 3;
     });
     ASSERT_TRUE(written.WaitFor());
-    filetest::Collector collector;
+    testsupport::Collector collector;
     {
         FileUtils::PosixFileReader reader(fifo.path, 4096, milliseconds(50));
         reader.subscribe(&collector);
-        EXPECT_TRUE(collector.WaitForSize(bytes.size()));
+        EXPECT_TRUE(collector.WaitForBytes(bytes.size()));
     }
     read.Post();
     const testsupport::ChildResult result = writer.Wait();
     EXPECT_TRUE(result.Ok()) << result.Describe();
-    EXPECT_EQ(bytes, collector.Bytes());
+    EXPECT_EQ(bytes, collector.Stream());
 }
 
 TEST(PosixPipe, ReaderGoesOnWithTheNextWriterAfterOneHasGone) {
@@ -169,19 +170,19 @@ TEST(PosixPipe, ReaderGoesOnWithTheNextWriterAfterOneHasGone) {
         [&] { return go2.WaitFor() ? WriteStream(fifo.path, second, 2) : 2; });
 
     testsupport::LogCapture readerLog("Slot.Reader");
-    filetest::Collector collector;
+    testsupport::Collector collector;
     FileUtils::PosixFileReader reader(fifo.path, 512, milliseconds(50));
     reader.subscribe(&collector);
     go1.Post();
     testsupport::ChildResult result = writer1.Wait();
     EXPECT_TRUE(result.Ok()) << result.Describe();
-    ASSERT_TRUE(collector.WaitForSize(first));
+    ASSERT_TRUE(collector.WaitForBytes(first));
     // The first writer has closed its end; the reader must not have taken that as an end.
     go2.Post();
     result = writer2.Wait();
     EXPECT_TRUE(result.Ok()) << result.Describe();
-    ASSERT_TRUE(collector.WaitForSize(first + second));
-    EXPECT_EQ(filetest::Pattern(first, 1) + filetest::Pattern(second, 2), collector.Bytes());
+    ASSERT_TRUE(collector.WaitForBytes(first + second));
+    EXPECT_EQ(filetest::Pattern(first, 1) + filetest::Pattern(second, 2), collector.Stream());
     EXPECT_TRUE(readerLog.Messages("ERROR").empty());
 }
 
@@ -191,16 +192,16 @@ TEST(PosixPipe, ReaderKeepsWaitingBytesForItsFirstSubscriberAndStopsPromptly) {
     const std::string bytes = filetest::Pattern(3000, 5);
     PipeWriter w(fifo.path);
     w.Write(bytes);
-    filetest::Collector collector;
+    testsupport::Collector collector;
     const auto start = std::chrono::steady_clock::now();
     {
         // A long period: stopping must not wait for it.
         FileUtils::PosixFileReader reader(fifo.path, 100, seconds(60));
         reader.subscribe(&collector);
-        EXPECT_TRUE(collector.WaitForSize(bytes.size()));
+        EXPECT_TRUE(collector.WaitForBytes(bytes.size()));
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
-    EXPECT_EQ(bytes, collector.Bytes());
+    EXPECT_EQ(bytes, collector.Stream());
 }
 
 // Every byte waiting in the pipe at `path` now, read through a descriptor of our own.
@@ -316,10 +317,10 @@ TEST(PosixPipe, ReaderReadsNothingAfterItsLastSubscriberLeft) {
     PipeWriter w(fifo.path);
     FileUtils::PosixFileReader reader(fifo.path, 1000, milliseconds(10));
     for (int round = 0; round < 2; ++round) {
-        filetest::Collector first;
+        testsupport::Collector first;
         reader.subscribe(&first);
         w.Write("hello");
-        ASSERT_TRUE(first.WaitForSize(5));
+        ASSERT_TRUE(first.WaitForBytes(5));
         if (round == 0) {
             reader.unsubscribe(&first);
         } else {
@@ -329,11 +330,11 @@ TEST(PosixPipe, ReaderReadsNothingAfterItsLastSubscriberLeft) {
         w.Write(waiting);
         // Time for several reader cycles; only shows that nothing is taken meanwhile.
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        filetest::Collector next;
+        testsupport::Collector next;
         reader.subscribe(&next);
-        EXPECT_TRUE(next.WaitForSize(waiting.size()));
-        EXPECT_EQ(waiting, next.Bytes());
-        EXPECT_EQ("hello", first.Bytes());
+        EXPECT_TRUE(next.WaitForBytes(waiting.size()));
+        EXPECT_EQ(waiting, next.Stream());
+        EXPECT_EQ("hello", first.Stream());
         reader.unsubscribe(&next);
     }
 }

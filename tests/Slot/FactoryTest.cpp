@@ -50,6 +50,22 @@ bool ProcessHasOpen(const std::string& path) {
     return false;
 }
 
+// Both factory operations refuse the pipe slot `cfg`, naming its path.
+void ExpectPipeRefused(const SimpleSlotCfg& cfg, const std::string& path) {
+    for (int op = 0; op < 2; ++op) {
+        try {
+            if (op == 0) {
+                SlotFactory::CreateSlotReader(&cfg);
+            } else {
+                SlotFactory::CreateSlotWriter(&cfg);
+            }
+            ADD_FAILURE() << "'" << cfg.GetName() << "' was accepted";
+        } catch (const AbortSlotCreationException& e) {
+            EXPECT_EQ("Failed to create named pipe " + path, std::string(e.what()));
+        }
+    }
+}
+
 // INFO messages of the factory's own logger (its children, the readers, log "Initialized").
 std::vector<std::string> FactoryMessages(const LogCapture& log) {
     std::vector<std::string> out;
@@ -286,19 +302,21 @@ TEST(SlotFactory, PosixPipeGoesThroughTheFileSystemOnly) {
 
     // A directory in the way: the error names the path, not the bare slot name.
     ASSERT_EQ(0, ::mkdir(path.c_str(), 0700));
-    for (int op = 0; op < 2; ++op) {
-        try {
-            if (op == 0) {
-                SlotFactory::CreateSlotReader(&cfg);
-            } else {
-                SlotFactory::CreateSlotWriter(&cfg);
-            }
-            ADD_FAILURE() << "no exception";
-        } catch (const AbortSlotCreationException& e) {
-            EXPECT_EQ("Failed to create named pipe " + path, std::string(e.what()));
-        }
-    }
+    ExpectPipeRefused(cfg, path);
     ::rmdir(path.c_str());
+}
+
+// A posix-pipe name that does not stay in the pipe folder makes neither a reader nor a writer,
+// and no FIFO anywhere.
+TEST(SlotFactory, PosixPipeNamesThatLeaveThePipeFolderAreRefused) {
+    const std::string outside = testsupport::UniqueName("outside");
+    for (const std::string& name :
+         {"../" + outside, outside + "/b", std::string(), std::string("."), std::string("..")}) {
+        const std::string path = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
+        ExpectPipeRefused(Cfg(name, "posix-pipe"), path);
+        struct stat st;
+        EXPECT_NE(0, ::lstat(path.c_str(), &st)) << path << " was created";
+    }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <Slot/BoostInterprocess/BaseSlotReader.h>
 #include <Slot/ISlot.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -124,6 +125,14 @@ private:
     mutable boost::mutex dataMutex_;
     std::deque<std::string> blocks_;  // guarded by dataMutex_
     boost::posix_time::ptime lastWrite_{boost::posix_time::not_a_date_time};
+};
+
+// Reads a fake slot and delivers every block; stops its thread as the concrete readers do.
+class EveryBlockReader : public BaseSlotReader {
+public:
+    using BaseSlotReader::BaseSlotReader;
+    ~EveryBlockReader() override { StopThread(); }
+    bool DataInSlotIsActual() override { return slot_->GetBufferLength() != 0; }
 };
 
 }  // namespace testsupport

@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The claim of a reliable slot's reader ends with its process: forked children, destruction,
-// refused readers and death, each seen from other real processes.
+// A reliable slot has one reader on the machine, whatever its flavour; the claim ends with the
+// reader: forked children, destruction, refused readers and other threads, each seen from
+// other real processes. That the lock file's claim ends with its process is FileLock's own.
 #include "ChildProcess.h"
+#include "LogCapture.h"
+#include "Readers.h"
 #include "ShmHygiene.h"
 
 #include <Slot/AbortSlotCreationException.h>
-#include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <memory>
 #include <thread>
 
@@ -23,9 +24,10 @@ using testsupport::ScopedSlotName;
 
 const boost::posix_time::milliseconds Update(50);
 
+// The slot as the factory makes it, so that the factory's readers below share it.
 boost::shared_ptr<ISlot> Reliable(const std::string& name) {
-    return boost::shared_ptr<ISlot>(
-        new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), 64, 4));
+    const SimpleSlotCfg cfg = testsupport::ReaderCfg(name, "reliable");
+    return SlotFactory::CreateSlot(&cfg);
 }
 
 // Whether a reader of `name` can be made in a fresh process right now (1 yes, 0 refused with
@@ -64,37 +66,36 @@ TEST(ReaderClaim, ForkedChildNeverKeepsItAndDestructionReleasesItAtOnce) {
     EXPECT_TRUE(forked.Wait().Ok());
 }
 
-TEST(ReaderClaim, RefusedSecondReaderLeavesTheFirstOnesClaimIntact) {
-    ScopedSlotName name("claimtwice");
-    boost::shared_ptr<ISlot> slot = Reliable(name);
-    ReliableSlotReader first(slot, Update);
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_THROW(ReliableSlotReader(slot, Update), AbortSlotCreationException);
+// Both factory operations are refused with the same text while a reader of either flavour
+// lives, in this process (the refusals leave the first reader's claim intact) and in another;
+// the reader is announced with one line, and its destruction frees the name.
+TEST(ReaderClaim, OnePerMachineWhateverTheFlavour) {
+    for (const testsupport::Flavour flavour :
+         {testsupport::Flavour::Notifying, testsupport::Flavour::Spinning}) {
+        SCOPED_TRACE(testsupport::FlavourName(flavour));
+        ScopedSlotName name("claimone");
+        const SimpleSlotCfg cfg = testsupport::ReaderCfg(name, "reliable");
+        const std::string refusal =
+            "Cannot create non-unique reader for reliable slot '" + name.str() + "'";
+        testsupport::LogCapture log("Slot", log4cxx::Level::getInfo());
+        INotifierPtr reader = testsupport::MakeReader(flavour, cfg);
+        EXPECT_EQ(1u, log.Count("INFO", "Creating ReliableSlotReader for " + name.str()));
+        for (int attempt = 0; attempt < 4; ++attempt) {
+            try {
+                if (attempt % 2) {
+                    SlotFactory::CreateSpinningSlotReader(&cfg, boost::posix_time::milliseconds(1));
+                } else {
+                    SlotFactory::CreateSlotReader(&cfg);
+                }
+                ADD_FAILURE() << "a second reader was made";
+            } catch (const AbortSlotCreationException& e) {
+                EXPECT_EQ(refusal, e.what());
+            }
+        }
+        EXPECT_EQ(0, ClaimInAnotherProcess(name));
+        reader.reset();
+        EXPECT_NO_THROW(testsupport::MakeReader(flavour, cfg));
     }
-    EXPECT_EQ(0, ClaimInAnotherProcess(name)) << "the refused readers released the claim";
-}
-
-TEST(ReaderClaim, HoldersDeathReleasesIt) {
-    ScopedSlotName name("claimdeath");
-    PipeSignal claimed, stop;
-    ChildProcess holder([&] {
-        ReliableSlotReader reader(Reliable(name), Update);
-        // Also a grandchild that outlives the holder.
-        ChildProcess forked([&] {
-            stop.WaitFor(std::chrono::seconds(30));
-            return 0;
-        });
-        claimed.Post();
-        stop.WaitFor(std::chrono::seconds(30));
-        return 0;
-    });
-    ASSERT_TRUE(claimed.WaitFor());
-    boost::shared_ptr<ISlot> slot = Reliable(name);
-    EXPECT_THROW(ReliableSlotReader(slot, Update), AbortSlotCreationException);
-    holder.Kill(SIGKILL);
-    EXPECT_EQ(SIGKILL, holder.Wait().signal);
-    EXPECT_NO_THROW(ReliableSlotReader(slot, Update));
-    stop.Post();
 }
 
 // The claim may be released on another thread than the one that took it (a host that hands its

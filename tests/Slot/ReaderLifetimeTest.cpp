@@ -1,93 +1,163 @@
 // SPDX-License-Identifier: Apache-2.0
-// Readers from the factory: the first subscriber given at creation, and readers whose last
-// reference goes inside one of their own notifications.
+// A reader's life: what it refuses to be made with, its thread's start, errors and stop, and
+// a reader whose last reference goes inside one of its own notifications.
 #include "ChildProcess.h"
 #include "Collector.h"
+#include "Eventually.h"
+#include "FakeSlot.h"
+#include "LogCapture.h"
+#include "Readers.h"
 #include "ShmHygiene.h"
 
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/BoostInterprocess/DiscardingSlot.h>
+#include <Slot/BoostInterprocess/DiscardingSlotReader.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
-#include <Slot/SlotFactory.h>
-
-#include <FileUtils/NamedPipeCreator.h>
+#include <Slot/BoostInterprocess/ReliableSlotReader.h>
+#include <Slot/SlotWriter.h>
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <chrono>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
 
+namespace pt = boost::posix_time;
 using testsupport::Collector;
+using testsupport::EveryBlockReader;
+using testsupport::FakeSlot;
+using testsupport::Flavour;
+using testsupport::LogCapture;
+using testsupport::ReaderCfg;
 using testsupport::ScopedSlotName;
 
-// A discarding reader drops data older than its update time: generous for slow (sanitized) runs.
-SimpleSlotCfg Cfg(const std::string& name, const std::string& type) {
-    return SimpleSlotCfg(name, type, boost::posix_time::milliseconds(500), 4);
-}
+// ---- creation ----
 
-void Write(const SimpleSlotCfg& cfg, const std::string& bytes) {
-    SlotFactory::CreateSlotWriter(&cfg)->onNotify("", bytes.data(), bytes.size());
-}
-
-// Blocks waiting in a full reliable slot before its reader exists reach the subscriber given at
-// creation, oldest first, and the queue has room again for the writers.
-TEST(FactoryReader, FirstSubscriberGetsTheBlocksThatWereWaiting) {
-    ScopedSlotName name("first");
-    const SimpleSlotCfg cfg = Cfg(name, "reliable");
-    for (int i = 0; i < 4; ++i) {
-        Write(cfg, "waiting" + std::to_string(i));
+TEST(BaseSlotReader, RefusesUpdateTimesThatWouldHangOrSpin) {
+    ScopedSlotName name("badtime"), reliableName("badtime");
+    boost::shared_ptr<ISlot> slot(
+        new DiscardingSlot(boost::interprocess::open_or_create, name.c_str(), 256));
+    boost::shared_ptr<ISlot> reliable(
+        new ReliableSlot(boost::interprocess::open_or_create, reliableName.c_str(), 256, 4));
+    for (const pt::time_duration& t :
+         {pt::time_duration(pt::pos_infin), pt::time_duration(pt::not_a_date_time),
+          pt::time_duration(pt::milliseconds(-5))}) {
+        EXPECT_THROW(DiscardingSlotReader(slot, t), AbortSlotCreationException);
+        EXPECT_THROW(ReliableSlotReader(reliable, t), AbortSlotCreationException);
     }
-    boost::shared_ptr<Collector> collector(new Collector);
-    {
-        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, collector);
-        for (int i = 4; i < 8; ++i) {
-            ASSERT_TRUE(collector->WaitFor(static_cast<size_t>(i)));
-            Write(cfg, "later" + std::to_string(i));
+    EXPECT_NO_THROW(DiscardingSlotReader(slot, pt::time_duration()));
+}
+
+// A budget that is negative or infinite is refused with its own text before anything is made.
+TEST(SpinningReader, RefusesBadBudgets) {
+    ScopedSlotName name("spinbad");
+    const SimpleSlotCfg cfg = ReaderCfg(name, "reliable");
+    const std::string tail =
+        " of '" + name.str() + "': a spinning reader needs a finite budget of 0 or more";
+    const std::pair<pt::time_duration, std::string> cases[] = {
+        {pt::microseconds(-1), "-00:00:00.000001"},
+        {pt::time_duration(pt::pos_infin), "+infinity"}};
+    for (const auto& c : cases) {
+        try {
+            SlotFactory::CreateSpinningSlotReader(&cfg, c.first);
+            ADD_FAILURE() << c.second << " accepted";
+        } catch (const AbortSlotCreationException& e) {
+            EXPECT_EQ("Invalid spin budget " + c.second + tail, e.what());
         }
-        ASSERT_TRUE(collector->WaitFor(8));
-        EXPECT_EQ(2, collector.use_count()) << "the reader keeps a share of its first subscriber";
     }
-    EXPECT_EQ(1, collector.use_count()) << "and lets it go with the reader";
-    const std::vector<Collector::Block> blocks = collector->Blocks();
-    ASSERT_EQ(8u, blocks.size());
-    for (int i = 0; i < 8; ++i) {
-        EXPECT_EQ((i < 4 ? "waiting" : "later") + std::to_string(i), blocks[i].bytes);
-    }
+    EXPECT_TRUE(testsupport::LeftoverShmObjects().empty());
 }
 
-// The same for a named pipe: bytes written before the reader existed reach its first
-// subscriber.
-TEST(FactoryReader, FirstSubscriberOfAPipeGetsWhatWasWrittenBefore) {
-    ScopedSlotName name("firstpipe");
-    const SimpleSlotCfg cfg = Cfg(name, "posix-pipe");
-    struct Unlinker {
-        std::string path;
-        ~Unlinker() { ::unlink(path.c_str()); }
-    } unlinker{FileUtils::NamedPipeCreator::ConstructPipeFilename(name)};
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
-    writer->onNotify("", "early bytes", 11);
-    boost::shared_ptr<Collector> collector(new Collector);
-    // A pipe is a byte stream: the bytes may come in more than one notification.
-    const auto received = [&collector] {
-        std::string bytes;
-        for (const Collector::Block& b : collector->Blocks()) {
-            bytes += b.bytes;
-        }
-        return bytes;
+// ---- the thread, on a fake slot ----
+
+TEST(BaseSlotReader, InitReturnsAfterOneUpdateTimeAndDestructionWithinAboutOne) {
+    boost::shared_ptr<FakeSlot> slot(new FakeSlot);
+    auto reader = std::make_unique<EveryBlockReader>(slot, pt::milliseconds(300));
+    auto start = std::chrono::steady_clock::now();
+    reader->Init();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    start = std::chrono::steady_clock::now();
+    reader.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST(BaseSlotReader, InterprocessErrorEndsTheThreadForGood) {
+    boost::shared_ptr<FakeSlot> slot(new FakeSlot);
+    slot->readThrows = [] { throw boost::interprocess::interprocess_exception("queue gone"); };
+    const auto write = [&slot] {
+        SlotWriter(boost::shared_ptr<IBaseSlot>(slot)).onNotify("", "x", 1);
     };
+    LogCapture log("Slot.Reader");
+    Collector collector;
     {
-        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, collector);
-        for (int i = 0; i < 200 && received().size() < 11; ++i) {
-            collector->WaitFor(collector->Count() + 1, std::chrono::milliseconds(100));
-        }
+        EveryBlockReader reader(slot, pt::milliseconds(10));
+        reader.subscribe(&collector);
+        reader.Init();
+        write();
+        EXPECT_TRUE(testsupport::Eventually(
+            [&] { return log.CountPrefix("ERROR", "Thread shutdown") > 0; }));
+        EXPECT_EQ(1u, log.Count("ERROR",
+                                "Thread shutdown after boost::interprocess_exception in fake : "
+                                "queue gone"));
+        const int readsAtShutdown = slot->reads;
+        slot->readThrows = nullptr;
+        write();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(readsAtShutdown, slot->reads) << "a stopped reader must not read again";
+    }  // destroys cleanly: joining a thread that ended by itself returns at once
+    EXPECT_EQ(0u, collector.Count());
+    EXPECT_EQ(0u, log.Count("DEBUG", "Thread shutdown for fake"));
+}
+
+// ---- destruction ----
+
+TEST(ReliableSlotReader, DestructorLogsItsSteps) {
+    ScopedSlotName name("rdtor");
+    LogCapture log("Slot.Reader", log4cxx::Level::getDebug());
+    {
+        ReliableSlotReader reader(boost::shared_ptr<ISlot>(new ReliableSlot(
+                                      boost::interprocess::open_or_create, name.c_str(), 256, 4)),
+                                  pt::milliseconds(50));
+        reader.Init();
     }
-    EXPECT_EQ(1, collector.use_count());
-    const std::string bytes = received();
-    EXPECT_EQ("early bytes", bytes);
+    const std::string quoted = "'" + name.str() + "'";
+    EXPECT_EQ((std::vector<std::string>{
+                  "Thread started", "Initialized", "~ReliableSlotReader(), " + quoted,
+                  "Thread shutdown for " + name.str(), "~ReliableSlotReader() joined, " + quoted,
+                  "~ReliableSlotReader() unlocked, " + quoted, "~BaseSlotReader(), " + quoted}),
+              log.Messages());
+}
+
+// Destroying a reader that spins with a budget far beyond the test's time-out returns: the
+// spin ends on the stop request instead of running out. Also right after a delivery, when the
+// reader has just gone back to spinning. (A hang shows as the child's watchdog.)
+TEST(SpinningReader, StopsWhileSpinning) {
+    for (const std::string type : {"reliable", "discarding"}) {
+        SCOPED_TRACE(type);
+        ScopedSlotName name("spinstop");
+        const SimpleSlotCfg cfg = ReaderCfg(name, type, pt::milliseconds(200));
+        const testsupport::ChildResult child = testsupport::RunInChild(
+            [&] {
+                { INotifierPtr idle = SlotFactory::CreateSpinningSlotReader(&cfg, pt::hours(1)); }
+                boost::shared_ptr<Collector> collector(new Collector);
+                INotifierPtr reader =
+                    SlotFactory::CreateSpinningSlotReader(&cfg, pt::hours(1), collector);
+                testsupport::WriteBlock(cfg, "block");
+                if (!collector->WaitFor(1)) {
+                    return 10;
+                }
+                reader.reset();
+                return 0;
+            },
+            std::chrono::seconds(60));
+        EXPECT_TRUE(child.Ok()) << child.Describe();
+    }
 }
 
 // What a subscriber that drops the last reference to its reader sees, and what is left.
@@ -122,21 +192,26 @@ private:
     INotifierPtr reader_;  // guarded by outcome_.mutex
 };
 
-// Run under ASan and TSan too: after the release the reader thread must touch nothing freed.
-TEST(FactoryReader, ReleasingTheLastReferenceInsideOnNotifyStopsTheReader) {
+class ReaderRelease : public testing::TestWithParam<Flavour> {};
+
+// Dropping the last reference inside its own notification stops the reader before anything
+// else is delivered, also while it would otherwise go back to spinning. Run under ASan and
+// TSan too: after the release the reader thread must touch nothing freed.
+TEST_P(ReaderRelease, InsideItsOwnNotificationStopsTheReader) {
+    const Flavour flavour = GetParam();
     for (const std::string type : {"reliable", "discarding"}) {
         SCOPED_TRACE(type);
         ScopedSlotName name("release");
         // In a child: joining itself would abort the process.
         const testsupport::ChildResult child = testsupport::RunInChild(
             [&] {
-                const SimpleSlotCfg cfg = Cfg(name, type);
+                const SimpleSlotCfg cfg = ReaderCfg(name, type);
                 Outcome outcome;
                 Collector other;  // a second subscriber, after the releasing one
                 {
                     boost::shared_ptr<ReleasingSubscriber> releasing(
                         new ReleasingSubscriber(outcome));
-                    INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, releasing);
+                    INotifierPtr reader = testsupport::MakeReader(flavour, cfg, releasing);
                     reader->subscribe(&other);
                     releasing->Hold(reader);
                 }  // from here on the subscriber and the reader live only through each other
@@ -150,15 +225,18 @@ TEST(FactoryReader, ReleasingTheLastReferenceInsideOnNotifyStopsTheReader) {
                     slot->GetLockable()->unlock();
                     slot->GetOnWriteCondition()->Notify();
                 } else {
-                    Write(cfg, "one");
+                    testsupport::WriteBlock(cfg, "one");
                 }
                 // The subscriber goes after the reader that held it.
                 if (outcome.gone.get_future().wait_for(std::chrono::seconds(20)) !=
                     std::future_status::ready) {
                     return 10;
                 }
-                if (outcome.blocks != std::vector<std::string>{"one"}) {
-                    return 11;
+                {
+                    std::lock_guard<std::mutex> lock(outcome.mutex);
+                    if (outcome.blocks != std::vector<std::string>{"one"}) {
+                        return 11;
+                    }
                 }
                 if (other.Count() != 0) {
                     return 12;  // nobody is called after the release
@@ -166,7 +244,7 @@ TEST(FactoryReader, ReleasingTheLastReferenceInsideOnNotifyStopsTheReader) {
                 if (type == "reliable") {
                     // The rest stayed in the queue, and the claim is free for the next reader.
                     boost::shared_ptr<Collector> next(new Collector);
-                    INotifierPtr again = SlotFactory::CreateSlotReader(&cfg, next);
+                    INotifierPtr again = testsupport::MakeReader(flavour, cfg, next);
                     if (!next->WaitFor(2)) {
                         return 13;
                     }
@@ -181,5 +259,11 @@ TEST(FactoryReader, ReleasingTheLastReferenceInsideOnNotifyStopsTheReader) {
         EXPECT_TRUE(child.Ok()) << child.Describe();
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Readers, ReaderRelease,
+                         testing::Values(Flavour::Notifying, Flavour::Spinning),
+                         [](const testing::TestParamInfo<Flavour>& info) {
+                             return testsupport::FlavourName(info.param);
+                         });
 
 }  // namespace

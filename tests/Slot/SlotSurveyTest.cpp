@@ -2,7 +2,9 @@
 // The library's inspection of slots: states of healthy, half, unfinished, damaged, busy and
 // dead-held slots seen with real processes, and that looking never changes a byte.
 #include "ChildProcess.h"
+#include "HeaderHolder.h"
 #include "ShmHygiene.h"
+#include "ShmObject.h"
 
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
@@ -30,34 +32,10 @@ using testsupport::ChildProcess;
 using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
 
-typedef std::vector<unsigned char> Bytes;
-
-Bytes ReadObject(const std::string& object) {
-    Bytes bytes;
-    const int fd = ::shm_open(object.c_str(), O_RDONLY, 0);
-    if (fd < 0) {
-        return bytes;
-    }
-    struct stat st;
-    ::fstat(fd, &st);
-    bytes.resize(static_cast<size_t>(st.st_size));
-    if (!bytes.empty() && ::pread(fd, bytes.data(), bytes.size(), 0) != st.st_size) {
-        bytes.clear();
-    }
-    ::close(fd);
-    return bytes;
-}
-
-void WriteObject(const std::string& object, const Bytes& bytes) {
-    const int fd = ::shm_open(object.c_str(), O_RDWR | O_CREAT, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, ::fchmod(fd, 0644));
-    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bytes.size())));
-    if (!bytes.empty()) {
-        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::pwrite(fd, bytes.data(), bytes.size(), 0));
-    }
-    ::close(fd);
-}
+using testsupport::Bytes;
+using testsupport::HeaderHolder;
+using testsupport::ReadObject;
+using testsupport::WriteObject;
 
 // Inspects `name` and checks that doing so changed neither object.
 SlotReport Inspect(const std::string& name) {
@@ -171,12 +149,12 @@ TEST(SlotSurvey, UnfinishedObjectsOfEitherPart) {
     ScopedSlotName emptyHeader("eh");
     ScopedSlotName emptyQueue("eq");
     ScopedSlotName initialising("init");
-    WriteObject(emptyHeader, Bytes());
-    WriteObject(BaseQueueSlot::GetQueueName(emptyQueue), Bytes());
+    ASSERT_TRUE(WriteObject(emptyHeader, Bytes()));
+    ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(emptyQueue), Bytes()));
     Bytes building(4096, 0);
     building[0] = 1;  // Boost's "initialising"
-    WriteObject(initialising, building);
-    WriteObject(BaseQueueSlot::GetQueueName(initialising), Bytes(4096, 0));
+    ASSERT_TRUE(WriteObject(initialising, building));
+    ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(initialising), Bytes(4096, 0)));
 
     const SlotReport h = Inspect(emptyHeader);
     EXPECT_EQ(SlotState::Unfinished, h.state);
@@ -207,7 +185,7 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
     const std::int32_t outside = 1 << 30;
     std::memcpy(&header[image.objects[SlotImage::OutputHandle].value.offset], &outside,
                 sizeof(outside));
-    WriteObject(name, header);
+    ASSERT_TRUE(WriteObject(name, header));
     const SlotReport damaged = Inspect(name);
     EXPECT_EQ(SlotState::Damaged, damaged.state);
     EXPECT_EQ(SlotPartState::Damaged, damaged.header.state);
@@ -220,7 +198,7 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
     for (size_t i = 0; i < noise.size(); ++i) {
         noise[i] = static_cast<unsigned char>((i * 2654435761u) >> 13);
     }
-    WriteObject(BaseQueueSlot::GetQueueName(foreign), noise);
+    ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(foreign), noise));
     const SlotReport f = Inspect(foreign);
     EXPECT_EQ(SlotState::Damaged, f.state);
     EXPECT_EQ(SlotPartState::Foreign, f.queue.state);
@@ -229,8 +207,8 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
     ScopedSlotName garbage("garbage");
     noise[0] = 2;
     noise[1] = noise[2] = noise[3] = 0;
-    WriteObject(garbage, noise);
-    WriteObject(BaseQueueSlot::GetQueueName(garbage), noise);
+    ASSERT_TRUE(WriteObject(garbage, noise));
+    ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(garbage), noise));
     const SlotReport g = Inspect(garbage);
     EXPECT_EQ(SlotPartState::Foreign, g.header.state);
     EXPECT_EQ(SlotPartState::Foreign, g.queue.state);
@@ -241,36 +219,13 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
     ScopedSlotName zeroWord("zeroword");
     Bytes data(4096, 0);
     data[100] = 1;
-    WriteObject(zeroWord, data);
-    WriteObject(BaseQueueSlot::GetQueueName(zeroWord), data);
+    ASSERT_TRUE(WriteObject(zeroWord, data));
+    ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(zeroWord), data));
     const SlotReport z = Inspect(zeroWord);
     EXPECT_EQ(SlotPartState::Foreign, z.header.state);
     EXPECT_EQ(SlotPartState::Foreign, z.queue.state);
     EXPECT_FALSE(Listed(zeroWord));
 }
-
-// A child process that opens the slot and holds its header mutex until told or killed.
-class HeaderHolder {
-public:
-    explicit HeaderHolder(const std::string& name)
-        : child_([this, name] {
-              ReliableSlot slot(open_or_create, name.c_str(), 16, 2);
-              slot.GetLockable()->lock();
-              locked_.Post();
-              release_.WaitFor(std::chrono::seconds(60));
-              slot.GetLockable()->unlock();
-              return 0;
-          }) {}
-
-    bool WaitLocked() { return locked_.WaitFor(); }
-    void Release() { release_.Post(); }
-    ChildProcess& Child() { return child_; }
-
-private:
-    PipeSignal locked_;
-    PipeSignal release_;
-    ChildProcess child_;
-};
 
 TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusy) {
     ScopedSlotName name("busy");
@@ -311,15 +266,13 @@ TEST(SlotSurvey, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
 // while it holds it, and returns the child's pid: what a process dying inside a queue
 // operation or a segment allocation leaves behind.
 pid_t KillWhileHolding(const std::string& object, std::uint64_t offset) {
-    const size_t size = ReadObject(object).size();
     PipeSignal locked;
     ChildProcess child([&] {
-        const int fd = ::shm_open(object.c_str(), O_RDWR, 0);
-        void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (map == MAP_FAILED) {
+        testsupport::MappedObject map(object, true);
+        if (map.bytes == nullptr) {
             return 1;
         }
-        auto* mutex = reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(map) + offset);
+        auto* mutex = reinterpret_cast<pthread_mutex_t*>(map.bytes + offset);
         if (::pthread_mutex_lock(mutex) != 0) {
             return 2;
         }

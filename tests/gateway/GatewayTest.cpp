@@ -4,6 +4,8 @@
 #include <SlotGateway/Gateway.h>
 #include <SlotGateway/Status.h>
 
+#include <Collector.h>
+#include <Eventually.h>
 #include <ShmHygiene.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotWriter.h>
@@ -80,40 +82,16 @@ Bytes NumberedBlock(unsigned n, std::size_t maxSize) {
     return block;
 }
 
-// Collects what a slot reader delivers.
-class Collector : public shared::ISubscriber {
-public:
-    void onNotify(const std::string&, const void* data, size_t size) override {
-        std::lock_guard<std::mutex> guard(mutex_);
-        const auto* bytes = static_cast<const unsigned char*>(data);
-        blocks_.emplace_back(bytes, bytes + size);
-        changed_.notify_all();
-    }
-    bool WaitFor(std::size_t count, std::chrono::seconds timeout) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return blocks_.size() >= count; });
-    }
-    std::vector<Bytes> Blocks() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return blocks_;
-    }
+using testsupport::Collector;
+using testsupport::Eventually;
 
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<Bytes> blocks_;
-};
-
-// Polls `condition` for up to `timeout`.
-bool Eventually(const std::function<bool()>& condition, std::chrono::seconds timeout) {
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+// The blocks `collector` received, as bytes.
+std::vector<Bytes> BlocksOf(const Collector& collector) {
+    std::vector<Bytes> blocks;
+    for (const Collector::Block& block : collector.Blocks()) {
+        blocks.emplace_back(block.bytes.begin(), block.bytes.end());
     }
-    return true;
+    return blocks;
 }
 
 // Writes into a reliable slot, waiting while it is full (the gateway's back-pressure).
@@ -164,8 +142,8 @@ TEST(Gateway, ReliableCarriesEveryBlockAndHoldsBackWhenFull) {
         WriteHeld(writer, source, NumberedBlock(n, maxSize));
     }
     ASSERT_TRUE(collector->WaitFor(total, std::chrono::seconds(90)))
-        << collector->Blocks().size() << " of " << total << " arrived";
-    const std::vector<Bytes> blocks = collector->Blocks();
+        << BlocksOf(*collector).size() << " of " << total << " arrived";
+    const std::vector<Bytes> blocks = BlocksOf(*collector);
     ASSERT_EQ(blocks.size(), total);
     for (unsigned n = 0; n < total; ++n) {
         ASSERT_EQ(blocks[n], NumberedBlock(n, maxSize)) << "block " << n;
@@ -348,8 +326,8 @@ TEST(Gateway, ReliableTakesNothingWhileNoReceiverIsMatched) {
 
     receiving.reset(new Gateway(OneRoute(in)));
     ASSERT_TRUE(collector->WaitFor(6, std::chrono::seconds(30)))
-        << collector->Blocks().size() << " of 6 arrived";
-    const std::vector<Bytes> blocks = collector->Blocks();
+        << BlocksOf(*collector).size() << " of 6 arrived";
+    const std::vector<Bytes> blocks = BlocksOf(*collector);
     ASSERT_EQ(blocks.size(), 6u);
     for (unsigned n = 0; n < 6; ++n) {
         EXPECT_EQ(blocks[n], NumberedBlock(n, 1024)) << "block " << n;
@@ -427,8 +405,8 @@ TEST(Gateway, EmptyBlocksCross) {
         WriteHeld(writer, source, block);
     }
     ASSERT_TRUE(blocks->WaitFor(written.size(), std::chrono::seconds(30)))
-        << blocks->Blocks().size() << " of " << written.size() << " arrived";
-    EXPECT_EQ(blocks->Blocks(), written);
+        << BlocksOf(*blocks).size() << " of " << written.size() << " arrived";
+    EXPECT_EQ(BlocksOf(*blocks), written);
 
     // A state is sent once the sending gateway reads the slot; the empty one follows it.
     ASSERT_TRUE(Eventually([&] { return sending.Status()[1].sending; }, std::chrono::seconds(20)));
@@ -437,7 +415,7 @@ TEST(Gateway, EmptyBlocksCross) {
     ASSERT_TRUE(states->WaitFor(1, std::chrono::seconds(30)));
     stateWriter->onNotify(stateSource, nullptr, 0);
     ASSERT_TRUE(states->WaitFor(2, std::chrono::seconds(30)));
-    EXPECT_EQ(states->Blocks(), (std::vector<Bytes>{first, Bytes{}}));
+    EXPECT_EQ(BlocksOf(*states), (std::vector<Bytes>{first, Bytes{}}));
     for (const RouteStatus& status : sending.Status()) {
         EXPECT_EQ(status.counters.dropped, 0u) << status.route.name;
     }

@@ -76,13 +76,6 @@ def test_cpp_writer_to_python_reader(name, type_):
             assert got == b"".join(BLOCKS)
 
 
-def test_cpp_writer_before_python_reader_of_a_reliable_slot(name):
-    for block in BLOCKS:
-        write_with_slotctl(name, "reliable", block)
-    with libslot.Reader(name, type="reliable") as reader:
-        assert [reader.get(timeout=WAIT) for _ in BLOCKS] == BLOCKS
-
-
 @pytest.mark.parametrize("type_", ["reliable", "discarding", "posix-pipe"])
 def test_python_writer_to_cpp_reader(name, type_):
     if type_ == "reliable":

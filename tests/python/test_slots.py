@@ -11,14 +11,6 @@ from conftest import lock_file
 BLOCKS = [b"", b"\0", b"a\0b\0\0", bytes(range(256)) * 3, b"\xff" * 65536]
 
 
-def read_stream(reader, size, timeout=30):
-    """Bytes of a byte stream (a posix-pipe) until `size` have come."""
-    data = b""
-    while len(data) < size:
-        data += reader.get(timeout=timeout)
-    return data
-
-
 @pytest.mark.parametrize("type_", ["reliable", "discarding"])
 def test_blocks_cross_whole_with_exact_lengths(name, type_):
     # Discarding slots keep one block: each is read before the next is written.
@@ -37,16 +29,6 @@ def test_blocks_cross_whole_with_exact_lengths(name, type_):
         with pytest.raises(BufferError):
             writer.write(memoryview(b"abcdef")[::2])  # not contiguous
         assert reader.pending == 0
-
-
-def test_posix_pipe_carries_the_byte_stream(name):
-    with libslot.Reader(name, type="posix-pipe") as reader, \
-            libslot.Writer(name, type="posix-pipe") as writer:
-        sent = b"".join(BLOCKS[:4])
-        for block in BLOCKS[:4]:
-            assert writer.write(block) is libslot.WriteOutcome.STORED
-        assert read_stream(reader, len(sent)) == sent
-    assert not [f for f in os.listdir("/dev/shm") if name in f]  # no shared memory for pipes
 
 
 def test_reliable_slot_keeps_order_and_refuses_when_full(name):

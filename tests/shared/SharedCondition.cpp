@@ -59,9 +59,4 @@ void DieWithParent() {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
 
-int Failed(int code, const char* what) {
-    std::fprintf(stderr, "child %d failed (%d): %s\n", static_cast<int>(::getpid()), code, what);
-    return code;
-}
-
 }  // namespace sharedtest

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "ChildProcess.h"
+#include "Eventually.h"
+
 #include <shared/InterprocConditionPack.h>
 #include <shared/LockablePtr.h>
 #include <shared/SharedMemory.h>
@@ -15,6 +18,9 @@
 #include <string>
 
 namespace sharedtest {
+
+using testsupport::Eventually;
+using testsupport::Failed;
 
 typedef boost::interprocess::interprocess_mutex Mutex;
 typedef shared::InterprocConditionPack<Mutex> Pack;
@@ -42,10 +48,6 @@ std::uint32_t Load(const std::uint32_t& word);
 bool WaitForWaiters(SharedCondition& c, std::uint32_t count,
                     std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-// Polls until a predicate holds; false on time-out.
-template <class Predicate>
-bool Eventually(Predicate predicate, std::chrono::milliseconds timeout = std::chrono::seconds(10));
-
 // True once the thread `tid` of this process, or the process `pid` when tid is 0, is blocked in
 // the kernel (state 'S').
 bool WaitUntilBlocked(pid_t pid, pid_t tid = 0,
@@ -56,21 +58,6 @@ pid_t CurrentTid();
 // For grandchildren: die with the process that forked them, so a watchdog kill leaves nothing.
 void DieWithParent();
 
-// In a child: prints what failed to stderr and gives a distinct exit code.
-int Failed(int code, const char* what);
-
 }  // namespace sharedtest
 
 #include <thread>
-
-template <class Predicate>
-bool sharedtest::Eventually(Predicate predicate, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}

@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <thread>
@@ -136,6 +137,11 @@ bool PipeSignal::WaitFor(std::chrono::milliseconds timeout) {
     }
     char byte;
     return ::read(fds_[0], &byte, 1) == 1;
+}
+
+int Failed(int code, const std::string& what) {
+    std::fprintf(stderr, "%s\n", what.c_str());
+    return code;
 }
 
 }  // namespace testsupport

@@ -46,6 +46,9 @@ private:
 ChildResult RunInChild(const std::function<int()>& body,
                        std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
+// In a child: prints what failed to stderr and returns `code`, a distinct exit code.
+int Failed(int code, const std::string& what);
+
 // One-way signal between processes (a pipe): Post() in one, WaitFor() in the other. Create it
 // before fork. Each Post() releases one WaitFor().
 class PipeSignal {

@@ -97,6 +97,15 @@ std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
+std::string LineStartingWith(const std::string& text, const std::string& start) {
+    for (const std::string& line : Lines(text)) {
+        if (line.compare(0, start.size(), start) == 0) {
+            return line;
+        }
+    }
+    return "";
+}
+
 std::vector<std::string> Outcome::ErrLines() const {
     return Lines(err);
 }

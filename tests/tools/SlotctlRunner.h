@@ -14,6 +14,8 @@ bool Exists(const std::string& path);
 // Whether the shared-memory object `name` exists.
 bool ShmExists(const std::string& name);
 std::vector<std::string> Lines(const std::string& text);
+// The first line of `text` that starts with `start`; empty when none does.
+std::string LineStartingWith(const std::string& text, const std::string& start);
 
 // How a slotctl run ended, and what it printed.
 struct Outcome {

@@ -1,43 +1,116 @@
 // SPDX-License-Identifier: Apache-2.0
-// slotctl ls / info / rm --stale over locks held by live and dead processes, unfinished
-// objects, and names that would garble a terminal or a JSON reader.
-#include "ChildProcess.h"
+// How slotctl ls / info / rm --stale show and treat each state the survey reports (the states
+// themselves are the library's, tested there), and names that would garble a terminal or a
+// JSON reader.
+#include "HeaderHolder.h"
 #include "ShmHygiene.h"
+#include "ShmObject.h"
 #include "SlotctlRunner.h"
 
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
-#include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/SlotFactory.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <boost/interprocess/shared_memory_object.hpp>
+
 #include <csignal>
-#include <sstream>
 #include <string>
 
 namespace {
 
 using slotctltest::Contains;
+using slotctltest::LineStartingWith;
 using slotctltest::Outcome;
 using slotctltest::ShmExists;
 using slotctltest::Slotctl;
-using testsupport::ChildProcess;
-using testsupport::PipeSignal;
+using testsupport::HeaderHolder;
 using testsupport::ScopedSlotName;
 
-std::string LineStartingWith(const std::string& text, const std::string& start) {
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.compare(0, start.size(), start) == 0) {
-            return line;
-        }
+// A dead and a live holder, a queue left at size 0 by a creator killed right after making it,
+// and both halves of a slot: each shown in text and JSON; rm --stale leaves what is young or
+// busy and removes the rest, naming the part it removed.
+TEST(SlotctlStates, ShownAndRemovedAsStaleOnlyWhenBroken) {
+    ScopedSlotName dead("deadheld"), live("liveheld"), unfinished("unfq");
+    ScopedSlotName headerOnly("halfh"), queueOnly("halfq");
+    HeaderHolder deadHolder(dead), liveHolder(live);
+    ASSERT_TRUE(deadHolder.WaitLocked()) << deadHolder.Child().Wait().Describe();
+    ASSERT_TRUE(liveHolder.WaitLocked()) << liveHolder.Child().Wait().Describe();
+    const std::string deadPid = std::to_string(deadHolder.Child().Pid());
+    const std::string livePid = std::to_string(liveHolder.Child().Pid());
+    deadHolder.Child().Kill(SIGKILL);
+    deadHolder.Child().Wait();
+    const std::string unfinishedQueue = BaseQueueSlot::GetQueueName(unfinished);
+    ASSERT_TRUE(testsupport::WriteObject(unfinishedQueue, testsupport::Bytes()));
+    for (const std::string& name : {headerOnly.str(), queueOnly.str()}) {
+        SimpleSlotCfg cfg(name, "discarding", boost::posix_time::milliseconds(50), 1);
+        SlotFactory::CreateSlot(&cfg);
     }
-    return "";
+    boost::interprocess::shared_memory_object::remove(
+        BaseQueueSlot::GetQueueName(headerOnly).c_str());
+    boost::interprocess::shared_memory_object::remove(queueOnly.c_str());
+
+    const Outcome ls = Slotctl({"ls"});
+    EXPECT_EQ(0, ls.status) << ls.Describe();
+    const auto row = [&ls](const std::string& name) {
+        return LineStartingWith(ls.out, name + " ");
+    };
+    EXPECT_TRUE(Contains(row(dead), " dead-holder ")) << ls.out;
+    EXPECT_TRUE(Contains(row(dead), "header mutex held by dead pid " + deadPid)) << ls.out;
+    EXPECT_TRUE(Contains(row(live), " busy ")) << ls.out;
+    EXPECT_TRUE(Contains(row(live), "header mutex held by pid " + livePid)) << ls.out;
+    EXPECT_TRUE(Contains(row(unfinished), " unfinished ")) << ls.out;
+    EXPECT_EQ("", row(unfinishedQueue)) << "listed twice:\n" << ls.out;
+    EXPECT_TRUE(Contains(row(headerOnly), " header-only ")) << ls.out;
+    EXPECT_TRUE(Contains(row(queueOnly), " queue-only ")) << ls.out;
+
+    const Outcome lsJson = Slotctl({"ls", "--json"});
+    EXPECT_TRUE(Contains(lsJson.out, "\"holder\": {\"lock\": \"header mutex\", \"pid\": " +
+                                         deadPid + ", \"alive\": false}"))
+        << lsJson.out;
+    const Outcome info = Slotctl({"info", dead.str()});
+    EXPECT_EQ(0, info.status) << info.Describe();
+    EXPECT_TRUE(Contains(info.out, "state           dead-holder")) << info.out;
+    EXPECT_TRUE(Contains(info.out, "header mutex held by dead pid " + deadPid)) << info.out;
+    const Outcome header = Slotctl({"info", headerOnly.str()});
+    EXPECT_EQ(0, header.status) << header.Describe();
+    EXPECT_TRUE(Contains(header.out, "header-only (half slot: the queue 'queue_" +
+                                         headerOnly.str() + "' is missing)"))
+        << header.out;
+    const Outcome unfinishedJson = Slotctl({"info", "--json", unfinished.str()});
+    EXPECT_EQ(0, unfinishedJson.status) << unfinishedJson.Describe();
+    EXPECT_TRUE(Contains(unfinishedJson.out, "\"state\": \"unfinished\"")) << unfinishedJson.out;
+    const Outcome queueJson = Slotctl({"info", "--json", queueOnly.str()});
+    EXPECT_TRUE(Contains(queueJson.out, "\"state\": \"queue-only\", \"kind\": \"discarding\""))
+        << queueJson.out;
+
+    // Young broken slots may be slots being created: left alone by default.
+    const std::vector<std::string> broken = {dead, unfinished, headerOnly, queueOnly};
+    std::vector<std::string> args = {"rm", "--stale"};
+    args.insert(args.end(), broken.begin(), broken.end());
+    EXPECT_EQ(1, Slotctl(args).status);
+    EXPECT_TRUE(ShmExists(dead.str()) && ShmExists(unfinishedQueue) &&
+                ShmExists(headerOnly.str()) && ShmExists(BaseQueueSlot::GetQueueName(queueOnly)));
+    const Outcome busy = Slotctl({"rm", "--stale", "--min-age", "0", live.str()});
+    EXPECT_EQ(1, busy.status) << busy.Describe();
+    EXPECT_TRUE(ShmExists(live.str()));
+    args.insert(args.begin() + 2, {"--min-age", "0"});
+    const Outcome rm = Slotctl(args);
+    EXPECT_EQ(0, rm.status) << rm.Describe();
+    for (const auto& removed :
+         {std::make_pair(dead.str(), "header segment"), std::make_pair(unfinished.str(), "queue"),
+          std::make_pair(headerOnly.str(), "header segment"),
+          std::make_pair(queueOnly.str(), "queue")}) {
+        EXPECT_TRUE(Contains(rm.out, "removed '" + removed.first + "': " + removed.second))
+            << rm.out;
+        EXPECT_FALSE(ShmExists(removed.first));
+        EXPECT_FALSE(ShmExists(BaseQueueSlot::GetQueueName(removed.first)));
+    }
+
+    liveHolder.Release();
+    EXPECT_TRUE(liveHolder.Child().Wait().Ok());
+    EXPECT_TRUE(Contains(LineStartingWith(Slotctl({"ls"}).out, live.str() + " "), " slot "));
 }
 
 // No byte that a terminal acts on: C0 controls other than the line ends, DEL, and the bytes
@@ -52,133 +125,7 @@ bool TerminalSafe(const std::string& text) {
     return true;
 }
 
-// Every JSON string in `text` holds only printable characters and valid escapes.
-bool JsonStringsValid(const std::string& text) {
-    bool inString = false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (!inString) {
-            inString = c == '"';
-            continue;
-        }
-        if (c == '"') {
-            inString = false;
-        } else if (c < 0x20) {
-            return false;
-        } else if (c == '\\') {
-            const char next = i + 1 < text.size() ? text[i + 1] : '\0';
-            if (next == 'u') {
-                if (i + 5 >= text.size()) {
-                    return false;
-                }
-                i += 5;
-            } else if (std::string("\"\\/bfnrt").find(next) != std::string::npos && next != 0) {
-                ++i;
-            } else {
-                return false;
-            }
-        }
-    }
-    return !inString;
-}
-
-// A child that opens the slot, locks its header mutex and waits, so that it can be killed
-// while holding it.
-class HeaderHolder {
-public:
-    explicit HeaderHolder(const std::string& name)
-        : child_([this, name] {
-              ReliableSlot slot(boost::interprocess::open_or_create, name.c_str(), 64, 4);
-              slot.GetLockable()->lock();
-              locked_.Post();
-              release_.WaitFor(std::chrono::seconds(60));
-              slot.GetLockable()->unlock();
-              return 0;
-          }) {}
-
-    bool WaitLocked() { return locked_.WaitFor(); }
-    void Release() { release_.Post(); }
-    ChildProcess& Child() { return child_; }
-
-private:
-    PipeSignal locked_;
-    PipeSignal release_;
-    ChildProcess child_;
-};
-
-TEST(SlotctlLocks, AHolderThatDiedIsNamedAndTheSlotRemovedAsStale) {
-    ScopedSlotName name("deadheld");
-    HeaderHolder holder(name);
-    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
-    const std::string pid = std::to_string(holder.Child().Pid());
-    holder.Child().Kill(SIGKILL);
-    holder.Child().Wait();
-
-    const Outcome ls = Slotctl({"ls"});
-    EXPECT_EQ(0, ls.status) << ls.Describe();
-    const std::string line = LineStartingWith(ls.out, name.str() + " ");
-    EXPECT_TRUE(Contains(line, " dead-holder ")) << ls.out;
-    EXPECT_TRUE(Contains(line, "header mutex held by dead pid " + pid)) << ls.out;
-    const Outcome json = Slotctl({"ls", "--json"});
-    EXPECT_TRUE(Contains(json.out, "\"holder\": {\"lock\": \"header mutex\", \"pid\": " + pid +
-                                       ", \"alive\": false}"))
-        << json.out;
-    const Outcome info = Slotctl({"info", name.str()});
-    EXPECT_EQ(0, info.status) << info.Describe();
-    EXPECT_TRUE(Contains(info.out, "state           dead-holder")) << info.out;
-    EXPECT_TRUE(Contains(info.out, "header mutex held by dead pid " + pid)) << info.out;
-
-    const Outcome young = Slotctl({"rm", "--stale", name.str()});
-    EXPECT_EQ(1, young.status) << young.Describe();
-    EXPECT_TRUE(ShmExists(name.str()));
-    const Outcome rm = Slotctl({"rm", "--stale", "--min-age", "0", name.str()});
-    EXPECT_EQ(0, rm.status) << rm.Describe();
-    EXPECT_TRUE(Contains(rm.out, "removed '" + name.str() + "': header segment")) << rm.out;
-    EXPECT_FALSE(ShmExists(name.str()));
-    EXPECT_FALSE(ShmExists(BaseQueueSlot::GetQueueName(name)));
-}
-
-TEST(SlotctlLocks, ALiveHolderIsBusyAndNotStale) {
-    ScopedSlotName name("liveheld");
-    HeaderHolder holder(name);
-    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
-    const std::string pid = std::to_string(holder.Child().Pid());
-
-    const Outcome ls = Slotctl({"ls"});
-    const std::string line = LineStartingWith(ls.out, name.str() + " ");
-    EXPECT_TRUE(Contains(line, " busy ")) << ls.out;
-    EXPECT_TRUE(Contains(line, "header mutex held by pid " + pid)) << ls.out;
-    const Outcome rm = Slotctl({"rm", "--stale", "--min-age", "0", name.str()});
-    EXPECT_EQ(1, rm.status) << rm.Describe();
-    EXPECT_TRUE(ShmExists(name.str()));
-
-    holder.Release();
-    EXPECT_TRUE(holder.Child().Wait().Ok());
-    EXPECT_TRUE(Contains(LineStartingWith(Slotctl({"ls"}).out, name.str() + " "), " slot "));
-}
-
-// A creator killed right after creating the queue object leaves it at size 0.
-TEST(SlotctlLocks, AnUnfinishedQueueAloneIsListedAndRemovedAsStale) {
-    ScopedSlotName name("unfq");
-    const std::string queue = BaseQueueSlot::GetQueueName(name);
-    const int fd = ::shm_open(queue.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
-    ASSERT_GE(fd, 0);
-    ::fchmod(fd, 0644);
-    ::close(fd);
-
-    const Outcome ls = Slotctl({"ls"});
-    EXPECT_TRUE(Contains(LineStartingWith(ls.out, name.str() + " "), " unfinished ")) << ls.out;
-    EXPECT_EQ("", LineStartingWith(ls.out, queue + " ")) << "listed twice:\n" << ls.out;
-    const Outcome info = Slotctl({"info", "--json", name.str()});
-    EXPECT_EQ(0, info.status) << info.Describe();
-    EXPECT_TRUE(Contains(info.out, "\"state\": \"unfinished\"")) << info.out;
-
-    const Outcome rm = Slotctl({"rm", "--stale", "--min-age", "0", name.str()});
-    EXPECT_EQ(0, rm.status) << rm.Describe();
-    EXPECT_TRUE(Contains(rm.out, "removed '" + name.str() + "': queue")) << rm.out;
-    EXPECT_FALSE(ShmExists(queue));
-}
-
+// Names are escaped in tables, messages and JSON, which parses and gives the escaped name back.
 TEST(SlotctlNames, ControlCharactersAndInvalidUtf8AreEscapedEverywhere) {
     const struct {
         std::string stem;
@@ -190,7 +137,8 @@ TEST(SlotctlNames, ControlCharactersAndInvalidUtf8AreEscapedEverywhere) {
         {"c1\xc2\x9b"
          "2J",
          "c1\\xc2\\x9b2J", "c1\\u009b2J"},
-        {"bad\xff\xfe", "bad\\xff\\xfe", "bad\\\\xff\\\\xfe"},
+        {"bad\xff\xfe\x7f\xc2\x85", "bad\\xff\\xfe\\x7f\\xc2\\x85",
+         "bad\\\\xff\\\\xfe\\u007f\\u0085"},
     };
     for (const auto& c : cases) {
         ScopedSlotName name(c.stem);
@@ -207,8 +155,13 @@ TEST(SlotctlNames, ControlCharactersAndInvalidUtf8AreEscapedEverywhere) {
 
         const Outcome json = Slotctl({"ls", "--json"});
         EXPECT_TRUE(TerminalSafe(json.out)) << json.out;
-        EXPECT_TRUE(JsonStringsValid(json.out)) << json.out;
         EXPECT_TRUE(Contains(json.out, "\"name\": \"" + prefix + c.shownJson + "\"")) << json.out;
+        bool parsedBack = false;
+        for (const nlohmann::json& slot : nlohmann::json::parse(json.out)) {
+            parsedBack = parsedBack ||
+                         slot["name"] == nlohmann::json::parse("\"" + prefix + c.shownJson + "\"");
+        }
+        EXPECT_TRUE(parsedBack) << json.out;
 
         for (const auto& args : {std::vector<std::string>{"info", name.str()},
                                  std::vector<std::string>{"info", "--json", name.str()}}) {

@@ -6,6 +6,7 @@
 #include "ChildProcess.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
+#include "ShmObject.h"
 
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
@@ -39,28 +40,13 @@ namespace {
 
 using boost::interprocess::open_or_create;
 
-// Maps the whole shared-memory object `name` for writing, as a stray process would.
-void MapForWriting(const std::string& name, unsigned char*& bytes, size_t& size) {
-    bytes = nullptr;
-    const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
-    ASSERT_GE(fd, 0) << name;
-    struct stat st;
-    const int statted = ::fstat(fd, &st);
-    void* address = statted == 0 ? ::mmap(nullptr, static_cast<size_t>(st.st_size),
-                                          PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
-                                 : MAP_FAILED;
-    ::close(fd);
-    ASSERT_EQ(0, statted) << name;
-    ASSERT_NE(MAP_FAILED, address) << name;
-    size = static_cast<size_t>(st.st_size);
-    bytes = static_cast<unsigned char*>(address);
-}
-
 // Overwrites `count` random runs of 1-8 random bytes of the object `name`.
 void Scribble(const std::string& name, std::mt19937& random, int count) {
-    unsigned char* bytes = nullptr;
-    size_t size = 0;
-    ASSERT_NO_FATAL_FAILURE(MapForWriting(name, bytes, size));
+    // Mapped for writing, as a stray process would.
+    testsupport::MappedObject map(name, true);
+    ASSERT_NE(nullptr, map.bytes) << name;
+    unsigned char* const bytes = map.bytes;
+    const size_t size = map.size;
     for (int i = 0; i < count; ++i) {
         const size_t at = random() % size;
         const size_t run = 1 + random() % 8;
@@ -68,7 +54,6 @@ void Scribble(const std::string& name, std::mt19937& random, int count) {
             bytes[k] = static_cast<unsigned char>(random());
         }
     }
-    ::munmap(bytes, size);
 }
 
 // Opens, writes and reads the slot; every failure must be an exception of the library's kinds.
@@ -144,25 +129,6 @@ TEST(Corruption, RandomBytesOverAHeaderOrAQueueNeverCrashOrHang) {
     }
 }
 
-// The bytes of the shared-memory object `name`, and writing them back.
-std::vector<unsigned char> ReadBytes(const std::string& name) {
-    const int fd = ::shm_open(name.c_str(), O_RDONLY, 0);
-    EXPECT_GE(fd, 0) << name;
-    struct stat st;
-    ::fstat(fd, &st);
-    std::vector<unsigned char> bytes(static_cast<size_t>(st.st_size));
-    EXPECT_EQ(st.st_size, ::pread(fd, bytes.data(), bytes.size(), 0));
-    ::close(fd);
-    return bytes;
-}
-
-void WriteBytes(const std::string& name, const std::vector<unsigned char>& bytes) {
-    const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
-    ASSERT_GE(fd, 0) << name;
-    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::pwrite(fd, bytes.data(), bytes.size(), 0));
-    ::close(fd);
-}
-
 // Every 32-bit word of the segment's bookkeeping (all but the output buffer's data) replaced by
 // values that look like sizes, offsets and flags, while the last named object's name is changed,
 // so that opening must construct it again and so allocate through whatever the damage left:
@@ -176,7 +142,7 @@ TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
         slot.WriteData("block", 5);
         slot.GetLockable()->unlock();
     }
-    std::vector<unsigned char> pristine = ReadBytes(name.str());
+    testsupport::Bytes pristine = testsupport::ReadObject(name.str());
     const char condition[] = "cond_on_write";
     auto found =
         std::search(pristine.begin(), pristine.end(), condition, condition + sizeof(condition) - 1);
@@ -205,7 +171,7 @@ TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
         for (std::uint32_t value : values) {
             std::vector<unsigned char> bytes = pristine;
             std::memcpy(&bytes[at], &value, sizeof(value));
-            WriteBytes(name.str(), bytes);
+            ASSERT_TRUE(testsupport::WriteObject(name.str(), bytes));
             const testsupport::ChildResult result =
                 testsupport::RunInChild([&] { return UseSlot(name); }, std::chrono::seconds(30));
             ASSERT_TRUE(result.Ok())
@@ -220,9 +186,10 @@ TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
 // run of the bookkeeping in front of the output buffer, a run anywhere, or the whole segment.
 // `keepFirstWord` restores Boost's creation-state word, so that openers get past it.
 void FillOpenHeader(const std::string& name, std::mt19937& random, bool keepFirstWord) {
-    unsigned char* bytes = nullptr;
-    size_t size = 0;
-    ASSERT_NO_FATAL_FAILURE(MapForWriting(name, bytes, size));
+    testsupport::MappedObject map(name, true);
+    ASSERT_NE(nullptr, map.bytes) << name;
+    unsigned char* const bytes = map.bytes;
+    const size_t size = map.size;
     std::uint64_t firstWord;
     std::memcpy(&firstWord, bytes, sizeof(firstWord));
     size_t at = 0;
@@ -245,7 +212,6 @@ void FillOpenHeader(const std::string& name, std::mt19937& random, bool keepFirs
     if (keepFirstWord) {
         std::memcpy(bytes, &firstWord, sizeof(firstWord));
     }
-    ::munmap(bytes, size);
 }
 
 // Uses `slot`, open while its header was filled: a read under its lock, a write through a
@@ -328,13 +294,13 @@ TEST(Corruption, WordsAnOpenSlotFollowsAreCheckedAtEveryUse) {
     lock.lock();
     slot.WriteData("kept", 4);
     lock.unlock();
-    const std::vector<unsigned char> pristine = ReadBytes(name.str());
+    const testsupport::Bytes pristine = testsupport::ReadObject(name.str());
     const SlotImage::HeaderImage image = SlotImage::ParseHeader(pristine.data(), pristine.size());
     ASSERT_EQ(SlotImage::Verdict::Valid, image.verdict) << image.problem;
     auto overwrite = [&](std::uint64_t at, const void* value, size_t size) {
         std::vector<unsigned char> bytes = pristine;
         std::memcpy(&bytes[at], value, size);
-        WriteBytes(name.str(), bytes);
+        ASSERT_TRUE(testsupport::WriteObject(name.str(), bytes));
     };
     char buffer[64];
 
@@ -375,7 +341,7 @@ TEST(Corruption, WordsAnOpenSlotFollowsAreCheckedAtEveryUse) {
         EXPECT_TRUE(logged);
     }
 
-    WriteBytes(name.str(), pristine);
+    ASSERT_TRUE(testsupport::WriteObject(name.str(), pristine));
     lock.lock();
     EXPECT_EQ(4u, slot.ReadData(buffer, sizeof(buffer)));
     lock.unlock();

@@ -6,6 +6,7 @@
 #include "ChildProcess.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
+#include "ShmObject.h"
 
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
@@ -33,40 +34,26 @@ namespace {
 using boost::interprocess::open_or_create;
 using testsupport::ChildProcess;
 using testsupport::ChildResult;
+using testsupport::Failed;
 using testsupport::LogCapture;
 using testsupport::PipeSignal;
 using testsupport::RunInChild;
 using testsupport::ScopedSlotName;
 
-int Failed(int code, const std::string& what) {
-    std::fprintf(stderr, "%s\n", what.c_str());
-    return code;
-}
-
 // The header mutex's lock word of the slot `name`, in a mapping of our own.
 class LockWord {
 public:
-    explicit LockWord(const std::string& name) {
-        const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
-        EXPECT_GE(fd, 0);
-        struct stat st;
-        ::fstat(fd, &st);
-        size_ = static_cast<size_t>(st.st_size);
-        base_ = ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        ::close(fd);
-        EXPECT_NE(MAP_FAILED, base_);
-        const SlotImage::HeaderImage image = SlotImage::ParseHeader(base_, size_);
+    explicit LockWord(const std::string& name) : map_(name, true) {
+        const SlotImage::HeaderImage image = SlotImage::ParseHeader(map_.bytes, map_.size);
         EXPECT_TRUE(image.headerMutex.present);
-        word_ = reinterpret_cast<int*>(static_cast<char*>(base_) + image.headerMutex.offset +
+        word_ = reinterpret_cast<int*>(map_.bytes + image.headerMutex.offset +
                                        offsetof(pthread_mutex_t, __data.__lock));
     }
-    ~LockWord() { ::munmap(base_, size_); }
 
     void Set(unsigned value) { __atomic_store_n(word_, static_cast<int>(value), __ATOMIC_SEQ_CST); }
 
 private:
-    void* base_ = nullptr;
-    size_t size_ = 0;
+    testsupport::MappedObject map_;
     int* word_ = nullptr;
 };
 

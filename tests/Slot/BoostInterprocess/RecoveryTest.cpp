@@ -5,6 +5,7 @@
 #include "ChildProcess.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
+#include "ShmObject.h"
 
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
@@ -38,45 +39,22 @@
 namespace {
 
 // A slot's header segment mapped as raw bytes, as another process sees it.
-struct RawObject {
-    RawObject(const std::string& name, bool writable) {
-        const int fd = ::shm_open(name.c_str(), writable ? O_RDWR : O_RDONLY, 0);
-        struct stat st;
-        if (fd < 0 || ::fstat(fd, &st) != 0) {
-            throw std::runtime_error("cannot open " + name);
-        }
-        size = static_cast<std::size_t>(st.st_size);
-        void* at =
-            ::mmap(nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
-        ::close(fd);
-        if (at == MAP_FAILED) {
-            throw std::runtime_error("cannot map " + name);
-        }
-        bytes = static_cast<char*>(at);
-    }
-    ~RawObject() { ::munmap(bytes, size); }
+struct RawObject : testsupport::MappedObject {
+    using MappedObject::MappedObject;
     SlotImage::HeaderImage Image() const { return SlotImage::ParseHeader(bytes, size); }
-
-    char* bytes = nullptr;
-    std::size_t size = 0;
 };
 
 using boost::interprocess::open_or_create;
 using std::chrono::seconds;
 using testsupport::ChildProcess;
 using testsupport::ChildResult;
+using testsupport::Failed;
 using testsupport::LogCapture;
 using testsupport::RunInChild;
 using testsupport::ScopedSlotName;
 
 const unsigned int kMaxSize = 64;
 const unsigned int kCapacity = 8;
-
-// Exit code of a check that failed in a child; the message goes to stderr.
-int Failed(int code, const std::string& what) {
-    std::fprintf(stderr, "child check failed: %s\n", what.c_str());
-    return code;
-}
 
 std::string Block(int i) {
     return "block " + std::to_string(i);

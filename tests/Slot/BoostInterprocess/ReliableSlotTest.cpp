@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ChildProcess.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 
@@ -9,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -171,122 +169,6 @@ TEST(ReliableSlot, UnlockedReadersNeverShareOrLoseABlock) {
     std::sort(all.begin(), all.end());
     EXPECT_EQ(all.end(), std::adjacent_find(all.begin(), all.end())) << "a block came twice";
     EXPECT_EQ(2 * rounds, all.size()) << "blocks lost";
-}
-
-// A pipe through which each writer process reports how many refusals it logged.
-class ReportPipe {
-public:
-    ReportPipe() {
-        if (::pipe(fds_) != 0) {
-            std::abort();
-        }
-    }
-    ~ReportPipe() {
-        ::close(fds_[0]);
-        ::close(fds_[1]);
-    }
-    void Send(std::uint32_t writer, std::uint32_t count) {
-        const std::uint32_t message[2] = {writer, count};
-        if (::write(fds_[1], message, sizeof message) != sizeof message) {
-            std::abort();
-        }
-    }
-    bool Receive(std::uint32_t* writer, std::uint32_t* count) {
-        std::uint32_t message[2];
-        if (::read(fds_[0], message, sizeof message) != sizeof message) {
-            return false;
-        }
-        *writer = message[0];
-        *count = message[1];
-        return true;
-    }
-
-private:
-    int fds_[2];
-};
-
-// Three writer processes and the reading test process share a 4-block slot. Each writer first
-// writes a burst while nobody reads, so refusals are certain. Every block read must come exactly
-// once and in its writer's order, and each writer's accepted plus refused blocks (counted from its
-// WARN lines) must add up to what it wrote.
-TEST(SlotProcesses, ReliableSlotDeliversEveryAcceptedBlockOnceInWriterOrder) {
-    const std::uint32_t writers = 3, blocksPerWriter = 400, burst = 20, capacity = 4;
-    testsupport::ScopedSlotName name;
-    ReliableSlot slot(open_or_create, name.c_str(), 8, capacity);
-    testsupport::PipeSignal burstDone, go, finished;
-    ReportPipe reports;
-
-    std::vector<std::unique_ptr<testsupport::ChildProcess>> children;
-    for (std::uint32_t id = 0; id < writers; ++id) {
-        children.emplace_back(new testsupport::ChildProcess([&, id] {
-            ReliableSlot mine(open_or_create, name.c_str(), 8, capacity);
-            testsupport::LogCapture log("Slot", log4cxx::Level::getWarn());
-            for (std::uint32_t seq = 0; seq < blocksPerWriter; ++seq) {
-                if (seq == burst) {
-                    burstDone.Post();
-                    if (!go.WaitFor()) {
-                        return 10;
-                    }
-                }
-                const std::uint32_t block[2] = {id, seq};
-                mine.GetLockable()->lock();
-                mine.WriteData(block, sizeof block);
-                mine.GetLockable()->unlock();
-            }
-            reports.Send(id, static_cast<std::uint32_t>(
-                                 log.Count("WARN", "Queue in '" + name.str() +
-                                                       "' is full, the data was not written")));
-            finished.Post();
-            return 0;
-        }));
-    }
-    for (std::uint32_t i = 0; i < writers; ++i) {
-        ASSERT_TRUE(burstDone.WaitFor());
-    }
-    for (std::uint32_t i = 0; i < writers; ++i) {
-        go.Post();
-    }
-
-    std::vector<std::vector<std::uint32_t>> received(writers);
-    std::uint32_t done = 0;
-    bool wellFormed = true;
-    for (;;) {
-        const bool allDone = done == writers;
-        slot.GetLockable()->lock();
-        while (slot.GetBufferLength() != 0) {
-            std::uint32_t block[2] = {0, 0};
-            wellFormed = slot.ReadData(block, sizeof block) == sizeof block && wellFormed;
-            if (block[0] < writers) {
-                received[block[0]].push_back(block[1]);
-            } else {
-                wellFormed = false;
-            }
-        }
-        slot.GetLockable()->unlock();
-        if (allDone) {
-            break;
-        }
-        if (finished.WaitFor(std::chrono::milliseconds(0))) {
-            ++done;
-        }
-    }
-    EXPECT_TRUE(wellFormed);
-
-    std::uint32_t refusedTotal = 0;
-    for (auto& child : children) {
-        const testsupport::ChildResult result = child->Wait(std::chrono::seconds(120));
-        ASSERT_TRUE(result.Ok()) << result.Describe();
-        std::uint32_t id = 0, refused = 0;
-        ASSERT_TRUE(reports.Receive(&id, &refused));
-        ASSERT_LT(id, writers);
-        const std::vector<std::uint32_t>& seqs = received[id];
-        for (size_t i = 1; i < seqs.size(); ++i) {
-            ASSERT_LT(seqs[i - 1], seqs[i]) << "writer " << id << " out of order or repeated";
-        }
-        EXPECT_EQ(blocksPerWriter, seqs.size() + refused) << "writer " << id;
-        refusedTotal += refused;
-    }
-    EXPECT_GE(refusedTotal, writers * burst - capacity);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // The raw-bytes view of a slot's header segment and queue, checked against what Boost itself
 // answers for real objects, and against unfinished, foreign and damaged bytes.
 #include "ShmHygiene.h"
+#include "ShmObject.h"
 
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
@@ -30,31 +31,8 @@ using boost::interprocess::open_only;
 using boost::interprocess::open_or_create;
 using SlotImage::Verdict;
 
-typedef std::vector<unsigned char> Image;
-
-// The bytes of the shared-memory object `name`.
-Image ReadObject(const std::string& name) {
-    const int fd = ::shm_open(name.c_str(), O_RDONLY, 0);
-    EXPECT_GE(fd, 0) << name;
-    struct stat st;
-    ::fstat(fd, &st);
-    Image bytes(static_cast<size_t>(st.st_size));
-    if (!bytes.empty()) {
-        EXPECT_EQ(st.st_size, ::pread(fd, bytes.data(), bytes.size(), 0));
-    }
-    ::close(fd);
-    return bytes;
-}
-
-void WriteObject(const std::string& name, const Image& bytes) {
-    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bytes.size())));
-    if (!bytes.empty()) {
-        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::pwrite(fd, bytes.data(), bytes.size(), 0));
-    }
-    ::close(fd);
-}
+typedef testsupport::Bytes Image;
+using testsupport::ReadObject;
 
 template <class T>
 void Poke(Image& image, std::uint64_t offset, T value) {
@@ -451,28 +429,13 @@ TEST_F(DamagedSlot, RandomDamageStaysInBounds) {
 TEST(SlotImage, ParsesAMappingAsTheInspectorDoes) {
     testsupport::ScopedSlotName name;
     ReliableSlot slot(open_or_create, name.c_str(), 4000, 2);
-    const int fd = ::shm_open(name.c_str(), O_RDONLY, 0);
-    ASSERT_GE(fd, 0);
-    struct stat st;
-    ASSERT_EQ(0, ::fstat(fd, &st));
-    void* map = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
-    ::close(fd);
-    ASSERT_NE(MAP_FAILED, map);
     const Image before = ReadObject(name);
-    const SlotImage::HeaderImage h = SlotImage::ParseHeader(map, static_cast<size_t>(st.st_size));
-    ::munmap(map, static_cast<size_t>(st.st_size));
+    const SlotImage::HeaderImage h = [&] {
+        testsupport::MappedObject map(name, false);
+        return SlotImage::ParseHeader(map.bytes, map.size);
+    }();
     EXPECT_EQ(Verdict::Valid, h.verdict) << h.problem;
     EXPECT_EQ(before, ReadObject(name));
-}
-
-TEST(SlotImage, ObjectsWrittenByHand) {
-    // A hand-made object under a slot's name: just the creation word of a finished object.
-    testsupport::ScopedSlotName name;
-    Image bytes(64, 0);
-    Poke<std::uint32_t>(bytes, 0, 2);
-    WriteObject(name, bytes);
-    EXPECT_EQ(Verdict::Foreign, ParseHeader(ReadObject(name)).verdict);
-    EXPECT_EQ(Verdict::Foreign, ParseQueue(ReadObject(name)).verdict);
 }
 
 }  // namespace

@@ -1,0 +1,464 @@
+// SPDX-License-Identifier: Apache-2.0
+// What readers deliver: every kind of slot with both reader flavours across processes, what
+// each kind promises (every block in order, the latest fresh state once, the bytes of a stream),
+// and the reader thread's hand-over on a fake slot.
+#include "ChildProcess.h"
+#include "Collector.h"
+#include "Eventually.h"
+#include "FakeSlot.h"
+#include "LogCapture.h"
+#include "Readers.h"
+#include "ShmHygiene.h"
+
+#include <Slot/BoostInterprocess/DiscardingSlot.h>
+#include <Slot/BoostInterprocess/DiscardingSlotReader.h>
+#include <Slot/BoostInterprocess/ReliableSlot.h>
+#include <Slot/BoostInterprocess/ReliableSlotReader.h>
+#include <Slot/SlotWriter.h>
+#include <Slot/WriteOutcome.h>
+
+#include <FileUtils/NamedPipeCreator.h>
+
+#include <gtest/gtest.h>
+#include <boost/interprocess/sync/scoped_lock.hpp>
+
+#include <sched.h>
+#include <unistd.h>
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+namespace pt = boost::posix_time;
+using testsupport::ChildProcess;
+using testsupport::ChildResult;
+using testsupport::Collector;
+using testsupport::EveryBlockReader;
+using testsupport::FakeSlot;
+using testsupport::Flavour;
+using testsupport::LogCapture;
+using testsupport::PipeSignal;
+using testsupport::ReaderCfg;
+using testsupport::ScopedSlotName;
+using testsupport::WriteBlock;
+
+// Block `seq` of writer `id`: both numbers, then 1 to 300 bytes that depend on them.
+std::string Block(std::uint32_t id, std::uint32_t seq) {
+    std::string block(8 + 1 + (seq * 37 + id * 11) % 300, '\0');
+    std::memcpy(&block[0], &id, 4);
+    std::memcpy(&block[4], &seq, 4);
+    for (size_t k = 8; k < block.size(); ++k) {
+        block[k] = static_cast<char>(seq * 31 + id * 7 + k);
+    }
+    return block;
+}
+
+// The writer and sequence numbers of a block; false when it is too short to hold them.
+bool Numbers(const std::string& block, std::uint32_t& id, std::uint32_t& seq) {
+    if (block.size() < 8) {
+        return false;
+    }
+    std::memcpy(&id, &block[0], 4);
+    std::memcpy(&seq, &block[4], 4);
+    return true;
+}
+
+// Removes a named pipe's FIFO at the end of a test.
+struct PipeUnlinker {
+    std::string path;
+    ~PipeUnlinker() { ::unlink(path.c_str()); }
+};
+
+using KindAndFlavour = std::tuple<std::string, Flavour>;
+
+class ReaderDelivery : public testing::TestWithParam<KindAndFlavour> {};
+
+// Two writer processes (one for a pipe, where their bytes would mix) write numbered blocks
+// through a 4-deep slot as fast as it takes them. A reliable slot's writers first fill it while
+// nobody reads, so each is refused at least once; a refused block is written again. A reliable
+// slot delivers every block once, whole, in each writer's order (a refused block that was stored
+// would come twice, a stored one reported refused never); a discarding one a subset of whole
+// blocks, none older than one before it; a pipe the bytes in order.
+TEST_P(ReaderDelivery, BlocksFromOtherProcesses) {
+    const std::string type = std::get<0>(GetParam());
+    const bool reliable = type == "reliable";
+    ScopedSlotName name("deliver");
+    const SimpleSlotCfg cfg = ReaderCfg(name, type);
+    PipeUnlinker unlinker{FileUtils::NamedPipeCreator::ConstructPipeFilename(name)};
+    const std::uint32_t writers = type == "posix-pipe" ? 1 : 2;
+    const std::uint32_t count = reliable ? 1500 : 200;
+    PipeSignal full, go;
+    // Forked before the reader starts its threads.
+    std::vector<std::unique_ptr<ChildProcess>> children;
+    for (std::uint32_t id = 0; id < writers; ++id) {
+        children.emplace_back(new ChildProcess([&, id] {
+            ISubscriberPtr sink = SlotFactory::CreateSlotWriter(&cfg);
+            bool waited = !reliable && go.WaitFor();
+            bool refused = false;
+            for (std::uint32_t seq = 0; seq < count; ++seq) {
+                const std::string block = Block(id, seq);
+                sink->onNotify("ignored", block.data(), block.size());
+                while (Slot::LastWriteOutcome() == Slot::WriteOutcome::Refused) {
+                    refused = true;
+                    if (!waited) {
+                        full.Post();
+                        waited = go.WaitFor();
+                    }
+                    sched_yield();
+                    sink->onNotify("ignored", block.data(), block.size());
+                }
+            }
+            return waited && refused == reliable ? 0 : 3;
+        }));
+    }
+    for (std::uint32_t id = 0; reliable && id < writers; ++id) {
+        ASSERT_TRUE(full.WaitFor());
+    }
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = testsupport::MakeReader(std::get<1>(GetParam()), cfg, collector);
+    for (std::uint32_t id = 0; id < writers; ++id) {
+        go.Post();
+    }
+    for (const std::unique_ptr<ChildProcess>& child : children) {
+        const ChildResult written = child->Wait(std::chrono::seconds(120));
+        EXPECT_TRUE(written.Ok()) << written.Describe();
+    }
+
+    std::string stream;
+    for (std::uint32_t seq = 0; seq < count; ++seq) {
+        stream += Block(0, seq);
+    }
+    if (type == "posix-pipe") {
+        ASSERT_TRUE(collector->WaitForBytes(stream.size(), std::chrono::seconds(60)));
+        reader.reset();
+        EXPECT_EQ(stream, collector->Stream());
+        EXPECT_EQ(std::set<std::string>{name.str()}, collector->Names());
+        return;
+    }
+    // Until every block came, or (discarding) the last state, which is some writer's last block.
+    ASSERT_TRUE(testsupport::Eventually(
+        [&] {
+            const std::vector<Collector::Block> seen = collector->Blocks();
+            if (reliable) {
+                return seen.size() >= writers * count;
+            }
+            std::uint32_t id = 0, seq = 0;
+            return !seen.empty() && Numbers(seen.back().bytes, id, seq) && seq + 1 == count;
+        },
+        std::chrono::seconds(60)))
+        << collector->Count() << " blocks came";
+    reader.reset();
+    EXPECT_EQ(std::set<std::string>{name.str()}, collector->Names());
+    std::vector<std::int64_t> last(writers, -1);
+    for (const Collector::Block& b : collector->Blocks()) {
+        std::uint32_t id = 0, seq = 0;
+        ASSERT_TRUE(Numbers(b.bytes, id, seq) && id < writers && seq < count &&
+                    b.bytes == Block(id, seq))
+            << "torn or foreign";
+        ASSERT_LT(last[id], seq) << "writer " << id << ": repeated or older block";
+        if (reliable) {
+            ASSERT_EQ(last[id] + 1, seq) << "writer " << id << ": lost block";
+        }
+        last[id] = seq;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ReaderDelivery,
+                         testing::Combine(testing::Values("reliable", "discarding", "posix-pipe"),
+                                          testing::Values(Flavour::Notifying, Flavour::Spinning)),
+                         [](const testing::TestParamInfo<KindAndFlavour>& info) {
+                             std::string kind = std::get<0>(info.param);
+                             kind.erase(std::remove(kind.begin(), kind.end(), '-'), kind.end());
+                             return kind + testsupport::FlavourName(std::get<1>(info.param));
+                         });
+
+class DiscardingFlavour : public testing::TestWithParam<Flavour> {};
+
+// A discarding slot hands out its latest state once: writes made while the reader cannot read
+// merge into the last of them, and a state older than the update time is never delivered.
+TEST_P(DiscardingFlavour, DeliversTheLatestFreshStateOnce) {
+    ScopedSlotName name("latest");
+    const SimpleSlotCfg cfg = ReaderCfg(name, "discarding", pt::milliseconds(300));
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = testsupport::MakeReader(GetParam(), cfg, collector);
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+    {
+        // The writes queue up behind the lock held here and then race the reader.
+        slot->GetLockable()->lock();
+        std::thread writes([&] {
+            for (const char* s : {"one", "two", "three"}) {
+                writer->onNotify("", s, std::strlen(s));
+            }
+        });
+        // Nothing to synchronise on: the writes wait for the lock held here.
+        slot->GetLockable()->unlock();
+        writes.join();
+    }
+    // The reader may take the piled-up writes one by one or merged; it settles on "three".
+    const auto settledOnThree = [&] {
+        const std::vector<Collector::Block> seen = collector->Blocks();
+        return !seen.empty() && seen.back().bytes == "three";
+    };
+    ASSERT_TRUE(testsupport::Eventually(settledOnThree)) << "stuck at " << collector->Count();
+    const size_t settled = collector->Count();
+    // Written, then kept from the reader for longer than its update time: whenever the reader
+    // gets the lock, the block is old, so it expires unseen.
+    LogCapture log("Slot.Reader");
+    slot->GetLockable()->lock();
+    slot->WriteData("stale", 5);
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    slot->GetLockable()->unlock();
+    EXPECT_TRUE(testsupport::Eventually(
+        [&] { return log.CountPrefix("TRACE", "Data expired, write timestamp ") > 0; }));
+    WriteBlock(cfg, "fresh");
+    ASSERT_TRUE(collector->WaitFor(settled + 1));
+    // The next cycles find the same block and leave it.
+    EXPECT_TRUE(testsupport::Eventually(
+        [&] { return log.CountPrefix("TRACE", "Data has not changed, write timestamp ") > 0; }));
+    reader.reset();
+    const std::vector<Collector::Block> blocks = collector->Blocks();
+    ASSERT_EQ(settled + 1, blocks.size()) << "a block was delivered twice";
+    EXPECT_EQ("fresh", blocks.back().bytes);
+    for (const Collector::Block& b : blocks) {
+        EXPECT_NE("stale", b.bytes);
+    }
+    EXPECT_EQ("three", blocks[blocks.size() - 2].bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(Readers, DiscardingFlavour,
+                         testing::Values(Flavour::Notifying, Flavour::Spinning),
+                         [](const testing::TestParamInfo<Flavour>& info) {
+                             return testsupport::FlavourName(info.param);
+                         });
+
+// A write that lands while the reader thread is busy in a subscriber is not slept through: the
+// next wait returns at once and the block is still fresh. Slept through, it would be read one
+// update time late and then dropped as expired.
+TEST(DiscardingSlotReader, AWriteDuringTheNotificationIsDeliveredNext) {
+    ScopedSlotName name("busy");
+    boost::shared_ptr<ISlot> slot(
+        new DiscardingSlot(boost::interprocess::open_or_create, name.c_str(), 256));
+    Collector collector;
+    PipeSignal inSubscriber, release;
+    // Blocks the reader thread inside its notification of each "busy" block.
+    collector.action = [&] {
+        if (collector.Blocks().back().bytes.rfind("busy", 0) == 0) {
+            inSubscriber.Post();
+            release.WaitFor();
+        }
+    };
+    DiscardingSlotReader reader(slot, pt::seconds(2));
+    reader.subscribe(&collector);
+    reader.Init();
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        const size_t before = collector.Count();
+        SlotWriter(slot).onNotify("", "busy", 4);
+        ASSERT_TRUE(inSubscriber.WaitFor());
+        const std::string next = "next " + std::to_string(round);
+        SlotWriter(slot).onNotify("", next.data(), next.size());
+        release.Post();
+        ASSERT_TRUE(collector.WaitFor(before + 2))
+            << "the write made during the notification was lost";
+        EXPECT_EQ(next, collector.Blocks()[before + 1].bytes);
+    }
+}
+
+// One step drains the whole queue, oldest first, and returns the last block; an empty queue
+// gives nothing and notifies nobody.
+TEST(ReliableSlotReader, OneStepDrainsTheQueueOldestFirst) {
+    ScopedSlotName name("drain");
+    boost::shared_ptr<ISlot> slot(
+        new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), 256, 64));
+    for (int i = 0; i < 20; ++i) {
+        const std::string block = "block" + std::to_string(i);
+        slot->WriteData(block.data(), block.size());
+    }
+    Collector collector;
+    ReliableSlotReader reader(slot, pt::milliseconds(50));  // no thread: one step by hand
+    reader.subscribe(&collector);
+    shared::SizedArray last = reader.ReadAndNotify();
+    ASSERT_EQ(20u, collector.Count());
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ("block" + std::to_string(i), collector.Blocks()[i].bytes);
+    }
+    EXPECT_EQ("block19", std::string(last.data(), last.size()));
+    EXPECT_EQ(0u, slot->GetBufferLength());
+    EXPECT_TRUE(reader.ReadAndNotify().empty());
+    EXPECT_EQ(20u, collector.Count());
+}
+
+// A burst signalled once arrives in the wake-up of that signal, not by later time-outs.
+TEST(ReliableSlotReader, BurstSignalledOnceArrivesInOneWakeUp) {
+    ScopedSlotName name("burst");
+    boost::shared_ptr<ISlot> slot(
+        new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), 256, 64));
+    Collector collector;
+    ReliableSlotReader reader(slot, pt::seconds(2));
+    reader.subscribe(&collector);
+    reader.Init();
+    SlotWriter(slot).onNotify("", "warm-up", 7);
+    ASSERT_TRUE(collector.WaitFor(1));
+    LogCapture waits("InterprocCondition");
+    {
+        boost::interprocess::scoped_lock<shared::ILockable> lock(*slot->GetLockable());
+        for (int i = 0; i < 10; ++i) {
+            slot->WriteData(&i, sizeof(i));
+        }
+    }
+    slot->GetOnWriteCondition()->Notify();
+    ASSERT_TRUE(collector.WaitFor(11));
+    EXPECT_EQ(0u, waits.Count("TRACE", "Wait() : cv.timed_wait(...) returned 0"));
+}
+
+// Blocks waiting before the reader exists reach the subscriber given at creation, and the
+// reader keeps a share of that subscriber until it goes. Each wake-up drains the queue, also
+// with nobody subscribed, so writers never find it full for want of a subscriber.
+TEST(FactoryReader, FirstSubscriberGetsWhatWasWaitingAndTheQueueDrainsWithoutOne) {
+    ScopedSlotName name("first");
+    const SimpleSlotCfg cfg = ReaderCfg(name, "reliable");
+    for (int i = 0; i < 4; ++i) {
+        WriteBlock(cfg, "waiting" + std::to_string(i));
+    }
+    boost::shared_ptr<Collector> collector(new Collector);
+    {
+        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, collector);
+        for (int i = 4; i < 8; ++i) {
+            ASSERT_TRUE(collector->WaitFor(static_cast<size_t>(i)));
+            WriteBlock(cfg, "later" + std::to_string(i));
+        }
+        ASSERT_TRUE(collector->WaitFor(8));
+        EXPECT_EQ(2, collector.use_count()) << "the reader keeps a share of its first subscriber";
+    }
+    EXPECT_EQ(1, collector.use_count()) << "and lets it go with the reader";
+    const std::vector<Collector::Block> blocks = collector->Blocks();
+    ASSERT_EQ(8u, blocks.size());
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ((i < 4 ? "waiting" : "later") + std::to_string(i), blocks[i].bytes);
+    }
+
+    for (int i = 0; i < 4; ++i) {
+        WriteBlock(cfg, "unread" + std::to_string(i));
+    }
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg);
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+    EXPECT_TRUE(testsupport::Eventually([&] { return slot->GetBufferLength() == 0; }));
+}
+
+// The same for a named pipe: bytes written before the reader existed reach its first
+// subscriber.
+TEST(FactoryReader, FirstSubscriberOfAPipeGetsWhatWasWrittenBefore) {
+    ScopedSlotName name("firstpipe");
+    const SimpleSlotCfg cfg = ReaderCfg(name, "posix-pipe");
+    PipeUnlinker unlinker{FileUtils::NamedPipeCreator::ConstructPipeFilename(name)};
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+    writer->onNotify("", "early bytes", 11);
+    boost::shared_ptr<Collector> collector(new Collector);
+    {
+        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, collector);
+        // A pipe is a byte stream: the bytes may come in more than one notification.
+        EXPECT_TRUE(collector->WaitForBytes(11));
+    }
+    EXPECT_EQ(1, collector.use_count());
+    EXPECT_EQ("early bytes", collector->Stream());
+}
+
+// ---- the writer and the reader thread on a fake slot ----
+
+boost::shared_ptr<IBaseSlot> Unowned(FakeSlot& slot) {
+    return boost::shared_ptr<IBaseSlot>(&slot, [](IBaseSlot*) {});
+}
+
+TEST(SlotWriter, WritesUnderTheLockAndWakesReadersAfterwards) {
+    FakeSlot slot;
+    LogCapture log("Slot.Writer");
+    {
+        SlotWriter writer{Unowned(slot)};
+        writer.onNotify("a", "xyz", 3);
+        writer.onNotify("b", "xyz", 3);  // the topic is ignored: two identical blocks
+        writer.onNotify("c", "", 0);     // an empty block is still a write
+    }
+    EXPECT_TRUE(slot.lockHeldAtWrite);
+    EXPECT_EQ(3, slot.lock().locks);
+    EXPECT_EQ(3, slot.event().notifies);
+    EXPECT_EQ((std::deque<std::string>{"xyz", "xyz", ""}), slot.Blocks());
+    EXPECT_EQ((std::vector<std::string>{"write to 'fake'", "locked 'fake'", "unlocked 'fake'",
+                                        "write to 'fake'", "locked 'fake'", "unlocked 'fake'",
+                                        "write to 'fake'", "locked 'fake'", "unlocked 'fake'",
+                                        "~SlotWriter(), slot 'fake'"}),
+              log.Messages());
+}
+
+TEST(SlotWriter, FailedWriteUnlocksAndDoesNotWakeReaders) {
+    FakeSlot slot;
+    slot.writeThrows = [] { throw std::runtime_error("refused"); };
+    SlotWriter writer{Unowned(slot)};
+    EXPECT_THROW(writer.onNotify("", "x", 1), std::runtime_error);
+    EXPECT_TRUE(slot.lock().try_lock()) << "the slot must be unlocked after a failed write";
+    slot.lock().unlock();
+    EXPECT_EQ(0, slot.event().notifies);
+}
+
+TEST(BaseSlotReader, DeliversTheSlotNameAndExactBytesOutsideTheLock) {
+    boost::shared_ptr<FakeSlot> slot(new FakeSlot("position"));
+    LogCapture log("Slot.Reader");
+    Collector collector;
+    bool lockHeldInSubscriber = true;
+    collector.action = [&] { lockHeldInSubscriber = slot->lock().held; };
+    {
+        EveryBlockReader reader(slot, pt::milliseconds(20));
+        reader.subscribe(&collector);
+        reader.Init();
+        SlotWriter(Unowned(*slot)).onNotify("topic", "a\0b", 3);
+        ASSERT_TRUE(collector.WaitFor(1));
+    }
+    ASSERT_EQ(1u, collector.Count());
+    EXPECT_EQ("position", collector.Blocks()[0].name);
+    EXPECT_EQ(std::string("a\0b", 3), collector.Blocks()[0].bytes);
+    EXPECT_FALSE(lockHeldInSubscriber);
+    EXPECT_EQ(1u, log.Count("DEBUG", "Thread started"));
+    EXPECT_EQ(1u, log.Count("INFO", "Initialized"));
+    EXPECT_EQ(1u, log.Count("DEBUG", "Notified 3 bytes from 'position'"));
+    EXPECT_EQ(1u, log.Count("TRACE", "Unlocked position"));
+    EXPECT_LE(1u, log.Count("TRACE", "ReadAndNotify() : 'position'"));
+    EXPECT_LE(1u, log.Count("TRACE", "ReadAndNotify() : locked 'position'"));
+    EXPECT_EQ(1u, log.Count("DEBUG", "Thread shutdown for position"));
+    EXPECT_EQ(1u, log.Count("DEBUG", "~BaseSlotReader(), 'position'"));
+}
+
+TEST(BaseSlotReader, SurvivesThrowingSubscribers) {
+    boost::shared_ptr<FakeSlot> slot(new FakeSlot);
+    LogCapture log("Slot.Reader");
+    Collector collector;
+    int calls = 0;
+    collector.action = [&] {
+        ++calls;
+        if (calls == 1) {
+            throw std::runtime_error("boom");
+        }
+        if (calls == 2) {
+            throw 42;
+        }
+    };
+    EveryBlockReader reader(slot, pt::milliseconds(10));
+    reader.subscribe(&collector);
+    reader.Init();
+    for (size_t i = 1; i <= 3; ++i) {
+        SlotWriter(Unowned(*slot)).onNotify("", "x", 1);
+        ASSERT_TRUE(collector.WaitFor(i)) << "the reader must keep running after subscriber errors";
+    }
+    EXPECT_EQ(1u, log.Count("ERROR", "Exception in fake : boom"));
+    EXPECT_EQ(1u, log.Count("ERROR", "Unknown exception in fake"));
+}
+
+}  // namespace

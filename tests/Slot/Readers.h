@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Slot/SlotFactory.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace testsupport {
+
+// The two ways the factory makes a reader: one that sleeps on the write signal, and one that
+// spins first, longer than a hand-over takes, so that blocks arrive while it spins.
+enum class Flavour { Notifying, Spinning };
+
+inline std::string FlavourName(Flavour flavour) {
+    return flavour == Flavour::Notifying ? "Notifying" : "Spinning";
+}
+
+inline INotifierPtr MakeReader(Flavour flavour, const ISlotConfiguration& cfg,
+                               const ISubscriberPtr& first = ISubscriberPtr()) {
+    if (flavour == Flavour::Notifying) {
+        return SlotFactory::CreateSlotReader(&cfg, first);
+    }
+    // Short enough that the spinning threads of a test do not starve a loaded machine for long.
+    return SlotFactory::CreateSpinningSlotReader(&cfg, boost::posix_time::milliseconds(20), first);
+}
+
+// A discarding reader drops data older than its update time: generous for sanitized runs.
+inline SimpleSlotCfg ReaderCfg(
+    const std::string& name, const std::string& type,
+    const boost::posix_time::time_duration& update = boost::posix_time::milliseconds(500)) {
+    return SimpleSlotCfg(name, type, update, 4);
+}
+
+inline void WriteBlock(const ISlotConfiguration& cfg, const std::string& bytes) {
+    SlotFactory::CreateSlotWriter(&cfg)->onNotify("", bytes.data(), bytes.size());
+}
+
+}  // namespace testsupport
