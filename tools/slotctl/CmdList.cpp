@@ -2,7 +2,6 @@
 // slotctl ls / info: what is there, as the library's inspection sees it, without disturbing it.
 #include "Cli.h"
 #include "Commands.h"
-#include "Listing.h"
 #include "Names.h"
 #include "Recording.h"
 
@@ -50,24 +49,6 @@ std::string ReaderText(const SlotReport& report) {
 std::string LastWriteCell(const SlotReport& report) {
     const std::string text = LastWriteText(report);
     return text.empty() ? "-" : text;
-}
-
-// "12s", "5m", "3h", "2d": since the object was made (its status change time).
-std::string AgeText(double seconds) {
-    if (seconds < 0) {
-        return "-";
-    }
-    const auto s = static_cast<std::uint64_t>(seconds);
-    if (s < 120) {
-        return std::to_string(s) + "s";
-    }
-    if (s < 7200) {
-        return std::to_string(s / 60) + "m";
-    }
-    if (s < 172800) {
-        return std::to_string(s / 3600) + "h";
-    }
-    return std::to_string(s / 86400) + "d";
 }
 
 // What a held lock means, for the NOTE column and for info.
@@ -306,10 +287,6 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
         std::cout << out.str() << std::flush;
     }
     return ExitOk;
-}
-
-std::string ListAgeText(double seconds) {
-    return AgeText(seconds);
 }
 
 }  // namespace slotctl

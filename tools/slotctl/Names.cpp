@@ -5,6 +5,7 @@
 #include <Slot/SlotReportJson.h>
 
 #include <sys/stat.h>
+#include <cstdint>
 
 namespace slotctl {
 
@@ -23,6 +24,23 @@ bool ShmExists(const std::string& object) {
 
 std::string FormatTime(const boost::posix_time::ptime& time) {
     return Slot::TimeText(time);
+}
+
+std::string AgeText(double seconds) {
+    if (seconds < 0) {
+        return "-";
+    }
+    const auto s = static_cast<std::uint64_t>(seconds);
+    if (s < 120) {
+        return std::to_string(s) + "s";
+    }
+    if (s < 7200) {
+        return std::to_string(s / 60) + "m";
+    }
+    if (s < 172800) {
+        return std::to_string(s / 3600) + "h";
+    }
+    return std::to_string(s / 86400) + "d";
 }
 
 }  // namespace slotctl

@@ -19,4 +19,7 @@ bool ShmExists(const std::string& object);
 // "2026-11-22T10:00:01.123456Z", or "never" for not_a_date_time.
 std::string FormatTime(const boost::posix_time::ptime& time);
 
+// "12s", "5m", "3h", "2d": an age as ls's AGE column shows it; "-" when negative (unknown).
+std::string AgeText(double seconds);
+
 }  // namespace slotctl

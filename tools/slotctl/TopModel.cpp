@@ -2,7 +2,7 @@
 #include "TopModel.h"
 
 #include "Cli.h"
-#include "Listing.h"
+#include "Names.h"
 #include "WriteRate.h"
 
 #include <Slot/SlotText.h>
@@ -151,7 +151,7 @@ std::string FitColumns(const std::string& text, std::size_t columns, const char*
 }
 
 std::string WriteAgeText(double seconds) {
-    return seconds < 0 ? "-" : ListAgeText(seconds);
+    return seconds < 0 ? "-" : AgeText(seconds);
 }
 
 namespace {
