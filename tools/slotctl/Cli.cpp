@@ -6,6 +6,7 @@
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotNames.h>
 
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -167,6 +168,21 @@ std::string Padded(const std::string& text, size_t width) {
 
 std::string RightAligned(const std::string& text, size_t width) {
     return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
+}
+
+bool WriteOut(const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(STDOUT_FILENO, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
 }
 
 }  // namespace slotctl

@@ -92,4 +92,7 @@ std::string Join(const std::vector<std::string>& parts);
 std::string Padded(const std::string& text, size_t width);
 std::string RightAligned(const std::string& text, size_t width);
 
+// Writes all of `bytes` to standard output; false when it is gone (EPIPE) or fails.
+bool WriteOut(const std::string& bytes);
+
 }  // namespace slotctl

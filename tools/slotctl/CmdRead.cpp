@@ -78,22 +78,6 @@ private:
     std::deque<Block> blocks_;  // guarded by mutex_
 };
 
-// Writes everything; false when standard output is gone (EPIPE) or fails.
-bool WriteOut(const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(STDOUT_FILENO, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 }  // namespace
 
 int RunRead(const Context&, const std::vector<std::string>& args) {

@@ -39,21 +39,6 @@ boost::posix_time::ptime TimeOf(std::uint64_t ns) {
            boost::posix_time::microseconds(static_cast<long>((ns % 1000000000) / 1000));
 }
 
-bool WriteOut(const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(STDOUT_FILENO, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Reads a recording, turning a file that cannot be opened into a command error.
 mcap::ReadResult ReadFile(
     const std::string& path,
