@@ -784,8 +784,8 @@ ReadResult Read(const std::string& path,
         }
         first = false;
         if (length > std::uint64_t(SIZE_MAX / 2)) {
-            result.problem = "a record of " + std::to_string(length) +
-                             " bytes, more than this build can hold";
+            result.problem =
+                "a record of " + std::to_string(length) + " bytes, more than this build can hold";
             return result;
         }
         if (length > size - offset - RecordHead) {
