@@ -149,6 +149,11 @@ struct Source : public shared::ISubscriber {
                 (!numbered || static_cast<std::int32_t>(sample.writeSequence - lastSequence) > 0)) {
                 sequence = sample.writeSequence;
             }
+            // The writer counts its write after the block is there to take: a first look that
+            // finds no write counted yet sees that write, the first.
+            if (!numbered && sample.valid && sequence == 0) {
+                sequence = 1;
+            }
         }
         numbered = true;
         lastSequence = sequence;

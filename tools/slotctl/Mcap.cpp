@@ -783,15 +783,16 @@ ReadResult Read(const std::string& path,
             return result;
         }
         first = false;
-        if (length > std::uint64_t(SIZE_MAX / 2)) {
-            result.problem =
-                "a record of " + std::to_string(length) + " bytes, more than this build can hold";
-            return result;
-        }
         if (length > size - offset - RecordHead) {
             result.cutShort = true;
             result.problem =
                 "the file ends inside a record of " + std::to_string(length) + " bytes";
+            return result;
+        }
+        // Within the file, but more than a 32-bit build can address.
+        if (length > std::uint64_t(SIZE_MAX / 2)) {
+            result.problem =
+                "a record of " + std::to_string(length) + " bytes, more than this build can hold";
             return result;
         }
         if (opcode == OpDataEnd) {

@@ -33,7 +33,16 @@ fill() {
 for i in $(seq 1 30); do printf 'block %02d %s\n' "$i" "$(head -c $((i * 3)) /dev/zero | tr '\0' x)"; done > blocks
 n=$(wc -l < blocks)
 
-for compression in none zstd; do
+# A slotctl built without libzstd (the i386 build) records plain files only: say so, check those.
+# (The name with "/" is refused after the compression is checked: nothing is recorded.)
+compressions=(none zstd)
+probe=$("$slotctl" record -o probe.mcap --compression zstd "no/slot" 2>&1 || true)
+if [[ $probe == *"zstd is not built in"* ]]; then
+    echo "interop.sh: this slotctl has no zstd: zstd-chunked files are NOT checked" >&2
+    compressions=(none)
+fi
+
+for compression in "${compressions[@]}"; do
     fill "${prefix}$compression" blocks
     "$slotctl" record -o "$compression.mcap" --compression $compression --count "$n" \
         "${prefix}$compression" 2> /dev/null
@@ -47,7 +56,7 @@ files=(split-*.mcap)
 check verify reliable blocks "${files[@]}"
 
 # Killed once every block is in the file (a zstd chunk closes within a second).
-for compression in none zstd; do
+for compression in "${compressions[@]}"; do
     fill "${prefix}kill$compression" blocks
     "$slotctl" record -o "kill$compression.mcap" --compression $compression \
         "${prefix}kill$compression" 2> /dev/null &
