@@ -50,6 +50,17 @@ std::size_t Utf8SequenceAt(const std::string& text, std::size_t at, std::uint32_
     return length;
 }
 
+namespace {
+
+// The text \xNN of one byte, as both escapings show a byte they cannot show as it is.
+void AppendByteEscape(std::string& out, char byte) {
+    char hex[8];
+    std::snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned char>(byte));
+    out += hex;
+}
+
+}  // namespace
+
 std::string Printable(const std::string& text) {
     std::string out;
     out.reserve(text.size());
@@ -62,9 +73,7 @@ std::string Printable(const std::string& text) {
             // One escape per byte, also for an encoded C1 control (two bytes).
             length = length == 0 ? 1 : length;
             for (std::size_t k = 0; k < length; ++k) {
-                char hex[8];
-                std::snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned char>(text[i + k]));
-                out += hex;
+                AppendByteEscape(out, text[i + k]);
             }
         }
         i += length;
@@ -79,9 +88,7 @@ std::string JsonText(const std::string& text) {
         std::uint32_t codePoint = 0;
         const std::size_t length = Utf8SequenceAt(text, i, codePoint);
         if (length == 0) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\x%02x", static_cast<unsigned char>(text[i]));
-            out += escaped;
+            AppendByteEscape(out, text[i]);
             ++i;
         } else {
             out.append(text, i, length);
