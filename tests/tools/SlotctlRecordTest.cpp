@@ -292,7 +292,10 @@ TEST(SlotctlRecord, WritesTheRecorderNeverSawAreGaps) {
         gaps += recorded.sequences[i] - recorded.sequences[i - 1] - 1;
     }
     EXPECT_GT(gaps, 0u);
-    EXPECT_EQ(static_cast<std::uint64_t>(writes), recorded.blocks.size() + gaps);
+    // A write is counted just after its block can be taken: the first block's number may be
+    // one write early, never more.
+    EXPECT_GE(recorded.blocks.size() + gaps, static_cast<std::uint64_t>(writes));
+    EXPECT_LE(recorded.blocks.size() + gaps, static_cast<std::uint64_t>(writes) + 1);
     EXPECT_TRUE(Contains(run.err, std::to_string(gaps) + " gap")) << run.Describe();
     EXPECT_TRUE(Contains(run.err, "did not keep up")) << run.Describe();
 }

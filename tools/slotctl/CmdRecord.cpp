@@ -143,16 +143,13 @@ struct Source : public shared::ISubscriber {
         if (discarding) {
             // The slot's write counter now: writes this reader never saw show as gaps. A write
             // that lands between the take and this look numbers the block a little high; the
-            // next block's number is right again.
+            // next block's number is right again. The writer counts a write just after its
+            // block can be taken, so a look may also come one write early: a block's number
+            // is exact to one write.
             const SlotActivitySample sample = SlotActivity::Sample(cfg.GetName());
             if (sample.valid &&
                 (!numbered || static_cast<std::int32_t>(sample.writeSequence - lastSequence) > 0)) {
                 sequence = sample.writeSequence;
-            }
-            // The writer counts its write after the block is there to take: a first look that
-            // finds no write counted yet sees that write, the first.
-            if (!numbered && sample.valid && sequence == 0) {
-                sequence = 1;
             }
         }
         numbered = true;
