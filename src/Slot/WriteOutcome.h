@@ -21,13 +21,12 @@
 /// Every write through a "discarding" or "reliable" slot (`SlotWriter`, `SimpleSlotRW`, a
 /// direct `WriteData`) and through the writer of a "posix-pipe" slot is recorded:
 ///
-/// | outcome | discarding | reliable | posix-pipe |
-/// |---|---|---|---|
-/// | Stored | in the queue | in the queue | written whole |
-/// | Discarded | in the queue, the block waiting there was thrown away | - | - |
-/// | Refused | larger than the maximum size, or lost to another writer | full, or too large | the
-/// pipe stayed full, block dropped | | Failed | queue error | queue error | write error, the pipe
-/// is not open, or part of a block dropped |
+/// - `Stored`: discarding and reliable: in the queue; posix-pipe: written whole.
+/// - `Discarded`: discarding only: in the queue, the block waiting there was thrown away.
+/// - `Refused`: discarding: larger than the maximum size, or lost to another writer; reliable:
+///   full, or too large; posix-pipe: the pipe stayed full, block dropped.
+/// - `Failed`: discarding and reliable: queue error; posix-pipe: write error, the pipe is not
+///   open, or part of a block dropped.
 ///
 /// The last outcome belongs to the calling thread (a write made by a reader thread or a
 /// notifier's thread is seen there). The counts are per slot name and per process, summed
