@@ -75,6 +75,7 @@ public:
         return true;
     }
     void Send(const char* data, size_t size) override {
+        std::uint64_t giveUpNs = 0;
         for (unsigned int attempt = 0;; ++attempt) {
             bool sent = false;
             publisher_.loan(static_cast<std::uint32_t>(size)).and_then([&](void* payload) {
@@ -85,8 +86,18 @@ public:
             if (sent) {
                 return;
             }
-            // The chunk pool is exhausted for the moment: count it and try again.
+            // The chunk pool is exhausted for the moment: count it and try again. A block that
+            // fits no pool of RouDi never gets a chunk; say so instead of retrying until the
+            // run's deadline.
             ++refusals_;
+            const std::uint64_t now = NowNs();
+            if (giveUpNs == 0) {
+                giveUpNs = now + 5000000000ull;
+            } else if (now >= giveUpNs) {
+                throw std::runtime_error("iceoryx: no chunk for a block of " +
+                                         std::to_string(size) +
+                                         " bytes for 5 s (RouDi's chunk pools: bench/roudi.toml)");
+            }
             std::this_thread::sleep_for(std::chrono::microseconds(attempt < 10 ? 5 : 100));
         }
     }

@@ -109,7 +109,10 @@ private:
     std::vector<char> pending_;
 };
 
-// Transport names, in report order; `available` is false for peers not built in.
+// The catalogue of what is measured, in report order: one entry per transport, with what it is
+// measured in and the functions that make its two ends. Adding a transport is one entry here
+// plus its adapter (a Sender, a Receiver and, where objects must exist before the children
+// start, a prepare/cleanup pair).
 struct TransportInfo {
     std::string name;
     std::string label;
@@ -117,6 +120,19 @@ struct TransportInfo {
     bool latency;
     bool throughput;
     bool multiWriter;
+    bool spinning;    // the reader busy-polls: set beside the spinning floor
+    size_t maxBlock;  // largest block size measured; 0: every size of the plan
+    // Parent side, may be null: creates what must exist before the children start (FIFO,
+    // condition segment, socket pair) and removes everything of the run, also after a failure.
+    void (*prepare)(RunParams& params);
+    void (*cleanup)(RunParams& params);
+    // Child side; null for a peer whose package was not found at configure time.
+    std::unique_ptr<Sender> (*makeSender)(const RunParams& params);
+    std::unique_ptr<Receiver> (*makeReceiver)(const RunParams& params);
+    // Why the transport cannot run here, or "" when it can; null: it always can.
+    std::string (*unavailable)();
+
+    bool MeasuredAt(size_t blockSize) const { return maxBlock == 0 || blockSize <= maxBlock; }
 };
 const std::vector<TransportInfo>& Transports();
 const TransportInfo* FindTransport(const std::string& name);
@@ -124,11 +140,9 @@ const TransportInfo* FindTransport(const std::string& name);
 // Why a transport cannot run here, or "" when it can.
 std::string TransportUnavailable(const std::string& name);
 
-// Parent side: creates what must exist before the children start (FIFO, condition segment,
-// socket pair) and removes everything of the run afterwards, also after a failure.
+// The catalogue's functions for the transport of `params`.
 void PrepareTransport(RunParams& params);
 void CleanupTransport(RunParams& params);
-
 std::unique_ptr<Sender> MakeSender(const RunParams& params);
 std::unique_ptr<Receiver> MakeReceiver(const RunParams& params);
 
