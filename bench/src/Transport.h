@@ -140,7 +140,8 @@ const TransportInfo* FindTransport(const std::string& name);
 // Why a transport cannot run here, or "" when it can.
 std::string TransportUnavailable(const std::string& name);
 
-// The catalogue's functions for the transport of `params`.
+// The catalogue's functions for the transport of `params`. A run that names no transport (the
+// scale roles open their slots themselves) has nothing to prepare or clean up.
 void PrepareTransport(RunParams& params);
 void CleanupTransport(RunParams& params);
 std::unique_ptr<Sender> MakeSender(const RunParams& params);

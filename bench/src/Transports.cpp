@@ -842,6 +842,9 @@ std::string TransportUnavailable(const std::string& name) {
 }
 
 void PrepareTransport(RunParams& params) {
+    if (params.transport.empty()) {
+        return;
+    }
     const TransportInfo& t = Info(params.transport);
     if (t.prepare != nullptr) {
         t.prepare(params);
@@ -849,6 +852,9 @@ void PrepareTransport(RunParams& params) {
 }
 
 void CleanupTransport(RunParams& params) {
+    if (params.transport.empty()) {
+        return;
+    }
     const TransportInfo& t = Info(params.transport);
     if (t.cleanup != nullptr) {
         t.cleanup(params);
