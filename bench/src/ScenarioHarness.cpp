@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 namespace bench {
@@ -103,18 +104,30 @@ std::uint64_t GraceNs(const RunParams& params) {
                                    static_cast<std::uint64_t>(params.updateTimeMs * 2e6));
 }
 
-void SendBlock(Sender& sender, const char* block, size_t size, std::uint64_t seq,
-               const std::string& inject) {
+void SendBlock(Sender& sender, char* block, size_t size, std::uint64_t seq,
+               const std::string& inject, bool stamp) {
     if (inject == "drop" && seq == 5) {
         return;
     }
+    std::vector<char> corrupted;
+    char* source = block;
     if (inject == "corrupt" && seq == 7) {
-        std::vector<char> copy(block, block + size);
-        copy[size - 1] ^= 0x5a;
-        sender.Send(copy.data(), size);
+        corrupted.assign(block, block + size);
+        corrupted[size - 1] ^= 0x5a;
+        source = corrupted.data();
+    }
+    if (char* loan = sender.Loan(size)) {
+        std::memcpy(loan, source, size);
+        if (stamp) {
+            StampSend(loan, NowNs());
+        }
+        sender.Publish(loan, size);
         return;
     }
-    sender.Send(block, size);
+    if (stamp) {
+        StampSend(source, NowNs());
+    }
+    sender.Send(source, size);
 }
 
 void CloseSender(const RunParams& params, std::unique_ptr<Sender>& sender) {

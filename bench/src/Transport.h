@@ -43,6 +43,18 @@ public:
     // Hands one block to the transport. Returns once the transport has accepted it; a transport
     // that refuses blocks (a full reliable slot) is retried here and the refusals counted.
     virtual void Send(const char* data, size_t size) = 0;
+    // A transport that lends its own shared memory returns here a writable block of `size`
+    // bytes, which the writer fills in place and hands over with Publish; a loan that cannot be
+    // had yet is waited for (and counted as a refusal) here. nullptr, the default: the
+    // transport takes blocks by copy through Send.
+    virtual char* Loan(size_t size) {
+        (void)size;
+        return nullptr;
+    }
+    virtual void Publish(char* block, size_t size) {
+        (void)block;
+        (void)size;
+    }
     virtual std::uint64_t Refusals() const { return 0; }
     // Called once all processes are ready and before the first measured block: a transport
     // whose subscription settles asynchronously (ZeroMQ, iceoryx) waits here until a block
@@ -155,6 +167,7 @@ std::string ZmqVersion();
 #endif
 #ifdef SLOTBENCH_HAVE_ICEORYX
 std::unique_ptr<Sender> MakeIceoryxSender(const RunParams& params);
+std::unique_ptr<Sender> MakeIceoryxLoanSender(const RunParams& params);
 std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunParams& params);
 #endif
 

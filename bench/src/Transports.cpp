@@ -738,9 +738,11 @@ const ReceiverMaker kZmqReceiver = nullptr;
 #endif
 #ifdef SLOTBENCH_HAVE_ICEORYX
 const SenderMaker kIceoryxSender = MakeIceoryxSender;
+const SenderMaker kIceoryxLoanSender = MakeIceoryxLoanSender;
 const ReceiverMaker kIceoryxReceiver = MakeIceoryxReceiver;
 #else
 const SenderMaker kIceoryxSender = nullptr;
+const SenderMaker kIceoryxLoanSender = nullptr;
 const ReceiverMaker kIceoryxReceiver = nullptr;
 #endif
 
@@ -814,6 +816,9 @@ const std::vector<TransportInfo>& Transports() {
          kZmqSender, kZmqReceiver, ZmqUnavailable},
         {"iceoryx", "iceoryx (WaitSet)", false, true, true, false, false, 0, nullptr, nullptr,
          kIceoryxSender, kIceoryxReceiver, IceoryxUnavailable},
+        // The same, with the writer filling the loaned chunk in place: zero copy.
+        {"iceoryx-loan", "iceoryx, filled in place", false, true, true, false, false, 0, nullptr,
+         nullptr, kIceoryxLoanSender, kIceoryxReceiver, IceoryxUnavailable},
     };
     return all;
 }
