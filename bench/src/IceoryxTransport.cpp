@@ -2,8 +2,10 @@
 // iceoryx peer: an untyped publisher and an untyped subscriber woken by a WaitSet, through the
 // RouDi daemon that bench/run starts and stops. The writer copies each block into a loaned
 // chunk (the slot writer also starts from a block in its own memory); the reader checks the
-// block in place in the shared chunk, so iceoryx makes one copy per block. A full subscriber
-// queue blocks the publisher (WAIT_FOR_CONSUMER / BLOCK_PRODUCER): nothing is dropped.
+// block in place in the shared chunk, so iceoryx makes one copy per block. In the second
+// variant the writer makes its block straight in the loaned chunk and times it from the
+// publication: the hand-over copies nothing. A full subscriber queue blocks the publisher
+// (WAIT_FOR_CONSUMER / BLOCK_PRODUCER): nothing is dropped.
 #ifdef SLOTBENCH_HAVE_ICEORYX
 
 #include "Transport.h"
@@ -62,8 +64,11 @@ iox::popo::SubscriberOptions SubscriberOptionsFor(const RunParams& params) {
 
 class IceoryxSender : public Sender {
 public:
-    explicit IceoryxSender(const RunParams& params)
-        : publisher_((InitRuntimeOnce(), Service(params)), PublisherOptionsFor()) {}
+    // With `inPlace` the writer fills each block straight into its loaned chunk (Loan and
+    // Publish) instead of handing over a block of its own memory, which Send copies into one.
+    IceoryxSender(const RunParams& params, bool inPlace)
+        : publisher_((InitRuntimeOnce(), Service(params)), PublisherOptionsFor()),
+          inPlace_(inPlace) {}
     bool Warmup(std::uint64_t deadlineNs) override {
         // The subscriber's connection is made by RouDi asynchronously.
         while (!publisher_.hasSubscribers()) {
@@ -75,25 +80,43 @@ public:
         return true;
     }
     void Send(const char* data, size_t size) override {
-        for (unsigned int attempt = 0;; ++attempt) {
-            bool sent = false;
-            publisher_.loan(static_cast<std::uint32_t>(size)).and_then([&](void* payload) {
-                std::memcpy(payload, data, size);
-                publisher_.publish(payload);
-                sent = true;
-            });
-            if (sent) {
-                return;
-            }
-            // The chunk pool is exhausted for the moment: count it and try again.
-            ++refusals_;
-            std::this_thread::sleep_for(std::chrono::microseconds(attempt < 10 ? 5 : 100));
-        }
+        char* chunk = LoanChunk(size);
+        std::memcpy(chunk, data, size);
+        publisher_.publish(chunk);
     }
+    char* Loan(size_t size) override { return inPlace_ ? LoanChunk(size) : nullptr; }
+    void Publish(char* block, size_t) override { publisher_.publish(block); }
     std::uint64_t Refusals() const override { return refusals_; }
 
 private:
+    char* LoanChunk(size_t size) {
+        std::uint64_t giveUpNs = 0;
+        for (unsigned int attempt = 0;; ++attempt) {
+            char* chunk = nullptr;
+            publisher_.loan(static_cast<std::uint32_t>(size)).and_then([&](void* payload) {
+                chunk = static_cast<char*>(payload);
+            });
+            if (chunk != nullptr) {
+                return chunk;
+            }
+            // The chunk pool is exhausted for the moment: count it and try again. A block that
+            // fits no pool of RouDi never gets a chunk; say so instead of retrying until the
+            // run's deadline.
+            ++refusals_;
+            const std::uint64_t now = NowNs();
+            if (giveUpNs == 0) {
+                giveUpNs = now + 5000000000ull;
+            } else if (now >= giveUpNs) {
+                throw std::runtime_error("iceoryx: no chunk for a block of " +
+                                         std::to_string(size) +
+                                         " bytes for 5 s (RouDi's chunk pools: bench/roudi.toml)");
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(attempt < 10 ? 5 : 100));
+        }
+    }
+
     iox::popo::UntypedPublisher publisher_;
+    bool inPlace_;
     std::uint64_t refusals_ = 0;
 };
 
@@ -133,7 +156,11 @@ private:
 }  // namespace
 
 std::unique_ptr<Sender> MakeIceoryxSender(const RunParams& params) {
-    return std::unique_ptr<Sender>(new IceoryxSender(params));
+    return std::unique_ptr<Sender>(new IceoryxSender(params, false));
+}
+
+std::unique_ptr<Sender> MakeIceoryxLoanSender(const RunParams& params) {
+    return std::unique_ptr<Sender>(new IceoryxSender(params, true));
 }
 
 std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunParams& params) {

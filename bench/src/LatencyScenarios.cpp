@@ -52,8 +52,7 @@ int LatencyWriter(const KeyValues& kv, RunParams& params) {
     const std::uint64_t cpu0 = ProcessCpuNs();
     for (size_t seq = 0; seq < run.count; ++seq) {
         char* block = source.Prepare(seq);
-        StampSend(block, NowNs());
-        SendBlock(*sender, block, params.blockSize, seq, inject);
+        SendBlock(*sender, block, params.blockSize, seq, inject, true);
         if (!pacer.AwaitAck()) {
             break;
         }

@@ -33,7 +33,7 @@ std::vector<MemcpyResult> MeasureMemcpy(const Plan& plan) {
             asm volatile("" : : "r"(bigDst.data()) : "memory");
         }
     }
-    for (size_t size : plan.latencySizes) {
+    for (size_t size : plan.AllSizes()) {
         MemcpyResult m;
         m.size = size;
         std::vector<char> src(size, 3);

@@ -18,6 +18,9 @@ std::string Label(const std::string& transport) {
 }
 
 std::string SizeText(size_t size) {
+    if (size >= (1u << 20) && size % (1u << 20) == 0) {
+        return std::to_string(size >> 20) + " MiB";
+    }
     if (size >= 1024 && size % 1024 == 0) {
         return std::to_string(size / 1024) + " KiB";
     }
@@ -206,6 +209,111 @@ void WriteTargets(std::ostream& md, const Results& r) {
     md << "\n";
 }
 
+// The block sizes that large-block transports are compared at.
+const size_t kComparedSizes[] = {64, 65536, 1u << 20, 4u << 20};
+constexpr size_t kSmall = 64, kLarge = 4u << 20, kThroughputSize = 1u << 20;
+
+void WriteSizes(std::ostream& md, const Results& r) {
+    md << "## Block sizes side by side\n\n"
+       << "The transports measured with blocks above 64 KiB, at the sizes they are compared at, "
+          "from the latency and throughput sections of this run (throughput: 1 writer, median "
+          "round). The memcpy row is one copy in one process over a slot queue's worth of "
+          "memory (depth × block, at most 32 MiB): the cost of each copy a transport makes.\n\n"
+       << "| transport | block | p50 µs | p99 µs | MB/s | p50 ÷ own p50 at 64 B |\n"
+       << "|---|---:|---:|---:|---:|---:|\n";
+    for (const TransportInfo& t : Transports()) {
+        if (t.maxBlock != 0) {
+            continue;
+        }
+        const LatencyResult* small = FindLatency(r, t.name, kSmall);
+        for (size_t size : kComparedSizes) {
+            const LatencyResult* l = FindLatency(r, t.name, size);
+            const ThroughputResult* x = FindThroughput(r, t.name, size, 1);
+            if (l == nullptr && x == nullptr) {
+                continue;
+            }
+            md << "| " << t.label << " | " << SizeText(size) << " | " << (l ? Us(l->p.p50) : "–")
+               << " | " << (l ? Us(l->p.p99) : "–") << " | "
+               << (x ? FormatDouble(x->megabytesPerSecond, 0) : "–") << " | "
+               << (l && small ? Ratio(l->p.p50, small->p.p50) : "–") << " |\n";
+        }
+    }
+    for (size_t size : kComparedSizes) {
+        const MemcpyResult* m = FindMemcpy(r, size);
+        if (m == nullptr || !(m->queueGBps > 0)) {
+            continue;
+        }
+        const double ns = static_cast<double>(size) / m->queueGBps;
+        md << "| memcpy, one copy | " << SizeText(size) << " | " << Us(ns) << " | – | "
+           << FormatDouble(m->queueGBps * 1e3, 0) << " | – |\n";
+    }
+    md << "\n";
+}
+
+}  // namespace
+
+TargetRatios ComputeTargetRatios(const Results& r, const std::string& transport) {
+    TargetRatios t;
+    const LatencyResult* small = FindLatency(r, transport, kSmall);
+    const LatencyResult* large = FindLatency(r, transport, kLarge);
+    const LatencyResult* reliable = FindLatency(r, "slot-reliable", kSmall);
+    const LatencyResult* floor = FindLatency(r, "floor-spin", kSmall);
+    const ThroughputResult* own = FindThroughput(r, transport, kThroughputSize, 1);
+    const ThroughputResult* iceoryx = FindThroughput(r, "iceoryx", kThroughputSize, 1);
+    auto ratio = [](double a, double b) { return a > 0 && b > 0 ? a / b : 0.0; };
+    if (small != nullptr) {
+        t.flat = large ? ratio(large->p.p50, small->p.p50) : 0;
+        t.vsReliable = reliable ? ratio(small->p.p50, reliable->p.p50) : 0;
+        t.vsFloor = floor ? ratio(small->p.p50, floor->p.p50) : 0;
+    }
+    if (own != nullptr && iceoryx != nullptr) {
+        t.vsIceoryx = ratio(own->megabytesPerSecond, iceoryx->megabytesPerSecond);
+    }
+    return t;
+}
+
+namespace {
+
+// "1.23× met", "4.56× **missed**", or "–" when a figure is missing; no verdict without a goal.
+std::string Verdict(double ratio, double goal, bool atMost, bool hasGoal = true) {
+    if (!(ratio > 0)) {
+        return "–";
+    }
+    const std::string text = FormatDouble(ratio, ratio < 10 ? 2 : 1) + "×";
+    if (!hasGoal) {
+        return text;
+    }
+    const bool met = atMost ? ratio <= goal : ratio >= goal;
+    return text + (met ? " met" : " **missed**");
+}
+
+void WriteTargetRatios(std::ostream& md, const Results& r) {
+    md << "## Ratios set as targets for zero-copy transports\n\n"
+       << "For every transport of this run, the ratios that a zero-copy transport is held to, "
+          "all from this run: p50 latency at 4 MiB ÷ its own p50 at 64 B (flat in the block "
+          "size: ≤ 1.5×); throughput at 1 MiB, 1 writer ÷ iceoryx's (≥ 1.0×); p50 at 64 B ÷ the "
+          "reliable slot's (≤ 1.0×); p50 at 64 B ÷ the spinning floor's (≤ 3×, a goal for "
+          "readers that busy-poll; shown without a verdict for the others). The slots and the "
+          "peers are here for reference: the goals are the zero-copy transports' own.\n\n"
+       << "| transport | p50 4 MiB ÷ p50 64 B | MB/s 1 MiB ÷ iceoryx | p50 64 B ÷ slot reliable | "
+          "p50 64 B ÷ spinning floor |\n"
+       << "|---|---:|---:|---:|---:|\n";
+    for (const TransportInfo& t : Transports()) {
+        bool any = false;
+        for (size_t size : r.plan.AllSizes()) {
+            any = any || FindLatency(r, t.name, size) || FindThroughput(r, t.name, size, 1);
+        }
+        if (!any) {
+            continue;
+        }
+        const TargetRatios x = ComputeTargetRatios(r, t.name);
+        md << "| " << t.label << " | " << Verdict(x.flat, 1.5, true) << " | "
+           << Verdict(x.vsIceoryx, 1.0, false) << " | " << Verdict(x.vsReliable, 1.0, true) << " | "
+           << Verdict(x.vsFloor, 3.0, true, t.spinning) << " |\n";
+    }
+    md << "\n";
+}
+
 void WriteLatency(std::ostream& md, const Results& r) {
     md << "## One-way latency, paced\n\n"
        << "From just before the writer hands the block over (`SlotWriter::onNotify` for slots) "
@@ -218,12 +326,19 @@ void WriteLatency(std::ostream& md, const Results& r) {
        << r.plan.latencyCount << " blocks per row in " << r.plan.rounds
        << " round(s) (each round visits every transport and size before the next begins; the "
           "samples are merged), the first "
-       << r.plan.latencyWarmup
-       << " not counted. µs; ratios against the condvar floor of the same size. CPU per block "
-          "includes the pacing (the writer's pause and its wait for the acknowledgement).\n\n";
+       << r.plan.latencyWarmup << " not counted; rows of blocks above 64 KiB carry at most "
+       << r.plan.latencyBytes / (1u << 20) << " MiB and at least " << r.plan.latencyLeastCount
+       << " blocks (the warm-up scaled alike), so their p99.9 is rough. µs; ratios against the "
+          "condvar floor of the same size. CPU per block includes the pacing (the writer's pause "
+          "and its wait for the acknowledgement). The spinning floor hands a 64-byte block over "
+          "through one cache line of shared memory: the writer stores the block and then its "
+          "sequence number, the reader spins on that word and checks the block in place, with "
+          "no lock and no system call (the acknowledgement back is the harness's, as for every "
+          "row, and not timed).\n\n";
     for (size_t size : r.plan.latencySizes) {
         const LatencyResult* floor = FindLatency(r, "floor-condvar", size);
-        md << "### " << SizeText(size) << " blocks\n\n"
+        md << "### " << SizeText(size) << " blocks (" << r.plan.LatencyCount(size)
+           << " per row)\n\n"
            << "| transport | p50 | p99 | p99.9 | max | p50 ÷ floor | p99 ÷ floor | "
               "writer CPU µs/block | reader CPU µs/block |\n"
            << "|---|---:|---:|---:|---:|---:|---:|---:|---:|\n";
@@ -293,8 +408,8 @@ void WriteThroughput(std::ostream& md, const Results& r) {
           "same writer count and block size.\n\n";
     for (size_t size : r.plan.throughputSizes) {
         const double bound = SlotBoundMBps(r, size, Span::Hot);
-        md << "### " << SizeText(size) << " blocks (slot bound " << FormatDouble(bound, 0)
-           << " MB/s)\n\n"
+        md << "### " << SizeText(size) << " blocks (" << r.plan.ThroughputBlocks(size)
+           << " per writer; slot bound " << FormatDouble(bound, 0) << " MB/s)\n\n"
            << "| transport | writers | depth | blocks/s (median round) | rounds min–max | MB/s | "
               "÷ memcpy bound | slot ÷ this | refusals per block | reader CPU | writers CPU | "
               "reader CPU µs/block | writers CPU µs/block |\n"
@@ -549,7 +664,8 @@ void WritePlotData(const Results& r, const std::string& outDir) {
           "set key outside right top\n"
           "set grid\n"
           "set logscale xy\n"
-          "set xtics ('64 B' 64, '1 KiB' 1024, '4 KiB' 4096, '64 KiB' 65536)\n"
+          "set xtics ('64 B' 64, '1 KiB' 1024, '4 KiB' 4096, '64 KiB' 65536, '1 MiB' 1048576, "
+          "'4 MiB' 4194304)\n"
           "set xlabel 'block size'\n"
           "set output 'latency_p50.png'\n"
           "set title 'One-way latency p50 (paced), µs (slots drawn thick)'\n"
@@ -559,7 +675,8 @@ void WritePlotData(const Results& r, const std::string& outDir) {
        << PlotCommand("latency.dat", latencySeries, 3)
        << "set output 'throughput.png'\n"
           "set title 'Throughput (median round), MB/s'\n"
-          "set xtics ('64 B' 64, '4 KiB' 4096, '64 KiB' 65536)\n"
+          "set xtics ('64 B' 64, '4 KiB' 4096, '64 KiB' 65536, '1 MiB' 1048576, "
+          "'4 MiB' 4194304)\n"
        << PlotCommand("throughput.dat", throughputSeries, 2)
        << "set output 'scale.png'\n"
           "set title 'Discarding slots, 64 B, paced round-robin'\n"
@@ -581,6 +698,8 @@ void WriteReport(const Results& r, const std::string& outDir) {
                         : "full run")
        << ".\n\n";
     WriteTargets(md, r);
+    WriteTargetRatios(md, r);
+    WriteSizes(md, r);
     WriteLatency(md, r);
     WriteThroughput(md, r);
     WriteScale(md, r);

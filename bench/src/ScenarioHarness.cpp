@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 namespace bench {
@@ -17,18 +18,43 @@ namespace bench {
 
 size_t Plan::ThroughputBlocks(size_t blockSize) const {
     const size_t byBytes = throughputBytesPerWriter / blockSize;
-    return std::min(throughputMaxBlocks, std::max(throughputMinBlocks, byBytes));
+    const size_t blocks = std::min(throughputMaxBlocks, std::max(throughputMinBlocks, byBytes));
+    return std::min(blocks,
+                    std::max(throughputLeastBlocks, throughputMaxBytesPerWriter / blockSize));
+}
+
+size_t Plan::LatencyCount(size_t blockSize) const {
+    return std::min(latencyCount, std::max(latencyLeastCount, latencyBytes / blockSize));
+}
+
+size_t Plan::LatencyWarmup(size_t blockSize) const {
+    return latencyWarmup * LatencyCount(blockSize) / std::max<size_t>(1, latencyCount);
+}
+
+std::vector<size_t> Plan::AllSizes() const {
+    std::vector<size_t> all = latencySizes;
+    all.insert(all.end(), throughputSizes.begin(), throughputSizes.end());
+    std::sort(all.begin(), all.end());
+    all.erase(std::unique(all.begin(), all.end()), all.end());
+    return all;
 }
 
 Plan Plan::Quick() {
     Plan p;
     p.quick = true;
     p.rounds = 1;
+    // 4 MiB takes the same paths as 1 MiB; the quick run leaves it out.
+    p.latencySizes = {64, 1024, 4096, 65536, 1u << 20};
+    p.throughputSizes = {64, 4096, 65536, 1u << 20};
     p.latencyCount = 300;
     p.latencyWarmup = 30;
+    p.latencyBytes = 40u << 20;
+    p.latencyLeastCount = 40;
     p.throughputBytesPerWriter = 16ull * 1000 * 1000;
     p.throughputMinBlocks = 200;
     p.throughputMaxBlocks = 3000;
+    p.throughputMaxBytesPerWriter = 100ull * 1000 * 1000;
+    p.throughputLeastBlocks = 40;
     p.scaleSlots = {1, 10, 100};
     p.scaleCount = 300;
     p.scaleWarmup = 30;
@@ -78,18 +104,30 @@ std::uint64_t GraceNs(const RunParams& params) {
                                    static_cast<std::uint64_t>(params.updateTimeMs * 2e6));
 }
 
-void SendBlock(Sender& sender, const char* block, size_t size, std::uint64_t seq,
-               const std::string& inject) {
+void SendBlock(Sender& sender, char* block, size_t size, std::uint64_t seq,
+               const std::string& inject, bool stamp) {
     if (inject == "drop" && seq == 5) {
         return;
     }
+    std::vector<char> corrupted;
+    char* source = block;
     if (inject == "corrupt" && seq == 7) {
-        std::vector<char> copy(block, block + size);
-        copy[size - 1] ^= 0x5a;
-        sender.Send(copy.data(), size);
+        corrupted.assign(block, block + size);
+        corrupted[size - 1] ^= 0x5a;
+        source = corrupted.data();
+    }
+    if (char* loan = sender.Loan(size)) {
+        std::memcpy(loan, source, size);
+        if (stamp) {
+            StampSend(loan, NowNs());
+        }
+        sender.Publish(loan, size);
         return;
     }
-    sender.Send(block, size);
+    if (stamp) {
+        StampSend(source, NowNs());
+    }
+    sender.Send(source, size);
 }
 
 void CloseSender(const RunParams& params, std::unique_ptr<Sender>& sender) {

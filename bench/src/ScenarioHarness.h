@@ -85,10 +85,14 @@ void PaceGap(std::uint64_t us);
 
 std::uint64_t GraceNs(const RunParams& params);
 
-// Hands a block to the sender. Deliberate faults, to show that the checks catch them: with
-// `inject` "drop" block 5 is left out, with "corrupt" block 7 goes with one payload byte changed.
-void SendBlock(Sender& sender, const char* block, size_t size, std::uint64_t seq,
-               const std::string& inject);
+// Hands a block to the sender: by copy through Send, or, for a transport that lends its memory,
+// filled into a loan and published. With `stamp` the send time is stamped into the block just
+// before the hand-over (after a loan is filled: filling it is the writer's own work, as making
+// the block in its own buffer is for the other transports). Deliberate faults, to show that the
+// checks catch them: with `inject` "drop" block 5 is left out, with "corrupt" block 7 goes with
+// one payload byte changed.
+void SendBlock(Sender& sender, char* block, size_t size, std::uint64_t seq,
+               const std::string& inject, bool stamp);
 
 // A writer of a queueing peer (ZeroMQ) hands its last blocks on while it closes, so it is
 // closed before the process ends; slot writers need nothing of the kind.

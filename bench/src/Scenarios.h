@@ -17,8 +17,9 @@ namespace bench {
 // Counts and sizes of one benchmark run (full or quick).
 struct Plan {
     bool quick = false;
-    std::vector<size_t> latencySizes = {64, 1024, 4096, 65536};
-    std::vector<size_t> throughputSizes = {64, 4096, 65536};
+    // Blocks above 64 KiB go only through the transports that measure them (TransportInfo).
+    std::vector<size_t> latencySizes = {64, 1024, 4096, 65536, 1u << 20, 4u << 20};
+    std::vector<size_t> throughputSizes = {64, 4096, 65536, 1u << 20, 4u << 20};
     std::vector<unsigned int> scaleSlots = {1, 10, 100};
     // Every latency and throughput run is split into rounds; a round visits every transport and
     // size before the next begins, so a burst of load elsewhere on the machine hits all of
@@ -26,10 +27,17 @@ struct Plan {
     unsigned int rounds = 3;
     size_t latencyCount = 20000;  // per transport and size, over all rounds
     size_t latencyWarmup = 1000;
+    // Large blocks: at most this many bytes per transport and size, and at least
+    // latencyLeastCount blocks (each block of a few MiB costs milliseconds of copying).
+    size_t latencyBytes = 2ull << 30;
+    size_t latencyLeastCount = 300;
     unsigned int gapUs = 50;  // pause after each acknowledged block in paced runs
     size_t throughputBytesPerWriter = 1300ull * 1000 * 1000;  // scaled by block size, capped
     size_t throughputMinBlocks = 20000;
     size_t throughputMaxBlocks = 300000;
+    // Large blocks: at most this many bytes per writer, and at least throughputLeastBlocks.
+    size_t throughputMaxBytesPerWriter = 1600ull * 1000 * 1000;
+    size_t throughputLeastBlocks = 200;
     size_t depth = 64;
     size_t scaleCount = 30000;
     size_t scaleWarmup = 1000;
@@ -40,7 +48,13 @@ struct Plan {
     double updateMs = 1000.0;
     double memcpySeconds = 0.25;
 
+    // Blocks per writer of one throughput run, and blocks of one latency row over all rounds
+    // (with the warm-up blocks among them scaled alike).
     size_t ThroughputBlocks(size_t blockSize) const;
+    size_t LatencyCount(size_t blockSize) const;
+    size_t LatencyWarmup(size_t blockSize) const;
+    // Every block size of the plan, ascending.
+    std::vector<size_t> AllSizes() const;
     static Plan Quick();
 };
 
@@ -153,6 +167,14 @@ int ChildMain(const KeyValues& kv);
 // The number of copies a slot makes of each block (see the report): writer's buffer -> queue,
 // queue -> output buffer, output buffer -> reader thread's buffer.
 constexpr unsigned int kSlotCopiesPerBlock = 3;
+
+// The ratios a zero-copy transport is held to, for one transport of a run; 0 where a figure is
+// missing. flat: p50 at 4 MiB / own p50 at 64 B; vsIceoryx: MB/s at 1 MiB (1 writer) / iceoryx's;
+// vsReliable: p50 at 64 B / the reliable slot's; vsFloor: p50 at 64 B / the spinning floor's.
+struct TargetRatios {
+    double flat = 0, vsIceoryx = 0, vsReliable = 0, vsFloor = 0;
+};
+TargetRatios ComputeTargetRatios(const Results& r, const std::string& transport);
 
 void WriteReport(const Results& r, const std::string& outDir);
 

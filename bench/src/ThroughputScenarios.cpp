@@ -96,7 +96,7 @@ int ThroughputWriter(const KeyValues& kv, RunParams& params) {
     const std::uint64_t start = NowNs();
     for (size_t seq = 0; seq < run.count; ++seq) {
         char* block = source.Prepare(seq);
-        SendBlock(*sender, block, params.blockSize, seq, inject);
+        SendBlock(*sender, block, params.blockSize, seq, inject, false);
         if ((seq & 1023) == 0 && NowNs() >= run.deadline) {
             break;
         }

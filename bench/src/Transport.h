@@ -43,6 +43,18 @@ public:
     // Hands one block to the transport. Returns once the transport has accepted it; a transport
     // that refuses blocks (a full reliable slot) is retried here and the refusals counted.
     virtual void Send(const char* data, size_t size) = 0;
+    // A transport that lends its own shared memory returns here a writable block of `size`
+    // bytes, which the writer fills in place and hands over with Publish; a loan that cannot be
+    // had yet is waited for (and counted as a refusal) here. nullptr, the default: the
+    // transport takes blocks by copy through Send.
+    virtual char* Loan(size_t size) {
+        (void)size;
+        return nullptr;
+    }
+    virtual void Publish(char* block, size_t size) {
+        (void)block;
+        (void)size;
+    }
     virtual std::uint64_t Refusals() const { return 0; }
     // Called once all processes are ready and before the first measured block: a transport
     // whose subscription settles asynchronously (ZeroMQ, iceoryx) waits here until a block
@@ -109,7 +121,10 @@ private:
     std::vector<char> pending_;
 };
 
-// Transport names, in report order; `available` is false for peers not built in.
+// The catalogue of what is measured, in report order: one entry per transport, with what it is
+// measured in and the functions that make its two ends. Adding a transport is one entry here
+// plus its adapter (a Sender, a Receiver and, where objects must exist before the children
+// start, a prepare/cleanup pair).
 struct TransportInfo {
     std::string name;
     std::string label;
@@ -117,6 +132,19 @@ struct TransportInfo {
     bool latency;
     bool throughput;
     bool multiWriter;
+    bool spinning;    // the reader busy-polls: set beside the spinning floor
+    size_t maxBlock;  // largest block size measured; 0: every size of the plan
+    // Parent side, may be null: creates what must exist before the children start (FIFO,
+    // condition segment, socket pair) and removes everything of the run, also after a failure.
+    void (*prepare)(RunParams& params);
+    void (*cleanup)(RunParams& params);
+    // Child side; null for a peer whose package was not found at configure time.
+    std::unique_ptr<Sender> (*makeSender)(const RunParams& params);
+    std::unique_ptr<Receiver> (*makeReceiver)(const RunParams& params);
+    // Why the transport cannot run here, or "" when it can; null: it always can.
+    std::string (*unavailable)();
+
+    bool MeasuredAt(size_t blockSize) const { return maxBlock == 0 || blockSize <= maxBlock; }
 };
 const std::vector<TransportInfo>& Transports();
 const TransportInfo* FindTransport(const std::string& name);
@@ -124,11 +152,10 @@ const TransportInfo* FindTransport(const std::string& name);
 // Why a transport cannot run here, or "" when it can.
 std::string TransportUnavailable(const std::string& name);
 
-// Parent side: creates what must exist before the children start (FIFO, condition segment,
-// socket pair) and removes everything of the run afterwards, also after a failure.
+// The catalogue's functions for the transport of `params`. A run that names no transport (the
+// scale roles open their slots themselves) has nothing to prepare or clean up.
 void PrepareTransport(RunParams& params);
 void CleanupTransport(RunParams& params);
-
 std::unique_ptr<Sender> MakeSender(const RunParams& params);
 std::unique_ptr<Receiver> MakeReceiver(const RunParams& params);
 
@@ -140,6 +167,7 @@ std::string ZmqVersion();
 #endif
 #ifdef SLOTBENCH_HAVE_ICEORYX
 std::unique_ptr<Sender> MakeIceoryxSender(const RunParams& params);
+std::unique_ptr<Sender> MakeIceoryxLoanSender(const RunParams& params);
 std::unique_ptr<Receiver> MakeIceoryxReceiver(const RunParams& params);
 #endif
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "BenchUtil.h"
 #include "SlotAdapters.h"
 #include "Transport.h"
 
@@ -23,6 +24,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -106,61 +108,6 @@ void StreamReassembler::Feed(const char* data, size_t size) {
         }
     }
 }
-
-// ---------------------------------------------------------------------------------------------
-// Catalogue
-
-const std::vector<TransportInfo>& Transports() {
-    static const std::vector<TransportInfo> all = {
-        // name, label, isSlot, latency, throughput, multiWriter
-        {"floor-condvar", "floor: pthread mutex+condvar", false, true, false, false},
-        {"slot-discarding", "slot discarding", true, true, false, false},
-        {"slot-reliable", "slot reliable", true, true, true, true},
-        {"slot-posix-pipe", "slot posix-pipe", true, true, false, false},
-        // A reliable slot read by the spinning reader: it spins for a whole update time.
-        {"slot-spinning", "slot reliable, spinning reader", true, true, false, false},
-        {"boost-mq", "Boost.Interprocess message_queue", false, true, true, true},
-        {"posix-mq", "POSIX mq", false, true, true, true},
-        {"fifo", "pipe/FIFO", false, true, true, false},
-        {"uds", "Unix socket pair", false, true, true, false},
-        {"zmq", "ZeroMQ ipc PUB/SUB", false, true, true, false},
-        {"iceoryx", "iceoryx (WaitSet)", false, true, true, false},
-    };
-    return all;
-}
-
-const TransportInfo* FindTransport(const std::string& name) {
-    for (const TransportInfo& t : Transports()) {
-        if (t.name == name) {
-            return &t;
-        }
-    }
-    return nullptr;
-}
-
-std::string TransportUnavailable(const std::string& name) {
-    if (name == "zmq") {
-#ifdef SLOTBENCH_HAVE_ZMQ
-        return "";
-#else
-        return "libzmq3-dev was not found when the benchmark was configured";
-#endif
-    }
-    if (name == "iceoryx") {
-#ifdef SLOTBENCH_HAVE_ICEORYX
-        const char* roudi = std::getenv("SLOTBENCH_ROUDI");
-        if (roudi == nullptr || std::string(roudi) != "running") {
-            return roudi != nullptr && *roudi ? std::string(roudi)
-                                              : "no RouDi daemon was started for this run";
-        }
-        return "";
-#else
-        return "libiceoryx-posh-dev was not found when the benchmark was configured";
-#endif
-    }
-    return "";
-}
-
 // ---------------------------------------------------------------------------------------------
 // Slots, through the library's factory
 
@@ -539,166 +486,400 @@ int OpenOrThrow(const std::string& path, int flags) {
     return fd;
 }
 
+// ---------------------------------------------------------------------------------------------
+// Spinning floor: a block of at most 64 bytes handed over through one cache line of shared
+// memory, with no lock and no system call. The writer stores every byte of the block but its
+// sequence number, then the sequence number with release order; the reader spins on that word
+// with acquire loads and checks the block where it lies. A latency writer sends the next block
+// only once the reader has acknowledged this one, so the line is never rewritten while it is read.
+
+constexpr size_t kCacheLine = 64;
+constexpr size_t kLineSeqOffset = offsetof(BlockHeader, seq);
+constexpr std::uint64_t kLineEmpty = ~0ull;  // the sequence word before the first block
+
+std::string SpinLineName(const RunParams& params) {
+    return "/" + params.name + "_line";
+}
+
+char* MapSpinLine(const RunParams& params, bool create) {
+    if (params.blockSize > kCacheLine || params.blockSize < sizeof(BlockHeader)) {
+        throw std::runtime_error("one cache line carries blocks of " +
+                                 std::to_string(sizeof(BlockHeader)) + " to " +
+                                 std::to_string(kCacheLine) + " bytes");
+    }
+    const std::string name = SpinLineName(params);
+    const int fd = shm_open(name.c_str(), create ? (O_RDWR | O_CREAT | O_EXCL) : O_RDWR, 0600);
+    if (fd < 0) {
+        throw std::runtime_error("cache line segment: " + std::string(std::strerror(errno)));
+    }
+    if (create && ftruncate(fd, static_cast<off_t>(kCacheLine)) != 0) {
+        close(fd);
+        throw std::runtime_error("cache line segment: ftruncate failed");
+    }
+    // A mapping starts on a page, so the line is one aligned cache line.
+    void* p = mmap(nullptr, kCacheLine, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (p == MAP_FAILED) {
+        throw std::runtime_error("cache line segment: mmap failed");
+    }
+    return static_cast<char*>(p);
+}
+
+std::uint64_t* LineSeq(char* line) {
+    return reinterpret_cast<std::uint64_t*>(line + kLineSeqOffset);
+}
+
+class SpinLineSender : public Sender {
+public:
+    explicit SpinLineSender(const RunParams& params) : line_(MapSpinLine(params, false)) {}
+    ~SpinLineSender() override { munmap(line_, kCacheLine); }
+    void Send(const char* data, size_t size) override {
+        const size_t after = kLineSeqOffset + sizeof(std::uint64_t);
+        if (size > kCacheLine || size < after) {
+            throw std::runtime_error("a block that does not fit the cache line");
+        }
+        std::memcpy(line_, data, kLineSeqOffset);
+        std::memcpy(line_ + after, data + after, size - after);
+        std::uint64_t seq;
+        std::memcpy(&seq, data + kLineSeqOffset, sizeof seq);
+        __atomic_store_n(LineSeq(line_), seq, __ATOMIC_RELEASE);
+    }
+
+private:
+    char* line_;
+};
+
+class SpinLineReceiver : public Receiver {
+public:
+    explicit SpinLineReceiver(const RunParams& params)
+        : line_(MapSpinLine(params, false)), blockSize_(params.blockSize) {}
+    ~SpinLineReceiver() override { munmap(line_, kCacheLine); }
+    void Run(BlockSink& sink, Stopper& stop) override {
+        std::uint64_t* const word = LineSeq(line_);
+        std::uint64_t seen = kLineEmpty;
+        unsigned int idle = 0;
+        // No pause instruction: in a VM a pause loop can make the hypervisor deschedule the
+        // core. The stop flag and its clock are looked at only now and then.
+        for (;;) {
+            const std::uint64_t seq = __atomic_load_n(word, __ATOMIC_ACQUIRE);
+            if (seq != seen) {
+                seen = seq;
+                sink.OnBlock(line_, blockSize_);
+                continue;
+            }
+            if ((++idle & 4095) == 0 && stop.Stopped()) {
+                return;
+            }
+        }
+    }
+
+private:
+    char* line_;
+    size_t blockSize_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// What each transport creates before its children start, and removes afterwards
+
+void PrepareFloorCondvar(RunParams& params) {
+    FloorShared* f = MapFloor(params, true);
+    pthread_mutexattr_t ma;
+    pthread_mutexattr_init(&ma);
+    pthread_mutexattr_setpshared(&ma, PTHREAD_PROCESS_SHARED);
+    pthread_mutex_init(&f->mutex, &ma);
+    pthread_mutexattr_destroy(&ma);
+    pthread_condattr_t ca;
+    pthread_condattr_init(&ca);
+    pthread_condattr_setpshared(&ca, PTHREAD_PROCESS_SHARED);
+    pthread_condattr_setclock(&ca, CLOCK_MONOTONIC);
+    pthread_cond_init(&f->cond, &ca);
+    pthread_condattr_destroy(&ca);
+    f->seq = 0;
+    f->size = 0;
+    munmap(f, FloorBytes(params));
+}
+
+void CleanupFloorCondvar(RunParams& params) {
+    shm_unlink(FloorName(params).c_str());
+}
+
+void PrepareSpinLine(RunParams& params) {
+    char* line = MapSpinLine(params, true);
+    std::memset(line, 0, kCacheLine);
+    __atomic_store_n(LineSeq(line), kLineEmpty, __ATOMIC_RELEASE);
+    munmap(line, kCacheLine);
+}
+
+void CleanupSpinLine(RunParams& params) {
+    shm_unlink(SpinLineName(params).c_str());
+}
+
+void CleanupSlot(RunParams& params) {
+    SlotFactory::RemoveSlot(params.name);
+}
+
+void CleanupPipeSlot(RunParams& params) {
+    unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(params.name).c_str());
+}
+
+void PrepareBoostMq(RunParams& params) {
+    BoostQueue::remove(BoostQueueName(params).c_str());
+    BoostQueue queue(boost::interprocess::create_only, BoostQueueName(params).c_str(),
+                     static_cast<BoostQueue::size_type>(params.depth),
+                     static_cast<BoostQueue::size_type>(params.blockSize));
+}
+
+void CleanupBoostMq(RunParams& params) {
+    BoostQueue::remove(BoostQueueName(params).c_str());
+}
+
+void PreparePosixMq(RunParams& params) {
+    // The default limit of a queue's length (fs.mqueue.msg_max) is 10; ask for the run's
+    // depth and fall back to what the system grants, which the report then shows.
+    mq_unlink(PosixQueueName(params).c_str());
+    const std::vector<long> depths = {static_cast<long>(params.depth), 64, 10};
+    std::string error;
+    for (long depth : depths) {
+        if (depth > static_cast<long>(params.depth)) {
+            continue;
+        }
+        mq_attr attr;
+        std::memset(&attr, 0, sizeof attr);
+        attr.mq_maxmsg = depth;
+        attr.mq_msgsize = static_cast<long>(params.blockSize);
+        const mqd_t q =
+            mq_open(PosixQueueName(params).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600, &attr);
+        if (q != static_cast<mqd_t>(-1)) {
+            mq_close(q);
+            params.depth = static_cast<size_t>(depth);
+            return;
+        }
+        error = std::strerror(errno);
+    }
+    throw std::runtime_error("mq_open of " + std::to_string(params.blockSize) +
+                             "-byte messages refused: " + error +
+                             " (see /proc/sys/fs/mqueue/msgsize_max)");
+}
+
+void CleanupPosixMq(RunParams& params) {
+    mq_unlink(PosixQueueName(params).c_str());
+}
+
+void PrepareFifo(RunParams& params) {
+    unlink(FifoPath(params).c_str());
+    if (mkfifo(FifoPath(params).c_str(), 0600) != 0) {
+        throw std::runtime_error("mkfifo: " + std::string(std::strerror(errno)));
+    }
+}
+
+void CleanupFifo(RunParams& params) {
+    unlink(FifoPath(params).c_str());
+}
+
+void PrepareUds(RunParams& params) {
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
+        throw std::runtime_error("socketpair: " + std::string(std::strerror(errno)));
+    }
+    params.fdRead = sv[0];
+    params.fdWrite = sv[1];
+}
+
+void CleanupUds(RunParams& params) {
+    if (params.fdRead >= 0) {
+        close(params.fdRead);
+    }
+    if (params.fdWrite >= 0) {
+        close(params.fdWrite);
+    }
+    params.fdRead = params.fdWrite = -1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The two ends of each transport
+
+template <class T>
+std::unique_ptr<Sender> SenderOf(const RunParams& params) {
+    return std::unique_ptr<Sender>(new T(params));
+}
+
+template <class T>
+std::unique_ptr<Receiver> ReceiverOf(const RunParams& params) {
+    return std::unique_ptr<Receiver>(new T(params));
+}
+
+std::unique_ptr<Sender> FifoSender(const RunParams& params) {
+    return std::unique_ptr<Sender>(new FdSender(OpenOrThrow(FifoPath(params), O_WRONLY)));
+}
+
+std::unique_ptr<Receiver> FifoReceiver(const RunParams& params) {
+    // Read-write, so that opening does not wait for the writer and never sees end-of-file.
+    return std::unique_ptr<Receiver>(
+        new FdReceiver(OpenOrThrow(FifoPath(params), O_RDWR | O_CLOEXEC), params.blockSize));
+}
+
+std::unique_ptr<Sender> UdsSender(const RunParams& params) {
+    return std::unique_ptr<Sender>(new FdSender(params.fdWrite));
+}
+
+std::unique_ptr<Receiver> UdsReceiver(const RunParams& params) {
+    return std::unique_ptr<Receiver>(new FdReceiver(params.fdRead, params.blockSize));
+}
+
+typedef std::unique_ptr<Sender> (*SenderMaker)(const RunParams&);
+typedef std::unique_ptr<Receiver> (*ReceiverMaker)(const RunParams&);
+
+#ifdef SLOTBENCH_HAVE_ZMQ
+const SenderMaker kZmqSender = MakeZmqSender;
+const ReceiverMaker kZmqReceiver = MakeZmqReceiver;
+#else
+const SenderMaker kZmqSender = nullptr;
+const ReceiverMaker kZmqReceiver = nullptr;
+#endif
+#ifdef SLOTBENCH_HAVE_ICEORYX
+const SenderMaker kIceoryxSender = MakeIceoryxSender;
+const SenderMaker kIceoryxLoanSender = MakeIceoryxLoanSender;
+const ReceiverMaker kIceoryxReceiver = MakeIceoryxReceiver;
+#else
+const SenderMaker kIceoryxSender = nullptr;
+const SenderMaker kIceoryxLoanSender = nullptr;
+const ReceiverMaker kIceoryxReceiver = nullptr;
+#endif
+
+std::string ZmqUnavailable() {
+#ifdef SLOTBENCH_HAVE_ZMQ
+    return "";
+#else
+    return "libzmq3-dev was not found when the benchmark was configured";
+#endif
+}
+
+std::string IceoryxUnavailable() {
+#ifdef SLOTBENCH_HAVE_ICEORYX
+    const char* roudi = std::getenv("SLOTBENCH_ROUDI");
+    if (roudi == nullptr || std::string(roudi) != "running") {
+        return roudi != nullptr && *roudi ? std::string(roudi)
+                                          : "no RouDi daemon was started for this run";
+    }
+    return "";
+#else
+    return "libiceoryx-posh-dev was not found when the benchmark was configured";
+#endif
+}
+
+const TransportInfo& Info(const std::string& name) {
+    const TransportInfo* t = FindTransport(name);
+    if (t == nullptr) {
+        throw std::runtime_error("unknown transport " + name);
+    }
+    return *t;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// Parent side
+// Catalogue
+
+const std::vector<TransportInfo>& Transports() {
+    // Blocks above 64 KiB go through the transports that large blocks are compared on: the
+    // reliable slot, its spinning reader, iceoryx, and the condvar floor that every latency row
+    // is divided by. The peers that copy through the kernel stop at 64 KiB.
+    const size_t kPeerMax = 65536;
+    static const std::vector<TransportInfo> all = {
+        // name, label, isSlot, latency, throughput, multiWriter, spinning, maxBlock,
+        // prepare, cleanup, makeSender, makeReceiver, unavailable
+        {"floor-spin", "floor: one cache line, spinning", false, true, false, false, true,
+         kCacheLine, PrepareSpinLine, CleanupSpinLine, SenderOf<SpinLineSender>,
+         ReceiverOf<SpinLineReceiver>, nullptr},
+        {"floor-condvar", "floor: pthread mutex+condvar", false, true, false, false, false, 0,
+         PrepareFloorCondvar, CleanupFloorCondvar, SenderOf<FloorSender>, ReceiverOf<FloorReceiver>,
+         nullptr},
+        {"slot-discarding", "slot discarding", true, true, false, false, false, kPeerMax, nullptr,
+         CleanupSlot, SenderOf<SlotSender>, ReceiverOf<SlotReceiver>, nullptr},
+        {"slot-reliable", "slot reliable", true, true, true, true, false, 0, nullptr, CleanupSlot,
+         SenderOf<SlotSender>, ReceiverOf<SlotReceiver>, nullptr},
+        {"slot-posix-pipe", "slot posix-pipe", true, true, false, false, false, kPeerMax, nullptr,
+         CleanupPipeSlot, SenderOf<SlotSender>, ReceiverOf<SlotReceiver>, nullptr},
+        // A reliable slot read by the spinning reader: it spins for a whole update time.
+        {"slot-spinning", "slot reliable, spinning reader", true, true, true, false, true, 0,
+         nullptr, CleanupSlot, SenderOf<SlotSender>, ReceiverOf<SlotReceiver>, nullptr},
+        {"boost-mq", "Boost.Interprocess message_queue", false, true, true, true, false, kPeerMax,
+         PrepareBoostMq, CleanupBoostMq, SenderOf<BoostMqSender>, ReceiverOf<BoostMqReceiver>,
+         nullptr},
+        {"posix-mq", "POSIX mq", false, true, true, true, false, kPeerMax, PreparePosixMq,
+         CleanupPosixMq, SenderOf<PosixMqSender>, ReceiverOf<PosixMqReceiver>, nullptr},
+        {"fifo", "pipe/FIFO", false, true, true, false, false, kPeerMax, PrepareFifo, CleanupFifo,
+         FifoSender, FifoReceiver, nullptr},
+        {"uds", "Unix socket pair", false, true, true, false, false, kPeerMax, PrepareUds,
+         CleanupUds, UdsSender, UdsReceiver, nullptr},
+        {"zmq", "ZeroMQ ipc PUB/SUB", false, true, true, false, false, kPeerMax, nullptr, nullptr,
+         kZmqSender, kZmqReceiver, ZmqUnavailable},
+        {"iceoryx", "iceoryx (WaitSet)", false, true, true, false, false, 0, nullptr, nullptr,
+         kIceoryxSender, kIceoryxReceiver, IceoryxUnavailable},
+        // The same, with the writer filling the loaned chunk in place: zero copy.
+        {"iceoryx-loan", "iceoryx, filled in place", false, true, true, false, false, 0, nullptr,
+         nullptr, kIceoryxLoanSender, kIceoryxReceiver, IceoryxUnavailable},
+    };
+    return all;
+}
+
+const TransportInfo* FindTransport(const std::string& name) {
+    for (const TransportInfo& t : Transports()) {
+        if (t.name == name) {
+            return &t;
+        }
+    }
+    return nullptr;
+}
+
+std::string TransportUnavailable(const std::string& name) {
+    const TransportInfo* t = FindTransport(name);
+    if (t == nullptr) {
+        return "unknown transport " + name;
+    }
+    if (t->unavailable != nullptr) {
+        const std::string why = t->unavailable();
+        if (!why.empty()) {
+            return why;
+        }
+    }
+    return t->makeSender == nullptr || t->makeReceiver == nullptr ? "not built in" : "";
+}
 
 void PrepareTransport(RunParams& params) {
-    const std::string& t = params.transport;
-    if (t == "floor-condvar") {
-        FloorShared* f = MapFloor(params, true);
-        pthread_mutexattr_t ma;
-        pthread_mutexattr_init(&ma);
-        pthread_mutexattr_setpshared(&ma, PTHREAD_PROCESS_SHARED);
-        pthread_mutex_init(&f->mutex, &ma);
-        pthread_mutexattr_destroy(&ma);
-        pthread_condattr_t ca;
-        pthread_condattr_init(&ca);
-        pthread_condattr_setpshared(&ca, PTHREAD_PROCESS_SHARED);
-        pthread_condattr_setclock(&ca, CLOCK_MONOTONIC);
-        pthread_cond_init(&f->cond, &ca);
-        pthread_condattr_destroy(&ca);
-        f->seq = 0;
-        f->size = 0;
-        munmap(f, FloorBytes(params));
-    } else if (t == "boost-mq") {
-        BoostQueue::remove(BoostQueueName(params).c_str());
-        BoostQueue queue(boost::interprocess::create_only, BoostQueueName(params).c_str(),
-                         static_cast<BoostQueue::size_type>(params.depth),
-                         static_cast<BoostQueue::size_type>(params.blockSize));
-    } else if (t == "posix-mq") {
-        // The default limit of a queue's length (fs.mqueue.msg_max) is 10; ask for the run's
-        // depth and fall back to what the system grants, which the report then shows.
-        mq_unlink(PosixQueueName(params).c_str());
-        const std::vector<long> depths = {static_cast<long>(params.depth), 64, 10};
-        std::string error;
-        for (long depth : depths) {
-            if (depth > static_cast<long>(params.depth)) {
-                continue;
-            }
-            mq_attr attr;
-            std::memset(&attr, 0, sizeof attr);
-            attr.mq_maxmsg = depth;
-            attr.mq_msgsize = static_cast<long>(params.blockSize);
-            const mqd_t q =
-                mq_open(PosixQueueName(params).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600, &attr);
-            if (q != static_cast<mqd_t>(-1)) {
-                mq_close(q);
-                params.depth = static_cast<size_t>(depth);
-                return;
-            }
-            error = std::strerror(errno);
-        }
-        throw std::runtime_error("mq_open of " + std::to_string(params.blockSize) +
-                                 "-byte messages refused: " + error +
-                                 " (see /proc/sys/fs/mqueue/msgsize_max)");
-    } else if (t == "fifo") {
-        unlink(FifoPath(params).c_str());
-        if (mkfifo(FifoPath(params).c_str(), 0600) != 0) {
-            throw std::runtime_error("mkfifo: " + std::string(std::strerror(errno)));
-        }
-    } else if (t == "uds") {
-        int sv[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
-            throw std::runtime_error("socketpair: " + std::string(std::strerror(errno)));
-        }
-        params.fdRead = sv[0];
-        params.fdWrite = sv[1];
+    if (params.transport.empty()) {
+        return;
+    }
+    const TransportInfo& t = Info(params.transport);
+    if (t.prepare != nullptr) {
+        t.prepare(params);
     }
 }
 
 void CleanupTransport(RunParams& params) {
-    const std::string& t = params.transport;
-    if (t == "slot-discarding" || t == "slot-reliable" || t == "slot-spinning") {
-        SlotFactory::RemoveSlot(params.name);
-    } else if (t == "slot-posix-pipe") {
-        unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(params.name).c_str());
-    } else if (t == "floor-condvar") {
-        shm_unlink(FloorName(params).c_str());
-    } else if (t == "boost-mq") {
-        BoostQueue::remove(BoostQueueName(params).c_str());
-    } else if (t == "posix-mq") {
-        mq_unlink(PosixQueueName(params).c_str());
-    } else if (t == "fifo") {
-        unlink(FifoPath(params).c_str());
-    } else if (t == "uds") {
-        if (params.fdRead >= 0) {
-            close(params.fdRead);
-        }
-        if (params.fdWrite >= 0) {
-            close(params.fdWrite);
-        }
-        params.fdRead = params.fdWrite = -1;
+    if (params.transport.empty()) {
+        return;
+    }
+    const TransportInfo& t = Info(params.transport);
+    if (t.cleanup != nullptr) {
+        t.cleanup(params);
     }
 }
 
 std::unique_ptr<Sender> MakeSender(const RunParams& params) {
-    const std::string& t = params.transport;
-    if (t.rfind("slot-", 0) == 0) {
-        return std::unique_ptr<Sender>(new SlotSender(params));
+    const TransportInfo& t = Info(params.transport);
+    if (t.makeSender == nullptr) {
+        throw std::runtime_error(t.label + " is not built in");
     }
-    if (t == "floor-condvar") {
-        return std::unique_ptr<Sender>(new FloorSender(params));
-    }
-    if (t == "boost-mq") {
-        return std::unique_ptr<Sender>(new BoostMqSender(params));
-    }
-    if (t == "posix-mq") {
-        return std::unique_ptr<Sender>(new PosixMqSender(params));
-    }
-    if (t == "fifo") {
-        return std::unique_ptr<Sender>(new FdSender(OpenOrThrow(FifoPath(params), O_WRONLY)));
-    }
-    if (t == "uds") {
-        return std::unique_ptr<Sender>(new FdSender(params.fdWrite));
-    }
-#ifdef SLOTBENCH_HAVE_ZMQ
-    if (t == "zmq") {
-        return MakeZmqSender(params);
-    }
-#endif
-#ifdef SLOTBENCH_HAVE_ICEORYX
-    if (t == "iceoryx") {
-        return MakeIceoryxSender(params);
-    }
-#endif
-    throw std::runtime_error("unknown transport " + t);
+    return t.makeSender(params);
 }
 
 std::unique_ptr<Receiver> MakeReceiver(const RunParams& params) {
-    const std::string& t = params.transport;
-    if (t.rfind("slot-", 0) == 0) {
-        return std::unique_ptr<Receiver>(new SlotReceiver(params));
+    const TransportInfo& t = Info(params.transport);
+    if (t.makeReceiver == nullptr) {
+        throw std::runtime_error(t.label + " is not built in");
     }
-    if (t == "floor-condvar") {
-        return std::unique_ptr<Receiver>(new FloorReceiver(params));
-    }
-    if (t == "boost-mq") {
-        return std::unique_ptr<Receiver>(new BoostMqReceiver(params));
-    }
-    if (t == "posix-mq") {
-        return std::unique_ptr<Receiver>(new PosixMqReceiver(params));
-    }
-    if (t == "fifo") {
-        // Read-write, so that opening does not wait for the writer and never sees end-of-file.
-        return std::unique_ptr<Receiver>(
-            new FdReceiver(OpenOrThrow(FifoPath(params), O_RDWR | O_CLOEXEC), params.blockSize));
-    }
-    if (t == "uds") {
-        return std::unique_ptr<Receiver>(new FdReceiver(params.fdRead, params.blockSize));
-    }
-#ifdef SLOTBENCH_HAVE_ZMQ
-    if (t == "zmq") {
-        return MakeZmqReceiver(params);
-    }
-#endif
-#ifdef SLOTBENCH_HAVE_ICEORYX
-    if (t == "iceoryx") {
-        return MakeIceoryxReceiver(params);
-    }
-#endif
-    throw std::runtime_error("unknown transport " + t);
+    return t.makeReceiver(params);
 }
 
 }  // namespace bench

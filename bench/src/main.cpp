@@ -65,7 +65,7 @@ std::vector<std::string> Leftovers(const std::string& tag) {
 // a run with this tag could have used.
 void UnlinkQueues(const std::string& tag) {
     for (const char* what : {"lat", "tp"}) {
-        for (size_t size : {64, 1024, 4096, 65536}) {
+        for (size_t size : Plan().AllSizes()) {
             for (const char* suffix : {"", "_w2"}) {
                 const std::string name =
                     "/" + tag + "_" + what + "_posix-mq_" + std::to_string(size) + suffix + "_pmq";
@@ -229,16 +229,17 @@ int main(int argc, char** argv) {
             throughput.back().writers = writers;
             return throughput.back();
         };
-        const size_t perRoundCount = std::max<size_t>(plan.latencyCount / plan.rounds, 10);
-        const size_t perRoundWarmup = plan.latencyWarmup / plan.rounds;
         for (unsigned int round = 1; round <= plan.rounds; ++round) {
             if (Wanted(only, "latency")) {
                 for (size_t size : plan.latencySizes) {
                     if (!sizeWanted(size)) {
                         continue;
                     }
+                    const size_t perRoundCount =
+                        std::max<size_t>(plan.LatencyCount(size) / plan.rounds, 10);
+                    const size_t perRoundWarmup = plan.LatencyWarmup(size) / plan.rounds;
                     for (const TransportInfo& t : Transports()) {
-                        if (!t.latency || !Wanted(transports, t.name)) {
+                        if (!t.latency || !t.MeasuredAt(size) || !Wanted(transports, t.name)) {
                             continue;
                         }
                         LatencyResult& total = latencySlot(t.name, size);
@@ -267,7 +268,7 @@ int main(int argc, char** argv) {
                         continue;
                     }
                     for (const TransportInfo& t : Transports()) {
-                        if (!t.throughput || !Wanted(transports, t.name)) {
+                        if (!t.throughput || !t.MeasuredAt(size) || !Wanted(transports, t.name)) {
                             continue;
                         }
                         for (unsigned int writers : {1u, 2u}) {
