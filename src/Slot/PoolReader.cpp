@@ -33,7 +33,7 @@ constexpr auto ReapInterval = std::chrono::milliseconds(500);
 // attachment, so subscribers' PoolBlock copies may be dropped on any thread.
 class PoolReader : public shared::Notifier {
 public:
-    PoolReader(const std::shared_ptr<PoolSegment>& segment, long spinNs,
+    PoolReader(const std::shared_ptr<PoolSegment>& segment, std::int64_t spinNs,
                const ISubscriberPtr& first)
         : attachment_(std::make_shared<PoolAttachment>(segment)),
           segment_(*segment),
@@ -226,7 +226,7 @@ private:
     std::shared_ptr<PoolAttachment> attachment_;
     PoolSegment& segment_;
     ISubscriberPtr first_;
-    long spinNs_;
+    std::int64_t spinNs_;
     bool claimed_ = false;
     std::uint64_t lastSequence_ = 0;  // reader thread only
     std::atomic<bool> stop_{false};
@@ -234,7 +234,8 @@ private:
     std::thread thread_;
 };
 
-INotifierPtr MakeReader(const PoolConfig& config, long spinNs, const ISubscriberPtr& first) {
+INotifierPtr MakeReader(const PoolConfig& config, std::int64_t spinNs,
+                        const ISubscriberPtr& first) {
     PoolReader* reader = new PoolReader(PoolSegment::Open(config), spinNs, first);
     return INotifierPtr(static_cast<shared::INotifier*>(reader),
                         [reader](shared::INotifier*) { PoolReader::Release(reader); });
@@ -285,7 +286,7 @@ INotifierPtr PoolFactory::CreateSpinningPoolReader(
         throw AbortSlotCreationException("Cannot create a reader for pool '" + config.name +
                                          "': the spin budget must be finite and not negative");
     }
-    return MakeReader(config, static_cast<long>(spinBudget.total_microseconds()) * 1000,
+    return MakeReader(config, static_cast<std::int64_t>(spinBudget.total_microseconds()) * 1000,
                       firstSubscriber);
 }
 
