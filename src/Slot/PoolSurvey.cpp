@@ -6,6 +6,7 @@
 
 #include <shared/SharedFolder.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -159,6 +160,33 @@ PoolReport SurveyPool(const std::string& name) {
     }
     ::close(fd);
     return report;
+}
+
+std::vector<std::string> ListPools() {
+    std::vector<std::string> names;
+    try {
+        shared::CheckedFolder folder = shared::CheckedFolder::Open(PoolDirectory());
+        const int fd = ::openat(folder.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        DIR* dir = fd < 0 ? nullptr : ::fdopendir(fd);
+        if (dir == nullptr) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            return names;
+        }
+        const std::string temporary = PoolTemporaryPrefix;
+        while (dirent* entry = ::readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != ".." && name.compare(0, temporary.size(), temporary) != 0) {
+                names.push_back(name);
+            }
+        }
+        ::closedir(dir);
+    } catch (const std::exception&) {
+        return names;
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 }  // namespace Slot

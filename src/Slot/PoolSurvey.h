@@ -37,4 +37,8 @@ struct PoolReport {
 /// "damaged" with the reason.
 SLOT_EXPORT PoolReport SurveyPool(const std::string& name);
 
+/// The names of the pools of this machine (the files of PoolDirectory(), without the
+/// temporaries of creations in progress), sorted. Empty when the folder does not exist.
+SLOT_EXPORT std::vector<std::string> ListPools();
+
 }  // namespace Slot

@@ -376,6 +376,8 @@ TEST_F(PoolTest, CreationIsAtomicReservesItsMemoryAndCleansUpAfterDeadCreators) 
     const Slot::PoolReport report = Slot::SurveyPool(pool.str());
     EXPECT_EQ("healthy", report.state);
     EXPECT_EQ(4u, report.waitingBlocks);
+    const std::vector<std::string> pools = Slot::ListPools();
+    EXPECT_EQ(1, std::count(pools.begin(), pools.end(), pool.str()));
 
     // A temporary left by a creator that died is removed by the next creation.
     const std::string stale =
