@@ -128,7 +128,7 @@ std::uint64_t PoolProcessStartTime(pid_t pid);
 
 // One process's mapping of a pool file. Created or opened by Open; unmapped by the destructor
 // (nothing in shared memory is destroyed). Thread-safe: all shared state is atomic.
-class SLOT_EXPORT PoolSegment {
+class PoolSegment {
 public:
     // Opens the pool, creating it from `config` when it does not exist. Throws
     // AbortSlotCreationException.
@@ -206,7 +206,7 @@ private:
 // One attached writer or reader object: its attachment entry, and the in-process counts of its
 // holds per block (the holder bit is set while the count is not 0). Detaches when the last
 // reference goes (loans and holds keep it).
-class SLOT_EXPORT PoolAttachment {
+class PoolAttachment {
 public:
     explicit PoolAttachment(std::shared_ptr<PoolSegment> segment);
     ~PoolAttachment();
