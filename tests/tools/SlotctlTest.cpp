@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <csignal>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -235,6 +236,47 @@ TEST(SlotctlSurvey, ShowsThePidOfTheReliableReader) {
     done.Post();
     EXPECT_TRUE(reader.Wait().Ok());
     ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+}
+
+// Objects of other programs, or broken ones: an empty object and one whose Boost state word
+// says "being created" (opening either through Boost would spin for ever), and garbage that
+// claims to be initialised.
+TEST(SlotctlSurvey, ForeignAndBrokenObjectsNeitherHangNorCrashNorGetRemoved) {
+    ScopedSlotName empty("empty");
+    ScopedSlotName creating("creating");
+    ScopedSlotName garbage("garbage");
+    auto make = [](const std::string& name, std::string bytes) {
+        std::ofstream file("/dev/shm/" + name, std::ios::binary);
+        file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    };
+    make(empty.str(), "");
+    make(creating.str(), std::string(4096, '\0'));
+    std::string noise(8192, '\0');
+    for (size_t i = 0; i < noise.size(); ++i) {
+        noise[i] = static_cast<char>((i * 2654435761u) >> 13);
+    }
+    const std::uint32_t initialised = 2;
+    std::memcpy(&noise[0], &initialised, sizeof(initialised));
+    make(garbage.str(), noise);
+    make("queue_" + garbage.str(), noise);
+
+    for (const std::string& name : {empty.str(), creating.str(), garbage.str()}) {
+        SCOPED_TRACE(name);
+        const Outcome info = Slotctl({"info", name}, Options{"", std::chrono::seconds(30)});
+        EXPECT_TRUE(info.exited) << info.Describe();
+        EXPECT_LE(info.status, 1) << info.Describe();
+        EXPECT_LE(info.ErrLines().size(), 1u) << info.Describe();
+    }
+    const Outcome garbageInfo = Slotctl({"info", garbage.str()});
+    ExpectOneErrorLine(garbageInfo, 1, "is not a slot");
+    const Outcome ls = Slotctl({"ls", "--json"});
+    EXPECT_TRUE(ls.exited && ls.status == 0) << ls.Describe();
+    EXPECT_FALSE(Contains(ls.out, garbage.str())) << ls.out;
+
+    const Outcome rm = Slotctl({"rm", garbage.str()});
+    EXPECT_EQ(1, rm.status) << rm.Describe();
+    EXPECT_TRUE(ShmExists(garbage.str()));
+    EXPECT_TRUE(ShmExists("queue_" + garbage.str()));
 }
 
 // ---- write and read across processes ----
