@@ -25,7 +25,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 #include <algorithm>
 #include <chrono>
@@ -44,6 +43,7 @@ namespace {
 
 using boost::interprocess::open_or_create;
 using testsupport::ChildProcess;
+using testsupport::DieWithParent;
 using Clock = std::chrono::steady_clock;
 
 const int kWriters = 2;
@@ -126,13 +126,6 @@ void Store(T& v, T value) {
 template <class T>
 void Add(T& v, T value) {
     __atomic_add_fetch(&v, value, __ATOMIC_SEQ_CST);
-}
-
-void DieWithParent() {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() == 1) {
-        ::_exit(1);
-    }
 }
 
 // Arms, in one life out of `oneIn`, one of `points` at a random pass.

@@ -14,8 +14,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <algorithm>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>

@@ -12,8 +12,9 @@
 //                                                    given TEXT (prints 'ready' once reading)
 //   gateway_probe length SLOT MAXSIZE                prints the number of blocks waiting in a
 //                                                    reliable slot
-// Block n's size walks through 0..MAXSIZE (both ends included; empty blocks never adjacent) and
-// its bytes derive from n.
+// The blocks are NumberedBlock.h's.
+#include "NumberedBlock.h"
+
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
 
@@ -22,7 +23,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <mutex>
@@ -33,18 +33,7 @@
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-
-Bytes NumberedBlock(unsigned n, std::size_t maxSize) {
-    const std::size_t size = n % 7 == 3   ? 0
-                             : n % 5 == 0 ? 1
-                             : n % 5 == 1 ? maxSize
-                                          : 1 + (n * 7919u) % maxSize;
-    Bytes block(size);
-    for (std::size_t i = 0; i < size; ++i) {
-        block[i] = static_cast<unsigned char>((n * 131u + i * 7u) ^ (i >> 8) ^ (n >> 8));
-    }
-    return block;
-}
+using gatewaytest::NumberedBlock;
 
 SlotCfg Cfg(const std::string& name, const std::string& type, std::size_t maxSize) {
     const bool reliable = type == "reliable";

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <sys/mman.h>
 #include <optional>
 #include <string>
 #include <vector>
@@ -69,6 +70,14 @@ bool LibraryAccepts(const std::string& name) {
         EXPECT_EQ(expected, e.what());
     }
     EXPECT_EQ(!problem.has_value(), created);
+    // Nothing half made: "." and ".." would be valid queue names ("queue_.").
+    const bool objectName = name != "" && name != "." && name != "..";
+    EXPECT_FALSE(objectName && slotctltest::ShmExists(name));
+    const std::string queue = "queue_" + name;
+    if (!created && slotctltest::ShmExists(queue)) {
+        ADD_FAILURE() << "'" << queue << "' was left behind";
+        ::shm_unlink(queue.c_str());
+    }
     return created;
 }
 

@@ -106,18 +106,6 @@ def test_python_writer_to_cpp_reader(name, type_):
         assert got == want
 
 
-def test_python_writer_process_to_python_reader(name):
-    """Two interpreters: the writer exits before the reader starts."""
-    code = ("import sys, libslot\n"
-            "w = libslot.Writer(sys.argv[1], type='reliable')\n"
-            "print([w.write(bytes([i]) * i).value for i in range(4)])\n")
-    result = run_python(code, name)
-    assert result.stdout.decode() == "['stored', 'stored', 'stored', 'stored']\n", \
-        result.stderr.decode()
-    with libslot.Reader(name, type="reliable") as reader:
-        assert [reader.get(timeout=WAIT) for _ in range(4)] == [bytes([i]) * i for i in range(4)]
-
-
 def readme_example():
     """The tested Python block of docs/python.md, as written there."""
     readme = os.environ.get("SLOT_README") or os.path.join(

@@ -6,7 +6,6 @@ import os
 import pytest
 
 import libslot
-from conftest import lock_file
 
 BLOCKS = [b"", b"\0", b"a\0b\0\0", bytes(range(256)) * 3, b"\xff" * 65536]
 
@@ -115,32 +114,6 @@ def test_factory_operations(name):
     assert libslot.remove_slot(name) is True
     assert libslot.remove_slot(name) is False
     assert not [f for f in os.listdir("/dev/shm") if f.endswith(name)]
-
-
-def test_remove_slot_removes_the_reader_lock_file_unless_a_reader_holds_it(name):
-    lock = lock_file(name)
-    with libslot.Reader(name, type="reliable"):
-        assert os.path.exists(lock)
-        assert libslot.remove_slot(name) is True
-        assert os.path.exists(lock), "the live reader's lock file was removed"
-        with pytest.raises(libslot.SlotCreationError):
-            libslot.Reader(name, type="reliable")   # the live reader still holds the name
-    assert os.path.exists(lock)
-    libslot.remove_slot(name)
-    assert not os.path.exists(lock)
-    # A link in its place is neither followed nor removed.
-    target = lock + ".target"
-    with open(target, "w") as f:
-        f.write("keep")
-    os.symlink(target, lock)
-    try:
-        libslot.remove_slot(name)
-        assert os.path.islink(lock)
-        with open(target) as f:
-            assert f.read() == "keep"
-    finally:
-        os.unlink(lock)
-        os.unlink(target)
 
 
 def test_simple_slot_round_trip(name):

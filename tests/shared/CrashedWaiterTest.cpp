@@ -20,6 +20,7 @@ using namespace sharedtest;
 namespace pt = boost::posix_time;
 using std::chrono::seconds;
 using testsupport::ChildProcess;
+using testsupport::DieWithParent;
 using testsupport::PipeSignal;
 
 const std::uint32_t kWaitersPerProcess = 2;

@@ -3,11 +3,8 @@
 
 #include <boost/interprocess/sync/scoped_lock.hpp>
 
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <csignal>
-#include <cstdio>
 #include <fstream>
 
 namespace sharedtest {
@@ -53,10 +50,6 @@ bool WaitUntilBlocked(pid_t pid, pid_t tid, std::chrono::milliseconds timeout) {
 
 pid_t CurrentTid() {
     return static_cast<pid_t>(::syscall(SYS_gettid));
-}
-
-void DieWithParent() {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
 
 }  // namespace sharedtest

@@ -55,9 +55,4 @@ bool WaitUntilBlocked(pid_t pid, pid_t tid = 0,
 
 pid_t CurrentTid();
 
-// For grandchildren: die with the process that forked them, so a watchdog kill leaves nothing.
-void DieWithParent();
-
 }  // namespace sharedtest
-
-#include <thread>

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
@@ -142,6 +143,13 @@ bool PipeSignal::WaitFor(std::chrono::milliseconds timeout) {
 int Failed(int code, const std::string& what) {
     std::fprintf(stderr, "%s\n", what.c_str());
     return code;
+}
+
+void DieWithParent() {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() == 1) {
+        ::_exit(1);
+    }
 }
 
 }  // namespace testsupport

@@ -49,6 +49,10 @@ ChildResult RunInChild(const std::function<int()>& body,
 // In a child: prints what failed to stderr and returns `code`, a distinct exit code.
 int Failed(int code, const std::string& what);
 
+// In a child, or a grandchild the test does not wait for: die with the process that forked it,
+// so that a watchdog's kill leaves nothing running (ends at once if that process is gone).
+void DieWithParent();
+
 // One-way signal between processes (a pipe): Post() in one, WaitFor() in the other. Create it
 // before fork. Each Post() releases one WaitFor().
 class PipeSignal {

@@ -29,8 +29,8 @@ using testsupport::HeaderHolder;
 using testsupport::ScopedSlotName;
 
 // A dead and a live holder, a queue left at size 0 by a creator killed right after making it,
-// and both halves of a slot: each shown in text and JSON; rm --stale leaves what is young or
-// busy and removes the rest, naming the part it removed.
+// and both halves of a slot: rm --stale leaves what is young or busy and removes the rest,
+// naming the part it removed.
 TEST(SlotctlStates, ShownAndRemovedAsStaleOnlyWhenBroken) {
     ScopedSlotName dead("deadheld"), live("liveheld"), unfinished("unfq");
     ScopedSlotName headerOnly("halfh"), queueOnly("halfq");
@@ -38,7 +38,6 @@ TEST(SlotctlStates, ShownAndRemovedAsStaleOnlyWhenBroken) {
     ASSERT_TRUE(deadHolder.WaitLocked()) << deadHolder.Child().Wait().Describe();
     ASSERT_TRUE(liveHolder.WaitLocked()) << liveHolder.Child().Wait().Describe();
     const std::string deadPid = std::to_string(deadHolder.Child().Pid());
-    const std::string livePid = std::to_string(liveHolder.Child().Pid());
     deadHolder.Child().Kill(SIGKILL);
     deadHolder.Child().Wait();
     const std::string unfinishedQueue = BaseQueueSlot::GetQueueName(unfinished);
@@ -51,39 +50,21 @@ TEST(SlotctlStates, ShownAndRemovedAsStaleOnlyWhenBroken) {
         BaseQueueSlot::GetQueueName(headerOnly).c_str());
     boost::interprocess::shared_memory_object::remove(queueOnly.c_str());
 
+    // Which state each of them is in is the survey's test; here how ls and info show it.
     const Outcome ls = Slotctl({"ls"});
     EXPECT_EQ(0, ls.status) << ls.Describe();
-    const auto row = [&ls](const std::string& name) {
-        return LineStartingWith(ls.out, name + " ");
-    };
-    EXPECT_TRUE(Contains(row(dead), " dead-holder ")) << ls.out;
-    EXPECT_TRUE(Contains(row(dead), "header mutex held by dead pid " + deadPid)) << ls.out;
-    EXPECT_TRUE(Contains(row(live), " busy ")) << ls.out;
-    EXPECT_TRUE(Contains(row(live), "header mutex held by pid " + livePid)) << ls.out;
-    EXPECT_TRUE(Contains(row(unfinished), " unfinished ")) << ls.out;
-    EXPECT_EQ("", row(unfinishedQueue)) << "listed twice:\n" << ls.out;
-    EXPECT_TRUE(Contains(row(headerOnly), " header-only ")) << ls.out;
-    EXPECT_TRUE(Contains(row(queueOnly), " queue-only ")) << ls.out;
-
+    const std::string deadRow = LineStartingWith(ls.out, dead.str() + " ");
+    EXPECT_TRUE(Contains(deadRow, " dead-holder ")) << ls.out;
+    EXPECT_TRUE(Contains(deadRow, "header mutex held by dead pid " + deadPid)) << ls.out;
     const Outcome lsJson = Slotctl({"ls", "--json"});
     EXPECT_TRUE(Contains(lsJson.out, "\"holder\": {\"lock\": \"header mutex\", \"pid\": " +
                                          deadPid + ", \"alive\": false}"))
         << lsJson.out;
-    const Outcome info = Slotctl({"info", dead.str()});
-    EXPECT_EQ(0, info.status) << info.Describe();
-    EXPECT_TRUE(Contains(info.out, "state           dead-holder")) << info.out;
-    EXPECT_TRUE(Contains(info.out, "header mutex held by dead pid " + deadPid)) << info.out;
     const Outcome header = Slotctl({"info", headerOnly.str()});
     EXPECT_EQ(0, header.status) << header.Describe();
     EXPECT_TRUE(Contains(header.out, "header-only (half slot: the queue 'queue_" +
                                          headerOnly.str() + "' is missing)"))
         << header.out;
-    const Outcome unfinishedJson = Slotctl({"info", "--json", unfinished.str()});
-    EXPECT_EQ(0, unfinishedJson.status) << unfinishedJson.Describe();
-    EXPECT_TRUE(Contains(unfinishedJson.out, "\"state\": \"unfinished\"")) << unfinishedJson.out;
-    const Outcome queueJson = Slotctl({"info", "--json", queueOnly.str()});
-    EXPECT_TRUE(Contains(queueJson.out, "\"state\": \"queue-only\", \"kind\": \"discarding\""))
-        << queueJson.out;
 
     // Young broken slots may be slots being created: left alone by default.
     const std::vector<std::string> broken = {dead, unfinished, headerOnly, queueOnly};
@@ -110,7 +91,6 @@ TEST(SlotctlStates, ShownAndRemovedAsStaleOnlyWhenBroken) {
 
     liveHolder.Release();
     EXPECT_TRUE(liveHolder.Child().Wait().Ok());
-    EXPECT_TRUE(Contains(LineStartingWith(Slotctl({"ls"}).out, live.str() + " "), " slot "));
 }
 
 // No byte that a terminal acts on: C0 controls other than the line ends, DEL, and the bytes

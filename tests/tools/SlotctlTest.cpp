@@ -14,7 +14,6 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/shared_memory_object.hpp>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <csignal>
@@ -202,15 +201,6 @@ TEST(SlotctlSurvey, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
     EXPECT_TRUE(Contains(line, shownStamp)) << ls.out;
     EXPECT_TRUE(Contains(line, " none")) << ls.out;
 
-    const Outcome lsJson = Slotctl({"ls", "--json"});
-    EXPECT_EQ(0, lsJson.status) << lsJson.Describe();
-    EXPECT_TRUE(Contains(lsJson.out, "{\"name\": \"" + name.str() +
-                                         "\", \"state\": \"slot\", \"kind\": \"reliable\", "
-                                         "\"max_block_size\": 65536, \"waiting\": 3, "
-                                         "\"capacity\": 8, \"last_write\": \"" +
-                                         shownStamp + "\""))
-        << lsJson.out;
-
     const Outcome info = Slotctl({"info", name.str()});
     EXPECT_EQ(0, info.status) << info.Describe();
     EXPECT_TRUE(Contains(info.out, "blocks waiting  3 of 8")) << info.out;
@@ -222,10 +212,6 @@ TEST(SlotctlSurvey, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
         Contains(infoJson.out, "\"output_buffer_data_size\": " + std::to_string(Block(0).size())))
         << infoJson.out;
     EXPECT_TRUE(Contains(infoJson.out, "\"last_write\": \"" + shownStamp + "\"")) << infoJson.out;
-    EXPECT_TRUE(Contains(infoJson.out,
-                         "\"objects\": {\"last_write_tstamp\": 8, \"output_buffer_data_size\": 4, "
-                         "\"output_buffer_handle\": 4, \"cond_on_write\": "))
-        << infoJson.out;
 
     checked.Post();
     EXPECT_TRUE(writer.Wait().Ok()) << "the writer's header changed";
@@ -242,8 +228,6 @@ TEST(SlotctlSurvey, ShowsThePidOfTheReliableReader) {
     });
     ASSERT_TRUE(ready.WaitFor()) << reader.Wait().Describe();
     const std::string pid = std::to_string(reader.Pid());
-    const Outcome info = Slotctl({"info", "--json", name.str()});
-    EXPECT_TRUE(Contains(info.out, "\"held\": true, \"pid\": " + pid)) << info.Describe();
     const Outcome ls = Slotctl({"ls"});
     EXPECT_TRUE(Contains(LineStartingWith(ls.out, name.str() + " "), "pid " + pid)) << ls.out;
     // A second reader is refused, and told who holds the slot.
@@ -362,13 +346,6 @@ TEST(SlotctlReadWrite, RefusedAndDiscardedBlocksAreReportedAsTheLibraryLogsThem)
     EXPECT_EQ(warning + warning + "slotctl: 3 blocks to '" + discarding.str() +
                   "' (discarding): all stored; 2 waiting blocks discarded\n",
               discarded.err);
-
-    ScopedSlotName small("small");
-    const Outcome tooLarge = Slotctl({"write", small.str(), "--max-size", "4", "12345"});
-    EXPECT_EQ(1, tooLarge.status) << tooLarge.Describe();
-    EXPECT_TRUE(Contains(tooLarge.err, "ERROR [Slot] Unable to write to '" + small.str() +
-                                           "': data size 5 > max data size 4"))
-        << tooLarge.Describe();
 }
 
 // The summary and the exit status come from the write outcomes, not from the log: a

@@ -13,14 +13,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 namespace {

@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
-#include <cstring>
 #include <set>
 #include <string>
 #include <vector>
@@ -141,46 +140,8 @@ TEST(SlotLayout, ObjectsOutliveEverySlotObject) {
     EXPECT_EQ("kept", std::string(buffer, 4));
 }
 
-TEST(SlotCreation, RefusedNamesAndSizesAbortAndLeaveNothingBehind) {
-    const std::string longName = testsupport::UniqueName("long") + std::string(300, 'n');
-    std::string queueTooLong = testsupport::UniqueName("q");
-    queueTooLong += std::string(252 - queueTooLong.size(), 'q');  // "queue_" + it is 258 chars
-    const std::vector<std::string> badNames = {
-        testsupport::UniqueName("a") + "/b", longName, queueTooLong, "", ".", ".."};
-    for (const std::string& bad : badNames) {
-        SCOPED_TRACE(bad.size());
-        try {
-            DiscardingSlot slot(open_or_create, bad.c_str(), 64);
-            ADD_FAILURE() << "created";
-        } catch (const AbortSlotCreationException& e) {
-            EXPECT_EQ(0u, std::string(e.what()).rfind("Slot could not be created: ", 0))
-                << e.what();
-        }
-    }
-    // "." and ".." are valid queue names ("queue_.") but no segment names: nothing half made.
-    EXPECT_FALSE(ShmExists("queue_."));
-    EXPECT_FALSE(ShmExists("queue_.."));
-    boost::interprocess::shared_memory_object::remove("queue_.");
-    boost::interprocess::shared_memory_object::remove("queue_..");
-
-    // The longest name whose queue name is still a valid object name.
-    {
-        std::string longest = testsupport::UniqueName("l");
-        longest += std::string(249 - longest.size(), 'l');
-        struct Remover {
-            std::string name;
-            ~Remover() { testsupport::RemoveSlotObjects(name); }
-        } remover{longest};
-        EXPECT_NO_THROW(DiscardingSlot(open_or_create, longest.c_str(), 64));
-        try {
-            DiscardingSlot slot(open_or_create, (longest + "x").c_str(), 64);
-            ADD_FAILURE() << "created";
-        } catch (const AbortSlotCreationException& e) {
-            EXPECT_EQ("Slot could not be created: slot name '" + longest +
-                          "x' is longer than 249 characters",
-                      std::string(e.what()));
-        }
-    }
+// Which names are refused, in what words, leaving nothing behind: tests/gateway/NameRuleTest.
+TEST(SlotCreation, SizesThatCannotBeAddressedAbortAndLeaveNothingBehind) {
     // Sizes whose queue or segment 32-bit offsets could not address.
     testsupport::ScopedSlotName name;
     EXPECT_THROW(ReliableSlot(open_or_create, name.c_str(), 65536, 65537),
@@ -188,7 +149,6 @@ TEST(SlotCreation, RefusedNamesAndSizesAbortAndLeaveNothingBehind) {
     EXPECT_THROW(DiscardingSlot(open_or_create, name.c_str(), 0xffffffffu),
                  AbortSlotCreationException);
     EXPECT_TRUE(testsupport::LeftoverShmObjects().empty());
-    EXPECT_FALSE(ShmExists("queue_"));  // what the empty name would have left
 }
 
 TEST(SlotOperations, OversizedBlockIsRefusedWithOneErrorAndChangesNothing) {

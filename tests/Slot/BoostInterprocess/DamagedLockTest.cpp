@@ -15,11 +15,8 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <linux/futex.h>
 #include <pthread.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <chrono>
