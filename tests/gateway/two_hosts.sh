@@ -105,9 +105,11 @@ config "$work/a.json" to-network from-network
 config "$work/b.json" from-network to-network
 
 lease_ms=500
+# Each gateway stops itself after --timeout seconds, a safety net for a test that hangs; it must
+# outlast the whole script on a loaded machine (ctest stops the script at 600 s).
 start_gateway() {  # host
     local -n runner=on_$1
-    "${runner[@]}" "$gateway" --timeout 200 --lease-ms $lease_ms --config "$work/${1,,}.json" --status-file "$work/status-$1.json" \
+    "${runner[@]}" "$gateway" --timeout 540 --lease-ms $lease_ms --config "$work/${1,,}.json" --status-file "$work/status-$1.json" \
         >> "$work/gateway-$1.log" 2>&1 &
     gateways[$1]=$!
 }
