@@ -15,9 +15,12 @@
 #include <unistd.h>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <numeric>
 #include <random>
 #include <thread>
 
@@ -112,6 +115,21 @@ std::string Frames(const std::vector<std::string>& blocks) {
         out += block;
     }
     return out;
+}
+
+// The files of a split recording "x.mcap": "x-000.mcap", "x-001.mcap", ... as far as they exist.
+std::vector<std::string> Parts(const std::string& path) {
+    const std::string stem = path.substr(0, path.size() - 5);
+    std::vector<std::string> parts;
+    for (;;) {
+        char part[32];
+        std::snprintf(part, sizeof(part), "-%03zu.mcap", parts.size());
+        struct stat st {};
+        if (::stat((stem + part).c_str(), &st) != 0) {
+            return parts;
+        }
+        parts.push_back(stem + part);
+    }
 }
 
 // ---- the file format, in-process ----
@@ -300,6 +318,86 @@ TEST(SlotctlRecord, WritesTheRecorderNeverSawAreGaps) {
     EXPECT_TRUE(Contains(run.err, "did not keep up")) << run.Describe();
 }
 
+// Slots recorded together. A discarding slot's reader always queues a copy of its block, in a
+// buffer that may have served a longer block before; a reliable slot's reader writes its block
+// itself when the file is free and queues a copy when it is busy. Either way each slot's blocks
+// land whole and in order, across rotations.
+TEST(SlotctlRecord, SlotsRecordedTogetherKeepTheirBlocksInOrderAndWhole) {
+    const size_t count = 300;
+    ScopedSlotName a("togethera"), b("togetherb"), c("togetherc");
+    const std::vector<std::string> names = {a, b, c};
+    std::map<std::string, std::vector<std::string>> written;
+    for (const std::string& name : names) {
+        std::vector<std::string>& blocks = written[name];
+        for (size_t i = 0; i < count; ++i) {
+            // Long and short in turn: a short block in a long one's buffer would show its tail.
+            std::string block = name + " " + std::to_string(i) + " ";
+            block.resize(i % 2 == 0 ? 1000 : block.size() + i % 5, static_cast<char>('a' + i % 26));
+            blocks.push_back(block);
+        }
+        if (name != c.str()) {
+            Fill(name, blocks);
+        }
+    }
+    const SlotCfg discarding(c, "discarding", boost::posix_time::milliseconds(100), 16, 1024);
+    SlotFactory::CreateSlot(&discarding);
+    const std::string path = FilePath("together");
+    Background recorder(
+        {"record", "-o", path, "--split-size", "64K", "--update-time", "1", a, b, c});
+    ASSERT_TRUE(recorder.WaitForErr("(discarding)"));
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&discarding);
+    // Paced, so that the reader gets most of them (it takes the latest block each time).
+    for (const std::string& block : written[c]) {
+        writer->onNotify(c, block.data(), block.size());
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::map<std::string, std::vector<std::string>> got;
+    std::map<std::string, std::vector<std::uint32_t>> sequences;
+    auto readParts = [&](bool complete) {
+        got.clear();
+        sequences.clear();
+        for (const std::string& part : Parts(path)) {
+            const mcap::ReadResult result =
+                mcap::Read(part, [&](const mcap::Message& m, const mcap::Channel& channel) {
+                    got[channel.topic].emplace_back(m.data, m.size);
+                    sequences[channel.topic].push_back(m.sequence);
+                    return true;
+                });
+            EXPECT_TRUE(!complete || result.complete) << part << ": " << result.problem;
+        }
+    };
+    // Until the reliable slots are drained and the discarding one's last block is in.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    do {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        readParts(false);
+    } while ((got[a].size() < count || got[b].size() < count || got[c].empty() ||
+              got[c].back() != written[c].back()) &&
+             std::chrono::steady_clock::now() < deadline);
+    recorder.Signal(SIGINT);
+    const Outcome run = recorder.Finish();
+    ASSERT_EQ(0, run.status) << run.Describe();
+    readParts(true);
+    EXPECT_GE(Parts(path).size(), 4u);
+    EXPECT_EQ(written[a], got[a]);
+    EXPECT_EQ(written[b], got[b]);
+    // The discarding slot may lose blocks to its writer's burst; those it recorded are whole.
+    size_t next = 0;
+    for (const std::string& block : got[c]) {
+        const size_t index = std::strtoul(block.c_str() + c.str().size() + 1, nullptr, 10);
+        ASSERT_GE(index, next) << block;
+        ASSERT_LT(index, count) << block;
+        EXPECT_EQ(written[c][index], block);
+        next = index + 1;
+    }
+    EXPECT_EQ(count, next);
+    std::vector<std::uint32_t> numbers(count);
+    std::iota(numbers.begin(), numbers.end(), 1u);
+    // A reliable slot's blocks are numbered by the recorder (a discarding one's by the slot).
+    EXPECT_EQ(numbers, sequences[a]);
+    EXPECT_EQ(numbers, sequences[b]);
+}
+
 // Rotation by size (blocks waiting in the slot) and by time (blocks written while it records):
 // the files, read in order, hold every block once, with unbroken sequences.
 class SlotctlRecordSplit : public ::testing::TestWithParam<bool> {};
@@ -327,25 +425,19 @@ TEST_P(SlotctlRecordSplit, LosesNoBlock) {
         run = Slotctl({"record", "-o", path, "--split-size", "1K", "--count", "200", name.str()});
     }
     ASSERT_EQ(0, run.status) << run.Describe();
-    const std::string stem = path.substr(0, path.size() - 5);
     std::vector<std::string> got;
     std::uint32_t expected = 1;
-    int files = 0;
-    for (;; ++files) {
-        char part[32];
-        std::snprintf(part, sizeof(part), "-%03d.mcap", files);
-        struct stat st {};
-        if (::stat((stem + part).c_str(), &st) != 0) {
-            break;
-        }
-        const Recorded recorded = ReadAll(stem + part);
+    const std::vector<std::string> parts = Parts(path);
+    const size_t files = parts.size();
+    for (const std::string& part : parts) {
+        const Recorded recorded = ReadAll(part);
         EXPECT_TRUE(recorded.result.complete) << part << ": " << recorded.result.problem;
         for (std::uint32_t sequence : recorded.sequences) {
             EXPECT_EQ(expected++, sequence);
         }
         got.insert(got.end(), recorded.blocks.begin(), recorded.blocks.end());
     }
-    EXPECT_GE(files, byTime ? 3 : 5);
+    EXPECT_GE(files, byTime ? 3u : 5u);
     EXPECT_EQ(blocks, got);
     EXPECT_TRUE(Contains(run.err, "wrote " + std::to_string(files) + " files")) << run.Describe();
 }

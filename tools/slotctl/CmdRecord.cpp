@@ -47,14 +47,16 @@ std::uint64_t NowNs() {
            static_cast<std::uint64_t>(ts.tv_nsec);
 }
 
+// A block a reader thread could not write itself, waiting for the main thread.
 struct Arrival {
     size_t slot;
     std::uint32_t sequence;
     std::uint64_t time;
-    std::string data;
+    std::string data;  // a buffer of the pool: its capacity may exceed the block
 };
 
-// What the reader threads hand to the main thread, which writes the file.
+// What the reader threads hand to the main thread, which writes the file. The blocks' buffers
+// come back to a pool once written, so that a steady stream allocates nothing.
 class Backlog {
 public:
     Backlog() {
@@ -68,8 +70,9 @@ public:
     }
     int WakeFd() const { return wake_[0]; }
 
-    // False when stopping before there was room.
-    bool Put(Arrival arrival) {
+    // A copy of the block; false when stopping before there was room.
+    bool Put(size_t slot, std::uint32_t sequence, std::uint64_t time, const char* data,
+             size_t size) {
         std::unique_lock<std::mutex> lock(mutex_);
         if (bytes_ >= MaxBacklogBytes) {
             heldBack_ = true;
@@ -78,14 +81,23 @@ public:
                 return false;
             }
         }
-        bytes_ += arrival.data.size();
-        items_.push_back(std::move(arrival));
+        bytes_ += size;
+        std::string buffer;
+        if (!spare_.empty()) {
+            buffer.swap(spare_.back());
+            spare_.pop_back();
+            spareBytes_ -= buffer.capacity();
+        }
+        // The copy is made without the lock: the main thread may take meanwhile.
+        lock.unlock();
+        buffer.assign(data, size);
+        lock.lock();
+        items_.push_back(Arrival{slot, sequence, time, std::move(buffer)});
         // Only the first block after a Take needs to wake the main thread.
         const bool wake = items_.size() == 1;
         lock.unlock();
-        const char byte = 1;
-        if (wake && ::write(wake_[1], &byte, 1) < 0) {
-            // A full wake-up pipe already holds a wake-up.
+        if (wake) {
+            Wake();
         }
         return true;
     }
@@ -98,10 +110,32 @@ public:
         {
             std::lock_guard<std::mutex> lock(mutex_);
             taken.swap(items_);
-            bytes_ = 0;
+            for (const Arrival& arrival : taken) {
+                bytes_ -= arrival.data.size();
+            }
         }
         room_.notify_all();
         return taken;
+    }
+
+    // Written blocks: their buffers serve again, up to a bound.
+    void Recycle(std::deque<Arrival>& written) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (Arrival& arrival : written) {
+            if (spareBytes_ + arrival.data.capacity() <= MaxBacklogBytes / 4) {
+                spareBytes_ += arrival.data.capacity();
+                spare_.push_back(std::move(arrival.data));
+            }
+        }
+        written.clear();
+    }
+
+    // Makes the main thread look (more blocks, the count reached, a failure).
+    void Wake() {
+        const char byte = 1;
+        if (::write(wake_[1], &byte, 1) < 0) {
+            // A full wake-up pipe already holds a wake-up.
+        }
     }
 
     void Stop() {
@@ -126,17 +160,30 @@ private:
     std::mutex mutex_;
     std::condition_variable room_;
     std::deque<Arrival> items_;
-    size_t bytes_ = 0;
+    size_t bytes_ = 0;  // of the blocks put and not yet taken
+    std::vector<std::string> spare_;
+    size_t spareBytes_ = 0;
     bool heldBack_ = false;
     bool stopping_ = false;
 };
 
+struct Source;
+
+// The file and what has been written to it, shared by the main thread and the reader threads
+// that write their blocks themselves; `mutex` guards all of it.
+struct Sink {
+    std::timed_mutex mutex;
+    std::function<void(Source&, std::uint32_t, std::uint64_t, const char*, size_t)> store;
+    std::string failure;  // why writing the file failed; nothing more is written then
+    std::uint64_t total = 0, totalBytes = 0;
+};
+
 // One recorded slot.
 struct Source : public shared::ISubscriber {
-    Source(size_t index, const SlotCfg& cfg, Backlog& backlog)
-        : index(index), cfg(cfg), backlog(backlog) {}
+    Source(size_t index, const SlotCfg& cfg, Backlog& backlog, Sink& sink)
+        : index(index), cfg(cfg), backlog(backlog), sink(sink) {}
 
-    // The reader's thread: numbers the block, passes it on to --tee, queues it for the file.
+    // The reader's thread: numbers the block, passes it on to --tee, writes it or queues it.
     void onNotify(const std::string&, const void* data, size_t size) override {
         const std::uint64_t time = NowNs();
         std::uint32_t sequence = lastSequence + 1;
@@ -158,7 +205,28 @@ struct Source : public shared::ISubscriber {
         if (tee) {
             tee->Write(bytes, size, [&] { return backlog.Stopping(); });
         }
-        if (!backlog.Put(Arrival{index, sequence, time, std::string(bytes, size)})) {
+        // A reliable slot's block is written from here, without a copy, when none of its
+        // earlier blocks still waits in the backlog and nobody else is writing the file: the
+        // bytes are valid during this call, and the slot's lock is not held. A discarding
+        // slot's reader never waits for the file (a write meanwhile could be lost), nor does
+        // one that finds the file busy.
+        if (!discarding && queued == 0 && sink.mutex.try_lock()) {
+            std::lock_guard<std::timed_mutex> lock(sink.mutex, std::adopt_lock);
+            if (!sink.failure.empty()) {
+                ++dropped;
+                return;
+            }
+            try {
+                sink.store(*this, sequence, time, bytes, size);
+            } catch (const mcap::Error& e) {
+                sink.failure = e.what();
+                backlog.Wake();
+            }
+            return;
+        }
+        ++queued;
+        if (!backlog.Put(index, sequence, time, bytes, size)) {
+            --queued;
             ++dropped;
         }
     }
@@ -166,6 +234,7 @@ struct Source : public shared::ISubscriber {
     size_t index;
     SlotCfg cfg;
     Backlog& backlog;
+    Sink& sink;
     bool discarding = false;
     std::unique_ptr<RetryingWriter> tee;
     INotifierPtr reader;
@@ -173,7 +242,9 @@ struct Source : public shared::ISubscriber {
     bool numbered = false;
     std::uint32_t lastSequence = 0;
     std::atomic<std::uint64_t> dropped{0};
-    // The main thread only.
+    // Blocks in the backlog, not yet written.
+    std::atomic<std::uint64_t> queued{0};
+    // Under the sink's mutex.
     std::uint64_t blocks = 0, bytes = 0, gaps = 0;
     bool seen = false;
     std::uint32_t seenSequence = 0;
@@ -258,6 +329,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         }
     }
     Backlog backlog;
+    Sink sink;
     std::vector<std::unique_ptr<Source>> sources;
     for (const std::string& name : names) {
         std::vector<std::string> given;
@@ -283,7 +355,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
                                        "the recorder pass the blocks on with --tee OTHER");
             }
         }
-        sources.emplace_back(new Source(sources.size(), cfg, backlog));
+        sources.emplace_back(new Source(sources.size(), cfg, backlog, sink));
         sources.back()->discarding = type == "discarding";
         if (arguments.Has("tee")) {
             const std::string other = arguments.Get("tee");
@@ -319,17 +391,66 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     open();
     const auto started = std::chrono::steady_clock::now();
     auto fileStarted = started;
+    // Under the sink's mutex, on the main thread or a reader's.
+    sink.store = [&](Source& source, std::uint32_t sequence, std::uint64_t time, const char* data,
+                     size_t size) {
+        const auto now = std::chrono::steady_clock::now();
+        if (split && writer->Size() > 0 &&
+            ((splitSize != 0 && writer->Size() >= splitSize) ||
+             (splitSeconds != 0 &&
+              std::chrono::duration<double>(now - fileStarted).count() >= splitSeconds))) {
+            writer->Close();
+            open();
+            fileStarted = now;
+        }
+        if (source.seen && sequence - source.seenSequence > 1) {
+            source.gaps += sequence - source.seenSequence - 1;
+        }
+        source.seen = true;
+        source.seenSequence = sequence;
+        mcap::Message message;
+        message.channel = static_cast<std::uint16_t>(source.index + 1);
+        message.sequence = sequence;
+        message.logTime = time;
+        // Blocks carry no time of their own: published is when it arrived.
+        message.publishTime = time;
+        message.data = data;
+        message.size = size;
+        writer->Add(message);
+        ++source.blocks;
+        source.bytes += size;
+        ++sink.total;
+        sink.totalBytes += size;
+        if (sink.total == count) {
+            backlog.Wake();
+        }
+    };
+    // The blocks the reader threads left in the backlog.
+    auto storeBacklog = [&] {
+        std::deque<Arrival> taken = backlog.Take();
+        for (const Arrival& arrival : taken) {
+            Source& source = *sources[arrival.slot];
+            sink.store(source, arrival.sequence, arrival.time, arrival.data.data(),
+                       arrival.data.size());
+            --source.queued;
+        }
+        backlog.Recycle(taken);
+    };
 
+    // Once a reader runs, a rotation may change `files`.
+    const std::string firstFile = files.front();
     for (const auto& source : sources) {
         const std::string& name = source->cfg.GetName();
         auto abandon = [&] {
-            // Nothing was recorded yet: the file we made goes again.
+            // The recording does not start: the files made for it go again.
             backlog.Stop();
             for (const auto& started : sources) {
                 started->reader.reset();
             }
             writer.reset();
-            ::unlink(files.front().c_str());
+            for (const std::string& file : files) {
+                ::unlink(file.c_str());
+            }
         };
         try {
             // Subscribed before the reader's thread starts, so that the blocks waiting in a
@@ -349,82 +470,56 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             throw CommandError(ExitFailure, "cannot record " + Quote(name) + ": " + e.what());
         }
         std::cerr << "slotctl: recording " << Quote(name) << " (" << TypeName(source->cfg)
-                  << ") to " << Printable(files.front()) << std::endl;
+                  << ") to " << Printable(firstFile) << std::endl;
     }
 
     const bool progress = ::isatty(STDERR_FILENO) == 1;
-    std::uint64_t total = 0, totalBytes = 0;
     auto lastProgress = started;
     auto showProgress = [&] {
         std::uint64_t gaps = 0;
         for (const auto& source : sources) {
             gaps += source->gaps;
         }
-        std::cerr << "\rslotctl: " << Plural(total, "block") << ", " << ByteText(totalBytes) << ", "
-                  << Plural(gaps, "gap") << ", " << Plural(files.size(), "file") << "\x1b[K"
-                  << std::flush;
-    };
-    auto store = [&](const Arrival& arrival) {
-        Source& source = *sources[arrival.slot];
-        const auto now = std::chrono::steady_clock::now();
-        if (split && writer->Size() > 0 &&
-            ((splitSize != 0 && writer->Size() >= splitSize) ||
-             (splitSeconds != 0 &&
-              std::chrono::duration<double>(now - fileStarted).count() >= splitSeconds))) {
-            writer->Close();
-            open();
-            fileStarted = now;
-        }
-        if (source.seen && arrival.sequence - source.seenSequence > 1) {
-            source.gaps += arrival.sequence - source.seenSequence - 1;
-        }
-        source.seen = true;
-        source.seenSequence = arrival.sequence;
-        mcap::Message message;
-        message.channel = static_cast<std::uint16_t>(arrival.slot + 1);
-        message.sequence = arrival.sequence;
-        message.logTime = arrival.time;
-        // Blocks carry no time of their own: published is when it arrived.
-        message.publishTime = arrival.time;
-        message.data = arrival.data.data();
-        message.size = arrival.data.size();
-        writer->Add(message);
-        ++source.blocks;
-        source.bytes += arrival.data.size();
-        ++total;
-        totalBytes += arrival.data.size();
+        std::cerr << "\rslotctl: " << Plural(sink.total, "block") << ", "
+                  << ByteText(sink.totalBytes) << ", " << Plural(gaps, "gap") << ", "
+                  << Plural(files.size(), "file") << "\x1b[K" << std::flush;
     };
 
     bool stopped = false;
-    std::string failure;
-    try {
-        while (count == 0 || total < count) {
-            int waitMs = 200;
-            if (seconds != 0) {
-                const double left = seconds - std::chrono::duration<double>(
-                                                  std::chrono::steady_clock::now() - started)
-                                                  .count();
-                if (left <= 0) {
-                    break;
-                }
-                waitMs = std::min(waitMs, static_cast<int>(left * 1000) + 1);
-            }
-            if (WaitReadableOrStop(backlog.WakeFd(), waitMs) == WaitResult::Stopped) {
-                stopped = true;
+    for (;;) {
+        int waitMs = 100;
+        if (seconds != 0) {
+            const double left =
+                seconds -
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+            if (left <= 0) {
                 break;
             }
-            for (const Arrival& arrival : backlog.Take()) {
-                store(arrival);
-            }
-            writer->Flush(NowNs());
-            const auto now = std::chrono::steady_clock::now();
-            if (progress && now - lastProgress >= std::chrono::seconds(1)) {
-                showProgress();
-                lastProgress = now;
+            waitMs = std::min(waitMs, static_cast<int>(left * 1000) + 1);
+        }
+        {
+            std::lock_guard<std::timed_mutex> lock(sink.mutex);
+            if (!sink.failure.empty() || (count != 0 && sink.total >= count)) {
+                break;
             }
         }
-    } catch (const mcap::Error& e) {
-        failure = e.what();
+        if (WaitReadableOrStop(backlog.WakeFd(), waitMs) == WaitResult::Stopped) {
+            stopped = true;
+            break;
+        }
+        std::lock_guard<std::timed_mutex> lock(sink.mutex);
+        try {
+            storeBacklog();
+            // Also what the readers wrote themselves reaches the system within one pass.
+            writer->Flush(NowNs());
+        } catch (const mcap::Error& e) {
+            sink.failure = e.what();
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (progress && now - lastProgress >= std::chrono::seconds(1)) {
+            showProgress();
+            lastProgress = now;
+        }
     }
     // Readers stop first; what they took is written too, never dropped. A reader's thread
     // waiting for a slot's lock, or for room in a --tee slot, ends within the bound.
@@ -441,19 +536,29 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             stopper.join();
         } else {
             stopper.detach();
-            for (const Arrival& arrival : backlog.Take()) {
-                store(arrival);
+            // A reader stuck inside a write of the file holds it: then the file stays as it is,
+            // readable to its last whole record.
+            std::string outcome = "is left as it is";
+            if (sink.mutex.try_lock_for(std::chrono::seconds(5))) {
+                std::lock_guard<std::timed_mutex> lock(sink.mutex, std::adopt_lock);
+                try {
+                    if (sink.failure.empty()) {
+                        storeBacklog();
+                        writer->Close();
+                        outcome = "is closed";
+                    }
+                } catch (const mcap::Error&) {
+                }
+                outcome = Printable(files.back()) + " " + outcome;
             }
-            writer->Close();
-            LeaveNow(ExitFailure, "slotctl: a slot's reader did not stop; " +
-                                      Printable(files.back()) + " is closed");
+            LeaveNow(ExitFailure, "slotctl: a slot's reader did not stop; " + outcome);
         }
     }
+    // The readers are gone: the rest is the main thread's.
+    std::string failure = sink.failure;
     if (failure.empty()) {
         try {
-            for (const Arrival& arrival : backlog.Take()) {
-                store(arrival);
-            }
+            storeBacklog();
             writer->Close();
         } catch (const mcap::Error& e) {
             failure = e.what();

@@ -10,7 +10,6 @@
 #include <sys/uio.h>
 #include <unistd.h>
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -35,31 +34,11 @@ enum Opcode : std::uint8_t {
     OpDataEnd = 0x0f,
 };
 
-const size_t RecordHead = 9;         // opcode and 8-byte length
-const size_t FooterRecord = 9 + 20;  // summary start, summary offset start, CRC
+const size_t RecordHead = 9;                 // opcode and 8-byte length
+const size_t MessageFields = 2 + 4 + 8 + 8;  // channel, sequence, log and publish time
+const size_t FooterRecord = 9 + 20;          // summary start, summary offset start, CRC
 // A chunk never unpacks to more than this (a hostile size cannot make us allocate more).
 const std::uint64_t MaxChunkSize = std::uint64_t(1) << 30;
-
-// Tables for CRC-32 eight bytes at a time ("slicing by 8"): table[k][b] is the CRC of byte b
-// followed by k zero bytes.
-typedef std::array<std::array<std::uint32_t, 256>, 8> CrcTables;
-
-CrcTables MakeCrcTables() {
-    CrcTables tables{};
-    for (std::uint32_t i = 0; i < 256; ++i) {
-        std::uint32_t c = i;
-        for (int k = 0; k < 8; ++k) {
-            c = (c & 1) ? 0xedb88320u ^ (c >> 1) : c >> 1;
-        }
-        tables[0][i] = c;
-    }
-    for (std::uint32_t i = 0; i < 256; ++i) {
-        for (size_t k = 1; k < 8; ++k) {
-            tables[k][i] = (tables[k - 1][i] >> 8) ^ tables[0][tables[k - 1][i] & 0xff];
-        }
-    }
-    return tables;
-}
 
 // Little-endian encoding.
 void Put(std::string& out, std::uint64_t value, int bytes) {
@@ -156,22 +135,6 @@ std::string SystemError(const std::string& what, const std::string& path) {
 
 }  // namespace
 
-std::uint32_t Crc32(std::uint32_t crc, const void* data, size_t size) {
-    static const CrcTables t = MakeCrcTables();
-    const unsigned char* p = static_cast<const unsigned char*>(data);
-    crc = ~crc;
-    for (; size >= 8; size -= 8, p += 8) {
-        const std::uint32_t low = crc ^ (std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 |
-                                         std::uint32_t(p[2]) << 16 | std::uint32_t(p[3]) << 24);
-        crc = t[7][low & 0xff] ^ t[6][(low >> 8) & 0xff] ^ t[5][(low >> 16) & 0xff] ^
-              t[4][low >> 24] ^ t[3][p[4]] ^ t[2][p[5]] ^ t[1][p[6]] ^ t[0][p[7]];
-    }
-    for (; size > 0; --size, ++p) {
-        crc = t[0][(crc ^ *p) & 0xff] ^ (crc >> 8);
-    }
-    return ~crc;
-}
-
 bool ZstdBuiltIn() {
 #ifdef SLOT_WITH_ZSTD
     return true;
@@ -202,6 +165,9 @@ Writer::Writer(const std::string& path, const Options& options) : path_(path), o
 }
 
 Writer::~Writer() {
+#ifdef SLOT_WITH_ZSTD
+    ZSTD_freeCCtx(static_cast<ZSTD_CCtx*>(zstd_));
+#endif
     if (fd_ >= 0) {
         try {
             WriteOut();
@@ -273,13 +239,20 @@ std::uint16_t Writer::AddChannel(const std::string& topic, const std::string& en
 }
 
 void Writer::Add(const Message& message) {
-    std::string head;
-    Put8(head, OpMessage);
-    Put64(head, 2 + 4 + 8 + 8 + message.size);
-    Put16(head, message.channel);
-    Put32(head, message.sequence);
-    Put64(head, message.logTime);
-    Put64(head, message.publishTime);
+    // The record's head, made in place: no allocation per message.
+    char head[RecordHead + MessageFields];
+    char* h = head;
+    auto put = [&h](std::uint64_t value, int bytes) {
+        for (int i = 0; i < bytes; ++i) {
+            *h++ = static_cast<char>((value >> (8 * i)) & 0xff);
+        }
+    };
+    put(OpMessage, 1);
+    put(MessageFields + message.size, 8);
+    put(message.channel, 2);
+    put(message.sequence, 4);
+    put(message.logTime, 8);
+    put(message.publishTime, 8);
     if (messages_ == 0 || message.logTime < firstTime_) {
         firstTime_ = message.logTime;
     }
@@ -287,9 +260,9 @@ void Writer::Add(const Message& message) {
     ++messages_;
     ++counts_[message.channel];
     if (!options_.zstd) {
-        dataCrc_ = Crc32(dataCrc_, head.data(), head.size());
+        dataCrc_ = Crc32(dataCrc_, head, sizeof(head));
         dataCrc_ = Crc32(dataCrc_, message.data, message.size);
-        out_ += head;
+        out_.append(head, sizeof(head));
         if (message.size >= 16384) {
             WriteOut(message.data, message.size);  // a large block goes out without a copy
         } else {
@@ -308,7 +281,7 @@ void Writer::Add(const Message& message) {
     chunkStart_ = std::min(chunkStart_, message.logTime);
     chunkEnd_ = std::max(chunkEnd_, message.logTime);
     chunkIndex_[message.channel].emplace_back(message.logTime, chunk_.size());
-    chunk_ += head;
+    chunk_.append(head, sizeof(head));
     chunk_.append(message.data, message.size);
     if (chunk_.size() >= options_.chunkSize) {
         CloseChunk();
@@ -321,20 +294,33 @@ void Writer::CloseChunk() {
         return;
     }
 #ifdef SLOT_WITH_ZSTD
-    std::string packed(ZSTD_compressBound(chunk_.size()), '\0');
-    const size_t size = ZSTD_compress(&packed[0], packed.size(), chunk_.data(), chunk_.size(), 1);
-    if (ZSTD_isError(size)) {
-        throw Error(std::string("cannot compress a chunk: ") + ZSTD_getErrorName(size));
+    // One compressor and one output buffer for every chunk of the file.
+    if (zstd_ == nullptr) {
+        zstd_ = ZSTD_createCCtx();
+        if (zstd_ == nullptr) {
+            throw Error("cannot make a zstd compressor");
+        }
     }
-    packed.resize(size);
+    const size_t bound = ZSTD_compressBound(chunk_.size());
+    if (packed_.size() < bound) {
+        packed_.resize(bound);
+    }
+    const size_t packedSize =
+        ZSTD_compressCCtx(static_cast<ZSTD_CCtx*>(zstd_), &packed_[0], packed_.size(),
+                          chunk_.data(), chunk_.size(), options_.zstdLevel);
+    if (ZSTD_isError(packedSize)) {
+        throw Error(std::string("cannot compress a chunk: ") + ZSTD_getErrorName(packedSize));
+    }
+    const char* packed = packed_.data();
 #else
-    const std::string& packed = chunk_;
+    const char* packed = chunk_.data();
+    const size_t packedSize = chunk_.size();
 #endif
     ChunkIndex index;
     index.start = chunkStart_;
     index.end = chunkEnd_;
     index.offset = Size();
-    index.compressed = packed.size();
+    index.compressed = packedSize;
     index.uncompressed = chunk_.size();
     std::string content;
     Put64(content, chunkStart_);
@@ -342,13 +328,16 @@ void Writer::CloseChunk() {
     Put64(content, chunk_.size());
     Put32(content, Crc32(0, chunk_.data(), chunk_.size()));
     PutString(content, "zstd");
-    Put64(content, packed.size());
+    Put64(content, packedSize);
     const size_t before = out_.size();
     Put8(out_, OpChunk);
-    Put64(out_, content.size() + packed.size());
+    Put64(out_, content.size() + packedSize);
     out_ += content;
-    out_ += packed;
-    index.length = out_.size() - before;
+    dataCrc_ = Crc32(dataCrc_, out_.data() + before, out_.size() - before);
+    dataCrc_ = Crc32(dataCrc_, packed, packedSize);
+    index.length = out_.size() - before + packedSize;
+    // The chunk's head and its compressed records in one write, without joining them.
+    WriteOut(packed, packedSize);
     const std::uint64_t indexesAt = Size();
     for (const auto& channel : chunkIndex_) {
         index.indexOffsets[channel.first] = Size();
@@ -363,7 +352,7 @@ void Writer::CloseChunk() {
         Record(OpMessageIndex, record);
     }
     index.indexLength = Size() - indexesAt;
-    dataCrc_ = Crc32(dataCrc_, out_.data() + before, out_.size() - before);
+    dataCrc_ = Crc32(dataCrc_, out_.data(), out_.size());
     chunks_.push_back(index);
     chunk_.clear();
     chunkIndex_.clear();

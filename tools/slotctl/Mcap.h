@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "Crc32.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -20,10 +22,6 @@ class Error : public std::runtime_error {
 public:
     explicit Error(const std::string& what) : std::runtime_error(what) {}
 };
-
-// CRC-32 (IEEE, reflected, as zlib computes it). Chain calls by passing the previous result;
-// start with 0.
-std::uint32_t Crc32(std::uint32_t crc, const void* data, size_t size);
 
 // Whether zstd compression was built in.
 bool ZstdBuiltIn();
@@ -49,6 +47,7 @@ public:
     struct Options {
         bool zstd = false;                      // chunks compressed with zstd; else plain messages
         size_t chunkSize = 1 << 20;             // uncompressed bytes that close a chunk
+        int zstdLevel = 1;                      // zstd's compression level
         std::uint64_t chunkAgeNs = 1000000000;  // a chunk older than this closes at Flush
         std::string library;                    // written into the header
     };
@@ -98,6 +97,8 @@ private:
     std::map<std::uint16_t, std::vector<std::pair<std::uint64_t, std::uint64_t>>> chunkIndex_;
     std::uint64_t chunkStart_ = 0, chunkEnd_ = 0, chunkOpened_ = 0;
     std::vector<ChunkIndex> chunks_;
+    void* zstd_ = nullptr;  // the compression context (ZSTD_CCtx), made for the first chunk
+    std::string packed_;    // a chunk's compressed bytes; only grows
 };
 
 // What reading a file found.
