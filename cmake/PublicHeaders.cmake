@@ -15,6 +15,11 @@ set(SLOT_PUBLIC_HEADERS
     Slot/ConfigurationTags.h
     Slot/SlotFactory.h
     Slot/SlotNames.h
+    # Zero-copy pools: loans, counted holds and the survey of one pool.
+    Slot/PoolFactory.h
+    Slot/PoolWriter.h
+    Slot/PoolBlock.h
+    Slot/PoolSurvey.h
     # Writing and reading.
     Slot/SlotWriter.h
     Slot/WriteOutcome.h

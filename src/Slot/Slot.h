@@ -16,6 +16,10 @@
 #include <Slot/IFileOutputCfg.h>
 #include <Slot/ISlot.h>
 #include <Slot/ISlotConfiguration.h>
+#include <Slot/PoolBlock.h>
+#include <Slot/PoolFactory.h>
+#include <Slot/PoolSurvey.h>
+#include <Slot/PoolWriter.h>
 #include <Slot/SimpleSlotRW.h>
 #include <Slot/SlotActivity.h>
 #include <Slot/SlotAttachments.h>

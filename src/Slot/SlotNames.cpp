@@ -53,4 +53,15 @@ std::string ShmPath(const std::string& object) {
     return ShmDirectory() + "/" + object;
 }
 
+const char* const PoolFolderName = "libslot-pools";
+const char* const PoolTemporaryPrefix = ".libslot-new-";
+
+std::string PoolDirectory() {
+    return ShmPath(PoolFolderName);
+}
+
+std::string PoolPath(const std::string& name) {
+    return PoolDirectory() + "/" + name;
+}
+
 }  // namespace Slot

@@ -79,4 +79,19 @@ SLOT_EXPORT std::string ShmDirectory();
 // Where the system shows the POSIX shared-memory object `object`: "/dev/shm/<object>".
 SLOT_EXPORT std::string ShmPath(const std::string& object);
 
+// Zero-copy pools (<Slot/PoolFactory.h>) keep one file each in the folder "libslot-pools" of
+// ShmDirectory(), created with mode 01777. A slot's objects are plain files of ShmDirectory(), so
+// a pool never collides with a slot's "<name>" or "queue_<name>"; the one slot name that a pool
+// reserves is the folder's, "libslot-pools". A pool's name follows the slot name rule, and names
+// that start with PoolTemporaryPrefix are refused: a pool is made under such a name and renamed
+// into place when complete.
+SLOT_EXPORT extern const char* const PoolFolderName;
+SLOT_EXPORT extern const char* const PoolTemporaryPrefix;
+
+// "/dev/shm/libslot-pools".
+SLOT_EXPORT std::string PoolDirectory();
+
+// "/dev/shm/libslot-pools/<name>".
+SLOT_EXPORT std::string PoolPath(const std::string& name);
+
 }  // namespace Slot

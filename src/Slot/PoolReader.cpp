@@ -1,0 +1,312 @@
+// SPDX-License-Identifier: Apache-2.0
+// The reader side of a pool, counted block holds, and the factory.
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/PoolBlock.h>
+#include <Slot/PoolFactory.h>
+#include <Slot/PoolSegment.h>
+#include <Slot/SlotNames.h>
+
+#include <shared/Notifier.h>
+#include <shared/SharedFolder.h>
+
+#include <unistd.h>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace Slot {
+
+namespace {
+
+thread_local const PoolDelivery* currentDelivery = nullptr;
+
+// How long a reader sleeps at most between looks at the pool (and at its stop request), and
+// how often it reaps dead processes while idle.
+constexpr long SleepSliceNs = 100 * 1000 * 1000;
+constexpr auto ReapInterval = std::chrono::milliseconds(500);
+
+// A notifier with one thread that takes blocks from the pool and delivers them in place.
+//
+// Threads: the creator's thread constructs, subscribes and releases; the reader thread runs
+// Run and every subscriber's onNotify, holding no lock of the pool while they run (the
+// Notifier's own mutex guards its subscriber list). Holds are counted per block in the
+// attachment, so subscribers' PoolBlock copies may be dropped on any thread.
+class PoolReader : public shared::Notifier {
+public:
+    PoolReader(const std::shared_ptr<PoolSegment>& segment, std::int64_t spinNs,
+               const ISubscriberPtr& first)
+        : attachment_(std::make_shared<PoolAttachment>(segment)),
+          segment_(*segment),
+          first_(first),
+          spinNs_(spinNs) {
+        if (segment_.kind() == QueueKind) {
+            Claim();
+        }
+        if (first_) {
+            subscribe(first_.get());
+        }
+        thread_ = std::thread([this] { Run(); });
+    }
+
+    ~PoolReader() override {
+        if (thread_.joinable()) {
+            stop_.store(true);
+            segment_.Nudge();
+            thread_.join();
+        }
+        if (claimed_) {
+            std::uint64_t claim = attachment_->index() + 1;
+            segment_.header().readerClaim.compare_exchange_strong(claim, 0);
+        }
+    }
+
+    // Deletes the reader, or, on its own thread (inside onNotify), stops it and lets the thread
+    // delete it once the delivery in progress has unwound.
+    static void Release(PoolReader* reader) {
+        if (std::this_thread::get_id() == reader->thread_.get_id()) {
+            reader->unsubscribeAll();
+            reader->deleteSelf_ = true;
+            reader->stop_.store(true);
+        } else {
+            delete reader;
+        }
+    }
+
+private:
+    void Claim() {
+        const std::uint64_t mine = attachment_->index() + 1;
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            std::uint64_t expected = 0;
+            if (segment_.header().readerClaim.compare_exchange_strong(expected, mine)) {
+                claimed_ = true;
+                return;
+            }
+            segment_.ReapDead();
+        }
+        const std::uint64_t claim = segment_.header().readerClaim.load();
+        std::string who;
+        if (claim >= 1 && claim <= MaxPoolAttachments) {
+            who = " (process " +
+                  std::to_string(segment_.attachment(claim - 1).word.load() & 0xffffffffu) + ")";
+        }
+        throw AbortSlotCreationException("Cannot create a second reader for queue pool '" +
+                                         segment_.name() + "': it has one" + who);
+    }
+
+    void Run() {
+        auto lastReap = std::chrono::steady_clock::now();
+        while (!stop_.load()) {
+            const std::uint32_t seen = segment_.header().publishCount.load();
+            bool took = false;
+            try {
+                took = segment_.kind() == LatestKind ? TakeLatest() : TakeQueued();
+            } catch (const std::exception& e) {
+                LOG4CXX_ERROR(segment_.logger(),
+                              "Pool '" << segment_.name() << "': reader: " << e.what());
+            }
+            if (took) {
+                continue;
+            }
+            if (!Spin(seen)) {
+                segment_.Sleep(seen, SleepSliceNs);
+            }
+            const auto now = std::chrono::steady_clock::now();
+            if (now - lastReap >= ReapInterval) {
+                lastReap = now;
+                segment_.ReapDead();
+                segment_.TryReclaimAll();
+            }
+        }
+        if (deleteSelf_) {
+            thread_.detach();
+            delete this;
+        }
+    }
+
+    // True when a publish came within the spin budget.
+    bool Spin(std::uint32_t seen) {
+        if (spinNs_ <= 0) {
+            return false;
+        }
+        const auto end = std::chrono::steady_clock::now() + std::chrono::nanoseconds(spinNs_);
+        for (unsigned n = 0;; ++n) {
+            if (segment_.header().publishCount.load() != seen || stop_.load()) {
+                return true;
+            }
+            if ((n & 63) == 0 && std::chrono::steady_clock::now() >= end) {
+                return false;
+            }
+            __builtin_ia32_pause();
+        }
+    }
+
+    // Latest kind: holds the latest block if it is newer than the last one delivered. The hold
+    // counts only when the latest word still names the block after the holder bit was set
+    // (reclaimers look at the latest word before the holder bits).
+    bool TakeLatest() {
+        for (;;) {
+            const std::uint64_t latest = segment_.header().latest.load();
+            if (latest == 0 || (latest >> 8) <= lastSequence_) {
+                return false;
+            }
+            const unsigned index = static_cast<unsigned>(latest & 0xff);
+            if (index >= segment_.blockCount()) {
+                segment_.MarkDamaged("the latest word names block " + std::to_string(index));
+                return false;
+            }
+            PoolBlockSlot& block = segment_.block(index);
+            auto hold = std::make_shared<PoolHold>(attachment_, index, latest >> 8,
+                                                   segment_.data(index), 0);
+            if (segment_.header().latest.load() != latest) {
+                continue;  // superseded meanwhile: the hold is released on the way round
+            }
+            block.taken.store(1);
+            lastSequence_ = latest >> 8;
+            Deliver(hold, index);
+            return true;
+        }
+    }
+
+    // Queue kind: the entry at the head stays in the ring until its delivery has returned.
+    bool TakeQueued() {
+        PoolHeader& header = segment_.header();
+        const std::uint64_t head = header.head.load();
+        const std::uint64_t tail = header.tail.load();
+        if (head == tail) {
+            return false;
+        }
+        if (tail - head > segment_.blockCount()) {
+            segment_.MarkDamaged("the ring's counters are out of range");
+            return false;
+        }
+        const std::uint64_t entry = segment_.ring(head).load();
+        const unsigned index = static_cast<unsigned>(entry & 0xff);
+        const std::uint64_t sequence = entry >> 8;
+        if (index >= segment_.blockCount()) {
+            segment_.MarkDamaged("a ring entry names block " + std::to_string(index));
+            header.head.store(head + 1);
+            return true;
+        }
+        PoolBlockSlot& block = segment_.block(index);
+        auto hold =
+            std::make_shared<PoolHold>(attachment_, index, sequence, segment_.data(index), 0);
+        std::uint64_t published = StatePublished | sequence;
+        if (block.state.load() == published) {
+            lastSequence_ = sequence;
+            Deliver(hold, index);
+            // Consumed before the head moves on: a reader killed in between leaves an entry
+            // whose block is no longer Published(sequence), which the next reader skips.
+            block.state.compare_exchange_strong(published, StateConsumed | sequence);
+        }
+        header.head.store(head + 1);
+        return true;
+    }
+
+    void Deliver(const std::shared_ptr<PoolHold>& hold, unsigned index) {
+        const std::uint64_t size = segment_.block(index).size.load();
+        if (size > segment_.maxBlockSize()) {
+            segment_.MarkDamaged("block " + std::to_string(index) + " has size " +
+                                 std::to_string(size));
+            return;
+        }
+        hold->SetSize(static_cast<std::size_t>(size));
+        PoolDelivery delivery{hold};
+        currentDelivery = &delivery;
+        try {
+            notify(segment_.name(), hold->data(), static_cast<unsigned>(size));
+        } catch (const std::exception& e) {
+            LOG4CXX_ERROR(segment_.logger(),
+                          "std::exception in '" << segment_.name() << "' : " << e.what());
+        } catch (...) {
+            LOG4CXX_ERROR(segment_.logger(), "Unknown exception in '" << segment_.name() << "'");
+        }
+        currentDelivery = nullptr;
+    }
+
+    std::shared_ptr<PoolAttachment> attachment_;
+    PoolSegment& segment_;
+    ISubscriberPtr first_;
+    std::int64_t spinNs_;
+    bool claimed_ = false;
+    std::uint64_t lastSequence_ = 0;  // reader thread only
+    std::atomic<bool> stop_{false};
+    bool deleteSelf_ = false;  // reader thread only
+    std::thread thread_;
+};
+
+INotifierPtr MakeReader(const PoolConfig& config, std::int64_t spinNs,
+                        const ISubscriberPtr& first) {
+    PoolReader* reader = new PoolReader(PoolSegment::Open(config), spinNs, first);
+    return INotifierPtr(static_cast<shared::INotifier*>(reader),
+                        [reader](shared::INotifier*) { PoolReader::Release(reader); });
+}
+
+}  // namespace
+
+PoolBlock::PoolBlock(std::shared_ptr<const PoolHold> hold) : hold_(std::move(hold)) {}
+
+const void* PoolBlock::data() const {
+    return hold_ ? hold_->data() : nullptr;
+}
+
+std::size_t PoolBlock::size() const {
+    return hold_ ? hold_->size() : 0;
+}
+
+std::uint64_t PoolBlock::sequence() const {
+    return hold_ ? hold_->sequence() : 0;
+}
+
+PoolBlock HoldCurrentBlock() {
+    return currentDelivery != nullptr ? PoolBlock(currentDelivery->hold) : PoolBlock();
+}
+
+std::uint64_t CurrentBlockSequence() {
+    return currentDelivery != nullptr ? currentDelivery->hold->sequence() : 0;
+}
+
+bool PoolFactory::PoolKindIsValid(const std::string& kind) {
+    return kind == "latest" || kind == "queue";
+}
+
+boost::shared_ptr<PoolWriter> PoolFactory::CreatePoolWriter(const PoolConfig& config) {
+    return boost::shared_ptr<PoolWriter>(
+        new PoolWriter(std::make_shared<PoolAttachment>(PoolSegment::Open(config))));
+}
+
+INotifierPtr PoolFactory::CreatePoolReader(const PoolConfig& config,
+                                           const ISubscriberPtr& firstSubscriber) {
+    return MakeReader(config, 0, firstSubscriber);
+}
+
+INotifierPtr PoolFactory::CreateSpinningPoolReader(
+    const PoolConfig& config, const boost::posix_time::time_duration& spinBudget,
+    const ISubscriberPtr& firstSubscriber) {
+    if (spinBudget.is_special() || spinBudget.is_negative()) {
+        throw AbortSlotCreationException("Cannot create a reader for pool '" + config.name +
+                                         "': the spin budget must be finite and not negative");
+    }
+    return MakeReader(config, static_cast<std::int64_t>(spinBudget.total_microseconds()) * 1000,
+                      firstSubscriber);
+}
+
+unsigned PoolFactory::Recover(const std::string& name) {
+    std::shared_ptr<PoolSegment> segment = PoolSegment::OpenExisting(name);
+    const unsigned reaped = segment->ReapDead();
+    segment->TryReclaimAll();
+    return reaped;
+}
+
+bool PoolFactory::RemovePool(const std::string& name) {
+    if (SlotNameProblem(name)) {
+        return false;
+    }
+    try {
+        shared::CheckedFolder folder = shared::CheckedFolder::Open(PoolDirectory());
+        return ::unlinkat(folder.fd(), name.c_str(), 0) == 0;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+}  // namespace Slot

@@ -1,0 +1,602 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Slot/PoolSegment.h>
+
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/SlotNames.h>
+
+#include <shared/RobustMutex.h>
+#include <shared/SharedFolder.h>
+#include <shared/WriteOutcome.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <sstream>
+#include <vector>
+
+namespace Slot {
+
+namespace {
+
+constexpr std::uint64_t PidMask = 0xffffffffull;
+constexpr unsigned ReaperShift = 32;
+constexpr std::uint64_t ReaperMask = 0x3fffffffull;
+// How long a reaper waits for the writers' mutex (a live writer holds it for a few stores).
+constexpr long ReapLockSeconds = 2;
+
+std::uint64_t Word(pid_t pid) {
+    return AttachInUse | (static_cast<std::uint64_t>(pid) & PidMask);
+}
+
+bool AddOverflows(std::uint64_t a, std::uint64_t b, std::uint64_t& out) {
+    return __builtin_add_overflow(a, b, &out);
+}
+
+bool MulOverflows(std::uint64_t a, std::uint64_t b, std::uint64_t& out) {
+    return __builtin_mul_overflow(a, b, &out);
+}
+
+std::string Errno(int error) {
+    return std::strerror(error);
+}
+
+[[noreturn]] void Refuse(const std::string& name, const std::string& why) {
+    throw AbortSlotCreationException("Cannot open pool '" + name + "': " + why);
+}
+
+const char* KindName(std::uint32_t kind) {
+    return kind == LatestKind ? "latest" : "queue";
+}
+
+// Closes a descriptor on scope exit.
+struct Fd {
+    int fd;
+    explicit Fd(int f) : fd(f) {}
+    ~Fd() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+};
+
+std::atomic<unsigned> temporaryCounter{0};
+
+// Removes temporaries left by creators that died before renaming their pool into place.
+void RemoveStaleTemporaries(int folderFd) {
+    const int dirFd = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dirFd < 0) {
+        return;
+    }
+    DIR* dir = ::fdopendir(dirFd);
+    if (dir == nullptr) {
+        ::close(dirFd);
+        return;
+    }
+    const std::string prefix = PoolTemporaryPrefix;
+    std::vector<std::string> stale;
+    while (dirent* entry = ::readdir(dir)) {
+        const std::string file = entry->d_name;
+        if (file.compare(0, prefix.size(), prefix) != 0) {
+            continue;
+        }
+        const long pid = std::strtol(file.c_str() + prefix.size(), nullptr, 10);
+        if (pid > 0 && !PoolProcessAlive(static_cast<pid_t>(pid), 0)) {
+            stale.push_back(file);
+        }
+    }
+    ::closedir(dir);
+    for (const std::string& file : stale) {
+        ::unlinkat(folderFd, file.c_str(), 0);
+    }
+}
+
+// Makes the pool file complete under a temporary name, then renames it into place. False when
+// another process's pool won the name meanwhile.
+bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& geometry) {
+    RemoveStaleTemporaries(folderFd);
+    const std::string temporary = PoolTemporaryPrefix + std::to_string(::getpid()) + "-" +
+                                  std::to_string(temporaryCounter.fetch_add(1));
+    Fd fd(::openat(folderFd, temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                   0600));
+    if (fd.fd < 0) {
+        Refuse(config.name, "cannot create " + PoolPath(temporary) + ": " + Errno(errno));
+    }
+    auto discard = [&] { ::unlinkat(folderFd, temporary.c_str(), 0); };
+    // Readers write their holder bits: every user that may open the folder may attach.
+    ::fchmod(fd.fd, 0666);
+    const std::size_t size = static_cast<std::size_t>(geometry.totalSize);
+    const int rc = ::posix_fallocate(fd.fd, 0, static_cast<off_t>(size));
+    if (rc != 0) {
+        discard();
+        throw AbortSlotCreationException("Cannot reserve " + std::to_string(size) +
+                                         " bytes for pool '" + config.name + "': " + Errno(rc));
+    }
+    void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.fd, 0);
+    if (base == MAP_FAILED) {
+        const int error = errno;
+        discard();
+        Refuse(config.name, "cannot map " + std::to_string(size) + " bytes: " + Errno(error));
+    }
+    // The file is all zeros: every block Free, every attachment free, no latest block.
+    PoolHeader* header = static_cast<PoolHeader*>(base);
+    header->magic = PoolMagic;
+    header->version = PoolLayoutVersion;
+    header->kind = config.kind == "latest" ? LatestKind : QueueKind;
+    header->maxBlockSize = config.maxBlockSize;
+    header->blockCount = config.blockCount;
+    header->stride = geometry.stride;
+    header->attachmentOffset = geometry.attachmentOffset;
+    header->blockTableOffset = geometry.blockTableOffset;
+    header->ringOffset = geometry.ringOffset;
+    header->dataOffset = geometry.dataOffset;
+    header->totalSize = geometry.totalSize;
+    try {
+        shared::InitRobustMutex(reinterpret_cast<pthread_mutex_t*>(header->writerMutex));
+    } catch (const std::exception& e) {
+        ::munmap(base, size);
+        discard();
+        Refuse(config.name, std::string("cannot make its mutex: ") + e.what());
+    }
+    ::munmap(base, size);
+    if (::renameat2(folderFd, temporary.c_str(), folderFd, config.name.c_str(), RENAME_NOREPLACE) !=
+        0) {
+        const int error = errno;
+        discard();
+        if (error == EEXIST) {
+            return false;
+        }
+        Refuse(config.name, "cannot rename it into place: " + Errno(error));
+    }
+    return true;
+}
+
+shared::CheckedFolder OpenFolder(const std::string& name, mode_t createMode) {
+    try {
+        return shared::CheckedFolder::Open(PoolDirectory(), createMode);
+    } catch (const std::exception& e) {
+        Refuse(name, e.what());
+    }
+}
+
+}  // namespace
+
+bool ComputePoolGeometry(std::uint64_t maxBlockSize, std::uint64_t blockCount, PoolGeometry& out) {
+    PoolGeometry g;
+    std::uint64_t rounded = 0;
+    if (AddOverflows(maxBlockSize, 63, rounded)) {
+        return false;
+    }
+    g.stride = rounded & ~std::uint64_t(63);
+    g.attachmentOffset = sizeof(PoolHeader);
+    g.blockTableOffset = g.attachmentOffset + MaxPoolAttachments * sizeof(PoolAttachmentSlot);
+    std::uint64_t table = 0;
+    std::uint64_t ring = 0;
+    std::uint64_t data = 0;
+    if (MulOverflows(blockCount, sizeof(PoolBlockSlot), table) ||
+        AddOverflows(g.blockTableOffset, table, g.ringOffset) ||
+        MulOverflows(blockCount, sizeof(std::uint64_t), ring) ||
+        AddOverflows(g.ringOffset, ring, data) || AddOverflows(data, 63, data)) {
+        return false;
+    }
+    g.dataOffset = data & ~std::uint64_t(63);
+    std::uint64_t blocks = 0;
+    if (MulOverflows(blockCount, g.stride, blocks) ||
+        AddOverflows(g.dataOffset, blocks, g.totalSize)) {
+        return false;
+    }
+    out = g;
+    return true;
+}
+
+std::optional<std::string> PoolConfigProblem(const PoolConfig& config) {
+    if (std::optional<std::string> problem = SlotNameProblem(config.name)) {
+        return "the name " + *problem;
+    }
+    const std::string temporary = PoolTemporaryPrefix;
+    if (config.name.compare(0, temporary.size(), temporary) == 0) {
+        return "the name starts with \"" + temporary + "\", which is reserved";
+    }
+    if (!PoolFactory::PoolKindIsValid(config.kind)) {
+        return "the kind '" + config.kind + "' is not \"latest\" or \"queue\"";
+    }
+    if (config.maxBlockSize < 1 || config.maxBlockSize > MaxPoolBlockSize) {
+        return "the block size " + std::to_string(config.maxBlockSize) + " is not in 1.." +
+               std::to_string(MaxPoolBlockSize);
+    }
+    if (config.blockCount < 1 || config.blockCount > MaxPoolBlocks) {
+        return "the block count " + std::to_string(config.blockCount) + " is not in 1.." +
+               std::to_string(MaxPoolBlocks);
+    }
+    PoolGeometry g;
+    if (!ComputePoolGeometry(config.maxBlockSize, config.blockCount, g) ||
+        g.totalSize > std::numeric_limits<std::size_t>::max() ||
+        g.totalSize > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) {
+        return std::string("the pool is too large to map in this process");
+    }
+    return std::nullopt;
+}
+
+std::string PoolHeaderProblem(const PoolHeader& header, std::uint64_t fileSize) {
+    if (header.magic != PoolMagic) {
+        return "not a pool file (bad magic)";
+    }
+    if (header.version != PoolLayoutVersion) {
+        return "layout version " + std::to_string(header.version) + ", expected " +
+               std::to_string(PoolLayoutVersion);
+    }
+    if (header.kind != LatestKind && header.kind != QueueKind) {
+        return "unknown kind " + std::to_string(header.kind);
+    }
+    if (header.blockCount < 1 || header.blockCount > MaxPoolBlocks || header.maxBlockSize < 1 ||
+        header.maxBlockSize > MaxPoolBlockSize) {
+        return "block count " + std::to_string(header.blockCount) + " or size " +
+               std::to_string(header.maxBlockSize) + " out of range";
+    }
+    PoolGeometry g;
+    if (!ComputePoolGeometry(header.maxBlockSize, header.blockCount, g) ||
+        g.stride != header.stride || g.attachmentOffset != header.attachmentOffset ||
+        g.blockTableOffset != header.blockTableOffset || g.ringOffset != header.ringOffset ||
+        g.dataOffset != header.dataOffset || g.totalSize != header.totalSize) {
+        return "inconsistent geometry";
+    }
+    if (g.totalSize > fileSize) {
+        return "the file has " + std::to_string(fileSize) + " bytes, the pool needs " +
+               std::to_string(g.totalSize);
+    }
+    if (g.totalSize > std::numeric_limits<std::size_t>::max()) {
+        return "too large to map in this process";
+    }
+    return std::string();
+}
+
+std::uint64_t PoolProcessStartTime(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    if (!std::getline(in, text)) {
+        return 0;
+    }
+    const std::size_t close = text.rfind(')');
+    if (close == std::string::npos) {
+        return 0;
+    }
+    std::istringstream fields(text.substr(close + 1));
+    std::string field;
+    // After the command: state (field 3) ... starttime (field 22).
+    for (int i = 3; i <= 22 && (fields >> field); ++i) {
+        if (i == 22) {
+            return std::strtoull(field.c_str(), nullptr, 10);
+        }
+    }
+    return 0;
+}
+
+bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
+    if (pid <= 0) {
+        return false;
+    }
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    if (!in.is_open()) {
+        return ::kill(pid, 0) == 0 || errno == EPERM;
+    }
+    if (!std::getline(in, text)) {
+        return false;  // ended while being read
+    }
+    const std::size_t close = text.rfind(')');
+    if (close == std::string::npos || close + 2 >= text.size()) {
+        return true;
+    }
+    const char state = text[close + 2];
+    if (state == 'Z' || state == 'X' || state == 'x') {
+        return false;
+    }
+    return startTime == 0 || PoolProcessStartTime(pid) == startTime;
+}
+
+PoolSegment::PoolSegment(const std::string& name, void* base, std::size_t size)
+    : name_(name),
+      base_(base),
+      size_(size),
+      header_(static_cast<PoolHeader*>(base)),
+      attachments_(reinterpret_cast<PoolAttachmentSlot*>(static_cast<unsigned char*>(base) +
+                                                         header_->attachmentOffset)),
+      blocks_(reinterpret_cast<PoolBlockSlot*>(static_cast<unsigned char*>(base) +
+                                               header_->blockTableOffset)),
+      ring_(reinterpret_cast<std::atomic<std::uint64_t>*>(static_cast<unsigned char*>(base) +
+                                                          header_->ringOffset)),
+      data_(static_cast<unsigned char*>(base) + header_->dataOffset),
+      stride_(static_cast<std::size_t>(header_->stride)),
+      counters_(shared::WriteCountersFor(name)),
+      logger_(log4cxx::Logger::getLogger("Slot.Pool")) {}
+
+PoolSegment::~PoolSegment() {
+    ::munmap(base_, size_);
+}
+
+std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) {
+    if (std::optional<std::string> problem = SlotNameProblem(name)) {
+        Refuse(name, "the name " + *problem);
+    }
+    shared::CheckedFolder folder = OpenFolder(name, 0);
+    Fd fd(::openat(folder.fd(), name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (fd.fd < 0) {
+        Refuse(name, Errno(errno));
+    }
+    struct stat st;
+    if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        Refuse(name, "not a regular file");
+    }
+    const std::uint64_t fileSize = static_cast<std::uint64_t>(st.st_size);
+    if (fileSize < sizeof(PoolHeader)) {
+        Refuse(name, "the file has " + std::to_string(fileSize) + " bytes, less than a header");
+    }
+    PoolHeader copy;
+    if (::pread(fd.fd, &copy, sizeof(copy), 0) != static_cast<ssize_t>(sizeof(copy))) {
+        Refuse(name, "cannot read its header");
+    }
+    const std::string problem = PoolHeaderProblem(copy, fileSize);
+    if (!problem.empty()) {
+        Refuse(name, problem);
+    }
+    // Only the checked size is mapped; the geometry is read from the mapping again and must
+    // match what was checked (a writer may not change it, but nothing shared is trusted).
+    const std::size_t size = static_cast<std::size_t>(copy.totalSize);
+    void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.fd, 0);
+    if (base == MAP_FAILED) {
+        Refuse(name, "cannot map " + std::to_string(size) + " bytes: " + Errno(errno));
+    }
+    const PoolHeader* mapped = static_cast<const PoolHeader*>(base);
+    if (std::memcmp(mapped, &copy, offsetof(PoolHeader, publishCount)) != 0) {
+        ::munmap(base, size);
+        Refuse(name, "its geometry changed while it was opened");
+    }
+    return std::shared_ptr<PoolSegment>(new PoolSegment(name, base, size));
+}
+
+std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
+    if (std::optional<std::string> problem = PoolConfigProblem(config)) {
+        Refuse(config.name, *problem);
+    }
+    PoolGeometry geometry;
+    ComputePoolGeometry(config.maxBlockSize, config.blockCount, geometry);
+    shared::CheckedFolder folder = OpenFolder(config.name, 01777);
+    // A pool appears whole (renamed into place) or not at all; a creator that loses the name
+    // to another opens the winner's pool.
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        const int fd = ::openat(folder.fd(), config.name.c_str(), O_RDONLY | O_NOFOLLOW);
+        if (fd >= 0) {
+            ::close(fd);
+            std::shared_ptr<PoolSegment> segment = OpenExisting(config.name);
+            if (KindName(segment->header().kind) != config.kind) {
+                Refuse(config.name, std::string("it is a \"") + KindName(segment->header().kind) +
+                                        "\" pool, not \"" + config.kind + "\"");
+            }
+            return segment;
+        }
+        if (errno != ENOENT) {
+            Refuse(config.name, Errno(errno));
+        }
+        CreatePoolFile(folder.fd(), config, geometry);
+    }
+    Refuse(config.name, "it keeps disappearing while it is opened");
+}
+
+unsigned PoolSegment::Attach() {
+    ReapDead();
+    const pid_t me = ::getpid();
+    const std::uint64_t start = PoolProcessStartTime(me);
+    for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
+        std::uint64_t expected = 0;
+        if (attachments_[i].word.compare_exchange_strong(expected, Word(me))) {
+            attachments_[i].startTime.store(start);
+            return i;
+        }
+    }
+    throw AbortSlotCreationException("Cannot attach to pool '" + name_ +
+                                     "': " + std::to_string(MaxPoolAttachments) +
+                                     " writers and readers are attached already");
+}
+
+void PoolSegment::Detach(unsigned index) {
+    std::uint64_t expected = Word(::getpid());
+    attachments_[index].startTime.store(0);
+    attachments_[index].word.compare_exchange_strong(expected, 0);
+}
+
+void PoolSegment::TryReclaim(unsigned index) {
+    PoolBlockSlot& b = blocks_[index];
+    std::uint64_t state = b.state.load();
+    if (kind() == LatestKind) {
+        if ((state & StateMask) != StatePublished) {
+            return;
+        }
+        const std::uint64_t latest = header_->latest.load();
+        if (latest != 0 && (latest & 0xff) == index) {
+            return;
+        }
+    } else if ((state & StateMask) != StateConsumed) {
+        return;
+    }
+    if (b.holders.load() != 0) {
+        return;
+    }
+    b.state.compare_exchange_strong(state, StateFree);
+}
+
+void PoolSegment::TryReclaimAll() {
+    for (unsigned i = 0; i < blockCount(); ++i) {
+        TryReclaim(i);
+    }
+}
+
+void PoolSegment::SweepOrphans() {
+    for (unsigned i = 0; i < blockCount(); ++i) {
+        std::uint64_t state = blocks_[i].state.load();
+        if ((state & StateMask) != StatePublished) {
+            continue;
+        }
+        // The state is read before the counters: a block the reader pops meanwhile was marked
+        // Consumed before head moved past it, so the exchange below fails for it.
+        const std::uint64_t sequence = state & ~StateMask;
+        const std::uint64_t head = header_->head.load();
+        const std::uint64_t tail = header_->tail.load();
+        if (tail - head > blockCount()) {
+            MarkDamaged("the ring's counters are out of range");
+            return;
+        }
+        bool queued = false;
+        for (std::uint64_t n = head; n != tail && !queued; ++n) {
+            queued = ring(n).load() == BlockRef(sequence, i);
+        }
+        if (!queued) {
+            blocks_[i].state.compare_exchange_strong(state, StateFree);
+        }
+    }
+}
+
+unsigned PoolSegment::ReapDead() {
+    const pid_t me = ::getpid();
+    unsigned reaped = 0;
+    for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
+        std::uint64_t word = attachments_[i].word.load();
+        if ((word & AttachInUse) == 0) {
+            continue;
+        }
+        if (word & AttachReaping) {
+            const pid_t reaper = static_cast<pid_t>((word >> ReaperShift) & ReaperMask);
+            if (reaper == me || PoolProcessAlive(reaper, 0)) {
+                continue;
+            }
+        } else {
+            const pid_t pid = static_cast<pid_t>(word & PidMask);
+            if (PoolProcessAlive(pid, attachments_[i].startTime.load())) {
+                continue;
+            }
+        }
+        const std::uint64_t mine = AttachInUse | AttachReaping |
+                                   (static_cast<std::uint64_t>(me) << ReaperShift) |
+                                   (word & PidMask);
+        if (attachments_[i].word.compare_exchange_strong(word, mine)) {
+            ReapEntry(i, word, mine);
+            ++reaped;
+        }
+    }
+    return reaped;
+}
+
+void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mine) {
+    const std::uint64_t bit = 1ull << index;
+    unsigned returned = 0;
+    for (unsigned i = 0; i < blockCount(); ++i) {
+        if (blocks_[i].holders.fetch_and(~bit) & bit) {
+            ++returned;
+        }
+        std::uint64_t loaned = StateLoaned | index;
+        if (blocks_[i].state.load() != loaned) {
+            continue;
+        }
+        // A latest-kind writer that died after naming its block the latest, before marking
+        // it published: the block is published.
+        std::uint64_t next = StateFree;
+        const std::uint64_t latest = header_->latest.load();
+        if (kind() == LatestKind && latest != 0 && (latest & 0xff) == i) {
+            next = StatePublished | (latest >> 8);
+        }
+        if (blocks_[i].state.compare_exchange_strong(loaned, next)) {
+            ++returned;
+        }
+    }
+    if (kind() == QueueKind) {
+        std::uint64_t claim = index + 1;
+        header_->readerClaim.compare_exchange_strong(claim, 0);
+        const boost::posix_time::ptime deadline =
+            boost::posix_time::microsec_clock::universal_time() +
+            boost::posix_time::seconds(ReapLockSeconds);
+        auto repair = [this](pid_t) { SweepOrphans(); };
+        try {
+            if (shared::TimedLockRecovering(writerMutex(), deadline, repair)) {
+                SweepOrphans();
+                shared::UnlockRobust(writerMutex());
+            }
+        } catch (const std::exception& e) {
+            MarkDamaged(std::string("the writers' lock: ") + e.what());
+        }
+    }
+    TryReclaimAll();
+    LOG4CXX_ERROR(logger_, "Pool '" << name_ << "': process " << (word & PidMask) << " died; "
+                                    << returned
+                                    << " block(s) it held or had loaned returned to the pool");
+    attachments_[index].startTime.store(0);
+    attachments_[index].word.compare_exchange_strong(mine, 0);
+}
+
+void PoolSegment::Wake() {
+    header_->publishCount.fetch_add(1);
+    if (header_->waiters.load() != 0) {
+        ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&header_->publishCount), FUTEX_WAKE,
+                  INT_MAX, nullptr, nullptr, 0);
+    }
+}
+
+void PoolSegment::Nudge() {
+    ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&header_->publishCount), FUTEX_WAKE,
+              INT_MAX, nullptr, nullptr, 0);
+}
+
+void PoolSegment::Sleep(std::uint32_t seen, long timeoutNs) {
+    header_->waiters.fetch_add(1);
+    if (header_->publishCount.load() == seen) {
+        timespec timeout = {static_cast<time_t>(timeoutNs / 1000000000L), timeoutNs % 1000000000L};
+        ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&header_->publishCount), FUTEX_WAIT,
+                  seen, &timeout, nullptr, 0);
+    }
+    header_->waiters.fetch_sub(1);
+}
+
+void PoolSegment::MarkDamaged(const std::string& why) {
+    if (!damaged_.exchange(true)) {
+        LOG4CXX_ERROR(logger_, "Pool '" << name_ << "' is damaged: " << why);
+    }
+}
+
+PoolAttachment::PoolAttachment(std::shared_ptr<PoolSegment> segment)
+    : segment_(std::move(segment)), index_(segment_->Attach()) {}
+
+PoolAttachment::~PoolAttachment() {
+    segment_->Detach(index_);
+}
+
+void PoolAttachment::Hold(unsigned block) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (holds_[block]++ == 0) {
+        segment_->block(block).holders.fetch_or(bit());
+    }
+}
+
+void PoolAttachment::Release(unsigned block) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (--holds_[block] != 0) {
+            return;
+        }
+        segment_->block(block).holders.fetch_and(~bit());
+    }
+    segment_->TryReclaim(block);
+}
+
+}  // namespace Slot

@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+// Internals of the zero-copy pools: the layout of a pool's file, its mapping and the lock-free
+// protocol on it. Not installed.
+
+#include <Slot/Export.h>
+#include <Slot/PoolFactory.h>
+
+#include <log4cxx/logger.h>
+
+#include <pthread.h>
+#include <sys/types.h>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace shared {
+class WriteCounters;
+}
+
+namespace Slot {
+
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "shared words are lock-free");
+static_assert(std::atomic<std::uint32_t>::is_always_lock_free, "shared words are lock-free");
+static_assert(sizeof(std::atomic<std::uint32_t>) == 4, "the futex word is a plain u32");
+
+// A pool's file, in address order (all fields fixed-width and 8-byte aligned, identical on
+// i386 and x86_64; every word is written with atomic operations by any attached process):
+//
+//   PoolHeader         the geometry (written once by the creator before the file is renamed
+//                      into place), the wake word, the latest word or the ring's counters, the
+//                      queue's reader claim and the writers' robust mutex (queue kind)
+//   PoolAttachmentSlot[64]   one per attached writer or reader object
+//   PoolBlockSlot[blockCount]  one per block
+//   u64 ring[blockCount]       queue kind: (sequence << 8 | block index), FIFO
+//   data                       block i at dataOffset + i * stride, stride = maxBlockSize
+//                              rounded up to 64 bytes
+//
+// No offset is followed from the file: every offset is computed from maxBlockSize and
+// blockCount, which are checked against the file's real size when it is opened, and every
+// block index read from a shared word is checked against blockCount before use.
+constexpr std::uint64_t PoolMagic = 0x4c4f4f50544f4c53ull;  // "SLOTPOOL"
+constexpr std::uint32_t PoolLayoutVersion = 1;
+enum PoolKind : std::uint32_t { LatestKind = 1, QueueKind = 2 };
+
+// Block states (PoolBlockSlot::state): the top two bits, the rest an attachment index or a
+// sequence number.
+constexpr std::uint64_t StateMask = 3ull << 62;
+constexpr std::uint64_t StateFree = 0;
+constexpr std::uint64_t StateLoaned = 1ull << 62;     // | attachment index
+constexpr std::uint64_t StatePublished = 2ull << 62;  // | sequence: latest or in the ring
+constexpr std::uint64_t StateConsumed = 3ull << 62;   // | sequence: popped from the ring
+
+// Attachment words (PoolAttachmentSlot::word): 0 when the entry is free.
+constexpr std::uint64_t AttachInUse = 1ull << 63;
+constexpr std::uint64_t AttachReaping = 1ull << 62;  // | reaper pid << 32: being reaped
+
+// The latest word and ring entries: (sequence << 8) | index; 0 = none (sequences start at 1).
+inline std::uint64_t BlockRef(std::uint64_t sequence, unsigned index) {
+    return (sequence << 8) | index;
+}
+
+struct PoolHeader {
+    std::uint64_t magic;
+    std::uint32_t version;
+    std::uint32_t kind;
+    std::uint64_t maxBlockSize;
+    std::uint64_t blockCount;
+    std::uint64_t stride;
+    std::uint64_t attachmentOffset;
+    std::uint64_t blockTableOffset;
+    std::uint64_t ringOffset;
+    std::uint64_t dataOffset;
+    std::uint64_t totalSize;
+    std::atomic<std::uint32_t> publishCount;   // futex word: incremented by every publish
+    std::atomic<std::uint32_t> waiters;        // readers sleeping on publishCount
+    std::atomic<std::uint64_t> nextSequence;   // last sequence handed out
+    std::atomic<std::uint64_t> latest;         // latest kind: BlockRef of the latest block
+    std::atomic<std::uint64_t> head;           // queue kind: entries popped
+    std::atomic<std::uint64_t> tail;           // queue kind: entries pushed (the commit point)
+    std::atomic<std::uint64_t> readerClaim;    // queue kind: reader's attachment index + 1
+    alignas(8) unsigned char writerMutex[64];  // queue kind: robust mutex around pushes
+};
+static_assert(sizeof(pthread_mutex_t) <= 64, "the writers' mutex fits its area");
+static_assert(sizeof(PoolHeader) == 192, "the header is the same on every target");
+
+struct PoolAttachmentSlot {
+    std::atomic<std::uint64_t> word;       // AttachInUse | pid, see above
+    std::atomic<std::uint64_t> startTime;  // the process's start time (0: not written yet)
+};
+static_assert(sizeof(PoolAttachmentSlot) == 16, "fixed layout");
+
+struct PoolBlockSlot {
+    std::atomic<std::uint64_t> state;     // Free / Loaned / Published / Consumed
+    std::atomic<std::uint64_t> holders;   // one bit per attachment holding the block
+    std::atomic<std::uint64_t> sequence;  // written by the loaner before publishing
+    std::atomic<std::uint64_t> size;
+    std::atomic<std::uint64_t> publishTimeNs;  // CLOCK_REALTIME
+    std::atomic<std::uint32_t> taken;          // latest kind: set by the first reader to hold it
+    std::uint32_t reserved;
+};
+static_assert(sizeof(PoolBlockSlot) == 48, "fixed layout");
+
+// Offsets and sizes that follow from a block size and count; false when they overflow 64 bits.
+struct PoolGeometry {
+    std::uint64_t stride = 0;
+    std::uint64_t attachmentOffset = 0;
+    std::uint64_t blockTableOffset = 0;
+    std::uint64_t ringOffset = 0;
+    std::uint64_t dataOffset = 0;
+    std::uint64_t totalSize = 0;
+};
+bool ComputePoolGeometry(std::uint64_t maxBlockSize, std::uint64_t blockCount, PoolGeometry& out);
+
+// Why the header (already checked to be at least sizeof(PoolHeader) bytes) does not describe
+// a pool that fits `fileSize` bytes, or empty.
+std::string PoolHeaderProblem(const PoolHeader& header, std::uint64_t fileSize);
+
+// Whether the process `pid` still lives and, when `startTime` is not 0, is the same process
+// (not a later one with a recycled pid). A zombie counts as dead.
+bool PoolProcessAlive(pid_t pid, std::uint64_t startTime);
+// The start time of `pid` from /proc/<pid>/stat (0 when unknown).
+std::uint64_t PoolProcessStartTime(pid_t pid);
+
+// One process's mapping of a pool file. Created or opened by Open; unmapped by the destructor
+// (nothing in shared memory is destroyed). Thread-safe: all shared state is atomic.
+class PoolSegment {
+public:
+    // Opens the pool, creating it from `config` when it does not exist. Throws
+    // AbortSlotCreationException.
+    static std::shared_ptr<PoolSegment> Open(const PoolConfig& config);
+    // Opens an existing pool (any kind). Throws AbortSlotCreationException.
+    static std::shared_ptr<PoolSegment> OpenExisting(const std::string& name);
+    ~PoolSegment();
+    PoolSegment(const PoolSegment&) = delete;
+    PoolSegment& operator=(const PoolSegment&) = delete;
+
+    const std::string& name() const { return name_; }
+    PoolKind kind() const { return static_cast<PoolKind>(header_->kind); }
+    std::size_t maxBlockSize() const { return static_cast<std::size_t>(header_->maxBlockSize); }
+    unsigned blockCount() const { return static_cast<unsigned>(header_->blockCount); }
+    PoolHeader& header() { return *header_; }
+    PoolAttachmentSlot& attachment(unsigned i) { return attachments_[i]; }
+    PoolBlockSlot& block(unsigned i) { return blocks_[i]; }
+    std::atomic<std::uint64_t>& ring(std::uint64_t n) { return ring_[n % header_->blockCount]; }
+    unsigned char* data(unsigned i) { return data_ + static_cast<std::size_t>(i) * stride_; }
+    pthread_mutex_t* writerMutex() {
+        return reinterpret_cast<pthread_mutex_t*>(header_->writerMutex);
+    }
+
+    // Claims a free attachment entry for this process: reaps dead entries first. Throws
+    // AbortSlotCreationException when all are in use.
+    unsigned Attach();
+    // Frees the entry (the caller released every block it held or loaned).
+    void Detach(unsigned index);
+
+    // Frees block `index` when nobody can read it any more: Published(s) and no longer the
+    // latest block (latest kind) or Consumed (queue kind), with no holders.
+    void TryReclaim(unsigned index);
+    void TryReclaimAll();
+    // Reaps every attachment whose process died: returns its loans and holds, releases its
+    // queue claim, logs one ERROR line per process. The number of processes reaped.
+    unsigned ReapDead();
+
+    // Wakes sleeping readers after a publish.
+    void Wake();
+    // Sleeps until publishCount differs from `seen` or `timeoutNs` passed.
+    void Sleep(std::uint32_t seen, long timeoutNs);
+
+    // The reason the pool is damaged, set by whoever found a word out of range ("" = healthy in
+    // this process). Logged once.
+    void MarkDamaged(const std::string& why);
+    bool damaged() const { return damaged_.load(); }
+
+    // Under the writers' mutex (queue kind): frees Published blocks that are in no ring entry
+    // (their writer died between publishing the block and committing the ring).
+    void SweepOrphans();
+    // Wakes sleeping readers of this process and others without a publish (to stop them).
+    void Nudge();
+
+    shared::WriteCounters* counters() const { return counters_; }
+    log4cxx::LoggerPtr logger() const { return logger_; }
+
+private:
+    PoolSegment(const std::string& name, void* base, std::size_t size);
+    void ReapEntry(unsigned index, std::uint64_t word, std::uint64_t myWord);
+
+    std::string name_;
+    void* base_;
+    std::size_t size_;
+    PoolHeader* header_;
+    PoolAttachmentSlot* attachments_;
+    PoolBlockSlot* blocks_;
+    std::atomic<std::uint64_t>* ring_;
+    unsigned char* data_;
+    std::size_t stride_;
+    std::atomic<bool> damaged_{false};
+    shared::WriteCounters* counters_;
+    log4cxx::LoggerPtr logger_;
+};
+
+// One attached writer or reader object: its attachment entry, and the in-process counts of its
+// holds per block (the holder bit is set while the count is not 0). Detaches when the last
+// reference goes (loans and holds keep it).
+class PoolAttachment {
+public:
+    explicit PoolAttachment(std::shared_ptr<PoolSegment> segment);
+    ~PoolAttachment();
+    PoolAttachment(const PoolAttachment&) = delete;
+    PoolAttachment& operator=(const PoolAttachment&) = delete;
+
+    PoolSegment& segment() { return *segment_; }
+    unsigned index() const { return index_; }
+    std::uint64_t bit() const { return 1ull << index_; }
+
+    // Holder bit counting: the first Hold sets the bit, the last Release clears it and tries
+    // to reclaim the block.
+    void Hold(unsigned block);
+    void Release(unsigned block);
+
+private:
+    std::shared_ptr<PoolSegment> segment_;
+    unsigned index_;
+    std::mutex mutex_;
+    unsigned holds_[MaxPoolBlocks] = {};  // guarded by mutex_
+};
+
+// What a PoolBlock holds: one count on a block of a reader's attachment.
+class PoolHold {
+public:
+    PoolHold(std::shared_ptr<PoolAttachment> owner, unsigned block, std::uint64_t sequence,
+             const void* data, std::size_t size)
+        : owner_(std::move(owner)), block_(block), sequence_(sequence), data_(data), size_(size) {
+        owner_->Hold(block_);
+    }
+    ~PoolHold() { owner_->Release(block_); }
+    PoolHold(const PoolHold&) = delete;
+    PoolHold& operator=(const PoolHold&) = delete;
+
+    const void* data() const { return data_; }
+    std::size_t size() const { return size_; }
+    std::uint64_t sequence() const { return sequence_; }
+    // Set by the reader once it read the block's size, before the hold is shared.
+    void SetSize(std::size_t size) { size_ = size; }
+
+private:
+    std::shared_ptr<PoolAttachment> owner_;
+    unsigned block_;
+    std::uint64_t sequence_;
+    const void* data_;
+    std::size_t size_;
+};
+
+// The block being delivered on this thread (set by the reader around each onNotify).
+struct PoolDelivery {
+    std::shared_ptr<const PoolHold> hold;
+};
+void SetCurrentDelivery(const PoolDelivery* delivery);
+
+}  // namespace Slot

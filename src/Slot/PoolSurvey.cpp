@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Slot/PoolSurvey.h>
+
+#include <Slot/PoolSegment.h>
+#include <Slot/SlotNames.h>
+
+#include <shared/SharedFolder.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace Slot {
+
+namespace {
+
+void Damaged(PoolReport& report, const std::string& why) {
+    if (report.problem.empty()) {
+        report.problem = why;
+    }
+    report.state = "damaged";
+}
+
+void AddPid(std::vector<pid_t>& pids, pid_t pid) {
+    if (std::find(pids.begin(), pids.end(), pid) == pids.end()) {
+        pids.push_back(pid);
+    }
+}
+
+// Counts what the mapped pool shows. The mapping is private and writable so that atomic loads
+// work on every target; nothing is written back to the file.
+void Count(PoolReport& report, unsigned char* base) {
+    PoolHeader& header = *reinterpret_cast<PoolHeader*>(base);
+    auto* attachments = reinterpret_cast<PoolAttachmentSlot*>(base + header.attachmentOffset);
+    auto* blocks = reinterpret_cast<PoolBlockSlot*>(base + header.blockTableOffset);
+    const unsigned count = static_cast<unsigned>(header.blockCount);
+    pid_t pids[MaxPoolAttachments] = {};
+    for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
+        const std::uint64_t word = attachments[i].word.load();
+        if (word & AttachInUse) {
+            pids[i] = static_cast<pid_t>(word & 0xffffffffu);
+            report.attached.push_back(pids[i]);
+        }
+    }
+    for (unsigned i = 0; i < count; ++i) {
+        const std::uint64_t state = blocks[i].state.load();
+        const std::uint64_t holders = blocks[i].holders.load();
+        switch (state & StateMask) {
+            case StateFree:
+                ++report.freeBlocks;
+                break;
+            case StateLoaned: {
+                ++report.loanedBlocks;
+                const std::uint64_t owner = state & ~StateMask;
+                if (owner >= MaxPoolAttachments) {
+                    Damaged(report, "block " + std::to_string(i) + " is loaned to entry " +
+                                        std::to_string(owner));
+                } else if (pids[owner] != 0) {
+                    AddPid(report.holders, pids[owner]);
+                }
+                break;
+            }
+            default:
+                break;
+        }
+        if (holders != 0) {
+            ++report.heldBlocks;
+            for (unsigned a = 0; a < MaxPoolAttachments; ++a) {
+                if ((holders >> a) & 1u && pids[a] != 0) {
+                    AddPid(report.holders, pids[a]);
+                }
+            }
+        }
+    }
+    report.lastSequence = header.nextSequence.load();
+    if (header.kind == LatestKind) {
+        const std::uint64_t latest = header.latest.load();
+        if (latest != 0) {
+            if ((latest & 0xff) >= count) {
+                Damaged(report, "the latest word names block " + std::to_string(latest & 0xff));
+            } else {
+                report.waitingBlocks = 1;
+            }
+        }
+    } else {
+        const std::uint64_t head = header.head.load();
+        const std::uint64_t tail = header.tail.load();
+        if (tail - head > count) {
+            Damaged(report, "the ring's counters are out of range");
+        } else {
+            report.waitingBlocks = static_cast<std::size_t>(tail - head);
+        }
+        const std::uint64_t claim = header.readerClaim.load();
+        if (claim > MaxPoolAttachments) {
+            Damaged(report, "the reader claim names entry " + std::to_string(claim - 1));
+        } else if (claim != 0) {
+            report.queueReader = pids[claim - 1];
+        }
+    }
+}
+
+}  // namespace
+
+PoolReport SurveyPool(const std::string& name) {
+    PoolReport report;
+    report.name = name;
+    report.state = "missing";
+    if (SlotNameProblem(name)) {
+        return report;
+    }
+    int fd = -1;
+    try {
+        shared::CheckedFolder folder = shared::CheckedFolder::Open(PoolDirectory());
+        fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    } catch (const std::exception&) {
+        return report;
+    }
+    if (fd < 0) {
+        return report;
+    }
+    report.exists = true;
+    report.state = "healthy";
+    struct stat st;
+    PoolHeader header;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        Damaged(report, "not a regular file");
+    } else if (static_cast<std::uint64_t>(st.st_size) < sizeof(PoolHeader) ||
+               ::pread(fd, &header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) {
+        report.fileSize = static_cast<std::uint64_t>(st.st_size);
+        Damaged(report,
+                "the file has " + std::to_string(st.st_size) + " bytes, less than a header");
+    } else {
+        report.fileSize = static_cast<std::uint64_t>(st.st_size);
+        const std::string problem = PoolHeaderProblem(header, report.fileSize);
+        if (!problem.empty()) {
+            Damaged(report, problem);
+        } else {
+            report.kind = header.kind == LatestKind ? "latest" : "queue";
+            report.maxBlockSize = static_cast<std::size_t>(header.maxBlockSize);
+            report.blockCount = static_cast<std::size_t>(header.blockCount);
+            // Only the tables are mapped, not the blocks' data.
+            const std::size_t size = static_cast<std::size_t>(header.dataOffset);
+            void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, 0);
+            if (base == MAP_FAILED) {
+                Damaged(report, std::string("cannot map it: ") + std::strerror(errno));
+            } else {
+                if (std::memcmp(base, &header, offsetof(PoolHeader, publishCount)) != 0) {
+                    Damaged(report, "its geometry changed while it was read");
+                } else {
+                    Count(report, static_cast<unsigned char*>(base));
+                }
+                ::munmap(base, size);
+            }
+        }
+    }
+    ::close(fd);
+    return report;
+}
+
+std::vector<std::string> ListPools() {
+    std::vector<std::string> names;
+    try {
+        shared::CheckedFolder folder = shared::CheckedFolder::Open(PoolDirectory());
+        const int fd = ::openat(folder.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        DIR* dir = fd < 0 ? nullptr : ::fdopendir(fd);
+        if (dir == nullptr) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            return names;
+        }
+        const std::string temporary = PoolTemporaryPrefix;
+        while (dirent* entry = ::readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != ".." && name.compare(0, temporary.size(), temporary) != 0) {
+                names.push_back(name);
+            }
+        }
+        ::closedir(dir);
+    } catch (const std::exception&) {
+        return names;
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace Slot

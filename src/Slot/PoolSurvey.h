@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Slot/Export.h>
+
+#include <sys/types.h>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Slot {
+
+/// What a pool holds, read without taking, changing or waiting for anything: a snapshot of
+/// words that other processes change meanwhile, so the counts need not add up exactly.
+struct PoolReport {
+    std::string name;
+    bool exists = false;  ///< the pool's file exists
+    std::string state;    ///< "healthy", "damaged" or "missing"
+    std::string problem;  ///< why it is damaged (empty otherwise)
+    std::string kind;     ///< "latest" or "queue"
+    std::size_t maxBlockSize = 0;
+    std::size_t blockCount = 0;
+    std::uint64_t fileSize = 0;
+    std::size_t freeBlocks = 0;
+    std::size_t loanedBlocks = 0;    ///< loaned to a writer, not published yet
+    std::size_t waitingBlocks = 0;   ///< published and not yet read (queue), or the latest block
+    std::size_t heldBlocks = 0;      ///< held by at least one reader
+    std::uint64_t lastSequence = 0;  ///< the sequence of the last publish (0: none yet)
+    std::vector<pid_t> attached;     ///< processes attached as writers or readers, one per role
+    std::vector<pid_t> holders;      ///< processes holding or having loaned a block
+    pid_t queueReader = 0;           ///< the queue's reader (0: none)
+};
+
+/// The state of the pool `name`. Never throws for what it finds: a missing file gives state
+/// "missing", a file that fails the checks (size, magic, geometry, words out of range) gives
+/// "damaged" with the reason.
+SLOT_EXPORT PoolReport SurveyPool(const std::string& name);
+
+/// The names of the pools of this machine (the files of PoolDirectory(), without the
+/// temporaries of creations in progress), sorted. Empty when the folder does not exist.
+SLOT_EXPORT std::vector<std::string> ListPools();
+
+}  // namespace Slot

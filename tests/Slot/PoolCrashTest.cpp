@@ -1,0 +1,341 @@
+// SPDX-License-Identifier: Apache-2.0
+// Kill campaign for zero-copy pools: writers, readers and creators of both kinds are killed with
+// SIGKILL at random moments while blocks of up to 4 MiB flow. Nobody may stall, no stored block
+// may be lost, none may arrive torn, and once everyone is gone every block is free again.
+#include "ChildProcess.h"
+#include "Eventually.h"
+#include "PoolTestSupport.h"
+
+#include <Slot/PoolBlock.h>
+#include <Slot/PoolFactory.h>
+#include <Slot/PoolSurvey.h>
+
+#include <boost/make_shared.hpp>
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using pooltest::Check;
+using pooltest::Fill;
+using Slot::PoolFactory;
+using Slot::WriteOutcome;
+
+constexpr int kQueueWriters = 2;
+constexpr int kLatestReaders = 2;
+constexpr std::uint64_t kMaxTags = 1 << 20;  // per queue writer
+constexpr std::size_t kBigBlock = 4 << 20;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const auto kStallBound = std::chrono::seconds(10);  // sanitizers slow every process down
+#else
+const auto kStallBound = std::chrono::seconds(2);
+#endif
+
+// Shared between the test and its children (an anonymous shared mapping).
+struct Ledger {
+    std::atomic<int> stop{0};
+    std::atomic<std::uint64_t> stored[kQueueWriters];  // tags below this were Stored
+    std::atomic<std::uint64_t> seen[kQueueWriters][kMaxTags / 64];
+    std::atomic<std::uint64_t> lastQueueSequence{0};
+    std::atomic<std::uint64_t> repeats{0};  // queue sequences delivered again
+    std::atomic<std::uint64_t> disorder{0};
+    std::atomic<std::uint64_t> torn{0};
+    std::atomic<std::uint64_t> beats[8];
+    std::atomic<std::uint64_t> creatorRound{0};
+};
+
+// A block size: mostly small, now and then up to 4 MiB.
+std::size_t RandomSize(std::mt19937& random) {
+    return random() % 4 == 0 ? 8 + random() % (kBigBlock - 8) : 8 + random() % 65536;
+}
+
+// Records a delivered queue block in the ledger.
+class QueueVerifier : public shared::ISubscriber {
+public:
+    QueueVerifier(Ledger& ledger, int beat) : ledger_(ledger), beat_(beat) {}
+    void onNotify(const std::string&, const void* data, size_t size) override {
+        const std::uint64_t tag = Check(data, size);
+        const std::uint64_t sequence = Slot::CurrentBlockSequence();
+        if (tag == ~0ull || (tag >> 40) >= kQueueWriters || (tag & 0xffffffffff) >= kMaxTags) {
+            ++ledger_.torn;
+            return;
+        }
+        const std::uint64_t last = ledger_.lastQueueSequence.load();
+        if (sequence == last) {
+            ++ledger_.repeats;  // the block a killed reader was delivering
+        } else if (sequence < last) {
+            ++ledger_.disorder;
+        }
+        ledger_.lastQueueSequence = std::max(last, sequence);
+        const std::uint64_t n = tag & 0xffffffffff;
+        ledger_.seen[tag >> 40][n / 64].fetch_or(1ull << (n % 64));
+        ++ledger_.beats[beat_];
+    }
+
+private:
+    Ledger& ledger_;
+    int beat_;
+};
+
+int QueueWriterLife(Ledger& ledger, const Slot::PoolConfig& config, int w, int beat) {
+    std::mt19937 random(static_cast<unsigned>(::getpid()));
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    std::uint64_t n = ledger.stored[w].load();
+    while (ledger.stop.load() == 0 && n < kMaxTags) {
+        const std::size_t size = RandomSize(random);
+        Slot::PoolLoan loan = writer->loan(size);
+        ++ledger.beats[beat];
+        if (!loan) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));  // full: retry
+            continue;
+        }
+        Fill(loan.data(), size, static_cast<std::uint64_t>(w) << 40 | n);
+        const WriteOutcome outcome = loan.publish(size);
+        if (outcome == WriteOutcome::Stored) {
+            ledger.stored[w] = ++n;
+        } else if (outcome != WriteOutcome::Refused) {
+            return testsupport::Failed(2, Slot::ToString(outcome));
+        }
+    }
+    return 0;
+}
+
+int QueueReaderLife(Ledger& ledger, const Slot::PoolConfig& config, int beat) {
+    auto reader =
+        PoolFactory::CreatePoolReader(config, boost::make_shared<QueueVerifier>(ledger, beat));
+    while (ledger.stop.load() == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return 0;
+}
+
+int LatestWriterLife(Ledger& ledger, const Slot::PoolConfig& config, int beat) {
+    std::mt19937 random(static_cast<unsigned>(::getpid()));
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    for (std::uint64_t tag = 1; ledger.stop.load() == 0; ++tag) {
+        const std::size_t size = RandomSize(random);
+        Slot::PoolLoan loan = writer->loan(size);
+        ++ledger.beats[beat];
+        if (!loan) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));  // all held: retry
+            continue;
+        }
+        Fill(loan.data(), size, tag);
+        loan.publish(size);
+    }
+    return 0;
+}
+
+int LatestReaderLife(Ledger& ledger, const Slot::PoolConfig& config, int beat) {
+    struct Verifier : shared::ISubscriber {
+        Ledger* ledger;
+        int beat;
+        std::uint64_t last = 0;
+        void onNotify(const std::string&, const void* data, size_t size) override {
+            if (Check(data, size) == ~0ull) {
+                ++ledger->torn;
+            }
+            const std::uint64_t sequence = Slot::CurrentBlockSequence();
+            if (sequence <= last) {
+                ++ledger->disorder;
+            }
+            last = sequence;
+            ++ledger->beats[beat];
+        }
+    };
+    auto verifier = boost::make_shared<Verifier>();
+    verifier->ledger = &ledger;
+    verifier->beat = beat;
+    auto reader = PoolFactory::CreatePoolReader(config, verifier);
+    while (ledger.stop.load() == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return 0;
+}
+
+std::string CreatorPool(const std::string& prefix, std::uint64_t round) {
+    return prefix + std::to_string(round);
+}
+
+// Creates, uses and removes pools of 16 MiB, one after the other: killed while one is made.
+int CreatorLife(Ledger& ledger, const std::string& prefix, int beat) {
+    while (ledger.stop.load() == 0) {
+        const std::string name = CreatorPool(prefix, ledger.creatorRound.load());
+        {
+            auto writer = PoolFactory::CreatePoolWriter({name, "queue", 1 << 20, 16});
+            Slot::PoolLoan loan = writer->loan(64);
+            Fill(loan.data(), 64, 1);
+            loan.publish(64);
+        }
+        PoolFactory::RemovePool(name);
+        ++ledger.creatorRound;
+        ++ledger.beats[beat];
+    }
+    return 0;
+}
+
+struct Role {
+    std::string what;
+    std::function<int()> life;
+    std::unique_ptr<testsupport::ChildProcess> child;
+    int kills = 0;
+    std::uint64_t lastBeat = 0;
+    Clock::time_point lastProgress;
+
+    void Start() {
+        child.reset(new testsupport::ChildProcess(life));
+        lastProgress = Clock::now();
+    }
+};
+
+using PoolCampaign = pooltest::PoolTest;
+
+TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBlocks) {
+    int seconds = 15;
+    if (const char* text = std::getenv("SLOT_CRASH_SECONDS")) {
+        seconds = std::max(1, std::atoi(text));
+    }
+    void* memory =
+        ::mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, memory);
+    std::unique_ptr<Ledger, void (*)(Ledger*)> owner(
+        new (memory) Ledger(), [](Ledger* l) { ::munmap(l, sizeof(Ledger)); });
+    Ledger& ledger = *owner;
+
+    pooltest::ScopedPool queuePool("crashqueue");
+    pooltest::ScopedPool latestPool("crashlatest");
+    const Slot::PoolConfig queue = queuePool.Config("queue", kBigBlock, 8);
+    const Slot::PoolConfig latest = latestPool.Config("latest", kBigBlock, 4);
+    const std::string creatorPrefix = testsupport::UniqueName("crashnew");
+
+    std::vector<Role> roles;
+    auto add = [&](const std::string& what, std::function<int(int)> life) {
+        const int beat = static_cast<int>(roles.size());
+        roles.push_back(Role{what, [life, beat] { return life(beat); }, nullptr, 0, 0, {}});
+    };
+    for (int w = 0; w < kQueueWriters; ++w) {
+        add("queue writer " + std::to_string(w),
+            [&, w](int beat) { return QueueWriterLife(ledger, queue, w, beat); });
+    }
+    add("queue reader", [&](int beat) { return QueueReaderLife(ledger, queue, beat); });
+    add("latest writer", [&](int beat) { return LatestWriterLife(ledger, latest, beat); });
+    for (int r = 0; r < kLatestReaders; ++r) {
+        add("latest reader " + std::to_string(r),
+            [&](int beat) { return LatestReaderLife(ledger, latest, beat); });
+    }
+    add("creator", [&](int beat) { return CreatorLife(ledger, creatorPrefix, beat); });
+    const std::size_t queueReader = kQueueWriters;
+    ASSERT_LE(roles.size(), 8u);
+
+    std::mt19937 random(4711);
+    for (Role& role : roles) {
+        role.Start();
+    }
+    const auto end = Clock::now() + std::chrono::seconds(seconds);
+    std::string stall;
+    int kills = 0;
+    while (Clock::now() < end && stall.empty()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30 + random() % 120));
+        Role& victim = roles[random() % roles.size()];
+        victim.child->Kill(SIGKILL);
+        victim.child->Wait();
+        ++victim.kills;
+        ++kills;
+        victim.Start();
+        for (std::size_t r = 0; r < roles.size(); ++r) {
+            Role& role = roles[r];
+            testsupport::ChildResult result;
+            if (role.child->Poll(&result)) {
+                stall = role.what + " ended: " + result.Describe();
+            }
+            const std::uint64_t beat = ledger.beats[r].load();
+            if (beat != role.lastBeat) {
+                role.lastBeat = beat;
+                role.lastProgress = Clock::now();
+            } else if (Clock::now() - role.lastProgress > kStallBound) {
+                stall = role.what + " made no progress for " + std::to_string(kStallBound.count()) +
+                        " s";
+            }
+        }
+    }
+    EXPECT_EQ("", stall);
+    ledger.stop = 1;
+    for (Role& role : roles) {
+        const testsupport::ChildResult result = role.child->Wait(std::chrono::seconds(30));
+        EXPECT_TRUE(result.Ok()) << role.what << ": " << result.Describe();
+    }
+    for (std::uint64_t round = 0; round <= ledger.creatorRound.load(); ++round) {
+        PoolFactory::RemovePool(CreatorPool(creatorPrefix, round));
+    }
+    std::fprintf(stderr,
+                 "pool campaign: %d kills in %d s (queue reader %d), queue blocks stored %llu "
+                 "and %llu, creator rounds %llu\n",
+                 kills, seconds, roles[queueReader].kills,
+                 static_cast<unsigned long long>(ledger.stored[0].load()),
+                 static_cast<unsigned long long>(ledger.stored[1].load()),
+                 static_cast<unsigned long long>(ledger.creatorRound.load()));
+
+    // Everyone is gone: what the dead held returns, then a last reader drains the queue.
+    PoolFactory::Recover(queue.name);
+    PoolFactory::Recover(latest.name);
+    ledger.stop = 0;
+    {
+        auto drain =
+            PoolFactory::CreatePoolReader(queue, boost::make_shared<QueueVerifier>(ledger, 0));
+        EXPECT_TRUE(testsupport::Eventually(
+            [&] { return Slot::SurveyPool(queue.name).waitingBlocks == 0; }));
+    }
+    EXPECT_EQ(0u, ledger.torn.load()) << "torn blocks";
+    EXPECT_EQ(0u, ledger.disorder.load()) << "blocks out of order or delivered twice";
+    EXPECT_LE(ledger.repeats.load(), static_cast<std::uint64_t>(roles[queueReader].kills));
+    for (int w = 0; w < kQueueWriters; ++w) {
+        std::uint64_t lost = 0;
+        const std::uint64_t stored = ledger.stored[w].load();
+        for (std::uint64_t n = 0; n < stored; ++n) {
+            lost += (ledger.seen[w][n / 64].load() >> (n % 64) & 1u) == 0;
+        }
+        EXPECT_EQ(0u, lost) << "queue writer " << w << " had " << stored << " blocks stored";
+        EXPECT_GT(stored, 0u);
+    }
+    for (const Slot::PoolConfig* config : {&queue, &latest}) {
+        const Slot::PoolReport report = Slot::SurveyPool(config->name);
+        EXPECT_EQ("healthy", report.state) << report.problem;
+        EXPECT_EQ(config->blockCount - (config == &latest ? 1 : 0), report.freeBlocks)
+            << config->kind << ": leaked blocks";
+        EXPECT_TRUE(report.attached.empty()) << config->kind;
+    }
+    // Creators killed before renaming their pool left temporaries; the next creation removes
+    // them.
+    {
+        pooltest::ScopedPool last("crashlast");
+        PoolFactory::CreatePoolWriter(last.Config("latest", 8, 1));
+    }
+    std::vector<std::string> temporaries;
+    if (DIR* dir = ::opendir(Slot::PoolDirectory().c_str())) {
+        while (dirent* entry = ::readdir(dir)) {
+            if (std::string(entry->d_name).rfind(Slot::PoolTemporaryPrefix, 0) == 0) {
+                const pid_t pid = static_cast<pid_t>(
+                    std::atol(entry->d_name + std::strlen(Slot::PoolTemporaryPrefix)));
+                if (::kill(pid, 0) != 0) {
+                    temporaries.push_back(entry->d_name);
+                }
+            }
+        }
+        ::closedir(dir);
+    }
+    EXPECT_TRUE(temporaries.empty()) << temporaries.front();
+}
+
+}  // namespace

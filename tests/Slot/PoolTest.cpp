@@ -1,0 +1,491 @@
+// SPDX-License-Identifier: Apache-2.0
+// Zero-copy pools: loans and their outcomes, holds, both kinds across processes, damaged files,
+// creation, and the return of a dead process's blocks.
+#include "ChildProcess.h"
+#include "Collector.h"
+#include "Eventually.h"
+#include "LogCapture.h"
+#include "PoolTestSupport.h"
+
+#include <Slot/AbortSlotCreationException.h>
+#include <Slot/PoolBlock.h>
+#include <Slot/PoolFactory.h>
+#include <Slot/PoolSegment.h>
+#include <Slot/PoolSurvey.h>
+#include <Slot/WriteOutcome.h>
+
+#include <boost/make_shared.hpp>
+
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+using pooltest::Check;
+using pooltest::Fill;
+using pooltest::PoolTest;
+using pooltest::ScopedPool;
+using Slot::PoolFactory;
+using Slot::WriteOutcome;
+using testsupport::Eventually;
+
+std::string Thrown(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const AbortSlotCreationException& e) {
+        return e.what();
+    }
+    return "(nothing thrown)";
+}
+
+WriteOutcome Publish(Slot::PoolWriter& writer, std::size_t size, std::uint64_t tag) {
+    Slot::PoolLoan loan = writer.loan(size);
+    if (!loan) {
+        return loan.outcome();
+    }
+    Fill(loan.data(), size, tag);
+    return loan.publish(size);
+}
+
+// Writes `value` at `offset` of the pool's file, as a stray process could.
+template <class T>
+void Poke(const std::string& name, std::uint64_t offset, const T& value) {
+    const int fd = ::open(Slot::PoolPath(name).c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(static_cast<ssize_t>(sizeof(T)),
+              ::pwrite(fd, &value, sizeof(T), static_cast<off_t>(offset)));
+    ::close(fd);
+}
+
+// A u64 field of the pool's header.
+std::uint64_t HeaderField(const std::string& name, std::size_t offset) {
+    std::uint64_t value = 0;
+    const int fd = ::open(Slot::PoolPath(name).c_str(), O_RDONLY);
+    EXPECT_EQ(static_cast<ssize_t>(sizeof(value)),
+              ::pread(fd, &value, sizeof(value), static_cast<off_t>(offset)));
+    ::close(fd);
+    return value;
+}
+
+// Keeps a hold on every block it is given.
+class Holder : public shared::ISubscriber {
+public:
+    void onNotify(const std::string&, const void*, size_t) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        held.push_back(Slot::HoldCurrentBlock());
+        sequences.push_back(Slot::CurrentBlockSequence());
+    }
+    std::size_t Count() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return held.size();
+    }
+    std::mutex mutex;
+    std::vector<Slot::PoolBlock> held;
+    std::vector<std::uint64_t> sequences;
+};
+
+TEST_F(PoolTest, ConfigurationIsCheckedAndLaterOpenersGetTheCreatorsGeometry) {
+    EXPECT_EQ("the name is empty", Slot::PoolConfigProblem({"", "latest", 8, 1}).value());
+    EXPECT_EQ("the name starts with \".libslot-new-\", which is reserved",
+              Slot::PoolConfigProblem({".libslot-new-1-2", "latest", 8, 1}).value());
+    EXPECT_EQ("the kind 'reliable' is not \"latest\" or \"queue\"",
+              Slot::PoolConfigProblem({"p", "reliable", 8, 1}).value());
+    EXPECT_EQ("the block size 0 is not in 1..4294967295",
+              Slot::PoolConfigProblem({"p", "queue", 0, 1}).value());
+    EXPECT_EQ("the block count 65 is not in 1..64",
+              Slot::PoolConfigProblem({"p", "queue", 8, 65}).value());
+    // 64 blocks of 4 GiB fit a 64-bit process only.
+    EXPECT_EQ(sizeof(std::size_t) == 4,
+              Slot::PoolConfigProblem({"p", "queue", Slot::MaxPoolBlockSize, 64}).has_value());
+    EXPECT_EQ("Cannot open pool '': the name is empty", Thrown([] {
+                  PoolFactory::CreatePoolWriter({"", "latest", 8, 1});
+              }));
+
+    ScopedPool pool;
+    auto writer = PoolFactory::CreatePoolWriter(pool.Config("latest", 100, 4));
+    auto later = PoolFactory::CreatePoolWriter(pool.Config("latest", 1000, 9));
+    EXPECT_EQ(100u, later->maxBlockSize());
+    EXPECT_EQ(4u, Slot::SurveyPool(pool.str()).blockCount);
+    EXPECT_EQ("Cannot open pool '" + pool.str() + "': it is a \"latest\" pool, not \"queue\"",
+              Thrown([&] { PoolFactory::CreatePoolReader(pool.Config("queue", 100, 4)); }));
+}
+
+TEST_F(PoolTest, LoansRecordTheirOutcomesAndDroppedLoansReturn) {
+    ScopedPool pool;
+    auto writer = PoolFactory::CreatePoolWriter(pool.Config("latest", 64, 2));
+    Slot::PoolLoan tooLarge = writer->loan(65);
+    EXPECT_FALSE(tooLarge);
+    EXPECT_EQ(WriteOutcome::Refused, Slot::LastWriteOutcome());
+
+    Slot::PoolLoan first = writer->loan(10);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(64u, first.capacity());
+    Fill(first.data(), 10, 1);
+    EXPECT_EQ(WriteOutcome::Stored, first.publish(10));
+    EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
+    EXPECT_EQ(1u, first.sequence());
+    // Nobody took the first block: the second publish discards it.
+    EXPECT_EQ(WriteOutcome::Discarded, Publish(*writer, 10, 2));
+    // Too long for the block: refused, and the block goes back.
+    Slot::PoolLoan overlong = writer->loan(8);
+    EXPECT_EQ(WriteOutcome::Refused, overlong.publish(65));
+    EXPECT_EQ(WriteOutcome::Refused, Slot::LastWriteOutcome());
+
+    // One block is the latest, one is free: a second loan is refused until the first drops.
+    Slot::PoolLoan taken = writer->loan(1);
+    ASSERT_TRUE(taken);
+    Slot::PoolLoan none = writer->loan(1);
+    EXPECT_FALSE(none);
+    EXPECT_EQ(1u, Slot::SurveyPool(pool.str()).loanedBlocks);
+    taken = Slot::PoolLoan();
+    EXPECT_EQ(1u, Slot::SurveyPool(pool.str()).freeBlocks);
+    EXPECT_TRUE(writer->loan(1));
+
+    // An empty loan's publish repeats its outcome without counting it again.
+    EXPECT_EQ(WriteOutcome::Refused, none.publish(1));
+    const Slot::WriteCounts counts = Slot::GetWriteCounts(pool.str());
+    EXPECT_EQ(1u, counts.stored);
+    EXPECT_EQ(1u, counts.discarded);
+    EXPECT_EQ(3u, counts.refused);
+    EXPECT_EQ(0u, counts.failed);
+}
+
+TEST_F(PoolTest, HeldBlocksAreNeverLoanedAgainAndKeepTheirBytes) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 256, 3);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    auto holder = boost::make_shared<Holder>();
+    auto reader = PoolFactory::CreatePoolReader(config, holder);
+    for (std::uint64_t tag = 1; tag <= 3; ++tag) {
+        ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 100 + tag, tag));
+        ASSERT_TRUE(Eventually([&] { return holder->Count() == tag; }));
+    }
+    EXPECT_FALSE(Slot::HoldCurrentBlock());
+    EXPECT_EQ(0u, Slot::CurrentBlockSequence());
+
+    Slot::PoolReport report = Slot::SurveyPool(config.name);
+    EXPECT_EQ(3u, report.heldBlocks);
+    EXPECT_EQ(std::vector<pid_t>{::getpid()}, report.holders);
+    EXPECT_EQ(WriteOutcome::Refused, Publish(*writer, 8, 99));
+    {
+        std::lock_guard<std::mutex> lock(holder->mutex);
+        EXPECT_EQ((std::vector<std::uint64_t>{1, 2, 3}), holder->sequences);
+        for (std::uint64_t tag = 1; tag <= 3; ++tag) {
+            const Slot::PoolBlock& block = holder->held[tag - 1];
+            EXPECT_EQ(tag, block.sequence());
+            EXPECT_EQ(100 + tag, block.size());
+            EXPECT_EQ(tag, Check(block.data(), block.size()));
+        }
+        // Copies count: the block returns only when the last one goes.
+        Slot::PoolBlock copy = holder->held[0];
+        holder->held.erase(holder->held.begin());
+        EXPECT_EQ(WriteOutcome::Refused, Publish(*writer, 8, 99));
+        holder->held.clear();
+    }
+    EXPECT_EQ(WriteOutcome::Stored, Publish(*writer, 8, 4));
+}
+
+TEST_F(PoolTest, LatestKindDeliversEachNewStateOnceToEveryReaderProcess) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 4096, 4);
+    constexpr std::uint64_t kLast = 300;
+    std::vector<std::unique_ptr<testsupport::PipeSignal>> ready;
+    std::vector<std::unique_ptr<testsupport::ChildProcess>> readers;
+    for (int r = 0; r < 3; ++r) {
+        ready.emplace_back(new testsupport::PipeSignal);
+        testsupport::PipeSignal& signal = *ready.back();
+        readers.emplace_back(new testsupport::ChildProcess([&config, &signal] {
+            struct Verifier : shared::ISubscriber {
+                std::atomic<int> error{0};
+                std::atomic<bool> done{false};
+                std::uint64_t last = 0;
+                void onNotify(const std::string&, const void* data, size_t size) override {
+                    const std::uint64_t sequence = Slot::CurrentBlockSequence();
+                    const std::uint64_t tag = Check(data, size);
+                    if (sequence <= last) {
+                        error = 2;  // delivered twice or out of order
+                    } else if (tag == ~0ull) {
+                        error = 3;  // torn
+                    }
+                    last = sequence;
+                    done = done || tag == kLast;
+                }
+            };
+            auto verifier = boost::make_shared<Verifier>();
+            auto reader = PoolFactory::CreatePoolReader(config, verifier);
+            signal.Post();
+            if (!Eventually([&] { return verifier->done.load(); }, std::chrono::seconds(30))) {
+                return testsupport::Failed(4, "the last block never came");
+            }
+            return verifier->error.load();
+        }));
+    }
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    for (auto& signal : ready) {
+        ASSERT_TRUE(signal->WaitFor());
+    }
+    for (std::uint64_t tag = 1; tag <= kLast; ++tag) {
+        // A block still held by a slow reader may leave none free for a moment.
+        ASSERT_TRUE(Eventually(
+            [&] { return Publish(*writer, 8 + tag * 13, tag) != WriteOutcome::Refused; }));
+    }
+    for (auto& reader : readers) {
+        EXPECT_TRUE(reader->Wait().Ok());
+    }
+}
+
+TEST_F(PoolTest, QueueKindIsFifoAcrossProcessesWithOneReader) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 1024, 4);
+    constexpr std::uint64_t kBlocks = 200;
+    testsupport::PipeSignal go;
+    testsupport::PipeSignal readerUp;
+    std::vector<std::unique_ptr<testsupport::ChildProcess>> children;
+    for (std::uint64_t w = 1; w <= 2; ++w) {
+        children.emplace_back(new testsupport::ChildProcess([&config, &go, w] {
+            auto writer = PoolFactory::CreatePoolWriter(config);
+            go.WaitFor();
+            for (std::uint64_t n = 0; n < kBlocks; ++n) {
+                // Refused while the queue is full; retried until stored.
+                if (!Eventually([&] {
+                        return Publish(*writer, 16 + n, w << 32 | n) == WriteOutcome::Stored;
+                    })) {
+                    return testsupport::Failed(2, "never stored");
+                }
+            }
+            return 0;
+        }));
+    }
+    children.emplace_back(new testsupport::ChildProcess([&config, &readerUp] {
+        readerUp.WaitFor();
+        const std::string text = Thrown([&] { PoolFactory::CreatePoolReader(config); });
+        const std::string expected = "Cannot create a second reader for queue pool '" +
+                                     config.name + "': it has one (process " +
+                                     std::to_string(::getppid()) + ")";
+        return text == expected ? 0 : testsupport::Failed(3, text);
+    }));
+
+    auto collector = boost::make_shared<testsupport::Collector>();
+    auto reader = PoolFactory::CreatePoolReader(config, collector);
+    readerUp.Post();
+    go.Post();
+    go.Post();
+    ASSERT_TRUE(collector->WaitFor(2 * kBlocks));
+    for (auto& child : children) {
+        EXPECT_TRUE(child->Wait().Ok());
+    }
+    std::uint64_t next[3] = {0, 0, 0};
+    for (const auto& block : collector->Blocks()) {
+        const std::uint64_t tag = Check(block.bytes.data(), block.bytes.size());
+        ASSERT_NE(~0ull, tag);
+        EXPECT_EQ(next[tag >> 32]++, tag & 0xffffffffu) << "writer " << (tag >> 32);
+    }
+    EXPECT_EQ(kBlocks, next[1]);
+    EXPECT_EQ(kBlocks, next[2]);
+    EXPECT_EQ(2 * kBlocks, collector->Count());
+}
+
+TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 2);
+    PoolFactory::CreatePoolWriter(config);
+    const std::uint64_t totalSize = HeaderField(pool.str(), offsetof(Slot::PoolHeader, totalSize));
+    const std::string prefix = "Cannot open pool '" + pool.str() + "': ";
+
+    Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{65});
+    EXPECT_EQ(prefix + "block count 65 or size 64 out of range",
+              Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
+    Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{3});
+    EXPECT_EQ(prefix + "inconsistent geometry",
+              Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
+    Slot::PoolReport report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ("damaged", report.state);
+    EXPECT_EQ("inconsistent geometry", report.problem);
+    Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{2});
+    ASSERT_EQ(0, ::truncate(Slot::PoolPath(pool.str()).c_str(), totalSize - 1));
+    EXPECT_EQ(prefix + "the file has " + std::to_string(totalSize - 1) + " bytes, the pool needs " +
+                  std::to_string(totalSize),
+              Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
+    ASSERT_EQ(0, ::truncate(Slot::PoolPath(pool.str()).c_str(), 100));
+    EXPECT_EQ(prefix + "the file has 100 bytes, less than a header",
+              Thrown([&] { PoolFactory::CreatePoolReader(config); }));
+
+    // Words out of range inside a healthy file: the reader logs it and reads nothing.
+    ScopedPool latest;
+    const auto latestConfig = latest.Config("latest", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(latestConfig);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    Poke(latest.str(), offsetof(Slot::PoolHeader, latest), Slot::BlockRef(7, 200));
+    EXPECT_EQ("the latest word names block 200", Slot::SurveyPool(latest.str()).problem);
+    testsupport::LogCapture log("Slot.Pool");
+    auto collector = boost::make_shared<testsupport::Collector>();
+    {
+        auto reader = PoolFactory::CreatePoolReader(latestConfig, collector);
+        EXPECT_TRUE(Eventually([&] {
+            return log.Count("ERROR", "Pool '" + latest.str() +
+                                          "' is damaged: the latest word names block 200") == 1;
+        }));
+    }
+    // The writer that replaces the bad word learns of it; its next loan fails.
+    EXPECT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 2));
+    EXPECT_EQ(WriteOutcome::Failed, Publish(*writer, 16, 3));
+    EXPECT_EQ(WriteOutcome::Failed, Slot::LastWriteOutcome());
+
+    ScopedPool queue;
+    const auto queueConfig = queue.Config("queue", 64, 2);
+    auto queueWriter = PoolFactory::CreatePoolWriter(queueConfig);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*queueWriter, 16, 1));
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*queueWriter, 16, 2));
+    Poke(queue.str(), HeaderField(queue.str(), offsetof(Slot::PoolHeader, ringOffset)),
+         Slot::BlockRef(1, 77));
+    auto queueReader = PoolFactory::CreatePoolReader(queueConfig, collector);
+    ASSERT_TRUE(collector->WaitFor(1));
+    EXPECT_TRUE(Eventually([&] {
+        return log.Count("ERROR",
+                         "Pool '" + queue.str() + "' is damaged: a ring entry names block 77") == 1;
+    }));
+    ASSERT_EQ(1u, collector->Count());
+    EXPECT_EQ(2u, Check(collector->Blocks()[0].bytes.data(), 16));
+}
+
+TEST_F(PoolTest, CreationIsAtomicReservesItsMemoryAndCleansUpAfterDeadCreators) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 1 << 20, 8);
+    std::vector<std::unique_ptr<testsupport::ChildProcess>> creators;
+    testsupport::PipeSignal go;
+    for (std::uint64_t c = 0; c < 4; ++c) {
+        creators.emplace_back(new testsupport::ChildProcess([&config, &go, c] {
+            go.WaitFor();
+            auto writer = PoolFactory::CreatePoolWriter(config);
+            return Publish(*writer, 1000, c) == WriteOutcome::Stored ? 0 : 2;
+        }));
+    }
+    for (int c = 0; c < 4; ++c) {
+        go.Post();
+    }
+    std::vector<pid_t> pids;
+    for (auto& creator : creators) {
+        pids.push_back(creator->Pid());
+        EXPECT_TRUE(creator->Wait().Ok());
+    }
+    const Slot::PoolReport report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ("healthy", report.state);
+    EXPECT_EQ(4u, report.waitingBlocks);
+    const std::vector<std::string> pools = Slot::ListPools();
+    EXPECT_EQ(1, std::count(pools.begin(), pools.end(), pool.str()));
+
+    // A temporary left by a creator that died is removed by the next creation.
+    const std::string stale =
+        Slot::PoolPath(Slot::PoolTemporaryPrefix + std::to_string(pids.front()) + "-0");
+    const int fd = ::open(stale.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0600);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+    ScopedPool second;
+    PoolFactory::CreatePoolWriter(second.Config("latest", 8, 1));
+    EXPECT_NE(0, ::access(stale.c_str(), F_OK));
+
+    // A pool larger than /dev/shm is refused at creation, not with SIGBUS later.
+    struct statvfs fs;
+    ASSERT_EQ(0, ::statvfs(Slot::ShmDirectory().c_str(), &fs));
+    const std::uint64_t total = static_cast<std::uint64_t>(fs.f_blocks) * fs.f_frsize;
+    ScopedPool huge;
+    const Slot::PoolConfig hugeConfig = huge.Config("latest", total / 32 + 4096, 64);
+    if (total == 0 || total / 32 + 4096 > Slot::MaxPoolBlockSize ||
+        Slot::PoolConfigProblem(hugeConfig)) {
+        GTEST_SKIP() << "this process cannot ask for more than /dev/shm holds";
+    }
+    const std::string text = Thrown([&] { PoolFactory::CreatePoolWriter(hugeConfig); });
+    EXPECT_EQ(0u, text.find("Cannot reserve ")) << text;
+    EXPECT_NE(std::string::npos, text.find(std::strerror(ENOSPC))) << text;
+    EXPECT_EQ("missing", Slot::SurveyPool(huge.str()).state);
+}
+
+TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnWithAnErrorLine) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 4);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    ScopedPool queue;
+    const auto queueConfig = queue.Config("queue", 64, 2);
+    testsupport::PipeSignal ready;
+    testsupport::ChildProcess victim([&] {
+        auto loaner = PoolFactory::CreatePoolWriter(config);
+        Slot::PoolLoan loan = loaner->loan(8);
+        auto holder = boost::make_shared<Holder>();
+        auto reader = PoolFactory::CreatePoolReader(config, holder);
+        auto queueReader = PoolFactory::CreatePoolReader(queueConfig);
+        Eventually([&] { return holder->Count() == 1; });
+        ready.Post();
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(ready.WaitFor());
+    Slot::PoolReport report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ(1u, report.loanedBlocks);
+    EXPECT_EQ(1u, report.heldBlocks);
+    EXPECT_EQ(std::vector<pid_t>{victim.Pid()}, report.holders);
+    EXPECT_EQ(victim.Pid(), Slot::SurveyPool(queue.str()).queueReader);
+    EXPECT_NE(std::string::npos,
+              Thrown([&] { PoolFactory::CreatePoolReader(queueConfig); }).find("it has one"));
+
+    victim.Kill(SIGKILL);
+    victim.Wait();
+    testsupport::LogCapture log("Slot.Pool");
+    EXPECT_EQ(2u, PoolFactory::Recover(pool.str()));
+    const std::string line = "Pool '" + pool.str() + "': process " + std::to_string(victim.Pid()) +
+                             " died; 1 block(s) it held or had loaned returned to the pool";
+    EXPECT_EQ(2u, log.Count("ERROR", line));
+    report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ(3u, report.freeBlocks);  // all but the latest block
+    EXPECT_EQ(0u, report.heldBlocks + report.loanedBlocks);
+    EXPECT_EQ(std::vector<pid_t>{::getpid()}, report.attached);
+    EXPECT_EQ(0u, PoolFactory::Recover(pool.str()));
+    // The dead reader's claim is reaped when the next reader attaches.
+    EXPECT_NO_THROW(PoolFactory::CreatePoolReader(queueConfig));
+}
+
+TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    EXPECT_THROW(PoolFactory::CreateSpinningPoolReader(config, boost::posix_time::seconds(-1)),
+                 AbortSlotCreationException);
+
+    // The last reference dropped by the reader's own subscriber.
+    auto holder = boost::make_shared<Holder>();
+    INotifierPtr reader =
+        PoolFactory::CreateSpinningPoolReader(config, boost::posix_time::milliseconds(1));
+    std::atomic<bool> dropped{false};
+    struct Dropper : shared::ISubscriber {
+        INotifierPtr* owner;
+        std::atomic<bool>* dropped;
+        boost::shared_ptr<Holder> holder;
+        void onNotify(const std::string& name, const void* data, size_t size) override {
+            holder->onNotify(name, data, size);
+            owner->reset();
+            *dropped = true;
+        }
+    };
+    auto dropper = boost::make_shared<Dropper>();
+    dropper->owner = &reader;
+    dropper->dropped = &dropped;
+    dropper->holder = holder;
+    reader->subscribe(dropper.get());
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    ASSERT_TRUE(Eventually([&] { return dropped.load(); }));
+    // The reader is gone; its hold keeps the block until released here.
+    ASSERT_TRUE(Eventually([&] { return Slot::SurveyPool(pool.str()).attached.size() == 2; }));
+    EXPECT_EQ(1u, Slot::SurveyPool(pool.str()).heldBlocks);
+    EXPECT_EQ(1u, Check(holder->held.at(0).data(), 16));
+    holder->held.clear();
+    EXPECT_EQ(std::vector<pid_t>{::getpid()}, Slot::SurveyPool(pool.str()).attached);
+    EXPECT_EQ(0u, Slot::SurveyPool(pool.str()).heldBlocks);
+    EXPECT_EQ("missing", Slot::SurveyPool(testsupport::UniqueName("none")).state);
+}
+
+}  // namespace

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "ShmHygiene.h"
+
+#include <Slot/PoolFactory.h>
+#include <Slot/SlotNames.h>
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace pooltest {
+
+// A unique pool name whose pool is removed when it goes out of scope, also when a test fails.
+class ScopedPool {
+public:
+    explicit ScopedPool(const std::string& stem = "pool") : name_(testsupport::UniqueName(stem)) {}
+    ~ScopedPool() { Slot::PoolFactory::RemovePool(name_); }
+    ScopedPool(const ScopedPool&) = delete;
+    ScopedPool& operator=(const ScopedPool&) = delete;
+
+    const std::string& str() const { return name_; }
+    Slot::PoolConfig Config(const std::string& kind, std::size_t size, std::size_t count) const {
+        return Slot::PoolConfig{name_, kind, size, count};
+    }
+
+private:
+    std::string name_;
+};
+
+// Files of this test run in the pools' folder (pools made by the tests carry the run's prefix).
+inline std::vector<std::string> LeftoverPools() {
+    std::vector<std::string> left;
+    if (DIR* dir = ::opendir(Slot::PoolDirectory().c_str())) {
+        const std::string& prefix = testsupport::TestNamePrefix();
+        while (dirent* entry = ::readdir(dir)) {
+            if (std::strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) {
+                left.push_back(entry->d_name);
+            }
+        }
+        ::closedir(dir);
+    }
+    return left;
+}
+
+// Every pool test leaves the pools' folder as it found it.
+class PoolTest : public ::testing::Test {
+protected:
+    void TearDown() override {
+        const std::vector<std::string> left = LeftoverPools();
+        for (const std::string& name : left) {
+            Slot::PoolFactory::RemovePool(name);
+        }
+        EXPECT_TRUE(left.empty()) << "left in " << Slot::PoolDirectory() << ": " << left.front();
+    }
+};
+
+// Deterministic block contents: 8 bytes of `tag`, then bytes derived from it; Check verifies a
+// block made by Fill and returns its tag (or ~0 when the bytes are torn).
+inline void Fill(void* data, std::size_t size, std::uint64_t tag) {
+    unsigned char* bytes = static_cast<unsigned char*>(data);
+    std::uint64_t x = tag * 0x9e3779b97f4a7c15ull + 1;
+    for (std::size_t i = 0; i < size; ++i) {
+        if (i < 8) {
+            bytes[i] = static_cast<unsigned char>(tag >> (8 * i));
+        } else {
+            x ^= x << 13;
+            x ^= x >> 7;
+            x ^= x << 17;
+            bytes[i] = static_cast<unsigned char>(x);
+        }
+    }
+}
+
+inline std::uint64_t Check(const void* data, std::size_t size) {
+    if (size < 8) {
+        return ~0ull;
+    }
+    std::uint64_t tag = 0;
+    std::memcpy(&tag, data, 8);
+    std::vector<unsigned char> expected(size);
+    Fill(expected.data(), size, tag);
+    return std::memcmp(expected.data(), data, size) == 0 ? tag : ~0ull;
+}
+
+}  // namespace pooltest
