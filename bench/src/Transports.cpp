@@ -880,8 +880,8 @@ const TransportInfo& Info(const std::string& name) {
 
 const std::vector<TransportInfo>& Transports() {
     // Blocks above 64 KiB go through the transports that large blocks are compared on: the
-    // reliable slot, its spinning reader, iceoryx, and the condvar floor that every latency row
-    // is divided by. The peers that copy through the kernel stop at 64 KiB.
+    // reliable slot, its spinning reader, the pools, iceoryx, and the condvar floor that every
+    // latency row is divided by. The peers that copy through the kernel stop at 64 KiB.
     const size_t kPeerMax = 65536;
     static const std::vector<TransportInfo> all = {
         // name, label, isSlot, latency, throughput, multiWriter, spinning, maxBlock,
