@@ -3,6 +3,7 @@
 #include "SlotAdapters.h"
 #include "Transport.h"
 
+#include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
 #include <shared/SharedMemory.h>
@@ -211,6 +212,99 @@ private:
     size_t blockSize_;
     INotifierPtr reader_;
     std::unique_ptr<shared::ISubscriber> subscriber_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Zero-copy pools of the queue kind (lossless, like the reliable slot)
+
+Slot::PoolConfig BenchPoolConfig(const RunParams& params) {
+    // One block per queue entry, as the other transports get, up to the pool's limit: at 4 MiB
+    // that is 256 MiB of /dev/shm, reserved when the pool is made.
+    return Slot::PoolConfig{params.name, "queue", params.blockSize,
+                            std::min(params.depth, Slot::MaxPoolBlocks)};
+}
+
+// "pool-queue" and "pool-spinning" fill a loaned block in place; "pool-copy" hands the writer's
+// block to PoolWriter::onNotify, which copies it once into a loan.
+class PoolSender : public Sender {
+public:
+    explicit PoolSender(const RunParams& params)
+        : writer_(Slot::PoolFactory::CreatePoolWriter(BenchPoolConfig(params))),
+          inPlace_(params.transport != "pool-copy") {}
+    void Send(const char* data, size_t size) override {
+        // A full pool refuses the block: try again after a short back-off.
+        for (unsigned int attempt = 0;; ++attempt) {
+            writer_->onNotify(writer_->name(), data, size);
+            const Slot::WriteOutcome outcome = Slot::LastWriteOutcome();
+            if (outcome == Slot::WriteOutcome::Stored) {
+                return;
+            }
+            if (outcome != Slot::WriteOutcome::Refused) {
+                throw std::runtime_error("pool write failed");
+            }
+            ++refusals_;
+            Backoff(attempt);
+        }
+    }
+    char* Loan(size_t size) override {
+        if (!inPlace_) {
+            return nullptr;
+        }
+        for (unsigned int attempt = 0;; ++attempt) {
+            loan_ = writer_->loan(size);
+            if (loan_) {
+                return static_cast<char*>(loan_.data());
+            }
+            if (loan_.outcome() != Slot::WriteOutcome::Refused) {
+                throw std::runtime_error("pool loan failed");
+            }
+            ++refusals_;
+            Backoff(attempt);
+        }
+    }
+    void Publish(char* block, size_t size) override {
+        if (block != loan_.data() || loan_.publish(size) != Slot::WriteOutcome::Stored) {
+            // A loaned block always has room in the queue: anything else is a fault.
+            throw std::runtime_error("pool publish was not stored");
+        }
+    }
+    std::uint64_t Refusals() const override { return refusals_; }
+
+private:
+    boost::shared_ptr<Slot::PoolWriter> writer_;
+    bool inPlace_;
+    Slot::PoolLoan loan_;
+    std::uint64_t refusals_ = 0;
+};
+
+// The sink reads each block where it lies in the pool, during the reader's onNotify.
+class PoolReceiver : public Receiver {
+public:
+    explicit PoolReceiver(const RunParams& params)
+        : config_(BenchPoolConfig(params)),
+          spinNs_(params.transport == "pool-spinning" ? static_cast<long>(params.updateTimeMs * 1e6)
+                                                      : 0) {}
+    void Attach(BlockSink& sink) override {
+        // Subscribed before the reader's thread starts: no block passes unseen.
+        subscriber_.reset(new SinkSubscriber(sink));
+        if (spinNs_ > 0) {
+            reader_ = Slot::PoolFactory::CreateSpinningPoolReader(
+                config_, boost::posix_time::microseconds(spinNs_ / 1000), subscriber_);
+        } else {
+            reader_ = Slot::PoolFactory::CreatePoolReader(config_, subscriber_);
+        }
+    }
+    void Run(BlockSink&, Stopper& stop) override {
+        stop.Wait();
+        // Returns once a notification in progress has finished.
+        reader_->unsubscribe(subscriber_.get());
+    }
+
+private:
+    Slot::PoolConfig config_;
+    long spinNs_;
+    ISubscriberPtr subscriber_;
+    INotifierPtr reader_;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -618,6 +712,10 @@ void CleanupSlot(RunParams& params) {
     SlotFactory::RemoveSlot(params.name);
 }
 
+void CleanupPool(RunParams& params) {
+    Slot::PoolFactory::RemovePool(params.name);
+}
+
 void CleanupPipeSlot(RunParams& params) {
     unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(params.name).c_str());
 }
@@ -782,8 +880,8 @@ const TransportInfo& Info(const std::string& name) {
 
 const std::vector<TransportInfo>& Transports() {
     // Blocks above 64 KiB go through the transports that large blocks are compared on: the
-    // reliable slot, its spinning reader, iceoryx, and the condvar floor that every latency row
-    // is divided by. The peers that copy through the kernel stop at 64 KiB.
+    // reliable slot, its spinning reader, the pools, iceoryx, and the condvar floor that every
+    // latency row is divided by. The peers that copy through the kernel stop at 64 KiB.
     const size_t kPeerMax = 65536;
     static const std::vector<TransportInfo> all = {
         // name, label, isSlot, latency, throughput, multiWriter, spinning, maxBlock,
@@ -803,6 +901,15 @@ const std::vector<TransportInfo>& Transports() {
         // A reliable slot read by the spinning reader: it spins for a whole update time.
         {"slot-spinning", "slot reliable, spinning reader", true, true, true, false, true, 0,
          nullptr, CleanupSlot, SenderOf<SlotSender>, ReceiverOf<SlotReceiver>, nullptr},
+        // Zero-copy pools of the queue kind: the writer fills a loaned block in place, the
+        // reader's subscriber checks it where it lies; with the spinning reader; and the
+        // one-copy path for writers that do not loan (PoolWriter::onNotify).
+        {"pool-queue", "pool queue, filled in place", false, true, true, false, false, 0, nullptr,
+         CleanupPool, SenderOf<PoolSender>, ReceiverOf<PoolReceiver>, nullptr},
+        {"pool-spinning", "pool queue, filled in place, spinning reader", false, true, true, false,
+         true, 0, nullptr, CleanupPool, SenderOf<PoolSender>, ReceiverOf<PoolReceiver>, nullptr},
+        {"pool-copy", "pool queue, one copy (onNotify)", false, true, true, false, false, 0,
+         nullptr, CleanupPool, SenderOf<PoolSender>, ReceiverOf<PoolReceiver>, nullptr},
         {"boost-mq", "Boost.Interprocess message_queue", false, true, true, true, false, kPeerMax,
          PrepareBoostMq, CleanupBoostMq, SenderOf<BoostMqSender>, ReceiverOf<BoostMqReceiver>,
          nullptr},

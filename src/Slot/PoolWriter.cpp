@@ -4,6 +4,7 @@
 #include <Slot/PoolSegment.h>
 
 #include <shared/RobustMutex.h>
+#include <shared/UtcClock.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -114,8 +115,7 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
     }
 
     // Queue kind: pushes are serialised by the writers' robust mutex; the tail store commits.
-    const boost::posix_time::ptime deadline =
-        boost::posix_time::microsec_clock::universal_time() + boost::posix_time::seconds(2);
+    const boost::posix_time::ptime deadline = shared::UtcNow() + boost::posix_time::seconds(2);
     try {
         if (!shared::TimedLockRecovering(segment.writerMutex(), deadline,
                                          [&segment](pid_t) { segment.SweepOrphans(); })) {
