@@ -46,7 +46,7 @@ nlohmann::json Entry(const std::string& name) {
 // nobody uses, and a file that is no pool: each in ls and info, text and JSON. Nothing that ls
 // or info does reclaims the dead writer's block.
 TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
-    ScopedPool queue("pq"), latest("pl"), damaged("pd");
+    ScopedPool queue("pq"), latest("esc\x1b[1m"), damaged("pd");
     PipeSignal ready;
     ChildProcess writer([&] {
         auto w = Slot::PoolFactory::CreatePoolWriter(queue.Config("queue", 1024, 4));
@@ -95,6 +95,9 @@ TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
     EXPECT_TRUE(Contains(row, " queue ") && Contains(row, "dead pid " + std::to_string(dead)))
         << ls.out;
     EXPECT_TRUE(Contains(LineStartingWith(ls.out, damaged.str() + " "), " damaged ")) << ls.out;
+    const std::string escaped = latest.str().substr(0, latest.str().size() - 7) + "esc\\x1b[1m";
+    EXPECT_TRUE(Contains(LineStartingWith(ls.out, escaped + " "), " latest ")) << ls.out;
+    EXPECT_FALSE(Contains(ls.out + Slotctl({"info", latest.str()}).out, "\x1b")) << ls.out;
 
     const Outcome info = Slotctl({"info", "--json", queue.str()});
     ASSERT_EQ(0, info.status) << info.Describe();
