@@ -42,12 +42,15 @@ from ._native import (
 )
 from ._survey import (
     PartState,
+    PoolReport,
     Record,
     SlotKind,
     SlotReport,
     SlotState,
     inspect_slot_report,
     list_slot_reports,
+    pool_info,
+    survey_pools,
 )
 
 __all__ = [
@@ -58,6 +61,7 @@ __all__ = [
     "Reader", "SimpleSlot",
     "inspect_slot", "list_slots", "SlotReport", "Record", "SlotKind", "SlotState", "PartState",
     "configure_logging", "version",
+    "survey_pools", "pool_info", "PoolReport",
 ]
 
 #: Slot type names.

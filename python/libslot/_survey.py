@@ -73,3 +73,19 @@ def inspect_slot_report(name: str) -> SlotReport:
 
 def list_slot_reports():
     return [report_from_json(entry) for entry in json.loads(_native.list_slots_json())]
+
+
+class PoolReport(Record):
+    """A snapshot of one zero-copy pool, read without taking a block or a lock: the document of
+    ``slotctl info --json`` for a pool (``state`` is "healthy", "damaged" or "missing")."""
+
+
+def pool_info(name: str) -> PoolReport:
+    """The pool ``name`` as ``slotctl info --json NAME`` shows it; state "missing" when there is
+    no such pool."""
+    return PoolReport(_records(json.loads(_native.inspect_pool_json(name))))
+
+
+def survey_pools():
+    """Every pool of the machine, sorted by name: the pool entries of ``slotctl ls --json``."""
+    return [PoolReport(_records(entry)) for entry in json.loads(_native.list_pools_json())]

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Slot/SlotReportJson.h>
 
+#include <Slot/PoolSegment.h>
 #include <Slot/SlotAttachments.h>
+#include <Slot/SlotNames.h>
 #include <Slot/SlotText.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -10,6 +12,7 @@
 #include <sys/stat.h>
 #include <cstdint>
 #include <ctime>
+#include <utility>
 
 namespace Slot {
 
@@ -275,6 +278,96 @@ std::string InfoJson(const SlotReport& report) {
     }
     json.EndArray();
     json.Key("unreadable_processes").Number(attached.unreadable);
+    json.EndObject();
+    return json.Text();
+}
+
+bool PoolPidAlive(pid_t pid) {
+    return PoolProcessAlive(pid, 0);
+}
+
+namespace {
+
+void AddPid(JsonWriter& json, pid_t pid) {
+    json.BeginObject();
+    json.Key("pid").SignedNumber(pid);
+    json.Key("alive").Bool(PoolPidAlive(pid));
+    json.EndObject();
+}
+
+void AddPids(JsonWriter& json, const std::vector<pid_t>& pids) {
+    json.BeginArray();
+    for (pid_t pid : pids) {
+        AddPid(json, pid);
+    }
+    json.EndArray();
+}
+
+}  // namespace
+
+void AddPoolEntry(JsonWriter& json, const PoolReport& report) {
+    json.Key("name").String(report.name);
+    json.Key("pool").Bool(true);
+    json.Key("state").String(report.state);
+    json.Key("detail");
+    report.problem.empty() ? json.Null() : json.String(report.problem);
+    // The geometry is known when the header passed its checks (the kind is set with it).
+    const bool known = !report.kind.empty();
+    json.Key("kind");
+    known ? json.String(report.kind) : json.Null();
+    json.Key("block_size");
+    known ? json.Number(report.maxBlockSize) : json.Null();
+    json.Key("block_count");
+    known ? json.Number(report.blockCount) : json.Null();
+    for (const auto& count :
+         {std::make_pair("free", report.freeBlocks), std::make_pair("loaned", report.loanedBlocks),
+          std::make_pair("waiting", report.waitingBlocks),
+          std::make_pair("held", report.heldBlocks)}) {
+        json.Key(count.first);
+        known ? json.Number(count.second) : json.Null();
+    }
+    json.Key("last_sequence");
+    known ? json.Number(report.lastSequence) : json.Null();
+    json.Key("holders");
+    AddPids(json, report.holders);
+    json.Key("reader");
+    if (report.kind == "queue" && report.queueReader != 0) {
+        AddPid(json, report.queueReader);
+    } else {
+        json.Null();
+    }
+}
+
+std::string ListJson(const std::vector<SlotReport>& slots, const std::vector<PoolReport>& pools) {
+    JsonWriter json;
+    json.BeginArray();
+    for (const SlotReport& report : slots) {
+        json.BeginObject();
+        AddListEntry(json, report);
+        json.EndObject();
+    }
+    for (const PoolReport& report : pools) {
+        json.BeginObject();
+        AddPoolEntry(json, report);
+        json.EndObject();
+    }
+    json.EndArray();
+    return json.Text();
+}
+
+std::string PoolListJson(const std::vector<PoolReport>& pools) {
+    return ListJson({}, pools);
+}
+
+std::string PoolInfoJson(const PoolReport& report) {
+    JsonWriter json;
+    json.BeginObject();
+    AddPoolEntry(json, report);
+    json.Key("file").String(PoolPath(report.name));
+    json.Key("file_size");
+    report.exists ? json.Number(report.fileSize) : json.Null();
+    json.Key("attached");
+    AddPids(json, report.attached);
     json.EndObject();
     return json.Text();
 }

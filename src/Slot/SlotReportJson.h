@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Slot/Export.h>
+#include <Slot/PoolSurvey.h>
 #include <Slot/SlotSurvey.h>
 #include <Slot/SlotText.h>
 
@@ -58,5 +59,20 @@ SLOT_EXPORT std::string ListJson(const std::vector<SlotReport>& reports);
 // The JSON document of one slot (`slotctl info --json`): the summary keys of a listing, then its
 // parts, held locks and the processes attached to it (looked up now, see SlotAttachments).
 SLOT_EXPORT std::string InfoJson(const SlotReport& report);
+
+// Whether the process `pid` still runs (a zombie does not): for the pids a pool report names.
+SLOT_EXPORT bool PoolPidAlive(pid_t pid);
+
+// The keys of one pool in a listing, written into the object `json` has open: "pool" is true,
+// which no slot entry has.
+SLOT_EXPORT void AddPoolEntry(JsonWriter& json, const PoolReport& report);
+// The listing of `slotctl ls --json`: the slots, then the pools.
+SLOT_EXPORT std::string ListJson(const std::vector<SlotReport>& slots,
+                                 const std::vector<PoolReport>& pools);
+// The JSON array of the pools alone, as in that listing.
+SLOT_EXPORT std::string PoolListJson(const std::vector<PoolReport>& pools);
+// The JSON document of one pool (`slotctl info --json`): the keys of its listing entry, then its
+// file, the file's size and the processes attached to it.
+SLOT_EXPORT std::string PoolInfoJson(const PoolReport& report);
 
 }  // namespace Slot

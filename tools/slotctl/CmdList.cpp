@@ -3,9 +3,12 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "Names.h"
+#include "PoolTarget.h"
 #include "Recording.h"
 
+#include <Slot/PoolSurvey.h>
 #include <Slot/SlotAttachments.h>
+#include <Slot/SlotNames.h>
 #include <Slot/SlotReportJson.h>
 #include <Slot/SlotSurvey.h>
 
@@ -202,14 +205,90 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
     }
 }
 
+// Pids as "pid 1, dead pid 2"; "-" for none.
+std::string PidsText(const std::vector<pid_t>& pids) {
+    std::vector<std::string> texts;
+    for (pid_t pid : pids) {
+        texts.push_back(PidText(pid));
+    }
+    return texts.empty() ? "-" : Join(texts);
+}
+
+std::string PoolReaderText(const Slot::PoolReport& report) {
+    if (report.kind != "queue") {
+        return "-";
+    }
+    return report.queueReader == 0 ? "none" : PidText(report.queueReader);
+}
+
+// The pools' table, printed below the slots' when there are pools.
+void PrintPools(std::ostream& out, const std::vector<Slot::PoolReport>& pools) {
+    size_t nameWidth = 4;
+    for (const Slot::PoolReport& report : pools) {
+        nameWidth = std::max(nameWidth, std::min<size_t>(Printable(report.name).size(), 48));
+    }
+    out << Padded("POOL", nameWidth) << "  " << Padded("KIND", 6) << "  " << Padded("STATE", 7)
+        << "  " << RightAligned("BLOCK", 9) << "  " << RightAligned("FREE", 5) << "  "
+        << RightAligned("LOANED", 6) << "  " << RightAligned("WAITING", 7) << "  "
+        << RightAligned("HELD", 5) << "  " << Padded("READER", 10) << "  HOLDERS\n";
+    for (const Slot::PoolReport& report : pools) {
+        const bool known = !report.kind.empty();
+        auto count = [&](std::size_t n) { return known ? std::to_string(n) : std::string("-"); };
+        std::string line =
+            Padded(Printable(report.name), nameWidth) + "  " +
+            Padded(known ? report.kind : "-", 6) + "  " + Padded(report.state, 7) + "  " +
+            RightAligned(count(report.maxBlockSize), 9) + "  " +
+            RightAligned(known ? count(report.freeBlocks) + "/" + count(report.blockCount) : "-",
+                         5) +
+            "  " + RightAligned(count(report.loanedBlocks), 6) + "  " +
+            RightAligned(count(report.waitingBlocks), 7) + "  " +
+            RightAligned(count(report.heldBlocks), 5) + "  " + Padded(PoolReaderText(report), 10) +
+            "  " + PidsText(report.holders);
+        if (!report.problem.empty()) {
+            line += "  (" + Printable(report.problem) + ")";
+        }
+        out << line << "\n";
+    }
+}
+
+void PrintPoolInfo(std::ostream& out, const Slot::PoolReport& report) {
+    out << "pool " << Quote(report.name) << "\n";
+    out << "  " << Padded("state", 16) << report.state;
+    if (!report.problem.empty()) {
+        out << " (" << Printable(report.problem) << ")";
+    }
+    out << "\n";
+    out << "  " << Padded("file", 16) << Printable(Slot::PoolPath(report.name)) << " ("
+        << report.fileSize << " bytes)\n";
+    if (!report.kind.empty()) {
+        out << "  " << Padded("kind", 16) << report.kind << "\n";
+        out << "  " << Padded("blocks", 16) << report.blockCount << " of up to "
+            << report.maxBlockSize << " bytes\n";
+        out << "  " << Padded("free", 16) << report.freeBlocks << "\n";
+        out << "  " << Padded("loaned", 16) << report.loanedBlocks << "\n";
+        out << "  " << Padded("waiting", 16) << report.waitingBlocks << "\n";
+        out << "  " << Padded("held", 16) << report.heldBlocks << "\n";
+        out << "  " << Padded("last sequence", 16) << report.lastSequence << "\n";
+        if (report.kind == "queue") {
+            out << "  " << Padded("reader", 16) << PoolReaderText(report) << "\n";
+        }
+    }
+    out << "  " << Padded("holders", 16) << PidsText(report.holders) << "\n";
+    out << "  " << Padded("attached", 16) << PidsText(report.attached) << "\n";
+}
+
 }  // namespace
 
 int RunList(const Context&, const std::vector<std::string>& args) {
     const Arguments arguments("ls", args, {}, {"json"});
     arguments.ExpectOperands(0, 0, "no operands");
     const std::vector<SlotReport> reports = SlotSurvey::ListSlots();
+    std::vector<Slot::PoolReport> pools;
+    for (const std::string& pool : Slot::ListPools()) {
+        pools.push_back(Slot::SurveyPool(pool));
+    }
     if (arguments.Has("json")) {
-        std::cout << ListJson(reports) << std::endl;
+        std::cout << ListJson(reports, pools) << std::endl;
         return ExitOk;
     }
     size_t nameWidth = 4;
@@ -242,12 +321,16 @@ int RunList(const Context&, const std::vector<std::string>& args) {
             (note.empty() ? ReaderText(report) : Padded(ReaderText(report), 10) + "  " + note);
         out << line << "\n";
     }
+    if (!pools.empty()) {
+        out << "\n";
+        PrintPools(out, pools);
+    }
     std::cout << out.str() << std::flush;
     return ExitOk;
 }
 
 int RunInfo(const Context&, const std::vector<std::string>& args) {
-    const Arguments arguments("info", args, {}, {"json"});
+    const Arguments arguments("info", args, {}, TargetFlags({"json"}));
     arguments.ExpectOperands(1, 1, "one slot name or recording");
     const std::string name = arguments.Operands()[0];
     if (IsRecordingFile(name)) {
@@ -256,7 +339,21 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
         }
         return RecordingInfo(name);
     }
-    CheckSlotName(name);
+    if (MeansPool(arguments, "info", name)) {
+        const Slot::PoolReport report = Slot::SurveyPool(name);
+        if (!report.exists) {
+            throw CommandError(ExitFailure, Quote(name) + " is not a pool: there is no " +
+                                                Printable(Slot::PoolPath(name)));
+        }
+        if (arguments.Has("json")) {
+            std::cout << Slot::PoolInfoJson(report) << std::endl;
+        } else {
+            std::ostringstream out;
+            PrintPoolInfo(out, report);
+            std::cout << out.str() << std::flush;
+        }
+        return ExitOk;
+    }
     const SlotReport report = SlotSurvey::InspectSlot(name);
     if (const SlotPartReport* part = UnusablePart(report)) {
         throw CommandError(ExitFailure,

@@ -3,11 +3,14 @@
 #include "BlockFormat.h"
 #include "Cli.h"
 #include "Commands.h"
+#include "PoolTarget.h"
 #include "Recording.h"
 #include "Signals.h"
 #include "SlotOptions.h"
 
 #include <Slot/AbortSlotCreationException.h>
+#include <Slot/PoolFactory.h>
+#include <Slot/PoolSurvey.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotSurvey.h>
 
@@ -78,11 +81,69 @@ private:
     std::deque<Block> blocks_;  // guarded by mutex_
 };
 
+// The queue outlives the reader, which gets it without ownership.
+ISubscriberPtr Unowned(BlockQueue& queue) {
+    return ISubscriberPtr(&queue, [](shared::ISubscriber*) {});
+}
+
+// Opens a reader of the slot `name` delivering to `queue`; returns the slot's kind.
+std::string OpenSlotReader(const Arguments& arguments, const std::string& name, BlockQueue& queue,
+                           INotifierPtr& reader, int limitMs) {
+    const SlotCfg cfg = ResolveSlot(arguments, name);
+    const std::string type = TypeName(cfg);
+    try {
+        // Subscribed before the reader's thread starts: a reliable reader drains the blocks
+        // that were waiting at once, and they must reach us.
+        // Opening waits for the slot's lock, which a live process may keep: that wait still
+        // ends on Ctrl-C and --timeout.
+        const WaitResult opened = RunInterruptibly(
+            [&] { reader = SlotFactory::CreateSlotReader(&cfg, Unowned(queue)); }, limitMs);
+        if (opened == WaitResult::Stopped) {
+            LeaveNow(ExitInterrupted, "");
+        }
+        if (opened == WaitResult::TimedOut) {
+            LeaveNow(ExitTimedOut, "slotctl: cannot read " + Quote(name) + ": not opened within " +
+                                       std::to_string(limitMs) + " ms (its lock is held)");
+        }
+    } catch (const AbortSlotCreationException& e) {
+        std::string message = "cannot read " + Quote(name) + ": " + e.what();
+        if (type == "reliable") {
+            const pid_t holder =
+                shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name));
+            if (holder > 0) {
+                message += " (its reader is pid " + std::to_string(holder) + ")";
+            }
+        }
+        throw CommandError(ExitFailure, message);
+    } catch (const std::exception& e) {
+        throw CommandError(ExitFailure, "cannot read " + Quote(name) + ": " + e.what());
+    }
+    return type;
+}
+
+// Opens a reader of the pool `name` (made when missing) delivering to `queue`; returns "<kind>
+// pool". Opening a pool waits for nothing another process holds.
+std::string OpenPoolReader(const Arguments& arguments, const std::string& name, BlockQueue& queue,
+                           INotifierPtr& reader) {
+    const Slot::PoolConfig config = ResolvePool(arguments, "read", name);
+    try {
+        reader = Slot::PoolFactory::CreatePoolReader(config, Unowned(queue));
+    } catch (const std::exception& e) {
+        std::string message = "cannot read " + Quote(name) + ": " + e.what();
+        const pid_t holder = Slot::SurveyPool(name).queueReader;
+        if (config.kind == "queue" && holder > 0) {
+            message += " (its reader is " + PidText(holder) + ")";
+        }
+        throw CommandError(ExitFailure, message);
+    }
+    return config.kind + " pool";
+}
+
 }  // namespace
 
 int RunRead(const Context&, const std::vector<std::string>& args) {
     const Arguments arguments("read", args, SlotValuedOptions({"count", "timeout", "format"}),
-                              {"follow"});
+                              TargetFlags({"follow"}));
     arguments.ExpectOperands(1, 1, "one slot name or recording");
     const std::string& name = arguments.Operands()[0];
     if (IsRecordingFile(name)) {
@@ -103,43 +164,12 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     const std::uint64_t target =
         arguments.GetNumber("count", arguments.Has("follow") ? 0 : 1, 0, UINT64_MAX >> 1);
     const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
-    const SlotCfg cfg = ResolveSlot(arguments, name);
-    const std::string type = TypeName(cfg);
-
+    const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     BlockQueue queue;
     INotifierPtr reader;
-    const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
-    try {
-        // Subscribed before the reader's thread starts: a reliable reader drains the blocks
-        // that were waiting at once, and they must reach us. The queue outlives the reader.
-        // Opening waits for the slot's lock, which a live process may keep: that wait still
-        // ends on Ctrl-C and --timeout.
-        const WaitResult opened = RunInterruptibly(
-            [&] {
-                reader = SlotFactory::CreateSlotReader(
-                    &cfg, ISubscriberPtr(&queue, [](shared::ISubscriber*) {}));
-            },
-            limitMs);
-        if (opened == WaitResult::Stopped) {
-            LeaveNow(ExitInterrupted, "");
-        }
-        if (opened == WaitResult::TimedOut) {
-            LeaveNow(ExitTimedOut, "slotctl: cannot read " + Quote(name) + ": not opened within " +
-                                       std::to_string(timeoutMs) + " ms (its lock is held)");
-        }
-    } catch (const AbortSlotCreationException& e) {
-        std::string message = "cannot read " + Quote(name) + ": " + e.what();
-        if (type == "reliable") {
-            const pid_t holder =
-                shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name));
-            if (holder > 0) {
-                message += " (its reader is pid " + std::to_string(holder) + ")";
-            }
-        }
-        throw CommandError(ExitFailure, message);
-    } catch (const std::exception& e) {
-        throw CommandError(ExitFailure, "cannot read " + Quote(name) + ": " + e.what());
-    }
+    const std::string type = MeansPool(arguments, "read", name)
+                                 ? OpenPoolReader(arguments, name, queue, reader)
+                                 : OpenSlotReader(arguments, name, queue, reader, limitMs);
     std::cerr << "slotctl: reading " << Quote(name) << " (" << type << ")" << std::endl;
 
     std::uint64_t printed = 0;

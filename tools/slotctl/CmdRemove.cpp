@@ -3,10 +3,15 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "Names.h"
+#include "PoolTarget.h"
 
+#include <Slot/PoolFactory.h>
+#include <Slot/PoolSurvey.h>
 #include <Slot/SlotAttachments.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotLeftovers.h>
+#include <Slot/SlotNames.h>
+#include <Slot/SlotReportJson.h>
 #include <Slot/SlotSurvey.h>
 
 #include <unistd.h>
@@ -203,10 +208,50 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge, bool for
     return true;
 }
 
+// Removes the pool `name`'s file; prints one line; false on failure. A pool that live processes
+// are attached to is removed only with `force`; with `staleOnly`, only a damaged pool is.
+bool RemovePoolOne(const std::string& name, bool staleOnly, bool force) {
+    const Slot::PoolReport report = Slot::SurveyPool(name);
+    const std::string path = Printable(Slot::PoolPath(name));
+    if (!report.exists) {
+        std::cerr << "slotctl: " << Quote(name) << " is not a pool: there is no " << path << "\n";
+        return false;
+    }
+    if (staleOnly && report.state != "damaged") {
+        std::cerr << "slotctl: the pool " << Quote(name)
+                  << " is not stale (not damaged), left as it is\n";
+        return false;
+    }
+    std::vector<std::string> users;
+    for (pid_t pid : report.attached) {
+        const std::string user = "pid " + std::to_string(pid);
+        if (pid != ::getpid() && Slot::PoolPidAlive(pid) &&
+            std::find(users.begin(), users.end(), user) == users.end()) {
+            users.push_back(user);
+        }
+    }
+    if (!users.empty()) {
+        if (!force) {
+            std::cerr << "slotctl: the pool " << Quote(name) << " is in use by " << Join(users)
+                      << "; not removed (--force removes it anyway)\n";
+            return false;
+        }
+        std::cerr << "slotctl: warning: removing the pool " << Quote(name) << " while in use by "
+                  << Join(users) << "\n";
+    }
+    if (!Slot::PoolFactory::RemovePool(name)) {
+        std::cerr << "slotctl: could not remove " << path
+                  << (::geteuid() != 0 ? " (not the owner?)" : "") << "\n";
+        return false;
+    }
+    std::cout << "removed " << Quote(name) << ": pool " << path << "\n";
+    return true;
+}
+
 }  // namespace
 
 int RunRemove(const Context&, const std::vector<std::string>& args) {
-    const Arguments arguments("rm", args, {"min-age"}, {"stale", "force"});
+    const Arguments arguments("rm", args, {"min-age"}, TargetFlags({"stale", "force"}));
     const bool stale = arguments.Has("stale");
     const bool force = arguments.Has("force");
     const double minAge = arguments.GetSeconds("min-age", 5.0, 0.0, 1e9);
@@ -237,12 +282,22 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
             ++found;
             ok = RemoveOrphanOnly(name) && ok;
         }
+        // Damaged pools: nobody can use them.
+        for (const std::string& name : Slot::ListPools()) {
+            if (Slot::SurveyPool(name).state == "damaged") {
+                ++found;
+                ok = RemovePoolOne(name, true, force) && ok;
+            }
+        }
         if (found == 0) {
             std::cout << "no stale slots\n";
         }
     } else {
         for (const std::string& name : arguments.Operands()) {
-            ok = RemoveOne(SlotSurvey::InspectSlot(name), stale, minAge, force) && ok;
+            ok = (MeansPool(arguments, "rm", name)
+                      ? RemovePoolOne(name, stale, force)
+                      : RemoveOne(SlotSurvey::InspectSlot(name), stale, minAge, force)) &&
+                 ok;
         }
     }
     std::cout << std::flush;

@@ -4,9 +4,11 @@
 #include "BlockFormat.h"
 #include "Cli.h"
 #include "Commands.h"
+#include "PoolTarget.h"
 #include "Signals.h"
 #include "WriteRate.h"
 
+#include <Slot/PoolSurvey.h>
 #include <Slot/SlotActivity.h>
 #include <Slot/SlotSurvey.h>
 
@@ -42,12 +44,31 @@ SlotActivitySample FirstSample(const std::string& command, const std::string& na
 // slot goes away.
 int Watch(const std::vector<std::string>& args, bool bandwidth) {
     const std::string command = bandwidth ? "bw" : "hz";
-    const Arguments arguments(command, args, {"window", "timeout"}, {});
+    const Arguments arguments(command, args, {"window", "timeout"}, TargetFlags({}));
     arguments.ExpectOperands(1, 1, "one slot name");
     const std::string& name = arguments.Operands()[0];
     const double window = arguments.GetSeconds("window", 1.0, 0.05, 3600);
     const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
-    SlotActivitySample last = FirstSample(command, name, false);
+    // A pool's publishes are counted by its sequence, read as ls reads it: no block is taken.
+    const bool pool = MeansPool(arguments, command, name);
+    SlotActivitySample last;
+    Slot::PoolReport lastPool;
+    if (pool) {
+        if (bandwidth) {
+            throw CommandError(ExitFailure, "bw: " + Quote(name) +
+                                                " is a pool: the sizes of its blocks are not "
+                                                "counted (hz counts its publishes)");
+        }
+        lastPool = Slot::SurveyPool(name);
+        if (lastPool.state != "healthy") {
+            throw CommandError(ExitFailure,
+                               "hz: the pool " + Quote(name) + " is " + lastPool.state +
+                                   (lastPool.problem.empty() ? std::string()
+                                                             : ": " + Printable(lastPool.problem)));
+        }
+    } else {
+        last = FirstSample(command, name, false);
+    }
 
     typedef std::chrono::steady_clock Clock;
     const Clock::time_point start = Clock::now();
@@ -57,7 +78,8 @@ int Watch(const std::vector<std::string>& args, bool bandwidth) {
     std::uint64_t total = 0;
     double estimatedBytes = 0;
     std::cerr << "slotctl: counting writes to " << Quote(name) << " every " << Fixed(window, 2)
-              << " s (nothing is read from the slot); Ctrl-C ends" << std::endl;
+              << " s (nothing is read from the " << (pool ? "pool" : "slot") << "); Ctrl-C ends"
+              << std::endl;
     int status = ExitOk;
     for (;;) {
         const Clock::time_point due = std::min(
@@ -74,15 +96,29 @@ int Watch(const std::vector<std::string>& args, bool bandwidth) {
         if (stopped) {
             status = ExitInterrupted;
         }
-        const SlotActivitySample now = SlotActivity::Sample(name, false);
-        const Clock::time_point at = Clock::now();
-        if (!now.valid) {
-            std::cerr << "slotctl: " << Quote(name) << " is gone: " << now.problem << std::endl;
-            status = ExitFailure;
-            break;
+        SlotActivitySample now;
+        std::uint64_t writes = 0;
+        if (pool) {
+            const Slot::PoolReport report = Slot::SurveyPool(name);
+            if (report.state != "healthy" || report.lastSequence < lastPool.lastSequence) {
+                std::cerr << "slotctl: the pool " << Quote(name) << " is gone: "
+                          << (report.state != "healthy" ? report.state : "made anew") << std::endl;
+                status = ExitFailure;
+                break;
+            }
+            writes = report.lastSequence - lastPool.lastSequence;
+            lastPool = report;
+        } else {
+            now = SlotActivity::Sample(name, false);
+            if (!now.valid) {
+                std::cerr << "slotctl: " << Quote(name) << " is gone: " << now.problem << std::endl;
+                status = ExitFailure;
+                break;
+            }
+            writes = WritesSince(last, now);
+            last = now;
         }
-        const std::uint32_t writes = WritesSince(last, now);
-        last = now;
+        const Clock::time_point at = Clock::now();
         const double seconds = std::chrono::duration<double>(at - windowStart).count();
         const double elapsed = std::chrono::duration<double>(at - start).count();
         windowStart = at;
@@ -98,7 +134,7 @@ int Watch(const std::vector<std::string>& args, bool bandwidth) {
             // The header keeps only the size of the last block a reader took: the bytes of the
             // other blocks are not known without taking them.
             double bytes = 0;
-            const bool sizeKnown = EstimatedBytes(writes, now, bytes);
+            const bool sizeKnown = EstimatedBytes(static_cast<std::uint32_t>(writes), now, bytes);
             estimatedBytes += bytes;
             line = "estimated bandwidth: " + BytesPerSecondText(seconds > 0 ? bytes / seconds : 0) +
                    " (" + std::to_string(writes) + " writes/s x " +

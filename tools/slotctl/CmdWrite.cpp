@@ -4,10 +4,12 @@
 #include "BlockFormat.h"
 #include "Cli.h"
 #include "Commands.h"
+#include "PoolTarget.h"
 #include "Signals.h"
 #include "SlotOptions.h"
 
 #include <Slot/AbortSlotCreationException.h>
+#include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
 
@@ -18,6 +20,7 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 namespace slotctl {
 
@@ -101,7 +104,7 @@ std::string Plural(std::uint64_t n, const char* word) {
 int RunWrite(const Context&, const std::vector<std::string>& args) {
     const Arguments arguments("write", args,
                               SlotValuedOptions({"length", "every", "count", "timeout"}),
-                              {"lines", "frames"});
+                              TargetFlags({"lines", "frames"}));
     arguments.ExpectOperands(1, 2, "a slot name and at most one DATA operand");
     const std::string& name = arguments.Operands()[0];
     const bool lines = arguments.Has("lines");
@@ -135,18 +138,34 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     // Without --every one block is written once; with it, until interrupted.
     const std::uint64_t count =
         arguments.GetNumber("count", arguments.Has("every") ? 0 : 1, 0, UINT64_MAX >> 1);
-    const SlotCfg cfg = ResolveSlot(arguments, name);
+    // A pool is written through a pool writer, whose onNotify copies the block into a loan.
+    const bool pool = MeansPool(arguments, "write", name);
+    std::optional<Slot::PoolConfig> poolConfig;
+    std::optional<SlotCfg> cfg;
+    if (pool) {
+        poolConfig = ResolvePool(arguments, "write", name);
+    } else {
+        cfg.emplace(ResolveSlot(arguments, name));
+    }
+    const std::size_t maxSize = pool ? poolConfig->maxBlockSize : cfg->GetMaxSize();
+    const std::string kind = pool ? poolConfig->kind + " pool" : TypeName(*cfg);
 
     const bool fromStdin = arguments.Operands().size() < 2 || arguments.Operands()[1] == "-";
     // This run's blocks: the counts of the slot's name in this process, before and after.
-    const Slot::WriteCounts before = Slot::GetWriteCounts(cfg.GetName());
+    const Slot::WriteCounts before = Slot::GetWriteCounts(name);
     unsigned long blocks = 0;
     bool stopped = false;
     std::string inputProblem;  // why the framed input ended early
     {
         ISubscriberPtr writer;
         try {
-            bounded([&] { writer = SlotFactory::CreateSlotWriter(&cfg); });
+            bounded([&] {
+                if (pool) {
+                    writer = Slot::PoolFactory::CreatePoolWriter(*poolConfig);
+                } else {
+                    writer = SlotFactory::CreateSlotWriter(&*cfg);
+                }
+            });
         } catch (const AbortSlotCreationException& e) {
             throw CommandError(ExitFailure, "cannot write to " + Quote(name) + ": " + e.what());
         }
@@ -175,10 +194,11 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
             bool first = true;
             for (;;) {
                 const std::int64_t declared = parser.NextSize();
-                if (declared > static_cast<std::int64_t>(cfg.GetMaxSize())) {
+                if (declared > static_cast<std::int64_t>(maxSize)) {
                     inputProblem = "a frame of " + std::to_string(declared) +
-                                   " bytes is larger than the slot's maximum block size " +
-                                   std::to_string(cfg.GetMaxSize());
+                                   (pool ? " bytes is larger than the pool's block size "
+                                         : " bytes is larger than the slot's maximum block size ") +
+                                   std::to_string(maxSize);
                     break;
                 }
                 if (parser.Next(block)) {
@@ -253,11 +273,10 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
         writer.reset();
     }
     // The library has printed a WARN or ERROR line for each of these as it happened.
-    const Slot::WriteCounts after = Slot::GetWriteCounts(cfg.GetName());
+    const Slot::WriteCounts after = Slot::GetWriteCounts(name);
     const std::uint64_t problems = after.NotStored() - before.NotStored();
     const std::uint64_t discarded = after.discarded - before.discarded;
-    std::string summary =
-        Plural(blocks, "block") + " to " + Quote(name) + " (" + TypeName(cfg) + ")";
+    std::string summary = Plural(blocks, "block") + " to " + Quote(name) + " (" + kind + ")";
     if (problems == 0) {
         summary += ": all stored";
     } else {

@@ -7,7 +7,13 @@ const char* ToolHelp() {
     return R"HELP(usage: slotctl [-v|-vv] [--log-config FILE] COMMAND [ARGS]
 
 Sees and pokes the slots of this machine: the shared-memory header segment "<name>" with its
-message queue "queue_<name>", and the named pipes of posix-pipe slots.
+message queue "queue_<name>", and the named pipes of posix-pipe slots; and its zero-copy pools
+(files of /dev/shm/libslot-pools), which ls, info, write, read, hz and rm handle too.
+
+A name that is only a pool means the pool; one that is both a slot and a pool is refused until
+--slot or --pool says which; --type latest or --type queue (the pool kinds) means a pool, which
+write and read create when it is missing (--max-size: its block size, --queue: its number of
+blocks).
 
 commands:
   ls [--json]                 every slot, half slot and posix-pipe FIFO, one line each
@@ -78,6 +84,9 @@ and damaged slots are shown as far as they can be read.
   --json    the same as one JSON object (the ls fields plus "header", "queue", "locks" and
             "attached" [{pid, uid, command, header, queue, pipe, reader}])
 Fails (status 1) when NAME is not a slot or cannot be opened.
+A pool is shown with its kind, block size and count, its blocks free, loaned, waiting and
+held, the pids holding blocks ("dead pid N" for a process gone), the queue's reader and the
+processes attached; --json prints its ls keys plus "file", "file_size" and "attached".
 )HELP";
     }
     if (command == "write") {
@@ -106,6 +115,8 @@ The library's warnings about refused or dropped blocks ("Queue in '<name>' is fu
 was not written", "One data block discarded from <name>", a full named pipe...) are printed
 as it logs them, followed by a summary line. Status 1 when a block was refused, dropped or
 failed; discarding a waiting block is how a discarding slot works and is not a failure.
+  --pool, --slot    which one NAME means when it is both (see slotctl help); a pool is
+                    written through a pool writer, one copy into a loaned block
 )HELP";
     }
     if (command == "read") {
@@ -135,6 +146,8 @@ chunks it arrives in.
                               (binary-safe; write --frames reads it back)
                       ndjson: one JSON object per line: {"time":"<arrival, UTC>Z","size":N,
                               "base64":"<the bytes>"}
+  --pool, --slot      which one NAME means when it is both (see slotctl help); a queue pool
+                      has one reader, as a reliable slot: a second is refused, naming it
 )HELP";
     }
     if (command == "rm") {
@@ -157,6 +170,9 @@ ended is removed with the slot, or alone when the slot is already gone ("removed
 slot left): lock file ..."); one still held is kept. A lock file is claimed with a
 non-blocking lock before it is unlinked, through the checked lock folder, never through a link.
 Status 1 when a name was not a slot, was in use, or could not be removed.
+  --pool, --slot   which one NAME means when it is both. A pool's file is removed unless live
+                   processes are attached to it (--force); with --stale only a damaged pool
+                   is, and --stale alone removes every damaged pool too
 )HELP";
     }
     if (command == "hz" || command == "bw") {
@@ -170,6 +186,8 @@ discarding slot's reader is not disturbed). One line per window on stdout:
   hz: "rate: R writes/s (N writes in S s); average A writes/s over T s"
   bw: "estimated bandwidth: ..." = writes x the size of the last block a reader took (the only
       block size the header keeps); an ESTIMATE, exact only when all blocks have one size
+A pool's publishes are counted from its sequence, read as ls reads it (no block taken); bw
+refuses a pool. --pool, --slot: which one NAME means when it is both.
   --window SECS   length of each window (default 1)
   --timeout MS    stop after MS ms (default: until Ctrl-C); the planned end of the watch,
                   status 0

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Cli.h"
+
+#include <Slot/PoolFactory.h>
+#include <Slot/PoolSurvey.h>
+
+#include <set>
+#include <string>
+
+namespace slotctl {
+
+// The flags that choose between a slot and a pool of the same name.
+std::set<std::string> TargetFlags(std::set<std::string> more);
+
+// Whether `name` means a pool to `command`: --pool or a pool kind given with --type says so,
+// --slot or a slot type says not; otherwise a name that is only a pool is a pool, and a name
+// that is both a slot and a pool is a usage error that names --slot and --pool.
+bool MeansPool(const Arguments& arguments, const std::string& command, const std::string& name);
+
+// The configuration for the pool `name`: an existing pool's own (it keeps its sizes anyway),
+// else --type (default "latest"), --max-size (default 65536) and --queue (the block count,
+// default 16). Refuses, with one line, a pool file that is damaged or of another kind.
+Slot::PoolConfig ResolvePool(const Arguments& arguments, const std::string& command,
+                             const std::string& name);
+
+// "pid 4711" or "dead pid 4711", for the pids a pool report names.
+std::string PidText(pid_t pid);
+
+}  // namespace slotctl
