@@ -187,3 +187,32 @@ def test_configuration_errors_carry_the_library_texts(name):
     with pytest.raises(libslot.SlotError, match="closed"):
         writer.loan(1)
     assert libslot.remove_pool(name) and not libslot.remove_pool(name)
+
+
+def test_reader_closed_from_its_callback_and_readers_left_open_at_exit(names):
+    # The first reader closes itself from its callback; the second is left open, with a hold
+    # and a loan alive, when the interpreter exits.
+    code = r"""
+import sys, threading
+import libslot
+a, b = sys.argv[1:3]
+closed = threading.Event()
+def close_me(view):
+    first.close()
+    closed.set()
+first = libslot.PoolReader(a, close_me, kind="queue")
+writer = libslot.PoolWriter(a, kind="queue")
+writer.write(b"1")
+assert closed.wait(60) and first.closed
+writer.write(b"2")  # stays in the pool: nobody reads it now
+kept = []
+got = threading.Event()
+second = libslot.PoolReader(b, lambda view: (kept.append(second.hold()), got.set()))
+libslot.PoolWriter(b).write(b"x")
+assert got.wait(60)
+loan = writer.loan(4)
+print(bytes(kept[0].view).decode(), flush=True)
+"""
+    a, b = names("a"), names("b")
+    child = run_python(code, a, b)
+    assert (child.returncode, child.stdout, child.stderr) == (0, b"x\n", b"")
