@@ -510,3 +510,42 @@ TEST(Gateway, LatestPoolCarriesTheLatestBlock) {
         << sending.StatusJson() << receiving.StatusJson();
     EXPECT_EQ(sending.Status()[0].counters.dropped + receiving.Status()[0].counters.dropped, 0u);
 }
+
+// A queue pool is not read while no receiver is matched: a gateway that stops without one leaves
+// the pool whole, and blocks written while the receiver is gone reach the next one in order.
+TEST(Gateway, QueuePoolKeepsItsBlocksWhileNoReceiverIsMatched) {
+    pooltest::ScopedPool source("gw_pool_gone_src"), destination("gw_pool_gone_dst");
+    const std::string partition = testsupport::UniqueName("part");
+    const Route out =
+        PoolRoute(source, "queue", Direction::ToNetwork, partition, "pool_gone", 1024, 16);
+    const Route in =
+        PoolRoute(destination, "queue", Direction::FromNetwork, partition, "pool_gone", 1024, 16);
+    ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(out));
+    WriteHeld(writer, source.str(), NumberedBlock(0, 1024));
+    {
+        Gateway alone(OneRoute(out));
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // time to (wrongly) take
+        EXPECT_FALSE(alone.Status()[0].sending);
+    }
+
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(in), collector);
+    Gateway sending(OneRoute(out));
+    std::unique_ptr<Gateway> receiving(new Gateway(OneRoute(in)));
+    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(30)));
+    receiving.reset();
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; },
+                           std::chrono::seconds(30)));
+    for (unsigned n = 1; n <= 5; ++n) {
+        WriteHeld(writer, source.str(), NumberedBlock(n, 1024));
+    }
+    receiving.reset(new Gateway(OneRoute(in)));
+    ASSERT_TRUE(collector->WaitFor(6, std::chrono::seconds(30)))
+        << BlocksOf(*collector).size() << " of 6 arrived";
+    const std::vector<Bytes> blocks = BlocksOf(*collector);
+    ASSERT_EQ(blocks.size(), 6u);
+    for (unsigned n = 0; n < 6; ++n) {
+        EXPECT_EQ(blocks[n], NumberedBlock(n, 1024)) << "block " << n;
+    }
+    EXPECT_EQ(sending.Status()[0].counters.dropped, 0u);
+}
