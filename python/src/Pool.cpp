@@ -28,7 +28,8 @@ namespace {
 // The exporter behind every memoryview of a block. `data` is null once its owner has let the
 // block go (no new view is made then); `kept` keeps the block while older exports live on.
 struct BlockBuffer {
-    PyObject_HEAD void* data;
+    PyObject ob_base;  // the object header (PyObject_HEAD)
+    void* data;
     Py_ssize_t size;
     Py_ssize_t exports;
     bool writable;
@@ -123,11 +124,14 @@ bool OnlyView(const View& view) {
 // Ends the view: touching it raises ValueError afterwards, and no new view is made from the
 // exporter. True when no export is left; otherwise the caller must keep the block for them.
 bool ReleaseView(const View& view) {
+    PyObject *type, *value, *traceback;
+    PyErr_Fetch(&type, &value, &traceback);  // also called while an exception is on its way
     PyObject* result = PyObject_CallMethod(view.view.ptr(), "release", nullptr);
     if (result == nullptr) {
         PyErr_Clear();  // it has exports of its own, which keep it
     }
     Py_XDECREF(result);
+    PyErr_Restore(type, value, traceback);
     view.buffer()->data = nullptr;
     return view.buffer()->exports == 0;
 }
