@@ -140,17 +140,11 @@ Direction ParseDirection(const std::string& text, const Place& place) {
     place.Fail("direction", "\"" + text + "\" is none of to-network, from-network, both");
 }
 
-Route ParseRoute(const json& entry, const Place& place) {
-    if (!entry.is_object()) {
-        place.Fail("", std::string("must be an object, not ") + entry.type_name());
+// A slot entry's "type", "max_size" and "queue_length".
+void ParseSlot(const json& entry, Route& route, const Place& place) {
+    if (entry.contains("blocks")) {
+        place.Fail("blocks", "a slot has queue_length; give blocks only for a pool");
     }
-    OnlyKnownKeys(entry,
-                  {"name", "type", "max_size", "queue_length", "update_time_ms", "direction",
-                   "domain", "partition", "topic"},
-                  place);
-    Route route;
-    route.name = GetString(entry, "name", place, true);
-    CheckSlotName(route.name, place);
     route.type = GetString(entry, "type", place, true);
     if (route.type == "posix-pipe") {
         place.Fail("type",
@@ -167,13 +161,57 @@ Route ParseRoute(const json& entry, const Place& place) {
                    "a discarding slot holds one block; give queue_length only for "
                    "a reliable slot");
     }
-    route.updateTimeMs = GetUnsigned(entry, "update_time_ms", place, 100, 1, 60000);
+}
+
+// A pool entry: "pool" (its kind) instead of "type", "max_size" its block size, "blocks".
+void ParsePool(const json& entry, Route& route, const Place& place) {
+    for (const char* slotOnly : {"type", "queue_length", "update_time_ms"}) {
+        if (entry.contains(slotOnly)) {
+            place.Fail(slotOnly,
+                       std::string("a pool entry (\"pool\") has no ") + slotOnly +
+                           (std::string(slotOnly) == "queue_length" ? "; use blocks" : ""));
+        }
+    }
+    route.pool = GetString(entry, "pool", place, true);
+    if (!Slot::PoolFactory::PoolKindIsValid(route.pool)) {
+        place.Fail("pool", "\"" + route.pool + "\" is neither \"queue\" nor \"latest\"");
+    }
+    route.maxSize = GetUnsigned(entry, "max_size", place, 65536, 1, kMaxBlockSize);
+    route.queueLength =
+        GetUnsigned(entry, "blocks", place, kDefaultPoolBlocks, 1, Slot::MaxPoolBlocks);
+    if (const std::optional<std::string> problem = Slot::PoolConfigProblem(RoutePoolCfg(route))) {
+        place.Fail("", "the pool cannot be made: " + *problem);
+    }
+}
+
+Route ParseRoute(const json& entry, const Place& place) {
+    if (!entry.is_object()) {
+        place.Fail("", std::string("must be an object, not ") + entry.type_name());
+    }
+    OnlyKnownKeys(entry,
+                  {"name", "type", "pool", "max_size", "queue_length", "blocks", "update_time_ms",
+                   "direction", "domain", "partition", "topic"},
+                  place);
+    Route route;
+    route.name = GetString(entry, "name", place, true);
+    CheckSlotName(route.name, place);
+    if (entry.contains("pool")) {
+        ParsePool(entry, route, place);
+    } else {
+        ParseSlot(entry, route, place);
+    }
+    if (!route.isPool()) {
+        route.updateTimeMs = GetUnsigned(entry, "update_time_ms", place, 100, 1, 60000);
+    }
     route.direction = ParseDirection(GetString(entry, "direction", place, true), place);
     if (route.reliable() && route.direction == Direction::Both) {
-        place.Fail("direction",
-                   "a reliable slot has one reader per machine: a gateway sending it "
-                   "would be that reader and take every block, also those it "
-                   "received; use two slots, one to-network and one from-network");
+        place.Fail("direction", std::string("a ") +
+                                    (route.isPool() ? "queue pool" : "reliable slot") +
+                                    " has one reader per machine: a gateway sending it "
+                                    "would be that reader and take every block, also those it "
+                                    "received; use two " +
+                                    (route.isPool() ? "pools" : "slots") +
+                                    ", one to-network and one from-network");
     }
     route.domain = GetUnsigned(entry, "domain", place, 0, 0, kMaxDomain);
     route.partition = GetString(entry, "partition", place, false);

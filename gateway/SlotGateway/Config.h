@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Slot/ISlotConfiguration.h>
+#include <Slot/PoolFactory.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -21,19 +22,25 @@ enum class Direction { ToNetwork, FromNetwork, Both };
 
 const char* ToString(Direction direction);
 
-// One slot mirrored to or from one DDS topic.
+// One slot or pool mirrored to or from one DDS topic.
 struct Route {
-    std::string name;              // the slot's name
-    std::string type;              // "reliable" or "discarding"
-    std::size_t maxSize = 65536;   // largest block, bytes
-    std::size_t queueLength = 16;  // blocks a reliable slot holds (and DDS buffers per side)
+    std::string name;              // the slot's or pool's name
+    std::string type;              // a slot's: "reliable" or "discarding"; "" for a pool
+    std::string pool;              // a pool's kind: "queue" or "latest"; "" for a slot
+    std::size_t maxSize = 65536;   // largest block, bytes (a pool's block size)
+    std::size_t queueLength = 16;  // blocks a reliable slot or a pool holds (and DDS buffers per
+                                   // side)
     unsigned updateTimeMs = 100;   // the slot reader's update time
     Direction direction = Direction::ToNetwork;
     std::uint32_t domain = 0;
     std::string partition;  // "" is DDS's default partition
     std::string topic;
 
-    bool reliable() const { return type == "reliable"; }
+    bool isPool() const { return !pool.empty(); }
+    // A queue pool is carried as a reliable slot is: acknowledged, nothing stored lost.
+    bool reliable() const { return type == "reliable" || pool == "queue"; }
+    // As the status shows it: the slot type, or "queue pool" / "latest pool".
+    std::string TypeText() const { return isPool() ? pool + " pool" : type; }
     bool sends() const { return direction != Direction::FromNetwork; }
     bool receives() const { return direction != Direction::ToNetwork; }
 };
@@ -54,6 +61,7 @@ struct Config {
 // Limits the validation applies.
 constexpr std::size_t kMaxBlockSize = 16u * 1024u * 1024u;
 constexpr std::size_t kMaxQueueLength = 65536;
+constexpr std::size_t kDefaultPoolBlocks = 8;
 constexpr std::uint32_t kMaxDomain = 232;
 constexpr unsigned kMinLeaseMs = 100;
 constexpr unsigned kMaxLeaseMs = 3600000;
@@ -69,5 +77,10 @@ public:
         : SlotCfg(route.name, route.type, boost::posix_time::milliseconds(route.updateTimeMs),
                   route.reliable() ? route.queueLength : 1, route.maxSize) {}
 };
+
+// The pool configuration a pool route gives the pool factory.
+inline Slot::PoolConfig RoutePoolCfg(const Route& route) {
+    return Slot::PoolConfig{route.name, route.pool, route.maxSize, route.queueLength};
+}
 
 }  // namespace SlotGateway

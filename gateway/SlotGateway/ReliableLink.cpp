@@ -5,6 +5,7 @@
 #include "GatewayBlock.h"
 
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
+#include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
 #include <shared/ILockable.h>
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 
 namespace SlotGateway {
@@ -65,6 +67,10 @@ std::uint32_t ReliableSender::MatchedReaders() const {
 }
 
 void ReliableSender::Run() {
+    if (route_.isPool()) {
+        RunPool();
+        return;
+    }
     const std::chrono::milliseconds slice = std::min<std::chrono::milliseconds>(
         kPoll * 5, std::chrono::milliseconds(route_.updateTimeMs));
     while (!stop_.set) {
@@ -86,7 +92,7 @@ void ReliableSender::Run() {
                     continue;
                 }
             }
-            if (Deliver()) {
+            if (Deliver(held_.data(), heldSize_)) {
                 holding_ = false;
             }
         } catch (const std::exception& e) {
@@ -101,6 +107,68 @@ void ReliableSender::Run() {
     }
     claim_.reset();
     claimed_ = false;
+}
+
+namespace {
+
+class PoolBlockSender : public shared::ISubscriber {
+public:
+    explicit PoolBlockSender(std::function<void(const void*, std::size_t)> send)
+        : send_(std::move(send)) {}
+    void onNotify(const std::string&, const void* data, size_t size) override { send_(data, size); }
+
+private:
+    std::function<void(const void*, std::size_t)> send_;
+};
+
+}  // namespace
+
+void ReliableSender::RunPool() {
+    while (!stop_.set) {
+        if (!poolReader_) {
+            // The reader starts only while a receiving gateway is matched; once started, a block
+            // waits in its callback for a receiver.
+            if (MatchedReaders() == 0) {
+                stop_.WaitFor(kPoll);
+                continue;
+            }
+            try {
+                poolReader_ = Slot::PoolFactory::CreatePoolReader(
+                    RoutePoolCfg(route_),
+                    ISubscriberPtr(new PoolBlockSender([this](const void* data, std::size_t size) {
+                        SendPoolBlock(data, size);
+                    })));
+            } catch (const std::exception& e) {
+                const Clock::time_point now = Clock::now();
+                if (now - lastClaimError_ > std::chrono::seconds(30)) {
+                    lastClaimError_ = now;
+                    LOG4CXX_ERROR(Logger(), "Cannot read pool '" << route_.name << "': " << e.what()
+                                                                 << " (retrying)");
+                }
+                stop_.WaitFor(std::chrono::milliseconds(200));
+                continue;
+            }
+            claimed_ = true;
+            if (Logger()->isInfoEnabled()) {
+                LOG4CXX_INFO(Logger(), "Pool '" << route_.name << "' is sent to topic '"
+                                                << route_.topic << "' (domain " << route_.domain
+                                                << ")");
+            }
+        }
+        stop_.WaitFor(kPoll * 5);
+    }
+    poolReader_.reset();  // joins its thread: the block in hand is delivered within the grace
+    claimed_ = false;
+}
+
+void ReliableSender::SendPoolBlock(const void* data, std::size_t size) {
+    heldSerial_ = ++sequence_;
+    if (!Deliver(data, size)) {
+        ++counters_.dropped;
+        LOG4CXX_ERROR(Logger(), "Block " << heldSerial_ << " of pool '" << route_.name
+                                         << "' dropped: no receiver stored it while the gateway "
+                                            "stopped");
+    }
 }
 
 bool ReliableSender::Claim() {
@@ -140,13 +208,14 @@ bool ReliableSender::Take() {
     return true;
 }
 
-bool ReliableSender::Deliver() {
+bool ReliableSender::Deliver(const void* data, std::size_t size) {
     SlotGatewayWire_Block sample;
     sample.gateway = gatewayId_;
     sample.serial = heldSerial_;
-    sample.data._maximum = static_cast<uint32_t>(heldSize_);
-    sample.data._length = static_cast<uint32_t>(heldSize_);
-    sample.data._buffer = heldSize_ != 0 ? held_.data() : nullptr;
+    sample.data._maximum = static_cast<uint32_t>(size);
+    sample.data._length = static_cast<uint32_t>(size);
+    // Only read: DDS serialises the sample, a pool's block stays as published.
+    sample.data._buffer = size != 0 ? static_cast<uint8_t*>(const_cast<void*>(data)) : nullptr;
     sample.data._release = false;
 
     bool graceStarted = false;

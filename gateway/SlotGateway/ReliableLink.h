@@ -35,6 +35,12 @@ namespace SlotGateway {
 // The slot has one reader per machine: from the first take on, this sender holds the slot's
 // reader claim (a reliable slot reader whose thread is never started) and reads the slot itself,
 // under the slot's lock, so that it decides when to take and sees empty blocks as blocks.
+//
+// A queue pool is read by the pool's one reader, started while a receiving gateway is matched:
+// its callback publishes the block from the pool's memory (DDS's copy is the only one) and
+// returns once the block is stored; the block stays at the head of the pool meanwhile. A pool
+// cannot take a block back: one in hand at a stop that no receiver stores within the grace is
+// dropped (logged), where a slot's is put back.
 class ReliableSender {
 public:
     // `writer` publishes on the route's topic, `ackReader` reads "<topic>/ack"; both stay
@@ -58,12 +64,17 @@ public:
 
 private:
     void Run();
+    // A queue pool's: keeps its pool reader running while a receiving gateway is matched.
+    void RunPool();
+    // On the pool reader's thread: sends one block of the pool.
+    void SendPoolBlock(const void* data, std::size_t size);
     // Takes the slot's reader claim; false (logged now and then) while another reader has it.
     bool Claim();
     // Takes the oldest block into the hand; false when the slot is empty.
     bool Take();
-    // Publishes the block in hand until stored; false: stopping, the block is still in hand.
-    bool Deliver();
+    // Publishes the block in hand (`size` bytes at `data`) until stored; false: stopping, the
+    // block is still in hand.
+    bool Deliver(const void* data, std::size_t size);
     // Puts the block in hand back at the head of the slot's queue, or drops it (logged).
     void GiveBack();
     // Adds the receiving gateways that acknowledged block `serial`.
@@ -83,6 +94,7 @@ private:
     // The sending thread's own.
     boost::shared_ptr<ISlot> slot_;
     std::unique_ptr<ReliableSlotReader> claim_;
+    INotifierPtr poolReader_;  // a queue pool's reader
     Clock::time_point lastClaimError_;
     std::vector<std::uint8_t> held_;  // the block in hand: heldSize_ bytes, when holding_
     std::size_t heldSize_ = 0;

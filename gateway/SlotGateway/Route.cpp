@@ -5,6 +5,7 @@
 
 #include "GatewayBlock.h"
 
+#include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
 
@@ -72,7 +73,10 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
             Check(dds_create_writer(publisher, topic, qos.get(), nullptr), "dds_create_writer");
     }
     if (route.receives()) {
-        slotWriter_ = SlotFactory::CreateSlotWriter(&cfg_);
+        // A pool's writer copies each received block once, into a loaned block.
+        slotWriter_ = route.isPool()
+                          ? ISubscriberPtr(Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(route)))
+                          : SlotFactory::CreateSlotWriter(&cfg_);
         if (route.reliable()) {
             QosPtr ackQos(AckQos());
             acknowledger_.reset(new Acknowledger(
@@ -161,23 +165,31 @@ void RouteRunner::MaybeStartSending() {
         }
     }
     INotifierPtr reader;
+    const char* what = route_.isPool() ? "pool" : "slot";
     try {
-        if (!stateSlot_) {
-            stateSlot_ = SlotFactory::CreateSlot(&cfg_);
+        if (route_.isPool()) {
+            // Its subscriber gets the block where it lies in the pool.
+            reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(route_),
+                                                         ISubscriberPtr(new Sender(this)));
+        } else {
+            if (!stateSlot_) {
+                stateSlot_ = SlotFactory::CreateSlot(&cfg_);
+            }
+            reader = SlotFactory::CreateSlotReader(&cfg_, ISubscriberPtr(new Sender(this)));
         }
-        reader = SlotFactory::CreateSlotReader(&cfg_, ISubscriberPtr(new Sender(this)));
     } catch (const std::exception& e) {
         const Clock::time_point now = Clock::now();
         if (now - lastStartError_ > std::chrono::seconds(30)) {
             lastStartError_ = now;
-            LOG4CXX_ERROR(Logger(), "Cannot read slot '" << route_.name << "': " << e.what()
-                                                         << " (retrying)");
+            LOG4CXX_ERROR(Logger(), "Cannot read " << what << " '" << route_.name
+                                                   << "': " << e.what() << " (retrying)");
         }
         return;
     }
     if (Logger()->isInfoEnabled()) {
-        LOG4CXX_INFO(Logger(), "Slot '" << route_.name << "' is sent to topic '" << route_.topic
-                                        << "' (domain " << route_.domain << ")");
+        LOG4CXX_INFO(Logger(), (route_.isPool() ? "Pool '" : "Slot '")
+                                   << route_.name << "' is sent to topic '" << route_.topic
+                                   << "' (domain " << route_.domain << ")");
     }
     std::lock_guard<std::mutex> guard(slotReaderMutex_);
     slotReader_ = reader;
@@ -235,7 +247,8 @@ std::uint32_t RouteRunner::MatchedReaders() const {
 void RouteRunner::Send(const void* data, std::size_t size) {
     // Opening a slot forgets its last block and write time, which the reader takes for a
     // change and passes on as 0 bytes; an empty state written has a write time.
-    if (size == 0 && stateSlot_->GetLastWriteTime().is_not_a_date_time()) {
+    // A pool reader delivers published blocks only.
+    if (size == 0 && stateSlot_ && stateSlot_->GetLastWriteTime().is_not_a_date_time()) {
         return;
     }
     if (route_.direction == Direction::Both && echoes_.IsEcho(data, size)) {

@@ -19,7 +19,7 @@ std::string StatusDocument(const std::string& gatewayName, std::uint64_t gateway
     for (const RouteStatus& status : routes) {
         const Route& route = status.route;
         slots.push_back({{"name", route.name},
-                         {"type", route.type},
+                         {"type", route.TypeText()},
                          {"direction", ToString(route.direction)},
                          {"domain", route.domain},
                          {"partition", route.partition},

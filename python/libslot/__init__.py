@@ -29,12 +29,18 @@ from typing import Callable, Iterator, List, Optional, Union
 
 from . import _native
 from ._native import (
+    PoolConfig,
+    PoolHold,
+    PoolLoan,
     ReaderClosedError,
     SlotConfig,
     SlotCreationError,
     SlotError,
     configure_logging,
     create_slot,
+    current_block_sequence,
+    pool_kind_is_valid,
+    remove_pool,
     remove_slot,
     slot_name_problem,
     slot_type_is_valid,
@@ -59,6 +65,8 @@ __all__ = [
     "slot_type_is_valid", "slot_name_problem", "create_slot", "remove_slot",
     "Writer", "WriteOutcome", "WriteCounts", "write_counts", "last_write_outcome",
     "Reader", "SimpleSlot",
+    "LATEST", "QUEUE", "PoolConfig", "PoolWriter", "PoolLoan", "PoolReader", "PoolHold",
+    "pool_kind_is_valid", "remove_pool", "current_block_sequence",
     "inspect_slot", "list_slots", "SlotReport", "Record", "SlotKind", "SlotState", "PartState",
     "configure_logging", "version",
     "survey_pools", "pool_info", "PoolReport",
@@ -69,9 +77,14 @@ DISCARDING = "discarding"
 RELIABLE = "reliable"
 POSIX_PIPE = "posix-pipe"
 
+#: Pool kinds.
+LATEST = "latest"
+QUEUE = "queue"
+
 ConfigLike = Union[SlotConfig, str]
 
-for _type in (SlotConfig, SlotError, SlotCreationError, ReaderClosedError):
+for _type in (SlotConfig, SlotError, SlotCreationError, ReaderClosedError, PoolConfig, PoolLoan,
+              PoolHold):
     _type.__module__ = __name__
 del _type
 SlotError.__doc__ = ("A library failure, with the library's text (also the use of a closed "
@@ -209,6 +222,102 @@ class Reader(_native.Reader):
             raise StopIteration from None
 
     def __enter__(self) -> "Reader":
+        return self
+
+    def __exit__(self, *exc) -> None:
+        self.close()
+
+
+PoolConfigLike = Union[PoolConfig, str]
+
+
+def _pool_config(config: PoolConfigLike, **options) -> PoolConfig:
+    if isinstance(config, PoolConfig):
+        if options:
+            raise TypeError("give either a PoolConfig or a name with options, not both")
+        return config
+    if isinstance(config, str):
+        return PoolConfig(config, **options)
+    raise TypeError(f"expected a PoolConfig or a pool name, not {type(config).__name__}")
+
+
+class PoolWriter(_native.PoolWriter):
+    """Writes blocks into a zero-copy pool: ``PoolWriter(config)`` or
+    ``PoolWriter(name, kind=..., block_size=..., blocks=...)``.
+
+    The pool is opened, or created from the configuration. loan(size) gives a PoolLoan whose
+    ``view`` is a writable memoryview of a free block in shared memory; fill it and publish()::
+
+        with writer.loan(len(frame)) as loan:
+            if loan:                      # false when the pool had no free block (REFUSED)
+                loan.view[:] = frame
+                outcome = loan.publish()  # a WriteOutcome
+
+    A loan left unpublished (the ``with`` block ends, or it is dropped) returns its block to the
+    pool. write(data) copies once, for data that is already in a buffer. The GIL is released
+    while a block is loaned or published. Use it as a context manager or call close().
+    """
+
+    def __init__(self, config: PoolConfigLike, **options) -> None:
+        super().__init__(_pool_config(config, **options))
+
+    def loan(self, size: int) -> PoolLoan:
+        """A PoolLoan of a block for ``size`` bytes; an empty (false) one, with its
+        ``outcome``, when no block is free or ``size`` exceeds the block size."""
+        return super().loan(size)
+
+    def write(self, data) -> WriteOutcome:
+        """Copies ``data`` (any C-contiguous buffer) into a block and publishes it."""
+        return super().write(data)
+
+    @property
+    def counts(self) -> WriteCounts:
+        """Counts of this process's publishes into this pool (all its writers together)."""
+        return write_counts(self.name)
+
+    def close(self) -> None:
+        """Releases the writer; loans still open keep it attached until they end. Idempotent."""
+        super().close()
+
+    def __enter__(self) -> "PoolWriter":
+        return self
+
+    def __exit__(self, *exc) -> None:
+        self.close()
+
+
+class PoolReader(_native.PoolReader):
+    """Reads the blocks of a zero-copy pool where they lie: ``PoolReader(config, callback)`` or
+    ``PoolReader(name, callback, kind=..., ...)``.
+
+    ``callback(view)`` runs on the reader's own thread, holding the GIL, with a read-only
+    memoryview of the block in shared memory. The view is valid during the call only: it is
+    released when the callback returns, and touching it afterwards raises ValueError. Inside the
+    callback, hold() keeps the block beyond it (a PoolHold) and current_block_sequence() gives
+    the block's sequence number. A slice or array made from the view and kept after the call
+    keeps the block too, until it is dropped. An exception the callback raises is reported
+    through ``sys.unraisablehook`` and the reader goes on.
+
+    A "queue" pool has one reader on the machine (SlotCreationError for a second); it gets also
+    the blocks that waited before it started. A "latest" reader delivers each new latest block
+    once. close() (or leaving the ``with`` block) stops it: no callback runs after it returns.
+    """
+
+    def __init__(self, config: PoolConfigLike, callback: Callable[[memoryview], object],
+                 **options) -> None:
+        super().__init__(_pool_config(config, **options), callback)
+
+    def hold(self) -> PoolHold:
+        """Inside this reader's callback: a PoolHold that keeps the block being delivered, with
+        its own read-only ``view`` and its ``sequence``; the block returns to the pool when the
+        hold is closed or dropped. Raises SlotError elsewhere."""
+        return super().hold()
+
+    def close(self) -> None:
+        """Stops the reader. Idempotent."""
+        super().close()
+
+    def __enter__(self) -> "PoolReader":
         return self
 
     def __exit__(self, *exc) -> None:

@@ -109,6 +109,9 @@ bool ShuttingDown();
 void SetShuttingDown();
 
 void BindReader(py::module_& m);
+void BindPool(py::module_& m);
+// Stops every open pool reader (interpreter exit).
+void CloseAllPoolReaders();
 void BindSurvey(py::module_& m);
 void BindLogging(py::module_& m);
 

@@ -249,6 +249,7 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
           "Interpreter exit: reader threads no longer call into Python.");
 
     BindReader(m);
+    BindPool(m);
     BindSurvey(m);
     BindLogging(m);
 }

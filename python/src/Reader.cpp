@@ -234,6 +234,7 @@ void CloseAllReaders() {
     while (!openReaders.empty()) {
         (*openReaders.begin())->Close();
     }
+    CloseAllPoolReaders();
     SetShuttingDown();
 }
 

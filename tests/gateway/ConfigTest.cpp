@@ -89,7 +89,7 @@ TEST(GatewayConfig, ErrorsNameFileEntryAndField) {
         "gw.json: slots[0] (\"s\"): field \"update_time_ms\": must be between 1 and 60000, not 0");
     EXPECT_EQ(Refusal(OneSlot(R"("colour": 1)"))
                   .rfind("gw.json: slots[0] (\"s\"): field \"colour\": unknown key (known: "
-                         "direction, domain,",
+                         "blocks, direction, domain,",
                          0),
               0u);
     EXPECT_EQ(Refusal(R"({"slots": [{"type": "reliable", "direction": "both", "topic": "t"}]})"),
@@ -180,4 +180,54 @@ TEST(GatewayConfig, UnreadableFileNamed) {
     } catch (const ConfigError& e) {
         EXPECT_STREQ(e.what(), "/nonexistent/gw.json: cannot be read");
     }
+}
+
+// A pool entry names its kind with "pool" and its block count with "blocks"; a queue pool is
+// carried as a reliable slot is.
+TEST(GatewayConfig, PoolEntries) {
+    const auto config = ParseConfig(R"({"slots": [
+        {"name": "frames", "pool": "queue", "max_size": 4194304, "blocks": 64,
+         "direction": "to-network", "topic": "frames"},
+        {"name": "image", "pool": "latest", "direction": "both", "topic": "image"}]})",
+                                    "gw.json");
+    const auto& frames = config.routes[0];
+    EXPECT_TRUE(frames.isPool() && frames.reliable());
+    EXPECT_EQ(frames.TypeText(), "queue pool");
+    const Slot::PoolConfig framesCfg = SlotGateway::RoutePoolCfg(frames);
+    EXPECT_EQ(framesCfg.kind, "queue");
+    EXPECT_EQ(framesCfg.maxBlockSize, 4194304u);
+    EXPECT_EQ(framesCfg.blockCount, 64u);
+    const auto& image = config.routes[1];
+    EXPECT_TRUE(image.isPool() && !image.reliable());
+    EXPECT_EQ(SlotGateway::RoutePoolCfg(image).blockCount, SlotGateway::kDefaultPoolBlocks);
+    EXPECT_EQ(SlotGateway::RoutePoolCfg(image).maxBlockSize, 65536u);
+
+    const std::string head =
+        R"({"slots": [{"name": "p", "direction": "to-network", "topic": "t", )";
+    EXPECT_EQ(Refusal(head + R"("pool": "reliable"}]})"),
+              "gw.json: slots[0] (\"p\"): field \"pool\": \"reliable\" is neither \"queue\" nor "
+              "\"latest\"");
+    EXPECT_EQ(Refusal(head + R"("pool": "queue", "blocks": 65}]})"),
+              "gw.json: slots[0] (\"p\"): field \"blocks\": must be between 1 and 64, not 65");
+    EXPECT_EQ(Refusal(head + R"("pool": "queue", "type": "reliable"}]})"),
+              "gw.json: slots[0] (\"p\"): field \"type\": a pool entry (\"pool\") has no type");
+    EXPECT_EQ(Refusal(head + R"("pool": "queue", "queue_length": 4}]})"),
+              "gw.json: slots[0] (\"p\"): field \"queue_length\": a pool entry (\"pool\") has no "
+              "queue_length; use blocks");
+    EXPECT_EQ(Refusal(head + R"("pool": "latest", "update_time_ms": 4}]})"),
+              "gw.json: slots[0] (\"p\"): field \"update_time_ms\": a pool entry (\"pool\") has "
+              "no update_time_ms");
+    EXPECT_EQ(Refusal(head + R"("type": "reliable", "blocks": 4}]})"),
+              "gw.json: slots[0] (\"p\"): field \"blocks\": a slot has queue_length; give blocks "
+              "only for a pool");
+    EXPECT_EQ(Refusal(R"({"slots": [{"name": ".libslot-new-1", "pool": "queue", )"
+                      R"("direction": "to-network", "topic": "t"}]})"),
+              "gw.json: slots[0] (\".libslot-new-1\"): the pool cannot be made: the name starts "
+              "with \".libslot-new-\", which is reserved");
+    EXPECT_EQ(Refusal(R"({"slots": [{"name": "p", "pool": "queue", "direction": "both", )"
+                      R"("topic": "t"}]})")
+                  .rfind("gw.json: slots[0] (\"p\"): field \"direction\": a queue pool has one "
+                         "reader per machine: ",
+                         0),
+              0u);
 }

@@ -7,9 +7,12 @@
 #include <SlotGateway/Gateway.h>
 #include <SlotGateway/Status.h>
 
+#include "../Slot/PoolTestSupport.h"
+
 #include <Collector.h>
 #include <Eventually.h>
 #include <ShmHygiene.h>
+#include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotWriter.h>
 #include <Slot/WriteOutcome.h>
@@ -329,4 +332,127 @@ TEST(Gateway, DiscardingStatesCrossEmptyOnesToo) {
     ASSERT_TRUE(states->WaitFor(2, std::chrono::seconds(30)));
     EXPECT_EQ(BlocksOf(*states), (std::vector<Bytes>{first, Bytes{}}));
     EXPECT_EQ(sending.Status()[0].counters.dropped + receiving.Status()[0].counters.dropped, 0u);
+}
+
+// A pool route of the given kind: the source pool's blocks to the destination pool.
+Route PoolRoute(const pooltest::ScopedPool& pool, const std::string& kind, Direction direction,
+                const std::string& partition, const std::string& topic, std::size_t blockSize,
+                std::size_t blocks) {
+    Route route = MakeRoute(pool.str(), "", direction, partition, topic, blockSize, blocks);
+    route.pool = kind;
+    return route;
+}
+
+// A queue pool is carried like a reliable slot: every block once, in order, byte for byte,
+// also the largest; a full destination pool holds the source back instead of losing blocks.
+TEST(Gateway, QueuePoolCarriesEveryBlockAndHoldsBackWhenFull) {
+    pooltest::ScopedPool source("gw_pool_src"), destination("gw_pool_dst");
+    const std::string partition = testsupport::UniqueName("part");
+    const std::size_t blockSize = 70000;
+    const Route out =
+        PoolRoute(source, "queue", Direction::ToNetwork, partition, "pool", blockSize, 8);
+    const Route in =
+        PoolRoute(destination, "queue", Direction::FromNetwork, partition, "pool", blockSize, 4);
+    ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(out));
+
+    Gateway receiving(OneRoute(in));
+    Gateway sending(OneRoute(out));
+    const unsigned held = 12;  // more than the destination pool and DDS hold
+    for (unsigned n = 0; n < held; ++n) {
+        WriteHeld(writer, source.str(), NumberedBlock(n, blockSize));
+    }
+    ASSERT_TRUE(Eventually([&] { return receiving.Status()[0].counters.refused >= 1; },
+                           std::chrono::seconds(30)));
+
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(in), collector);
+    const unsigned total = 120;
+    for (unsigned n = held; n < total; ++n) {
+        WriteHeld(writer, source.str(), NumberedBlock(n, blockSize));
+    }
+    ASSERT_TRUE(collector->WaitFor(total, std::chrono::seconds(90)))
+        << BlocksOf(*collector).size() << " of " << total << " arrived";
+    const std::vector<Bytes> blocks = BlocksOf(*collector);
+    ASSERT_EQ(blocks.size(), total);
+    for (unsigned n = 0; n < total; ++n) {
+        ASSERT_EQ(blocks[n], NumberedBlock(n, blockSize)) << "block " << n;
+    }
+    reader.reset();
+    const RouteCounters sent = sending.Status()[0].counters;
+    const RouteCounters got = receiving.Status()[0].counters;
+    EXPECT_EQ(sent.forwarded, total);
+    EXPECT_EQ(got.received, total);
+    EXPECT_EQ(sent.dropped + got.dropped + got.duplicates, 0u);
+    EXPECT_TRUE(sending.Status()[0].sending);
+    EXPECT_NE(sending.StatusJson().find("\"type\": \"queue pool\""), std::string::npos);
+}
+
+// A latest pool's newest block reaches the other side's pool.
+TEST(Gateway, LatestPoolCarriesTheLatestBlock) {
+    pooltest::ScopedPool source("gw_latest_src"), destination("gw_latest_dst");
+    const std::string partition = testsupport::UniqueName("part");
+    const Route out =
+        PoolRoute(source, "latest", Direction::ToNetwork, partition, "latest", 512, 4);
+    const Route in =
+        PoolRoute(destination, "latest", Direction::FromNetwork, partition, "latest", 512, 4);
+    Gateway receiving(OneRoute(in));
+    Gateway sending(OneRoute(out));
+    ASSERT_TRUE(Eventually(
+        [&] { return sending.Status()[0].matchedReaders == 1 && sending.Status()[0].sending; },
+        std::chrono::seconds(20)));
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(in), collector);
+    ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(out));
+    const std::string last = "state 20";
+    for (unsigned n = 1; n <= 20; ++n) {
+        const std::string state = "state " + std::to_string(n);
+        writer->onNotify(source.str(), state.data(), state.size());
+    }
+    ASSERT_TRUE(Eventually(
+        [&] {
+            const std::vector<Bytes> blocks = BlocksOf(*collector);
+            return !blocks.empty() && blocks.back() == Bytes(last.begin(), last.end());
+        },
+        std::chrono::seconds(20)))
+        << sending.StatusJson() << receiving.StatusJson();
+    EXPECT_EQ(sending.Status()[0].counters.dropped + receiving.Status()[0].counters.dropped, 0u);
+}
+
+// A queue pool is not read while no receiver is matched: a gateway that stops without one leaves
+// the pool whole, and blocks written while the receiver is gone reach the next one in order.
+TEST(Gateway, QueuePoolKeepsItsBlocksWhileNoReceiverIsMatched) {
+    pooltest::ScopedPool source("gw_pool_gone_src"), destination("gw_pool_gone_dst");
+    const std::string partition = testsupport::UniqueName("part");
+    const Route out =
+        PoolRoute(source, "queue", Direction::ToNetwork, partition, "pool_gone", 1024, 16);
+    const Route in =
+        PoolRoute(destination, "queue", Direction::FromNetwork, partition, "pool_gone", 1024, 16);
+    ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(out));
+    WriteHeld(writer, source.str(), NumberedBlock(0, 1024));
+    {
+        Gateway alone(OneRoute(out));
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // time to (wrongly) take
+        EXPECT_FALSE(alone.Status()[0].sending);
+    }
+
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(in), collector);
+    Gateway sending(OneRoute(out));
+    std::unique_ptr<Gateway> receiving(new Gateway(OneRoute(in)));
+    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(30)));
+    receiving.reset();
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; },
+                           std::chrono::seconds(30)));
+    for (unsigned n = 1; n <= 5; ++n) {
+        WriteHeld(writer, source.str(), NumberedBlock(n, 1024));
+    }
+    receiving.reset(new Gateway(OneRoute(in)));
+    ASSERT_TRUE(collector->WaitFor(6, std::chrono::seconds(30)))
+        << BlocksOf(*collector).size() << " of 6 arrived";
+    const std::vector<Bytes> blocks = BlocksOf(*collector);
+    ASSERT_EQ(blocks.size(), 6u);
+    for (unsigned n = 0; n < 6; ++n) {
+        EXPECT_EQ(blocks[n], NumberedBlock(n, 1024)) << "block " << n;
+    }
+    EXPECT_EQ(sending.Status()[0].counters.dropped, 0u);
 }

@@ -31,8 +31,10 @@ def unique_name(stem="slot"):
 
 
 def remove_everything(name):
-    """Removes the slot's shared memory and its reader lock file (remove_slot), and its FIFO."""
+    """Removes the slot's shared memory and its reader lock file (remove_slot), its FIFO, and a
+    pool of that name."""
     libslot.remove_slot(name)
+    libslot.remove_pool(name)
     try:
         os.unlink(os.path.join(os.environ["SLOT_PIPE_DIR"], name + ".fifo"))
     except FileNotFoundError:
@@ -79,8 +81,15 @@ def slotctl(*args, input=None, timeout=CHILD_TIMEOUT):
     return subprocess.run([SLOTCTL, *args], input=input, capture_output=True, timeout=timeout)
 
 
+POOL_DIR = "/dev/shm/libslot-pools"
+
+
 def shm_leftovers():
-    return sorted(f for f in os.listdir("/dev/shm") if PREFIX in f)
+    """Objects of this run in /dev/shm and its pool folder (paths relative to /dev/shm)."""
+    left = [f for f in os.listdir("/dev/shm") if PREFIX in f]
+    if os.path.isdir(POOL_DIR):
+        left += [os.path.join("libslot-pools", f) for f in os.listdir(POOL_DIR) if PREFIX in f]
+    return sorted(left)
 
 
 @pytest.fixture(scope="session", autouse=True)

@@ -1,0 +1,218 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Zero-copy pools: loans, views that end with their callback, holds, across processes."""
+
+import gc
+import queue
+import struct
+
+import pytest
+
+import libslot
+from conftest import CHILD_TIMEOUT, run_python
+
+STORED = libslot.WriteOutcome.STORED
+REFUSED = libslot.WriteOutcome.REFUSED
+
+# Reader side of the round trip, in a child: every block of pool A goes back into pool B,
+# prefixed with the sequence number the child saw, through a loan (odd sequences) or write().
+ECHO = r"""
+import struct, sys, threading
+import libslot
+a, b, kind = sys.argv[1:4]
+done = threading.Event()
+with libslot.PoolWriter(b, kind=kind, block_size=4096, blocks=16) as back:
+    def echo(view):
+        sequence = libslot.current_block_sequence()
+        if len(view) == 0:
+            done.set()
+            return
+        if sequence % 2:
+            with back.loan(8 + len(view)) as loan:
+                loan.view[:8] = struct.pack("<Q", sequence)
+                loan.view[8:] = view
+                assert loan.publish() is libslot.WriteOutcome.STORED
+        else:
+            assert back.write(struct.pack("<Q", sequence) + bytes(view)).stored
+    with libslot.PoolReader(a, echo, kind=kind, block_size=4096, blocks=16):
+        done.wait(timeout=120)
+"""
+
+
+@pytest.mark.parametrize("kind", ["latest", "queue"])
+def test_blocks_round_trip_through_another_process(names, kind):
+    a, b = names("a"), names("b")
+    echoes = queue.Queue()
+    with libslot.PoolReader(b, lambda view: echoes.put(bytes(view)), kind=kind,
+                            block_size=4096, blocks=16), \
+            libslot.PoolWriter(a, kind=kind, block_size=4096, blocks=16) as writer:
+        import subprocess
+        import sys
+        child = subprocess.Popen([sys.executable, "-c", ECHO, a, b, kind])
+        try:
+            last = 0
+            for i in range(1, 41):
+                block = bytes((i * 7 + n) & 0xff for n in range(i * 97 % 4000 + 1))
+                if i % 2:
+                    loan = writer.loan(len(block))
+                    loan.view[:] = block
+                    assert loan.sequence == 0
+                    assert loan.publish() is STORED
+                    sequence = loan.sequence
+                else:
+                    assert writer.write(block) is STORED
+                    sequence = None
+                echo = echoes.get(timeout=CHILD_TIMEOUT)
+                seen, = struct.unpack("<Q", echo[:8])
+                assert echo[8:] == block
+                assert seen > last and (sequence is None or seen == sequence)
+                last = seen
+            with writer.loan(0) as loan:
+                loan.publish()
+            assert child.wait(timeout=CHILD_TIMEOUT) == 0
+        finally:
+            child.kill()
+            child.wait()
+    assert writer.counts == libslot.WriteCounts(stored=41)
+
+
+def test_the_view_ends_with_the_callback_and_what_outlives_it_keeps_the_block(name):
+    kept = queue.Queue()
+
+    def keep(view):
+        kept.put((view, view[2:5], libslot.current_block_sequence()))
+
+    with libslot.PoolWriter(name, kind="queue", block_size=16, blocks=1) as writer, \
+            libslot.PoolReader(name, keep, kind="queue"):
+        assert writer.write(b"0123456789") is STORED
+        view, piece, sequence = kept.get(timeout=CHILD_TIMEOUT)
+        assert sequence > 0 and libslot.current_block_sequence() == 0
+        with pytest.raises(ValueError):
+            view[0]
+        with pytest.raises(ValueError):
+            bytes(view)
+        # The slice is still the block's bytes, and the block is not handed out meanwhile.
+        assert piece.readonly and bytes(piece) == b"234"
+        assert writer.write(b"next") is REFUSED
+        del piece
+        gc.collect()
+        assert writer.write(b"next") is STORED
+        view, piece, _ = kept.get(timeout=CHILD_TIMEOUT)
+        assert bytes(piece) == b"xt"
+
+
+def test_hold_keeps_the_bytes_and_the_block(name):
+    holds = queue.Queue()
+    reader = None
+
+    def hold(view):
+        holds.put(reader.hold())
+
+    with libslot.PoolWriter(name, kind="queue", block_size=64, blocks=2) as writer:
+        reader = libslot.PoolReader(name, hold, kind="queue")
+        with reader:
+            with pytest.raises(libslot.SlotError, match="outside the callback"):
+                reader.hold()
+            sequences = []
+            for block in (b"first", b"second"):
+                loan = writer.loan(len(block))
+                loan.view[:] = block
+                assert loan.publish() is STORED
+                sequences.append(loan.sequence)
+            first, second = (holds.get(timeout=CHILD_TIMEOUT) for _ in range(2))
+            assert [first.sequence, second.sequence] == sequences
+            assert (bytes(first.view), bytes(second.view)) == (b"first", b"second")
+            with pytest.raises(TypeError):
+                first.view[0] = 0  # read-only
+            # Both blocks are held: the writer is refused, it does not overwrite them.
+            empty = writer.loan(4)
+            assert not empty and empty.outcome is REFUSED
+            assert empty.publish() is REFUSED
+            assert writer.write(b"x") is REFUSED
+            old_view = first.view
+            first.close()
+            with pytest.raises(ValueError):
+                old_view[0]
+            with pytest.raises(libslot.SlotError, match="closed"):
+                first.view
+            assert writer.write(b"third") is STORED
+            third = holds.get(timeout=CHILD_TIMEOUT)
+            assert bytes(second.view) == b"second" and bytes(third.view) == b"third"
+            del second, third
+            gc.collect()
+            assert writer.write(b"4") is STORED
+    assert libslot.write_counts(name) == libslot.WriteCounts(stored=4, refused=2)
+
+
+def test_a_loan_not_published_returns_to_the_pool(name):
+    with libslot.PoolWriter(name, kind="queue", block_size=8, blocks=1) as writer:
+        loan = writer.loan(8)
+        assert loan and loan.size == 8 and not writer.loan(1)
+        del loan
+        with writer.loan(8) as loan:
+            loan.view[:2] = b"ab"
+        with pytest.raises(libslot.SlotError, match="ended"):
+            loan.view
+        # A slice of the view must go first: publishing under it would let it write on.
+        loan = writer.loan(8)
+        piece = loan.view[1:]
+        with pytest.raises(BufferError):
+            loan.publish()
+        with pytest.raises(ValueError):
+            loan.publish(9)
+        # Dropped while the slice lives: the block stays loaned until the slice goes.
+        del loan
+        gc.collect()
+        assert not writer.loan(1)
+        del piece
+        gc.collect()
+        loan = writer.loan(8)
+        assert loan.publish(3) is STORED
+        with pytest.raises(libslot.SlotError, match="ended"):
+            loan.publish()
+        assert not writer.loan(9) and writer.loan(9).outcome is REFUSED
+
+
+def test_configuration_errors_carry_the_library_texts(name):
+    assert libslot.pool_kind_is_valid("queue") and not libslot.pool_kind_is_valid("reliable")
+    with pytest.raises(libslot.SlotCreationError) as e:
+        libslot.PoolWriter(name, kind="reliable")
+    assert "reliable" in str(e.value)
+    with pytest.raises(TypeError):
+        libslot.PoolReader(name, None)
+    with libslot.PoolReader(name, print, kind="queue"):
+        with pytest.raises(libslot.SlotCreationError):
+            libslot.PoolReader(name, print, kind="queue")
+    writer = libslot.PoolWriter(libslot.PoolConfig(name, "queue", 16, 2))
+    writer.close()
+    with pytest.raises(libslot.SlotError, match="closed"):
+        writer.loan(1)
+    assert libslot.remove_pool(name) and not libslot.remove_pool(name)
+
+
+def test_reader_closed_from_its_callback_and_readers_left_open_at_exit(names):
+    # The first reader closes itself from its callback; the second is left open, with a hold
+    # and a loan alive, when the interpreter exits.
+    code = r"""
+import sys, threading
+import libslot
+a, b = sys.argv[1:3]
+closed = threading.Event()
+def close_me(view):
+    first.close()
+    closed.set()
+first = libslot.PoolReader(a, close_me, kind="queue")
+writer = libslot.PoolWriter(a, kind="queue")
+writer.write(b"1")
+assert closed.wait(60) and first.closed
+writer.write(b"2")  # stays in the pool: nobody reads it now
+kept = []
+got = threading.Event()
+second = libslot.PoolReader(b, lambda view: (kept.append(second.hold()), got.set()))
+libslot.PoolWriter(b).write(b"x")
+assert got.wait(60)
+loan = writer.loan(4)
+print(bytes(kept[0].view).decode(), flush=True)
+"""
+    a, b = names("a"), names("b")
+    child = run_python(code, a, b)
+    assert (child.returncode, child.stdout, child.stderr) == (0, b"x\n", b"")
