@@ -314,15 +314,8 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
     if (!shared::ArmCrashPoint("")) {
         GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
     }
-    int seconds = 30;
-    if (const char* text = std::getenv("SLOT_CRASH_SECONDS")) {
-        seconds = std::max(1, std::atoi(text));
-    }
-    void* memory =
-        ::mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, memory);
-    std::unique_ptr<Ledger, void (*)(Ledger*)> ledgerOwner(
-        new (memory) Ledger(), [](Ledger* l) { ::munmap(l, sizeof(Ledger)); });
+    const int seconds = testsupport::CampaignSeconds(30);
+    auto ledgerOwner = testsupport::SharedWithChildren<Ledger>();
     Ledger& ledger = *ledgerOwner;
     for (int w = 0; w < kWriters; ++w) {
         ledger.inFlight[w] = -1;

@@ -203,15 +203,8 @@ struct Role {
 using PoolCampaign = pooltest::PoolTest;
 
 TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBlocks) {
-    int seconds = 15;
-    if (const char* text = std::getenv("SLOT_CRASH_SECONDS")) {
-        seconds = std::max(1, std::atoi(text));
-    }
-    void* memory =
-        ::mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, memory);
-    std::unique_ptr<Ledger, void (*)(Ledger*)> owner(
-        new (memory) Ledger(), [](Ledger* l) { ::munmap(l, sizeof(Ledger)); });
+    const int seconds = testsupport::CampaignSeconds(15);
+    auto owner = testsupport::SharedWithChildren<Ledger>();
     Ledger& ledger = *owner;
 
     pooltest::ScopedPool queuePool("crashqueue");

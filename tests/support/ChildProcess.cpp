@@ -6,6 +6,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -143,6 +144,11 @@ bool PipeSignal::WaitFor(std::chrono::milliseconds timeout) {
 int Failed(int code, const std::string& what) {
     std::fprintf(stderr, "%s\n", what.c_str());
     return code;
+}
+
+int CampaignSeconds(int fallback) {
+    const char* text = std::getenv("SLOT_CRASH_SECONDS");
+    return text != nullptr ? std::max(1, std::atoi(text)) : fallback;
 }
 
 void DieWithParent() {

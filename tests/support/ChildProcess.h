@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/mman.h>
 #include <sys/types.h>
 #include <chrono>
 #include <functional>
+#include <memory>
+#include <new>
+#include <stdexcept>
 #include <string>
 
 namespace testsupport {
@@ -52,6 +56,24 @@ int Failed(int code, const std::string& what);
 // In a child, or a grandchild the test does not wait for: die with the process that forked it,
 // so that a watchdog's kill leaves nothing running (ends at once if that process is gone).
 void DieWithParent();
+
+// How long a kill campaign runs: SLOT_CRASH_SECONDS when set (at least 1 s), else `fallback`.
+int CampaignSeconds(int fallback);
+
+// A value-initialised T in memory shared with the children forked after this call (a ledger
+// that children fill in and the test reads); unmapped when the pointer goes.
+template <typename T>
+std::unique_ptr<T, void (*)(T*)> SharedWithChildren() {
+    void* memory =
+        ::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        throw std::runtime_error("cannot map memory shared with children");
+    }
+    return std::unique_ptr<T, void (*)(T*)>(new (memory) T(), [](T* value) {
+        value->~T();
+        ::munmap(value, sizeof(T));
+    });
+}
 
 // One-way signal between processes (a pipe): Post() in one, WaitFor() in the other. Create it
 // before fork. Each Post() releases one WaitFor().
