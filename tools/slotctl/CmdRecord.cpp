@@ -205,12 +205,13 @@ struct Source : public shared::ISubscriber {
         if (tee) {
             tee->Write(bytes, size, [&] { return backlog.Stopping(); });
         }
-        // A reliable slot's block is written from here, without a copy, when none of its
-        // earlier blocks still waits in the backlog and nobody else is writing the file: the
-        // bytes are valid during this call, and the slot's lock is not held. A discarding
-        // slot's reader never waits for the file (a write meanwhile could be lost), nor does
-        // one that finds the file busy.
-        if (!discarding && queued == 0 && sink.mutex.try_lock()) {
+        // A reliable slot's block is written from here, without a copy, once none of its
+        // earlier blocks still waits in the backlog: the bytes are valid during this call, and
+        // the slot's lock is not held. Such a reader waits for the file while the main thread
+        // writes (its slot's queue holds the writer meanwhile); copying into the backlog instead
+        // would keep the main thread writing and every later block copied. A discarding slot's
+        // reader never waits for the file: a write meanwhile could be lost.
+        if (!discarding && queued == 0 && LockSink()) {
             std::lock_guard<std::timed_mutex> lock(sink.mutex, std::adopt_lock);
             if (!sink.failure.empty()) {
                 ++dropped;
@@ -229,6 +230,16 @@ struct Source : public shared::ISubscriber {
             --queued;
             ++dropped;
         }
+    }
+
+    // The file's lock, waited for in short steps until the recording stops.
+    bool LockSink() {
+        while (!sink.mutex.try_lock_for(std::chrono::milliseconds(50))) {
+            if (backlog.Stopping()) {
+                return false;
+            }
+        }
+        return true;
     }
 
     size_t index;
