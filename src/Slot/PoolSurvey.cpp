@@ -78,6 +78,11 @@ void Count(PoolReport& report, unsigned char* base) {
         }
     }
     report.lastSequence = header.nextSequence.load();
+    for (unsigned i = 0; i < count && report.lastSequence != 0; ++i) {
+        if (blocks[i].sequence.load() == report.lastSequence) {
+            report.lastPublishNs = blocks[i].publishTimeNs.load();
+        }
+    }
     if (header.kind == LatestKind) {
         const std::uint64_t latest = header.latest.load();
         if (latest != 0) {

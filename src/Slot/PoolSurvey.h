@@ -23,13 +23,14 @@ struct PoolReport {
     std::size_t blockCount = 0;
     std::uint64_t fileSize = 0;
     std::size_t freeBlocks = 0;
-    std::size_t loanedBlocks = 0;    ///< loaned to a writer, not published yet
-    std::size_t waitingBlocks = 0;   ///< published and not yet read (queue), or the latest block
-    std::size_t heldBlocks = 0;      ///< held by at least one reader
-    std::uint64_t lastSequence = 0;  ///< the sequence of the last publish (0: none yet)
-    std::vector<pid_t> attached;     ///< processes attached as writers or readers, one per role
-    std::vector<pid_t> holders;      ///< processes holding or having loaned a block
-    pid_t queueReader = 0;           ///< the queue's reader (0: none)
+    std::size_t loanedBlocks = 0;     ///< loaned to a writer, not published yet
+    std::size_t waitingBlocks = 0;    ///< published and not yet read (queue), or the latest block
+    std::size_t heldBlocks = 0;       ///< held by at least one reader
+    std::uint64_t lastSequence = 0;   ///< the sequence of the last publish (0: none yet)
+    std::uint64_t lastPublishNs = 0;  ///< when it was published (ns UTC; 0: none or unknown)
+    std::vector<pid_t> attached;      ///< processes attached as writers or readers, one per role
+    std::vector<pid_t> holders;       ///< processes holding or having loaned a block
+    pid_t queueReader = 0;            ///< the queue's reader (0: none)
 };
 
 /// The state of the pool `name`. Never throws for what it finds: a missing file gives state

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // slotctl with zero-copy pools: ls/info of both kinds (a dead holder, a damaged file, names that
-// need escaping), write/read through pools, a name that is both a slot and a pool, hz and rm.
+// need escaping), write/read through pools, a name that is both a slot and a pool, hz and rm;
+// record, replay and top.
 #include "../Slot/PoolTestSupport.h"
 #include "ChildProcess.h"
+#include "Eventually.h"
+#include "Mcap.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
 #include <Slot/PoolFactory.h>
+#include <Slot/PoolSurvey.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotNames.h>
 
@@ -15,8 +19,11 @@
 
 #include <unistd.h>
 #include <csignal>
+#include <cstring>
 #include <fstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -28,6 +35,7 @@ using slotctltest::LineStartingWith;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
 using testsupport::ChildProcess;
+using testsupport::Eventually;
 using testsupport::PipeSignal;
 
 // The entry of `name` in `ls --json`'s array; null when it is not listed.
@@ -179,6 +187,148 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
     EXPECT_EQ(0, Slotctl({"rm", "--force", pool.str()}).status);
     EXPECT_FALSE(Exists(Slot::PoolPath(pool.str())));
     EXPECT_TRUE(pooltest::LeftoverPools().empty());
+}
+
+// ---- record, replay and top ----
+
+std::string FilePath(const std::string& stem) {
+    return testsupport::TestRunDir() + "/" + testsupport::UniqueName(stem) + ".mcap";
+}
+
+struct Recording {
+    mcap::ReadResult result;
+    std::vector<std::string> blocks;
+    std::vector<std::uint32_t> sequences;
+};
+
+Recording ReadRecording(const std::string& path) {
+    Recording recording;
+    recording.result = mcap::Read(path, [&](const mcap::Message& m, const mcap::Channel&) {
+        recording.blocks.emplace_back(m.data, m.size);
+        recording.sequences.push_back(m.sequence);
+        return true;
+    });
+    return recording;
+}
+
+// Publishes `block` through a loan, retrying (bounded) while the pool refuses it.
+void Publish(Slot::PoolWriter& writer, const std::string& block) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (;;) {
+        Slot::PoolLoan loan = writer.loan(block.size());
+        if (loan) {
+            std::memcpy(loan.data(), block.data(), block.size());
+            const Slot::WriteOutcome outcome = loan.publish(block.size());
+            if (outcome != Slot::WriteOutcome::Refused) {
+                ASSERT_TRUE(outcome == Slot::WriteOutcome::Stored ||
+                            outcome == Slot::WriteOutcome::Discarded);
+                return;
+            }
+        }
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the pool stayed full";
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// A queue pool filled by a writer that it refuses while full, recorded; the recording replayed
+// into a new pool, which replay makes with the recorded geometry, and recorded again: every block
+// in order with its bytes and its sequence, both times, and the refusals counted. While a
+// recorder reads, it is the pool's one reader: a second one is refused, and top names it.
+TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
+    ScopedPool source("recq"), fresh("recf");
+    const std::string first = FilePath("q"), second = FilePath("f");
+    const auto writer = Slot::PoolFactory::CreatePoolWriter(source.Config("queue", 256, 8));
+    std::vector<std::string> blocks;
+    std::vector<std::uint32_t> sequences;
+    for (std::uint32_t i = 0; i < 20; ++i) {
+        std::string block(i * 13 % 257, '\0');
+        for (std::size_t b = 0; b < block.size(); ++b) {
+            block[b] = static_cast<char>(b + i);
+        }
+        blocks.push_back(block);
+        sequences.push_back(i + 1);
+    }
+    Background recorder({"record", "-o", first, "--count", "20", source.str()});
+    ASSERT_TRUE(recorder.WaitForErr("recording '" + source.str() + "' (queue pool)"));
+    const Outcome refused = Slotctl({"record", "-o", FilePath("no"), source.str()});
+    EXPECT_EQ(1, refused.status);
+    EXPECT_EQ("slotctl: cannot record '" + source.str() +
+                  "': the queue pool already has a reader (pid " + std::to_string(recorder.Pid()) +
+                  "); a queue pool has one reader, so stop it and let the recorder pass the "
+                  "blocks on with --tee OTHER\n",
+              refused.err);
+    const std::string row =
+        LineStartingWith(Slotctl({"top", "--once", "--interval", "0.1"}).out, source.str() + " ");
+    EXPECT_TRUE(Contains(row, " queue ") && Contains(row, " healthy ") &&
+                Contains(row, " " + std::to_string(recorder.Pid()) + " "))
+        << row;
+    for (const std::string& block : blocks) {
+        Publish(*writer, block);
+    }
+    const Outcome recorded = recorder.Finish();
+    ASSERT_EQ(0, recorded.status) << recorded.Describe();
+    EXPECT_TRUE(Contains(recorded.err, "recorded '" + source.str() + "' (queue pool): 20 blocks"))
+        << recorded.err;
+    const Recording one = ReadRecording(first);
+    ASSERT_TRUE(one.result.complete) << one.result.problem;
+    EXPECT_EQ(blocks, one.blocks);
+    EXPECT_EQ(sequences, one.sequences);
+    ASSERT_EQ(1u, one.result.channels.size());
+    const std::map<std::string, std::string> metadata = one.result.channels[0].metadata;
+    EXPECT_EQ("pool", metadata.at("object"));
+    EXPECT_EQ("queue", metadata.at("kind"));
+    EXPECT_EQ("256", metadata.at("max_block_size"));
+    EXPECT_EQ("8", metadata.at("block_count"));
+
+    Background replay({"replay", "--max", "--map", source.str() + "=" + fresh.str(), first});
+    // Full before anyone reads it: the replay's next publishes are refused and retried.
+    ASSERT_TRUE(Eventually([&] { return Slot::SurveyPool(fresh.str()).waitingBlocks == 8; },
+                           std::chrono::seconds(30)));
+    const Slot::PoolReport made = Slot::SurveyPool(fresh.str());
+    EXPECT_EQ("queue", made.kind);
+    EXPECT_EQ(256u, made.maxBlockSize);
+    EXPECT_EQ(8u, made.blockCount);
+    Background again({"record", "-o", second, "--count", "20", fresh.str()});
+    const Outcome replayed = replay.Finish();
+    EXPECT_EQ(0, replayed.status) << replayed.Describe();
+    EXPECT_TRUE(
+        Contains(replayed.err, "replayed 20 blocks into '" + fresh.str() + "' (queue pool), "))
+        << replayed.err;
+    EXPECT_TRUE(Contains(replayed.err, " refused writes retried\n")) << replayed.err;
+    ASSERT_EQ(0, again.Finish().status);
+    const Recording two = ReadRecording(second);
+    EXPECT_EQ(blocks, two.blocks);
+    EXPECT_EQ(sequences, two.sequences);
+}
+
+// A latest pool's recorder that cannot look (stopped) while three states pass records only the
+// last of them: the two it missed are gaps, in the file, the summary and info.
+TEST(SlotctlPoolRecord, ALatestPoolsMissedStatesAreGaps) {
+    ScopedPool latest("recl");
+    const std::string path = FilePath("l");
+    const auto writer = Slot::PoolFactory::CreatePoolWriter(latest.Config("latest", 64, 4));
+    Background recorder({"record", "-o", path, "--count", "2", latest.str()});
+    ASSERT_TRUE(recorder.WaitForErr("recording '" + latest.str() + "' (latest pool)"));
+    Publish(*writer, "first");
+    ASSERT_TRUE(Eventually([&] { return ReadRecording(path).blocks.size() == 1; },
+                           std::chrono::seconds(30)));
+    recorder.Signal(SIGSTOP);
+    for (const char* state : {"second", "third", "fourth"}) {
+        Publish(*writer, state);
+    }
+    recorder.Signal(SIGCONT);
+    const Outcome recorded = recorder.Finish();
+    ASSERT_EQ(0, recorded.status) << recorded.Describe();
+    EXPECT_TRUE(Contains(recorded.err,
+                         "recorded '" + latest.str() + "' (latest pool): 2 blocks, 11 B, 2 gaps\n"))
+        << recorded.err;
+    EXPECT_TRUE(Contains(recorded.err, "; did not keep up")) << recorded.err;
+    const Recording file = ReadRecording(path);
+    EXPECT_EQ((std::vector<std::string>{"first", "fourth"}), file.blocks);
+    EXPECT_EQ((std::vector<std::uint32_t>{1, 4}), file.sequences);
+    const Outcome info = Slotctl({"info", path});
+    EXPECT_TRUE(Contains(info.out, "(latest pool, max block 64, blocks 4, host ")) << info.out;
+    EXPECT_TRUE(Contains(info.out, "2 blocks, 11 B, 2 gaps")) << info.out;
 }
 
 }  // namespace

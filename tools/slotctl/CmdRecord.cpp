@@ -3,12 +3,15 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "Mcap.h"
+#include "PoolTarget.h"
 #include "Recording.h"
 #include "Signals.h"
 #include "SlotOptions.h"
 
+#include <Slot/PoolBlock.h>
 #include <Slot/SlotActivity.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotReportJson.h>
 #include <Slot/SlotSurvey.h>
 #include <Slot/Version.h>
 
@@ -178,22 +181,25 @@ struct Sink {
     std::uint64_t total = 0, totalBytes = 0;
 };
 
-// One recorded slot.
+// One recorded slot or pool.
 struct Source : public shared::ISubscriber {
-    Source(size_t index, const SlotCfg& cfg, Backlog& backlog, Sink& sink)
-        : index(index), cfg(cfg), backlog(backlog), sink(sink) {}
+    Source(size_t index, const std::string& name, Backlog& backlog, Sink& sink)
+        : index(index), name(name), backlog(backlog), sink(sink) {}
 
     // The reader's thread: numbers the block, passes it on to --tee, writes it or queues it.
     void onNotify(const std::string&, const void* data, size_t size) override {
         const std::uint64_t time = NowNs();
         std::uint32_t sequence = lastSequence + 1;
-        if (discarding) {
+        if (pool) {
+            // The block's own number: states this reader never saw show as gaps.
+            sequence = static_cast<std::uint32_t>(Slot::CurrentBlockSequence());
+        } else if (discarding) {
             // The slot's write counter now: writes this reader never saw show as gaps. A write
             // that lands between the take and this look numbers the block a little high; the
             // next block's number is right again. The writer counts a write just after its
             // block can be taken, so a look may also come one write early: a block's number
             // is exact to one write.
-            const SlotActivitySample sample = SlotActivity::Sample(cfg.GetName());
+            const SlotActivitySample sample = SlotActivity::Sample(name);
             if (sample.valid &&
                 (!numbered || static_cast<std::int32_t>(sample.writeSequence - lastSequence) > 0)) {
                 sequence = sample.writeSequence;
@@ -210,8 +216,12 @@ struct Source : public shared::ISubscriber {
         // the slot's lock is not held. Such a reader waits for the file while the main thread
         // writes (its slot's queue holds the writer meanwhile); copying into the backlog instead
         // would keep the main thread writing and every later block copied. A discarding slot's
-        // reader never waits for the file: a write meanwhile could be lost.
-        if (!discarding && queued == 0 && LockSink()) {
+        // reader never waits for the file: a write meanwhile could be lost. A pool's block is
+        // written from here in the same way (a queue pool's reader waits for the file as a
+        // reliable slot's does); a latest pool's only when the file is free at once.
+        const bool direct =
+            queued == 0 && (!discarding ? LockSink() : pool && sink.mutex.try_lock());
+        if (direct) {
             std::lock_guard<std::timed_mutex> lock(sink.mutex, std::adopt_lock);
             if (!sink.failure.empty()) {
                 ++dropped;
@@ -243,10 +253,15 @@ struct Source : public shared::ISubscriber {
     }
 
     size_t index;
-    SlotCfg cfg;
+    std::string name;
+    std::string kind;  // "reliable", "queue pool", ...
+    Metadata metadata;
+    std::unique_ptr<SlotCfg> cfg;  // a slot's
+    bool pool = false;
+    Slot::PoolConfig poolConfig;  // a pool's
     Backlog& backlog;
     Sink& sink;
-    bool discarding = false;
+    bool discarding = false;  // a discarding slot or a latest pool
     std::unique_ptr<RetryingWriter> tee;
     INotifierPtr reader;
     // The reader's thread only.
@@ -307,8 +322,8 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     const Arguments arguments("record", args,
                               {"output", "split-size", "split-duration", "compression", "duration",
                                "count", "tee", "update-time"},
-                              {});
-    arguments.ExpectOperands(1, 1000, "one or more slot names");
+                              TargetFlags({}));
+    arguments.ExpectOperands(1, 1000, "one or more slot or pool names");
     if (!arguments.Has("output")) {
         throw UsageError("record: the output file is missing (-o FILE.mcap)");
     }
@@ -330,7 +345,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     const bool split = splitSize != 0 || splitSeconds != 0;
     const std::vector<std::string>& names = arguments.Operands();
     if (arguments.Has("tee") && names.size() != 1) {
-        throw UsageError("record: --tee passes one slot on; give exactly one SLOT with it");
+        throw UsageError("record: --tee passes one slot or pool on; give exactly one NAME with it");
     }
 
     for (size_t i = 0; i < names.size(); ++i) {
@@ -343,6 +358,43 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     Sink sink;
     std::vector<std::unique_ptr<Source>> sources;
     for (const std::string& name : names) {
+        if (arguments.Has("tee")) {
+            CheckSlotName(arguments.Get("tee"));
+            if (arguments.Get("tee") == name) {
+                throw UsageError(
+                    "record: --tee must name another slot or pool than the one "
+                    "recorded");
+            }
+        }
+        if (MeansPool(arguments, "record", name)) {
+            const Slot::PoolReport report = Slot::SurveyPool(name);
+            if (!report.exists) {
+                throw CommandError(ExitFailure, "cannot record " + Quote(name) + ": no such pool");
+            }
+            const Slot::PoolConfig config = ResolvePool(arguments, "record", name);
+            if (config.kind == "queue" && report.queueReader > 0 &&
+                Slot::PoolPidAlive(report.queueReader)) {
+                // One reader per machine, as for a reliable slot.
+                throw CommandError(ExitFailure,
+                                   "cannot record " + Quote(name) +
+                                       ": the queue pool already has a reader (pid " +
+                                       std::to_string(report.queueReader) +
+                                       "); a queue pool has one reader, so stop it and let the "
+                                       "recorder pass the blocks on with --tee OTHER");
+            }
+            std::unique_ptr<Source> source(new Source(sources.size(), name, backlog, sink));
+            source->pool = true;
+            source->poolConfig = config;
+            source->kind = config.kind + " pool";
+            source->metadata = PoolMetadata(config);
+            source->discarding = config.kind == "latest";
+            if (arguments.Has("tee")) {
+                source->tee.reset(
+                    new RetryingWriter(PoolTargetFor("record", arguments.Get("tee"), config)));
+            }
+            sources.push_back(std::move(source));
+            continue;
+        }
         std::vector<std::string> given;
         if (arguments.Has("update-time")) {
             given = {"--update-time", arguments.Get("update-time")};
@@ -366,14 +418,14 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
                                        "the recorder pass the blocks on with --tee OTHER");
             }
         }
-        sources.emplace_back(new Source(sources.size(), cfg, backlog, sink));
+        sources.emplace_back(new Source(sources.size(), name, backlog, sink));
+        sources.back()->cfg.reset(new SlotCfg(cfg));
+        sources.back()->kind = type;
+        sources.back()->metadata = SlotMetadata(cfg);
         sources.back()->discarding = type == "discarding";
         if (arguments.Has("tee")) {
             const std::string other = arguments.Get("tee");
-            CheckSlotName(other);
-            if (other == name) {
-                throw UsageError("record: --tee must name another slot than the one recorded");
-            }
+            CheckSlotTarget("record", other);
             const SlotCfg teeCfg(other, cfg.GetSlotType(), cfg.GetUpdateTime(),
                                  cfg.GetMaxBufferLength(), cfg.GetMaxSize());
             sources.back()->tee.reset(new RetryingWriter(teeCfg));
@@ -391,8 +443,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         try {
             writer.reset(new mcap::Writer(path, options));
             for (const auto& source : sources) {
-                writer->AddChannel(source->cfg.GetName(), "application/octet-stream",
-                                   SlotMetadata(source->cfg));
+                writer->AddChannel(source->name, "application/octet-stream", source->metadata);
             }
         } catch (const mcap::Error& e) {
             throw CommandError(ExitFailure, std::string("record: ") + e.what());
@@ -451,7 +502,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     // Once a reader runs, a rotation may change `files`.
     const std::string firstFile = files.front();
     for (const auto& source : sources) {
-        const std::string& name = source->cfg.GetName();
+        const std::string& name = source->name;
         auto abandon = [&] {
             // The recording does not start: the files made for it go again.
             backlog.Stop();
@@ -469,8 +520,11 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             // process may keep: that wait still ends on Ctrl-C.
             const WaitResult opened = RunInterruptibly(
                 [&] {
-                    source->reader = SlotFactory::CreateSlotReader(
-                        &source->cfg, ISubscriberPtr(source.get(), [](shared::ISubscriber*) {}));
+                    const ISubscriberPtr subscriber(source.get(), [](shared::ISubscriber*) {});
+                    source->reader =
+                        source->pool
+                            ? Slot::PoolFactory::CreatePoolReader(source->poolConfig, subscriber)
+                            : SlotFactory::CreateSlotReader(source->cfg.get(), subscriber);
                 },
                 -1);
             if (opened != WaitResult::Ready) {
@@ -480,8 +534,8 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             abandon();
             throw CommandError(ExitFailure, "cannot record " + Quote(name) + ": " + e.what());
         }
-        std::cerr << "slotctl: recording " << Quote(name) << " (" << TypeName(source->cfg)
-                  << ") to " << Printable(firstFile) << std::endl;
+        std::cerr << "slotctl: recording " << Quote(name) << " (" << source->kind << ") to "
+                  << Printable(firstFile) << std::endl;
     }
 
     const bool progress = ::isatty(STDERR_FILENO) == 1;
@@ -582,9 +636,9 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     for (const auto& source : sources) {
         gaps += source->gaps;
         dropped += source->dropped;
-        std::cerr << "slotctl: recorded " << Quote(source->cfg.GetName()) << " ("
-                  << TypeName(source->cfg) << "): " << Plural(source->blocks, "block") << ", "
-                  << ByteText(source->bytes) << ", " << Plural(source->gaps, "gap");
+        std::cerr << "slotctl: recorded " << Quote(source->name) << " (" << source->kind
+                  << "): " << Plural(source->blocks, "block") << ", " << ByteText(source->bytes)
+                  << ", " << Plural(source->gaps, "gap");
         if (source->tee) {
             const RetryingWriter& tee = *source->tee;
             std::cerr << "; passed " << tee.Stored() << " on to " << Quote(tee.Name());

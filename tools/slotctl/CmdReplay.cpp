@@ -5,11 +5,13 @@
 #include "Commands.h"
 #include "Mcap.h"
 #include "Names.h"
+#include "PoolTarget.h"
 #include "Recording.h"
 #include "Signals.h"
 #include "SlotOptions.h"
 
 #include <Slot/AbortSlotCreationException.h>
+#include <Slot/PoolSurvey.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotSurvey.h>
 #include <Slot/Version.h>
@@ -24,6 +26,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <iostream>
 #include <memory>
@@ -67,6 +70,29 @@ int ReportEnd(const std::string& path, const mcap::ReadResult& result) {
     return ExitFailure;
 }
 
+// The pool a pool's channel recorded, as its metadata (which is not trusted) describes it,
+// under the name `name`.
+Slot::PoolConfig RecordedPool(const mcap::Channel& channel, const std::string& name) {
+    auto number = [&](const char* key) -> std::size_t {
+        const auto it = channel.metadata.find(key);
+        if (it == channel.metadata.end() || it->second.empty() ||
+            it->second.find_first_not_of("0123456789") != std::string::npos ||
+            it->second.size() > 12) {
+            return 0;
+        }
+        return static_cast<std::size_t>(std::stoull(it->second));
+    };
+    const auto kind = channel.metadata.find(meta::Kind);
+    Slot::PoolConfig config{name, kind == channel.metadata.end() ? std::string() : kind->second,
+                            number(meta::MaxBlockSize), number(meta::BlockCount)};
+    if (const auto problem = Slot::PoolConfigProblem(config)) {
+        throw CommandError(ExitFailure, "cannot replay " + Quote(channel.topic) +
+                                            ": its channel describes no valid pool (" +
+                                            Printable(*problem) + ")");
+    }
+    return config;
+}
+
 }  // namespace
 
 bool IsRecordingFile(const std::string& operand) {
@@ -74,16 +100,79 @@ bool IsRecordingFile(const std::string& operand) {
     return EndsWith(operand, ".mcap") && ::stat(operand.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-std::map<std::string, std::string> SlotMetadata(const ISlotConfiguration& cfg) {
+namespace {
+
+std::string HostName() {
     char host[256] = {};
     if (::gethostname(host, sizeof(host) - 1) != 0) {
         host[0] = '\0';
     }
+    return host;
+}
+
+// The value of `key`, or "" when absent.
+std::string Value(const Metadata& metadata, const char* key) {
+    const auto it = metadata.find(key);
+    return it == metadata.end() ? std::string() : it->second;
+}
+
+}  // namespace
+
+Metadata SlotMetadata(const ISlotConfiguration& cfg) {
     return {{meta::Kind, TypeName(cfg)},
             {meta::MaxBlockSize, std::to_string(cfg.GetMaxSize())},
             {meta::QueueLength, std::to_string(cfg.GetMaxBufferLength())},
-            {meta::Host, host},
+            {meta::Host, HostName()},
             {meta::Version, Slot::Version()}};
+}
+
+Metadata PoolMetadata(const Slot::PoolConfig& config) {
+    return {{meta::Object, meta::PoolObject},
+            {meta::Kind, config.kind},
+            {meta::MaxBlockSize, std::to_string(config.maxBlockSize)},
+            {meta::BlockCount, std::to_string(config.blockCount)},
+            {meta::Host, HostName()},
+            {meta::Version, Slot::Version()}};
+}
+
+bool IsPoolChannel(const Metadata& metadata) {
+    return Value(metadata, meta::Object) == meta::PoolObject;
+}
+
+std::string ChannelKindText(const Metadata& metadata) {
+    const std::string kind = Value(metadata, meta::Kind);
+    if (kind.empty()) {
+        return "-";
+    }
+    return Printable(kind) + (IsPoolChannel(metadata) ? " pool" : "");
+}
+
+Slot::PoolConfig PoolTargetFor(const std::string& command, const std::string& name,
+                               const Slot::PoolConfig& recorded) {
+    CheckSlotName(name);
+    const Slot::PoolReport report = Slot::SurveyPool(name);
+    if (!report.exists && SlotExists(name)) {
+        throw CommandError(ExitFailure, command + ": " + Quote(name) +
+                                            " is a slot, and the blocks come from a pool");
+    }
+    if (report.exists && report.state != "healthy") {
+        throw CommandError(ExitFailure, command + ": the pool " + Quote(name) +
+                                            " cannot be used: " + Printable(report.problem));
+    }
+    Slot::PoolConfig config = recorded;
+    config.name = name;
+    if (report.exists) {
+        config.maxBlockSize = report.maxBlockSize;
+        config.blockCount = report.blockCount;
+    }
+    return config;
+}
+
+void CheckSlotTarget(const std::string& command, const std::string& name) {
+    if (Slot::SurveyPool(name).exists && !SlotExists(name)) {
+        throw CommandError(ExitFailure, command + ": " + Quote(name) +
+                                            " is a pool, and the blocks come from a slot");
+    }
 }
 
 std::string ByteText(std::uint64_t bytes) {
@@ -109,6 +198,16 @@ RetryingWriter::RetryingWriter(const ISlotConfiguration& cfg)
     }
 }
 
+RetryingWriter::RetryingWriter(const Slot::PoolConfig& config)
+    : name_(config.name), maxSize_(config.maxBlockSize) {
+    try {
+        pool_ = Slot::PoolFactory::CreatePoolWriter(config);
+        maxSize_ = pool_->maxBlockSize();  // the creator's, when the pool existed
+    } catch (const std::exception& e) {
+        throw CommandError(ExitFailure, "cannot write to " + Quote(name_) + ": " + e.what());
+    }
+}
+
 RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
                                              const std::function<bool()>& stopping) {
     if (size > maxSize_) {
@@ -117,8 +216,20 @@ RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
     }
     long pauseUs = 50;
     for (;;) {
-        writer_->onNotify(name_, data, size);
-        const Slot::WriteOutcome outcome = Slot::LastWriteOutcome();
+        Slot::WriteOutcome outcome;
+        if (pool_) {
+            // A loan is refused when no block is free; publish when a queue is full.
+            Slot::PoolLoan loan = pool_->loan(size);
+            if (loan) {
+                std::memcpy(loan.data(), data, size);
+                outcome = loan.publish(size);
+            } else {
+                outcome = loan.outcome();
+            }
+        } else {
+            writer_->onNotify(name_, data, size);
+            outcome = Slot::LastWriteOutcome();
+        }
         if (outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded) {
             ++stored_;
             return Result::Stored;
@@ -218,12 +329,14 @@ int RecordingInfo(const std::string& path) {
             const auto it = channel.metadata.find(key);
             return it == channel.metadata.end() ? std::string("-") : Printable(it->second);
         };
+        const bool pool = IsPoolChannel(channel.metadata);
         out << "  channel " << channel.id << ": " << Quote(channel.topic) << " ("
-            << value(meta::Kind) << ", max block " << value(meta::MaxBlockSize) << ", queue "
-            << value(meta::QueueLength) << ", host " << value(meta::Host) << ", libSlot "
-            << value(meta::Version) << "): " << c.blocks << " block" << (c.blocks == 1 ? "" : "s")
-            << ", " << ByteText(c.bytes) << ", " << c.gaps << " gap" << (c.gaps == 1 ? "" : "s")
-            << "\n";
+            << ChannelKindText(channel.metadata) << ", max block " << value(meta::MaxBlockSize)
+            << (pool ? ", blocks " : ", queue ")
+            << value(pool ? meta::BlockCount : meta::QueueLength) << ", host " << value(meta::Host)
+            << ", libSlot " << value(meta::Version) << "): " << c.blocks << " block"
+            << (c.blocks == 1 ? "" : "s") << ", " << ByteText(c.bytes) << ", " << c.gaps << " gap"
+            << (c.gaps == 1 ? "" : "s") << "\n";
     }
     std::cout << out.str() << std::flush;
     return result.problem.empty() || result.cutShort ? ExitOk : ExitFailure;
@@ -282,8 +395,15 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
         const auto mapped = mapping.find(channel.topic);
         const std::string name = mapped == mapping.end() ? channel.topic : mapped->second;
         auto& writer = writers[name];
+        if (!writer && IsPoolChannel(channel.metadata)) {
+            CheckSlotName(name);
+            writer.reset(
+                new RetryingWriter(PoolTargetFor("replay", name, RecordedPool(channel, name))));
+            kinds[name] = ChannelKindText(channel.metadata);
+        }
         if (!writer) {
             CheckSlotName(name);
+            CheckSlotTarget("replay", name);
             std::vector<std::string> given;
             if (SlotSurvey::InspectSlot(name).header.state == SlotPartState::Absent) {
                 const std::pair<const char*, const char*> fields[] = {

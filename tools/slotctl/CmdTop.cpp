@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// slotctl top: every slot of the machine with its traffic, refreshed. Like ls it reads the slots
-// from outside: no block is taken and no lock.
+// slotctl top: every slot and pool of the machine with its traffic, refreshed. Like ls it reads
+// them from outside: no block is taken and no lock (a pool is surveyed through a private mapping
+// of its tables, without attaching to it).
 #include "Cli.h"
 #include "Commands.h"
 #include "Names.h"
@@ -8,6 +9,7 @@
 #include "TopModel.h"
 #include "TopScreen.h"
 
+#include <Slot/PoolSurvey.h>
 #include <Slot/SlotAttachments.h>
 #include <Slot/SlotReportJson.h>
 #include <Slot/SlotSurvey.h>
@@ -19,6 +21,7 @@
 #include <cmath>
 #include <iostream>
 #include <map>
+#include <set>
 
 namespace slotctl {
 
@@ -35,11 +38,45 @@ double Seconds(Clock::time_point at) {
     return std::chrono::duration<double>(at.time_since_epoch()).count();
 }
 
-// One look at the machine: the slots, and ls's view of each for --json.
+// One look at the machine: the slots and pools, and ls's view of each for --json.
 struct Look {
     std::vector<TopObservation> slots;
     std::map<std::string, SlotReport> reports;
+    std::map<std::string, Slot::PoolReport> pools;
 };
+
+double AgeSince(const boost::posix_time::ptime& then) {
+    const boost::posix_time::time_duration age =
+        boost::posix_time::microsec_clock::universal_time() - then;
+    return std::max(0.0, age.total_microseconds() / 1e6);
+}
+
+void LookAtPools(Look& look) {
+    for (const std::string& name : Slot::ListPools()) {
+        Slot::PoolReport report = Slot::SurveyPool(name);
+        TopObservation pool;
+        pool.name = name;
+        pool.pool = true;
+        pool.kind = report.kind;
+        pool.state = report.state;
+        pool.queueKnown = report.blockCount != 0;
+        pool.capacity = report.blockCount;
+        pool.waiting = report.blockCount - std::min(report.freeBlocks, report.blockCount);
+        pool.reliable = report.kind == "queue";
+        pool.readerPid = report.queueReader;
+        pool.attached = std::set<pid_t>(report.attached.begin(), report.attached.end()).size();
+        pool.poolSequence = report.lastSequence;
+        if (report.lastPublishNs != 0) {
+            pool.lastWriteAge =
+                AgeSince(boost::posix_time::from_time_t(
+                             static_cast<std::time_t>(report.lastPublishNs / 1000000000)) +
+                         boost::posix_time::microseconds(
+                             static_cast<long>(report.lastPublishNs % 1000000000 / 1000)));
+        }
+        look.slots.push_back(std::move(pool));
+        look.pools.emplace(name, std::move(report));
+    }
+}
 
 Look LookAtSlots() {
     Look look;
@@ -58,13 +95,12 @@ Look LookAtSlots() {
             slot.activity = SlotActivity::Sample(report.name);
         }
         if (slot.activity.valid && !slot.activity.lastWrite.is_special()) {
-            const boost::posix_time::time_duration age =
-                boost::posix_time::microsec_clock::universal_time() - slot.activity.lastWrite;
-            slot.lastWriteAge = std::max(0.0, age.total_microseconds() / 1e6);
+            slot.lastWriteAge = AgeSince(slot.activity.lastWrite);
         }
         look.slots.push_back(std::move(slot));
         look.reports.emplace(report.name, std::move(report));
     }
+    LookAtPools(look);
     return look;
 }
 
@@ -77,7 +113,7 @@ void Rate(JsonWriter& json, bool known, double value) {
     }
 }
 
-// One snapshot on one line: ls --json's fields of every slot plus its traffic.
+// One snapshot on one line: ls --json's fields of every slot and pool plus its traffic.
 std::string SnapshotJson(const TopModel& model, const Look& look, double interval) {
     JsonWriter json;
     json.BeginObject();
@@ -85,12 +121,17 @@ std::string SnapshotJson(const TopModel& model, const Look& look, double interva
     json.Key("interval_seconds").Real(interval);
     json.Key("slots").BeginArray();
     for (const TopRow& row : model.All()) {
+        const auto pool = look.pools.find(row.name);
         const auto report = look.reports.find(row.name);
-        if (report == look.reports.end()) {
+        if (row.pool ? pool == look.pools.end() : report == look.reports.end()) {
             continue;
         }
         json.BeginObject();
-        AddListEntry(json, report->second);
+        if (row.pool) {
+            Slot::AddPoolEntry(json, pool->second);
+        } else {
+            AddListEntry(json, report->second);
+        }
         Rate(json.Key("writes_per_second"), row.rateKnown, row.writesPerSecond);
         Rate(json.Key("bytes_per_second"), row.rateKnown && row.bytesKnown, row.bytesPerSecond);
         json.Key("attached_processes").Number(row.attached);

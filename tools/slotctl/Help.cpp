@@ -23,9 +23,9 @@ commands:
   rm NAME... | rm --stale     remove slots, or stale ones left by a crash
   hz NAME / bw NAME           write rate / estimated bandwidth, without reading anything
   peek NAME                   the last block taken from the slot, without changing anything
-  top [--once | --json]       every slot live: rates, queue fill, reader, attached processes
-  record -o FILE.mcap NAME... record the blocks that arrive to an MCAP file
-  replay FILE.mcap...         write recorded blocks back into slots
+  top [--once | --json]       every slot and pool live: rates, fill, reader, attached processes
+  record -o FILE.mcap NAME... record the blocks that arrive (slots, pools) to an MCAP file
+  replay FILE.mcap...         write recorded blocks back into slots and pools
   demo                        blocks flowing through the three slot types, live
   help [COMMAND]              this text, or a command's
 
@@ -217,6 +217,11 @@ lists them) and LAST the age of the last write. Like ls it reads nothing from th
 block is taken, no lock, nothing waits. Names are escaped as everywhere in slotctl; a name too
 long for its column ends in '~'.
 
+Pools have rows too: KIND latest or queue, STATE healthy or damaged, WRITE/S from the pool's
+sequence (as hz counts it; MB/S is "-"), WAITING the blocks in use (waiting, held or loaned)
+of the pool's block count, READER a queue pool's reader, ATT the attached processes and LAST
+the age of the last publish. A pool is surveyed as ls does: without attaching to it.
+
 keys: q quits; s sorts by the next column (NAME, WRITE/S, MB/S, WAITING, LAST: largest or
 most recent first); / filters by name (type a part of the name as shown, Enter applies, Esc
 cancels, an empty filter shows all); p pauses and resumes. The view fits 80x24 and follows the
@@ -226,7 +231,7 @@ terminal's size. Ctrl-C ends it too (status 130), with the terminal restored.
   --once            one table after one interval (the rates need two looks), then exit; also
                     what top does when standard input or output is not a terminal
   --json            one JSON object per interval, one line each: {"time", "interval_seconds",
-                    "slots": [...]}, each slot with the fields of ls --json plus
+                    "slots": [...]}, each slot or pool with the fields of ls --json plus
                     writes_per_second, bytes_per_second (null when unknown),
                     attached_processes and last_write_age_seconds; with --once a single one
 The full-screen view needs ncurses: a slotctl built without it has --once and --json only.
@@ -235,12 +240,16 @@ The full-screen view needs ncurses: a slotctl built without it has --once and --
     if (command == "record") {
         return R"HELP(usage: slotctl record -o FILE.mcap [options] NAME...
 
-Reads the slots and writes every block that arrives to an MCAP file: one channel per slot
-(topic = the slot's name, metadata kind, max_block_size, queue_length, host, libslot_version),
-one message per block with log_time = arrival (ns, UTC), publish_time = the same, and a
-sequence: a reliable slot's blocks are numbered 1, 2, 3...; a discarding slot's take the slot's
-write counter, so writes the recorder never saw show as gaps. A reliable slot has one reader
-per machine: the recorder is it, and refuses a reliable slot that already has a reader.
+Reads the slots and pools and writes every block that arrives to an MCAP file: one channel per
+slot (topic = the slot's name, metadata kind, max_block_size, queue_length, host,
+libslot_version) or pool (topic = its name, metadata object "pool", kind latest or queue,
+max_block_size, block_count, host, libslot_version), one message per block with log_time =
+arrival (ns, UTC), publish_time = the same, and a sequence: a reliable slot's blocks are
+numbered 1, 2, 3...; a discarding slot's take the slot's write counter and a pool's block its
+own sequence number, so writes the recorder never saw show as gaps. A reliable slot or queue
+pool has one reader per machine: the recorder is it, and refuses one that already has a
+reader. A name that is only a pool is a pool; --pool or --slot decides for a name that is
+both. A pool's block is written to the file from shared memory, not copied first.
 Ctrl-C (SIGINT, SIGTERM) stops it cleanly: summary and footer are written, status 0. A
 recorder killed with SIGKILL leaves a file without summary whose records read and replay up to
 the last one it wrote (with --compression zstd, up to the last closed chunk: at most one chunk
@@ -256,7 +265,10 @@ the recorder kept up; on a terminal a progress line shows the same while it runs
   --count N                stop after N blocks (blocks a reliable reader already took are
                            recorded too)
   --tee OTHER              pass every recorded block on into slot OTHER (one NAME only), in
-                           order; a refused block is retried: the consumer then reads OTHER
+                           order; a refused block is retried: the consumer then reads OTHER.
+                           A pool's blocks go into the pool OTHER, made like the recorded one
+                           when missing
+  --pool, --slot           which one a NAME means that is both a slot and a pool
   --update-time MS         the readers' update time (default 100)
 )HELP";
     }
@@ -265,9 +277,12 @@ the recorder kept up; on a terminal a progress line shows the same while it runs
 
 Writes recorded blocks back into slots of the recorded names, file after file, creating a
 missing slot with the recorded kind and sizes (the defaults of write when the file does not
-say). A block a slot refuses (a full reliable slot) is retried until stored, and counted;
-nothing is dropped silently. The end prints blocks and retries per slot.
-  --map OLD=NEW      replay channel OLD into slot NEW (may be repeated)
+say). A pool's channel goes into a pool, made with the recorded kind, block size and block
+count when missing, and written through loans; a slot's blocks never go into a name that is
+only a pool, nor a pool's into a slot. A block refused (a full reliable slot or queue pool, a
+pool without a free block) is retried until stored, and counted; nothing is dropped silently.
+The end prints blocks and retries per slot or pool.
+  --map OLD=NEW      replay channel OLD into slot or pool NEW (may be repeated)
   --rate X           X times the recorded pace (default 1: as recorded)
   --max              as fast as the slots accept
   --loop             start again at the end, until Ctrl-C

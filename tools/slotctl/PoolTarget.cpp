@@ -11,6 +11,11 @@ std::set<std::string> TargetFlags(std::set<std::string> more) {
     return more;
 }
 
+bool SlotExists(const std::string& name) {
+    const SlotReport slot = SlotSurvey::InspectSlot(name);
+    return slot.HasSharedMemory() || !slot.pipePath.empty();
+}
+
 bool MeansPool(const Arguments& arguments, const std::string& command, const std::string& name) {
     CheckSlotName(name);
     if (arguments.Has("pool") && arguments.Has("slot")) {
@@ -25,8 +30,7 @@ bool MeansPool(const Arguments& arguments, const std::string& command, const std
     if (!Slot::SurveyPool(name).exists) {
         return false;
     }
-    const SlotReport slot = SlotSurvey::InspectSlot(name);
-    if (slot.HasSharedMemory() || !slot.pipePath.empty()) {
+    if (SlotExists(name)) {
         throw UsageError(command + ": " + Quote(name) +
                          " is both a slot and a pool: say which with --slot or --pool");
     }

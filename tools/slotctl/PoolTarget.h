@@ -14,6 +14,9 @@ namespace slotctl {
 // The flags that choose between a slot and a pool of the same name.
 std::set<std::string> TargetFlags(std::set<std::string> more);
 
+// Whether the slot `name` exists (its shared memory or its pipe).
+bool SlotExists(const std::string& name);
+
 // Whether `name` means a pool to `command`: --pool or a pool kind given with --type says so,
 // --slot or a slot type says not; otherwise a name that is only a pool is a pool, and a name
 // that is both a slot and a pool is a usage error that names --slot and --pool.

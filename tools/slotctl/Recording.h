@@ -5,6 +5,7 @@
 
 #include <Slot/ISlot.h>
 #include <Slot/ISlotConfiguration.h>
+#include <Slot/PoolFactory.h>
 
 #include <cstdint>
 #include <functional>
@@ -17,28 +18,53 @@ namespace slotctl {
 // names an existing regular file. (A slot of such a name is reached when no such file exists.)
 bool IsRecordingFile(const std::string& operand);
 
-// Channel metadata of a recorded slot.
+// Channel metadata of a recorded slot or pool. A slot's channel has kind (its type),
+// max_block_size, queue_length, host and libslot_version; a pool's has object "pool", kind
+// ("latest" or "queue"), max_block_size, block_count, host and libslot_version.
 namespace meta {
 const char* const Kind = "kind";
 const char* const MaxBlockSize = "max_block_size";
 const char* const QueueLength = "queue_length";
 const char* const Host = "host";
 const char* const Version = "libslot_version";
+const char* const Object = "object";  // PoolObject on a pool's channel; absent on a slot's
+const char* const PoolObject = "pool";
+const char* const BlockCount = "block_count";
 }  // namespace meta
 
-// The channel metadata describing slot `cfg`.
-std::map<std::string, std::string> SlotMetadata(const ISlotConfiguration& cfg);
+typedef std::map<std::string, std::string> Metadata;
+
+// The channel metadata describing slot `cfg`, and pool `config`.
+Metadata SlotMetadata(const ISlotConfiguration& cfg);
+Metadata PoolMetadata(const Slot::PoolConfig& config);
+
+// Whether a channel with `metadata` recorded a pool.
+bool IsPoolChannel(const Metadata& metadata);
+
+// "reliable", "queue pool" and the like: what a channel recorded; "-" when unknown.
+std::string ChannelKindText(const Metadata& metadata);
+
+// Where blocks recorded from a pool of configuration `recorded` go when they are written into
+// `name` (replay, record --tee): the pool `name` as it exists, else a new one with the recorded
+// kind and geometry. A name that is only a slot is refused (it would become both).
+Slot::PoolConfig PoolTargetFor(const std::string& command, const std::string& name,
+                               const Slot::PoolConfig& recorded);
+
+// Refuses to write a slot's blocks into `name` when it is only a pool (it would become both).
+void CheckSlotTarget(const std::string& command, const std::string& name);
 
 // "12.3 MB" and the like, for summaries.
 std::string ByteText(std::uint64_t bytes);
 
-// Writes blocks into one slot in order: a block the slot refuses (a full reliable slot) is
-// retried after a short pause until it is stored or `stopping` says so. Never drops silently.
+// Writes blocks into one slot or pool in order: a block it refuses (a full reliable slot or
+// queue pool, a pool without a free block) is retried after a short pause until it is stored or
+// `stopping` says so. Never drops silently. A pool is written through a loan.
 class RetryingWriter {
 public:
     enum class Result { Stored, TooLarge, Failed, Stopped };
 
     explicit RetryingWriter(const ISlotConfiguration& cfg);
+    explicit RetryingWriter(const Slot::PoolConfig& config);
     Result Write(const char* data, size_t size, const std::function<bool()>& stopping);
 
     const std::string& Name() const { return name_; }
@@ -50,6 +76,7 @@ private:
     std::string name_;
     size_t maxSize_;
     ISubscriberPtr writer_;
+    boost::shared_ptr<Slot::PoolWriter> pool_;
     std::uint64_t stored_ = 0, retries_ = 0, lost_ = 0;
 };
 

@@ -14,9 +14,10 @@
 namespace slotctl {
 
 void TopModel::Update(const std::vector<TopObservation>& slots, double seconds) {
-    std::map<std::string, const TopRow*> previous;
+    // A pool and a slot may have the same name.
+    std::map<std::pair<std::string, bool>, const TopRow*> previous;
     for (const TopRow& row : rows_) {
-        previous[row.name] = &row;
+        previous[{row.name, row.pool}] = &row;
     }
     const double elapsed = sampled_ ? seconds - seconds_ : 0;
     std::vector<TopRow> rows;
@@ -24,9 +25,16 @@ void TopModel::Update(const std::vector<TopObservation>& slots, double seconds) 
     for (const TopObservation& slot : slots) {
         TopRow row;
         static_cast<TopObservation&>(row) = slot;
-        const auto before = previous.find(slot.name);
-        if (before != previous.end() && elapsed > 0 && slot.activity.valid &&
-            before->second->activity.valid) {
+        const auto before = previous.find({slot.name, slot.pool});
+        if (slot.pool) {
+            if (before != previous.end() && elapsed > 0 && slot.state == "healthy" &&
+                before->second->state == "healthy" &&
+                slot.poolSequence >= before->second->poolSequence) {
+                row.rateKnown = true;
+                row.writesPerSecond = (slot.poolSequence - before->second->poolSequence) / elapsed;
+            }
+        } else if (before != previous.end() && elapsed > 0 && slot.activity.valid &&
+                   before->second->activity.valid) {
             const SlotActivitySample& last = before->second->activity;
             // A counter that went back is a slot made anew: its rate starts at the next look.
             if (SlotActivity::WritesBetween(last, slot.activity) <= (1u << 31)) {
@@ -40,8 +48,9 @@ void TopModel::Update(const std::vector<TopObservation>& slots, double seconds) 
         }
         rows.push_back(std::move(row));
     }
-    std::sort(rows.begin(), rows.end(),
-              [](const TopRow& a, const TopRow& b) { return a.name < b.name; });
+    std::sort(rows.begin(), rows.end(), [](const TopRow& a, const TopRow& b) {
+        return a.name != b.name ? a.name < b.name : a.pool < b.pool;
+    });
     rows_ = std::move(rows);
     seconds_ = seconds;
     sampled_ = true;

@@ -10,7 +10,8 @@
 
 namespace slotctl {
 
-// One slot as one look at the machine found it (everything top shows, nothing drawn yet).
+// One slot or pool as one look at the machine found it (everything top shows, nothing drawn
+// yet). A pool's waiting are its blocks in use (waiting, held or loaned) of its block count.
 struct TopObservation {
     std::string name;   // as the system holds it: not escaped
     std::string kind;   // as ls words it; empty when unknown
@@ -18,8 +19,10 @@ struct TopObservation {
     bool queueKnown = false;
     std::uint64_t waiting = 0;
     std::uint64_t capacity = 0;
-    bool reliable = false;
-    pid_t readerPid = 0;  // the reliable reader: 0 none, -1 held by an unknown process
+    bool reliable = false;  // or a queue pool: one reader
+    pid_t readerPid = 0;    // the reliable reader: 0 none, -1 held by an unknown process
+    bool pool = false;
+    std::uint64_t poolSequence = 0;  // a pool's last sequence: its publishes, as hz counts them
     std::size_t attached = 0;
     SlotActivitySample activity;  // the write counter; !valid when the header cannot be read
     double lastWriteAge = -1;     // seconds since the last write, -1 when never or unknown
@@ -42,6 +45,7 @@ class TopModel {
 public:
     // A look taken at `seconds` (a monotonic clock). A slot gone since the previous look
     // disappears; a slot new, re-made (its counter went back) or unreadable has no rate yet.
+    // Pools likewise, by their sequence; a pool's bytes are not known.
     void Update(const std::vector<TopObservation>& slots, double seconds);
 
     // The rows whose escaped name contains `filter`, sorted by `sort`: the name ascending, the

@@ -10,6 +10,7 @@
 #include <curses.h>
 #include <poll.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <clocale>
@@ -159,7 +160,12 @@ private:
         const std::size_t width = static_cast<std::size_t>(std::max(COLS, 1));
         // The most telling first: the line is cut at the screen's edge.
         std::string status = paused_ ? "PAUSED  " : "";
-        status += std::to_string(model_.All().size()) + " slots";
+        const std::size_t pools = static_cast<std::size_t>(std::count_if(
+            model_.All().begin(), model_.All().end(), [](const TopRow& row) { return row.pool; }));
+        status += std::to_string(model_.All().size() - pools) + " slots";
+        if (pools != 0) {
+            status += ", " + std::to_string(pools) + (pools == 1 ? " pool" : " pools");
+        }
         if (!filter_.empty()) {
             status += " (" + std::to_string(rows.size()) + " match '" + Printable(filter_) + "')";
         }

@@ -29,7 +29,9 @@ function fail(message) {
 
 function checkChannel(file, channel, kind) {
   const m = channel.metadata;
-  for (const key of ["kind", "max_block_size", "queue_length", "host", "libslot_version"]) {
+  // A pool's channel says so, and counts blocks where a slot's has a queue length.
+  const size = m.get("object") === "pool" ? "block_count" : "queue_length";
+  for (const key of ["kind", "max_block_size", size, "host", "libslot_version"]) {
     if (!m.has(key)) fail(`${file}: channel ${channel.topic} has no metadata ${key}`);
   }
   if (m.get("kind") !== kind) fail(`${file}: kind ${m.get("kind")}, expected ${kind}`);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # slotctl's recordings read by the published TypeScript MCAP library (@mcap/core, check.mjs):
-# plain, zstd-chunked, split and cut short by SIGKILL; and a file written by that library
+# plain, zstd-chunked, split, of a pool and cut short by SIGKILL; and a file written by that library
 # replayed by slotctl into a slot and read back. Exit 77 (skipped) without node or without the
 # packages that scripts/setup.sh installs with npm ci.
 # usage: interop.sh SLOTCTL
@@ -54,6 +54,12 @@ fill "${prefix}split" blocks
 files=(split-*.mcap)
 [[ ${#files[@]} -ge 3 ]] || { echo "split into ${#files[@]} files only" >&2; exit 1; }
 check verify reliable blocks "${files[@]}"
+
+# A queue pool's channel: its blocks recorded from shared memory, its own metadata.
+slots+=("${prefix}pool")
+"$slotctl" write "${prefix}pool" --type queue --queue 64 --max-size 1024 --lines < blocks 2> /dev/null
+"$slotctl" record -o pool.mcap --count "$n" "${prefix}pool" 2> /dev/null
+check verify queue blocks pool.mcap
 
 # Killed once every block is in the file (a zstd chunk closes within a second).
 for compression in "${compressions[@]}"; do
