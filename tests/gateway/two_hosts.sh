@@ -175,11 +175,12 @@ cat "$work/read-rel.log"
 step "reliable A -> B: B's gateway SIGKILLed and restarted three times mid-stream"
 # The stall: from the SIGKILL until the restarted gateway has stored two blocks (the first may
 # be the one in flight, sent again; the second needs the sender to be done with it).
-# A paced stream (a block every 5 ms), so that it still runs at the third SIGKILL.
+# A paced stream (a block every 10 ms, 12 s without the stalls), so that it still runs at the
+# third SIGKILL also when polling the status on a loaded machine takes seconds per round.
 count=1200
 "${on_B[@]}" timeout -s KILL 150 "$probe" read gw_rel $max $count 120 > "$work/read-kill.log" 2>&1 &
 reader=$!
-"${on_A[@]}" timeout -s KILL 150 "$probe" write gw_rel $max $count 5 > "$work/write-kill.log" 2>&1 &
+"${on_A[@]}" timeout -s KILL 150 "$probe" write gw_rel $max $count 10 > "$work/write-kill.log" 2>&1 &
 writer=$!
 stalls=()
 for round in 1 2 3; do
