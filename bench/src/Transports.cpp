@@ -215,12 +215,21 @@ private:
 };
 
 // ---------------------------------------------------------------------------------------------
-// Zero-copy pools of the queue kind (lossless, like the reliable slot)
+// Zero-copy pools: the queue kind (lossless, like the reliable slot) and, for latency only, the
+// latest kind ("pool-latest...")
+
+bool LatestPool(const RunParams& params) {
+    return params.transport.rfind("pool-latest", 0) == 0;
+}
+
+bool SpinningPool(const RunParams& params) {
+    return params.transport == "pool-spinning" || params.transport == "pool-latest-spinning";
+}
 
 Slot::PoolConfig BenchPoolConfig(const RunParams& params) {
     // One block per queue entry, as the other transports get, up to the pool's limit: at 4 MiB
     // that is 256 MiB of /dev/shm, reserved when the pool is made.
-    return Slot::PoolConfig{params.name, "queue", params.blockSize,
+    return Slot::PoolConfig{params.name, LatestPool(params) ? "latest" : "queue", params.blockSize,
                             std::min(params.depth, Slot::MaxPoolBlocks)};
 }
 
@@ -264,7 +273,8 @@ public:
     }
     void Publish(char* block, size_t size) override {
         if (block != loan_.data() || loan_.publish(size) != Slot::WriteOutcome::Stored) {
-            // A loaned block always has room in the queue: anything else is a fault.
+            // A loaned block always has room in the queue, and a paced latest pool's previous
+            // block was read before this one: anything else is a fault.
             throw std::runtime_error("pool publish was not stored");
         }
     }
@@ -282,8 +292,7 @@ class PoolReceiver : public Receiver {
 public:
     explicit PoolReceiver(const RunParams& params)
         : config_(BenchPoolConfig(params)),
-          spinNs_(params.transport == "pool-spinning" ? static_cast<long>(params.updateTimeMs * 1e6)
-                                                      : 0) {}
+          spinNs_(SpinningPool(params) ? static_cast<long>(params.updateTimeMs * 1e6) : 0) {}
     void Attach(BlockSink& sink) override {
         // Subscribed before the reader's thread starts: no block passes unseen.
         subscriber_.reset(new SinkSubscriber(sink));
@@ -910,6 +919,12 @@ const std::vector<TransportInfo>& Transports() {
          true, 0, nullptr, CleanupPool, SenderOf<PoolSender>, ReceiverOf<PoolReceiver>, nullptr},
         {"pool-copy", "pool queue, one copy (onNotify)", false, true, true, false, false, 0,
          nullptr, CleanupPool, SenderOf<PoolSender>, ReceiverOf<PoolReceiver>, nullptr},
+        // A latest pool, latency only (a paced writer never outruns its reader).
+        {"pool-latest", "pool latest, filled in place", false, true, false, false, false, 0,
+         nullptr, CleanupPool, SenderOf<PoolSender>, ReceiverOf<PoolReceiver>, nullptr},
+        {"pool-latest-spinning", "pool latest, filled in place, spinning reader", false, true,
+         false, false, true, 0, nullptr, CleanupPool, SenderOf<PoolSender>,
+         ReceiverOf<PoolReceiver>, nullptr},
         {"boost-mq", "Boost.Interprocess message_queue", false, true, true, true, false, kPeerMax,
          PrepareBoostMq, CleanupBoostMq, SenderOf<BoostMqSender>, ReceiverOf<BoostMqReceiver>,
          nullptr},

@@ -84,7 +84,7 @@ std::string FormatStatus(const std::string& text) {
     out << "gateway " << document.value("gateway", "?") << " (id " << document.value("id", "?")
         << ", pid " << document.value("pid", 0) << ") at " << document.value("time", "?")
         << (document.value("stopped", false) ? ", stopped" : "") << "\n";
-    out << std::left << std::setw(24) << "slot" << std::setw(11) << "type" << std::setw(13)
+    out << std::left << std::setw(24) << "slot" << std::setw(12) << "type" << std::setw(13)
         << "direction" << std::setw(24) << "topic" << std::right << std::setw(6) << "peers"
         << std::setw(11) << "forwarded" << std::setw(11) << "received" << std::setw(9) << "retried"
         << std::setw(9) << "refused" << std::setw(9) << "dropped"
@@ -92,7 +92,7 @@ std::string FormatStatus(const std::string& text) {
     for (const auto& slot : document.at("slots")) {
         const unsigned peers =
             slot.value("matched_readers", 0u) + slot.value("matched_writers", 0u);
-        out << std::left << std::setw(24) << slot.value("name", "") << std::setw(11)
+        out << std::left << std::setw(24) << slot.value("name", "") << std::setw(12)
             << slot.value("type", "") << std::setw(13) << slot.value("direction", "")
             << std::setw(24) << slot.value("topic", "") << std::right << std::setw(6) << peers
             << std::setw(11) << slot.value("forwarded", 0ull) << std::setw(11)

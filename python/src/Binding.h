@@ -14,6 +14,9 @@
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/ISlot.h>
 #include <Slot/ISlotConfiguration.h>
+#include <Slot/WriteOutcome.h>
+
+#include <shared/ISubscriber.h>
 
 #include <pybind11/pybind11.h>
 
@@ -102,6 +105,31 @@ auto WithoutGil(F&& f) -> decltype(f()) {
             std::rethrow_exception(error);
         return std::move(*result);
     }
+}
+
+// Hands the bytes of `data` (any C-contiguous buffer) to a slot's or a pool's writer as one
+// block, with the GIL released, and returns the write's outcome (read on this thread right after
+// the write: outcomes are per thread).
+inline Slot::WriteOutcome WriteBuffer(shared::ISubscriber& writer, const std::string& name,
+                                      const py::handle& data) {
+    Py_buffer view;
+    if (PyObject_GetBuffer(data.ptr(), &view, PyBUF_SIMPLE) != 0) {
+        throw py::error_already_set();
+    }
+    Slot::WriteOutcome outcome = Slot::WriteOutcome::None;
+    try {
+        WithoutGil([&] {
+            CallLibrary([&] {
+                writer.onNotify(name, view.buf, static_cast<size_t>(view.len));
+                outcome = Slot::LastWriteOutcome();
+            });
+        });
+    } catch (...) {
+        PyBuffer_Release(&view);
+        throw;
+    }
+    PyBuffer_Release(&view);
+    return outcome;
 }
 
 // Set when the interpreter is about to shut down: reader threads no longer take the GIL.

@@ -63,25 +63,7 @@ public:
         if (!writer) {
             throw SlotError("write to a closed writer of '" + name_ + "'");
         }
-        Py_buffer view;
-        if (PyObject_GetBuffer(data.ptr(), &view, PyBUF_SIMPLE) != 0) {
-            throw py::error_already_set();
-        }
-        Slot::WriteOutcome outcome = Slot::WriteOutcome::None;
-        try {
-            WithoutGil([&] {
-                CallLibrary([&] {
-                    writer->onNotify(name_, view.buf, static_cast<size_t>(view.len));
-                    // Read on this thread, right after the write: the outcome is per thread.
-                    outcome = Slot::LastWriteOutcome();
-                });
-            });
-        } catch (...) {
-            PyBuffer_Release(&view);
-            throw;
-        }
-        PyBuffer_Release(&view);
-        return Slot::ToString(outcome);
+        return Slot::ToString(WriteBuffer(*writer, name_, data));
     }
 
     void Close() {

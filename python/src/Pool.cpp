@@ -242,24 +242,7 @@ public:
 
     py::object Write(const py::handle& data) {
         boost::shared_ptr<Slot::PoolWriter> writer = Writer();
-        Py_buffer view;
-        if (PyObject_GetBuffer(data.ptr(), &view, PyBUF_SIMPLE) != 0) {
-            throw py::error_already_set();
-        }
-        Slot::WriteOutcome outcome = Slot::WriteOutcome::None;
-        try {
-            WithoutGil([&] {
-                CallLibrary([&] {
-                    writer->onNotify(name_, view.buf, static_cast<size_t>(view.len));
-                    outcome = Slot::LastWriteOutcome();  // per thread, read right after
-                });
-            });
-        } catch (...) {
-            PyBuffer_Release(&view);
-            throw;
-        }
-        PyBuffer_Release(&view);
-        return Outcome(outcome);
+        return Outcome(WriteBuffer(*writer, name_, data));
     }
 
     void Close() {

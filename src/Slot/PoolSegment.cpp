@@ -581,22 +581,4 @@ PoolAttachment::~PoolAttachment() {
     segment_->Detach(index_);
 }
 
-void PoolAttachment::Hold(unsigned block) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (holds_[block]++ == 0) {
-        segment_->block(block).holders.fetch_or(bit());
-    }
-}
-
-void PoolAttachment::Release(unsigned block) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (--holds_[block] != 0) {
-            return;
-        }
-        segment_->block(block).holders.fetch_and(~bit());
-    }
-    segment_->TryReclaim(block);
-}
-
 }  // namespace Slot

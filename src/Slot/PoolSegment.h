@@ -15,7 +15,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace shared {
@@ -206,6 +205,11 @@ private:
 // One attached writer or reader object: its attachment entry, and the in-process counts of its
 // holds per block (the holder bit is set while the count is not 0). Detaches when the last
 // reference goes (loans and holds keep it).
+//
+// The counts are atomic, with no lock: a count goes from 0 to 1 only on the reader's thread,
+// for a block it is about to deliver, and such a block cannot be one whose holder bit a
+// Release on another thread is still about to clear (while that bit is set the block is not
+// reclaimed, so it is not delivered again).
 class PoolAttachment {
 public:
     explicit PoolAttachment(std::shared_ptr<PoolSegment> segment);
@@ -219,14 +223,22 @@ public:
 
     // Holder bit counting: the first Hold sets the bit, the last Release clears it and tries
     // to reclaim the block.
-    void Hold(unsigned block);
-    void Release(unsigned block);
+    void Hold(unsigned block) {
+        if (holds_[block].fetch_add(1) == 0) {
+            segment_->block(block).holders.fetch_or(bit());
+        }
+    }
+    void Release(unsigned block) {
+        if (holds_[block].fetch_sub(1) == 1) {
+            segment_->block(block).holders.fetch_and(~bit());
+            segment_->TryReclaim(block);
+        }
+    }
 
 private:
     std::shared_ptr<PoolSegment> segment_;
     unsigned index_;
-    std::mutex mutex_;
-    unsigned holds_[MaxPoolBlocks] = {};  // guarded by mutex_
+    std::atomic<unsigned> holds_[MaxPoolBlocks] = {};
 };
 
 // What a PoolBlock holds: one count on a block of a reader's attachment.
@@ -244,8 +256,6 @@ public:
     const void* data() const { return data_; }
     std::size_t size() const { return size_; }
     std::uint64_t sequence() const { return sequence_; }
-    // Set by the reader once it read the block's size, before the hold is shared.
-    void SetSize(std::size_t size) { size_ = size; }
 
 private:
     std::shared_ptr<PoolAttachment> owner_;
@@ -255,10 +265,16 @@ private:
     std::size_t size_;
 };
 
-// The block being delivered on this thread (set by the reader around each onNotify).
+// The block being delivered on this thread (set by the reader around each onNotify). Nothing
+// is allocated for it: HoldCurrentBlock makes the PoolHold on its first call in the delivery,
+// and later calls share it.
 struct PoolDelivery {
+    const std::shared_ptr<PoolAttachment>* owner;
+    unsigned block;
+    std::uint64_t sequence;
+    const void* data;
+    std::size_t size;
     std::shared_ptr<const PoolHold> hold;
 };
-void SetCurrentDelivery(const PoolDelivery* delivery);
 
 }  // namespace Slot

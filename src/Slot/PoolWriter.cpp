@@ -115,10 +115,12 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
     }
 
     // Queue kind: pushes are serialised by the writers' robust mutex; the tail store commits.
-    const boost::posix_time::ptime deadline = shared::UtcNow() + boost::posix_time::seconds(2);
+    // The deadline is computed only when the lock is taken (no clock read on the usual path).
+    const shared::OwnerDeadRepair repair = [&segment](pid_t) { segment.SweepOrphans(); };
     try {
-        if (!shared::TimedLockRecovering(segment.writerMutex(), deadline,
-                                         [&segment](pid_t) { segment.SweepOrphans(); })) {
+        if (!shared::TryLockRecovering(segment.writerMutex(), repair) &&
+            !shared::TimedLockRecovering(
+                segment.writerMutex(), shared::UtcNow() + boost::posix_time::seconds(2), repair)) {
             LOG4CXX_ERROR(segment.logger(),
                           "Pool '" << segment.name() << "': the writers' lock stayed taken");
             return end(WriteOutcome::Failed);

@@ -72,18 +72,19 @@ std::uint64_t HeaderField(const std::string& name, std::size_t offset) {
     return value;
 }
 
-// Keeps a hold on every block it is given.
+// Keeps a hold on every block it is given (unless `hold` is false: then an empty one).
 class Holder : public shared::ISubscriber {
 public:
     void onNotify(const std::string&, const void*, size_t) override {
         std::lock_guard<std::mutex> lock(mutex);
-        held.push_back(Slot::HoldCurrentBlock());
+        held.push_back(hold ? Slot::HoldCurrentBlock() : Slot::PoolBlock());
         sequences.push_back(Slot::CurrentBlockSequence());
     }
     std::size_t Count() {
         std::lock_guard<std::mutex> lock(mutex);
         return held.size();
     }
+    bool hold = true;
     std::mutex mutex;
     std::vector<Slot::PoolBlock> held;
     std::vector<std::uint64_t> sequences;
@@ -155,39 +156,57 @@ TEST_F(PoolTest, LoansRecordTheirOutcomesAndDroppedLoansReturn) {
     EXPECT_EQ(0u, counts.failed);
 }
 
+// Both kinds: a reader's hold is made only when its subscriber asks, and then keeps the block
+// out of every loan until its last copy goes; a queue block nobody holds is free again as soon
+// as its delivery returns.
 TEST_F(PoolTest, HeldBlocksAreNeverLoanedAgainAndKeepTheirBytes) {
-    ScopedPool pool;
-    const auto config = pool.Config("latest", 256, 3);
-    auto writer = PoolFactory::CreatePoolWriter(config);
-    auto holder = boost::make_shared<Holder>();
-    auto reader = PoolFactory::CreatePoolReader(config, holder);
-    for (std::uint64_t tag = 1; tag <= 3; ++tag) {
-        ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 100 + tag, tag));
-        ASSERT_TRUE(Eventually([&] { return holder->Count() == tag; }));
-    }
-    EXPECT_FALSE(Slot::HoldCurrentBlock());
-    EXPECT_EQ(0u, Slot::CurrentBlockSequence());
-
-    Slot::PoolReport report = Slot::SurveyPool(config.name);
-    EXPECT_EQ(3u, report.heldBlocks);
-    EXPECT_EQ(std::vector<pid_t>{::getpid()}, report.holders);
-    EXPECT_EQ(WriteOutcome::Refused, Publish(*writer, 8, 99));
-    {
-        std::lock_guard<std::mutex> lock(holder->mutex);
-        EXPECT_EQ((std::vector<std::uint64_t>{1, 2, 3}), holder->sequences);
+    for (const char* kind : {"latest", "queue"}) {
+        SCOPED_TRACE(kind);
+        ScopedPool pool;
+        const auto config = pool.Config(kind, 256, 3);
+        auto writer = PoolFactory::CreatePoolWriter(config);
+        auto holder = boost::make_shared<Holder>();
+        auto reader = PoolFactory::CreatePoolReader(config, holder);
         for (std::uint64_t tag = 1; tag <= 3; ++tag) {
-            const Slot::PoolBlock& block = holder->held[tag - 1];
-            EXPECT_EQ(tag, block.sequence());
-            EXPECT_EQ(100 + tag, block.size());
-            EXPECT_EQ(tag, Check(block.data(), block.size()));
+            ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 100 + tag, tag));
+            ASSERT_TRUE(Eventually([&] { return holder->Count() == tag; }));
         }
-        // Copies count: the block returns only when the last one goes.
-        Slot::PoolBlock copy = holder->held[0];
-        holder->held.erase(holder->held.begin());
+        EXPECT_FALSE(Slot::HoldCurrentBlock());
+        EXPECT_EQ(0u, Slot::CurrentBlockSequence());
+
+        Slot::PoolReport report = Slot::SurveyPool(config.name);
+        EXPECT_EQ(3u, report.heldBlocks);
+        EXPECT_EQ(std::vector<pid_t>{::getpid()}, report.holders);
         EXPECT_EQ(WriteOutcome::Refused, Publish(*writer, 8, 99));
-        holder->held.clear();
+        {
+            std::lock_guard<std::mutex> lock(holder->mutex);
+            EXPECT_EQ((std::vector<std::uint64_t>{1, 2, 3}), holder->sequences);
+            for (std::uint64_t tag = 1; tag <= 3; ++tag) {
+                const Slot::PoolBlock& block = holder->held[tag - 1];
+                EXPECT_EQ(tag, block.sequence());
+                EXPECT_EQ(100 + tag, block.size());
+                EXPECT_EQ(tag, Check(block.data(), block.size()));
+            }
+            // Copies count: the block returns only when the last one goes.
+            Slot::PoolBlock copy = holder->held[0];
+            holder->held.erase(holder->held.begin());
+            EXPECT_EQ(WriteOutcome::Refused, Publish(*writer, 8, 99));
+            holder->held.clear();
+        }
+        if (std::string(kind) == "queue") {
+            EXPECT_EQ(3u, Slot::SurveyPool(config.name).freeBlocks);
+            reader->unsubscribe(holder.get());
+            auto plain = boost::make_shared<Holder>();
+            plain->hold = false;
+            reader->subscribe(plain.get());
+            ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 8, 4));
+            ASSERT_TRUE(Eventually([&] { return plain->Count() == 1; }));
+            EXPECT_TRUE(Eventually([&] { return Slot::SurveyPool(config.name).freeBlocks == 3; }));
+            reader->unsubscribe(plain.get());
+        } else {
+            EXPECT_EQ(WriteOutcome::Stored, Publish(*writer, 8, 4));
+        }
     }
-    EXPECT_EQ(WriteOutcome::Stored, Publish(*writer, 8, 4));
 }
 
 TEST_F(PoolTest, LatestKindDeliversEachNewStateOnceToEveryReaderProcess) {

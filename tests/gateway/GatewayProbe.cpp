@@ -12,17 +12,29 @@
 //                                                    given TEXT (prints 'ready' once reading)
 //   gateway_probe length SLOT MAXSIZE                prints the number of blocks waiting in a
 //                                                    reliable slot
+//   gateway_probe pool-write KIND POOL MAXSIZE BLOCKS COUNT [PAUSE_MS]  numbered blocks filled
+//                                                    in place in loans of a pool ("queue": each
+//                                                    stored, retried while the pool is full)
+//   gateway_probe pool-read KIND POOL MAXSIZE BLOCKS COUNT SECONDS  as read, from a pool
+//                                                    reader, and the blocks' sequence numbers
+//                                                    grow; "latest": blocks may be skipped, not
+//                                                    reordered, and the last must arrive
+//   gateway_probe pool-rm POOL                        removes the pool
 // The blocks are NumberedBlock.h's.
 #include "NumberedBlock.h"
 
+#include <Slot/PoolBlock.h>
+#include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
 
 #include <log4cxx/basicconfigurator.h>
 #include <log4cxx/logger.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <mutex>
@@ -43,26 +55,37 @@ SlotCfg Cfg(const std::string& name, const std::string& type, std::size_t maxSiz
                    reliable ? 16 : 1, maxSize);
 }
 
-// Checks each delivered block against the next expected one.
+// Checks each delivered block against the next expected one. With `skips` (a latest pool), a
+// later block may stand in for the next one; a pool's blocks must also carry growing sequence
+// numbers.
 class Checker : public shared::ISubscriber {
 public:
-    Checker(std::size_t maxSize, unsigned count) : maxSize_(maxSize), count_(count) {}
+    Checker(std::size_t maxSize, unsigned count, bool skips = false)
+        : maxSize_(maxSize), count_(count), skips_(skips) {}
     void onNotify(const std::string&, const void* data, size_t size) override {
         const auto* bytes = static_cast<const unsigned char*>(data);
         const Bytes block(bytes, bytes + size);
+        const std::uint64_t sequence = Slot::CurrentBlockSequence();
         std::lock_guard<std::mutex> guard(mutex_);
+        unsigned match = next_;
+        while (skips_ && match + 1 < count_ && block != NumberedBlock(match, maxSize_)) {
+            ++match;
+        }
         if (failed_ || next_ >= count_) {
             ++extra_;
-        } else if (block == NumberedBlock(next_, maxSize_)) {
-            ++next_;
+        } else if (sequence != 0 && sequence <= sequence_) {
+            Fail("sequence " + std::to_string(sequence) + " after " + std::to_string(sequence_));
+        } else if (block == NumberedBlock(match, maxSize_)) {
+            skipped_ += match - next_;
+            next_ = match + 1;
         } else if (next_ > 0 && block == NumberedBlock(next_ - 1, maxSize_)) {
             ++repeats_;
         } else {
-            failed_ = true;
-            std::cerr << "gateway_probe: block " << next_ << " expected ("
-                      << NumberedBlock(next_, maxSize_).size() << " bytes), got " << size
-                      << " other bytes\n";
+            Fail("block " + std::to_string(next_) + " expected (" +
+                 std::to_string(NumberedBlock(next_, maxSize_).size()) + " bytes), got " +
+                 std::to_string(size) + " other bytes");
         }
+        sequence_ = sequence;
         changed_.notify_all();
     }
     // 0 all arrived, 1 wrong block, 2 time out.
@@ -71,28 +94,99 @@ public:
         const bool done =
             changed_.wait_for(lock, timeout, [&] { return failed_ || next_ >= count_; });
         std::cout << "received " << next_ << " of " << count_ << " blocks in order, " << repeats_
-                  << " repeated, " << extra_ << " extra\n";
+                  << " repeated, " << skipped_ << " skipped, " << extra_ << " extra\n";
         return failed_ ? 1 : done ? 0 : 2;
     }
 
 private:
+    void Fail(const std::string& what) {
+        failed_ = true;
+        std::cerr << "gateway_probe: " << what << "\n";
+    }
+
     std::mutex mutex_;
     std::condition_variable changed_;
     const std::size_t maxSize_;
     const unsigned count_;
-    unsigned next_ = 0, repeats_ = 0, extra_ = 0;
+    const bool skips_;
+    unsigned next_ = 0, repeats_ = 0, skipped_ = 0, extra_ = 0;
+    std::uint64_t sequence_ = 0;
     bool failed_ = false;
 };
 
+Slot::PoolConfig PoolCfg(char** argv) {  // KIND POOL MAXSIZE BLOCKS
+    return Slot::PoolConfig{argv[1], argv[0], std::strtoul(argv[2], nullptr, 10),
+                            std::strtoul(argv[3], nullptr, 10)};
+}
+
+// pool-write KIND POOL MAXSIZE BLOCKS COUNT [PAUSE_MS]
+int PoolWrite(int argc, char** argv) {
+    const Slot::PoolConfig cfg = PoolCfg(argv);
+    boost::shared_ptr<Slot::PoolWriter> writer = Slot::PoolFactory::CreatePoolWriter(cfg);
+    const unsigned count = std::strtoul(argv[4], nullptr, 10);
+    const std::chrono::milliseconds pause(argc > 5 ? std::strtoul(argv[5], nullptr, 10) : 0);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    for (unsigned n = 0; n < count;) {
+        const Bytes block = NumberedBlock(n, cfg.maxBlockSize);
+        Slot::PoolLoan loan = writer->loan(block.size());
+        if (loan) {
+            std::copy(block.begin(), block.end(), static_cast<unsigned char*>(loan.data()));
+        }
+        const Slot::WriteOutcome outcome = loan.publish(block.size());
+        if (outcome == Slot::WriteOutcome::Stored ||
+            (outcome == Slot::WriteOutcome::Discarded && cfg.kind == "latest")) {
+            ++n;
+            std::this_thread::sleep_for(pause);
+        } else if (outcome == Slot::WriteOutcome::Failed) {
+            std::cerr << "gateway_probe: publishing block " << n << " failed\n";
+            return 1;
+        } else if (std::chrono::steady_clock::now() > end) {
+            std::cerr << "gateway_probe: the pool stayed full at block " << n << "\n";
+            return 2;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    return 0;
+}
+
+// pool-read KIND POOL MAXSIZE BLOCKS COUNT SECONDS
+int PoolRead(char** argv) {
+    const Slot::PoolConfig cfg = PoolCfg(argv);
+    boost::shared_ptr<Checker> checker(
+        new Checker(cfg.maxBlockSize, std::strtoul(argv[4], nullptr, 10), cfg.kind == "latest"));
+    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(cfg, checker);
+    const int result = checker->Wait(std::chrono::seconds(std::strtoul(argv[5], nullptr, 10)));
+    reader.reset();
+    return result;
+}
+
 int Usage() {
     std::cerr
-        << "usage: gateway_probe write|read|length|state|wait-state|watch-state SLOT MAXSIZE ...\n";
+        << "usage: gateway_probe write|read|length|state|wait-state|watch-state SLOT MAXSIZE ...\n"
+           "       gateway_probe pool-write|pool-read KIND POOL MAXSIZE BLOCKS COUNT ...\n"
+           "       gateway_probe pool-rm POOL\n";
     return 64;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    const std::string first = argc > 1 ? argv[1] : "";
+    if (first == "pool-write" || first == "pool-read" || first == "pool-rm") {
+        log4cxx::BasicConfigurator::configure();
+        log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getError());
+        if (first == "pool-rm" && argc == 3) {
+            return Slot::PoolFactory::RemovePool(argv[2]) ? 0 : 1;
+        }
+        if (first == "pool-write" && (argc == 7 || argc == 8)) {
+            return PoolWrite(argc - 2, argv + 2);
+        }
+        if (first == "pool-read" && argc == 8) {
+            return PoolRead(argv + 2);
+        }
+        return Usage();
+    }
     if (argc < 4 || (std::string(argv[1]) != "length" && argc < 5)) {
         return Usage();
     }

@@ -5,8 +5,9 @@
 # slot kinds and both directions, a receiving gateway restarted mid-stream (reliable: nothing
 # lost), SIGKILLed mid-stream (the stall until blocks flow again is measured), a reliable slot
 # left alone while no receiver is matched (kept whole and in order across a SIGKILL of the
-# sender), blocks of 0 bytes to the maximum size, the latest state of a discarding slot, and no
-# echo in a both-ways configuration. Needs root; otherwise reported as skipped (exit 77).
+# sender), blocks of 0 bytes to the maximum size, the latest state of a discarding slot, no
+# echo in a both-ways configuration, and both pool kinds (blocks filled in place, every block of
+# a queue pool in order, the last of a latest pool; no pool file left behind). Needs root; otherwise reported as skipped (exit 77).
 #   two_hosts.sh SLOT_GATEWAY GATEWAY_PROBE
 set -euo pipefail
 gateway=$(realpath "$1")
@@ -96,7 +97,11 @@ config() {  # file, direction of A->B slots, direction of B->A slots
     {"name": "gw_latest", "type": "discarding", "max_size": 4096, "update_time_ms": 500,
      "direction": "$2", "partition": "t$tag", "topic": "latest"},
     {"name": "gw_shared", "type": "discarding", "max_size": 4096, "update_time_ms": 500,
-     "direction": "both", "partition": "t$tag", "topic": "shared"}
+     "direction": "both", "partition": "t$tag", "topic": "shared"},
+    {"name": "gw_pool", "pool": "queue", "max_size": $max, "blocks": 8,
+     "direction": "$2", "partition": "t$tag", "topic": "pool"},
+    {"name": "gw_pool_latest", "pool": "latest", "max_size": 4096, "blocks": 4,
+     "direction": "$2", "partition": "t$tag", "topic": "pool_latest"}
   ]
 }
 JSON
@@ -170,11 +175,12 @@ cat "$work/read-rel.log"
 step "reliable A -> B: B's gateway SIGKILLed and restarted three times mid-stream"
 # The stall: from the SIGKILL until the restarted gateway has stored two blocks (the first may
 # be the one in flight, sent again; the second needs the sender to be done with it).
-# A paced stream (a block every 5 ms), so that it still runs at the third SIGKILL.
+# A paced stream (a block every 10 ms, 12 s without the stalls), so that it still runs at the
+# third SIGKILL also when polling the status on a loaded machine takes seconds per round.
 count=1200
 "${on_B[@]}" timeout -s KILL 150 "$probe" read gw_rel $max $count 120 > "$work/read-kill.log" 2>&1 &
 reader=$!
-"${on_A[@]}" timeout -s KILL 150 "$probe" write gw_rel $max $count 5 > "$work/write-kill.log" 2>&1 &
+"${on_A[@]}" timeout -s KILL 150 "$probe" write gw_rel $max $count 10 > "$work/write-kill.log" 2>&1 &
 writer=$!
 stalls=()
 for round in 1 2 3; do
@@ -224,6 +230,22 @@ reader=$!
 "${on_B[@]}" timeout -s KILL 100 "$probe" write gw_back $max 300 > "$work/write-back.log" 2>&1 || fail "writer on B failed"
 wait "$reader" || fail "reader on A: $(cat "$work/read-back.log")"
 
+step "queue pool A -> B: 300 blocks filled in place, every one in order"
+"${on_B[@]}" timeout -s KILL 100 "$probe" pool-read queue gw_pool $max 8 300 80 > "$work/read-pool.log" 2>&1 &
+reader=$!
+"${on_A[@]}" timeout -s KILL 100 "$probe" pool-write queue gw_pool $max 8 300 > "$work/write-pool.log" 2>&1 ||
+    fail "pool writer on A: $(cat "$work/write-pool.log")"
+wait "$reader" || fail "pool reader on B: $(cat "$work/read-pool.log")"
+cat "$work/read-pool.log"
+
+step "latest pool A -> B: states in order, the last one arrives"
+"${on_B[@]}" timeout -s KILL 60 "$probe" pool-read latest gw_pool_latest 4096 4 40 40 > "$work/read-pool-latest.log" 2>&1 &
+reader=$!
+"${on_A[@]}" timeout -s KILL 60 "$probe" pool-write latest gw_pool_latest 4096 4 40 10 > "$work/write-pool-latest.log" 2>&1 ||
+    fail "pool writer on A: $(cat "$work/write-pool-latest.log")"
+wait "$reader" || fail "latest pool reader on B: $(cat "$work/read-pool-latest.log")"
+cat "$work/read-pool-latest.log"
+
 step "discarding A -> B: the latest state arrives"
 for n in $(seq 1 40); do "${on_A[@]}" timeout -s KILL 20 "$probe" state gw_latest 4096 "state $n"; done
 "${on_B[@]}" timeout -s KILL 40 "$probe" wait-state gw_latest 4096 "state 40" 30 || fail "B does not hold the latest state"
@@ -255,8 +277,14 @@ stop_gateway B
 for host in A B; do
     f=$(counter $host gw_shared forwarded) r=$(counter $host gw_shared received)
     [[ $f == 1 && $r == 1 ]] || fail "host $host forwarded $f and received $r states of gw_shared (1 and 1 expected)"
-    d=$(( $(counter $host gw_rel dropped) + $(counter $host gw_back dropped) ))
-    [[ $d == 0 ]] || fail "host $host dropped $d reliable blocks"
+    d=$(( $(counter $host gw_rel dropped) + $(counter $host gw_back dropped) + $(counter $host gw_pool dropped) ))
+    [[ $d == 0 ]] || fail "host $host dropped $d reliable or queue pool blocks"
+    runner=on_$host[@]
+    for pool in gw_pool gw_pool_latest; do
+        "${!runner}" "$probe" pool-rm $pool || fail "host $host has no pool $pool"
+    done
+    left=$("${!runner}" sh -c 'ls -A /dev/shm/libslot-pools')
+    [[ -z $left ]] || fail "host $host left pool files behind: $left"
 done
 "$gateway" --status "$work/status-A.json"
 echo "gateway two-host test passed"
