@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
 #include <cstring>
@@ -313,6 +314,10 @@ TEST(SlotctlPoolRecord, ALatestPoolsMissedStatesAreGaps) {
     ASSERT_TRUE(Eventually([&] { return ReadRecording(path).blocks.size() == 1; },
                            std::chrono::seconds(30)));
     recorder.Signal(SIGSTOP);
+    // The stop reaches every thread a little after kill() returns: wait until it has.
+    int status = 0;
+    ASSERT_EQ(recorder.Pid(), ::waitpid(recorder.Pid(), &status, WUNTRACED));
+    ASSERT_TRUE(WIFSTOPPED(status));
     for (const char* state : {"second", "third", "fourth"}) {
         Publish(*writer, state);
     }
