@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "Files.h"
+
 #include <Slot/IFileOutputCfg.h>
 
 #include <unistd.h>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 
@@ -50,15 +50,8 @@ inline std::string Pattern(size_t size, unsigned int seed) {
     return bytes;
 }
 
-inline std::string ReadFile(const std::string& path) {
-    std::ifstream in(path.c_str(), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
-    out << bytes;
-}
+using testsupport::ReadFile;
+using testsupport::WriteFile;
 
 // Removes the listed paths (files, FIFOs) when the test ends, also when it fails.
 class ScopedPaths {

@@ -45,6 +45,7 @@ using boost::interprocess::open_or_create;
 using testsupport::ChildProcess;
 using testsupport::DieWithParent;
 using Clock = std::chrono::steady_clock;
+using testsupport::CampaignRole;
 
 const int kWriters = 2;
 // Blocks of any size up to 64 KiB: a writer killed at a random moment often dies inside the
@@ -294,22 +295,6 @@ int CreatorLife(Ledger& ledger, const std::string& prefix) {
     return 0;
 }
 
-// One role: restarted when killed or ended.
-struct Role {
-    std::string what;
-    std::function<int()> life;
-    std::unique_ptr<ChildProcess> child;
-    int kills = 0;
-    std::uint64_t lastBeat = 0;
-    Clock::time_point lastProgress = Clock::now();
-    std::function<std::uint64_t()> beats;
-
-    void Start() {
-        child.reset(new ChildProcess(life));
-        lastProgress = Clock::now();
-    }
-};
-
 TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlocks) {
     if (!shared::ArmCrashPoint("")) {
         GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
@@ -325,13 +310,13 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
     testsupport::ScopedSlotName discarding("crashdis");
     const std::string creatorPrefix = testsupport::UniqueName("crashnew");
 
-    std::vector<Role> roles(kWriters + 3);
+    std::vector<CampaignRole> roles(kWriters + 3);
     for (int w = 0; w < kWriters; ++w) {
         roles[w].what = "writer " + std::to_string(w);
         roles[w].life = [&, w] { return WriterLife(ledger, reliable.str(), w); };
         roles[w].beats = [&, w] { return Load(ledger.writerBeats[w]); };
     }
-    Role& reader = roles[kWriters];
+    CampaignRole& reader = roles[kWriters];
     reader.what = "reader";
     reader.life = [&] { return ReaderLife(ledger, reliable.str()); };
     // The reader makes progress when accepted blocks keep arriving (writers wait on a full queue).
@@ -345,8 +330,21 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
 
     // Uncertain blocks: in flight when their writer died (may arrive once or twice, or never).
     std::vector<std::vector<std::int64_t>> uncertain(kWriters);
+    // A role ended: restarted, and a writer's block in flight noted as uncertain.
+    const auto restart = [&](CampaignRole& role) {
+        const std::ptrdiff_t w = &role - &roles[0];
+        if (w < kWriters) {
+            const std::int64_t flying = Load(ledger.inFlight[w]);
+            if (flying >= 0) {
+                uncertain[w].push_back(flying);
+            }
+            Store(ledger.inFlight[w], std::int64_t{-1});
+        }
+        ++role.kills;
+        role.Start();
+    };
     std::mt19937 random(12345);
-    for (Role& role : roles) {
+    for (CampaignRole& role : roles) {
         role.Start();
     }
     const auto end = Clock::now() + std::chrono::seconds(seconds);
@@ -355,47 +353,22 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
         std::this_thread::sleep_for(std::chrono::milliseconds(20 + random() % 80));
         // Writers are the victims of most kills: their deaths inside a send are what can tear
         // a block.
-        Role& victim = roles[random() % 2 == 0 ? random() % kWriters : random() % roles.size()];
+        CampaignRole& victim =
+            roles[random() % 2 == 0 ? random() % kWriters : random() % roles.size()];
         victim.child->Kill(SIGKILL);
         victim.child->Wait(std::chrono::seconds(30));
-        ++victim.kills;
-        for (int w = 0; w < kWriters; ++w) {
-            if (&victim == &roles[w]) {
-                const std::int64_t flying = Load(ledger.inFlight[w]);
-                if (flying >= 0) {
-                    uncertain[w].push_back(flying);
-                }
-                Store(ledger.inFlight[w], std::int64_t{-1});
-            }
-        }
-        victim.Start();
+        restart(victim);
         // Restart any role that died at its crash point; check everyone's progress.
-        for (Role& role : roles) {
+        for (CampaignRole& role : roles) {
             testsupport::ChildResult state;
             if (role.child->Poll(&state)) {
                 if (state.exited && state.exitCode != 0) {
                     stall = role.what + " failed: " + state.Describe();
                 }
-                for (int w = 0; w < kWriters; ++w) {
-                    if (&role == &roles[w]) {
-                        const std::int64_t flying = Load(ledger.inFlight[w]);
-                        if (flying >= 0) {
-                            uncertain[w].push_back(flying);
-                        }
-                        Store(ledger.inFlight[w], std::int64_t{-1});
-                    }
-                }
-                ++role.kills;
-                role.Start();
+                restart(role);
             }
-            const std::uint64_t beat = role.beats();
-            if (beat != role.lastBeat) {
-                role.lastBeat = beat;
-                role.lastProgress = Clock::now();
-            } else if (Clock::now() - role.lastProgress > kStallBound) {
-                stall = role.what + " made no progress for " + std::to_string(kStallBound.count()) +
-                        " s";
-            }
+            const std::string stalled = role.Stall(kStallBound);
+            stall = stalled.empty() ? stall : stalled;
         }
     }
     EXPECT_EQ("", stall);
@@ -403,7 +376,7 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
     // Stop: writers and the others end their loops; the reader drains the queue first.
     const auto stopping = Clock::now();
     Store(ledger.stop, 1);
-    for (Role& role : roles) {
+    for (CampaignRole& role : roles) {
         const testsupport::ChildResult result = role.child->Wait(std::chrono::seconds(30));
         // A life that died at its crash point just before the stop is fine; a hang is not.
         EXPECT_TRUE(result.Ok() || (result.signal == SIGKILL && !result.timedOut))
@@ -457,7 +430,7 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
     EXPECT_LE(lost, static_cast<std::uint64_t>(reader.kills)) << "accepted blocks lost";
     std::uint64_t kills = 0;
     int writerKills = 0;
-    for (const Role& role : roles) {
+    for (const CampaignRole& role : roles) {
         kills += static_cast<std::uint64_t>(role.kills);
         writerKills += &role < &roles[kWriters] ? role.kills : 0;
     }

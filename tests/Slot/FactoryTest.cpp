@@ -19,17 +19,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cstdint>
-#include <functional>
 
 namespace {
 
 using testsupport::LogCapture;
 using testsupport::ScopedSlotName;
-
-bool ShmExists(const std::string& name) {
-    struct stat st;
-    return ::stat(("/dev/shm/" + name).c_str(), &st) == 0;
-}
+using testsupport::ShmExists;
 
 SimpleSlotCfg Cfg(const std::string& name, const std::string& type, unsigned int length = 4,
                   int updateMs = 10) {
@@ -65,6 +60,34 @@ void ExpectPipeRefused(const SimpleSlotCfg& cfg, const std::string& path) {
     }
 }
 
+// The factory's operations (the reader's alone with `readerOnly`) refuse `cfg` with `message`,
+// or a message that starts with it when not `whole`.
+void ExpectRefused(const ISlotConfiguration& cfg, const std::string& message, bool whole = true,
+                   bool readerOnly = false) {
+    for (int op = readerOnly ? 1 : 0; op < (readerOnly ? 2 : 3); ++op) {
+        try {
+            if (op == 0) {
+                SlotFactory::CreateSlot(&cfg);
+            } else if (op == 1) {
+                SlotFactory::CreateSlotReader(&cfg);
+            } else {
+                SlotFactory::CreateSlotWriter(&cfg);
+            }
+            ADD_FAILURE() << "operation " << op << " accepted '" << cfg.GetName() << "'";
+        } catch (const AbortSlotCreationException& e) {
+            const std::string what = e.what();
+            EXPECT_EQ(message, whole ? what : what.substr(0, message.size())) << "operation " << op;
+        }
+    }
+}
+
+// Nothing of slot `name` was made: no header, no queue, no FIFO.
+void ExpectNothingMade(const std::string& name) {
+    EXPECT_FALSE(ShmExists(name));
+    EXPECT_FALSE(ShmExists("queue_" + name));
+    EXPECT_NE(0, ::access(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str(), F_OK));
+}
+
 // INFO messages of the factory's own logger (its children, the readers, log "Initialized").
 std::vector<std::string> FactoryMessages(const LogCapture& log) {
     std::vector<std::string> out;
@@ -86,52 +109,17 @@ TEST(SlotFactory, AcceptsTheThreeTypesAndTheEmptyOne) {
     EXPECT_FALSE(SlotFactory::SlotTypeIsValid("reliable "));
 }
 
-TEST(SlotFactory, InvalidTypeIsRefusedByEveryOperationAndCreatesNothing) {
-    ScopedSlotName name("wintype");
-    const SimpleSlotCfg cfg = Cfg(name, "win-pipe");
-    const auto expectRefused = [&](const std::function<void()>& op) {
-        try {
-            op();
-            ADD_FAILURE() << "no exception";
-        } catch (const AbortSlotCreationException& e) {
-            EXPECT_STREQ("Invalid slot type win-pipe", e.what());
-        }
-    };
-    expectRefused([&] { SlotFactory::CreateSlot(&cfg); });
-    expectRefused([&] { SlotFactory::CreateSlotReader(&cfg); });
-    expectRefused([&] { SlotFactory::CreateSlotWriter(&cfg); });
-    EXPECT_FALSE(ShmExists(name.str()));
-    EXPECT_FALSE(ShmExists("queue_" + name.str()));
-    struct stat st;
-    EXPECT_NE(0, ::stat(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str(), &st));
-}
-
 // A NUL byte would cut the name short: "<n>\0x" would open slot "<n>" (and its FIFO).
-TEST(SlotFactory, NamesWithANulByteAreRefusedAndCreateNothing) {
-    ScopedSlotName name("nul");
+TEST(SlotFactory, InvalidTypesAndNamesWithANulByteAreRefusedAndCreateNothing) {
+    ScopedSlotName name("refused");
+    ExpectRefused(Cfg(name, "win-pipe"), "Invalid slot type win-pipe");
     for (const char* type : {"reliable", "discarding", "posix-pipe", ""}) {
-        const SimpleSlotCfg cfg = Cfg(name.str() + std::string(1, '\0') + "x", type);
-        for (int op = 0; op < 3; ++op) {
-            try {
-                if (op == 0) {
-                    SlotFactory::CreateSlot(&cfg);
-                } else if (op == 1) {
-                    SlotFactory::CreateSlotReader(&cfg);
-                } else {
-                    SlotFactory::CreateSlotWriter(&cfg);
-                }
-                ADD_FAILURE() << "no exception for type '" << type << "', operation " << op;
-            } catch (const AbortSlotCreationException& e) {
-                EXPECT_EQ("Slot could not be created: the name '" + name.str() +
-                              "...' contains a NUL byte",
-                          e.what());
-            }
-        }
+        SCOPED_TRACE(type);
+        ExpectRefused(
+            Cfg(name.str() + std::string(1, '\0') + "x", type),
+            "Slot could not be created: the name '" + name.str() + "...' contains a NUL byte");
     }
-    EXPECT_FALSE(ShmExists(name.str()));
-    EXPECT_FALSE(ShmExists("queue_" + name.str()));
-    struct stat st;
-    EXPECT_NE(0, ::stat(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str(), &st));
+    ExpectNothingMade(name);
 }
 
 TEST(SlotFactory, CreateSlotPicksTheKindByType) {
@@ -208,15 +196,6 @@ SlotCfg WideCfg(const std::string& name, const std::string& type, std::uint64_t 
                    static_cast<size_t>(maxSize));
 }
 
-void ExpectCreationFailure(const std::function<void()>& op, const std::string& prefix) {
-    try {
-        op();
-        ADD_FAILURE() << "no exception";
-    } catch (const AbortSlotCreationException& e) {
-        EXPECT_EQ(0u, std::string(e.what()).rfind(prefix, 0)) << e.what();
-    }
-}
-
 // 2^32 + 16 would be a 16-byte slot and 2^32 + 2 a 2-block queue if they were narrowed.
 TEST(SlotFactory, SizesAbove32BitsAreRefusedNotTruncated) {
     if (sizeof(size_t) < 8) {
@@ -224,33 +203,22 @@ TEST(SlotFactory, SizesAbove32BitsAreRefusedNotTruncated) {
     }
     const std::uint64_t big = std::uint64_t(1) << 32;
     ScopedSlotName name("wide");
+    const std::string failure = "Slot could not be created: ";
     for (const std::string type : {"reliable", "discarding", ""}) {
         SCOPED_TRACE(type);
-        const SlotCfg wideSize = WideCfg(name, type, big + 16, 4),
-                      wideLength = WideCfg(name, type, 64, big + 2);
-        for (const SlotCfg* cfg : {&wideSize, &wideLength}) {
-            if (cfg == &wideLength && type != "reliable") {
-                continue;  // only a reliable slot asks for the buffer length
-            }
-            const std::string failure = "Slot could not be created: ";
-            ExpectCreationFailure([&] { SlotFactory::CreateSlot(cfg); }, failure);
-            ExpectCreationFailure([&] { SlotFactory::CreateSlotWriter(cfg); }, failure);
-            ExpectCreationFailure([&] { SlotFactory::CreateSlotReader(cfg); }, failure);
+        ExpectRefused(WideCfg(name, type, big + 16, 4), failure, false);
+        if (type == "reliable") {  // only a reliable slot asks for the buffer length
+            ExpectRefused(WideCfg(name, type, 64, big + 2), failure, false);
         }
     }
-    ExpectCreationFailure(
-        [&] {
-            const SlotCfg pipe = WideCfg(name, "posix-pipe", big + 16, 4);
-            SlotFactory::CreateSlotReader(&pipe);
-        },
-        "Slot could not be created: ");
-    EXPECT_FALSE(ShmExists(name.str()));
-    EXPECT_FALSE(ShmExists("queue_" + name.str()));
+    ExpectRefused(WideCfg(name, "posix-pipe", big + 16, 4), failure, false, true);
+    ExpectNothingMade(name);
 }
 
-// Non-finite and negative update times would make Init sleep for ever or the thread spin.
+// Non-finite and negative update times would make Init sleep for ever or the thread spin; the
+// readers themselves refuse them.
 TEST(SlotFactory, UpdateTimesThatCannotWorkAreRefused) {
-    ScopedSlotName name("uptime");
+    ScopedSlotName name("uptime"), zero("uptimezero");
     // In a child with a time limit: a reader that accepted one of them would never return.
     const testsupport::ChildResult child = testsupport::RunInChild(
         [&] {
@@ -272,13 +240,13 @@ TEST(SlotFactory, UpdateTimesThatCannotWorkAreRefused) {
                     }
                 }
             }
-            return failures;
+            // 0 is a reader that looks again at once.
+            const SlotCfg immediate = WideCfg(zero, "discarding", 64, 4, time_duration());
+            return failures + (SlotFactory::CreateSlotReader(&immediate) ? 0 : 1);
         },
         std::chrono::seconds(20));
     EXPECT_TRUE(child.Ok()) << child.Describe();
-    EXPECT_FALSE(ShmExists(name.str()));
-    EXPECT_FALSE(ShmExists("queue_" + name.str()));
-    EXPECT_NE(0, ::access(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str(), F_OK));
+    ExpectNothingMade(name);
 }
 
 TEST(SlotFactory, PosixPipeGoesThroughTheFileSystemOnly) {

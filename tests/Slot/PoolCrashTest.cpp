@@ -31,6 +31,7 @@ using pooltest::Check;
 using pooltest::Fill;
 using Slot::PoolFactory;
 using Slot::WriteOutcome;
+using testsupport::CampaignRole;
 
 constexpr int kQueueWriters = 2;
 constexpr int kLatestReaders = 2;
@@ -186,20 +187,6 @@ int CreatorLife(Ledger& ledger, const std::string& prefix, int beat) {
     return 0;
 }
 
-struct Role {
-    std::string what;
-    std::function<int()> life;
-    std::unique_ptr<testsupport::ChildProcess> child;
-    int kills = 0;
-    std::uint64_t lastBeat = 0;
-    Clock::time_point lastProgress;
-
-    void Start() {
-        child.reset(new testsupport::ChildProcess(life));
-        lastProgress = Clock::now();
-    }
-};
-
 using PoolCampaign = pooltest::PoolTest;
 
 TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBlocks) {
@@ -213,10 +200,12 @@ TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBloc
     const Slot::PoolConfig latest = latestPool.Config("latest", kBigBlock, 4);
     const std::string creatorPrefix = testsupport::UniqueName("crashnew");
 
-    std::vector<Role> roles;
+    std::vector<CampaignRole> roles;
     auto add = [&](const std::string& what, std::function<int(int)> life) {
         const int beat = static_cast<int>(roles.size());
-        roles.push_back(Role{what, [life, beat] { return life(beat); }, nullptr, 0, 0, {}});
+        roles.emplace_back(
+            what, [life, beat] { return life(beat); },
+            [&ledger, beat] { return ledger.beats[beat].load(); });
     };
     for (int w = 0; w < kQueueWriters; ++w) {
         add("queue writer " + std::to_string(w),
@@ -233,7 +222,7 @@ TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBloc
     ASSERT_LE(roles.size(), 8u);
 
     std::mt19937 random(4711);
-    for (Role& role : roles) {
+    for (CampaignRole& role : roles) {
         role.Start();
     }
     const auto end = Clock::now() + std::chrono::seconds(seconds);
@@ -241,31 +230,24 @@ TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBloc
     int kills = 0;
     while (Clock::now() < end && stall.empty()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(30 + random() % 120));
-        Role& victim = roles[random() % roles.size()];
+        CampaignRole& victim = roles[random() % roles.size()];
         victim.child->Kill(SIGKILL);
         victim.child->Wait();
         ++victim.kills;
         ++kills;
         victim.Start();
-        for (std::size_t r = 0; r < roles.size(); ++r) {
-            Role& role = roles[r];
+        for (CampaignRole& role : roles) {
             testsupport::ChildResult result;
             if (role.child->Poll(&result)) {
                 stall = role.what + " ended: " + result.Describe();
             }
-            const std::uint64_t beat = ledger.beats[r].load();
-            if (beat != role.lastBeat) {
-                role.lastBeat = beat;
-                role.lastProgress = Clock::now();
-            } else if (Clock::now() - role.lastProgress > kStallBound) {
-                stall = role.what + " made no progress for " + std::to_string(kStallBound.count()) +
-                        " s";
-            }
+            const std::string stalled = role.Stall(kStallBound);
+            stall = stalled.empty() ? stall : stalled;
         }
     }
     EXPECT_EQ("", stall);
     ledger.stop = 1;
-    for (Role& role : roles) {
+    for (CampaignRole& role : roles) {
         const testsupport::ChildResult result = role.child->Wait(std::chrono::seconds(30));
         EXPECT_TRUE(result.Ok()) << role.what << ": " << result.Describe();
     }

@@ -399,16 +399,6 @@ TEST(SlotWriter, WritesUnderTheLockAndWakesReadersAfterwards) {
               log.Messages());
 }
 
-TEST(SlotWriter, FailedWriteUnlocksAndDoesNotWakeReaders) {
-    FakeSlot slot;
-    slot.writeThrows = [] { throw std::runtime_error("refused"); };
-    SlotWriter writer{Unowned(slot)};
-    EXPECT_THROW(writer.onNotify("", "x", 1), std::runtime_error);
-    EXPECT_TRUE(slot.lock().try_lock()) << "the slot must be unlocked after a failed write";
-    slot.lock().unlock();
-    EXPECT_EQ(0, slot.event().notifies);
-}
-
 TEST(BaseSlotReader, DeliversTheSlotNameAndExactBytesOutsideTheLock) {
     boost::shared_ptr<FakeSlot> slot(new FakeSlot("position"));
     LogCapture log("Slot.Reader");

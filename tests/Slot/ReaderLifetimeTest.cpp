@@ -10,8 +10,6 @@
 #include "ShmHygiene.h"
 
 #include <Slot/AbortSlotCreationException.h>
-#include <Slot/BoostInterprocess/DiscardingSlot.h>
-#include <Slot/BoostInterprocess/DiscardingSlotReader.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
 #include <Slot/SlotWriter.h>
@@ -38,21 +36,6 @@ using testsupport::ReaderCfg;
 using testsupport::ScopedSlotName;
 
 // ---- creation ----
-
-TEST(BaseSlotReader, RefusesUpdateTimesThatWouldHangOrSpin) {
-    ScopedSlotName name("badtime"), reliableName("badtime");
-    boost::shared_ptr<ISlot> slot(
-        new DiscardingSlot(boost::interprocess::open_or_create, name.c_str(), 256));
-    boost::shared_ptr<ISlot> reliable(
-        new ReliableSlot(boost::interprocess::open_or_create, reliableName.c_str(), 256, 4));
-    for (const pt::time_duration& t :
-         {pt::time_duration(pt::pos_infin), pt::time_duration(pt::not_a_date_time),
-          pt::time_duration(pt::milliseconds(-5))}) {
-        EXPECT_THROW(DiscardingSlotReader(slot, t), AbortSlotCreationException);
-        EXPECT_THROW(ReliableSlotReader(reliable, t), AbortSlotCreationException);
-    }
-    EXPECT_NO_THROW(DiscardingSlotReader(slot, pt::time_duration()));
-}
 
 // A budget that is negative or infinite is refused with its own text before anything is made.
 TEST(SpinningReader, RefusesBadBudgets) {

@@ -21,13 +21,9 @@
 namespace {
 
 using testsupport::ChildProcess;
+using testsupport::Exists;
 using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
-
-bool Exists(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
-}
 
 bool Listed(const std::string& name) {
     const std::vector<std::string> orphans = SlotLeftovers::OrphanedReaderLockFiles();

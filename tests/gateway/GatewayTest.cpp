@@ -49,12 +49,15 @@ public:
 };
 const auto* const kLoopback = ::testing::AddGlobalTestEnvironment(new LoopbackDds);
 
+// A route of a slot ("reliable", "discarding") or a pool ("queue", "latest").
 Route MakeRoute(const std::string& name, const std::string& type, Direction direction,
                 const std::string& partition, const std::string& topic, std::size_t maxSize,
                 std::size_t queueLength) {
+    const bool pool = type == "queue" || type == "latest";
     Route route;
     route.name = name;
-    route.type = type;
+    route.type = pool ? "" : type;
+    route.pool = pool ? type : "";
     route.direction = direction;
     route.partition = partition;
     route.topic = topic;
@@ -64,6 +67,19 @@ Route MakeRoute(const std::string& name, const std::string& type, Direction dire
     // a slow wake-up on a loaded machine does not make the gateway miss a state.
     route.updateTimeMs = type == "discarding" ? 500 : 20;
     return route;
+}
+
+// The two ends of a link on a partition of its own: `source` to the network, the network into
+// `destination`.
+struct Link {
+    Route out, in;
+};
+Link MakeLink(const std::string& source, const std::string& destination, const std::string& type,
+              std::size_t maxSize, std::size_t outLength, std::size_t inLength) {
+    const std::string partition = testsupport::UniqueName("part");
+    return {
+        MakeRoute(source, type, Direction::ToNetwork, partition, "t", maxSize, outLength),
+        MakeRoute(destination, type, Direction::FromNetwork, partition, "t", maxSize, inLength)};
 }
 
 Config OneRoute(const Route& route) {
@@ -88,6 +104,17 @@ std::vector<Bytes> BlocksOf(const Collector& collector) {
     return blocks;
 }
 
+// `collector` gets blocks 0..total-1 of a numbered run, each once, in order.
+void ExpectNumbered(Collector& collector, unsigned total, std::size_t maxSize) {
+    ASSERT_TRUE(collector.WaitFor(total, std::chrono::seconds(90)))
+        << collector.Count() << " of " << total << " arrived";
+    const std::vector<Bytes> blocks = BlocksOf(collector);
+    ASSERT_EQ(blocks.size(), total);
+    for (unsigned n = 0; n < total; ++n) {
+        ASSERT_EQ(blocks[n], NumberedBlock(n, maxSize)) << "block " << n;
+    }
+}
+
 // Writes into a reliable slot, waiting while it is full (the gateway's back-pressure).
 void WriteHeld(const ISubscriberPtr& writer, const std::string& name, const Bytes& block) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -105,23 +132,27 @@ void WriteHeld(const ISubscriberPtr& writer, const std::string& name, const Byte
 }  // namespace
 
 // Every block arrives once, in order, byte for byte, 0 bytes to the maximum size; a full
-// destination holds the source back instead of losing blocks.
-TEST(Gateway, ReliableCarriesEveryBlockAndHoldsBackWhenFull) {
-    testsupport::ScopedSlotName source("gw_src"), destination("gw_dst");
-    const std::string partition = testsupport::UniqueName("part");
-    const std::size_t maxSize = 70000;
-    const Route out =
-        MakeRoute(source, "reliable", Direction::ToNetwork, partition, "blocks", maxSize, 32);
-    const Route in =
-        MakeRoute(destination, "reliable", Direction::FromNetwork, partition, "blocks", maxSize, 4);
-    RouteSlotCfg sourceCfg(out), destinationCfg(in);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+// destination holds the source back instead of losing blocks. A reliable slot, and a queue pool
+// carried like one.
+class GatewayCarries : public ::testing::TestWithParam<std::string> {};
 
-    Gateway receiving(OneRoute(in));
-    Gateway sending(OneRoute(out));
+TEST_P(GatewayCarries, EveryBlockAndHoldsBackWhenFull) {
+    const bool pool = GetParam() == "queue";
+    testsupport::ScopedSlotName slotSource("gw_src"), slotDestination("gw_dst");
+    pooltest::ScopedPool poolSource("gw_pool_src"), poolDestination("gw_pool_dst");
+    const std::string source = pool ? poolSource.str() : slotSource.str();
+    const std::size_t maxSize = 70000;
+    const Link link = MakeLink(source, pool ? poolDestination.str() : slotDestination.str(),
+                               GetParam(), maxSize, pool ? 8 : 32, 4);
+    const RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    ISubscriberPtr writer = pool ? Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.out))
+                                 : SlotFactory::CreateSlotWriter(&sourceCfg);
+
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
     // Nobody reads the destination yet: it fills, the receiving gateway retries, DDS fills, and
     // the sending gateway stops taking from the source.
-    const unsigned held = 20;
+    const unsigned held = pool ? 12 : 20;
     for (unsigned n = 0; n < held; ++n) {
         WriteHeld(writer, source, NumberedBlock(n, maxSize));
     }
@@ -130,39 +161,36 @@ TEST(Gateway, ReliableCarriesEveryBlockAndHoldsBackWhenFull) {
     EXPECT_EQ(receiving.Status()[0].counters.dropped, 0u);
 
     boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
-    const unsigned total = 300;
+    INotifierPtr reader =
+        pool ? Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(link.in), collector)
+             : SlotFactory::CreateSlotReader(&destinationCfg, collector);
+    const unsigned total = pool ? 120 : 300;
     for (unsigned n = held; n < total; ++n) {
         WriteHeld(writer, source, NumberedBlock(n, maxSize));
     }
-    ASSERT_TRUE(collector->WaitFor(total, std::chrono::seconds(90)))
-        << BlocksOf(*collector).size() << " of " << total << " arrived";
-    const std::vector<Bytes> blocks = BlocksOf(*collector);
-    ASSERT_EQ(blocks.size(), total);
-    for (unsigned n = 0; n < total; ++n) {
-        ASSERT_EQ(blocks[n], NumberedBlock(n, maxSize)) << "block " << n;
-    }
+    ExpectNumbered(*collector, total, maxSize);
     reader.reset();
     const RouteCounters sent = sending.Status()[0].counters;
     const RouteCounters got = receiving.Status()[0].counters;
     EXPECT_EQ(sent.forwarded, total);
     EXPECT_EQ(got.received, total);
     EXPECT_GE(got.retried, got.refused);
-    EXPECT_EQ(sent.dropped + got.dropped, 0u);
-    EXPECT_EQ(got.duplicates, 0u);
+    EXPECT_EQ(sent.dropped + got.dropped + got.duplicates, 0u);
+    EXPECT_TRUE(sending.Status()[0].sending);
+    EXPECT_NE(
+        sending.StatusJson().find(std::string("\"type\": \"") + (pool ? "queue pool" : "reliable")),
+        std::string::npos);
 }
+
+INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayCarries, ::testing::Values("reliable", "queue"));
 
 // A discarding slot's latest state reaches a gateway that starts later.
 TEST(Gateway, DiscardingDeliversLatestStateToLateJoiner) {
     testsupport::ScopedSlotName source("gw_state"), destination("gw_state_copy");
-    const std::string partition = testsupport::UniqueName("part");
-    const Route out =
-        MakeRoute(source, "discarding", Direction::ToNetwork, partition, "state", 512, 1);
-    const Route in =
-        MakeRoute(destination, "discarding", Direction::FromNetwork, partition, "state", 512, 1);
-    RouteSlotCfg sourceCfg(out), destinationCfg(in);
+    const Link link = MakeLink(source, destination, "discarding", 512, 1, 1);
+    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    Gateway sending(OneRoute(out));
+    Gateway sending(OneRoute(link.out));
     for (unsigned n = 1; n <= 50; ++n) {
         const std::string state = "state " + std::to_string(n);
         writer->onNotify(source, state.data(), state.size());
@@ -179,7 +207,7 @@ TEST(Gateway, DiscardingDeliversLatestStateToLateJoiner) {
             return sending.Status()[0].counters.forwarded == before;
         },
         std::chrono::seconds(10)));
-    Gateway receiving(OneRoute(in));
+    Gateway receiving(OneRoute(link.in));
     boost::shared_ptr<ISlot> copy = SlotFactory::CreateSlot(&destinationCfg);
     std::string seen;
     ASSERT_TRUE(Eventually(
@@ -272,17 +300,13 @@ TEST(Gateway, StatusFileWrittenAtomically) {
 // when the sending gateway stops: the next reader gets the blocks in their order.
 TEST(Gateway, ReliableBlockInHandGoesBackToTheHeadOfTheSlot) {
     testsupport::ScopedSlotName source("gw_back_src"), destination("gw_back_dst");
-    const std::string partition = testsupport::UniqueName("part");
-    const Route out =
-        MakeRoute(source, "reliable", Direction::ToNetwork, partition, "back", 512, 8);
     // Nobody reads the destination: it holds block 0 and refuses block 1.
-    const Route in =
-        MakeRoute(destination, "reliable", Direction::FromNetwork, partition, "back", 512, 1);
-    RouteSlotCfg sourceCfg(out), destinationCfg(in);
+    const Link link = MakeLink(source, destination, "reliable", 512, 8, 1);
+    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
     boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&sourceCfg);
     boost::shared_ptr<ISlot> destinationSlot = SlotFactory::CreateSlot(&destinationCfg);
-    Config sendingConfig = OneRoute(out), receivingConfig = OneRoute(in);
+    Config sendingConfig = OneRoute(link.out), receivingConfig = OneRoute(link.in);
     sendingConfig.stopGraceMs = 300;
     receivingConfig.stopGraceMs = 200;
 
@@ -311,17 +335,13 @@ TEST(Gateway, ReliableBlockInHandGoesBackToTheHeadOfTheSlot) {
 // the reliable slot's empty blocks are in the numbered run above.
 TEST(Gateway, DiscardingStatesCrossEmptyOnesToo) {
     testsupport::ScopedSlotName source("gw_empty_state"), copy("gw_empty_state_copy");
-    const std::string partition = testsupport::UniqueName("part");
-    const Route out =
-        MakeRoute(source, "discarding", Direction::ToNetwork, partition, "empty_state", 64, 1);
-    const Route in =
-        MakeRoute(copy, "discarding", Direction::FromNetwork, partition, "empty_state", 64, 1);
-    RouteSlotCfg sourceCfg(out), copyCfg(in);
+    const Link link = MakeLink(source, copy, "discarding", 64, 1, 1);
+    RouteSlotCfg sourceCfg(link.out), copyCfg(link.in);
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
     boost::shared_ptr<Collector> states(new Collector);
     INotifierPtr reader = SlotFactory::CreateSlotReader(&copyCfg, states);
-    Gateway receiving(OneRoute(in));
-    Gateway sending(OneRoute(out));
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
 
     // A state is sent once the sending gateway reads the slot; the empty one follows it.
     ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, std::chrono::seconds(20)));
@@ -334,75 +354,18 @@ TEST(Gateway, DiscardingStatesCrossEmptyOnesToo) {
     EXPECT_EQ(sending.Status()[0].counters.dropped + receiving.Status()[0].counters.dropped, 0u);
 }
 
-// A pool route of the given kind: the source pool's blocks to the destination pool.
-Route PoolRoute(const pooltest::ScopedPool& pool, const std::string& kind, Direction direction,
-                const std::string& partition, const std::string& topic, std::size_t blockSize,
-                std::size_t blocks) {
-    Route route = MakeRoute(pool.str(), "", direction, partition, topic, blockSize, blocks);
-    route.pool = kind;
-    return route;
-}
-
-// A queue pool is carried like a reliable slot: every block once, in order, byte for byte,
-// also the largest; a full destination pool holds the source back instead of losing blocks.
-TEST(Gateway, QueuePoolCarriesEveryBlockAndHoldsBackWhenFull) {
-    pooltest::ScopedPool source("gw_pool_src"), destination("gw_pool_dst");
-    const std::string partition = testsupport::UniqueName("part");
-    const std::size_t blockSize = 70000;
-    const Route out =
-        PoolRoute(source, "queue", Direction::ToNetwork, partition, "pool", blockSize, 8);
-    const Route in =
-        PoolRoute(destination, "queue", Direction::FromNetwork, partition, "pool", blockSize, 4);
-    ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(out));
-
-    Gateway receiving(OneRoute(in));
-    Gateway sending(OneRoute(out));
-    const unsigned held = 12;  // more than the destination pool and DDS hold
-    for (unsigned n = 0; n < held; ++n) {
-        WriteHeld(writer, source.str(), NumberedBlock(n, blockSize));
-    }
-    ASSERT_TRUE(Eventually([&] { return receiving.Status()[0].counters.refused >= 1; },
-                           std::chrono::seconds(30)));
-
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(in), collector);
-    const unsigned total = 120;
-    for (unsigned n = held; n < total; ++n) {
-        WriteHeld(writer, source.str(), NumberedBlock(n, blockSize));
-    }
-    ASSERT_TRUE(collector->WaitFor(total, std::chrono::seconds(90)))
-        << BlocksOf(*collector).size() << " of " << total << " arrived";
-    const std::vector<Bytes> blocks = BlocksOf(*collector);
-    ASSERT_EQ(blocks.size(), total);
-    for (unsigned n = 0; n < total; ++n) {
-        ASSERT_EQ(blocks[n], NumberedBlock(n, blockSize)) << "block " << n;
-    }
-    reader.reset();
-    const RouteCounters sent = sending.Status()[0].counters;
-    const RouteCounters got = receiving.Status()[0].counters;
-    EXPECT_EQ(sent.forwarded, total);
-    EXPECT_EQ(got.received, total);
-    EXPECT_EQ(sent.dropped + got.dropped + got.duplicates, 0u);
-    EXPECT_TRUE(sending.Status()[0].sending);
-    EXPECT_NE(sending.StatusJson().find("\"type\": \"queue pool\""), std::string::npos);
-}
-
 // A latest pool's newest block reaches the other side's pool.
 TEST(Gateway, LatestPoolCarriesTheLatestBlock) {
     pooltest::ScopedPool source("gw_latest_src"), destination("gw_latest_dst");
-    const std::string partition = testsupport::UniqueName("part");
-    const Route out =
-        PoolRoute(source, "latest", Direction::ToNetwork, partition, "latest", 512, 4);
-    const Route in =
-        PoolRoute(destination, "latest", Direction::FromNetwork, partition, "latest", 512, 4);
-    Gateway receiving(OneRoute(in));
-    Gateway sending(OneRoute(out));
+    const Link link = MakeLink(source.str(), destination.str(), "latest", 512, 4, 4);
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
     ASSERT_TRUE(Eventually(
         [&] { return sending.Status()[0].matchedReaders == 1 && sending.Status()[0].sending; },
         std::chrono::seconds(20)));
     boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(in), collector);
-    ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(out));
+    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(link.in), collector);
+    ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.out));
     const std::string last = "state 20";
     for (unsigned n = 1; n <= 20; ++n) {
         const std::string state = "state " + std::to_string(n);
@@ -422,11 +385,9 @@ TEST(Gateway, LatestPoolCarriesTheLatestBlock) {
 // the pool whole, and blocks written while the receiver is gone reach the next one in order.
 TEST(Gateway, QueuePoolKeepsItsBlocksWhileNoReceiverIsMatched) {
     pooltest::ScopedPool source("gw_pool_gone_src"), destination("gw_pool_gone_dst");
-    const std::string partition = testsupport::UniqueName("part");
-    const Route out =
-        PoolRoute(source, "queue", Direction::ToNetwork, partition, "pool_gone", 1024, 16);
-    const Route in =
-        PoolRoute(destination, "queue", Direction::FromNetwork, partition, "pool_gone", 1024, 16);
+    const Link link = MakeLink(source.str(), destination.str(), "queue", 1024, 16, 16);
+    const Route& out = link.out;
+    const Route& in = link.in;
     ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(out));
     WriteHeld(writer, source.str(), NumberedBlock(0, 1024));
     {
@@ -447,12 +408,6 @@ TEST(Gateway, QueuePoolKeepsItsBlocksWhileNoReceiverIsMatched) {
         WriteHeld(writer, source.str(), NumberedBlock(n, 1024));
     }
     receiving.reset(new Gateway(OneRoute(in)));
-    ASSERT_TRUE(collector->WaitFor(6, std::chrono::seconds(30)))
-        << BlocksOf(*collector).size() << " of 6 arrived";
-    const std::vector<Bytes> blocks = BlocksOf(*collector);
-    ASSERT_EQ(blocks.size(), 6u);
-    for (unsigned n = 0; n < 6; ++n) {
-        EXPECT_EQ(blocks[n], NumberedBlock(n, 1024)) << "block " << n;
-    }
+    ExpectNumbered(*collector, 6, 1024);
     EXPECT_EQ(sending.Status()[0].counters.dropped, 0u);
 }

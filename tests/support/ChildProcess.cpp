@@ -151,6 +151,23 @@ int CampaignSeconds(int fallback) {
     return text != nullptr ? std::max(1, std::atoi(text)) : fallback;
 }
 
+void CampaignRole::Start() {
+    child.reset(new ChildProcess(life));
+    lastProgress = std::chrono::steady_clock::now();
+}
+
+std::string CampaignRole::Stall(std::chrono::seconds bound) {
+    const std::uint64_t beat = beats();
+    const auto now = std::chrono::steady_clock::now();
+    if (beat != lastBeat) {
+        lastBeat = beat;
+        lastProgress = now;
+    } else if (now - lastProgress > bound) {
+        return what + " made no progress for " + std::to_string(bound.count()) + " s";
+    }
+    return "";
+}
+
 void DieWithParent() {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() == 1) {

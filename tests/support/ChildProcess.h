@@ -4,11 +4,13 @@
 #include <sys/mman.h>
 #include <sys/types.h>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace testsupport {
 
@@ -59,6 +61,27 @@ void DieWithParent();
 
 // How long a kill campaign runs: SLOT_CRASH_SECONDS when set (at least 1 s), else `fallback`.
 int CampaignSeconds(int fallback);
+
+// A role of a kill campaign: a child running `life`, started again after every kill, and watched
+// for progress through its `beats` counter.
+struct CampaignRole {
+    CampaignRole() = default;
+    CampaignRole(std::string what, std::function<int()> life, std::function<std::uint64_t()> beats)
+        : what(std::move(what)), life(std::move(life)), beats(std::move(beats)) {}
+
+    std::string what;
+    std::function<int()> life;
+    std::function<std::uint64_t()> beats;
+    std::unique_ptr<ChildProcess> child;
+    int kills = 0;
+
+    void Start();
+    // Why the role stalls: its beats have not moved for longer than `bound`; "" while they move.
+    std::string Stall(std::chrono::seconds bound);
+
+    std::uint64_t lastBeat = 0;
+    std::chrono::steady_clock::time_point lastProgress;
+};
 
 // A value-initialised T in memory shared with the children forked after this call (a ledger
 // that children fill in and the test reads); unmapped when the pointer goes.

@@ -9,6 +9,7 @@
 
 #include <dirent.h>
 #include <ftw.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <atomic>
 #include <cstdlib>
@@ -63,6 +64,15 @@ ScopedSlotName::ScopedSlotName(const std::string& stem) : name_(UniqueName(stem)
 
 ScopedSlotName::~ScopedSlotName() {
     RemoveSlotObjects(name_);
+}
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+bool ShmExists(const std::string& name) {
+    return Exists("/dev/shm/" + name);
 }
 
 void RemoveSlotObjects(const std::string& name) {

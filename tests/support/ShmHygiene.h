@@ -29,6 +29,10 @@ private:
     std::string name_;
 };
 
+// Whether `path` exists (a symbolic link is not followed), and the shared-memory object `name`.
+bool Exists(const std::string& path);
+bool ShmExists(const std::string& name);
+
 // Removes the objects of `name` now.
 void RemoveSlotObjects(const std::string& name);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // slotctl record / replay and the MCAP files between them: real slotctl processes, SIGKILL,
 // and torn or hostile files read in-process.
+#include "Files.h"
 #include "Mcap.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
@@ -17,8 +18,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <numeric>
 #include <random>
@@ -28,22 +27,16 @@ namespace {
 
 using slotctltest::Background;
 using slotctltest::Contains;
+using slotctltest::Frames;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
+using testsupport::ReadFile;
 using testsupport::ScopedSlotName;
+using testsupport::WriteFile;
 
 // A fresh path for a recording, inside the run's directory (removed with it).
 std::string FilePath(const std::string& stem) {
     return testsupport::TestRunDir() + "/" + testsupport::UniqueName(stem) + ".mcap";
-}
-
-std::string Slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void Spit(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 struct Recorded {
@@ -105,18 +98,6 @@ void Fill(const std::string& name, const std::vector<std::string>& blocks) {
     }
 }
 
-std::string Frames(const std::vector<std::string>& blocks) {
-    std::string out;
-    for (const std::string& block : blocks) {
-        const std::uint32_t size = static_cast<std::uint32_t>(block.size());
-        for (int i = 0; i < 4; ++i) {
-            out.push_back(static_cast<char>((size >> (8 * i)) & 0xff));
-        }
-        out += block;
-    }
-    return out;
-}
-
 // The files of a split recording "x.mcap": "x-000.mcap", "x-001.mcap", ... as far as they exist.
 std::vector<std::string> Parts(const std::string& path) {
     const std::string stem = path.substr(0, path.size() - 5);
@@ -164,14 +145,14 @@ TEST(SlotctlMcapFile, ACutFileReadsEveryWholeRecordBeforeTheCut) {
         }
         const std::string path = FilePath("whole");
         const std::vector<std::uint64_t> ends = WriteFile(path, zstd, 20);
-        const std::string bytes = Slurp(path);
+        const std::string bytes = ReadFile(path);
         const Recorded full = ReadAll(path);
         ASSERT_TRUE(full.result.complete) << full.result.problem;
         ASSERT_EQ(TestBlocks(20), full.blocks);
         const std::string cut = FilePath("cut");
         size_t previous = 0;
         for (size_t length = 0; length < bytes.size(); ++length) {
-            Spit(cut, bytes.substr(0, length));
+            WriteFile(cut, bytes.substr(0, length));
             const Recorded part = ReadAll(cut);
             SCOPED_TRACE("zstd " + std::to_string(zstd) + ", cut at " + std::to_string(length));
             EXPECT_FALSE(part.result.complete);
@@ -197,7 +178,7 @@ TEST(SlotctlMcapFile, ACutFileReadsEveryWholeRecordBeforeTheCut) {
 TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
     const std::string path = FilePath("hostile");
     WriteFile(path, mcap::ZstdBuiltIn(), 30);
-    const std::string good = Slurp(path);
+    const std::string good = ReadFile(path);
     const std::string bad = FilePath("bad");
     std::mt19937 random(12345);
     for (int round = 0; round < 1500; ++round) {
@@ -210,7 +191,7 @@ TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
             const std::uint64_t huge = round % 4 == 1 ? ~std::uint64_t(0) : std::uint64_t(1) << 40;
             std::memcpy(&bytes[at], &huge, std::min<size_t>(8, bytes.size() - at));
         }
-        Spit(bad, bytes);
+        WriteFile(bad, bytes);
         const Recorded read = ReadAll(bad);
         EXPECT_LE(read.blocks.size(), 30u);
         EXPECT_TRUE(read.result.complete || !read.result.problem.empty());
@@ -226,16 +207,11 @@ TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
          "ends inside a record"},
     };
     for (const auto& c : crafted) {
-        Spit(bad, c.bytes);
+        WriteFile(bad, c.bytes);
         const Recorded read = ReadAll(bad);
         EXPECT_TRUE(Contains(read.result.problem, c.problem)) << read.result.problem;
         EXPECT_TRUE(read.blocks.empty());
     }
-}
-
-TEST(SlotctlMcapFile, Crc32IsTheUsualOne) {
-    EXPECT_EQ(0xcbf43926u, mcap::Crc32(0, "123456789", 9));
-    EXPECT_EQ(mcap::Crc32(0, "123456789", 9), mcap::Crc32(mcap::Crc32(0, "1234", 4), "56789", 5));
 }
 
 // ---- record and replay, real processes ----
@@ -483,11 +459,11 @@ TEST(SlotctlRecord, RefusalsAndDamagedFilesGiveOneClearLine) {
     const std::string damaged = FilePath("damaged");
     const std::string good = FilePath("good");
     WriteFile(good, false, 5);
-    std::string bytes = Slurp(good);
+    std::string bytes = ReadFile(good);
     bytes[40] ^= 0x55;  // inside the channel record: the data section's CRC no longer matches
-    Spit(damaged, bytes);
+    WriteFile(damaged, bytes);
     const std::string existing = FilePath("existing");
-    Spit(existing, "keep me");
+    WriteFile(existing, "keep me");
     const struct {
         std::vector<std::string> args;
         int status;
@@ -512,7 +488,7 @@ TEST(SlotctlRecord, RefusalsAndDamagedFilesGiveOneClearLine) {
         EXPECT_EQ(1u, run.ErrLines().size()) << run.Describe();
         EXPECT_TRUE(Contains(run.err, c.message)) << c.message << "\n" << run.Describe();
     }
-    EXPECT_EQ("keep me", Slurp(existing));
+    EXPECT_EQ("keep me", ReadFile(existing));
     reader.Signal(SIGINT);
     reader.Finish();
 }

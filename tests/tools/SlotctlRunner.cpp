@@ -3,11 +3,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <sstream>
 
@@ -78,15 +78,6 @@ bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-bool Exists(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
-}
-
-bool ShmExists(const std::string& name) {
-    return Exists("/dev/shm/" + name);
-}
-
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream in(text);
@@ -97,6 +88,15 @@ std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
+std::vector<std::string> Words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    for (std::string word; in >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
 std::string LineStartingWith(const std::string& text, const std::string& start) {
     for (const std::string& line : Lines(text)) {
         if (line.compare(0, start.size(), start) == 0) {
@@ -104,6 +104,18 @@ std::string LineStartingWith(const std::string& text, const std::string& start) 
         }
     }
     return "";
+}
+
+std::string Frames(const std::vector<std::string>& blocks) {
+    std::string out;
+    for (const std::string& block : blocks) {
+        const std::uint32_t size = static_cast<std::uint32_t>(block.size());
+        for (int i = 0; i < 4; ++i) {
+            out.push_back(static_cast<char>((size >> (8 * i)) & 0xff));
+        }
+        out += block;
+    }
+    return out;
 }
 
 std::vector<std::string> Outcome::ErrLines() const {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "ShmHygiene.h"
+
 #include <sys/types.h>
 #include <chrono>
 #include <string>
@@ -9,13 +11,16 @@
 namespace slotctltest {
 
 bool Contains(const std::string& text, const std::string& part);
-// Whether `path` exists (a symbolic link is not followed).
-bool Exists(const std::string& path);
-// Whether the shared-memory object `name` exists.
-bool ShmExists(const std::string& name);
+using testsupport::Exists;
+using testsupport::ShmExists;
 std::vector<std::string> Lines(const std::string& text);
+// The words of `line`, split at white space.
+std::vector<std::string> Words(const std::string& line);
 // The first line of `text` that starts with `start`; empty when none does.
 std::string LineStartingWith(const std::string& text, const std::string& start);
+
+// Blocks in slotctl's frames format: each after its length, 4 bytes little-endian.
+std::string Frames(const std::vector<std::string>& blocks);
 
 // How a slotctl run ended, and what it printed.
 struct Outcome {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ChildProcess.h"
+#include "Files.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
@@ -19,8 +20,6 @@
 #include <csignal>
 #include <cstdint>
 #include <fstream>
-#include <iterator>
-#include <sstream>
 
 namespace {
 
@@ -135,9 +134,7 @@ TEST(SlotctlLogging, VerbosityAndAConfigurationFileReachTheLibrary) {
                              "log4j.appender.file.layout.ConversionPattern=%p %c %m%n\n";
     const Outcome configured = Slotctl({"write", name.str(), "--log-config", config, "y"});
     EXPECT_EQ(0, configured.status) << configured.Describe();
-    std::ifstream in(logFile);
-    const std::string logged((std::istreambuf_iterator<char>(in)),
-                             std::istreambuf_iterator<char>());
+    const std::string logged = testsupport::ReadFile(logFile);
     EXPECT_TRUE(
         Contains(logged, "INFO Slot Creating SlotWriter and DiscardingSlot for " + name.str()))
         << logged;
@@ -215,27 +212,6 @@ TEST(SlotctlSurvey, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
 
     checked.Post();
     EXPECT_TRUE(writer.Wait().Ok()) << "the writer's header changed";
-}
-
-TEST(SlotctlSurvey, ShowsThePidOfTheReliableReader) {
-    ScopedSlotName name("held");
-    PipeSignal ready, done;
-    ChildProcess reader([&] {
-        SimpleSlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(50), 4);
-        INotifierPtr notifier = SlotFactory::CreateSlotReader(&cfg);
-        ready.Post();
-        return done.WaitFor() ? 0 : 1;
-    });
-    ASSERT_TRUE(ready.WaitFor()) << reader.Wait().Describe();
-    const std::string pid = std::to_string(reader.Pid());
-    const Outcome ls = Slotctl({"ls"});
-    EXPECT_TRUE(Contains(LineStartingWith(ls.out, name.str() + " "), "pid " + pid)) << ls.out;
-    // A second reader is refused, and told who holds the slot.
-    ExpectOneErrorLine(Slotctl({"read", name.str(), "--timeout", "1000"}), 1,
-                       "(its reader is pid " + pid + ")");
-    done.Post();
-    EXPECT_TRUE(reader.Wait().Ok());
-    ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
 }
 
 // Objects of other programs, or broken ones: an empty object and one whose Boost state word
@@ -366,13 +342,7 @@ TEST(SlotctlReadWrite, RefusedBlocksCountAlsoWhenTheLogIsSilenced) {
 
 // Fields of the summary row of `type`: TYPE SENT RECEIVED NOT-STORED word OTHER ...
 std::vector<std::string> SummaryRow(const std::string& out, const std::string& type) {
-    std::istringstream in(LineStartingWith(out, type + " "));
-    std::vector<std::string> fields;
-    std::string field;
-    while (in >> field) {
-        fields.push_back(field);
-    }
-    return fields;
+    return slotctltest::Words(LineStartingWith(out, type + " "));
 }
 
 // Removes a demo's objects at the end of a test that failed before the demo could.

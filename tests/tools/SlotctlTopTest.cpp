@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
-#include <sstream>
 #include <thread>
 
 namespace {
@@ -26,25 +25,12 @@ using slotctltest::Contains;
 using slotctltest::Lines;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
+using slotctltest::Words;
 using testsupport::ScopedSlotName;
-
-std::vector<std::string> Words(const std::string& line) {
-    std::istringstream in(line);
-    std::vector<std::string> words;
-    for (std::string word; in >> word;) {
-        words.push_back(word);
-    }
-    return words;
-}
 
 // The line of a table that shows `name` (cut names aside), or "".
 std::string RowOf(const std::string& table, const std::string& name) {
-    for (const std::string& line : Lines(table)) {
-        if (line.compare(0, name.size() + 1, name + " ") == 0) {
-            return line;
-        }
-    }
-    return "";
+    return slotctltest::LineStartingWith(table, name + " ");
 }
 
 // The WRITE/S of a row; -1 when unknown.

@@ -2,6 +2,7 @@
 // slotctl hz, bw, peek, rm with attached processes, framed and NDJSON I/O, and
 // the manual page and completion: the real binary on real slots.
 #include "ChildProcess.h"
+#include "Files.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
@@ -26,21 +27,13 @@ namespace {
 using slotctltest::Background;
 using slotctltest::Contains;
 using slotctltest::Exists;
+using slotctltest::Frames;
 using slotctltest::Lines;
 using slotctltest::Options;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
 using testsupport::ChildProcess;
 using testsupport::ScopedSlotName;
-
-std::string Frame(const std::string& block) {
-    const std::uint32_t n = static_cast<std::uint32_t>(block.size());
-    std::string frame;
-    for (int i = 0; i < 4; ++i) {
-        frame += static_cast<char>((n >> (8 * i)) & 0xff);
-    }
-    return frame + block;
-}
 
 // The total the summary line "slotctl: N writes to ..." reports.
 long WritesCounted(const Outcome& run) {
@@ -138,7 +131,7 @@ TEST(SlotctlWatch, PeekShowsTheLastBlockTakenAndChangesNothing) {
     const Outcome hex = Slotctl({"peek", name.str(), "--format", "hex"});
     EXPECT_TRUE(Contains(hex.out, "61 09 62 01 ff")) << hex.out;
     const Outcome frames = Slotctl({"peek", name.str(), "--format", "frames"});
-    EXPECT_EQ(Frame(block), frames.out);
+    EXPECT_EQ(Frames({block}), frames.out);
 
     const SlotReport after = SlotSurvey::InspectSlot(name);
     EXPECT_EQ(1u, after.queue.waiting);
@@ -152,12 +145,19 @@ TEST(SlotctlWatch, PeekShowsTheLastBlockTakenAndChangesNothing) {
 
 // ---- attached processes and rm ----
 
-TEST(SlotctlAttached, InfoListsTheReaderAndRmRefusesUnlessForced) {
+TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForced) {
     ScopedSlotName name("attached");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
     Background reader({"read", name.str(), "--follow"});
     ASSERT_TRUE(reader.WaitForOut("1 bytes: x")) << reader.Finish().Describe();
     const std::string pid = std::to_string(reader.Pid());
+    const Outcome ls = Slotctl({"ls"});
+    EXPECT_TRUE(Contains(slotctltest::LineStartingWith(ls.out, name.str() + " "), "pid " + pid))
+        << ls.out;
+    // A second reader is refused, and told who holds the slot.
+    const Outcome second = Slotctl({"read", name.str(), "--timeout", "1000"});
+    EXPECT_EQ(1, second.status) << second.Describe();
+    EXPECT_TRUE(Contains(second.err, "(its reader is pid " + pid + ")")) << second.Describe();
 
     const Outcome info = Slotctl({"info", name.str()});
     EXPECT_EQ(0, info.status) << info.Describe();
@@ -272,10 +272,7 @@ TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctls) {
     }
     const std::vector<std::string> blocks = {std::string("\0\0\0\0", 4), "", big,
                                              std::string("\xff\xfe\n\r", 4), "last"};
-    std::string frames;
-    for (const std::string& block : blocks) {
-        frames += Frame(block);
-    }
+    const std::string frames = Frames(blocks);
     const Outcome filled = Slotctl(
         {"write", from.str(), "--type", "reliable", "--queue", "8", "--frames"}, Options{frames});
     ASSERT_EQ(0, filled.status) << filled.Describe();
@@ -303,7 +300,7 @@ TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctls) {
 TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
     ScopedSlotName name("truncated");
     const Outcome cut = Slotctl({"write", name.str(), "--type", "reliable", "--frames"},
-                                Options{Frame("whole") + std::string("\x09\0\0\0ab", 6)});
+                                Options{Frames({"whole"}) + std::string("\x09\0\0\0ab", 6)});
     EXPECT_EQ(1, cut.status) << cut.Describe();
     EXPECT_TRUE(Contains(cut.err, "1 block to")) << cut.err;
     EXPECT_TRUE(Contains(cut.err, "standard input ends inside a frame (6 bytes")) << cut.err;
@@ -325,7 +322,7 @@ TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
 
 TEST(SlotctlFrames, NdjsonLinesParseWithTimeSizeAndBytes) {
     ScopedSlotName name("ndjson");
-    const std::string frames = Frame("abc") + Frame(std::string("\0\xff", 2)) + Frame("");
+    const std::string frames = Frames({"abc", std::string("\0\xff", 2), ""});
     ASSERT_EQ(
         0,
         Slotctl({"write", name.str(), "--type", "reliable", "--frames"}, Options{frames}).status);
@@ -369,8 +366,7 @@ std::vector<std::string> Completions(const std::vector<std::string>& words) {
         return 127;
     });
     const testsupport::ChildResult result = bash.Wait(std::chrono::seconds(30));
-    std::ifstream in(out);
-    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    const std::string text = testsupport::ReadFile(out);
     ::unlink(out.c_str());
     EXPECT_TRUE(result.Ok()) << result.Describe();
     std::vector<std::string> lines = Lines(text);
@@ -379,8 +375,7 @@ std::vector<std::string> Completions(const std::vector<std::string>& words) {
 }
 
 TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
-    std::ifstream manFile(SLOTCTL_SOURCE_DIR "/slotctl.1");
-    const std::string man((std::istreambuf_iterator<char>(manFile)), {});
+    const std::string man = testsupport::ReadFile(SLOTCTL_SOURCE_DIR "/slotctl.1");
     ASSERT_FALSE(man.empty());
     const Outcome help = Slotctl({"--help"});
     std::string commands = help.out.substr(help.out.find("commands:"));

@@ -26,9 +26,7 @@ Segment OpenSegment(const std::string& name) {
                    shared::DestroySharedMemory);
 }
 
-bool ShmExists(const std::string& name) {
-    return ::access(("/dev/shm/" + name).c_str(), F_OK) == 0;
-}
+using testsupport::ShmExists;
 
 // Usable bytes of the output buffer that "output_buffer_handle" points at.
 size_t OutputBufferCapacity(shared::SlotSegment& segment) {

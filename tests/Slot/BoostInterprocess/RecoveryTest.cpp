@@ -106,6 +106,11 @@ pid_t StartDyingWriter(const std::string& name, int blocks,
     return child->Pid();
 }
 
+void DieHoldingTheLock(ReliableSlot& slot) {
+    slot.GetLockable()->lock();
+    shared::KillThisProcess();
+}
+
 size_t CountContaining(const LogCapture& log, const std::string& level, const std::string& text) {
     size_t n = 0;
     for (const std::string& m : log.Messages(level)) {
@@ -119,13 +124,7 @@ TEST(DeadLockHolder, NextLockerRepairsNamesTheHolderAndKeepsAcceptedBlocks) {
     // The survivor has the slot open before the holder dies.
     ReliableSlot survivor(open_or_create, name.c_str(), kMaxSize, kCapacity);
     std::unique_ptr<ChildProcess> child;
-    const pid_t dead = StartDyingWriter(
-        name, 3,
-        [](ReliableSlot& slot) {
-            slot.GetLockable()->lock();
-            shared::KillThisProcess();
-        },
-        child);
+    const pid_t dead = StartDyingWriter(name, 3, DieHoldingTheLock, child);
 
     const ChildResult result = RunInChild([&] {
         LogCapture log("Slot");
@@ -150,13 +149,7 @@ TEST(DeadLockHolder, NextLockerRepairsNamesTheHolderAndKeepsAcceptedBlocks) {
 TEST(DeadLockHolder, NewOpenerAndWaitingReaderRecoverToo) {
     ScopedSlotName name;
     std::unique_ptr<ChildProcess> child;
-    StartDyingWriter(
-        name, 2,
-        [](ReliableSlot& slot) {
-            slot.GetLockable()->lock();
-            shared::KillThisProcess();
-        },
-        child);
+    StartDyingWriter(name, 2, DieHoldingTheLock, child);
     // A new opener locks the header while it constructs the slot: it repairs.
     const ChildResult opener = RunInChild([&] {
         LogCapture log("Slot");
@@ -170,13 +163,7 @@ TEST(DeadLockHolder, NewOpenerAndWaitingReaderRecoverToo) {
 
     // The condition pack's Wait relocks after waking: it repairs as well.
     ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
-    StartDyingWriter(
-        name, 0,
-        [](ReliableSlot& slot) {
-            slot.GetLockable()->lock();
-            shared::KillThisProcess();
-        },
-        child);
+    StartDyingWriter(name, 0, DieHoldingTheLock, child);
     const ChildResult waiter = RunInChild([&] {
         LogCapture log("Slot");
         slot.GetOnWriteCondition()->Wait(boost::posix_time::milliseconds(1));
@@ -187,82 +174,58 @@ TEST(DeadLockHolder, NewOpenerAndWaitingReaderRecoverToo) {
     EXPECT_TRUE(waiter.Ok()) << waiter.Describe();
 }
 
+// A writer killed inside a queue call: holding the queue's lock (under the slot's lock or in an
+// unlocked direct write), or inside Boost's send after the queue counted its block and before the
+// copy ended (or after the window moved, before the count). The block in flight is never
+// delivered, those accepted before it are, in order (0 or 3 of them: the window's first position
+// wraps or not), and the ERROR line names the slot and the dead writer.
 TEST(DeadQueueHolder, DeathInsideAQueueCallLosesOnlyTheBlockInFlight) {
     if (!shared::ArmCrashPoint("")) {
         GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
     }
-    for (const bool holdsHeaderLock : {true, false}) {
-        SCOPED_TRACE(holdsHeaderLock ? "writer held the slot's lock" : "unlocked direct write");
+    const std::string inFlight(kMaxSize, 'x');
+    const struct {
+        const char* point;
+        bool locked;
+        int accepted;
+    } cases[] = {{"send-queue-locked", true, 3}, {"send-queue-locked", false, 3},
+                 {"send-half-copied", true, 0},  {"send-half-copied", true, 3},
+                 {"send-window-moved", true, 0}, {"send-window-moved", true, 3}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.point) + (c.locked ? " locked" : " unlocked") + " after " +
+                     std::to_string(c.accepted) + " blocks");
         ScopedSlotName name;
         std::unique_ptr<ChildProcess> child;
         const pid_t dead = StartDyingWriter(
-            name, 3,
+            name, c.accepted,
             [&](ReliableSlot& slot) {
-                shared::ArmCrashPoint("send-queue-locked");
-                const std::string data = "in flight";
-                if (holdsHeaderLock) {
-                    Write(slot, data);
+                shared::ArmCrashPoint(c.point);
+                if (c.locked) {
+                    Write(slot, inFlight);
                 } else {
-                    slot.WriteData(data.data(), data.size());
+                    slot.WriteData(inFlight.data(), inFlight.size());
                 }
             },
             child);
         const ChildResult result = RunInChild([&] {
             LogCapture log("Slot");
             ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
-            Write(slot, Block(3));
-            const std::string expected =
-                "Queue of '" + name.str() + "' was locked by thread " + std::to_string(dead);
+            Write(slot, Block(c.accepted));
+            if (const int failed = ExpectBlocks(slot, c.accepted + 1)) {
+                return failed;
+            }
+            const std::string expected = "Queue of '" + name.str() + "' was locked by thread " +
+                                         std::to_string(dead) + ", which died holding it;";
             if (CountContaining(log, "ERROR", expected) != 1) {
                 return Failed(11, "no ERROR line '" + expected + "'");
             }
-            return ExpectBlocks(slot, 4);
+            const bool copying = std::string(c.point) == "send-half-copied";
+            if (copying && CountContaining(log, "ERROR", "had counted was dropped") != 1) {
+                return Failed(12, "the dropped block is not named");
+            }
+            return 0;
         });
         EXPECT_TRUE(result.Ok()) << result.Describe();
-    }
-}
-
-// A writer killed inside Boost's send, after the queue counted its block and before the copy
-// ended (or after the window moved, before the count): the block is never delivered, the blocks
-// accepted before it are, in order, and the ERROR line names the slot and the dead writer.
-TEST(DeadQueueHolder, ABlockWhoseSendDidNotFinishIsNeverDelivered) {
-    if (!shared::ArmCrashPoint("")) {
-        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
-    }
-    const std::string inFlight(kMaxSize, 'x');
-    for (const char* point : {"send-half-copied", "send-window-moved"}) {
-        // 0 and 3 accepted blocks: the window's first position wraps or not.
-        for (const int accepted : {0, 3}) {
-            SCOPED_TRACE(std::string(point) + " after " + std::to_string(accepted) + " blocks");
-            ScopedSlotName name;
-            std::unique_ptr<ChildProcess> child;
-            const pid_t dead = StartDyingWriter(
-                name, accepted,
-                [&](ReliableSlot& slot) {
-                    shared::ArmCrashPoint(point);
-                    Write(slot, inFlight);
-                },
-                child);
-            const ChildResult result = RunInChild([&] {
-                LogCapture log("Slot");
-                ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
-                Write(slot, Block(accepted));
-                if (const int failed = ExpectBlocks(slot, accepted + 1)) {
-                    return failed;
-                }
-                const std::string expected = "Queue of '" + name.str() + "' was locked by thread " +
-                                             std::to_string(dead) + ", which died holding it;";
-                if (CountContaining(log, "ERROR", expected) != 1) {
-                    return Failed(11, "no ERROR line '" + expected + "'");
-                }
-                const bool copying = std::string(point) == "send-half-copied";
-                if (copying && CountContaining(log, "ERROR", "had counted was dropped") != 1) {
-                    return Failed(12, "the dropped block is not named");
-                }
-                return 0;
-            });
-            EXPECT_TRUE(result.Ok()) << result.Describe();
-        }
     }
 }
 
