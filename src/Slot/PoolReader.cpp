@@ -170,7 +170,7 @@ private:
     }
 
     // Queue kind: the entry at the head stays in the ring, and its block Published, until its
-    // delivery has returned: nobody reclaims it meanwhile, so it needs no hold.
+    // delivery has returned: nobody reclaims it meanwhile, so the delivery needs no hold.
     bool TakeQueued() {
         PoolHeader& header = segment_.header();
         const std::uint64_t head = header.head.load();
@@ -197,12 +197,15 @@ private:
             lastSequence_ = sequence;
             Deliver(index, sequence);
             // Consumed before the head moves on: a reader killed in between leaves an entry
-            // whose block is no longer Published(sequence), which the next reader skips.
+            // whose block is no longer Published(sequence), which the next reader skips. Held
+            // until the head has moved: a writer reclaiming meanwhile must not loan the block
+            // while its entry still fills the ring (its publish would find no room).
+            attachment_->Hold(index);
             block.state.compare_exchange_strong(published, StateConsumed | sequence);
         }
         header.head.store(head + 1);
         if (current) {
-            segment_.TryReclaim(index);  // unless a subscriber holds it
+            attachment_->Release(index);  // frees it, unless a subscriber holds it
         }
         return true;
     }

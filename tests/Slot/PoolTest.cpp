@@ -309,6 +309,34 @@ TEST_F(PoolTest, QueueKindIsFifoAcrossProcessesWithOneReader) {
     EXPECT_EQ(2 * kBlocks, collector->Count());
 }
 
+// A writer that got a loan always finds room in the ring: the reader frees a delivered block
+// only after its entry has left the ring, also for a writer reclaiming meanwhile.
+TEST_F(PoolTest, ALoanedBlockAlwaysFindsRoomInTheQueue) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    constexpr std::uint64_t kBlocks = 500000;
+    struct Counter : shared::ISubscriber {
+        void onNotify(const std::string&, const void*, size_t) override { ++count; }
+        std::atomic<std::uint64_t> count{0};
+    };
+    auto counter = boost::make_shared<Counter>();
+    auto reader =
+        PoolFactory::CreateSpinningPoolReader(config, boost::posix_time::milliseconds(10), counter);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    std::uint64_t notStored = 0;
+    for (std::uint64_t n = 0; n < kBlocks; ++n) {
+        Slot::PoolLoan loan = writer->loan(64);
+        while (!loan) {
+            ASSERT_EQ(WriteOutcome::Refused, loan.outcome());
+            std::this_thread::yield();
+            loan = writer->loan(64);
+        }
+        notStored += loan.publish(64) != WriteOutcome::Stored;
+    }
+    EXPECT_EQ(0u, notStored);
+    EXPECT_TRUE(Eventually([&] { return counter->count == kBlocks - notStored; }));
+}
+
 TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 2);
