@@ -219,8 +219,15 @@ struct Source : public shared::ISubscriber {
         // reader never waits for the file: a write meanwhile could be lost. A pool's block is
         // written from here in the same way (a queue pool's reader waits for the file as a
         // reliable slot's does); a latest pool's only when the file is free at once.
-        const bool direct =
-            queued == 0 && (!discarding ? LockSink() : pool && sink.mutex.try_lock());
+        // The main thread holds the file only while it writes a pass, never while it waits
+        // for a reader, so a reader's plain lock() ends.
+        bool direct = false;
+        if (queued == 0 && !discarding) {
+            sink.mutex.lock();
+            direct = true;
+        } else if (queued == 0 && pool) {
+            direct = sink.mutex.try_lock();
+        }
         if (direct) {
             std::lock_guard<std::timed_mutex> lock(sink.mutex, std::adopt_lock);
             if (!sink.failure.empty()) {
@@ -240,16 +247,6 @@ struct Source : public shared::ISubscriber {
             --queued;
             ++dropped;
         }
-    }
-
-    // The file's lock, waited for in short steps until the recording stops.
-    bool LockSink() {
-        while (!sink.mutex.try_lock_for(std::chrono::milliseconds(50))) {
-            if (backlog.Stopping()) {
-                return false;
-            }
-        }
-        return true;
     }
 
     size_t index;
