@@ -5,7 +5,7 @@
 #include "../Slot/PoolTestSupport.h"
 #include "ChildProcess.h"
 #include "Eventually.h"
-#include "Mcap.h"
+#include "McapRecording.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
@@ -34,6 +34,9 @@ using slotctltest::Contains;
 using slotctltest::Exists;
 using slotctltest::LineStartingWith;
 using slotctltest::Outcome;
+using slotctltest::ReadRecording;
+using slotctltest::Recording;
+using slotctltest::RecordingPath;
 using slotctltest::Slotctl;
 using testsupport::ChildProcess;
 using testsupport::Eventually;
@@ -192,26 +195,6 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
 
 // ---- record, replay and top ----
 
-std::string FilePath(const std::string& stem) {
-    return testsupport::TestRunDir() + "/" + testsupport::UniqueName(stem) + ".mcap";
-}
-
-struct Recording {
-    mcap::ReadResult result;
-    std::vector<std::string> blocks;
-    std::vector<std::uint32_t> sequences;
-};
-
-Recording ReadRecording(const std::string& path) {
-    Recording recording;
-    recording.result = mcap::Read(path, [&](const mcap::Message& m, const mcap::Channel&) {
-        recording.blocks.emplace_back(m.data, m.size);
-        recording.sequences.push_back(m.sequence);
-        return true;
-    });
-    return recording;
-}
-
 // Publishes `block` through a loan, retrying (bounded) while the pool refuses it.
 void Publish(Slot::PoolWriter& writer, const std::string& block) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -237,7 +220,7 @@ void Publish(Slot::PoolWriter& writer, const std::string& block) {
 // recorder reads, it is the pool's one reader: a second one is refused, and top names it.
 TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
     ScopedPool source("recq"), fresh("recf");
-    const std::string first = FilePath("q"), second = FilePath("f");
+    const std::string first = RecordingPath("q"), second = RecordingPath("f");
     const auto writer = Slot::PoolFactory::CreatePoolWriter(source.Config("queue", 256, 8));
     std::vector<std::string> blocks;
     std::vector<std::uint32_t> sequences;
@@ -251,7 +234,7 @@ TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
     }
     Background recorder({"record", "-o", first, "--count", "20", source.str()});
     ASSERT_TRUE(recorder.WaitForErr("recording '" + source.str() + "' (queue pool)"));
-    const Outcome refused = Slotctl({"record", "-o", FilePath("no"), source.str()});
+    const Outcome refused = Slotctl({"record", "-o", RecordingPath("no"), source.str()});
     EXPECT_EQ(1, refused.status);
     EXPECT_EQ("slotctl: cannot record '" + source.str() +
                   "': the queue pool already has a reader (pid " + std::to_string(recorder.Pid()) +
@@ -306,7 +289,7 @@ TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
 // last of them: the two it missed are gaps, in the file, the summary and info.
 TEST(SlotctlPoolRecord, ALatestPoolsMissedStatesAreGaps) {
     ScopedPool latest("recl");
-    const std::string path = FilePath("l");
+    const std::string path = RecordingPath("l");
     const auto writer = Slot::PoolFactory::CreatePoolWriter(latest.Config("latest", 64, 4));
     Background recorder({"record", "-o", path, "--count", "2", latest.str()});
     ASSERT_TRUE(recorder.WaitForErr("recording '" + latest.str() + "' (latest pool)"));

@@ -2,7 +2,7 @@
 // slotctl record / replay and the MCAP files between them: real slotctl processes, SIGKILL,
 // and torn or hostile files read in-process.
 #include "Files.h"
-#include "Mcap.h"
+#include "McapRecording.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
@@ -29,31 +29,13 @@ using slotctltest::Background;
 using slotctltest::Contains;
 using slotctltest::Frames;
 using slotctltest::Outcome;
+using slotctltest::ReadRecording;
+using slotctltest::Recording;
+using slotctltest::RecordingPath;
 using slotctltest::Slotctl;
 using testsupport::ReadFile;
 using testsupport::ScopedSlotName;
 using testsupport::WriteFile;
-
-// A fresh path for a recording, inside the run's directory (removed with it).
-std::string FilePath(const std::string& stem) {
-    return testsupport::TestRunDir() + "/" + testsupport::UniqueName(stem) + ".mcap";
-}
-
-struct Recorded {
-    mcap::ReadResult result;
-    std::vector<std::string> blocks;
-    std::vector<std::uint32_t> sequences;
-};
-
-Recorded ReadAll(const std::string& path) {
-    Recorded recorded;
-    recorded.result = mcap::Read(path, [&](const mcap::Message& m, const mcap::Channel&) {
-        recorded.blocks.emplace_back(m.data, m.size);
-        recorded.sequences.push_back(m.sequence);
-        return true;
-    });
-    return recorded;
-}
 
 // Waits, bounded, until the recording holds `count` blocks (a running recorder hands each block
 // to the system at once); the number it holds.
@@ -63,7 +45,7 @@ size_t WaitForBlocks(const std::string& path, size_t count) {
     while (std::chrono::steady_clock::now() < deadline) {
         struct stat st {};
         if (::stat(path.c_str(), &st) == 0) {
-            have = ReadAll(path).blocks.size();
+            have = ReadRecording(path).blocks.size();
             if (have >= count) {
                 break;
             }
@@ -143,17 +125,17 @@ TEST(SlotctlMcapFile, ACutFileReadsEveryWholeRecordBeforeTheCut) {
         if (zstd && !mcap::ZstdBuiltIn()) {
             continue;
         }
-        const std::string path = FilePath("whole");
+        const std::string path = RecordingPath("whole");
         const std::vector<std::uint64_t> ends = WriteFile(path, zstd, 20);
         const std::string bytes = ReadFile(path);
-        const Recorded full = ReadAll(path);
+        const Recording full = ReadRecording(path);
         ASSERT_TRUE(full.result.complete) << full.result.problem;
         ASSERT_EQ(TestBlocks(20), full.blocks);
-        const std::string cut = FilePath("cut");
+        const std::string cut = RecordingPath("cut");
         size_t previous = 0;
         for (size_t length = 0; length < bytes.size(); ++length) {
             WriteFile(cut, bytes.substr(0, length));
-            const Recorded part = ReadAll(cut);
+            const Recording part = ReadRecording(cut);
             SCOPED_TRACE("zstd " + std::to_string(zstd) + ", cut at " + std::to_string(length));
             EXPECT_FALSE(part.result.complete);
             EXPECT_FALSE(part.result.problem.empty());
@@ -176,10 +158,10 @@ TEST(SlotctlMcapFile, ACutFileReadsEveryWholeRecordBeforeTheCut) {
 }
 
 TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
-    const std::string path = FilePath("hostile");
+    const std::string path = RecordingPath("hostile");
     WriteFile(path, mcap::ZstdBuiltIn(), 30);
     const std::string good = ReadFile(path);
-    const std::string bad = FilePath("bad");
+    const std::string bad = RecordingPath("bad");
     std::mt19937 random(12345);
     for (int round = 0; round < 1500; ++round) {
         std::string bytes = good;
@@ -192,7 +174,7 @@ TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
             std::memcpy(&bytes[at], &huge, std::min<size_t>(8, bytes.size() - at));
         }
         WriteFile(bad, bytes);
-        const Recorded read = ReadAll(bad);
+        const Recording read = ReadRecording(bad);
         EXPECT_LE(read.blocks.size(), 30u);
         EXPECT_TRUE(read.result.complete || !read.result.problem.empty());
     }
@@ -208,7 +190,7 @@ TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
     };
     for (const auto& c : crafted) {
         WriteFile(bad, c.bytes);
-        const Recorded read = ReadAll(bad);
+        const Recording read = ReadRecording(bad);
         EXPECT_TRUE(Contains(read.result.problem, c.problem)) << read.result.problem;
         EXPECT_TRUE(read.blocks.empty());
     }
@@ -225,7 +207,7 @@ TEST(SlotctlRecord, RecordsReplaysAndReadsBackEveryBlockInOrder) {
         ScopedSlotName target("replayed");
         const std::vector<std::string> blocks = TestBlocks(40);
         Fill(source, blocks);
-        const std::string path = FilePath("roundtrip");
+        const std::string path = RecordingPath("roundtrip");
         const Outcome recorded = Slotctl(
             {"record", "-o", path, "--compression", compression, "--count", "40", source.str()});
         ASSERT_EQ(0, recorded.status) << recorded.Describe();
@@ -254,7 +236,7 @@ TEST(SlotctlRecord, WritesTheRecorderNeverSawAreGaps) {
     ScopedSlotName name("gaps");
     const SlotCfg cfg(name, "discarding", boost::posix_time::milliseconds(100), 16, 1024);
     SlotFactory::CreateSlot(&cfg);
-    const std::string path = FilePath("gaps");
+    const std::string path = RecordingPath("gaps");
     Background recorder({"record", "-o", path, name.str()});
     ASSERT_TRUE(recorder.WaitForErr("slotctl: recording"));
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
@@ -268,16 +250,16 @@ TEST(SlotctlRecord, WritesTheRecorderNeverSawAreGaps) {
         writer->onNotify(name, block.data(), block.size());
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    Recorded recorded;
+    Recording recorded;
     do {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        recorded = ReadAll(path);
+        recorded = ReadRecording(path);
     } while ((recorded.blocks.empty() || recorded.blocks.back() != std::to_string(writes - 1)) &&
              std::chrono::steady_clock::now() < deadline);
     recorder.Signal(SIGINT);
     const Outcome run = recorder.Finish();
     ASSERT_EQ(0, run.status) << run.Describe();
-    recorded = ReadAll(path);
+    recorded = ReadRecording(path);
     ASSERT_TRUE(recorded.result.complete) << recorded.result.problem;
     ASSERT_EQ(std::to_string(writes - 1), recorded.blocks.back());
     std::uint64_t gaps = 0;
@@ -317,7 +299,7 @@ TEST(SlotctlRecord, SlotsRecordedTogetherKeepTheirBlocksInOrderAndWhole) {
     }
     const SlotCfg discarding(c, "discarding", boost::posix_time::milliseconds(100), 16, 1024);
     SlotFactory::CreateSlot(&discarding);
-    const std::string path = FilePath("together");
+    const std::string path = RecordingPath("together");
     Background recorder(
         {"record", "-o", path, "--split-size", "64K", "--update-time", "1", a, b, c});
     ASSERT_TRUE(recorder.WaitForErr("(discarding)"));
@@ -382,7 +364,7 @@ TEST_P(SlotctlRecordSplit, LosesNoBlock) {
     const bool byTime = GetParam();
     ScopedSlotName name("split");
     const std::vector<std::string> blocks = TestBlocks(200);
-    const std::string path = FilePath("split");
+    const std::string path = RecordingPath("split");
     Outcome run;
     if (byTime) {
         const SlotCfg cfg = Reliable(name, blocks.size() + 8);
@@ -406,7 +388,7 @@ TEST_P(SlotctlRecordSplit, LosesNoBlock) {
     const std::vector<std::string> parts = Parts(path);
     const size_t files = parts.size();
     for (const std::string& part : parts) {
-        const Recorded recorded = ReadAll(part);
+        const Recording recorded = ReadRecording(part);
         EXPECT_TRUE(recorded.result.complete) << part << ": " << recorded.result.problem;
         for (std::uint32_t sequence : recorded.sequences) {
             EXPECT_EQ(expected++, sequence);
@@ -431,7 +413,7 @@ TEST(SlotctlRecord, AKilledRecorderLeavesAFileReadToItsLastRecord) {
         ScopedSlotName name("killed");
         const std::vector<std::string> blocks = TestBlocks(50);
         Fill(name, blocks);
-        const std::string path = FilePath("killed");
+        const std::string path = RecordingPath("killed");
         Background recorder({"record", "-o", path, "--compression", compression, name.str()});
         ASSERT_EQ(50u, WaitForBlocks(path, 50));
         recorder.Signal(SIGKILL);
@@ -456,30 +438,30 @@ TEST(SlotctlRecord, RefusalsAndDamagedFilesGiveOneClearLine) {
     Fill(free, {"y"});
     Background reader({"read", reliable.str(), "--follow"});
     ASSERT_TRUE(reader.WaitForErr("slotctl: reading"));
-    const std::string damaged = FilePath("damaged");
-    const std::string good = FilePath("good");
+    const std::string damaged = RecordingPath("damaged");
+    const std::string good = RecordingPath("good");
     WriteFile(good, false, 5);
     std::string bytes = ReadFile(good);
     bytes[40] ^= 0x55;  // inside the channel record: the data section's CRC no longer matches
     WriteFile(damaged, bytes);
-    const std::string existing = FilePath("existing");
+    const std::string existing = RecordingPath("existing");
     WriteFile(existing, "keep me");
     const struct {
         std::vector<std::string> args;
         int status;
         std::string message;
     } cases[] = {
-        {{"record", "-o", FilePath("refused"), reliable.str()},
+        {{"record", "-o", RecordingPath("refused"), reliable.str()},
          1,
          "the reliable slot already has a reader (pid " + std::to_string(reader.Pid()) + ")"},
         {{"record", "-o", existing, free.str()}, 1, "File exists"},
         {{"record", reliable.str()}, 2, "the output file is missing"},
-        {{"record", "-o", FilePath("twice"), free.str(), free.str()}, 2, "is named twice"},
-        {{"record", "-o", FilePath("x"), "--compression", "lz4", reliable.str()},
+        {{"record", "-o", RecordingPath("twice"), free.str(), free.str()}, 2, "is named twice"},
+        {{"record", "-o", RecordingPath("x"), "--compression", "lz4", reliable.str()},
          2,
          "--compression must be zstd or none"},
         {{"read", damaged}, 1, "is damaged at byte"},
-        {{"read", FilePath("missing")}, 1, "no such recording (and no slot of that name)"},
+        {{"read", RecordingPath("missing")}, 1, "no such recording (and no slot of that name)"},
         {{"replay", "--max", good.substr(0, good.size() - 5)}, 2, "is not a recording"},
     };
     for (const auto& c : cases) {
@@ -503,7 +485,7 @@ TEST(SlotctlRecord, TeePassesEveryBlockOnInOrderThroughRefusals) {
     SlotFactory::CreateSlot(&otherCfg);
     Background consumer({"read", other.str(), "--count", "100", "--format", "frames"});
     ASSERT_TRUE(consumer.WaitForErr("slotctl: reading"));
-    const std::string path = FilePath("tee");
+    const std::string path = RecordingPath("tee");
     const Outcome run =
         Slotctl({"record", "-o", path, "--tee", other.str(), "--count", "100", source.str()});
     ASSERT_EQ(0, run.status) << run.Describe();
@@ -511,13 +493,13 @@ TEST(SlotctlRecord, TeePassesEveryBlockOnInOrderThroughRefusals) {
     const Outcome consumed = consumer.Finish();
     EXPECT_EQ(0, consumed.status) << consumed.Describe();
     EXPECT_EQ(Frames(blocks), consumed.out);
-    EXPECT_EQ(blocks, ReadAll(path).blocks);
+    EXPECT_EQ(blocks, ReadRecording(path).blocks);
 }
 
 TEST(SlotctlReplay, PacesSelectsTopicsAndLoops) {
     ScopedSlotName fast("fast");
     ScopedSlotName skipped("skipped");
-    const std::string path = FilePath("paced");
+    const std::string path = RecordingPath("paced");
     {
         mcap::Writer writer(path, mcap::Writer::Options());
         const std::map<std::string, std::string> metadata = {
