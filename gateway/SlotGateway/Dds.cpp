@@ -35,7 +35,11 @@ dds_qos_t* AckQos() {
     dds_qos_t* qos = dds_create_qos();
     dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
     dds_qset_history(qos, DDS_HISTORY_KEEP_LAST, 64);
-    dds_qset_durability(qos, DDS_DURABILITY_VOLATILE);
+    // Discovery matches each pair of endpoints on its own: a restarted receiver can get a block
+    // from the sender before its acknowledgement writer knows the sender's acknowledgement
+    // reader. Its recent acknowledgements therefore stay with the writer and reach a reader that
+    // matches late; a volatile one would be lost, and the sender would wait for it forever.
+    dds_qset_durability(qos, DDS_DURABILITY_TRANSIENT_LOCAL);
     dds_qset_ignorelocal(qos, DDS_IGNORELOCAL_PARTICIPANT);
     return qos;
 }

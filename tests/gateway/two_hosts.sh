@@ -46,7 +46,13 @@ trap cleanup EXIT
 trap 'exit 1' INT TERM
 
 step() { echo "--- $(date +%T) $*"; }
-fail() { echo "FAILED: $*" >&2; for f in "$work"/*.log; do echo "== $f"; tail -n 30 "$f"; done >&2; exit 1; }
+fail() {
+    echo "FAILED: $*" >&2
+    for f in "$work"/*.log "$work"/status-*.json; do
+        if [[ -e $f ]]; then echo "== $f"; tail -n 30 "$f"; fi
+    done >&2
+    exit 1
+}
 
 ip netns add "$nsA" || skip "cannot create network namespaces here"
 ip netns add "$nsB"
