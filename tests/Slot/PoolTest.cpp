@@ -357,6 +357,9 @@ TEST_F(PoolTest, AnEntryAKilledReaderLeftAtTheHeadIsNeverDelivered) {
     collector->action = [&sequences] { sequences.push_back(Slot::CurrentBlockSequence()); };
     auto reader = PoolFactory::CreateSpinningPoolReader(config, boost::posix_time::milliseconds(1),
                                                         collector);
+    // Past the left entry before anything else is pushed (its block, reclaimed, is loaned next).
+    ASSERT_TRUE(
+        Eventually([&] { return HeaderField(pool.str(), offsetof(Slot::PoolHeader, head)) == 1; }));
     for (std::uint64_t tag = 2; tag <= 4; ++tag) {
         // Refused while the left entry still fills the ring.
         ASSERT_TRUE(Eventually([&] { return Publish(*writer, 16, tag) == WriteOutcome::Stored; }));
