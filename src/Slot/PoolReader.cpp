@@ -107,14 +107,15 @@ private:
             if (took) {
                 continue;
             }
-            if (!Spin(seen)) {
-                segment_.Sleep(seen, SleepSliceNs);
-            }
+            // Reaping is looked at before the wait, not between a publish and its delivery.
             const auto now = std::chrono::steady_clock::now();
             if (now - lastReap >= ReapInterval) {
                 lastReap = now;
                 segment_.ReapDead();
                 segment_.TryReclaimAll();
+            }
+            if (!Spin(seen)) {
+                segment_.Sleep(seen, SleepSliceNs);
             }
         }
         if (deleteSelf_) {
@@ -129,15 +130,18 @@ private:
         if (spinNs_ <= 0) {
             return false;
         }
+        // No pause instruction: under a hypervisor a loop of pauses makes it take the core
+        // away (pause-loop exiting), which costs microseconds when the block comes. The clock
+        // and the stop flag are looked at every 64 loads.
         const auto end = std::chrono::steady_clock::now() + std::chrono::nanoseconds(spinNs_);
-        for (unsigned n = 0;; ++n) {
-            if (segment_.header().publishCount.load() != seen || stop_.load()) {
+        const std::atomic<std::uint32_t>& count = segment_.header().publishCount;
+        for (unsigned n = 1;; ++n) {
+            if (count.load(std::memory_order_acquire) != seen) {
                 return true;
             }
-            if ((n & 63) == 0 && std::chrono::steady_clock::now() >= end) {
-                return false;
+            if ((n & 63) == 0 && (stop_.load() || std::chrono::steady_clock::now() >= end)) {
+                return stop_.load();
             }
-            __builtin_ia32_pause();
         }
     }
 
@@ -161,9 +165,12 @@ private:
                 attachment_->Release(index);  // superseded meanwhile
                 continue;
             }
-            segment_.block(index).taken.store(1);
+            std::atomic<std::uint32_t>& taken = segment_.block(index).taken;
+            if (taken.load(std::memory_order_relaxed) == 0) {
+                taken.store(1, std::memory_order_relaxed);  // a hint for the writer's outcome
+            }
             lastSequence_ = latest >> 8;
-            Deliver(index, latest >> 8);
+            Deliver(index, latest >> 8, segment_.block(index).size.load(std::memory_order_relaxed));
             attachment_->Release(index);
             return true;
         }
@@ -171,47 +178,80 @@ private:
 
     // Queue kind: the entry at the head stays in the ring, and its block Published, until its
     // delivery has returned: nobody reclaims it meanwhile, so the delivery needs no hold.
+    //
+    // Memory orders: the head is stored by this reader only (a successor is ordered after it by
+    // the claim's exchange), so it is loaded relaxed and stored with release (writers that read
+    // it with acquire see the block Consumed first). The tail is loaded with acquire: it was
+    // stored with release after the ring entry, the pushed word and the block's fields.
+    //
+    // The sequence of the entry at position n is n + 1. An entry between head and tail names a
+    // Published block, except the one at the head that a reader killed after marking it
+    // Consumed left behind: once this reader has moved the head itself, none is left, and the
+    // block at the head is taken from the pushed word in the line of the tail when that word
+    // is the head's (the usual case for a reader that keeps up), without the ring's line or the
+    // block's. Otherwise the ring entry is read and the block's state checked.
     bool TakeQueued() {
         PoolHeader& header = segment_.header();
-        const std::uint64_t head = header.head.load();
-        const std::uint64_t tail = header.tail.load();
+        const std::uint64_t head = header.head.load(std::memory_order_relaxed);
+        const std::uint64_t tail = header.tail.load(std::memory_order_acquire);
         if (head == tail) {
             return false;
         }
-        if (tail - head > segment_.blockCount()) {
+        const unsigned count = segment_.blockCount();
+        if (tail - head > count) {
             segment_.MarkDamaged("the ring's counters are out of range");
             return false;
         }
-        const std::uint64_t entry = segment_.ring(head).load();
+        const std::uint64_t sequence = head + 1;
+        const std::uint64_t pushed = header.latest.load(std::memory_order_relaxed);
+        const unsigned pushedIndex = PushedIndex(pushed);
+        if (movedHead_ && tail - head == 1 &&
+            PushedPosition(pushed) == (head & PushedPositionMask) && pushedIndex < count) {
+            Pop(head, pushedIndex, sequence, PushedSize(pushed));
+            return true;
+        }
+        if (pushedIndex < count) {
+            // Most often the head's block: its line is fetched while the entry is read.
+            __builtin_prefetch(&segment_.block(pushedIndex));
+        }
+        const std::uint64_t entry = segment_.ring(head).load(std::memory_order_relaxed);
         const unsigned index = static_cast<unsigned>(entry & 0xff);
-        const std::uint64_t sequence = entry >> 8;
-        if (index >= segment_.blockCount()) {
+        if (index >= count) {
             segment_.MarkDamaged("a ring entry names block " + std::to_string(index));
-            header.head.store(head + 1);
+            MoveHead(head);
             return true;
         }
         PoolBlockSlot& block = segment_.block(index);
-        std::uint64_t published = StatePublished | sequence;
-        const bool current = block.state.load() == published;
-        if (current) {
-            lastSequence_ = sequence;
-            Deliver(index, sequence);
-            // Consumed before the head moves on: a reader killed in between leaves an entry
-            // whose block is no longer Published(sequence), which the next reader skips. Held
-            // until the head has moved: a writer reclaiming meanwhile must not loan the block
-            // while its entry still fills the ring (its publish would find no room).
-            attachment_->Hold(index);
-            block.state.compare_exchange_strong(published, StateConsumed | sequence);
+        if (entry >> 8 != sequence ||
+            block.state.load(std::memory_order_acquire) != (StatePublished | sequence)) {
+            MoveHead(head);  // left behind by a killed reader
+            return true;
         }
-        header.head.store(head + 1);
-        if (current) {
-            attachment_->Release(index);  // frees it, unless a subscriber holds it
-        }
+        Pop(head, index, sequence, block.size.load(std::memory_order_relaxed));
         return true;
     }
 
-    void Deliver(unsigned index, std::uint64_t sequence) {
-        const std::uint64_t size = segment_.block(index).size.load();
+    // Delivers the block at the head and moves the head past it.
+    void Pop(std::uint64_t head, unsigned index, std::uint64_t sequence, std::uint64_t size) {
+        lastSequence_ = sequence;
+        Deliver(index, sequence, size);
+        // Consumed before the head moves on: a reader killed in between leaves an entry whose
+        // block is no longer Published(sequence), which the next reader skips. Held until the
+        // head has moved: a writer reclaiming meanwhile must not loan the block while its entry
+        // still fills the ring (its publish would find no room).
+        attachment_->Hold(index);
+        std::uint64_t published = StatePublished | sequence;
+        segment_.block(index).state.compare_exchange_strong(published, StateConsumed | sequence);
+        MoveHead(head);
+        attachment_->Release(index);  // frees it, unless a subscriber holds it
+    }
+
+    void MoveHead(std::uint64_t head) {
+        segment_.header().head.store(head + 1, std::memory_order_release);
+        movedHead_ = true;
+    }
+
+    void Deliver(unsigned index, std::uint64_t sequence, std::uint64_t size) {
         if (size > segment_.maxBlockSize()) {
             segment_.MarkDamaged("block " + std::to_string(index) + " has size " +
                                  std::to_string(size));
@@ -238,6 +278,7 @@ private:
     std::int64_t spinNs_;
     bool claimed_ = false;
     std::uint64_t lastSequence_ = 0;  // reader thread only
+    bool movedHead_ = false;          // reader thread only: this reader has moved the head
     std::atomic<bool> stop_{false};
     bool deleteSelf_ = false;  // reader thread only
     std::thread thread_;

@@ -545,12 +545,9 @@ void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mi
     attachments_[index].word.compare_exchange_strong(mine, 0);
 }
 
-void PoolSegment::Wake() {
-    header_->publishCount.fetch_add(1);
-    if (header_->waiters.load() != 0) {
-        ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&header_->publishCount), FUTEX_WAKE,
-                  INT_MAX, nullptr, nullptr, 0);
-    }
+void PoolSegment::WakeSleepers() {
+    ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&header_->publishCount), FUTEX_WAKE,
+              INT_MAX, nullptr, nullptr, 0);
 }
 
 void PoolSegment::Nudge() {

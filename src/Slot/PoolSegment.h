@@ -31,19 +31,27 @@ static_assert(sizeof(std::atomic<std::uint32_t>) == 4, "the futex word is a plai
 // i386 and x86_64; every word is written with atomic operations by any attached process):
 //
 //   PoolHeader         the geometry (written once by the creator before the file is renamed
-//                      into place), the wake word, the latest word or the ring's counters, the
-//                      queue's reader claim and the writers' robust mutex (queue kind)
+//                      into place), then one cache line each for: what publishing writes and
+//                      readers poll (wake word, tail, latest word); the head, written by the
+//                      queue's reader only; what only writers write (sequence counter) and the
+//                      queue's reader claim; the writers' robust mutex (queue kind)
 //   PoolAttachmentSlot[64]   one per attached writer or reader object
-//   PoolBlockSlot[blockCount]  one per block
+//   PoolBlockSlot[blockCount]  one cache line per block
 //   u64 ring[blockCount]       queue kind: (sequence << 8 | block index), FIFO
 //   data                       block i at dataOffset + i * stride, stride = maxBlockSize
 //                              rounded up to 64 bytes
+//
+// The lines are split by who writes them, so that one hand-over moves as few cache lines
+// between the writer's and the reader's cores as it can: the writer's publish writes the block's
+// line (already its own since the loan), one ring entry and the publish line; the reader reads
+// those three and writes the head's line and the block's line only after the delivery.
 //
 // No offset is followed from the file: every offset is computed from maxBlockSize and
 // blockCount, which are checked against the file's real size when it is opened, and every
 // block index read from a shared word is checked against blockCount before use.
 constexpr std::uint64_t PoolMagic = 0x4c4f4f50544f4c53ull;  // "SLOTPOOL"
-constexpr std::uint32_t PoolLayoutVersion = 1;
+constexpr std::uint32_t PoolLayoutVersion = 2;
+constexpr std::size_t PoolCacheLine = 64;
 enum PoolKind : std::uint32_t { LatestKind = 1, QueueKind = 2 };
 
 // Block states (PoolBlockSlot::state): the top two bits, the rest an attachment index or a
@@ -63,7 +71,28 @@ inline std::uint64_t BlockRef(std::uint64_t sequence, unsigned index) {
     return (sequence << 8) | index;
 }
 
+// Queue kind: the pushed word, the entry pushed last with its size and the low bits of its ring
+// position (in PoolHeader::latest, beside the tail): size << 24 | position << 8 | index. While
+// the tail is one past the head, the word of a later push differs from the head in those bits
+// (the ring holds fewer than 2^16 entries).
+constexpr std::uint64_t PushedPositionMask = 0xffff;
+inline std::uint64_t PushedWord(std::uint64_t position, unsigned index, std::uint64_t size) {
+    return (size << 24) | ((position & PushedPositionMask) << 8) | index;
+}
+inline unsigned PushedIndex(std::uint64_t word) {
+    return static_cast<unsigned>(word & 0xff);
+}
+inline std::uint64_t PushedPosition(std::uint64_t word) {
+    return (word >> 8) & PushedPositionMask;
+}
+inline std::uint64_t PushedSize(std::uint64_t word) {
+    return word >> 24;
+}
+static_assert(MaxPoolBlockSize <= 0xffffffffu, "a size fits the pushed word");
+static_assert(MaxPoolBlocks <= 256, "a block index fits 8 bits");
+
 struct PoolHeader {
+    // Geometry: written once by the creator.
     std::uint64_t magic;
     std::uint32_t version;
     std::uint32_t kind;
@@ -75,17 +104,29 @@ struct PoolHeader {
     std::uint64_t ringOffset;
     std::uint64_t dataOffset;
     std::uint64_t totalSize;
-    std::atomic<std::uint32_t> publishCount;   // futex word: incremented by every publish
-    std::atomic<std::uint32_t> waiters;        // readers sleeping on publishCount
-    std::atomic<std::uint64_t> nextSequence;   // last sequence handed out
-    std::atomic<std::uint64_t> latest;         // latest kind: BlockRef of the latest block
-    std::atomic<std::uint64_t> head;           // queue kind: entries popped
-    std::atomic<std::uint64_t> tail;           // queue kind: entries pushed (the commit point)
-    std::atomic<std::uint64_t> readerClaim;    // queue kind: reader's attachment index + 1
-    alignas(8) unsigned char writerMutex[64];  // queue kind: robust mutex around pushes
+    unsigned char geometryEnd[48];
+    // Written by every publish, polled by readers.
+    std::atomic<std::uint32_t> publishCount;  // futex word: incremented by every publish
+    std::atomic<std::uint32_t> waiters;       // readers sleeping on publishCount
+    std::atomic<std::uint64_t> tail;          // queue kind: entries pushed (the commit point)
+    std::atomic<std::uint64_t> latest;        // latest kind: BlockRef of the latest block;
+                                              // queue kind: the pushed word (PushedWord)
+    unsigned char publishLineEnd[40];
+    // Written by the queue's reader only.
+    std::atomic<std::uint64_t> head;  // queue kind: entries popped
+    unsigned char headLineEnd[56];
+    // Written by writers only (and the reader claim, once per reader).
+    std::atomic<std::uint64_t> nextSequence;  // last sequence handed out
+    std::atomic<std::uint64_t> readerClaim;   // queue kind: reader's attachment index + 1
+    unsigned char writerLineEnd[48];
+    unsigned char writerMutex[64];  // queue kind: robust mutex around pushes
 };
 static_assert(sizeof(pthread_mutex_t) <= 64, "the writers' mutex fits its area");
-static_assert(sizeof(PoolHeader) == 192, "the header is the same on every target");
+static_assert(offsetof(PoolHeader, publishCount) == 2 * PoolCacheLine, "publish line");
+static_assert(offsetof(PoolHeader, head) == 3 * PoolCacheLine, "head line");
+static_assert(offsetof(PoolHeader, nextSequence) == 4 * PoolCacheLine, "writers' line");
+static_assert(offsetof(PoolHeader, writerMutex) == 5 * PoolCacheLine, "mutex line");
+static_assert(sizeof(PoolHeader) == 6 * PoolCacheLine, "the header is the same on every target");
 
 struct PoolAttachmentSlot {
     std::atomic<std::uint64_t> word;       // AttachInUse | pid, see above
@@ -93,16 +134,18 @@ struct PoolAttachmentSlot {
 };
 static_assert(sizeof(PoolAttachmentSlot) == 16, "fixed layout");
 
+// One cache line per block (the table starts on a line): neighbouring blocks never share one.
 struct PoolBlockSlot {
     std::atomic<std::uint64_t> state;     // Free / Loaned / Published / Consumed
-    std::atomic<std::uint64_t> holders;   // one bit per attachment holding the block
     std::atomic<std::uint64_t> sequence;  // written by the loaner before publishing
     std::atomic<std::uint64_t> size;
     std::atomic<std::uint64_t> publishTimeNs;  // CLOCK_REALTIME
+    std::atomic<std::uint64_t> holders;        // one bit per attachment holding the block
     std::atomic<std::uint32_t> taken;          // latest kind: set by the first reader to hold it
     std::uint32_t reserved;
+    unsigned char lineEnd[16];
 };
-static_assert(sizeof(PoolBlockSlot) == 48, "fixed layout");
+static_assert(sizeof(PoolBlockSlot) == PoolCacheLine, "fixed layout");
 
 // Offsets and sizes that follow from a block size and count; false when they overflow 64 bits.
 struct PoolGeometry {
@@ -165,10 +208,40 @@ public:
     // queue claim, logs one ERROR line per process. The number of processes reaped.
     unsigned ReapDead();
 
-    // Wakes sleeping readers after a publish.
-    void Wake();
+    // After a publish: counts it in the wake word and says whether a reader sleeps on it (then
+    // WakeSleepers must follow). Both are sequentially consistent, as the sleeper's count and
+    // look in Sleep: either the sleeper sees the new count and does not sleep, or the
+    // publisher sees the sleeper and wakes it.
+    bool Announce() {
+        header_->publishCount.fetch_add(1, std::memory_order_seq_cst);
+        return header_->waiters.load(std::memory_order_seq_cst) != 0;
+    }
+    void WakeSleepers();
+    // Announce and, when needed, WakeSleepers.
+    void Wake() {
+        if (Announce()) {
+            WakeSleepers();
+        }
+    }
     // Sleeps until publishCount differs from `seen` or `timeoutNs` passed.
     void Sleep(std::uint32_t seen, long timeoutNs);
+
+    // Queue kind, under the writers' mutex: a head that the reader has reached at least,
+    // re-read from the pool only when the one this process saw last leaves no room before
+    // `tail` (the head only grows, so an older value errs on the side of a full ring). Keeps
+    // the reader's head line out of most publishes.
+    std::uint64_t HeadForRoom(std::uint64_t tail) {
+        std::uint64_t head = headSeen_.load(std::memory_order_relaxed);
+        if (tail - head >= header_->blockCount) {
+            head = header_->head.load(std::memory_order_acquire);
+            headSeen_.store(head, std::memory_order_relaxed);
+        }
+        return head;
+    }
+    // Where this process's writers start looking for a free block: after the one loaned last,
+    // so that blocks are reused in turn and a scan rarely touches a line the reader is writing.
+    unsigned LoanHint() const { return loanHint_.load(std::memory_order_relaxed); }
+    void SetLoanHint(unsigned next) { loanHint_.store(next, std::memory_order_relaxed); }
 
     // The reason the pool is damaged, set by whoever found a word out of range ("" = healthy in
     // this process). Logged once.
@@ -198,6 +271,8 @@ private:
     unsigned char* data_;
     std::size_t stride_;
     std::atomic<bool> damaged_{false};
+    std::atomic<std::uint64_t> headSeen_{0};
+    std::atomic<unsigned> loanHint_{0};
     shared::WriteCounters* counters_;
     log4cxx::LoggerPtr logger_;
 };

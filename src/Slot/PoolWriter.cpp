@@ -82,13 +82,15 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
     PoolHeader& header = segment.header();
     PoolBlockSlot& block = segment.block(index_);
     const std::uint64_t loaned = StateLoaned | owner_->index();
-    block.size.store(size);
-    block.publishTimeNs.store(NowNs());
-    block.taken.store(0);
+    // The block's line is this writer's since the loan; its fields need no order of their own:
+    // the state exchange (latest kind) or the tail store (queue kind) below releases them.
+    block.size.store(size, std::memory_order_relaxed);
+    block.publishTimeNs.store(NowNs(), std::memory_order_relaxed);
 
     if (segment.kind() == LatestKind) {
+        block.taken.store(0, std::memory_order_relaxed);
         const std::uint64_t sequence = header.nextSequence.fetch_add(1) + 1;
-        block.sequence.store(sequence);
+        block.sequence.store(sequence, std::memory_order_relaxed);
         // Named the latest while still loaned: nobody reclaims a loaned block, and a reaper
         // that finds it loaned by a dead writer and named the latest marks it published.
         const std::uint64_t old = header.latest.exchange(BlockRef(sequence, index_));
@@ -116,6 +118,12 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
 
     // Queue kind: pushes are serialised by the writers' robust mutex; the tail store commits.
     // The deadline is computed only when the lock is taken (no clock read on the usual path).
+    // The lines the push writes are fetched together first: after a large fill they are no
+    // longer in this core's caches, and fetched one after the other they would cost a miss
+    // each. The ring's line is the one of the tail as it stands (a hint; read again below).
+    __builtin_prefetch(segment.writerMutex(), 1);
+    __builtin_prefetch(&header.nextSequence, 1);
+    __builtin_prefetch(&segment.ring(header.tail.load(std::memory_order_relaxed)), 1);
     const shared::OwnerDeadRepair repair = [&segment](pid_t) { segment.SweepOrphans(); };
     try {
         if (!shared::TryLockRecovering(segment.writerMutex(), repair) &&
@@ -129,21 +137,32 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
         segment.MarkDamaged(std::string("the writers' lock: ") + e.what());
         return end(WriteOutcome::Failed);
     }
-    const std::uint64_t head = header.head.load();
-    const std::uint64_t tail = header.tail.load();
+    // Under the mutex only writers store the tail: relaxed. The head is the reader's, read from
+    // the pool only when the one seen last leaves no room (HeadForRoom).
+    const std::uint64_t tail = header.tail.load(std::memory_order_relaxed);
+    const std::uint64_t head = segment.HeadForRoom(tail);
     WriteOutcome outcome = WriteOutcome::Stored;
+    bool sleepers = false;
     if (tail - head > segment.blockCount()) {
         segment.MarkDamaged("the ring's counters are out of range");
         outcome = WriteOutcome::Failed;
     } else if (tail - head == segment.blockCount()) {
         outcome = WriteOutcome::Refused;
     } else {
-        const std::uint64_t sequence = header.nextSequence.fetch_add(1) + 1;
-        block.sequence.store(sequence);
+        // One sequence per ring position: the reader knows it from the head alone.
+        const std::uint64_t sequence = tail + 1;
+        block.sequence.store(sequence, std::memory_order_relaxed);
         std::uint64_t expected = loaned;
         if (block.state.compare_exchange_strong(expected, StatePublished | sequence)) {
-            segment.ring(tail).store(BlockRef(sequence, index_));
-            header.tail.store(tail + 1);
+            header.nextSequence.store(sequence, std::memory_order_relaxed);
+            // The entry and the pushed word (beside the tail, see the reader), then the tail
+            // with release: a reader that loads the tail with acquire sees both and everything
+            // written to the block and its line before.
+            segment.ring(tail).store(BlockRef(sequence, index_), std::memory_order_relaxed);
+            header.latest.store(PushedWord(tail, index_, size), std::memory_order_relaxed);
+            header.tail.store(tail + 1, std::memory_order_release);
+            // Counted in the wake word right after, on the same line, before the unlock.
+            sleepers = segment.Announce();
             data_ = nullptr;
             sequence_ = sequence;
         } else {
@@ -151,8 +170,8 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
         }
     }
     shared::UnlockRobust(segment.writerMutex());
-    if (outcome == WriteOutcome::Stored) {
-        segment.Wake();
+    if (sleepers) {
+        segment.WakeSleepers();
     }
     return end(outcome);
 }
@@ -186,9 +205,14 @@ PoolLoan PoolWriter::loan(std::size_t size) {
     }
     const std::uint64_t loaned = StateLoaned | attachment_->index();
     for (int pass = 0; pass < 2; ++pass) {
+        // The lowest free block, so that a few blocks stay in use and in the caches. A block is
+        // exchanged only when a plain load finds it free: a failed exchange would take the
+        // block's line from the reader.
         for (unsigned i = 0; i < segment.blockCount(); ++i) {
+            std::atomic<std::uint64_t>& state = segment.block(i).state;
             std::uint64_t expected = StateFree;
-            if (segment.block(i).state.compare_exchange_strong(expected, loaned)) {
+            if (state.load(std::memory_order_relaxed) == StateFree &&
+                state.compare_exchange_strong(expected, loaned)) {
                 loan.owner_ = attachment_;
                 loan.data_ = segment.data(i);
                 loan.capacity_ = segment.maxBlockSize();

@@ -340,6 +340,40 @@ TEST_F(PoolTest, ALoanedBlockAlwaysFindsRoomInTheQueue) {
     EXPECT_TRUE(Eventually([&] { return counter->count == published - notStored; }));
 }
 
+// A reader killed after marking the block at the head Consumed, before moving the head, leaves
+// its entry behind, also as the entry pushed last: the next reader delivers nothing of it, then
+// what follows in order, each block with the sequence of its place in the ring.
+TEST_F(PoolTest, AnEntryAKilledReaderLeftAtTheHeadIsNeverDelivered) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));  // the lowest block, 0
+    const std::uint64_t table =
+        HeaderField(pool.str(), offsetof(Slot::PoolHeader, blockTableOffset));
+    Poke(pool.str(), table + offsetof(Slot::PoolBlockSlot, state), Slot::StateConsumed | 1);
+
+    auto collector = boost::make_shared<testsupport::Collector>();
+    std::vector<std::uint64_t> sequences;  // reader thread, read after WaitFor
+    collector->action = [&sequences] { sequences.push_back(Slot::CurrentBlockSequence()); };
+    auto reader = PoolFactory::CreateSpinningPoolReader(config, boost::posix_time::milliseconds(1),
+                                                        collector);
+    // Past the left entry before anything else is pushed (its block, reclaimed, is loaned next).
+    ASSERT_TRUE(
+        Eventually([&] { return HeaderField(pool.str(), offsetof(Slot::PoolHeader, head)) == 1; }));
+    for (std::uint64_t tag = 2; tag <= 4; ++tag) {
+        // Refused while the left entry still fills the ring.
+        ASSERT_TRUE(Eventually([&] { return Publish(*writer, 16, tag) == WriteOutcome::Stored; }));
+        ASSERT_TRUE(collector->WaitFor(tag - 1));
+    }
+    reader.reset();
+    std::vector<std::uint64_t> tags;
+    for (const auto& block : collector->Blocks()) {
+        tags.push_back(Check(block.bytes.data(), block.bytes.size()));
+    }
+    EXPECT_EQ((std::vector<std::uint64_t>{2, 3, 4}), tags);
+    EXPECT_EQ((std::vector<std::uint64_t>{2, 3, 4}), sequences);
+}
+
 TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 2);
@@ -347,6 +381,10 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     const std::uint64_t totalSize = HeaderField(pool.str(), offsetof(Slot::PoolHeader, totalSize));
     const std::string prefix = "Cannot open pool '" + pool.str() + "': ";
 
+    Poke(pool.str(), offsetof(Slot::PoolHeader, version), std::uint32_t{1});
+    EXPECT_EQ(prefix + "layout version 1, expected 2",
+              Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
+    Poke(pool.str(), offsetof(Slot::PoolHeader, version), Slot::PoolLayoutVersion);
     Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{65});
     EXPECT_EQ(prefix + "block count 65 or size 64 out of range",
               Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
