@@ -4,6 +4,7 @@
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -26,6 +27,7 @@ using slotctltest::Lines;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
 using slotctltest::Words;
+using ::testing::HasSubstr;
 using testsupport::ScopedSlotName;
 
 // The line of a table that shows `name` (cut names aside), or "".
@@ -97,7 +99,7 @@ TEST(SlotctlTop, OnceShowsEverySlotWithItsTrafficAndTakesNothing) {
     // Looking took nothing: the block is still there for the reader.
     const Outcome read = Slotctl({"read", kept.str(), "--count", "1", "--timeout", "10000"});
     EXPECT_EQ(0, read.status) << read.Describe();
-    EXPECT_TRUE(Contains(read.out, "one")) << read.Describe();
+    EXPECT_THAT(read.out, HasSubstr("one"));
 }
 
 TEST(SlotctlTop, JsonIsLsFieldsWithTrafficOneSnapshotPerLine) {
@@ -295,7 +297,7 @@ TEST(SlotctlTopScreen, ShowsSlotsLiveFollowsAResizeAndQuitsOnQ) {
         },
         &pane))
         << pane;
-    EXPECT_TRUE(Contains(RowOf(pane, live.str()), " discarding slot ")) << pane;
+    EXPECT_THAT(RowOf(pane, live.str()), HasSubstr(" discarding slot ")) << pane;
 
     // A slot removed while shown leaves the screen.
     ASSERT_EQ(0, Slotctl({"rm", gone.str()}).status);
@@ -327,7 +329,7 @@ TEST(SlotctlTopScreen, ShowsSlotsLiveFollowsAResizeAndQuitsOnQ) {
     ASSERT_TRUE(
         tmux.WaitFor([](const std::string& p) { return Contains(p, "(modes)"); }, &pane, true))
         << pane;
-    EXPECT_TRUE(Contains(pane, "top ended: 0\nicanon echo (modes)")) << pane;
+    EXPECT_THAT(pane, HasSubstr("top ended: 0\nicanon echo (modes)"));
 }
 
 TEST(SlotctlTopScreen, CtrlCEndsItWithTheTerminalRestored) {
@@ -341,7 +343,7 @@ TEST(SlotctlTopScreen, CtrlCEndsItWithTheTerminalRestored) {
     ASSERT_TRUE(
         tmux.WaitFor([](const std::string& p) { return Contains(p, "(modes)"); }, &pane, true))
         << pane;
-    EXPECT_TRUE(Contains(pane, "top ended: 130\nicanon echo (modes)")) << pane;
+    EXPECT_THAT(pane, HasSubstr("top ended: 130\nicanon echo (modes)"));
 }
 
 }  // namespace
