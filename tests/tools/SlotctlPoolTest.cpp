@@ -195,21 +195,18 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
 
 // Publishes `block` through a loan, retrying (bounded) while the pool refuses it.
 void Publish(Slot::PoolWriter& writer, const std::string& block) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    for (;;) {
+    Slot::WriteOutcome outcome = Slot::WriteOutcome::Refused;
+    const auto published = [&] {
         Slot::PoolLoan loan = writer.loan(block.size());
         if (loan) {
             std::memcpy(loan.data(), block.data(), block.size());
-            const Slot::WriteOutcome outcome = loan.publish(block.size());
-            if (outcome != Slot::WriteOutcome::Refused) {
-                ASSERT_TRUE(outcome == Slot::WriteOutcome::Stored ||
-                            outcome == Slot::WriteOutcome::Discarded);
-                return;
-            }
+            outcome = loan.publish(block.size());
         }
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the pool stayed full";
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+        return outcome != Slot::WriteOutcome::Refused;
+    };
+    ASSERT_TRUE(Eventually(published, std::chrono::seconds(30), std::chrono::milliseconds(1)))
+        << "the pool stayed full";
+    ASSERT_TRUE(outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded);
 }
 
 // A queue pool filled by a writer that it refuses while full, recorded; the recording replayed

@@ -2,6 +2,7 @@
 // slotctl hz, bw, peek, rm with attached processes, framed and NDJSON I/O, and
 // the manual page and completion: the real binary on real slots.
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "Files.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
@@ -102,14 +103,8 @@ TEST(SlotctlWatch, HzEndsAtItsTimeoutAndRefusesWhatItCannotWatch) {
 
 // Polls the slot's waiting blocks until there are `n` (a writer in another process stores them).
 bool WaitForWaiting(const std::string& name, std::uint64_t n) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (SlotSurvey::InspectSlot(name).queue.waiting != n) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return testsupport::Eventually([&] { return SlotSurvey::InspectSlot(name).queue.waiting == n; },
+                                   std::chrono::seconds(30), std::chrono::milliseconds(5));
 }
 
 TEST(SlotctlWatch, PeekShowsTheLastBlockTakenAndChangesNothing) {
