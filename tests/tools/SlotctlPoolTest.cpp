@@ -85,8 +85,9 @@ TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
     const nlohmann::json q = Entry(queue.str());
     ASSERT_FALSE(q.is_null());
     const nlohmann::json expected = nlohmann::json::parse(
-        R"({"pool": true, "state": "healthy", "kind": "queue", "block_size": 1024, "block_count": 4,
-            "free": 2, "loaned": 1, "waiting": 1, "held": 0, "reader": null, "holders": [{"pid": )" +
+        R"({"pool": true, "state": "healthy", "kind": "queue", "block_size": 1024,
+            "block_count": 4, "free": 2, "loaned": 1, "waiting": 1, "held": 0, "reader": null,
+            "holders": [{"pid": )" +
         std::to_string(dead) + R"(, "alive": false}]})");
     for (const auto& field : expected.items()) {
         EXPECT_EQ(field.value(), q.at(field.key())) << field.key();
