@@ -49,11 +49,8 @@ TEST(SlotctlHeal, ReadAndWriteRepairASlotWhoseHolderWasKilled) {
     ScopedSlotName name("healread");
     KillHolderOf(name.str());
 
-    const Outcome read = Slotctl({"read", name.str(), "--count", "2", "--timeout", "20000"}, [] {
-        slotctltest::Options options;
-        options.timeout = std::chrono::seconds(30);
-        return options;
-    }());
+    const Outcome read = Slotctl({"read", name.str(), "--count", "2", "--timeout", "20000"},
+                                 slotctltest::Options{"", std::chrono::seconds(30)});
     ASSERT_FALSE(read.timedOut) << read.Describe();
     EXPECT_EQ(0, read.status) << read.Describe();
     EXPECT_THAT(read.out, AllOf(HasSubstr("first\n"), HasSubstr("second\n")));
