@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -23,12 +24,9 @@ using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
 
 const SlotAttachment* Find(const SlotAttachmentList& list, pid_t pid) {
-    for (const SlotAttachment& process : list.processes) {
-        if (process.pid == pid) {
-            return &process;
-        }
-    }
-    return nullptr;
+    const auto it = std::find_if(list.processes.begin(), list.processes.end(),
+                                 [&](const SlotAttachment& process) { return process.pid == pid; });
+    return it == list.processes.end() ? nullptr : &*it;
 }
 
 // Collects nothing: a reader needs a subscriber.
