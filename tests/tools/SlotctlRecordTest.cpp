@@ -49,7 +49,8 @@ bool WaitForRecording(Done done) {
 }
 
 bool WaitForBlocks(const std::string& path, size_t count) {
-    return WaitForRecording([&] { return ReadRecording(path).blocks.size() == count; });
+    return WaitForRecording(
+        [&] { return testsupport::Exists(path) && ReadRecording(path).blocks.size() == count; });
 }
 
 // Recording with and without compression, zstd where it is built in.
