@@ -5,8 +5,8 @@
 // - every reliable block a writer saw accepted arrived, except at most one per reader death
 //   (the block that reader had taken but not yet delivered);
 // - no block arrived torn (checked against its checksum), out of order or twice (except a block
-// whose writer died before
-//   it could record the block as accepted: its next life sends it again);
+//   whose writer died before it could record the block as accepted: its next life sends it
+//   again);
 // - nothing is left in /dev/shm (the test environment checks at the end of the run).
 // Time box: SLOT_CRASH_SECONDS (default 30) of killing, then a drain.
 #include "ChildProcess.h"

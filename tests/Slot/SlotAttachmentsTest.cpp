@@ -3,6 +3,7 @@
 // with real processes.
 #include "ChildProcess.h"
 #include "ShmHygiene.h"
+#include "ShmObject.h"
 
 #include <Slot/SlotActivity.h>
 #include <Slot/SlotAttachments.h>
@@ -10,10 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -25,12 +24,9 @@ using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
 
 const SlotAttachment* Find(const SlotAttachmentList& list, pid_t pid) {
-    for (const SlotAttachment& process : list.processes) {
-        if (process.pid == pid) {
-            return &process;
-        }
-    }
-    return nullptr;
+    const auto it = std::find_if(list.processes.begin(), list.processes.end(),
+                                 [&](const SlotAttachment& process) { return process.pid == pid; });
+    return it == list.processes.end() ? nullptr : &*it;
 }
 
 // Collects nothing: a reader needs a subscriber.
@@ -174,30 +170,21 @@ TEST(SlotActivity, ObjectsThatAreNoSlotHeadersAreRefusedWithoutReadingOutside) {
     // (ASan checks the reads), never a crash.
     SimpleSlotCfg cfg(name, "discarding", boost::posix_time::milliseconds(50), 1);
     SlotFactory::CreateSlot(&cfg);
-    const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
-    ASSERT_GE(fd, 0);
-    struct stat st;
-    ASSERT_EQ(0, ::fstat(fd, &st));
-    std::vector<unsigned char> original(static_cast<size_t>(st.st_size));
-    ASSERT_EQ(st.st_size, ::pread(fd, original.data(), original.size(), 0));
+    const testsupport::Bytes original = testsupport::ReadObject(name);
+    ASSERT_FALSE(original.empty());
     std::mt19937 random(7);
     for (int round = 0; round < 200; ++round) {
-        std::vector<unsigned char> bytes = original;
+        testsupport::Bytes bytes = original;
         bytes.resize(random() % (original.size() + 1));
         for (int flips = 0; flips < 8 && !bytes.empty(); ++flips) {
             bytes[random() % bytes.size()] = static_cast<unsigned char>(random());
         }
-        ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bytes.size())));
-        if (!bytes.empty()) {
-            ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
-                      ::pwrite(fd, bytes.data(), bytes.size(), 0));
-        }
+        ASSERT_TRUE(testsupport::WriteObject(name, bytes));
         const SlotActivitySample sample = SlotActivity::Sample(name, true);
         if (sample.hasOutput) {
             EXPECT_EQ(sample.outputDataSize, sample.output.size());
         }
     }
-    ::close(fd);
 }
 
 }  // namespace

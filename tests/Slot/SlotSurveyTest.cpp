@@ -55,12 +55,9 @@ void WriteBlock(BaseQueueSlot& slot, const std::string& text) {
 }
 
 const SlotReport* Find(const std::vector<SlotReport>& reports, const std::string& name) {
-    for (const SlotReport& report : reports) {
-        if (report.name == name) {
-            return &report;
-        }
-    }
-    return nullptr;
+    const auto it = std::find_if(reports.begin(), reports.end(),
+                                 [&](const SlotReport& report) { return report.name == name; });
+    return it == reports.end() ? nullptr : &*it;
 }
 
 bool Listed(const std::string& name) {

@@ -1,26 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// Test driver for the two-host gateway test, run inside each "host":
-//   gateway_probe write SLOT MAXSIZE COUNT [PAUSE_MS]  numbered blocks into a reliable slot,
-//                                                    waiting while it is full (and PAUSE_MS
-//                                                    after each block: a paced stream)
-//   gateway_probe read SLOT MAXSIZE COUNT SECONDS    checks that blocks 0..COUNT-1 arrive in
-//                                                    order, byte for byte (a repeat of the
-//                                                    block just read is counted, not an error)
-//   gateway_probe state SLOT MAXSIZE TEXT            writes TEXT into a discarding slot
-//   gateway_probe wait-state SLOT MAXSIZE TEXT SECONDS  waits until the discarding slot holds TEXT
-//   gateway_probe watch-state SLOT MAXSIZE TEXT SECONDS  waits until a reader of the slot is
-//                                                    given TEXT (prints 'ready' once reading)
-//   gateway_probe length SLOT MAXSIZE                prints the number of blocks waiting in a
-//                                                    reliable slot
-//   gateway_probe pool-write KIND POOL MAXSIZE BLOCKS COUNT [PAUSE_MS]  numbered blocks filled
-//                                                    in place in loans of a pool ("queue": each
-//                                                    stored, retried while the pool is full)
-//   gateway_probe pool-read KIND POOL MAXSIZE BLOCKS COUNT SECONDS  as read, from a pool
-//                                                    reader, and the blocks' sequence numbers
-//                                                    grow; "latest": blocks may be skipped, not
-//                                                    reordered, and the last must arrive
-//   gateway_probe pool-rm POOL                        removes the pool
-// The blocks are NumberedBlock.h's.
+// Test driver for the two-host gateway test, run inside each "host" (the blocks are
+// NumberedBlock.h's). gateway_probe
+//   write SLOT MAXSIZE COUNT [PAUSE_MS]: numbered blocks into a reliable slot, waiting while it
+//     is full (and PAUSE_MS after each block: a paced stream)
+//   read SLOT MAXSIZE COUNT SECONDS: checks that blocks 0..COUNT-1 arrive in order, byte for
+//     byte (a repeat of the block just read is counted, not an error)
+//   state SLOT MAXSIZE TEXT: writes TEXT into a discarding slot
+//   wait-state SLOT MAXSIZE TEXT SECONDS: waits until the discarding slot holds TEXT
+//   watch-state SLOT MAXSIZE TEXT SECONDS: waits until a reader of the slot is given TEXT
+//     (prints 'ready' once reading)
+//   length SLOT MAXSIZE: prints the number of blocks waiting in a reliable slot
+//   pool-write KIND POOL MAXSIZE BLOCKS COUNT [PAUSE_MS]: numbered blocks filled in place in
+//     loans of a pool ("queue": each stored, retried while the pool is full)
+//   pool-read KIND POOL MAXSIZE BLOCKS COUNT SECONDS: as read, from a pool reader, and the
+//     blocks' sequence numbers grow; "latest": blocks may be skipped, not reordered, and the
+//     last must arrive
+//   pool-rm POOL: removes the pool
 #include "NumberedBlock.h"
 
 #include <Slot/PoolBlock.h>

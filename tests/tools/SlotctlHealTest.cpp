@@ -9,6 +9,7 @@
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/SlotSurvey.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -16,9 +17,10 @@
 
 namespace {
 
-using slotctltest::Contains;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
 using testsupport::ChildProcess;
 using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
@@ -47,14 +49,11 @@ TEST(SlotctlHeal, ReadAndWriteRepairASlotWhoseHolderWasKilled) {
     ScopedSlotName name("healread");
     KillHolderOf(name.str());
 
-    const Outcome read = Slotctl({"read", name.str(), "--count", "2", "--timeout", "20000"}, [] {
-        slotctltest::Options options;
-        options.timeout = std::chrono::seconds(30);
-        return options;
-    }());
+    const Outcome read = Slotctl({"read", name.str(), "--count", "2", "--timeout", "20000"},
+                                 slotctltest::Options{"", std::chrono::seconds(30)});
     ASSERT_FALSE(read.timedOut) << read.Describe();
     EXPECT_EQ(0, read.status) << read.Describe();
-    EXPECT_TRUE(Contains(read.out, "first\n") && Contains(read.out, "second\n")) << read.Describe();
+    EXPECT_THAT(read.out, AllOf(HasSubstr("first\n"), HasSubstr("second\n")));
     EXPECT_LT(read.out.find("first"), read.out.find("second")) << read.Describe();
     EXPECT_EQ(SlotState::Healthy, SlotSurvey::InspectSlot(name.str()).state);
 

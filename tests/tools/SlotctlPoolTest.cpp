@@ -14,6 +14,7 @@
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotNames.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -30,7 +31,6 @@ namespace {
 
 using pooltest::ScopedPool;
 using slotctltest::Background;
-using slotctltest::Contains;
 using slotctltest::Exists;
 using slotctltest::LineStartingWith;
 using slotctltest::Outcome;
@@ -38,6 +38,9 @@ using slotctltest::ReadRecording;
 using slotctltest::Recording;
 using slotctltest::RecordingPath;
 using slotctltest::Slotctl;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
 using testsupport::ChildProcess;
 using testsupport::Eventually;
 using testsupport::PipeSignal;
@@ -81,19 +84,14 @@ TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
 
     const nlohmann::json q = Entry(queue.str());
     ASSERT_FALSE(q.is_null());
-    EXPECT_EQ(true, q["pool"]);
-    EXPECT_EQ("healthy", q["state"]);
-    EXPECT_EQ("queue", q["kind"]);
-    EXPECT_EQ(1024, q["block_size"]);
-    EXPECT_EQ(4, q["block_count"]);
-    EXPECT_EQ(2, q["free"]);
-    EXPECT_EQ(1, q["loaned"]);
-    EXPECT_EQ(1, q["waiting"]);
-    EXPECT_EQ(0, q["held"]);
-    EXPECT_EQ(
-        nlohmann::json::parse(R"([{"pid": )" + std::to_string(dead) + R"(, "alive": false}])"),
-        q["holders"]);
-    EXPECT_TRUE(q["reader"].is_null());
+    const nlohmann::json expected = nlohmann::json::parse(
+        R"({"pool": true, "state": "healthy", "kind": "queue", "block_size": 1024,
+            "block_count": 4, "free": 2, "loaned": 1, "waiting": 1, "held": 0, "reader": null,
+            "holders": [{"pid": )" +
+        std::to_string(dead) + R"(, "alive": false}]})");
+    for (const auto& field : expected.items()) {
+        EXPECT_EQ(field.value(), q.at(field.key())) << field.key();
+    }
     const nlohmann::json l = Entry(latest.str());
     EXPECT_EQ("latest", l["kind"]);
     EXPECT_EQ(2, l["free"]);
@@ -104,12 +102,11 @@ TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
 
     const Outcome ls = Slotctl({"ls"});
     const std::string row = LineStartingWith(ls.out, queue.str() + " ");
-    EXPECT_TRUE(Contains(row, " queue ") && Contains(row, "dead pid " + std::to_string(dead)))
-        << ls.out;
-    EXPECT_TRUE(Contains(LineStartingWith(ls.out, damaged.str() + " "), " damaged ")) << ls.out;
+    EXPECT_THAT(row, AllOf(HasSubstr(" queue "), HasSubstr("dead pid " + std::to_string(dead))));
+    EXPECT_THAT(LineStartingWith(ls.out, damaged.str() + " "), HasSubstr(" damaged "));
     const std::string escaped = latest.str().substr(0, latest.str().size() - 7) + "esc\\x1b[1m";
-    EXPECT_TRUE(Contains(LineStartingWith(ls.out, escaped + " "), " latest ")) << ls.out;
-    EXPECT_FALSE(Contains(ls.out + Slotctl({"info", latest.str()}).out, "\x1b")) << ls.out;
+    EXPECT_THAT(LineStartingWith(ls.out, escaped + " "), HasSubstr(" latest "));
+    EXPECT_THAT(ls.out + Slotctl({"info", latest.str()}).out, Not(HasSubstr("\x1b")));
 
     const Outcome info = Slotctl({"info", "--json", queue.str()});
     ASSERT_EQ(0, info.status) << info.Describe();
@@ -117,8 +114,8 @@ TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
     EXPECT_EQ(Slot::PoolPath(queue.str()), document["file"]);
     EXPECT_EQ(q["holders"], document["holders"]);
     const Outcome text = Slotctl({"info", queue.str()});
-    EXPECT_TRUE(Contains(text.out, "pool '" + queue.str() + "'")) << text.out;
-    EXPECT_TRUE(Contains(text.out, "dead pid " + std::to_string(dead))) << text.out;
+    EXPECT_THAT(text.out, AllOf(HasSubstr("pool '" + queue.str() + "'"),
+                                HasSubstr("dead pid " + std::to_string(dead))));
     EXPECT_EQ(1, Slotctl({"info", damaged.str() + "x"}).status);
 }
 
@@ -130,14 +127,12 @@ TEST(SlotctlPools, WriteAndReadThroughBothKinds) {
     const Outcome write = Slotctl({"write", queue.str(), "--type", "queue", "--max-size", "64",
                                    "--queue", "4", "--lines", "one\ntwo\n"});
     ASSERT_EQ(0, write.status) << write.Describe();
-    EXPECT_TRUE(Contains(write.err, "2 blocks to '" + queue.str() + "' (queue pool): all stored"))
-        << write.err;
+    EXPECT_THAT(write.err, HasSubstr("2 blocks to '" + queue.str() + "' (queue pool): all stored"));
     Background reader({"read", queue.str(), "--follow"});
     ASSERT_TRUE(reader.WaitForOut("3 bytes: one\n3 bytes: two\n"));
     const Outcome second = Slotctl({"read", queue.str(), "--timeout", "2000"});
     EXPECT_EQ(1, second.status) << second.Describe();
-    EXPECT_TRUE(Contains(second.err, "(its reader is pid " + std::to_string(reader.Pid()) + ")"))
-        << second.err;
+    EXPECT_THAT(second.err, HasSubstr("(its reader is pid " + std::to_string(reader.Pid()) + ")"));
     reader.Signal(SIGINT);
     EXPECT_EQ(130, reader.Finish().status);
 
@@ -164,10 +159,9 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
     Slot::PoolFactory::CreatePoolWriter(Slot::PoolConfig{both.str(), "latest", 64, 2});
     const Outcome ambiguous = Slotctl({"read", both.str()});
     EXPECT_EQ(2, ambiguous.status) << ambiguous.Describe();
-    EXPECT_TRUE(
-        Contains(ambiguous.err, "is both a slot and a pool: say which with --slot or --pool"))
-        << ambiguous.err;
-    EXPECT_TRUE(Contains(Slotctl({"info", "--pool", both.str()}).out, "pool '"));
+    EXPECT_THAT(ambiguous.err,
+                HasSubstr("is both a slot and a pool: say which with --slot or --pool"));
+    EXPECT_THAT(Slotctl({"info", "--pool", both.str()}).out, HasSubstr("pool '"));
     const Outcome rmPool = Slotctl({"rm", "--pool", both.str()});
     EXPECT_EQ(0, rmPool.status) << rmPool.Describe();
     EXPECT_FALSE(Exists(Slot::PoolPath(both.str())));
@@ -182,12 +176,11 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
     EXPECT_EQ(0, Slotctl({"write", pool.str(), "--count", "5", "x"}).status);
     const Outcome refused = Slotctl({"rm", pool.str()});
     EXPECT_EQ(1, refused.status);
-    EXPECT_TRUE(Contains(refused.err, "in use by pid " + std::to_string(user.Pid())))
-        << refused.err;
+    EXPECT_THAT(refused.err, HasSubstr("in use by pid " + std::to_string(user.Pid())));
     counted.Signal(SIGINT);
     const Outcome rate = counted.Finish();
     EXPECT_EQ(130, rate.status) << rate.Describe();
-    EXPECT_TRUE(Contains(rate.err, "5 writes to '" + pool.str() + "'")) << rate.err;
+    EXPECT_THAT(rate.err, HasSubstr("5 writes to '" + pool.str() + "'"));
     EXPECT_EQ(0, Slotctl({"rm", "--force", pool.str()}).status);
     EXPECT_FALSE(Exists(Slot::PoolPath(pool.str())));
     EXPECT_TRUE(pooltest::LeftoverPools().empty());
@@ -197,21 +190,18 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
 
 // Publishes `block` through a loan, retrying (bounded) while the pool refuses it.
 void Publish(Slot::PoolWriter& writer, const std::string& block) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    for (;;) {
+    Slot::WriteOutcome outcome = Slot::WriteOutcome::Refused;
+    const auto published = [&] {
         Slot::PoolLoan loan = writer.loan(block.size());
         if (loan) {
             std::memcpy(loan.data(), block.data(), block.size());
-            const Slot::WriteOutcome outcome = loan.publish(block.size());
-            if (outcome != Slot::WriteOutcome::Refused) {
-                ASSERT_TRUE(outcome == Slot::WriteOutcome::Stored ||
-                            outcome == Slot::WriteOutcome::Discarded);
-                return;
-            }
+            outcome = loan.publish(block.size());
         }
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the pool stayed full";
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+        return outcome != Slot::WriteOutcome::Refused;
+    };
+    ASSERT_TRUE(Eventually(published, std::chrono::seconds(30), std::chrono::milliseconds(1)))
+        << "the pool stayed full";
+    ASSERT_TRUE(outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded);
 }
 
 // A queue pool filled by a writer that it refuses while full, recorded; the recording replayed
@@ -243,16 +233,15 @@ TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
               refused.err);
     const std::string row =
         LineStartingWith(Slotctl({"top", "--once", "--interval", "0.1"}).out, source.str() + " ");
-    EXPECT_TRUE(Contains(row, " queue ") && Contains(row, " healthy ") &&
-                Contains(row, " " + std::to_string(recorder.Pid()) + " "))
+    EXPECT_THAT(row, AllOf(HasSubstr(" queue "), HasSubstr(" healthy "),
+                           HasSubstr(" " + std::to_string(recorder.Pid()) + " ")))
         << row;
     for (const std::string& block : blocks) {
         Publish(*writer, block);
     }
     const Outcome recorded = recorder.Finish();
     ASSERT_EQ(0, recorded.status) << recorded.Describe();
-    EXPECT_TRUE(Contains(recorded.err, "recorded '" + source.str() + "' (queue pool): 20 blocks"))
-        << recorded.err;
+    EXPECT_THAT(recorded.err, HasSubstr("recorded '" + source.str() + "' (queue pool): 20 blocks"));
     const Recording one = ReadRecording(first);
     ASSERT_TRUE(one.result.complete) << one.result.problem;
     EXPECT_EQ(blocks, one.blocks);
@@ -275,10 +264,9 @@ TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
     Background again({"record", "-o", second, "--count", "20", fresh.str()});
     const Outcome replayed = replay.Finish();
     EXPECT_EQ(0, replayed.status) << replayed.Describe();
-    EXPECT_TRUE(
-        Contains(replayed.err, "replayed 20 blocks into '" + fresh.str() + "' (queue pool), "))
-        << replayed.err;
-    EXPECT_TRUE(Contains(replayed.err, " refused writes retried\n")) << replayed.err;
+    EXPECT_THAT(replayed.err,
+                AllOf(HasSubstr("replayed 20 blocks into '" + fresh.str() + "' (queue pool), "),
+                      HasSubstr(" refused writes retried\n")));
     ASSERT_EQ(0, again.Finish().status);
     const Recording two = ReadRecording(second);
     EXPECT_EQ(blocks, two.blocks);
@@ -307,16 +295,15 @@ TEST(SlotctlPoolRecord, ALatestPoolsMissedStatesAreGaps) {
     recorder.Signal(SIGCONT);
     const Outcome recorded = recorder.Finish();
     ASSERT_EQ(0, recorded.status) << recorded.Describe();
-    EXPECT_TRUE(Contains(recorded.err,
-                         "recorded '" + latest.str() + "' (latest pool): 2 blocks, 11 B, 2 gaps\n"))
-        << recorded.err;
-    EXPECT_TRUE(Contains(recorded.err, "; did not keep up")) << recorded.err;
+    EXPECT_THAT(recorded.err, AllOf(HasSubstr("recorded '" + latest.str() +
+                                              "' (latest pool): 2 blocks, 11 B, 2 gaps\n"),
+                                    HasSubstr("; did not keep up")));
     const Recording file = ReadRecording(path);
     EXPECT_EQ((std::vector<std::string>{"first", "fourth"}), file.blocks);
     EXPECT_EQ((std::vector<std::uint32_t>{1, 4}), file.sequences);
     const Outcome info = Slotctl({"info", path});
-    EXPECT_TRUE(Contains(info.out, "(latest pool, max block 64, blocks 4, host ")) << info.out;
-    EXPECT_TRUE(Contains(info.out, "2 blocks, 11 B, 2 gaps")) << info.out;
+    EXPECT_THAT(info.out, AllOf(HasSubstr("(latest pool, max block 64, blocks 4, host "),
+                                HasSubstr("2 blocks, 11 B, 2 gaps")));
 }
 
 }  // namespace

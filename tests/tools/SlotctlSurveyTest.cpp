@@ -10,6 +10,7 @@
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 #include <Slot/SlotFactory.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -20,11 +21,12 @@
 
 namespace {
 
-using slotctltest::Contains;
 using slotctltest::LineStartingWith;
 using slotctltest::Outcome;
 using slotctltest::ShmExists;
 using slotctltest::Slotctl;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
 using testsupport::HeaderHolder;
 using testsupport::ScopedSlotName;
 
@@ -54,17 +56,15 @@ TEST(SlotctlStates, ShownAndRemovedAsStaleOnlyWhenBroken) {
     const Outcome ls = Slotctl({"ls"});
     EXPECT_EQ(0, ls.status) << ls.Describe();
     const std::string deadRow = LineStartingWith(ls.out, dead.str() + " ");
-    EXPECT_TRUE(Contains(deadRow, " dead-holder ")) << ls.out;
-    EXPECT_TRUE(Contains(deadRow, "header mutex held by dead pid " + deadPid)) << ls.out;
+    EXPECT_THAT(deadRow, AllOf(HasSubstr(" dead-holder "),
+                               HasSubstr("header mutex held by dead pid " + deadPid)));
     const Outcome lsJson = Slotctl({"ls", "--json"});
-    EXPECT_TRUE(Contains(lsJson.out, "\"holder\": {\"lock\": \"header mutex\", \"pid\": " +
-                                         deadPid + ", \"alive\": false}"))
-        << lsJson.out;
+    EXPECT_THAT(lsJson.out, HasSubstr("\"holder\": {\"lock\": \"header mutex\", \"pid\": " +
+                                      deadPid + ", \"alive\": false}"));
     const Outcome header = Slotctl({"info", headerOnly.str()});
     EXPECT_EQ(0, header.status) << header.Describe();
-    EXPECT_TRUE(Contains(header.out, "header-only (half slot: the queue 'queue_" +
-                                         headerOnly.str() + "' is missing)"))
-        << header.out;
+    EXPECT_THAT(header.out, HasSubstr("header-only (half slot: the queue 'queue_" +
+                                      headerOnly.str() + "' is missing)"));
 
     // Young broken slots may be slots being created: left alone by default.
     const std::vector<std::string> broken = {dead, unfinished, headerOnly, queueOnly};
@@ -83,8 +83,7 @@ TEST(SlotctlStates, ShownAndRemovedAsStaleOnlyWhenBroken) {
          {std::make_pair(dead.str(), "header segment"), std::make_pair(unfinished.str(), "queue"),
           std::make_pair(headerOnly.str(), "header segment"),
           std::make_pair(queueOnly.str(), "queue")}) {
-        EXPECT_TRUE(Contains(rm.out, "removed '" + removed.first + "': " + removed.second))
-            << rm.out;
+        EXPECT_THAT(rm.out, HasSubstr("removed '" + removed.first + "': " + removed.second));
         EXPECT_FALSE(ShmExists(removed.first));
         EXPECT_FALSE(ShmExists(BaseQueueSlot::GetQueueName(removed.first)));
     }
@@ -131,11 +130,11 @@ TEST(SlotctlNames, ControlCharactersAndInvalidUtf8AreEscapedEverywhere) {
         const Outcome ls = Slotctl({"ls"});
         EXPECT_EQ(0, ls.status) << ls.Describe();
         EXPECT_TRUE(TerminalSafe(ls.out)) << ls.out;
-        EXPECT_TRUE(Contains(LineStartingWith(ls.out, prefix + c.shown + " "), " slot ")) << ls.out;
+        EXPECT_THAT(LineStartingWith(ls.out, prefix + c.shown + " "), HasSubstr(" slot "));
 
         const Outcome json = Slotctl({"ls", "--json"});
         EXPECT_TRUE(TerminalSafe(json.out)) << json.out;
-        EXPECT_TRUE(Contains(json.out, "\"name\": \"" + prefix + c.shownJson + "\"")) << json.out;
+        EXPECT_THAT(json.out, HasSubstr("\"name\": \"" + prefix + c.shownJson + "\""));
         bool parsedBack = false;
         for (const nlohmann::json& slot : nlohmann::json::parse(json.out)) {
             parsedBack = parsedBack ||
@@ -152,12 +151,11 @@ TEST(SlotctlNames, ControlCharactersAndInvalidUtf8AreEscapedEverywhere) {
         const Outcome rm = Slotctl({"rm", name.str()});
         EXPECT_EQ(0, rm.status) << rm.Describe();
         EXPECT_TRUE(TerminalSafe(rm.out)) << rm.out;
-        EXPECT_TRUE(Contains(rm.out, "removed '" + prefix + c.shown + "'")) << rm.out;
+        EXPECT_THAT(rm.out, HasSubstr("removed '" + prefix + c.shown + "'"));
         const Outcome missing = Slotctl({"info", name.str()});
         EXPECT_EQ(1, missing.status);
         EXPECT_TRUE(TerminalSafe(missing.err)) << missing.err;
-        EXPECT_TRUE(Contains(missing.err, "'" + prefix + c.shown + "' is not a slot"))
-            << missing.err;
+        EXPECT_THAT(missing.err, HasSubstr("'" + prefix + c.shown + "' is not a slot"));
     }
 }
 

@@ -10,6 +10,7 @@
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -24,13 +25,15 @@
 namespace {
 
 using slotctltest::Background;
-using slotctltest::Contains;
 using slotctltest::Exists;
 using slotctltest::LineStartingWith;
 using slotctltest::Options;
 using slotctltest::Outcome;
 using slotctltest::ShmExists;
 using slotctltest::Slotctl;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
 using testsupport::ChildProcess;
 using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
@@ -41,7 +44,7 @@ void ExpectOneErrorLine(const Outcome& run, int status, const std::string& part)
     EXPECT_EQ(status, run.status) << run.Describe();
     ASSERT_EQ(1u, run.ErrLines().size()) << run.Describe();
     EXPECT_EQ(0u, run.err.find("slotctl: ")) << run.Describe();
-    EXPECT_TRUE(Contains(run.err, part)) << run.Describe();
+    EXPECT_THAT(run.err, HasSubstr(part));
     EXPECT_EQ("", run.out) << run.Describe();
 }
 
@@ -107,7 +110,7 @@ TEST(SlotctlErrors, HelpForTheToolAndEveryCommand) {
     }
     const Outcome run = Slotctl({"--help"});
     EXPECT_EQ(0, run.status);
-    EXPECT_TRUE(Contains(run.out, "commands:"));
+    EXPECT_THAT(run.out, HasSubstr("commands:"));
 }
 
 TEST(SlotctlErrors, VersionIsTheProjectVersion) {
@@ -120,8 +123,8 @@ TEST(SlotctlLogging, VerbosityAndAConfigurationFileReachTheLibrary) {
     ScopedSlotName name("log");
     const Outcome verbose = Slotctl({"-v", "write", name.str(), "x"});
     EXPECT_EQ(0, verbose.status) << verbose.Describe();
-    EXPECT_TRUE(Contains(verbose.err, "slotctl: DEBUG [Slot.Writer] write to '" + name.str() + "'"))
-        << verbose.Describe();
+    EXPECT_THAT(verbose.err,
+                HasSubstr("slotctl: DEBUG [Slot.Writer] write to '" + name.str() + "'"));
 
     const std::string config = testsupport::TestRunDir() + "/log.properties";
     const std::string logFile = testsupport::TestRunDir() + "/log.out";
@@ -135,9 +138,8 @@ TEST(SlotctlLogging, VerbosityAndAConfigurationFileReachTheLibrary) {
     const Outcome configured = Slotctl({"write", name.str(), "--log-config", config, "y"});
     EXPECT_EQ(0, configured.status) << configured.Describe();
     const std::string logged = testsupport::ReadFile(logFile);
-    EXPECT_TRUE(
-        Contains(logged, "INFO Slot Creating SlotWriter and DiscardingSlot for " + name.str()))
-        << logged;
+    EXPECT_THAT(logged,
+                HasSubstr("INFO Slot Creating SlotWriter and DiscardingSlot for " + name.str()));
 
     ExpectOneErrorLine(Slotctl({"--log-config", config + ".missing", "ls"}), 2,
                        "cannot read log configuration");
@@ -192,23 +194,19 @@ TEST(SlotctlSurvey, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
     const Outcome ls = Slotctl({"ls"});
     EXPECT_EQ(0, ls.status) << ls.Describe();
     const std::string line = LineStartingWith(ls.out, name.str() + " ");
-    EXPECT_TRUE(Contains(line, " reliable ")) << ls.out;
-    EXPECT_TRUE(Contains(line, " slot ")) << ls.out;
-    EXPECT_TRUE(Contains(line, " 3/8 ")) << ls.out;
-    EXPECT_TRUE(Contains(line, shownStamp)) << ls.out;
-    EXPECT_TRUE(Contains(line, " none")) << ls.out;
+    EXPECT_THAT(line, AllOf(HasSubstr(" reliable "), HasSubstr(" slot "), HasSubstr(" 3/8 "),
+                            HasSubstr(shownStamp), HasSubstr(" none")));
 
     const Outcome info = Slotctl({"info", name.str()});
     EXPECT_EQ(0, info.status) << info.Describe();
-    EXPECT_TRUE(Contains(info.out, "blocks waiting  3 of 8")) << info.out;
-    EXPECT_TRUE(Contains(info.out, "last write      " + shownStamp)) << info.out;
+    EXPECT_THAT(info.out, AllOf(HasSubstr("blocks waiting  3 of 8"),
+                                HasSubstr("last write      " + shownStamp)));
     const Outcome infoJson = Slotctl({"info", "--json", name.str()});
     EXPECT_EQ(0, infoJson.status) << infoJson.Describe();
     // A reset by any of the looks before would have zeroed the data size and the time.
-    EXPECT_TRUE(
-        Contains(infoJson.out, "\"output_buffer_data_size\": " + std::to_string(Block(0).size())))
-        << infoJson.out;
-    EXPECT_TRUE(Contains(infoJson.out, "\"last_write\": \"" + shownStamp + "\"")) << infoJson.out;
+    EXPECT_THAT(infoJson.out,
+                AllOf(HasSubstr("\"output_buffer_data_size\": " + std::to_string(Block(0).size())),
+                      HasSubstr("\"last_write\": \"" + shownStamp + "\"")));
 
     checked.Post();
     EXPECT_TRUE(writer.Wait().Ok()) << "the writer's header changed";
@@ -247,7 +245,7 @@ TEST(SlotctlSurvey, ForeignAndBrokenObjectsNeitherHangNorCrashNorGetRemoved) {
     ExpectOneErrorLine(garbageInfo, 1, "is not a slot");
     const Outcome ls = Slotctl({"ls", "--json"});
     EXPECT_TRUE(ls.exited && ls.status == 0) << ls.Describe();
-    EXPECT_FALSE(Contains(ls.out, garbage.str())) << ls.out;
+    EXPECT_THAT(ls.out, Not(HasSubstr(garbage.str())));
 
     const Outcome rm = Slotctl({"rm", garbage.str()});
     EXPECT_EQ(1, rm.status) << rm.Describe();
@@ -267,8 +265,7 @@ TEST_P(SlotctlRoundTrip, ABlockWrittenByOneProcessIsPrintedByAnother) {
         << reader.Finish().Describe();
     const Outcome write = Slotctl({"write", name.str(), "--type", type, "hello\tworld"});
     EXPECT_EQ(0, write.status) << write.Describe();
-    EXPECT_TRUE(Contains(write.err, "1 block to '" + name.str() + "' (" + type + "): all stored"))
-        << write.Describe();
+    EXPECT_THAT(write.err, HasSubstr("1 block to '" + name.str() + "' (" + type + "): all stored"));
     const Outcome read = reader.Finish();
     EXPECT_EQ(0, read.status) << read.Describe();
     EXPECT_EQ("11 bytes: hello\\tworld\n", read.out);
@@ -293,7 +290,7 @@ TEST(SlotctlReadWrite, AReliableSlotKeepsBlocksForALaterReaderInOrder) {
     const Outcome read = Slotctl({"read", name.str(), "--count", "3", "--timeout", "20000"});
     EXPECT_EQ(0, read.status) << read.Describe();
     EXPECT_EQ("3 bytes: one\n3 bytes: two\n6 bytes: \\x01three\n", read.out);
-    EXPECT_TRUE(Contains(read.err, "(reliable)"));
+    EXPECT_THAT(read.err, HasSubstr("(reliable)"));
 
     Slotctl({"write", name.str(), "--length", "4", "ab"});
     const Outcome hex = Slotctl({"read", name.str(), "--format", "hex", "--timeout", "20000"});
@@ -311,8 +308,7 @@ TEST(SlotctlReadWrite, RefusedAndDiscardedBlocksAreReportedAsTheLibraryLogsThem)
     EXPECT_EQ(
         "slotctl: WARN [Slot] Queue in '" + reliable.str() + "' is full, the data was not written",
         lines[0]);
-    EXPECT_TRUE(Contains(lines[1], "3 blocks to '" + reliable.str() + "' (reliable): 1 refused"))
-        << lines[1];
+    EXPECT_THAT(lines[1], HasSubstr("3 blocks to '" + reliable.str() + "' (reliable): 1 refused"));
 
     ScopedSlotName discarding("disc");
     const Outcome discarded = Slotctl({"write", discarding.str(), "--count", "3", "x"});
@@ -333,9 +329,9 @@ TEST(SlotctlReadWrite, RefusedBlocksCountAlsoWhenTheLogIsSilenced) {
     const Outcome refused = Slotctl({"--log-config", config, "write", reliable.str(), "--type",
                                      "reliable", "--queue", "1", "--count", "3", "x"});
     EXPECT_EQ(1, refused.status) << refused.Describe();
-    EXPECT_FALSE(Contains(refused.err, "is full")) << refused.Describe();
-    EXPECT_TRUE(Contains(refused.err, "3 blocks to '" + reliable.str() + "' (reliable): 2 refused"))
-        << refused.Describe();
+    EXPECT_THAT(refused.err,
+                AllOf(Not(HasSubstr("is full")),
+                      HasSubstr("3 blocks to '" + reliable.str() + "' (reliable): 2 refused")));
 }
 
 // ---- demo ----
@@ -379,7 +375,7 @@ TEST(SlotctlDemo, AShortRunAccountsForEveryBlockAndLeavesNothing) {
     const Outcome demo = Slotctl({"demo", "--duration", "1.5", "--rate", "400", "--burst", "20",
                                   "--queue", "8", "--prefix", prefix});
     EXPECT_EQ(0, demo.status) << demo.Describe();
-    EXPECT_FALSE(Contains(demo.out, "\r")) << "progress lines are plain when piped";
+    EXPECT_THAT(demo.out, Not(HasSubstr("\r"))) << "progress lines are plain when piped";
     for (const char* type : {"discarding", "reliable", "posix-pipe"}) {
         const std::vector<std::string> row = SummaryRow(demo.out, type);
         ASSERT_GE(row.size(), 6u) << type << "\n" << demo.out;
@@ -393,8 +389,8 @@ TEST(SlotctlDemo, AShortRunAccountsForEveryBlockAndLeavesNothing) {
             EXPECT_EQ(sent, received + notStored) << type << "\n" << demo.out;
         }
     }
-    EXPECT_TRUE(Contains(demo.out, "every block that was stored arrived once, in order"));
-    EXPECT_TRUE(Contains(demo.out, "removed slot '" + prefix + "-discarding'"));
+    EXPECT_THAT(demo.out, AllOf(HasSubstr("every block that was stored arrived once, in order"),
+                                HasSubstr("removed slot '" + prefix + "-discarding'")));
     ExpectNothingLeft(prefix);
 }
 
@@ -407,7 +403,7 @@ TEST(SlotctlDemo, AnInterruptStopsItInOrderAndCleansUp) {
     demo.Signal(SIGINT);
     const Outcome run = demo.Finish(std::chrono::seconds(60));
     EXPECT_EQ(130, run.status) << run.Describe();
-    EXPECT_TRUE(Contains(run.out, "interrupted")) << run.out;
+    EXPECT_THAT(run.out, HasSubstr("interrupted"));
     EXPECT_FALSE(SummaryRow(run.out, "reliable").empty()) << run.out;
     ExpectNothingLeft(prefix);
 }

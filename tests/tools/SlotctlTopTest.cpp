@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // slotctl top: its snapshots (--once, --json) from the real binary, and its full-screen view
 // driven the way a person uses it, in a tmux session of fixed size.
+#include "Eventually.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -26,6 +28,7 @@ using slotctltest::Lines;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
 using slotctltest::Words;
+using ::testing::HasSubstr;
 using testsupport::ScopedSlotName;
 
 // The line of a table that shows `name` (cut names aside), or "".
@@ -39,18 +42,11 @@ double WritesPerSecond(const std::string& row) {
     return words.size() > 3 && words[3] != "-" ? std::stod(words[3]) : -1;
 }
 
-// Polls `look` until `done` holds for what it returns, for up to 30 s.
+// Polls `look` until `done` holds for what it returns, for up to 30 s; the last look in `*last`.
 bool Eventually(const std::function<std::string()>& look,
                 const std::function<bool(const std::string&)>& done, std::string* last) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    do {
-        *last = look();
-        if (done(*last)) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // poll interval
-    } while (std::chrono::steady_clock::now() < end);
-    return false;
+    return testsupport::Eventually([&] { return done(*last = look()); }, std::chrono::seconds(30),
+                                   std::chrono::milliseconds(50));
 }
 
 // ---- snapshots ----
@@ -97,7 +93,7 @@ TEST(SlotctlTop, OnceShowsEverySlotWithItsTrafficAndTakesNothing) {
     // Looking took nothing: the block is still there for the reader.
     const Outcome read = Slotctl({"read", kept.str(), "--count", "1", "--timeout", "10000"});
     EXPECT_EQ(0, read.status) << read.Describe();
-    EXPECT_TRUE(Contains(read.out, "one")) << read.Describe();
+    EXPECT_THAT(read.out, HasSubstr("one"));
 }
 
 TEST(SlotctlTop, JsonIsLsFieldsWithTrafficOneSnapshotPerLine) {
@@ -211,14 +207,10 @@ public:
         ::close(out[1]);
         // Waits for tmux itself, not for the end of the pipe: a server it starts may keep it.
         int status = -1;
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (pid > 0 && ::waitpid(pid, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > end) {
-                ::kill(pid, SIGKILL);
-                ::waitpid(pid, &status, 0);
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        if (pid > 0 && !testsupport::Eventually([&] { return ::waitpid(pid, &status, WNOHANG); },
+                                                std::chrono::seconds(30))) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &status, 0);
         }
         std::string text;
         ::fcntl(out[0], F_SETFL, O_NONBLOCK);
@@ -246,6 +238,9 @@ public:
     bool WaitFor(const std::function<bool(const std::string&)>& done, std::string* last,
                  bool history = false) {
         return Eventually([this, history] { return Pane(history); }, done, last);
+    }
+    bool WaitFor(const std::string& text, std::string* last, bool history = false) {
+        return WaitFor([&](const std::string& p) { return Contains(p, text); }, last, history);
     }
 
 private:
@@ -279,8 +274,7 @@ TEST(SlotctlTopScreen, ShowsSlotsLiveFollowsAResizeAndQuitsOnQ) {
     Tmux tmux;
     tmux.Start(TopCommand(), 120, 30);
     std::string pane;
-    ASSERT_TRUE(tmux.WaitFor([](const std::string& p) { return Contains(p, "WRITE/S"); }, &pane))
-        << pane;
+    ASSERT_TRUE(tmux.WaitFor("WRITE/S", &pane)) << pane;
 
     // Only this test's slots: other slots of the machine could fill the screen.
     const std::string prefix = testsupport::TestNamePrefix();
@@ -295,7 +289,7 @@ TEST(SlotctlTopScreen, ShowsSlotsLiveFollowsAResizeAndQuitsOnQ) {
         },
         &pane))
         << pane;
-    EXPECT_TRUE(Contains(RowOf(pane, live.str()), " discarding slot ")) << pane;
+    EXPECT_THAT(RowOf(pane, live.str()), HasSubstr(" discarding slot ")) << pane;
 
     // A slot removed while shown leaves the screen.
     ASSERT_EQ(0, Slotctl({"rm", gone.str()}).status);
@@ -324,10 +318,8 @@ TEST(SlotctlTopScreen, ShowsSlotsLiveFollowsAResizeAndQuitsOnQ) {
         << pane;
 
     tmux.Run({"send-keys", "-t", "top", "q"});
-    ASSERT_TRUE(
-        tmux.WaitFor([](const std::string& p) { return Contains(p, "(modes)"); }, &pane, true))
-        << pane;
-    EXPECT_TRUE(Contains(pane, "top ended: 0\nicanon echo (modes)")) << pane;
+    ASSERT_TRUE(tmux.WaitFor("(modes)", &pane, true)) << pane;
+    EXPECT_THAT(pane, HasSubstr("top ended: 0\nicanon echo (modes)"));
 }
 
 TEST(SlotctlTopScreen, CtrlCEndsItWithTheTerminalRestored) {
@@ -335,13 +327,10 @@ TEST(SlotctlTopScreen, CtrlCEndsItWithTheTerminalRestored) {
     Tmux tmux;
     tmux.Start(TopCommand(), 80, 24);
     std::string pane;
-    ASSERT_TRUE(tmux.WaitFor([](const std::string& p) { return Contains(p, "WRITE/S"); }, &pane))
-        << pane;
+    ASSERT_TRUE(tmux.WaitFor("WRITE/S", &pane)) << pane;
     tmux.Run({"send-keys", "-t", "top", "C-c"});
-    ASSERT_TRUE(
-        tmux.WaitFor([](const std::string& p) { return Contains(p, "(modes)"); }, &pane, true))
-        << pane;
-    EXPECT_TRUE(Contains(pane, "top ended: 130\nicanon echo (modes)")) << pane;
+    ASSERT_TRUE(tmux.WaitFor("(modes)", &pane, true)) << pane;
+    EXPECT_THAT(pane, HasSubstr("top ended: 130\nicanon echo (modes)"));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // slotctl hz, bw, peek, rm with attached processes, framed and NDJSON I/O, and
 // the manual page and completion: the real binary on real slots.
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "Files.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
@@ -11,6 +12,7 @@
 
 #include <FileUtils/FSUtils.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -25,13 +27,14 @@
 namespace {
 
 using slotctltest::Background;
-using slotctltest::Contains;
 using slotctltest::Exists;
 using slotctltest::Frames;
 using slotctltest::Lines;
 using slotctltest::Options;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
 using testsupport::ChildProcess;
 using testsupport::ScopedSlotName;
 
@@ -75,11 +78,9 @@ TEST(SlotctlWatch, HzAndBwCountEveryWriteWhileTheReliableReaderGetsEveryBlock) {
     EXPECT_EQ(130, hzRun.status) << hzRun.Describe();
     EXPECT_EQ(blocks, WritesCounted(hzRun)) << hzRun.Describe();
     EXPECT_EQ(blocks, WritesCounted(bwRun)) << bwRun.Describe();
-    EXPECT_TRUE(Contains(hzRun.out, "rate: ")) << hzRun.out;
-    EXPECT_TRUE(Contains(hzRun.out, " writes/s")) << hzRun.out;
+    EXPECT_THAT(hzRun.out, AllOf(HasSubstr("rate: "), HasSubstr(" writes/s")));
     // bw is labelled an estimate and uses the size of the block the reader took last.
-    EXPECT_TRUE(Contains(bwRun.out, "estimated bandwidth: ")) << bwRun.out;
-    EXPECT_TRUE(Contains(bwRun.out, "x 10 bytes")) << bwRun.out;
+    EXPECT_THAT(bwRun.out, AllOf(HasSubstr("estimated bandwidth: "), HasSubstr("x 10 bytes")));
     EXPECT_EQ(0u, SlotSurvey::InspectSlot(name).queue.waiting);
 }
 
@@ -94,7 +95,7 @@ TEST(SlotctlWatch, HzEndsAtItsTimeoutAndRefusesWhatItCannotWatch) {
     ScopedSlotName missing("hzmissing");
     const Outcome none = Slotctl({"hz", missing.str(), "--timeout", "100"});
     EXPECT_EQ(1, none.status) << none.Describe();
-    EXPECT_TRUE(Contains(none.err, "has no usable header")) << none.Describe();
+    EXPECT_THAT(none.err, HasSubstr("has no usable header"));
     EXPECT_EQ(2, Slotctl({"bw", name.str(), "--window", "0"}).status);
 }
 
@@ -102,14 +103,8 @@ TEST(SlotctlWatch, HzEndsAtItsTimeoutAndRefusesWhatItCannotWatch) {
 
 // Polls the slot's waiting blocks until there are `n` (a writer in another process stores them).
 bool WaitForWaiting(const std::string& name, std::uint64_t n) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (SlotSurvey::InspectSlot(name).queue.waiting != n) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return testsupport::Eventually([&] { return SlotSurvey::InspectSlot(name).queue.waiting == n; },
+                                   std::chrono::seconds(30), std::chrono::milliseconds(5));
 }
 
 TEST(SlotctlWatch, PeekShowsTheLastBlockTakenAndChangesNothing) {
@@ -129,7 +124,7 @@ TEST(SlotctlWatch, PeekShowsTheLastBlockTakenAndChangesNothing) {
     EXPECT_EQ(0, raw.status) << raw.Describe();
     EXPECT_EQ(block, raw.out);
     const Outcome hex = Slotctl({"peek", name.str(), "--format", "hex"});
-    EXPECT_TRUE(Contains(hex.out, "61 09 62 01 ff")) << hex.out;
+    EXPECT_THAT(hex.out, HasSubstr("61 09 62 01 ff"));
     const Outcome frames = Slotctl({"peek", name.str(), "--format", "frames"});
     EXPECT_EQ(Frames({block}), frames.out);
 
@@ -152,12 +147,11 @@ TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForce
     ASSERT_TRUE(reader.WaitForOut("1 bytes: x")) << reader.Finish().Describe();
     const std::string pid = std::to_string(reader.Pid());
     const Outcome ls = Slotctl({"ls"});
-    EXPECT_TRUE(Contains(slotctltest::LineStartingWith(ls.out, name.str() + " "), "pid " + pid))
-        << ls.out;
+    EXPECT_THAT(slotctltest::LineStartingWith(ls.out, name.str() + " "), HasSubstr("pid " + pid));
     // A second reader is refused, and told who holds the slot.
     const Outcome second = Slotctl({"read", name.str(), "--timeout", "1000"});
     EXPECT_EQ(1, second.status) << second.Describe();
-    EXPECT_TRUE(Contains(second.err, "(its reader is pid " + pid + ")")) << second.Describe();
+    EXPECT_THAT(second.err, HasSubstr("(its reader is pid " + pid + ")"));
 
     const Outcome info = Slotctl({"info", name.str()});
     EXPECT_EQ(0, info.status) << info.Describe();
@@ -173,15 +167,15 @@ TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForce
 
     const Outcome refused = Slotctl({"rm", name.str()});
     EXPECT_EQ(1, refused.status) << refused.Describe();
-    EXPECT_TRUE(Contains(refused.err, "is in use by 1 process: pid " + pid)) << refused.err;
-    EXPECT_TRUE(Contains(refused.err, "--force")) << refused.err;
+    EXPECT_THAT(refused.err,
+                AllOf(HasSubstr("is in use by 1 process: pid " + pid), HasSubstr("--force")));
     EXPECT_TRUE(Exists("/dev/shm/" + name.str()));
 
     const Outcome forced = Slotctl({"rm", "--force", name.str()});
     EXPECT_EQ(0, forced.status) << forced.Describe();
-    EXPECT_TRUE(Contains(forced.err, "warning: removing")) << forced.err;
+    EXPECT_THAT(forced.err, HasSubstr("warning: removing"));
     // The live reader keeps its lock file.
-    EXPECT_TRUE(Contains(forced.err, "kept lock file")) << forced.err;
+    EXPECT_THAT(forced.err, HasSubstr("kept lock file"));
     EXPECT_FALSE(Exists("/dev/shm/" + name.str()));
     reader.Signal(SIGINT);
     EXPECT_EQ(130, reader.Finish().status);
@@ -195,7 +189,7 @@ TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
     ASSERT_TRUE(Exists(lockFile)) << "the reader left no lock file: nothing to test";
     const Outcome rm = Slotctl({"rm", name.str()});
     EXPECT_EQ(0, rm.status) << rm.Describe();
-    EXPECT_TRUE(Contains(rm.out, "lock file " + lockFile)) << rm.out;
+    EXPECT_THAT(rm.out, HasSubstr("lock file " + lockFile));
     EXPECT_FALSE(Exists(lockFile));
 
     // A symlink planted under the lock file's name is not followed and not removed.
@@ -205,7 +199,7 @@ TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
     ASSERT_EQ(0, ::symlink(victim.c_str(), lockFile.c_str()));
     const Outcome planted = Slotctl({"rm", name.str()});
     EXPECT_EQ(1, planted.status) << planted.Describe();
-    EXPECT_TRUE(Contains(planted.err, "not a plain file")) << planted.err;
+    EXPECT_THAT(planted.err, HasSubstr("not a plain file"));
     EXPECT_TRUE(Exists(victim));
     ::unlink(lockFile.c_str());
     ::unlink(victim.c_str());
@@ -230,13 +224,13 @@ TEST(SlotctlAttached, RmAndRmStaleRemoveALockFileWhoseSlotIsGone) {
         leaveOrphan();
         const Outcome rm = Slotctl(command);
         EXPECT_EQ(0, rm.status) << rm.Describe();
-        EXPECT_TRUE(Contains(rm.out, removed)) << rm.Describe();
+        EXPECT_THAT(rm.out, HasSubstr(removed));
         EXPECT_FALSE(Exists(lockFile)) << rm.Describe();
     }
     // Nothing left: the name is not a slot any more.
     const Outcome again = Slotctl({"rm", name.str()});
     EXPECT_EQ(1, again.status) << again.Describe();
-    EXPECT_TRUE(Contains(again.err, "is not a slot")) << again.Describe();
+    EXPECT_THAT(again.err, HasSubstr("is not a slot"));
 }
 
 // ---- read --timeout ----
@@ -247,13 +241,12 @@ TEST(SlotctlTimeout, ReadThatGivesUpWaitingEndsWithStatus124AlsoWhenFollowing) {
     const Outcome follow = Slotctl({"read", name.str(), "--follow", "--timeout", "300"});
     EXPECT_EQ(124, follow.status) << follow.Describe();
     EXPECT_EQ("5 bytes: first\n", follow.out) << "the block before the timeout is printed";
-    EXPECT_TRUE(
-        Contains(follow.err, "slotctl: no block from '" + name.str() + "' within 300 ms (1 read)"))
-        << follow.Describe();
+    EXPECT_THAT(follow.err,
+                HasSubstr("slotctl: no block from '" + name.str() + "' within 300 ms (1 read)"));
 
     const Outcome count = Slotctl({"read", name.str(), "--count", "2", "--timeout", "300"});
     EXPECT_EQ(124, count.status) << count.Describe();
-    EXPECT_TRUE(Contains(count.err, "within 300 ms (0 of 2 read)")) << count.Describe();
+    EXPECT_THAT(count.err, HasSubstr("within 300 ms (0 of 2 read)"));
 
     // A read that got what it asked for is a success, with or without --timeout.
     ASSERT_EQ(0, Slotctl({"write", name.str(), "second"}).status);
@@ -276,7 +269,7 @@ TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctls) {
     const Outcome filled = Slotctl(
         {"write", from.str(), "--type", "reliable", "--queue", "8", "--frames"}, Options{frames});
     ASSERT_EQ(0, filled.status) << filled.Describe();
-    ASSERT_TRUE(Contains(filled.err, "5 blocks to")) << filled.Describe();
+    ASSERT_THAT(filled.err, HasSubstr("5 blocks to"));
 
     const std::string slotctl = SLOTCTL_PATH;
     const std::string pipeline = "'" + slotctl + "' read " + from.str() + " --count " +
@@ -302,19 +295,19 @@ TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
     const Outcome cut = Slotctl({"write", name.str(), "--type", "reliable", "--frames"},
                                 Options{Frames({"whole"}) + std::string("\x09\0\0\0ab", 6)});
     EXPECT_EQ(1, cut.status) << cut.Describe();
-    EXPECT_TRUE(Contains(cut.err, "1 block to")) << cut.err;
-    EXPECT_TRUE(Contains(cut.err, "standard input ends inside a frame (6 bytes")) << cut.err;
+    EXPECT_THAT(cut.err, AllOf(HasSubstr("1 block to"),
+                               HasSubstr("standard input ends inside a frame (6 bytes")));
     EXPECT_EQ(1u, SlotSurvey::InspectSlot(name).queue.waiting);
 
     const Outcome header = Slotctl({"write", name.str(), "--frames"}, Options{"\x01\0"});
     EXPECT_EQ(1, header.status) << header.Describe();
-    EXPECT_TRUE(Contains(header.err, "ends inside a frame")) << header.err;
+    EXPECT_THAT(header.err, HasSubstr("ends inside a frame"));
 
     // A length beyond the slot's block size is refused before its bytes are awaited.
     const Outcome huge =
         Slotctl({"write", name.str(), "--frames"}, Options{std::string("\xff\xff\xff\x7f", 4)});
     EXPECT_EQ(1, huge.status) << huge.Describe();
-    EXPECT_TRUE(Contains(huge.err, "larger than the slot's maximum block size")) << huge.err;
+    EXPECT_THAT(huge.err, HasSubstr("larger than the slot's maximum block size"));
 
     EXPECT_EQ(2, Slotctl({"write", name.str(), "--frames", "--lines"}).status);
     EXPECT_EQ(2, Slotctl({"read", name.str(), "--format", "json"}).status);
@@ -383,7 +376,7 @@ TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
     const std::vector<std::string> all = Completions({"slotctl", ""});
     for (const std::string command : {"ls", "info", "write", "read", "rm", "hz", "bw", "peek",
                                       "top", "record", "replay", "demo", "help"}) {
-        EXPECT_TRUE(Contains(commands, " " + command + " ")) << command;
+        EXPECT_THAT(commands, HasSubstr(" " + command + " ")) << command;
         EXPECT_TRUE(std::regex_search(man, std::regex("\n\\.B[IR]? \"?" + command + "\\b")))
             << command << " is not in the manual page";
         EXPECT_NE(all.end(), std::find(all.begin(), all.end(), command)) << command;

@@ -16,10 +16,15 @@ namespace {
 
 using boost::interprocess::open_or_create;
 
-TEST(DiscardingSlot, FreshSlotReadsNothingAndLeavesTheBuffer) {
+// A fresh 32-byte discarding slot, and what the library logs about it.
+class DiscardingSlotTest : public ::testing::Test {
+protected:
     testsupport::ScopedSlotName name;
-    DiscardingSlot slot(open_or_create, name.c_str(), 32);
-    testsupport::LogCapture log("Slot");
+    DiscardingSlot slot{open_or_create, name.c_str(), 32};
+    testsupport::LogCapture log{"Slot"};
+};
+
+TEST_F(DiscardingSlotTest, FreshSlotReadsNothingAndLeavesTheBuffer) {
     char buffer[8];
     std::memset(buffer, 0x5a, sizeof buffer);
     EXPECT_EQ(0u, slot.ReadData(buffer, sizeof buffer));
@@ -28,10 +33,7 @@ TEST(DiscardingSlot, FreshSlotReadsNothingAndLeavesTheBuffer) {
                                          "'is empty"));
 }
 
-TEST(DiscardingSlot, ABlockIsReadFromTheQueueThenAgainFromTheOutputBuffer) {
-    testsupport::ScopedSlotName name;
-    DiscardingSlot slot(open_or_create, name.c_str(), 32);
-    testsupport::LogCapture log("Slot");
+TEST_F(DiscardingSlotTest, ABlockIsReadFromTheQueueThenAgainFromTheOutputBuffer) {
     slot.WriteData("abcdef", 6);
     EXPECT_EQ(1u, log.Count("TRACE", "write timestamp " +
                                          boost::posix_time::to_simple_string(
@@ -47,10 +49,7 @@ TEST(DiscardingSlot, ABlockIsReadFromTheQueueThenAgainFromTheOutputBuffer) {
     EXPECT_EQ("abcdef", std::string(buffer, 6));
 }
 
-TEST(DiscardingSlot, ASecondWriteDiscardsTheWaitingBlock) {
-    testsupport::ScopedSlotName name;
-    DiscardingSlot slot(open_or_create, name.c_str(), 32);
-    testsupport::LogCapture log("Slot");
+TEST_F(DiscardingSlotTest, ASecondWriteDiscardsTheWaitingBlock) {
     slot.WriteData("first", 5);
     slot.WriteData("second", 6);
     EXPECT_EQ(std::vector<std::string>{"One data block discarded from " + name.str()},
@@ -61,9 +60,7 @@ TEST(DiscardingSlot, ASecondWriteDiscardsTheWaitingBlock) {
     EXPECT_EQ("second", std::string(buffer, 6));
 }
 
-TEST(DiscardingSlot, AShortReadCutsTheBlock) {
-    testsupport::ScopedSlotName name;
-    DiscardingSlot slot(open_or_create, name.c_str(), 32);
+TEST_F(DiscardingSlotTest, AShortReadCutsTheBlock) {
     slot.WriteData("0123456789", 10);
     char buffer[8] = {'.', '.', '.', '.', '.', '.', '.', '.'};
     ASSERT_EQ(4u, slot.ReadData(buffer, 4));

@@ -19,9 +19,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sched.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <unistd.h>
 #include <algorithm>
@@ -271,21 +269,19 @@ TEST(DeadQueueHolder, ADiscardingSlotNeverDeliversAHalfCopiedBlock) {
 }
 
 // Raw objects as a creator killed at some point leaves them.
-void MakeUnfinished(const std::string& name, off_t size, int state) {
-    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
-    ASSERT_GE(fd, 0) << name;
-    ASSERT_EQ(0, ::ftruncate(fd, size));
+void MakeUnfinished(const std::string& name, size_t size, int state) {
+    testsupport::Bytes bytes(size, 0);
     if (state >= 0) {
         const std::uint32_t word = static_cast<std::uint32_t>(state);
-        ASSERT_EQ(static_cast<ssize_t>(sizeof(word)), ::pwrite(fd, &word, sizeof(word), 0));
+        std::memcpy(bytes.data(), &word, sizeof(word));
     }
-    ::close(fd);
+    ASSERT_TRUE(testsupport::WriteObject(name, bytes)) << name;
 }
 
 TEST(UnfinishedCreation, OpenerGivesUpWithinTheBoundNamingCauseAndRemedy) {
     struct Case {
         bool queue;
-        off_t size;
+        size_t size;
         int state;
         const char* cause;
     };
