@@ -116,7 +116,8 @@ struct PoolHeader {
     std::atomic<std::uint64_t> head;  // queue kind: entries popped
     unsigned char headLineEnd[56];
     // Written by writers only (and the reader claim, once per reader).
-    std::atomic<std::uint64_t> nextSequence;  // last sequence handed out
+    std::atomic<std::uint64_t> nextSequence;  // latest kind: last sequence handed out (the
+                                              // queue kind's is its tail)
     std::atomic<std::uint64_t> readerClaim;   // queue kind: reader's attachment index + 1
     unsigned char writerLineEnd[48];
     unsigned char writerMutex[64];  // queue kind: robust mutex around pushes

@@ -77,7 +77,9 @@ void Count(PoolReport& report, unsigned char* base) {
             }
         }
     }
-    report.lastSequence = header.nextSequence.load();
+    // A queue entry's sequence is its ring position + 1: the last one pushed is the tail.
+    report.lastSequence =
+        header.kind == QueueKind ? header.tail.load() : header.nextSequence.load();
     for (unsigned i = 0; i < count && report.lastSequence != 0; ++i) {
         if (blocks[i].sequence.load() == report.lastSequence) {
             report.lastPublishNs = blocks[i].publishTimeNs.load();

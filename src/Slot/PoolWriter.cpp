@@ -122,7 +122,6 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
     // longer in this core's caches, and fetched one after the other they would cost a miss
     // each. The ring's line is the one of the tail as it stands (a hint; read again below).
     __builtin_prefetch(segment.writerMutex(), 1);
-    __builtin_prefetch(&header.nextSequence, 1);
     __builtin_prefetch(&segment.ring(header.tail.load(std::memory_order_relaxed)), 1);
     const shared::OwnerDeadRepair repair = [&segment](pid_t) { segment.SweepOrphans(); };
     try {
@@ -154,7 +153,6 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
         block.sequence.store(sequence, std::memory_order_relaxed);
         std::uint64_t expected = loaned;
         if (block.state.compare_exchange_strong(expected, StatePublished | sequence)) {
-            header.nextSequence.store(sequence, std::memory_order_relaxed);
             // The entry and the pushed word (beside the tail, see the reader), then the tail
             // with release: a reader that loads the tail with acquire sees both and everything
             // written to the block and its line before.
