@@ -239,10 +239,6 @@ public:
         }
         return head;
     }
-    // Where this process's writers start looking for a free block: after the one loaned last,
-    // so that blocks are reused in turn and a scan rarely touches a line the reader is writing.
-    unsigned LoanHint() const { return loanHint_.load(std::memory_order_relaxed); }
-    void SetLoanHint(unsigned next) { loanHint_.store(next, std::memory_order_relaxed); }
 
     // The reason the pool is damaged, set by whoever found a word out of range ("" = healthy in
     // this process). Logged once.
@@ -273,7 +269,6 @@ private:
     std::size_t stride_;
     std::atomic<bool> damaged_{false};
     std::atomic<std::uint64_t> headSeen_{0};
-    std::atomic<unsigned> loanHint_{0};
     shared::WriteCounters* counters_;
     log4cxx::LoggerPtr logger_;
 };
