@@ -24,7 +24,8 @@ int LatencyReader(const KeyValues& kv, RunParams& params) {
     ChildRun run(kv, params);
     std::unique_ptr<Receiver> receiver = MakeReceiver(params);
     Stopper stop(run.deadline);
-    LatencySink sink(params.blockSize, run.count, kv.GetU64("warmup"), 1, params.control, stop);
+    LatencySink sink(params.blockSize, run.count, kv.GetU64("warmup"), 1, params.control, stop,
+                     kv.GetU64("pace_bytes", 0));
     receiver->Attach(sink);
     if (!run.ReadyThenGo()) {
         return run.GiveUp("no go from the parent");
@@ -40,11 +41,13 @@ int LatencyReader(const KeyValues& kv, RunParams& params) {
 
 // Sends `count` blocks, each only after the reader acknowledged the previous one. A block that
 // is not acknowledged within a second counts as lost (the reader's sequence check says so too).
+// With `pace_bytes`, each block goes at the pace of a block of that size (PaceWork).
 int LatencyWriter(const KeyValues& kv, RunParams& params) {
     ChildRun run(kv, params);
     const std::string inject = kv.Get("inject");
     std::unique_ptr<Sender> sender = MakeSender(params);
     BlockSource source(params.blockSize, params.writerId);
+    PaceWork pace(kv.GetU64("pace_bytes", 0), true);
     if (!run.ReadyThenGo() || !sender->Warmup(run.deadline)) {
         return run.GiveUpAndFailRun("no go from the parent, or the transport never connected");
     }
@@ -52,6 +55,7 @@ int LatencyWriter(const KeyValues& kv, RunParams& params) {
     const std::uint64_t cpu0 = ProcessCpuNs();
     for (size_t seq = 0; seq < run.count; ++seq) {
         char* block = source.Prepare(seq);
+        pace.Fill(seq);
         SendBlock(*sender, block, params.blockSize, seq, inject, true);
         if (!pacer.AwaitAck()) {
             break;
@@ -71,21 +75,23 @@ int LatencyWriter(const KeyValues& kv, RunParams& params) {
 // Parent entry points
 
 LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, size_t count,
-                         size_t warmup) {
+                         size_t warmup, size_t paceBytes) {
     LatencyResult r;
     r.transport = transport;
     r.size = size;
+    r.paceBytes = paceBytes;
     const std::string why = TransportUnavailable(transport);
     if (!why.empty()) {
         return Skip(r, why);
     }
     RunParams params = BaseParams(h, transport, size);
-    params.name = RunName(h, "lat", transport, size);
-    const std::uint64_t deadlineMs = 30000 + count * 2;
-    PairOutcome o = RunPair(h, params, "lat-reader", "lat-writer",
-                            {"count=" + std::to_string(count), "warmup=" + std::to_string(warmup),
-                             "gap_us=" + std::to_string(h.plan.gapUs)},
-                            deadlineMs);
+    params.name = RunName(h, paceBytes ? "latp" : "lat", transport, size);
+    const std::uint64_t deadlineMs = 30000 + count * 2 + count * (paceBytes >> 20);
+    PairOutcome o = RunPair(
+        h, params, "lat-reader", "lat-writer",
+        {"count=" + std::to_string(count), "warmup=" + std::to_string(warmup),
+         "gap_us=" + std::to_string(h.plan.gapUs), "pace_bytes=" + std::to_string(paceBytes)},
+        deadlineMs);
     if (o.skipped) {
         return Skip(r, o.problem);
     }

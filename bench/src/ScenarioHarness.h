@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -82,6 +83,32 @@ private:
 // The pause between an acknowledgement and the next block: long enough that the reader is back
 // asleep when the block comes, as with sporadic data, so every block pays a full wake-up.
 void PaceGap(std::uint64_t us);
+
+// The work around a large block, done beside a small one so that the small one goes at the
+// large one's pace: the writer fills `bytes` of its own memory per block from the same
+// prepared blocks as a writer of that size, and the reader checks `bytes` of its own. Nothing
+// when `bytes` is 0.
+class PaceWork {
+public:
+    PaceWork(size_t bytes, bool writer)
+        : source_(writer && bytes != 0 ? std::make_unique<BlockSource>(bytes, 0) : nullptr),
+          to_(bytes) {}
+    void Fill(std::uint64_t seq) {
+        if (source_) {
+            std::memcpy(to_.data(), source_->Prepare(seq), to_.size());
+        }
+    }
+    void Check() {
+        if (!to_.empty()) {
+            sum_ = sum_ + PayloadChecksum(to_.data(), to_.size());
+        }
+    }
+
+private:
+    std::unique_ptr<BlockSource> source_;  // the writer's
+    std::vector<char> to_;
+    volatile std::uint64_t sum_ = 0;
+};
 
 std::uint64_t GraceNs(const RunParams& params);
 
@@ -203,8 +230,9 @@ private:
 class LatencySink : public CountingSink {
 public:
     LatencySink(size_t blockSize, size_t count, size_t warmup, unsigned int streams,
-                ControlBlock* c, Stopper& stop)
-        : blockSize_(blockSize),
+                ControlBlock* c, Stopper& stop, size_t paceBytes = 0)
+        : pace_(paceBytes, false),
+          blockSize_(blockSize),
           count_(count),
           warmup_(warmup),
           stats_(streams),
@@ -225,6 +253,7 @@ public:
                 samples_.push_back(now - h.sendNs);
             }
         }
+        pace_.Check();
         const std::uint64_t d = delivered_.fetch_add(1) + 1;
         __atomic_store_n(&control_->ack, static_cast<std::uint32_t>(d), __ATOMIC_SEQ_CST);
         FutexWakeAll(&control_->ack);
@@ -262,6 +291,7 @@ public:
     }
 
 private:
+    PaceWork pace_;
     size_t blockSize_;
     size_t count_;
     size_t warmup_;

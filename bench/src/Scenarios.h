@@ -71,6 +71,7 @@ struct LatencyResult {
     double readerCpuShare = 0;           // reader process CPU time per second of the run
     std::vector<std::uint64_t> samples;  // raw latencies of the runs merged so far
     unsigned int runs = 0;
+    size_t paceBytes = 0;  // sent at the pace of blocks of this size (PaceWork); 0: its own
 };
 
 struct ThroughputResult {
@@ -129,6 +130,9 @@ struct MemcpyResult {
 struct Results {
     Plan plan;
     std::vector<LatencyResult> latency;
+    // 64 B blocks at the pace of the largest latency size, for the transports measured there:
+    // beside that size's row, only the size handed over differs.
+    std::vector<LatencyResult> pacedLatency;
     std::vector<ThroughputResult> throughput;
     std::vector<ScaleResult> scale;
     CreationResult creation;
@@ -149,9 +153,10 @@ struct Harness {
     std::string inject;  // "drop" or "corrupt": a deliberate fault in every run (self-check)
 };
 
-// One round: `count` paced blocks, the first `warmup` not counted.
+// One round: `count` paced blocks, the first `warmup` not counted; with `paceBytes`, each
+// block at the pace of a block of that size.
 LatencyResult RunLatency(Harness& h, const std::string& transport, size_t size, size_t count,
-                         size_t warmup);
+                         size_t warmup, size_t paceBytes = 0);
 // Adds a round to the result so far (samples merged, counts summed, percentiles recomputed).
 void MergeLatency(LatencyResult& total, const LatencyResult& round);
 void MergeThroughput(ThroughputResult& total, const ThroughputResult& round);
@@ -169,10 +174,11 @@ int ChildMain(const KeyValues& kv);
 constexpr unsigned int kSlotCopiesPerBlock = 3;
 
 // The ratios a zero-copy transport is held to, for one transport of a run; 0 where a figure is
-// missing. flat: p50 at 4 MiB / own p50 at 64 B; vsIceoryx: MB/s at 1 MiB (1 writer) / iceoryx's;
-// vsReliable: p50 at 64 B / the reliable slot's; vsFloor: p50 at 64 B / the spinning floor's.
+// missing. flat: p50 at 4 MiB / own p50 at 64 B; flatPaced: the same with the 64 B blocks sent
+// at the 4 MiB pace; vsIceoryx: MB/s at 1 MiB (1 writer) / iceoryx's; vsReliable: p50 at 64 B /
+// the reliable slot's; vsFloor: p50 at 64 B / the spinning floor's.
 struct TargetRatios {
-    double flat = 0, vsIceoryx = 0, vsReliable = 0, vsFloor = 0;
+    double flat = 0, flatPaced = 0, vsIceoryx = 0, vsReliable = 0, vsFloor = 0;
 };
 TargetRatios ComputeTargetRatios(const Results& r, const std::string& transport);
 

@@ -91,6 +91,17 @@ void PrintNotMeasured(Status status, const std::string& reason) {
                  status == Status::Skipped ? "skipped:" : "FAILED:", reason.c_str());
 }
 
+// Ends the progress line of one latency run.
+void PrintLatency(const LatencyResult& r) {
+    if (r.status == Status::Ok) {
+        std::fprintf(stderr, "p50 %.2f us p99 %.2f us lost %llu corrupt %llu\n", r.p.p50 / 1e3,
+                     r.p.p99 / 1e3, static_cast<unsigned long long>(r.lost),
+                     static_cast<unsigned long long>(r.corrupt));
+    } else {
+        PrintNotMeasured(r.status, r.reason);
+    }
+}
+
 void Usage() {
     std::fprintf(stderr,
                  "usage: slotbench --out DIR [--quick] [--tag TAG] [--tmp DIR]\n"
@@ -216,6 +227,18 @@ int main(int argc, char** argv) {
             latency.back().size = size;
             return latency.back();
         };
+        std::vector<LatencyResult> paced;
+        auto pacedSlot = [&](const std::string& t) -> LatencyResult& {
+            for (LatencyResult& r : paced) {
+                if (r.transport == t) {
+                    return r;
+                }
+            }
+            paced.emplace_back();
+            paced.back().transport = t;
+            paced.back().size = 64;
+            return paced.back();
+        };
         auto throughputSlot = [&](const std::string& t, size_t size,
                                   unsigned int writers) -> ThroughputResult& {
             for (ThroughputResult& r : throughput) {
@@ -251,14 +274,30 @@ int main(int argc, char** argv) {
                         MergeLatency(total, r);
                         std::fprintf(stderr, "slotbench: round %u latency %-34s %6zu B: ", round,
                                      t.label.c_str(), size);
-                        if (r.status == Status::Ok) {
-                            std::fprintf(stderr, "p50 %.2f us p99 %.2f us lost %llu corrupt %llu\n",
-                                         r.p.p50 / 1e3, r.p.p99 / 1e3,
-                                         static_cast<unsigned long long>(r.lost),
-                                         static_cast<unsigned long long>(r.corrupt));
-                        } else {
-                            PrintNotMeasured(r.status, r.reason);
+                        PrintLatency(r);
+                    }
+                }
+                // 64 B at the pace of the largest size, for the transports measured there.
+                const size_t pace = plan.latencySizes.back();
+                if (sizeWanted(64) && sizeWanted(pace) && pace > 64) {
+                    const size_t perRoundCount =
+                        std::max<size_t>(plan.LatencyCount(pace) / plan.rounds, 10);
+                    const size_t perRoundWarmup = plan.LatencyWarmup(pace) / plan.rounds;
+                    for (const TransportInfo& t : Transports()) {
+                        if (!t.latency || !t.MeasuredAt(pace) || !Wanted(transports, t.name)) {
+                            continue;
                         }
+                        LatencyResult& total = pacedSlot(t.name);
+                        if (round > 1 && total.status == Status::Skipped) {
+                            continue;
+                        }
+                        const LatencyResult r =
+                            RunLatency(h, t.name, 64, perRoundCount, perRoundWarmup, pace);
+                        MergeLatency(total, r);
+                        std::fprintf(stderr,
+                                     "slotbench: round %u latency %-34s 64 B at the %zu B pace: ",
+                                     round, t.label.c_str(), pace);
+                        PrintLatency(r);
                     }
                 }
             }
@@ -299,6 +338,7 @@ int main(int argc, char** argv) {
             }
         }
         results.latency = latency;
+        results.pacedLatency = paced;
         results.throughput = throughput;
         if (Wanted(only, "scale")) {
             for (unsigned int n : plan.scaleSlots) {
@@ -321,6 +361,10 @@ int main(int argc, char** argv) {
         if (r.status == Status::Skipped) {
             skipped.insert(FindTransport(r.transport)->label + ": " + r.reason);
         }
+        results.anyDataError = results.anyDataError || r.lost || r.duplicates || r.corrupt;
+        results.anyFailure = results.anyFailure || r.status == Status::Failed;
+    }
+    for (const LatencyResult& r : results.pacedLatency) {
         results.anyDataError = results.anyDataError || r.lost || r.duplicates || r.corrupt;
         results.anyFailure = results.anyFailure || r.status == Status::Failed;
     }
