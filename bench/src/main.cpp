@@ -216,28 +216,17 @@ int main(int argc, char** argv) {
         // Results keyed by transport, size and writers, merged over the rounds.
         std::vector<LatencyResult> latency;
         std::vector<ThroughputResult> throughput;
-        auto latencySlot = [&](const std::string& t, size_t size) -> LatencyResult& {
+        auto latencySlot = [&](const std::string& t, size_t size, size_t pace) -> LatencyResult& {
             for (LatencyResult& r : latency) {
-                if (r.transport == t && r.size == size) {
+                if (r.transport == t && r.size == size && r.paceBytes == pace) {
                     return r;
                 }
             }
             latency.emplace_back();
             latency.back().transport = t;
             latency.back().size = size;
+            latency.back().paceBytes = pace;
             return latency.back();
-        };
-        std::vector<LatencyResult> paced;
-        auto pacedSlot = [&](const std::string& t) -> LatencyResult& {
-            for (LatencyResult& r : paced) {
-                if (r.transport == t) {
-                    return r;
-                }
-            }
-            paced.emplace_back();
-            paced.back().transport = t;
-            paced.back().size = 64;
-            return paced.back();
         };
         auto throughputSlot = [&](const std::string& t, size_t size,
                                   unsigned int writers) -> ThroughputResult& {
@@ -252,53 +241,43 @@ int main(int argc, char** argv) {
             throughput.back().writers = writers;
             return throughput.back();
         };
+        // One round of the rows of `size` for every transport measured there; with `pace`,
+        // `size` blocks at the pace of `pace`-byte ones, for the transports measured at `pace`.
+        auto latencyRows = [&](unsigned int round, size_t size, size_t pace) {
+            const size_t rowSize = std::max(size, pace);
+            const size_t perRoundCount =
+                std::max<size_t>(plan.LatencyCount(rowSize) / plan.rounds, 10);
+            const size_t perRoundWarmup = plan.LatencyWarmup(rowSize) / plan.rounds;
+            for (const TransportInfo& t : Transports()) {
+                if (!t.latency || !t.MeasuredAt(rowSize) || !Wanted(transports, t.name)) {
+                    continue;
+                }
+                LatencyResult& total = latencySlot(t.name, size, pace);
+                if (round > 1 && total.status == Status::Skipped) {
+                    continue;
+                }
+                const LatencyResult r =
+                    RunLatency(h, t.name, size, perRoundCount, perRoundWarmup, pace);
+                MergeLatency(total, r);
+                std::fprintf(stderr, "slotbench: round %u latency %-34s %6zu B", round,
+                             t.label.c_str(), size);
+                if (pace != 0) {
+                    std::fprintf(stderr, " at the %zu B pace", pace);
+                }
+                std::fprintf(stderr, ": ");
+                PrintLatency(r);
+            }
+        };
         for (unsigned int round = 1; round <= plan.rounds; ++round) {
             if (Wanted(only, "latency")) {
                 for (size_t size : plan.latencySizes) {
-                    if (!sizeWanted(size)) {
-                        continue;
-                    }
-                    const size_t perRoundCount =
-                        std::max<size_t>(plan.LatencyCount(size) / plan.rounds, 10);
-                    const size_t perRoundWarmup = plan.LatencyWarmup(size) / plan.rounds;
-                    for (const TransportInfo& t : Transports()) {
-                        if (!t.latency || !t.MeasuredAt(size) || !Wanted(transports, t.name)) {
-                            continue;
-                        }
-                        LatencyResult& total = latencySlot(t.name, size);
-                        if (round > 1 && total.status == Status::Skipped) {
-                            continue;
-                        }
-                        const LatencyResult r =
-                            RunLatency(h, t.name, size, perRoundCount, perRoundWarmup);
-                        MergeLatency(total, r);
-                        std::fprintf(stderr, "slotbench: round %u latency %-34s %6zu B: ", round,
-                                     t.label.c_str(), size);
-                        PrintLatency(r);
+                    if (sizeWanted(size)) {
+                        latencyRows(round, size, 0);
                     }
                 }
-                // 64 B at the pace of the largest size, for the transports measured there.
                 const size_t pace = plan.latencySizes.back();
                 if (sizeWanted(64) && sizeWanted(pace) && pace > 64) {
-                    const size_t perRoundCount =
-                        std::max<size_t>(plan.LatencyCount(pace) / plan.rounds, 10);
-                    const size_t perRoundWarmup = plan.LatencyWarmup(pace) / plan.rounds;
-                    for (const TransportInfo& t : Transports()) {
-                        if (!t.latency || !t.MeasuredAt(pace) || !Wanted(transports, t.name)) {
-                            continue;
-                        }
-                        LatencyResult& total = pacedSlot(t.name);
-                        if (round > 1 && total.status == Status::Skipped) {
-                            continue;
-                        }
-                        const LatencyResult r =
-                            RunLatency(h, t.name, 64, perRoundCount, perRoundWarmup, pace);
-                        MergeLatency(total, r);
-                        std::fprintf(stderr,
-                                     "slotbench: round %u latency %-34s 64 B at the %zu B pace: ",
-                                     round, t.label.c_str(), pace);
-                        PrintLatency(r);
-                    }
+                    latencyRows(round, 64, pace);
                 }
             }
             if (Wanted(only, "throughput")) {
@@ -337,8 +316,9 @@ int main(int argc, char** argv) {
                 }
             }
         }
-        results.latency = latency;
-        results.pacedLatency = paced;
+        for (const LatencyResult& r : latency) {
+            (r.paceBytes != 0 ? results.pacedLatency : results.latency).push_back(r);
+        }
         results.throughput = throughput;
         if (Wanted(only, "scale")) {
             for (unsigned int n : plan.scaleSlots) {
