@@ -308,19 +308,23 @@ bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
     return startTime == 0 || PoolProcessStartTime(pid) == startTime;
 }
 
-PoolSegment::PoolSegment(const std::string& name, void* base, std::size_t size)
+PoolSegment::PoolSegment(const std::string& name, void* base, std::size_t size,
+                         const PoolHeader& checked)
     : name_(name),
       base_(base),
       size_(size),
       header_(static_cast<PoolHeader*>(base)),
       attachments_(reinterpret_cast<PoolAttachmentSlot*>(static_cast<unsigned char*>(base) +
-                                                         header_->attachmentOffset)),
+                                                         checked.attachmentOffset)),
       blocks_(reinterpret_cast<PoolBlockSlot*>(static_cast<unsigned char*>(base) +
-                                               header_->blockTableOffset)),
+                                               checked.blockTableOffset)),
       ring_(reinterpret_cast<std::atomic<std::uint64_t>*>(static_cast<unsigned char*>(base) +
-                                                          header_->ringOffset)),
-      data_(static_cast<unsigned char*>(base) + header_->dataOffset),
-      stride_(static_cast<std::size_t>(header_->stride)),
+                                                          checked.ringOffset)),
+      data_(static_cast<unsigned char*>(base) + checked.dataOffset),
+      stride_(static_cast<std::size_t>(checked.stride)),
+      kind_(static_cast<PoolKind>(checked.kind)),
+      maxBlockSize_(static_cast<std::size_t>(checked.maxBlockSize)),
+      blockCount_(static_cast<unsigned>(checked.blockCount)),
       counters_(shared::WriteCountersFor(name)),
       logger_(log4cxx::Logger::getLogger("Slot.Pool")) {}
 
@@ -365,7 +369,7 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
         ::munmap(base, size);
         Refuse(name, "its geometry changed while it was opened");
     }
-    return std::shared_ptr<PoolSegment>(new PoolSegment(name, base, size));
+    return std::shared_ptr<PoolSegment>(new PoolSegment(name, base, size, copy));
 }
 
 std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
@@ -382,8 +386,8 @@ std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
         if (fd >= 0) {
             ::close(fd);
             std::shared_ptr<PoolSegment> segment = OpenExisting(config.name);
-            if (KindName(segment->header().kind) != config.kind) {
-                Refuse(config.name, std::string("it is a \"") + KindName(segment->header().kind) +
+            if (KindName(segment->kind()) != config.kind) {
+                Refuse(config.name, std::string("it is a \"") + KindName(segment->kind()) +
                                         "\" pool, not \"" + config.kind + "\"");
             }
             return segment;

@@ -183,13 +183,15 @@ public:
     PoolSegment& operator=(const PoolSegment&) = delete;
 
     const std::string& name() const { return name_; }
-    PoolKind kind() const { return static_cast<PoolKind>(header_->kind); }
-    std::size_t maxBlockSize() const { return static_cast<std::size_t>(header_->maxBlockSize); }
-    unsigned blockCount() const { return static_cast<unsigned>(header_->blockCount); }
+    // The geometry as checked at open: the file's copy is never read again (a stray write there
+    // must not move a bound).
+    PoolKind kind() const { return kind_; }
+    std::size_t maxBlockSize() const { return maxBlockSize_; }
+    unsigned blockCount() const { return blockCount_; }
     PoolHeader& header() { return *header_; }
     PoolAttachmentSlot& attachment(unsigned i) { return attachments_[i]; }
     PoolBlockSlot& block(unsigned i) { return blocks_[i]; }
-    std::atomic<std::uint64_t>& ring(std::uint64_t n) { return ring_[n % header_->blockCount]; }
+    std::atomic<std::uint64_t>& ring(std::uint64_t n) { return ring_[n % blockCount_]; }
     unsigned char* data(unsigned i) { return data_ + static_cast<std::size_t>(i) * stride_; }
     pthread_mutex_t* writerMutex() {
         return reinterpret_cast<pthread_mutex_t*>(header_->writerMutex);
@@ -233,7 +235,7 @@ public:
     // the reader's head line out of most publishes.
     std::uint64_t HeadForRoom(std::uint64_t tail) {
         std::uint64_t head = headSeen_.load(std::memory_order_relaxed);
-        if (tail - head >= header_->blockCount) {
+        if (tail - head >= blockCount_) {
             head = header_->head.load(std::memory_order_acquire);
             headSeen_.store(head, std::memory_order_relaxed);
         }
@@ -255,7 +257,7 @@ public:
     log4cxx::LoggerPtr logger() const { return logger_; }
 
 private:
-    PoolSegment(const std::string& name, void* base, std::size_t size);
+    PoolSegment(const std::string& name, void* base, std::size_t size, const PoolHeader& checked);
     void ReapEntry(unsigned index, std::uint64_t word, std::uint64_t myWord);
 
     std::string name_;
@@ -267,6 +269,9 @@ private:
     std::atomic<std::uint64_t>* ring_;
     unsigned char* data_;
     std::size_t stride_;
+    PoolKind kind_;
+    std::size_t maxBlockSize_;
+    unsigned blockCount_;
     std::atomic<bool> damaged_{false};
     std::atomic<std::uint64_t> headSeen_{0};
     shared::WriteCounters* counters_;

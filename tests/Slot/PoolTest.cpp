@@ -441,6 +441,31 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     EXPECT_EQ(2u, Check(collector->Blocks()[0].bytes.data(), 16));
 }
 
+// A stray write over the geometry of a pool that is open already: the processes that opened it
+// keep the geometry they checked, for loans as for the ring and the deliveries.
+TEST_F(PoolTest, AGeometryRewrittenAfterOpenIsNeverFollowed) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    auto collector = boost::make_shared<testsupport::Collector>();
+    auto reader = PoolFactory::CreatePoolReader(config, collector);
+    Poke(pool.str(), offsetof(Slot::PoolHeader, kind), std::uint32_t{Slot::LatestKind});
+    Poke(pool.str(), offsetof(Slot::PoolHeader, maxBlockSize), std::uint64_t{1} << 30);
+    Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{0});
+
+    EXPECT_FALSE(writer->loan(4096));
+    EXPECT_EQ(64u, writer->maxBlockSize());
+    for (std::uint64_t tag = 1; tag <= 3; ++tag) {
+        ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, tag));
+        ASSERT_TRUE(collector->WaitFor(tag));
+    }
+    std::vector<std::uint64_t> tags;
+    for (const auto& block : collector->Blocks()) {
+        tags.push_back(Check(block.bytes.data(), block.bytes.size()));
+    }
+    EXPECT_EQ((std::vector<std::uint64_t>{1, 2, 3}), tags);
+}
+
 TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     ScopedPool pool;
     const auto config = pool.Config("queue", 1 << 20, 8);
