@@ -514,12 +514,17 @@ void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mi
         if (blocks_[i].state.load() != loaned) {
             continue;
         }
-        // A latest-kind writer that died after naming its block the latest, before marking
-        // it published: the block is published.
+        // A latest-kind writer may have died after naming its block the latest, before marking
+        // it published: readers may have taken it, and hold it still when a later publish has
+        // replaced it. So the block becomes published, and TryReclaimAll below frees it unless
+        // it is the latest or held (its holders' releases free it later). An unpublished loan
+        // is never named the latest, so no reader holds it and it is freed at once.
         std::uint64_t next = StateFree;
-        const std::uint64_t latest = header_->latest.load();
-        if (kind() == LatestKind && latest != 0 && (latest & 0xff) == i) {
-            next = StatePublished | (latest >> 8);
+        if (kind() == LatestKind) {
+            const std::uint64_t latest = header_->latest.load();
+            next = latest != 0 && (latest & 0xff) == i
+                       ? StatePublished | (latest >> 8)
+                       : StatePublished | (blocks_[i].sequence.load() & ~StateMask);
         }
         if (blocks_[i].state.compare_exchange_strong(loaned, next)) {
             ++returned;

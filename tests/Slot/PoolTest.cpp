@@ -564,6 +564,50 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnWithAnErrorLine) {
     EXPECT_NO_THROW(PoolFactory::CreatePoolReader(queueConfig));
 }
 
+// A latest-kind writer killed after naming its block the latest, before marking it published:
+// a reader may deliver and hold that block, and once a later publish replaced it, reaping the
+// writer must still leave it to its holder.
+TEST_F(PoolTest, ADeadWritersReplacedBlockStaysWithItsHolder) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 2);
+    testsupport::PipeSignal loaned;
+    testsupport::ChildProcess victim([&] {
+        auto loaner = PoolFactory::CreatePoolWriter(config);
+        Slot::PoolLoan loan = loaner->loan(16);  // block 0
+        Fill(loan.data(), 16, 1);
+        loaned.Post();
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(loaned.WaitFor());
+    // What the victim's publish stores before the block's state, as it would have stored it.
+    const std::uint64_t table =
+        HeaderField(pool.str(), offsetof(Slot::PoolHeader, blockTableOffset));
+    Poke(pool.str(), table + offsetof(Slot::PoolBlockSlot, size), std::uint64_t{16});
+    Poke(pool.str(), table + offsetof(Slot::PoolBlockSlot, sequence), std::uint64_t{1});
+    Poke(pool.str(), offsetof(Slot::PoolHeader, nextSequence), std::uint64_t{1});
+    Poke(pool.str(), offsetof(Slot::PoolHeader, latest), Slot::BlockRef(1, 0));
+
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    auto holder = boost::make_shared<Holder>();
+    auto reader = PoolFactory::CreatePoolReader(config, holder);
+    ASSERT_TRUE(Eventually([&] { return holder->Count() == 1; }));
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 2));  // block 1 replaces it
+    ASSERT_TRUE(Eventually([&] { return holder->Count() == 2; }));
+    victim.Kill(SIGKILL);
+    victim.Wait();
+    EXPECT_EQ(1u, PoolFactory::Recover(pool.str()));
+
+    // Both blocks are held: nothing to loan, and the first keeps its bytes.
+    EXPECT_FALSE(writer->loan(16));
+    {
+        std::lock_guard<std::mutex> lock(holder->mutex);
+        EXPECT_EQ(1u, Check(holder->held.at(0).data(), 16));
+        holder->held.clear();
+    }
+    EXPECT_TRUE(writer->loan(16));
+}
+
 TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 2);
