@@ -17,6 +17,7 @@
 #include <boost/make_shared.hpp>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 #include <algorithm>
@@ -464,6 +465,39 @@ TEST_F(PoolTest, AGeometryRewrittenAfterOpenIsNeverFollowed) {
         tags.push_back(Check(block.bytes.data(), block.bytes.size()));
     }
     EXPECT_EQ((std::vector<std::uint64_t>{1, 2, 3}), tags);
+}
+
+// A survey reads without locks while another process scribbles over the geometry: it reports
+// what it checked, and never follows an offset it did not check.
+TEST_F(PoolTest, ASurveyNeverFollowsAGeometryBeingRewritten) {
+    ScopedPool pool;
+    PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2));
+    const std::string path = Slot::PoolPath(pool.str());
+    testsupport::ChildProcess scribbler([&] {
+        testsupport::DieWithParent();
+        const int fd = ::open(path.c_str(), O_RDWR);
+        void* header =
+            ::mmap(nullptr, sizeof(Slot::PoolHeader), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (header == MAP_FAILED) {
+            return testsupport::Failed(2, "cannot map the header");
+        }
+        auto* offset = reinterpret_cast<volatile std::uint64_t*>(
+            static_cast<unsigned char*>(header) + offsetof(Slot::PoolHeader, attachmentOffset));
+        const std::uint64_t good = *offset;
+        for (;;) {
+            *offset = std::uint64_t{1} << 40;
+            *offset = good;
+        }
+    });
+    const testsupport::ChildResult surveys = testsupport::RunInChild([&] {
+        for (int i = 0; i < 20000; ++i) {
+            Slot::SurveyPool(pool.str());
+        }
+        return 0;
+    });
+    scribbler.Kill(SIGKILL);
+    scribbler.Wait();
+    EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
 }
 
 TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
