@@ -222,6 +222,12 @@ std::optional<std::string> PoolConfigProblem(const PoolConfig& config) {
         return "the block count " + std::to_string(config.blockCount) + " is not in 1.." +
                std::to_string(MaxPoolBlocks);
     }
+    // The latest block is never reclaimed (it stays for readers that come later): a single
+    // block could be published once only.
+    if (config.kind == "latest" && config.blockCount < 2) {
+        return "the block count " + std::to_string(config.blockCount) + " is not in 2.." +
+               std::to_string(MaxPoolBlocks) + ": a \"latest\" pool keeps its latest block";
+    }
     PoolGeometry g;
     if (!ComputePoolGeometry(config.maxBlockSize, config.blockCount, g) ||
         g.totalSize > std::numeric_limits<std::size_t>::max() ||

@@ -102,6 +102,10 @@ TEST_F(PoolTest, ConfigurationIsCheckedAndLaterOpenersGetTheCreatorsGeometry) {
               Slot::PoolConfigProblem({"p", "queue", 0, 1}).value());
     EXPECT_EQ("the block count 65 is not in 1..64",
               Slot::PoolConfigProblem({"p", "queue", 8, 65}).value());
+    // The latest block is kept for later readers: one block would take one publish only.
+    EXPECT_EQ("the block count 1 is not in 2..64: a \"latest\" pool keeps its latest block",
+              Slot::PoolConfigProblem({"p", "latest", 8, 1}).value_or(""));
+    EXPECT_FALSE(Slot::PoolConfigProblem({"p", "queue", 8, 1}));
     // 64 blocks of 4 GiB fit a 64-bit process only.
     EXPECT_EQ(sizeof(std::size_t) == 4,
               Slot::PoolConfigProblem({"p", "queue", Slot::MaxPoolBlockSize, 64}).has_value());
@@ -533,7 +537,7 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     ASSERT_GE(fd, 0);
     ::close(fd);
     ScopedPool second;
-    PoolFactory::CreatePoolWriter(second.Config("latest", 8, 1));
+    PoolFactory::CreatePoolWriter(second.Config("latest", 8, 2));
     EXPECT_NE(0, ::access(stale.c_str(), F_OK));
 }
 
