@@ -115,7 +115,7 @@ private:
                 segment_.TryReclaimAll();
             }
             if (!Spin(seen)) {
-                segment_.Sleep(seen, SleepSliceNs);
+                segment_.Sleep(seen, SleepSliceNs, attachment_->bit());
             }
         }
         if (deleteSelf_) {

@@ -511,6 +511,7 @@ unsigned PoolSegment::ReapDead() {
 
 void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mine) {
     const std::uint64_t bit = 1ull << index;
+    header_->sleepers.fetch_and(~bit);
     unsigned returned = 0;
     for (unsigned i = 0; i < blockCount(); ++i) {
         if (blocks_[i].holders.fetch_and(~bit) & bit) {
@@ -570,14 +571,16 @@ void PoolSegment::Nudge() {
               INT_MAX, nullptr, nullptr, 0);
 }
 
-void PoolSegment::Sleep(std::uint32_t seen, long timeoutNs) {
-    header_->waiters.fetch_add(1);
+void PoolSegment::Sleep(std::uint32_t seen, long timeoutNs, std::uint64_t bit) {
+    // A bit, not a count: a reader killed asleep leaves it set, and only its reaper can know
+    // which to clear. Left set, it would cost every later publish a wake-up call.
+    header_->sleepers.fetch_or(bit);
     if (header_->publishCount.load() == seen) {
         timespec timeout = {static_cast<time_t>(timeoutNs / 1000000000L), timeoutNs % 1000000000L};
         ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&header_->publishCount), FUTEX_WAIT,
                   seen, &timeout, nullptr, 0);
     }
-    header_->waiters.fetch_sub(1);
+    header_->sleepers.fetch_and(~bit);
 }
 
 void PoolSegment::MarkDamaged(const std::string& why) {

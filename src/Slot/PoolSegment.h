@@ -32,9 +32,10 @@ static_assert(sizeof(std::atomic<std::uint32_t>) == 4, "the futex word is a plai
 //
 //   PoolHeader         the geometry (written once by the creator before the file is renamed
 //                      into place), then one cache line each for: what publishing writes and
-//                      readers poll (wake word, tail, latest word); the head, written by the
-//                      queue's reader only; what only writers write (sequence counter) and the
-//                      queue's reader claim; the writers' robust mutex (queue kind)
+//                      readers poll (wake word, tail, latest word, sleepers); the head,
+//                      written by the queue's reader only; what only writers write (sequence
+//                      counter) and the queue's reader claim; the writers' robust mutex (queue
+//                      kind)
 //   PoolAttachmentSlot[64]   one per attached writer or reader object
 //   PoolBlockSlot[blockCount]  one cache line per block
 //   u64 ring[blockCount]       queue kind: (sequence << 8 | block index), FIFO
@@ -107,11 +108,13 @@ struct PoolHeader {
     unsigned char geometryEnd[48];
     // Written by every publish, polled by readers.
     std::atomic<std::uint32_t> publishCount;  // futex word: incremented by every publish
-    std::atomic<std::uint32_t> waiters;       // readers sleeping on publishCount
-    std::atomic<std::uint64_t> tail;          // queue kind: entries pushed (the commit point)
-    std::atomic<std::uint64_t> latest;        // latest kind: BlockRef of the latest block;
-                                              // queue kind: the pushed word (PushedWord)
-    unsigned char publishLineEnd[40];
+    std::uint32_t publishReserved;
+    std::atomic<std::uint64_t> tail;      // queue kind: entries pushed (the commit point)
+    std::atomic<std::uint64_t> latest;    // latest kind: BlockRef of the latest block;
+                                          // queue kind: the pushed word (PushedWord)
+    std::atomic<std::uint64_t> sleepers;  // one bit per attachment whose reader sleeps on
+                                          // publishCount (a dead one's is reaped)
+    unsigned char publishLineEnd[32];
     // Written by the queue's reader only.
     std::atomic<std::uint64_t> head;  // queue kind: entries popped
     unsigned char headLineEnd[56];
@@ -212,12 +215,12 @@ public:
     unsigned ReapDead();
 
     // After a publish: counts it in the wake word and says whether a reader sleeps on it (then
-    // WakeSleepers must follow). Both are sequentially consistent, as the sleeper's count and
+    // WakeSleepers must follow). Both are sequentially consistent, as the sleeper's bit and
     // look in Sleep: either the sleeper sees the new count and does not sleep, or the
     // publisher sees the sleeper and wakes it.
     bool Announce() {
         header_->publishCount.fetch_add(1, std::memory_order_seq_cst);
-        return header_->waiters.load(std::memory_order_seq_cst) != 0;
+        return header_->sleepers.load(std::memory_order_seq_cst) != 0;
     }
     void WakeSleepers();
     // Announce and, when needed, WakeSleepers.
@@ -226,8 +229,9 @@ public:
             WakeSleepers();
         }
     }
-    // Sleeps until publishCount differs from `seen` or `timeoutNs` passed.
-    void Sleep(std::uint32_t seen, long timeoutNs);
+    // Sleeps until publishCount differs from `seen` or `timeoutNs` passed, with the attachment's
+    // `bit` set in the sleepers word meanwhile.
+    void Sleep(std::uint32_t seen, long timeoutNs, std::uint64_t bit);
 
     // Queue kind, under the writers' mutex: a head that the reader has reached at least,
     // re-read from the pool only when the one this process saw last leaves no room before

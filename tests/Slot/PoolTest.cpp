@@ -602,6 +602,27 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnWithAnErrorLine) {
     EXPECT_NO_THROW(PoolFactory::CreatePoolReader(queueConfig));
 }
 
+// A reader killed while it sleeps for the next publish: once it is reaped, publishes no longer
+// count it as a sleeper to wake (each would pay a wake-up call for good).
+TEST_F(PoolTest, AReaderKilledAsleepIsNoLongerWoken) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    const auto sleepers = [&] {
+        return HeaderField(pool.str(), offsetof(Slot::PoolHeader, sleepers));
+    };
+    testsupport::ChildProcess victim([&] {
+        auto reader = PoolFactory::CreatePoolReader(config);
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(Eventually([&] { return sleepers() != 0; }));
+    victim.Kill(SIGKILL);
+    victim.Wait();
+    EXPECT_EQ(1u, PoolFactory::Recover(pool.str()));
+    EXPECT_EQ(0u, sleepers());
+}
+
 // A latest-kind writer killed after naming its block the latest, before marking it published:
 // a reader may deliver and hold that block, and once a later publish replaced it, reaping the
 // writer must still leave it to its holder.
