@@ -343,7 +343,8 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
         Refuse(name, "the name " + *problem);
     }
     shared::CheckedFolder folder = OpenFolder(name, 0);
-    Fd fd(::openat(folder.fd(), name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    // O_NONBLOCK: a FIFO planted under the name is refused below instead of waited on.
+    Fd fd(::openat(folder.fd(), name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (fd.fd < 0) {
         Refuse(name, Errno(errno));
     }
@@ -388,7 +389,8 @@ std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
     // A pool appears whole (renamed into place) or not at all; a creator that loses the name
     // to another opens the winner's pool.
     for (int attempt = 0; attempt < 8; ++attempt) {
-        const int fd = ::openat(folder.fd(), config.name.c_str(), O_RDONLY | O_NOFOLLOW);
+        const int fd = ::openat(folder.fd(), config.name.c_str(),
+                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
         if (fd >= 0) {
             ::close(fd);
             std::shared_ptr<PoolSegment> segment = OpenExisting(config.name);

@@ -124,7 +124,8 @@ PoolReport SurveyPool(const std::string& name) {
     int fd = -1;
     try {
         shared::CheckedFolder folder = shared::CheckedFolder::Open(PoolDirectory());
-        fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        // O_NONBLOCK: a FIFO planted under the name is reported, not waited on.
+        fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     } catch (const std::exception&) {
         return report;
     }

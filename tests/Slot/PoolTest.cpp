@@ -18,6 +18,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 #include <algorithm>
@@ -502,6 +503,27 @@ TEST_F(PoolTest, ASurveyNeverFollowsAGeometryBeingRewritten) {
     scribbler.Kill(SIGKILL);
     scribbler.Wait();
     EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
+}
+
+// Anyone may plant a FIFO in the pools' folder: opening the pool or surveying it refuses it at
+// once instead of waiting for a writer of the FIFO.
+TEST_F(PoolTest, AFifoUnderAPoolsNameIsRefusedWithoutWaiting) {
+    ScopedPool folderMaker, pool;
+    PoolFactory::CreatePoolWriter(folderMaker.Config("queue", 64, 1));
+    ASSERT_EQ(0, ::mkfifo(Slot::PoolPath(pool.str()).c_str(), 0600));
+    const testsupport::ChildResult result = testsupport::RunInChild(
+        [&] {
+            const std::string thrown =
+                Thrown([&] { PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2)); });
+            if (thrown != "Cannot open pool '" + pool.str() + "': not a regular file") {
+                return testsupport::Failed(2, thrown);
+            }
+            const Slot::PoolReport report = Slot::SurveyPool(pool.str());
+            return report.problem == "not a regular file" ? 0
+                                                          : testsupport::Failed(3, report.problem);
+        },
+        std::chrono::seconds(10));
+    EXPECT_TRUE(result.Ok()) << result.Describe();
 }
 
 TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
