@@ -246,6 +246,30 @@ public:
         return head;
     }
 
+    // Latest kind: makes `ref` (BlockRef of a block being published) the latest unless a later
+    // sequence is the latest already (its writer took its sequence after this one's and named
+    // its block first). The latest word's sequence only grows: a writer delayed between taking
+    // its sequence and naming its block never puts back an older state, nor frees the newer
+    // block. True when named, with the word it replaced in `other`; false with the later word
+    // in `other`. The first exchange is tried with the word this process saw or wrote last (a
+    // writer that publishes alone finds it unchanged), so that the latest word's line is not
+    // read before it is written.
+    bool NameLatest(std::uint64_t ref, std::uint64_t& other) {
+        std::uint64_t seen = latestSeen_.load(std::memory_order_relaxed);
+        for (;;) {
+            if ((seen >> 8) > (ref >> 8)) {
+                latestSeen_.store(seen, std::memory_order_relaxed);
+                other = seen;
+                return false;
+            }
+            if (header_->latest.compare_exchange_weak(seen, ref)) {
+                latestSeen_.store(ref, std::memory_order_relaxed);
+                other = seen;
+                return true;
+            }
+        }
+    }
+
     // The reason the pool is damaged, set by whoever found a word out of range ("" = healthy in
     // this process). Logged once.
     void MarkDamaged(const std::string& why);
@@ -278,6 +302,7 @@ private:
     unsigned blockCount_;
     std::atomic<bool> damaged_{false};
     std::atomic<std::uint64_t> headSeen_{0};
+    std::atomic<std::uint64_t> latestSeen_{0};
     shared::WriteCounters* counters_;
     log4cxx::LoggerPtr logger_;
 };

@@ -425,8 +425,8 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
                                           "' is damaged: the latest word names block 200") == 1;
         }));
     }
-    // The writer that replaces the bad word learns of it; its next loan fails.
-    EXPECT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 2));
+    // The writer that meets the bad word learns of it: that publish and the next fail.
+    EXPECT_EQ(WriteOutcome::Failed, Publish(*writer, 16, 2));
     EXPECT_EQ(WriteOutcome::Failed, Publish(*writer, 16, 3));
     EXPECT_EQ(WriteOutcome::Failed, Slot::LastWriteOutcome());
 
@@ -622,6 +622,29 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnWithAnErrorLine) {
     EXPECT_EQ(0u, PoolFactory::Recover(pool.str()));
     // The dead reader's claim is reaped when the next reader attaches.
     EXPECT_NO_THROW(PoolFactory::CreatePoolReader(queueConfig));
+}
+
+// A writer delayed between taking its sequence and naming its block (preempted there) publishes
+// after a later sequence was named: the later block stays the latest, so that every reader,
+// present or late, ends on the same and newest state.
+TEST_F(PoolTest, APublishOlderThanTheLatestNeverReplacesIt) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 3);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    ASSERT_EQ(WriteOutcome::Discarded, Publish(*writer, 16, 2));  // the latest, sequence 2
+    // The next publish gets sequence 1 again: older than the latest's.
+    Poke(pool.str(), offsetof(Slot::PoolHeader, nextSequence), std::uint64_t{0});
+    EXPECT_EQ(WriteOutcome::Discarded, Publish(*writer, 16, 3));
+
+    auto collector = boost::make_shared<testsupport::Collector>();
+    std::uint64_t sequence = 0;  // reader thread, read after WaitFor
+    collector->action = [&sequence] { sequence = Slot::CurrentBlockSequence(); };
+    auto reader = PoolFactory::CreatePoolReader(config, collector);
+    ASSERT_TRUE(collector->WaitFor(1));
+    reader.reset();
+    EXPECT_EQ(2u, Check(collector->Blocks()[0].bytes.data(), 16));
+    EXPECT_EQ(2u, sequence);
 }
 
 // A reader killed while it sleeps for the next publish: once it is reaped, publishes no longer
