@@ -647,6 +647,25 @@ TEST_F(PoolTest, APublishOlderThanTheLatestNeverReplacesIt) {
     EXPECT_EQ(2u, sequence);
 }
 
+// A queue's reader claim that names no attached entry (a stray write, or a reader that failed
+// to start after claiming) does not keep readers out; a live reader's claim still does.
+TEST_F(PoolTest, AQueueClaimNamingNoAttachedEntryIsTakenOver) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    for (const std::uint64_t claim : {std::uint64_t{6}, std::uint64_t{1000}}) {
+        Poke(pool.str(), offsetof(Slot::PoolHeader, readerClaim), claim);
+        auto collector = boost::make_shared<testsupport::Collector>();
+        INotifierPtr reader;
+        ASSERT_NO_THROW(reader = PoolFactory::CreatePoolReader(config, collector)) << claim;
+        EXPECT_NE(std::string::npos,
+                  Thrown([&] { PoolFactory::CreatePoolReader(config); }).find("it has one"));
+        ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, claim));
+        ASSERT_TRUE(collector->WaitFor(1));
+        EXPECT_EQ(claim, Check(collector->Blocks()[0].bytes.data(), 16));
+    }
+}
+
 // A reader killed while it sleeps for the next publish: once it is reaped, publishes no longer
 // count it as a sleeper to wake (each would pay a wake-up call for good).
 TEST_F(PoolTest, AReaderKilledAsleepIsNoLongerWoken) {
