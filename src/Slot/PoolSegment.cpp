@@ -270,12 +270,24 @@ std::string PoolHeaderProblem(const PoolHeader& header, std::uint64_t fileSize) 
     return std::string();
 }
 
-std::uint64_t PoolProcessStartTime(pid_t pid) {
+namespace {
+
+// Reads /proc/<pid>/stat into `text` (empty when it cannot be read: the process ended meanwhile).
+// False when it cannot be opened. One descriptor, once: a second open for the same answer could
+// fail alone (no descriptor left) and make a live process look like another one.
+bool ReadProcStat(pid_t pid, std::string& text) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    if (!std::getline(in, text)) {
-        return 0;
+    if (!in.is_open()) {
+        return false;
     }
+    if (!std::getline(in, text)) {
+        text.clear();
+    }
+    return true;
+}
+
+// The start time (field 22) of a stat line; 0 when it has none.
+std::uint64_t StartTimeOf(const std::string& text) {
     const std::size_t close = text.rfind(')');
     if (close == std::string::npos) {
         return 0;
@@ -291,16 +303,22 @@ std::uint64_t PoolProcessStartTime(pid_t pid) {
     return 0;
 }
 
+}  // namespace
+
+std::uint64_t PoolProcessStartTime(pid_t pid) {
+    std::string text;
+    return ReadProcStat(pid, text) ? StartTimeOf(text) : 0;
+}
+
 bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
     if (pid <= 0) {
         return false;
     }
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
     std::string text;
-    if (!in.is_open()) {
+    if (!ReadProcStat(pid, text)) {
         return ::kill(pid, 0) == 0 || errno == EPERM;
     }
-    if (!std::getline(in, text)) {
+    if (text.empty()) {
         return false;  // ended while being read
     }
     const std::size_t close = text.rfind(')');
@@ -311,7 +329,9 @@ bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
     if (state == 'Z' || state == 'X' || state == 'x') {
         return false;
     }
-    return startTime == 0 || PoolProcessStartTime(pid) == startTime;
+    // A line without a start time is not taken for another process's.
+    const std::uint64_t started = StartTimeOf(text);
+    return startTime == 0 || started == 0 || started == startTime;
 }
 
 PoolSegment::PoolSegment(const std::string& name, void* base, std::size_t size,

@@ -18,6 +18,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -664,6 +665,33 @@ TEST_F(PoolTest, AQueueClaimNamingNoAttachedEntryIsTakenOver) {
         ASSERT_TRUE(collector->WaitFor(1));
         EXPECT_EQ(claim, Check(collector->Blocks()[0].bytes.data(), 16));
     }
+}
+
+// A process that has a single descriptor left still tells a live process from a dead one: it
+// never takes the live one's loan for a dead process's.
+TEST_F(PoolTest, AProcessShortOfDescriptorsNeverTakesALiveOneForDead) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 1);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    Slot::PoolLoan held = writer->loan(8);  // the only block
+    ASSERT_TRUE(held);
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        auto other = PoolFactory::CreatePoolWriter(config);
+        const int probe = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = static_cast<rlim_t>(probe) + 16;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        std::vector<int> taken{probe};
+        for (int fd; (fd = ::dup(probe)) >= 0;) {
+            taken.push_back(fd);
+        }
+        ::close(taken.back());
+        // No block is free: the loan reaps dead processes, and must find none.
+        return other->loan(8) ? testsupport::Failed(2, "a live process's loan was reaped") : 0;
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_EQ(1u, Slot::SurveyPool(pool.str()).loanedBlocks);
 }
 
 // A reader killed while it sleeps for the next publish: once it is reaped, publishes no longer
