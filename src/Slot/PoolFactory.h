@@ -29,7 +29,8 @@ struct PoolConfig {
                                    ///< PoolTemporaryPrefix
     std::string kind;              ///< "latest" or "queue"
     std::size_t maxBlockSize = 0;  ///< bytes; 1 .. MaxPoolBlockSize
-    std::size_t blockCount = 0;    ///< 1 .. MaxPoolBlocks
+    std::size_t blockCount = 0;    ///< 1 .. MaxPoolBlocks; 2 at least for "latest", whose
+                                   ///< latest block is kept for later readers
 };
 
 /// A pool has at most 64 blocks and 64 attached writers and readers (one bit each in a word).

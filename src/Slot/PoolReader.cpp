@@ -81,6 +81,15 @@ private:
                 claimed_ = true;
                 return;
             }
+            // A reader claims after attaching and gives its claim up before detaching, and a
+            // reaper before freeing the entry: a claim that names no attached entry (or none at
+            // all) is left over, and is taken over rather than refusing readers for good.
+            if (expected > MaxPoolAttachments ||
+                (segment_.attachment(static_cast<unsigned>(expected - 1)).word.load() &
+                 AttachInUse) == 0) {
+                segment_.header().readerClaim.compare_exchange_strong(expected, 0);
+                continue;
+            }
             segment_.ReapDead();
         }
         const std::uint64_t claim = segment_.header().readerClaim.load();
@@ -115,7 +124,7 @@ private:
                 segment_.TryReclaimAll();
             }
             if (!Spin(seen)) {
-                segment_.Sleep(seen, SleepSliceNs);
+                segment_.Sleep(seen, SleepSliceNs, attachment_->bit());
             }
         }
         if (deleteSelf_) {

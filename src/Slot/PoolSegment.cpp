@@ -222,6 +222,12 @@ std::optional<std::string> PoolConfigProblem(const PoolConfig& config) {
         return "the block count " + std::to_string(config.blockCount) + " is not in 1.." +
                std::to_string(MaxPoolBlocks);
     }
+    // The latest block is never reclaimed (it stays for readers that come later): a single
+    // block could be published once only.
+    if (config.kind == "latest" && config.blockCount < 2) {
+        return "the block count " + std::to_string(config.blockCount) + " is not in 2.." +
+               std::to_string(MaxPoolBlocks) + ": a \"latest\" pool keeps its latest block";
+    }
     PoolGeometry g;
     if (!ComputePoolGeometry(config.maxBlockSize, config.blockCount, g) ||
         g.totalSize > std::numeric_limits<std::size_t>::max() ||
@@ -264,12 +270,24 @@ std::string PoolHeaderProblem(const PoolHeader& header, std::uint64_t fileSize) 
     return std::string();
 }
 
-std::uint64_t PoolProcessStartTime(pid_t pid) {
+namespace {
+
+// Reads /proc/<pid>/stat into `text` (empty when it cannot be read: the process ended meanwhile).
+// False when it cannot be opened. One descriptor, once: a second open for the same answer could
+// fail alone (no descriptor left) and make a live process look like another one.
+bool ReadProcStat(pid_t pid, std::string& text) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    if (!std::getline(in, text)) {
-        return 0;
+    if (!in.is_open()) {
+        return false;
     }
+    if (!std::getline(in, text)) {
+        text.clear();
+    }
+    return true;
+}
+
+// The start time (field 22) of a stat line; 0 when it has none.
+std::uint64_t StartTimeOf(const std::string& text) {
     const std::size_t close = text.rfind(')');
     if (close == std::string::npos) {
         return 0;
@@ -285,16 +303,22 @@ std::uint64_t PoolProcessStartTime(pid_t pid) {
     return 0;
 }
 
+}  // namespace
+
+std::uint64_t PoolProcessStartTime(pid_t pid) {
+    std::string text;
+    return ReadProcStat(pid, text) ? StartTimeOf(text) : 0;
+}
+
 bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
     if (pid <= 0) {
         return false;
     }
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
     std::string text;
-    if (!in.is_open()) {
+    if (!ReadProcStat(pid, text)) {
         return ::kill(pid, 0) == 0 || errno == EPERM;
     }
-    if (!std::getline(in, text)) {
+    if (text.empty()) {
         return false;  // ended while being read
     }
     const std::size_t close = text.rfind(')');
@@ -305,22 +329,28 @@ bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
     if (state == 'Z' || state == 'X' || state == 'x') {
         return false;
     }
-    return startTime == 0 || PoolProcessStartTime(pid) == startTime;
+    // A line without a start time is not taken for another process's.
+    const std::uint64_t started = StartTimeOf(text);
+    return startTime == 0 || started == 0 || started == startTime;
 }
 
-PoolSegment::PoolSegment(const std::string& name, void* base, std::size_t size)
+PoolSegment::PoolSegment(const std::string& name, void* base, std::size_t size,
+                         const PoolHeader& checked)
     : name_(name),
       base_(base),
       size_(size),
       header_(static_cast<PoolHeader*>(base)),
       attachments_(reinterpret_cast<PoolAttachmentSlot*>(static_cast<unsigned char*>(base) +
-                                                         header_->attachmentOffset)),
+                                                         checked.attachmentOffset)),
       blocks_(reinterpret_cast<PoolBlockSlot*>(static_cast<unsigned char*>(base) +
-                                               header_->blockTableOffset)),
+                                               checked.blockTableOffset)),
       ring_(reinterpret_cast<std::atomic<std::uint64_t>*>(static_cast<unsigned char*>(base) +
-                                                          header_->ringOffset)),
-      data_(static_cast<unsigned char*>(base) + header_->dataOffset),
-      stride_(static_cast<std::size_t>(header_->stride)),
+                                                          checked.ringOffset)),
+      data_(static_cast<unsigned char*>(base) + checked.dataOffset),
+      stride_(static_cast<std::size_t>(checked.stride)),
+      kind_(static_cast<PoolKind>(checked.kind)),
+      maxBlockSize_(static_cast<std::size_t>(checked.maxBlockSize)),
+      blockCount_(static_cast<unsigned>(checked.blockCount)),
       counters_(shared::WriteCountersFor(name)),
       logger_(log4cxx::Logger::getLogger("Slot.Pool")) {}
 
@@ -333,7 +363,8 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
         Refuse(name, "the name " + *problem);
     }
     shared::CheckedFolder folder = OpenFolder(name, 0);
-    Fd fd(::openat(folder.fd(), name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    // O_NONBLOCK: a FIFO planted under the name is refused below instead of waited on.
+    Fd fd(::openat(folder.fd(), name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (fd.fd < 0) {
         Refuse(name, Errno(errno));
     }
@@ -365,7 +396,7 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
         ::munmap(base, size);
         Refuse(name, "its geometry changed while it was opened");
     }
-    return std::shared_ptr<PoolSegment>(new PoolSegment(name, base, size));
+    return std::shared_ptr<PoolSegment>(new PoolSegment(name, base, size, copy));
 }
 
 std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
@@ -378,12 +409,13 @@ std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
     // A pool appears whole (renamed into place) or not at all; a creator that loses the name
     // to another opens the winner's pool.
     for (int attempt = 0; attempt < 8; ++attempt) {
-        const int fd = ::openat(folder.fd(), config.name.c_str(), O_RDONLY | O_NOFOLLOW);
+        const int fd = ::openat(folder.fd(), config.name.c_str(),
+                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
         if (fd >= 0) {
             ::close(fd);
             std::shared_ptr<PoolSegment> segment = OpenExisting(config.name);
-            if (KindName(segment->header().kind) != config.kind) {
-                Refuse(config.name, std::string("it is a \"") + KindName(segment->header().kind) +
+            if (KindName(segment->kind()) != config.kind) {
+                Refuse(config.name, std::string("it is a \"") + KindName(segment->kind()) +
                                         "\" pool, not \"" + config.kind + "\"");
             }
             return segment;
@@ -501,6 +533,7 @@ unsigned PoolSegment::ReapDead() {
 
 void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mine) {
     const std::uint64_t bit = 1ull << index;
+    header_->sleepers.fetch_and(~bit);
     unsigned returned = 0;
     for (unsigned i = 0; i < blockCount(); ++i) {
         if (blocks_[i].holders.fetch_and(~bit) & bit) {
@@ -510,12 +543,17 @@ void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mi
         if (blocks_[i].state.load() != loaned) {
             continue;
         }
-        // A latest-kind writer that died after naming its block the latest, before marking
-        // it published: the block is published.
+        // A latest-kind writer may have died after naming its block the latest, before marking
+        // it published: readers may have taken it, and hold it still when a later publish has
+        // replaced it. So the block becomes published, and TryReclaimAll below frees it unless
+        // it is the latest or held (its holders' releases free it later). An unpublished loan
+        // is never named the latest, so no reader holds it and it is freed at once.
         std::uint64_t next = StateFree;
-        const std::uint64_t latest = header_->latest.load();
-        if (kind() == LatestKind && latest != 0 && (latest & 0xff) == i) {
-            next = StatePublished | (latest >> 8);
+        if (kind() == LatestKind) {
+            const std::uint64_t latest = header_->latest.load();
+            next = latest != 0 && (latest & 0xff) == i
+                       ? StatePublished | (latest >> 8)
+                       : StatePublished | (blocks_[i].sequence.load() & ~StateMask);
         }
         if (blocks_[i].state.compare_exchange_strong(loaned, next)) {
             ++returned;
@@ -555,14 +593,16 @@ void PoolSegment::Nudge() {
               INT_MAX, nullptr, nullptr, 0);
 }
 
-void PoolSegment::Sleep(std::uint32_t seen, long timeoutNs) {
-    header_->waiters.fetch_add(1);
+void PoolSegment::Sleep(std::uint32_t seen, long timeoutNs, std::uint64_t bit) {
+    // A bit, not a count: a reader killed asleep leaves it set, and only its reaper can know
+    // which to clear. Left set, it would cost every later publish a wake-up call.
+    header_->sleepers.fetch_or(bit);
     if (header_->publishCount.load() == seen) {
         timespec timeout = {static_cast<time_t>(timeoutNs / 1000000000L), timeoutNs % 1000000000L};
         ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&header_->publishCount), FUTEX_WAIT,
                   seen, &timeout, nullptr, 0);
     }
-    header_->waiters.fetch_sub(1);
+    header_->sleepers.fetch_and(~bit);
 }
 
 void PoolSegment::MarkDamaged(const std::string& why) {

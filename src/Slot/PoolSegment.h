@@ -32,9 +32,10 @@ static_assert(sizeof(std::atomic<std::uint32_t>) == 4, "the futex word is a plai
 //
 //   PoolHeader         the geometry (written once by the creator before the file is renamed
 //                      into place), then one cache line each for: what publishing writes and
-//                      readers poll (wake word, tail, latest word); the head, written by the
-//                      queue's reader only; what only writers write (sequence counter) and the
-//                      queue's reader claim; the writers' robust mutex (queue kind)
+//                      readers poll (wake word, tail, latest word, sleepers); the head,
+//                      written by the queue's reader only; what only writers write (sequence
+//                      counter) and the queue's reader claim; the writers' robust mutex (queue
+//                      kind)
 //   PoolAttachmentSlot[64]   one per attached writer or reader object
 //   PoolBlockSlot[blockCount]  one cache line per block
 //   u64 ring[blockCount]       queue kind: (sequence << 8 | block index), FIFO
@@ -107,11 +108,13 @@ struct PoolHeader {
     unsigned char geometryEnd[48];
     // Written by every publish, polled by readers.
     std::atomic<std::uint32_t> publishCount;  // futex word: incremented by every publish
-    std::atomic<std::uint32_t> waiters;       // readers sleeping on publishCount
-    std::atomic<std::uint64_t> tail;          // queue kind: entries pushed (the commit point)
-    std::atomic<std::uint64_t> latest;        // latest kind: BlockRef of the latest block;
-                                              // queue kind: the pushed word (PushedWord)
-    unsigned char publishLineEnd[40];
+    std::uint32_t publishReserved;
+    std::atomic<std::uint64_t> tail;      // queue kind: entries pushed (the commit point)
+    std::atomic<std::uint64_t> latest;    // latest kind: BlockRef of the latest block;
+                                          // queue kind: the pushed word (PushedWord)
+    std::atomic<std::uint64_t> sleepers;  // one bit per attachment whose reader sleeps on
+                                          // publishCount (a dead one's is reaped)
+    unsigned char publishLineEnd[32];
     // Written by the queue's reader only.
     std::atomic<std::uint64_t> head;  // queue kind: entries popped
     unsigned char headLineEnd[56];
@@ -183,13 +186,15 @@ public:
     PoolSegment& operator=(const PoolSegment&) = delete;
 
     const std::string& name() const { return name_; }
-    PoolKind kind() const { return static_cast<PoolKind>(header_->kind); }
-    std::size_t maxBlockSize() const { return static_cast<std::size_t>(header_->maxBlockSize); }
-    unsigned blockCount() const { return static_cast<unsigned>(header_->blockCount); }
+    // The geometry as checked at open: the file's copy is never read again (a stray write there
+    // must not move a bound).
+    PoolKind kind() const { return kind_; }
+    std::size_t maxBlockSize() const { return maxBlockSize_; }
+    unsigned blockCount() const { return blockCount_; }
     PoolHeader& header() { return *header_; }
     PoolAttachmentSlot& attachment(unsigned i) { return attachments_[i]; }
     PoolBlockSlot& block(unsigned i) { return blocks_[i]; }
-    std::atomic<std::uint64_t>& ring(std::uint64_t n) { return ring_[n % header_->blockCount]; }
+    std::atomic<std::uint64_t>& ring(std::uint64_t n) { return ring_[n % blockCount_]; }
     unsigned char* data(unsigned i) { return data_ + static_cast<std::size_t>(i) * stride_; }
     pthread_mutex_t* writerMutex() {
         return reinterpret_cast<pthread_mutex_t*>(header_->writerMutex);
@@ -210,12 +215,12 @@ public:
     unsigned ReapDead();
 
     // After a publish: counts it in the wake word and says whether a reader sleeps on it (then
-    // WakeSleepers must follow). Both are sequentially consistent, as the sleeper's count and
+    // WakeSleepers must follow). Both are sequentially consistent, as the sleeper's bit and
     // look in Sleep: either the sleeper sees the new count and does not sleep, or the
     // publisher sees the sleeper and wakes it.
     bool Announce() {
         header_->publishCount.fetch_add(1, std::memory_order_seq_cst);
-        return header_->waiters.load(std::memory_order_seq_cst) != 0;
+        return header_->sleepers.load(std::memory_order_seq_cst) != 0;
     }
     void WakeSleepers();
     // Announce and, when needed, WakeSleepers.
@@ -224,8 +229,9 @@ public:
             WakeSleepers();
         }
     }
-    // Sleeps until publishCount differs from `seen` or `timeoutNs` passed.
-    void Sleep(std::uint32_t seen, long timeoutNs);
+    // Sleeps until publishCount differs from `seen` or `timeoutNs` passed, with the attachment's
+    // `bit` set in the sleepers word meanwhile.
+    void Sleep(std::uint32_t seen, long timeoutNs, std::uint64_t bit);
 
     // Queue kind, under the writers' mutex: a head that the reader has reached at least,
     // re-read from the pool only when the one this process saw last leaves no room before
@@ -233,11 +239,35 @@ public:
     // the reader's head line out of most publishes.
     std::uint64_t HeadForRoom(std::uint64_t tail) {
         std::uint64_t head = headSeen_.load(std::memory_order_relaxed);
-        if (tail - head >= header_->blockCount) {
+        if (tail - head >= blockCount_) {
             head = header_->head.load(std::memory_order_acquire);
             headSeen_.store(head, std::memory_order_relaxed);
         }
         return head;
+    }
+
+    // Latest kind: makes `ref` (BlockRef of a block being published) the latest unless a later
+    // sequence is the latest already (its writer took its sequence after this one's and named
+    // its block first). The latest word's sequence only grows: a writer delayed between taking
+    // its sequence and naming its block never puts back an older state, nor frees the newer
+    // block. True when named, with the word it replaced in `other`; false with the later word
+    // in `other`. The first exchange is tried with the word this process saw or wrote last (a
+    // writer that publishes alone finds it unchanged), so that the latest word's line is not
+    // read before it is written.
+    bool NameLatest(std::uint64_t ref, std::uint64_t& other) {
+        std::uint64_t seen = latestSeen_.load(std::memory_order_relaxed);
+        for (;;) {
+            if ((seen >> 8) > (ref >> 8)) {
+                latestSeen_.store(seen, std::memory_order_relaxed);
+                other = seen;
+                return false;
+            }
+            if (header_->latest.compare_exchange_weak(seen, ref)) {
+                latestSeen_.store(ref, std::memory_order_relaxed);
+                other = seen;
+                return true;
+            }
+        }
     }
 
     // The reason the pool is damaged, set by whoever found a word out of range ("" = healthy in
@@ -255,7 +285,7 @@ public:
     log4cxx::LoggerPtr logger() const { return logger_; }
 
 private:
-    PoolSegment(const std::string& name, void* base, std::size_t size);
+    PoolSegment(const std::string& name, void* base, std::size_t size, const PoolHeader& checked);
     void ReapEntry(unsigned index, std::uint64_t word, std::uint64_t myWord);
 
     std::string name_;
@@ -267,8 +297,12 @@ private:
     std::atomic<std::uint64_t>* ring_;
     unsigned char* data_;
     std::size_t stride_;
+    PoolKind kind_;
+    std::size_t maxBlockSize_;
+    unsigned blockCount_;
     std::atomic<bool> damaged_{false};
     std::atomic<std::uint64_t> headSeen_{0};
+    std::atomic<std::uint64_t> latestSeen_{0};
     shared::WriteCounters* counters_;
     log4cxx::LoggerPtr logger_;
 };

@@ -33,12 +33,13 @@ void AddPid(std::vector<pid_t>& pids, pid_t pid) {
 }
 
 // Counts what the mapped pool shows. The mapping is private and writable so that atomic loads
-// work on every target; nothing is written back to the file.
-void Count(PoolReport& report, unsigned char* base) {
+// work on every target; nothing is written back to the file. The geometry is the `checked`
+// copy's: the mapped one may be rewritten while it is read.
+void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked) {
     PoolHeader& header = *reinterpret_cast<PoolHeader*>(base);
-    auto* attachments = reinterpret_cast<PoolAttachmentSlot*>(base + header.attachmentOffset);
-    auto* blocks = reinterpret_cast<PoolBlockSlot*>(base + header.blockTableOffset);
-    const unsigned count = static_cast<unsigned>(header.blockCount);
+    auto* attachments = reinterpret_cast<PoolAttachmentSlot*>(base + checked.attachmentOffset);
+    auto* blocks = reinterpret_cast<PoolBlockSlot*>(base + checked.blockTableOffset);
+    const unsigned count = static_cast<unsigned>(checked.blockCount);
     pid_t pids[MaxPoolAttachments] = {};
     for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
         const std::uint64_t word = attachments[i].word.load();
@@ -79,13 +80,13 @@ void Count(PoolReport& report, unsigned char* base) {
     }
     // A queue entry's sequence is its ring position + 1: the last one pushed is the tail.
     report.lastSequence =
-        header.kind == QueueKind ? header.tail.load() : header.nextSequence.load();
+        checked.kind == QueueKind ? header.tail.load() : header.nextSequence.load();
     for (unsigned i = 0; i < count && report.lastSequence != 0; ++i) {
         if (blocks[i].sequence.load() == report.lastSequence) {
             report.lastPublishNs = blocks[i].publishTimeNs.load();
         }
     }
-    if (header.kind == LatestKind) {
+    if (checked.kind == LatestKind) {
         const std::uint64_t latest = header.latest.load();
         if (latest != 0) {
             if ((latest & 0xff) >= count) {
@@ -123,7 +124,8 @@ PoolReport SurveyPool(const std::string& name) {
     int fd = -1;
     try {
         shared::CheckedFolder folder = shared::CheckedFolder::Open(PoolDirectory());
-        fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        // O_NONBLOCK: a FIFO planted under the name is reported, not waited on.
+        fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     } catch (const std::exception&) {
         return report;
     }
@@ -159,7 +161,7 @@ PoolReport SurveyPool(const std::string& name) {
                 if (std::memcmp(base, &header, offsetof(PoolHeader, publishCount)) != 0) {
                     Damaged(report, "its geometry changed while it was read");
                 } else {
-                    Count(report, static_cast<unsigned char*>(base));
+                    Count(report, static_cast<unsigned char*>(base), header);
                 }
                 ::munmap(base, size);
             }

@@ -92,20 +92,27 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
         const std::uint64_t sequence = header.nextSequence.fetch_add(1) + 1;
         block.sequence.store(sequence, std::memory_order_relaxed);
         // Named the latest while still loaned: nobody reclaims a loaned block, and a reaper
-        // that finds it loaned by a dead writer and named the latest marks it published.
-        const std::uint64_t old = header.latest.exchange(BlockRef(sequence, index_));
+        // that finds it loaned by a dead writer marks it published.
+        std::uint64_t old = 0;
+        const bool named = segment.NameLatest(BlockRef(sequence, index_), old);
         std::uint64_t expected = loaned;
         block.state.compare_exchange_strong(expected, StatePublished | sequence);
         data_ = nullptr;  // published: no longer ours to drop
         sequence_ = sequence;
-        segment.Wake();
+        if (named) {
+            segment.Wake();
+        }
         segment.TryReclaim(index_);  // superseded already by a faster writer
-        WriteOutcome outcome = WriteOutcome::Stored;
+        // Not named: a later block is the latest already, this one was replaced unseen.
+        WriteOutcome outcome = named ? WriteOutcome::Stored : WriteOutcome::Discarded;
         if (old != 0) {
             const unsigned oldIndex = static_cast<unsigned>(old & 0xff);
             if (oldIndex >= segment.blockCount()) {
                 segment.MarkDamaged("the latest word named block " + std::to_string(oldIndex));
-            } else {
+                if (!named) {
+                    outcome = WriteOutcome::Failed;
+                }
+            } else if (named) {
                 PoolBlockSlot& superseded = segment.block(oldIndex);
                 if (superseded.taken.load() == 0 && superseded.sequence.load() == (old >> 8)) {
                     outcome = WriteOutcome::Discarded;

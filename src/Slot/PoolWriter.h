@@ -39,10 +39,11 @@ public:
     WriteOutcome outcome() const { return outcome_; }
 
     /// Publishes the first `size` bytes and ends the loan. Stored; Discarded when the block it
-    /// replaced (latest kind) had not been taken by any reader; Refused when `size` exceeds the
-    /// capacity or the queue is full (the block returns to the pool); Failed for a damaged pool
-    /// or an empty loan. The outcome is recorded as LastWriteOutcome and in the counts of the
-    /// pool's name. An empty loan returns its outcome() without recording it again.
+    /// replaced (latest kind) had not been taken by any reader, or when a concurrent publish of
+    /// a later sequence is the latest already (this block is then never delivered); Refused when
+    /// `size` exceeds the capacity or the queue is full (the block returns to the pool); Failed for
+    /// a damaged pool or an empty loan. The outcome is recorded as LastWriteOutcome and in the
+    /// counts of the pool's name. An empty loan returns its outcome() without recording it again.
     WriteOutcome publish(std::size_t size);
 
 private:

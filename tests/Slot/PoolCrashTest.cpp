@@ -295,7 +295,7 @@ TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBloc
     // them.
     {
         pooltest::ScopedPool last("crashlast");
-        PoolFactory::CreatePoolWriter(last.Config("latest", 8, 1));
+        PoolFactory::CreatePoolWriter(last.Config("latest", 8, 2));
     }
     std::vector<std::string> temporaries;
     if (DIR* dir = ::opendir(Slot::PoolDirectory().c_str())) {

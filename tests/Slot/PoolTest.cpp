@@ -17,6 +17,9 @@
 #include <boost/make_shared.hpp>
 
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 #include <algorithm>
@@ -101,6 +104,10 @@ TEST_F(PoolTest, ConfigurationIsCheckedAndLaterOpenersGetTheCreatorsGeometry) {
               Slot::PoolConfigProblem({"p", "queue", 0, 1}).value());
     EXPECT_EQ("the block count 65 is not in 1..64",
               Slot::PoolConfigProblem({"p", "queue", 8, 65}).value());
+    // The latest block is kept for later readers: one block would take one publish only.
+    EXPECT_EQ("the block count 1 is not in 2..64: a \"latest\" pool keeps its latest block",
+              Slot::PoolConfigProblem({"p", "latest", 8, 1}).value_or(""));
+    EXPECT_FALSE(Slot::PoolConfigProblem({"p", "queue", 8, 1}));
     // 64 blocks of 4 GiB fit a 64-bit process only.
     EXPECT_EQ(sizeof(std::size_t) == 4,
               Slot::PoolConfigProblem({"p", "queue", Slot::MaxPoolBlockSize, 64}).has_value());
@@ -419,8 +426,8 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
                                           "' is damaged: the latest word names block 200") == 1;
         }));
     }
-    // The writer that replaces the bad word learns of it; its next loan fails.
-    EXPECT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 2));
+    // The writer that meets the bad word learns of it: that publish and the next fail.
+    EXPECT_EQ(WriteOutcome::Failed, Publish(*writer, 16, 2));
     EXPECT_EQ(WriteOutcome::Failed, Publish(*writer, 16, 3));
     EXPECT_EQ(WriteOutcome::Failed, Slot::LastWriteOutcome());
 
@@ -439,6 +446,85 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     }));
     ASSERT_EQ(1u, collector->Count());
     EXPECT_EQ(2u, Check(collector->Blocks()[0].bytes.data(), 16));
+}
+
+// A stray write over the geometry of a pool that is open already: the processes that opened it
+// keep the geometry they checked, for loans as for the ring and the deliveries.
+TEST_F(PoolTest, AGeometryRewrittenAfterOpenIsNeverFollowed) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    auto collector = boost::make_shared<testsupport::Collector>();
+    auto reader = PoolFactory::CreatePoolReader(config, collector);
+    Poke(pool.str(), offsetof(Slot::PoolHeader, kind), std::uint32_t{Slot::LatestKind});
+    Poke(pool.str(), offsetof(Slot::PoolHeader, maxBlockSize), std::uint64_t{1} << 30);
+    Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{0});
+
+    EXPECT_FALSE(writer->loan(4096));
+    EXPECT_EQ(64u, writer->maxBlockSize());
+    for (std::uint64_t tag = 1; tag <= 3; ++tag) {
+        ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, tag));
+        ASSERT_TRUE(collector->WaitFor(tag));
+    }
+    std::vector<std::uint64_t> tags;
+    for (const auto& block : collector->Blocks()) {
+        tags.push_back(Check(block.bytes.data(), block.bytes.size()));
+    }
+    EXPECT_EQ((std::vector<std::uint64_t>{1, 2, 3}), tags);
+}
+
+// A survey reads without locks while another process scribbles over the geometry: it reports
+// what it checked, and never follows an offset it did not check.
+TEST_F(PoolTest, ASurveyNeverFollowsAGeometryBeingRewritten) {
+    ScopedPool pool;
+    PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2));
+    const std::string path = Slot::PoolPath(pool.str());
+    testsupport::ChildProcess scribbler([&] {
+        testsupport::DieWithParent();
+        const int fd = ::open(path.c_str(), O_RDWR);
+        void* header =
+            ::mmap(nullptr, sizeof(Slot::PoolHeader), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (header == MAP_FAILED) {
+            return testsupport::Failed(2, "cannot map the header");
+        }
+        auto* offset = reinterpret_cast<volatile std::uint64_t*>(
+            static_cast<unsigned char*>(header) + offsetof(Slot::PoolHeader, attachmentOffset));
+        const std::uint64_t good = *offset;
+        for (;;) {
+            *offset = std::uint64_t{1} << 40;
+            *offset = good;
+        }
+    });
+    const testsupport::ChildResult surveys = testsupport::RunInChild([&] {
+        for (int i = 0; i < 20000; ++i) {
+            Slot::SurveyPool(pool.str());
+        }
+        return 0;
+    });
+    scribbler.Kill(SIGKILL);
+    scribbler.Wait();
+    EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
+}
+
+// Anyone may plant a FIFO in the pools' folder: opening the pool or surveying it refuses it at
+// once instead of waiting for a writer of the FIFO.
+TEST_F(PoolTest, AFifoUnderAPoolsNameIsRefusedWithoutWaiting) {
+    ScopedPool folderMaker, pool;
+    PoolFactory::CreatePoolWriter(folderMaker.Config("queue", 64, 1));
+    ASSERT_EQ(0, ::mkfifo(Slot::PoolPath(pool.str()).c_str(), 0600));
+    const testsupport::ChildResult result = testsupport::RunInChild(
+        [&] {
+            const std::string thrown =
+                Thrown([&] { PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2)); });
+            if (thrown != "Cannot open pool '" + pool.str() + "': not a regular file") {
+                return testsupport::Failed(2, thrown);
+            }
+            const Slot::PoolReport report = Slot::SurveyPool(pool.str());
+            return report.problem == "not a regular file" ? 0
+                                                          : testsupport::Failed(3, report.problem);
+        },
+        std::chrono::seconds(10));
+    EXPECT_TRUE(result.Ok()) << result.Describe();
 }
 
 TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
@@ -474,7 +560,7 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     ASSERT_GE(fd, 0);
     ::close(fd);
     ScopedPool second;
-    PoolFactory::CreatePoolWriter(second.Config("latest", 8, 1));
+    PoolFactory::CreatePoolWriter(second.Config("latest", 8, 2));
     EXPECT_NE(0, ::access(stale.c_str(), F_OK));
 }
 
@@ -537,6 +623,145 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnWithAnErrorLine) {
     EXPECT_EQ(0u, PoolFactory::Recover(pool.str()));
     // The dead reader's claim is reaped when the next reader attaches.
     EXPECT_NO_THROW(PoolFactory::CreatePoolReader(queueConfig));
+}
+
+// A writer delayed between taking its sequence and naming its block (preempted there) publishes
+// after a later sequence was named: the later block stays the latest, so that every reader,
+// present or late, ends on the same and newest state.
+TEST_F(PoolTest, APublishOlderThanTheLatestNeverReplacesIt) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 3);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    ASSERT_EQ(WriteOutcome::Discarded, Publish(*writer, 16, 2));  // the latest, sequence 2
+    // The next publish gets sequence 1 again: older than the latest's.
+    Poke(pool.str(), offsetof(Slot::PoolHeader, nextSequence), std::uint64_t{0});
+    EXPECT_EQ(WriteOutcome::Discarded, Publish(*writer, 16, 3));
+
+    auto collector = boost::make_shared<testsupport::Collector>();
+    std::uint64_t sequence = 0;  // reader thread, read after WaitFor
+    collector->action = [&sequence] { sequence = Slot::CurrentBlockSequence(); };
+    auto reader = PoolFactory::CreatePoolReader(config, collector);
+    ASSERT_TRUE(collector->WaitFor(1));
+    reader.reset();
+    EXPECT_EQ(2u, Check(collector->Blocks()[0].bytes.data(), 16));
+    EXPECT_EQ(2u, sequence);
+}
+
+// A queue's reader claim that names no attached entry (a stray write, or a reader that failed
+// to start after claiming) does not keep readers out; a live reader's claim still does.
+TEST_F(PoolTest, AQueueClaimNamingNoAttachedEntryIsTakenOver) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    for (const std::uint64_t claim : {std::uint64_t{6}, std::uint64_t{1000}}) {
+        Poke(pool.str(), offsetof(Slot::PoolHeader, readerClaim), claim);
+        auto collector = boost::make_shared<testsupport::Collector>();
+        INotifierPtr reader;
+        ASSERT_NO_THROW(reader = PoolFactory::CreatePoolReader(config, collector)) << claim;
+        EXPECT_NE(std::string::npos,
+                  Thrown([&] { PoolFactory::CreatePoolReader(config); }).find("it has one"));
+        ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, claim));
+        ASSERT_TRUE(collector->WaitFor(1));
+        EXPECT_EQ(claim, Check(collector->Blocks()[0].bytes.data(), 16));
+    }
+}
+
+// A process that has a single descriptor left still tells a live process from a dead one: it
+// never takes the live one's loan for a dead process's.
+TEST_F(PoolTest, AProcessShortOfDescriptorsNeverTakesALiveOneForDead) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 1);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    Slot::PoolLoan held = writer->loan(8);  // the only block
+    ASSERT_TRUE(held);
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        auto other = PoolFactory::CreatePoolWriter(config);
+        const int probe = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = static_cast<rlim_t>(probe) + 16;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        std::vector<int> taken{probe};
+        for (int fd; (fd = ::dup(probe)) >= 0;) {
+            taken.push_back(fd);
+        }
+        ::close(taken.back());
+        // No block is free: the loan reaps dead processes, and must find none.
+        const bool loaned = static_cast<bool>(other->loan(8));
+        // The sanitizers' own checks need descriptors too.
+        for (const int fd : taken) {
+            ::close(fd);
+        }
+        return loaned ? testsupport::Failed(2, "a live process's loan was reaped") : 0;
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_EQ(1u, Slot::SurveyPool(pool.str()).loanedBlocks);
+}
+
+// A reader killed while it sleeps for the next publish: once it is reaped, publishes no longer
+// count it as a sleeper to wake (each would pay a wake-up call for good).
+TEST_F(PoolTest, AReaderKilledAsleepIsNoLongerWoken) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    const auto sleepers = [&] {
+        return HeaderField(pool.str(), offsetof(Slot::PoolHeader, sleepers));
+    };
+    testsupport::ChildProcess victim([&] {
+        auto reader = PoolFactory::CreatePoolReader(config);
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(Eventually([&] { return sleepers() != 0; }));
+    victim.Kill(SIGKILL);
+    victim.Wait();
+    EXPECT_EQ(1u, PoolFactory::Recover(pool.str()));
+    EXPECT_EQ(0u, sleepers());
+}
+
+// A latest-kind writer killed after naming its block the latest, before marking it published:
+// a reader may deliver and hold that block, and once a later publish replaced it, reaping the
+// writer must still leave it to its holder.
+TEST_F(PoolTest, ADeadWritersReplacedBlockStaysWithItsHolder) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 2);
+    testsupport::PipeSignal loaned;
+    testsupport::ChildProcess victim([&] {
+        auto loaner = PoolFactory::CreatePoolWriter(config);
+        Slot::PoolLoan loan = loaner->loan(16);  // block 0
+        Fill(loan.data(), 16, 1);
+        loaned.Post();
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(loaned.WaitFor());
+    // What the victim's publish stores before the block's state, as it would have stored it.
+    const std::uint64_t table =
+        HeaderField(pool.str(), offsetof(Slot::PoolHeader, blockTableOffset));
+    Poke(pool.str(), table + offsetof(Slot::PoolBlockSlot, size), std::uint64_t{16});
+    Poke(pool.str(), table + offsetof(Slot::PoolBlockSlot, sequence), std::uint64_t{1});
+    Poke(pool.str(), offsetof(Slot::PoolHeader, nextSequence), std::uint64_t{1});
+    Poke(pool.str(), offsetof(Slot::PoolHeader, latest), Slot::BlockRef(1, 0));
+
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    auto holder = boost::make_shared<Holder>();
+    auto reader = PoolFactory::CreatePoolReader(config, holder);
+    ASSERT_TRUE(Eventually([&] { return holder->Count() == 1; }));
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 2));  // block 1 replaces it
+    ASSERT_TRUE(Eventually([&] { return holder->Count() == 2; }));
+    victim.Kill(SIGKILL);
+    victim.Wait();
+    EXPECT_EQ(1u, PoolFactory::Recover(pool.str()));
+
+    // Both blocks are held: nothing to loan, and the first keeps its bytes.
+    EXPECT_FALSE(writer->loan(16));
+    {
+        std::lock_guard<std::mutex> lock(holder->mutex);
+        EXPECT_EQ(1u, Check(holder->held.at(0).data(), 16));
+        holder->held.clear();
+    }
+    EXPECT_TRUE(writer->loan(16));
 }
 
 TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
