@@ -237,6 +237,14 @@ std::optional<std::string> PoolConfigProblem(const PoolConfig& config) {
     return std::nullopt;
 }
 
+std::string LatestWordProblem(std::uint64_t latest, std::uint64_t nextSequence) {
+    if ((latest >> 8) > nextSequence) {
+        return "the latest word names sequence " + std::to_string(latest >> 8) +
+               ", beyond the last one handed out (" + std::to_string(nextSequence) + ")";
+    }
+    return std::string();
+}
+
 std::string PoolHeaderProblem(const PoolHeader& header, std::uint64_t fileSize) {
     if (header.magic != PoolMagic) {
         return "not a pool file (bad magic)";

@@ -166,6 +166,11 @@ bool ComputePoolGeometry(std::uint64_t maxBlockSize, std::uint64_t blockCount, P
 // a pool that fits `fileSize` bytes, or empty.
 std::string PoolHeaderProblem(const PoolHeader& header, std::uint64_t fileSize);
 
+// Latest kind: why the latest word `latest` cannot be one a writer named, or empty. Its sequence
+// was handed out before the word was written, so it is at most `nextSequence` read after it;
+// a larger one would hold back every later state.
+std::string LatestWordProblem(std::uint64_t latest, std::uint64_t nextSequence);
+
 // Whether the process `pid` still lives and, when `startTime` is not 0, is the same process
 // (not a later one with a recycled pid). A zombie counts as dead.
 bool PoolProcessAlive(pid_t pid, std::uint64_t startTime);

@@ -89,8 +89,11 @@ void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked) {
     if (checked.kind == LatestKind) {
         const std::uint64_t latest = header.latest.load();
         if (latest != 0) {
+            const std::string problem = LatestWordProblem(latest, header.nextSequence.load());
             if ((latest & 0xff) >= count) {
                 Damaged(report, "the latest word names block " + std::to_string(latest & 0xff));
+            } else if (!problem.empty()) {
+                Damaged(report, problem);
             } else {
                 report.waitingBlocks = 1;
             }

@@ -3,6 +3,7 @@
 
 #include <Slot/PoolSegment.h>
 
+#include <shared/CrashPoint.h>
 #include <shared/RobustMutex.h>
 #include <shared/UtcClock.h>
 
@@ -91,6 +92,7 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
         block.taken.store(0, std::memory_order_relaxed);
         const std::uint64_t sequence = header.nextSequence.fetch_add(1) + 1;
         block.sequence.store(sequence, std::memory_order_relaxed);
+        shared::StopPoint("pool-latest-sequence-taken");
         // Named the latest while still loaned: nobody reclaims a loaned block, and a reaper
         // that finds it loaned by a dead writer marks it published.
         std::uint64_t old = 0;
@@ -107,8 +109,14 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
         WriteOutcome outcome = named ? WriteOutcome::Stored : WriteOutcome::Discarded;
         if (old != 0) {
             const unsigned oldIndex = static_cast<unsigned>(old & 0xff);
+            std::string problem;
             if (oldIndex >= segment.blockCount()) {
-                segment.MarkDamaged("the latest word named block " + std::to_string(oldIndex));
+                problem = "the latest word named block " + std::to_string(oldIndex);
+            } else if (!named) {
+                problem = LatestWordProblem(old, header.nextSequence.load());
+            }
+            if (!problem.empty()) {
+                segment.MarkDamaged(problem);
                 if (!named) {
                     outcome = WriteOutcome::Failed;
                 }

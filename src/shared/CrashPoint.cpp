@@ -58,6 +58,12 @@ bool CrashPointReached(const char* name) {
     return state.name == name && state.left != 0 && --state.left == 0;
 }
 
+void StopPoint(const char* name) {
+    if (CrashPointsArmed() && CrashPointReached(name)) {
+        ::raise(SIGSTOP);
+    }
+}
+
 bool ArmCrashPoint(const char* name, unsigned hit) {
     Armed& state = State();
     std::lock_guard<std::mutex> lock(state.mutex);

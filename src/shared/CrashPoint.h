@@ -29,11 +29,16 @@ inline void CrashPoint(const char* name) {
 inline bool CrashPointDue(const char* name) {
     return CrashPointsArmed() && CrashPointReached(name);
 }
+// Armed like a crash point, but the process stops itself there (SIGSTOP) instead of dying, so
+// that a test can let another process pass first and then continue it (SIGCONT): a process
+// delayed at exactly that point.
+SHARED_EXPORT void StopPoint(const char* name);
 #else
 inline void CrashPoint(const char*) {}
 inline bool CrashPointDue(const char*) {
     return false;
 }
+inline void StopPoint(const char*) {}
 #endif
 
 // Arms `name` in this process (replacing any armed point): the `hit`-th pass kills it. An empty

@@ -13,6 +13,7 @@
 #include <Slot/PoolSegment.h>
 #include <Slot/PoolSurvey.h>
 #include <Slot/WriteOutcome.h>
+#include <shared/CrashPoint.h>
 
 #include <boost/make_shared.hpp>
 
@@ -21,6 +22,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
@@ -430,6 +432,17 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     EXPECT_EQ(WriteOutcome::Failed, Publish(*writer, 16, 2));
     EXPECT_EQ(WriteOutcome::Failed, Publish(*writer, 16, 3));
     EXPECT_EQ(WriteOutcome::Failed, Slot::LastWriteOutcome());
+    // A latest word with a sequence never handed out would hold back every later state.
+    ScopedPool ahead;
+    const auto aheadConfig = ahead.Config("latest", 64, 2);
+    auto aheadWriter = PoolFactory::CreatePoolWriter(aheadConfig);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*aheadWriter, 16, 1));
+    Poke(ahead.str(), offsetof(Slot::PoolHeader, latest), Slot::BlockRef(1000, 0));
+    const std::string beyond =
+        "the latest word names sequence 1000, beyond the last one handed out";
+    EXPECT_EQ(beyond + " (1)", Slot::SurveyPool(ahead.str()).problem);
+    EXPECT_EQ(WriteOutcome::Failed, Publish(*aheadWriter, 16, 2));
+    EXPECT_EQ(1u, log.Count("ERROR", "Pool '" + ahead.str() + "' is damaged: " + beyond + " (2)"));
 
     ScopedPool queue;
     const auto queueConfig = queue.Config("queue", 64, 2);
@@ -625,18 +638,30 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnWithAnErrorLine) {
     EXPECT_NO_THROW(PoolFactory::CreatePoolReader(queueConfig));
 }
 
-// A writer delayed between taking its sequence and naming its block (preempted there) publishes
+// A writer delayed between taking its sequence and naming its block (stopped there) publishes
 // after a later sequence was named: the later block stays the latest, so that every reader,
 // present or late, ends on the same and newest state.
 TEST_F(PoolTest, APublishOlderThanTheLatestNeverReplacesIt) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 3);
     auto writer = PoolFactory::CreatePoolWriter(config);
-    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
-    ASSERT_EQ(WriteOutcome::Discarded, Publish(*writer, 16, 2));  // the latest, sequence 2
-    // The next publish gets sequence 1 again: older than the latest's.
-    Poke(pool.str(), offsetof(Slot::PoolHeader, nextSequence), std::uint64_t{0});
-    EXPECT_EQ(WriteOutcome::Discarded, Publish(*writer, 16, 3));
+    testsupport::ChildProcess delayed([&] {
+        auto mine = PoolFactory::CreatePoolWriter(config);
+        if (!shared::ArmCrashPoint("pool-latest-sequence-taken")) {
+            return 2;
+        }
+        return Publish(*mine, 16, 1) == WriteOutcome::Discarded ? 0 : 1;  // sequence 1
+    });
+    int status = 0;
+    ASSERT_TRUE(Eventually(
+        [&] { return ::waitpid(delayed.Pid(), &status, WNOHANG | WUNTRACED) == delayed.Pid(); }));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 2) {
+        GTEST_SKIP() << "built without crash points";
+    }
+    ASSERT_TRUE(WIFSTOPPED(status));
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 2));  // sequence 2, named first
+    ::kill(delayed.Pid(), SIGCONT);
+    EXPECT_TRUE(delayed.Wait().Ok());
 
     auto collector = boost::make_shared<testsupport::Collector>();
     std::uint64_t sequence = 0;  // reader thread, read after WaitFor
