@@ -593,10 +593,8 @@ public:
                 if (!Check(c, "channel")) {
                     return false;
                 }
-                auto known =
-                    std::find_if(result_.channels.begin(), result_.channels.end(),
-                                 [&](const Channel& other) { return other.id == channel.id; });
-                if (known == result_.channels.end()) {
+                // A repeated id keeps its first record.
+                if (channelAt_.emplace(channel.id, result_.channels.size()).second) {
                     result_.channels.push_back(channel);
                 }
                 return true;
@@ -612,15 +610,13 @@ public:
                 }
                 message.data = c.Here();
                 message.size = c.Left();
-                auto channel =
-                    std::find_if(result_.channels.begin(), result_.channels.end(),
-                                 [&](const Channel& other) { return other.id == message.channel; });
-                if (channel == result_.channels.end()) {
+                const auto at = channelAt_.find(message.channel);
+                if (at == channelAt_.end()) {
                     return Fail("a message of channel " + std::to_string(message.channel) +
                                 " comes before that channel");
                 }
                 ++result_.messages;
-                return onMessage_ ? onMessage_(message, *channel) : true;
+                return onMessage_ ? onMessage_(message, result_.channels[at->second]) : true;
             }
             case OpChunk: {
                 if (inChunk) {
@@ -691,6 +687,9 @@ private:
 
     ReadResult& result_;
     const std::function<bool(const Message&, const Channel&)>& onMessage_;
+    // Where each channel id is in result_.channels: a file may hold 65535 channels, and every
+    // message looks its channel up.
+    std::map<std::uint16_t, size_t> channelAt_;
 };
 
 // Checks what follows the data-end record: summary records within bounds, footer, CRC, magic.
