@@ -200,6 +200,29 @@ TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
     }
 }
 
+TEST(SlotctlMcapFile, AFileShortenedWhileBeingReadIsAnErrorSayingSo) {
+    const std::string path = RecordingPath("shrinking");
+    const std::vector<std::uint64_t> ends = WriteFile(path, false, 20);
+    size_t seen = 0;
+    try {
+        mcap::Read(path, [&](const mcap::Message&, const mcap::Channel&) {
+            // Another process cuts the file after the first block.
+            if (++seen == 1) {
+                EXPECT_EQ(0, ::truncate(path.c_str(), static_cast<off_t>(ends[0])));
+            }
+            return true;
+        });
+        ADD_FAILURE() << "read past the end of a shortened file";
+    } catch (const mcap::Error& e) {
+        // Not the stale errno of some earlier call ("Success").
+        EXPECT_EQ("cannot read " + path + ": it was shortened while being read (byte " +
+                      std::to_string(ends[0]) + " is gone)",
+                  e.what());
+    }
+    EXPECT_EQ(1u, seen);
+    ::unlink(path.c_str());
+}
+
 // ---- record and replay, real processes ----
 
 TEST(SlotctlRecord, RecordsReplaysAndReadsBackEveryBlockInOrder) {

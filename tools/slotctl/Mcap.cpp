@@ -496,8 +496,13 @@ public:
             if (n < 0 && errno == EINTR) {
                 continue;
             }
-            if (n <= 0) {
+            if (n < 0) {
                 throw Error(SystemError("cannot read", path_));
+            }
+            if (n == 0) {
+                // No errno to report: the file is shorter than when it was opened.
+                throw Error("cannot read " + path_ + ": it was shortened while being read (byte " +
+                            std::to_string(offset + done) + " is gone)");
             }
             done += static_cast<size_t>(n);
         }
