@@ -549,4 +549,35 @@ TEST(SlotctlReplay, PacesSelectsTopicsAndLoops) {
     EXPECT_THAT(read.out, StartsWith(round + round + round));
 }
 
+TEST(SlotctlReplay, LoopingOverRecordingsWithoutABlockToReplayEnds) {
+    ScopedSlotName name("loopnone");
+    const std::string empty = RecordingPath("noblocks");
+    {
+        mcap::Writer writer(empty, mcap::Writer::Options());
+        writer.AddChannel(name, "application/octet-stream", {});
+        writer.Close();
+    }
+    const std::string other = RecordingPath("othertopic");
+    {
+        mcap::Writer writer(other, mcap::Writer::Options());
+        const std::uint16_t channel =
+            writer.AddChannel(name.str() + "x", "application/octet-stream", {});
+        writer.Add(mcap::Message{channel, 1, 1000000000ull, 0, "x", 1});
+        writer.Close();
+    }
+    const std::vector<std::string> runs[] = {
+        {"replay", "--loop", "--max", empty},
+        {"replay", "--loop", "--max", "--topics", name.str(), other},
+    };
+    for (const std::vector<std::string>& args : runs) {
+        SCOPED_TRACE(args.back());
+        slotctltest::Options options;
+        options.timeout = std::chrono::seconds(20);  // it spun until killed
+        const Outcome run = Slotctl(args, options);
+        EXPECT_EQ(0, run.status) << run.Describe();
+        EXPECT_THAT(run.err, HasSubstr("nothing replayed (no blocks"));
+        EXPECT_FALSE(slotctltest::ShmExists(name.str()));
+    }
+}
+
 }  // namespace

@@ -437,7 +437,11 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
 
     int status = ExitOk;
     std::uint64_t tooLarge = 0;
+    // Blocks of the current pass: a pass without any ends --loop (it would spin, replaying
+    // nothing, until Ctrl-C).
+    std::uint64_t passBlocks = 0;
     do {
+        passBlocks = 0;
         for (const std::string& file : arguments.Operands()) {
             bool paced = false;
             std::uint64_t firstLog = 0;
@@ -470,6 +474,7 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
                         return false;
                     }
                     RetryingWriter& writer = writerFor(channel);
+                    ++passBlocks;
                     const RetryingWriter::Result written =
                         writer.Write(message.data, message.size, stopping);
                     if (written == RetryingWriter::Result::TooLarge) {
@@ -482,7 +487,7 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
             }
             status = std::max(status, ReportEnd(file, result));
         }
-    } while (arguments.Has("loop") && !stopped && status == ExitOk);
+    } while (arguments.Has("loop") && !stopped && status == ExitOk && passBlocks != 0);
 
     for (const auto& item : writers) {
         const RetryingWriter& writer = *item.second;
