@@ -214,7 +214,7 @@ TEST(SlotctlMcapFile, AFileShortenedWhileBeingReadIsAnErrorSayingSo) {
         });
         ADD_FAILURE() << "read past the end of a shortened file";
     } catch (const mcap::Error& e) {
-        // Not the stale errno of some earlier call ("Success").
+        // Not the stale errno of some earlier call.
         EXPECT_EQ("cannot read " + path + ": it was shortened while being read (byte " +
                       std::to_string(ends[0]) + " is gone)",
                   e.what());
