@@ -1,7 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 # Included by tools/slotctl and by fuzz/ (whose build has no tools).
 # The MCAP recordings of record, replay, read and info; also used by the tests and the bench.
-add_library(slot_mcap STATIC ${CMAKE_CURRENT_LIST_DIR}/Crc32.cpp ${CMAKE_CURRENT_LIST_DIR}/Mcap.cpp)
+add_library(slot_mcap STATIC
+    ${CMAKE_CURRENT_LIST_DIR}/Crc32.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/Mcap.cpp
+)
 target_include_directories(slot_mcap PUBLIC ${CMAKE_CURRENT_LIST_DIR})
 target_link_libraries(slot_mcap PRIVATE slot_build_flags)
 # Recordings over 2 GiB in the 32-bit build too (64-bit off_t; nothing of it is in the header).
