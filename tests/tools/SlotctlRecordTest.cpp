@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // slotctl record / replay and the MCAP files between them: real slotctl processes, SIGKILL,
 // and torn or hostile files read in-process.
+#include "ChildProcess.h"
 #include "Eventually.h"
 #include "Files.h"
 #include "McapRecording.h"
@@ -198,6 +199,22 @@ TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
         EXPECT_THAT(read.result.problem, HasSubstr(c.problem));
         EXPECT_TRUE(read.blocks.empty());
     }
+    // A FIFO in the file's place (swapped in after the caller looked) is refused, not waited on.
+    const std::string fifo = RecordingPath("fifo");
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    const testsupport::ChildResult opened = testsupport::RunInChild(
+        [&] {
+            try {
+                mcap::Read(fifo, [](const mcap::Message&, const mcap::Channel&) { return true; });
+            } catch (const mcap::Error& e) {
+                return std::string(e.what()) == "cannot read " + fifo + ": not a regular file" ? 0
+                                                                                               : 1;
+            }
+            return 2;
+        },
+        std::chrono::seconds(10));
+    ::unlink(fifo.c_str());
+    EXPECT_TRUE(opened.Ok()) << opened.Describe();
 }
 
 TEST(SlotctlMcapFile, AFileShortenedWhileBeingReadIsAnErrorSayingSo) {

@@ -470,7 +470,9 @@ namespace {
 class File {
 public:
     explicit File(const std::string& path) : path_(path) {
-        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        // O_NONBLOCK: a FIFO in the file's place is refused below instead of waited on (it
+        // changes nothing for a regular file).
+        fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         if (fd_ < 0) {
             throw Error(SystemError("cannot open", path));
         }
