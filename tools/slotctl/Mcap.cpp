@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 namespace mcap {
 
@@ -518,7 +519,8 @@ private:
 };
 
 // Unpacks a zstd chunk of `expected` bytes; false, with the reason, on any mismatch. The
-// output grows with what really comes out, so a false size allocates nothing.
+// output grows with what really comes out, so a false size allocates nothing, and never beyond
+// `expected` (a true size of up to 1 GiB may come from a few KiB: no doubling past it).
 bool Unzstd(const char* data, size_t size, std::uint64_t expected, std::string& out,
             std::string& problem) {
 #ifdef SLOT_WITH_ZSTD
@@ -531,32 +533,44 @@ bool Unzstd(const char* data, size_t size, std::uint64_t expected, std::string& 
     std::string block(ZSTD_DStreamOutSize(), '\0');
     size_t last = 1;
     bool ok = true;
-    while (ok && in.pos < in.size) {
-        ZSTD_outBuffer o{&block[0], block.size(), 0};
-        last = ZSTD_decompressStream(stream, &o, &in);
-        if (ZSTD_isError(last)) {
-            problem = std::string("a chunk does not unpack: ") + ZSTD_getErrorName(last);
-            ok = false;
-        } else if (out.size() + o.pos > expected) {
-            problem = "a chunk unpacks to more than its declared size";
-            ok = false;
-        } else {
-            out.append(block.data(), o.pos);
+    auto append = [&](size_t n) {
+        if (out.size() + n > out.capacity()) {
+            out.reserve(static_cast<size_t>(std::min<std::uint64_t>(
+                expected, std::max<std::uint64_t>(2 * out.capacity(), out.size() + n))));
         }
-    }
-    // Output the decompressor still holds.
-    while (ok && last != 0) {
-        ZSTD_outBuffer o{&block[0], block.size(), 0};
-        last = ZSTD_decompressStream(stream, &o, &in);
-        if (ZSTD_isError(last) || o.pos == 0) {
-            problem = "a chunk's compressed data ends early";
-            ok = false;
-        } else if (out.size() + o.pos > expected) {
-            problem = "a chunk unpacks to more than its declared size";
-            ok = false;
-        } else {
-            out.append(block.data(), o.pos);
+        out.append(block.data(), n);
+    };
+    try {
+        while (ok && in.pos < in.size) {
+            ZSTD_outBuffer o{&block[0], block.size(), 0};
+            last = ZSTD_decompressStream(stream, &o, &in);
+            if (ZSTD_isError(last)) {
+                problem = std::string("a chunk does not unpack: ") + ZSTD_getErrorName(last);
+                ok = false;
+            } else if (out.size() + o.pos > expected) {
+                problem = "a chunk unpacks to more than its declared size";
+                ok = false;
+            } else {
+                append(o.pos);
+            }
         }
+        // Output the decompressor still holds.
+        while (ok && last != 0) {
+            ZSTD_outBuffer o{&block[0], block.size(), 0};
+            last = ZSTD_decompressStream(stream, &o, &in);
+            if (ZSTD_isError(last) || o.pos == 0) {
+                problem = "a chunk's compressed data ends early";
+                ok = false;
+            } else if (out.size() + o.pos > expected) {
+                problem = "a chunk unpacks to more than its declared size";
+                ok = false;
+            } else {
+                append(o.pos);
+            }
+        }
+    } catch (const std::bad_alloc&) {
+        problem = "a chunk of " + std::to_string(expected) + " bytes does not fit in memory";
+        ok = false;
     }
     ZSTD_freeDStream(stream);
     if (ok && out.size() != expected) {
