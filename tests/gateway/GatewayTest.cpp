@@ -4,8 +4,11 @@
 // killed, blocks held while none is matched, and a stop on SIGTERM are two_hosts.sh's cases.
 #include "NumberedBlock.h"
 
+#include <SlotGateway/Dds.h>
 #include <SlotGateway/Gateway.h>
 #include <SlotGateway/Status.h>
+
+#include "GatewayBlock.h"
 
 #include "../Slot/PoolTestSupport.h"
 
@@ -22,6 +25,7 @@
 #include <unistd.h>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -128,6 +132,59 @@ void WriteHeld(const ISubscriberPtr& writer, const std::string& name, const Byte
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
+
+// Anything else on the DDS domain: publishes samples of the gateway's own type on a route's topic
+// and acknowledgement topic, saying whatever it likes about whose they are.
+class HostilePeer {
+public:
+    explicit HostilePeer(const Route& route) {
+        participant_ = CreateParticipant(route.domain, 500);
+        const RouteEntities entities = CreateRouteEntities(participant_, route);
+        QosPtr qos(RouteQos(route)), ackQos(AckQos());
+        writer_ = Check(dds_create_writer(entities.publisher, entities.topic, qos.get(), nullptr),
+                        "dds_create_writer");
+        if (route.reliable()) {
+            ackWriter_ = Check(
+                dds_create_writer(entities.publisher, entities.ackTopic, ackQos.get(), nullptr),
+                "dds_create_writer");
+        }
+    }
+    ~HostilePeer() { dds_delete(participant_); }
+    HostilePeer(const HostilePeer&) = delete;
+    HostilePeer& operator=(const HostilePeer&) = delete;
+
+    // A block claiming to be block `serial` of gateway `gateway`, received once this returns.
+    void PublishBlock(std::uint64_t gateway, std::uint64_t serial, const Bytes& data) {
+        Publish(writer_, gateway, serial, data);
+    }
+    // An acknowledgement of block `serial` of gateway `gateway`, stored by gateway `receiver`.
+    void PublishAck(std::uint64_t gateway, std::uint64_t serial, std::uint64_t receiver) {
+        Bytes data(sizeof receiver);
+        std::memcpy(data.data(), &receiver, sizeof receiver);
+        Publish(ackWriter_, gateway, serial, data);
+    }
+
+private:
+    static void Publish(dds_entity_t writer, std::uint64_t gateway, std::uint64_t serial,
+                        const Bytes& data) {
+        ASSERT_TRUE(Eventually([&] { return PublicationMatches(writer).current >= 1; },
+                               std::chrono::seconds(20)));
+        Bytes copy = data;
+        SlotGatewayWire_Block sample;
+        sample.gateway = gateway;
+        sample.serial = serial;
+        sample.data._maximum = static_cast<uint32_t>(copy.size());
+        sample.data._length = static_cast<uint32_t>(copy.size());
+        sample.data._buffer = copy.empty() ? nullptr : copy.data();
+        sample.data._release = false;
+        ASSERT_EQ(dds_write(writer, &sample), DDS_RETCODE_OK);
+        ASSERT_EQ(dds_wait_for_acks(writer, DDS_SECS(20)), DDS_RETCODE_OK);
+    }
+
+    dds_entity_t participant_ = 0;
+    dds_entity_t writer_ = 0;
+    dds_entity_t ackWriter_ = 0;
+};
 
 }  // namespace
 
@@ -410,4 +467,37 @@ TEST(Gateway, QueuePoolKeepsItsBlocksWhileNoReceiverIsMatched) {
     receiving.reset(new Gateway(OneRoute(in)));
     ExpectNumbered(*collector, 6, 1024);
     EXPECT_EQ(sending.Status()[0].counters.dropped, 0u);
+}
+
+// Samples from others on the domain that name a real sending gateway cannot make the receiving
+// gateway take that gateway's later blocks for repetitions, whatever serial they carry.
+TEST(GatewayHostile, ForeignSerialsDoNotHideTheSendersBlocks) {
+    testsupport::ScopedSlotName source("gw_foe_src"), destination("gw_foe_dst");
+    const Link link = MakeLink(source, destination, "reliable", 512, 8, 8);
+    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
+    WriteHeld(writer, source, NumberedBlock(0, 512));
+    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(30)));
+
+    // Far ahead, and at the end of the serials' range.
+    HostilePeer foe(link.out);
+    const Bytes forged = {'f', 'o', 'e'};
+    foe.PublishBlock(sending.Id(), (std::uint64_t(1) << 63) + 1, forged);
+    foe.PublishBlock(sending.Id(), UINT64_MAX, forged);
+    ASSERT_TRUE(collector->WaitFor(3, std::chrono::seconds(30)));
+    for (unsigned n = 1; n <= 3; ++n) {
+        WriteHeld(writer, source, NumberedBlock(n, 512));
+    }
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].counters.forwarded == 4; },
+                           std::chrono::seconds(30)));
+    ASSERT_TRUE(collector->WaitFor(6, std::chrono::seconds(10)))
+        << collector->Count() << " blocks stored; " << receiving.StatusJson();
+    const std::vector<Bytes> blocks = BlocksOf(*collector);
+    EXPECT_EQ(blocks,
+              (std::vector<Bytes>{NumberedBlock(0, 512), forged, forged, NumberedBlock(1, 512),
+                                  NumberedBlock(2, 512), NumberedBlock(3, 512)}));
 }
