@@ -501,3 +501,42 @@ TEST(GatewayHostile, ForeignSerialsDoNotHideTheSendersBlocks) {
               (std::vector<Bytes>{NumberedBlock(0, 512), forged, forged, NumberedBlock(1, 512),
                                   NumberedBlock(2, 512), NumberedBlock(3, 512)}));
 }
+
+// An acknowledgement from a participant that does not read the route's blocks does not count: the
+// block stays in the sender's hand, and goes back to the head of the slot when no receiver
+// stored it.
+TEST(GatewayHostile, ForeignAcknowledgementDoesNotReleaseTheBlockInHand) {
+    testsupport::ScopedSlotName source("gw_foe_ack_src"), destination("gw_foe_ack_dst");
+    // Nobody reads the destination: it holds block 0 and refuses block 1.
+    const Link link = MakeLink(source, destination, "reliable", 512, 8, 1);
+    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&sourceCfg);
+    boost::shared_ptr<ISlot> destinationSlot = SlotFactory::CreateSlot(&destinationCfg);
+    Config sendingConfig = OneRoute(link.out), receivingConfig = OneRoute(link.in);
+    sendingConfig.stopGraceMs = 300;
+    receivingConfig.stopGraceMs = 200;
+    Gateway sending(sendingConfig);
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    for (unsigned n = 0; n < 5; ++n) {
+        WriteHeld(writer, source, NumberedBlock(n, 512));
+    }
+    ASSERT_TRUE(Eventually([&] { return receiving->Status()[0].counters.refused >= 1; },
+                           std::chrono::seconds(30)));
+
+    // Block 1 (serial 2), "stored" by the receiving gateway, and by a gateway that is not there.
+    HostilePeer foe(link.out);
+    foe.PublishAck(sending.Id(), 2, receiving->Id());
+    foe.PublishAck(sending.Id(), 2, 42);
+    receiving.reset();  // stops within its grace, block 1 unstored
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; },
+                           std::chrono::seconds(30)));
+    sending.Stop();
+    EXPECT_EQ(sending.Status()[0].counters.forwarded, 1u);
+    ASSERT_EQ(slot->GetBufferLength(), 4u);
+    for (unsigned n = 1; n < 5; ++n) {
+        char buffer[512];
+        const size_t size = slot->ReadData(buffer, sizeof buffer);
+        EXPECT_EQ(Bytes(buffer, buffer + size), NumberedBlock(n, 512)) << "block " << n;
+    }
+}
