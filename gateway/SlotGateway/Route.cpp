@@ -73,10 +73,18 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
             Check(dds_create_writer(publisher, topic, qos.get(), nullptr), "dds_create_writer");
     }
     if (route.receives()) {
-        // A pool's writer copies each received block once, into a loaned block.
-        slotWriter_ = route.isPool()
-                          ? ISubscriberPtr(Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(route)))
-                          : SlotFactory::CreateSlotWriter(&cfg_);
+        // A pool's writer copies each received block once, into a loaned block. The slot or pool
+        // may exist already, made smaller than the route says: its own size is the limit.
+        if (route.isPool()) {
+            boost::shared_ptr<Slot::PoolWriter> pool =
+                Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(route));
+            maxSize_ = std::min<std::size_t>(route.maxSize, pool->maxBlockSize());
+            slotWriter_ = pool;
+        } else {
+            slotWriter_ = SlotFactory::CreateSlotWriter(&cfg_);
+            maxSize_ = std::min<std::size_t>(route.maxSize,
+                                             SlotFactory::CreateSlot(&cfg_)->GetMaxDataSize());
+        }
         if (route.reliable()) {
             QosPtr ackQos(AckQos());
             acknowledger_.reset(new Acknowledger(
@@ -354,11 +362,10 @@ void RouteRunner::ReceiveLoop() {
 }
 
 bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequence) {
-    if (size > route_.maxSize) {
+    if (size > maxSize_) {
         ++counters_.dropped;
-        LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name
-                                         << "' dropped: " << size
-                                         << " bytes, the slot takes at most " << route_.maxSize);
+        LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name << "' dropped: "
+                                         << size << " bytes, the slot takes at most " << maxSize_);
         return true;
     }
     std::chrono::milliseconds backoff(1);

@@ -540,3 +540,25 @@ TEST(GatewayHostile, ForeignAcknowledgementDoesNotReleaseTheBlockInHand) {
         EXPECT_EQ(Bytes(buffer, buffer + size), NumberedBlock(n, 512)) << "block " << n;
     }
 }
+
+// A destination slot that exists with a smaller maximum size than the route's cannot take a
+// larger block, ever: it is dropped, and the blocks behind it arrive.
+TEST(Gateway, BlockLargerThanTheExistingSlotIsDroppedNotRetriedForever) {
+    testsupport::ScopedSlotName source("gw_big_src"), destination("gw_small_dst");
+    const Link link = MakeLink(source, destination, "reliable", 512, 8, 8);
+    Route smaller = link.in;
+    smaller.maxSize = 64;
+    RouteSlotCfg sourceCfg(link.out), smallerCfg(smaller);
+    boost::shared_ptr<ISlot> existing = SlotFactory::CreateSlot(&smallerCfg);
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&smallerCfg, collector);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
+    const Bytes large(100, 'L'), small(10, 's');
+    WriteHeld(writer, source, large);
+    WriteHeld(writer, source, small);
+    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(20))) << receiving.StatusJson();
+    EXPECT_EQ(BlocksOf(*collector), std::vector<Bytes>{small});
+    EXPECT_EQ(receiving.Status()[0].counters.dropped, 1u);
+}
