@@ -351,6 +351,16 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     EXPECT_EQ(WriteFileAtomically(config.statusFile, "{}"), "");
     EXPECT_NE(access(target.c_str(), F_OK), 0);
     std::remove(config.statusFile.c_str());
+    std::remove(link.c_str());
+    // Nor is a file someone else has at that name removed or written.
+    { std::ofstream(link) << "theirs"; }
+    EXPECT_EQ(WriteFileAtomically(config.statusFile, "{}"), "");
+    std::ifstream theirs(link);
+    std::stringstream kept;
+    kept << theirs.rdbuf();
+    EXPECT_EQ(kept.str(), "theirs");
+    std::remove(link.c_str());
+    std::remove(config.statusFile.c_str());
 }
 
 // A block in hand when the receiver went away, unstored, goes back to the head of the slot
