@@ -3,9 +3,7 @@
 
 #include "GatewayBlock.h"
 
-#include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <stdexcept>
 #include <vector>
 
@@ -103,76 +101,66 @@ Guid ToGuid(const dds_guid_t& guid) {
     return result;
 }
 
-}  // namespace
-
-std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication) {
+std::optional<Guid> PublicationGuid(dds_entity_t reader, dds_instance_handle_t publication,
+                                    bool participant) {
     dds_builtintopic_endpoint_t* endpoint = dds_get_matched_publication_data(reader, publication);
     if (endpoint == nullptr) {
         return std::nullopt;
     }
-    const Guid guid = ToGuid(endpoint->key);
+    const Guid guid = ToGuid(participant ? endpoint->participant_key : endpoint->key);
     dds_builtintopic_free_endpoint(endpoint);
     return guid;
 }
 
-std::vector<dds_instance_handle_t> MatchedPeers::MatchedNow() const {
+}  // namespace
+
+std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication) {
+    return PublicationGuid(reader, publication, false);
+}
+
+std::optional<Guid> ParticipantOf(dds_entity_t reader, dds_instance_handle_t publication) {
+    return PublicationGuid(reader, publication, true);
+}
+
+namespace {
+
+// The participants of the endpoints matched by `entity`: readers of a writer, writers of a reader.
+std::set<Guid> MatchedParticipants(dds_entity_t entity, bool ofWriter) {
+    std::set<Guid> participants;
     std::vector<dds_instance_handle_t> handles(16);
     for (;;) {
         const dds_return_t n =
-            ofWriter_ ? dds_get_matched_subscriptions(entity_, handles.data(), handles.size())
-                      : dds_get_matched_publications(entity_, handles.data(), handles.size());
+            ofWriter ? dds_get_matched_subscriptions(entity, handles.data(), handles.size())
+                     : dds_get_matched_publications(entity, handles.data(), handles.size());
         if (n < 0) {
-            return {};
+            return participants;
         }
-        const bool fitted = static_cast<std::size_t>(n) <= handles.size();
-        handles.resize(static_cast<std::size_t>(n));
-        if (fitted) {
-            return handles;
+        if (static_cast<std::size_t>(n) <= handles.size()) {
+            handles.resize(static_cast<std::size_t>(n));
+            break;
         }
+        handles.resize(static_cast<std::size_t>(n));  // more than room: ask again
     }
-}
-
-std::set<Guid> MatchedPeers::Update() {
-    std::set<Guid> participants;
-    for (const dds_instance_handle_t handle : MatchedNow()) {
-        if (const std::optional<Guid> participant = ParticipantOf(handle)) {
-            participants.insert(*participant);
+    for (const dds_instance_handle_t handle : handles) {
+        dds_builtintopic_endpoint_t* endpoint =
+            ofWriter ? dds_get_matched_subscription_data(entity, handle)
+                     : dds_get_matched_publication_data(entity, handle);
+        if (endpoint != nullptr) {
+            participants.insert(ToGuid(endpoint->participant_key));
+            dds_builtintopic_free_endpoint(endpoint);
         }
     }
     return participants;
 }
 
-std::optional<Guid> MatchedPeers::ParticipantOf(dds_instance_handle_t handle) {
-    const auto known = known_.find(handle);
-    if (known != known_.end()) {
-        return known->second;
-    }
-    dds_builtintopic_endpoint_t* endpoint = ofWriter_
-                                                ? dds_get_matched_subscription_data(entity_, handle)
-                                                : dds_get_matched_publication_data(entity_, handle);
-    if (endpoint == nullptr) {
-        return std::nullopt;
-    }
-    const Guid participant = ToGuid(endpoint->participant_key);
-    dds_builtintopic_free_endpoint(endpoint);
-    known_.emplace(handle, participant);
-    return participant;
+}  // namespace
+
+std::set<Guid> ReaderParticipants(dds_entity_t writer) {
+    return MatchedParticipants(writer, true);
 }
 
-std::set<Guid> MatchedPeers::Known() const {
-    std::set<Guid> participants;
-    for (const auto& entry : known_) {
-        participants.insert(entry.second);
-    }
-    return participants;
-}
-
-void MatchedPeers::Forget() {
-    const std::vector<dds_instance_handle_t> now = MatchedNow();
-    for (auto it = known_.begin(); it != known_.end();) {
-        it = std::find(now.begin(), now.end(), it->first) == now.end() ? known_.erase(it)
-                                                                       : std::next(it);
-    }
+std::set<Guid> WriterParticipants(dds_entity_t reader) {
+    return MatchedParticipants(reader, false);
 }
 
 }  // namespace SlotGateway

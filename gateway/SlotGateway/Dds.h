@@ -8,12 +8,10 @@
 
 #include <array>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <vector>
 
 namespace SlotGateway {
 
@@ -62,31 +60,13 @@ Matches PublicationMatches(dds_entity_t writer);
 // A DDS entity's network-wide identity. Unlike what a sample says about itself, DDS vouches for it.
 using Guid = std::array<std::uint8_t, 16>;
 
-// The writer that published a sample `reader` received (the sample's publication handle);
-// nullopt once DDS no longer knows the writer.
+// The writer that published a sample `reader` received (the sample's publication handle), or
+// that writer's participant; nullopt once DDS no longer knows the writer.
 std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication);
+std::optional<Guid> ParticipantOf(dds_entity_t reader, dds_instance_handle_t publication);
 
-// The participants of the endpoints an entity matches (the readers of a writer, the writers of a
-// reader), remembered by instance handle: one that has left is still known until Forget().
-class MatchedPeers {
-public:
-    MatchedPeers(dds_entity_t entity, bool ofWriter) : entity_(entity), ofWriter_(ofWriter) {}
-
-    // Learns the endpoints matched now; returns their participants.
-    std::set<Guid> Update();
-    // The participant of endpoint `handle`, matched now or since the last Forget().
-    std::optional<Guid> ParticipantOf(dds_instance_handle_t handle);
-    // The participants of every endpoint known.
-    std::set<Guid> Known() const;
-    // Forgets the endpoints not matched now.
-    void Forget();
-
-private:
-    std::vector<dds_instance_handle_t> MatchedNow() const;
-
-    const dds_entity_t entity_;
-    const bool ofWriter_;
-    std::map<dds_instance_handle_t, Guid> known_;
-};
+// The participants of the readers matched by `writer`, of the writers matched by `reader`.
+std::set<Guid> ReaderParticipants(dds_entity_t writer);
+std::set<Guid> WriterParticipants(dds_entity_t reader);
 
 }  // namespace SlotGateway

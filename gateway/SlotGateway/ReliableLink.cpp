@@ -38,9 +38,7 @@ ReliableSender::ReliableSender(const Route& route, std::uint64_t gatewayId, dds_
       ackReader_(ackReader),
       stop_(stop),
       grace_(grace),
-      counters_(counters),
-      readers_(writer, true),
-      acknowledgers_(ackReader, false) {
+      counters_(counters) {
     ackCondition_ =
         Check(dds_create_readcondition(ackReader_, DDS_ANY_STATE), "dds_create_readcondition");
     ackWaitset_ = Check(dds_create_waitset(DDS_CYCLONEDDS_HANDLE), "dds_create_waitset");
@@ -220,9 +218,6 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
     sample.data._buffer = size != 0 ? static_cast<uint8_t*>(const_cast<void*>(data)) : nullptr;
     sample.data._release = false;
 
-    // Peers that left before this block was published do not acknowledge it.
-    readers_.Forget();
-    acknowledgers_.Forget();
     bool graceStarted = false;
     Clock::time_point deadline;
     auto givingUp = [&] {
@@ -268,15 +263,9 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
         std::set<Guid> storedBy;
         bool again = false;
         for (;;) {
-            const std::set<Guid> readers = readers_.Update();
-            const std::set<Guid> acknowledgers = acknowledgers_.Update();
             TakeAcks(sample.serial, storedBy);
             const Matches now = PublicationMatches(writer_);
-            std::size_t receivingGateways = 0;
-            for (const Guid& participant : readers) {
-                receivingGateways += acknowledgers.count(participant);
-            }
-            if (!storedBy.empty() && storedBy.size() >= receivingGateways) {
+            if (!storedBy.empty() && storedBy.size() >= ReceivingGateways()) {
                 break;
             }
             const bool someLeft = now.total - now.current != before.total - before.current;
@@ -300,7 +289,18 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
     }
 }
 
+std::size_t ReliableSender::ReceivingGateways() const {
+    const std::set<Guid> readers = ReaderParticipants(writer_);
+    const std::set<Guid> acknowledgers = WriterParticipants(ackReader_);
+    std::size_t both = 0;
+    for (const Guid& participant : readers) {
+        both += acknowledgers.count(participant);
+    }
+    return both;
+}
+
 void ReliableSender::TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy) {
+    std::optional<std::set<Guid>> receivers;  // looked up once an acknowledgement fits
     for (;;) {
         void* samples[1] = {nullptr};
         dds_sample_info_t info[1];
@@ -312,13 +312,15 @@ void ReliableSender::TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy) {
             const auto* ack = static_cast<const SlotGatewayWire_Block*>(samples[0]);
             // Anyone on the domain can publish an acknowledgement naming any gateway as the one
             // that stored the block: it counts for the participant DDS names as its writer, and
-            // only when that participant reads this route's blocks (or did, since the block was
-            // published: a receiver may leave right after acknowledging).
+            // only when that participant reads this route's blocks.
             if (ack->gateway == gatewayId_ && ack->serial == serial &&
                 ack->data._length == sizeof(std::uint64_t)) {
                 const std::optional<Guid> participant =
-                    acknowledgers_.ParticipantOf(info[0].publication_handle);
-                if (participant && readers_.Known().count(*participant) != 0) {
+                    ParticipantOf(ackReader_, info[0].publication_handle);
+                if (participant && !receivers) {
+                    receivers = ReaderParticipants(writer_);
+                }
+                if (participant && receivers->count(*participant) != 0) {
                     storedBy.insert(*participant);
                 }
             }

@@ -78,6 +78,9 @@ private:
     bool Deliver(const void* data, std::size_t size);
     // Puts the block in hand back at the head of the slot's queue, or drops it (logged).
     void GiveBack();
+    // The matched receiving gateways: participants with a reader of the blocks and a writer of
+    // acknowledgements.
+    std::size_t ReceivingGateways() const;
     // Adds the receiving gateways (their participants) that acknowledged block `serial`.
     void TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy);
 
@@ -89,10 +92,6 @@ private:
     StopFlag& stop_;
     const std::chrono::milliseconds grace_;
     AtomicCounters& counters_;
-    // The readers of the blocks and the writers of acknowledgements, known by participant: a
-    // receiving gateway has both. Used by the thread that delivers the blocks.
-    MatchedPeers readers_;
-    MatchedPeers acknowledgers_;
     dds_entity_t ackCondition_ = 0;
     dds_entity_t ackWaitset_ = 0;
 
