@@ -122,16 +122,12 @@ std::optional<Guid> ParticipantOf(dds_entity_t reader, dds_instance_handle_t pub
     return PublicationGuid(reader, publication, true);
 }
 
-namespace {
-
-// The participants of the endpoints matched by `entity`: readers of a writer, writers of a reader.
-std::set<Guid> MatchedParticipants(dds_entity_t entity, bool ofWriter) {
+std::set<Guid> ReaderParticipants(dds_entity_t writer) {
     std::set<Guid> participants;
     std::vector<dds_instance_handle_t> handles(16);
     for (;;) {
         const dds_return_t n =
-            ofWriter ? dds_get_matched_subscriptions(entity, handles.data(), handles.size())
-                     : dds_get_matched_publications(entity, handles.data(), handles.size());
+            dds_get_matched_subscriptions(writer, handles.data(), handles.size());
         if (n < 0) {
             return participants;
         }
@@ -142,25 +138,13 @@ std::set<Guid> MatchedParticipants(dds_entity_t entity, bool ofWriter) {
         handles.resize(static_cast<std::size_t>(n));  // more than room: ask again
     }
     for (const dds_instance_handle_t handle : handles) {
-        dds_builtintopic_endpoint_t* endpoint =
-            ofWriter ? dds_get_matched_subscription_data(entity, handle)
-                     : dds_get_matched_publication_data(entity, handle);
+        dds_builtintopic_endpoint_t* endpoint = dds_get_matched_subscription_data(writer, handle);
         if (endpoint != nullptr) {
             participants.insert(ToGuid(endpoint->participant_key));
             dds_builtintopic_free_endpoint(endpoint);
         }
     }
     return participants;
-}
-
-}  // namespace
-
-std::set<Guid> ReaderParticipants(dds_entity_t writer) {
-    return MatchedParticipants(writer, true);
-}
-
-std::set<Guid> WriterParticipants(dds_entity_t reader) {
-    return MatchedParticipants(reader, false);
 }
 
 }  // namespace SlotGateway

@@ -65,8 +65,7 @@ using Guid = std::array<std::uint8_t, 16>;
 std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication);
 std::optional<Guid> ParticipantOf(dds_entity_t reader, dds_instance_handle_t publication);
 
-// The participants of the readers matched by `writer`, of the writers matched by `reader`.
+// The participants of the readers matched by `writer`.
 std::set<Guid> ReaderParticipants(dds_entity_t writer);
-std::set<Guid> WriterParticipants(dds_entity_t reader);
 
 }  // namespace SlotGateway

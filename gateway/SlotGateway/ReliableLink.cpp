@@ -253,19 +253,17 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
             }
             continue;
         }
-        // Done when every matched receiving gateway stored the block in its slot: a reader with
-        // an acknowledgement writer beside it; another reader (a monitoring tool) would never
-        // acknowledge and would hold the route back for ever. A receiver that left before
-        // storing it (a restart) or one that matched after the publication (a restart's
-        // successor: the topic keeps no history for late readers) makes the block go out again
-        // at once: receivers that have it recognise the serial and only acknowledge it once
-        // more.
+        // Done when every matched receiving gateway stored the block in its slot. A receiver
+        // that left before storing it (a restart) or one that matched after the publication (a
+        // restart's successor: the topic keeps no history for late readers) makes the block go
+        // out again at once: receivers that have it recognise the serial and only acknowledge
+        // it once more.
         std::set<Guid> storedBy;
         bool again = false;
         for (;;) {
             TakeAcks(sample.serial, storedBy);
             const Matches now = PublicationMatches(writer_);
-            if (!storedBy.empty() && storedBy.size() >= ReceivingGateways()) {
+            if (!storedBy.empty() && storedBy.size() >= now.current) {
                 break;
             }
             const bool someLeft = now.total - now.current != before.total - before.current;
@@ -287,16 +285,6 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
             return true;
         }
     }
-}
-
-std::size_t ReliableSender::ReceivingGateways() const {
-    const std::set<Guid> readers = ReaderParticipants(writer_);
-    const std::set<Guid> acknowledgers = WriterParticipants(ackReader_);
-    std::size_t both = 0;
-    for (const Guid& participant : readers) {
-        both += acknowledgers.count(participant);
-    }
-    return both;
 }
 
 void ReliableSender::TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy) {

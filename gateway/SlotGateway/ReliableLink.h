@@ -78,9 +78,6 @@ private:
     bool Deliver(const void* data, std::size_t size);
     // Puts the block in hand back at the head of the slot's queue, or drops it (logged).
     void GiveBack();
-    // The matched receiving gateways: participants with a reader of the blocks and a writer of
-    // acknowledgements.
-    std::size_t ReceivingGateways() const;
     // Adds the receiving gateways (their participants) that acknowledged block `serial`.
     void TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy);
 

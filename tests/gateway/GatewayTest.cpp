@@ -134,22 +134,16 @@ void WriteHeld(const ISubscriberPtr& writer, const std::string& name, const Byte
 }
 
 // Anything else on the DDS domain: publishes samples of the gateway's own type on a route's topic
-// and acknowledgement topic, saying whatever it likes about whose they are; with `reads`, it
-// reads the route's blocks instead of acknowledging them, as a monitoring tool would.
+// and acknowledgement topic, saying whatever it likes about whose they are.
 class HostilePeer {
 public:
-    explicit HostilePeer(const Route& route, bool reads = false) {
+    explicit HostilePeer(const Route& route) {
         participant_ = CreateParticipant(route.domain, 500);
         const RouteEntities entities = CreateRouteEntities(participant_, route);
         QosPtr qos(RouteQos(route)), ackQos(AckQos());
         writer_ = Check(dds_create_writer(entities.publisher, entities.topic, qos.get(), nullptr),
                         "dds_create_writer");
-        if (reads) {
-            reader_ =
-                Check(dds_create_reader(entities.subscriber, entities.topic, qos.get(), nullptr),
-                      "dds_create_reader");
-        }
-        if (route.reliable() && !reads) {
+        if (route.reliable()) {
             ackWriter_ = Check(
                 dds_create_writer(entities.publisher, entities.ackTopic, ackQos.get(), nullptr),
                 "dds_create_writer");
@@ -189,7 +183,6 @@ private:
 
     dds_entity_t participant_ = 0;
     dds_entity_t writer_ = 0;
-    dds_entity_t reader_ = 0;
     dds_entity_t ackWriter_ = 0;
 };
 
@@ -578,24 +571,4 @@ TEST(Gateway, BlockLargerThanTheExistingSlotIsDroppedNotRetriedForever) {
     ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(20))) << receiving.StatusJson();
     EXPECT_EQ(BlocksOf(*collector), std::vector<Bytes>{small});
     EXPECT_EQ(receiving.Status()[0].counters.dropped, 1u);
-}
-
-// A reader of the topic that is not a gateway (it never acknowledges) does not hold the sender
-// back: a block is done once every receiving gateway stored it.
-TEST(GatewayHostile, ForeignReaderDoesNotStallTheSender) {
-    testsupport::ScopedSlotName source("gw_foe_rd_src"), destination("gw_foe_rd_dst");
-    const Link link = MakeLink(source, destination, "reliable", 512, 8, 8);
-    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
-    HostilePeer foe(link.out, true);
-    Gateway receiving(OneRoute(link.in));
-    Gateway sending(OneRoute(link.out));
-    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 2; },
-                           std::chrono::seconds(20)));
-    for (unsigned n = 0; n < 4; ++n) {
-        WriteHeld(writer, source, NumberedBlock(n, 512));
-    }
-    ExpectNumbered(*collector, 4, 512);
 }
