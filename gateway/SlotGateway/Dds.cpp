@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <stdexcept>
-#include <vector>
 
 namespace SlotGateway {
 
@@ -116,35 +115,6 @@ std::optional<Guid> PublicationGuid(dds_entity_t reader, dds_instance_handle_t p
 
 std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication) {
     return PublicationGuid(reader, publication, false);
-}
-
-std::optional<Guid> ParticipantOf(dds_entity_t reader, dds_instance_handle_t publication) {
-    return PublicationGuid(reader, publication, true);
-}
-
-std::set<Guid> ReaderParticipants(dds_entity_t writer) {
-    std::set<Guid> participants;
-    std::vector<dds_instance_handle_t> handles(16);
-    for (;;) {
-        const dds_return_t n =
-            dds_get_matched_subscriptions(writer, handles.data(), handles.size());
-        if (n < 0) {
-            return participants;
-        }
-        if (static_cast<std::size_t>(n) <= handles.size()) {
-            handles.resize(static_cast<std::size_t>(n));
-            break;
-        }
-        handles.resize(static_cast<std::size_t>(n));  // more than room: ask again
-    }
-    for (const dds_instance_handle_t handle : handles) {
-        dds_builtintopic_endpoint_t* endpoint = dds_get_matched_subscription_data(writer, handle);
-        if (endpoint != nullptr) {
-            participants.insert(ToGuid(endpoint->participant_key));
-            dds_builtintopic_free_endpoint(endpoint);
-        }
-    }
-    return participants;
 }
 
 }  // namespace SlotGateway

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
 namespace SlotGateway {
@@ -60,12 +59,8 @@ Matches PublicationMatches(dds_entity_t writer);
 // A DDS entity's network-wide identity. Unlike what a sample says about itself, DDS vouches for it.
 using Guid = std::array<std::uint8_t, 16>;
 
-// The writer that published a sample `reader` received (the sample's publication handle), or
-// that writer's participant; nullopt once DDS no longer knows the writer.
+// The writer that published a sample `reader` received (the sample's publication handle);
+// nullopt once DDS no longer knows the writer.
 std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication);
-std::optional<Guid> ParticipantOf(dds_entity_t reader, dds_instance_handle_t publication);
-
-// The participants of the readers matched by `writer`.
-std::set<Guid> ReaderParticipants(dds_entity_t writer);
 
 }  // namespace SlotGateway

@@ -258,7 +258,7 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
         // restart's successor: the topic keeps no history for late readers) makes the block go
         // out again at once: receivers that have it recognise the serial and only acknowledge
         // it once more.
-        std::set<Guid> storedBy;
+        std::set<std::uint64_t> storedBy;
         bool again = false;
         for (;;) {
             TakeAcks(sample.serial, storedBy);
@@ -287,8 +287,7 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
     }
 }
 
-void ReliableSender::TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy) {
-    std::optional<std::set<Guid>> receivers;  // looked up once an acknowledgement fits
+void ReliableSender::TakeAcks(std::uint64_t serial, std::set<std::uint64_t>& storedBy) {
     for (;;) {
         void* samples[1] = {nullptr};
         dds_sample_info_t info[1];
@@ -298,19 +297,11 @@ void ReliableSender::TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy) {
         }
         if (info[0].valid_data) {
             const auto* ack = static_cast<const SlotGatewayWire_Block*>(samples[0]);
-            // Anyone on the domain can publish an acknowledgement naming any gateway as the one
-            // that stored the block: it counts for the participant DDS names as its writer, and
-            // only when that participant reads this route's blocks.
+            std::uint64_t receiver = 0;
             if (ack->gateway == gatewayId_ && ack->serial == serial &&
-                ack->data._length == sizeof(std::uint64_t)) {
-                const std::optional<Guid> participant =
-                    ParticipantOf(ackReader_, info[0].publication_handle);
-                if (participant && !receivers) {
-                    receivers = ReaderParticipants(writer_);
-                }
-                if (participant && receivers->count(*participant) != 0) {
-                    storedBy.insert(*participant);
-                }
+                ack->data._length == sizeof receiver) {
+                std::memcpy(&receiver, ack->data._buffer, sizeof receiver);
+                storedBy.insert(receiver);
             }
         }
         dds_return_loan(ackReader_, samples, n);

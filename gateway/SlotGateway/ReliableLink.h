@@ -5,7 +5,6 @@
 #pragma once
 
 #include <SlotGateway/Config.h>
-#include <SlotGateway/Dds.h>
 #include <SlotGateway/Internal.h>
 
 #include <Slot/ISlot.h>
@@ -78,8 +77,8 @@ private:
     bool Deliver(const void* data, std::size_t size);
     // Puts the block in hand back at the head of the slot's queue, or drops it (logged).
     void GiveBack();
-    // Adds the receiving gateways (their participants) that acknowledged block `serial`.
-    void TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy);
+    // Adds the receiving gateways that acknowledged block `serial`.
+    void TakeAcks(std::uint64_t serial, std::set<std::uint64_t>& storedBy);
 
     const Route route_;
     const RouteSlotCfg cfg_;

@@ -25,7 +25,6 @@
 #include <unistd.h>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -133,21 +132,16 @@ void WriteHeld(const ISubscriberPtr& writer, const std::string& name, const Byte
     }
 }
 
-// Anything else on the DDS domain: publishes samples of the gateway's own type on a route's topic
-// and acknowledgement topic, saying whatever it likes about whose they are.
+// Anything else on the DDS domain: publishes samples of the gateway's own type on a route's topic,
+// saying whatever it likes about whose they are.
 class HostilePeer {
 public:
     explicit HostilePeer(const Route& route) {
         participant_ = CreateParticipant(route.domain, 500);
         const RouteEntities entities = CreateRouteEntities(participant_, route);
-        QosPtr qos(RouteQos(route)), ackQos(AckQos());
+        QosPtr qos(RouteQos(route));
         writer_ = Check(dds_create_writer(entities.publisher, entities.topic, qos.get(), nullptr),
                         "dds_create_writer");
-        if (route.reliable()) {
-            ackWriter_ = Check(
-                dds_create_writer(entities.publisher, entities.ackTopic, ackQos.get(), nullptr),
-                "dds_create_writer");
-        }
     }
     ~HostilePeer() { dds_delete(participant_); }
     HostilePeer(const HostilePeer&) = delete;
@@ -155,18 +149,7 @@ public:
 
     // A block claiming to be block `serial` of gateway `gateway`, received once this returns.
     void PublishBlock(std::uint64_t gateway, std::uint64_t serial, const Bytes& data) {
-        Publish(writer_, gateway, serial, data);
-    }
-    // An acknowledgement of block `serial` of gateway `gateway`, stored by gateway `receiver`.
-    void PublishAck(std::uint64_t gateway, std::uint64_t serial, std::uint64_t receiver) {
-        Bytes data(sizeof receiver);
-        std::memcpy(data.data(), &receiver, sizeof receiver);
-        Publish(ackWriter_, gateway, serial, data);
-    }
-
-private:
-    static void Publish(dds_entity_t writer, std::uint64_t gateway, std::uint64_t serial,
-                        const Bytes& data) {
+        const dds_entity_t writer = writer_;
         ASSERT_TRUE(Eventually([&] { return PublicationMatches(writer).current >= 1; },
                                std::chrono::seconds(20)));
         Bytes copy = data;
@@ -181,9 +164,9 @@ private:
         ASSERT_EQ(dds_wait_for_acks(writer, DDS_SECS(20)), DDS_RETCODE_OK);
     }
 
+private:
     dds_entity_t participant_ = 0;
     dds_entity_t writer_ = 0;
-    dds_entity_t ackWriter_ = 0;
 };
 
 }  // namespace
@@ -510,45 +493,6 @@ TEST(GatewayHostile, ForeignSerialsDoNotHideTheSendersBlocks) {
     EXPECT_EQ(blocks,
               (std::vector<Bytes>{NumberedBlock(0, 512), forged, forged, NumberedBlock(1, 512),
                                   NumberedBlock(2, 512), NumberedBlock(3, 512)}));
-}
-
-// An acknowledgement from a participant that does not read the route's blocks does not count: the
-// block stays in the sender's hand, and goes back to the head of the slot when no receiver
-// stored it.
-TEST(GatewayHostile, ForeignAcknowledgementDoesNotReleaseTheBlockInHand) {
-    testsupport::ScopedSlotName source("gw_foe_ack_src"), destination("gw_foe_ack_dst");
-    // Nobody reads the destination: it holds block 0 and refuses block 1.
-    const Link link = MakeLink(source, destination, "reliable", 512, 8, 1);
-    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&sourceCfg);
-    boost::shared_ptr<ISlot> destinationSlot = SlotFactory::CreateSlot(&destinationCfg);
-    Config sendingConfig = OneRoute(link.out), receivingConfig = OneRoute(link.in);
-    sendingConfig.stopGraceMs = 300;
-    receivingConfig.stopGraceMs = 200;
-    Gateway sending(sendingConfig);
-    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
-    for (unsigned n = 0; n < 5; ++n) {
-        WriteHeld(writer, source, NumberedBlock(n, 512));
-    }
-    ASSERT_TRUE(Eventually([&] { return receiving->Status()[0].counters.refused >= 1; },
-                           std::chrono::seconds(30)));
-
-    // Block 1 (serial 2), "stored" by the receiving gateway, and by a gateway that is not there.
-    HostilePeer foe(link.out);
-    foe.PublishAck(sending.Id(), 2, receiving->Id());
-    foe.PublishAck(sending.Id(), 2, 42);
-    receiving.reset();  // stops within its grace, block 1 unstored
-    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; },
-                           std::chrono::seconds(30)));
-    sending.Stop();
-    EXPECT_EQ(sending.Status()[0].counters.forwarded, 1u);
-    ASSERT_EQ(slot->GetBufferLength(), 4u);
-    for (unsigned n = 1; n < 5; ++n) {
-        char buffer[512];
-        const size_t size = slot->ReadData(buffer, sizeof buffer);
-        EXPECT_EQ(Bytes(buffer, buffer + size), NumberedBlock(n, 512)) << "block " << n;
-    }
 }
 
 // A destination slot that exists with a smaller maximum size than the route's cannot take a
