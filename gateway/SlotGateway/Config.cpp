@@ -239,7 +239,8 @@ Config ParseConfig(const std::string& text, const std::string& source) {
     json document;
     try {
         document = json::parse(text);
-    } catch (const json::parse_error& e) {
+    } catch (const json::exception& e) {
+        // A syntax error, or a number beyond what a double holds (1e400).
         throw ConfigError(source + ": not valid JSON: " + e.what());
     }
     Place top(source, "top level");

@@ -3,6 +3,7 @@
 
 #include "GatewayBlock.h"
 
+#include <cstring>
 #include <stdexcept>
 
 namespace SlotGateway {
@@ -88,6 +89,32 @@ Matches PublicationMatches(dds_entity_t writer) {
         matches.total = status.total_count;
     }
     return matches;
+}
+
+namespace {
+
+Guid ToGuid(const dds_guid_t& guid) {
+    Guid result;
+    static_assert(sizeof guid.v == sizeof(Guid), "a DDS GUID has 16 bytes");
+    std::memcpy(result.data(), guid.v, result.size());
+    return result;
+}
+
+std::optional<Guid> PublicationGuid(dds_entity_t reader, dds_instance_handle_t publication,
+                                    bool participant) {
+    dds_builtintopic_endpoint_t* endpoint = dds_get_matched_publication_data(reader, publication);
+    if (endpoint == nullptr) {
+        return std::nullopt;
+    }
+    const Guid guid = ToGuid(participant ? endpoint->participant_key : endpoint->key);
+    dds_builtintopic_free_endpoint(endpoint);
+    return guid;
+}
+
+}  // namespace
+
+std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication) {
+    return PublicationGuid(reader, publication, false);
 }
 
 }  // namespace SlotGateway

@@ -6,8 +6,10 @@
 
 #include <dds/dds.h>
 
+#include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace SlotGateway {
@@ -53,5 +55,12 @@ struct Matches {
 
 // The readers matched by `writer` (none when DDS cannot tell).
 Matches PublicationMatches(dds_entity_t writer);
+
+// A DDS entity's network-wide identity. Unlike what a sample says about itself, DDS vouches for it.
+using Guid = std::array<std::uint8_t, 16>;
+
+// The writer that published a sample `reader` received (the sample's publication handle);
+// nullopt once DDS no longer knows the writer.
+std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication);
 
 }  // namespace SlotGateway

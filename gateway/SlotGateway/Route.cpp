@@ -73,10 +73,18 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
             Check(dds_create_writer(publisher, topic, qos.get(), nullptr), "dds_create_writer");
     }
     if (route.receives()) {
-        // A pool's writer copies each received block once, into a loaned block.
-        slotWriter_ = route.isPool()
-                          ? ISubscriberPtr(Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(route)))
-                          : SlotFactory::CreateSlotWriter(&cfg_);
+        // A pool's writer copies each received block once, into a loaned block. The slot or pool
+        // may exist already, made smaller than the route says: its own size is the limit.
+        if (route.isPool()) {
+            boost::shared_ptr<Slot::PoolWriter> pool =
+                Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(route));
+            maxSize_ = std::min<std::size_t>(route.maxSize, pool->maxBlockSize());
+            slotWriter_ = pool;
+        } else {
+            slotWriter_ = SlotFactory::CreateSlotWriter(&cfg_);
+            maxSize_ = std::min<std::size_t>(route.maxSize,
+                                             SlotFactory::CreateSlot(&cfg_)->GetMaxDataSize());
+        }
         if (route.reliable()) {
             QosPtr ackQos(AckQos());
             acknowledger_.reset(new Acknowledger(
@@ -283,8 +291,42 @@ void RouteRunner::Acknowledge(std::uint64_t sender, std::uint64_t serial) {
     }
 }
 
+namespace {
+
+// The last serial stored from each publishing writer. The gateway a sample names is only its
+// claim: a sample naming a sending gateway with a serial far ahead would make that gateway's
+// later blocks look like repetitions. So serials are kept per writer as DDS identifies it, and a
+// gateway id belongs to the first writer seen using it. A writer DDS no longer knows (it left
+// after publishing) counts as the owner of the id it names.
+class ReceivedSerials {
+public:
+    std::uint64_t& LastOf(const std::optional<Guid>& writer, std::uint64_t gateway) {
+        if (writer) {
+            if (owners_.size() < kMaxOwners) {
+                owners_.emplace(gateway, *writer);
+            }
+            return last_[*writer];
+        }
+        const auto owner = owners_.find(gateway);
+        if (owner != owners_.end()) {
+            return last_[owner->second];
+        }
+        Guid unknown{};  // zeros where a DDS GUID names its host and process
+        std::memcpy(unknown.data() + 8, &gateway, sizeof gateway);
+        return last_[unknown];
+    }
+
+private:
+    // A bound against a peer naming a new gateway in every sample; beyond it, ids go unowned.
+    static constexpr std::size_t kMaxOwners = 1024;
+    std::map<std::uint64_t, Guid> owners_;
+    std::map<Guid, std::uint64_t> last_;
+};
+
+}  // namespace
+
 void RouteRunner::ReceiveLoop() {
-    std::map<std::uint64_t, std::uint64_t> lastSequence;  // per publishing gateway
+    ReceivedSerials serials;
     for (;;) {
         const bool stopping = stop_.set;
         // Take everything DDS holds; while stopping this drains what was already received.
@@ -297,7 +339,8 @@ void RouteRunner::ReceiveLoop() {
             }
             if (info[0].valid_data) {
                 const auto* block = static_cast<const SlotGatewayWire_Block*>(samples[0]);
-                std::uint64_t& last = lastSequence[block->gateway];
+                std::uint64_t& last =
+                    serials.LastOf(WriterOf(reader_, info[0].publication_handle), block->gateway);
                 if (block->serial <= last) {
                     ++counters_.duplicates;
                     Acknowledge(block->gateway, block->serial);
@@ -319,11 +362,10 @@ void RouteRunner::ReceiveLoop() {
 }
 
 bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequence) {
-    if (size > route_.maxSize) {
+    if (size > maxSize_) {
         ++counters_.dropped;
-        LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name
-                                         << "' dropped: " << size
-                                         << " bytes, the slot takes at most " << route_.maxSize);
+        LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name << "' dropped: "
+                                         << size << " bytes, the slot takes at most " << maxSize_);
         return true;
     }
     std::chrono::milliseconds backoff(1);

@@ -118,6 +118,7 @@ private:
     std::unique_ptr<Acknowledger> acknowledger_;  // receiving reliable route: "stored" to the
                                                   // senders
     ISubscriberPtr slotWriter_;                   // used by the receiving thread only
+    std::size_t maxSize_ = 0;                     // the largest block slotWriter_ takes
     std::thread receiver_;
 
     mutable std::mutex slotReaderMutex_;

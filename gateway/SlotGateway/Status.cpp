@@ -4,8 +4,10 @@
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iomanip>
@@ -48,12 +50,18 @@ std::string StatusDocument(const std::string& gatewayName, std::uint64_t gateway
 }
 
 std::string WriteFileAtomically(const std::string& path, const std::string& text) {
-    const std::string temporary = path + ".tmp." + std::to_string(getpid());
-    unlink(temporary.c_str());  // a leftover of an earlier run with this pid
-    const int fd =
-        open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return temporary + ": " + std::strerror(errno);
+    // A new file of a name nobody has (O_EXCL: no symlink followed), so that nothing someone
+    // else keeps in a shared folder is removed or written.
+    std::string name = path + ".tmp.XXXXXX";
+    const int fd = mkostemp(&name[0], O_CLOEXEC);
+    const std::string temporary = name;
+    if (fd < 0 || fchmod(fd, 0644) != 0) {
+        const std::string error = temporary + ": " + std::strerror(errno);
+        if (fd >= 0) {
+            close(fd);
+            unlink(temporary.c_str());
+        }
+        return error;
     }
     std::size_t done = 0;
     while (done < text.size()) {

@@ -36,8 +36,8 @@ struct RouteStatus {
 std::string StatusDocument(const std::string& gatewayName, std::uint64_t gatewayId, bool stopped,
                            const std::vector<RouteStatus>& routes);
 
-// Writes `text` to `path` atomically (a temporary file beside it, then rename); never follows a
-// symlink at the temporary name. Returns "" or the error.
+// Writes `text` to `path` atomically (a new temporary file beside it, then rename); never follows
+// a symlink, nor touches a file it did not create. Returns "" or the error.
 std::string WriteFileAtomically(const std::string& path, const std::string& text);
 
 // A status document (StatusJson) as a table, for `slot-gateway --status`.

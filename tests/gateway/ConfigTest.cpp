@@ -107,6 +107,7 @@ TEST(GatewayConfig, ErrorsNameFileEntryAndField) {
         {topic("x/ack"), field + "\"topic\": topic names ending in \"/ack\" are the gateway's own"},
         {R"({"slots": [7]})", "gw.json: slots[0]: must be an object, not number"},
         {R"({"slots": )", "gw.json: not valid JSON: ..."},
+        {OneSlot(R"("max_size": 1e400)"), "gw.json: not valid JSON: ..."},
         // Names, types and directions.
         {R"({"slots": [{"name": "a/b", "type": "reliable", "direction": "both", "topic": "t"}]})",
          "gw.json: slots[0] (\"a/b\"): field \"name\": the slot name contains '/'"},

@@ -4,8 +4,11 @@
 // killed, blocks held while none is matched, and a stop on SIGTERM are two_hosts.sh's cases.
 #include "NumberedBlock.h"
 
+#include <SlotGateway/Dds.h>
 #include <SlotGateway/Gateway.h>
 #include <SlotGateway/Status.h>
+
+#include "GatewayBlock.h"
 
 #include "../Slot/PoolTestSupport.h"
 
@@ -128,6 +131,43 @@ void WriteHeld(const ISubscriberPtr& writer, const std::string& name, const Byte
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
+
+// Anything else on the DDS domain: publishes samples of the gateway's own type on a route's topic,
+// saying whatever it likes about whose they are.
+class HostilePeer {
+public:
+    explicit HostilePeer(const Route& route) {
+        participant_ = CreateParticipant(route.domain, 500);
+        const RouteEntities entities = CreateRouteEntities(participant_, route);
+        QosPtr qos(RouteQos(route));
+        writer_ = Check(dds_create_writer(entities.publisher, entities.topic, qos.get(), nullptr),
+                        "dds_create_writer");
+    }
+    ~HostilePeer() { dds_delete(participant_); }
+    HostilePeer(const HostilePeer&) = delete;
+    HostilePeer& operator=(const HostilePeer&) = delete;
+
+    // A block claiming to be block `serial` of gateway `gateway`, received once this returns.
+    void PublishBlock(std::uint64_t gateway, std::uint64_t serial, const Bytes& data) {
+        const dds_entity_t writer = writer_;
+        ASSERT_TRUE(Eventually([&] { return PublicationMatches(writer).current >= 1; },
+                               std::chrono::seconds(20)));
+        Bytes copy = data;
+        SlotGatewayWire_Block sample;
+        sample.gateway = gateway;
+        sample.serial = serial;
+        sample.data._maximum = static_cast<uint32_t>(copy.size());
+        sample.data._length = static_cast<uint32_t>(copy.size());
+        sample.data._buffer = copy.empty() ? nullptr : copy.data();
+        sample.data._release = false;
+        ASSERT_EQ(dds_write(writer, &sample), DDS_RETCODE_OK);
+        ASSERT_EQ(dds_wait_for_acks(writer, DDS_SECS(20)), DDS_RETCODE_OK);
+    }
+
+private:
+    dds_entity_t participant_ = 0;
+    dds_entity_t writer_ = 0;
+};
 
 }  // namespace
 
@@ -294,6 +334,16 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     EXPECT_EQ(WriteFileAtomically(config.statusFile, "{}"), "");
     EXPECT_NE(access(target.c_str(), F_OK), 0);
     std::remove(config.statusFile.c_str());
+    std::remove(link.c_str());
+    // Nor is a file someone else has at that name removed or written.
+    { std::ofstream(link) << "theirs"; }
+    EXPECT_EQ(WriteFileAtomically(config.statusFile, "{}"), "");
+    std::ifstream theirs(link);
+    std::stringstream kept;
+    kept << theirs.rdbuf();
+    EXPECT_EQ(kept.str(), "theirs");
+    std::remove(link.c_str());
+    std::remove(config.statusFile.c_str());
 }
 
 // A block in hand when the receiver went away, unstored, goes back to the head of the slot
@@ -410,4 +460,59 @@ TEST(Gateway, QueuePoolKeepsItsBlocksWhileNoReceiverIsMatched) {
     receiving.reset(new Gateway(OneRoute(in)));
     ExpectNumbered(*collector, 6, 1024);
     EXPECT_EQ(sending.Status()[0].counters.dropped, 0u);
+}
+
+// Samples from others on the domain that name a real sending gateway cannot make the receiving
+// gateway take that gateway's later blocks for repetitions, whatever serial they carry.
+TEST(GatewayHostile, ForeignSerialsDoNotHideTheSendersBlocks) {
+    testsupport::ScopedSlotName source("gw_foe_src"), destination("gw_foe_dst");
+    const Link link = MakeLink(source, destination, "reliable", 512, 8, 8);
+    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
+    WriteHeld(writer, source, NumberedBlock(0, 512));
+    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(30)));
+
+    // Far ahead, and at the end of the serials' range.
+    HostilePeer foe(link.out);
+    const Bytes forged = {'f', 'o', 'e'};
+    foe.PublishBlock(sending.Id(), (std::uint64_t(1) << 63) + 1, forged);
+    foe.PublishBlock(sending.Id(), UINT64_MAX, forged);
+    ASSERT_TRUE(collector->WaitFor(3, std::chrono::seconds(30)));
+    for (unsigned n = 1; n <= 3; ++n) {
+        WriteHeld(writer, source, NumberedBlock(n, 512));
+    }
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].counters.forwarded == 4; },
+                           std::chrono::seconds(30)));
+    ASSERT_TRUE(collector->WaitFor(6, std::chrono::seconds(10)))
+        << collector->Count() << " blocks stored; " << receiving.StatusJson();
+    const std::vector<Bytes> blocks = BlocksOf(*collector);
+    EXPECT_EQ(blocks,
+              (std::vector<Bytes>{NumberedBlock(0, 512), forged, forged, NumberedBlock(1, 512),
+                                  NumberedBlock(2, 512), NumberedBlock(3, 512)}));
+}
+
+// A destination slot that exists with a smaller maximum size than the route's cannot take a
+// larger block, ever: it is dropped, and the blocks behind it arrive.
+TEST(Gateway, BlockLargerThanTheExistingSlotIsDroppedNotRetriedForever) {
+    testsupport::ScopedSlotName source("gw_big_src"), destination("gw_small_dst");
+    const Link link = MakeLink(source, destination, "reliable", 512, 8, 8);
+    Route smaller = link.in;
+    smaller.maxSize = 64;
+    RouteSlotCfg sourceCfg(link.out), smallerCfg(smaller);
+    boost::shared_ptr<ISlot> existing = SlotFactory::CreateSlot(&smallerCfg);
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&smallerCfg, collector);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
+    const Bytes large(100, 'L'), small(10, 's');
+    WriteHeld(writer, source, large);
+    WriteHeld(writer, source, small);
+    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(20))) << receiving.StatusJson();
+    EXPECT_EQ(BlocksOf(*collector), std::vector<Bytes>{small});
+    EXPECT_EQ(receiving.Status()[0].counters.dropped, 1u);
 }
