@@ -2,7 +2,7 @@
 #include <SlotGateway/Dds.h>
 #include <SlotGateway/ReliableLink.h>
 
-#include "GatewayBlock.h"
+#include <SlotGateway/Wire.h>
 
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
 #include <Slot/PoolFactory.h>
@@ -209,14 +209,8 @@ bool ReliableSender::Take() {
 }
 
 bool ReliableSender::Deliver(const void* data, std::size_t size) {
-    SlotGatewayWire_Block sample;
-    sample.gateway = gatewayId_;
-    sample.serial = heldSerial_;
-    sample.data._maximum = static_cast<uint32_t>(size);
-    sample.data._length = static_cast<uint32_t>(size);
     // Only read: DDS serialises the sample, a pool's block stays as published.
-    sample.data._buffer = size != 0 ? static_cast<uint8_t*>(const_cast<void*>(data)) : nullptr;
-    sample.data._release = false;
+    SlotGatewayWire_Block sample = WireSample(gatewayId_, heldSerial_, data, size);
 
     bool graceStarted = false;
     Clock::time_point deadline;
@@ -351,14 +345,8 @@ Acknowledger::Acknowledger(const std::string& slotName, std::uint64_t gatewayId,
     : slotName_(slotName), gatewayId_(gatewayId), ackWriter_(ackWriter) {}
 
 void Acknowledger::Acknowledge(std::uint64_t sender, std::uint64_t serial) {
-    std::uint64_t self = gatewayId_;
-    SlotGatewayWire_Block ack;
-    ack.gateway = sender;
-    ack.serial = serial;
-    ack.data._maximum = sizeof self;
-    ack.data._length = sizeof self;
-    ack.data._buffer = reinterpret_cast<uint8_t*>(&self);
-    ack.data._release = false;
+    const std::uint64_t self = gatewayId_;
+    SlotGatewayWire_Block ack = WireSample(sender, serial, &self, sizeof self);
     const dds_return_t rc = dds_write(ackWriter_, &ack);
     if (rc != DDS_RETCODE_OK) {
         LOG4CXX_WARN(Logger(), "Acknowledgement of block " << serial << " of '" << slotName_

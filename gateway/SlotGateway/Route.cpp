@@ -3,7 +3,7 @@
 #include <SlotGateway/ReliableLink.h>
 #include <SlotGateway/Route.h>
 
-#include "GatewayBlock.h"
+#include <SlotGateway/Wire.h>
 
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
@@ -151,13 +151,8 @@ void RouteRunner::RepeatStateForNewReaders() {
     repeats_.pop_front();
     std::lock_guard<std::mutex> guard(stateMutex_);
     if (haveState_) {
-        SlotGatewayWire_Block sample;
-        sample.gateway = gatewayId_;
-        sample.serial = stateSerial_;
-        sample.data._maximum = static_cast<uint32_t>(state_.size());
-        sample.data._length = static_cast<uint32_t>(state_.size());
-        sample.data._buffer = state_.empty() ? nullptr : state_.data();
-        sample.data._release = false;
+        SlotGatewayWire_Block sample =
+            WireSample(gatewayId_, stateSerial_, state_.data(), state_.size());
         dds_write(writer_, &sample);
     }
 }
@@ -268,13 +263,7 @@ void RouteRunner::Send(const void* data, std::size_t size) {
     state_.assign(bytes, bytes + size);
     haveState_ = true;
     stateSerial_ = ++sequence_;
-    SlotGatewayWire_Block sample;
-    sample.gateway = gatewayId_;
-    sample.serial = stateSerial_;
-    sample.data._maximum = static_cast<uint32_t>(size);
-    sample.data._length = static_cast<uint32_t>(size);
-    sample.data._buffer = size != 0 ? state_.data() : nullptr;
-    sample.data._release = false;
+    SlotGatewayWire_Block sample = WireSample(gatewayId_, stateSerial_, state_.data(), size);
     const dds_return_t rc = dds_write(writer_, &sample);
     if (rc == DDS_RETCODE_OK) {
         ++counters_.forwarded;

@@ -8,7 +8,7 @@
 #include <SlotGateway/Gateway.h>
 #include <SlotGateway/Status.h>
 
-#include "GatewayBlock.h"
+#include <SlotGateway/Wire.h>
 
 #include "../Slot/PoolTestSupport.h"
 
@@ -152,14 +152,7 @@ public:
         const dds_entity_t writer = writer_;
         ASSERT_TRUE(Eventually([&] { return PublicationMatches(writer).current >= 1; },
                                std::chrono::seconds(20)));
-        Bytes copy = data;
-        SlotGatewayWire_Block sample;
-        sample.gateway = gateway;
-        sample.serial = serial;
-        sample.data._maximum = static_cast<uint32_t>(copy.size());
-        sample.data._length = static_cast<uint32_t>(copy.size());
-        sample.data._buffer = copy.empty() ? nullptr : copy.data();
-        sample.data._release = false;
+        SlotGatewayWire_Block sample = WireSample(gateway, serial, data.data(), data.size());
         ASSERT_EQ(dds_write(writer, &sample), DDS_RETCODE_OK);
         ASSERT_EQ(dds_wait_for_acks(writer, DDS_SECS(20)), DDS_RETCODE_OK);
     }

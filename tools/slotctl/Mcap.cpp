@@ -541,32 +541,22 @@ bool Unzstd(const char* data, size_t size, std::uint64_t expected, std::string& 
         out.append(block.data(), n);
     };
     try {
-        while (ok && in.pos < in.size) {
+        // Until the input is used up and the decompressor holds no more output.
+        while (ok && (in.pos < in.size || last != 0)) {
+            const bool draining = in.pos >= in.size;
             ZSTD_outBuffer o{&block[0], block.size(), 0};
             last = ZSTD_decompressStream(stream, &o, &in);
-            if (ZSTD_isError(last)) {
-                problem = std::string("a chunk does not unpack: ") + ZSTD_getErrorName(last);
-                ok = false;
-            } else if (out.size() + o.pos > expected) {
-                problem = "a chunk unpacks to more than its declared size";
-                ok = false;
-            } else {
-                append(o.pos);
-            }
-        }
-        // Output the decompressor still holds.
-        while (ok && last != 0) {
-            ZSTD_outBuffer o{&block[0], block.size(), 0};
-            last = ZSTD_decompressStream(stream, &o, &in);
-            if (ZSTD_isError(last) || o.pos == 0) {
+            if (draining && (ZSTD_isError(last) || o.pos == 0)) {
                 problem = "a chunk's compressed data ends early";
-                ok = false;
+            } else if (ZSTD_isError(last)) {
+                problem = std::string("a chunk does not unpack: ") + ZSTD_getErrorName(last);
             } else if (out.size() + o.pos > expected) {
                 problem = "a chunk unpacks to more than its declared size";
-                ok = false;
             } else {
                 append(o.pos);
+                continue;
             }
+            ok = false;
         }
     } catch (const std::bad_alloc&) {
         problem = "a chunk of " + std::to_string(expected) + " bytes does not fit in memory";
