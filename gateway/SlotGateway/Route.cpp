@@ -286,10 +286,22 @@ namespace {
 // claim: a sample naming a sending gateway with a serial far ahead would make that gateway's
 // later blocks look like repetitions. So serials are kept per writer as DDS identifies it, and a
 // gateway id belongs to the first writer seen using it. A writer DDS no longer knows (it left
-// after publishing) counts as the owner of the id it names.
+// after publishing) counts as the owner of the id it names. A writer's identity is asked of DDS
+// once per publication, not for every sample (the answer is a copy of its whole description).
 class ReceivedSerials {
 public:
-    std::uint64_t& LastOf(const std::optional<Guid>& writer, std::uint64_t gateway) {
+    std::uint64_t& LastOf(dds_entity_t reader, dds_instance_handle_t publication,
+                          std::uint64_t gateway) {
+        std::optional<Guid> writer;
+        const auto known = writers_.find(publication);
+        if (known != writers_.end()) {
+            writer = known->second;
+        } else {
+            writer = WriterOf(reader, publication);
+            if (writer && writers_.size() < kMaxOwners) {
+                writers_.emplace(publication, *writer);
+            }
+        }
         if (writer) {
             if (owners_.size() < kMaxOwners) {
                 owners_.emplace(gateway, *writer);
@@ -309,6 +321,7 @@ private:
     // A bound against a peer naming a new gateway in every sample; beyond it, ids go unowned.
     static constexpr std::size_t kMaxOwners = 1024;
     std::map<std::uint64_t, Guid> owners_;
+    std::map<dds_instance_handle_t, Guid> writers_;
     std::map<Guid, std::uint64_t> last_;
 };
 
@@ -329,7 +342,7 @@ void RouteRunner::ReceiveLoop() {
             if (info[0].valid_data) {
                 const auto* block = static_cast<const SlotGatewayWire_Block*>(samples[0]);
                 std::uint64_t& last =
-                    serials.LastOf(WriterOf(reader_, info[0].publication_handle), block->gateway);
+                    serials.LastOf(reader_, info[0].publication_handle, block->gateway);
                 if (block->serial <= last) {
                     ++counters_.duplicates;
                     Acknowledge(block->gateway, block->serial);
