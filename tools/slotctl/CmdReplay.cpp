@@ -42,6 +42,79 @@ boost::posix_time::ptime TimeOf(std::uint64_t ns) {
            boost::posix_time::microseconds(static_cast<long>((ns % 1000000000) / 1000));
 }
 
+// A paced replay says so when the next block is this far off, so that a quiet replay is not
+// taken for a hung one.
+constexpr std::int64_t kAnnouncedWaitMs = 10000;
+
+// A wait in the largest two units that fit: "45 s", "2 min 5 s", "3 h 20 min", "12 days 4 h".
+std::string WaitText(std::int64_t ms) {
+    const std::int64_t seconds = (ms + 999) / 1000;
+    const std::pair<const char*, std::int64_t> units[] = {
+        {" days", 86400}, {" h", 3600}, {" min", 60}, {" s", 1}};
+    std::ostringstream out;
+    for (std::size_t i = 0; i < 3; ++i) {
+        if (seconds >= units[i].second) {
+            out << seconds / units[i].second << units[i].first;
+            const std::int64_t rest = seconds % units[i].second / units[i + 1].second;
+            if (rest != 0) {
+                out << " " << rest << units[i + 1].first;
+            }
+            return out.str();
+        }
+    }
+    out << seconds << " s";
+    return out.str();
+}
+
+// Holds a recording's pace: each block waits until its log time, counted from the first
+// block's, divided by the rate, has passed.
+class Pacer {
+public:
+    Pacer(double rate, const std::string& file) : rate_(rate), file_(file) {}
+
+    // False when Ctrl-C or a termination signal ended the wait.
+    bool WaitFor(std::uint64_t logTime) {
+        if (!started_) {
+            started_ = true;
+            firstLog_ = logTime;
+            start_ = std::chrono::steady_clock::now();
+            return true;
+        }
+        if (logTime <= firstLog_) {
+            return true;
+        }
+        // In double milliseconds: a wild log time (2^64 ns at the slowest rate is 1.8e16 ms)
+        // stays within range.
+        const double dueNs = static_cast<double>(logTime - firstLog_) / rate_;
+        const double elapsedNs =
+            static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                    std::chrono::steady_clock::now() - start_)
+                                    .count());
+        const std::int64_t waitMs = static_cast<std::int64_t>((dueNs - elapsedNs) / 1e6);
+        if (waitMs >= kAnnouncedWaitMs) {
+            std::cerr << "slotctl: the next block of " << Quote(file_) << " is due in "
+                      << WaitText(waitMs)
+                      << " as recorded; waiting (Ctrl-C stops, --max replays without pauses)"
+                      << std::endl;
+        }
+        // A wait beyond what one poll takes goes on in slices.
+        for (std::int64_t left = waitMs; left > 0; left -= INT_MAX) {
+            const int slice = static_cast<int>(std::min<std::int64_t>(left, INT_MAX));
+            if (WaitReadableOrStop(-1, slice) == WaitResult::Stopped) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+private:
+    double rate_;
+    std::string file_;
+    bool started_ = false;
+    std::uint64_t firstLog_ = 0;
+    std::chrono::steady_clock::time_point start_;
+};
+
 // Reads a recording, turning a file that cannot be opened into a command error.
 mcap::ReadResult ReadFile(
     const std::string& path,
@@ -443,32 +516,14 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
     do {
         passBlocks = 0;
         for (const std::string& file : arguments.Operands()) {
-            bool paced = false;
-            std::uint64_t firstLog = 0;
-            std::chrono::steady_clock::time_point started;
+            Pacer pacer(rate, file);
             const mcap::ReadResult result =
                 ReadFile(file, [&](const mcap::Message& message, const mcap::Channel& channel) {
                     if (!topics.empty() && topics.count(channel.topic) == 0) {
                         return true;
                     }
-                    if (!max) {
-                        if (!paced) {
-                            paced = true;
-                            firstLog = message.logTime;
-                            started = std::chrono::steady_clock::now();
-                        } else if (message.logTime > firstLog) {
-                            const auto due =
-                                started + std::chrono::nanoseconds(static_cast<std::int64_t>(
-                                              (message.logTime - firstLog) / rate));
-                            const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                due - std::chrono::steady_clock::now());
-                            if (wait.count() > 0 &&
-                                WaitReadableOrStop(-1, static_cast<int>(std::min<std::int64_t>(
-                                                           wait.count(), INT_MAX))) ==
-                                    WaitResult::Stopped) {
-                                stopped = true;
-                            }
-                        }
+                    if (!max && !pacer.WaitFor(message.logTime)) {
+                        stopped = true;
                     }
                     if (stopping()) {
                         return false;

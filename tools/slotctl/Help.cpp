@@ -283,7 +283,8 @@ only a pool, nor a pool's into a slot. A block refused (a full reliable slot or 
 pool without a free block) is retried until stored, and counted; nothing is dropped silently.
 The end prints blocks and retries per slot or pool.
   --map OLD=NEW      replay channel OLD into slot or pool NEW (may be repeated)
-  --rate X           X times the recorded pace (default 1: as recorded)
+  --rate X           X times the recorded pace (default 1: as recorded); a wait of 10 s or
+                     more for the next block is announced with how long it is
   --max              as fast as the slots accept
   --loop             start again at the end, until Ctrl-C
   --topics A,B       only these channels
