@@ -98,7 +98,7 @@ struct Fd {
 std::atomic<unsigned> temporaryCounter{0};
 
 // Removes temporaries left by creators that died before renaming their pool into place. A
-// creator holds a lock on byte 0 of its temporary (its pid may be another pid namespace's): one
+// creator holds a lock on its temporary (its pid may be another pid namespace's): one
 // without it is stale. One removed between its creation and its lock is made again.
 void RemoveStaleTemporaries(int folderFd) {
     const int dirFd = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -120,7 +120,7 @@ void RemoveStaleTemporaries(int folderFd) {
         Fd fd(::openat(dirfd(dir), file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         struct stat st;
         if (fd.fd >= 0 && ::fstat(fd.fd, &st) == 0 && S_ISREG(st.st_mode) &&
-            !PoolByteLocked(fd.fd, 0)) {
+            !PoolByteLocked(fd.fd, PoolCreatorLockByte)) {
             stale.push_back(file);
         }
     }
@@ -144,7 +144,7 @@ bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& 
     if (fd.fd < 0) {
         Refuse(config.name, "cannot create " + PoolPath(temporary) + ": " + Errno(errno));
     }
-    TryLockByte(fd.fd, 0);
+    TryLockByte(fd.fd, PoolCreatorLockByte);
     auto discard = [&] { ::unlinkat(folderFd, temporary.c_str(), 0); };
     // Readers write their holder bits: every user that may open the folder may attach.
     ::fchmod(fd.fd, 0666);

@@ -153,6 +153,8 @@ inline std::uint64_t PoolOwnerLockByte(unsigned index) {
 inline std::uint64_t PoolReaperLockByte(unsigned index) {
     return MaxPoolAttachments + index;
 }
+// A creator holds the lock on this byte of its temporary file until it is renamed into place.
+constexpr std::uint64_t PoolCreatorLockByte = 2 * MaxPoolAttachments;
 
 // A pid namespace: the device and inode of /proc/<pid>/ns/pid. Unknown (never equal to any)
 // when the inode is 0.

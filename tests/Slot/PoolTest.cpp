@@ -579,6 +579,7 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     ASSERT_GE(fd, 0);
     struct flock lock {};
     lock.l_type = F_WRLCK;
+    lock.l_start = static_cast<off_t>(Slot::PoolCreatorLockByte);
     lock.l_len = 1;
     ASSERT_EQ(0, ::fcntl(fd, F_OFD_SETLK, &lock));
     ScopedPool second;
