@@ -33,7 +33,6 @@ namespace {
 
 constexpr std::uint64_t PidMask = 0xffffffffull;
 constexpr unsigned ReaperShift = 32;
-constexpr std::uint64_t ReaperMask = 0x3fffffffull;
 // How long a reaper waits for the writers' mutex (a live writer holds it for a few stores).
 constexpr long ReapLockSeconds = 2;
 
@@ -68,6 +67,11 @@ int LockOneByte(int fd, short type, std::uint64_t byte) {
 
 bool TryLockByte(int fd, std::uint64_t byte) {
     return LockOneByte(fd, F_WRLCK, byte) == 0;
+}
+
+// Whether LockOneByte's error means that another description holds the lock.
+bool HeldElsewhere(int error) {
+    return error == EAGAIN || error == EACCES;
 }
 
 void UnlockByte(int fd, std::uint64_t byte) {
@@ -522,8 +526,15 @@ unsigned PoolSegment::Attach(int& lockFd) {
     for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
         // The lock comes before the entry: an entry in use without its owner's lock is one
         // whose owner died, also when it died before writing its namespace.
-        if (attachments_[i].word.load() != 0 || !TryLockByte(fd.fd, PoolOwnerLockByte(i))) {
+        if (attachments_[i].word.load() != 0) {
             continue;
+        }
+        const int error = LockOneByte(fd.fd, F_WRLCK, PoolOwnerLockByte(i));
+        if (HeldElsewhere(error)) {
+            continue;
+        }
+        if (error != 0) {
+            Refuse(name_, "cannot lock its attachment entry: " + Errno(error));
         }
         std::uint64_t expected = 0;
         if (attachments_[i].word.compare_exchange_strong(expected, Word(me))) {
