@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // Micro costs of the pieces a slot block passes through, measured with Google Benchmark in one
 // process: copies, the reader's block check, the per-read allocations, the locks and clocks
-// taken per block, and one write+read through a reliable slot and through its bare queue
-// without any wake-up. They explain the multi-process figures of slotbench; they are not a
-// substitute for them.
+// taken per block, one write+read through a reliable slot and through its bare queue
+// without any wake-up, and a pool's loan+publish and hand-over to a reader thread. They explain the
+// multi-process figures of slotbench; they are not a substitute for them.
 //
 //   slot_microbench [--md=FILE] [--tag=PREFIX] [Google Benchmark flags]
 #include "../src/BenchUtil.h"
 
 #include <Slot/ISlotConfiguration.h>
+#include <Slot/PoolFactory.h>
+#include <Slot/PoolWriter.h>
 #include <Slot/SlotFactory.h>
 #include <shared/ILockable.h>
 #include <shared/ISyncEvent.h>
@@ -23,13 +25,16 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <boost/interprocess/sync/interprocess_mutex.hpp>
+#include <boost/make_shared.hpp>
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -160,6 +165,62 @@ void BM_BoostQueueSendReceive(benchmark::State& state) {
     Queue::remove(name.c_str());
 }
 BENCHMARK(BM_BoostQueueSendReceive)->Arg(64)->Arg(4096)->Arg(65536);
+
+// Removes the pool whatever happens to the benchmark.
+struct PoolRemover {
+    std::string name;
+    ~PoolRemover() { Slot::PoolFactory::RemovePool(name); }
+};
+
+// A writer's loan and publish into a "latest" pool that nobody reads: what a block costs the
+// writer when nothing waits for it.
+void BM_PoolLoanPublish(benchmark::State& state) {
+    const size_t size = static_cast<size_t>(state.range(0));
+    const std::string name = Tag() + "_pool" + std::to_string(size);
+    PoolRemover remover{name};
+    auto writer = Slot::PoolFactory::CreatePoolWriter(Slot::PoolConfig{name, "latest", size, 4});
+    for (auto _ : state) {
+        Slot::PoolLoan loan = writer->loan(size);
+        static_cast<unsigned char*>(loan.data())[0] = 1;
+        benchmark::DoNotOptimize(loan.publish(size));
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));
+}
+BENCHMARK(BM_PoolLoanPublish)->Arg(64)->Arg(65536);
+
+// Counts deliveries.
+class CountingSubscriber : public shared::ISubscriber {
+public:
+    void onNotify(const std::string&, const void*, size_t) override {
+        delivered.fetch_add(1, std::memory_order_release);
+    }
+    std::atomic<std::uint64_t> delivered{0};
+};
+
+// One block through a "queue" pool: loan, publish, and its delivery on the reader's thread
+// (the writer waits for it before the next block), so the reader sleeps and is woken each time.
+void BM_PoolQueueHandOver(benchmark::State& state) {
+    const size_t size = static_cast<size_t>(state.range(0));
+    const std::string name = Tag() + "_poolq" + std::to_string(size);
+    PoolRemover remover{name};
+    const Slot::PoolConfig config{name, "queue", size, 4};
+    auto writer = Slot::PoolFactory::CreatePoolWriter(config);
+    auto counter = boost::make_shared<CountingSubscriber>();
+    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(config, counter);
+    std::uint64_t sent = 0;
+    for (auto _ : state) {
+        Slot::PoolLoan loan = writer->loan(size);
+        static_cast<unsigned char*>(loan.data())[0] = 1;
+        benchmark::DoNotOptimize(loan.publish(size));
+        ++sent;
+        while (counter->delivered.load(std::memory_order_acquire) != sent) {
+            std::this_thread::yield();
+        }
+    }
+    reader.reset();
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));
+}
+BENCHMARK(BM_PoolQueueHandOver)->Arg(64)->Arg(65536);
 
 // Console output as usual, plus a Markdown table of the same runs.
 class MarkdownReporter : public benchmark::ConsoleReporter {

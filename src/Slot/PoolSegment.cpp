@@ -33,7 +33,6 @@ namespace {
 
 constexpr std::uint64_t PidMask = 0xffffffffull;
 constexpr unsigned ReaperShift = 32;
-constexpr std::uint64_t ReaperMask = 0x3fffffffull;
 // How long a reaper waits for the writers' mutex (a live writer holds it for a few stores).
 constexpr long ReapLockSeconds = 2;
 
@@ -51,6 +50,32 @@ bool MulOverflows(std::uint64_t a, std::uint64_t b, std::uint64_t& out) {
 
 std::string Errno(int error) {
     return std::strerror(error);
+}
+
+// Open-file-description locks on one byte: they belong to the descriptor's open file
+// description, so another description of the same process conflicts with them, closing other
+// descriptors does not drop them, and the kernel drops them when the last descriptor of the
+// description closes (its process died).
+int LockOneByte(int fd, short type, std::uint64_t byte) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = static_cast<off_t>(byte);
+    lock.l_len = 1;
+    return ::fcntl(fd, F_OFD_SETLK, &lock) == 0 ? 0 : errno;
+}
+
+bool TryLockByte(int fd, std::uint64_t byte) {
+    return LockOneByte(fd, F_WRLCK, byte) == 0;
+}
+
+// Whether LockOneByte's error means that another description holds the lock.
+bool HeldElsewhere(int error) {
+    return error == EAGAIN || error == EACCES;
+}
+
+void UnlockByte(int fd, std::uint64_t byte) {
+    LockOneByte(fd, F_UNLCK, byte);
 }
 
 [[noreturn]] void Refuse(const std::string& name, const std::string& why) {
@@ -76,7 +101,9 @@ struct Fd {
 
 std::atomic<unsigned> temporaryCounter{0};
 
-// Removes temporaries left by creators that died before renaming their pool into place.
+// Removes temporaries left by creators that died before renaming their pool into place. A
+// creator holds a lock on its temporary (its pid may be another pid namespace's): one
+// without it is stale. One removed between its creation and its lock is made again.
 void RemoveStaleTemporaries(int folderFd) {
     const int dirFd = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dirFd < 0) {
@@ -94,8 +121,10 @@ void RemoveStaleTemporaries(int folderFd) {
         if (file.compare(0, prefix.size(), prefix) != 0) {
             continue;
         }
-        const long pid = std::strtol(file.c_str() + prefix.size(), nullptr, 10);
-        if (pid > 0 && !PoolProcessAlive(static_cast<pid_t>(pid), 0)) {
+        Fd fd(::openat(dirfd(dir), file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        struct stat st;
+        if (fd.fd >= 0 && ::fstat(fd.fd, &st) == 0 && S_ISREG(st.st_mode) &&
+            !PoolByteLocked(fd.fd, PoolCreatorLockByte)) {
             stale.push_back(file);
         }
     }
@@ -113,9 +142,13 @@ bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& 
                                   std::to_string(temporaryCounter.fetch_add(1));
     Fd fd(::openat(folderFd, temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                    0600));
+    if (fd.fd < 0 && errno == EEXIST) {
+        return false;  // a creator of another pid namespace with the same pid: made again
+    }
     if (fd.fd < 0) {
         Refuse(config.name, "cannot create " + PoolPath(temporary) + ": " + Errno(errno));
     }
+    TryLockByte(fd.fd, PoolCreatorLockByte);
     auto discard = [&] { ::unlinkat(folderFd, temporary.c_str(), 0); };
     // Readers write their holder bits: every user that may open the folder may attach.
     ::fchmod(fd.fd, 0666);
@@ -157,7 +190,9 @@ bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& 
         0) {
         const int error = errno;
         discard();
-        if (error == EEXIST) {
+        // EEXIST: another process's pool won the name; ENOENT: the temporary was taken for a
+        // dead creator's before its lock was taken.
+        if (error == EEXIST || error == ENOENT) {
             return false;
         }
         Refuse(config.name, "cannot rename it into place: " + Errno(error));
@@ -313,6 +348,28 @@ std::uint64_t StartTimeOf(const std::string& text) {
 
 }  // namespace
 
+PidNamespace OwnPidNamespace() {
+    PidNamespace ns;
+    struct stat st;
+    if (::stat("/proc/self/ns/pid", &st) == 0) {
+        ns.device = static_cast<std::uint64_t>(st.st_dev);
+        ns.inode = static_cast<std::uint64_t>(st.st_ino);
+    }
+    return ns;
+}
+
+bool PoolByteLocked(int fd, std::uint64_t byte) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = static_cast<off_t>(byte);
+    lock.l_len = 1;
+    if (::fcntl(fd, F_OFD_GETLK, &lock) != 0) {
+        return true;
+    }
+    return lock.l_type != F_UNLCK;
+}
+
 std::uint64_t PoolProcessStartTime(pid_t pid) {
     std::string text;
     return ReadProcStat(pid, text) ? StartTimeOf(text) : 0;
@@ -342,9 +399,10 @@ bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
     return startTime == 0 || started == 0 || started == startTime;
 }
 
-PoolSegment::PoolSegment(const std::string& name, void* base, std::size_t size,
+PoolSegment::PoolSegment(const std::string& name, int fd, void* base, std::size_t size,
                          const PoolHeader& checked)
     : name_(name),
+      fd_(fd),
       base_(base),
       size_(size),
       header_(static_cast<PoolHeader*>(base)),
@@ -364,6 +422,7 @@ PoolSegment::PoolSegment(const std::string& name, void* base, std::size_t size,
 
 PoolSegment::~PoolSegment() {
     ::munmap(base_, size_);
+    ::close(fd_);
 }
 
 std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) {
@@ -404,7 +463,10 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
         ::munmap(base, size);
         Refuse(name, "its geometry changed while it was opened");
     }
-    return std::shared_ptr<PoolSegment>(new PoolSegment(name, base, size, copy));
+    // The descriptor stays open: the owners' locks are tested through it.
+    std::shared_ptr<PoolSegment> segment(new PoolSegment(name, fd.fd, base, size, copy));
+    fd.fd = -1;
+    return segment;
 }
 
 std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
@@ -436,26 +498,71 @@ std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
     Refuse(config.name, "it keeps disappearing while it is opened");
 }
 
-unsigned PoolSegment::Attach() {
+int PoolSegment::Reopen() {
+    // The name, not /proc/self/fd: /proc may show another pid namespace's processes. The file
+    // found must be this mapping's (not a pool made since under the same name).
+    shared::CheckedFolder folder = OpenFolder(name_, 0);
+    Fd fd(::openat(folder.fd(), name_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (fd.fd < 0) {
+        Refuse(name_, "cannot open it again for the attachment's lock: " + Errno(errno));
+    }
+    struct stat mine;
+    struct stat found;
+    if (::fstat(fd_, &mine) != 0 || ::fstat(fd.fd, &found) != 0 || mine.st_dev != found.st_dev ||
+        mine.st_ino != found.st_ino) {
+        Refuse(name_, "it was removed and made again while it was opened");
+    }
+    const int kept = fd.fd;
+    fd.fd = -1;
+    return kept;
+}
+
+unsigned PoolSegment::Attach(int& lockFd) {
     ReapDead();
     const pid_t me = ::getpid();
     const std::uint64_t start = PoolProcessStartTime(me);
+    const PidNamespace ns = OwnPidNamespace();
+    Fd fd(Reopen());
     for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
+        // The lock comes before the entry: an entry in use without its owner's lock is one
+        // whose owner died, also when it died before writing its namespace.
+        if (attachments_[i].word.load() != 0) {
+            continue;
+        }
+        const int error = LockOneByte(fd.fd, F_WRLCK, PoolOwnerLockByte(i));
+        if (HeldElsewhere(error)) {
+            continue;
+        }
+        if (error != 0) {
+            Refuse(name_, "cannot lock its attachment entry: " + Errno(error));
+        }
         std::uint64_t expected = 0;
         if (attachments_[i].word.compare_exchange_strong(expected, Word(me))) {
+            attachments_[i].pidNamespaceDevice.store(ns.device);
+            attachments_[i].pidNamespace.store(ns.inode);
             attachments_[i].startTime.store(start);
+            lockFd = fd.fd;
+            fd.fd = -1;
             return i;
         }
+        UnlockByte(fd.fd, PoolOwnerLockByte(i));
     }
     throw AbortSlotCreationException("Cannot attach to pool '" + name_ +
                                      "': " + std::to_string(MaxPoolAttachments) +
                                      " writers and readers are attached already");
 }
 
-void PoolSegment::Detach(unsigned index) {
+void PoolSegment::Detach(unsigned index, int lockFd) {
     std::uint64_t expected = Word(::getpid());
-    attachments_[index].startTime.store(0);
-    attachments_[index].word.compare_exchange_strong(expected, 0);
+    // A child forked with the attachment leaves the parent's entry alone.
+    if (attachments_[index].word.load() == expected) {
+        attachments_[index].startTime.store(0);
+        attachments_[index].pidNamespace.store(0);
+        attachments_[index].pidNamespaceDevice.store(0);
+        attachments_[index].word.compare_exchange_strong(expected, 0);
+    }
+    // Closing the descriptor drops the entry's lock, after the entry is free.
+    ::close(lockFd);
 }
 
 void PoolSegment::TryReclaim(unsigned index) {
@@ -509,32 +616,51 @@ void PoolSegment::SweepOrphans() {
     }
 }
 
+bool PoolSegment::OwnerAlive(unsigned index, std::uint64_t word, const PidNamespace& mine) {
+    const PoolAttachmentSlot& entry = attachments_[index];
+    if (EntryPidNamespace(entry).SameAs(mine)) {
+        // Tells a forked child, a zombie and a recycled pid from the owner.
+        return PoolProcessAlive(static_cast<pid_t>(word & PidMask), entry.startTime.load());
+    }
+    // Another namespace's pid means nothing here (or names another process), and an entry
+    // whose namespace is not written yet is judged the same way: by its owner's lock.
+    return PoolByteLocked(fd_, PoolOwnerLockByte(index));
+}
+
 unsigned PoolSegment::ReapDead() {
     const pid_t me = ::getpid();
+    const PidNamespace ns = OwnPidNamespace();
     unsigned reaped = 0;
     for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
+        const std::uint64_t bit = 1ull << i;
         std::uint64_t word = attachments_[i].word.load();
         if ((word & AttachInUse) == 0) {
             continue;
         }
-        if (word & AttachReaping) {
-            const pid_t reaper = static_cast<pid_t>((word >> ReaperShift) & ReaperMask);
-            if (reaper == me || PoolProcessAlive(reaper, 0)) {
-                continue;
-            }
-        } else {
-            const pid_t pid = static_cast<pid_t>(word & PidMask);
-            if (PoolProcessAlive(pid, attachments_[i].startTime.load())) {
-                continue;
-            }
+        // Another thread of this process reaps it (its reaper lock, on this description, would
+        // not keep this thread out).
+        if (reapingHere_.fetch_or(bit) & bit) {
+            continue;
         }
-        const std::uint64_t mine = AttachInUse | AttachReaping |
-                                   (static_cast<std::uint64_t>(me) << ReaperShift) |
-                                   (word & PidMask);
-        if (attachments_[i].word.compare_exchange_strong(word, mine)) {
-            ReapEntry(i, word, mine);
-            ++reaped;
+        // A reaper holds its lock from before it marks the entry until after it frees it: a
+        // marked entry without it was left by a reaper that died.
+        const bool dead = (word & AttachReaping) ? !PoolByteLocked(fd_, PoolReaperLockByte(i))
+                                                 : !OwnerAlive(i, word, ns);
+        if (dead && TryLockByte(fd_, PoolReaperLockByte(i))) {
+            // Judged again under the reaper lock: meanwhile another reaper may have freed the
+            // entry and a new owner taken it (with the same pid number, in another namespace).
+            const bool still = attachments_[i].word.load() == word &&
+                               ((word & AttachReaping) || !OwnerAlive(i, word, ns));
+            const std::uint64_t mine = AttachInUse | AttachReaping |
+                                       (static_cast<std::uint64_t>(me) << ReaperShift) |
+                                       (word & PidMask);
+            if (still && attachments_[i].word.compare_exchange_strong(word, mine)) {
+                ReapEntry(i, word, mine);
+                ++reaped;
+            }
+            UnlockByte(fd_, PoolReaperLockByte(i));
         }
+        reapingHere_.fetch_and(~bit);
     }
     return reaped;
 }
@@ -588,6 +714,8 @@ void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mi
                                     << returned
                                     << " block(s) it held or had loaned returned to the pool");
     attachments_[index].startTime.store(0);
+    attachments_[index].pidNamespace.store(0);
+    attachments_[index].pidNamespaceDevice.store(0);
     attachments_[index].word.compare_exchange_strong(mine, 0);
 }
 
@@ -620,10 +748,10 @@ void PoolSegment::MarkDamaged(const std::string& why) {
 }
 
 PoolAttachment::PoolAttachment(std::shared_ptr<PoolSegment> segment)
-    : segment_(std::move(segment)), index_(segment_->Attach()) {}
+    : segment_(std::move(segment)), index_(segment_->Attach(lockFd_)) {}
 
 PoolAttachment::~PoolAttachment() {
-    segment_->Detach(index_);
+    segment_->Detach(index_, lockFd_);
 }
 
 }  // namespace Slot

@@ -36,7 +36,8 @@ static_assert(sizeof(std::atomic<std::uint32_t>) == 4, "the futex word is a plai
 //                      written by the queue's reader only; what only writers write (sequence
 //                      counter) and the queue's reader claim; the writers' robust mutex (queue
 //                      kind)
-//   PoolAttachmentSlot[64]   one per attached writer or reader object
+//   PoolAttachmentSlot[64]   one per attached writer or reader object: pid, start time and
+//                      pid namespace
 //   PoolBlockSlot[blockCount]  one cache line per block
 //   u64 ring[blockCount]       queue kind: (sequence << 8 | block index), FIFO
 //   data                       block i at dataOffset + i * stride, stride = maxBlockSize
@@ -51,7 +52,7 @@ static_assert(sizeof(std::atomic<std::uint32_t>) == 4, "the futex word is a plai
 // blockCount, which are checked against the file's real size when it is opened, and every
 // block index read from a shared word is checked against blockCount before use.
 constexpr std::uint64_t PoolMagic = 0x4c4f4f50544f4c53ull;  // "SLOTPOOL"
-constexpr std::uint32_t PoolLayoutVersion = 2;
+constexpr std::uint32_t PoolLayoutVersion = 3;
 constexpr std::size_t PoolCacheLine = 64;
 enum PoolKind : std::uint32_t { LatestKind = 1, QueueKind = 2 };
 
@@ -132,11 +133,50 @@ static_assert(offsetof(PoolHeader, nextSequence) == 4 * PoolCacheLine, "writers'
 static_assert(offsetof(PoolHeader, writerMutex) == 5 * PoolCacheLine, "mutex line");
 static_assert(sizeof(PoolHeader) == 6 * PoolCacheLine, "the header is the same on every target");
 
+// An attachment's owner is judged by its pid and start time when it is in the judge's pid
+// namespace, and otherwise by a lock: the owner holds an open-file-description lock on byte
+// <index> of the pool file (PoolOwnerLockByte) from before it takes the entry until after it
+// frees it, on a descriptor of its own that it keeps open for the attachment's life. The kernel
+// drops the lock when the owner dies; any process can test it. A reaper holds the lock on byte
+// PoolReaperLockByte(index) while it reaps the entry.
 struct PoolAttachmentSlot {
-    std::atomic<std::uint64_t> word;       // AttachInUse | pid, see above
-    std::atomic<std::uint64_t> startTime;  // the process's start time (0: not written yet)
+    std::atomic<std::uint64_t> word;                // AttachInUse | pid, see above
+    std::atomic<std::uint64_t> startTime;           // the process's start time (0: not written yet)
+    std::atomic<std::uint64_t> pidNamespace;        // inode of its /proc/self/ns/pid (0: not
+                                                    // written yet, or unknown)
+    std::atomic<std::uint64_t> pidNamespaceDevice;  // and its device
 };
-static_assert(sizeof(PoolAttachmentSlot) == 16, "fixed layout");
+static_assert(sizeof(PoolAttachmentSlot) == 32, "fixed layout");
+inline std::uint64_t PoolOwnerLockByte(unsigned index) {
+    return index;
+}
+inline std::uint64_t PoolReaperLockByte(unsigned index) {
+    return MaxPoolAttachments + index;
+}
+// A creator holds the lock on this byte of its temporary file until it is renamed into place.
+constexpr std::uint64_t PoolCreatorLockByte = 2 * MaxPoolAttachments;
+
+// A pid namespace: the device and inode of /proc/<pid>/ns/pid. Unknown (never equal to any)
+// when the inode is 0.
+struct PidNamespace {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    bool SameAs(const PidNamespace& other) const {
+        return inode != 0 && inode == other.inode && device == other.device;
+    }
+};
+// This process's pid namespace (unknown when /proc/self/ns/pid cannot be read).
+PidNamespace OwnPidNamespace();
+// The namespace written in an attachment entry.
+inline PidNamespace EntryPidNamespace(const PoolAttachmentSlot& entry) {
+    PidNamespace ns;
+    ns.inode = entry.pidNamespace.load();
+    ns.device = entry.pidNamespaceDevice.load();
+    return ns;
+}
+// Whether a process other than the caller's open file description `fd` holds a lock on `byte`
+// of its file. True when it cannot be told (a live process is never taken for dead).
+bool PoolByteLocked(int fd, std::uint64_t byte);
 
 // One cache line per block (the table starts on a line): neighbouring blocks never share one.
 struct PoolBlockSlot {
@@ -205,11 +245,12 @@ public:
         return reinterpret_cast<pthread_mutex_t*>(header_->writerMutex);
     }
 
-    // Claims a free attachment entry for this process: reaps dead entries first. Throws
-    // AbortSlotCreationException when all are in use.
-    unsigned Attach();
-    // Frees the entry (the caller released every block it held or loaned).
-    void Detach(unsigned index);
+    // Claims a free attachment entry for this process: reaps dead entries first. `lockFd` is
+    // the entry's own descriptor of the file, holding its lock; the caller keeps it open until
+    // Detach. Throws AbortSlotCreationException when all are in use.
+    unsigned Attach(int& lockFd);
+    // Frees the entry (the caller released every block it held or loaned) and closes `lockFd`.
+    void Detach(unsigned index, int lockFd);
 
     // Frees block `index` when nobody can read it any more: Published(s) and no longer the
     // latest block (latest kind) or Consumed (queue kind), with no holders.
@@ -290,10 +331,17 @@ public:
     log4cxx::LoggerPtr logger() const { return logger_; }
 
 private:
-    PoolSegment(const std::string& name, void* base, std::size_t size, const PoolHeader& checked);
+    PoolSegment(const std::string& name, int fd, void* base, std::size_t size,
+                const PoolHeader& checked);
     void ReapEntry(unsigned index, std::uint64_t word, std::uint64_t myWord);
+    // Whether the process of entry `index` (word `word`, not being reaped) lives, as seen from
+    // the pid namespace `mine`.
+    bool OwnerAlive(unsigned index, std::uint64_t word, const PidNamespace& mine);
+    // A new open file description of this pool's file (for an attachment's lock).
+    int Reopen();
 
     std::string name_;
+    int fd_;  // tests the owners' locks and holds this process's reaper locks
     void* base_;
     std::size_t size_;
     PoolHeader* header_;
@@ -308,6 +356,7 @@ private:
     std::atomic<bool> damaged_{false};
     std::atomic<std::uint64_t> headSeen_{0};
     std::atomic<std::uint64_t> latestSeen_{0};
+    std::atomic<std::uint64_t> reapingHere_{0};  // entries a thread of this process reaps
     shared::WriteCounters* counters_;
     log4cxx::LoggerPtr logger_;
 };
@@ -347,6 +396,7 @@ public:
 
 private:
     std::shared_ptr<PoolSegment> segment_;
+    int lockFd_ = -1;
     unsigned index_;
     std::atomic<unsigned> holds_[MaxPoolBlocks] = {};
 };

@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
+#include <tuple>
 
 namespace Slot {
 
@@ -32,22 +34,52 @@ void AddPid(std::vector<pid_t>& pids, pid_t pid) {
     }
 }
 
+// A process of another pid namespace: its namespace and its pid there.
+using ForeignProcess = std::tuple<std::uint64_t, std::uint64_t, pid_t>;
+
 // Counts what the mapped pool shows. The mapping is private and writable so that atomic loads
 // work on every target; nothing is written back to the file. The geometry is the `checked`
-// copy's: the mapped one may be rewritten while it is read.
-void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked) {
+// copy's: the mapped one may be rewritten while it is read. `fd` is the file's descriptor, to
+// test the locks of other pid namespaces' processes.
+void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked, int fd) {
     PoolHeader& header = *reinterpret_cast<PoolHeader*>(base);
     auto* attachments = reinterpret_cast<PoolAttachmentSlot*>(base + checked.attachmentOffset);
     auto* blocks = reinterpret_cast<PoolBlockSlot*>(base + checked.blockTableOffset);
     const unsigned count = static_cast<unsigned>(checked.blockCount);
+    const PidNamespace mine = OwnPidNamespace();
     pid_t pids[MaxPoolAttachments] = {};
+    bool foreign[MaxPoolAttachments] = {};
+    ForeignProcess foreignProcess[MaxPoolAttachments];
+    std::set<ForeignProcess> foreignAttached;
+    std::set<ForeignProcess> foreignDead;
+    std::set<ForeignProcess> foreignHolders;
     for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
         const std::uint64_t word = attachments[i].word.load();
-        if (word & AttachInUse) {
-            pids[i] = static_cast<pid_t>(word & 0xffffffffu);
-            report.attached.push_back(pids[i]);
+        if ((word & AttachInUse) == 0) {
+            continue;
+        }
+        const pid_t pid = static_cast<pid_t>(word & 0xffffffffu);
+        const PidNamespace theirs = EntryPidNamespace(attachments[i]);
+        if (theirs.SameAs(mine)) {
+            pids[i] = pid;
+            report.attached.push_back(pid);
+            continue;
+        }
+        foreign[i] = true;
+        foreignProcess[i] = ForeignProcess(theirs.device, theirs.inode, pid);
+        foreignAttached.insert(foreignProcess[i]);
+        // An entry being reaped is one whose owner died.
+        if ((word & AttachReaping) || !PoolByteLocked(fd, PoolOwnerLockByte(i))) {
+            foreignDead.insert(foreignProcess[i]);
         }
     }
+    const auto addHolder = [&](std::uint64_t entry) {
+        if (pids[entry] != 0) {
+            AddPid(report.holders, pids[entry]);
+        } else if (foreign[entry]) {
+            foreignHolders.insert(foreignProcess[entry]);
+        }
+    };
     for (unsigned i = 0; i < count; ++i) {
         const std::uint64_t state = blocks[i].state.load();
         const std::uint64_t holders = blocks[i].holders.load();
@@ -61,8 +93,8 @@ void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked) {
                 if (owner >= MaxPoolAttachments) {
                     Damaged(report, "block " + std::to_string(i) + " is loaned to entry " +
                                         std::to_string(owner));
-                } else if (pids[owner] != 0) {
-                    AddPid(report.holders, pids[owner]);
+                } else {
+                    addHolder(owner);
                 }
                 break;
             }
@@ -72,8 +104,8 @@ void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked) {
         if (holders != 0) {
             ++report.heldBlocks;
             for (unsigned a = 0; a < MaxPoolAttachments; ++a) {
-                if ((holders >> a) & 1u && pids[a] != 0) {
-                    AddPid(report.holders, pids[a]);
+                if ((holders >> a) & 1u) {
+                    addHolder(a);
                 }
             }
         }
@@ -111,8 +143,12 @@ void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked) {
             Damaged(report, "the reader claim names entry " + std::to_string(claim - 1));
         } else if (claim != 0) {
             report.queueReader = pids[claim - 1];
+            report.queueReaderInOtherNamespace = foreign[claim - 1];
         }
     }
+    report.otherNamespaceAttached = foreignAttached.size();
+    report.otherNamespaceHolders = foreignHolders.size();
+    report.otherNamespaceDead = foreignDead.size();
 }
 
 }  // namespace
@@ -164,7 +200,7 @@ PoolReport SurveyPool(const std::string& name) {
                 if (std::memcmp(base, &header, offsetof(PoolHeader, publishCount)) != 0) {
                     Damaged(report, "its geometry changed while it was read");
                 } else {
-                    Count(report, static_cast<unsigned char*>(base), header);
+                    Count(report, static_cast<unsigned char*>(base), header, fd);
                 }
                 ::munmap(base, size);
             }

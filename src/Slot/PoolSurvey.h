@@ -31,6 +31,14 @@ struct PoolReport {
     std::vector<pid_t> attached;      ///< processes attached as writers or readers, one per role
     std::vector<pid_t> holders;       ///< processes holding or having loaned a block
     pid_t queueReader = 0;            ///< the queue's reader (0: none)
+    /// Processes of other pid namespaces (containers sharing /dev/shm): their pids mean nothing
+    /// here, so they are counted, not listed in `attached`, `holders` or `queueReader`. The
+    /// attached ones, alive or dead; those of them holding or having loaned a block; those that
+    /// died (their blocks return at the next reaping).
+    std::size_t otherNamespaceAttached = 0;
+    std::size_t otherNamespaceHolders = 0;
+    std::size_t otherNamespaceDead = 0;
+    bool queueReaderInOtherNamespace = false;  ///< the queue's reader is one of them
 };
 
 /// The state of the pool `name`. Never throws for what it finds: a missing file gives state

@@ -336,6 +336,13 @@ void AddPoolEntry(JsonWriter& json, const PoolReport& report) {
     } else {
         json.Null();
     }
+    // Their pids mean nothing here: counted, not listed.
+    json.Key("other_pid_namespaces").BeginObject();
+    json.Key("attached").Number(report.otherNamespaceAttached);
+    json.Key("dead").Number(report.otherNamespaceDead);
+    json.Key("holders").Number(report.otherNamespaceHolders);
+    json.Key("reader").Bool(report.queueReaderInOtherNamespace);
+    json.EndObject();
 }
 
 std::string ListJson(const std::vector<SlotReport>& slots, const std::vector<PoolReport>& pools) {

@@ -18,7 +18,9 @@
 #include <boost/make_shared.hpp>
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -26,7 +28,9 @@
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <mutex>
 #include <thread>
 
@@ -391,7 +395,7 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     const std::string prefix = "Cannot open pool '" + pool.str() + "': ";
 
     Poke(pool.str(), offsetof(Slot::PoolHeader, version), std::uint32_t{1});
-    EXPECT_EQ(prefix + "layout version 1, expected 2",
+    EXPECT_EQ(prefix + "layout version 1, expected 3",
               Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
     Poke(pool.str(), offsetof(Slot::PoolHeader, version), Slot::PoolLayoutVersion);
     Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{65});
@@ -566,14 +570,24 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     const std::vector<std::string> pools = Slot::ListPools();
     EXPECT_EQ(1, std::count(pools.begin(), pools.end(), pool.str()));
 
-    // A temporary left by a creator that died is removed by the next creation.
+    // A temporary is its creator's while the creator holds its lock, whatever its pid names
+    // here (a creator in another pid namespace); one whose creator died is removed by the next
+    // creation.
     const std::string stale =
         Slot::PoolPath(Slot::PoolTemporaryPrefix + std::to_string(pids.front()) + "-0");
-    const int fd = ::open(stale.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0600);
+    const int fd = ::open(stale.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
     ASSERT_GE(fd, 0);
-    ::close(fd);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_start = static_cast<off_t>(Slot::PoolCreatorLockByte);
+    lock.l_len = 1;
+    ASSERT_EQ(0, ::fcntl(fd, F_OFD_SETLK, &lock));
     ScopedPool second;
     PoolFactory::CreatePoolWriter(second.Config("latest", 8, 2));
+    EXPECT_EQ(0, ::access(stale.c_str(), F_OK));
+    ::close(fd);
+    ScopedPool third;
+    PoolFactory::CreatePoolWriter(third.Config("latest", 8, 2));
     EXPECT_NE(0, ::access(stale.c_str(), F_OK));
 }
 
@@ -787,6 +801,156 @@ TEST_F(PoolTest, ADeadWritersReplacedBlockStaysWithItsHolder) {
         holder->held.clear();
     }
     EXPECT_TRUE(writer->loan(16));
+}
+
+// A reader in another pid namespace with its own /proc, as in a container sharing /dev/shm (its
+// pid 1 is another process here), holds blocks while a writer here runs out of them and reaps,
+// and while the reader reaps the writer: neither takes the other for dead, and no held block is
+// loaned again. Once the reader is killed, its blocks come back with the ERROR line naming its
+// pid.
+TEST_F(PoolTest, AReaderInAnotherPidNamespaceKeepsItsBlocksUntilItDies) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 3);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    struct Ledger {
+        std::atomic<int> unshareError{0};
+        std::atomic<bool> mountFailed{false};
+        std::atomic<pid_t> outerPid{0};  // the reader's pid here
+        std::atomic<pid_t> innerPid{0};  // its pid in its own namespace
+        std::atomic<int> held{0};
+        std::atomic<int> intact{-1};  // held blocks whose bytes match their sequence
+    };
+    auto ledger = testsupport::SharedWithChildren<Ledger>();
+    testsupport::PipeSignal ready, verify, verified;
+    // The child moves its later children into a new pid namespace (the grandchild is its pid 1)
+    // and itself into a mount namespace of its own, where the grandchild mounts its /proc.
+    testsupport::ChildProcess outer([&] {
+        if (::unshare(CLONE_NEWPID | CLONE_NEWNS) != 0 ||
+            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+            ledger->unshareError = errno;
+            ready.Post();
+            return 0;
+        }
+        const pid_t inner = ::fork();
+        if (inner < 0) {
+            return testsupport::Failed(2, "fork into the new pid namespace");
+        }
+        if (inner == 0) {
+            testsupport::DieWithParent();
+            if (::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+                ledger->unshareError = errno;
+                ledger->mountFailed = true;
+                ready.Post();
+                ::_exit(0);
+            }
+            auto holder = boost::make_shared<Holder>();
+            auto reader = PoolFactory::CreatePoolReader(config, holder);
+            Eventually([&] { return holder->Count() == 1; });
+            ledger->innerPid = ::getpid();
+            ledger->held = static_cast<int>(holder->Count());
+            ready.Post();
+            while (verify.WaitFor(std::chrono::seconds(60))) {
+                std::lock_guard<std::mutex> lock(holder->mutex);
+                int intact = 0;
+                for (const Slot::PoolBlock& block : holder->held) {
+                    intact += Check(block.data(), block.size()) == block.sequence() ? 1 : 0;
+                }
+                ledger->held = static_cast<int>(holder->held.size());
+                ledger->intact = intact;
+                verified.Post();
+            }
+            ::_exit(0);
+        }
+        ledger->outerPid = inner;
+        int status = 0;
+        ::waitpid(inner, &status, 0);
+        return 0;
+    });
+    ASSERT_TRUE(ready.WaitFor());
+    if (ledger->unshareError != 0) {
+        outer.Wait();
+        GTEST_SKIP() << (ledger->mountFailed ? "a new pid namespace cannot mount its /proc here: "
+                                             : "unshare(CLONE_NEWPID | CLONE_NEWNS) is not "
+                                               "permitted here: ")
+                     << std::strerror(ledger->unshareError);
+    }
+    ASSERT_EQ(1, ledger->innerPid.load());
+    // Each publish replaces the latest block, which the reader then holds too, until no block is
+    // free: from then on every loan reaps first, and must find nobody dead.
+    int refused = 0;
+    for (std::uint64_t tag = 2; tag < 12; ++tag) {
+        Slot::PoolLoan loan = writer->loan(16);
+        if (!loan) {
+            ++refused;
+            continue;
+        }
+        Fill(loan.data(), 16, tag);
+        ASSERT_NE(WriteOutcome::Failed, loan.publish(16));
+        const std::uint64_t sequence = tag;  // one writer: sequences follow its tags
+        ASSERT_TRUE(Eventually([&] {
+            return Slot::SurveyPool(pool.str()).heldBlocks >= std::min<std::uint64_t>(sequence, 3);
+        })) << "the reader's holds were taken from it";
+    }
+    EXPECT_GT(refused, 0);
+    const Slot::PoolReport report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ(3u, report.heldBlocks);
+    EXPECT_EQ(std::vector<pid_t>{}, report.holders);
+    EXPECT_EQ(1u, report.otherNamespaceHolders);
+    EXPECT_EQ(1u, report.otherNamespaceAttached);
+    EXPECT_EQ(0u, report.otherNamespaceDead);
+    EXPECT_EQ(std::vector<pid_t>{::getpid()}, report.attached);
+    verify.Post();
+    ASSERT_TRUE(verified.WaitFor());
+    EXPECT_EQ(3, ledger->held.load());
+    EXPECT_EQ(3, ledger->intact.load());
+
+    ::kill(ledger->outerPid, SIGKILL);
+    EXPECT_TRUE(outer.Wait().Ok());
+    EXPECT_EQ(1u, Slot::SurveyPool(pool.str()).otherNamespaceDead);
+    testsupport::LogCapture log("Slot.Pool");
+    EXPECT_TRUE(writer->loan(16));  // reaps
+    EXPECT_EQ(1u, log.Count("ERROR", "Pool '" + pool.str() +
+                                         "': process 1 died; 3 block(s) it held or had loaned "
+                                         "returned to the pool"));
+    EXPECT_EQ(0u, Slot::SurveyPool(pool.str()).otherNamespaceAttached);
+}
+
+// Entries that do not name this pid namespace are judged by their owner's lock alone: one whose
+// process died before it wrote its namespace, or whose pid is a live process here, is reaped;
+// a live attachment of this very process keeps its loan even when its entry claims another
+// namespace.
+TEST_F(PoolTest, EntriesOfOtherNamespacesAreJudgedByTheirOwnersLock) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);  // entry 0
+    Slot::PoolLoan loan = writer->loan(8);
+    ASSERT_TRUE(loan);
+    const std::uint64_t table = sizeof(Slot::PoolHeader);
+    const auto entry = [&](unsigned index, std::size_t field) {
+        return table + index * sizeof(Slot::PoolAttachmentSlot) + field;
+    };
+    Poke(pool.str(), entry(0, offsetof(Slot::PoolAttachmentSlot, pidNamespace)), std::uint64_t{1});
+    // Entry 1: a live pid of this namespace, recorded as another namespace's, no lock.
+    Poke(pool.str(), entry(1, offsetof(Slot::PoolAttachmentSlot, word)),
+         Slot::AttachInUse | static_cast<std::uint64_t>(::getpid()));
+    Poke(pool.str(), entry(1, offsetof(Slot::PoolAttachmentSlot, pidNamespace)), std::uint64_t{1});
+    // Entry 2: killed after taking its entry, before writing its namespace.
+    Poke(pool.str(), entry(2, offsetof(Slot::PoolAttachmentSlot, word)), Slot::AttachInUse | 77);
+    testsupport::LogCapture log("Slot.Pool");
+    EXPECT_EQ(2u, PoolFactory::Recover(pool.str()));
+    EXPECT_EQ(
+        1u, log.Count("ERROR", "Pool '" + pool.str() + "': process " + std::to_string(::getpid()) +
+                                   " died; 0 block(s) it held or had loaned returned to "
+                                   "the pool"));
+    EXPECT_EQ(1u, log.Count("ERROR", "Pool '" + pool.str() +
+                                         "': process 77 died; 0 block(s) it held or had loaned "
+                                         "returned to the pool"));
+    const Slot::PoolReport report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ(1u, report.loanedBlocks);
+    EXPECT_EQ(1u, report.otherNamespaceAttached);
+    EXPECT_EQ(0u, PoolFactory::Recover(pool.str()));
+    EXPECT_EQ(WriteOutcome::Stored, loan.publish(8));
 }
 
 TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {

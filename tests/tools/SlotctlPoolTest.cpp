@@ -10,6 +10,7 @@
 #include "SlotctlRunner.h"
 
 #include <Slot/PoolFactory.h>
+#include <Slot/PoolSegment.h>
 #include <Slot/PoolSurvey.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotNames.h>
@@ -18,6 +19,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
@@ -122,6 +124,38 @@ TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
 // Both kinds carry blocks from write to read: a queue keeps what was written before its reader
 // came, a latest pool delivers to a reader that waits; a queue's second reader is refused,
 // naming the first.
+// A live holder whose entry names another pid namespace (its pid means nothing here) is counted
+// as such, alive by its lock, and never printed as a pid.
+TEST(SlotctlPools, HoldersOfOtherPidNamespacesAreCountedNotListed) {
+    ScopedPool pool;
+    auto writer = Slot::PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2));  // entry 0
+    Slot::PoolLoan loan = writer->loan(8);
+    ASSERT_TRUE(loan);
+    const int fd = ::open(Slot::PoolPath(pool.str()).c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    const std::uint64_t otherNamespace = 1;
+    ASSERT_EQ(
+        8, ::pwrite(fd, &otherNamespace, 8,
+                    sizeof(Slot::PoolHeader) + offsetof(Slot::PoolAttachmentSlot, pidNamespace)));
+    ::close(fd);
+
+    const std::string pid = "pid " + std::to_string(::getpid());
+    const Outcome info = Slotctl({"info", pool.str()});
+    ASSERT_EQ(0, info.status) << info.Describe();
+    EXPECT_THAT(LineStartingWith(info.out, "  holders"), HasSubstr("1 in another pid namespace"));
+    EXPECT_THAT(LineStartingWith(info.out, "  attached"), HasSubstr("1 in another pid namespace"));
+    EXPECT_THAT(info.out, Not(HasSubstr(pid)));
+    EXPECT_THAT(LineStartingWith(Slotctl({"ls"}).out, pool.str() + " "),
+                AllOf(HasSubstr("1 in another pid namespace"), Not(HasSubstr(pid))));
+    const nlohmann::json others = Entry(pool.str())["other_pid_namespaces"];
+    EXPECT_EQ(nlohmann::json::parse(R"({"attached": 1, "dead": 0, "holders": 1, "reader": false})"),
+              others);
+
+    writer.reset();  // the loan keeps the entry, and its lock, until it ends
+    loan = Slot::PoolLoan();
+    EXPECT_EQ(0, Entry(pool.str())["other_pid_namespaces"]["attached"]);
+}
+
 TEST(SlotctlPools, WriteAndReadThroughBothKinds) {
     ScopedPool queue("rq"), latest("rl");
     const Outcome write = Slotctl({"write", queue.str(), "--type", "queue", "--max-size", "64",

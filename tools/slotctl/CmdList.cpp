@@ -214,9 +214,36 @@ std::string PidsText(const std::vector<pid_t>& pids) {
     return texts.empty() ? "-" : Join(texts);
 }
 
+// Processes of other pid namespaces, whose pids mean nothing here: "2 in other pid namespaces
+// (1 dead)"; empty for none.
+std::string OtherNamespacesText(std::size_t count, std::size_t dead) {
+    if (count == 0) {
+        return std::string();
+    }
+    std::string text = std::to_string(count) +
+                       (count == 1 ? " in another pid namespace" : " in other pid namespaces");
+    if (dead != 0) {
+        text += " (" + std::to_string(dead) + " dead)";
+    }
+    return text;
+}
+
+// PidsText, then those of other pid namespaces.
+std::string PoolProcessesText(const std::vector<pid_t>& pids, std::size_t otherCount,
+                              std::size_t otherDead) {
+    const std::string others = OtherNamespacesText(otherCount, otherDead);
+    if (others.empty()) {
+        return PidsText(pids);
+    }
+    return pids.empty() ? others : PidsText(pids) + ", " + others;
+}
+
 std::string PoolReaderText(const Slot::PoolReport& report) {
     if (report.kind != "queue") {
         return "-";
+    }
+    if (report.queueReaderInOtherNamespace) {
+        return "in another pid namespace";
     }
     return report.queueReader == 0 ? "none" : PidText(report.queueReader);
 }
@@ -243,7 +270,7 @@ void PrintPools(std::ostream& out, const std::vector<Slot::PoolReport>& pools) {
             "  " + RightAligned(count(report.loanedBlocks), 6) + "  " +
             RightAligned(count(report.waitingBlocks), 7) + "  " +
             RightAligned(count(report.heldBlocks), 5) + "  " + Padded(PoolReaderText(report), 10) +
-            "  " + PidsText(report.holders);
+            "  " + PoolProcessesText(report.holders, report.otherNamespaceHolders, 0);
         if (!report.problem.empty()) {
             line += "  (" + Printable(report.problem) + ")";
         }
@@ -273,8 +300,12 @@ void PrintPoolInfo(std::ostream& out, const Slot::PoolReport& report) {
             out << "  " << Padded("reader", 16) << PoolReaderText(report) << "\n";
         }
     }
-    out << "  " << Padded("holders", 16) << PidsText(report.holders) << "\n";
-    out << "  " << Padded("attached", 16) << PidsText(report.attached) << "\n";
+    out << "  " << Padded("holders", 16)
+        << PoolProcessesText(report.holders, report.otherNamespaceHolders, 0) << "\n";
+    out << "  " << Padded("attached", 16)
+        << PoolProcessesText(report.attached, report.otherNamespaceAttached,
+                             report.otherNamespaceDead)
+        << "\n";
 }
 
 }  // namespace

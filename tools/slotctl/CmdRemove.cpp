@@ -230,6 +230,12 @@ bool RemovePoolOne(const std::string& name, bool staleOnly, bool force) {
             users.push_back(user);
         }
     }
+    const std::size_t othersAlive = report.otherNamespaceAttached - report.otherNamespaceDead;
+    if (othersAlive != 0) {
+        users.push_back(std::to_string(othersAlive) +
+                        (othersAlive == 1 ? " process" : " processes") +
+                        " of other pid namespaces");
+    }
     if (!users.empty()) {
         if (!force) {
             std::cerr << "slotctl: the pool " << Quote(name) << " is in use by " << Join(users)

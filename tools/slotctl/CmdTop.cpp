@@ -64,7 +64,8 @@ void LookAtPools(Look& look) {
         pool.waiting = report.blockCount - std::min(report.freeBlocks, report.blockCount);
         pool.reliable = report.kind == "queue";
         pool.readerPid = report.queueReader;
-        pool.attached = std::set<pid_t>(report.attached.begin(), report.attached.end()).size();
+        pool.attached = std::set<pid_t>(report.attached.begin(), report.attached.end()).size() +
+                        report.otherNamespaceAttached;
         pool.poolSequence = report.lastSequence;
         if (report.lastPublishNs != 0) {
             pool.lastWriteAge =
