@@ -245,6 +245,9 @@ TEST(Gateway, DiscardingDeliversLatestStateToLateJoiner) {
     RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
     Gateway sending(OneRoute(link.out));
+    // The slot's reader passes on only states younger than the update time: it must run before
+    // they are written, also on a loaded machine.
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, std::chrono::seconds(20)));
     for (unsigned n = 1; n <= 50; ++n) {
         const std::string state = "state " + std::to_string(n);
         writer->onNotify(source, state.data(), state.size());
