@@ -201,6 +201,17 @@ std::set<Guid> MatchedPeers::Matched() const {
     return participants;
 }
 
+std::map<dds_instance_handle_t, Guid> MatchedPeers::MatchedEndpoints() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    std::map<dds_instance_handle_t, Guid> endpoints;
+    for (const auto& peer : peers_) {
+        if (peer.second.matched) {
+            endpoints.emplace(peer.first, peer.second.participant);
+        }
+    }
+    return endpoints;
+}
+
 bool MatchedPeers::Knows(const Guid& participant) const {
     std::lock_guard<std::mutex> guard(mutex_);
     for (const auto& peer : peers_) {

@@ -84,6 +84,8 @@ public:
     std::optional<Guid> ParticipantOf(dds_instance_handle_t handle) const;
     // The participants of the endpoints matched now.
     std::set<Guid> Matched() const;
+    // The endpoints matched now, with their participants.
+    std::map<dds_instance_handle_t, Guid> MatchedEndpoints() const;
     // `participant` had an endpoint matched now or since the last Forget().
     bool Knows(const Guid& participant) const;
     // Forgets the endpoints that have left.

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <stdexcept>
 
 namespace SlotGateway {
@@ -245,6 +246,7 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
             stop_.WaitFor(kPoll);
         }
         const Matches before = PublicationMatches(writer_);
+        const std::map<dds_instance_handle_t, Guid> publishedTo = readers_.MatchedEndpoints();
         const dds_return_t written = dds_write(writer_, &sample);
         if (written != DDS_RETCODE_OK) {
             if (written != DDS_RETCODE_TIMEOUT) {
@@ -257,27 +259,34 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
             }
             continue;
         }
-        // Done when every matched receiving gateway stored the block in its slot. A receiver
-        // that left before storing it (a restart) or one that matched after the publication (a
-        // restart's successor: the topic keeps no history for late readers) makes the block go
-        // out again at once: receivers that have it recognise the serial and only acknowledge
-        // it once more. One that acknowledged and left counts as having stored it: the
-        // receivers are looked at before the acknowledgements, and one that has left sent its
-        // acknowledgements before.
+        // Done once a receiving gateway stored the block in its slot, and every other one that
+        // was matched when it was published, and still is, stored it too. While none has, a
+        // receiver that left (a restart) or one that matched after the publication (a restart's
+        // successor: the topic keeps no history for late readers) makes the block go out again
+        // at once: receivers that have it recognise the serial and only acknowledge it once more.
+        // One that acknowledged and left counts as having stored it, and its successor is not
+        // sent the block: the receivers are looked at before the acknowledgements, and one that
+        // has left sent its acknowledgements before.
         std::set<Guid> storedBy;
         std::vector<dds_instance_handle_t> unplaced;
         bool again = false;
         for (;;) {
             const Matches now = PublicationMatches(writer_);
             const std::set<Guid> receivers = ReceivingGateways();
+            const std::map<dds_instance_handle_t, Guid> readers = readers_.MatchedEndpoints();
             TakeAcks(sample.serial, storedBy, unplaced);
-            if (!storedBy.empty() && std::includes(storedBy.begin(), storedBy.end(),
-                                                   receivers.begin(), receivers.end())) {
+            bool allStored = !storedBy.empty();
+            for (const auto& reader : publishedTo) {
+                allStored = allStored && (readers.count(reader.first) == 0 ||
+                                          receivers.count(reader.second) == 0 ||
+                                          storedBy.count(reader.second) != 0);
+            }
+            if (allStored) {
                 break;
             }
             const bool someLeft = now.total - now.current != before.total - before.current;
             const bool someCame = now.total != before.total;
-            if (someCame || (storedBy.empty() && (receivers.empty() || someLeft))) {
+            if (storedBy.empty() && (someCame || receivers.empty() || someLeft)) {
                 again = true;
                 break;
             }
