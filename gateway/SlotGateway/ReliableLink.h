@@ -28,14 +28,15 @@ namespace SlotGateway {
 // The sending side of a reliable route, on a thread of its own.
 //
 // The thread takes one block at a time from the slot, and only while a receiving gateway is
-// matched, publishes it, and keeps it in hand until every matched receiving gateway has stored
-// it (an acknowledgement on "<topic>/ack"). A receiving gateway is a participant with both a
-// reader of the topic and a writer of acknowledgements; an acknowledgement counts for the
-// participant DDS names as its writer, never for what it says, and only when that participant
-// is or was a receiving gateway of the block. Another reader (a monitoring tool) is not waited
-// for. A receiver that leaves before acknowledging gets the block again from its successor; a
-// receiver that matches meanwhile gets it at once. Without a receiver the block stays in hand
-// (its place in the order kept) and nothing more is taken.
+// matched, publishes it, and keeps it in hand until a receiving gateway has stored it (an
+// acknowledgement on "<topic>/ack"), and every other one matched at the publication too, unless it
+// left. A receiving gateway is a participant with both a reader of the topic and a writer of
+// acknowledgements; an acknowledgement counts for the participant DDS names as its writer, never
+// for what it says, and only when that participant is or was a receiving gateway of the block.
+// Another reader (a monitoring tool) is not waited for. A receiver that leaves before acknowledging
+// gets the block again from its successor; one that matches while none has stored it gets it at
+// once. Without a receiver the block stays in hand (its place in the order kept) and nothing more
+// is taken.
 //
 // The slot has one reader per machine: from the first take on, this sender holds the slot's
 // reader claim (a reliable slot reader whose thread is never started) and reads the slot itself,
