@@ -4,7 +4,9 @@
 #include "GatewayBlock.h"
 
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
+#include <vector>
 
 namespace SlotGateway {
 
@@ -115,6 +117,116 @@ std::optional<Guid> PublicationGuid(dds_entity_t reader, dds_instance_handle_t p
 
 std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication) {
     return PublicationGuid(reader, publication, false);
+}
+
+MatchedPeers::MatchedPeers(dds_entity_t entity, bool ofWriter)
+    : entity_(entity), ofWriter_(ofWriter) {
+    dds_listener_t* listener = dds_create_listener(this);
+    if (ofWriter_) {
+        dds_lset_publication_matched(listener, &MatchedPeers::OnPublicationMatched);
+    } else {
+        dds_lset_subscription_matched(listener, &MatchedPeers::OnSubscriptionMatched);
+    }
+    const dds_return_t rc = dds_set_listener(entity_, listener);
+    dds_delete_listener(listener);
+    Check(rc, "dds_set_listener");
+    // Matches made before the listener was set.
+    std::vector<dds_instance_handle_t> handles(16);
+    for (;;) {
+        const dds_return_t n =
+            ofWriter_ ? dds_get_matched_subscriptions(entity_, handles.data(), handles.size())
+                      : dds_get_matched_publications(entity_, handles.data(), handles.size());
+        Check(n, ofWriter_ ? "dds_get_matched_subscriptions" : "dds_get_matched_publications");
+        const bool fitted = static_cast<std::size_t>(n) <= handles.size();
+        handles.resize(static_cast<std::size_t>(n));
+        if (fitted) {
+            break;
+        }
+    }
+    for (const dds_instance_handle_t handle : handles) {
+        Learn(handle);
+    }
+}
+
+MatchedPeers::~MatchedPeers() {
+    dds_set_listener(entity_, nullptr);
+}
+
+void MatchedPeers::OnPublicationMatched(dds_entity_t, const dds_publication_matched_status_t status,
+                                        void* self) {
+    static_cast<MatchedPeers*>(self)->Learn(status.last_subscription_handle);
+}
+
+void MatchedPeers::OnSubscriptionMatched(dds_entity_t,
+                                         const dds_subscription_matched_status_t status,
+                                         void* self) {
+    static_cast<MatchedPeers*>(self)->Learn(status.last_publication_handle);
+}
+
+void MatchedPeers::Learn(dds_instance_handle_t handle) {
+    // Asked under the lock: whichever of the listener and the constructor asks last sees the
+    // latest state, so a departed endpoint is never taken for matched.
+    std::lock_guard<std::mutex> guard(mutex_);
+    dds_builtintopic_endpoint_t* endpoint = ofWriter_
+                                                ? dds_get_matched_subscription_data(entity_, handle)
+                                                : dds_get_matched_publication_data(entity_, handle);
+    if (endpoint == nullptr) {
+        const auto known = peers_.find(handle);
+        if (known != peers_.end()) {
+            known->second.matched = false;
+        }
+        return;
+    }
+    peers_[handle] = Peer{ToGuid(endpoint->participant_key), true};
+    dds_builtintopic_free_endpoint(endpoint);
+}
+
+std::optional<Guid> MatchedPeers::ParticipantOf(dds_instance_handle_t handle) const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    const auto known = peers_.find(handle);
+    if (known == peers_.end()) {
+        return std::nullopt;
+    }
+    return known->second.participant;
+}
+
+std::set<Guid> MatchedPeers::Matched() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    std::set<Guid> participants;
+    for (const auto& peer : peers_) {
+        if (peer.second.matched) {
+            participants.insert(peer.second.participant);
+        }
+    }
+    return participants;
+}
+
+std::map<dds_instance_handle_t, Guid> MatchedPeers::MatchedEndpoints() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    std::map<dds_instance_handle_t, Guid> endpoints;
+    for (const auto& peer : peers_) {
+        if (peer.second.matched) {
+            endpoints.emplace(peer.first, peer.second.participant);
+        }
+    }
+    return endpoints;
+}
+
+bool MatchedPeers::Knows(const Guid& participant) const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (const auto& peer : peers_) {
+        if (peer.second.participant == participant) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void MatchedPeers::Forget() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (auto it = peers_.begin(); it != peers_.end();) {
+        it = it->second.matched ? std::next(it) : peers_.erase(it);
+    }
 }
 
 }  // namespace SlotGateway

@@ -8,8 +8,11 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace SlotGateway {
@@ -62,5 +65,49 @@ using Guid = std::array<std::uint8_t, 16>;
 // The writer that published a sample `reader` received (the sample's publication handle);
 // nullopt once DDS no longer knows the writer.
 std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication);
+
+// The participants of the remote endpoints an entity matches: the readers of a writer, or the
+// writers of a reader. A listener learns each endpoint's participant while DDS makes the match
+// (for a reader, before the writer's first sample can reach it), so that no endpoint goes
+// unnoticed however briefly it stays; one that left is remembered until Forget(), since DDS
+// forgets it at once while a sample it sent may still wait to be taken. Thread-safe.
+class MatchedPeers {
+public:
+    // Sets `entity`'s listener (its only one) and learns the endpoints matched already.
+    MatchedPeers(dds_entity_t entity, bool ofWriter);
+    // Removes the listener, after a call of it in progress.
+    ~MatchedPeers();
+    MatchedPeers(const MatchedPeers&) = delete;
+    MatchedPeers& operator=(const MatchedPeers&) = delete;
+
+    // The participant of endpoint `handle`, matched now or since the last Forget().
+    std::optional<Guid> ParticipantOf(dds_instance_handle_t handle) const;
+    // The participants of the endpoints matched now.
+    std::set<Guid> Matched() const;
+    // The endpoints matched now, with their participants.
+    std::map<dds_instance_handle_t, Guid> MatchedEndpoints() const;
+    // `participant` had an endpoint matched now or since the last Forget().
+    bool Knows(const Guid& participant) const;
+    // Forgets the endpoints that have left.
+    void Forget();
+
+private:
+    struct Peer {
+        Guid participant;
+        bool matched;
+    };
+
+    static void OnPublicationMatched(dds_entity_t writer,
+                                     const dds_publication_matched_status_t status, void* self);
+    static void OnSubscriptionMatched(dds_entity_t reader,
+                                      const dds_subscription_matched_status_t status, void* self);
+    // Asks DDS about endpoint `handle`: matched (and whose), or gone.
+    void Learn(dds_instance_handle_t handle);
+
+    const dds_entity_t entity_;
+    const bool ofWriter_;
+    mutable std::mutex mutex_;
+    std::map<dds_instance_handle_t, Peer> peers_;  // guarded by mutex_
+};
 
 }  // namespace SlotGateway

@@ -17,6 +17,8 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <stdexcept>
 
 namespace SlotGateway {
@@ -25,6 +27,10 @@ namespace {
 
 // How long the thread sleeps at most between looks at the stop flag and the matched receivers.
 constexpr std::chrono::milliseconds kPoll(20);
+
+// A bound on the acknowledgements of one block kept while their writer is not known as a
+// receiving gateway (a forger's stay so for ever).
+constexpr std::size_t kMaxUnplaced = 64;
 
 }  // namespace
 
@@ -38,7 +44,9 @@ ReliableSender::ReliableSender(const Route& route, std::uint64_t gatewayId, dds_
       ackReader_(ackReader),
       stop_(stop),
       grace_(grace),
-      counters_(counters) {
+      counters_(counters),
+      readers_(writer, true),
+      acknowledgers_(ackReader, false) {
     ackCondition_ =
         Check(dds_create_readcondition(ackReader_, DDS_ANY_STATE), "dds_create_readcondition");
     ackWaitset_ = Check(dds_create_waitset(DDS_CYCLONEDDS_HANDLE), "dds_create_waitset");
@@ -78,7 +86,7 @@ void ReliableSender::Run() {
             if (!holding_) {
                 // The check comes right before the take: a block is taken only while a receiving
                 // gateway is matched.
-                if (MatchedReaders() == 0) {
+                if (ReceivingGateways().empty()) {
                     stop_.WaitFor(kPoll);
                     continue;
                 }
@@ -128,7 +136,7 @@ void ReliableSender::RunPool() {
         if (!poolReader_) {
             // The reader starts only while a receiving gateway is matched; once started, a block
             // waits in its callback for a receiver.
-            if (MatchedReaders() == 0) {
+            if (ReceivingGateways().empty()) {
                 stop_.WaitFor(kPoll);
                 continue;
             }
@@ -224,17 +232,21 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
         }
         return Clock::now() >= deadline;
     };
+    // Endpoints that left before this block is published cannot have stored it.
+    readers_.Forget();
+    acknowledgers_.Forget();
     for (bool first = true;; first = false) {
         if (!first) {
             ++counters_.retried;
         }
-        while (MatchedReaders() == 0) {
+        while (ReceivingGateways().empty()) {
             if (givingUp()) {
                 return false;
             }
             stop_.WaitFor(kPoll);
         }
         const Matches before = PublicationMatches(writer_);
+        const std::map<dds_instance_handle_t, Guid> publishedTo = readers_.MatchedEndpoints();
         const dds_return_t written = dds_write(writer_, &sample);
         if (written != DDS_RETCODE_OK) {
             if (written != DDS_RETCODE_TIMEOUT) {
@@ -247,22 +259,34 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
             }
             continue;
         }
-        // Done when every matched receiving gateway stored the block in its slot. A receiver
-        // that left before storing it (a restart) or one that matched after the publication (a
-        // restart's successor: the topic keeps no history for late readers) makes the block go
-        // out again at once: receivers that have it recognise the serial and only acknowledge
-        // it once more.
-        std::set<std::uint64_t> storedBy;
+        // Done once a receiving gateway stored the block in its slot, and every other one that
+        // was matched when it was published, and still is, stored it too. While none has, a
+        // receiver that left (a restart) or one that matched after the publication (a restart's
+        // successor: the topic keeps no history for late readers) makes the block go out again
+        // at once: receivers that have it recognise the serial and only acknowledge it once more.
+        // One that acknowledged and left counts as having stored it, and its successor is not
+        // sent the block: the receivers are looked at before the acknowledgements, and one that
+        // has left sent its acknowledgements before.
+        std::set<Guid> storedBy;
+        std::vector<dds_instance_handle_t> unplaced;
         bool again = false;
         for (;;) {
-            TakeAcks(sample.serial, storedBy);
             const Matches now = PublicationMatches(writer_);
-            if (!storedBy.empty() && storedBy.size() >= now.current) {
+            const std::set<Guid> receivers = ReceivingGateways();
+            const std::map<dds_instance_handle_t, Guid> readers = readers_.MatchedEndpoints();
+            TakeAcks(sample.serial, storedBy, unplaced);
+            bool allStored = !storedBy.empty();
+            for (const auto& reader : publishedTo) {
+                allStored = allStored && (readers.count(reader.first) == 0 ||
+                                          receivers.count(reader.second) == 0 ||
+                                          storedBy.count(reader.second) != 0);
+            }
+            if (allStored) {
                 break;
             }
             const bool someLeft = now.total - now.current != before.total - before.current;
             const bool someCame = now.total != before.total;
-            if (someCame || (storedBy.empty() && (now.current == 0 || someLeft))) {
+            if (storedBy.empty() && (someCame || receivers.empty() || someLeft)) {
                 again = true;
                 break;
             }
@@ -281,7 +305,29 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
     }
 }
 
-void ReliableSender::TakeAcks(std::uint64_t serial, std::set<std::uint64_t>& storedBy) {
+std::set<Guid> ReliableSender::ReceivingGateways() const {
+    const std::set<Guid> readers = readers_.Matched();
+    const std::set<Guid> acknowledgers = acknowledgers_.Matched();
+    std::set<Guid> both;
+    std::set_intersection(readers.begin(), readers.end(), acknowledgers.begin(),
+                          acknowledgers.end(), std::inserter(both, both.end()));
+    return both;
+}
+
+void ReliableSender::TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy,
+                              std::vector<dds_instance_handle_t>& unplaced) {
+    // Anyone on the domain can publish an acknowledgement naming any gateway as the one that
+    // stored the block: it counts for the participant DDS names as its writer, and only when
+    // that participant reads (or read, since the block was published) this route's blocks.
+    auto place = [&](dds_instance_handle_t writer) {
+        const std::optional<Guid> participant = acknowledgers_.ParticipantOf(writer);
+        if (participant && readers_.Knows(*participant)) {
+            storedBy.insert(*participant);
+            return true;
+        }
+        return false;
+    };
+    unplaced.erase(std::remove_if(unplaced.begin(), unplaced.end(), place), unplaced.end());
     for (;;) {
         void* samples[1] = {nullptr};
         dds_sample_info_t info[1];
@@ -291,11 +337,10 @@ void ReliableSender::TakeAcks(std::uint64_t serial, std::set<std::uint64_t>& sto
         }
         if (info[0].valid_data) {
             const auto* ack = static_cast<const SlotGatewayWire_Block*>(samples[0]);
-            std::uint64_t receiver = 0;
             if (ack->gateway == gatewayId_ && ack->serial == serial &&
-                ack->data._length == sizeof receiver) {
-                std::memcpy(&receiver, ack->data._buffer, sizeof receiver);
-                storedBy.insert(receiver);
+                ack->data._length == sizeof(std::uint64_t) && !place(info[0].publication_handle) &&
+                unplaced.size() < kMaxUnplaced) {
+                unplaced.push_back(info[0].publication_handle);
             }
         }
         dds_return_loan(ackReader_, samples, n);

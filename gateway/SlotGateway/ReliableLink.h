@@ -5,6 +5,7 @@
 #pragma once
 
 #include <SlotGateway/Config.h>
+#include <SlotGateway/Dds.h>
 #include <SlotGateway/Internal.h>
 
 #include <Slot/ISlot.h>
@@ -27,10 +28,15 @@ namespace SlotGateway {
 // The sending side of a reliable route, on a thread of its own.
 //
 // The thread takes one block at a time from the slot, and only while a receiving gateway is
-// matched, publishes it, and keeps it in hand until every matched receiving gateway has stored
-// it (an acknowledgement on "<topic>/ack"). A receiver that leaves before acknowledging gets the
-// block again from its successor; a receiver that matches meanwhile gets it at once. Without a
-// receiver the block stays in hand (its place in the order kept) and nothing more is taken.
+// matched, publishes it, and keeps it in hand until a receiving gateway has stored it (an
+// acknowledgement on "<topic>/ack"), and every other one matched at the publication too, unless it
+// left. A receiving gateway is a participant with both a reader of the topic and a writer of
+// acknowledgements; an acknowledgement counts for the participant DDS names as its writer, never
+// for what it says, and only when that participant is or was a receiving gateway of the block.
+// Another reader (a monitoring tool) is not waited for. A receiver that leaves before acknowledging
+// gets the block again from its successor; one that matches while none has stored it gets it at
+// once. Without a receiver the block stays in hand (its place in the order kept) and nothing more
+// is taken.
 //
 // The slot has one reader per machine: from the first take on, this sender holds the slot's
 // reader claim (a reliable slot reader whose thread is never started) and reads the slot itself,
@@ -77,8 +83,13 @@ private:
     bool Deliver(const void* data, std::size_t size);
     // Puts the block in hand back at the head of the slot's queue, or drops it (logged).
     void GiveBack();
-    // Adds the receiving gateways that acknowledged block `serial`.
-    void TakeAcks(std::uint64_t serial, std::set<std::uint64_t>& storedBy);
+    // The participants matched now as receiving gateways.
+    std::set<Guid> ReceivingGateways() const;
+    // Adds the receiving gateways that acknowledged block `serial`. An acknowledgement that
+    // cannot be told to come from one yet is kept in `unplaced` (its writer) and looked at again
+    // on the next call: the listener that learns a reader may run after it got the block.
+    void TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy,
+                  std::vector<dds_instance_handle_t>& unplaced);
 
     const Route route_;
     const RouteSlotCfg cfg_;
@@ -88,6 +99,9 @@ private:
     StopFlag& stop_;
     const std::chrono::milliseconds grace_;
     AtomicCounters& counters_;
+    // Who reads the blocks and who writes acknowledgements, by participant.
+    MatchedPeers readers_;
+    MatchedPeers acknowledgers_;
     dds_entity_t ackCondition_ = 0;
     dds_entity_t ackWaitset_ = 0;
 

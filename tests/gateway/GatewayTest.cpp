@@ -132,16 +132,26 @@ void WriteHeld(const ISubscriberPtr& writer, const std::string& name, const Byte
     }
 }
 
-// Anything else on the DDS domain: publishes samples of the gateway's own type on a route's topic,
-// saying whatever it likes about whose they are.
+// Anything else on the DDS domain: publishes samples of the gateway's own type on a route's topic
+// and acknowledgement topic, saying whatever it likes about whose they are; with `reads`, it also
+// reads the route's blocks without ever acknowledging one, as a monitoring tool would.
 class HostilePeer {
 public:
-    explicit HostilePeer(const Route& route) {
+    explicit HostilePeer(const Route& route, bool reads = false) {
         participant_ = CreateParticipant(route.domain, 500);
         const RouteEntities entities = CreateRouteEntities(participant_, route);
-        QosPtr qos(RouteQos(route));
+        QosPtr qos(RouteQos(route)), ackQos(AckQos());
         writer_ = Check(dds_create_writer(entities.publisher, entities.topic, qos.get(), nullptr),
                         "dds_create_writer");
+        if (reads) {
+            reader_ =
+                Check(dds_create_reader(entities.subscriber, entities.topic, qos.get(), nullptr),
+                      "dds_create_reader");
+        } else if (route.reliable()) {
+            ackWriter_ = Check(
+                dds_create_writer(entities.publisher, entities.ackTopic, ackQos.get(), nullptr),
+                "dds_create_writer");
+        }
     }
     ~HostilePeer() { dds_delete(participant_); }
     HostilePeer(const HostilePeer&) = delete;
@@ -149,17 +159,28 @@ public:
 
     // A block claiming to be block `serial` of gateway `gateway`, received once this returns.
     void PublishBlock(std::uint64_t gateway, std::uint64_t serial, const Bytes& data) {
-        const dds_entity_t writer = writer_;
+        Publish(writer_, gateway, serial, data.data(), data.size());
+    }
+    // An acknowledgement of block `serial` of gateway `gateway`, claiming that gateway `receiver`
+    // stored it; received once this returns.
+    void PublishAck(std::uint64_t gateway, std::uint64_t serial, std::uint64_t receiver) {
+        Publish(ackWriter_, gateway, serial, &receiver, sizeof receiver);
+    }
+
+private:
+    static void Publish(dds_entity_t writer, std::uint64_t gateway, std::uint64_t serial,
+                        const void* data, std::size_t size) {
         ASSERT_TRUE(Eventually([&] { return PublicationMatches(writer).current >= 1; },
                                std::chrono::seconds(20)));
-        SlotGatewayWire_Block sample = WireSample(gateway, serial, data.data(), data.size());
+        SlotGatewayWire_Block sample = WireSample(gateway, serial, data, size);
         ASSERT_EQ(dds_write(writer, &sample), DDS_RETCODE_OK);
         ASSERT_EQ(dds_wait_for_acks(writer, DDS_SECS(20)), DDS_RETCODE_OK);
     }
 
-private:
     dds_entity_t participant_ = 0;
     dds_entity_t writer_ = 0;
+    dds_entity_t reader_ = 0;
+    dds_entity_t ackWriter_ = 0;
 };
 
 }  // namespace
@@ -224,6 +245,9 @@ TEST(Gateway, DiscardingDeliversLatestStateToLateJoiner) {
     RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
     Gateway sending(OneRoute(link.out));
+    // The slot's reader passes on only states younger than the update time: it must run before
+    // they are written, also on a loaded machine.
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, std::chrono::seconds(20)));
     for (unsigned n = 1; n <= 50; ++n) {
         const std::string state = "state " + std::to_string(n);
         writer->onNotify(source, state.data(), state.size());
@@ -508,4 +532,66 @@ TEST(Gateway, BlockLargerThanTheExistingSlotIsDroppedNotRetriedForever) {
     ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(20))) << receiving.StatusJson();
     EXPECT_EQ(BlocksOf(*collector), std::vector<Bytes>{small});
     EXPECT_EQ(receiving.Status()[0].counters.dropped, 1u);
+}
+
+// Acknowledgements from a participant that reads none of the route's blocks do not count, whatever
+// receiver they name: the block stays in the sender's hand, and goes back to the head of the slot
+// when no receiver stored it.
+TEST(GatewayHostile, ForgedAcknowledgementDoesNotReleaseTheBlockInHand) {
+    testsupport::ScopedSlotName source("gw_foe_ack_src"), destination("gw_foe_ack_dst");
+    // Nobody reads the destination: it holds block 0 and refuses block 1.
+    const Link link = MakeLink(source, destination, "reliable", 512, 8, 1);
+    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&sourceCfg);
+    boost::shared_ptr<ISlot> destinationSlot = SlotFactory::CreateSlot(&destinationCfg);
+    Config sendingConfig = OneRoute(link.out), receivingConfig = OneRoute(link.in);
+    sendingConfig.stopGraceMs = 300;
+    receivingConfig.stopGraceMs = 200;
+    Gateway sending(sendingConfig);
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    for (unsigned n = 0; n < 5; ++n) {
+        WriteHeld(writer, source, NumberedBlock(n, 512));
+    }
+    ASSERT_TRUE(Eventually([&] { return receiving->Status()[0].counters.refused >= 1; },
+                           std::chrono::seconds(30)));
+
+    // Block 1 (serial 2) "stored" by the real receiving gateway, and by one that is not there.
+    HostilePeer foe(link.out);
+    foe.PublishAck(sending.Id(), 2, receiving->Id());
+    foe.PublishAck(sending.Id(), 2, 42);
+    receiving.reset();  // stops within its grace, block 1 unstored
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; },
+                           std::chrono::seconds(30)));
+    sending.Stop();
+    EXPECT_EQ(sending.Status()[0].counters.forwarded, 1u);
+    ASSERT_EQ(slot->GetBufferLength(), 4u);
+    for (unsigned n = 1; n < 5; ++n) {
+        char buffer[512];
+        const size_t size = slot->ReadData(buffer, sizeof buffer);
+        EXPECT_EQ(Bytes(buffer, buffer + size), NumberedBlock(n, 512)) << "block " << n;
+    }
+}
+
+// A reader of the topic that is not a gateway (it never acknowledges) does not hold the sender
+// back: a block is done once every receiving gateway stored it.
+TEST(GatewayHostile, ForeignReaderDoesNotStallTheSender) {
+    testsupport::ScopedSlotName source("gw_foe_rd_src"), destination("gw_foe_rd_dst");
+    const Link link = MakeLink(source, destination, "reliable", 512, 8, 8);
+    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
+    HostilePeer monitor(link.out, true);
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 2; },
+                           std::chrono::seconds(20)));
+    for (unsigned n = 0; n < 4; ++n) {
+        WriteHeld(writer, source, NumberedBlock(n, 512));
+    }
+    ExpectNumbered(*collector, 4, 512);
+    EXPECT_TRUE(Eventually([&] { return sending.Status()[0].counters.forwarded == 4; },
+                           std::chrono::seconds(20)))
+        << sending.StatusJson();
 }
