@@ -95,8 +95,11 @@ private:
         const std::uint64_t claim = segment_.header().readerClaim.load();
         std::string who;
         if (claim >= 1 && claim <= MaxPoolAttachments) {
-            who = " (process " +
-                  std::to_string(segment_.attachment(claim - 1).word.load() & 0xffffffffu) + ")";
+            // Another namespace's pid would name nobody, or somebody else, here.
+            const PoolAttachmentSlot& entry = segment_.attachment(claim - 1);
+            who = EntryPidNamespace(entry).SameAs(OwnPidNamespace())
+                      ? " (process " + std::to_string(entry.word.load() & AttachPidMask) + ")"
+                      : " (a process in another pid namespace)";
         }
         throw AbortSlotCreationException("Cannot create a second reader for queue pool '" +
                                          segment_.name() + "': it has one" + who);

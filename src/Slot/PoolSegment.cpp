@@ -31,13 +31,12 @@ namespace Slot {
 
 namespace {
 
-constexpr std::uint64_t PidMask = 0xffffffffull;
 constexpr unsigned ReaperShift = 32;
 // How long a reaper waits for the writers' mutex (a live writer holds it for a few stores).
 constexpr long ReapLockSeconds = 2;
 
 std::uint64_t Word(pid_t pid) {
-    return AttachInUse | (static_cast<std::uint64_t>(pid) & PidMask);
+    return AttachInUse | (static_cast<std::uint64_t>(pid) & AttachPidMask);
 }
 
 bool AddOverflows(std::uint64_t a, std::uint64_t b, std::uint64_t& out) {
@@ -620,7 +619,7 @@ bool PoolSegment::OwnerAlive(unsigned index, std::uint64_t word, const PidNamesp
     const PoolAttachmentSlot& entry = attachments_[index];
     if (EntryPidNamespace(entry).SameAs(mine)) {
         // Tells a forked child, a zombie and a recycled pid from the owner.
-        return PoolProcessAlive(static_cast<pid_t>(word & PidMask), entry.startTime.load());
+        return PoolProcessAlive(static_cast<pid_t>(word & AttachPidMask), entry.startTime.load());
     }
     // Another namespace's pid means nothing here (or names another process), and an entry
     // whose namespace is not written yet is judged the same way: by its owner's lock.
@@ -653,7 +652,7 @@ unsigned PoolSegment::ReapDead() {
                                ((word & AttachReaping) || !OwnerAlive(i, word, ns));
             const std::uint64_t mine = AttachInUse | AttachReaping |
                                        (static_cast<std::uint64_t>(me) << ReaperShift) |
-                                       (word & PidMask);
+                                       (word & AttachPidMask);
             if (still && attachments_[i].word.compare_exchange_strong(word, mine)) {
                 ReapEntry(i, word, mine);
                 ++reaped;
@@ -710,7 +709,7 @@ void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mi
         }
     }
     TryReclaimAll();
-    LOG4CXX_ERROR(logger_, "Pool '" << name_ << "': process " << (word & PidMask) << " died; "
+    LOG4CXX_ERROR(logger_, "Pool '" << name_ << "': process " << (word & AttachPidMask) << " died; "
                                     << returned
                                     << " block(s) it held or had loaned returned to the pool");
     attachments_[index].startTime.store(0);

@@ -66,7 +66,8 @@ constexpr std::uint64_t StateConsumed = 3ull << 62;   // | sequence: popped from
 
 // Attachment words (PoolAttachmentSlot::word): 0 when the entry is free.
 constexpr std::uint64_t AttachInUse = 1ull << 63;
-constexpr std::uint64_t AttachReaping = 1ull << 62;  // | reaper pid << 32: being reaped
+constexpr std::uint64_t AttachReaping = 1ull << 62;     // | reaper pid << 32: being reaped
+constexpr std::uint64_t AttachPidMask = 0xffffffffull;  // the owner's pid
 
 // The latest word and ring entries: (sequence << 8) | index; 0 = none (sequences start at 1).
 inline std::uint64_t BlockRef(std::uint64_t sequence, unsigned index) {

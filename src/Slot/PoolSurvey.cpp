@@ -58,7 +58,7 @@ void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked, i
         if ((word & AttachInUse) == 0) {
             continue;
         }
-        const pid_t pid = static_cast<pid_t>(word & 0xffffffffu);
+        const pid_t pid = static_cast<pid_t>(word & AttachPidMask);
         const PidNamespace theirs = EntryPidNamespace(attachments[i]);
         if (theirs.SameAs(mine)) {
             pids[i] = pid;

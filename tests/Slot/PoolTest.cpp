@@ -951,6 +951,13 @@ TEST_F(PoolTest, EntriesOfOtherNamespacesAreJudgedByTheirOwnersLock) {
     EXPECT_EQ(1u, report.otherNamespaceAttached);
     EXPECT_EQ(0u, PoolFactory::Recover(pool.str()));
     EXPECT_EQ(WriteOutcome::Stored, loan.publish(8));
+
+    // A queue reader of another namespace is not named by its pid when a second one is refused.
+    INotifierPtr reader = PoolFactory::CreatePoolReader(config);  // entry 1, freed above
+    Poke(pool.str(), entry(1, offsetof(Slot::PoolAttachmentSlot, pidNamespace)), std::uint64_t{1});
+    EXPECT_EQ("Cannot create a second reader for queue pool '" + pool.str() +
+                  "': it has one (a process in another pid namespace)",
+              Thrown([&] { PoolFactory::CreatePoolReader(config); }));
 }
 
 TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
