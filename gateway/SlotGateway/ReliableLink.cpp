@@ -70,10 +70,6 @@ void ReliableSender::Stop() {
     dds_wait_for_acks(writer_, DDS_MSECS(grace_.count()));
 }
 
-std::uint32_t ReliableSender::MatchedReaders() const {
-    return PublicationMatches(writer_).current;
-}
-
 void ReliableSender::Run() {
     if (route_.isPool()) {
         RunPool();

@@ -66,7 +66,6 @@ public:
 
     // The slot's reader claim is held (the slot is being read).
     bool Sending() const { return claimed_; }
-    std::uint32_t MatchedReaders() const;
 
 private:
     void Run();
