@@ -71,6 +71,20 @@ std::string CommandOf(const std::string& proc) {
     return line;
 }
 
+// Whether descriptor `fd` of the process at `proc` is open for reading only, as its fdinfo tells.
+// The library opens a slot's objects for reading and writing; a read-only descriptor is an
+// inspector's look (slotctl and the survey read the objects with pread), not an attachment.
+bool OpenReadOnly(const std::string& proc, const char* fd) {
+    bool ok = false;
+    const std::string info = ReadSmallFile(proc + "/fdinfo/" + fd, ok);
+    const size_t at = info.find("flags:");
+    if (!ok || at == std::string::npos) {
+        return false;  // gone meanwhile: counted as it was seen
+    }
+    const unsigned long flags = std::strtoul(info.c_str() + at + 6, nullptr, 8);
+    return (flags & O_ACCMODE) == O_RDONLY;
+}
+
 // The path column of each line of a maps file: what follows the fifth field.
 void MappedPaths(const std::string& maps, const std::string& header, const std::string& queue,
                  SlotAttachment& process) {
@@ -161,6 +175,9 @@ SlotAttachmentList SlotAttachments::Find(const std::string& name, const std::str
                     continue;
                 }
                 const std::string path(target, static_cast<size_t>(n));
+                if ((path == header || path == queue) && OpenReadOnly(dir, fd->d_name)) {
+                    continue;
+                }
                 process.header = process.header || path == header;
                 process.queue = process.queue || path == queue;
                 process.pipe = process.pipe || (!pipePath.empty() && path == pipePath);

@@ -12,7 +12,9 @@
 // A process is attached when it maps or holds open the slot's header segment "<name>" or its
 // queue "queue_<name>" (seen in /proc/<pid>/maps and /proc/<pid>/fd), holds open the posix-pipe
 // FIFO of that name, or holds the reliable reader's lock file. Objects that were removed while
-// mapped ("(deleted)") belong to an earlier slot of the name and do not count.
+// mapped ("(deleted)") belong to an earlier slot of the name and do not count, nor does a
+// descriptor of the header or queue open for reading only: that is an inspector (slotctl, a
+// survey) reading the object for a moment.
 //
 // Only processes whose /proc entries this process may read are seen: as an ordinary user, other
 // users' processes are counted in `unreadable` instead. The answer is a snapshot.

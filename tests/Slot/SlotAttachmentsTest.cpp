@@ -8,9 +8,11 @@
 #include <Slot/SlotActivity.h>
 #include <Slot/SlotAttachments.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotNames.h>
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <unistd.h>
 #include <algorithm>
 #include <random>
@@ -74,8 +76,22 @@ TEST(SlotAttachments, AWriterAndAReaderProcessAreListedUntilTheyEnd) {
     });
     ASSERT_TRUE(writerReady.WaitFor());
     ASSERT_TRUE(readerReady.WaitFor());
+    // This process looks at the header as an inspector does (read only): that is no attachment.
+    // A descriptor open for writing is one, even unmapped.
+    const std::string headerPath = Slot::ShmPath(Slot::HeaderObjectName(name));
+    const std::string queuePath = Slot::ShmPath(Slot::QueueObjectName(name));
+    const int look = ::open(headerPath.c_str(), O_RDONLY | O_CLOEXEC);
+    const int use = ::open(queuePath.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(look, 0);
+    ASSERT_GE(use, 0);
+    const SlotAttachmentList withUse = SlotAttachments::Find(name);
+    ::close(use);
+    const SlotAttachment* self = Find(withUse, ::getpid());
+    ASSERT_NE(nullptr, self);
+    EXPECT_EQ("queue", self->What());
 
     const SlotAttachmentList list = SlotAttachments::Find(name);
+    ::close(look);
     const SlotAttachment* w = Find(list, writer.Pid());
     const SlotAttachment* r = Find(list, reader.Pid());
     ASSERT_NE(nullptr, w);
