@@ -232,11 +232,14 @@ PairOutcome RunPair(Harness& h, RunParams& params, const std::string& readerRole
     h.control->Reset();
     const std::uint64_t deadline = NowNs() + deadlineMs * 1000000ull;
     std::vector<Child> children;
-    // The spinning floor is pinned always: it is the least a hand-over costs when each end has
-    // a core of its own. Left to the scheduler on a loaded machine, both ends share a core for
+    // A reader that busy-polls is pinned always, the spinning floor's as every other: the floor
+    // is the least a hand-over costs when each end has a core of its own, and the spinning
+    // readers are set beside it under the same condition (a busy-polling reader is deployed on
+    // a core of its own). Left to the scheduler on a loaded machine, both ends share a core for
     // much of the run and each hand-over waits for a time slice (3.9 µs instead of 0.07 µs).
+    const TransportInfo* info = FindTransport(params.transport);
     const bool pin =
-        h.pin || (params.transport == "floor-spin" && sysconf(_SC_NPROCESSORS_ONLN) >= 2);
+        h.pin || (info != nullptr && info->spinning && sysconf(_SC_NPROCESSORS_ONLN) >= 2);
     try {
         PrepareTransport(params);
     } catch (const std::exception& e) {
