@@ -13,12 +13,14 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -63,6 +65,54 @@ int LockOneByte(int fd, short type, std::uint64_t byte) {
     lock.l_len = 1;
     return ::fcntl(fd, F_OFD_SETLK, &lock) == 0 ? 0 : errno;
 }
+
+// The attachments' lock descriptors of this process. A child forked without exec would share
+// each description, and with it the lock: the entry of a parent that died first would look
+// alive to every judge that goes by the lock until the child ended. So the child closes its
+// copies at once (the parent's descriptors keep the locks) and marks them closed, so that its
+// copies of the attachments close nothing later. Guarded by `mutex`, which the fork handlers
+// take around the fork so that no descriptor is between its open and its registration.
+struct AttachmentFds {
+    pthread_mutex_t mutex;
+    std::vector<int*>* fds;  // never freed: usable during static teardown
+};
+
+AttachmentFds attachmentFds = {PTHREAD_MUTEX_INITIALIZER, nullptr};
+pthread_once_t attachmentFdsOnce = PTHREAD_ONCE_INIT;
+
+void AttachmentFdsPrepare() {
+    pthread_mutex_lock(&attachmentFds.mutex);
+}
+void AttachmentFdsParent() {
+    pthread_mutex_unlock(&attachmentFds.mutex);
+}
+// Only async-signal-safe calls: the child of a threaded process may have been forked while
+// another thread was in malloc. The mutex is made anew: its owner does not exist here.
+void AttachmentFdsChild() {
+    pthread_mutex_init(&attachmentFds.mutex, nullptr);
+    for (int* fd : *attachmentFds.fds) {
+        if (*fd >= 0) {
+            ::close(*fd);
+            *fd = -1;
+        }
+    }
+}
+
+void InitAttachmentFds() {
+    attachmentFds.fds = new std::vector<int*>;
+    pthread_atfork(AttachmentFdsPrepare, AttachmentFdsParent, AttachmentFdsChild);
+}
+
+class AttachmentFdsLock {
+public:
+    AttachmentFdsLock() {
+        pthread_once(&attachmentFdsOnce, InitAttachmentFds);
+        pthread_mutex_lock(&attachmentFds.mutex);
+    }
+    ~AttachmentFdsLock() { pthread_mutex_unlock(&attachmentFds.mutex); }
+    AttachmentFdsLock(const AttachmentFdsLock&) = delete;
+    AttachmentFdsLock& operator=(const AttachmentFdsLock&) = delete;
+};
 
 bool TryLockByte(int fd, std::uint64_t byte) {
     return LockOneByte(fd, F_WRLCK, byte) == 0;
@@ -521,6 +571,9 @@ unsigned PoolSegment::Attach(int& lockFd) {
     const pid_t me = ::getpid();
     const std::uint64_t start = PoolProcessStartTime(me);
     const PidNamespace ns = OwnPidNamespace();
+    // From the open of the descriptor to its registration, no fork: a child would keep it.
+    AttachmentFdsLock registry;
+    attachmentFds.fds->reserve(attachmentFds.fds->size() + 1);
     Fd fd(Reopen());
     for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
         // The lock comes before the entry: an entry in use without its owner's lock is one
@@ -542,6 +595,7 @@ unsigned PoolSegment::Attach(int& lockFd) {
             attachments_[i].startTime.store(start);
             lockFd = fd.fd;
             fd.fd = -1;
+            attachmentFds.fds->push_back(&lockFd);
             return i;
         }
         UnlockByte(fd.fd, PoolOwnerLockByte(i));
@@ -551,7 +605,7 @@ unsigned PoolSegment::Attach(int& lockFd) {
                                      " writers and readers are attached already");
 }
 
-void PoolSegment::Detach(unsigned index, int lockFd) {
+void PoolSegment::Detach(unsigned index, int& lockFd) {
     std::uint64_t expected = Word(::getpid());
     // A child forked with the attachment leaves the parent's entry alone.
     if (attachments_[index].word.load() == expected) {
@@ -560,8 +614,15 @@ void PoolSegment::Detach(unsigned index, int lockFd) {
         attachments_[index].pidNamespaceDevice.store(0);
         attachments_[index].word.compare_exchange_strong(expected, 0);
     }
-    // Closing the descriptor drops the entry's lock, after the entry is free.
-    ::close(lockFd);
+    // Closing the descriptor drops the entry's lock, after the entry is free. In a forked
+    // child it was closed at the fork (-1).
+    AttachmentFdsLock registry;
+    std::vector<int*>& fds = *attachmentFds.fds;
+    fds.erase(std::remove(fds.begin(), fds.end(), &lockFd), fds.end());
+    if (lockFd >= 0) {
+        ::close(lockFd);
+        lockFd = -1;
+    }
 }
 
 void PoolSegment::TryReclaim(unsigned index) {

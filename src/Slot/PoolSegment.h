@@ -247,11 +247,12 @@ public:
     }
 
     // Claims a free attachment entry for this process: reaps dead entries first. `lockFd` is
-    // the entry's own descriptor of the file, holding its lock; the caller keeps it open until
+    // the entry's own descriptor of the file, holding its lock; the caller keeps the variable
+    // (registered by its address: a forked child closes its copy and sets it to -1) until
     // Detach. Throws AbortSlotCreationException when all are in use.
     unsigned Attach(int& lockFd);
     // Frees the entry (the caller released every block it held or loaned) and closes `lockFd`.
-    void Detach(unsigned index, int lockFd);
+    void Detach(unsigned index, int& lockFd);
 
     // Frees block `index` when nobody can read it any more: Published(s) and no longer the
     // latest block (latest kind) or Consumed (queue kind), with no holders.

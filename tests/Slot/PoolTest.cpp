@@ -19,6 +19,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -31,6 +32,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -958,6 +960,51 @@ TEST_F(PoolTest, EntriesOfOtherNamespacesAreJudgedByTheirOwnersLock) {
     EXPECT_EQ("Cannot create a second reader for queue pool '" + pool.str() +
                   "': it has one (a process in another pid namespace)",
               Thrown([&] { PoolFactory::CreatePoolReader(config); }));
+}
+
+// A child forked without exec shares its parent's descriptors, so it would share the lock of
+// the parent's attachment: a parent killed before its child would look alive to every judge
+// that goes by the lock (one in another pid namespace) for as long as the child lived.
+TEST_F(PoolTest, AChildForkedWithoutExecDoesNotKeepItsParentsEntryAlive) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    // The forked child lives until this end of the pipe closes (here, or when the test ends).
+    int release[2];
+    ASSERT_EQ(0, ::pipe2(release, O_CLOEXEC));
+    std::unique_ptr<int, void (*)(int*)> releaseEnd(&release[1], [](int* fd) { ::close(*fd); });
+    auto forked = testsupport::SharedWithChildren<std::atomic<pid_t>>();
+    testsupport::PipeSignal ready;
+    testsupport::ChildProcess parent([&] {
+        auto writer = PoolFactory::CreatePoolWriter(config);  // entry 0
+        Slot::PoolLoan loan = writer->loan(8);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::close(release[1]);
+            char byte;
+            while (::read(release[0], &byte, 1) < 0 && errno == EINTR) {
+            }
+            ::_exit(0);
+        }
+        forked->store(child);
+        ready.Post();
+        ::pause();
+        return 0;
+    });
+    ::close(release[0]);
+    ASSERT_TRUE(ready.WaitFor());
+    // Recorded as another namespace's: judged by its lock alone.
+    Poke(pool.str(), sizeof(Slot::PoolHeader) + offsetof(Slot::PoolAttachmentSlot, pidNamespace),
+         std::uint64_t{1});
+    parent.Kill(SIGKILL);
+    parent.Wait();
+    ASSERT_EQ(0, ::kill(forked->load(), 0)) << "the forked child lives on";
+
+    testsupport::LogCapture log("Slot.Pool");
+    EXPECT_EQ(1u, PoolFactory::Recover(pool.str()));
+    EXPECT_EQ(1u, log.Count("ERROR", "Pool '" + pool.str() + "': process " +
+                                         std::to_string(parent.Pid()) +
+                                         " died; 1 block(s) it held or had loaned returned to "
+                                         "the pool"));
 }
 
 TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
