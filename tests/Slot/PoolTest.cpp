@@ -973,12 +973,14 @@ TEST_F(PoolTest, AChildForkedWithoutExecDoesNotKeepItsParentsEntryAlive) {
     ASSERT_EQ(0, ::pipe2(release, O_CLOEXEC));
     std::unique_ptr<int, void (*)(int*)> releaseEnd(&release[1], [](int* fd) { ::close(*fd); });
     auto forked = testsupport::SharedWithChildren<std::atomic<pid_t>>();
-    testsupport::PipeSignal ready;
+    testsupport::PipeSignal ready, childRuns;
     testsupport::ChildProcess parent([&] {
         auto writer = PoolFactory::CreatePoolWriter(config);  // entry 0
         Slot::PoolLoan loan = writer->loan(8);
         const pid_t child = ::fork();
         if (child == 0) {
+            // Its copies are closed at the fork, before it runs this.
+            childRuns.Post();
             ::close(release[1]);
             char byte;
             while (::read(release[0], &byte, 1) < 0 && errno == EINTR) {
@@ -992,6 +994,7 @@ TEST_F(PoolTest, AChildForkedWithoutExecDoesNotKeepItsParentsEntryAlive) {
     });
     ::close(release[0]);
     ASSERT_TRUE(ready.WaitFor());
+    ASSERT_TRUE(childRuns.WaitFor());
     // Recorded as another namespace's: judged by its lock alone.
     Poke(pool.str(), sizeof(Slot::PoolHeader) + offsetof(Slot::PoolAttachmentSlot, pidNamespace),
          std::uint64_t{1});
