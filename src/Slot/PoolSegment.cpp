@@ -4,6 +4,7 @@
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/SlotNames.h>
 
+#include <shared/AtForkMutex.h>
 #include <shared/RobustMutex.h>
 #include <shared/SharedFolder.h>
 #include <shared/WriteOutcome.h>
@@ -13,7 +14,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/futex.h>
-#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/mman.h>
@@ -70,27 +70,16 @@ int LockOneByte(int fd, short type, std::uint64_t byte) {
 // each description, and with it the lock: the entry of a parent that died first would look
 // alive to every judge that goes by the lock until the child ended. So the child closes its
 // copies at once (the parent's descriptors keep the locks) and marks them closed, so that its
-// copies of the attachments close nothing later. Guarded by `mutex`, which the fork handlers
-// take around the fork so that no descriptor is between its open and its registration.
-struct AttachmentFds {
-    pthread_mutex_t mutex;
-    std::vector<int*>* fds;  // never freed: usable during static teardown
-};
+// copies of the attachments close nothing later. The fork takes the registry's lock, so no
+// descriptor is between its open and its registration then.
+std::vector<int*>* attachmentFds = nullptr;  // never freed: usable during static teardown
 
-AttachmentFds attachmentFds = {PTHREAD_MUTEX_INITIALIZER, nullptr};
-pthread_once_t attachmentFdsOnce = PTHREAD_ONCE_INIT;
+void InitAttachmentFds() {
+    attachmentFds = new std::vector<int*>;
+}
 
-void AttachmentFdsPrepare() {
-    pthread_mutex_lock(&attachmentFds.mutex);
-}
-void AttachmentFdsParent() {
-    pthread_mutex_unlock(&attachmentFds.mutex);
-}
-// Only async-signal-safe calls: the child of a threaded process may have been forked while
-// another thread was in malloc. The mutex is made anew: its owner does not exist here.
-void AttachmentFdsChild() {
-    pthread_mutex_init(&attachmentFds.mutex, nullptr);
-    for (int* fd : *attachmentFds.fds) {
+void CloseAttachmentFdsInChild() {
+    for (int* fd : *attachmentFds) {
         if (*fd >= 0) {
             ::close(*fd);
             *fd = -1;
@@ -98,21 +87,7 @@ void AttachmentFdsChild() {
     }
 }
 
-void InitAttachmentFds() {
-    attachmentFds.fds = new std::vector<int*>;
-    pthread_atfork(AttachmentFdsPrepare, AttachmentFdsParent, AttachmentFdsChild);
-}
-
-class AttachmentFdsLock {
-public:
-    AttachmentFdsLock() {
-        pthread_once(&attachmentFdsOnce, InitAttachmentFds);
-        pthread_mutex_lock(&attachmentFds.mutex);
-    }
-    ~AttachmentFdsLock() { pthread_mutex_unlock(&attachmentFds.mutex); }
-    AttachmentFdsLock(const AttachmentFdsLock&) = delete;
-    AttachmentFdsLock& operator=(const AttachmentFdsLock&) = delete;
-};
+using AttachmentFdsLock = shared::AtForkMutex<InitAttachmentFds, CloseAttachmentFdsInChild>::Lock;
 
 bool TryLockByte(int fd, std::uint64_t byte) {
     return LockOneByte(fd, F_WRLCK, byte) == 0;
@@ -573,7 +548,7 @@ unsigned PoolSegment::Attach(int& lockFd) {
     const PidNamespace ns = OwnPidNamespace();
     // From the open of the descriptor to its registration, no fork: a child would keep it.
     AttachmentFdsLock registry;
-    attachmentFds.fds->reserve(attachmentFds.fds->size() + 1);
+    attachmentFds->reserve(attachmentFds->size() + 1);
     Fd fd(Reopen());
     for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
         // The lock comes before the entry: an entry in use without its owner's lock is one
@@ -595,7 +570,7 @@ unsigned PoolSegment::Attach(int& lockFd) {
             attachments_[i].startTime.store(start);
             lockFd = fd.fd;
             fd.fd = -1;
-            attachmentFds.fds->push_back(&lockFd);
+            attachmentFds->push_back(&lockFd);
             return i;
         }
         UnlockByte(fd.fd, PoolOwnerLockByte(i));
@@ -617,7 +592,7 @@ void PoolSegment::Detach(unsigned index, int& lockFd) {
     // Closing the descriptor drops the entry's lock, after the entry is free. In a forked
     // child it was closed at the fork (-1).
     AttachmentFdsLock registry;
-    std::vector<int*>& fds = *attachmentFds.fds;
+    std::vector<int*>& fds = *attachmentFds;
     fds.erase(std::remove(fds.begin(), fds.end(), &lockFd), fds.end());
     if (lockFd >= 0) {
         ::close(lockFd);

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <shared/FileLock.h>
 
+#include <shared/AtForkMutex.h>
 #include <shared/SharedFolder.h>
 
 #include <boost/interprocess/exceptions.hpp>
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
@@ -31,7 +31,6 @@ struct FileLockEntry {
 namespace {
 
 struct Registry {
-    pthread_mutex_t mutex;
     std::vector<FileLockEntry*>* entries;  // never freed: usable during static teardown
     // Descriptors of files that already had an entry when they were opened again (only when
     // a file is swapped in under another name during the open). Closing one would drop the
@@ -39,40 +38,21 @@ struct Registry {
     std::vector<int>* parked;
 };
 
-Registry registry = {PTHREAD_MUTEX_INITIALIZER, nullptr, nullptr};
-pthread_once_t registryOnce = PTHREAD_ONCE_INIT;
+Registry registry = {nullptr, nullptr};
 
-void AtForkPrepare() {
-    pthread_mutex_lock(&registry.mutex);
+void InitRegistry() {
+    registry.entries = new std::vector<FileLockEntry*>;
+    registry.parked = new std::vector<int>;
 }
-void AtForkParent() {
-    pthread_mutex_unlock(&registry.mutex);
-}
-// The child holds no record lock: forget every holder. Its mutex is made anew, since the
-// thread that locked it does not exist in the child.
-void AtForkChild() {
-    pthread_mutex_init(&registry.mutex, nullptr);
+
+// The child holds no record lock: forget every holder.
+void ForgetHoldersInChild() {
     for (FileLockEntry* entry : *registry.entries) {
         entry->holder = nullptr;
     }
 }
 
-void InitRegistry() {
-    registry.entries = new std::vector<FileLockEntry*>;
-    registry.parked = new std::vector<int>;
-    pthread_atfork(AtForkPrepare, AtForkParent, AtForkChild);
-}
-
-class RegistryLock {
-public:
-    RegistryLock() {
-        pthread_once(&registryOnce, InitRegistry);
-        pthread_mutex_lock(&registry.mutex);
-    }
-    ~RegistryLock() { pthread_mutex_unlock(&registry.mutex); }
-    RegistryLock(const RegistryLock&) = delete;
-    RegistryLock& operator=(const RegistryLock&) = delete;
-};
+using RegistryLock = AtForkMutex<InitRegistry, ForgetHoldersInChild>::Lock;
 
 [[noreturn]] void Throw(const std::string& text) {
     throw boost::interprocess::interprocess_exception(text.c_str());
