@@ -546,7 +546,8 @@ unsigned PoolSegment::Attach(int& lockFd) {
     const pid_t me = ::getpid();
     const std::uint64_t start = PoolProcessStartTime(me);
     const PidNamespace ns = OwnPidNamespace();
-    // From the open of the descriptor to its registration, no fork: a child would keep it.
+    // From the open of the descriptor to its registration, no fork: a child would keep it. Room
+    // first, so that registering cannot throw once the entry is taken.
     AttachmentFdsLock registry;
     attachmentFds->reserve(attachmentFds->size() + 1);
     Fd fd(Reopen());
