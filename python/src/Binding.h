@@ -22,6 +22,8 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <cxxabi.h>
+
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -124,6 +126,12 @@ inline Slot::WriteOutcome WriteBuffer(shared::ISubscriber& writer, const std::st
                 outcome = Slot::LastWriteOutcome();
             });
         });
+#ifdef __GLIBCXX__
+    } catch (abi::__forced_unwind&) {
+        // The interpreter is being finalised and ends this thread (pthread_exit) as it takes the
+        // GIL back: the thread does not hold the GIL, so no Python object may be touched.
+        throw;
+#endif
     } catch (...) {
         PyBuffer_Release(&view);
         throw;

@@ -250,12 +250,6 @@ SHUTDOWN = textwrap.dedent("""
             for w in writers:
                 w.write(b"block")
     threading.Thread(target=write_forever, daemon=True).start()
-    large = libslot.Writer(base + "_b", max_size=4 << 20)
-    def write_large_forever():   # inside the library without the GIL at exit, nearly always
-        block = bytes(4 << 20)
-        while True:
-            large.write(block)
-    threading.Thread(target=write_large_forever, daemon=True).start()
     started.wait(30)
     print("exiting", flush=True)
     {exit}
@@ -268,7 +262,7 @@ def test_interpreter_exits_with_readers_running(name, how):
     try:
         result = run_python(script, name, timeout=120)
     finally:
-        for suffix in ("_r", "_d", "_p", "_q", "_b"):
+        for suffix in ("_r", "_d", "_p", "_q"):
             remove_everything(name + suffix)
     err = result.stderr.decode()
     assert result.returncode == (3 if how.startswith("sys.exit") else 0), err
