@@ -8,6 +8,7 @@
 //   the GIL released;
 // - reader threads take the GIL only to run a Python callback, and never once the interpreter
 //   has begun to shut down (the package stops every reader at exit, before finalisation);
+// - the GIL is taken back only through RestoreGil and CallbackGil (see the exit gate below);
 // - a reader's last C++ reference is never dropped while the GIL is held by the dropping
 //   thread, except on the reader's own thread, where the library defers the destruction.
 
@@ -78,9 +79,45 @@ auto CallLibrary(F&& f) -> decltype(f()) {
     }
 }
 
+// The exit gate. While the interpreter is being finalised, CPython (before 3.14) ends every
+// other thread that takes the GIL back with pthread_exit; in a thread coming back from the
+// library, that unwinding would run through this extension's and pybind11's frames, which drop
+// Python references without the GIL. So the package's exit hook closes the gate before
+// finalisation (CloseGilGate). From then on:
+// - a thread coming back from a library call is parked for the rest of the process instead of
+//   taking the GIL (RestoreGil). Only daemon threads can be there: the interpreter joins the
+//   others before the exit hooks run. Exempt are the thread that closed the gate and the
+//   threads the exit hooks join (reader threads in a callback, the log pump): parking them
+//   would hang the hook that waits for them;
+// - a reader thread no longer takes the GIL to run a callback (CallbackGil).
+// Threads already on their way to the GIL when it closes get it first.
+
+// Takes the GIL back after PyEval_SaveThread, or parks this thread for good if the gate is
+// closed.
+void RestoreGil(PyThreadState* state);
+// Closes the gate; called with the GIL, by the thread that finalises the interpreter.
+void CloseGilGate();
+
+// The GIL for a thread Python did not start, which the exit hooks join (a reader's thread, the
+// log pump), taken through the gate and released by the destructor. Not taken (held() false)
+// once the interpreter is shutting down, unless `evenAtExit`.
+class CallbackGil {
+public:
+    explicit CallbackGil(bool evenAtExit = false);
+    ~CallbackGil();
+    CallbackGil(const CallbackGil&) = delete;
+    CallbackGil& operator=(const CallbackGil&) = delete;
+
+    bool held() const { return held_; }
+
+private:
+    bool held_ = false;
+    PyGILState_STATE state_{};
+};
+
 // Runs `f` with the GIL released and takes the GIL back, also when `f` throws. Not an RAII
-// guard on purpose: a thread that takes the GIL back while the interpreter is being finalised is
-// ended by Python (pthread_exit), and that unwinding must not start inside a destructor.
+// guard on purpose: taking the GIL back may park the thread, which must not happen inside a
+// destructor during unwinding.
 template <typename F>
 auto WithoutGil(F&& f) -> decltype(f()) {
     using Result = decltype(f());
@@ -92,7 +129,7 @@ auto WithoutGil(F&& f) -> decltype(f()) {
         } catch (...) {
             error = std::current_exception();
         }
-        PyEval_RestoreThread(state);
+        RestoreGil(state);
         if (error)
             std::rethrow_exception(error);
     } else {
@@ -102,7 +139,7 @@ auto WithoutGil(F&& f) -> decltype(f()) {
         } catch (...) {
             error = std::current_exception();
         }
-        PyEval_RestoreThread(state);
+        RestoreGil(state);
         if (error)
             std::rethrow_exception(error);
         return std::move(*result);
@@ -128,8 +165,8 @@ inline Slot::WriteOutcome WriteBuffer(shared::ISubscriber& writer, const std::st
         });
 #ifdef __GLIBCXX__
     } catch (abi::__forced_unwind&) {
-        // The interpreter is being finalised and ends this thread (pthread_exit) as it takes the
-        // GIL back: the thread does not hold the GIL, so no Python object may be touched.
+        // This thread is being ended (pthread_exit) and does not hold the GIL: no Python object
+        // may be touched.
         throw;
 #endif
     } catch (...) {

@@ -103,31 +103,32 @@ void RunPump() {
                                   "Python took them"});
         }
         // StopForwarding joins this thread before the interpreter is finalised, so the GIL can
-        // be taken here.
-        PyGILState_STATE state = PyGILState_Ensure();
-        for (const Record& record : batch) {
-            PyObject* logger = PyUnicode_DecodeUTF8(record.logger.data(),
-                                                    static_cast<Py_ssize_t>(record.logger.size()),
-                                                    "backslashreplace");
-            PyObject* message = PyUnicode_DecodeUTF8(record.message.data(),
-                                                     static_cast<Py_ssize_t>(record.message.size()),
-                                                     "backslashreplace");
-            PyObject* level = PyLong_FromLong(record.level);
-            PyObject* result = nullptr;
-            if (logger && message && level) {
-                result =
-                    PyObject_CallFunctionObjArgs(pump.forward, logger, level, message, nullptr);
-            }
-            Py_XDECREF(logger);
-            Py_XDECREF(message);
-            Py_XDECREF(level);
-            if (result) {
-                Py_DECREF(result);
-            } else {
-                PyErr_WriteUnraisable(pump.forward);
+        // be taken here, also once the exit gate is closed.
+        {
+            CallbackGil gil(/*evenAtExit=*/true);
+            for (const Record& record : batch) {
+                PyObject* logger = PyUnicode_DecodeUTF8(
+                    record.logger.data(), static_cast<Py_ssize_t>(record.logger.size()),
+                    "backslashreplace");
+                PyObject* message = PyUnicode_DecodeUTF8(
+                    record.message.data(), static_cast<Py_ssize_t>(record.message.size()),
+                    "backslashreplace");
+                PyObject* level = PyLong_FromLong(record.level);
+                PyObject* result = nullptr;
+                if (logger && message && level) {
+                    result =
+                        PyObject_CallFunctionObjArgs(pump.forward, logger, level, message, nullptr);
+                }
+                Py_XDECREF(logger);
+                Py_XDECREF(message);
+                Py_XDECREF(level);
+                if (result) {
+                    Py_DECREF(result);
+                } else {
+                    PyErr_WriteUnraisable(pump.forward);
+                }
             }
         }
-        PyGILState_Release(state);
         lock.lock();
         pump.busy = false;
         pump.wake.notify_all();

@@ -13,15 +13,50 @@
 #include <Slot/WriteOutcome.h>
 
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <limits>
 #include <optional>
+#include <thread>
 
 namespace slotpy {
 
 namespace {
 
 std::atomic<bool> shuttingDown{false};
+
+// The exit gate (Binding.h). A thread counts itself in gatePassing before it looks at
+// gateClosed, and the closer sets gateClosed before it looks at gatePassing (both sequentially
+// consistent): either the thread sees the gate closed, or the closer sees it passing and lets it
+// take the GIL first.
+std::atomic<bool> gateClosed{false};
+std::atomic<int> gatePassing{0};
+thread_local bool gateCloser = false;
+thread_local int gateExempt = 0;  // CallbackGil objects alive on this thread
+
+bool EnterGate() {
+    if (gateCloser || gateExempt > 0) {
+        return true;
+    }
+    gatePassing.fetch_add(1);
+    if (gateClosed.load()) {
+        gatePassing.fetch_sub(1);
+        return false;
+    }
+    return true;
+}
+
+void LeaveGate() {
+    if (!gateCloser && gateExempt == 0) {
+        gatePassing.fetch_sub(1);
+    }
+}
+
+[[noreturn]] void ParkForGood() {
+    for (;;) {
+        std::this_thread::sleep_for(std::chrono::hours(1));
+    }
+}
 
 boost::posix_time::time_duration ToDuration(double seconds) {
     if (std::isnan(seconds)) {
@@ -104,6 +139,53 @@ bool ShuttingDown() {
 }
 void SetShuttingDown() {
     shuttingDown.store(true, std::memory_order_release);
+}
+
+void RestoreGil(PyThreadState* state) {
+    if (!EnterGate()) {
+        ParkForGood();
+    }
+    PyEval_RestoreThread(state);
+    LeaveGate();
+}
+
+CallbackGil::CallbackGil(bool evenAtExit) {
+    if (!evenAtExit &&
+        (ShuttingDown() || !Py_IsInitialized() || _Py_IsFinalizing() || !EnterGate())) {
+        return;
+    }
+    state_ = PyGILState_Ensure();
+    if (!evenAtExit) {
+        LeaveGate();
+    }
+    ++gateExempt;
+    held_ = true;
+}
+
+CallbackGil::~CallbackGil() {
+    if (held_) {
+        --gateExempt;
+        PyGILState_Release(state_);
+    }
+}
+
+void CloseGilGate() {
+    if (gateCloser) {
+        return;
+    }
+    gateCloser = true;
+    gateClosed.store(true);
+    if (gatePassing.load() == 0) {
+        return;
+    }
+    // Threads already passing wait for the GIL: hand it over until they have it. Bounded, so
+    // that exit goes on whatever such a thread does next.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    PyThreadState* self = PyEval_SaveThread();
+    while (gatePassing.load() != 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    PyEval_RestoreThread(self);
 }
 
 }  // namespace slotpy

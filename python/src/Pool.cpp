@@ -308,11 +308,13 @@ public:
     explicit PoolSink(PyObject* callback) : callback_(callback) { Py_INCREF(callback_); }
 
     void onNotify(const std::string&, const void* data, size_t size) override {
-        if (closing_.load(std::memory_order_acquire) || ShuttingDown() || !Py_IsInitialized() ||
-            _Py_IsFinalizing()) {
+        if (closing_.load(std::memory_order_acquire)) {
             return;
         }
-        PyGILState_STATE state = PyGILState_Ensure();
+        CallbackGil gil;
+        if (!gil.held()) {
+            return;
+        }
         PyObject* callback = callback_;
         if (callback && !closing_.load(std::memory_order_acquire)) {
             Py_INCREF(callback);  // the callback may close its reader and drop callback_
@@ -322,7 +324,6 @@ public:
             current = outer;
             Py_DECREF(callback);
         }
-        PyGILState_Release(state);
     }
 
     void Close() {

@@ -44,10 +44,10 @@ public:
         }
         // Never take the GIL of an interpreter that is shutting down: Python would end this
         // thread inside the library.
-        if (ShuttingDown() || !Py_IsInitialized() || _Py_IsFinalizing()) {
+        CallbackGil gil;
+        if (!gil.held()) {
             return;
         }
-        PyGILState_STATE state = PyGILState_Ensure();
         PyObject* callback = callback_;
         if (callback && !closing_.load(std::memory_order_acquire)) {
             Py_INCREF(callback);  // the callback may close its reader and drop callback_
@@ -66,7 +66,6 @@ public:
             current = outer;
             Py_DECREF(callback);
         }
-        PyGILState_Release(state);
     }
 
     // Next block; waits at most `seconds` (negative: no limit), in slices so that signals
@@ -109,7 +108,7 @@ public:
                 std::unique_lock<std::mutex> lock(mutex_);
                 arrived_.wait_until(lock, until, [&] { return !blocks_.empty() || closed_; });
             }
-            PyEval_RestoreThread(thread);
+            RestoreGil(thread);
             if (PyErr_CheckSignals() != 0) {
                 throw py::error_already_set();
             }
@@ -229,8 +228,10 @@ private:
     INotifierPtr reader_;  // guarded by the GIL
 };
 
-// Interpreter exit: stops every reader still open, before the interpreter is finalised.
+// Interpreter exit: closes the exit gate and stops every reader still open, before the
+// interpreter is finalised.
 void CloseAllReaders() {
+    CloseGilGate();
     while (!openReaders.empty()) {
         (*openReaders.begin())->Close();
     }
@@ -253,7 +254,8 @@ void BindReader(py::module_& m) {
         .def_property_readonly("name", &Reader::Name, "The slot's name.")
         .def_property_readonly("type", &Reader::Type, "The slot type.");
     m.def("_close_all_readers", &CloseAllReaders,
-          "Stops every open reader; afterwards reader threads never call into Python.");
+          "Interpreter exit: closes the exit gate and stops every open reader; afterwards "
+          "reader threads never call into Python.");
 }
 
 }  // namespace slotpy

@@ -250,6 +250,17 @@ SHUTDOWN = textwrap.dedent("""
             for w in writers:
                 w.write(b"block")
     threading.Thread(target=write_forever, daemon=True).start()
+    big = libslot.Writer(base + "_b", max_size=4 << 20)
+    def write_big_forever(block=bytes(4 << 20)):
+        while True:
+            big.write(block)
+    for _ in range(2):   # inside the library at exit, most of the time
+        threading.Thread(target=write_big_forever, daemon=True).start()
+    class SlowFinalisation:
+        # Finalisation takes a while: the daemon threads come back from the library meanwhile.
+        def __del__(self, sleep=time.sleep):
+            sleep(0.3)
+    slow_finalisation = SlowFinalisation()
     started.wait(30)
     print("exiting", flush=True)
     {exit}
@@ -262,7 +273,7 @@ def test_interpreter_exits_with_readers_running(name, how):
     try:
         result = run_python(script, name, timeout=120)
     finally:
-        for suffix in ("_r", "_d", "_p", "_q"):
+        for suffix in ("_r", "_d", "_p", "_q", "_b"):
             remove_everything(name + suffix)
     err = result.stderr.decode()
     assert result.returncode == (3 if how.startswith("sys.exit") else 0), err
