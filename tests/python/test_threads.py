@@ -217,6 +217,8 @@ def test_blocks_received_before_close_can_still_be_taken(name):
 def test_ctrl_c_interrupts_a_blocking_get(name):
     script = textwrap.dedent("""
         import os, signal, sys, threading, libslot
+        # Python leaves SIGINT ignored when it starts so (a background job of a script).
+        signal.signal(signal.SIGINT, signal.default_int_handler)
         reader = libslot.Reader(sys.argv[1], type="reliable")
         # The signal may come before or during get(): either way get() must give way to it.
         threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT)).start()
