@@ -177,6 +177,12 @@ inline Slot::WriteOutcome WriteBuffer(shared::ISubscriber& writer, const std::st
     return outcome;
 }
 
+// Forks since the import that this process descends from. A library reader made in an earlier
+// generation has its thread only in an ancestor: destroying it here would wait for that thread
+// for ever, so a forked child keeps it for good instead (KeepInheritedReader).
+unsigned ForkGeneration();
+void KeepInheritedReader(INotifierPtr reader);
+
 // Set when the interpreter is about to shut down: reader threads no longer take the GIL.
 bool ShuttingDown();
 void SetShuttingDown();

@@ -18,6 +18,9 @@
 #include <limits>
 #include <optional>
 #include <thread>
+#include <vector>
+
+#include <pthread.h>
 
 namespace slotpy {
 
@@ -50,6 +53,14 @@ void LeaveGate() {
     if (!gateCloser && gateExempt == 0) {
         gatePassing.fetch_sub(1);
     }
+}
+
+std::atomic<unsigned> forkGeneration{0};
+
+// A forked child has only the forking thread, which holds the GIL: nobody is passing there.
+void AtForkChild() {
+    gatePassing.store(0);
+    forkGeneration.fetch_add(1);
 }
 
 [[noreturn]] void ParkForGood() {
@@ -141,6 +152,15 @@ void SetShuttingDown() {
     shuttingDown.store(true, std::memory_order_release);
 }
 
+unsigned ForkGeneration() {
+    return forkGeneration.load();
+}
+
+void KeepInheritedReader(INotifierPtr reader) {
+    static auto* inherited = new std::vector<INotifierPtr>;  // guarded by the GIL
+    inherited->push_back(std::move(reader));
+}
+
 void RestoreGil(PyThreadState* state) {
     if (!EnterGate()) {
         ParkForGood();
@@ -194,6 +214,7 @@ using namespace slotpy;
 
 PYBIND11_MODULE(_native, m) {
     m.doc() = "Native part of libslot; use the libslot package instead.";
+    pthread_atfork(nullptr, nullptr, AtForkChild);
 
     static py::exception<SlotError> slotError(m, "SlotError", PyExc_RuntimeError);
     py::register_exception<AbortSlotCreationException>(m, "SlotCreationError", slotError.ptr());

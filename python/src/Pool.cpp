@@ -378,6 +378,7 @@ public:
         reader_ = WithoutGil([&] {
             return CallLibrary([&] { return Slot::PoolFactory::CreatePoolReader(config, sink_); });
         });
+        generation_ = ForkGeneration();
         openPoolReaders.insert(this);
     }
     ~PoolReaderHandle() { Close(); }
@@ -392,6 +393,10 @@ public:
         INotifierPtr reader;
         reader.swap(reader_);
         sink_->Close();
+        if (generation_ != ForkGeneration()) {
+            KeepInheritedReader(std::move(reader));  // its thread is in the parent
+            return;
+        }
         if (sink_->OnOwnThread() || ShuttingDown()) {
             reader.reset();
             return;
@@ -417,6 +422,7 @@ private:
     std::string name_;
     boost::shared_ptr<PoolSink> sink_;
     INotifierPtr reader_;  // guarded by the GIL
+    unsigned generation_ = 0;
 };
 
 }  // namespace

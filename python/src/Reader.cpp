@@ -172,6 +172,7 @@ public:
         reader_ = WithoutGil([&] {
             return CallLibrary([&] { return SlotFactory::CreateSlotReader(&cfg, sink_); });
         });
+        generation_ = ForkGeneration();
         openReaders.insert(this);
     }
 
@@ -189,6 +190,10 @@ public:
         INotifierPtr reader;
         reader.swap(reader_);
         sink_->Close();
+        if (generation_ != ForkGeneration()) {
+            KeepInheritedReader(std::move(reader));  // its thread is in the parent
+            return;
+        }
         if (sink_->OnOwnThread()) {
             if (type_ == "posix-pipe") {
                 // The pipe reader cannot end on its own thread: a helper thread drops the last
@@ -229,6 +234,7 @@ private:
     std::string type_;
     boost::shared_ptr<ReaderSink> sink_;
     INotifierPtr reader_;  // guarded by the GIL
+    unsigned generation_ = 0;
 };
 
 // Interpreter exit: closes the exit gate and stops every reader still open, before the

@@ -292,6 +292,49 @@ def test_interpreter_exits_with_readers_running(name, how):
         assert sign not in err, err
 
 
+def test_a_forked_child_drops_inherited_readers_and_exits_at_once(names):
+    # The child has none of the parent's threads: neither the readers' threads, which closing
+    # an inherited reader must not wait for, nor the threads that were coming back from the
+    # library at the fork, which its exit must not wait for. (The busy thread does not log: a
+    # child forked while another thread holds log4cxx's locks cannot log, as with any lock.)
+    script = textwrap.dedent("""
+        import os, sys, threading, time, libslot
+        name, pool = sys.argv[1:3]
+        reader = libslot.Reader(name, type="reliable")
+        pool_reader = libslot.PoolReader(pool, lambda view: None, kind="queue", block_size=64,
+                                         blocks=4)
+        waiting = libslot.Reader(name + "_w")
+        def wait_forever():
+            while True:
+                try:
+                    waiting.get(timeout=1e-5)   # back from the library, for the GIL, at once
+                except TimeoutError:
+                    pass
+        threading.Thread(target=wait_forever, daemon=True).start()
+        slowest = 0
+        for i in range(5):
+            start = time.monotonic()
+            pid = os.fork()
+            if pid == 0:
+                if i == 0:
+                    reader.close()
+                    pool_reader.close()
+                sys.exit(0)   # a normal exit: the exit hooks run
+            os.waitpid(pid, 0)
+            slowest = max(slowest, time.monotonic() - start)
+        with libslot.Writer(name, type="reliable") as writer:
+            writer.write(b"after the forks")
+        print(reader.get(timeout=30).decode(), round(slowest))
+    """)
+    slot = names()
+    result = run_python(script, slot, names("pool"))
+    remove_everything(slot + "_w")
+    assert result.returncode == 0, result.stderr.decode()
+    block, slowest = result.stdout.decode().rsplit(" ", 1)
+    assert block == "after the forks"
+    assert int(slowest) < 9   # seconds; a child that waited for those threads took 10 or for ever
+
+
 def test_waiting_get_lets_callbacks_run(names):
     """The main thread waits in get() of one slot for a block that only a callback of another
     reader writes: it arrives only if get() waits without the GIL."""
