@@ -106,6 +106,10 @@ PosixFileReader::~PosixFileReader() {
     ::close(fd_);
 }
 
+bool PosixFileReader::OnOwnThread() const {
+    return boost::this_thread::get_id() == thread_.get_id();
+}
+
 void PosixFileReader::subscribe(shared::ISubscriber* subscriber) {
     shared::Notifier::subscribe(subscriber);
     if (subscriber != nullptr) {

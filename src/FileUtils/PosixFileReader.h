@@ -48,6 +48,10 @@ public:
                     const boost::posix_time::time_duration& period);
     ~PosixFileReader() override;
 
+    // True on the reader's own thread, i.e. inside a subscriber's onNotify: the reader cannot be
+    // destroyed there, since the destructor joins that thread.
+    bool OnOwnThread() const;
+
     void subscribe(shared::ISubscriber* subscriber) override;
     void unsubscribe(shared::ISubscriber* subscriber) override;
     void unsubscribeAll() override;

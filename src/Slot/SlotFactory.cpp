@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <thread>
 
 namespace SlotType = Configuration::Object::Slot::Type;
 
@@ -76,11 +77,20 @@ struct ReaderDeleter {
     }
 };
 
+// The same for a pipe reader: on its own thread it leaves its subscribers at once (later bytes
+// stay in the pipe for the next reader) and a helper thread deletes it, which joins the reader's
+// thread once the notification in progress has returned.
 struct PipeReaderDeleter {
     ISubscriberPtr firstSubscriber;
     void operator()(FileUtils::PosixFileReader* reader) {
-        delete reader;
-        firstSubscriber.reset();
+        ISubscriberPtr keep;
+        keep.swap(firstSubscriber);
+        if (reader != nullptr && reader->OnOwnThread()) {
+            reader->unsubscribeAll();
+            std::thread([reader, keep]() { delete reader; }).detach();
+            return;
+        }
+        delete reader;  // keep goes after the reader
     }
 };
 

@@ -182,7 +182,7 @@ class ReaderRelease : public testing::TestWithParam<Flavour> {};
 // TSan too: after the release the reader thread must touch nothing freed.
 TEST_P(ReaderRelease, InsideItsOwnNotificationStopsTheReader) {
     const Flavour flavour = GetParam();
-    for (const std::string type : {"reliable", "discarding"}) {
+    for (const std::string type : {"reliable", "discarding", "posix-pipe"}) {
         SCOPED_TRACE(type);
         ScopedSlotName name("release");
         // In a child: joining itself would abort the process.
