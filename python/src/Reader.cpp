@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cmath>
 #include <set>
-#include <thread>
 
 namespace slotpy {
 
@@ -195,16 +194,7 @@ public:
             return;
         }
         if (sink_->OnOwnThread()) {
-            if (type_ == "posix-pipe") {
-                // The pipe reader cannot end on its own thread: a helper thread drops the last
-                // reference (moved, so that it is never dropped here), which waits for this
-                // notification to return. Without a subscriber the reader reads nothing more
-                // meanwhile: later bytes stay in the pipe for the next reader.
-                reader->unsubscribeAll();
-                std::thread([last = std::move(reader)]() mutable { last.reset(); }).detach();
-            } else {
-                reader.reset();  // the library destroys it once this notification returns
-            }
+            reader.reset();  // the library destroys it once this notification returns
             return;
         }
         if (ShuttingDown()) {
