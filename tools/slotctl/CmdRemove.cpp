@@ -46,14 +46,38 @@ std::string StaleWhat(const SlotReport& report) {
 }
 
 // The processes other than this one that use the slot, as "pid 4711 (slotctl read orders)".
+// Only a process still attached after a short while counts: an inspection such as another
+// slotctl's "ls" opens the objects for milliseconds and must not make the slot look in use.
 std::vector<std::string> Users(const SlotReport& report) {
-    std::vector<std::string> users;
-    for (const SlotAttachment& process :
-         SlotAttachments::Find(report.name, report.pipePath).processes) {
-        if (process.pid != ::getpid()) {
-            users.push_back("pid " + std::to_string(process.pid) + " (" +
-                            Printable(process.command.substr(0, 80)) + ": " + process.What() + ")");
+    const auto attached = [&report] {
+        std::vector<SlotAttachment> others;
+        for (SlotAttachment& process :
+             SlotAttachments::Find(report.name, report.pipePath).processes) {
+            if (process.pid != ::getpid()) {
+                others.push_back(std::move(process));
+            }
         }
+        return others;
+    };
+    std::vector<SlotAttachment> lasting = attached();
+    constexpr int kChecks = 10;
+    for (int check = 0; check < kChecks && !lasting.empty(); ++check) {
+        ::usleep(50 * 1000);
+        const std::vector<SlotAttachment> now = attached();
+        std::vector<SlotAttachment> still;
+        for (const SlotAttachment& process : now) {
+            if (std::any_of(lasting.begin(), lasting.end(), [&process](const SlotAttachment& was) {
+                    return was.pid == process.pid;
+                })) {
+                still.push_back(process);
+            }
+        }
+        lasting = std::move(still);
+    }
+    std::vector<std::string> users;
+    for (const SlotAttachment& process : lasting) {
+        users.push_back("pid " + std::to_string(process.pid) + " (" +
+                        Printable(process.command.substr(0, 80)) + ": " + process.What() + ")");
     }
     return users;
 }
