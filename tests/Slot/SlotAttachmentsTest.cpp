@@ -2,6 +2,7 @@
 // The processes attached to a slot, and the write count and output buffer read from outside,
 // with real processes.
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "ShmHygiene.h"
 #include "ShmObject.h"
 
@@ -29,6 +30,13 @@ const SlotAttachment* Find(const SlotAttachmentList& list, pid_t pid) {
     const auto it = std::find_if(list.processes.begin(), list.processes.end(),
                                  [&](const SlotAttachment& process) { return process.pid == pid; });
     return it == list.processes.end() ? nullptr : &*it;
+}
+
+// Whether nobody is attached to `name`. Another test's survey ("slotctl ls" in parallel) maps
+// every slot for a moment, so an attachment has to last to count.
+bool NobodyAttached(const std::string& name) {
+    return testsupport::Eventually([&] { return SlotAttachments::Find(name).processes.empty(); },
+                                   std::chrono::seconds(10), std::chrono::milliseconds(20));
 }
 
 // Collects nothing: a reader needs a subscriber.
@@ -60,7 +68,7 @@ TEST(SlotAttachments, AWriterAndAReaderProcessAreListedUntilTheyEnd) {
     ScopedSlotName name("attach");
     SimpleSlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(50), 4);
     SlotFactory::CreateSlot(&cfg);
-    EXPECT_TRUE(SlotAttachments::Find(name).processes.empty());
+    EXPECT_TRUE(NobodyAttached(name));
 
     PipeSignal writerReady, readerReady, end;
     ChildProcess writer([&] {
@@ -111,7 +119,7 @@ TEST(SlotAttachments, AWriterAndAReaderProcessAreListedUntilTheyEnd) {
     end.Post();
     EXPECT_TRUE(writer.Wait().Ok());
     EXPECT_TRUE(reader.Wait().Ok());
-    EXPECT_TRUE(SlotAttachments::Find(name).processes.empty());
+    EXPECT_TRUE(NobodyAttached(name));
 }
 
 TEST(SlotAttachments, AMappingOfARemovedSlotIsNotAnAttachmentOfItsSuccessor) {
