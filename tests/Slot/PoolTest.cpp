@@ -853,6 +853,9 @@ TEST_F(PoolTest, AReaderInAnotherPidNamespaceKeepsItsBlocksUntilItDies) {
             ledger->held = static_cast<int>(holder->Count());
             ready.Post();
             while (verify.WaitFor(std::chrono::seconds(60))) {
+                // The survey counts a block as held from the start of its delivery, the holder
+                // only once its callback has run.
+                Eventually([&] { return holder->Count() >= 3; }, std::chrono::seconds(5));
                 std::lock_guard<std::mutex> lock(holder->mutex);
                 int intact = 0;
                 for (const Slot::PoolBlock& block : holder->held) {
