@@ -132,6 +132,16 @@ public:
         Py_XDECREF(callback);
     }
 
+    // Close in a forked child of the process that made the sink: mutex_ and arrived_ are as the
+    // parent's threads left them at the fork and may be held for good, so neither is touched.
+    // Called with the GIL.
+    void Abandon() {
+        closing_.store(true, std::memory_order_release);
+        PyObject* callback = callback_;
+        callback_ = nullptr;
+        Py_XDECREF(callback);
+    }
+
     // True on this sink's reader thread, inside its callback.
     bool OnOwnThread() const { return current == this; }
 
@@ -188,11 +198,12 @@ public:
         }
         INotifierPtr reader;
         reader.swap(reader_);
-        sink_->Close();
-        if (generation_ != ForkGeneration()) {
+        if (Inherited()) {
+            sink_->Abandon();
             KeepInheritedReader(std::move(reader));  // its thread is in the parent
             return;
         }
+        sink_->Close();
         if (sink_->OnOwnThread()) {
             reader.reset();  // the library destroys it once this notification returns
             return;
@@ -211,15 +222,25 @@ public:
         if (!timeout.is_none() && seconds < 0) {
             throw py::value_error("timeout must not be negative");
         }
+        if (Inherited()) {
+            Close();
+            throw ReaderClosed("reader of '" + name_ +
+                               "' was opened before os.fork(): a child opens its own");
+        }
         return sink_->Get(seconds);
     }
 
-    bool Closed() const { return !reader_; }
-    size_t Pending() { return sink_->Pending(); }
+    // An inherited reader is closed: nothing ever arrives, and what its sink held at the fork
+    // may have been half changed by the parent's threads.
+    bool Closed() const { return !reader_ || Inherited(); }
+    size_t Pending() { return Inherited() ? 0 : sink_->Pending(); }
     const std::string& Name() const { return name_; }
     const std::string& Type() const { return type_; }
 
 private:
+    // Made by the process this one was forked from.
+    bool Inherited() const { return generation_ != ForkGeneration(); }
+
     std::string name_;
     std::string type_;
     boost::shared_ptr<ReaderSink> sink_;

@@ -295,8 +295,9 @@ def test_interpreter_exits_with_readers_running(name, how):
 def test_a_forked_child_drops_inherited_readers_and_exits_at_once(names):
     # The child has none of the parent's threads: neither the readers' threads, which closing
     # an inherited reader must not wait for, nor the threads that were coming back from the
-    # library at the fork, which its exit must not wait for. (The busy thread does not log: a
-    # child forked while another thread holds log4cxx's locks cannot log, as with any lock.)
+    # library at the fork, which its exit must not wait for, nor the lock such a thread held in
+    # the reader it was reading from. (The busy thread does not log: a child forked while
+    # another thread holds log4cxx's locks cannot log, as with any lock.)
     script = textwrap.dedent("""
         import os, sys, threading, time, libslot
         name, pool = sys.argv[1:3]
@@ -312,23 +313,33 @@ def test_a_forked_child_drops_inherited_readers_and_exits_at_once(names):
                     pass
         threading.Thread(target=wait_forever, daemon=True).start()
         slowest = 0
-        for i in range(5):
+        for i in range(20):
             start = time.monotonic()
             pid = os.fork()
             if pid == 0:
                 if i == 0:
                     reader.close()
                     pool_reader.close()
+                elif i == 1:
+                    try:
+                        waiting.get(timeout=10)
+                        os._exit(3)
+                    except libslot.ReaderClosedError as e:
+                        if "was opened before os.fork()" not in str(e) or not waiting.closed:
+                            os._exit(4)
                 sys.exit(0)   # a normal exit: the exit hooks run
-            os.waitpid(pid, 0)
+            if os.waitpid(pid, 0)[1] != 0:
+                sys.exit("child %d failed" % i)
             slowest = max(slowest, time.monotonic() - start)
         with libslot.Writer(name, type="reliable") as writer:
             writer.write(b"after the forks")
         print(reader.get(timeout=30).decode(), round(slowest))
     """)
     slot = names()
-    result = run_python(script, slot, names("pool"))
-    remove_everything(slot + "_w")
+    try:
+        result = run_python(script, slot, names("pool"))
+    finally:
+        remove_everything(slot + "_w")
     assert result.returncode == 0, result.stderr.decode()
     block, slowest = result.stdout.decode().rsplit(" ", 1)
     assert block == "after the forks"
