@@ -127,9 +127,7 @@ public:
             closed_ = true;
         }
         arrived_.notify_all();
-        PyObject* callback = callback_;
-        callback_ = nullptr;
-        Py_XDECREF(callback);
+        DropCallback();
     }
 
     // Close in a forked child of the process that made the sink: mutex_ and arrived_ are as the
@@ -137,9 +135,7 @@ public:
     // Called with the GIL.
     void Abandon() {
         closing_.store(true, std::memory_order_release);
-        PyObject* callback = callback_;
-        callback_ = nullptr;
-        Py_XDECREF(callback);
+        DropCallback();
     }
 
     // True on this sink's reader thread, inside its callback.
@@ -148,6 +144,13 @@ public:
     void SetName(const std::string& name) { name_ = name; }
 
 private:
+    // Called with the GIL; the callback's last reference may run Python code.
+    void DropCallback() {
+        PyObject* callback = callback_;
+        callback_ = nullptr;
+        Py_XDECREF(callback);
+    }
+
     static thread_local ReaderSink* current;  // sink whose callback runs on this thread
 
     PyObject* callback_;  // guarded by the GIL
