@@ -165,12 +165,12 @@ TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForce
         << info.out;
     // Another test's "ls" may map the slot for a moment: only the reader stays.
     nlohmann::json json;
-    EXPECT_TRUE(testsupport::Eventually(
+    testsupport::Eventually(
         [&] {
             json = nlohmann::json::parse(Slotctl({"info", "--json", name.str()}).out);
             return json["attached"].size() == 1;
         },
-        std::chrono::seconds(10), std::chrono::milliseconds(100)));
+        std::chrono::seconds(10), std::chrono::milliseconds(100));
     ASSERT_EQ(1u, json["attached"].size()) << json.dump();
     EXPECT_EQ(reader.Pid(), json["attached"][0]["pid"].get<int>());
     EXPECT_TRUE(json["attached"][0]["reader"].get<bool>());
