@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <thread>
 
 namespace Slot {
@@ -42,28 +43,38 @@ public:
         if (segment_.kind() == QueueKind) {
             Claim();
         }
-        if (first_) {
-            subscribe(first_.get());
+        try {
+            if (first_) {
+                subscribe(first_.get());
+            }
+            thread_.reset(new std::thread([this] { Run(); }));
+        } catch (...) {
+            // No destructor runs: a claim kept here would refuse every later reader.
+            ReleaseClaim();
+            throw;
         }
-        thread_ = std::thread([this] { Run(); });
     }
 
     ~PoolReader() override {
-        if (thread_.joinable()) {
+        if (attachment_->Inherited()) {
+            // A forked child's copy: the thread runs in the parent only (joining or detaching
+            // its handle here would act on whatever the child's own threads reuse), and the
+            // claim is the parent's.
+            thread_.release();
+            return;
+        }
+        if (thread_ && thread_->joinable()) {
             stop_.store(true);
             segment_.Nudge();
-            thread_.join();
+            thread_->join();
         }
-        if (claimed_) {
-            std::uint64_t claim = attachment_->index() + 1;
-            segment_.header().readerClaim.compare_exchange_strong(claim, 0);
-        }
+        ReleaseClaim();
     }
 
     // Deletes the reader, or, on its own thread (inside onNotify), stops it and lets the thread
     // delete it once the delivery in progress has unwound.
     static void Release(PoolReader* reader) {
-        if (std::this_thread::get_id() == reader->thread_.get_id()) {
+        if (reader->thread_ && std::this_thread::get_id() == reader->thread_->get_id()) {
             reader->unsubscribeAll();
             reader->deleteSelf_ = true;
             reader->stop_.store(true);
@@ -73,6 +84,14 @@ public:
     }
 
 private:
+    void ReleaseClaim() {
+        if (claimed_) {
+            std::uint64_t claim = attachment_->index() + 1;
+            segment_.header().readerClaim.compare_exchange_strong(claim, 0);
+            claimed_ = false;
+        }
+    }
+
     void Claim() {
         const std::uint64_t mine = attachment_->index() + 1;
         for (int attempt = 0; attempt < 2; ++attempt) {
@@ -83,8 +102,9 @@ private:
             }
             // A reader claims after attaching and gives its claim up before detaching, and a
             // reaper before freeing the entry: a claim that names no attached entry (or none at
-            // all) is left over, and is taken over rather than refusing readers for good.
-            if (expected > MaxPoolAttachments ||
+            // all) is left over, and is taken over rather than refusing readers for good. So is
+            // one that names this reader's own new entry: an earlier owner of the entry left it.
+            if (expected == mine || expected > MaxPoolAttachments ||
                 (segment_.attachment(static_cast<unsigned>(expected - 1)).word.load() &
                  AttachInUse) == 0) {
                 segment_.header().readerClaim.compare_exchange_strong(expected, 0);
@@ -131,7 +151,7 @@ private:
             }
         }
         if (deleteSelf_) {
-            thread_.detach();
+            thread_->detach();
             delete this;
         }
     }
@@ -293,7 +313,7 @@ private:
     bool movedHead_ = false;          // reader thread only: this reader has moved the head
     std::atomic<bool> stop_{false};
     bool deleteSelf_ = false;  // reader thread only
-    std::thread thread_;
+    std::unique_ptr<std::thread> thread_;
 };
 
 INotifierPtr MakeReader(const PoolConfig& config, std::int64_t spinNs,

@@ -381,6 +381,10 @@ public:
     PoolSegment& segment() { return *segment_; }
     unsigned index() const { return index_; }
     std::uint64_t bit() const { return 1ull << index_; }
+    // True in a child forked while the attachment existed: its lock descriptor was closed at
+    // the fork. The entry, its holds, loans and claim are the parent's: the child's copies of
+    // them go without touching the pool.
+    bool Inherited() const { return lockFd_ < 0; }
 
     // Holder bit counting: the first Hold sets the bit, the last Release clears it and tries
     // to reclaim the block.
@@ -390,7 +394,7 @@ public:
         }
     }
     void Release(unsigned block) {
-        if (holds_[block].fetch_sub(1) == 1) {
+        if (holds_[block].fetch_sub(1) == 1 && !Inherited()) {
             segment_->block(block).holders.fetch_and(~bit());
             segment_->TryReclaim(block);
         }

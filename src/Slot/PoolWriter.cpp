@@ -16,6 +16,10 @@ namespace Slot {
 
 namespace {
 
+// A child forked with a writer writes through one of its own: the inherited one's attachment
+// (and the blocks it loans) belong to the parent.
+const char* const InheritedWriter = "this writer was opened before a fork: a child opens its own";
+
 std::uint64_t NowNs() {
     timespec now;
     ::clock_gettime(CLOCK_REALTIME, &now);
@@ -54,11 +58,12 @@ PoolLoan::~PoolLoan() {
 }
 
 void PoolLoan::Drop() {
-    if (data_ != nullptr) {
+    // A forked child's copy of its parent's loan: the block stays the parent's.
+    if (data_ != nullptr && !owner_->Inherited()) {
         std::uint64_t loaned = StateLoaned | owner_->index();
         owner_->segment().block(index_).state.compare_exchange_strong(loaned, StateFree);
-        data_ = nullptr;
     }
+    data_ = nullptr;
     owner_.reset();
 }
 
@@ -76,6 +81,10 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
     };
     if (size > capacity_) {
         return end(WriteOutcome::Refused);
+    }
+    if (owner_->Inherited()) {
+        LOG4CXX_ERROR(segment.logger(), "Pool '" << segment.name() << "': " << InheritedWriter);
+        return end(WriteOutcome::Failed);
     }
     if (segment.damaged()) {
         return end(WriteOutcome::Failed);
@@ -210,6 +219,10 @@ PoolLoan PoolWriter::loan(std::size_t size) {
         loan.outcome_ = outcome;
         return std::move(loan);
     };
+    if (attachment_->Inherited()) {
+        LOG4CXX_ERROR(segment.logger(), "Pool '" << segment.name() << "': " << InheritedWriter);
+        return refuse(WriteOutcome::Failed);
+    }
     if (segment.damaged()) {
         return refuse(WriteOutcome::Failed);
     }

@@ -694,8 +694,9 @@ TEST_F(PoolTest, APublishOlderThanTheLatestNeverReplacesIt) {
 TEST_F(PoolTest, AQueueClaimNamingNoAttachedEntryIsTakenOver) {
     ScopedPool pool;
     const auto config = pool.Config("queue", 64, 2);
-    auto writer = PoolFactory::CreatePoolWriter(config);
-    for (const std::uint64_t claim : {std::uint64_t{6}, std::uint64_t{1000}}) {
+    auto writer = PoolFactory::CreatePoolWriter(config);  // entry 0: each reader gets entry 1
+    // Left by an earlier owner of the reader's own entry (2), on a free entry, out of range.
+    for (const std::uint64_t claim : {std::uint64_t{2}, std::uint64_t{6}, std::uint64_t{1000}}) {
         Poke(pool.str(), offsetof(Slot::PoolHeader, readerClaim), claim);
         auto collector = boost::make_shared<testsupport::Collector>();
         INotifierPtr reader;
@@ -1011,6 +1012,55 @@ TEST_F(PoolTest, AChildForkedWithoutExecDoesNotKeepItsParentsEntryAlive) {
                                          std::to_string(parent.Pid()) +
                                          " died; 1 block(s) it held or had loaned returned to "
                                          "the pool"));
+}
+
+// A child forked while its parent holds blocks, has a loan and reads a queue pool gets copies
+// of all of them. Dropping those copies (or using the inherited writer) must not free the
+// parent's blocks under it, nor give up the parent's reader claim.
+TEST_F(PoolTest, AForkedChildsCopiesOfHoldsLoansAndReadersLeaveTheParentsAlone) {
+    ScopedPool latestPool, queuePool;
+    const auto latest = latestPool.Config("latest", 64, 3);
+    const auto queue = queuePool.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(latest);
+    auto holder = boost::make_shared<Holder>();
+    INotifierPtr reader = PoolFactory::CreatePoolReader(latest, holder);
+    INotifierPtr queueReader = PoolFactory::CreatePoolReader(queue);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 64, 1));
+    ASSERT_TRUE(Eventually([&] { return holder->Count() == 1; }));
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 64, 2));
+    ASSERT_TRUE(Eventually([&] { return holder->Count() == 2; }));
+    Slot::PoolLoan loan = writer->loan(64);
+    ASSERT_TRUE(loan);
+    Fill(loan.data(), 64, 3);
+
+    const testsupport::ChildResult child = testsupport::RunInChild([&] {
+        // The reader's thread is idle in its sleep: nothing else uses these at the fork.
+        holder->held.clear();
+        loan = Slot::PoolLoan();
+        queueReader.reset();
+        testsupport::LogCapture log("Slot.Pool");
+        Slot::PoolLoan own = writer->loan(8);
+        if (own || own.outcome() != WriteOutcome::Failed ||
+            log.Count("ERROR", "Pool '" + latestPool.str() +
+                                   "': this writer was opened before a fork: a child opens "
+                                   "its own") != 1) {
+            return testsupport::Failed(2, "the inherited writer loaned a block");
+        }
+        return 0;
+    });
+    ASSERT_TRUE(child.Ok()) << child.Describe();
+
+    const Slot::PoolReport report = Slot::SurveyPool(latestPool.str());
+    EXPECT_EQ(2u, report.heldBlocks);
+    EXPECT_EQ(1u, report.loanedBlocks);
+    // The superseded block is still the parent's: no loan reuses it.
+    Slot::PoolLoan other = writer->loan(64);
+    EXPECT_FALSE(other);
+    EXPECT_EQ(1u, Check(holder->held[0].data(), 64));
+    EXPECT_EQ(WriteOutcome::Stored, loan.publish(64));
+    EXPECT_EQ("Cannot create a second reader for queue pool '" + queuePool.str() +
+                  "': it has one (process " + std::to_string(::getpid()) + ")",
+              Thrown([&] { PoolFactory::CreatePoolReader(queue); }));
 }
 
 TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
