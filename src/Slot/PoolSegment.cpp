@@ -202,6 +202,7 @@ bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& 
     header->ringOffset = geometry.ringOffset;
     header->dataOffset = geometry.dataOffset;
     header->totalSize = geometry.totalSize;
+    header->writerMutexBits = PoolPointerBits;
     try {
         shared::InitRobustMutex(reinterpret_cast<pthread_mutex_t*>(header->writerMutex));
     } catch (const std::exception& e) {
@@ -474,6 +475,10 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
     const std::string problem = PoolHeaderProblem(copy, fileSize);
     if (!problem.empty()) {
         Refuse(name, problem);
+    }
+    if (copy.kind == QueueKind && copy.writerMutexBits != PoolPointerBits) {
+        Refuse(name, "it is a \"queue\" pool of " + std::to_string(copy.writerMutexBits) +
+                         "-bit processes, this one is " + std::to_string(PoolPointerBits) + "-bit");
     }
     // Only the checked size is mapped; the geometry is read from the mapping again and must
     // match what was checked (a writer may not change it, but nothing shared is trusted).

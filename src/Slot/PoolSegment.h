@@ -52,7 +52,7 @@ static_assert(sizeof(std::atomic<std::uint32_t>) == 4, "the futex word is a plai
 // blockCount, which are checked against the file's real size when it is opened, and every
 // block index read from a shared word is checked against blockCount before use.
 constexpr std::uint64_t PoolMagic = 0x4c4f4f50544f4c53ull;  // "SLOTPOOL"
-constexpr std::uint32_t PoolLayoutVersion = 3;
+constexpr std::uint32_t PoolLayoutVersion = 4;
 constexpr std::size_t PoolCacheLine = 64;
 enum PoolKind : std::uint32_t { LatestKind = 1, QueueKind = 2 };
 
@@ -107,7 +107,9 @@ struct PoolHeader {
     std::uint64_t ringOffset;
     std::uint64_t dataOffset;
     std::uint64_t totalSize;
-    unsigned char geometryEnd[48];
+    std::uint32_t writerMutexBits;  // queue kind: the creator's pointer width (32 or 64), the
+                                    // writers' mutex is laid out for it
+    unsigned char geometryEnd[44];
     // Written by every publish, polled by readers.
     std::atomic<std::uint32_t> publishCount;  // futex word: incremented by every publish
     std::uint32_t publishReserved;
@@ -128,6 +130,9 @@ struct PoolHeader {
     unsigned char writerMutex[64];  // queue kind: robust mutex around pushes
 };
 static_assert(sizeof(pthread_mutex_t) <= 64, "the writers' mutex fits its area");
+// glibc lays its mutex out differently for 32- and 64-bit processes: a queue pool is shared
+// by processes of its creator's width only.
+constexpr std::uint32_t PoolPointerBits = sizeof(void*) * 8;
 static_assert(offsetof(PoolHeader, publishCount) == 2 * PoolCacheLine, "publish line");
 static_assert(offsetof(PoolHeader, head) == 3 * PoolCacheLine, "head line");
 static_assert(offsetof(PoolHeader, nextSequence) == 4 * PoolCacheLine, "writers' line");

@@ -389,6 +389,29 @@ TEST_F(PoolTest, AnEntryAKilledReaderLeftAtTheHeadIsNeverDelivered) {
     EXPECT_EQ((std::vector<std::uint64_t>{2, 3, 4}), sequences);
 }
 
+// glibc's mutex is laid out differently for 32- and 64-bit processes: a queue pool (whose
+// writers share one) is refused to a process of the other width; a latest pool has none.
+TEST_F(PoolTest, AQueuePoolIsOpenedByProcessesOfItsCreatorsWidthOnly) {
+    ScopedPool queue, latest;
+    const std::uint32_t other = sizeof(void*) == 8 ? 32 : 64;
+    const std::uint32_t own = 96 - other;
+    PoolFactory::CreatePoolWriter(queue.Config("queue", 64, 2));
+    PoolFactory::CreatePoolWriter(latest.Config("latest", 64, 2));
+    EXPECT_EQ(own,
+              HeaderField(queue.str(), offsetof(Slot::PoolHeader, writerMutexBits)) & 0xffffffffu);
+    Poke(queue.str(), offsetof(Slot::PoolHeader, writerMutexBits), other);
+    Poke(latest.str(), offsetof(Slot::PoolHeader, writerMutexBits), other);
+    const std::string refused = "Cannot open pool '" + queue.str() +
+                                "': it is a \"queue\" pool of " + std::to_string(other) +
+                                "-bit processes, this one is " + std::to_string(own) + "-bit";
+    EXPECT_EQ(refused,
+              Thrown([&] { PoolFactory::CreatePoolWriter(queue.Config("queue", 64, 2)); }));
+    EXPECT_EQ(refused,
+              Thrown([&] { PoolFactory::CreatePoolReader(queue.Config("queue", 64, 2)); }));
+    EXPECT_EQ("(nothing thrown)",
+              Thrown([&] { PoolFactory::CreatePoolReader(latest.Config("latest", 64, 2)); }));
+}
+
 TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 2);
@@ -397,7 +420,7 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     const std::string prefix = "Cannot open pool '" + pool.str() + "': ";
 
     Poke(pool.str(), offsetof(Slot::PoolHeader, version), std::uint32_t{1});
-    EXPECT_EQ(prefix + "layout version 1, expected 3",
+    EXPECT_EQ(prefix + "layout version 1, expected 4",
               Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
     Poke(pool.str(), offsetof(Slot::PoolHeader, version), Slot::PoolLayoutVersion);
     Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{65});
