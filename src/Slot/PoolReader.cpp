@@ -86,33 +86,40 @@ public:
 private:
     void ReleaseClaim() {
         if (claimed_) {
-            std::uint64_t claim = attachment_->index() + 1;
-            segment_.header().readerClaim.compare_exchange_strong(claim, 0);
+            std::uint64_t claim = claim_;
+            segment_.header().readerClaim.compare_exchange_strong(claim, ClaimGivenUp(claim_));
             claimed_ = false;
         }
     }
 
     void Claim() {
-        const std::uint64_t mine = attachment_->index() + 1;
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            std::uint64_t expected = 0;
-            if (segment_.header().readerClaim.compare_exchange_strong(expected, mine)) {
-                claimed_ = true;
-                return;
+        std::atomic<std::uint64_t>& word = segment_.header().readerClaim;
+        const unsigned own = attachment_->index() + 1;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            std::uint64_t seen = word.load();
+            const unsigned entry = ClaimedEntry(seen);
+            if (entry == 0) {
+                const std::uint64_t mine = NewClaim(seen, attachment_->index());
+                if (word.compare_exchange_strong(seen, mine)) {
+                    claim_ = mine;
+                    claimed_ = true;
+                    return;
+                }
+                continue;
             }
             // A reader claims after attaching and gives its claim up before detaching, and a
             // reaper before freeing the entry: a claim that names no attached entry (or none at
             // all) is left over, and is taken over rather than refusing readers for good. So is
             // one that names this reader's own new entry: an earlier owner of the entry left it.
-            if (expected == mine || expected > MaxPoolAttachments ||
-                (segment_.attachment(static_cast<unsigned>(expected - 1)).word.load() &
-                 AttachInUse) == 0) {
-                segment_.header().readerClaim.compare_exchange_strong(expected, 0);
+            // The exchange fails if the word changed since it was judged (a newer claim).
+            if (entry == own || entry > MaxPoolAttachments ||
+                (segment_.attachment(entry - 1).word.load() & AttachInUse) == 0) {
+                word.compare_exchange_strong(seen, ClaimGivenUp(seen));
                 continue;
             }
             segment_.ReapDead();
         }
-        const std::uint64_t claim = segment_.header().readerClaim.load();
+        const unsigned claim = ClaimedEntry(segment_.header().readerClaim.load());
         std::string who;
         if (claim >= 1 && claim <= MaxPoolAttachments) {
             // Another namespace's pid would name nobody, or somebody else, here.
@@ -309,6 +316,7 @@ private:
     ISubscriberPtr first_;
     std::int64_t spinNs_;
     bool claimed_ = false;
+    std::uint64_t claim_ = 0;         // the claim word this reader wrote
     std::uint64_t lastSequence_ = 0;  // reader thread only
     bool movedHead_ = false;          // reader thread only: this reader has moved the head
     std::atomic<bool> stop_{false};

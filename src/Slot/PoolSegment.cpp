@@ -735,8 +735,11 @@ void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mi
         }
     }
     if (kind() == QueueKind) {
-        std::uint64_t claim = index + 1;
-        header_->readerClaim.compare_exchange_strong(claim, 0);
+        // Nobody claims for this entry while it is being reaped: no newer claim can name it.
+        std::uint64_t claim = header_->readerClaim.load();
+        if (ClaimedEntry(claim) == index + 1) {
+            header_->readerClaim.compare_exchange_strong(claim, ClaimGivenUp(claim));
+        }
         const boost::posix_time::ptime deadline =
             boost::posix_time::microsec_clock::universal_time() +
             boost::posix_time::seconds(ReapLockSeconds);

@@ -125,10 +125,24 @@ struct PoolHeader {
     // Written by writers only (and the reader claim, once per reader).
     std::atomic<std::uint64_t> nextSequence;  // latest kind: last sequence handed out (the
                                               // queue kind's is its tail)
-    std::atomic<std::uint64_t> readerClaim;   // queue kind: reader's attachment index + 1
+    std::atomic<std::uint64_t> readerClaim;   // queue kind: ClaimedEntry, generation
     unsigned char writerLineEnd[48];
     unsigned char writerMutex[64];  // queue kind: robust mutex around pushes
 };
+// The queue reader's claim word: the claiming attachment's index + 1 in the low byte (0: no
+// reader), a generation above it. Every claim takes the next generation, so a word read before
+// a claim was given up never matches a later claim, even one of the same entry: whoever
+// exchanges a claim it judged left over cannot remove a newer one.
+inline unsigned ClaimedEntry(std::uint64_t word) {
+    return static_cast<unsigned>(word & 0xff);
+}
+inline std::uint64_t NewClaim(std::uint64_t word, unsigned index) {
+    return (((word >> 8) + 1) << 8) | (index + 1);
+}
+inline std::uint64_t ClaimGivenUp(std::uint64_t word) {
+    return word & ~std::uint64_t{0xff};
+}
+
 static_assert(sizeof(pthread_mutex_t) <= 64, "the writers' mutex fits its area");
 // glibc lays its mutex out differently for 32- and 64-bit processes: a queue pool is shared
 // by processes of its creator's width only.

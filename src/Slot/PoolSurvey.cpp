@@ -138,7 +138,7 @@ void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked, i
         } else {
             report.waitingBlocks = static_cast<std::size_t>(tail - head);
         }
-        const std::uint64_t claim = header.readerClaim.load();
+        const unsigned claim = ClaimedEntry(header.readerClaim.load());
         if (claim > MaxPoolAttachments) {
             Damaged(report, "the reader claim names entry " + std::to_string(claim - 1));
         } else if (claim != 0) {

@@ -732,6 +732,45 @@ TEST_F(PoolTest, AQueueClaimNamingNoAttachedEntryIsTakenOver) {
     }
 }
 
+// Readers that come and go on several threads: a reader taking over a claim it judged left over
+// must never remove the claim a newer reader has just made (of the same entry, even).
+TEST_F(PoolTest, ReadersComingAndGoingAreNeverTwoAtOnce) {
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    std::atomic<int> active{0};
+    std::atomic<int> most{0};
+    std::atomic<unsigned> made{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            while (!stop.load()) {
+                INotifierPtr reader;
+                try {
+                    reader = PoolFactory::CreatePoolReader(config);
+                } catch (const AbortSlotCreationException&) {
+                    continue;  // it has one
+                }
+                const int now = ++active;
+                int seen = most.load();
+                while (now > seen && !most.compare_exchange_weak(seen, now)) {
+                }
+                ++made;
+                std::this_thread::yield();
+                --active;
+                reader.reset();
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    stop = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GT(made.load(), 10u);
+    EXPECT_EQ(1, most.load());
+}
+
 // A process that has a single descriptor left still tells a live process from a dead one: it
 // never takes the live one's loan for a dead process's.
 TEST_F(PoolTest, AProcessShortOfDescriptorsNeverTakesALiveOneForDead) {
