@@ -566,9 +566,11 @@ unsigned PoolSegment::Attach(int& lockFd) {
         }
         std::uint64_t expected = 0;
         if (attachments_[i].word.compare_exchange_strong(expected, Word(me))) {
+            // The start time before the namespace: a judge that finds the namespace its own
+            // finds the start time too, and never goes by the pid number alone.
+            attachments_[i].startTime.store(start);
             attachments_[i].pidNamespaceDevice.store(ns.device);
             attachments_[i].pidNamespace.store(ns.inode);
-            attachments_[i].startTime.store(start);
             lockFd = fd.fd;
             fd.fd = -1;
             attachmentFds->push_back(&lockFd);
