@@ -400,7 +400,11 @@ std::uint64_t PoolProcessStartTime(pid_t pid) {
     return ReadProcStat(pid, text) ? StartTimeOf(text) : 0;
 }
 
-bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
+namespace {
+
+// Whether `pid` is a process and, when `startTime` is not 0, the same one; a zombie counts
+// only when `zombieLives`.
+bool ProcessLives(pid_t pid, std::uint64_t startTime, bool zombieLives) {
     if (pid <= 0) {
         return false;
     }
@@ -416,12 +420,22 @@ bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
         return true;
     }
     const char state = text[close + 2];
-    if (state == 'Z' || state == 'X' || state == 'x') {
+    if ((state == 'Z' && !zombieLives) || state == 'X' || state == 'x') {
         return false;
     }
     // A line without a start time is not taken for another process's.
     const std::uint64_t started = StartTimeOf(text);
     return startTime == 0 || started == 0 || started == startTime;
+}
+
+}  // namespace
+
+bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
+    return ProcessLives(pid, startTime, false);
+}
+
+bool PoolProcessGone(pid_t pid, std::uint64_t startTime) {
+    return !ProcessLives(pid, startTime, true);
 }
 
 PoolSegment::PoolSegment(const std::string& name, int fd, void* base, std::size_t size,
@@ -571,9 +585,11 @@ unsigned PoolSegment::Attach(int& lockFd) {
         }
         std::uint64_t expected = 0;
         if (attachments_[i].word.compare_exchange_strong(expected, Word(me))) {
+            // The start time before the namespace: a judge that finds the namespace its own
+            // finds the start time too, and never goes by the pid number alone.
+            attachments_[i].startTime.store(start);
             attachments_[i].pidNamespaceDevice.store(ns.device);
             attachments_[i].pidNamespace.store(ns.inode);
-            attachments_[i].startTime.store(start);
             lockFd = fd.fd;
             fd.fd = -1;
             attachmentFds->push_back(&lockFd);
@@ -658,14 +674,20 @@ void PoolSegment::SweepOrphans() {
 }
 
 bool PoolSegment::OwnerAlive(unsigned index, std::uint64_t word, const PidNamespace& mine) {
-    const PoolAttachmentSlot& entry = attachments_[index];
-    if (EntryPidNamespace(entry).SameAs(mine)) {
-        // Tells a forked child, a zombie and a recycled pid from the owner.
-        return PoolProcessAlive(static_cast<pid_t>(word & AttachPidMask), entry.startTime.load());
+    // The lock goes with the owner's descriptor: when the process dies, and also when it execs
+    // (the descriptor is close-on-exec) although its pid and start time stay. A process whose
+    // main thread ended shows as a zombie while its other threads run on, and keeps the lock.
+    if (!PoolByteLocked(fd_, PoolOwnerLockByte(index))) {
+        return false;
     }
-    // Another namespace's pid means nothing here (or names another process), and an entry
-    // whose namespace is not written yet is judged the same way: by its owner's lock.
-    return PoolByteLocked(fd_, PoolOwnerLockByte(index));
+    // The lock held, a pid of this namespace that is gone or names a later process still tells
+    // a dead owner (whose lock a process it made without the fork handlers, not yet exec'd,
+    // keeps). Another namespace's pid means nothing here, and an entry whose namespace is not
+    // written yet is judged by its lock alone.
+    const PoolAttachmentSlot& entry = attachments_[index];
+    const std::uint64_t startTime = entry.startTime.load();
+    return !EntryPidNamespace(entry).SameAs(mine) ||
+           !PoolProcessGone(static_cast<pid_t>(word & AttachPidMask), startTime);
 }
 
 unsigned PoolSegment::ReapDead() {
@@ -696,8 +718,15 @@ unsigned PoolSegment::ReapDead() {
                                        (static_cast<std::uint64_t>(me) << ReaperShift) |
                                        (word & AttachPidMask);
             if (still && attachments_[i].word.compare_exchange_strong(word, mine)) {
-                ReapEntry(i, word, mine);
-                ++reaped;
+                // An owner of this process that freed the entry and took it again after the
+                // judgement (the same word) holds its lock again: the entry goes back to it.
+                if ((word & AttachReaping) == 0 && OwnerAlive(i, word, ns)) {
+                    std::uint64_t marked = mine;
+                    attachments_[i].word.compare_exchange_strong(marked, word);
+                } else {
+                    ReapEntry(i, word, mine);
+                    ++reaped;
+                }
             }
             UnlockByte(fd_, PoolReaperLockByte(i));
         }

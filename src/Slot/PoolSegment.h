@@ -153,12 +153,13 @@ static_assert(offsetof(PoolHeader, nextSequence) == 4 * PoolCacheLine, "writers'
 static_assert(offsetof(PoolHeader, writerMutex) == 5 * PoolCacheLine, "mutex line");
 static_assert(sizeof(PoolHeader) == 6 * PoolCacheLine, "the header is the same on every target");
 
-// An attachment's owner is judged by its pid and start time when it is in the judge's pid
-// namespace, and otherwise by a lock: the owner holds an open-file-description lock on byte
+// An attachment's owner is judged by a lock: it holds an open-file-description lock on byte
 // <index> of the pool file (PoolOwnerLockByte) from before it takes the entry until after it
-// frees it, on a descriptor of its own that it keeps open for the attachment's life. The kernel
-// drops the lock when the owner dies; any process can test it. A reaper holds the lock on byte
-// PoolReaperLockByte(index) while it reaps the entry.
+// frees it, on a close-on-exec descriptor of its own that it keeps open for the attachment's
+// life. The kernel drops the lock when the owner dies or execs; any process can test it. An
+// owner in the judge's pid namespace whose pid is gone or names a later process (another start
+// time) is dead too, lock or not. A reaper holds the lock on byte PoolReaperLockByte(index)
+// while it reaps the entry.
 struct PoolAttachmentSlot {
     std::atomic<std::uint64_t> word;                // AttachInUse | pid, see above
     std::atomic<std::uint64_t> startTime;           // the process's start time (0: not written yet)
@@ -234,6 +235,10 @@ std::string LatestWordProblem(std::uint64_t latest, std::uint64_t nextSequence);
 // Whether the process `pid` still lives and, when `startTime` is not 0, is the same process
 // (not a later one with a recycled pid). A zombie counts as dead.
 bool PoolProcessAlive(pid_t pid, std::uint64_t startTime);
+// Whether no process has the pid `pid` any more or, when `startTime` is not 0, the one that has
+// it is a later one. A zombie is not gone: a process whose main thread ended shows as one while
+// its other threads run on.
+bool PoolProcessGone(pid_t pid, std::uint64_t startTime);
 // The start time of `pid` from /proc/<pid>/stat (0 when unknown).
 std::uint64_t PoolProcessStartTime(pid_t pid);
 
@@ -355,8 +360,8 @@ private:
     PoolSegment(const std::string& name, int fd, void* base, std::size_t size,
                 const PoolHeader& checked);
     void ReapEntry(unsigned index, std::uint64_t word, std::uint64_t myWord);
-    // Whether the process of entry `index` (word `word`, not being reaped) lives, as seen from
-    // the pid namespace `mine`.
+    // Whether the owner of entry `index` (word `word`, not being reaped) is still attached: its
+    // lock is held and, in the pid namespace `mine`, its process is not gone.
     bool OwnerAlive(unsigned index, std::uint64_t word, const PidNamespace& mine);
     // A new open file description of this pool's file (for an attachment's lock).
     int Reopen();

@@ -25,6 +25,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
@@ -32,6 +33,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -1123,6 +1125,127 @@ TEST_F(PoolTest, AForkedChildsCopiesOfHoldsLoansAndReadersLeaveTheParentsAlone) 
     EXPECT_EQ("Cannot create a second reader for queue pool '" + queuePool.str() +
                   "': it has one (process " + std::to_string(::getpid()) + ")",
               Thrown([&] { PoolFactory::CreatePoolReader(queue); }));
+}
+
+// The state letter of /proc/<pid>/stat ('\0' when it cannot be read).
+char ProcessState(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const std::size_t close = line.rfind(')');
+    return close == std::string::npos || close + 2 >= line.size() ? '\0' : line[close + 2];
+}
+
+// What a victim process takes in both liveness tests: a loan and a hold of the latest pool
+// `config` (which has a published block), and the reader of the queue pool `queueConfig`. Kept
+// for the victim's life.
+struct VictimAttachments {
+    VictimAttachments(const Slot::PoolConfig& config, const Slot::PoolConfig& queueConfig)
+        : loaner(PoolFactory::CreatePoolWriter(config)),
+          loan(loaner->loan(8)),
+          holder(boost::make_shared<Holder>()),
+          reader(PoolFactory::CreatePoolReader(config, holder)),
+          queueReader(PoolFactory::CreatePoolReader(queueConfig)) {}
+    bool Ready() {
+        return loan && Eventually([&] { return holder->Count() == 1; });
+    }
+
+    boost::shared_ptr<Slot::PoolWriter> loaner;
+    Slot::PoolLoan loan;
+    boost::shared_ptr<Holder> holder;
+    INotifierPtr reader;
+    INotifierPtr queueReader;
+};
+
+// A process that execs while attached keeps its pid and start time, but its attachments' locks
+// go with their descriptors (closed at exec): its blocks return and a new queue reader is taken
+// while the program it became still runs.
+TEST_F(PoolTest, AProcessThatExecsWhileAttachedIsReapedWhileItsNewProgramRuns) {
+    ScopedPool pool, queue;
+    const auto config = pool.Config("latest", 64, 4);
+    const auto queueConfig = queue.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    testsupport::PipeSignal ready;
+    testsupport::ChildProcess victim([&] {
+        testsupport::DieWithParent();  // also the program it becomes
+        VictimAttachments attachments(config, queueConfig);
+        if (!attachments.Ready()) {
+            return 2;
+        }
+        ready.Post();
+        ::execlp("sleep", "sleep", "120", static_cast<char*>(nullptr));
+        return 3;
+    });
+    ASSERT_TRUE(ready.WaitFor());
+    INotifierPtr queueReader;
+    const bool taken = Eventually(
+        [&] {
+            try {
+                queueReader = PoolFactory::CreatePoolReader(queueConfig);
+            } catch (const AbortSlotCreationException&) {
+            }
+            return static_cast<bool>(queueReader);
+        },
+        std::chrono::seconds(20), std::chrono::milliseconds(20));
+    EXPECT_TRUE(taken) << "the exec'd process's queue reader claim was kept";
+    testsupport::LogCapture log("Slot.Pool");
+    EXPECT_EQ(2u, PoolFactory::Recover(pool.str()));  // its writer's loan, its reader's hold
+    EXPECT_EQ(2u, log.Count("ERROR", "Pool '" + pool.str() + "': process " +
+                                         std::to_string(victim.Pid()) +
+                                         " died; 1 block(s) it held or had loaned returned to "
+                                         "the pool"));
+    const Slot::PoolReport report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ(0u, report.heldBlocks + report.loanedBlocks);
+    EXPECT_EQ(3u, report.freeBlocks);  // all but the latest block
+    EXPECT_EQ(0, ::kill(victim.Pid(), 0)) << "the exec'd program still runs";
+    victim.Kill(SIGKILL);
+    victim.Wait();
+}
+
+// A process whose main thread has ended shows as a zombie while its other threads run on: its
+// attachments, still locked, are not reaped until the whole process is gone.
+TEST_F(PoolTest, AProcessWhoseMainThreadEndedKeepsItsBlocksWhileItsThreadsRun) {
+    ScopedPool pool, queue;
+    const auto config = pool.Config("latest", 64, 4);
+    const auto queueConfig = queue.Config("queue", 64, 2);
+    auto writer = PoolFactory::CreatePoolWriter(config);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    testsupport::PipeSignal ready;
+    testsupport::ChildProcess victim([&] {
+        // A test ended early never waits for it, and with its main thread gone it never ends.
+        testsupport::DieWithParent();
+        std::thread([&] {
+            VictimAttachments attachments(config, queueConfig);
+            if (attachments.Ready()) {
+                ready.Post();
+            }
+            for (;;) {
+                ::pause();
+            }
+        }).detach();
+        // Ends the main thread only, as pthread_exit does, without unwinding through the
+        // harness's frames.
+        ::syscall(SYS_exit, 0);
+        return 3;
+    });
+    ASSERT_TRUE(ready.WaitFor());
+    ASSERT_TRUE(Eventually([&] { return ProcessState(victim.Pid()) == 'Z'; }));
+    EXPECT_EQ(0u, PoolFactory::Recover(pool.str()));
+    EXPECT_EQ(0u, PoolFactory::Recover(queue.str()));
+    Slot::PoolReport report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ(1u, report.loanedBlocks);
+    EXPECT_EQ(1u, report.heldBlocks);
+    EXPECT_EQ(victim.Pid(), Slot::SurveyPool(queue.str()).queueReader);
+    EXPECT_NE(std::string::npos,
+              Thrown([&] { PoolFactory::CreatePoolReader(queueConfig); }).find("it has one"));
+
+    victim.Kill(SIGKILL);
+    victim.Wait();
+    EXPECT_EQ(2u, PoolFactory::Recover(pool.str()));
+    report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ(0u, report.heldBlocks + report.loanedBlocks);
+    EXPECT_NO_THROW(PoolFactory::CreatePoolReader(queueConfig));
 }
 
 TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
