@@ -1120,7 +1120,10 @@ TEST_F(PoolTest, AForkedChildsCopiesOfHoldsLoansAndReadersLeaveTheParentsAlone) 
     // The superseded block is still the parent's: no loan reuses it.
     Slot::PoolLoan other = writer->loan(64);
     EXPECT_FALSE(other);
-    EXPECT_EQ(1u, Check(holder->held[0].data(), 64));
+    {
+        std::lock_guard<std::mutex> lock(holder->mutex);
+        EXPECT_EQ(1u, Check(holder->held[0].data(), 64));
+    }
     EXPECT_EQ(WriteOutcome::Stored, loan.publish(64));
     EXPECT_EQ("Cannot create a second reader for queue pool '" + queuePool.str() +
                   "': it has one (process " + std::to_string(::getpid()) + ")",
