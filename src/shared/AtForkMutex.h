@@ -7,9 +7,10 @@ namespace shared {
 
 // A process-wide mutex that fork() takes around itself (pthread_atfork), for a registry that a
 // child must find consistent: no other thread is in the middle of an update when the child
-// starts. In the child the mutex is made anew (its owner does not exist there) and `InChild`
-// runs, with only async-signal-safe calls: the parent may have forked while another thread was
-// in malloc. `Init` runs once, before the handlers are installed, under no lock.
+// starts. In the child, the forking thread (its only one, which took the mutex in the prepare
+// handler) unlocks it and `InChild` runs, with only async-signal-safe calls: the parent may
+// have forked while another thread was in malloc. `Init` runs once, before the handlers are
+// installed, under no lock.
 //
 // One instantiation per registry: the handlers are the template's own static functions.
 template <void (*Init)(), void (*InChild)()>
@@ -35,7 +36,7 @@ private:
     static void Prepare() { pthread_mutex_lock(&mutex_); }
     static void Parent() { pthread_mutex_unlock(&mutex_); }
     static void Child() {
-        pthread_mutex_init(&mutex_, nullptr);
+        pthread_mutex_unlock(&mutex_);
         InChild();
     }
 
