@@ -1160,19 +1160,25 @@ struct VictimAttachments {
     INotifierPtr queueReader;
 };
 
+// The two pools of the liveness tests: a latest pool with one published block, and a queue.
+struct LivenessPools {
+    ScopedPool pool, queue;
+    const Slot::PoolConfig config = pool.Config("latest", 64, 4);
+    const Slot::PoolConfig queueConfig = queue.Config("queue", 64, 2);
+    boost::shared_ptr<Slot::PoolWriter> writer = PoolFactory::CreatePoolWriter(config);
+    const WriteOutcome published = Publish(*writer, 16, 1);
+};
+
 // A process that execs while attached keeps its pid and start time, but its attachments' locks
 // go with their descriptors (closed at exec): its blocks return and a new queue reader is taken
 // while the program it became still runs.
 TEST_F(PoolTest, AProcessThatExecsWhileAttachedIsReapedWhileItsNewProgramRuns) {
-    ScopedPool pool, queue;
-    const auto config = pool.Config("latest", 64, 4);
-    const auto queueConfig = queue.Config("queue", 64, 2);
-    auto writer = PoolFactory::CreatePoolWriter(config);
-    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    LivenessPools pools;
+    ASSERT_EQ(WriteOutcome::Stored, pools.published);
     testsupport::PipeSignal ready;
     testsupport::ChildProcess victim([&] {
         testsupport::DieWithParent();  // also the program it becomes
-        VictimAttachments attachments(config, queueConfig);
+        VictimAttachments attachments(pools.config, pools.queueConfig);
         if (!attachments.Ready()) {
             return 2;
         }
@@ -1185,7 +1191,7 @@ TEST_F(PoolTest, AProcessThatExecsWhileAttachedIsReapedWhileItsNewProgramRuns) {
     const bool taken = Eventually(
         [&] {
             try {
-                queueReader = PoolFactory::CreatePoolReader(queueConfig);
+                queueReader = PoolFactory::CreatePoolReader(pools.queueConfig);
             } catch (const AbortSlotCreationException&) {
             }
             return static_cast<bool>(queueReader);
@@ -1193,12 +1199,12 @@ TEST_F(PoolTest, AProcessThatExecsWhileAttachedIsReapedWhileItsNewProgramRuns) {
         std::chrono::seconds(20), std::chrono::milliseconds(20));
     EXPECT_TRUE(taken) << "the exec'd process's queue reader claim was kept";
     testsupport::LogCapture log("Slot.Pool");
-    EXPECT_EQ(2u, PoolFactory::Recover(pool.str()));  // its writer's loan, its reader's hold
-    EXPECT_EQ(2u, log.Count("ERROR", "Pool '" + pool.str() + "': process " +
+    EXPECT_EQ(2u, PoolFactory::Recover(pools.pool.str()));  // its writer's loan, its reader's hold
+    EXPECT_EQ(2u, log.Count("ERROR", "Pool '" + pools.pool.str() + "': process " +
                                          std::to_string(victim.Pid()) +
                                          " died; 1 block(s) it held or had loaned returned to "
                                          "the pool"));
-    const Slot::PoolReport report = Slot::SurveyPool(pool.str());
+    const Slot::PoolReport report = Slot::SurveyPool(pools.pool.str());
     EXPECT_EQ(0u, report.heldBlocks + report.loanedBlocks);
     EXPECT_EQ(3u, report.freeBlocks);  // all but the latest block
     EXPECT_EQ(0, ::kill(victim.Pid(), 0)) << "the exec'd program still runs";
@@ -1209,17 +1215,14 @@ TEST_F(PoolTest, AProcessThatExecsWhileAttachedIsReapedWhileItsNewProgramRuns) {
 // A process whose main thread has ended shows as a zombie while its other threads run on: its
 // attachments, still locked, are not reaped until the whole process is gone.
 TEST_F(PoolTest, AProcessWhoseMainThreadEndedKeepsItsBlocksWhileItsThreadsRun) {
-    ScopedPool pool, queue;
-    const auto config = pool.Config("latest", 64, 4);
-    const auto queueConfig = queue.Config("queue", 64, 2);
-    auto writer = PoolFactory::CreatePoolWriter(config);
-    ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 1));
+    LivenessPools pools;
+    ASSERT_EQ(WriteOutcome::Stored, pools.published);
     testsupport::PipeSignal ready;
     testsupport::ChildProcess victim([&] {
         // A test ended early never waits for it, and with its main thread gone it never ends.
         testsupport::DieWithParent();
         std::thread([&] {
-            VictimAttachments attachments(config, queueConfig);
+            VictimAttachments attachments(pools.config, pools.queueConfig);
             if (attachments.Ready()) {
                 ready.Post();
             }
@@ -1234,21 +1237,21 @@ TEST_F(PoolTest, AProcessWhoseMainThreadEndedKeepsItsBlocksWhileItsThreadsRun) {
     });
     ASSERT_TRUE(ready.WaitFor());
     ASSERT_TRUE(Eventually([&] { return ProcessState(victim.Pid()) == 'Z'; }));
-    EXPECT_EQ(0u, PoolFactory::Recover(pool.str()));
-    EXPECT_EQ(0u, PoolFactory::Recover(queue.str()));
-    Slot::PoolReport report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ(0u, PoolFactory::Recover(pools.pool.str()));
+    EXPECT_EQ(0u, PoolFactory::Recover(pools.queue.str()));
+    Slot::PoolReport report = Slot::SurveyPool(pools.pool.str());
     EXPECT_EQ(1u, report.loanedBlocks);
     EXPECT_EQ(1u, report.heldBlocks);
-    EXPECT_EQ(victim.Pid(), Slot::SurveyPool(queue.str()).queueReader);
+    EXPECT_EQ(victim.Pid(), Slot::SurveyPool(pools.queue.str()).queueReader);
     EXPECT_NE(std::string::npos,
-              Thrown([&] { PoolFactory::CreatePoolReader(queueConfig); }).find("it has one"));
+              Thrown([&] { PoolFactory::CreatePoolReader(pools.queueConfig); }).find("it has one"));
 
     victim.Kill(SIGKILL);
     victim.Wait();
-    EXPECT_EQ(2u, PoolFactory::Recover(pool.str()));
-    report = Slot::SurveyPool(pool.str());
+    EXPECT_EQ(2u, PoolFactory::Recover(pools.pool.str()));
+    report = Slot::SurveyPool(pools.pool.str());
     EXPECT_EQ(0u, report.heldBlocks + report.loanedBlocks);
-    EXPECT_NO_THROW(PoolFactory::CreatePoolReader(queueConfig));
+    EXPECT_NO_THROW(PoolFactory::CreatePoolReader(pools.queueConfig));
 }
 
 TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
