@@ -17,8 +17,17 @@ namespace Slot {
 namespace {
 
 // A child forked with a writer writes through one of its own: the inherited one's attachment
-// (and the blocks it loans) belong to the parent.
-const char* const InheritedWriter = "this writer was opened before a fork: a child opens its own";
+// (and the blocks it loans) belong to the parent. True, with an ERROR line, for such a writer.
+bool InheritedWriter(PoolAttachment& attachment) {
+    if (!attachment.Inherited()) {
+        return false;
+    }
+    PoolSegment& segment = attachment.segment();
+    LOG4CXX_ERROR(segment.logger(), "Pool '" << segment.name()
+                                             << "': this writer was opened before a fork: a "
+                                                "child opens its own");
+    return true;
+}
 
 std::uint64_t NowNs() {
     timespec now;
@@ -82,8 +91,7 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
     if (size > capacity_) {
         return end(WriteOutcome::Refused);
     }
-    if (owner_->Inherited()) {
-        LOG4CXX_ERROR(segment.logger(), "Pool '" << segment.name() << "': " << InheritedWriter);
+    if (InheritedWriter(*owner_)) {
         return end(WriteOutcome::Failed);
     }
     if (segment.damaged()) {
@@ -219,8 +227,7 @@ PoolLoan PoolWriter::loan(std::size_t size) {
         loan.outcome_ = outcome;
         return std::move(loan);
     };
-    if (attachment_->Inherited()) {
-        LOG4CXX_ERROR(segment.logger(), "Pool '" << segment.name() << "': " << InheritedWriter);
+    if (InheritedWriter(*attachment_)) {
         return refuse(WriteOutcome::Failed);
     }
     if (segment.damaged()) {
