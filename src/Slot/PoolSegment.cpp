@@ -506,10 +506,18 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
         ::munmap(base, size);
         Refuse(name, "its geometry changed while it was opened");
     }
-    // The descriptor stays open: the owners' locks are tested through it.
-    std::shared_ptr<PoolSegment> segment(new PoolSegment(name, fd.fd, base, size, copy));
+    // The descriptor stays open: the owners' locks are tested through it. Until the segment
+    // owns the mapping and the descriptor, a throw (out of memory) gives them back here; after,
+    // the shared pointer deletes the segment if it throws.
+    PoolSegment* segment = nullptr;
+    try {
+        segment = new PoolSegment(name, fd.fd, base, size, copy);
+    } catch (...) {
+        ::munmap(base, size);
+        throw;
+    }
     fd.fd = -1;
-    return segment;
+    return std::shared_ptr<PoolSegment>(segment);
 }
 
 std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {

@@ -115,7 +115,10 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
         std::uint64_t old = 0;
         const bool named = segment.NameLatest(BlockRef(sequence, index_), old);
         std::uint64_t expected = loaned;
-        block.state.compare_exchange_strong(expected, StatePublished | sequence);
+        const std::uint64_t published = StatePublished | sequence;
+        // Failing, it finds the block published by a reaper (the same word) or a damaged state.
+        const bool stateKept =
+            block.state.compare_exchange_strong(expected, published) || expected == published;
         data_ = nullptr;  // published: no longer ours to drop
         sequence_ = sequence;
         if (named) {
@@ -124,6 +127,11 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
         segment.TryReclaim(index_);  // superseded already by a faster writer
         // Not named: a later block is the latest already, this one was replaced unseen.
         WriteOutcome outcome = named ? WriteOutcome::Stored : WriteOutcome::Discarded;
+        if (!stateKept) {
+            segment.MarkDamaged("block " + std::to_string(index_) +
+                                " was no longer loaned at its publish");
+            return end(WriteOutcome::Failed);
+        }
         if (old != 0) {
             const unsigned oldIndex = static_cast<unsigned>(old & 0xff);
             std::string problem;

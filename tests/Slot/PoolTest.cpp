@@ -679,6 +679,29 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnWithAnErrorLine) {
     EXPECT_NO_THROW(PoolFactory::CreatePoolReader(queueConfig));
 }
 
+// A child that publishes one 16-byte block tagged `tag` on a latest pool, stopped between
+// taking its sequence and naming its block; it exits with 0 when `ok` accepts the outcome.
+// Null when built without crash points.
+std::unique_ptr<testsupport::ChildProcess> StoppedPublisher(
+    const Slot::PoolConfig& config, std::uint64_t tag,
+    const std::function<bool(WriteOutcome)>& ok) {
+    auto child = std::make_unique<testsupport::ChildProcess>([&config, tag, &ok] {
+        auto mine = PoolFactory::CreatePoolWriter(config);
+        if (!shared::ArmCrashPoint("pool-latest-sequence-taken")) {
+            return 2;
+        }
+        return ok(Publish(*mine, 16, tag)) ? 0 : 1;
+    });
+    int status = 0;
+    EXPECT_TRUE(Eventually(
+        [&] { return ::waitpid(child->Pid(), &status, WNOHANG | WUNTRACED) == child->Pid(); }));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 2) {
+        return nullptr;
+    }
+    EXPECT_TRUE(WIFSTOPPED(status));
+    return child;
+}
+
 // A writer delayed between taking its sequence and naming its block (stopped there) publishes
 // after a later sequence was named: the later block stays the latest, so that every reader,
 // present or late, ends on the same and newest state.
@@ -686,23 +709,14 @@ TEST_F(PoolTest, APublishOlderThanTheLatestNeverReplacesIt) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 3);
     auto writer = PoolFactory::CreatePoolWriter(config);
-    testsupport::ChildProcess delayed([&] {
-        auto mine = PoolFactory::CreatePoolWriter(config);
-        if (!shared::ArmCrashPoint("pool-latest-sequence-taken")) {
-            return 2;
-        }
-        return Publish(*mine, 16, 1) == WriteOutcome::Discarded ? 0 : 1;  // sequence 1
-    });
-    int status = 0;
-    ASSERT_TRUE(Eventually(
-        [&] { return ::waitpid(delayed.Pid(), &status, WNOHANG | WUNTRACED) == delayed.Pid(); }));
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 2) {
+    auto delayed = StoppedPublisher(  // sequence 1
+        config, 1, [](WriteOutcome outcome) { return outcome == WriteOutcome::Discarded; });
+    if (!delayed) {
         GTEST_SKIP() << "built without crash points";
     }
-    ASSERT_TRUE(WIFSTOPPED(status));
     ASSERT_EQ(WriteOutcome::Stored, Publish(*writer, 16, 2));  // sequence 2, named first
-    ::kill(delayed.Pid(), SIGCONT);
-    EXPECT_TRUE(delayed.Wait().Ok());
+    ::kill(delayed->Pid(), SIGCONT);
+    EXPECT_TRUE(delayed->Wait().Ok());
 
     auto collector = boost::make_shared<testsupport::Collector>();
     std::uint64_t sequence = 0;  // reader thread, read after WaitFor
@@ -712,6 +726,27 @@ TEST_F(PoolTest, APublishOlderThanTheLatestNeverReplacesIt) {
     reader.reset();
     EXPECT_EQ(2u, Check(collector->Blocks()[0].bytes.data(), 16));
     EXPECT_EQ(2u, sequence);
+}
+
+// A stray write over the state of a block while its writer publishes it: that publish fails
+// and says why.
+TEST_F(PoolTest, AStateOverwrittenDuringItsPublishFailsThePublish) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 2);
+    testsupport::LogCapture log("Slot.Pool");  // the child's copy counts its lines
+    const std::string line =
+        "Pool '" + pool.str() + "' is damaged: block 0 was no longer loaned at its publish";
+    auto delayed = StoppedPublisher(config, 1, [&](WriteOutcome outcome) {
+        return outcome == WriteOutcome::Failed && log.Count("ERROR", line) == 1;
+    });
+    if (!delayed) {
+        GTEST_SKIP() << "built without crash points";
+    }
+    const std::uint64_t table =
+        HeaderField(pool.str(), offsetof(Slot::PoolHeader, blockTableOffset));
+    Poke(pool.str(), table + offsetof(Slot::PoolBlockSlot, state), Slot::StateConsumed | 9);
+    ::kill(delayed->Pid(), SIGCONT);
+    EXPECT_TRUE(delayed->Wait().Ok());
 }
 
 // A queue's reader claim that names no attached entry (a stray write, or a reader that failed
