@@ -400,42 +400,28 @@ std::uint64_t PoolProcessStartTime(pid_t pid) {
     return ReadProcStat(pid, text) ? StartTimeOf(text) : 0;
 }
 
-namespace {
-
-// Whether `pid` is a process and, when `startTime` is not 0, the same one; a zombie counts
-// only when `zombieLives`.
-bool ProcessLives(pid_t pid, std::uint64_t startTime, bool zombieLives) {
+bool PoolProcessGone(pid_t pid, std::uint64_t startTime) {
     if (pid <= 0) {
-        return false;
+        return true;
     }
     std::string text;
     if (!ReadProcStat(pid, text)) {
-        return ::kill(pid, 0) == 0 || errno == EPERM;
+        return !(::kill(pid, 0) == 0 || errno == EPERM);
     }
     if (text.empty()) {
-        return false;  // ended while being read
+        return true;  // ended while being read
     }
     const std::size_t close = text.rfind(')');
     if (close == std::string::npos || close + 2 >= text.size()) {
-        return true;
+        return false;
     }
     const char state = text[close + 2];
-    if ((state == 'Z' && !zombieLives) || state == 'X' || state == 'x') {
-        return false;
+    if (state == 'X' || state == 'x') {
+        return true;
     }
     // A line without a start time is not taken for another process's.
     const std::uint64_t started = StartTimeOf(text);
-    return startTime == 0 || started == 0 || started == startTime;
-}
-
-}  // namespace
-
-bool PoolProcessAlive(pid_t pid, std::uint64_t startTime) {
-    return ProcessLives(pid, startTime, false);
-}
-
-bool PoolProcessGone(pid_t pid, std::uint64_t startTime) {
-    return !ProcessLives(pid, startTime, true);
+    return startTime != 0 && started != 0 && started != startTime;
 }
 
 PoolSegment::PoolSegment(const std::string& name, int fd, void* base, std::size_t size,
@@ -681,21 +667,25 @@ void PoolSegment::SweepOrphans() {
     }
 }
 
-bool PoolSegment::OwnerAlive(unsigned index, std::uint64_t word, const PidNamespace& mine) {
+bool PoolOwnerAlive(int fd, unsigned index, const PoolAttachmentSlot& entry, std::uint64_t word,
+                    const PidNamespace& judge) {
     // The lock goes with the owner's descriptor: when the process dies, and also when it execs
     // (the descriptor is close-on-exec) although its pid and start time stay. A process whose
     // main thread ended shows as a zombie while its other threads run on, and keeps the lock.
-    if (!PoolByteLocked(fd_, PoolOwnerLockByte(index))) {
+    if (!PoolByteLocked(fd, PoolOwnerLockByte(index))) {
         return false;
     }
     // The lock held, a pid of this namespace that is gone or names a later process still tells
     // a dead owner (whose lock a process it made without the fork handlers, not yet exec'd,
     // keeps). Another namespace's pid means nothing here, and an entry whose namespace is not
     // written yet is judged by its lock alone.
-    const PoolAttachmentSlot& entry = attachments_[index];
     const std::uint64_t startTime = entry.startTime.load();
-    return !EntryPidNamespace(entry).SameAs(mine) ||
+    return !EntryPidNamespace(entry).SameAs(judge) ||
            !PoolProcessGone(static_cast<pid_t>(word & AttachPidMask), startTime);
+}
+
+bool PoolSegment::OwnerAlive(unsigned index, std::uint64_t word, const PidNamespace& mine) {
+    return PoolOwnerAlive(fd_, index, attachments_[index], word, mine);
 }
 
 unsigned PoolSegment::ReapDead() {

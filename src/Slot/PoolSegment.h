@@ -232,15 +232,17 @@ std::string PoolHeaderProblem(const PoolHeader& header, std::uint64_t fileSize);
 // a larger one would hold back every later state.
 std::string LatestWordProblem(std::uint64_t latest, std::uint64_t nextSequence);
 
-// Whether the process `pid` still lives and, when `startTime` is not 0, is the same process
-// (not a later one with a recycled pid). A zombie counts as dead.
-bool PoolProcessAlive(pid_t pid, std::uint64_t startTime);
 // Whether no process has the pid `pid` any more or, when `startTime` is not 0, the one that has
 // it is a later one. A zombie is not gone: a process whose main thread ended shows as one while
 // its other threads run on.
 bool PoolProcessGone(pid_t pid, std::uint64_t startTime);
 // The start time of `pid` from /proc/<pid>/stat (0 when unknown).
 std::uint64_t PoolProcessStartTime(pid_t pid);
+// Whether the owner of attachment entry number `index`, whose word is `word`, lives: judged
+// as PoolAttachmentSlot says by a process of pid namespace `judge`, through its descriptor `fd`
+// of the pool file. Reapers and surveys judge alike.
+bool PoolOwnerAlive(int fd, unsigned index, const PoolAttachmentSlot& entry, std::uint64_t word,
+                    const PidNamespace& judge);
 
 // One process's mapping of a pool file. Created or opened by Open; unmapped by the destructor
 // (nothing in shared memory is destroyed). Thread-safe: all shared state is atomic.

@@ -53,6 +53,8 @@ void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked, i
     std::set<ForeignProcess> foreignAttached;
     std::set<ForeignProcess> foreignDead;
     std::set<ForeignProcess> foreignHolders;
+    std::set<pid_t> livePids;
+    std::set<pid_t> deadPids;
     for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
         const std::uint64_t word = attachments[i].word.load();
         if ((word & AttachInUse) == 0) {
@@ -60,17 +62,26 @@ void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked, i
         }
         const pid_t pid = static_cast<pid_t>(word & AttachPidMask);
         const PidNamespace theirs = EntryPidNamespace(attachments[i]);
+        // Judged as a reaper would; an entry being reaped is one whose owner died.
+        const bool dead =
+            (word & AttachReaping) || !PoolOwnerAlive(fd, i, attachments[i], word, mine);
         if (theirs.SameAs(mine)) {
             pids[i] = pid;
             report.attached.push_back(pid);
+            (dead ? deadPids : livePids).insert(pid);
             continue;
         }
         foreign[i] = true;
         foreignProcess[i] = ForeignProcess(theirs.device, theirs.inode, pid);
         foreignAttached.insert(foreignProcess[i]);
-        // An entry being reaped is one whose owner died.
-        if ((word & AttachReaping) || !PoolByteLocked(fd, PoolOwnerLockByte(i))) {
+        if (dead) {
             foreignDead.insert(foreignProcess[i]);
+        }
+    }
+    // A pid with a live entry is a live process (a dead one's number taken again).
+    for (pid_t pid : deadPids) {
+        if (livePids.count(pid) == 0) {
+            report.dead.push_back(pid);
         }
     }
     const auto addHolder = [&](std::uint64_t entry) {

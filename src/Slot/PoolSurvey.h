@@ -4,6 +4,7 @@
 #include <Slot/Export.h>
 
 #include <sys/types.h>
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -31,6 +32,9 @@ struct PoolReport {
     std::vector<pid_t> attached;      ///< processes attached as writers or readers, one per role
     std::vector<pid_t> holders;       ///< processes holding or having loaned a block
     pid_t queueReader = 0;            ///< the queue's reader (0: none)
+    /// Those of `attached` that died, judged as a reaper judges them (their blocks return at
+    /// the next reaping). A zombie whose other threads run on lives.
+    std::vector<pid_t> dead;
     /// Processes of other pid namespaces (containers sharing /dev/shm): their pids mean nothing
     /// here, so they are counted, not listed in `attached`, `holders` or `queueReader`. The
     /// attached ones, alive or dead; those of them holding or having loaned a block; those that
@@ -39,6 +43,9 @@ struct PoolReport {
     std::size_t otherNamespaceHolders = 0;
     std::size_t otherNamespaceDead = 0;
     bool queueReaderInOtherNamespace = false;  ///< the queue's reader is one of them
+
+    /// Whether `pid`, one of the pids above, lives.
+    bool Alive(pid_t pid) const { return std::find(dead.begin(), dead.end(), pid) == dead.end(); }
 };
 
 /// The state of the pool `name`. Never throws for what it finds: a missing file gives state

@@ -282,23 +282,19 @@ std::string InfoJson(const SlotReport& report) {
     return json.Text();
 }
 
-bool PoolPidAlive(pid_t pid) {
-    return PoolProcessAlive(pid, 0);
-}
-
 namespace {
 
-void AddPid(JsonWriter& json, pid_t pid) {
+void AddPid(JsonWriter& json, const PoolReport& report, pid_t pid) {
     json.BeginObject();
     json.Key("pid").SignedNumber(pid);
-    json.Key("alive").Bool(PoolPidAlive(pid));
+    json.Key("alive").Bool(report.Alive(pid));
     json.EndObject();
 }
 
-void AddPids(JsonWriter& json, const std::vector<pid_t>& pids) {
+void AddPids(JsonWriter& json, const PoolReport& report, const std::vector<pid_t>& pids) {
     json.BeginArray();
     for (pid_t pid : pids) {
-        AddPid(json, pid);
+        AddPid(json, report, pid);
     }
     json.EndArray();
 }
@@ -329,10 +325,10 @@ void AddPoolEntry(JsonWriter& json, const PoolReport& report) {
     json.Key("last_sequence");
     known ? json.Number(report.lastSequence) : json.Null();
     json.Key("holders");
-    AddPids(json, report.holders);
+    AddPids(json, report, report.holders);
     json.Key("reader");
     if (report.kind == "queue" && report.queueReader != 0) {
-        AddPid(json, report.queueReader);
+        AddPid(json, report, report.queueReader);
     } else {
         json.Null();
     }
@@ -374,7 +370,7 @@ std::string PoolInfoJson(const PoolReport& report) {
     json.Key("file_size");
     report.exists ? json.Number(report.fileSize) : json.Null();
     json.Key("attached");
-    AddPids(json, report.attached);
+    AddPids(json, report, report.attached);
     json.EndObject();
     return json.Text();
 }

@@ -60,9 +60,6 @@ SLOT_EXPORT std::string ListJson(const std::vector<SlotReport>& reports);
 // parts, held locks and the processes attached to it (looked up now, see SlotAttachments).
 SLOT_EXPORT std::string InfoJson(const SlotReport& report);
 
-// Whether the process `pid` still runs (a zombie does not): for the pids a pool report names.
-SLOT_EXPORT bool PoolPidAlive(pid_t pid);
-
 // The keys of one pool in a listing, written into the object `json` has open: "pool" is true,
 // which no slot entry has.
 SLOT_EXPORT void AddPoolEntry(JsonWriter& json, const PoolReport& report);

@@ -1233,6 +1233,8 @@ TEST_F(PoolTest, AProcessThatExecsWhileAttachedIsReapedWhileItsNewProgramRuns) {
         },
         std::chrono::seconds(20), std::chrono::milliseconds(20));
     EXPECT_TRUE(taken) << "the exec'd process's queue reader claim was kept";
+    // A survey judges it as the reaper does, before any reaping.
+    EXPECT_EQ(std::vector<pid_t>{victim.Pid()}, Slot::SurveyPool(pools.pool.str()).dead);
     testsupport::LogCapture log("Slot.Pool");
     EXPECT_EQ(2u, PoolFactory::Recover(pools.pool.str()));  // its writer's loan, its reader's hold
     EXPECT_EQ(2u, log.Count("ERROR", "Pool '" + pools.pool.str() + "': process " +
@@ -1277,12 +1279,14 @@ TEST_F(PoolTest, AProcessWhoseMainThreadEndedKeepsItsBlocksWhileItsThreadsRun) {
     Slot::PoolReport report = Slot::SurveyPool(pools.pool.str());
     EXPECT_EQ(1u, report.loanedBlocks);
     EXPECT_EQ(1u, report.heldBlocks);
+    EXPECT_TRUE(report.dead.empty());  // a survey judges it as the reaper does
     EXPECT_EQ(victim.Pid(), Slot::SurveyPool(pools.queue.str()).queueReader);
     EXPECT_NE(std::string::npos,
               Thrown([&] { PoolFactory::CreatePoolReader(pools.queueConfig); }).find("it has one"));
 
     victim.Kill(SIGKILL);
     victim.Wait();
+    EXPECT_EQ(std::vector<pid_t>{victim.Pid()}, Slot::SurveyPool(pools.pool.str()).dead);
     EXPECT_EQ(2u, PoolFactory::Recover(pools.pool.str()));
     report = Slot::SurveyPool(pools.pool.str());
     EXPECT_EQ(0u, report.heldBlocks + report.loanedBlocks);

@@ -205,11 +205,11 @@ void PrintInfo(std::ostream& out, const SlotReport& report) {
     }
 }
 
-// Pids as "pid 1, dead pid 2"; "-" for none.
-std::string PidsText(const std::vector<pid_t>& pids) {
+// Pids of `report` as "pid 1, dead pid 2"; "-" for none.
+std::string PidsText(const Slot::PoolReport& report, const std::vector<pid_t>& pids) {
     std::vector<std::string> texts;
     for (pid_t pid : pids) {
-        texts.push_back(PidText(pid));
+        texts.push_back(PidText(report, pid));
     }
     return texts.empty() ? "-" : Join(texts);
 }
@@ -229,13 +229,13 @@ std::string OtherNamespacesText(std::size_t count, std::size_t dead) {
 }
 
 // PidsText, then those of other pid namespaces.
-std::string PoolProcessesText(const std::vector<pid_t>& pids, std::size_t otherCount,
-                              std::size_t otherDead) {
+std::string PoolProcessesText(const Slot::PoolReport& report, const std::vector<pid_t>& pids,
+                              std::size_t otherCount, std::size_t otherDead) {
     const std::string others = OtherNamespacesText(otherCount, otherDead);
     if (others.empty()) {
-        return PidsText(pids);
+        return PidsText(report, pids);
     }
-    return pids.empty() ? others : PidsText(pids) + ", " + others;
+    return pids.empty() ? others : PidsText(report, pids) + ", " + others;
 }
 
 std::string PoolReaderText(const Slot::PoolReport& report) {
@@ -245,7 +245,7 @@ std::string PoolReaderText(const Slot::PoolReport& report) {
     if (report.queueReaderInOtherNamespace) {
         return "in another pid namespace";
     }
-    return report.queueReader == 0 ? "none" : PidText(report.queueReader);
+    return report.queueReader == 0 ? "none" : PidText(report, report.queueReader);
 }
 
 // The pools' table, printed below the slots' when there are pools.
@@ -270,7 +270,7 @@ void PrintPools(std::ostream& out, const std::vector<Slot::PoolReport>& pools) {
             "  " + RightAligned(count(report.loanedBlocks), 6) + "  " +
             RightAligned(count(report.waitingBlocks), 7) + "  " +
             RightAligned(count(report.heldBlocks), 5) + "  " + Padded(PoolReaderText(report), 10) +
-            "  " + PoolProcessesText(report.holders, report.otherNamespaceHolders, 0);
+            "  " + PoolProcessesText(report, report.holders, report.otherNamespaceHolders, 0);
         if (!report.problem.empty()) {
             line += "  (" + Printable(report.problem) + ")";
         }
@@ -301,9 +301,9 @@ void PrintPoolInfo(std::ostream& out, const Slot::PoolReport& report) {
         }
     }
     out << "  " << Padded("holders", 16)
-        << PoolProcessesText(report.holders, report.otherNamespaceHolders, 0) << "\n";
+        << PoolProcessesText(report, report.holders, report.otherNamespaceHolders, 0) << "\n";
     out << "  " << Padded("attached", 16)
-        << PoolProcessesText(report.attached, report.otherNamespaceAttached,
+        << PoolProcessesText(report, report.attached, report.otherNamespaceAttached,
                              report.otherNamespaceDead)
         << "\n";
 }

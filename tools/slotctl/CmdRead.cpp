@@ -130,9 +130,9 @@ std::string OpenPoolReader(const Arguments& arguments, const std::string& name, 
         reader = Slot::PoolFactory::CreatePoolReader(config, Unowned(queue));
     } catch (const std::exception& e) {
         std::string message = "cannot read " + Quote(name) + ": " + e.what();
-        const pid_t holder = Slot::SurveyPool(name).queueReader;
-        if (config.kind == "queue" && holder > 0) {
-            message += " (its reader is " + PidText(holder) + ")";
+        const Slot::PoolReport report = Slot::SurveyPool(name);
+        if (config.kind == "queue" && report.queueReader > 0) {
+            message += " (its reader is " + PidText(report, report.queueReader) + ")";
         }
         throw CommandError(ExitFailure, message);
     }

@@ -370,7 +370,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             }
             const Slot::PoolConfig config = ResolvePool(arguments, "record", name);
             if (config.kind == "queue" && report.queueReader > 0 &&
-                Slot::PoolPidAlive(report.queueReader)) {
+                report.Alive(report.queueReader)) {
                 // One reader per machine, as for a reliable slot.
                 throw CommandError(ExitFailure,
                                    "cannot record " + Quote(name) +

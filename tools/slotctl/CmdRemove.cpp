@@ -249,7 +249,7 @@ bool RemovePoolOne(const std::string& name, bool staleOnly, bool force) {
     std::vector<std::string> users;
     for (pid_t pid : report.attached) {
         const std::string user = "pid " + std::to_string(pid);
-        if (pid != ::getpid() && Slot::PoolPidAlive(pid) &&
+        if (pid != ::getpid() && report.Alive(pid) &&
             std::find(users.begin(), users.end(), user) == users.end()) {
             users.push_back(user);
         }

@@ -73,8 +73,8 @@ Slot::PoolConfig ResolvePool(const Arguments& arguments, const std::string& comm
     return config;
 }
 
-std::string PidText(pid_t pid) {
-    return (Slot::PoolPidAlive(pid) ? "pid " : "dead pid ") + std::to_string(pid);
+std::string PidText(const Slot::PoolReport& report, pid_t pid) {
+    return (report.Alive(pid) ? "pid " : "dead pid ") + std::to_string(pid);
 }
 
 }  // namespace slotctl

@@ -28,7 +28,7 @@ bool MeansPool(const Arguments& arguments, const std::string& command, const std
 Slot::PoolConfig ResolvePool(const Arguments& arguments, const std::string& command,
                              const std::string& name);
 
-// "pid 4711" or "dead pid 4711", for the pids a pool report names.
-std::string PidText(pid_t pid);
+// "pid 4711" or "dead pid 4711", for the pids `report` names.
+std::string PidText(const Slot::PoolReport& report, pid_t pid);
 
 }  // namespace slotctl
