@@ -5,6 +5,7 @@
 #include <Slot/SlotNames.h>
 
 #include <shared/AtForkMutex.h>
+#include <shared/CrashPoint.h>
 #include <shared/RobustMutex.h>
 #include <shared/SharedFolder.h>
 #include <shared/WriteOutcome.h>
@@ -66,12 +67,14 @@ int LockOneByte(int fd, short type, std::uint64_t byte) {
     return ::fcntl(fd, F_OFD_SETLK, &lock) == 0 ? 0 : errno;
 }
 
-// The attachments' lock descriptors of this process. A child forked without exec would share
-// each description, and with it the lock: the entry of a parent that died first would look
-// alive to every judge that goes by the lock until the child ended. So the child closes its
-// copies at once (the parent's descriptors keep the locks) and marks them closed, so that its
-// copies of the attachments close nothing later. The fork takes the registry's lock, so no
-// descriptor is between its open and its registration then.
+// The lock descriptors of this process's attachments (owner locks) and segments (reaper
+// locks). A child forked without exec would share each description, and with it its locks: the
+// entry of a parent that died first would look alive to every judge that goes by the lock until
+// the child ended, and so would a reaper lock of a parent that died while reaping. So the child
+// closes its copies at once (the parent's descriptors keep the locks) and marks them closed, so
+// that its copies of the attachments and segments close nothing later (a segment without its
+// descriptor takes every owner for alive and reaps nothing). The fork takes the registry's
+// lock, so no descriptor is between its open and its registration then.
 std::vector<int*>* attachmentFds = nullptr;  // never freed: usable during static teardown
 
 void InitAttachmentFds() {
@@ -446,8 +449,15 @@ PoolSegment::PoolSegment(const std::string& name, int fd, void* base, std::size_
       logger_(log4cxx::Logger::getLogger("Slot.Pool")) {}
 
 PoolSegment::~PoolSegment() {
+    {
+        AttachmentFdsLock registry;
+        std::vector<int*>& fds = *attachmentFds;
+        fds.erase(std::remove(fds.begin(), fds.end(), &fd_), fds.end());
+    }
+    if (fd_ >= 0) {  // closed at a fork in a child
+        ::close(fd_);
+    }
     ::munmap(base_, size_);
-    ::close(fd_);
 }
 
 std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) {
@@ -492,17 +502,35 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
         ::munmap(base, size);
         Refuse(name, "its geometry changed while it was opened");
     }
-    // The descriptor stays open: the owners' locks are tested through it. Until the segment
-    // owns the mapping and the descriptor, a throw (out of memory) gives them back here; after,
-    // the shared pointer deletes the segment if it throws.
+    // The owners' locks are tested and the reaper locks taken through a description of the
+    // file of their own. The mapping's description lives on in every child forked with the
+    // mapping, and a lock on it with it; this one is closed in such a child at the fork. From
+    // its open to its registration, no fork. Until the segment owns the mapping and the
+    // descriptor, a throw (out of memory) gives them back here; after, the shared pointer
+    // deletes the segment if it throws.
     PoolSegment* segment = nullptr;
-    try {
-        segment = new PoolSegment(name, fd.fd, base, size, copy);
-    } catch (...) {
-        ::munmap(base, size);
-        throw;
+    {
+        AttachmentFdsLock registry;
+        attachmentFds->reserve(attachmentFds->size() + 1);
+        Fd lockFd(
+            ::openat(folder.fd(), name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        struct stat again;
+        if (lockFd.fd < 0 || ::fstat(lockFd.fd, &again) != 0 || again.st_dev != st.st_dev ||
+            again.st_ino != st.st_ino) {
+            const int error = errno;
+            ::munmap(base, size);
+            Refuse(name, lockFd.fd < 0 ? "cannot open it again for its locks: " + Errno(error)
+                                       : "it was removed and made again while it was opened");
+        }
+        try {
+            segment = new PoolSegment(name, lockFd.fd, base, size, copy);
+        } catch (...) {
+            ::munmap(base, size);
+            throw;
+        }
+        lockFd.fd = -1;
+        attachmentFds->push_back(&segment->fd_);  // room reserved above: does not throw
     }
-    fd.fd = -1;
     return std::shared_ptr<PoolSegment>(segment);
 }
 
@@ -734,6 +762,7 @@ unsigned PoolSegment::ReapDead() {
 }
 
 void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mine) {
+    shared::StopPoint("pool-reaping");
     const std::uint64_t bit = 1ull << index;
     header_->sleepers.fetch_and(~bit);
     unsigned returned = 0;

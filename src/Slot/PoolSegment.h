@@ -369,7 +369,9 @@ private:
     int Reopen();
 
     std::string name_;
-    int fd_;  // tests the owners' locks and holds this process's reaper locks
+    // Tests the owners' locks and holds this process's reaper locks: a description of its own,
+    // not the mapping's (-1: closed at a fork, in the child).
+    int fd_;
     void* base_;
     std::size_t size_;
     PoolHeader* header_;

@@ -1165,6 +1165,67 @@ TEST_F(PoolTest, AForkedChildsCopiesOfHoldsLoansAndReadersLeaveTheParentsAlone) 
               Thrown([&] { PoolFactory::CreatePoolReader(queue); }));
 }
 
+// A reaper killed half-way leaves the entry marked as being reaped, and its reaper lock goes
+// with it, also when it had forked a child (without exec) that runs on: the next reaper takes
+// the entry over.
+TEST_F(PoolTest, AReaperKilledHalfWayIsTakenOverWhileItsForkedChildRuns) {
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 2);
+    testsupport::PipeSignal victimLoaned, reaperReady, victimGone;
+    testsupport::ChildProcess victim([&] {
+        testsupport::DieWithParent();
+        auto writer = PoolFactory::CreatePoolWriter(config);
+        Slot::PoolLoan loan = writer->loan(8);  // block 0
+        victimLoaned.Post();
+        for (;;) {
+            ::pause();
+        }
+        return 0;
+    });
+    ASSERT_TRUE(victimLoaned.WaitFor());
+    auto forked = testsupport::SharedWithChildren<std::atomic<pid_t>>();
+    testsupport::ChildProcess reaper([&] {
+        if (!shared::ArmCrashPoint("pool-reaping")) {
+            return 2;
+        }
+        auto writer = PoolFactory::CreatePoolWriter(config);
+        Slot::PoolLoan loan = writer->loan(8);  // block 1: none is free after it
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(60);  // killed by the test, which a failure may skip
+            for (;;) {
+                ::pause();
+            }
+        }
+        forked->store(child);
+        reaperReady.Post();
+        victimGone.WaitFor();
+        return writer->loan(8) ? 3 : 4;  // reaps the victim, stopped half-way
+    });
+    int status = 0;
+    if (!reaperReady.WaitFor()) {
+        reaper.Wait();
+        GTEST_SKIP() << "built without crash points";
+    }
+    victim.Kill(SIGKILL);
+    victim.Wait();
+    victimGone.Post();
+    ASSERT_TRUE(Eventually(
+        [&] { return ::waitpid(reaper.Pid(), &status, WNOHANG | WUNTRACED) == reaper.Pid(); }));
+    ASSERT_TRUE(WIFSTOPPED(status));
+    reaper.Kill(SIGKILL);
+    reaper.Wait();
+
+    testsupport::LogCapture log("Slot.Pool");
+    EXPECT_EQ(2u, PoolFactory::Recover(pool.str()));  // the victim's entry and the reaper's
+    EXPECT_EQ(1u, log.Count("ERROR", "Pool '" + pool.str() + "': process " +
+                                         std::to_string(victim.Pid()) +
+                                         " died; 1 block(s) it held or had loaned returned to "
+                                         "the pool"));
+    EXPECT_EQ(0u, Slot::SurveyPool(pool.str()).loanedBlocks);
+    EXPECT_EQ(0, ::kill(forked->load(), SIGKILL)) << "the reaper's child ran on";
+}
+
 // The state letter of /proc/<pid>/stat ('\0' when it cannot be read).
 char ProcessState(pid_t pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
