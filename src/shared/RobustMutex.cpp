@@ -10,6 +10,7 @@
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
@@ -267,6 +268,31 @@ void UnlockRobust(pthread_mutex_t* mutex, const LockWatch* watch) {
 pid_t CurrentThreadId() {
     // Not cached: a forked child's thread would inherit its parent's cached id.
     return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+namespace {
+
+// Counts the forks of this process's lineage: a thread's kept id is valid for the count it was
+// kept at.
+std::atomic<unsigned> forkGeneration{0};
+
+void CountFork() {
+    forkGeneration.fetch_add(1, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+pid_t ThisThreadId() {
+    static const int installed = pthread_atfork(nullptr, nullptr, CountFork);
+    (void)installed;
+    thread_local unsigned keptAt = ~0u;
+    thread_local pid_t kept = 0;
+    const unsigned generation = forkGeneration.load(std::memory_order_relaxed);
+    if (keptAt != generation) {
+        kept = CurrentThreadId();
+        keptAt = generation;
+    }
+    return kept;
 }
 
 }  // namespace shared

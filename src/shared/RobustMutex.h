@@ -85,5 +85,9 @@ SHARED_EXPORT void UnlockRobust(pthread_mutex_t* mutex, const LockWatch* watch =
 
 // The calling thread's kernel thread id.
 SHARED_EXPORT pid_t CurrentThreadId();
+// The same, kept per thread after the first call (no system call): for hot paths. Asked again
+// after every fork made through fork() (the child's thread has another id); a process made by a
+// bare clone system call, which runs no fork handlers, must not rely on it.
+SHARED_EXPORT pid_t ThisThreadId();
 
 }  // namespace shared

@@ -455,28 +455,41 @@ bool BaseQueueSlot::OpenQueue(size_t maxDataSize, size_t bufferLength) {
     return created;
 }
 
+bool BaseQueueSlot::HeaderHeldHere() const {
+    pthread_mutex_t* header = shared::NativeMutex(lockable_.Get());
+    return header == nullptr || shared::MutexOwnerThread(header) == shared::ThisThreadId();
+}
+
+void BaseQueueSlot::LockHeaderBounded() {
+    const boost::posix_time::ptime deadline =
+        shared::UtcNow() + boost::posix_time::milliseconds(shared::CreationWaitLimit().count() * 2);
+    if (!lockable_.timed_lock(deadline)) {
+        throw boost::interprocess::interprocess_exception(
+            ("slot '" + name_ + "' stays locked by thread " +
+             std::to_string(shared::MutexOwnerThread(shared::NativeMutex(lockable_.Get()))))
+                .c_str());
+    }
+}
+
+BaseQueueSlot::HeaderHold::HeaderHold(BaseQueueSlot& slot) {
+    if (!slot.HeaderHeldHere()) {
+        slot.LockHeaderBounded();
+        taken_ = &slot;
+    }
+}
+
+BaseQueueSlot::HeaderHold::~HeaderHold() {
+    if (taken_ != nullptr) {
+        taken_->lockable_.unlock();
+    }
+}
+
 void BaseQueueSlot::CheckQueue() {
     if (!queueGuard_ || queueGuard_->LooksHealthy()) {
         return;
     }
-    // Repairs need the header lock. Callers of the slot kinds normally hold it; one who does not
-    // (a direct WriteData) takes it for the repair.
-    pthread_mutex_t* header = shared::NativeMutex(lockable_.Get());
-    if (header != nullptr && shared::MutexOwnerThread(header) != shared::CurrentThreadId()) {
-        const boost::posix_time::ptime deadline =
-            shared::UtcNow() +
-            boost::posix_time::milliseconds(shared::CreationWaitLimit().count() * 2);
-        if (!lockable_.timed_lock(deadline)) {
-            throw boost::interprocess::interprocess_exception(
-                ("slot '" + name_ + "' stays locked by thread " +
-                 std::to_string(shared::MutexOwnerThread(header)))
-                    .c_str());
-        }
-        boost::interprocess::scoped_lock<shared::ILockable> lock(
-            lockable_, boost::interprocess::accept_ownership);
-        queueGuard_->Recover(logger_, name_);
-        return;
-    }
+    // Repairs need the header lock, which the slot kinds hold here (HeaderHold).
+    HeaderHold hold(*this);
     queueGuard_->Recover(logger_, name_);
 }
 

@@ -127,6 +127,23 @@ protected:
     // Tells Slot::LastWriteOutcome / Slot::GetWriteCounts what became of one WriteData.
     void RecordWriteOutcome(shared::WriteOutcome outcome);
 
+    // Holds the slot's lock for the queue calls of a slot kind's ReadData or WriteData when the
+    // calling thread does not hold it (a caller that bypasses it: SimpleSlotRW::Read, a direct
+    // call). Every queue call is then made under the slot's lock: a process killed inside one
+    // leaves the queue's mutex to the next holder of the lock to recover instead of blocking it
+    // for ever, and the output buffer is never written by two at once. Taking the lock is
+    // bounded as in CheckQueue (boost::interprocess::interprocess_exception).
+    class HeaderHold {
+    public:
+        explicit HeaderHold(BaseQueueSlot& slot);
+        ~HeaderHold();
+        HeaderHold(const HeaderHold&) = delete;
+        HeaderHold& operator=(const HeaderHold&) = delete;
+
+    private:
+        BaseQueueSlot* taken_ = nullptr;
+    };
+
     // Makes sure the queue can be used without blocking for ever: called by the slot kinds under
     // the slot's lock before their queue calls. A queue mutex left held by a dead process is
     // repaired (ERROR line); a damaged queue, or one whose mutex a live thread keeps, raises
@@ -173,6 +190,11 @@ private:
     void CheckHeaderSegment() const;
     // The same for an existing header segment, from its raw bytes, before it is opened.
     void PrecheckHeaderSegment() const;
+    // True when the calling thread holds the header lock (always true for a slot without one).
+    bool HeaderHeldHere() const;
+    // Takes the header lock, waiting at most twice the creation bound for a live holder;
+    // boost::interprocess::interprocess_exception after that.
+    void LockHeaderBounded();
     // True when [p, p + size) lies inside this process's mapping of the header segment.
     bool InsideSegment(const void* p, size_t size) const;
 

@@ -16,6 +16,7 @@ DiscardingSlot::~DiscardingSlot() {}
 size_t DiscardingSlot::ReadData(void* buffer, size_t size) {
     const log4cxx::LoggerPtr& logger = GetLogger();
     shared::SizedArray block;
+    HeaderHold hold(*this);
     CheckQueue();
     if (GetBufferLength() != 0) {
         // Received straight into `buffer` when it holds any block (see ReceiveInto).
@@ -46,6 +47,7 @@ void DiscardingSlot::WriteData(const void* data, size_t size) {
     }
     const log4cxx::LoggerPtr& logger = GetLogger();
     try {
+        HeaderHold hold(*this);
         CheckQueue();
         MessageQueue& queue = GetQueue();
         shared::WriteOutcome outcome = shared::WriteOutcome::Stored;

@@ -17,6 +17,7 @@ ReliableSlot::~ReliableSlot() {}
 
 size_t ReliableSlot::ReadData(void* buffer, size_t size) {
     const log4cxx::LoggerPtr& logger = GetLogger();
+    HeaderHold hold(*this);
     CheckQueue();
     if (GetBufferLength() == 0) {
         if (logger->isErrorEnabled()) {
@@ -40,6 +41,7 @@ void ReliableSlot::WriteData(const void* data, size_t size) {
     }
     const log4cxx::LoggerPtr& logger = GetLogger();
     try {
+        HeaderHold hold(*this);
         CheckQueue();
         MessageQueue& queue = GetQueue();
         if (SendBlock(data, size)) {

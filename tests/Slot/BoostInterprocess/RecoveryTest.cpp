@@ -31,6 +31,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -225,6 +226,50 @@ TEST(DeadQueueHolder, DeathInsideAQueueCallLosesOnlyTheBlockInFlight) {
         });
         EXPECT_TRUE(result.Ok()) << result.Describe();
     }
+}
+
+// A direct call that bypasses the slot's lock still makes its queue calls under it: it waits
+// while another process holds the lock (which may be inside the queue), and its own death
+// inside the queue is recovered by the next holder like any other.
+TEST(DeadQueueHolder, ADirectCallWaitsForTheSlotsLockAndItsDeathInsideTheQueueIsRecovered) {
+    if (!shared::ArmCrashPoint("")) {
+        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
+    }
+    ScopedSlotName name;
+    ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
+    testsupport::PipeSignal opened, go;
+    ChildProcess direct([&] {
+        ReliableSlot mine(open_or_create, name.c_str(), kMaxSize, kCapacity);
+        opened.Post();
+        go.WaitFor();
+        shared::ArmCrashPoint("send-queue-locked");
+        mine.WriteData("lost", 4);
+        return 3;  // not reached
+    });
+    ASSERT_TRUE(opened.WaitFor());
+    slot.GetLockable()->lock();
+    go.Post();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ChildResult early;
+    const bool waited = !direct.Poll(&early);
+    slot.GetLockable()->unlock();
+    EXPECT_TRUE(waited) << "it went into the queue under another's lock: " << early.Describe();
+    const ChildResult died = direct.Wait(seconds(30));
+    ASSERT_EQ(9, died.signal) << died.Describe();
+
+    const ChildResult result = RunInChild([&] {
+        LogCapture log("Slot");
+        Write(slot, Block(0));
+        if (const int failed = ExpectBlocks(slot, 1)) {
+            return failed;
+        }
+        const std::string expected = "Queue of '" + name.str() + "' was locked by thread " +
+                                     std::to_string(direct.Pid()) + ", which died holding it;";
+        return CountContaining(log, "ERROR", expected) == 1
+                   ? 0
+                   : Failed(11, "no ERROR line '" + expected + "'");
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
 }
 
 TEST(DeadQueueHolder, ADiscardingSlotNeverDeliversAHalfCopiedBlock) {
