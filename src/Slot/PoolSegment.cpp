@@ -23,6 +23,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <fstream>
@@ -796,12 +797,10 @@ void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mi
         if (ClaimedEntry(claim) == index + 1) {
             header_->readerClaim.compare_exchange_strong(claim, ClaimGivenUp(claim));
         }
-        const boost::posix_time::ptime deadline =
-            boost::posix_time::microsec_clock::universal_time() +
-            boost::posix_time::seconds(ReapLockSeconds);
         auto repair = [this](pid_t) { SweepOrphans(); };
         try {
-            if (shared::TimedLockRecovering(writerMutex(), deadline, repair)) {
+            if (shared::TimedLockRecoveringFor(writerMutex(), std::chrono::seconds(ReapLockSeconds),
+                                               repair)) {
                 SweepOrphans();
                 shared::UnlockRobust(writerMutex());
             }

@@ -5,11 +5,9 @@
 
 #include <shared/CrashPoint.h>
 #include <shared/RobustMutex.h>
-#include <shared/UtcClock.h>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <time.h>
+#include <chrono>
 #include <cstring>
 
 namespace Slot {
@@ -166,8 +164,8 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
     const shared::OwnerDeadRepair repair = [&segment](pid_t) { segment.SweepOrphans(); };
     try {
         if (!shared::TryLockRecovering(segment.writerMutex(), repair) &&
-            !shared::TimedLockRecovering(
-                segment.writerMutex(), shared::UtcNow() + boost::posix_time::seconds(2), repair)) {
+            !shared::TimedLockRecoveringFor(segment.writerMutex(), std::chrono::seconds(2),
+                                            repair)) {
             LOG4CXX_ERROR(segment.logger(),
                           "Pool '" << segment.name() << "': the writers' lock stayed taken");
             return end(WriteOutcome::Failed);

@@ -41,31 +41,37 @@ void InterprocCondition::Leave() {
 }
 
 bool InterprocCondition::Sleep(std::uint32_t seen, const boost::posix_time::ptime& deadline) {
-    long rc;
     if (deadline.is_not_a_date_time() || deadline.is_pos_infinity()) {
-        rc = Futex(&sequence, FUTEX_WAIT, seen, nullptr, 0);
-    } else {
-        timespec abs = {0, 0};
-        if (!deadline.is_neg_infinity()) {
-            static const boost::posix_time::ptime epoch(boost::gregorian::date(1970, 1, 1));
-            const boost::posix_time::time_duration since = deadline - epoch;
-            if (since.is_negative()) {
-                return false;
-            }
-            // A 32-bit time_t ends in 2038; a later deadline is clamped to that end instead of
-            // wrapping round into an invalid or past time.
-            if (since.total_seconds() > std::numeric_limits<time_t>::max()) {
-                abs.tv_sec = std::numeric_limits<time_t>::max();
-            } else {
-                abs.tv_sec = static_cast<time_t>(since.total_seconds());
-                abs.tv_nsec = static_cast<long>(since.fractional_seconds()) *
-                              (1000000000L / boost::posix_time::time_duration::ticks_per_second());
-            }
-        }
-        // Absolute deadline on CLOCK_REALTIME, the clock of the UTC deadline.
-        rc = Futex(&sequence, FUTEX_WAIT_BITSET | FUTEX_CLOCK_REALTIME, seen, &abs,
-                   FUTEX_BITSET_MATCH_ANY);
+        return SleepUntil(seen, nullptr, true);
     }
+    timespec abs = {0, 0};
+    if (!deadline.is_neg_infinity()) {
+        static const boost::posix_time::ptime epoch(boost::gregorian::date(1970, 1, 1));
+        const boost::posix_time::time_duration since = deadline - epoch;
+        if (since.is_negative()) {
+            return false;
+        }
+        // A 32-bit time_t ends in 2038; a later deadline is clamped to that end instead of
+        // wrapping round into an invalid or past time.
+        if (since.total_seconds() > std::numeric_limits<time_t>::max()) {
+            abs.tv_sec = std::numeric_limits<time_t>::max();
+        } else {
+            abs.tv_sec = static_cast<time_t>(since.total_seconds());
+            abs.tv_nsec = static_cast<long>(since.fractional_seconds()) *
+                          (1000000000L / boost::posix_time::time_duration::ticks_per_second());
+        }
+    }
+    // Absolute deadline on CLOCK_REALTIME, the clock of the UTC deadline.
+    return SleepUntil(seen, &abs, true);
+}
+
+bool InterprocCondition::SleepUntil(std::uint32_t seen, const timespec* deadline, bool realtime) {
+    // FUTEX_WAIT_BITSET takes an absolute time, on CLOCK_MONOTONIC unless told otherwise.
+    const long rc =
+        deadline == nullptr
+            ? Futex(&sequence, FUTEX_WAIT, seen, nullptr, 0)
+            : Futex(&sequence, FUTEX_WAIT_BITSET | (realtime ? FUTEX_CLOCK_REALTIME : 0), seen,
+                    deadline, FUTEX_BITSET_MATCH_ANY);
     if (rc == 0) {
         return true;
     }

@@ -6,7 +6,11 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/interprocess/sync/interprocess_condition.hpp>
 
+#include <shared/RobustMutex.h>
+
+#include <chrono>
 #include <cstdint>
+#include <ctime>
 
 namespace shared {
 
@@ -50,12 +54,34 @@ struct SHARED_EXPORT InterprocCondition {
     template <class Mutex>
     bool timed_wait(Mutex& mutex, const boost::posix_time::ptime& deadline,
                     std::uint32_t* lastSeen = nullptr) {
+        return WaitWith(mutex, lastSeen, [&](std::uint32_t seen) { return Sleep(seen, deadline); });
+    }
+    // The same for at most `timeout`, on the monotonic clock: no change of the system's time
+    // shortens or lengthens the wait.
+    template <class Mutex>
+    bool timed_wait_for(Mutex& mutex, std::chrono::nanoseconds timeout,
+                        std::uint32_t* lastSeen = nullptr) {
+        const timespec deadline = MonotonicDeadline(timeout);
+        return WaitWith(mutex, lastSeen,
+                        [&](std::uint32_t seen) { return SleepUntil(seen, &deadline, false); });
+    }
+
+    // The current sequence, to initialise a caller's `lastSeen`.
+    std::uint32_t Sequence() const { return __atomic_load_n(&sequence, __ATOMIC_SEQ_CST); }
+
+    std::uint32_t sequence;
+    std::uint32_t waiters;
+    unsigned char reserved[sizeof(boost::interprocess::interprocess_condition) - 8];
+
+private:
+    template <class Mutex, class SleepFn>
+    bool WaitWith(Mutex& mutex, std::uint32_t* lastSeen, const SleepFn& sleep) {
         const std::uint32_t seen = Enter();
         bool woken = true;
         if (lastSeen == nullptr || *lastSeen == seen) {
             mutex.unlock();
             try {
-                woken = Sleep(seen, deadline);
+                woken = sleep(seen);
             } catch (...) {
                 // The caller's lock owns the mutex again as the exception leaves.
                 mutex.lock();
@@ -71,17 +97,12 @@ struct SHARED_EXPORT InterprocCondition {
         return woken;
     }
 
-    // The current sequence, to initialise a caller's `lastSeen`.
-    std::uint32_t Sequence() const { return __atomic_load_n(&sequence, __ATOMIC_SEQ_CST); }
-
-    std::uint32_t sequence;
-    std::uint32_t waiters;
-    unsigned char reserved[sizeof(boost::interprocess::interprocess_condition) - 8];
-
-private:
     std::uint32_t Enter();
     void Leave();
     bool Sleep(std::uint32_t seen, const boost::posix_time::ptime& deadline);
+    // Sleeps while the sequence is `seen`, until the absolute time `deadline` (null: none) on
+    // CLOCK_REALTIME or CLOCK_MONOTONIC. False only when the deadline passed.
+    bool SleepUntil(std::uint32_t seen, const timespec* deadline, bool realtime);
 };
 
 static_assert(sizeof(InterprocCondition) == sizeof(boost::interprocess::interprocess_condition),

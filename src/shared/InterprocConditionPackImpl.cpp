@@ -8,6 +8,7 @@
 #include <boost/thread/thread.hpp>
 
 #include <time.h>
+#include <chrono>
 #include <cstdint>
 
 namespace shared {
@@ -70,7 +71,7 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
         LOG4CXX_TRACE(logger_, "Wait() : acquired mutex");
     }
     bool result;
-    if (timeout.is_not_a_date_time()) {
+    if (timeout.is_not_a_date_time() || timeout.is_pos_infinity()) {
         condition_->timed_wait(mutex, boost::posix_time::ptime(boost::posix_time::pos_infin),
                                &lastSeen_);
         result = true;
@@ -78,9 +79,11 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
             LOG4CXX_TRACE(logger_, "Wait() : cv.wait(...) returned");
         }
     } else {
-        // Deadlines are absolute UTC times: the futex sleeps on CLOCK_REALTIME.
-        const boost::posix_time::ptime deadline = shared::UtcNow() + timeout;
-        result = condition_->timed_wait(mutex, deadline, &lastSeen_);
+        // On the monotonic clock: a change of the system's time neither ends the wait early nor
+        // makes it last until the wall clock catches up.
+        const std::int64_t ns =
+            timeout.is_special() || timeout.is_negative() ? 0 : timeout.total_nanoseconds();
+        result = condition_->timed_wait_for(mutex, std::chrono::nanoseconds(ns), &lastSeen_);
         if (trace) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.timed_wait(...) returned " << result);
         }

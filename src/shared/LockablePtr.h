@@ -6,6 +6,8 @@
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
+#include <chrono>
+
 namespace shared {
 
 // ILockable over a mutex that lives elsewhere (in a slot's shared segment). Never owns, creates
@@ -46,6 +48,12 @@ public:
     bool timed_lock(const boost::posix_time::ptime& absTime) override {
         return mutex_ != nullptr &&
                TimedLockRecovering(NativeMutex(mutex_), absTime, repair_, &watch_);
+    }
+    // For at most `timeout` on the monotonic clock (TimedLockRecoveringFor): the library's own
+    // bounds, which no change of the system's time moves.
+    bool lock_for(std::chrono::nanoseconds timeout) {
+        return mutex_ != nullptr &&
+               TimedLockRecoveringFor(NativeMutex(mutex_), timeout, repair_, &watch_);
     }
     void unlock() override {
         if (mutex_ != nullptr) {

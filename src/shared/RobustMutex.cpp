@@ -10,9 +10,11 @@
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <limits>
 
@@ -82,6 +84,26 @@ timespec ToTimespec(const boost::posix_time::ptime& deadline) {
 }
 
 }  // namespace
+
+timespec MonotonicDeadline(std::chrono::nanoseconds timeout) {
+    timespec abs{};
+    clock_gettime(CLOCK_MONOTONIC, &abs);
+    const std::int64_t ns = std::max<std::int64_t>(0, timeout.count());
+    // A 32-bit time_t is clamped at its end rather than wrapped round into the past.
+    const std::int64_t seconds = static_cast<std::int64_t>(abs.tv_sec) + ns / 1000000000 + 1;
+    if (seconds > static_cast<std::int64_t>(std::numeric_limits<time_t>::max())) {
+        abs.tv_sec = std::numeric_limits<time_t>::max();
+        abs.tv_nsec = 0;
+        return abs;
+    }
+    abs.tv_sec += static_cast<time_t>(ns / 1000000000);
+    abs.tv_nsec += static_cast<long>(ns % 1000000000);
+    if (abs.tv_nsec >= 1000000000L) {
+        abs.tv_nsec -= 1000000000L;
+        ++abs.tv_sec;
+    }
+    return abs;
+}
 
 void InitRobustMutex(pthread_mutex_t* mutex) {
     InitMutex(mutex, true);
@@ -223,23 +245,21 @@ bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair,
     return Acquired(pthread_mutex_trylock(mutex), EBUSY, mutex, previous, repair);
 }
 
-bool TimedLockRecovering(pthread_mutex_t* mutex, const boost::posix_time::ptime& deadline,
-                         const OwnerDeadRepair& repair, const LockWatch* watch) {
-    if (deadline.is_pos_infinity()) {
-        LockRecovering(mutex, repair, watch);
-        return true;
-    }
+namespace {
+
+// Locks until `abs` on `clock` (CLOCK_REALTIME or CLOCK_MONOTONIC).
+bool LockUntil(pthread_mutex_t* mutex, clockid_t clock, const timespec& abs,
+               const OwnerDeadRepair& repair, const LockWatch* watch) {
     CheckKind(mutex, watch);
     const pid_t previous = RecordedOwner(mutex);
-    const timespec abs = ToTimespec(deadline);
 #if defined(__SANITIZE_THREAD__)
-    // ThreadSanitizer's pthread_mutex_timedlock records the lock only when it returns 0, not
-    // with EOWNERDEAD (this thread then holds the mutex all the same), and then reports its
-    // unlock as misuse. Its trylock records both, so sanitized builds poll with it.
+    // ThreadSanitizer's timed locks record the lock only when they return 0, not with
+    // EOWNERDEAD (this thread then holds the mutex all the same), and then report its unlock as
+    // misuse. Its trylock records both, so sanitized builds poll with it.
     int rc = pthread_mutex_trylock(mutex);
     while (rc == EBUSY) {
         timespec now{};
-        clock_gettime(CLOCK_REALTIME, &now);
+        clock_gettime(clock, &now);
         if (now.tv_sec > abs.tv_sec || (now.tv_sec == abs.tv_sec && now.tv_nsec >= abs.tv_nsec)) {
             rc = ETIMEDOUT;
             break;
@@ -249,9 +269,25 @@ bool TimedLockRecovering(pthread_mutex_t* mutex, const boost::posix_time::ptime&
         rc = pthread_mutex_trylock(mutex);
     }
 #else
-    const int rc = pthread_mutex_timedlock(mutex, &abs);
+    const int rc = pthread_mutex_clocklock(mutex, clock, &abs);
 #endif
     return Acquired(rc, ETIMEDOUT, mutex, previous, repair);
+}
+
+}  // namespace
+
+bool TimedLockRecovering(pthread_mutex_t* mutex, const boost::posix_time::ptime& deadline,
+                         const OwnerDeadRepair& repair, const LockWatch* watch) {
+    if (deadline.is_pos_infinity()) {
+        LockRecovering(mutex, repair, watch);
+        return true;
+    }
+    return LockUntil(mutex, CLOCK_REALTIME, ToTimespec(deadline), repair, watch);
+}
+
+bool TimedLockRecoveringFor(pthread_mutex_t* mutex, std::chrono::nanoseconds timeout,
+                            const OwnerDeadRepair& repair, const LockWatch* watch) {
+    return LockUntil(mutex, CLOCK_MONOTONIC, MonotonicDeadline(timeout), repair, watch);
 }
 
 void UnlockRobust(pthread_mutex_t* mutex, const LockWatch* watch) {

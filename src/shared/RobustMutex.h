@@ -9,6 +9,8 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <chrono>
+#include <ctime>
 #include <functional>
 #include <string>
 
@@ -80,6 +82,13 @@ SHARED_EXPORT bool TimedLockRecovering(pthread_mutex_t* mutex,
                                        const boost::posix_time::ptime& deadline,
                                        const OwnerDeadRepair& repair,
                                        const LockWatch* watch = nullptr);
+// For at most `timeout` on the monotonic clock, which no change of the system's time moves:
+// for the library's own bounds.
+SHARED_EXPORT bool TimedLockRecoveringFor(pthread_mutex_t* mutex, std::chrono::nanoseconds timeout,
+                                          const OwnerDeadRepair& repair,
+                                          const LockWatch* watch = nullptr);
+// The CLOCK_MONOTONIC time `timeout` from now (a negative one counts as 0).
+SHARED_EXPORT timespec MonotonicDeadline(std::chrono::nanoseconds timeout);
 // Never throws (it runs in destructors); unlocking a mutex the caller does not hold does nothing.
 SHARED_EXPORT void UnlockRobust(pthread_mutex_t* mutex, const LockWatch* watch = nullptr);
 

@@ -130,8 +130,7 @@ void BaseQueueSlot::ConstructHeader() {
     const std::chrono::milliseconds limit = shared::CreationWaitLimit();
     if (&lockable != &lockable_ || lockable_.Get() == nullptr) {
         lockable.lock();
-    } else if (!lockable.timed_lock(shared::UtcNow() +
-                                    boost::posix_time::milliseconds(limit.count()))) {
+    } else if (!lockable_.lock_for(limit)) {
         throw boost::interprocess::interprocess_exception(
             ("the header lock of '" + name_ + "' has been held by thread " +
              std::to_string(shared::MutexOwnerThread(shared::NativeMutex(lockable_.Get()))) +
@@ -461,9 +460,7 @@ bool BaseQueueSlot::HeaderHeldHere() const {
 }
 
 void BaseQueueSlot::LockHeaderBounded() {
-    const boost::posix_time::ptime deadline =
-        shared::UtcNow() + boost::posix_time::milliseconds(shared::CreationWaitLimit().count() * 2);
-    if (!lockable_.timed_lock(deadline)) {
+    if (!lockable_.lock_for(shared::CreationWaitLimit() * 2)) {
         throw boost::interprocess::interprocess_exception(
             ("slot '" + name_ + "' stays locked by thread " +
              std::to_string(shared::MutexOwnerThread(shared::NativeMutex(lockable_.Get()))))
