@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -56,7 +57,42 @@ bool StaysInItsFolder(const std::string& path, const std::string& folder, const 
     return true;
 }
 
+// Opens the folder of `path` with the checks of shared::CheckedFolder and finds the FIFO in it,
+// nothing followed. Empty when found (`folder` and `leaf` are then set), else why not.
+std::string FindPipe(const std::string& path, shared::CheckedFolder& folder, std::string& leaf) {
+    std::string folderPath;
+    if (!shared::SplitFolderAndName(path, folderPath, leaf)) {
+        return "not a path of a named pipe";
+    }
+    try {
+        folder = shared::CheckedFolder::Open(folderPath);
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    struct stat st;
+    if (::fstatat(folder.fd(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return std::strerror(errno);
+    }
+    return S_ISFIFO(st.st_mode) ? std::string() : "not a named pipe";
+}
+
 }  // namespace
+
+bool NamedPipeCreator::IsPipe(const std::string& path) {
+    shared::CheckedFolder folder;
+    std::string leaf;
+    return FindPipe(path, folder, leaf).empty();
+}
+
+std::string NamedPipeCreator::Remove(const std::string& path) {
+    shared::CheckedFolder folder;
+    std::string leaf;
+    std::string problem = FindPipe(path, folder, leaf);
+    if (problem.empty() && ::unlinkat(folder.fd(), leaf.c_str(), 0) != 0) {
+        problem = std::strerror(errno);
+    }
+    return problem;
+}
 
 std::string NamedPipeCreator::ConstructPipeFilename(const std::string& name) {
     const std::string dir = PipeDirectory();

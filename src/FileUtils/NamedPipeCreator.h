@@ -26,6 +26,13 @@ public:
     // The reason is logged at ERROR on logger "FileUtils". Nothing at the path is followed or
     // changed. Safe against another process creating the same FIFO at the same time.
     static bool CreateIfNeeded(const std::string& path);
+
+    // Whether a FIFO stands at `path`, looked up as CreateIfNeeded does: in a folder that passes
+    // the checks of shared::CheckedFolder, the entry itself not followed.
+    static bool IsPipe(const std::string& path);
+    // Removes the FIFO at `path`, looked up the same way, so that a symlinked folder or entry
+    // never leads the removal elsewhere. Empty when removed, else why not.
+    static std::string Remove(const std::string& path);
 };
 
 }  // namespace FileUtils

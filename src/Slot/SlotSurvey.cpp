@@ -220,11 +220,6 @@ pid_t ReaderLockHolder(const std::string& path) {
     return holder;
 }
 
-bool IsFifo(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0 && S_ISFIFO(st.st_mode);
-}
-
 bool IsThere(const SlotPartReport& part) {
     return part.state != SlotPartState::Absent;
 }
@@ -436,7 +431,7 @@ SlotReport SlotSurvey::InspectSlot(const std::string& name) {
         }
     }
     const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
-    if (IsFifo(pipe)) {
+    if (FileUtils::NamedPipeCreator::IsPipe(pipe)) {
         report.pipePath = pipe;
     }
     Decide(report);
@@ -466,7 +461,7 @@ std::vector<SlotReport> SlotSurvey::ListSlots() {
     for (const std::string& file : ListDirectory(pipeDir)) {
         if (file.size() > fifoSuffix.size() &&
             file.compare(file.size() - fifoSuffix.size(), fifoSuffix.size(), fifoSuffix) == 0 &&
-            IsFifo(pipeDir + "/" + file)) {
+            FileUtils::NamedPipeCreator::IsPipe(pipeDir + "/" + file)) {
             const std::string name = file.substr(0, file.size() - fifoSuffix.size());
             pipes.insert(name);
             candidates.insert(name);

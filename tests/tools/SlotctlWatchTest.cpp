@@ -244,6 +244,26 @@ TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
     ::unlink(victim.c_str());
 }
 
+// A pipe folder reached through a symlink is one the library refuses: neither ls nor rm
+// follows it to a FIFO of the folder it points at.
+TEST(SlotctlAttached, RmNeverRemovesAPipeThroughASymlinkedFolder) {
+    ScopedSlotName name("linked");
+    const std::string fifo = testsupport::TestRunDir() + "/" + name.str() + ".fifo";
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    const std::string link = testsupport::TestRunDir() + "-" + name.str() + ".link";
+    ASSERT_EQ(0, ::symlink(testsupport::TestRunDir().c_str(), link.c_str()));
+    const std::string pipeDir = ::getenv("SLOT_PIPE_DIR");
+    ::setenv("SLOT_PIPE_DIR", link.c_str(), 1);
+    const Outcome ls = Slotctl({"ls", "--json"});
+    const Outcome rm = Slotctl({"rm", name.str()});
+    ::setenv("SLOT_PIPE_DIR", pipeDir.c_str(), 1);
+    ::unlink(link.c_str());
+    EXPECT_THAT(ls.out, ::testing::Not(HasSubstr(name.str()))) << ls.Describe();
+    EXPECT_NE(0, rm.status) << rm.Describe();
+    EXPECT_TRUE(Exists(fifo));
+    ::unlink(fifo.c_str());
+}
+
 TEST(SlotctlAttached, RmAndRmStaleRemoveALockFileWhoseSlotIsGone) {
     ScopedSlotName name("gone");
     const std::string lockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);

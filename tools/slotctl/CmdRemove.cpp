@@ -5,6 +5,7 @@
 #include "Names.h"
 #include "PoolTarget.h"
 
+#include <FileUtils/NamedPipeCreator.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/PoolSurvey.h>
 #include <Slot/SlotAttachments.h>
@@ -16,8 +17,6 @@
 
 #include <unistd.h>
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <iostream>
 
 namespace slotctl {
@@ -204,11 +203,12 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge, bool for
     }
     // A FIFO is never stale: --stale leaves it.
     if (!report.pipePath.empty() && !staleOnly) {
-        if (::unlink(report.pipePath.c_str()) == 0) {
+        const std::string problem = FileUtils::NamedPipeCreator::Remove(report.pipePath);
+        if (problem.empty()) {
             removed.push_back("named pipe " + Printable(report.pipePath));
         } else {
             failed.push_back("named pipe " + Printable(report.pipePath) + " (" +
-                             std::strerror(errno) + ")");
+                             Printable(problem) + ")");
         }
     }
     {
