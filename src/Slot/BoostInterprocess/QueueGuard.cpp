@@ -448,6 +448,7 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
         if (word == 0) {
             if (record != 0) {
                 EndSend();
+                record = 0;
             }
             if (StateInBounds()) {
                 return;
