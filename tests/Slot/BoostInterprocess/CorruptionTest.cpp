@@ -33,6 +33,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -383,20 +384,23 @@ struct StrayQueueView {
     SlotImage::QueueImage image;
 };
 
+// Holds a slot's lock for a scope, also when the call under it throws.
+struct Held {
+    explicit Held(ISlot& slot) : lock(*slot.GetLockable()) { lock.lock(); }
+    ~Held() { lock.unlock(); }
+    shared::ILockable& lock;
+};
+
 void WriteBlock(ISlot& slot, const std::string& data) {
-    shared::ILockable& lock = *slot.GetLockable();
-    lock.lock();
+    Held held(slot);
     slot.WriteData(data.data(), data.size());
-    lock.unlock();
 }
 
 // Reads into a heap buffer of exactly `size` bytes, so that ASan sees any copy beyond it.
 std::string ReadBlock(ISlot& slot, size_t size) {
     std::vector<char> buffer(size);
-    shared::ILockable& lock = *slot.GetLockable();
-    lock.lock();
+    Held held(slot);
     const size_t n = slot.ReadData(buffer.data(), buffer.size());
-    lock.unlock();
     return std::string(buffer.data(), std::min(n, buffer.size()));
 }
 
@@ -572,6 +576,71 @@ TEST(QueueDamagedWhileOpen, AMovedIndexPointerAndCapacityArePutBack) {
         return ExpectWorking(slot, name, 13);
     });
     EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+// Random runs of random bytes over the queue of a slot open in this process, most of them over
+// its control block and index. The queue's mutex and the creation word are kept: lock words are
+// the lock tests' matter, and the open queue never reads the creation word again.
+void ScribbleOpenQueue(const std::string& slotName, std::mt19937& random) {
+    StrayQueueView view(slotName);
+    ASSERT_NE(nullptr, view.map.bytes);
+    ASSERT_TRUE(view.image.mutex.present);
+    const size_t size = view.map.size;
+    const std::vector<unsigned char> mutex(
+        view.map.bytes + view.image.mutex.offset,
+        view.map.bytes + view.image.mutex.offset + view.image.mutex.size);
+    std::uint64_t firstWord;
+    std::memcpy(&firstWord, view.map.bytes, sizeof(firstWord));
+    const size_t front = std::min<size_t>(size, view.image.messages.offset + 64);
+    for (int runs = 1 + random() % 3; runs > 0; --runs) {
+        const size_t at = random() % 4 != 0 ? random() % front : random() % size;
+        const size_t length = 1 + random() % 8;
+        for (size_t k = at; k < at + length && k < size; ++k) {
+            view.map.bytes[k] = static_cast<unsigned char>(random());
+        }
+    }
+    std::memcpy(view.map.bytes + view.image.mutex.offset, mutex.data(), mutex.size());
+    std::memcpy(view.map.bytes, &firstWord, sizeof(firstWord));
+}
+
+// The queue of an open slot, of either kind, damaged at random while blocks wait: reads into a
+// buffer of exactly the max data size, writes and counts never crash, copy out of bounds (run
+// it under ASan) or hang; failures are the library's exceptions and ERROR lines.
+TEST(QueueDamagedWhileOpen, RandomBytesOverAnOpenQueueNeverCrashOrHang) {
+    const Cases cases = CasesToRun(100, 20261127);
+    const unsigned seed = cases.seed;
+    for (int c = cases.first; c < cases.end; ++c) {
+        testsupport::ScopedSlotName name("qrandom");
+        const bool reliable = c % 2 == 0;
+        const testsupport::ChildResult result = testsupport::RunInChild(
+            [&] {
+                ::setenv("SLOT_CREATION_WAIT_MS", "100", 1);
+                std::seed_seq caseSeed{seed, static_cast<unsigned>(c)};
+                std::mt19937 random(caseSeed);
+                std::unique_ptr<ISlot> slot;
+                if (reliable) {
+                    slot.reset(new ReliableSlot(open_or_create, name.c_str(), 64, 4));
+                } else {
+                    slot.reset(new DiscardingSlot(open_or_create, name.c_str(), 64));
+                }
+                WriteBlock(*slot, "block one");
+                WriteBlock(*slot, std::string(64, 'b'));
+                ScribbleOpenQueue(name, random);
+                for (int round = 0; round < 3; ++round) {
+                    try {
+                        ReadBlock(*slot, slot->GetMaxDataSize());
+                    } catch (const boost::interprocess::interprocess_exception&) {
+                    }
+                    WriteBlock(*slot, std::string(1 + random() % 64, 'w'));
+                    slot->GetBufferLength();
+                }
+                return 0;
+            },
+            std::chrono::seconds(30));
+        ASSERT_TRUE(result.Ok()) << "seed " << seed << ", case " << c << " ("
+                                 << (reliable ? "reliable" : "discarding")
+                                 << "): " << result.Describe();
+    }
 }
 
 }  // namespace
