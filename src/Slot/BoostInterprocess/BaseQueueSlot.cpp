@@ -68,8 +68,8 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
     bool createdQueue = false;
     try {
         createdQueue = OpenQueue(maxDataSize, bufferLength);
-        const size_t realMaxDataSize = queue_->get_max_msg_size();
-        const size_t realBufferLength = queue_->get_max_msg();
+        const size_t realMaxDataSize = GetMaxDataSize();
+        const size_t realBufferLength = queueGuard_->Capacity();
         // Reopening with other sizes is normal (a host made the slot, SimpleSlotRW opens it
         // with its own sizes): worth a trace, not a warning.
         if ((realMaxDataSize != maxDataSize || realBufferLength != bufferLength) &&
@@ -217,6 +217,11 @@ std::string BaseQueueSlot::GetName() const {
 }
 
 size_t BaseQueueSlot::GetMaxDataSize() const {
+    // As checked when the queue was opened: the word in the queue can be changed by damage at
+    // any time (CheckQueue puts it back), and every buffer and size check is made with this.
+    if (queueGuard_) {
+        return queueGuard_->MaxMessageSize();
+    }
     return queue_ ? queue_->get_max_msg_size() : 0;
 }
 
@@ -315,7 +320,7 @@ BaseQueueSlot::OutputBuffer BaseQueueSlot::LocateOutputBuffer(int handle) const 
 shared::SizedArray BaseQueueSlot::ReceiveAndCopyToOutBuf() {
     // The block is received into a buffer of its own, which the array returned owns: it never
     // changes afterwards and outlives the slot object, whatever other receives happen.
-    const MessageQueue::size_type max = queue_->get_max_msg_size();
+    const MessageQueue::size_type max = static_cast<MessageQueue::size_type>(GetMaxDataSize());
     shared::SizedArray received(max);
     char none;  // a zero-size slot still needs a valid address to receive into
     MessageQueue::size_type count = 0;
@@ -334,7 +339,7 @@ shared::SizedArray BaseQueueSlot::ReceiveAndCopyToOutBuf() {
 }
 
 size_t BaseQueueSlot::ReceiveInto(void* buffer, size_t size) {
-    const MessageQueue::size_type max = queue_->get_max_msg_size();
+    const MessageQueue::size_type max = static_cast<MessageQueue::size_type>(GetMaxDataSize());
     if (buffer == nullptr || size < max) {
         const shared::SizedArray block = ReceiveAndCopyToOutBuf();
         const size_t copied = std::min<size_t>(size, block.size());
@@ -379,7 +384,7 @@ void BaseQueueSlot::KeepInOutBuf(const OutputBuffer& out, const char* block, siz
 }
 
 void BaseQueueSlot::DiscardOneDataBlock() {
-    const MessageQueue::size_type max = queue_->get_max_msg_size();
+    const MessageQueue::size_type max = static_cast<MessageQueue::size_type>(GetMaxDataSize());
     shared::SizedArray scratch(max);
     char none;
     MessageQueue::size_type count = 0;

@@ -147,7 +147,7 @@ protected:
     // Makes sure the queue can be used without blocking for ever: called by the slot kinds under
     // the slot's lock before their queue calls. A queue mutex left held by a dead process is
     // repaired (ERROR line); a damaged queue, or one whose mutex a live thread keeps, raises
-    // boost::interprocess::interprocess_exception. One relaxed load when all is well.
+    // boost::interprocess::interprocess_exception. A few loads and compares when all is well.
     void CheckQueue();
     // try_send of one block (priority DefaultDataPriority; a 0-byte block is sent from a valid
     // address), recorded in the queue while it runs, so that a recoverer that finds the sender

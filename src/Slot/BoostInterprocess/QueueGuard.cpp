@@ -58,8 +58,18 @@ QueueGuard::QueueGuard(const std::string& queueName)
       blockedReceivers_(nullptr),
       sendRecord_(nullptr),
       capacity_(0),
+      maxMessageSize_(0),
+      indexRaw_(0),
       slotSize_(0),
-      messages_(nullptr) {
+      indexOffset_(0),
+      messagesOffset_(0),
+      messages_(nullptr),
+      identityRaw_(0),
+      identityStep_(0),
+      maxNumWord_(nullptr),
+      maxSizeWord_(nullptr),
+      indexWord_(nullptr),
+      indexEntries_(nullptr) {
     const int fd = ::shm_open(name_.c_str(), O_RDWR | O_CLOEXEC, 0);
     if (fd < 0) {
         throw bi::interprocess_exception(bi::error_info(errno));
@@ -102,22 +112,34 @@ void QueueGuard::Validate(bool messagesToo) const {
         (messagesToo && image.verdict != SlotImage::Verdict::Valid)) {
         Damaged(image.problem.empty() ? SlotImage::VerdictText(image.verdict) : image.problem);
     }
-    QueueGuard& self = const_cast<QueueGuard&>(*this);
     Header* header = reinterpret_cast<Header*>(base_ + image.controlOffset);
     if (!image.mutex.present ||
         reinterpret_cast<char*>(&header->m_mutex) != base_ + image.mutex.offset ||
-        image.capacity > 0xffffffffu) {
+        image.capacity > 0xffffffffu || image.maxMessageSize > 0xffffffffu) {
         Damaged("its control block is not where Boost puts it");
     }
     // Damaged bytes in the mutex would make glibc abort or wait for ever inside Boost.
     if (!shared::MutexLooksSane(shared::NativeMutex(&header->m_mutex), PlainMutexKind())) {
         Damaged("its lock is not a lock");
     }
+    if (header_ != nullptr) {
+        // Checked again by a repair: the layout stays what this view found at the opening (the
+        // repair put its words back first), so do the addresses and sizes kept below.
+        if (header != header_ || image.capacity != capacity_ ||
+            image.maxMessageSize != maxMessageSize_ || image.messageStride != slotSize_ ||
+            image.index.offset != indexOffset_ || image.messages.offset != messagesOffset_) {
+            Damaged("its layout changed while it was open");
+        }
+        return;
+    }
+    QueueGuard& self = const_cast<QueueGuard&>(*this);
     self.header_ = header;
     self.mutexOwner_ = shared::NativeMutex(&header->m_mutex);
     static_assert(sizeof(header->m_cur_num_msg) == sizeof(std::uint32_t) &&
-                      sizeof(header->m_cur_first_msg) == sizeof(std::uint32_t),
-                  "the queue's counters are 32-bit");
+                      sizeof(header->m_cur_first_msg) == sizeof(std::uint32_t) &&
+                      sizeof(header->m_max_num_msg) == sizeof(std::uint32_t) &&
+                      sizeof(header->m_max_msg_size) == sizeof(std::uint32_t),
+                  "the queue's counters and sizes are 32-bit");
     self.countWord_ = reinterpret_cast<const std::uint32_t*>(&header->m_cur_num_msg);
     self.firstWord_ = reinterpret_cast<const std::uint32_t*>(&header->m_cur_first_msg);
     static_assert(sizeof(header->m_blocked_senders) == sizeof(std::uint32_t) &&
@@ -126,9 +148,148 @@ void QueueGuard::Validate(bool messagesToo) const {
     self.blockedSenders_ = reinterpret_cast<const std::uint32_t*>(&header->m_blocked_senders);
     self.blockedReceivers_ = reinterpret_cast<const std::uint32_t*>(&header->m_blocked_receivers);
     self.sendRecord_ = reinterpret_cast<std::uint32_t*>(&header->m_blocked_senders);
+    static_assert(sizeof(header->mp_index) == sizeof(std::uint64_t) &&
+                      sizeof(MessagePtr) == sizeof(std::uint64_t),
+                  "the queue's offset pointers are one 64-bit offset");
+    static_assert(offsetof(MessageHeader, len) == 0 && sizeof(QueueSize) == sizeof(std::uint32_t),
+                  "a message starts with its 32-bit length");
+    self.maxNumWord_ =
+        reinterpret_cast<volatile std::uint32_t*>(const_cast<QueueSize*>(&header->m_max_num_msg));
+    self.maxSizeWord_ =
+        reinterpret_cast<volatile std::uint32_t*>(const_cast<QueueSize*>(&header->m_max_msg_size));
+    self.indexWord_ = reinterpret_cast<volatile std::uint64_t*>(&header->mp_index);
+    self.indexEntries_ = reinterpret_cast<volatile std::uint64_t*>(base_ + image.index.offset);
     self.capacity_ = static_cast<std::uint32_t>(image.capacity);
+    self.maxMessageSize_ = static_cast<std::uint32_t>(image.maxMessageSize);
+    self.indexRaw_ = *indexWord_;
     self.slotSize_ = static_cast<std::size_t>(image.messageStride);
+    self.indexOffset_ = image.index.offset;
+    self.messagesOffset_ = image.messages.offset;
     self.messages_ = base_ + image.messages.offset;
+    self.identityRaw_ = image.messages.offset - image.index.offset;
+    self.identityStep_ = image.messageStride - sizeof(std::uint64_t);
+}
+
+std::int64_t QueueGuard::SlotNumber(std::uint64_t position, std::uint64_t raw) const {
+    // An offset pointer holds its target minus its own address, modulo 2^64 (1: null). Offsets
+    // from the start of the mapping stay in 64-bit arithmetic, so no damaged value overflows.
+    if (raw == 1) {
+        return -1;
+    }
+    const std::uint64_t target = indexOffset_ + position * sizeof(std::uint64_t) + raw;
+    const std::uint64_t into = target - messagesOffset_;
+    if (into >= static_cast<std::uint64_t>(capacity_) * slotSize_ || into % slotSize_ != 0) {
+        return -1;
+    }
+    return static_cast<std::int64_t>(into / slotSize_);
+}
+
+void QueueGuard::SetEntry(std::uint64_t position, std::uint64_t slot) {
+    indexEntries_[position] =
+        (messagesOffset_ + slot * slotSize_) - (indexOffset_ + position * sizeof(std::uint64_t));
+}
+
+std::string QueueGuard::RestoreLayout() {
+    std::string changed;
+    auto note = [&changed](const std::string& what, std::uint64_t now, std::uint64_t then) {
+        changed += (changed.empty() ? "" : ", ") + what + " " + std::to_string(now) +
+                   " instead of " + std::to_string(then);
+    };
+    const std::uint32_t maxNum = *maxNumWord_;
+    const std::uint32_t maxSize = *maxSizeWord_;
+    const std::uint64_t index = *indexWord_;
+    if (maxNum != capacity_) {
+        note("capacity", maxNum, capacity_);
+        *maxNumWord_ = capacity_;
+    }
+    if (maxSize != maxMessageSize_) {
+        note("max message size", maxSize, maxMessageSize_);
+        *maxSizeWord_ = maxMessageSize_;
+    }
+    if (index != indexRaw_) {
+        note("index pointer offset", index, indexRaw_);
+        *indexWord_ = indexRaw_;
+    }
+    return changed;
+}
+
+std::string QueueGuard::RepairEntries() {
+    std::string found;
+    auto note = [&found](const std::string& what) { found += (found.empty() ? "" : "; ") + what; };
+    const std::uint64_t capacity = capacity_;
+    if (capacity == 0) {
+        return found;
+    }
+    // Which slot each position points at (-1: none, or one an earlier position has).
+    std::vector<std::int64_t> slotOf(capacity, -1);
+    std::vector<std::int64_t> positionOf(capacity, -1);
+    bool reindex = false;
+    for (std::uint64_t position = 0; position < capacity; ++position) {
+        const std::uint64_t raw = indexEntries_[position];
+        const std::int64_t slot = SlotNumber(position, raw);
+        if (slot < 0) {
+            const std::int64_t at =
+                static_cast<std::int64_t>(indexOffset_ + position * sizeof(std::uint64_t) + raw);
+            note("index position " + std::to_string(position) + " points at offset " +
+                 std::to_string(at) + " of its " + std::to_string(size_) +
+                 " bytes, not at a message slot");
+            reindex = true;
+        } else if (positionOf[slot] >= 0) {
+            note("index positions " + std::to_string(positionOf[slot]) + " and " +
+                 std::to_string(position) + " point at the same message slot");
+            reindex = true;
+        } else {
+            positionOf[slot] = static_cast<std::int64_t>(position);
+            slotOf[position] = slot;
+        }
+    }
+    // The waiting blocks, newest first, that can still be delivered.
+    const std::uint64_t first = *firstWord_;
+    const std::uint64_t count = *countWord_;
+    std::vector<std::uint64_t> kept;
+    for (std::uint64_t k = 0; k < count; ++k) {
+        const std::uint64_t position = (first + k) % capacity;
+        if (slotOf[position] < 0) {
+            continue;
+        }
+        const std::uint64_t slot = static_cast<std::uint64_t>(slotOf[position]);
+        const std::uint32_t length = LengthOf(messages_ + slot * slotSize_);
+        if (length > maxMessageSize_) {
+            note("the block at index position " + std::to_string(position) + " claims " +
+                 std::to_string(length) + " bytes, more than the " +
+                 std::to_string(maxMessageSize_) + "-byte maximum");
+            continue;
+        }
+        kept.push_back(slot);
+    }
+    if (found.empty()) {
+        return found;
+    }
+    // The kept blocks keep their order from `first` on; every other slot becomes a clean free
+    // slot behind them, so that the index is a permutation of the slots again.
+    std::vector<bool> waiting(capacity, false);
+    std::uint64_t position = first;
+    for (std::uint64_t slot : kept) {
+        waiting[slot] = true;
+        SetEntry(position, slot);
+        position = (position + 1) % capacity;
+    }
+    for (std::uint64_t slot = 0; slot < capacity; ++slot) {
+        if (!waiting[slot]) {
+            MessageHeader& free = *reinterpret_cast<MessageHeader*>(messages_ + slot * slotSize_);
+            free.len = 0;
+            free.priority = 0;
+            SetEntry(position, slot);
+            position = (position + 1) % capacity;
+        }
+    }
+    header_->m_cur_num_msg = static_cast<QueueSize>(kept.size());
+    const std::uint64_t dropped = count - kept.size();
+    found += std::string(reindex ? "; its index was rebuilt, " : "; ") +
+             (dropped == 0   ? std::string("no waiting block was dropped")
+              : dropped == 1 ? std::string("1 waiting block was dropped")
+                             : std::to_string(dropped) + " waiting blocks were dropped");
+    return found;
 }
 
 std::size_t QueueGuard::Count() const {
@@ -222,7 +383,7 @@ std::string QueueGuard::RepairWindow(std::uint32_t record) {
     }
     // Every other block must fit the queue's message size.
     for (std::uint64_t i = 0; i < count; ++i) {
-        if (message(first + i).len > header_->m_max_msg_size) {
+        if (message(first + i).len > maxMessageSize_) {
             Damaged("block " + std::to_string(i) + " claims " +
                     std::to_string(message(first + i).len) + " bytes");
         }
@@ -243,6 +404,13 @@ std::string QueueGuard::RepairWindow(std::uint32_t record) {
 }
 
 void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& slotName) {
+    // The sizes and the index pointer never change: Boost sizes every copy by them and follows
+    // the pointer in every call. Changed ones are put back before anything else is looked at.
+    const std::string changed = RestoreLayout();
+    if (!changed.empty() && logger->isErrorEnabled()) {
+        LOG4CXX_ERROR(logger, "Queue of '" << slotName << "' : " << changed
+                                           << "; the values found at its opening were restored");
+    }
     if (!CountersInRange()) {
         Damaged("its count " + std::to_string(header_->m_cur_num_msg) + " or first position " +
                 std::to_string(header_->m_cur_first_msg) + " exceeds its " +
@@ -280,12 +448,33 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
         if (word == 0) {
             if (record != 0) {
                 EndSend();
+                record = 0;
             }
-            return;
+            if (StateInBounds()) {
+                return;
+            }
+            // An index entry or a waiting block's length that the next call would follow out of
+            // bounds. Repaired under the queue's mutex, so that a caller without the header lock
+            // cannot be inside the queue meanwhile; one that took it just now is waited for.
+            if (pthread_mutex_trylock(mutexOwner_) == 0) {
+                std::string found;
+                try {
+                    found = RepairEntries();
+                } catch (...) {
+                    pthread_mutex_unlock(mutexOwner_);
+                    throw;
+                }
+                pthread_mutex_unlock(mutexOwner_);
+                if (!found.empty() && logger->isErrorEnabled()) {
+                    LOG4CXX_ERROR(logger, "Queue of '" << slotName << "' : " << found);
+                }
+                return;
+            }
         }
-        const bool dead =
-            owner == 0 ? std::chrono::steady_clock::now() >= ownerless
-                       : owner != shared::CurrentThreadId() && shared::ProcessOfThread(owner) == 0;
+        const bool dead = word == 0    ? false
+                          : owner == 0 ? std::chrono::steady_clock::now() >= ownerless
+                                       : owner != shared::CurrentThreadId() &&
+                                             shared::ProcessOfThread(owner) == 0;
         if (dead) {
             // Everyone who takes this mutex in the library holds the header lock, which we hold:
             // nobody else can be inside the queue, so it can be repaired and its mutex made anew.

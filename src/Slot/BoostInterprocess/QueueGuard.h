@@ -57,14 +57,19 @@ public:
     // reader that counts without the slot's lock never counts on it.
     std::size_t Count() const;
 
-    // Cheap test, every queue use: the mutex is free, the counters are in range and nobody is
-    // counted as blocked (the slot only makes try-calls, so nobody ever waits in the queue; a
-    // blocked count would make Boost signal a condition variable, which hangs on damaged bytes).
+    // The sizes found and checked at the opening. Boost never changes them; the library sizes
+    // every buffer and checks every block with these, never with the words in the queue, which
+    // damage can change at any time.
+    std::size_t MaxMessageSize() const { return maxMessageSize_; }
+    std::size_t Capacity() const { return capacity_; }
+
+    // Cheap test, every queue use: the mutex is free and the words the next queue call follows
+    // are those found at the opening or within the queue.
     bool LooksHealthy() const {
         // The lock word, not the owner: glibc sets the owner just after taking the word and
         // clears it just before releasing it, and a death in between leaves no owner.
         return __atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED) == 0 &&
-               CountersInRange() && !AnyBlocked();
+               StateInBounds();
     }
 
     // Called with the slot's header lock held when LooksHealthy() said no. Returns when the
@@ -103,6 +108,40 @@ public:
 private:
     typedef boost::interprocess::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr> Header;
 
+    // The layout words are those found at the opening, nobody is counted as blocked (the slot
+    // only makes try-calls, so nobody ever waits in the queue; a blocked count would make Boost
+    // signal a condition variable, which hangs on damaged bytes), the counters are in range, and
+    // the index entries the next call follows point at message slots: the oldest block's (a
+    // receive copies its length, which must fit the maximum), the newest block's (a send reads
+    // its priority) and the one a send fills next. Each count and position is loaded once.
+    bool StateInBounds() const {
+        if (!LayoutIntact() || AnyBlocked()) {
+            return false;
+        }
+        const std::uint64_t count = __atomic_load_n(&CountWord(), __ATOMIC_RELAXED);
+        const std::uint64_t first = __atomic_load_n(&FirstWord(), __ATOMIC_RELAXED);
+        if (capacity_ == 0) {
+            return count == 0 && first == 0;
+        }
+        if (count > capacity_ || first >= capacity_) {
+            return false;
+        }
+        if (MessageAt((first == 0 ? capacity_ : first) - 1) == nullptr) {
+            return false;
+        }
+        if (count == 0) {
+            return true;
+        }
+        std::uint64_t oldest = first + count - 1;
+        oldest = oldest >= capacity_ ? oldest - capacity_ : oldest;
+        const char* message = MessageAt(oldest);
+        return message != nullptr && MessageAt(first) != nullptr &&
+               LengthOf(message) <= maxMessageSize_;
+    }
+    bool LayoutIntact() const {
+        return *maxNumWord_ == capacity_ && *maxSizeWord_ == maxMessageSize_ &&
+               *indexWord_ == indexRaw_;
+    }
     bool CountersInRange() const {
         const std::uint64_t count = __atomic_load_n(&CountWord(), __ATOMIC_RELAXED);
         const std::uint64_t first = __atomic_load_n(&FirstWord(), __ATOMIC_RELAXED);
@@ -111,6 +150,23 @@ private:
     bool AnyBlocked() const {
         return (__atomic_load_n(blockedSenders_, __ATOMIC_RELAXED) |
                 __atomic_load_n(blockedReceivers_, __ATOMIC_RELAXED)) != 0;
+    }
+    // The message slot that index position `position` (< capacity) points at, or null when it
+    // points anywhere else. The layout Boost builds (position i at slot i, which FIFO use of one
+    // priority keeps) costs a multiply and a compare.
+    char* MessageAt(std::uint64_t position) const {
+        const std::uint64_t raw = indexEntries_[position];
+        if (raw == identityRaw_ + position * identityStep_) {
+            return messages_ + position * slotSize_;
+        }
+        const std::int64_t slot = SlotNumber(position, raw);
+        return slot < 0 ? nullptr : messages_ + static_cast<std::uint64_t>(slot) * slotSize_;
+    }
+    // The message slot an index entry with offset `raw` at `position` points at, or -1.
+    std::int64_t SlotNumber(std::uint64_t position, std::uint64_t raw) const;
+    // A message's length word (Boost's msg_hdr_t::len, its first word).
+    static std::uint32_t LengthOf(const char* message) {
+        return *reinterpret_cast<const volatile std::uint32_t*>(message);
     }
     // The control block's current count and first index position (Boost's size_type).
     const std::uint32_t& CountWord() const { return *countWord_; }
@@ -145,6 +201,15 @@ private:
     bool RepairSend(std::uint32_t record, std::uint64_t& first, std::uint64_t& count,
                     std::string& done) const;
     [[noreturn]] void Damaged(const std::string& detail) const;
+    // Puts back the layout words found at the opening; returns what was changed ("" if none).
+    std::string RestoreLayout();
+    // Called with the queue's mutex held: drops the waiting blocks whose index entry points at no
+    // message slot (or at one another entry points at too) or whose length exceeds the maximum,
+    // points every damaged entry at a free slot again and cleans the free slots. Returns what was
+    // found ("" if nothing).
+    std::string RepairEntries();
+    // Points index position `position` at message slot `slot`.
+    void SetEntry(std::uint64_t position, std::uint64_t slot);
 
     std::string name_;
     char* base_;        // start of our mapping of the object
@@ -156,7 +221,20 @@ private:
     const std::uint32_t* blockedSenders_;    // mq_hdr_t::m_blocked_senders, inside the mapping
     const std::uint32_t* blockedReceivers_;  // mq_hdr_t::m_blocked_receivers, inside the mapping
     std::uint32_t* sendRecord_;              // mq_hdr_t::m_blocked_senders, written by BeginSend
-    std::uint32_t capacity_;                 // max messages, validated at construction (immutable)
-    std::size_t slotSize_;                   // bytes per message slot, header included
-    char* messages_;                         // first message slot
+    // Found and checked at construction; a later change of the words in the queue is damage.
+    std::uint32_t capacity_;        // max messages
+    std::uint32_t maxMessageSize_;  // max message bytes
+    std::uint64_t indexRaw_;        // mq_hdr_t::mp_index, as an offset from itself
+    std::size_t slotSize_;          // bytes per message slot, header included
+    std::uint64_t indexOffset_;     // of the index, from the start of the mapping
+    std::uint64_t messagesOffset_;  // of the first message slot, from the start of the mapping
+    char* messages_;                // first message slot
+    // The raw index entry of position i in Boost's layout: identityRaw_ + i * identityStep_.
+    std::uint64_t identityRaw_;
+    std::uint64_t identityStep_;
+    // The words of the control block and the index as this view reads and repairs them.
+    volatile std::uint32_t* maxNumWord_;    // mq_hdr_t::m_max_num_msg
+    volatile std::uint32_t* maxSizeWord_;   // mq_hdr_t::m_max_msg_size
+    volatile std::uint64_t* indexWord_;     // mq_hdr_t::mp_index
+    volatile std::uint64_t* indexEntries_;  // the index, capacity_ offset pointers
 };

@@ -9,6 +9,7 @@
 #include "ShmObject.h"
 
 #include <Slot/AbortSlotCreationException.h>
+#include <Slot/BoostInterprocess/DiscardingSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
 #include <Slot/ISlotConfiguration.h>
@@ -18,6 +19,9 @@
 
 #include <shared/ILockable.h>
 #include <shared/ISubscriber.h>
+#include <shared/SharedMemory.h>
+
+#include <boost/interprocess/ipc/message_queue.hpp>
 
 #include <gtest/gtest.h>
 
@@ -29,6 +33,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -345,6 +350,297 @@ TEST(Corruption, WordsAnOpenSlotFollowsAreCheckedAtEveryUse) {
     EXPECT_EQ(0, std::memcmp(buffer, "kept", 4));
     SlotFactory::RemoveSlot(name.str());
     EXPECT_EQ(SlotState::Absent, SlotSurvey::InspectSlot(name.str()).state);
+}
+
+// ---- The queue's words changed while a slot has it open -------------------------------------
+// Each case runs in a child, so that an out-of-bounds copy fails the case instead of the run
+// (under ASan it aborts the child). Each checks the exact ERROR line and that the slot works on.
+
+typedef boost::interprocess::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr> QueueControl;
+typedef boost::interprocess::ipcdetail::msg_hdr_t<shared::SlotOffsetPtr> QueueMessage;
+typedef boost::interprocess::message_queue_t<shared::SlotOffsetPtr>::size_type QueueSize;
+
+// The queue "queue_<name>" mapped for writing, as a stray process maps it, and its layout now.
+struct StrayQueueView {
+    explicit StrayQueueView(const std::string& slotName)
+        : map("queue_" + slotName, true), image(SlotImage::ParseQueue(map.bytes, map.size)) {}
+    QueueControl& Control() {
+        return *reinterpret_cast<QueueControl*>(map.bytes + image.controlOffset);
+    }
+    // The raw offset of index position `position`, and the message it points at.
+    std::uint64_t& Entry(std::uint64_t position) {
+        return *reinterpret_cast<std::uint64_t*>(map.bytes + EntryAt(position));
+    }
+    std::uint64_t EntryAt(std::uint64_t position) const {
+        return image.index.offset + position * sizeof(std::uint64_t);
+    }
+    QueueMessage& Message(std::uint64_t position) {
+        return *reinterpret_cast<QueueMessage*>(map.bytes + EntryAt(position) + Entry(position));
+    }
+    std::uint64_t OldestPosition() const {
+        return (image.firstIndex + image.waiting - 1) % image.capacity;
+    }
+    testsupport::MappedObject map;
+    SlotImage::QueueImage image;
+};
+
+// Holds a slot's lock for a scope, also when the call under it throws.
+struct Held {
+    explicit Held(ISlot& slot) : lock(*slot.GetLockable()) { lock.lock(); }
+    ~Held() { lock.unlock(); }
+    shared::ILockable& lock;
+};
+
+void WriteBlock(ISlot& slot, const std::string& data) {
+    Held held(slot);
+    slot.WriteData(data.data(), data.size());
+}
+
+// Reads into a heap buffer of exactly `size` bytes, so that ASan sees any copy beyond it.
+std::string ReadBlock(ISlot& slot, size_t size) {
+    std::vector<char> buffer(size);
+    Held held(slot);
+    const size_t n = slot.ReadData(buffer.data(), buffer.size());
+    return std::string(buffer.data(), std::min(n, buffer.size()));
+}
+
+// In a child: 0 when `log` holds exactly one ERROR line `line`.
+int ExpectOneError(const testsupport::LogCapture& log, const std::string& line, int code) {
+    if (log.Count("ERROR", line) == 1) {
+        return 0;
+    }
+    std::string seen;
+    for (const std::string& m : log.Messages("ERROR")) {
+        seen += "\n  " + m;
+    }
+    return testsupport::Failed(code, "expected the ERROR line\n  " + line + "\ngot" + seen);
+}
+
+// In a child: 0 when the slot stores and delivers a block again and its queue is whole.
+int ExpectWorking(ISlot& slot, const std::string& name, int code) {
+    WriteBlock(slot, "afterwards");
+    const std::string got = ReadBlock(slot, slot.GetMaxDataSize());
+    if (got != "afterwards") {
+        return testsupport::Failed(code, "read '" + got + "' after the repair");
+    }
+    StrayQueueView view(name);
+    if (view.image.verdict != SlotImage::Verdict::Valid) {
+        return testsupport::Failed(
+            code + 1, "queue left " + std::string(SlotImage::VerdictText(view.image.verdict)) +
+                          ": " + view.image.problem);
+    }
+    return 0;
+}
+
+// The probe's case: the max message size raised from 64 to 1 MiB while a discarding slot is
+// open, then a 1 MiB write. The slot keeps its own 64: the write is refused with the usual line
+// (Boost would have copied 1 MiB into a 64-byte message slot), and the next queue use puts the
+// word back.
+TEST(QueueDamagedWhileOpen, ARaisedMaxSizeIsNeverUsedAndIsPutBack) {
+    testsupport::ScopedSlotName name("qmaxsize");
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        DiscardingSlot slot(open_or_create, name.c_str(), 64);
+        StrayQueueView view(name);
+        const_cast<QueueSize&>(view.Control().m_max_msg_size) = 1u << 20;
+        if (slot.GetMaxDataSize() != 64) {
+            return testsupport::Failed(10,
+                                       "max data size " + std::to_string(slot.GetMaxDataSize()));
+        }
+        testsupport::LogCapture log("Slot");
+        WriteBlock(slot, std::string(1u << 20, 'x'));
+        if (int failed = ExpectOneError(
+                log,
+                "Unable to write to '" + name.str() + "': data size 1048576 > max data size 64",
+                11)) {
+            return failed;
+        }
+        WriteBlock(slot, "small");
+        if (int failed = ExpectOneError(log,
+                                        "Queue of '" + name.str() +
+                                            "' : max message size 1048576 instead of 64; the "
+                                            "values found at its opening were restored",
+                                        12)) {
+            return failed;
+        }
+        if (view.Control().m_max_msg_size != 64) {
+            return testsupport::Failed(13, "max message size not put back");
+        }
+        if (ReadBlock(slot, 64) != "small") {
+            return testsupport::Failed(14, "the block written after the damage was lost");
+        }
+        return ExpectWorking(slot, name, 15);
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+// The probe's case: a waiting block's length set to 100000 in a reliable slot of 64-byte blocks,
+// then a read into a 64-byte buffer. Boost would copy 100000 bytes into it; the block is dropped
+// instead, and the blocks before and after it are delivered.
+TEST(QueueDamagedWhileOpen, AWaitingBlocksLengthBeyondTheMaximumIsDroppedNotCopied) {
+    testsupport::ScopedSlotName name("qlength");
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+        WriteBlock(slot, "first");
+        WriteBlock(slot, std::string(64, 'y'));
+        if (ReadBlock(slot, 64) != "first") {
+            return testsupport::Failed(10, "first block not read");
+        }
+        StrayQueueView view(name);
+        const std::uint64_t oldest = view.OldestPosition();
+        view.Message(oldest).len = 100000;
+        testsupport::LogCapture log("Slot");
+        if (ReadBlock(slot, 64) != "") {
+            return testsupport::Failed(11, "a block was delivered");
+        }
+        if (int failed = ExpectOneError(
+                log,
+                "Queue of '" + name.str() + "' : the block at index position " +
+                    std::to_string(oldest) +
+                    " claims 100000 bytes, more than the 64-byte maximum; 1 waiting block was "
+                    "dropped",
+                12)) {
+            return failed;
+        }
+        if (slot.GetBufferLength() != 0) {
+            return testsupport::Failed(13, "the damaged block is still counted");
+        }
+        return ExpectWorking(slot, name, 14);
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+// The oldest block's index entry pointed past the end of the queue: the read drops the block
+// rather than follow the entry, and the index is a permutation of the message slots again.
+TEST(QueueDamagedWhileOpen, AnIndexEntryOutsideTheMessagesIsDroppedNotFollowed) {
+    testsupport::ScopedSlotName name("qentry");
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+        WriteBlock(slot, "lost");
+        WriteBlock(slot, "kept");
+        StrayQueueView view(name);
+        const std::uint64_t oldest = view.OldestPosition();
+        const std::uint64_t outside = view.map.size + 4096;
+        view.Entry(oldest) = outside - view.EntryAt(oldest);
+        testsupport::LogCapture log("Slot");
+        const std::string got = ReadBlock(slot, 64);
+        if (int failed = ExpectOneError(
+                log,
+                "Queue of '" + name.str() + "' : index position " + std::to_string(oldest) +
+                    " points at offset " + std::to_string(outside) + " of its " +
+                    std::to_string(view.map.size) +
+                    " bytes, not at a message slot; its index was rebuilt, 1 waiting block was "
+                    "dropped",
+                10)) {
+            return failed;
+        }
+        if (got != "kept") {
+            return testsupport::Failed(11, "read '" + got + "', not the block after the damage");
+        }
+        return ExpectWorking(slot, name, 12);
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+// The index pointer moved 1 MiB on and the capacity raised, while blocks wait: the next write
+// puts both back before Boost follows them, and the waiting blocks stay, in order.
+TEST(QueueDamagedWhileOpen, AMovedIndexPointerAndCapacityArePutBack) {
+    testsupport::ScopedSlotName name("qindex");
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+        WriteBlock(slot, "one");
+        StrayQueueView view(name);
+        std::uint64_t& index = *reinterpret_cast<std::uint64_t*>(&view.Control().mp_index);
+        const std::uint64_t before = index;
+        index = before + (1u << 20);
+        const_cast<QueueSize&>(view.Control().m_max_num_msg) = 1000;
+        testsupport::LogCapture log("Slot");
+        WriteBlock(slot, "two");
+        if (int failed = ExpectOneError(log,
+                                        "Queue of '" + name.str() +
+                                            "' : capacity 1000 instead of 4, index pointer "
+                                            "offset " +
+                                            std::to_string(before + (1u << 20)) + " instead of " +
+                                            std::to_string(before) +
+                                            "; the values found at its opening were restored",
+                                        10)) {
+            return failed;
+        }
+        if (index != before || view.Control().m_max_num_msg != 4) {
+            return testsupport::Failed(11, "the index pointer or the capacity was not put back");
+        }
+        const std::string first = ReadBlock(slot, 64);
+        const std::string second = ReadBlock(slot, 64);
+        if (first != "one" || second != "two") {
+            return testsupport::Failed(12, "read '" + first + "', '" + second + "'");
+        }
+        return ExpectWorking(slot, name, 13);
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+// Random runs of random bytes over the queue of a slot open in this process, most of them over
+// its control block and index. The queue's mutex and the creation word are kept: lock words are
+// the lock tests' matter, and the open queue never reads the creation word again.
+void ScribbleOpenQueue(const std::string& slotName, std::mt19937& random) {
+    StrayQueueView view(slotName);
+    ASSERT_NE(nullptr, view.map.bytes);
+    ASSERT_TRUE(view.image.mutex.present);
+    const size_t size = view.map.size;
+    const std::vector<unsigned char> mutex(
+        view.map.bytes + view.image.mutex.offset,
+        view.map.bytes + view.image.mutex.offset + view.image.mutex.size);
+    std::uint64_t firstWord;
+    std::memcpy(&firstWord, view.map.bytes, sizeof(firstWord));
+    const size_t front = std::min<size_t>(size, view.image.messages.offset + 64);
+    for (int runs = 1 + random() % 3; runs > 0; --runs) {
+        const size_t at = random() % 4 != 0 ? random() % front : random() % size;
+        const size_t length = 1 + random() % 8;
+        for (size_t k = at; k < at + length && k < size; ++k) {
+            view.map.bytes[k] = static_cast<unsigned char>(random());
+        }
+    }
+    std::memcpy(view.map.bytes + view.image.mutex.offset, mutex.data(), mutex.size());
+    std::memcpy(view.map.bytes, &firstWord, sizeof(firstWord));
+}
+
+// The queue of an open slot, of either kind, damaged at random while blocks wait: reads into a
+// buffer of exactly the max data size, writes and counts never crash, copy out of bounds (run
+// it under ASan) or hang; failures are the library's exceptions and ERROR lines.
+TEST(QueueDamagedWhileOpen, RandomBytesOverAnOpenQueueNeverCrashOrHang) {
+    const Cases cases = CasesToRun(100, 20261127);
+    const unsigned seed = cases.seed;
+    for (int c = cases.first; c < cases.end; ++c) {
+        testsupport::ScopedSlotName name("qrandom");
+        const bool reliable = c % 2 == 0;
+        const testsupport::ChildResult result = testsupport::RunInChild(
+            [&] {
+                ::setenv("SLOT_CREATION_WAIT_MS", "100", 1);
+                std::seed_seq caseSeed{seed, static_cast<unsigned>(c)};
+                std::mt19937 random(caseSeed);
+                std::unique_ptr<ISlot> slot;
+                if (reliable) {
+                    slot.reset(new ReliableSlot(open_or_create, name.c_str(), 64, 4));
+                } else {
+                    slot.reset(new DiscardingSlot(open_or_create, name.c_str(), 64));
+                }
+                WriteBlock(*slot, "block one");
+                WriteBlock(*slot, std::string(64, 'b'));
+                ScribbleOpenQueue(name, random);
+                for (int round = 0; round < 3; ++round) {
+                    try {
+                        ReadBlock(*slot, slot->GetMaxDataSize());
+                    } catch (const boost::interprocess::interprocess_exception&) {
+                    }
+                    WriteBlock(*slot, std::string(1 + random() % 64, 'w'));
+                    slot->GetBufferLength();
+                }
+                return 0;
+            },
+            std::chrono::seconds(30));
+        ASSERT_TRUE(result.Ok()) << "seed " << seed << ", case " << c << " ("
+                                 << (reliable ? "reliable" : "discarding")
+                                 << "): " << result.Describe();
+    }
 }
 
 }  // namespace
