@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Slot/BoostInterprocess/QueueGuard.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
+#include <Slot/SlotNames.h>
 
 #include <shared/CrashPoint.h>
 #include <shared/ManagedObject.h>
@@ -45,6 +46,13 @@ int PlainMutexKind() {
 }
 
 }  // namespace
+
+bool QueueGuard::HolderMapsQueue(pid_t owner) const {
+    // A holder lives in a process that maps the queue: a thread id that names a live thread of a
+    // process without the mapping was reused after the holder died.
+    const pid_t process = shared::ProcessOfThread(owner);
+    return process != 0 && shared::ProcessMapsFile(process, Slot::ShmPath(name_)) != 0;
+}
 
 QueueGuard::QueueGuard(const std::string& queueName)
     : name_(queueName),
@@ -471,10 +479,10 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
                 return;
             }
         }
-        const bool dead = word == 0    ? false
-                          : owner == 0 ? std::chrono::steady_clock::now() >= ownerless
-                                       : owner != shared::CurrentThreadId() &&
-                                             shared::ProcessOfThread(owner) == 0;
+        const bool dead = word == 0 ? false
+                          : owner == 0
+                              ? std::chrono::steady_clock::now() >= ownerless
+                              : owner != shared::CurrentThreadId() && !HolderMapsQueue(owner);
         if (dead) {
             // Everyone who takes this mutex in the library holds the header lock, which we hold:
             // nobody else can be inside the queue, so it can be repaired and its mutex made anew.

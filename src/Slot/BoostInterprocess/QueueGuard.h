@@ -6,6 +6,7 @@
 #include <log4cxx/logger.h>
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -210,6 +211,9 @@ private:
     std::string RepairEntries();
     // Points index position `position` at message slot `slot`.
     void SetEntry(std::uint64_t position, std::uint64_t slot);
+    // Whether the thread `owner`, which holds the queue's mutex, lives in a process that maps
+    // the queue (unknown counts as yes).
+    bool HolderMapsQueue(pid_t owner) const;
 
     std::string name_;
     char* base_;        // start of our mapping of the object

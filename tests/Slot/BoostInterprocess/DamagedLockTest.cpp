@@ -4,6 +4,7 @@
 // ever. A live holder that really holds the lock is still waited for, however long. Every
 // waiting step runs in a child under a watchdog.
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 #include "ShmObject.h"
@@ -24,6 +25,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 namespace {
@@ -138,6 +140,54 @@ TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired
     EXPECT_EQ(3u, slot.ReadData(buffer, sizeof(buffer)));
     EXPECT_EQ(0, std::memcmp(buffer, "one", 3));
     slot.GetLockable()->unlock();
+}
+
+// The queue's mutex left locked by a thread whose id now names a live thread of a process that
+// does not map the queue (an exec'ed sleep): its holder died, and the next lock holder repairs
+// the queue instead of waiting for that thread, time after time.
+TEST(DamagedHeaderLock, AQueueHolderWhoseThreadIdWasReusedIsTakenForDead) {
+    ScopedSlotName name("reusedtid");
+    ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+    const pid_t foreign = ::fork();
+    ASSERT_GE(foreign, 0);
+    if (foreign == 0) {
+        ::execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    // Until the exec, the child maps the queue as its parent does.
+    ASSERT_TRUE(testsupport::Eventually([&] {
+        std::ifstream comm("/proc/" + std::to_string(foreign) + "/comm");
+        std::string command;
+        return std::getline(comm, command) && command == "sleep";
+    }));
+    {
+        testsupport::MappedObject queue(ReliableSlot::GetQueueName(name.str()), true);
+        const SlotImage::QueueImage image = SlotImage::ParseQueue(queue.bytes, queue.size);
+        ASSERT_TRUE(image.mutex.present);
+        // Locked, and the holder recorded, as by that thread.
+        pthread_mutex_t* mutex =
+            reinterpret_cast<pthread_mutex_t*>(queue.bytes + image.mutex.offset);
+        mutex->__data.__owner = foreign;
+        __atomic_store_n(&mutex->__data.__lock, 1, __ATOMIC_SEQ_CST);
+    }
+    const ChildResult result = RunInChild([&] {
+        LogCapture log("Slot");
+        slot.GetLockable()->lock();
+        slot.WriteData("one", 3);
+        const size_t waiting = slot.GetBufferLength();
+        slot.GetLockable()->unlock();
+        const std::string expected = "Queue of '" + name.str() + "' was locked by thread " +
+                                     std::to_string(foreign) + ", which died holding it;";
+        for (const std::string& m : log.Messages("ERROR")) {
+            if (m.compare(0, expected.size(), expected) == 0) {
+                return waiting == 1 ? 0 : Failed(11, "the block was not stored");
+            }
+        }
+        return Failed(12, "no ERROR line '" + expected + "'");
+    });
+    ::kill(foreign, SIGKILL);
+    ::waitpid(foreign, nullptr, 0);
+    EXPECT_TRUE(result.Ok()) << result.Describe();
 }
 
 TEST(DamagedHeaderLock, ALiveHolderIsWaitedForBeyondTheBound) {
