@@ -23,6 +23,9 @@ namespace {
 
 const int kFileMode = 0666;
 const int kCommonFlags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+// Unread writes remembered one by one; more are merged into the newest, which only counts
+// their pages for longer.
+const size_t kMaxUnreadWrites = 1024;
 
 [[noreturn]] void ThrowCannotOpen(const std::string& name, const std::string& reason) {
     throw std::runtime_error("Cannot open '" + name + "' : " + reason);
@@ -129,7 +132,9 @@ FSBase::FSBase(const IFileOutputCfg& cfg)
       droppingOnFullPipe_(false),
       pipeFullTimeout_(boost::posix_time::seconds(1)),
       writeCounters_(nullptr),
-      blockOutcome_(shared::WriteOutcome::None) {}
+      blockOutcome_(shared::WriteOutcome::None),
+      unreadWriteBytes_(0),
+      unreadKnown_(false) {}
 
 FSBase::~FSBase() {
     boost::mutex::scoped_lock lock(mutex_);
@@ -201,6 +206,7 @@ void FSBase::ReopenLocked() {
     leaf_ = leaf;
     openedBefore_ = true;
     droppingOnFullPipe_ = false;
+    ForgetPipeWritesLocked();
     if (old >= 0) {
         ::close(old);
     }
@@ -318,7 +324,9 @@ void FSBase::WriteRegularFileLocked(const char* data, size_t size) {
             return;
         }
     }
-    WriteAllLocked(data, size);
+    // The size before the block, so that a block that fails part way can be cut off again.
+    struct stat before;
+    WriteAllLocked(data, size, ::fstat(fd_, &before) == 0 ? before.st_size : -1);
 }
 
 void FSBase::FailWriteLocked(int error, size_t dropped, size_t size) {
@@ -332,18 +340,38 @@ void FSBase::FailWriteLocked(int error, size_t dropped, size_t size) {
     CloseLocked();
 }
 
-bool FSBase::WriteAllLocked(const char* data, size_t size) {
+bool FSBase::WriteAllLocked(const char* data, size_t size, off_t undoTo) {
     size_t done = 0;
     while (done < size) {
         const ssize_t n = ::write(fd_, data + done, size - done);
         if (n > 0) {
             done += static_cast<size_t>(n);
-        } else if (n < 0 && errno == EINTR) {
             continue;
-        } else {
-            FailWriteLocked(n < 0 ? errno : EIO, size - done, size);
-            return false;
         }
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        const int error = n < 0 ? errno : EIO;
+        if (done > 0 && undoTo >= 0) {
+            // Cut off only this block's bytes: when the file has grown by anything else
+            // meanwhile (another appender), it is left as it is.
+            struct stat st;
+            std::string problem = "the file has changed";
+            if (::fstat(fd_, &st) == 0 && st.st_size == undoTo + static_cast<off_t>(done)) {
+                if (::ftruncate(fd_, undoTo) == 0) {
+                    done = 0;
+                } else {
+                    problem = std::strerror(errno);
+                }
+            }
+            if (done > 0 && logger_->isErrorEnabled()) {
+                LOG4CXX_ERROR(logger_, "Cannot cut off the "
+                                           << done << " bytes written of a failed block from '"
+                                           << fileName_ << "' : " << problem);
+            }
+        }
+        FailWriteLocked(error, size - done, size);
+        return false;
     }
     return true;
 }
@@ -354,7 +382,6 @@ bool FSBase::WaitForPipeRoomLocked(size_t size, size_t pageSize, long long timeo
         return true;  // unknown: let the write find out
     }
     const size_t pages = static_cast<size_t>(capacity) / pageSize;
-    const size_t needed = (size + pageSize - 1) / pageSize;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     int pauseMs = 1;
     for (;;) {
@@ -362,11 +389,8 @@ bool FSBase::WaitForPipeRoomLocked(size_t size, size_t pageSize, long long timeo
         if (::ioctl(fd_, FIONREAD, &unread) != 0) {
             return true;
         }
-        // Unread bytes may start anywhere in their first page and leave the rest of their last
-        // page unused by a new block: count one page more than they fill.
-        const size_t busy =
-            unread <= 0 ? 0 : (static_cast<size_t>(unread) + pageSize - 1) / pageSize + 1;
-        if (busy + needed <= pages) {
+        if (PipeHasRoomLocked(unread <= 0 ? 0 : static_cast<size_t>(unread), size, pageSize,
+                              pages)) {
             return true;
         }
         const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -382,13 +406,68 @@ bool FSBase::WaitForPipeRoomLocked(size_t size, size_t pageSize, long long timeo
     }
 }
 
+bool FSBase::PipeHasRoomLocked(size_t unread, size_t size, size_t pageSize, size_t pages) {
+    if (unread == 0) {
+        // An empty pipe takes any block up to its size, which the caller has made sure of.
+        unreadWrites_.clear();
+        unreadWriteBytes_ = 0;
+        unreadKnown_ = true;
+        return true;
+    }
+    if (!unreadKnown_ || unread > unreadWriteBytes_) {
+        // Bytes of others: their pages are unknown.
+        ForgetPipeWritesLocked();
+        return false;
+    }
+    // Reading goes in order: the writes read to their end are the oldest ones, and their pages
+    // are free. A write read in part still holds its pages.
+    size_t read = unreadWriteBytes_ - unread;
+    while (!unreadWrites_.empty() && unreadWrites_.front().bytes <= read) {
+        read -= unreadWrites_.front().bytes;
+        unreadWriteBytes_ -= unreadWrites_.front().bytes;
+        unreadWrites_.pop_front();
+    }
+    size_t busy = 0;
+    for (const PipeWrite& write : unreadWrites_) {
+        busy += write.pages;
+    }
+    return busy + (size + pageSize - 1) / pageSize <= pages;
+}
+
+void FSBase::NotePipeWriteLocked(size_t requested, size_t written, size_t pageSize) {
+    if (!unreadKnown_) {
+        return;
+    }
+    if (written != requested) {
+        // Cut short: another writer took pages this writer did not count.
+        ForgetPipeWritesLocked();
+        return;
+    }
+    // The kernel puts a write's first (bytes % page) bytes into the last page when they fit
+    // there, and the rest into pages of its own: at most ceil(bytes / page) pages.
+    const PipeWrite write = {written, (written + pageSize - 1) / pageSize};
+    if (unreadWrites_.size() < kMaxUnreadWrites || unreadWrites_.empty()) {
+        unreadWrites_.push_back(write);
+    } else {
+        unreadWrites_.back().bytes += write.bytes;
+        unreadWrites_.back().pages += write.pages;
+    }
+    unreadWriteBytes_ += written;
+}
+
+void FSBase::ForgetPipeWritesLocked() {
+    unreadWrites_.clear();
+    unreadWriteBytes_ = 0;
+    unreadKnown_ = false;
+}
+
 void FSBase::WritePipeLocked(const char* data, size_t size) {
     if (size == 0) {
         return;
     }
     const long long timeoutMs = droppingOnFullPipe_ ? 0 : pipeFullTimeout_.total_milliseconds();
+    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
     if (size > PIPE_BUF) {
-        const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
         const int capacity = ::fcntl(fd_, F_GETPIPE_SZ);
         const size_t needed = (size + page - 1) / page * page;
         if (capacity > 0 && needed > static_cast<size_t>(capacity) &&
@@ -398,6 +477,7 @@ void FSBase::WritePipeLocked(const char* data, size_t size) {
                                                    << fileName_ << "' can hold (" << capacity
                                                    << " bytes), dropped");
             }
+            blockOutcome_ = shared::WriteOutcome::Refused;
             return;
         }
         if (!WaitForPipeRoomLocked(size, page, timeoutMs)) {
@@ -406,6 +486,7 @@ void FSBase::WritePipeLocked(const char* data, size_t size) {
                 LOG4CXX_WARN(logger_, "Named pipe '" << fileName_ << "' is full, block of " << size
                                                      << " bytes dropped");
             }
+            blockOutcome_ = shared::WriteOutcome::Refused;
             return;
         }
     }
@@ -417,6 +498,7 @@ void FSBase::WritePipeLocked(const char* data, size_t size) {
     while (done < size) {
         const ssize_t n = ::write(fd_, data + done, size - done);
         if (n > 0) {
+            NotePipeWriteLocked(size - done, static_cast<size_t>(n), page);
             if (done == 0 && static_cast<size_t>(n) < size) {
                 deadline = std::chrono::steady_clock::now() +
                            std::chrono::milliseconds(pipeFullTimeout_.total_milliseconds());

@@ -13,7 +13,9 @@
 
 #include <log4cxx/logger.h>
 
+#include <sys/types.h>
 #include <cstddef>
+#include <deque>
 #include <string>
 
 namespace FileUtils {
@@ -40,16 +42,25 @@ namespace FileUtils {
 //   it is refused with a WARN when rotation is off. With rotation on, the file is first renamed
 //   to "<file>.0" (older ones move up to "<file>.<max file index>", the oldest is removed) and a
 //   new file is started. A block larger than the maximum on its own is refused with a WARN.
-//   Blocks are never split.
+//   Blocks are never split: when a write fails part way (ENOSPC, EFBIG), the part written is
+//   cut off again, so the file ends with whole blocks and a reopening appends after them.
 //
 // Named pipes (FIFOs):
 // - opened read-write and non-blocking. The open never waits for a reader, and since this
 //   object is itself a reader of the pipe, a write can never fail with EPIPE or raise SIGPIPE.
 // - a block enters the pipe whole or not at all. Blocks of up to PIPE_BUF (4096) bytes are
 //   written by one atomic write(2). For a larger block the writer first waits until the pipe has
-//   room for all of it (free room = pipe size less the unread bytes, counted in the pipe's pages),
-//   then writes it; the kernel never mixes it with other writers' bytes only for blocks up to
-//   PIPE_BUF, so several writers of large blocks should not share a pipe.
+//   room for all of it, then writes it. The kernel keeps a pipe's bytes in pages, at most
+//   size / page of them; a write takes at most ceil(bytes / page) pages of its own (its first
+//   bytes may join the last page), and a page is freed only when all its bytes are read. The
+//   writer therefore remembers its writes that are not yet read (FIONREAD tells how many bytes
+//   are unread; reading goes in order) and counts ceil(bytes / page) pages for each: the block
+//   goes in when those pages and its own fit in the pipe. Unread bytes that are not all its own
+//   (another writer's, or a former writer's before this one opened the pipe) make it wait until
+//   the pipe is empty. The kernel never mixes a block with other writers' bytes only for blocks
+//   up to PIPE_BUF, so several writers of large blocks should not share a pipe.
+// - a block refused or dropped is reported as WriteOutcome::Refused, a block cut short by an
+//   error as WriteOutcome::Failed, never as stored.
 // - a block larger than the pipe can ever hold makes the writer raise the pipe's size
 //   (F_SETPIPE_SZ; /proc/sys/fs/pipe-max-size bounds it for unprivileged processes); when that
 //   is not allowed the block is refused whole with an ERROR.
@@ -114,9 +125,19 @@ private:
     std::string MakeFileName() const;
     // Waits until the pipe has room for `size` bytes, up to `timeoutMs`; false when it has not.
     bool WaitForPipeRoomLocked(size_t size, size_t pageSize, long long timeoutMs);
+    // Whether `pages` pages of a pipe holding `unread` bytes take a block of `size` bytes; drops
+    // the writes that have been read from unreadWrites_.
+    bool PipeHasRoomLocked(size_t unread, size_t size, size_t pageSize, size_t pages);
+    // Notes a write(2) of `written` bytes that put all `requested` bytes in the pipe (or not).
+    void NotePipeWriteLocked(size_t requested, size_t written, size_t pageSize);
+    // Forgets the pipe's unread writes: the next large block waits for an empty pipe.
+    void ForgetPipeWritesLocked();
     void WriteRegularFileLocked(const char* data, size_t size);
     void WritePipeLocked(const char* data, size_t size);
-    bool WriteAllLocked(const char* data, size_t size);
+    // Writes all of a block; on failure logs, closes the stream and returns false. With
+    // `undoTo` >= 0 (the size of the regular file before the block) a part that was written is
+    // cut off again.
+    bool WriteAllLocked(const char* data, size_t size, off_t undoTo = -1);
     // Logs a failed write that dropped `dropped` of `size` bytes and closes the stream.
     void FailWriteLocked(int error, size_t dropped, size_t size);
     void RotateLocked();
@@ -141,6 +162,16 @@ private:
     boost::posix_time::time_duration pipeFullTimeout_;  // guarded by mutex_
     shared::WriteCounters* writeCounters_;              // guarded by mutex_; null: not recorded
     shared::WriteOutcome blockOutcome_;  // guarded by mutex_; of the block being written
+
+    // This writer's writes into the pipe that may still be unread, oldest first: bytes and the
+    // most pages they can take. Only while unreadKnown_: then every unread byte is in them.
+    struct PipeWrite {
+        size_t bytes;
+        size_t pages;
+    };
+    std::deque<PipeWrite> unreadWrites_;  // guarded by mutex_
+    size_t unreadWriteBytes_;             // guarded by mutex_; the sum of their bytes
+    bool unreadKnown_;                    // guarded by mutex_
 };
 
 }  // namespace FileUtils

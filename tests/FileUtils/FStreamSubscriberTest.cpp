@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ChildProcess.h"
 #include "FileTestSupport.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
@@ -11,8 +12,11 @@
 
 #include <boost/thread/thread.hpp>
 
+#include <sys/resource.h>
 #include <unistd.h>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <sstream>
 #include <vector>
@@ -165,6 +169,38 @@ TEST(FStreamSubscriber, RotationKeepsTheNewestFilesUpToTheMaximumIndex) {
     EXPECT_NE(0, ::access((file + ".2").c_str(), F_OK));
     EXPECT_TRUE(log.Messages("WARN").empty());
     EXPECT_TRUE(log.Messages("ERROR").empty());
+}
+
+// A write that fails part way (here at the process's file size limit, EFBIG) leaves no part of
+// its block behind, so the blocks an auto-reopening writer appends later stay whole too.
+TEST(FStreamSubscriber, AWriteThatFailsPartWayLeavesOnlyWholeBlocks) {
+    filetest::ScopedPaths cleanup;
+    const std::string file = NewFile(cleanup, "limit");
+    const size_t kBlock = 4000;
+    const rlim_t kLimit = 10000;
+    std::string whole;
+    for (unsigned int i = 0; i < kLimit / kBlock; ++i) {
+        whole += filetest::Pattern(kBlock, i);
+    }
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const struct rlimit limit = {kLimit, kLimit};
+        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) {
+            return testsupport::Failed(2, "setrlimit");
+        }
+        testsupport::LogCapture log("Slot.Writer");
+        FileUtils::FSSAutoReopen a(TestOutputCfg(file, true, false, 0, 0), &shared::FormatNothing);
+        for (unsigned int i = 0; i < 4; ++i) {
+            Send(a, filetest::Pattern(kBlock, i));
+        }
+        const std::string failed = "Write to '" + file + "' failed : " + std::strerror(EFBIG) +
+                                   ", 4000 of 4000 bytes of a block dropped";
+        return log.Count("ERROR", failed) == 2 && log.Messages("ERROR").size() == 2
+                   ? 0
+                   : testsupport::Failed(3, "log");
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_TRUE(filetest::SameBytes(whole, ReadFile(file)));
 }
 
 TEST(FStreamSubscriber, BlocksFromConcurrentThreadsAreNeverInterleaved) {

@@ -5,6 +5,8 @@
 
 #include <Slot/IFileOutputCfg.h>
 
+#include <gtest/gtest.h>
+
 #include <unistd.h>
 #include <set>
 #include <string>
@@ -48,6 +50,20 @@ inline std::string Pattern(size_t size, unsigned int seed) {
         bytes[i] = static_cast<char>(x >> 16);
     }
     return bytes;
+}
+
+// Whether `actual` holds exactly the bytes `expected`; else where they part, not the bytes.
+inline ::testing::AssertionResult SameBytes(const std::string& expected,
+                                            const std::string& actual) {
+    if (expected == actual) {
+        return ::testing::AssertionSuccess();
+    }
+    size_t at = 0;
+    while (at < expected.size() && at < actual.size() && expected[at] == actual[at]) {
+        ++at;
+    }
+    return ::testing::AssertionFailure() << "expected " << expected.size() << " bytes, got "
+                                         << actual.size() << ", the first " << at << " alike";
 }
 
 using testsupport::ReadFile;

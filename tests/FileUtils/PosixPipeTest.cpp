@@ -9,12 +9,14 @@
 #include <FileUtils/NamedPipeCreator.h>
 #include <FileUtils/PosixFileReader.h>
 #include <shared/FileHelpers.h>
+#include <shared/WriteOutcome.h>
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <fstream>
 #include <thread>
@@ -175,11 +177,18 @@ TEST(PosixPipe, BlocksEnterAFullPipeWholeOrNotAtAll) {
     testsupport::LogCapture log("Slot.Writer");
     PipeWriter w(fifo.path);
     w.writer.SetPipeFullTimeout(milliseconds(100));
+    w.writer.SetWriteOutcomeName(fifo.name);
     const std::string blocks[] = {filetest::Pattern(40000, 1), filetest::Pattern(40000, 2),
                                   filetest::Pattern(40000, 3)};
+    std::vector<shared::WriteOutcome> outcomes;
     for (const std::string& block : blocks) {
         w.Write(block);
+        outcomes.push_back(shared::LastWriteOutcome());
     }
+    EXPECT_EQ((std::vector<shared::WriteOutcome>{shared::WriteOutcome::Stored,
+                                                 shared::WriteOutcome::Refused,
+                                                 shared::WriteOutcome::Refused}),
+              outcomes);
     // Nobody read: the pipe holds the first block, and nothing of the others.
     EXPECT_EQ(blocks[0], DrainPipe(fifo.path));
     EXPECT_EQ(2u, log.Count("WARN", "Named pipe '" + fifo.path +
@@ -218,6 +227,66 @@ TEST(PosixPipe, BlocksEnterAFullPipeWholeOrNotAtAll) {
     EXPECT_EQ(2u, log.Messages("WARN").size());
 }
 
+// Blocks that do not share pages: each unread write holds pages of its own, far more than its
+// bytes fill. With one writer and nobody reading, a block is stored whole or refused, never cut,
+// and its outcome says which; a reader then gets whole blocks only, in order.
+TEST(PosixPipe, BlocksInPagesOfTheirOwnEnterWholeOrNotAtAll) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    testsupport::LogCapture log("Slot.Writer");
+    PipeWriter w(fifo.path);
+    w.writer.SetPipeFullTimeout(milliseconds(100));
+    w.writer.SetWriteOutcomeName(fifo.name);
+    const int probe = ::open(fifo.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(probe, 0);
+    const int capacity = ::fcntl(probe, F_GETPIPE_SZ);
+    ::close(probe);
+    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    ASSERT_GE(capacity, static_cast<int>(4 * page));
+    const size_t pages = static_cast<size_t>(capacity) / page;
+
+    // Two of these never share a page, so each takes one: all pages but two are taken.
+    std::string stored;
+    const size_t small = page / 2 + 52;
+    for (size_t i = 0; i + 2 < pages; ++i) {
+        const std::string block = filetest::Pattern(small, 100 + static_cast<unsigned>(i));
+        w.Write(block);
+        EXPECT_EQ(shared::WriteOutcome::Stored, shared::LastWriteOutcome()) << "block " << i;
+        stored += block;
+    }
+    // Fits in the bytes left, not in the two pages left.
+    const std::string large = filetest::Pattern(4 * page + 3616, 7);
+    ASSERT_GT(large.size(), static_cast<size_t>(PIPE_BUF));
+    w.Write(large);
+    EXPECT_EQ(shared::WriteOutcome::Refused, shared::LastWriteOutcome());
+    EXPECT_EQ(1u, log.Count("WARN", "Named pipe '" + fifo.path + "' is full, block of " +
+                                        std::to_string(large.size()) + " bytes dropped"));
+    EXPECT_TRUE(filetest::SameBytes(stored, DrainPipe(fifo.path)));
+
+    // Drained, the pipe takes it whole.
+    w.Write(large);
+    EXPECT_EQ(shared::WriteOutcome::Stored, shared::LastWriteOutcome());
+    EXPECT_TRUE(filetest::SameBytes(large, DrainPipe(fifo.path)));
+
+    // Blocks of whole pages fill the pipe to its last page without a needless refusal.
+    stored.clear();
+    for (unsigned int i = 0; i < 4; ++i) {
+        const std::string block = filetest::Pattern(page, 200 + i);
+        w.Write(block);
+        stored += block;
+        EXPECT_EQ(shared::WriteOutcome::Stored, shared::LastWriteOutcome()) << "page " << i;
+    }
+    const std::string rest = filetest::Pattern((pages - 4) * page, 8);
+    w.Write(rest);
+    EXPECT_EQ(shared::WriteOutcome::Stored, shared::LastWriteOutcome());
+    EXPECT_TRUE(filetest::SameBytes(stored + rest, DrainPipe(fifo.path)));
+    EXPECT_EQ(1u, log.Messages("WARN").size());
+    EXPECT_TRUE(log.Messages("ERROR").empty());
+    const shared::WriteCounts counts = shared::GetWriteCounts(fifo.name);
+    EXPECT_EQ(1u, counts.refused);
+    EXPECT_EQ(0u, counts.failed);
+}
+
 // A block larger than the pipe's size makes the writer raise it rather than cut the block.
 TEST(PosixPipe, BlockLargerThanThePipeRaisesItsSize) {
     ScopedFifo fifo;
@@ -247,10 +316,14 @@ TEST(PosixPipe, BlockLargerThanThePipeRaisesItsSize) {
         }
         testsupport::LogCapture childLog("Slot.Writer");
         PipeWriter nobody(fifo.path);
+        nobody.writer.SetWriteOutcomeName(fifo.name);
         nobody.Write(huge);
         const std::string error = "Block of " + std::to_string(huge.size()) +
                                   " bytes is larger than named pipe '" + fifo.path + "' can hold (";
-        return childLog.CountPrefix("ERROR", error) == 1 ? 0 : 3;
+        if (childLog.CountPrefix("ERROR", error) != 1) {
+            return 3;
+        }
+        return shared::LastWriteOutcome() == shared::WriteOutcome::Refused ? 0 : 4;
     });
     ::chmod(testsupport::TestRunDir().c_str(), 0700);
     EXPECT_TRUE(result.Ok()) << result.Describe();
