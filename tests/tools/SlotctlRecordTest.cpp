@@ -4,6 +4,7 @@
 #include "ChildProcess.h"
 #include "Eventually.h"
 #include "Files.h"
+#include "HeaderHolder.h"
 #include "McapRecording.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
@@ -15,6 +16,8 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include <dirent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <chrono>
@@ -216,6 +219,46 @@ TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
         std::chrono::seconds(10));
     ::unlink(fifo.c_str());
     EXPECT_TRUE(opened.Ok()) << opened.Describe();
+}
+
+// A file whose header cannot be written (here: past the file size limit, as on a full disk)
+// is not left behind, nor is its descriptor.
+TEST(SlotctlMcapFile, AWriterThatCannotWriteItsHeaderLeavesNoFileAndNoDescriptor) {
+    const std::string path = RecordingPath("noroom");
+    const testsupport::ChildResult made = testsupport::RunInChild(
+        [&] {
+            auto descriptors = [] {
+                size_t count = 0;
+                if (DIR* dir = ::opendir("/proc/self/fd")) {
+                    while (::readdir(dir) != nullptr) {
+                        ++count;
+                    }
+                    ::closedir(dir);
+                }
+                return count;
+            };
+            std::signal(SIGXFSZ, SIG_IGN);
+            const rlimit limit{4, 4};
+            if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) {
+                return testsupport::Failed(1, "setrlimit");
+            }
+            const size_t before = descriptors();
+            try {
+                mcap::Writer writer(path, mcap::Writer::Options());
+                return testsupport::Failed(2, "the header was written");
+            } catch (const mcap::Error& e) {
+                if (std::string(e.what()) != "cannot write " + path + ": File too large") {
+                    return testsupport::Failed(3, e.what());
+                }
+            }
+            if (descriptors() != before) {
+                return testsupport::Failed(4, "a descriptor was left open");
+            }
+            return testsupport::Exists(path) ? testsupport::Failed(5, "the file was left") : 0;
+        },
+        std::chrono::seconds(10));
+    ::unlink(path.c_str());
+    EXPECT_TRUE(made.Ok()) << made.Describe();
 }
 
 TEST(SlotctlMcapFile, AFileShortenedWhileBeingReadIsAnErrorSayingSo) {
@@ -506,6 +549,72 @@ TEST(SlotctlRecord, RefusalsAndDamagedFilesGiveOneClearLine) {
     EXPECT_EQ("keep me", ReadFile(existing));
     reader.Signal(SIGINT);
     reader.Finish();
+}
+
+size_t Waiting(const std::string& name, size_t queue) {
+    const SlotCfg cfg = Reliable(name, queue);
+    return SlotFactory::CreateSlot(&cfg)->GetBufferLength();
+}
+
+// A part that cannot be made (its name is taken) ends the recording at the block that needed
+// it: that block is lost and said so, the reader takes nothing more, so the blocks after it
+// still wait in the reliable slot, and the part before it is closed and whole.
+TEST(SlotctlRecord, APartThatCannotBeMadeStopsTheRecordingLosingOnlyTheBlockInHand) {
+    ScopedSlotName name("splitfail");
+    std::vector<std::string> blocks;
+    for (char c = 'a'; c < 'e'; ++c) {
+        blocks.push_back(std::string(1000, c));  // one block fills a 1K part
+    }
+    Fill(name, blocks);
+    const std::string path = RecordingPath("splitfail");
+    const std::string stem = path.substr(0, path.size() - 5);
+    const std::string taken = stem + "-001.mcap";
+    WriteFile(taken, "keep me");
+    slotctltest::Options options;
+    options.timeout = std::chrono::seconds(30);
+    const Outcome run = Slotctl({"record", "-o", path, "--split-size", "1K", name.str()}, options);
+    EXPECT_EQ("keep me", ReadFile(taken));
+    ::unlink(taken.c_str());
+    EXPECT_EQ(1, run.status) << run.Describe();
+    EXPECT_THAT(run.err,
+                AllOf(HasSubstr("slotctl: recorded '" + name.str() +
+                                "' (reliable): 1 block, 1.0 kB, 0 gaps; 1 block lost (taken, "
+                                "not written)\n"),
+                      HasSubstr("slotctl: wrote 1 file: " + stem + "-000.mcap; did not keep up\n"),
+                      HasSubstr("slotctl: record: cannot create " + taken + ": File exists\n")))
+        << run.Describe();
+    const Recording first = ReadRecording(stem + "-000.mcap");
+    EXPECT_TRUE(first.result.complete) << first.result.problem;
+    EXPECT_EQ(std::vector<std::string>{blocks[0]}, first.blocks);
+    EXPECT_EQ(2u, Waiting(name, blocks.size() + 8));
+    const Outcome rest =
+        Slotctl({"read", name.str(), "--count", "2", "--timeout", "10000", "--format", "frames"});
+    EXPECT_EQ(Frames({blocks[2], blocks[3]}), rest.out) << rest.Describe();
+}
+
+// Every slot is opened before any reader starts: while the recorder waits for one slot's lock,
+// the others keep their blocks, and Ctrl-C then leaves no file.
+TEST(SlotctlRecord, ASlotThatCannotBeOpenedYetTakesNothingFromTheOthers) {
+    ScopedSlotName ready("openready"), held("openheld");
+    const std::vector<std::string> blocks = TestBlocks(3);
+    Fill(ready, blocks);
+    testsupport::HeaderHolder holder(held);
+    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+    const std::string path = RecordingPath("openheld");
+    Background recorder({"record", "-o", path, ready.str(), held.str()});
+    const bool made = WaitForRecording([&] { return testsupport::Exists(path); });
+    // A reader started now would take them within its first update time (0.1 s).
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const size_t waiting = Waiting(ready, blocks.size() + 8);
+    recorder.Signal(SIGINT);
+    const Outcome run = recorder.Finish();
+    holder.Release();
+    holder.Child().Wait();
+    EXPECT_TRUE(made) << run.Describe();
+    EXPECT_EQ(blocks.size(), waiting);
+    EXPECT_EQ(130, run.status) << run.Describe();
+    EXPECT_FALSE(testsupport::Exists(path));
+    EXPECT_EQ(blocks.size(), Waiting(ready, blocks.size() + 8));
 }
 
 TEST(SlotctlRecord, TeePassesEveryBlockOnInOrderThroughRefusals) {

@@ -177,8 +177,17 @@ struct Source;
 struct Sink {
     std::timed_mutex mutex;
     std::function<void(Source&, std::uint32_t, std::uint64_t, const char*, size_t)> store;
-    std::string failure;  // why writing the file failed; nothing more is written then
+    std::string failure;              // why writing the file failed; nothing more is written then
+    std::atomic<bool> failed{false};  // failure is set; readable without the mutex
     std::uint64_t total = 0, totalBytes = 0;
+
+    // Under the mutex: the first failure is the one reported.
+    void Fail(const std::string& why) {
+        if (failure.empty()) {
+            failure = why;
+        }
+        failed = true;
+    }
 };
 
 // One recorded slot or pool.
@@ -211,6 +220,13 @@ struct Source : public shared::ISubscriber {
         if (tee) {
             tee->Write(bytes, size, [&] { return backlog.Stopping(); });
         }
+        if (sink.failed) {
+            // The recording has failed: this block is lost, and the reader, released on its
+            // own thread, takes nothing more (a reliable slot keeps the rest).
+            ++dropped;
+            StopReader();
+            return;
+        }
         // A reliable slot's block is written from here, without a copy, once none of its
         // earlier blocks still waits in the backlog: the bytes are valid during this call, and
         // the slot's lock is not held. Such a reader waits for the file while the main thread
@@ -229,17 +245,24 @@ struct Source : public shared::ISubscriber {
             direct = sink.mutex.try_lock();
         }
         if (direct) {
+            INotifierPtr released;  // dropped after the file's lock
             std::lock_guard<std::timed_mutex> lock(sink.mutex, std::adopt_lock);
-            if (!sink.failure.empty()) {
-                ++dropped;
-                return;
+            if (sink.failure.empty()) {
+                try {
+                    sink.store(*this, sequence, time, bytes, size);
+                    return;
+                } catch (const std::exception& e) {
+                    sink.Fail(e.what());
+                    backlog.Wake();
+                }
             }
-            try {
-                sink.store(*this, sequence, time, bytes, size);
-            } catch (const mcap::Error& e) {
-                sink.failure = e.what();
-                backlog.Wake();
-            }
+            ++dropped;
+            // Taken before the main thread can see the failure (it looks under the file's
+            // lock), so that this reader is released here, on its own thread, and takes nothing
+            // more.
+            std::unique_lock<std::mutex> readerLock(readerMutex);
+            readerMade.wait(readerLock, [&] { return made; });
+            released.swap(reader);
             return;
         }
         ++queued;
@@ -247,6 +270,26 @@ struct Source : public shared::ISubscriber {
             --queued;
             ++dropped;
         }
+    }
+
+    // The reader, once made (null: making it failed). Its thread runs before it is returned.
+    void Made(INotifierPtr made) {
+        {
+            std::lock_guard<std::mutex> lock(readerMutex);
+            reader = std::move(made);
+            this->made = true;
+        }
+        readerMade.notify_all();
+    }
+
+    // Drops this source's reader. On the reader's own thread (inside onNotify) it is released
+    // at once and takes nothing more; elsewhere its thread is stopped and joined, which may
+    // first deliver what its slot still holds.
+    void StopReader() {
+        INotifierPtr doomed;
+        std::unique_lock<std::mutex> lock(readerMutex);
+        readerMade.wait(lock, [&] { return made; });
+        doomed.swap(reader);
     }
 
     size_t index;
@@ -260,7 +303,14 @@ struct Source : public shared::ISubscriber {
     Sink& sink;
     bool discarding = false;  // a discarding slot or a latest pool
     std::unique_ptr<RetryingWriter> tee;
+    boost::shared_ptr<ISlot> opened;  // a slot's, opened before any reader starts
+    std::mutex readerMutex;           // guards reader and made
+    std::condition_variable readerMade;
     INotifierPtr reader;
+    bool made = false;
+    bool started = false;  // the reader was made
+    // Ready once the reader has let go of this subscriber: its thread is gone.
+    std::future<void> gone;
     // The reader's thread only.
     bool numbered = false;
     std::uint32_t lastSequence = 0;
@@ -434,26 +484,30 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     options.library = std::string("slotctl ") + SLOT_VERSION_STRING;
     std::vector<std::string> files;
     std::unique_ptr<mcap::Writer> writer;
+    // The next file; an mcap::Error leaves `writer` and `files` as they were.
     auto open = [&] {
         const std::string path =
             split ? PartName(output, static_cast<unsigned>(files.size())) : output;
-        try {
-            writer.reset(new mcap::Writer(path, options));
-            for (const auto& source : sources) {
-                writer->AddChannel(source->name, "application/octet-stream", source->metadata);
-            }
-        } catch (const mcap::Error& e) {
-            throw CommandError(ExitFailure, std::string("record: ") + e.what());
+        std::unique_ptr<mcap::Writer> next(new mcap::Writer(path, options));
+        for (const auto& source : sources) {
+            next->AddChannel(source->name, "application/octet-stream", source->metadata);
         }
+        writer = std::move(next);
         files.push_back(path);
     };
-    open();
+    try {
+        open();
+    } catch (const mcap::Error& e) {
+        throw CommandError(ExitFailure, std::string("record: ") + e.what());
+    }
     const auto started = std::chrono::steady_clock::now();
     auto fileStarted = started;
     // Under the sink's mutex, on the main thread or a reader's.
     sink.store = [&](Source& source, std::uint32_t sequence, std::uint64_t time, const char* data,
                      size_t size) {
         const auto now = std::chrono::steady_clock::now();
+        // A part that cannot be made or written ends the recording (the caller's catch): the
+        // parts before it stay closed and whole.
         if (split && writer->Size() > 0 &&
             ((splitSize != 0 && writer->Size() >= splitSize) ||
              (splitSeconds != 0 &&
@@ -498,40 +552,77 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
 
     // Once a reader runs, a rotation may change `files`.
     const std::string firstFile = files.front();
+    // Before any reader starts: the recording does not start, the files made for it go again.
+    auto abandon = [&] {
+        writer.reset();
+        for (const std::string& file : files) {
+            ::unlink(file.c_str());
+        }
+    };
+    // Every slot is opened before any reader starts, so that a slot that cannot be opened (or
+    // whose lock a live process keeps, until Ctrl-C) ends the recording before anything is
+    // taken from the others. Pools were checked by their survey.
     for (const auto& source : sources) {
-        const std::string& name = source->name;
-        auto abandon = [&] {
-            // The recording does not start: the files made for it go again.
-            backlog.Stop();
-            for (const auto& started : sources) {
-                started->reader.reset();
-            }
-            writer.reset();
-            for (const std::string& file : files) {
-                ::unlink(file.c_str());
-            }
-        };
+        if (source->pool || (source->kind != "reliable" && source->kind != "discarding")) {
+            continue;
+        }
         try {
-            // Subscribed before the reader's thread starts, so that the blocks waiting in a
-            // reliable slot are recorded too. Opening waits for the slot's lock, which a live
-            // process may keep: that wait still ends on Ctrl-C.
             const WaitResult opened = RunInterruptibly(
-                [&] {
-                    const ISubscriberPtr subscriber(source.get(), [](shared::ISubscriber*) {});
-                    source->reader =
-                        source->pool
-                            ? Slot::PoolFactory::CreatePoolReader(source->poolConfig, subscriber)
-                            : SlotFactory::CreateSlotReader(source->cfg.get(), subscriber);
-                },
-                -1);
+                [&] { source->opened = SlotFactory::CreateSlot(source->cfg.get()); }, -1);
             if (opened != WaitResult::Ready) {
+                abandon();
                 LeaveNow(ExitInterrupted, "");
             }
         } catch (const std::exception& e) {
             abandon();
-            throw CommandError(ExitFailure, "cannot record " + Quote(name) + ": " + e.what());
+            throw CommandError(ExitFailure,
+                               "cannot record " + Quote(source->name) + ": " + e.what());
         }
-        std::cerr << "slotctl: recording " << Quote(name) << " (" << source->kind << ") to "
+    }
+    // A reader that cannot be made now (its slot changed meanwhile) or whose making is
+    // interrupted ends the recording as a stop does: what the others took is written.
+    std::string startFailure;
+    bool startInterrupted = false;
+    for (const auto& source : sources) {
+        if (sink.failed) {
+            break;  // a reader already started could not write its block
+        }
+        auto gone = std::make_shared<std::promise<void>>();
+        source->gone = gone->get_future();
+        try {
+            // Subscribed before the reader's thread starts, so that the blocks waiting in a
+            // reliable slot are recorded too. Opening waits for the slot's lock, which a live
+            // process may keep: that wait still ends on Ctrl-C. The subscriber's last share
+            // goes with the reader.
+            const WaitResult opened = RunInterruptibly(
+                [&] {
+                    const ISubscriberPtr subscriber(
+                        source.get(), [gone](shared::ISubscriber*) { gone->set_value(); });
+                    INotifierPtr reader;
+                    try {
+                        reader = source->pool
+                                     ? Slot::PoolFactory::CreatePoolReader(source->poolConfig,
+                                                                           subscriber)
+                                     : SlotFactory::CreateSlotReader(source->cfg.get(), subscriber);
+                    } catch (...) {
+                        source->Made(nullptr);
+                        throw;
+                    }
+                    // Its thread may already wait for it, to release it (a failure).
+                    source->Made(std::move(reader));
+                },
+                -1);
+            if (opened != WaitResult::Ready) {
+                startInterrupted = true;
+                break;
+            }
+        } catch (const std::exception& e) {
+            startFailure = "cannot record " + Quote(source->name) + ": " + e.what();
+            break;
+        }
+        source->started = true;
+        source->opened.reset();
+        std::cerr << "slotctl: recording " << Quote(source->name) << " (" << source->kind << ") to "
                   << Printable(firstFile) << std::endl;
     }
 
@@ -547,8 +638,8 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
                   << Plural(files.size(), "file") << "\x1b[K" << std::flush;
     };
 
-    bool stopped = false;
-    for (;;) {
+    bool stopped = startInterrupted;
+    while (startFailure.empty() && !startInterrupted) {
         int waitMs = 100;
         if (seconds != 0) {
             const double left =
@@ -574,8 +665,8 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             storeBacklog();
             // Also what the readers wrote themselves reaches the system within one pass.
             writer->Flush(NowNs());
-        } catch (const mcap::Error& e) {
-            sink.failure = e.what();
+        } catch (const std::exception& e) {
+            sink.Fail(e.what());
         }
         const auto now = std::chrono::steady_clock::now();
         if (progress && now - lastProgress >= std::chrono::seconds(1)) {
@@ -585,13 +676,20 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     }
     // Readers stop first; what they took is written too, never dropped. A reader's thread
     // waiting for a slot's lock, or for room in a --tee slot, ends within the bound.
+    // After a failure each reader stops at its next block (released on its own thread); one
+    // stopped here first delivers what its slot still holds, lost then, and counted so.
     backlog.Stop();
     for (const auto& source : sources) {
+        if (!source->started) {
+            continue;
+        }
         // Not RunInterruptibly: the stop signal that ended the loop must not cut this short.
+        // A reader released on its own thread may still be ending: it is waited for as well.
         auto stoppedReader = std::make_shared<std::promise<void>>();
         std::future<void> readerStopped = stoppedReader->get_future();
         std::thread stopper([&source, stoppedReader] {
-            source->reader.reset();
+            source->StopReader();
+            source->gone.wait();
             stoppedReader->set_value();
         });
         if (readerStopped.wait_for(std::chrono::seconds(5)) == std::future_status::ready) {
@@ -622,20 +720,37 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         try {
             storeBacklog();
             writer->Close();
-        } catch (const mcap::Error& e) {
+        } catch (const std::exception& e) {
             failure = e.what();
         }
     }
     if (progress) {
         std::cerr << "\r\x1b[K";
     }
-    std::uint64_t gaps = 0, dropped = 0;
+    // Taken from a slot or pool and not written: dropped by a reader, or left in the backlog
+    // by a failure.
+    auto lostOf = [](const Source& source) { return source.dropped + source.queued; };
+    std::uint64_t gaps = 0, lost = 0;
     for (const auto& source : sources) {
         gaps += source->gaps;
-        dropped += source->dropped;
+        lost += lostOf(*source);
+    }
+    const bool startCut = startInterrupted || !startFailure.empty();
+    if (startCut && sink.total == 0 && lost == 0 && failure.empty()) {
+        // Nothing was taken: the recording did not start, and its file goes again.
+        abandon();
+        if (startInterrupted) {
+            LeaveNow(ExitInterrupted, "");
+        }
+        throw CommandError(ExitFailure, startFailure);
+    }
+    for (const auto& source : sources) {
         std::cerr << "slotctl: recorded " << Quote(source->name) << " (" << source->kind
                   << "): " << Plural(source->blocks, "block") << ", " << ByteText(source->bytes)
                   << ", " << Plural(source->gaps, "gap");
+        if (lostOf(*source) != 0) {
+            std::cerr << "; " << Plural(lostOf(*source), "block") << " lost (taken, not written)";
+        }
         if (source->tee) {
             const RetryingWriter& tee = *source->tee;
             std::cerr << "; passed " << tee.Stored() << " on to " << Quote(tee.Name());
@@ -648,7 +763,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         }
         std::cerr << std::endl;
     }
-    const bool keptUp = gaps == 0 && dropped == 0 && !backlog.HeldBack();
+    const bool keptUp = gaps == 0 && lost == 0 && !backlog.HeldBack() && failure.empty();
     std::cerr << "slotctl: wrote " << Plural(files.size(), "file") << ": "
               << Printable(files.front());
     if (files.size() > 1) {
@@ -657,7 +772,17 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     std::cerr << "; " << (keptUp ? "kept up" : "did not keep up")
               << (stopped ? "; interrupted" : "") << std::endl;
     if (!failure.empty()) {
+        if (!startFailure.empty()) {
+            std::cerr << "slotctl: " << Printable(startFailure) << std::endl;
+        }
         throw CommandError(ExitFailure, "record: " + failure);
+    }
+    if (!startFailure.empty()) {
+        throw CommandError(ExitFailure, startFailure);
+    }
+    if (startInterrupted) {
+        // A reader's making still waits for its slot's lock on a thread of its own.
+        LeaveNow(ExitInterrupted, "");
     }
     return ExitOk;
 }

@@ -156,13 +156,27 @@ Writer::Writer(const std::string& path, const Options& options) : path_(path), o
     if (fd_ < 0) {
         throw Error(SystemError("cannot create", path));
     }
-    out_.append(Magic, sizeof(Magic));
-    std::string header;
-    PutString(header, "");  // profile: none
-    PutString(header, options_.library);
-    Record(OpHeader, header);
-    dataCrc_ = Crc32(0, out_.data(), out_.size());
-    WriteOut();
+    try {
+        out_.append(Magic, sizeof(Magic));
+        std::string header;
+        PutString(header, "");  // profile: none
+        PutString(header, options_.library);
+        Record(OpHeader, header);
+        dataCrc_ = Crc32(0, out_.data(), out_.size());
+        WriteOut();
+    } catch (...) {
+        // No destructor runs for a constructor that throws: the file made here goes again
+        // (only while the name still leads to it).
+        struct stat made, named;
+        const bool ours = ::fstat(fd_, &made) == 0 && ::lstat(path.c_str(), &named) == 0 &&
+                          made.st_dev == named.st_dev && made.st_ino == named.st_ino;
+        ::close(fd_);
+        fd_ = -1;
+        if (ours) {
+            ::unlink(path.c_str());
+        }
+        throw;
+    }
 }
 
 Writer::~Writer() {
