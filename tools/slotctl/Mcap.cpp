@@ -473,7 +473,9 @@ void Writer::Close() {
     WriteOut();
     const int fd = fd_;
     fd_ = -1;
-    if (::close(fd) != 0) {
+    // On the disk before the recording says it is complete: a power cut after it keeps the file.
+    const bool synced = ::fdatasync(fd) == 0 || errno == EINVAL;  // EINVAL: cannot be synced
+    if (::close(fd) != 0 || !synced) {
         throw Error(SystemError("cannot write", path_));
     }
 }
