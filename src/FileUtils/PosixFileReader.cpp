@@ -93,7 +93,15 @@ PosixFileReader::PosixFileReader(const std::string& path, unsigned size,
         throw std::runtime_error("Cannot create wake-up pipe : " +
                                  std::string(std::strerror(error)));
     }
-    thread_ = boost::thread(boost::bind(&PosixFileReader::Run, this));
+    try {
+        thread_ = boost::thread(boost::bind(&PosixFileReader::Run, this));
+    } catch (...) {
+        // No thread (out of threads or memory): the destructor will not run, so nothing stays.
+        ::close(wakeFds_[0]);
+        ::close(wakeFds_[1]);
+        ::close(fd_);
+        throw;
+    }
 }
 
 PosixFileReader::~PosixFileReader() {
