@@ -545,17 +545,29 @@ void FSBase::RotateLocked() {
     CloseLocked();
     // Renamed inside the folder that was checked when the file was opened.
     const int dir = folder_.fd();
-    for (unsigned int i = maxFileIndex_; i > 0; --i) {
+    // Each older file moves up one index, the oldest over the last. A missing older file is not
+    // an error; one that cannot move stops the rotation, since the next move would overwrite it:
+    // the current file stays, full, and refuses blocks until a rotation succeeds.
+    bool moved = true;
+    for (unsigned int i = maxFileIndex_; i > 0 && moved; --i) {
         const std::string from = leaf_ + "." + std::to_string(i - 1);
         const std::string to = leaf_ + "." + std::to_string(i);
-        // A missing older file is not an error.
-        ::renameat(dir, from.c_str(), dir, to.c_str());
+        if (::renameat(dir, from.c_str(), dir, to.c_str()) != 0 && errno != ENOENT) {
+            moved = false;
+            if (logger_->isErrorEnabled()) {
+                LOG4CXX_ERROR(logger_, "Cannot rotate '" << current << "." << (i - 1)
+                                                         << "' : " << std::strerror(errno));
+            }
+        }
     }
     const std::string rotated = current + ".0";
-    if (::renameat(dir, leaf_.c_str(), dir, (leaf_ + ".0").c_str()) != 0 &&
-        logger_->isErrorEnabled()) {
-        LOG4CXX_ERROR(logger_, "Cannot rotate '" << current << "' : " << std::strerror(errno));
-    } else if (logger_->isDebugEnabled()) {
+    if (moved && ::renameat(dir, leaf_.c_str(), dir, (leaf_ + ".0").c_str()) != 0) {
+        moved = false;
+        if (logger_->isErrorEnabled()) {
+            LOG4CXX_ERROR(logger_, "Cannot rotate '" << current << "' : " << std::strerror(errno));
+        }
+    }
+    if (moved && logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "Rotated '" << current << "' to '" << rotated << "'");
     }
     try {

@@ -169,6 +169,21 @@ TEST(FStreamSubscriber, RotationKeepsTheNewestFilesUpToTheMaximumIndex) {
     EXPECT_NE(0, ::access((file + ".2").c_str(), F_OK));
     EXPECT_TRUE(log.Messages("WARN").empty());
     EXPECT_TRUE(log.Messages("ERROR").empty());
+
+    // An older file that cannot move up (a folder in the way) stops the rotation instead of
+    // being overwritten by the next move: the full current file refuses the block.
+    ASSERT_EQ(0, ::unlink((file + ".1").c_str()));
+    ASSERT_EQ(0, ::mkdir((file + ".1").c_str(), 0700));
+    Send(s, std::string(6, 'e'));
+    ::rmdir((file + ".1").c_str());
+    EXPECT_EQ("dddddd", ReadFile(file));
+    EXPECT_EQ("cccccc", ReadFile(file + ".0"));
+    EXPECT_EQ(
+        (std::vector<std::string>{"Cannot rotate '" + file + ".0' : " + std::strerror(EISDIR)}),
+        log.Messages("ERROR"));
+    EXPECT_EQ(1u, log.Count("WARN", "'" + file +
+                                        "' reached its maximum size of 10 bytes, block of 6 bytes "
+                                        "dropped"));
 }
 
 // A write that fails part way (here at the process's file size limit, EFBIG) leaves no part of
