@@ -2,6 +2,7 @@
 #include <FileUtils/FStreamSubscriber.h>
 
 #include <cstring>
+#include <limits>
 
 namespace FileUtils {
 
@@ -14,6 +15,15 @@ void FStreamSubscriber::onNotify(const std::string&, const void* data, size_t si
             return;
         }
         WriteBlock(static_cast<const char*>(data), size);
+        return;
+    }
+    // A format function takes a shared::SizedArray, whose size has 32 bits.
+    if (size > std::numeric_limits<unsigned int>::max()) {
+        if (logger_->isErrorEnabled()) {
+            LOG4CXX_ERROR(logger_, "Block of " << size
+                                               << " bytes is too large to be formatted for '"
+                                               << GetFileName() << "', dropped");
+        }
         return;
     }
     // The format function may change the array, so it gets a copy of the notified bytes.
