@@ -25,6 +25,7 @@
 
 #include <cxxabi.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -145,6 +146,66 @@ auto WithoutGil(F&& f) -> decltype(f()) {
         return std::move(*result);
     }
 }
+
+// A reader's close, for closers on other threads to wait for: close() must not return while the
+// first close still waits for the reader's thread, or while the callback that closed its own
+// reader still runs. Each member takes `mutex_` only briefly.
+class CloseProgress {
+public:
+    // The first close begins, with the GIL; `inCallback` when made in the reader's own callback,
+    // which then ends it when it returns (CallbackReturned).
+    void Begin(bool inCallback) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        running_ = true;
+        inCallback_ = inCallback;
+    }
+    // The first close has ended: the reader's thread is joined.
+    void End() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            running_ = false;
+            inCallback_ = false;
+        }
+        done_.notify_all();
+    }
+    // On the reader's thread after each callback: ends a close made inside it.
+    void CallbackReturned() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!inCallback_) {
+                return;
+            }
+            running_ = false;
+            inCallback_ = false;
+        }
+        done_.notify_all();
+    }
+    // Another closer, with the GIL: waits until the first close has ended, the GIL released
+    // (the reader's callback may need it to finish).
+    void Wait() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!running_) {
+                return;
+            }
+        }
+        WithoutGil([&] {
+            std::unique_lock<std::mutex> lock(mutex_);
+            done_.wait(lock, [&] { return !running_; });
+        });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable done_;
+    bool running_ = false;     // guarded by mutex_
+    bool inCallback_ = false;  // guarded by mutex_
+};
+
+// The deadline of a `timeout` argument in seconds: none (no limit) for None, infinity and
+// anything beyond NoLimitSeconds; ValueError for NaN and negative values.
+constexpr double NoLimitSeconds = 1e9;  // about 31 years; steady_clock counts 292 in nanoseconds
+std::optional<std::chrono::steady_clock::time_point> Deadline(const py::object& timeout);
 
 // Hands the bytes of `data` (any C-contiguous buffer) to a slot's or a pool's writer as one
 // block, with the GIL released, and returns the write's outcome (read on this thread right after

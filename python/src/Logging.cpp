@@ -292,14 +292,19 @@ void StopForwarding() {
     }
 }
 
-// Waits until every record queued so far has been handed to Python (at most `seconds`).
-bool FlushForwarding(double seconds) {
+// Waits until every record queued so far has been handed to Python (at most `timeout` seconds,
+// as Deadline reads it).
+bool FlushForwarding(const py::object& timeout) {
+    const std::optional<std::chrono::steady_clock::time_point> deadline = Deadline(timeout);
     LogPump& pump = Pump();
     return WithoutGil([&] {
         std::unique_lock<std::mutex> lock(pump.mutex);
-        return pump.wake.wait_for(lock, std::chrono::duration<double>(seconds), [&] {
-            return (pump.records.empty() && !pump.busy) || pump.stopped;
-        });
+        auto flushed = [&] { return (pump.records.empty() && !pump.busy) || pump.stopped; };
+        if (!deadline) {
+            pump.wake.wait(lock, flushed);
+            return true;
+        }
+        return pump.wake.wait_until(lock, *deadline, flushed);
     });
 }
 
@@ -340,7 +345,7 @@ void BindLogging(py::module_& m) {
           "configured by the host.");
     m.def("_stop_log_forwarding", &StopForwarding,
           "Interpreter exit: delivers the queued records and stops forwarding.");
-    m.def("_flush_log", &FlushForwarding, py::arg("timeout") = 10.0,
+    m.def("_flush_log", &FlushForwarding, py::arg("timeout") = py::float_(10.0),
           "Waits until the records queued so far reached Python; False after ``timeout``.");
 }
 

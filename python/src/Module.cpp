@@ -161,6 +161,25 @@ void KeepInheritedReader(INotifierPtr reader) {
     inherited->push_back(std::move(reader));
 }
 
+std::optional<std::chrono::steady_clock::time_point> Deadline(const py::object& timeout) {
+    if (timeout.is_none()) {
+        return std::nullopt;
+    }
+    const double seconds = timeout.cast<double>();
+    if (std::isnan(seconds)) {
+        throw py::value_error("timeout must be a number, not NaN");
+    }
+    if (seconds < 0) {
+        throw py::value_error("timeout must not be negative");
+    }
+    if (seconds > NoLimitSeconds) {  // also infinity; converting it would overflow
+        return std::nullopt;
+    }
+    return std::chrono::steady_clock::now() +
+           std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+               std::chrono::duration<double>(seconds));
+}
+
 void RestoreGil(PyThreadState* state) {
     if (!EnterGate()) {
         ParkForGood();

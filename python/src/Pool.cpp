@@ -140,22 +140,58 @@ py::object Outcome(Slot::WriteOutcome outcome) {
     return py::module_::import("libslot").attr("WriteOutcome")(Slot::ToString(outcome));
 }
 
+class Loan;
+class Hold;
+// Loans and holds alive in this process, to be let go in a forked child (LeaveInheritedBlocks).
+// Guarded by the GIL.
+std::set<Loan*> liveLoans;
+std::set<Hold*> liveHolds;
+
+const char* const loanForkedText =
+    "the loan was made before os.fork(): its block is the parent's, a child loans its own";
+const char* const holdForkedText =
+    "the hold was made before os.fork(): its block is the parent's, which may have returned it";
+
 // A loaned block. Published or returned once; its view is released then.
 class Loan {
 public:
-    Loan(Slot::PoolLoan loan, size_t size) : loan_(std::move(loan)), size_(size) {
+    Loan(Slot::PoolLoan loan, size_t size)
+        : loan_(std::move(loan)), size_(size), generation_(ForkGeneration()) {
         if (loan_) {
             view_ = MakeView(loan_.data(), size_, true);
         }
+        liveLoans.insert(this);
     }
     // An unpublished block returns to the pool, or stays loaned while a slice of its view lives.
     ~Loan() {
-        if (view_ && !ReleaseView(view_)) {
+        liveLoans.erase(this);
+        if (view_ && !Inherited() && !ReleaseView(view_)) {
             view_.KeepFor(std::make_shared<Slot::PoolLoan>(std::move(loan_)));
         }
     }
 
-    py::object View() const {
+    // In a forked child the loaned block stays the parent's, which may publish it: the view is
+    // released (no new one is made from it) and the loan ends without touching the pool (the
+    // library leaves an inherited loan's block alone). True for such a loan.
+    bool Inherited() {
+        if (!inherited_ && generation_ != ForkGeneration()) {
+            inherited_ = true;
+            ended_ = true;
+            if (view_) {
+                // Slices made before the fork cannot be revoked; they keep the mapping.
+                if (!ReleaseView(view_)) {
+                    view_.KeepFor(std::make_shared<Slot::PoolLoan>(std::move(loan_)));
+                }
+                view_ = {};
+            }
+        }
+        return inherited_;
+    }
+
+    py::object View() {
+        if (Inherited()) {
+            throw SlotError(loanForkedText);
+        }
         if (!view_) {
             throw SlotError(ended_ ? "the loan has ended" : "the pool had no block for this loan");
         }
@@ -163,6 +199,9 @@ public:
     }
 
     py::object Publish(const py::object& size) {
+        if (Inherited()) {
+            throw SlotError(loanForkedText);
+        }
         if (ended_) {
             throw SlotError("the loan has ended");
         }
@@ -181,9 +220,9 @@ public:
         return Outcome(outcome);
     }
 
-    // Returns the block to the pool unpublished. Idempotent.
+    // Returns the block to the pool unpublished. Idempotent; nothing in a forked child.
     void Release() {
-        if (ended_) {
+        if (Inherited() || ended_) {
             return;
         }
         if (!view_) {
@@ -194,7 +233,7 @@ public:
         WithoutGil([&] { loan = Slot::PoolLoan(); });
     }
 
-    bool Valid() const { return static_cast<bool>(view_); }
+    bool Valid() { return !Inherited() && static_cast<bool>(view_); }
     size_t Size() const { return size_; }
     uint64_t Sequence() const { return sequence_; }
     py::object LoanOutcome() const { return Outcome(loan_.outcome()); }
@@ -218,6 +257,8 @@ private:
     ::slotpy::View view_;  // empty for an empty or ended loan
     bool ended_ = false;
     uint64_t sequence_ = 0;
+    unsigned generation_;
+    bool inherited_ = false;
 };
 
 class PoolWriterHandle {
@@ -272,12 +313,35 @@ class Hold {
 public:
     explicit Hold(const Slot::PoolBlock& block)
         : block_(std::make_shared<Slot::PoolBlock>(block)),
-          view_(MakeView(const_cast<void*>(block.data()), block.size(), false)) {}
-    ~Hold() { Close(); }
+          view_(MakeView(const_cast<void*>(block.data()), block.size(), false)),
+          generation_(ForkGeneration()) {
+        liveHolds.insert(this);
+    }
+    ~Hold() {
+        liveHolds.erase(this);
+        Close();
+    }
+
+    // In a forked child the block is the parent's, which may return it to the pool and see it
+    // written again: the view is released (no new one is made from it) and the hold is closed;
+    // the library leaves an inherited hold's block alone. True for such a hold.
+    bool Inherited() {
+        if (!inherited_ && generation_ != ForkGeneration()) {
+            inherited_ = true;
+            if (view_) {
+                // Slices made before the fork cannot be revoked; they keep the mapping.
+                if (!ReleaseView(view_)) {
+                    view_.KeepFor(block_);
+                }
+                view_ = {};
+            }
+        }
+        return inherited_;
+    }
 
     // Lets the block go, or leaves it to the slices and arrays made from the view that live on.
     void Close() {
-        if (!view_) {
+        if (Inherited() || !view_) {
             return;
         }
         if (!ReleaseView(view_)) {
@@ -287,20 +351,37 @@ public:
         block_.reset();
     }
 
-    py::object View() const {
+    py::object View() {
+        if (Inherited()) {
+            throw SlotError(holdForkedText);
+        }
         if (!view_) {
             throw SlotError("the hold is closed");
         }
         return view_.view;
     }
-    bool Closed() const { return !view_; }
+    bool Closed() { return Inherited() || !view_; }
     uint64_t Sequence() const { return block_ ? block_->sequence() : 0; }
     size_t Size() const { return block_ ? block_->size() : 0; }
 
 private:
     std::shared_ptr<Slot::PoolBlock> block_;
     ::slotpy::View view_;
+    unsigned generation_;
+    bool inherited_ = false;
 };
+
+// After os.fork(), in the child: every loan and hold made before it lets its view go at once,
+// so that views taken from them before the fork raise ValueError rather than show or change a
+// block the parent may hand out again.
+void LeaveInheritedBlocks() {
+    for (Loan* loan : liveLoans) {
+        loan->Inherited();
+    }
+    for (Hold* hold : liveHolds) {
+        hold->Inherited();
+    }
+}
 
 // Calls the Python callback with a view of each delivered block, on the reader's thread.
 class PoolSink final : public shared::ISubscriber {
@@ -323,6 +404,7 @@ public:
             Deliver(callback, data, size);
             current = outer;
             Py_DECREF(callback);
+            progress_.CallbackReturned();
         }
     }
 
@@ -334,6 +416,9 @@ public:
     }
 
     bool OnOwnThread() const { return current == this; }
+
+    // The reader's close, for other closers to wait for.
+    CloseProgress& Progress() { return progress_; }
 
 private:
     static void Deliver(PyObject* callback, const void* data, size_t size) {
@@ -360,6 +445,7 @@ private:
     static thread_local PoolSink* current;
     PyObject* callback_;  // guarded by the GIL
     std::atomic<bool> closing_{false};
+    CloseProgress progress_;
 };
 
 thread_local PoolSink* PoolSink::current = nullptr;
@@ -375,33 +461,53 @@ public:
             throw py::type_error("callback must be callable");
         }
         sink_.reset(new PoolSink(callback.ptr()));
-        reader_ = WithoutGil([&] {
-            return CallLibrary([&] { return Slot::PoolFactory::CreatePoolReader(config, sink_); });
-        });
+        try {
+            reader_ = WithoutGil([&] {
+                return CallLibrary(
+                    [&] { return Slot::PoolFactory::CreatePoolReader(config, sink_); });
+            });
+        } catch (const std::exception&) {
+            sink_->Close();  // drops the callback, which the sink's destructor would leak
+            throw;
+        }
         generation_ = ForkGeneration();
         openPoolReaders.insert(this);
     }
     ~PoolReaderHandle() { Close(); }
 
     // As Reader::Close: no callback starts after it returns; from the reader's own callback it
-    // returns at once and the library ends the reader once the callback has returned.
+    // returns at once and the library ends the reader once the callback has returned; a close
+    // while another thread's close is under way waits for that one.
     void Close() {
         openPoolReaders.erase(this);
+        const bool inherited = generation_ != ForkGeneration();
         if (!reader_) {
+            if (!inherited && !sink_->OnOwnThread()) {
+                sink_->Progress().Wait();
+            }
             return;
         }
         INotifierPtr reader;
         reader.swap(reader_);
         sink_->Close();
-        if (generation_ != ForkGeneration()) {
+        if (inherited) {
             KeepInheritedReader(std::move(reader));  // its thread is in the parent
             return;
         }
-        if (sink_->OnOwnThread() || ShuttingDown()) {
+        if (sink_->OnOwnThread()) {
+            sink_->Progress().Begin(true);  // ends when this callback returns
             reader.reset();
             return;
         }
-        WithoutGil([&] { reader.reset(); });
+        if (ShuttingDown()) {
+            reader.reset();
+            return;
+        }
+        sink_->Progress().Begin(false);
+        WithoutGil([&] {
+            reader.reset();
+            sink_->Progress().End();
+        });
     }
 
     std::unique_ptr<Hold> HoldBlock() {
@@ -437,6 +543,8 @@ void BindPool(py::module_& m) {
     if (PyType_Ready(&blockBufferType) != 0) {
         throw py::error_already_set();
     }
+    py::module_::import("os").attr("register_at_fork")(py::arg("after_in_child") =
+                                                           py::cpp_function(&LeaveInheritedBlocks));
 
     py::class_<Slot::PoolConfig>(m, "PoolConfig", R"doc(
 A pool's description: name, kind, block size in bytes and number of blocks.

@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <set>
 
 namespace slotpy {
@@ -64,18 +63,15 @@ public:
             }
             current = outer;
             Py_DECREF(callback);
+            progress_.CallbackReturned();
         }
     }
 
-    // Next block; waits at most `seconds` (negative: no limit), in slices so that signals
-    // (Ctrl-C) are seen. Called with the GIL.
-    py::bytes Get(double seconds) {
+    // Next block; waits until `until` (none: no limit), in slices so that signals (Ctrl-C) are
+    // seen. Called with the GIL.
+    py::bytes Get(std::optional<std::chrono::steady_clock::time_point> until) {
         using Clock = std::chrono::steady_clock;
-        const bool forever = seconds < 0 || std::isinf(seconds);
-        const Clock::time_point deadline =
-            forever ? Clock::time_point::max()
-                    : Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                         std::chrono::duration<double>(seconds));
+        const Clock::time_point deadline = until ? *until : Clock::time_point::max();
         for (;;) {
             std::string block;
             bool got = false;
@@ -98,14 +94,14 @@ public:
                                 ("no block from '" + name_ + "' in time").c_str());
                 throw py::error_already_set();
             }
-            Clock::time_point until = now + std::chrono::milliseconds(50);
-            if (until > deadline) {
-                until = deadline;
+            Clock::time_point slice = now + std::chrono::milliseconds(50);
+            if (slice > deadline) {
+                slice = deadline;
             }
             PyThreadState* thread = PyEval_SaveThread();
             {
                 std::unique_lock<std::mutex> lock(mutex_);
-                arrived_.wait_until(lock, until, [&] { return !blocks_.empty() || closed_; });
+                arrived_.wait_until(lock, slice, [&] { return !blocks_.empty() || closed_; });
             }
             RestoreGil(thread);
             if (PyErr_CheckSignals() != 0) {
@@ -141,6 +137,9 @@ public:
     // True on this sink's reader thread, inside its callback.
     bool OnOwnThread() const { return current == this; }
 
+    // The reader's close, for other closers to wait for.
+    CloseProgress& Progress() { return progress_; }
+
     void SetName(const std::string& name) { name_ = name; }
 
 private:
@@ -157,6 +156,7 @@ private:
     const bool hasCallback_ = callback_ != nullptr;
     std::atomic<bool> closing_{false};
     std::string name_;
+    CloseProgress progress_;
 
     std::mutex mutex_;
     std::condition_variable arrived_;
@@ -174,16 +174,20 @@ std::set<Reader*> openReaders;  // guarded by the GIL
 class Reader {
 public:
     Reader(const SlotConfig& cfg, const py::object& callback)
-        : name_(cfg.GetName()),
-          type_(cfg.GetSlotType()),
-          sink_(new ReaderSink(callback.is_none() ? nullptr : callback.ptr())) {
+        : name_(cfg.GetName()), type_(cfg.GetSlotType()) {
         if (!callback.is_none() && !PyCallable_Check(callback.ptr())) {
             throw py::type_error("callback must be callable or None");
         }
+        sink_.reset(new ReaderSink(callback.is_none() ? nullptr : callback.ptr()));
         sink_->SetName(name_);
-        reader_ = WithoutGil([&] {
-            return CallLibrary([&] { return SlotFactory::CreateSlotReader(&cfg, sink_); });
-        });
+        try {
+            reader_ = WithoutGil([&] {
+                return CallLibrary([&] { return SlotFactory::CreateSlotReader(&cfg, sink_); });
+            });
+        } catch (const std::exception&) {
+            sink_->Close();  // drops the callback: the sink's destructor would leak it
+            throw;
+        }
         generation_ = ForkGeneration();
         openReaders.insert(this);
     }
@@ -193,10 +197,15 @@ public:
     // Stops the reader: no callback starts after this returns (except one already running on
     // another thread, which ends first: the reader's thread is joined). From inside the
     // reader's own callback it returns at once and the reader is destroyed when the callback
-    // has returned.
+    // has returned. A close while another thread's close is still under way waits for that one.
     void Close() {
         openReaders.erase(this);
         if (!reader_) {
+            // Not on the reader's own thread: the first close may be joining it. Not in a forked
+            // child: that close is the parent's.
+            if (!Inherited() && !sink_->OnOwnThread()) {
+                sink_->Progress().Wait();
+            }
             return;
         }
         INotifierPtr reader;
@@ -208,6 +217,7 @@ public:
         }
         sink_->Close();
         if (sink_->OnOwnThread()) {
+            sink_->Progress().Begin(true);  // ends when this callback returns
             reader.reset();  // the library destroys it once this notification returns
             return;
         }
@@ -217,20 +227,21 @@ public:
             return;
         }
         // Joining the reader's thread waits for a callback that may wait for the GIL.
-        WithoutGil([&] { reader.reset(); });
+        sink_->Progress().Begin(false);
+        WithoutGil([&] {
+            reader.reset();
+            sink_->Progress().End();
+        });
     }
 
     py::bytes Get(const py::object& timeout) {
-        double seconds = timeout.is_none() ? -1.0 : timeout.cast<double>();
-        if (!timeout.is_none() && seconds < 0) {
-            throw py::value_error("timeout must not be negative");
-        }
+        const std::optional<std::chrono::steady_clock::time_point> deadline = Deadline(timeout);
         if (Inherited()) {
             Close();
             throw ReaderClosed("reader of '" + name_ +
                                "' was opened before os.fork(): a child opens its own");
         }
-        return sink_->Get(seconds);
+        return sink_->Get(deadline);
     }
 
     // An inherited reader is closed: nothing ever arrives, and what its sink held at the fork

@@ -216,3 +216,55 @@ print(bytes(kept[0].view).decode(), flush=True)
     a, b = names("a"), names("b")
     child = run_python(code, a, b)
     assert (child.returncode, child.stdout, child.stderr) == (0, b"x\n", b"")
+
+
+def test_a_forked_child_lets_inherited_holds_and_loans_go(name):
+    # The child's copies of the parent's hold and loan are the parent's blocks, which the parent
+    # may return, publish and see handed out again: the child can neither see nor change them.
+    # Checked in a child interpreter, which forks in turn.
+    code = r"""
+import gc, os, queue, sys
+import libslot
+name = sys.argv[1]
+holds = queue.Queue()
+writer = libslot.PoolWriter(name, kind="queue", block_size=16, blocks=2)
+reader = libslot.PoolReader(name, lambda view: holds.put(reader.hold()), kind="queue")
+writer.write(b"held")
+hold = holds.get(timeout=60)
+view = hold.view
+loan = writer.loan(4)
+loan_view = loan.view
+loan_view[:] = b"lent"
+pid = os.fork()
+if pid == 0:
+    failures = []
+    def expect(error, text, action):
+        try:
+            action()
+            failures.append(f"no {error.__name__} for {text}")
+        except error as e:
+            if text not in str(e):
+                failures.append(repr(e))
+    expect(ValueError, "released", lambda: view[0])
+    expect(ValueError, "released", lambda: loan_view[0])
+    expect(libslot.SlotError, "the hold was made before os.fork()", lambda: hold.view)
+    expect(libslot.SlotError, "the loan was made before os.fork()", lambda: loan.view)
+    expect(libslot.SlotError, "the loan was made before os.fork()", loan.publish)
+    if not hold.closed or loan:
+        failures.append("still open")
+    hold.close()
+    loan.release()
+    del hold, loan, view, loan_view
+    gc.collect()
+    sys.stderr.write("".join(f"{f}\n" for f in failures))
+    sys.exit(1 if failures else 0)   # a normal exit: the exit hooks run
+_, status = os.waitpid(pid, 0)
+assert status == 0, status
+# The parent's hold and loan are untouched by the child.
+assert bytes(view) == b"held" and bytes(hold.view) == b"held"
+del loan_view
+assert loan.publish() is libslot.WriteOutcome.STORED
+print(libslot.write_counts(name).stored, flush=True)
+"""
+    child = run_python(code, name)
+    assert (child.returncode, child.stdout, child.stderr) == (0, b"2\n", b"")

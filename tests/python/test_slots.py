@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Blocks, write outcomes, errors, SimpleSlot and the survey, within one process."""
 
+import gc
 import os
+import sys
 
 import pytest
 
@@ -87,6 +89,33 @@ def test_errors_carry_the_library_texts(name):
     assert "does not fit 32 bits" in str(e.value)
     with pytest.raises(TypeError):
         libslot.Reader(name, callback=42)
+
+
+def test_refused_readers_let_their_callback_go(names):
+    """A reader or pool reader that cannot be opened keeps no reference to its callback."""
+    slot, pool = names("slot"), names("pool")
+
+    def callback(block):
+        pass
+
+    not_callable = object()
+    before = sys.getrefcount(callback), sys.getrefcount(not_callable)
+    with libslot.Reader(slot, type="reliable"), libslot.PoolReader(pool, print, kind="queue"):
+        for _ in range(20):
+            for make in (lambda: libslot.Reader(slot, callback, type="reliable"),
+                         lambda: libslot.PoolReader(pool, callback, kind="queue")):
+                try:
+                    make()
+                except libslot.SlotCreationError:
+                    pass
+                else:
+                    pytest.fail("a second reader was opened")
+            try:
+                libslot.Reader(slot, not_callable)
+            except TypeError:
+                pass
+    gc.collect()
+    assert (sys.getrefcount(callback), sys.getrefcount(not_callable)) == before
 
 
 def test_factory_operations(name):

@@ -115,6 +115,49 @@ def test_close_from_another_thread_waits_for_a_running_callback(name):
     assert finished == [b"x"]
 
 
+def open_reader_and_writer(kind, name, callback):
+    if kind == "slot":
+        return (libslot.Reader(name, callback, type="reliable"),
+                libslot.Writer(name, type="reliable"))
+    return (libslot.PoolReader(name, callback, kind="queue", block_size=64, blocks=2),
+            libslot.PoolWriter(name, kind="queue", block_size=64, blocks=2))
+
+
+@pytest.mark.parametrize("kind", ["slot", "pool"])
+@pytest.mark.parametrize("first", ["another thread", "the callback"])
+def test_no_close_returns_while_the_callback_runs(name, kind, first):
+    # Every close() after the first, on any thread but the reader's own, waits for the first to
+    # end: for the join of the reader's thread, or for the callback that closed its reader.
+    inside, release = threading.Event(), threading.Event()
+    finished, seen_by_closers = [], []
+
+    def callback(block):
+        if first == "the callback":
+            reader.close()  # returns at once; the callback goes on
+        inside.set()
+        release.wait(WAIT)
+        finished.append(bytes(block))
+
+    def close():
+        reader.close()
+        seen_by_closers.append(len(finished))
+
+    reader, writer = open_reader_and_writer(kind, name, callback)
+    with writer:
+        writer.write(b"x")
+        assert inside.wait(WAIT)
+        closers = [threading.Thread(target=close) for _ in range(2)]
+        for closer in closers:
+            closer.start()
+            time.sleep(0.2)  # lets it reach close(); when it comes later it proves nothing
+        release.set()
+        for closer in closers:
+            closer.join(WAIT)
+            assert not closer.is_alive()
+    assert finished == [b"x"] and seen_by_closers == [1, 1]
+    assert reader.closed
+
+
 def test_callback_exceptions_are_reported_and_the_reader_goes_on(name, monkeypatch):
     reported = []
     monkeypatch.setattr(sys, "unraisablehook", lambda u: reported.append(u.exc_value))
@@ -177,8 +220,20 @@ def test_get_times_out_and_close_ends_a_waiting_iteration(name):
     with libslot.Reader(name, type="reliable") as reader:
         with pytest.raises(TimeoutError):
             reader.get(timeout=0.05)
-        with pytest.raises(ValueError):
+        with pytest.raises(ValueError, match="negative"):
             reader.get(timeout=-1)
+        with pytest.raises(ValueError, match="NaN"):
+            reader.get(timeout=float("nan"))
+        # Beyond the clock's range means no limit: the block ends the wait, not a TimeoutError.
+        with libslot.Writer(name, type="reliable") as writer:
+            for timeout in (1e10, 1e300, float("inf")):
+                late = threading.Timer(0.2, writer.write, (b"%r" % timeout,))
+                late.start()
+                assert reader.get(timeout=timeout) == b"%r" % timeout
+                late.join()
+        assert libslot._native._flush_log(1e10)
+        with pytest.raises(ValueError, match="NaN"):
+            libslot._native._flush_log(float("nan"))
         got = []
         arrived = threading.Condition()
 
