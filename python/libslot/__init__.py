@@ -191,8 +191,10 @@ class Reader(_native.Reader):
     process until taken with get() or by iterating (``for block in reader``), which ends once
     the reader is closed and drained.
 
-    The reader's thread runs once the constructor returns. A reliable slot has one reader on
-    the machine (SlotCreationError for a second); this reader gets also the blocks that waited
+    The reader's thread starts inside the constructor: the callback may run before the
+    constructor has returned (with blocks that waited in a reliable slot), so it must not rely
+    on the name the reader is about to be bound to. A reliable slot has one reader on the
+    machine (SlotCreationError for a second); this reader gets also the blocks that waited
     before it started. A discarding reader gets only blocks not older than the update time.
     close() (or leaving the ``with`` block) stops it promptly: no callback runs after it
     returns, also when it is called from inside the reader's own callback.
@@ -203,13 +205,16 @@ class Reader(_native.Reader):
         super().__init__(_config(config, **options), callback)
 
     def get(self, timeout: Optional[float] = None) -> bytes:
-        """Next block. Waits at most ``timeout`` seconds (None: no limit) and raises
-        TimeoutError then; raises ReaderClosedError once the reader is closed and no block is
-        left. The GIL is released while waiting; Ctrl-C raises KeyboardInterrupt."""
+        """Next block. Waits at most ``timeout`` seconds (None, infinity or more than 1e9: no
+        limit; ValueError for a negative timeout or NaN) and raises TimeoutError then; raises
+        ReaderClosedError once the reader is closed and no block is left. The GIL is released
+        while waiting; Ctrl-C raises KeyboardInterrupt."""
         return super().get(timeout)
 
     def close(self) -> None:
-        """Stops the reader. Blocks already received can still be taken with get(). Idempotent."""
+        """Stops the reader. Blocks already received can still be taken with get(). Idempotent:
+        a close while another thread's close is under way waits for that one to end (except
+        inside the reader's own callback, where it returns at once)."""
         super().close()
 
     def __iter__(self) -> Iterator[bytes]:
@@ -298,9 +303,11 @@ class PoolReader(_native.PoolReader):
     keeps the block too, until it is dropped. An exception the callback raises is reported
     through ``sys.unraisablehook`` and the reader goes on.
 
-    A "queue" pool has one reader on the machine (SlotCreationError for a second); it gets also
-    the blocks that waited before it started. A "latest" reader delivers each new latest block
-    once. close() (or leaving the ``with`` block) stops it: no callback runs after it returns.
+    The reader's thread starts inside the constructor: the callback may run before the
+    constructor has returned. A "queue" pool has one reader on the machine (SlotCreationError
+    for a second); it gets also the blocks that waited before it started. A "latest" reader
+    delivers each new latest block once. close() (or leaving the ``with`` block) stops it: no
+    callback runs after it returns.
     """
 
     def __init__(self, config: PoolConfigLike, callback: Callable[[memoryview], object],
@@ -314,7 +321,8 @@ class PoolReader(_native.PoolReader):
         return super().hold()
 
     def close(self) -> None:
-        """Stops the reader. Idempotent."""
+        """Stops the reader. Idempotent: a close while another thread's close is under way waits
+        for that one to end (except inside the reader's own callback)."""
         super().close()
 
     def __enter__(self) -> "PoolReader":
