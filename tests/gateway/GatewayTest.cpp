@@ -14,6 +14,7 @@
 
 #include <Collector.h>
 #include <Eventually.h>
+#include <LogCapture.h>
 #include <ShmHygiene.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
@@ -409,6 +410,74 @@ TEST(Gateway, ReliableBlockInHandGoesBackToTheHeadOfTheSlot) {
         BlockInHandGoesBack("gw_back", [](const Link&, Gateway&, Gateway&) {});
     EXPECT_EQ(counters.dropped, 0u);
 }
+
+// The sending gateway stops while the receiving gateway has its block but cannot store it (its
+// slot stays full): the block was not stored, so it is not counted as forwarded. A slot's block
+// goes back to the head of the source slot, and the receiving gateway, stopped with its slot
+// still full, leaves it to its sender: it arrives once both gateways run again and the
+// destination is read. A pool cannot take a block back: it is counted as dropped and logged.
+class GatewayStopsBeforeTheBlockIsStored : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(GatewayStopsBeforeTheBlockIsStored, BlockGoesBackOrIsCountedDropped) {
+    const bool pool = GetParam() == "queue";
+    testsupport::ScopedSlotName slotSource("gw_unstored_src"), slotDestination("gw_unstored_dst");
+    pooltest::ScopedPool poolSource("gw_unstored_psrc"), poolDestination("gw_unstored_pdst");
+    const std::string source = pool ? poolSource.str() : slotSource.str();
+    const std::string destination = pool ? poolDestination.str() : slotDestination.str();
+    const Link link = MakeLink(source, destination, GetParam(), 512, 8, 1);
+    const RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    ISubscriberPtr writer = pool ? Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.out))
+                                 : SlotFactory::CreateSlotWriter(&sourceCfg);
+    ISubscriberPtr occupier = pool ? Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.in))
+                                   : SlotFactory::CreateSlotWriter(&destinationCfg);
+    const Bytes occupant = {'o', 'l', 'd'};
+    WriteHeld(occupier, destination, occupant);  // the destination's one place is taken
+    Config sendingConfig = OneRoute(link.out), receivingConfig = OneRoute(link.in);
+    sendingConfig.stopGraceMs = 500;
+    receivingConfig.stopGraceMs = 200;
+    testsupport::LogCapture log("SlotGateway");
+
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    std::unique_ptr<Gateway> sending(new Gateway(sendingConfig));
+    WriteHeld(writer, source, NumberedBlock(0, 512));
+    ASSERT_TRUE(Eventually([&] { return receiving->Status()[0].counters.refused >= 1; },
+                           std::chrono::seconds(30)))
+        << receiving->StatusJson();
+    sending->Stop();
+    const RouteCounters sent = sending->Status()[0].counters;
+    EXPECT_EQ(sent.forwarded, 0u);
+    sending.reset();
+    receiving->Stop();
+    EXPECT_EQ(receiving->Status()[0].counters.received, 0u);
+    EXPECT_EQ(receiving->Status()[0].counters.dropped, 0u);
+    receiving.reset();
+    if (pool) {
+        EXPECT_EQ(sent.dropped, 1u);
+        EXPECT_EQ(log.Count("ERROR", "Block 1 of pool '" + source +
+                                         "' dropped: no receiver stored it while the gateway "
+                                         "stopped"),
+                  1u);
+        return;
+    }
+    EXPECT_EQ(sent.dropped, 0u);
+    EXPECT_EQ(log.Count("WARN", "No receiver stored block 1 of slot '" + source +
+                                    "' while stopping: put back at the head of the slot"),
+              1u);
+    EXPECT_EQ(SlotFactory::CreateSlot(&sourceCfg)->GetBufferLength(), 1u);
+
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
+    Gateway receivingAgain(receivingConfig);
+    Gateway sendingAgain(sendingConfig);
+    ASSERT_TRUE(collector->WaitFor(2, std::chrono::seconds(30)))
+        << receivingAgain.StatusJson() << sendingAgain.StatusJson();
+    EXPECT_EQ(BlocksOf(*collector), (std::vector<Bytes>{occupant, NumberedBlock(0, 512)}));
+    EXPECT_TRUE(Eventually([&] { return sendingAgain.Status()[0].counters.forwarded == 1; },
+                           std::chrono::seconds(20)));
+}
+
+INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayStopsBeforeTheBlockIsStored,
+                         ::testing::Values("reliable", "queue"));
 
 // A discarding slot's states cross, an empty one too (it has a write time, unlike no state);
 // the reliable slot's empty blocks are in the numbered run above.
