@@ -19,6 +19,7 @@
 #include <functional>
 #include <iterator>
 #include <map>
+#include <mutex>
 #include <stdexcept>
 
 namespace SlotGateway {
@@ -115,21 +116,25 @@ void ReliableSender::Run() {
 
 namespace {
 
+// The pool reader's subscriber; `gone` runs when the reader drops it, as it ends.
 class PoolBlockSender : public shared::ISubscriber {
 public:
-    explicit PoolBlockSender(std::function<void(const void*, std::size_t)> send)
-        : send_(std::move(send)) {}
+    PoolBlockSender(std::function<void(const void*, std::size_t)> send, std::function<void()> gone)
+        : send_(std::move(send)), gone_(std::move(gone)) {}
+    ~PoolBlockSender() override { gone_(); }
     void onNotify(const std::string&, const void* data, size_t size) override { send_(data, size); }
 
 private:
     std::function<void(const void*, std::size_t)> send_;
+    std::function<void()> gone_;
 };
 
 }  // namespace
 
 void ReliableSender::RunPool() {
+    bool started = false;
     while (!stop_.set) {
-        if (!poolReader_) {
+        if (!started) {
             // The reader starts only while a receiving gateway is matched; once started, a block
             // waits in its callback for a receiver.
             if (ReceivingGateways().empty()) {
@@ -137,11 +142,22 @@ void ReliableSender::RunPool() {
                 continue;
             }
             try {
-                poolReader_ = Slot::PoolFactory::CreatePoolReader(
+                {
+                    std::lock_guard<std::mutex> guard(poolMutex_);
+                    poolReaderGone_ = false;
+                }
+                INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(
                     RoutePoolCfg(route_),
-                    ISubscriberPtr(new PoolBlockSender([this](const void* data, std::size_t size) {
-                        SendPoolBlock(data, size);
-                    })));
+                    ISubscriberPtr(new PoolBlockSender(
+                        [this](const void* data, std::size_t size) { SendPoolBlock(data, size); },
+                        [this] {
+                            std::lock_guard<std::mutex> guard(poolMutex_);
+                            poolReaderGone_ = true;
+                            poolGone_.notify_all();
+                        })));
+                std::lock_guard<std::mutex> guard(poolMutex_);
+                poolReader_ = reader;
+                started = true;
             } catch (const std::exception& e) {
                 const Clock::time_point now = Clock::now();
                 if (now - lastClaimError_ > std::chrono::seconds(30)) {
@@ -161,7 +177,18 @@ void ReliableSender::RunPool() {
         }
         stop_.WaitFor(kPoll * 5);
     }
-    poolReader_.reset();  // joins its thread: the block in hand is delivered within the grace
+    if (started) {
+        // Unless the reader's thread let it go itself (SendPoolBlock), the last reference: stops
+        // the reader and joins its thread; the block in hand is delivered within the grace.
+        INotifierPtr reader;
+        {
+            std::lock_guard<std::mutex> guard(poolMutex_);
+            reader.swap(poolReader_);
+        }
+        reader.reset();
+        std::unique_lock<std::mutex> lock(poolMutex_);
+        poolGone_.wait(lock, [this] { return poolReaderGone_; });
+    }
     claimed_ = false;
 }
 
@@ -172,6 +199,17 @@ void ReliableSender::SendPoolBlock(const void* data, std::size_t size) {
         LOG4CXX_ERROR(Logger(), "Block " << heldSerial_ << " of pool '" << route_.name
                                          << "' dropped: no receiver stored it while the gateway "
                                             "stopped");
+    }
+    if (stop_.set) {
+        // Dropped here, on its own thread, the reader takes no further block once this call
+        // returns (from outside, it could take one before it learns of the stop); RunPool waits
+        // for it to end. Nothing of this object is used after the reset.
+        INotifierPtr reader;
+        {
+            std::lock_guard<std::mutex> guard(poolMutex_);
+            reader.swap(poolReader_);
+        }
+        reader.reset();
     }
 }
 
@@ -228,6 +266,7 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
         }
         return Clock::now() >= deadline;
     };
+    unacknowledged_ = false;
     // Endpoints that left before this block is published cannot have stored it.
     readers_.Forget();
     acknowledgers_.Forget();
@@ -287,10 +326,11 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
                 break;
             }
             if (givingUp()) {
-                // Published and matched, only not yet stored: the receiver has it or gets it
-                // from the writer's history while this participant lives.
-                ++counters_.forwarded;
-                return true;
+                // Published and matched, only not yet stored: the receiver may never store it
+                // (its slot full until it stops too), so the block stays with this side. A
+                // receiver that stores it after all has it twice once the block is sent again.
+                unacknowledged_ = true;
+                return false;
             }
             dds_waitset_wait(ackWaitset_, nullptr, 0, DDS_MSECS(kPoll.count()));
         }
@@ -371,14 +411,21 @@ void ReliableSender::GiveBack() {
         LOG4CXX_ERROR(Logger(), "Slot '" << route_.name << "': " << e.what());
     }
     if (stored) {
-        LOG4CXX_WARN(Logger(), "No receiver for slot '" << route_.name << "' while stopping: block "
-                                                        << heldSerial_
-                                                        << " put back at the head of the slot");
+        if (unacknowledged_) {
+            LOG4CXX_WARN(Logger(), "No receiver stored block "
+                                       << heldSerial_ << " of slot '" << route_.name
+                                       << "' while stopping: put back at the head of the slot");
+        } else {
+            LOG4CXX_WARN(Logger(), "No receiver for slot '"
+                                       << route_.name << "' while stopping: block " << heldSerial_
+                                       << " put back at the head of the slot");
+        }
         return;
     }
     ++counters_.dropped;
-    LOG4CXX_ERROR(Logger(), "Block " << heldSerial_ << " of '" << route_.name
-                                     << "' dropped: no receiver and the slot refused it back");
+    LOG4CXX_ERROR(Logger(), "Block " << heldSerial_ << " of '" << route_.name << "' dropped: "
+                                     << (unacknowledged_ ? "no receiver stored it" : "no receiver")
+                                     << " and the slot refused it back");
 }
 
 Acknowledger::Acknowledger(const std::string& slotName, std::uint64_t gatewayId,

@@ -14,8 +14,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -59,9 +61,10 @@ public:
     ReliableSender(const ReliableSender&) = delete;
     ReliableSender& operator=(const ReliableSender&) = delete;
 
-    // Once the stop flag is raised: ends the thread. The block in hand is delivered within the
-    // grace; without a receiver it goes back to the head of the slot's queue. Then lets DDS
-    // deliver what was published, within the grace. Idempotent.
+    // Once the stop flag is raised: ends the thread. No further block is taken; the block in hand
+    // is delivered within the grace; one that no receiver stored by then goes back to the head
+    // of the slot's queue (a pool's is dropped). Then lets DDS deliver what was published, within
+    // the grace. Idempotent.
     void Stop();
 
     // The slot's reader claim is held (the slot is being read).
@@ -77,8 +80,9 @@ private:
     bool Claim();
     // Takes the oldest block into the hand; false when the slot is empty.
     bool Take();
-    // Publishes the block in hand (`size` bytes at `data`) until stored; false: stopping, the
-    // block is still in hand.
+    // Publishes the block in hand (`size` bytes at `data`) until stored (counted as forwarded);
+    // false: stopping, and the grace passed before a receiver stored it: the block is still in
+    // hand.
     bool Deliver(const void* data, std::size_t size);
     // Puts the block in hand back at the head of the slot's queue, or drops it (logged).
     void GiveBack();
@@ -107,12 +111,18 @@ private:
     // The sending thread's own.
     boost::shared_ptr<ISlot> slot_;
     std::unique_ptr<ReliableSlotReader> claim_;
-    INotifierPtr poolReader_;  // a queue pool's reader
+    // A queue pool's reader, dropped at the stop by the sending thread or by the reader's own
+    // thread after a block; poolReaderGone_ once it has ended.
+    std::mutex poolMutex_;
+    std::condition_variable poolGone_;
+    INotifierPtr poolReader_;      // guarded by poolMutex_
+    bool poolReaderGone_ = false;  // guarded by poolMutex_
     Clock::time_point lastClaimError_;
     std::vector<std::uint8_t> held_;  // the block in hand: heldSize_ bytes, when holding_
     std::size_t heldSize_ = 0;
     bool holding_ = false;
     std::uint64_t heldSerial_ = 0;
+    bool unacknowledged_ = false;  // Deliver gave up while a receiver was matched
     std::uint64_t sequence_ = 0;
 
     std::atomic<bool> claimed_{false};

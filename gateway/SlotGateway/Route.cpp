@@ -17,14 +17,38 @@
 
 namespace SlotGateway {
 
-void EchoMemory::Remember(const void* data, std::size_t size) {
+std::uint64_t EchoMemory::Remember(const void* data, std::size_t size) {
     std::lock_guard<std::mutex> guard(mutex_);
     Expire();
     const auto* bytes = static_cast<const std::uint8_t*>(data);
-    entries_.push_back({Clock::now(), std::vector<std::uint8_t>(bytes, bytes + size)});
+    const std::uint64_t id = ++nextId_;
+    entries_.push_back({id, Clock::now(), Clock::time_point::max(),
+                        std::vector<std::uint8_t>(bytes, bytes + size)});
     if (entries_.size() > kMaxEntries) {
         entries_.pop_front();
     }
+    return id;
+}
+
+void EchoMemory::Written(std::uint64_t id, bool stored) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+        if (it->id == id) {
+            if (stored) {
+                it->done = Clock::now();
+            } else {
+                entries_.erase(it);
+            }
+            return;
+        }
+    }
+}
+
+void EchoMemory::ForgetWrittenBefore(Clock::time_point before) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    entries_.erase(std::remove_if(entries_.begin(), entries_.end(),
+                                  [&](const Entry& entry) { return entry.done < before; }),
+                   entries_.end());
 }
 
 bool EchoMemory::IsEcho(const void* data, std::size_t size) {
@@ -254,9 +278,18 @@ void RouteRunner::Send(const void* data, std::size_t size) {
     if (size == 0 && stateSlot_ && stateSlot_->GetLastWriteTime().is_not_a_date_time()) {
         return;
     }
-    if (route_.direction == Direction::Both && echoes_.IsEcho(data, size)) {
-        ++counters_.echoes;
-        return;
+    // The reader hands blocks on in the slot's order, each read after the previous call
+    // returned.
+    const Clock::time_point previous = lastSend_;
+    lastSend_ = Clock::now();
+    if (route_.direction == Direction::Both) {
+        if (echoes_.IsEcho(data, size)) {
+            // The slot's state came from the network after every state sent before.
+            ++counters_.echoes;
+            ForgetOwnState();
+            return;
+        }
+        echoes_.ForgetWrittenBefore(previous);
     }
     std::lock_guard<std::mutex> guard(stateMutex_);
     const auto* bytes = static_cast<const std::uint8_t*>(data);
@@ -271,6 +304,27 @@ void RouteRunner::Send(const void* data, std::size_t size) {
         ++counters_.dropped;
         LOG4CXX_ERROR(Logger(),
                       "Block of '" << route_.name << "' not published: " << dds_strretcode(rc));
+    }
+}
+
+void RouteRunner::ForgetOwnState() {
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    ForgetOwnStateLocked();
+}
+
+void RouteRunner::ForgetOwnStateLocked() {
+    if (!haveState_) {
+        return;
+    }
+    haveState_ = false;
+    // Keyless topic: the one instance. Unregistered, it leaves the writer's history, so a reader
+    // that matches later (a restarted peer) is not given the older state; readers that have it
+    // see the instance without writers, which carries no data. The next write registers it again.
+    SlotGatewayWire_Block sample = WireSample(gatewayId_, stateSerial_, nullptr, 0);
+    const dds_return_t rc = dds_unregister_instance(writer_, &sample);
+    if (rc != DDS_RETCODE_OK) {
+        LOG4CXX_WARN(Logger(), "Older state of '" << route_.name
+                                                  << "' not withdrawn: " << dds_strretcode(rc));
     }
 }
 
@@ -372,14 +426,32 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
     }
     std::chrono::milliseconds backoff(1);
     Clock::time_point deadline = Clock::time_point::max();
+    const bool both = route_.direction == Direction::Both;
     for (unsigned attempt = 0;; ++attempt) {
-        if (route_.direction == Direction::Both) {
-            echoes_.Remember(data, size);
+        std::uint64_t serialBefore = 0;
+        if (both) {
+            std::lock_guard<std::mutex> guard(stateMutex_);
+            serialBefore = stateSerial_;
         }
+        const std::uint64_t echo = both ? echoes_.Remember(data, size) : 0;
         slotWriter_->onNotify(route_.name, data, size);
         const Slot::WriteOutcome outcome = Slot::LastWriteOutcome();
-        if (outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded) {
+        const bool stored =
+            outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded;
+        if (both) {
+            echoes_.Written(echo, stored);
+        }
+        if (stored) {
             ++counters_.received;
+            if (both) {
+                // Unless the reader sent a state since the write began (it may be newer; if
+                // not, the reader hands this block back next and Send forgets the state then),
+                // the state published before is older than this one.
+                std::lock_guard<std::mutex> guard(stateMutex_);
+                if (stateSerial_ == serialBefore) {
+                    ForgetOwnStateLocked();
+                }
+            }
             return true;
         }
         if (!route_.reliable() && outcome == Slot::WriteOutcome::Refused) {

@@ -25,18 +25,28 @@ class ReliableSender;
 
 // Blocks this gateway wrote into a "both" slot, so that its own reader of that slot does not
 // send them back. A discarding reader may skip states, so a match also forgets every older
-// entry; entries expire after a few update times.
+// entry; entries expire after a few update times. An entry is made before its write (the reader
+// may hand the block back before the write call returns) and forgotten when the slot did not
+// take the block, or when the reader handed back a newer block of another writer.
 class EchoMemory {
 public:
     explicit EchoMemory(std::chrono::milliseconds lifetime) : lifetime_(lifetime) {}
 
-    void Remember(const void* data, std::size_t size);
+    // Before writing the block; the entry's id.
+    std::uint64_t Remember(const void* data, std::size_t size);
+    // After the write: a block the slot did not take (`stored` false) is forgotten.
+    void Written(std::uint64_t id, bool stored);
     // True when the block is one this gateway wrote.
     bool IsEcho(const void* data, std::size_t size);
+    // The reader handed back a block that is not an echo, read after `before`: the blocks
+    // written before that are older than it and never come back.
+    void ForgetWrittenBefore(Clock::time_point before);
 
 private:
     struct Entry {
-        Clock::time_point written;
+        std::uint64_t id;
+        Clock::time_point written;                          // when remembered; for the expiry
+        Clock::time_point done = Clock::time_point::max();  // when the write returned
         std::vector<std::uint8_t> bytes;
     };
     static constexpr std::size_t kMaxEntries = 16;
@@ -45,6 +55,7 @@ private:
 
     std::mutex mutex_;
     std::deque<Entry> entries_;  // guarded by mutex_, oldest first
+    std::uint64_t nextId_ = 0;   // guarded by mutex_
     std::chrono::milliseconds lifetime_;
 };
 
@@ -92,6 +103,11 @@ private:
     // The state a discarding slot's reader passes on (0 bytes: an empty state) is published.
     void Send(const void* data, std::size_t size);
 
+    // A "both" route stored a received state, newer than any this gateway published: the older
+    // one is no longer repeated nor kept for late-joining readers.
+    void ForgetOwnState();
+    void ForgetOwnStateLocked();  // stateMutex_ held
+
     // A reliable route's: tells the sending gateway that its block `serial` is in the slot.
     void Acknowledge(std::uint64_t sender, std::uint64_t serial);
 
@@ -132,6 +148,7 @@ private:
     std::uint64_t stateSerial_ = 0;    // guarded by stateMutex_
     bool haveState_ = false;           // guarded by stateMutex_
     std::uint64_t sequence_ = 0;       // guarded by stateMutex_
+    Clock::time_point lastSend_;       // the slot reader's thread only: its last Send
 
     AtomicCounters counters_;
     std::unique_ptr<ReliableSender> sender_;  // a reliable sending route's; destroyed first

@@ -14,6 +14,7 @@
 
 #include <Collector.h>
 #include <Eventually.h>
+#include <LogCapture.h>
 #include <ShmHygiene.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
@@ -325,6 +326,100 @@ TEST(Gateway, BothWaysDoesNotEcho) {
     EXPECT_EQ(std::string(buffer, n), world);
 }
 
+// A gateway that stored a state from the network no longer offers its own older one: after
+// A's X and then B's Z, a restarted B is not given X (from A's history or its repetitions), and
+// the newest state on both sides stays Z. (Opening a discarding slot forgets its last block: the
+// restarted gateway's opening shows there as an empty state.)
+TEST(Gateway, BothWaysRestartedPeerKeepsTheNewestState) {
+    testsupport::ScopedSlotName left("gw_left_restart"), right("gw_right_restart");
+    const std::string partition = testsupport::UniqueName("part");
+    const Route a =
+        MakeRoute(left, "discarding", Direction::Both, partition, "restart_state", 64, 1);
+    const Route b =
+        MakeRoute(right, "discarding", Direction::Both, partition, "restart_state", 64, 1);
+    RouteSlotCfg leftCfg(a), rightCfg(b);
+    boost::shared_ptr<ISlot> leftSlot = SlotFactory::CreateSlot(&leftCfg);
+    boost::shared_ptr<ISlot> rightSlot = SlotFactory::CreateSlot(&rightCfg);
+    boost::shared_ptr<Collector> leftStates(new Collector), rightStates(new Collector);
+    INotifierPtr leftReader = SlotFactory::CreateSlotReader(&leftCfg, leftStates);
+    INotifierPtr rightReader = SlotFactory::CreateSlotReader(&rightCfg, rightStates);
+    Gateway gatewayA(OneRoute(a));
+    std::unique_ptr<Gateway> gatewayB(new Gateway(OneRoute(b)));
+    auto ready = [&](const Gateway& gateway) {
+        return gateway.Status()[0].matchedReaders == 1 && gateway.Status()[0].sending;
+    };
+    ASSERT_TRUE(
+        Eventually([&] { return ready(gatewayA) && ready(*gatewayB); }, std::chrono::seconds(20)));
+
+    const std::string x = "X from the left", z = "Z from the right";
+    SlotWriter(leftSlot).onNotify("", x.data(), x.size());
+    ASSERT_TRUE(Eventually([&] { return gatewayB->Status()[0].counters.echoes == 1; },
+                           std::chrono::seconds(20)))
+        << gatewayA.StatusJson() << gatewayB->StatusJson();
+    SlotWriter(rightSlot).onNotify("", z.data(), z.size());
+    ASSERT_TRUE(Eventually([&] { return gatewayA.Status()[0].counters.echoes == 1; },
+                           std::chrono::seconds(20)))
+        << gatewayA.StatusJson() << gatewayB->StatusJson();
+
+    gatewayB.reset(new Gateway(OneRoute(b)));
+    ASSERT_TRUE(
+        Eventually([&] { return ready(gatewayA) && ready(*gatewayB); }, std::chrono::seconds(20)));
+    // Room for A's history and its repetitions after the new match (1 s apart at most).
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    EXPECT_EQ(gatewayB->Status()[0].counters.received, 0u) << gatewayB->StatusJson();
+    auto newest = [](const Collector& states) {
+        std::string last;
+        for (const Bytes& state : BlocksOf(states)) {
+            if (!state.empty()) {
+                last.assign(state.begin(), state.end());
+            }
+        }
+        return last;
+    };
+    EXPECT_EQ(newest(*leftStates), z);
+    EXPECT_EQ(newest(*rightStates), z);
+}
+
+// A received state that the destination refuses (a latest pool whose blocks are all loaned) was
+// not written: when the same bytes are written there later, they are a local state, sent on.
+TEST(Gateway, BothWaysRefusedStateIsNoEchoLater) {
+    pooltest::ScopedPool left("gw_left_refused"), right("gw_right_refused");
+    const std::string partition = testsupport::UniqueName("part");
+    Route a = MakeRoute(left.str(), "latest", Direction::Both, partition, "refused_state", 64, 2);
+    Route b = MakeRoute(right.str(), "latest", Direction::Both, partition, "refused_state", 64, 2);
+    // Echo entries then live 20 s: longer than this test could take to write the same bytes.
+    a.updateTimeMs = b.updateTimeMs = 5000;
+    boost::shared_ptr<Slot::PoolWriter> rightWriter =
+        Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(b));
+    std::vector<Slot::PoolLoan> loans;
+    for (int n = 0; n < 2; ++n) {
+        loans.push_back(rightWriter->loan(64));
+        ASSERT_TRUE(loans.back());
+    }
+    Gateway gatewayA(OneRoute(a));
+    Gateway gatewayB(OneRoute(b));
+    ASSERT_TRUE(Eventually(
+        [&] {
+            return gatewayA.Status()[0].matchedReaders == 1 &&
+                   gatewayB.Status()[0].matchedReaders == 1 && gatewayA.Status()[0].sending &&
+                   gatewayB.Status()[0].sending;
+        },
+        std::chrono::seconds(20)));
+    const std::string state = "same bytes";
+    ISubscriberPtr leftWriter = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(a));
+    leftWriter->onNotify(left.str(), state.data(), state.size());
+    ASSERT_TRUE(Eventually([&] { return gatewayB.Status()[0].counters.refused == 1; },
+                           std::chrono::seconds(20)))
+        << gatewayA.StatusJson() << gatewayB.StatusJson();
+
+    loans.clear();
+    rightWriter->onNotify(right.str(), state.data(), state.size());
+    ASSERT_TRUE(Eventually([&] { return gatewayB.Status()[0].counters.forwarded == 1; },
+                           std::chrono::seconds(20)))
+        << gatewayA.StatusJson() << gatewayB.StatusJson();
+    EXPECT_EQ(gatewayB.Status()[0].counters.echoes, 0u);
+}
+
 // The status file is whole JSON with the counters, and its table names every slot.
 TEST(Gateway, StatusFileWrittenAtomically) {
     testsupport::ScopedSlotName slot("gw_status");
@@ -409,6 +504,74 @@ TEST(Gateway, ReliableBlockInHandGoesBackToTheHeadOfTheSlot) {
         BlockInHandGoesBack("gw_back", [](const Link&, Gateway&, Gateway&) {});
     EXPECT_EQ(counters.dropped, 0u);
 }
+
+// The sending gateway stops while the receiving gateway has its block but cannot store it (its
+// slot stays full): the block was not stored, so it is not counted as forwarded. A slot's block
+// goes back to the head of the source slot, and the receiving gateway, stopped with its slot
+// still full, leaves it to its sender: it arrives once both gateways run again and the
+// destination is read. A pool cannot take a block back: it is counted as dropped and logged.
+class GatewayStopsBeforeTheBlockIsStored : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(GatewayStopsBeforeTheBlockIsStored, BlockGoesBackOrIsCountedDropped) {
+    const bool pool = GetParam() == "queue";
+    testsupport::ScopedSlotName slotSource("gw_unstored_src"), slotDestination("gw_unstored_dst");
+    pooltest::ScopedPool poolSource("gw_unstored_psrc"), poolDestination("gw_unstored_pdst");
+    const std::string source = pool ? poolSource.str() : slotSource.str();
+    const std::string destination = pool ? poolDestination.str() : slotDestination.str();
+    const Link link = MakeLink(source, destination, GetParam(), 512, 8, 1);
+    const RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    ISubscriberPtr writer = pool ? Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.out))
+                                 : SlotFactory::CreateSlotWriter(&sourceCfg);
+    ISubscriberPtr occupier = pool ? Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.in))
+                                   : SlotFactory::CreateSlotWriter(&destinationCfg);
+    const Bytes occupant = {'o', 'l', 'd'};
+    WriteHeld(occupier, destination, occupant);  // the destination's one place is taken
+    Config sendingConfig = OneRoute(link.out), receivingConfig = OneRoute(link.in);
+    sendingConfig.stopGraceMs = 500;
+    receivingConfig.stopGraceMs = 200;
+    testsupport::LogCapture log("SlotGateway");
+
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    std::unique_ptr<Gateway> sending(new Gateway(sendingConfig));
+    WriteHeld(writer, source, NumberedBlock(0, 512));
+    ASSERT_TRUE(Eventually([&] { return receiving->Status()[0].counters.refused >= 1; },
+                           std::chrono::seconds(30)))
+        << receiving->StatusJson();
+    sending->Stop();
+    const RouteCounters sent = sending->Status()[0].counters;
+    EXPECT_EQ(sent.forwarded, 0u);
+    sending.reset();
+    receiving->Stop();
+    EXPECT_EQ(receiving->Status()[0].counters.received, 0u);
+    EXPECT_EQ(receiving->Status()[0].counters.dropped, 0u);
+    receiving.reset();
+    if (pool) {
+        EXPECT_EQ(sent.dropped, 1u);
+        EXPECT_EQ(log.Count("ERROR", "Block 1 of pool '" + source +
+                                         "' dropped: no receiver stored it while the gateway "
+                                         "stopped"),
+                  1u);
+        return;
+    }
+    EXPECT_EQ(sent.dropped, 0u);
+    EXPECT_EQ(log.Count("WARN", "No receiver stored block 1 of slot '" + source +
+                                    "' while stopping: put back at the head of the slot"),
+              1u);
+    EXPECT_EQ(SlotFactory::CreateSlot(&sourceCfg)->GetBufferLength(), 1u);
+
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
+    Gateway receivingAgain(receivingConfig);
+    Gateway sendingAgain(sendingConfig);
+    ASSERT_TRUE(collector->WaitFor(2, std::chrono::seconds(30)))
+        << receivingAgain.StatusJson() << sendingAgain.StatusJson();
+    EXPECT_EQ(BlocksOf(*collector), (std::vector<Bytes>{occupant, NumberedBlock(0, 512)}));
+    EXPECT_TRUE(Eventually([&] { return sendingAgain.Status()[0].counters.forwarded == 1; },
+                           std::chrono::seconds(20)));
+}
+
+INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayStopsBeforeTheBlockIsStored,
+                         ::testing::Values("reliable", "queue"));
 
 // A discarding slot's states cross, an empty one too (it has a write time, unlike no state);
 // the reliable slot's empty blocks are in the numbered run above.
