@@ -156,17 +156,17 @@ void QueueGuard::Validate(bool messagesToo) const {
     self.blockedSenders_ = reinterpret_cast<const std::uint32_t*>(&header->m_blocked_senders);
     self.blockedReceivers_ = reinterpret_cast<const std::uint32_t*>(&header->m_blocked_receivers);
     self.sendRecord_ = reinterpret_cast<std::uint32_t*>(&header->m_blocked_senders);
-    static_assert(sizeof(header->mp_index) == sizeof(std::uint64_t) &&
-                      sizeof(MessagePtr) == sizeof(std::uint64_t),
-                  "the queue's offset pointers are one 64-bit offset");
+    static_assert(
+        sizeof(header->mp_index) == sizeof(Offset) && sizeof(MessagePtr) == sizeof(Offset),
+        "the queue's offset pointers are one offset");
     static_assert(offsetof(MessageHeader, len) == 0 && sizeof(QueueSize) == sizeof(std::uint32_t),
                   "a message starts with its 32-bit length");
     self.maxNumWord_ =
         reinterpret_cast<volatile std::uint32_t*>(const_cast<QueueSize*>(&header->m_max_num_msg));
     self.maxSizeWord_ =
         reinterpret_cast<volatile std::uint32_t*>(const_cast<QueueSize*>(&header->m_max_msg_size));
-    self.indexWord_ = reinterpret_cast<volatile std::uint64_t*>(&header->mp_index);
-    self.indexEntries_ = reinterpret_cast<volatile std::uint64_t*>(base_ + image.index.offset);
+    self.indexWord_ = reinterpret_cast<volatile Offset*>(&header->mp_index);
+    self.indexEntries_ = reinterpret_cast<volatile Offset*>(base_ + image.index.offset);
     self.capacity_ = static_cast<std::uint32_t>(image.capacity);
     self.maxMessageSize_ = static_cast<std::uint32_t>(image.maxMessageSize);
     self.indexRaw_ = *indexWord_;
@@ -174,17 +174,19 @@ void QueueGuard::Validate(bool messagesToo) const {
     self.indexOffset_ = image.index.offset;
     self.messagesOffset_ = image.messages.offset;
     self.messages_ = base_ + image.messages.offset;
-    self.identityRaw_ = image.messages.offset - image.index.offset;
-    self.identityStep_ = image.messageStride - sizeof(std::uint64_t);
+    self.identityRaw_ = static_cast<Offset>(image.messages.offset - image.index.offset);
+    self.identityStep_ = static_cast<Offset>(image.messageStride - sizeof(Offset));
 }
 
-std::int64_t QueueGuard::SlotNumber(std::uint64_t position, std::uint64_t raw) const {
-    // An offset pointer holds its target minus its own address, modulo 2^64 (1: null). Offsets
-    // from the start of the mapping stay in 64-bit arithmetic, so no damaged value overflows.
+std::int64_t QueueGuard::SlotNumber(std::uint64_t position, Offset raw) const {
+    // An offset pointer holds its target minus its own address, modulo the width of its offset
+    // (1: null). The target, an offset from the start of the mapping, is taken in that width;
+    // the checks below are in 64-bit arithmetic, so no damaged value overflows.
     if (raw == 1) {
         return -1;
     }
-    const std::uint64_t target = indexOffset_ + position * sizeof(std::uint64_t) + raw;
+    const std::uint64_t target =
+        static_cast<Offset>(indexOffset_ + position * sizeof(Offset) + raw);
     const std::uint64_t into = target - messagesOffset_;
     if (into >= static_cast<std::uint64_t>(capacity_) * slotSize_ || into % slotSize_ != 0) {
         return -1;
@@ -193,8 +195,8 @@ std::int64_t QueueGuard::SlotNumber(std::uint64_t position, std::uint64_t raw) c
 }
 
 void QueueGuard::SetEntry(std::uint64_t position, std::uint64_t slot) {
-    indexEntries_[position] =
-        (messagesOffset_ + slot * slotSize_) - (indexOffset_ + position * sizeof(std::uint64_t));
+    indexEntries_[position] = static_cast<Offset>((messagesOffset_ + slot * slotSize_) -
+                                                  (indexOffset_ + position * sizeof(Offset)));
 }
 
 std::string QueueGuard::RestoreLayout() {
@@ -205,7 +207,7 @@ std::string QueueGuard::RestoreLayout() {
     };
     const std::uint32_t maxNum = *maxNumWord_;
     const std::uint32_t maxSize = *maxSizeWord_;
-    const std::uint64_t index = *indexWord_;
+    const Offset index = *indexWord_;
     if (maxNum != capacity_) {
         note("capacity", maxNum, capacity_);
         *maxNumWord_ = capacity_;
@@ -233,11 +235,11 @@ std::string QueueGuard::RepairEntries() {
     std::vector<std::int64_t> positionOf(capacity, -1);
     bool reindex = false;
     for (std::uint64_t position = 0; position < capacity; ++position) {
-        const std::uint64_t raw = indexEntries_[position];
+        const Offset raw = indexEntries_[position];
         const std::int64_t slot = SlotNumber(position, raw);
         if (slot < 0) {
-            const std::int64_t at =
-                static_cast<std::int64_t>(indexOffset_ + position * sizeof(std::uint64_t) + raw);
+            const std::int64_t at = static_cast<std::int64_t>(
+                static_cast<Offset>(indexOffset_ + position * sizeof(Offset) + raw));
             note("index position " + std::to_string(position) + " points at offset " +
                  std::to_string(at) + " of its " + std::to_string(size_) +
                  " bytes, not at a message slot");

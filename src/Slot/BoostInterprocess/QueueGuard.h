@@ -44,6 +44,9 @@ class mq_hdr_t;
 
 class QueueGuard {
 public:
+    // An offset pointer's stored offset: 64-bit on x86_64, 32-bit on the 32-bit target.
+    using Offset = shared::SlotOffsetPtr::offset_type;
+
     // Maps "queue_<name>" (already opened by Boost) and validates its structure. Throws
     // boost::interprocess::interprocess_exception ("queue '<name>' is damaged: ...") when the
     // words in it do not describe a queue of the mapped size.
@@ -156,15 +159,15 @@ private:
     // points anywhere else. The layout Boost builds (position i at slot i, which FIFO use of one
     // priority keeps) costs a multiply and a compare.
     char* MessageAt(std::uint64_t position) const {
-        const std::uint64_t raw = indexEntries_[position];
-        if (raw == identityRaw_ + position * identityStep_) {
+        const Offset raw = indexEntries_[position];
+        if (raw == static_cast<Offset>(identityRaw_ + position * identityStep_)) {
             return messages_ + position * slotSize_;
         }
         const std::int64_t slot = SlotNumber(position, raw);
         return slot < 0 ? nullptr : messages_ + static_cast<std::uint64_t>(slot) * slotSize_;
     }
     // The message slot an index entry with offset `raw` at `position` points at, or -1.
-    std::int64_t SlotNumber(std::uint64_t position, std::uint64_t raw) const;
+    std::int64_t SlotNumber(std::uint64_t position, Offset raw) const;
     // A message's length word (Boost's msg_hdr_t::len, its first word).
     static std::uint32_t LengthOf(const char* message) {
         return *reinterpret_cast<const volatile std::uint32_t*>(message);
@@ -228,17 +231,17 @@ private:
     // Found and checked at construction; a later change of the words in the queue is damage.
     std::uint32_t capacity_;        // max messages
     std::uint32_t maxMessageSize_;  // max message bytes
-    std::uint64_t indexRaw_;        // mq_hdr_t::mp_index, as an offset from itself
+    Offset indexRaw_;               // mq_hdr_t::mp_index, as an offset from itself
     std::size_t slotSize_;          // bytes per message slot, header included
     std::uint64_t indexOffset_;     // of the index, from the start of the mapping
     std::uint64_t messagesOffset_;  // of the first message slot, from the start of the mapping
     char* messages_;                // first message slot
     // The raw index entry of position i in Boost's layout: identityRaw_ + i * identityStep_.
-    std::uint64_t identityRaw_;
-    std::uint64_t identityStep_;
+    Offset identityRaw_;
+    Offset identityStep_;
     // The words of the control block and the index as this view reads and repairs them.
-    volatile std::uint32_t* maxNumWord_;    // mq_hdr_t::m_max_num_msg
-    volatile std::uint32_t* maxSizeWord_;   // mq_hdr_t::m_max_msg_size
-    volatile std::uint64_t* indexWord_;     // mq_hdr_t::mp_index
-    volatile std::uint64_t* indexEntries_;  // the index, capacity_ offset pointers
+    volatile std::uint32_t* maxNumWord_;   // mq_hdr_t::m_max_num_msg
+    volatile std::uint32_t* maxSizeWord_;  // mq_hdr_t::m_max_msg_size
+    volatile Offset* indexWord_;           // mq_hdr_t::mp_index
+    volatile Offset* indexEntries_;        // the index, capacity_ offset pointers
 };

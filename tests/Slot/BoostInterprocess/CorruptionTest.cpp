@@ -359,6 +359,8 @@ TEST(Corruption, WordsAnOpenSlotFollowsAreCheckedAtEveryUse) {
 typedef boost::interprocess::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr> QueueControl;
 typedef boost::interprocess::ipcdetail::msg_hdr_t<shared::SlotOffsetPtr> QueueMessage;
 typedef boost::interprocess::message_queue_t<shared::SlotOffsetPtr>::size_type QueueSize;
+// An index entry's stored offset (64-bit on x86_64, 32-bit on the 32-bit target).
+typedef shared::SlotOffsetPtr::offset_type QueueOffset;
 
 // The queue "queue_<name>" mapped for writing, as a stray process maps it, and its layout now.
 struct StrayQueueView {
@@ -368,11 +370,11 @@ struct StrayQueueView {
         return *reinterpret_cast<QueueControl*>(map.bytes + image.controlOffset);
     }
     // The raw offset of index position `position`, and the message it points at.
-    std::uint64_t& Entry(std::uint64_t position) {
-        return *reinterpret_cast<std::uint64_t*>(map.bytes + EntryAt(position));
+    QueueOffset& Entry(std::uint64_t position) {
+        return *reinterpret_cast<QueueOffset*>(map.bytes + EntryAt(position));
     }
     std::uint64_t EntryAt(std::uint64_t position) const {
-        return image.index.offset + position * sizeof(std::uint64_t);
+        return image.index.offset + position * sizeof(QueueOffset);
     }
     QueueMessage& Message(std::uint64_t position) {
         return *reinterpret_cast<QueueMessage*>(map.bytes + EntryAt(position) + Entry(position));
@@ -520,7 +522,7 @@ TEST(QueueDamagedWhileOpen, AnIndexEntryOutsideTheMessagesIsDroppedNotFollowed) 
         StrayQueueView view(name);
         const std::uint64_t oldest = view.OldestPosition();
         const std::uint64_t outside = view.map.size + 4096;
-        view.Entry(oldest) = outside - view.EntryAt(oldest);
+        view.Entry(oldest) = static_cast<QueueOffset>(outside - view.EntryAt(oldest));
         testsupport::LogCapture log("Slot");
         const std::string got = ReadBlock(slot, 64);
         if (int failed = ExpectOneError(
@@ -549,8 +551,8 @@ TEST(QueueDamagedWhileOpen, AMovedIndexPointerAndCapacityArePutBack) {
         ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
         WriteBlock(slot, "one");
         StrayQueueView view(name);
-        std::uint64_t& index = *reinterpret_cast<std::uint64_t*>(&view.Control().mp_index);
-        const std::uint64_t before = index;
+        QueueOffset& index = *reinterpret_cast<QueueOffset*>(&view.Control().mp_index);
+        const QueueOffset before = index;
         index = before + (1u << 20);
         const_cast<QueueSize&>(view.Control().m_max_num_msg) = 1000;
         testsupport::LogCapture log("Slot");
