@@ -248,6 +248,25 @@ void KeepInheritedReader(INotifierPtr reader);
 bool ShuttingDown();
 void SetShuttingDown();
 
+// Ends a reader whose sink is closed, its close recorded in `progress`. From the reader's own
+// callback the library destroys it once the callback has returned; at interpreter shutdown it
+// goes at once, the GIL kept (no callback takes it any more, and no destructor takes it back);
+// otherwise its thread is joined with the GIL released (a callback may wait for the GIL).
+inline void ReleaseReader(CloseProgress& progress, INotifierPtr& reader, bool onOwnThread) {
+    if (onOwnThread) {
+        progress.Begin(true);  // ends when this callback returns
+        reader.reset();
+    } else if (ShuttingDown()) {
+        reader.reset();
+    } else {
+        progress.Begin(false);
+        WithoutGil([&] {
+            reader.reset();
+            progress.End();
+        });
+    }
+}
+
 void BindReader(py::module_& m);
 void BindPool(py::module_& m);
 // Stops every open pool reader (interpreter exit).

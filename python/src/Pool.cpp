@@ -494,20 +494,7 @@ public:
             KeepInheritedReader(std::move(reader));  // its thread is in the parent
             return;
         }
-        if (sink_->OnOwnThread()) {
-            sink_->Progress().Begin(true);  // ends when this callback returns
-            reader.reset();
-            return;
-        }
-        if (ShuttingDown()) {
-            reader.reset();
-            return;
-        }
-        sink_->Progress().Begin(false);
-        WithoutGil([&] {
-            reader.reset();
-            sink_->Progress().End();
-        });
+        ReleaseReader(sink_->Progress(), reader, sink_->OnOwnThread());
     }
 
     std::unique_ptr<Hold> HoldBlock() {

@@ -216,22 +216,7 @@ public:
             return;
         }
         sink_->Close();
-        if (sink_->OnOwnThread()) {
-            sink_->Progress().Begin(true);  // ends when this callback returns
-            reader.reset();  // the library destroys it once this notification returns
-            return;
-        }
-        if (ShuttingDown()) {
-            // No callback takes the GIL any more; keep it, so that no destructor takes it back.
-            reader.reset();
-            return;
-        }
-        // Joining the reader's thread waits for a callback that may wait for the GIL.
-        sink_->Progress().Begin(false);
-        WithoutGil([&] {
-            reader.reset();
-            sink_->Progress().End();
-        });
+        ReleaseReader(sink_->Progress(), reader, sink_->OnOwnThread());
     }
 
     py::bytes Get(const py::object& timeout) {

@@ -87,6 +87,11 @@ Link MakeLink(const std::string& source, const std::string& destination, const s
         MakeRoute(destination, type, Direction::FromNetwork, partition, "t", maxSize, inLength)};
 }
 
+// True once the only route of `gateway` sees one reader and sends.
+bool MatchedAndSending(const Gateway& gateway) {
+    return gateway.Status()[0].matchedReaders == 1 && gateway.Status()[0].sending;
+}
+
 Config OneRoute(const Route& route) {
     Config config;
     config.source = "test";
@@ -292,13 +297,9 @@ TEST(Gateway, BothWaysDoesNotEcho) {
     RouteSlotCfg leftCfg(a), rightCfg(b);
     Gateway gatewayA(OneRoute(a));
     Gateway gatewayB(OneRoute(b));
-    ASSERT_TRUE(Eventually(
-        [&] {
-            return gatewayA.Status()[0].matchedReaders == 1 &&
-                   gatewayB.Status()[0].matchedReaders == 1 && gatewayA.Status()[0].sending &&
-                   gatewayB.Status()[0].sending;
-        },
-        std::chrono::seconds(20)));
+    ASSERT_TRUE(
+        Eventually([&] { return MatchedAndSending(gatewayA) && MatchedAndSending(gatewayB); },
+                   std::chrono::seconds(20)));
     boost::shared_ptr<ISlot> leftSlot = SlotFactory::CreateSlot(&leftCfg);
     boost::shared_ptr<ISlot> rightSlot = SlotFactory::CreateSlot(&rightCfg);
 
@@ -345,11 +346,9 @@ TEST(Gateway, BothWaysRestartedPeerKeepsTheNewestState) {
     INotifierPtr rightReader = SlotFactory::CreateSlotReader(&rightCfg, rightStates);
     Gateway gatewayA(OneRoute(a));
     std::unique_ptr<Gateway> gatewayB(new Gateway(OneRoute(b)));
-    auto ready = [&](const Gateway& gateway) {
-        return gateway.Status()[0].matchedReaders == 1 && gateway.Status()[0].sending;
-    };
     ASSERT_TRUE(
-        Eventually([&] { return ready(gatewayA) && ready(*gatewayB); }, std::chrono::seconds(20)));
+        Eventually([&] { return MatchedAndSending(gatewayA) && MatchedAndSending(*gatewayB); },
+                   std::chrono::seconds(20)));
 
     const std::string x = "X from the left", z = "Z from the right";
     SlotWriter(leftSlot).onNotify("", x.data(), x.size());
@@ -363,7 +362,8 @@ TEST(Gateway, BothWaysRestartedPeerKeepsTheNewestState) {
 
     gatewayB.reset(new Gateway(OneRoute(b)));
     ASSERT_TRUE(
-        Eventually([&] { return ready(gatewayA) && ready(*gatewayB); }, std::chrono::seconds(20)));
+        Eventually([&] { return MatchedAndSending(gatewayA) && MatchedAndSending(*gatewayB); },
+                   std::chrono::seconds(20)));
     // Room for A's history and its repetitions after the new match (1 s apart at most).
     std::this_thread::sleep_for(std::chrono::milliseconds(2500));
     EXPECT_EQ(gatewayB->Status()[0].counters.received, 0u) << gatewayB->StatusJson();
@@ -398,13 +398,9 @@ TEST(Gateway, BothWaysRefusedStateIsNoEchoLater) {
     }
     Gateway gatewayA(OneRoute(a));
     Gateway gatewayB(OneRoute(b));
-    ASSERT_TRUE(Eventually(
-        [&] {
-            return gatewayA.Status()[0].matchedReaders == 1 &&
-                   gatewayB.Status()[0].matchedReaders == 1 && gatewayA.Status()[0].sending &&
-                   gatewayB.Status()[0].sending;
-        },
-        std::chrono::seconds(20)));
+    ASSERT_TRUE(
+        Eventually([&] { return MatchedAndSending(gatewayA) && MatchedAndSending(gatewayB); },
+                   std::chrono::seconds(20)));
     const std::string state = "same bytes";
     ISubscriberPtr leftWriter = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(a));
     leftWriter->onNotify(left.str(), state.data(), state.size());
@@ -602,9 +598,7 @@ TEST(Gateway, LatestPoolCarriesTheLatestBlock) {
     const Link link = MakeLink(source.str(), destination.str(), "latest", 512, 4, 4);
     Gateway receiving(OneRoute(link.in));
     Gateway sending(OneRoute(link.out));
-    ASSERT_TRUE(Eventually(
-        [&] { return sending.Status()[0].matchedReaders == 1 && sending.Status()[0].sending; },
-        std::chrono::seconds(20)));
+    ASSERT_TRUE(Eventually([&] { return MatchedAndSending(sending); }, std::chrono::seconds(20)));
     boost::shared_ptr<Collector> collector(new Collector);
     INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(link.in), collector);
     ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.out));
