@@ -490,8 +490,7 @@ void BaseQueueSlot::CheckQueue() {
     if (!queueGuard_ || queueGuard_->LooksHealthy()) {
         return;
     }
-    // Repairs need the header lock, which the slot kinds hold here (HeaderHold).
-    HeaderHold hold(*this);
+    // Repairs need the header lock: every caller holds it (HeaderHold).
     queueGuard_->Recover(logger_, name_);
 }
 

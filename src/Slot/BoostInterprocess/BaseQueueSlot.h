@@ -131,8 +131,8 @@ protected:
     // calling thread does not hold it (a caller that bypasses it: SimpleSlotRW::Read, a direct
     // call). Every queue call is then made under the slot's lock: a process killed inside one
     // leaves the queue's mutex to the next holder of the lock to recover instead of blocking it
-    // for ever, and the output buffer is never written by two at once. Taking the lock is
-    // bounded as in CheckQueue (boost::interprocess::interprocess_exception).
+    // for ever, and the output buffer is never written by two at once. Taking the lock waits at
+    // most twice the creation bound (LockHeaderBounded).
     class HeaderHold {
     public:
         explicit HeaderHold(BaseQueueSlot& slot);
