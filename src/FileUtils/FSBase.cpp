@@ -477,7 +477,8 @@ void FSBase::WritePipeLocked(const char* data, size_t size) {
                                                    << fileName_ << "' can hold (" << capacity
                                                    << " bytes), dropped");
             }
-            blockOutcome_ = shared::WriteOutcome::Refused;
+            // Not a full pipe: no retry could ever store it.
+            blockOutcome_ = shared::WriteOutcome::Failed;
             return;
         }
         if (!WaitForPipeRoomLocked(size, page, timeoutMs)) {

@@ -18,8 +18,10 @@ enum class WriteOutcome : unsigned char {
     None,       ///< no write recorded in this thread yet
     Stored,     ///< the block is in the slot
     Discarded,  ///< the block is in the slot; an unread block waiting there was thrown away
-    Refused,    ///< the block was not stored: the slot was full, or the block too large
-    Failed,     ///< the block was not stored because of an error (see the log)
+    Refused,    ///< the block was not stored: the slot was full, or the block larger than the
+                ///< slot's maximum size
+    Failed,     ///< the block was not stored because of an error, or because the transport can
+                ///< never carry it (see the log): retrying the same block does not help
 };
 
 /// Counts of the outcomes of writes made by this process into one slot, since the process
