@@ -2,6 +2,7 @@
 #include <SlotGateway/Dds.h>
 #include <SlotGateway/ReliableLink.h>
 #include <SlotGateway/Route.h>
+#include <SlotGateway/SlotClaim.h>
 
 #include <SlotGateway/Wire.h>
 
@@ -97,6 +98,7 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
             Check(dds_create_writer(publisher, topic, qos.get(), nullptr), "dds_create_writer");
     }
     if (route.receives()) {
+        claim_.reset(new SlotClaim(route.name));
         // A pool's writer copies each received block once, into a loaned block. The slot or pool
         // may exist already, made smaller than the route says: its own size is the limit.
         if (route.isPool()) {

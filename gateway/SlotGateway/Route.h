@@ -22,6 +22,7 @@ namespace SlotGateway {
 
 class Acknowledger;
 class ReliableSender;
+class SlotClaim;
 
 // Blocks this gateway wrote into a "both" slot, so that its own reader of that slot does not
 // send them back. A discarding reader may skip states, so a match also forgets every older
@@ -125,6 +126,7 @@ private:
     StopFlag& stop_;
     const std::chrono::milliseconds grace_;
     EchoMemory echoes_;
+    std::unique_ptr<SlotClaim> claim_;  // a receiving route's, taken before its slot is opened
 
     dds_entity_t writer_ = 0;
     dds_entity_t reader_ = 0;

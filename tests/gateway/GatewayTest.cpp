@@ -6,6 +6,7 @@
 
 #include <SlotGateway/Dds.h>
 #include <SlotGateway/Gateway.h>
+#include <SlotGateway/SlotClaim.h>
 #include <SlotGateway/Status.h>
 
 #include <SlotGateway/Wire.h>
@@ -22,9 +23,14 @@
 #include <Slot/WriteOutcome.h>
 
 #include <gtest/gtest.h>
+#include <shared/FileLock.h>
 
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -741,4 +747,66 @@ TEST(GatewayHostile, ForeignReaderDoesNotStallTheSender) {
     EXPECT_TRUE(Eventually([&] { return sending.Status()[0].counters.forwarded == 4; },
                            std::chrono::seconds(20)))
         << sending.StatusJson();
+}
+
+// One gateway per machine writes a slot: a second one that would write it (from the network or
+// both ways) is refused at its start with the holder named; one that only sends it is not. The
+// claim ends with the gateway, and its file goes with it.
+TEST(GatewayClaim, ASlotIsWrittenByOneGatewayPerMachine) {
+    testsupport::ScopedSlotName slot("gw_claimed");
+    const std::string partition = testsupport::UniqueName("part");
+    const std::string lockFile = SlotClaim::PathOf(slot);
+    auto route = [&](Direction direction, const std::string& topic) {
+        return OneRoute(MakeRoute(slot, "discarding", direction, partition, topic, 64, 1));
+    };
+    std::unique_ptr<Gateway> first(new Gateway(route(Direction::FromNetwork, "claim_in")));
+    const std::string refusal = "slot '" + std::string(slot) +
+                                "' is already written by another gateway on this machine (pid " +
+                                std::to_string(::getpid()) + ", lock file '" + lockFile + "')";
+    try {
+        Gateway second(route(Direction::Both, "claim_both"));
+        ADD_FAILURE() << "a second gateway wrote the slot";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(e.what(), refusal);
+    }
+    Gateway sender(route(Direction::ToNetwork, "claim_out"));
+    first.reset();
+    EXPECT_NE(::access(lockFile.c_str(), F_OK), 0) << lockFile;
+    Gateway again(route(Direction::Both, "claim_both"));
+}
+
+// A gateway killed while it writes the slot leaves no claim behind: the next one starts.
+TEST(GatewayClaim, AKilledGatewaysClaimEndsWithIt) {
+    testsupport::ScopedSlotName slot("gw_claim_killed");
+    const Route in = MakeRoute(slot, "reliable", Direction::FromNetwork,
+                               testsupport::UniqueName("part"), "claim_killed", 64, 4);
+    const std::string config = testsupport::TestRunDir() + "/" + std::string(slot) + ".json";
+    std::ofstream(config) << R"({"gateway": {"name": "killed"}, "slots": [{"name": ")"
+                          << std::string(slot) << R"(", "type": "reliable", "max_size": 64,)"
+                          << R"( "queue_length": 4, "direction": "from-network", "partition": ")"
+                          << in.partition << R"(", "topic": "claim_killed"}]})";
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int quiet = ::open("/dev/null", O_WRONLY);
+        ::dup2(quiet, STDOUT_FILENO);
+        ::dup2(quiet, STDERR_FILENO);
+        ::execl(SLOT_GATEWAY_PATH, SLOT_GATEWAY_PATH, "--config", config.c_str(), "--timeout",
+                "120", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    const std::string lockFile = SlotClaim::PathOf(slot);
+    const bool claimed = Eventually([&] { return shared::FileLock::Holder(lockFile) == child; },
+                                    std::chrono::seconds(30));
+    if (claimed) {
+        EXPECT_THROW(Gateway(OneRoute(in)), std::runtime_error);
+    }
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ::unlink(config.c_str());
+    ASSERT_TRUE(claimed) << "the gateway never claimed " << lockFile;
+    Gateway successor(OneRoute(in));
+    EXPECT_EQ(shared::FileLock::Holder(lockFile), ::getpid());
 }
