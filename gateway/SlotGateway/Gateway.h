@@ -31,7 +31,9 @@ public:
 
     // Graceful and idempotent: stops taking from slots, delivers the blocks in hand (each within
     // the configured grace), drains what DDS already received into the slots, writes the final
-    // status. Returns within about the grace time per route.
+    // status. Returns within about the grace time: the routes' graces run together from the
+    // stop, and each route then gives DDS at most 0.2 s more (kLastWords) for the
+    // acknowledgements of what it published when peers no longer answer.
     void Stop();
 
     std::vector<RouteStatus> Status() const;

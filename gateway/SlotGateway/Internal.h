@@ -6,6 +6,7 @@
 
 #include <log4cxx/logger.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -18,6 +19,10 @@ using Clock = std::chrono::steady_clock;
 
 // The logger "SlotGateway".
 log4cxx::LoggerPtr Logger();
+
+// At a stop, the least time a route's DDS writer is given for the acknowledgements of what it
+// published, also once the grace is spent.
+constexpr std::chrono::milliseconds kLastWords(200);
 
 // Stop signal shared by every route: set once, waited on with bounded waits.
 struct StopFlag {
@@ -33,10 +38,31 @@ struct StopFlag {
     void Raise() {
         {
             std::lock_guard<std::mutex> guard(mutex);
+            if (!set) {
+                raisedAt = Clock::now();
+            }
             set = true;
         }
         changed.notify_all();
     }
+    // Every route's grace runs from the one moment the stop was raised, so a gateway stops
+    // within about `grace` however many routes it has. The end of the grace (`grace` from now
+    // while not stopping).
+    Clock::time_point GraceEnd(std::chrono::milliseconds grace) {
+        std::lock_guard<std::mutex> guard(mutex);
+        return (set ? raisedAt : Clock::now()) + grace;
+    }
+    // What is left of the grace, but at least `least`: the last words of a route (DDS's
+    // acknowledgements of what it published) need a moment even when the grace is spent.
+    std::chrono::milliseconds GraceLeft(std::chrono::milliseconds grace,
+                                        std::chrono::milliseconds least) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(GraceEnd(grace) - Clock::now());
+        return std::max(std::min(left, grace), std::min(least, grace));
+    }
+
+private:
+    Clock::time_point raisedAt;  // guarded by mutex
 };
 
 // A route's counters, updated by its threads and read by Status().

@@ -68,7 +68,7 @@ void ReliableSender::Stop() {
     if (thread_.joinable()) {
         thread_.join();
     }
-    dds_wait_for_acks(writer_, DDS_MSECS(grace_.count()));
+    dds_wait_for_acks(writer_, DDS_MSECS(stop_.GraceLeft(grace_, kLastWords).count()));
 }
 
 void ReliableSender::Run() {
@@ -262,7 +262,7 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
         }
         if (!graceStarted) {
             graceStarted = true;
-            deadline = Clock::now() + grace_;
+            deadline = stop_.GraceEnd(grace_);
         }
         return Clock::now() >= deadline;
     };

@@ -242,7 +242,7 @@ void RouteRunner::StopReceiving() {
         receiver_.join();
     }
     if (acknowledger_) {
-        acknowledger_->Flush(grace_);
+        acknowledger_->Flush(stop_.GraceLeft(grace_, kLastWords));
     }
 }
 
@@ -468,7 +468,7 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
         }
         ++counters_.retried;
         if (stop_.set && deadline == Clock::time_point::max()) {
-            deadline = Clock::now() + grace_;
+            deadline = stop_.GraceEnd(grace_);
         }
         if (Clock::now() >= deadline) {
             if (!route_.reliable()) {

@@ -24,6 +24,7 @@
 
 #include <gtest/gtest.h>
 #include <shared/FileLock.h>
+#include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -775,38 +776,118 @@ TEST(GatewayClaim, ASlotIsWrittenByOneGatewayPerMachine) {
     Gateway again(route(Direction::Both, "claim_both"));
 }
 
+// slot-gateway in a process of its own, run with a configuration of `routes`; killed (SIGKILL) at
+// the end of the test, and with the test process.
+class GatewayProcess {
+public:
+    GatewayProcess(const std::vector<Route>& routes, unsigned leaseMs)
+        : config_(testsupport::TestRunDir() + "/" + testsupport::UniqueName("gw") + ".json") {
+        nlohmann::json slots = nlohmann::json::array();
+        for (const Route& route : routes) {
+            slots.push_back({{"name", route.name},
+                             {"type", route.type},
+                             {"max_size", route.maxSize},
+                             {"queue_length", route.queueLength},
+                             {"direction", ToString(route.direction)},
+                             {"partition", route.partition},
+                             {"topic", route.topic}});
+        }
+        std::ofstream(config_) << nlohmann::json{
+            {"gateway", {{"name", "child"}, {"lease_ms", leaseMs}}}, {"slots", slots}};
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const int quiet = ::open("/dev/null", O_WRONLY);
+            ::dup2(quiet, STDOUT_FILENO);
+            ::dup2(quiet, STDERR_FILENO);
+            ::execl(SLOT_GATEWAY_PATH, SLOT_GATEWAY_PATH, "--config", config_.c_str(), "--timeout",
+                    "300", static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+    }
+    ~GatewayProcess() {
+        Kill();
+        ::unlink(config_.c_str());
+    }
+    pid_t pid() const { return pid_; }
+    void Kill() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+            pid_ = -1;
+        }
+    }
+
+private:
+    const std::string config_;
+    pid_t pid_ = -1;
+};
+
 // A gateway killed while it writes the slot leaves no claim behind: the next one starts.
 TEST(GatewayClaim, AKilledGatewaysClaimEndsWithIt) {
     testsupport::ScopedSlotName slot("gw_claim_killed");
     const Route in = MakeRoute(slot, "reliable", Direction::FromNetwork,
                                testsupport::UniqueName("part"), "claim_killed", 64, 4);
-    const std::string config = testsupport::TestRunDir() + "/" + std::string(slot) + ".json";
-    std::ofstream(config) << R"({"gateway": {"name": "killed"}, "slots": [{"name": ")"
-                          << std::string(slot) << R"(", "type": "reliable", "max_size": 64,)"
-                          << R"( "queue_length": 4, "direction": "from-network", "partition": ")"
-                          << in.partition << R"(", "topic": "claim_killed"}]})";
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const int quiet = ::open("/dev/null", O_WRONLY);
-        ::dup2(quiet, STDOUT_FILENO);
-        ::dup2(quiet, STDERR_FILENO);
-        ::execl(SLOT_GATEWAY_PATH, SLOT_GATEWAY_PATH, "--config", config.c_str(), "--timeout",
-                "120", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
+    GatewayProcess child({in}, 500);
+    ASSERT_GT(child.pid(), 0);
     const std::string lockFile = SlotClaim::PathOf(slot);
-    const bool claimed = Eventually([&] { return shared::FileLock::Holder(lockFile) == child; },
-                                    std::chrono::seconds(30));
-    if (claimed) {
-        EXPECT_THROW(Gateway(OneRoute(in)), std::runtime_error);
-    }
-    ::kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ::unlink(config.c_str());
-    ASSERT_TRUE(claimed) << "the gateway never claimed " << lockFile;
+    ASSERT_TRUE(Eventually([&] { return shared::FileLock::Holder(lockFile) == child.pid(); },
+                           std::chrono::seconds(30)))
+        << "the gateway never claimed " << lockFile;
+    EXPECT_THROW(Gateway(OneRoute(in)), std::runtime_error);
+    child.Kill();
     Gateway successor(OneRoute(in));
     EXPECT_EQ(shared::FileLock::Holder(lockFile), ::getpid());
+}
+
+// A stop ends within about the grace, however many routes wait on a peer that no longer answers
+// (here a receiving gateway stopped with SIGSTOP, within its lease): the routes' graces run
+// together, from the moment of the stop, not one after the other.
+TEST(Gateway, StopTakesTheGraceOnceForAllRoutes) {
+    constexpr int kRoutes = 4;
+    std::vector<std::unique_ptr<testsupport::ScopedSlotName>> slots;
+    std::vector<Route> outs, ins;
+    for (int n = 0; n < kRoutes; ++n) {
+        slots.emplace_back(new testsupport::ScopedSlotName("gw_stop_src"));
+        const std::string source = *slots.back();
+        slots.emplace_back(new testsupport::ScopedSlotName("gw_stop_dst"));
+        // One configuration has one topic per domain.
+        Link link = MakeLink(source, *slots.back(), "reliable", 64, 4, 4);
+        link.out.topic = link.in.topic = "stop_" + std::to_string(n);
+        outs.push_back(link.out);
+        ins.push_back(link.in);
+    }
+    GatewayProcess receiving(ins, 60000);
+    ASSERT_GT(receiving.pid(), 0);
+    Config config = OneRoute(outs[0]);
+    config.routes = outs;
+    config.stopGraceMs = 2000;
+    Gateway sending(config);
+    ASSERT_TRUE(Eventually(
+        [&] {
+            for (const RouteStatus& route : sending.Status()) {
+                if (route.matchedReaders != 1 || !route.sending) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        std::chrono::seconds(30)))
+        << sending.StatusJson();
+    ASSERT_EQ(::kill(receiving.pid(), SIGSTOP), 0);
+    for (const Route& out : outs) {
+        RouteSlotCfg cfg(out);
+        SlotWriter(SlotFactory::CreateSlot(&cfg)).onNotify(out.name, "x", 1);
+    }
+    // Every route has its block in hand, published and waiting.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto start = std::chrono::steady_clock::now();
+    sending.Stop();
+    const auto took = std::chrono::steady_clock::now() - start;
+    // One route after the other took 2 s for each route and more (10 s here).
+    EXPECT_LT(took, std::chrono::seconds(6))
+        << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms";
+    for (const RouteStatus& route : sending.Status()) {
+        EXPECT_EQ(route.counters.forwarded, 0u) << route.route.name;
+    }
 }
