@@ -178,8 +178,9 @@ bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& 
     }
     TryLockByte(fd.fd, PoolCreatorLockByte);
     auto discard = [&] { ::unlinkat(folderFd, temporary.c_str(), 0); };
-    // Readers write their holder bits: every user that may open the folder may attach.
-    ::fchmod(fd.fd, 0666);
+    // The slots' mode: readers write their holder bits, so only the owner (and root) attach.
+    // Another user who could write the file could also truncate it under its users (SIGBUS).
+    ::fchmod(fd.fd, 0644);
     const std::size_t size = static_cast<std::size_t>(geometry.totalSize);
     const int rc = ::posix_fallocate(fd.fd, 0, static_cast<off_t>(size));
     if (rc != 0) {

@@ -134,6 +134,40 @@ TEST_F(PoolTest, ConfigurationIsCheckedAndLaterOpenersGetTheCreatorsGeometry) {
               Thrown([&] { PoolFactory::CreatePoolReader(pool.Config("queue", 100, 4)); }));
 }
 
+// A pool belongs to its creator, as a slot does: another user may survey it but not attach, so
+// nobody else can truncate it under its users or rewrite its blocks.
+TEST_F(PoolTest, OnlyThePoolsOwnerAttaches) {
+    ScopedPool pool;
+    auto writer = PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2));
+    struct stat st;
+    ASSERT_EQ(0, ::stat(Slot::PoolPath(pool.str()).c_str(), &st));
+    EXPECT_EQ(0644u, st.st_mode & 07777);
+    if (::geteuid() != 0) {
+        return;  // another user's attempt needs root to become that user
+    }
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+            return testsupport::Failed(2, "cannot become nobody");
+        }
+        if (Slot::SurveyPool(pool.str()).blockCount != 2) {
+            return testsupport::Failed(3, "no survey");
+        }
+        const std::string refused = "Cannot open pool '" + pool.str() + "': Permission denied";
+        if (Thrown([&] { PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2)); }) !=
+            refused) {
+            return testsupport::Failed(4, "writer attached");
+        }
+        if (Thrown([&] {
+                PoolFactory::CreatePoolReader(pool.Config("queue", 64, 2),
+                                              boost::make_shared<testsupport::Collector>());
+            }) != refused) {
+            return testsupport::Failed(5, "reader attached");
+        }
+        return 0;
+    });
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
 TEST_F(PoolTest, LoansRecordTheirOutcomesAndDroppedLoansReturn) {
     ScopedPool pool;
     auto writer = PoolFactory::CreatePoolWriter(pool.Config("latest", 64, 2));
