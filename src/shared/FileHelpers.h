@@ -15,7 +15,7 @@ namespace shared {
 // never followed. An existing file is not opened at all: opening and closing a descriptor of a
 // file would drop the process's classic fcntl locks on it. Throws std::runtime_error when the
 // folder is unsafe, when something other than a regular file is at `path`, or when the file
-// cannot be created.
+// cannot be created. A FileLock of this process never loses its lock to the creation.
 SHARED_EXPORT std::string TouchFile(const std::string& path);
 
 // The formatting function that adds nothing: the array's bytes as they are.

@@ -2,6 +2,7 @@
 #include <shared/FileLock.h>
 
 #include <shared/AtForkMutex.h>
+#include <shared/FileHelpers.h>
 #include <shared/SharedFolder.h>
 
 #include <boost/interprocess/exceptions.hpp>
@@ -162,6 +163,46 @@ FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary) {
 }
 
 }  // namespace
+
+std::string TouchFile(const std::string& path) {
+    std::string folderPath;
+    std::string name;
+    if (!SplitFolderAndName(path, folderPath, name)) {
+        throw std::runtime_error("Cannot create file " + path + " : not a file name");
+    }
+    const CheckedFolder folder = CheckedFolder::Open(folderPath);
+    // Two rounds: a file made by another process between the look and the creation is looked
+    // at again.
+    for (int round = 0; round < 2; ++round) {
+        struct stat st;
+        if (::fstatat(folder.fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+            if (!S_ISREG(st.st_mode)) {
+                throw std::runtime_error("Cannot use file " + path +
+                                         " : something other than a regular file is there");
+            }
+            return path;
+        }
+        if (errno != ENOENT) {
+            break;
+        }
+        // Closing a descriptor of the file drops this process's lock on it. Under the registry's
+        // lock no FileLock of this process can open and lock the file before the close; other
+        // processes' locks are not affected.
+        RegistryLock lock;
+        const int fd =
+            ::openat(folder.fd(), name.c_str(),
+                     O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, 0644);
+        if (fd >= 0) {
+            ::fchmod(fd, 0644);
+            ::close(fd);
+            return path;
+        }
+        if (errno != EEXIST) {
+            break;
+        }
+    }
+    throw std::runtime_error("Cannot create file " + path + " : " + std::strerror(errno));
+}
 
 FileLock::FileLock() : entry_(nullptr) {}
 

@@ -10,8 +10,12 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
+#include <atomic>
+#include <chrono>
 #include <csignal>
+#include <fstream>
 #include <memory>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -68,6 +72,53 @@ TEST(FileLock, OtherLockObjectsTouchAndHolderKeepTheLock) {
     EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
     moved.unlock();
     EXPECT_EQ(1, TryInAnotherProcess(path));
+}
+
+// True when /proc/locks lists a record lock of this process on the file with inode `inode`.
+bool KernelLockOfThisProcess(ino_t inode) {
+    std::ifstream locks("/proc/locks");
+    const std::string pid = " " + std::to_string(::getpid()) + " ";
+    const std::string file = ":" + std::to_string(inode) + " ";
+    for (std::string line; std::getline(locks, line);) {
+        if (line.find("POSIX") != std::string::npos && line.find(pid) != std::string::npos &&
+            line.find(file) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A thread that locks a lock file as soon as another thread's TouchFile has made it keeps its
+// lock in the kernel: the creation's own descriptor is closed before the lock, never after.
+// Many rounds, since the window is a few instructions wide.
+TEST(FileLock, ALockTakenWhileAnotherThreadMakesTheFileStays) {
+    const std::string path = testsupport::TestRunDir() + "/" + testsupport::UniqueName("made");
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    int rounds = 0, lost = 0;
+    for (; rounds < 20000 && std::chrono::steady_clock::now() < end; ++rounds) {
+        ::unlink(path.c_str());
+        std::atomic<int> stage{0};  // 1: the locker is done with its try; 2: TouchFile returned
+        std::thread locker([&] {
+            struct stat st;
+            while (::stat(path.c_str(), &st) != 0) {
+            }
+            shared::FileLock lock(path.c_str());
+            const bool locked = lock.try_lock();
+            stage = 1;
+            while (stage != 2) {
+            }
+            if (locked && !KernelLockOfThisProcess(st.st_ino)) {
+                ++lost;
+            }
+        });
+        shared::TouchFile(path);
+        while (stage != 1) {
+        }
+        stage = 2;
+        locker.join();
+    }
+    ::unlink(path.c_str());
+    EXPECT_EQ(0, lost) << "of " << rounds << " rounds";
 }
 
 TEST(FileLock, HolderKilledReleasesTheLock) {
