@@ -7,6 +7,7 @@
 #include <Slot/SlotNames.h>
 
 #include <shared/Notifier.h>
+#include <shared/RobustMutex.h>
 #include <shared/SharedFolder.h>
 
 #include <unistd.h>
@@ -172,7 +173,8 @@ private:
         // No pause instruction: under a hypervisor a loop of pauses makes it take the core
         // away (pause-loop exiting), which costs microseconds when the block comes. The clock
         // and the stop flag are looked at every 64 loads.
-        const auto end = std::chrono::steady_clock::now() + std::chrono::nanoseconds(spinNs_);
+        const auto end = shared::SaturatedLater(std::chrono::steady_clock::now(),
+                                                std::chrono::nanoseconds(spinNs_));
         const std::atomic<std::uint32_t>& count = segment_.header().publishCount;
         for (unsigned n = 1;; ++n) {
             if (count.load(std::memory_order_acquire) != seen) {
@@ -384,8 +386,7 @@ INotifierPtr PoolFactory::CreateSpinningPoolReader(
         throw AbortSlotCreationException("Cannot create a reader for pool '" + config.name +
                                          "': the spin budget must be finite and not negative");
     }
-    return MakeReader(config, static_cast<std::int64_t>(spinBudget.total_microseconds()) * 1000,
-                      firstSubscriber);
+    return MakeReader(config, shared::SaturatedNanoseconds(spinBudget).count(), firstSubscriber);
 }
 
 unsigned PoolFactory::Recover(const std::string& name) {

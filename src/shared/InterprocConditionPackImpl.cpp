@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <shared/InterprocConditionPack.h>
+#include <shared/RobustMutex.h>
 #include <shared/UtcClock.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -10,6 +11,7 @@
 #include <time.h>
 #include <chrono>
 #include <cstdint>
+#include <limits>
 
 namespace shared {
 
@@ -81,9 +83,7 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
     } else {
         // On the monotonic clock: a change of the system's time neither ends the wait early nor
         // makes it last until the wall clock catches up.
-        const std::int64_t ns =
-            timeout.is_special() || timeout.is_negative() ? 0 : timeout.total_nanoseconds();
-        result = condition_->timed_wait_for(mutex, std::chrono::nanoseconds(ns), &lastSeen_);
+        result = condition_->timed_wait_for(mutex, SaturatedNanoseconds(timeout), &lastSeen_);
         if (trace) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.timed_wait(...) returned " << result);
         }
@@ -105,7 +105,11 @@ bool InterprocConditionPack<Mutex>::SpinForSignal(const boost::posix_time::time_
     if (budget.is_special() || budget.is_negative() || budget.ticks() == 0) {
         return false;
     }
-    const std::int64_t deadline = MonotonicNs() + budget.total_nanoseconds();
+    const std::int64_t now = MonotonicNs();
+    const std::int64_t span = SaturatedNanoseconds(budget).count();
+    const std::int64_t deadline = span >= std::numeric_limits<std::int64_t>::max() - now
+                                      ? std::numeric_limits<std::int64_t>::max()
+                                      : now + span;
     // The clock and the stop request are asked once per round of pauses only: the word itself
     // is a load from a cache line that stays in this core's cache until a broadcast writes it.
     constexpr unsigned int kRound = 32;

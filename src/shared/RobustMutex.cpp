@@ -105,6 +105,20 @@ timespec MonotonicDeadline(std::chrono::nanoseconds timeout) {
     return abs;
 }
 
+std::chrono::nanoseconds SaturatedNanoseconds(const boost::posix_time::time_duration& duration) {
+    if (duration.is_special() || duration.is_negative()) {
+        return std::chrono::nanoseconds(0);
+    }
+    // Ticks are microseconds (or finer): compare before multiplying.
+    constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+    const std::int64_t perSecond = boost::posix_time::time_duration::ticks_per_second();
+    const std::int64_t seconds = duration.ticks() / perSecond;
+    if (seconds >= kMax / 1000000000) {
+        return std::chrono::nanoseconds(kMax);
+    }
+    return std::chrono::nanoseconds(duration.total_nanoseconds());
+}
+
 void InitRobustMutex(pthread_mutex_t* mutex) {
     InitMutex(mutex, true);
 }

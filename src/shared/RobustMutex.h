@@ -89,6 +89,17 @@ SHARED_EXPORT bool TimedLockRecoveringFor(pthread_mutex_t* mutex, std::chrono::n
                                           const LockWatch* watch = nullptr);
 // The CLOCK_MONOTONIC time `timeout` from now (a negative one counts as 0).
 SHARED_EXPORT timespec MonotonicDeadline(std::chrono::nanoseconds timeout);
+// `duration` in nanoseconds: 0 for a negative or special one, and the largest count beyond about
+// 292 years, where total_nanoseconds() wraps round to a negative count.
+SHARED_EXPORT std::chrono::nanoseconds SaturatedNanoseconds(
+    const boost::posix_time::time_duration& duration);
+// `now` + `span` (not negative), or the clock's last time point where the sum would pass it.
+template <class TimePoint>
+TimePoint SaturatedLater(TimePoint now, std::chrono::nanoseconds span) {
+    const auto room = std::chrono::duration_cast<std::chrono::nanoseconds>(TimePoint::max() - now);
+    return span >= room ? TimePoint::max()
+                        : now + std::chrono::duration_cast<typename TimePoint::duration>(span);
+}
 // Never throws (it runs in destructors); unlocking a mutex the caller does not hold does nothing.
 SHARED_EXPORT void UnlockRobust(pthread_mutex_t* mutex, const LockWatch* watch = nullptr);
 

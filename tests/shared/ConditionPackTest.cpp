@@ -133,10 +133,12 @@ TEST(ConditionPack, BroadcastBetweenWaitsEndsTheNextWaitOnce) {
 TEST(ConditionPack, WaitsWithoutDeadlineReturnTrueOnlyAfterNotify) {
     ScopedSlotName name("cond");
     SharedCondition c(name);
-    // A deadline beyond 2038 as well: it must not overflow a 32-bit time_t.
+    // A deadline beyond 2038 as well: it must not overflow a 32-bit time_t; and one of 300
+    // years, beyond what a count of nanoseconds holds.
     for (const pt::time_duration& timeout :
          {pt::time_duration(pt::not_a_date_time), pt::time_duration(pt::pos_infin),
-          pt::time_duration(pt::hours(24 * 365 * 40))}) {
+          pt::time_duration(pt::hours(24 * 365 * 40)),
+          pt::time_duration(pt::hours(24 * 365 * 300))}) {
         Waiter waiter(*c.pack, timeout);
         ASSERT_TRUE(WaitForWaiters(c, 1));
         EXPECT_FALSE(waiter.Join(milliseconds(100))) << timeout << " returned without notify";
