@@ -56,8 +56,11 @@ void Notifier::notify(const std::string& name, const void* data, unsigned int si
             }
         }
     } guard(*this);
-    // Index loop: subscribers added meanwhile are appended, removed ones become null.
-    for (size_t i = 0; i < subscribers_.size(); ++i) {
+    // Index loop over the subscribers of the moment the notification began: removed ones become
+    // null; ones added meanwhile are appended past `end` and get the next notification (so one
+    // that unsubscribes and subscribes again inside its call is not called twice).
+    const size_t end = subscribers_.size();
+    for (size_t i = 0; i < end; ++i) {
         ISubscriber* subscriber = subscribers_[i];
         if (subscriber != nullptr) {
             subscriber->onNotify(name, data, size);

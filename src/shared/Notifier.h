@@ -20,7 +20,9 @@ namespace shared {
 //   an unsubscribe from another thread waits for the notification in progress;
 // - a subscriber may unsubscribe itself (or others) from inside onNotify: the mutex is
 //   recursive, and removals during a notification only clear the entry;
-// - subscribing the same subscriber twice delivers to it once.
+// - a subscriber added during a notification gets the next one, not the one in progress;
+// - subscribing the same subscriber twice delivers to it once, also when it unsubscribes and
+//   subscribes again during a notification.
 // A subscriber must not wait, inside onNotify, for another thread that calls into this notifier.
 class SHARED_EXPORT Notifier : public virtual INotifier {
 public:

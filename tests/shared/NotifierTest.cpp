@@ -152,6 +152,25 @@ TEST(Notifier, SubscribersMayUnsubscribeFromInsideOnNotify) {
     notifier.notify("n", nullptr, 0);
     EXPECT_EQ(3, first.calls);
     EXPECT_EQ(3, last.calls);
+
+    // Leaving and coming back inside its own call: one call per notification, and a subscriber
+    // added during a notification starts with the next one.
+    notifier.unsubscribeAll();
+    Recorder added;
+    self.calls = 0;
+    self.action = [&] {
+        notifier.unsubscribe(&self);
+        notifier.subscribe(&self);
+        notifier.subscribe(&added);
+    };
+    notifier.subscribe(&self);
+    notifier.notify("n", nullptr, 0);
+    EXPECT_EQ(1, self.calls);
+    EXPECT_EQ(0, added.calls);
+    self.action = nullptr;
+    notifier.notify("n", nullptr, 0);
+    EXPECT_EQ(2, self.calls);
+    EXPECT_EQ(1, added.calls);
 }
 
 // unsubscribe from another thread waits for a delivery in progress to that subscriber.
