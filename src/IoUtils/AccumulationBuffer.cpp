@@ -36,8 +36,10 @@ void AccumulationBuffer::onNotify(const std::string& name, const void* data, siz
             bytes += take;
             size -= take;
             if (pending_.size() < maxSize_) {
+                pendingSize_ = pending_.size();
                 break;
             }
+            pendingSize_ = 0;  // a whole record: on its way out
             record = pending_.data();
         }
         try {
@@ -63,13 +65,13 @@ void AccumulationBuffer::Flush() {
     }
     std::vector<char> record;
     record.swap(pending_);
+    pendingSize_ = 0;
     pending_.reserve(record.capacity());
     notify(lastName_, record.data(), static_cast<unsigned int>(record.size()));
 }
 
 size_t AccumulationBuffer::GetPendingSize() const {
-    boost::mutex::scoped_lock lock(mutex_);
-    return pending_.size();
+    return pendingSize_.load();
 }
 
 }  // namespace IoUtils

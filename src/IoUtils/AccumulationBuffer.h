@@ -8,6 +8,7 @@
 
 #include <boost/thread/mutex.hpp>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -43,14 +44,16 @@ public:
     void Flush();
 
     unsigned int GetMaxSize() const { return maxSize_; }
-    // Number of bytes waiting for the rest of their record.
+    // Number of bytes waiting for the rest of their record. Takes no lock: a subscriber may ask
+    // from inside its onNotify.
     size_t GetPendingSize() const;
 
 private:
     const unsigned int maxSize_;
     mutable boost::mutex mutex_;
-    std::vector<char> pending_;  // guarded by mutex_; always fewer than maxSize_ bytes
-    std::string lastName_;       // guarded by mutex_; name of the latest block
+    std::vector<char> pending_;           // guarded by mutex_; always fewer than maxSize_ bytes
+    std::string lastName_;                // guarded by mutex_; name of the latest block
+    std::atomic<size_t> pendingSize_{0};  // written under mutex_: pending_'s bytes still waiting
 };
 
 }  // namespace IoUtils

@@ -15,6 +15,9 @@ public:
     void onNotify(const std::string& name, const void* data, size_t size) override {
         names.push_back(name);
         records.push_back(std::string(static_cast<const char*>(data), size));
+        if (asked != nullptr) {
+            pendingSeen.push_back(asked->GetPendingSize());
+        }
     }
     std::string Joined() const {
         std::string all;
@@ -25,6 +28,9 @@ public:
     }
     std::vector<std::string> names;
     std::vector<std::string> records;
+    // When set, asked for its pending size from inside every call.
+    const IoUtils::AccumulationBuffer* asked = nullptr;
+    std::vector<size_t> pendingSeen;
 };
 
 // Throws on every second notification.
@@ -75,6 +81,7 @@ TEST(AccumulationBuffer, OddSizedBlocksComeOutAsWholeRecordsByteIdenticalAndInOr
         SCOPED_TRACE(maxSize);
         IoUtils::AccumulationBuffer buffer(maxSize, 4096);
         Recorder out;
+        out.asked = &buffer;  // a subscriber may ask, from inside its call
         buffer.subscribe(&out);
         std::string in;
         unsigned int seed = 0;
@@ -88,6 +95,8 @@ TEST(AccumulationBuffer, OddSizedBlocksComeOutAsWholeRecordsByteIdenticalAndInOr
         for (const std::string& record : out.records) {
             ASSERT_EQ(maxSize, record.size());
         }
+        // A record on its way out waits for nothing: what remains of a block comes after it.
+        EXPECT_EQ(std::vector<size_t>(out.records.size(), 0u), out.pendingSeen);
         const size_t whole = out.records.size();
         buffer.Flush();
         buffer.Flush();  // nothing left the second time
