@@ -833,7 +833,11 @@ TEST_F(PoolTest, ReadersComingAndGoingAreNeverTwoAtOnce) {
             }
         });
     }
-    std::this_thread::sleep_for(std::chrono::seconds(1));
+    // Enough turns to matter, however loaded the machine: a count, bounded by a generous time.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (made.load() < 200 && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     stop = true;
     for (auto& thread : threads) {
         thread.join();
