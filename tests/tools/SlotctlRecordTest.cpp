@@ -538,6 +538,7 @@ TEST(SlotctlRecord, RefusalsAndDamagedFilesGiveOneClearLine) {
          "--compression must be zstd or none"},
         {{"read", damaged}, 1, "is damaged at byte"},
         {{"read", RecordingPath("missing")}, 1, "no such recording (and no slot of that name)"},
+        {{"info", RecordingPath("missing")}, 1, "no such recording (and no slot of that name)"},
         {{"replay", "--max", good.substr(0, good.size() - 5)}, 2, "is not a recording"},
     };
     for (const auto& c : cases) {

@@ -15,7 +15,8 @@ namespace slotctltest {
 
 namespace {
 
-pid_t Spawn(const std::vector<std::string>& args, uid_t uid, int& in, int& out, int& err) {
+pid_t Spawn(const std::vector<std::string>& args, uid_t uid, int& in, int& out, int& err,
+            const std::string& stdoutPath) {
     int pin[2], pout[2], perr[2];
     if (::pipe2(pin, O_CLOEXEC) != 0 || ::pipe2(pout, O_CLOEXEC) != 0 ||
         ::pipe2(perr, O_CLOEXEC) != 0) {
@@ -33,7 +34,8 @@ pid_t Spawn(const std::vector<std::string>& args, uid_t uid, int& in, int& out, 
     }
     if (pid == 0) {
         ::dup2(pin[0], STDIN_FILENO);
-        ::dup2(pout[1], STDOUT_FILENO);
+        const int file = stdoutPath.empty() ? -1 : ::open(stdoutPath.c_str(), O_WRONLY);
+        ::dup2(file >= 0 ? file : pout[1], STDOUT_FILENO);
         ::dup2(perr[1], STDERR_FILENO);
         if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) {
             ::_exit(126);
@@ -132,15 +134,16 @@ std::string Outcome::Describe() const {
 }
 
 Outcome Slotctl(const std::vector<std::string>& args, const Options& options) {
-    Background child(args, options.uid);
+    Background child(args, options.uid, options.stdoutPath);
     child.Write(options.input);
     return child.Finish(options.timeout);
 }
 
-Background::Background(const std::vector<std::string>& args, uid_t uid) {
+Background::Background(const std::vector<std::string>& args, uid_t uid,
+                       const std::string& stdoutPath) {
     // A child that ends before reading its input must not kill us with SIGPIPE.
     std::signal(SIGPIPE, SIG_IGN);
-    pid_ = Spawn(args, uid, in_, out_, err_);
+    pid_ = Spawn(args, uid, in_, out_, err_, stdoutPath);
 }
 
 void Background::Write(const std::string& input) {

@@ -39,6 +39,8 @@ struct Options {
     std::string input;  // written to its standard input, which is then closed
     std::chrono::milliseconds timeout = std::chrono::seconds(60);
     uid_t uid = 0;  // when not 0 (and we are root): run as this user
+    // When set, its standard output is this file (such as /dev/full); `out` stays empty.
+    std::string stdoutPath = "";
 };
 
 // Runs slotctl with `args` (the environment, SLOT_LOCK_DIR and SLOT_PIPE_DIR included, is
@@ -48,7 +50,9 @@ Outcome Slotctl(const std::vector<std::string>& args, const Options& options = O
 // slotctl running in the background. The destructor kills it if it still runs.
 class Background {
 public:
-    explicit Background(const std::vector<std::string>& args, uid_t uid = 0);
+    // `stdoutPath`: as Options::stdoutPath.
+    explicit Background(const std::vector<std::string>& args, uid_t uid = 0,
+                        const std::string& stdoutPath = "");
     ~Background();
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;

@@ -320,6 +320,115 @@ TEST(SlotctlReadWrite, RefusedAndDiscardedBlocksAreReportedAsTheLibraryLogsThem)
               discarded.err);
 }
 
+// Removes a reliable slot's reader lock file at the end of a test, also one that failed.
+struct LockFileGone {
+    explicit LockFileGone(const std::string& name) : name(name) {}
+    ~LockFileGone() { ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str()); }
+    std::string name;
+};
+
+// A reliable slot holding the blocks "0", "1", ... "<count - 1>"; the lines read prints for them.
+std::vector<std::string> FillNumbered(const std::string& name, int count) {
+    std::string input;
+    std::vector<std::string> printed;
+    for (int i = 0; i < count; ++i) {
+        input += std::to_string(i) + "\n";
+        printed.push_back(std::to_string(std::to_string(i).size()) +
+                          " bytes: " + std::to_string(i));
+    }
+    const Outcome write =
+        Slotctl({"write", name, "--type", "reliable", "--queue", std::to_string(count), "--lines"},
+                Options{input, std::chrono::seconds(60)});
+    EXPECT_EQ(0, write.status) << write.Describe();
+    return printed;
+}
+
+// What a reader prints next of `printed`, from `next` on, is `lines`: no block was lost.
+void ExpectNext(const std::vector<std::string>& printed, size_t& next,
+                const std::vector<std::string>& lines) {
+    ASSERT_LE(next + lines.size(), printed.size());
+    EXPECT_EQ(std::vector<std::string>(printed.begin() + static_cast<long>(next),
+                                       printed.begin() + static_cast<long>(next + lines.size())),
+              lines);
+    next += lines.size();
+}
+
+// read --count N takes N blocks and leaves the rest in the slot, however many wait: the
+// reader stops itself at its last block. Repeated, since a reader stopped later drains the
+// slot in the meantime.
+TEST(SlotctlReadWrite, ReadCountTakesItsBlocksAndLeavesTheRestInTheSlot) {
+    ScopedSlotName name("count");
+    const LockFileGone lockFile(name);
+    const std::vector<std::string> printed = FillNumbered(name, 1000);
+    size_t next = 0;
+    for (int run = 0; run < 15; ++run) {
+        const int count = 1 + run % 3;
+        const Outcome read =
+            Slotctl({"read", name.str(), "--count", std::to_string(count), "--timeout", "20000"});
+        ASSERT_EQ(0, read.status) << read.Describe();
+        ASSERT_EQ(1u, read.ErrLines().size()) << read.Describe();
+        ExpectNext(printed, next, slotctltest::Lines(read.out));
+    }
+    const Outcome rest =
+        Slotctl({"read", name.str(), "--count", std::to_string(1000 - next), "--timeout", "20000"});
+    EXPECT_EQ(0, rest.status) << rest.Describe();
+    ExpectNext(printed, next, slotctltest::Lines(rest.out));
+}
+
+// A standard output that fails is an error, status 1; read then stops its reader at once and
+// counts the blocks it took and could not write, and the rest stays in the slot.
+TEST(SlotctlReadWrite, AFailingStandardOutputIsAnErrorAndLosesNoBlockUnsaid) {
+    ScopedSlotName name("full");
+    const LockFileGone lockFile(name);
+    const std::vector<std::string> printed = FillNumbered(name, 300);
+    Options full;
+    full.stdoutPath = "/dev/full";
+    const std::string failure = "slotctl: cannot write standard output: No space left on device\n";
+    const Outcome read = Slotctl({"read", name.str(), "--follow", "--timeout", "20000"}, full);
+    EXPECT_EQ(1, read.status) << read.Describe();
+    const std::vector<std::string> errLines = read.ErrLines();
+    ASSERT_FALSE(errLines.empty()) << read.Describe();
+    const std::vector<std::string> words = slotctltest::Words(errLines.back());
+    ASSERT_EQ(9u, words.size()) << read.Describe();
+    const size_t taken = std::stoul(words[1]);
+    EXPECT_EQ("slotctl: reading '" + name.str() + "' (reliable)\n" + failure +
+                  "slotctl: " + std::to_string(taken) + (taken == 1 ? " block" : " blocks") +
+                  " taken from '" + name.str() + "' and not written\n",
+              read.err);
+    EXPECT_GE(taken, 1u);
+    EXPECT_LT(taken, 100u) << "the reader went on taking blocks";
+    size_t next = taken;
+    const Outcome rest =
+        Slotctl({"read", name.str(), "--count", std::to_string(300 - taken), "--timeout", "20000"});
+    EXPECT_EQ(0, rest.status) << rest.Describe();
+    ExpectNext(printed, next, slotctltest::Lines(rest.out));
+
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"ls"}, {"ls", "--json"}, {"info", name.str()}, {"info", name.str(), "--json"}}) {
+        const Outcome run = Slotctl(args, full);
+        EXPECT_EQ(1, run.status) << args[0] << "\n" << run.Describe();
+        EXPECT_EQ(failure, run.err) << args[0];
+    }
+}
+
+// The text format shows what names show escaped (C0, DEL and C1 controls, bytes that are not
+// UTF-8, as \xNN), a backslash doubled and \n, \t, \r short; other UTF-8 as it is.
+TEST(SlotctlReadWrite, TheTextFormatEscapesEveryControlCharacterAndInvalidByte) {
+    ScopedSlotName name("escape");
+    const LockFileGone lockFile(name);
+    const std::string block =
+        "a\xc2\x9b"
+        "31mRED\x9b\xff\x1b\x7f\\\n\t\r\xc3\xa9\xe2\x82";
+    const Outcome write = Slotctl({"write", name.str(), "--type", "reliable", "-"},
+                                  Options{block, std::chrono::seconds(60)});
+    EXPECT_EQ(0, write.status) << write.Describe();
+    const Outcome read = Slotctl({"read", name.str(), "--timeout", "20000"});
+    EXPECT_EQ(0, read.status) << read.Describe();
+    EXPECT_EQ(std::to_string(block.size()) +
+                  " bytes: a\\xc2\\x9b31mRED\\x9b\\xff\\x1b\\x7f\\\\\\n\\t\\r\xc3\xa9\\xe2\\x82\n",
+              read.out);
+}
+
 // The summary and the exit status come from the write outcomes, not from the log: a
 // configuration that silences the library hides the WARN line but not the refusal.
 TEST(SlotctlReadWrite, RefusedBlocksCountAlsoWhenTheLogIsSilenced) {
@@ -391,6 +500,28 @@ TEST(SlotctlDemo, AShortRunAccountsForEveryBlockAndLeavesNothing) {
     }
     EXPECT_THAT(demo.out, AllOf(HasSubstr("every block that was stored arrived once, in order"),
                                 HasSubstr("removed slot '" + prefix + "-discarding'")));
+    ExpectNothingLeft(prefix);
+}
+
+// Another writer's block of the demo's size, whatever its bytes, is counted apart and ignored:
+// a sequence number of 2^64 - 1 once made the subscriber write outside its memory.
+TEST(SlotctlDemo, AForeignBlockIsCountedApartNotTrusted) {
+    const DemoObjects objects;
+    const std::string& prefix = objects.Prefix();
+    Background demo(
+        {"demo", "--duration", "4", "--rate", "100", "--burst", "1", "--prefix", prefix});
+    ASSERT_TRUE(demo.WaitForOut(" received,")) << demo.Finish().Describe();
+    const Outcome write = Slotctl({"write", prefix + "-reliable", "-"},
+                                  Options{std::string(64, '\xff'), std::chrono::seconds(60)});
+    EXPECT_EQ(0, write.status) << write.Describe();
+    const Outcome run = demo.Finish(std::chrono::seconds(60));
+    EXPECT_EQ(0, run.status) << run.Describe();
+    EXPECT_THAT(run.out, HasSubstr("\nreliable: 1 block of another writer (not the demo's) "
+                                   "ignored.\n"))
+        << run.Describe();
+    const std::vector<std::string> row = SummaryRow(run.out, "reliable");
+    ASSERT_GE(row.size(), 6u) << run.out;
+    EXPECT_EQ(std::stol(row[1]), std::stol(row[2]) + std::stol(row[3])) << run.out;
     ExpectNothingLeft(prefix);
 }
 

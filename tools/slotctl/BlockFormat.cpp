@@ -14,31 +14,25 @@ namespace slotctl {
 
 namespace {
 
+// The block as names are printed (Slot::Printable: control characters and bytes that are not
+// UTF-8 as \xNN), with a backslash doubled and \n, \t, \r in their short form.
 std::string TextLine(const std::string& block) {
     std::string line = std::to_string(block.size()) + " bytes: ";
-    for (char c : block) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        switch (c) {
-            case '\n':
-                line += "\\n";
-                break;
-            case '\t':
-                line += "\\t";
-                break;
-            case '\r':
-                line += "\\r";
-                break;
-            case '\\':
-                line += "\\\\";
-                break;
-            default:
-                if (u < 0x20 || u == 0x7f) {
-                    char hex[8];
-                    std::snprintf(hex, sizeof(hex), "\\x%02x", u);
-                    line += hex;
-                } else {
-                    line += c;
-                }
+    // These bytes never occur inside a UTF-8 sequence: the text between them is escaped alone.
+    size_t from = 0;
+    for (size_t at = 0; at <= block.size(); ++at) {
+        const char c = at < block.size() ? block[at] : '\0';
+        const char* escape = c == '\n'   ? "\\n"
+                             : c == '\t' ? "\\t"
+                             : c == '\r' ? "\\r"
+                             : c == '\\' ? "\\\\"
+                                         : nullptr;
+        if (escape != nullptr || at == block.size()) {
+            line += Slot::Printable(block.substr(from, at - from));
+            if (escape != nullptr) {
+                line += escape;
+            }
+            from = at + 1;
         }
     }
     return line + "\n";

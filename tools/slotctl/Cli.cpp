@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace slotctl {
 
@@ -178,11 +179,27 @@ bool WriteOut(const std::string& bytes) {
             continue;
         }
         if (n <= 0) {
+            if (n == 0) {
+                errno = EIO;
+            }
             return false;
         }
         done += static_cast<size_t>(n);
     }
     return true;
+}
+
+std::string OutputFailure(int error) {
+    if (error == EPIPE) {
+        return "";
+    }
+    return std::string("cannot write standard output: ") + std::strerror(error);
+}
+
+void PrintOut(const std::string& text) {
+    if (!WriteOut(text)) {
+        throw CommandError(ExitFailure, OutputFailure(errno));
+    }
 }
 
 }  // namespace slotctl

@@ -92,7 +92,16 @@ std::string Join(const std::vector<std::string>& parts);
 std::string Padded(const std::string& text, size_t width);
 std::string RightAligned(const std::string& text, size_t width);
 
-// Writes all of `bytes` to standard output; false when it is gone (EPIPE) or fails.
+// Writes all of `bytes` to standard output; false when it is gone (EPIPE) or fails, with the
+// reason in errno.
 bool WriteOut(const std::string& bytes);
+
+// Why standard output failed with `error`, as said on stderr after "slotctl: ": "cannot write
+// standard output: <reason>"; empty for a closed pipe (EPIPE), which ends quietly.
+std::string OutputFailure(int error);
+
+// Writes all of `text` to standard output; throws CommandError (status 1, OutputFailure's
+// message) when that fails.
+void PrintOut(const std::string& text);
 
 }  // namespace slotctl

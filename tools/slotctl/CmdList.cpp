@@ -319,7 +319,7 @@ int RunList(const Context&, const std::vector<std::string>& args) {
         pools.push_back(Slot::SurveyPool(pool));
     }
     if (arguments.Has("json")) {
-        std::cout << ListJson(reports, pools) << std::endl;
+        PrintOut(ListJson(reports, pools) + "\n");
         return ExitOk;
     }
     size_t nameWidth = 4;
@@ -356,7 +356,7 @@ int RunList(const Context&, const std::vector<std::string>& args) {
         out << "\n";
         PrintPools(out, pools);
     }
-    std::cout << out.str() << std::flush;
+    PrintOut(out.str());
     return ExitOk;
 }
 
@@ -370,6 +370,7 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
         }
         return RecordingInfo(name);
     }
+    RefuseMissingRecording("open", name);
     if (MeansPool(arguments, "info", name)) {
         const Slot::PoolReport report = Slot::SurveyPool(name);
         if (!report.exists) {
@@ -377,11 +378,11 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
                                                 Printable(Slot::PoolPath(name)));
         }
         if (arguments.Has("json")) {
-            std::cout << Slot::PoolInfoJson(report) << std::endl;
+            PrintOut(Slot::PoolInfoJson(report) + "\n");
         } else {
             std::ostringstream out;
             PrintPoolInfo(out, report);
-            std::cout << out.str() << std::flush;
+            PrintOut(out.str());
         }
         return ExitOk;
     }
@@ -408,11 +409,11 @@ int RunInfo(const Context&, const std::vector<std::string>& args) {
         throw CommandError(ExitFailure, Quote(name) + " is not a slot: " + Printable(reason));
     }
     if (arguments.Has("json")) {
-        std::cout << InfoJson(report) << std::endl;
+        PrintOut(InfoJson(report) + "\n");
     } else {
         std::ostringstream out;
         PrintInfo(out, report);
-        std::cout << out.str() << std::flush;
+        PrintOut(out.str());
     }
     return ExitOk;
 }

@@ -3,6 +3,7 @@
 #include "BlockFormat.h"
 #include "Cli.h"
 #include "Commands.h"
+#include "HeldReader.h"
 #include "PoolTarget.h"
 #include "Recording.h"
 #include "Signals.h"
@@ -23,9 +24,11 @@
 #include <unistd.h>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <utility>
 
@@ -36,12 +39,21 @@ namespace {
 // A block and when it arrived.
 typedef std::pair<std::string, boost::posix_time::ptime> Block;
 
+// Blocks a reader of a reliable slot or a queue pool may have taken ahead of the printing:
+// after a failed output that many are lost at most, the rest stays in the slot.
+const size_t MaxAhead = 16;
+
 // Runs on the reader's thread: copies each block and wakes the main thread, which prints.
 // Printing stays on the main thread so that a slow or closed standard output never holds up
-// the reader thread.
+// a discarding reader's thread; one whose every block counts (`keeps`: a reliable slot, a
+// queue pool) waits instead while MaxAhead blocks wait to be printed. The queue also stops the
+// reader: at its `target`-th block (0: no target), or at the block in hand once Stop was
+// called, so that such a slot keeps every block that was not taken.
 class BlockQueue : public shared::ISubscriber {
 public:
-    BlockQueue() {
+    // `drains`: see HeldReader.
+    BlockQueue(std::uint64_t target, bool keeps, bool drains)
+        : target_(target), keeps_(keeps), held_(drains) {
         if (::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) {
             throw CommandError(ExitFailure, "cannot make a pipe");
         }
@@ -52,14 +64,23 @@ public:
     }
 
     void onNotify(const std::string&, const void* data, size_t size) override {
+        bool stop = false;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            std::unique_lock<std::mutex> lock(mutex_);
+            if (keeps_) {
+                room_.wait(lock, [&] { return blocks_.size() < MaxAhead || stopping_; });
+            }
             blocks_.emplace_back(std::string(static_cast<const char*>(data), size),
                                  boost::posix_time::microsec_clock::universal_time());
+            ++taken_;
+            stop = stopping_ || (target_ != 0 && taken_ >= target_);
         }
         const char byte = 1;
         // A full wake-up pipe already holds a wake-up.
         if (::write(wake_[1], &byte, 1) < 0) {
+        }
+        if (stop) {
+            held_.StopHere();
         }
     }
 
@@ -69,35 +90,66 @@ public:
         char drain[256];
         while (::read(wake_[0], drain, sizeof(drain)) > 0) {
         }
-        std::lock_guard<std::mutex> lock(mutex_);
         std::deque<Block> taken;
-        taken.swap(blocks_);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            taken.swap(blocks_);
+        }
+        room_.notify_all();
         return taken;
+    }
+
+    // The share of this queue to make the reader with, and the reader once made.
+    ISubscriberPtr Share() { return held_.Share(*this); }
+    void Made(INotifierPtr reader) { held_.Made(std::move(reader)); }
+
+    // Stops the reader: it takes nothing after the block in hand. Returns once the reader has
+    // let go of the queue; its thread may first have to get the slot's lock.
+    void Stop() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        room_.notify_all();
+        held_.Stop();
+        held_.WaitGone(-1);
     }
 
 private:
     int wake_[2];
+    const std::uint64_t target_;
+    const bool keeps_;
     std::mutex mutex_;
-    std::deque<Block> blocks_;  // guarded by mutex_
+    std::condition_variable room_;  // a Take or a stop
+    std::deque<Block> blocks_;      // guarded by mutex_
+    std::uint64_t taken_ = 0;       // guarded by mutex_
+    bool stopping_ = false;         // guarded by mutex_
+    HeldReader held_;
 };
 
-// The queue outlives the reader, which gets it without ownership.
-ISubscriberPtr Unowned(BlockQueue& queue) {
-    return ISubscriberPtr(&queue, [](shared::ISubscriber*) {});
-}
-
-// Opens a reader of the slot `name` delivering to `queue`; returns the slot's kind.
-std::string OpenSlotReader(const Arguments& arguments, const std::string& name, BlockQueue& queue,
-                           INotifierPtr& reader, int limitMs) {
+// Opens a reader of the slot `name` delivering to a queue made for it; returns the slot's
+// kind.
+std::string OpenSlotReader(const Arguments& arguments, const std::string& name,
+                           std::uint64_t target, std::unique_ptr<BlockQueue>& made, int limitMs) {
     const SlotCfg cfg = ResolveSlot(arguments, name);
     const std::string type = TypeName(cfg);
+    made.reset(new BlockQueue(target, type == "reliable", type == "reliable"));
+    BlockQueue& queue = *made;
     try {
         // Subscribed before the reader's thread starts: a reliable reader drains the blocks
         // that were waiting at once, and they must reach us.
         // Opening waits for the slot's lock, which a live process may keep: that wait still
         // ends on Ctrl-C and --timeout.
         const WaitResult opened = RunInterruptibly(
-            [&] { reader = SlotFactory::CreateSlotReader(&cfg, Unowned(queue)); }, limitMs);
+            [&] {
+                try {
+                    queue.Made(SlotFactory::CreateSlotReader(&cfg, queue.Share()));
+                } catch (...) {
+                    queue.Made(nullptr);
+                    throw;
+                }
+            },
+            limitMs);
         if (opened == WaitResult::Stopped) {
             LeaveNow(ExitInterrupted, "");
         }
@@ -121,14 +173,17 @@ std::string OpenSlotReader(const Arguments& arguments, const std::string& name, 
     return type;
 }
 
-// Opens a reader of the pool `name` (made when missing) delivering to `queue`; returns "<kind>
-// pool". Opening a pool waits for nothing another process holds.
-std::string OpenPoolReader(const Arguments& arguments, const std::string& name, BlockQueue& queue,
-                           INotifierPtr& reader) {
+// Opens a reader of the pool `name` (made when missing) delivering to a queue made for it;
+// returns "<kind> pool". Opening a pool waits for nothing another process holds.
+std::string OpenPoolReader(const Arguments& arguments, const std::string& name,
+                           std::uint64_t target, std::unique_ptr<BlockQueue>& made) {
     const Slot::PoolConfig config = ResolvePool(arguments, "read", name);
+    made.reset(new BlockQueue(target, config.kind == "queue", false));
+    BlockQueue& queue = *made;
     try {
-        reader = Slot::PoolFactory::CreatePoolReader(config, Unowned(queue));
+        queue.Made(Slot::PoolFactory::CreatePoolReader(config, queue.Share()));
     } catch (const std::exception& e) {
+        queue.Made(nullptr);
         std::string message = "cannot read " + Quote(name) + ": " + e.what();
         const Slot::PoolReport report = Slot::SurveyPool(name);
         if (config.kind == "queue" && report.queueReader > 0) {
@@ -141,6 +196,14 @@ std::string OpenPoolReader(const Arguments& arguments, const std::string& name, 
 
 }  // namespace
 
+void RefuseMissingRecording(const std::string& verb, const std::string& operand) {
+    if (EndsWith(operand, ".mcap") &&
+        SlotSurvey::InspectSlot(operand).header.state == SlotPartState::Absent) {
+        throw CommandError(ExitFailure, "cannot " + verb + " " + Quote(operand) +
+                                            ": no such recording (and no slot of that name)");
+    }
+}
+
 int RunRead(const Context&, const std::vector<std::string>& args) {
     const Arguments arguments("read", args, SlotValuedOptions({"count", "timeout", "format"}),
                               TargetFlags({"follow"}));
@@ -149,12 +212,8 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     if (IsRecordingFile(name)) {
         return ReadRecording(arguments, name);
     }
-    if (EndsWith(name, ".mcap") &&
-        SlotSurvey::InspectSlot(name).header.state == SlotPartState::Absent) {
-        // Meant as a recording, most likely: reading would make a slot of that name and wait.
-        throw CommandError(ExitFailure, "cannot read " + Quote(name) +
-                                            ": no such recording (and no slot of that name)");
-    }
+    // Reading would make a slot of that name and wait.
+    RefuseMissingRecording("read", name);
     const std::string format = arguments.Get("format", "text");
     if (!IsBlockFormat(format)) {
         throw UsageError("read: --format must be text, hex, raw, frames or ndjson, not " +
@@ -165,29 +224,40 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
         arguments.GetNumber("count", arguments.Has("follow") ? 0 : 1, 0, UINT64_MAX >> 1);
     const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
     const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
-    BlockQueue queue;
-    INotifierPtr reader;
+    std::unique_ptr<BlockQueue> made;
     const std::string type = MeansPool(arguments, "read", name)
-                                 ? OpenPoolReader(arguments, name, queue, reader)
-                                 : OpenSlotReader(arguments, name, queue, reader, limitMs);
+                                 ? OpenPoolReader(arguments, name, target, made)
+                                 : OpenSlotReader(arguments, name, target, made, limitMs);
+    BlockQueue& queue = *made;
     std::cerr << "slotctl: reading " << Quote(name) << " (" << type << ")" << std::endl;
 
     std::uint64_t printed = 0;
     int status = ExitOk;
-    bool outputGone = false;
+    int outputError = 0;          // why standard output failed; 0 while it works
+    std::uint64_t unwritten = 0;  // blocks taken and not written, after a failure
     auto print = [&](const std::deque<Block>& blocks) {
         for (const Block& block : blocks) {
-            const std::string out = FormatBlock(format, block.first, block.second);
-            if (outputGone || !WriteOut(out)) {
-                outputGone = true;  // nobody reads our output any more
-                return;
+            if (outputError == 0 && !WriteOut(FormatBlock(format, block.first, block.second))) {
+                outputError = errno;
             }
-            ++printed;
+            ++(outputError == 0 ? printed : unwritten);
         }
     };
-    while (!outputGone && (target == 0 || printed < target)) {
-        const WaitResult wait =
-            WaitReadableOrStop(queue.WakeFd(), timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs));
+    // After a failed output: its reason, unless it is a closed pipe, and the blocks taken and
+    // not written, also after a closed pipe when every block counts (a reliable slot, a queue
+    // pool).
+    auto reportOutputFailure = [&] {
+        const std::string failure = OutputFailure(outputError);
+        if (!failure.empty()) {
+            std::cerr << "slotctl: " << failure << std::endl;
+        }
+        if (unwritten != 0 && (!failure.empty() || type == "reliable" || type == "queue pool")) {
+            std::cerr << "slotctl: " << unwritten << (unwritten == 1 ? " block" : " blocks")
+                      << " taken from " << Quote(name) << " and not written" << std::endl;
+        }
+    };
+    while (outputError == 0 && (target == 0 || printed < target)) {
+        const WaitResult wait = WaitReadableOrStop(queue.WakeFd(), limitMs);
         if (wait == WaitResult::Stopped) {
             status = ExitInterrupted;
             break;
@@ -206,20 +276,19 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
         }
         print(queue.Take());
     }
-    // The reader's thread may be waiting for the slot's lock: stopping it is bounded too.
-    const WaitResult closed = RunInterruptibly(
-        [&] {
-            reader->unsubscribe(&queue);
-            reader.reset();
-        },
-        limitMs < 0 ? 2000 : limitMs);
-    if (closed != WaitResult::Ready) {
-        print(queue.Take());
-        LeaveNow(closed == WaitResult::Stopped ? ExitInterrupted : status, "");
-    }
-    // A reliable reader takes every waiting block at each wake-up: what it took beyond the
-    // count is printed too rather than lost.
+    // The reader takes nothing after the block in hand (with --count it stopped itself at its
+    // last block, and took no more). Its thread may be waiting for the slot's lock: stopping it
+    // is bounded too.
+    const WaitResult closed = RunInterruptibly([&] { queue.Stop(); }, limitMs < 0 ? 2000 : limitMs);
+    // A block the reader took meanwhile (a stop, a timeout) is printed rather than lost.
     print(queue.Take());
+    if (outputError != 0) {
+        reportOutputFailure();
+        status = ExitFailure;
+    }
+    if (closed != WaitResult::Ready) {
+        LeaveNow(outputError == 0 && closed == WaitResult::Stopped ? ExitInterrupted : status, "");
+    }
     return status;
 }
 

@@ -2,6 +2,7 @@
 // slotctl record: reads slots and writes every block that arrives to an MCAP file.
 #include "Cli.h"
 #include "Commands.h"
+#include "HeldReader.h"
 #include "Mcap.h"
 #include "PoolTarget.h"
 #include "Recording.h"
@@ -192,8 +193,9 @@ struct Sink {
 
 // One recorded slot or pool.
 struct Source : public shared::ISubscriber {
-    Source(size_t index, const std::string& name, Backlog& backlog, Sink& sink)
-        : index(index), name(name), backlog(backlog), sink(sink) {}
+    // `drains`: a reliable slot's (see HeldReader).
+    Source(size_t index, const std::string& name, bool drains, Backlog& backlog, Sink& sink)
+        : index(index), name(name), backlog(backlog), sink(sink), held(drains) {}
 
     // The reader's thread: numbers the block, passes it on to --tee, writes it or queues it.
     void onNotify(const std::string&, const void* data, size_t size) override {
@@ -221,10 +223,10 @@ struct Source : public shared::ISubscriber {
             tee->Write(bytes, size, [&] { return backlog.Stopping(); });
         }
         if (sink.failed) {
-            // The recording has failed: this block is lost, and the reader, released on its
-            // own thread, takes nothing more (a reliable slot keeps the rest).
+            // The recording has failed: this block is lost, and the reader takes nothing more
+            // (a reliable slot keeps the rest).
             ++dropped;
-            StopReader();
+            held.StopHere();
             return;
         }
         // A reliable slot's block is written from here, without a copy, once none of its
@@ -245,24 +247,22 @@ struct Source : public shared::ISubscriber {
             direct = sink.mutex.try_lock();
         }
         if (direct) {
-            INotifierPtr released;  // dropped after the file's lock
-            std::lock_guard<std::timed_mutex> lock(sink.mutex, std::adopt_lock);
-            if (sink.failure.empty()) {
-                try {
-                    sink.store(*this, sequence, time, bytes, size);
-                    return;
-                } catch (const std::exception& e) {
-                    sink.Fail(e.what());
-                    backlog.Wake();
+            {
+                std::lock_guard<std::timed_mutex> lock(sink.mutex, std::adopt_lock);
+                if (sink.failure.empty()) {
+                    try {
+                        sink.store(*this, sequence, time, bytes, size);
+                        return;
+                    } catch (const std::exception& e) {
+                        sink.Fail(e.what());
+                        backlog.Wake();
+                    }
                 }
+                ++dropped;
             }
-            ++dropped;
-            // Taken before the main thread can see the failure (it looks under the file's
-            // lock), so that this reader is released here, on its own thread, and takes nothing
-            // more.
-            std::unique_lock<std::mutex> readerLock(readerMutex);
-            readerMade.wait(readerLock, [&] { return made; });
-            released.swap(reader);
+            // After the file's lock, which the main thread's stop may wait for: this reader
+            // takes nothing more, whoever stops it.
+            held.StopHere();
             return;
         }
         ++queued;
@@ -270,26 +270,6 @@ struct Source : public shared::ISubscriber {
             --queued;
             ++dropped;
         }
-    }
-
-    // The reader, once made (null: making it failed). Its thread runs before it is returned.
-    void Made(INotifierPtr made) {
-        {
-            std::lock_guard<std::mutex> lock(readerMutex);
-            reader = std::move(made);
-            this->made = true;
-        }
-        readerMade.notify_all();
-    }
-
-    // Drops this source's reader. On the reader's own thread (inside onNotify) it is released
-    // at once and takes nothing more; elsewhere its thread is stopped and joined, which may
-    // first deliver what its slot still holds.
-    void StopReader() {
-        INotifierPtr doomed;
-        std::unique_lock<std::mutex> lock(readerMutex);
-        readerMade.wait(lock, [&] { return made; });
-        doomed.swap(reader);
     }
 
     size_t index;
@@ -304,13 +284,8 @@ struct Source : public shared::ISubscriber {
     bool discarding = false;  // a discarding slot or a latest pool
     std::unique_ptr<RetryingWriter> tee;
     boost::shared_ptr<ISlot> opened;  // a slot's, opened before any reader starts
-    std::mutex readerMutex;           // guards reader and made
-    std::condition_variable readerMade;
-    INotifierPtr reader;
-    bool made = false;
+    HeldReader held;
     bool started = false;  // the reader was made
-    // Ready once the reader has let go of this subscriber: its thread is gone.
-    std::future<void> gone;
     // The reader's thread only.
     bool numbered = false;
     std::uint32_t lastSequence = 0;
@@ -429,7 +404,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
                                        "); a queue pool has one reader, so stop it and let the "
                                        "recorder pass the blocks on with --tee OTHER");
             }
-            std::unique_ptr<Source> source(new Source(sources.size(), name, backlog, sink));
+            std::unique_ptr<Source> source(new Source(sources.size(), name, false, backlog, sink));
             source->pool = true;
             source->poolConfig = config;
             source->kind = config.kind + " pool";
@@ -465,7 +440,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
                                        "the recorder pass the blocks on with --tee OTHER");
             }
         }
-        sources.emplace_back(new Source(sources.size(), name, backlog, sink));
+        sources.emplace_back(new Source(sources.size(), name, type == "reliable", backlog, sink));
         sources.back()->cfg.reset(new SlotCfg(cfg));
         sources.back()->kind = type;
         sources.back()->metadata = SlotMetadata(cfg);
@@ -587,8 +562,6 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         if (sink.failed) {
             break;  // a reader already started could not write its block
         }
-        auto gone = std::make_shared<std::promise<void>>();
-        source->gone = gone->get_future();
         try {
             // Subscribed before the reader's thread starts, so that the blocks waiting in a
             // reliable slot are recorded too. Opening waits for the slot's lock, which a live
@@ -596,8 +569,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             // goes with the reader.
             const WaitResult opened = RunInterruptibly(
                 [&] {
-                    const ISubscriberPtr subscriber(
-                        source.get(), [gone](shared::ISubscriber*) { gone->set_value(); });
+                    const ISubscriberPtr subscriber = source->held.Share(*source);
                     INotifierPtr reader;
                     try {
                         reader = source->pool
@@ -605,11 +577,11 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
                                                                            subscriber)
                                      : SlotFactory::CreateSlotReader(source->cfg.get(), subscriber);
                     } catch (...) {
-                        source->Made(nullptr);
+                        source->held.Made(nullptr);
                         throw;
                     }
                     // Its thread may already wait for it, to release it (a failure).
-                    source->Made(std::move(reader));
+                    source->held.Made(std::move(reader));
                 },
                 -1);
             if (opened != WaitResult::Ready) {
@@ -676,8 +648,8 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     }
     // Readers stop first; what they took is written too, never dropped. A reader's thread
     // waiting for a slot's lock, or for room in a --tee slot, ends within the bound.
-    // After a failure each reader stops at its next block (released on its own thread); one
-    // stopped here first delivers what its slot still holds, lost then, and counted so.
+    // After a failure each reader stops at its next block, lost then and counted so, also one
+    // stopped here first: a reliable slot keeps the rest.
     backlog.Stop();
     for (const auto& source : sources) {
         if (!source->started) {
@@ -688,8 +660,8 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         auto stoppedReader = std::make_shared<std::promise<void>>();
         std::future<void> readerStopped = stoppedReader->get_future();
         std::thread stopper([&source, stoppedReader] {
-            source->StopReader();
-            source->gone.wait();
+            source->held.Stop();
+            source->held.WaitGone(-1);
             stoppedReader->set_value();
         });
         if (readerStopped.wait_for(std::chrono::seconds(5)) == std::future_status::ready) {

@@ -169,7 +169,8 @@ struct SlotView {
     std::uint64_t received = 0;
     std::uint64_t duplicates = 0;
     std::uint64_t outOfOrder = 0;
-    long long p50 = -1;  // ns
+    std::uint64_t foreign = 0;  // blocks of another writer, ignored
+    long long p50 = -1;         // ns
     long long p99 = -1;
 };
 
@@ -212,16 +213,18 @@ void ApplySubscriber(View& view, const std::string& line) {
     }
     std::vector<long long> n;
     ParseNumbers(line, n);
-    if (n.size() != 5 * SlotCount) {
+    const int fields = 6;
+    if (n.size() != static_cast<size_t>(fields * SlotCount)) {
         return;
     }
     for (int i = 0; i < SlotCount; ++i) {
         SlotView& s = view.slots[i];
-        s.received = static_cast<std::uint64_t>(n[5 * i]);
-        s.duplicates = static_cast<std::uint64_t>(n[5 * i + 1]);
-        s.outOfOrder = static_cast<std::uint64_t>(n[5 * i + 2]);
-        s.p50 = n[5 * i + 3];
-        s.p99 = n[5 * i + 4];
+        s.received = static_cast<std::uint64_t>(n[fields * i]);
+        s.duplicates = static_cast<std::uint64_t>(n[fields * i + 1]);
+        s.outOfOrder = static_cast<std::uint64_t>(n[fields * i + 2]);
+        s.foreign = static_cast<std::uint64_t>(n[fields * i + 3]);
+        s.p50 = n[fields * i + 4];
+        s.p99 = n[fields * i + 5];
     }
     if (line[0] == 'F') {
         view.subscriberDone = true;
@@ -335,6 +338,13 @@ std::string SummaryTable(const View& view) {
                 << (i == Reliable ? " while the queue was full" : " while the pipe was full");
         }
         out << ".\n";
+    }
+    for (int i = 0; i < SlotCount; ++i) {
+        const std::uint64_t foreign = view.slots[i].foreign;
+        if (foreign != 0) {
+            out << SlotTypes[i] << ": " << foreign << (foreign == 1 ? " block" : " blocks")
+                << " of another writer (not the demo's) ignored.\n";
+        }
     }
     out << "OTHER: sent but neither received nor reported (a discarding reader skips a block "
            "older than its update time; a stop cuts the last ones off).\n";

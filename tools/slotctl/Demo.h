@@ -32,7 +32,8 @@ struct Settings {
 };
 
 // Every block begins with its sequence number and the CLOCK_MONOTONIC time at which it was
-// handed to the writer, both 64-bit in host order; the rest is a fill pattern.
+// handed to the writer, both 64-bit in host order; the rest is a fill pattern. A block of the
+// demo's size that does not look so (another writer's) is counted as foreign and ignored.
 const std::uint64_t MinBlockSize = 16;
 // Blocks of up to PIPE_BUF bytes go through a pipe whole.
 const std::uint64_t MaxBlockSize = 4096;
@@ -43,7 +44,8 @@ std::uint64_t MonotonicNs();
 //   publisher   "P <elapsed ms> <sent> <not stored>" x3        while running
 //               "E <elapsed ms> <sent> <not stored>" x3        once, at the end
 //   subscriber  "ready"                                        readers subscribed
-//               "S <received> <duplicates> <out of order> <p50 ns> <p99 ns>" x3  periodically
+//               "S <received> <duplicates> <out of order> <foreign> <p50 ns> <p99 ns>" x3
+//                                                              periodically
 //               "F ..." like S                                 once, at the end
 // "Not stored" counts the library's warnings for the slot: waiting blocks discarded
 // (discarding), blocks refused by a full queue (reliable), blocks dropped by a full pipe.

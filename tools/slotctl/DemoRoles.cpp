@@ -123,21 +123,43 @@ std::string PublisherLine(char tag, std::uint64_t elapsedMs, const std::uint64_t
     return line;
 }
 
+// Byte `k` of every block after its sequence number and time stamp.
+char FillByte(size_t k) {
+    return static_cast<char>('a' + k % 26);
+}
+
 // Receives the blocks of one slot and measures them.
 class Measure : public shared::ISubscriber {
 public:
-    explicit Measure(std::uint64_t blockSize) : blockSize_(blockSize) {}
+    explicit Measure(const Settings& settings)
+        : blockSize_(settings.blockSize),
+          rate_(static_cast<double>(settings.rate)),
+          burst_(static_cast<double>(settings.burst)),
+          start_(MonotonicNs()) {}
 
     void onNotify(const std::string&, const void* data, size_t size) override {
         const std::uint64_t now = MonotonicNs();
         if (size != blockSize_) {
             return;  // not one of ours
         }
+        const char* bytes = static_cast<const char*>(data);
         std::uint64_t seq = 0;
         std::uint64_t stamp = 0;
-        std::memcpy(&seq, data, sizeof(seq));
-        std::memcpy(&stamp, static_cast<const char*>(data) + sizeof(seq), sizeof(stamp));
+        std::memcpy(&seq, bytes, sizeof(seq));
+        std::memcpy(&stamp, bytes + sizeof(seq), sizeof(stamp));
+        // Another writer's block of the same size (the slots are open to all): its fill differs,
+        // or its number is beyond what the publisher, which starts after this reader, can have
+        // sent by now. The number indexes seen_ only once it passed.
+        bool ours = static_cast<double>(seq) <=
+                    static_cast<double>(now - start_) * 1e-9 * rate_ + 2 * burst_;
+        for (size_t k = 2 * sizeof(std::uint64_t); ours && k < size; ++k) {
+            ours = bytes[k] == FillByte(k);
+        }
         std::lock_guard<std::mutex> lock(mutex_);
+        if (!ours) {
+            ++foreign_;
+            return;
+        }
         if (seq >= seen_.size()) {
             seen_.resize(std::max<size_t>(static_cast<size_t>(seq) + 1, seen_.size() * 2), false);
         }
@@ -154,7 +176,7 @@ public:
         latencies_.push_back(now > stamp ? now - stamp : 0);
     }
 
-    // "<received> <duplicates> <out of order> <p50 ns> <p99 ns>"
+    // "<received> <duplicates> <out of order> <foreign> <p50 ns> <p99 ns>"
     std::string Report() {
         std::vector<std::uint64_t> latencies;
         std::string counts;
@@ -162,7 +184,7 @@ public:
             std::lock_guard<std::mutex> lock(mutex_);
             latencies = latencies_;
             counts = std::to_string(received_) + " " + std::to_string(duplicates_) + " " +
-                     std::to_string(outOfOrder_);
+                     std::to_string(outOfOrder_) + " " + std::to_string(foreign_);
         }
         return counts + " " + Percentile(latencies, 50) + " " + Percentile(latencies, 99);
     }
@@ -178,6 +200,9 @@ private:
     }
 
     const std::uint64_t blockSize_;
+    const double rate_;   // blocks per second
+    const double burst_;  // blocks sent at once
+    const std::uint64_t start_;
     std::mutex mutex_;
     std::vector<bool> seen_;                // guarded by mutex_
     std::vector<std::uint64_t> latencies_;  // guarded by mutex_
@@ -185,6 +210,7 @@ private:
     std::uint64_t duplicates_ = 0;          // guarded by mutex_
     std::uint64_t outOfOrder_ = 0;          // guarded by mutex_
     std::uint64_t highest_ = 0;             // guarded by mutex_
+    std::uint64_t foreign_ = 0;             // guarded by mutex_
 };
 
 }  // namespace
@@ -202,7 +228,7 @@ int RunDemoPublisher(const Context&, const std::vector<std::string>& args) {
     }
     std::string block(static_cast<size_t>(settings.blockSize), '\0');
     for (size_t k = 2 * sizeof(std::uint64_t); k < block.size(); ++k) {
-        block[k] = static_cast<char>('a' + k % 26);
+        block[k] = FillByte(k);
     }
     std::uint64_t sent[SlotCount] = {};
     const std::uint64_t start = MonotonicNs();
@@ -248,7 +274,7 @@ int RunDemoSubscriber(const Context&, const std::vector<std::string>& args) {
     const Settings settings = Settings::FromArguments("__demo-subscriber", args);
     std::vector<std::unique_ptr<Measure>> measures;
     for (int i = 0; i < SlotCount; ++i) {
-        measures.emplace_back(new Measure(settings.blockSize));
+        measures.emplace_back(new Measure(settings));
     }
     // A pipe is a byte stream: the accumulation buffer cuts it back into blocks.
     IoUtils::AccumulationBuffer blocks(static_cast<unsigned int>(settings.blockSize),

@@ -132,14 +132,16 @@ and it also gets the blocks that were waiting; a posix-pipe is a byte stream, pr
 chunks it arrives in.
   --type T, --max-size N, --queue N    as for write
   --update-time MS    the reader's update time (default 100)
-  --count N           end after N blocks (default 1; 0: no limit); blocks the reader had
-                      already taken are printed too, never lost
+  --count N           end after N blocks (default 1; 0: no limit); from a reliable slot or
+                      a queue pool exactly N are taken, the rest stays in it; stopped
+                      otherwise, a block the reader took is printed too, never lost
   --follow            no limit (until Ctrl-C)
   --timeout MS        give up when no block came for MS ms, or the slot could not be opened
                       within MS ms: status 124 (as timeout(1)), also with --follow, after
                       "slotctl: no block from 'NAME' within MS ms (N read)" on stderr; the
                       blocks that came before are printed
-  --format F          text: "<n> bytes: <text>", control characters escaped (default)
+  --format F          text: "<n> bytes: <text>", control characters and bytes that are
+                            not UTF-8 as \xNN, \n \t \r \\ short (default)
                       hex:  "<n> bytes:" and a hex dump
                       raw:  the bytes alone, for pipes
                       frames: each block as a 4-byte little-endian length and its bytes

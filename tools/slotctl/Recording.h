@@ -18,6 +18,11 @@ namespace slotctl {
 // names an existing regular file. (A slot of such a name is reached when no such file exists.)
 bool IsRecordingFile(const std::string& operand);
 
+// For read and info, when the operand is no recording file: an operand ending in ".mcap" that
+// names no slot either was meant as a recording, most likely, and is refused with CommandError
+// (status 1) "cannot <verb> 'NAME': no such recording (and no slot of that name)".
+void RefuseMissingRecording(const std::string& verb, const std::string& operand);
+
 // Channel metadata of a recorded slot or pool. A slot's channel has kind (its type),
 // max_block_size, queue_length, host and libslot_version; a pool's has object "pool", kind
 // ("latest" or "queue"), max_block_size, block_count, host and libslot_version.

@@ -126,7 +126,10 @@ int main(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const slotctl::CommandError& e) {
-        std::cerr << "slotctl: " << slotctl::Printable(e.what()) << std::endl;
+        // Without a message for a quiet end (standard output was a pipe that closed).
+        if (*e.what() != '\0') {
+            std::cerr << "slotctl: " << slotctl::Printable(e.what()) << std::endl;
+        }
         return e.Status();
     } catch (const std::exception& e) {
         std::cerr << "slotctl: " << slotctl::Printable(e.what()) << std::endl;
