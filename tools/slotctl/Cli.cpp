@@ -11,6 +11,8 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <iostream>
 
 namespace slotctl {
 
@@ -178,11 +180,21 @@ bool WriteOut(const std::string& bytes) {
             continue;
         }
         if (n <= 0) {
+            if (n == 0) {
+                errno = EIO;  // nothing written, and no reason given
+            }
             return false;
         }
         done += static_cast<size_t>(n);
     }
     return true;
+}
+
+int OutputFailed(int error) {
+    if (error != EPIPE) {
+        std::cerr << "slotctl: cannot write standard output: " << std::strerror(error) << std::endl;
+    }
+    return ExitFailure;
 }
 
 }  // namespace slotctl

@@ -92,7 +92,13 @@ std::string Join(const std::vector<std::string>& parts);
 std::string Padded(const std::string& text, size_t width);
 std::string RightAligned(const std::string& text, size_t width);
 
-// Writes all of `bytes` to standard output; false when it is gone (EPIPE) or fails.
+// Writes all of `bytes` to standard output; false when it is gone (EPIPE) or fails, with errno
+// saying why.
 bool WriteOut(const std::string& bytes);
+
+// How a command ends once standard output failed with `error` (an errno value): status 1, after
+// "slotctl: cannot write standard output: REASON" on stderr, except for a reader that went away
+// (EPIPE: `| head` has what it wanted), which ends it quietly.
+int OutputFailed(int error);
 
 }  // namespace slotctl
