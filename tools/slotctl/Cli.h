@@ -55,6 +55,7 @@ public:
                             std::uint64_t max) const;
     double GetSeconds(const std::string& option, double fallback, double min, double max) const;
 
+    const std::string& Command() const { return command_; }
     const std::vector<std::string>& Operands() const { return operands_; }
     // Usage error unless the operand count is within [min, max].
     void ExpectOperands(size_t min, size_t max, const std::string& what) const;

@@ -224,11 +224,8 @@ std::string ChannelKindText(const Metadata& metadata) {
 Slot::PoolConfig PoolTargetFor(const std::string& command, const std::string& name,
                                const Slot::PoolConfig& recorded) {
     CheckSlotName(name);
+    CheckPoolTarget(command, name);
     const Slot::PoolReport report = Slot::SurveyPool(name);
-    if (!report.exists && SlotExists(name)) {
-        throw CommandError(ExitFailure, command + ": " + Quote(name) +
-                                            " is a slot, and the blocks come from a pool");
-    }
     if (report.exists && report.state != "healthy") {
         throw CommandError(ExitFailure, command + ": the pool " + Quote(name) +
                                             " cannot be used: " + Printable(report.problem));
@@ -240,13 +237,6 @@ Slot::PoolConfig PoolTargetFor(const std::string& command, const std::string& na
         config.blockCount = report.blockCount;
     }
     return config;
-}
-
-void CheckSlotTarget(const std::string& command, const std::string& name) {
-    if (Slot::SurveyPool(name).exists && !SlotExists(name)) {
-        throw CommandError(ExitFailure, command + ": " + Quote(name) +
-                                            " is a pool, and the blocks come from a slot");
-    }
 }
 
 std::string ByteText(std::uint64_t bytes) {

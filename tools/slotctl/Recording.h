@@ -51,9 +51,6 @@ std::string ChannelKindText(const Metadata& metadata);
 Slot::PoolConfig PoolTargetFor(const std::string& command, const std::string& name,
                                const Slot::PoolConfig& recorded);
 
-// Refuses to write a slot's blocks into `name` when it is only a pool (it would become both).
-void CheckSlotTarget(const std::string& command, const std::string& name);
-
 // "12.3 MB" and the like, for summaries.
 std::string ByteText(std::uint64_t bytes);
 
