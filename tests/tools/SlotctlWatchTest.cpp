@@ -4,6 +4,7 @@
 #include "ChildProcess.h"
 #include "Eventually.h"
 #include "Files.h"
+#include "HeaderHolder.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
@@ -334,6 +335,21 @@ TEST(SlotctlTimeout, ReadThatGivesUpWaitingEndsWithStatus124AlsoWhenFollowing) {
     ASSERT_EQ(0, Slotctl({"write", name.str(), "second"}).status);
     EXPECT_EQ(0, Slotctl({"read", name.str(), "--timeout", "20000"}).status);
     ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+}
+
+// A --timeout that ends the wait for a held lock says which wait it ended, and that the lock is
+// held, as a look at the slot shows.
+TEST(SlotctlTimeout, WriteThatGivesUpOnAHeldLockSaysSo) {
+    ScopedSlotName name("heldwrite");
+    testsupport::HeaderHolder holder(name);
+    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+    const Outcome write = Slotctl({"write", name.str(), "--timeout", "300", "x"});
+    holder.Release();
+    holder.Child().Wait();
+    EXPECT_EQ(124, write.status) << write.Describe();
+    EXPECT_EQ("slotctl: cannot write to '" + name.str() +
+                  "': not opened within 300 ms (its lock is held)\n",
+              write.err);
 }
 
 // ---- framed and NDJSON I/O ----

@@ -125,4 +125,14 @@ SlotCfg ResolveSlot(const Arguments& arguments, const std::string& name) {
                    maxSize != 0 ? static_cast<size_t>(maxSize) : existingMaxSize);
 }
 
+std::string HeldLockNote(const std::string& name) {
+    for (const SlotLockReport& lock : SlotSurvey::InspectSlot(name).heldLocks) {
+        // This process's own helper may be the one inside: only another holder counts.
+        if (!lock.HolderDead() && lock.process != ::getpid()) {
+            return " (its lock is held)";
+        }
+    }
+    return "";
+}
+
 }  // namespace slotctl
