@@ -46,6 +46,7 @@ using ::testing::Not;
 using testsupport::ChildProcess;
 using testsupport::Eventually;
 using testsupport::PipeSignal;
+using testsupport::ScopedSlotName;
 
 // The entry of `name` in `ls --json`'s array; null when it is not listed.
 nlohmann::json Entry(const std::string& name) {
@@ -218,6 +219,47 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
     EXPECT_EQ(0, Slotctl({"rm", "--force", pool.str()}).status);
     EXPECT_FALSE(Exists(Slot::PoolPath(pool.str())));
     EXPECT_TRUE(pooltest::LeftoverPools().empty());
+}
+
+// write never makes a pool under a slot's name nor a slot under a pool's (the name would be
+// both), and says why a pool refused a block, as the library says it for a slot.
+TEST(SlotctlPools, WriteKeepsSlotAndPoolNamesApartAndSaysWhyAPoolRefused) {
+    ScopedSlotName slot("onlyslot");
+    ScopedPool pool("onlypool"), small("small");
+    struct Remover {
+        std::string name;
+        ~Remover() {
+            Slot::PoolFactory::RemovePool(name);
+            testsupport::RemoveSlotObjects(name);
+        }
+    } poolOfSlot{slot.str()}, slotOfPool{pool.str()};
+    ASSERT_EQ(0, Slotctl({"write", slot.str(), "x"}).status);
+    const Outcome asPool = Slotctl({"write", "--type", "latest", slot.str(), "y"});
+    EXPECT_EQ(1, asPool.status) << asPool.Describe();
+    EXPECT_EQ("slotctl: write: '" + slot.str() +
+                  "' is a slot, not a pool (a pool of that name would make it both)\n",
+              asPool.err);
+    EXPECT_FALSE(Exists(Slot::PoolPath(slot.str())));
+    Slot::PoolFactory::CreatePoolWriter(pool.Config("latest", 64, 2));
+    const Outcome asSlot = Slotctl({"write", "--slot", pool.str(), "y"});
+    EXPECT_EQ(1, asSlot.status) << asSlot.Describe();
+    EXPECT_EQ("slotctl: write: '" + pool.str() +
+                  "' is a pool, not a slot (a slot of that name would make it both)\n",
+              asSlot.err);
+    EXPECT_FALSE(slotctltest::ShmExists(pool.str()));
+
+    const Outcome refused = Slotctl({"write", small.str(), "--type", "queue", "--max-size", "4",
+                                     "--queue", "1", "--lines", "abc\nde\n0123456789"});
+    EXPECT_EQ(1, refused.status) << refused.Describe();
+    const std::string quoted = "'" + small.str() + "'";
+    EXPECT_EQ("slotctl: the pool " + quoted +
+                  " refused a block of 2 bytes: no block is free, or its queue is full\n"
+                  "slotctl: the pool " +
+                  quoted +
+                  " refused a block of 10 bytes: larger than its blocks (4 bytes)\n"
+                  "slotctl: 3 blocks to " +
+                  quoted + " (queue pool): 2 refused, dropped or failed (see above)\n",
+              refused.err);
 }
 
 // ---- record, replay and top ----

@@ -10,6 +10,9 @@
 #include "SlotctlRunner.h"
 
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotSurvey.h>
+
+#include <FileUtils/FSUtils.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -699,6 +702,96 @@ TEST(SlotctlReplay, ALongWaitAsRecordedIsAnnouncedAndInterruptible) {
     EXPECT_TRUE(announced) << interrupted.Describe();
     EXPECT_EQ(130, interrupted.status) << interrupted.Describe();
     EXPECT_THAT(interrupted.err, HasSubstr("replayed 1 block into '" + name.str()));
+}
+
+// A recording of `blocks` on the channel "src" (a reliable slot's, queue 4), the blocks `gapNs`
+// apart.
+std::string SourceRecording(const std::string& stem, const std::vector<std::string>& blocks,
+                            std::uint64_t gapNs) {
+    const std::string path = RecordingPath(stem);
+    mcap::Writer writer(path, mcap::Writer::Options());
+    const std::uint16_t channel =
+        writer.AddChannel("src", "application/octet-stream",
+                          {{"kind", "reliable"}, {"queue_length", "4"}, {"max_block_size", "64"}});
+    for (std::uint32_t i = 0; i < blocks.size(); ++i) {
+        writer.Add(mcap::Message{channel, i + 1, 1000000000ull + i * gapNs, 0, blocks[i].data(),
+                                 blocks[i].size()});
+    }
+    writer.Close();
+    return path;
+}
+
+// While a live process keeps the slot's lock, replay waits for it both when opening the slot
+// and when writing a block, and each of those waits ends at SIGTERM or SIGINT with the summary
+// and status 130.
+TEST(SlotctlReplay, WaitsForAHeldLockEndAtAStopSignal) {
+    const std::string path = SourceRecording("heldlock", {"one", "two"}, 3000000000ull);
+    for (const int signal : {SIGTERM, SIGINT}) {
+        ScopedSlotName opening("heldopen");
+        {
+            testsupport::HeaderHolder holder(opening);
+            ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+            Background replay({"replay", "--map", "src=" + opening.str(), path});
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            replay.Signal(signal);
+            const Outcome run = replay.Finish(std::chrono::seconds(15));
+            holder.Release();
+            holder.Child().Wait();
+            EXPECT_FALSE(run.timedOut) << run.Describe();
+            EXPECT_EQ(130, run.status) << run.Describe();
+            EXPECT_THAT(run.err, HasSubstr("slotctl: replayed 0 blocks into '" + opening.str() +
+                                           "' (reliable), 1 not written"));
+        }
+        // The first block is written, then the lock is taken before the second is due.
+        ScopedSlotName writing("heldwrite");
+        Background replay({"replay", "--map", "src=" + writing.str(), path});
+        ASSERT_TRUE(WaitForRecording([&] {
+            return SlotSurvey::InspectSlot(writing.str()).queue.waiting == 1;
+        })) << replay.Finish().Describe();
+        testsupport::HeaderHolder holder(writing);
+        ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+        std::this_thread::sleep_for(std::chrono::milliseconds(4000));
+        replay.Signal(signal);
+        const Outcome run = replay.Finish(std::chrono::seconds(15));
+        holder.Release();
+        holder.Child().Wait();
+        EXPECT_FALSE(run.timedOut) << run.Describe();
+        EXPECT_EQ(130, run.status) << run.Describe();
+        EXPECT_THAT(run.err, HasSubstr("slotctl: replayed 1 block into '" + writing.str() +
+                                       "' (reliable), 1 not written"));
+    }
+}
+
+// A block waits while the reliable slot is full without being written again and again: no WARN
+// line per retry, the waits are counted, and every block arrives in order.
+TEST(SlotctlReplay, AFullSlotIsWaitedForWithoutAWarningPerRetry) {
+    ScopedSlotName name("fullreplay");
+    {
+        const SlotCfg cfg = Reliable(name, 2);
+        ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+        writer->onNotify(name, "old1", 4);
+        writer->onNotify(name, "old2", 4);
+    }
+    const std::string path = SourceRecording("fullreplay", {"new1", "new2", "new3"}, 1000);
+    Background replay({"replay", "--max", "--map", "src=" + name.str(), path});
+    // Refused writes would log about one WARN line per retry meanwhile.
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const Outcome read = Slotctl({"read", name.str(), "--count", "5", "--timeout", "20000"});
+    const Outcome run = replay.Finish();
+    EXPECT_EQ("4 bytes: old1\n4 bytes: old2\n4 bytes: new1\n4 bytes: new2\n4 bytes: new3\n",
+              read.out)
+        << read.Describe();
+    EXPECT_EQ(0, run.status) << run.Describe();
+    EXPECT_THAT(run.err, AllOf(Not(HasSubstr("is full")), HasSubstr(" refused writes retried")));
+    ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+}
+
+// read FILE.mcap whose output fails says so and fails.
+TEST(SlotctlReplay, ReadingARecordingIntoAFullOutputFails) {
+    const std::string path = SourceRecording("fullout", {"one", "two"}, 1000);
+    const slotctltest::ShellRun run =
+        slotctltest::InShell("\"$0\" read " + path + " 2>&1 >/dev/full; echo $?");
+    EXPECT_EQ("slotctl: cannot write standard output: No space left on device\n1\n", run.out);
 }
 
 TEST(SlotctlReplay, LoopingOverRecordingsWithoutABlockToReplayEnds) {

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 
@@ -236,6 +237,24 @@ Outcome Background::Finish(std::chrono::milliseconds timeout) {
     }
     Reap(pid_, 0, run_, reaped_);
     return run_;
+}
+
+ShellRun InShell(const std::string& script, int seconds) {
+    const std::string command =
+        "timeout -s KILL " + std::to_string(seconds) + " bash -c '" + script + "' " + SLOTCTL_PATH;
+    ShellRun run;
+    FILE* shell = ::popen(command.c_str(), "r");
+    if (shell == nullptr) {
+        return run;
+    }
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof(buffer), shell)) > 0) {
+        run.out.append(buffer, n);
+    }
+    const int status = ::pclose(shell);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
 }
 
 }  // namespace slotctltest

@@ -47,6 +47,15 @@ struct Options {
 // passed on) and waits for it; the watchdog kills it at the time-out.
 Outcome Slotctl(const std::vector<std::string>& args, const Options& options = Options());
 
+// Runs `script` with bash, slotctl's path as $0 (for pipes and redirections the runner has not),
+// killed after `seconds`; what it printed on standard output, and its exit status. The script
+// holds no single quote.
+struct ShellRun {
+    int status = -1;
+    std::string out;
+};
+ShellRun InShell(const std::string& script, int seconds = 30);
+
 // slotctl running in the background. The destructor kills it if it still runs.
 class Background {
 public:

@@ -5,6 +5,7 @@
 #include "SlotctlRunner.h"
 
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotSurvey.h>
 #include <Slot/Version.h>
 
 #include <FileUtils/FSUtils.h>
@@ -441,6 +442,48 @@ TEST(SlotctlReadWrite, RefusedBlocksCountAlsoWhenTheLogIsSilenced) {
     EXPECT_THAT(refused.err,
                 AllOf(Not(HasSubstr("is full")),
                       HasSubstr("3 blocks to '" + reliable.str() + "' (reliable): 2 refused")));
+}
+
+// An existing slot keeps its kind: an explicit --type of another kind is refused, in one line,
+// by each command that takes one (record --tee takes the recorded slot's), and nothing is
+// written to or taken from the slot.
+TEST(SlotctlReadWrite, ATypeOtherThanAnExistingSlotsKindIsRefused) {
+    ScopedSlotName reliable("kindrel");
+    ScopedSlotName discarding("kinddisc");
+    ASSERT_EQ(0, Slotctl({"write", reliable.str(), "--type", "reliable", "--queue", "2", "--count",
+                          "2", "a"})
+                     .status);
+    ASSERT_EQ(0, Slotctl({"write", discarding.str(), "x"}).status);
+    const std::string path = testsupport::TestRunDir() + "/" + reliable.str() + ".mcap";
+    struct Refusal {
+        std::vector<std::string> args;
+        std::string line;
+    };
+    const Refusal refusals[] = {
+        {{"write", reliable.str(), "--type", "discarding", "new"},
+         "write: the slot '" + reliable.str() + "' is a reliable slot, not 'discarding'"},
+        {{"write", reliable.str(), "--type", "posix-pipe", "new"},
+         "write: the slot '" + reliable.str() + "' is a reliable slot, not 'posix-pipe'"},
+        {{"read", reliable.str(), "--type", "discarding", "--timeout", "2000"},
+         "read: the slot '" + reliable.str() + "' is a reliable slot, not 'discarding'"},
+        {{"write", discarding.str(), "--type", "posix-pipe", "new"},
+         "write: the slot '" + discarding.str() + "' is a discarding slot, not 'posix-pipe'"},
+        {{"record", "-o", path, "--tee", reliable.str(), "--count", "1", discarding.str()},
+         "record: the slot '" + reliable.str() + "' is a reliable slot, not 'discarding'"},
+    };
+    for (const Refusal& refusal : refusals) {
+        ExpectOneErrorLine(Slotctl(refusal.args), 1, "slotctl: " + refusal.line + "\n");
+    }
+    EXPECT_EQ(2u, SlotSurvey::InspectSlot(reliable.str()).queue.waiting);
+    EXPECT_FALSE(Exists(path));
+
+    // The same kind is used; so is "reliable" on a one-block queue, which a reliable slot made
+    // with --queue 1 has too.
+    ScopedSlotName one("kindone");
+    EXPECT_EQ(0, Slotctl({"write", one.str(), "--type", "reliable", "--queue", "1", "a"}).status);
+    const Outcome again = Slotctl({"read", one.str(), "--type", "reliable", "--timeout", "20000"});
+    EXPECT_EQ("1 bytes: a\n", again.out) << again.Describe();
+    ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(one).c_str());
 }
 
 // ---- demo ----

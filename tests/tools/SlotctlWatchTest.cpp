@@ -4,6 +4,7 @@
 #include "ChildProcess.h"
 #include "Eventually.h"
 #include "Files.h"
+#include "HeaderHolder.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
@@ -38,6 +39,7 @@ using slotctltest::Outcome;
 using slotctltest::Slotctl;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using testsupport::ChildProcess;
 using testsupport::ScopedSlotName;
 
@@ -100,6 +102,28 @@ TEST(SlotctlWatch, HzEndsAtItsTimeoutAndRefusesWhatItCannotWatch) {
     EXPECT_EQ(1, none.status) << none.Describe();
     EXPECT_THAT(none.err, HasSubstr("has no usable header"));
     EXPECT_EQ(2, Slotctl({"bw", name.str(), "--window", "0"}).status);
+}
+
+// hz and bw end when their output fails, as peek and top do (status 1): quietly when the reader
+// went away (| head), with the reason otherwise.
+TEST(SlotctlWatch, HzAndBwEndWhenTheirOutputFails) {
+    ScopedSlotName name("hzout");
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
+    const std::string err = testsupport::TestRunDir() + "/" + name.str() + ".err";
+    for (const std::string command : {"hz", "bw"}) {
+        const std::string run = "\"$0\" " + command + " " + name.str() + " --window 0.05";
+        const slotctltest::ShellRun gone = slotctltest::InShell(
+            run + " 2>" + err + " | head -n 1 >/dev/null; echo ${PIPESTATUS[0]}");
+        EXPECT_EQ("1\n", gone.out) << command;
+        std::ifstream errors(err);
+        const std::string said((std::istreambuf_iterator<char>(errors)),
+                               std::istreambuf_iterator<char>());
+        EXPECT_THAT(said, Not(HasSubstr("cannot write"))) << command;
+        const slotctltest::ShellRun full = slotctltest::InShell(
+            run + " 2>&1 >/dev/full | grep \"standard output\"; echo ${PIPESTATUS[0]}");
+        EXPECT_EQ("slotctl: cannot write standard output: No space left on device\n1\n", full.out)
+            << command;
+    }
 }
 
 // ---- peek ----
@@ -311,6 +335,21 @@ TEST(SlotctlTimeout, ReadThatGivesUpWaitingEndsWithStatus124AlsoWhenFollowing) {
     ASSERT_EQ(0, Slotctl({"write", name.str(), "second"}).status);
     EXPECT_EQ(0, Slotctl({"read", name.str(), "--timeout", "20000"}).status);
     ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
+}
+
+// A --timeout that ends the wait for a held lock says which wait it ended, and that the lock is
+// held, as a look at the slot shows.
+TEST(SlotctlTimeout, WriteThatGivesUpOnAHeldLockSaysSo) {
+    ScopedSlotName name("heldwrite");
+    testsupport::HeaderHolder holder(name);
+    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+    const Outcome write = Slotctl({"write", name.str(), "--timeout", "300", "x"});
+    holder.Release();
+    holder.Child().Wait();
+    EXPECT_EQ(124, write.status) << write.Describe();
+    EXPECT_EQ("slotctl: cannot write to '" + name.str() +
+                  "': not opened within 300 ms (its lock is held)\n",
+              write.err);
 }
 
 // ---- framed and NDJSON I/O ----

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 
 namespace slotctl {
 
@@ -180,7 +181,7 @@ bool WriteOut(const std::string& bytes) {
         }
         if (n <= 0) {
             if (n == 0) {
-                errno = EIO;
+                errno = EIO;  // nothing written, and no reason given
             }
             return false;
         }
@@ -200,6 +201,14 @@ void PrintOut(const std::string& text) {
     if (!WriteOut(text)) {
         throw CommandError(ExitFailure, OutputFailure(errno));
     }
+}
+
+int OutputFailed(int error) {
+    const std::string why = OutputFailure(error);
+    if (!why.empty()) {
+        std::cerr << "slotctl: " << why << std::endl;
+    }
+    return ExitFailure;
 }
 
 }  // namespace slotctl

@@ -55,6 +55,7 @@ public:
                             std::uint64_t max) const;
     double GetSeconds(const std::string& option, double fallback, double min, double max) const;
 
+    const std::string& Command() const { return command_; }
     const std::vector<std::string>& Operands() const { return operands_; }
     // Usage error unless the operand count is within [min, max].
     void ExpectOperands(size_t min, size_t max, const std::string& what) const;
@@ -103,5 +104,9 @@ std::string OutputFailure(int error);
 // Writes all of `text` to standard output; throws CommandError (status 1, OutputFailure's
 // message) when that fails.
 void PrintOut(const std::string& text);
+
+// How a command that prints as it goes ends once standard output failed with `error`: status 1,
+// after OutputFailure's line on stderr (none for a closed pipe).
+int OutputFailed(int error);
 
 }  // namespace slotctl

@@ -446,11 +446,19 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         sources.back()->metadata = SlotMetadata(cfg);
         sources.back()->discarding = type == "discarding";
         if (arguments.Has("tee")) {
+            // Of the recorded slot's kind, checked as write checks --type; an existing slot
+            // keeps its sizes, a missing one is made with the recorded one's.
             const std::string other = arguments.Get("tee");
-            CheckSlotTarget("record", other);
-            const SlotCfg teeCfg(other, cfg.GetSlotType(), cfg.GetUpdateTime(),
-                                 cfg.GetMaxBufferLength(), cfg.GetMaxSize());
-            sources.back()->tee.reset(new RetryingWriter(teeCfg));
+            std::vector<std::string> teeGiven = given;
+            teeGiven.insert(teeGiven.end(), {"--type", type});
+            if (SlotSurvey::InspectSlot(other).header.state == SlotPartState::Absent) {
+                teeGiven.insert(teeGiven.end(),
+                                {"--max-size", std::to_string(cfg.GetMaxSize()), "--queue",
+                                 std::to_string(cfg.GetMaxBufferLength())});
+            }
+            const SlotCfg teeCfg =
+                ResolveSlot(Arguments("record", teeGiven, SlotValuedOptions({}), {}), other);
+            sources.back()->tee.reset(new RetryingWriter(teeCfg, RetryingWriter::Waits::Plain));
         }
     }
 

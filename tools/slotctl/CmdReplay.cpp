@@ -14,6 +14,7 @@
 #include <Slot/PoolSurvey.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotSurvey.h>
+#include <Slot/SlotWriter.h>
 #include <Slot/Version.h>
 #include <Slot/WriteOutcome.h>
 
@@ -223,11 +224,8 @@ std::string ChannelKindText(const Metadata& metadata) {
 Slot::PoolConfig PoolTargetFor(const std::string& command, const std::string& name,
                                const Slot::PoolConfig& recorded) {
     CheckSlotName(name);
+    CheckPoolTarget(command, name);
     const Slot::PoolReport report = Slot::SurveyPool(name);
-    if (!report.exists && SlotExists(name)) {
-        throw CommandError(ExitFailure, command + ": " + Quote(name) +
-                                            " is a slot, and the blocks come from a pool");
-    }
     if (report.exists && report.state != "healthy") {
         throw CommandError(ExitFailure, command + ": the pool " + Quote(name) +
                                             " cannot be used: " + Printable(report.problem));
@@ -239,13 +237,6 @@ Slot::PoolConfig PoolTargetFor(const std::string& command, const std::string& na
         config.blockCount = report.blockCount;
     }
     return config;
-}
-
-void CheckSlotTarget(const std::string& command, const std::string& name) {
-    if (Slot::SurveyPool(name).exists && !SlotExists(name)) {
-        throw CommandError(ExitFailure, command + ": " + Quote(name) +
-                                            " is a pool, and the blocks come from a slot");
-    }
 }
 
 std::string ByteText(std::uint64_t bytes) {
@@ -262,12 +253,40 @@ std::string ByteText(std::uint64_t bytes) {
     return text;
 }
 
-RetryingWriter::RetryingWriter(const ISlotConfiguration& cfg)
-    : name_(cfg.GetName()), maxSize_(cfg.GetMaxSize()) {
+RetryingWriter::RetryingWriter(const ISlotConfiguration& cfg, Waits waits)
+    : name_(cfg.GetName()), maxSize_(cfg.GetMaxSize()), waits_(waits) {
+    // A reliable slot is opened as SlotFactory::CreateSlotWriter opens it, keeping the slot
+    // itself for its count of waiting blocks. The helper owns what it uses: after a stop it may
+    // still be waiting for the lock.
+    struct Opened {
+        SlotCfg cfg;
+        ISubscriberPtr writer;
+        boost::shared_ptr<ISlot> reliable;
+    };
+    auto opened = std::make_shared<Opened>(Opened{SlotCfg(cfg), {}, {}});
+    auto open = [opened] {
+        if (opened->cfg.GetSlotType() != "reliable") {
+            opened->writer = SlotFactory::CreateSlotWriter(&opened->cfg);
+            return;
+        }
+        opened->reliable = SlotFactory::CreateSlot(&opened->cfg);
+        opened->writer.reset(new SlotWriter(opened->reliable));
+    };
     try {
-        writer_ = SlotFactory::CreateSlotWriter(&cfg);
+        if (waits == Waits::Plain) {
+            open();
+        } else if (RunInterruptibly(open, -1) != WaitResult::Ready) {
+            abandoned_ = true;
+            return;
+        }
     } catch (const std::exception& e) {
         throw CommandError(ExitFailure, "cannot write to " + Quote(name_) + ": " + e.what());
+    }
+    writer_ = opened->writer;
+    reliable_ = opened->reliable;
+    if (reliable_) {
+        // The queue's own capacity: an existing queue keeps its size whatever was asked.
+        capacity_ = SlotSurvey::InspectSlot(name_).queue.capacity;
     }
 }
 
@@ -281,15 +300,51 @@ RetryingWriter::RetryingWriter(const Slot::PoolConfig& config)
     }
 }
 
+bool RetryingWriter::Room() const {
+    return !reliable_ || capacity_ == 0 || reliable_->GetBufferLength() < capacity_;
+}
+
+Slot::WriteOutcome RetryingWriter::WriteSlot(const char* data, size_t size) {
+    if (waits_ == Waits::Plain) {
+        writer_->onNotify(name_, data, size);
+        return Slot::LastWriteOutcome();
+    }
+    // On a helper thread, which records its own outcome; it keeps its own copy of the block
+    // and of the writer, since after a stop it may still be waiting for the lock.
+    struct Write {
+        ISubscriberPtr writer;
+        std::string name;
+        std::string block;
+        Slot::WriteOutcome outcome = Slot::WriteOutcome::Failed;
+    };
+    auto write = std::make_shared<Write>(Write{writer_, name_, std::string(data, size), {}});
+    const WaitResult result = RunInterruptibly(
+        [write] {
+            write->writer->onNotify(write->name, write->block.data(), write->block.size());
+            write->outcome = Slot::LastWriteOutcome();
+        },
+        -1);
+    if (result != WaitResult::Ready) {
+        abandoned_ = true;
+        return Slot::WriteOutcome::None;
+    }
+    return write->outcome;
+}
+
 RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
                                              const std::function<bool()>& stopping) {
+    if (abandoned_) {
+        ++lost_;
+        return Result::Stopped;
+    }
     if (size > maxSize_) {
         ++lost_;
         return Result::TooLarge;
     }
     long pauseUs = 50;
     for (;;) {
-        Slot::WriteOutcome outcome;
+        // None: not written yet, the queue is full.
+        Slot::WriteOutcome outcome = Slot::WriteOutcome::None;
         if (pool_) {
             // A loan is refused when no block is free; publish when a queue is full.
             Slot::PoolLoan loan = pool_->loan(size);
@@ -299,9 +354,12 @@ RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
             } else {
                 outcome = loan.outcome();
             }
-        } else {
-            writer_->onNotify(name_, data, size);
-            outcome = Slot::LastWriteOutcome();
+        } else if (Room()) {
+            outcome = WriteSlot(data, size);
+            if (abandoned_) {
+                ++lost_;
+                return Result::Stopped;
+            }
         }
         if (outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded) {
             ++stored_;
@@ -311,7 +369,7 @@ RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
             ++lost_;
             return Result::Failed;
         }
-        // Refused: the slot is full. Its reader makes room.
+        // Refused, or not tried: the slot is full. Its reader makes room.
         ++retries_;
         if (stopping()) {
             ++lost_;
@@ -331,7 +389,7 @@ int ReadRecording(const Arguments& arguments, const std::string& path) {
     }
     const std::uint64_t target = arguments.GetNumber("count", 0, 0, UINT64_MAX >> 1);
     std::uint64_t printed = 0;
-    bool outputGone = false;
+    int outputError = 0;
     const mcap::ReadResult result =
         ReadFile(path, [&](const mcap::Message& message, const mcap::Channel&) {
             if (StopSignals::Received()) {
@@ -339,13 +397,16 @@ int ReadRecording(const Arguments& arguments, const std::string& path) {
             }
             const std::string block(message.data, message.size);
             if (!WriteOut(FormatBlock(format, block, TimeOf(message.logTime)))) {
-                outputGone = true;
+                outputError = errno;
                 return false;
             }
             ++printed;
             return target == 0 || printed < target;
         });
-    if (outputGone || (target != 0 && printed >= target)) {
+    if (outputError != 0) {
+        return OutputFailed(outputError);
+    }
+    if (target != 0 && printed >= target) {
         return ExitOk;
     }
     return ReportEnd(path, result);
@@ -502,7 +563,8 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
                 throw CommandError(ExitFailure, "cannot replay into " + Quote(name) +
                                                     " (as recorded): " + e.what());
             }
-            writer.reset(new RetryingWriter(cfg));
+            // Opening and each write end at Ctrl-C also while a live process keeps the lock.
+            writer.reset(new RetryingWriter(cfg, RetryingWriter::Waits::Interruptible));
             kinds[name] = TypeName(cfg);
         }
         return *writer;
@@ -535,7 +597,10 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
                     if (written == RetryingWriter::Result::TooLarge) {
                         ++tooLarge;
                     }
-                    return written != RetryingWriter::Result::Stopped;
+                    if (written == RetryingWriter::Result::Stopped) {
+                        stopped = true;
+                    }
+                    return !stopped;
                 });
             if (stopped) {
                 break;
@@ -544,8 +609,10 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
         }
     } while (arguments.Has("loop") && !stopped && status == ExitOk && passBlocks != 0);
 
+    bool abandoned = false;
     for (const auto& item : writers) {
         const RetryingWriter& writer = *item.second;
+        abandoned = abandoned || writer.Abandoned();
         std::cerr << "slotctl: replayed " << writer.Stored() << " block"
                   << (writer.Stored() == 1 ? "" : "s") << " into " << Quote(item.first) << " ("
                   << kinds[item.first] << ")";
@@ -565,6 +632,10 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
     if (tooLarge != 0) {
         std::cerr << "slotctl: " << tooLarge
                   << " blocks were larger than their slot's maximum block size" << std::endl;
+    }
+    if (abandoned) {
+        // A helper thread still waits for a slot's lock: no destructor may wait for it.
+        LeaveNow(ExitInterrupted, "");
     }
     return stopped ? ExitInterrupted : status;
 }

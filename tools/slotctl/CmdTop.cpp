@@ -17,6 +17,7 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <unistd.h>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <iostream>
@@ -178,13 +179,8 @@ int RunSnapshots(double interval, bool once, bool json) {
         if (due <= at) {
             due = at + step;  // late (a slow look, a suspended process): start afresh
         }
-        if (json) {
-            std::cout << SnapshotJson(model, look, interval) << std::endl;
-        } else {
-            std::cout << SnapshotTable(model) << std::flush;
-        }
-        if (!std::cout) {
-            return ExitFailure;
+        if (!WriteOut(json ? SnapshotJson(model, look, interval) + "\n" : SnapshotTable(model))) {
+            return OutputFailed(errno);
         }
         if (once) {
             return ExitOk;

@@ -13,6 +13,7 @@
 #include <Slot/SlotSurvey.h>
 
 #include <unistd.h>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdio>
@@ -148,7 +149,10 @@ int Watch(const std::vector<std::string>& args, bool bandwidth) {
                 line.replace(line.find(" writes/s"), 9, " writes in " + Fixed(seconds, 2) + " s");
             }
         }
-        std::cout << line << std::endl;
+        if (!WriteOut(line + "\n")) {
+            status = OutputFailed(errno);
+            break;
+        }
         if (stopped || at >= end) {
             break;
         }
@@ -183,8 +187,8 @@ int RunPeek(const Context&, const std::vector<std::string>& args) {
         throw CommandError(ExitFailure, "peek: " + Quote(name) + " has no readable output buffer");
     }
     // The time printed with ndjson is the slot's last write, the only time the header keeps.
-    std::cout << FormatBlock(format, sample.output, sample.lastWrite) << std::flush;
-    return std::cout ? ExitOk : ExitFailure;
+    return WriteOut(FormatBlock(format, sample.output, sample.lastWrite)) ? ExitOk
+                                                                          : OutputFailed(errno);
 }
 
 }  // namespace slotctl

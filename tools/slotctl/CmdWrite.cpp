@@ -115,15 +115,15 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     // Opening and every write wait for the slot's lock, which a live process may keep: those
     // waits end on Ctrl-C and --timeout.
-    auto bounded = [&](const std::function<void()>& step) {
+    auto bounded = [&](const char* what, const std::function<void()>& step) {
         const WaitResult result = RunInterruptibly(step, limitMs);
         if (result == WaitResult::Stopped) {
             LeaveNow(ExitInterrupted, "slotctl: interrupted");
         }
         if (result == WaitResult::TimedOut) {
-            LeaveNow(ExitTimedOut, "slotctl: cannot write to " + Quote(name) +
-                                       ": not done within " + std::to_string(timeoutMs) +
-                                       " ms (its lock is held)");
+            LeaveNow(ExitTimedOut, "slotctl: cannot write to " + Quote(name) + ": " + what +
+                                       " within " + std::to_string(timeoutMs) + " ms" +
+                                       HeldLockNote(name));
         }
     };
     const bool frames = arguments.Has("frames");
@@ -159,7 +159,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     {
         ISubscriberPtr writer;
         try {
-            bounded([&] {
+            bounded("not opened", [&] {
                 if (pool) {
                     writer = Slot::PoolFactory::CreatePoolWriter(*poolConfig);
                 } else {
@@ -185,8 +185,22 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
             return !stopped;
         };
         auto write = [&](const std::string& block) {
-            bounded([&] { writer->onNotify(name, block.data(), block.size()); });
+            // The outcome is the writing thread's.
+            Slot::WriteOutcome outcome = Slot::WriteOutcome::None;
+            bounded("not done", [&] {
+                writer->onNotify(name, block.data(), block.size());
+                outcome = Slot::LastWriteOutcome();
+            });
             ++blocks;
+            // The library logs why a slot refused a block; a pool's refusal is said here.
+            if (pool && outcome == Slot::WriteOutcome::Refused) {
+                std::cerr << "slotctl: the pool " << Quote(name) << " refused a block of "
+                          << block.size() << " bytes: "
+                          << (block.size() > maxSize
+                                  ? "larger than its blocks (" + std::to_string(maxSize) + " bytes)"
+                                  : std::string("no block is free, or its queue is full"))
+                          << std::endl;
+            }
         };
         if (frames) {
             FrameParser parser;
@@ -272,7 +286,8 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
         }
         writer.reset();
     }
-    // The library has printed a WARN or ERROR line for each of these as it happened.
+    // The library, or for a pool's refusal this command, has printed a line for each of these
+    // as it happened.
     const Slot::WriteCounts after = Slot::GetWriteCounts(name);
     const std::uint64_t problems = after.NotStored() - before.NotStored();
     const std::uint64_t discarded = after.discarded - before.discarded;

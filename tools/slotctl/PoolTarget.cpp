@@ -58,6 +58,7 @@ Slot::PoolConfig ResolvePool(const Arguments& arguments, const std::string& comm
         }
         return config;
     }
+    CheckPoolTarget(command, name);
     config.kind = arguments.Get("type", "latest");
     if (!Slot::PoolFactory::PoolKindIsValid(config.kind)) {
         throw UsageError(command + ": a pool's --type is latest or queue, not " +
@@ -71,6 +72,22 @@ Slot::PoolConfig ResolvePool(const Arguments& arguments, const std::string& comm
         throw UsageError(command + ": " + Printable(*problem));
     }
     return config;
+}
+
+void CheckPoolTarget(const std::string& command, const std::string& name) {
+    if (!Slot::SurveyPool(name).exists && SlotExists(name)) {
+        throw CommandError(ExitFailure, command + ": " + Quote(name) +
+                                            " is a slot, not a pool (a pool of that name would "
+                                            "make it both)");
+    }
+}
+
+void CheckSlotTarget(const std::string& command, const std::string& name) {
+    if (Slot::SurveyPool(name).exists && !SlotExists(name)) {
+        throw CommandError(ExitFailure, command + ": " + Quote(name) +
+                                            " is a pool, not a slot (a slot of that name would "
+                                            "make it both)");
+    }
 }
 
 std::string PidText(const Slot::PoolReport& report, pid_t pid) {

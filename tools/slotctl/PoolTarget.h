@@ -24,9 +24,15 @@ bool MeansPool(const Arguments& arguments, const std::string& command, const std
 
 // The configuration for the pool `name`: an existing pool's own (it keeps its sizes anyway),
 // else --type (default "latest"), --max-size (default 65536) and --queue (the block count,
-// default 16). Refuses, with one line, a pool file that is damaged or of another kind.
+// default 16). Refuses, with one line, a pool file that is damaged or of another kind, and a
+// missing pool whose name a slot has.
 Slot::PoolConfig ResolvePool(const Arguments& arguments, const std::string& command,
                              const std::string& name);
+
+// Refuse to make the pool `name` where only a slot of that name exists (CheckPoolTarget), and
+// the slot `name` where only a pool exists (CheckSlotTarget): the name would then be both.
+void CheckPoolTarget(const std::string& command, const std::string& name);
+void CheckSlotTarget(const std::string& command, const std::string& name);
 
 // "pid 4711" or "dead pid 4711", for the pids `report` names.
 std::string PidText(const Slot::PoolReport& report, pid_t pid);

@@ -6,6 +6,7 @@
 #include <Slot/ISlot.h>
 #include <Slot/ISlotConfiguration.h>
 #include <Slot/PoolFactory.h>
+#include <Slot/WriteOutcome.h>
 
 #include <cstdint>
 #include <functional>
@@ -55,20 +56,23 @@ std::string ChannelKindText(const Metadata& metadata);
 Slot::PoolConfig PoolTargetFor(const std::string& command, const std::string& name,
                                const Slot::PoolConfig& recorded);
 
-// Refuses to write a slot's blocks into `name` when it is only a pool (it would become both).
-void CheckSlotTarget(const std::string& command, const std::string& name);
-
 // "12.3 MB" and the like, for summaries.
 std::string ByteText(std::uint64_t bytes);
 
 // Writes blocks into one slot or pool in order: a block it refuses (a full reliable slot or
 // queue pool, a pool without a free block) is retried after a short pause until it is stored or
-// `stopping` says so. Never drops silently. A pool is written through a loan.
+// `stopping` says so. Never drops silently. A pool is written through a loan. While a reliable
+// slot's queue is full (its count, read without a lock, says so) the block waits without being
+// written: a refused write would log a WARN line each time.
 class RetryingWriter {
 public:
     enum class Result { Stored, TooLarge, Failed, Stopped };
+    // How a slot's opening and each write wait for its lock, which a live process may keep.
+    // Plain: until they are done (a reader's thread). Interruptible (the main thread only): they
+    // also end at a stop signal, after which Abandoned() is true.
+    enum class Waits { Plain, Interruptible };
 
-    explicit RetryingWriter(const ISlotConfiguration& cfg);
+    RetryingWriter(const ISlotConfiguration& cfg, Waits waits);
     explicit RetryingWriter(const Slot::PoolConfig& config);
     Result Write(const char* data, size_t size, const std::function<bool()>& stopping);
 
@@ -76,11 +80,22 @@ public:
     std::uint64_t Stored() const { return stored_; }
     std::uint64_t Retries() const { return retries_; }
     std::uint64_t Lost() const { return lost_; }  // too large or failed
+    // A stop signal ended a wait for the slot's lock: a helper thread is still blocked on it, so
+    // the process must end with LeaveNow.
+    bool Abandoned() const { return abandoned_; }
 
 private:
+    // Whether the block may be written now: false while a reliable slot's queue is full.
+    bool Room() const;
+    Slot::WriteOutcome WriteSlot(const char* data, size_t size);
+
     std::string name_;
     size_t maxSize_;
+    Waits waits_ = Waits::Plain;
+    bool abandoned_ = false;
     ISubscriberPtr writer_;
+    boost::shared_ptr<ISlot> reliable_;  // a reliable slot's, for its count of waiting blocks
+    std::uint64_t capacity_ = 0;         // its queue's, in blocks; 0 when not known
     boost::shared_ptr<Slot::PoolWriter> pool_;
     std::uint64_t stored_ = 0, retries_ = 0, lost_ = 0;
 };

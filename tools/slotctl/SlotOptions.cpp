@@ -2,10 +2,12 @@
 #include "SlotOptions.h"
 
 #include "Names.h"
+#include "PoolTarget.h"
 
 #include <Slot/ConfigurationTags.h>
 #include <Slot/SlotSurvey.h>
 
+#include <unistd.h>
 #include <climits>
 
 namespace slotctl {
@@ -42,6 +44,25 @@ void RefuseUnusable(const SlotPartReport& part) {
     }
 }
 
+// An existing slot keeps its kind: an explicit --type of another kind is refused (a discarding
+// writer would throw a reliable slot's waiting blocks away). A queue of one block is what a
+// reliable slot made with --queue 1 has too, so "reliable" is not refused there.
+void RefuseOtherKind(const std::string& command, const std::string& name, const SlotReport& report,
+                     const std::string& type) {
+    if (report.kind == SlotKind::Unknown) {
+        return;
+    }
+    const std::string asked =
+        type.empty() ? Configuration::Object::Slot::Type::discardingTag : type;
+    const std::string kind = SlotKindText(report.kind);
+    if (asked == kind || (report.kind == SlotKind::Discarding &&
+                          asked == Configuration::Object::Slot::Type::reliableTag)) {
+        return;
+    }
+    throw CommandError(ExitFailure, command + ": the slot " + Quote(name) + " is a " + kind +
+                                        " slot, not " + Quote(asked));
+}
+
 }  // namespace
 
 std::set<std::string> SlotValuedOptions(std::initializer_list<std::string> more) {
@@ -69,8 +90,14 @@ SlotCfg ResolveSlot(const Arguments& arguments, const std::string& name) {
     const std::string pipeType = Configuration::Object::Slot::Type::posixPipeTag;
     size_t existingMaxSize = DefaultMaxSize;
     size_t existingQueue = DefaultQueue;
+    const SlotReport report = SlotSurvey::InspectSlot(name);
+    if (!report.HasSharedMemory() && report.pipePath.empty()) {
+        CheckSlotTarget(arguments.Command(), name);
+    }
+    if (typeGiven) {
+        RefuseOtherKind(arguments.Command(), name, report, type);
+    }
     if (!typeGiven || type != pipeType) {
-        const SlotReport report = SlotSurvey::InspectSlot(name);
         RefuseUnusable(report.header);
         RefuseUnusable(report.queue);
         // The library repairs a header or queue mutex whose holder died when it next takes it
@@ -96,6 +123,16 @@ SlotCfg ResolveSlot(const Arguments& arguments, const std::string& name) {
     return SlotCfg(name, type, boost::posix_time::milliseconds(static_cast<long>(updateMs)),
                    queue != 0 ? static_cast<size_t>(queue) : existingQueue,
                    maxSize != 0 ? static_cast<size_t>(maxSize) : existingMaxSize);
+}
+
+std::string HeldLockNote(const std::string& name) {
+    for (const SlotLockReport& lock : SlotSurvey::InspectSlot(name).heldLocks) {
+        // This process's own helper may be the one inside: only another holder counts.
+        if (!lock.HolderDead() && lock.process != ::getpid()) {
+            return " (its lock is held)";
+        }
+    }
+    return "";
 }
 
 }  // namespace slotctl

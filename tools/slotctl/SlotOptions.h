@@ -27,4 +27,9 @@ std::set<std::string> SlotValuedOptions(std::initializer_list<std::string> more)
 // cannot be opened, are not slot parts, are unfinished, or are locked by a dead process.
 SlotCfg ResolveSlot(const Arguments& arguments, const std::string& name);
 
+// " (its lock is held)" when another live process holds a lock inside the slot `name` now (a
+// look without a lock), else "": the reason a --timeout ended opening or writing it, when that
+// is known. Opening a discarding slot's reader takes about one update time without any lock.
+std::string HeldLockNote(const std::string& name);
+
 }  // namespace slotctl
