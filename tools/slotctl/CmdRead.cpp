@@ -155,7 +155,7 @@ std::string OpenSlotReader(const Arguments& arguments, const std::string& name,
         }
         if (opened == WaitResult::TimedOut) {
             LeaveNow(ExitTimedOut, "slotctl: cannot read " + Quote(name) + ": not opened within " +
-                                       std::to_string(limitMs) + " ms (its lock is held)");
+                                       std::to_string(limitMs) + " ms" + HeldLockNote(name));
         }
     } catch (const AbortSlotCreationException& e) {
         std::string message = "cannot read " + Quote(name) + ": " + e.what();

@@ -17,6 +17,8 @@
 #include <Slot/SlotWriter.h>
 #include <Slot/Version.h>
 #include <Slot/WriteOutcome.h>
+#include <shared/ILockable.h>
+#include <shared/WriteOutcome.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -255,22 +257,24 @@ std::string ByteText(std::uint64_t bytes) {
 
 RetryingWriter::RetryingWriter(const ISlotConfiguration& cfg, Waits waits)
     : name_(cfg.GetName()), maxSize_(cfg.GetMaxSize()), waits_(waits) {
-    // A reliable slot is opened as SlotFactory::CreateSlotWriter opens it, keeping the slot
-    // itself for its count of waiting blocks. The helper owns what it uses: after a stop it may
-    // still be waiting for the lock.
+    // A shared-memory slot is kept itself, for its lock and its count of waiting blocks; it is
+    // written as SlotWriter writes (Plain) or with the interruptible lock below. A posix-pipe
+    // gets the factory's writer, whose waits are bounded by the pipe's own time-out. The helper
+    // owns what it uses: after a stop it may still be waiting for the lock.
     struct Opened {
         SlotCfg cfg;
         ISubscriberPtr writer;
-        boost::shared_ptr<ISlot> reliable;
+        boost::shared_ptr<ISlot> slot;
     };
     auto opened = std::make_shared<Opened>(Opened{SlotCfg(cfg), {}, {}});
     auto open = [opened] {
-        if (opened->cfg.GetSlotType() != "reliable") {
+        const std::string type = opened->cfg.GetSlotType();
+        if (type != "reliable" && type != "discarding") {
             opened->writer = SlotFactory::CreateSlotWriter(&opened->cfg);
             return;
         }
-        opened->reliable = SlotFactory::CreateSlot(&opened->cfg);
-        opened->writer.reset(new SlotWriter(opened->reliable));
+        opened->slot = SlotFactory::CreateSlot(&opened->cfg);
+        opened->writer.reset(new SlotWriter(opened->slot));
     };
     try {
         if (waits == Waits::Plain) {
@@ -283,8 +287,8 @@ RetryingWriter::RetryingWriter(const ISlotConfiguration& cfg, Waits waits)
         throw CommandError(ExitFailure, "cannot write to " + Quote(name_) + ": " + e.what());
     }
     writer_ = opened->writer;
-    reliable_ = opened->reliable;
-    if (reliable_) {
+    slot_ = opened->slot;
+    if (slot_ && opened->cfg.GetSlotType() == "reliable") {
         // The queue's own capacity: an existing queue keeps its size whatever was asked.
         capacity_ = SlotSurvey::InspectSlot(name_).queue.capacity;
     }
@@ -301,34 +305,37 @@ RetryingWriter::RetryingWriter(const Slot::PoolConfig& config)
 }
 
 bool RetryingWriter::Room() const {
-    return !reliable_ || capacity_ == 0 || reliable_->GetBufferLength() < capacity_;
+    return !slot_ || capacity_ == 0 || slot_->GetBufferLength() < capacity_;
 }
 
-Slot::WriteOutcome RetryingWriter::WriteSlot(const char* data, size_t size) {
-    if (waits_ == Waits::Plain) {
+Slot::WriteOutcome RetryingWriter::WriteSlot(const char* data, size_t size,
+                                             const std::function<bool()>& stopping) {
+    if (waits_ == Waits::Plain || !slot_) {
         writer_->onNotify(name_, data, size);
         return Slot::LastWriteOutcome();
     }
-    // On a helper thread, which records its own outcome; it keeps its own copy of the block
-    // and of the writer, since after a stop it may still be waiting for the lock.
-    struct Write {
-        ISubscriberPtr writer;
-        std::string name;
-        std::string block;
-        Slot::WriteOutcome outcome = Slot::WriteOutcome::Failed;
-    };
-    auto write = std::make_shared<Write>(Write{writer_, name_, std::string(data, size), {}});
-    const WaitResult result = RunInterruptibly(
-        [write] {
-            write->writer->onNotify(write->name, write->block.data(), write->block.size());
-            write->outcome = Slot::LastWriteOutcome();
-        },
-        -1);
-    if (result != WaitResult::Ready) {
-        abandoned_ = true;
-        return Slot::WriteOutcome::None;
+    // SlotWriter's write, with its wait for the lock cut into short ones that look for a stop
+    // between them: a live process may keep the lock for ever. No helper thread, so that
+    // replaying as fast as the slot takes costs nothing per block.
+    shared::ILockable& lock = *slot_->GetLockable();
+    while (!lock.timed_lock(boost::posix_time::microsec_clock::universal_time() +
+                            boost::posix_time::milliseconds(100))) {
+        if (stopping()) {
+            stoppedWaiting_ = true;
+            return Slot::WriteOutcome::None;
+        }
     }
-    return write->outcome;
+    try {
+        slot_->WriteData(data, size);
+    } catch (...) {
+        lock.unlock();
+        // The slot kinds record their own outcomes; a write that throws is a failed one.
+        shared::RecordWriteOutcome(shared::WriteCountersFor(name_), shared::WriteOutcome::Failed);
+        throw;
+    }
+    lock.unlock();
+    slot_->GetOnWriteCondition()->Notify();
+    return Slot::LastWriteOutcome();
 }
 
 RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
@@ -355,8 +362,8 @@ RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
                 outcome = loan.outcome();
             }
         } else if (Room()) {
-            outcome = WriteSlot(data, size);
-            if (abandoned_) {
+            outcome = WriteSlot(data, size, stopping);
+            if (stoppedWaiting_) {
                 ++lost_;
                 return Result::Stopped;
             }

@@ -69,7 +69,8 @@ public:
     enum class Result { Stored, TooLarge, Failed, Stopped };
     // How a slot's opening and each write wait for its lock, which a live process may keep.
     // Plain: until they are done (a reader's thread). Interruptible (the main thread only): they
-    // also end at a stop signal, after which Abandoned() is true.
+    // also end when `stopping` says so (a write: Result::Stopped) or at a stop signal (the
+    // opening: Abandoned() is true).
     enum class Waits { Plain, Interruptible };
 
     RetryingWriter(const ISlotConfiguration& cfg, Waits waits);
@@ -87,15 +88,18 @@ public:
 private:
     // Whether the block may be written now: false while a reliable slot's queue is full.
     bool Room() const;
-    Slot::WriteOutcome WriteSlot(const char* data, size_t size);
+    // One write; None when `stopping` ended the wait for the lock (stoppedWaiting_ is set).
+    Slot::WriteOutcome WriteSlot(const char* data, size_t size,
+                                 const std::function<bool()>& stopping);
 
     std::string name_;
     size_t maxSize_;
     Waits waits_ = Waits::Plain;
     bool abandoned_ = false;
+    bool stoppedWaiting_ = false;
     ISubscriberPtr writer_;
-    boost::shared_ptr<ISlot> reliable_;  // a reliable slot's, for its count of waiting blocks
-    std::uint64_t capacity_ = 0;         // its queue's, in blocks; 0 when not known
+    boost::shared_ptr<ISlot> slot_;  // a shared-memory slot's: its lock and its count of blocks
+    std::uint64_t capacity_ = 0;     // a reliable slot's queue, in blocks; 0 when not known
     boost::shared_ptr<Slot::PoolWriter> pool_;
     std::uint64_t stored_ = 0, retries_ = 0, lost_ = 0;
 };
