@@ -4,33 +4,47 @@
 #include <Slot/AbortSlotCreationException.h>
 
 #include <FileUtils/FSUtils.h>
+#include <shared/AtForkMutex.h>
 #include <shared/FileHelpers.h>
 
-std::map<std::string, boost::shared_ptr<boost::mutex> > ReliableSlotReader::SingletonMutexes;
-boost::mutex ReliableSlotReader::SingletonMutexesGuard;
+#include <map>
 
 namespace {
 
-// The per-name mutex of SingletonMutexes together with the claim it guards. A reader holds the
-// claim, not the mutex, for its life: a mutex must be unlocked by the thread that locked it.
-struct NameMutex : boost::mutex {
-    bool claimed = false;  // guarded by the mutex itself
-};
+// Slot names this process's readers have claimed (true) or had claimed (false). Entries are
+// never erased, so the fork handler below only writes flags; never freed: usable during static
+// teardown.
+std::map<std::string, bool>* Claims = nullptr;
 
-bool ClaimName(boost::mutex& mutex) {
-    NameMutex& name = static_cast<NameMutex&>(mutex);
-    boost::lock_guard<boost::mutex> guard(name);
-    if (name.claimed) {
+void InitClaims() {
+    Claims = new std::map<std::string, bool>;
+}
+
+// A forked child has no reader of its own yet: the parent's claims are not the child's.
+void ForgetClaimsInChild() {
+    for (std::pair<const std::string, bool>& claim : *Claims) {
+        claim.second = false;
+    }
+}
+
+// Held only while a flag is tested and set or cleared: the constructor and the destructor of a
+// reader may run on different threads. fork() takes it around itself, so a child never finds it
+// held by a thread it does not have.
+using ClaimsLock = shared::AtForkMutex<InitClaims, ForgetClaimsInChild>::Lock;
+
+bool ClaimName(const std::string& name) {
+    ClaimsLock lock;
+    bool& claimed = (*Claims)[name];
+    if (claimed) {
         return false;
     }
-    name.claimed = true;
+    claimed = true;
     return true;
 }
 
-void ReleaseName(boost::mutex& mutex) {
-    NameMutex& name = static_cast<NameMutex&>(mutex);
-    boost::lock_guard<boost::mutex> guard(name);
-    name.claimed = false;
+void ReleaseName(const std::string& name) {
+    ClaimsLock lock;
+    (*Claims)[name] = false;
 }
 
 }  // namespace
@@ -38,14 +52,12 @@ void ReleaseName(boost::mutex& mutex) {
 ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
                                        const boost::posix_time::time_duration& updateTime)
     : BaseSlotReader(slot, updateTime) {
-    const std::string name = slot_->GetName();
-    singletonMutex_ = FindOrCreateSingletonMutex(name);
-    const std::string path = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name));
+    const std::string path = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name_));
     fileLock_ = shared::FileLock(path.c_str());
     // Neither attempt waits: a second reader is refused, never queued.
-    if (!fileLock_.try_lock() || !ClaimName(*singletonMutex_)) {
+    if (!fileLock_.try_lock() || !ClaimName(name_)) {
         throw AbortSlotCreationException("Cannot create non-unique reader for reliable slot '" +
-                                         name + "'");
+                                         name_ + "'");
     }
 }
 
@@ -58,21 +70,14 @@ ReliableSlotReader::~ReliableSlotReader() {
             LOG4CXX_DEBUG(logger_, "~ReliableSlotReader() joined, '" << slot_->GetName() << "'");
         }
     }
+    if (Inherited()) {
+        return;  // the lock and the claim are the parent's
+    }
     fileLock_.unlock();
-    ReleaseName(*singletonMutex_);
+    ReleaseName(name_);
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "~ReliableSlotReader() unlocked, '" << slot_->GetName() << "'");
     }
-}
-
-boost::shared_ptr<boost::mutex> ReliableSlotReader::FindOrCreateSingletonMutex(
-    const std::string& name) {
-    boost::mutex::scoped_lock guard(SingletonMutexesGuard);
-    boost::shared_ptr<boost::mutex>& entry = SingletonMutexes[name];
-    if (!entry) {
-        entry.reset(new NameMutex);
-    }
-    return entry;
 }
 
 bool ReliableSlotReader::DataInSlotIsActual() {
