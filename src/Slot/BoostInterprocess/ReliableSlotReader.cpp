@@ -9,42 +9,45 @@
 
 #include <map>
 
+std::map<std::string, boost::shared_ptr<boost::mutex> > ReliableSlotReader::SingletonMutexes;
+
 namespace {
 
-// Slot names this process's readers have claimed (true) or had claimed (false). Entries are
-// never erased, so the fork handler below only writes flags; never freed: usable during static
-// teardown.
-std::map<std::string, bool>* Claims = nullptr;
+// The per-name mutex of SingletonMutexes together with the name's claim. A reader holds the
+// claim, not the mutex, for its life (a mutex must be unlocked by the thread that locked it, and
+// a reader may be destroyed on another thread than the one that made it).
+struct NameMutex : boost::mutex {
+    bool claimed = false;  // guarded by RegistryLock
+};
 
-void InitClaims() {
-    Claims = new std::map<std::string, bool>;
-}
+void NoInit() {}
 
-// A forked child has no reader of its own yet: the parent's claims are not the child's.
+// A forked child has no reader of its own yet: the parent's claims are not the child's. Only
+// flags are written (the entries are never erased).
 void ForgetClaimsInChild() {
-    for (std::pair<const std::string, bool>& claim : *Claims) {
-        claim.second = false;
+    for (auto& entry : ReliableSlotReader::SingletonMutexes) {
+        static_cast<NameMutex&>(*entry.second).claimed = false;
     }
 }
 
-// Held only while a flag is tested and set or cleared: the constructor and the destructor of a
-// reader may run on different threads. fork() takes it around itself, so a child never finds it
-// held by a thread it does not have.
-using ClaimsLock = shared::AtForkMutex<InitClaims, ForgetClaimsInChild>::Lock;
+// Guards SingletonMutexes and every claim, held only while an entry is found or made, or a flag
+// is tested and set or cleared. fork() takes it around itself, so a child never finds it held by
+// a thread it does not have.
+using RegistryLock = shared::AtForkMutex<NoInit, ForgetClaimsInChild>::Lock;
 
-bool ClaimName(const std::string& name) {
-    ClaimsLock lock;
-    bool& claimed = (*Claims)[name];
-    if (claimed) {
+bool ClaimName(boost::mutex& mutex) {
+    RegistryLock lock;
+    NameMutex& name = static_cast<NameMutex&>(mutex);
+    if (name.claimed) {
         return false;
     }
-    claimed = true;
+    name.claimed = true;
     return true;
 }
 
-void ReleaseName(const std::string& name) {
-    ClaimsLock lock;
-    (*Claims)[name] = false;
+void ReleaseName(boost::mutex& mutex) {
+    RegistryLock lock;
+    static_cast<NameMutex&>(mutex).claimed = false;
 }
 
 }  // namespace
@@ -52,10 +55,11 @@ void ReleaseName(const std::string& name) {
 ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
                                        const boost::posix_time::time_duration& updateTime)
     : BaseSlotReader(slot, updateTime) {
+    singletonMutex_ = FindOrCreateSingletonMutex(name_);
     const std::string path = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name_));
     fileLock_ = shared::FileLock(path.c_str());
     // Neither attempt waits: a second reader is refused, never queued.
-    if (!fileLock_.try_lock() || !ClaimName(name_)) {
+    if (!fileLock_.try_lock() || !ClaimName(*singletonMutex_)) {
         throw AbortSlotCreationException("Cannot create non-unique reader for reliable slot '" +
                                          name_ + "'");
     }
@@ -74,10 +78,20 @@ ReliableSlotReader::~ReliableSlotReader() {
         return;  // the lock and the claim are the parent's
     }
     fileLock_.unlock();
-    ReleaseName(name_);
+    ReleaseName(*singletonMutex_);
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "~ReliableSlotReader() unlocked, '" << slot_->GetName() << "'");
     }
+}
+
+boost::shared_ptr<boost::mutex> ReliableSlotReader::FindOrCreateSingletonMutex(
+    const std::string& name) {
+    RegistryLock lock;
+    boost::shared_ptr<boost::mutex>& entry = SingletonMutexes[name];
+    if (!entry) {
+        entry.reset(new NameMutex);
+    }
+    return entry;
 }
 
 bool ReliableSlotReader::DataInSlotIsActual() {

@@ -5,6 +5,9 @@
 
 #include <shared/FileLock.h>
 
+#include <boost/thread/mutex.hpp>
+
+#include <map>
 #include <string>
 
 // Reader of a "reliable" slot: every block is delivered, each wake-up drains the queue (also
@@ -18,10 +21,12 @@
 // process that holds it, a forked child never has it, and the process keeps one descriptor per
 // lock file, so a refused second reader does not release the first one's lock.
 //
-// The names' claims are flags in one process-wide registry, whose mutex is held only while a
-// flag is tested and set or cleared, so the constructor and the destructor may run on different
-// threads. A forked child starts with no claim: once the parent's reader is gone, the child may
-// become the slot's reader. The child's copy of the parent's reader releases nothing.
+// The name's claim is a flag kept with the name's mutex (FindOrCreateSingletonMutex). The map
+// and the flags are guarded by one process-wide lock that fork() takes around itself, held only
+// while an entry is found or a flag is tested and set or cleared, so the constructor and the
+// destructor may run on different threads. A forked child starts with no claim: once the
+// parent's reader is gone, the child may become the slot's reader. The child's copy of the
+// parent's reader releases nothing.
 class SLOT_EXPORT ReliableSlotReader : public BaseSlotReader {
 public:
     // Throws AbortSlotCreationException when the slot already has a reader.
@@ -29,9 +34,16 @@ public:
                        const boost::posix_time::time_duration& updateTime);
     ~ReliableSlotReader() override;
 
+    boost::shared_ptr<boost::mutex> FindOrCreateSingletonMutex(const std::string& name);
+
     bool DataInSlotIsActual() override;
     shared::SizedArray ReadAndNotify() override;
 
+    // One mutex per slot name for the whole process; entries are never removed, so the next
+    // reader of the same slot reuses the mutex (and its claim).
+    static std::map<std::string, boost::shared_ptr<boost::mutex> > SingletonMutexes;
+
 private:
-    shared::FileLock fileLock_;  // locked for the reader's lifetime
+    boost::shared_ptr<boost::mutex> singletonMutex_;  // the name's, with its claim
+    shared::FileLock fileLock_;                       // locked for the reader's lifetime
 };
