@@ -86,7 +86,8 @@ PosixFileReader::PosixFileReader(const std::string& path, unsigned size,
       periodMs_(ToMilliseconds(period)),
       logger_(log4cxx::Logger::getLogger("Slot.Reader")),
       fd_(OpenChecked(path)),
-      stopping_(false) {
+      stopping_(false),
+      pid_(::getpid()) {
     if (::pipe2(wakeFds_, O_NONBLOCK | O_CLOEXEC) != 0) {
         const int error = errno;
         ::close(fd_);
@@ -105,10 +106,19 @@ PosixFileReader::PosixFileReader(const std::string& path, unsigned size,
 }
 
 PosixFileReader::~PosixFileReader() {
-    stopping_ = true;
-    Wake();
-    thread_.interrupt();
-    thread_.join();
+    if (::getpid() != pid_) {
+        // A forked child's copy: the thread is the parent's (joining its handle would wait for
+        // ever) and a wake-up would reach it through the shared self-pipe. The handle is left
+        // alone for good; the descriptors closed below are the child's own.
+        if (thread_.joinable()) {
+            static_cast<void>(new boost::thread(boost::move(thread_)));
+        }
+    } else {
+        stopping_ = true;
+        Wake();
+        thread_.interrupt();
+        thread_.join();
+    }
     ::close(wakeFds_[0]);
     ::close(wakeFds_[1]);
     ::close(fd_);

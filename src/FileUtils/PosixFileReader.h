@@ -11,6 +11,8 @@
 
 #include <log4cxx/logger.h>
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <string>
 
@@ -34,7 +36,8 @@ namespace FileUtils {
 //   opens the pipe. A regular file is read like `tail -f`: at its end the reader looks again
 //   after `period`.
 // - The destructor stops the thread at once (a self-pipe wakes its poll) and joins it; at the
-//   latest the thread notices within `period`.
+//   latest the thread notices within `period`. In a child forked (without exec) the copy has
+//   no thread: destroying it only closes the child's descriptors, the parent reads on.
 // - Errors (a failed read, an exception from a subscriber) are logged at ERROR on
 //   "Slot.Reader" and followed by a pause of `period`; they do not end the thread.
 //
@@ -79,6 +82,7 @@ private:
     // Taken before the Notifier's own mutex.
     boost::recursive_mutex deliveryMutex_;
     std::atomic<bool> stopping_;  // set by the destructor
+    const pid_t pid_;             // the process that made the reader and runs its thread
     boost::thread thread_;
 };
 

@@ -30,8 +30,9 @@
 ///
 /// The last outcome belongs to the calling thread (a write made by a reader thread or a
 /// notifier's thread is seen there). The counts are per slot name and per process, summed
-/// over every writer of the process, and never reset. Recording costs one thread-local store
-/// and one relaxed atomic increment per write.
+/// over every writer of the process, and never reset while it runs; a child forked without exec
+/// starts from zero (the parent's writes are not its own). Recording costs one thread-local
+/// store and one relaxed atomic increment per write.
 
 namespace Slot {
 

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <shared/WriteOutcome.h>
 
+#include <shared/AtForkMutex.h>
+
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 
 namespace shared {
@@ -22,16 +23,26 @@ thread_local WriteOutcome lastOutcome = WriteOutcome::None;
 
 // Slot name -> counters. Entries are never removed, so the pointers handed out stay valid;
 // the map is touched only when a writer first meets a name and when counts are asked for.
-struct Registry {
-    std::mutex mutex;
-    std::unordered_map<std::string, std::unique_ptr<WriteCounters>> counters;  // guarded by mutex
-};
+// Never freed: writers may still record while static objects are torn down.
+std::unordered_map<std::string, std::unique_ptr<WriteCounters>>* Counters = nullptr;
 
-Registry& TheRegistry() {
-    // Never destroyed: writers may still record while static objects are torn down.
-    static Registry* registry = new Registry;
-    return *registry;
+void InitCounters() {
+    Counters = new std::unordered_map<std::string, std::unique_ptr<WriteCounters>>;
 }
+
+// The counts are the process's own writes: a forked child has made none yet.
+void ZeroCountsInChild() {
+    for (auto& entry : *Counters) {
+        WriteCounters& c = *entry.second;
+        c.stored.store(0, std::memory_order_relaxed);
+        c.discarded.store(0, std::memory_order_relaxed);
+        c.refused.store(0, std::memory_order_relaxed);
+        c.failed.store(0, std::memory_order_relaxed);
+    }
+}
+
+// fork() takes it around itself: a child never finds it held by a thread it does not have.
+using CountersLock = AtForkMutex<InitCounters, ZeroCountsInChild>::Lock;
 
 std::uint64_t Load(const std::atomic<std::uint64_t>& value) {
     return value.load(std::memory_order_relaxed);
@@ -40,9 +51,8 @@ std::uint64_t Load(const std::atomic<std::uint64_t>& value) {
 }  // namespace
 
 WriteCounters* WriteCountersFor(const std::string& slotName) {
-    Registry& registry = TheRegistry();
-    std::lock_guard<std::mutex> lock(registry.mutex);
-    std::unique_ptr<WriteCounters>& entry = registry.counters[slotName];
+    CountersLock lock;
+    std::unique_ptr<WriteCounters>& entry = (*Counters)[slotName];
     if (!entry) {
         entry.reset(new WriteCounters);
     }
@@ -76,11 +86,10 @@ WriteOutcome LastWriteOutcome() {
 }
 
 WriteCounts GetWriteCounts(const std::string& slotName) {
-    Registry& registry = TheRegistry();
-    std::lock_guard<std::mutex> lock(registry.mutex);
+    CountersLock lock;
     WriteCounts counts;
-    const auto found = registry.counters.find(slotName);
-    if (found != registry.counters.end()) {
+    const auto found = Counters->find(slotName);
+    if (found != Counters->end()) {
         const WriteCounters& c = *found->second;
         counts.stored = Load(c.stored);
         counts.discarded = Load(c.discarded);

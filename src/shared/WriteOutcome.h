@@ -25,7 +25,8 @@ enum class WriteOutcome : unsigned char {
 };
 
 /// Counts of the outcomes of writes made by this process into one slot, since the process
-/// started. The four counts are read one after the other, not as one snapshot.
+/// started (a forked child starts from zero). The four counts are read one after the other, not as
+/// one snapshot.
 struct WriteCounts {
     std::uint64_t stored = 0;     ///< WriteOutcome::Stored
     std::uint64_t discarded = 0;  ///< WriteOutcome::Discarded

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <thread>
 
@@ -64,6 +65,77 @@ TEST(ReaderClaim, ForkedChildNeverKeepsItAndDestructionReleasesItAtOnce) {
     EXPECT_EQ(1, ClaimInAnotherProcess(name)) << "the forked child must not keep the claim";
     stop.Post();
     EXPECT_TRUE(forked.Wait().Ok());
+}
+
+// A child forked while this process's reader lives is refused while that reader lives (with
+// the same text) and becomes the reader once it is gone: the parent's claim is not the child's.
+TEST(ReaderClaim, AForkedChildBecomesTheReaderOnceItsParentsIsGone) {
+    ScopedSlotName name("claimforkchild");
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    std::unique_ptr<ReliableSlotReader> reader(new ReliableSlotReader(slot, Update));
+    reader->Init();
+    const std::string refusal =
+        "Cannot create non-unique reader for reliable slot '" + name.str() + "'";
+    PipeSignal refused, parentsGone;
+    // The child makes readers without starting their threads: claiming is the constructor's.
+    ChildProcess child([&] {
+        try {
+            ReliableSlotReader second(slot, Update);
+            return testsupport::Failed(1, "a second reader was made while the parent's lives");
+        } catch (const AbortSlotCreationException& e) {
+            if (e.what() != refusal) {
+                return testsupport::Failed(2, e.what());
+            }
+        }
+        refused.Post();
+        if (!parentsGone.WaitFor()) {
+            return 3;
+        }
+        for (int i = 0; i < 2; ++i) {  // the child's own claim ends with its reader
+            try {
+                ReliableSlotReader mine(slot, Update);
+            } catch (const std::exception& e) {
+                return testsupport::Failed(4, e.what());
+            }
+        }
+        return 0;
+    });
+    ASSERT_TRUE(refused.WaitFor());
+    reader.reset();
+    parentsGone.Post();
+    const ChildResult result = child.Wait(std::chrono::seconds(20));
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+}
+
+// Children forked while another thread makes and drops readers never find the process's claims
+// locked for good by that thread. (A hang shows as the child's watchdog.)
+TEST(ReaderClaim, AForkedChildNeverWaitsForTheClaimsOfOtherThreads) {
+    ScopedSlotName busyName("claimbusy"), childName("claimforked");
+    boost::shared_ptr<ISlot> busy = Reliable(busyName);
+    boost::shared_ptr<ISlot> forChild = Reliable(childName);
+    // The first reader looks its logger up, under a lock of log4cxx's own that a child forked
+    // meanwhile would never get: done before any fork.
+    { ReliableSlotReader first(busy, Update); }
+    std::atomic<bool> stop{false};
+    std::thread churn([&] {
+        while (!stop) {
+            ReliableSlotReader reader(busy, Update);
+        }
+    });
+    int hung = 0;
+    for (int i = 0; i < 1000 && hung == 0; ++i) {
+        const ChildResult child = testsupport::RunInChild(
+            [&] {
+                ReliableSlotReader reader(forChild, Update);
+                return 0;
+            },
+            std::chrono::seconds(10));
+        EXPECT_TRUE(child.Ok() || child.timedOut) << child.Describe();
+        hung += child.timedOut ? 1 : 0;
+    }
+    EXPECT_EQ(0, hung) << "a child found the claims locked for good";
+    stop = true;
+    churn.join();
 }
 
 // Both factory operations are refused with the same text while a reader of either flavour

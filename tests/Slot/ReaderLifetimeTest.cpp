@@ -14,8 +14,13 @@
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
 #include <Slot/SlotWriter.h>
 
+#include <FileUtils/FSUtils.h>
+#include <FileUtils/NamedPipeCreator.h>
+#include <shared/FileLock.h>
+
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -115,6 +120,36 @@ TEST(ReliableSlotReader, DestructorLogsItsSteps) {
                   "Thread shutdown for " + name.str(), "~ReliableSlotReader() joined, " + quoted,
                   "~ReliableSlotReader() unlocked, " + quoted, "~BaseSlotReader(), " + quoted}),
               log.Messages());
+}
+
+// A child forked (without exec) while readers run drops its copies at once: their threads and
+// claims stay the parent's, whose readers read on. (A hang shows as the child's watchdog.)
+TEST(SlotReaders, AForkedChildDropsItsCopiesAtOnceAndTheParentsReadOn) {
+    for (const std::string type : {"reliable", "discarding", "posix-pipe"}) {
+        SCOPED_TRACE(type);
+        ScopedSlotName name("forkdrop");
+        const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
+        const SimpleSlotCfg cfg = ReaderCfg(name, type);
+        boost::shared_ptr<Collector> collector(new Collector);
+        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, collector);
+        const testsupport::ChildResult child = testsupport::RunInChild(
+            [&] {
+                reader.reset();
+                collector.reset();
+                return 0;
+            },
+            std::chrono::seconds(10));
+        EXPECT_TRUE(child.Ok()) << child.Describe();
+        if (type == "reliable") {
+            EXPECT_EQ(::getpid(),
+                      shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name)));
+        }
+        testsupport::WriteBlock(cfg, "after");
+        EXPECT_TRUE(collector->WaitForBytes(5));
+        EXPECT_EQ("after", collector->Stream());
+        reader.reset();
+        ::unlink(pipe.c_str());
+    }
 }
 
 // Destroying a reader that spins with a budget far beyond the test's time-out returns: the

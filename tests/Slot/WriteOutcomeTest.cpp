@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a host learns about its writes without reading the log: the thread's last outcome and
 // the per-slot counts, for each slot kind.
+#include "ChildProcess.h"
 #include "FakeSlot.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
@@ -174,6 +175,39 @@ TEST(WriteOutcome, LastOutcomeBelongsToTheWritingThreadAndCountsAddUpAcrossThrea
     // The main thread's own last write was stored, whatever the others met since.
     EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
     ExpectCounts(name, capacity, 0, threads * perThread - (capacity - 1), 0);
+}
+
+// Children forked while another thread reads the counts find the registry usable (not locked
+// for good by that thread) and count only their own writes, from zero.
+TEST(WriteOutcome, AForkedChildNeverWaitsForTheRegistryAndCountsOnlyItsOwnWrites) {
+    ScopedSlotName name("outcome_fork");
+    shared::WriteCounters* counters = shared::WriteCountersFor(name);
+    shared::RecordWriteOutcome(counters, shared::WriteOutcome::Stored);
+    std::atomic<bool> stop{false};
+    std::thread asker([&] {
+        while (!stop) {
+            Slot::GetWriteCounts(name);
+        }
+    });
+    int hung = 0, wrong = 0;
+    for (int i = 0; i < 100 && hung == 0; ++i) {
+        const testsupport::ChildResult child = testsupport::RunInChild(
+            [&] {
+                const std::uint64_t inherited = Slot::GetWriteCounts(name).Total();
+                // The pointer looked up before the fork still counts, now for the child.
+                shared::RecordWriteOutcome(counters, shared::WriteOutcome::Refused);
+                const Slot::WriteCounts counts = Slot::GetWriteCounts(name);
+                return inherited == 0 && counts.refused == 1 && counts.Total() == 1 ? 0 : 2;
+            },
+            std::chrono::seconds(10));
+        hung += child.timedOut ? 1 : 0;
+        wrong += child.exited && child.exitCode == 2 ? 1 : 0;
+    }
+    EXPECT_EQ(0, hung) << "a child found the registry locked for good";
+    EXPECT_EQ(0, wrong) << "children counted other writes than their own";
+    stop = true;
+    asker.join();
+    ExpectCounts(name, 1, 0, 0, 0);
 }
 
 TEST(WriteOutcome, PosixPipeWriterReportsBlocksDroppedOnAFullPipe) {

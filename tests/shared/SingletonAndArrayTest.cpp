@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ChildProcess.h"
+
 #include <shared/FileHelpers.h>
 #include <shared/SingletonMutex.h>
 #include <shared/SizedArray.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -21,6 +26,38 @@ TEST(SingletonMutex, UniqueOnlyWhileAloneUnderItsName) {
         EXPECT_TRUE(other.IsUnique());
     }
     EXPECT_TRUE(first.IsUnique());
+}
+
+// A forked child starts with no holders: the parent's objects do not count in it (dropping its
+// copies changes nothing), and another thread of the parent never leaves the registry locked.
+TEST(SingletonMutex, AForkedChildCountsOnlyItsOwnAndNeverWaitsForTheRegistry) {
+    std::unique_ptr<shared::SingletonMutex> parents(
+        new shared::SingletonMutex("SingletonMutexTest.fork"));
+    std::atomic<bool> stop{false};
+    std::thread churn([&] {
+        while (!stop) {
+            shared::SingletonMutex other("SingletonMutexTest.churn");
+            other.IsUnique();
+        }
+    });
+    int hung = 0, wrong = 0;
+    for (int i = 0; i < 100 && hung == 0; ++i) {
+        const testsupport::ChildResult child = testsupport::RunInChild(
+            [&] {
+                shared::SingletonMutex mine("SingletonMutexTest.fork");
+                const bool alone = mine.IsUnique() && !parents->IsUnique();
+                parents.reset();
+                return alone && mine.IsUnique() ? 0 : 2;
+            },
+            std::chrono::seconds(10));
+        hung += child.timedOut ? 1 : 0;
+        wrong += child.exited && child.exitCode == 2 ? 1 : 0;
+    }
+    EXPECT_EQ(0, hung) << "a child found the registry locked for good";
+    EXPECT_EQ(0, wrong) << "the parent's holder counted in children";
+    stop = true;
+    churn.join();
+    EXPECT_TRUE(parents->IsUnique());
 }
 
 TEST(SizedArray, CopiesShareTheBytesAndTheSizeOnlyShrinks) {

@@ -11,12 +11,29 @@
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <boost/ref.hpp>
 
+#include <unistd.h>
 #include <algorithm>
 
 namespace {
 
 // The reader whose thread this is; null on every other thread.
 thread_local const BaseSlotReader* RunningReader = nullptr;
+
+// In a forked child the handle names a thread of the parent: interrupting, joining or detaching
+// it would wait for ever or act on whatever the child's own threads reuse. The handle is left
+// alone for good (a few bytes per inherited reader).
+// Looked up once per process: a lookup takes log4cxx's hierarchy lock, which a child forked
+// while another thread held it never gets, so a child making a reader would wait for ever.
+log4cxx::LoggerPtr ReaderLogger() {
+    static const log4cxx::LoggerPtr logger = log4cxx::Logger::getLogger("Slot.Reader");
+    return logger;
+}
+
+void Abandon(boost::thread& thread) {
+    if (thread.joinable()) {
+        static_cast<void>(new boost::thread(boost::move(thread)));
+    }
+}
 
 }  // namespace
 
@@ -26,10 +43,11 @@ BaseSlotReader::BaseSlotReader(boost::shared_ptr<ISlot> slot,
       slot_(slot),
       updateTime_(updateTime),
       name_(slot->GetName()),
-      logger_(log4cxx::Logger::getLogger("Slot.Reader")),
+      logger_(ReaderLogger()),
       released_(false),
       spinBudget_(0, 0, 0),
-      spinWait_(nullptr) {
+      spinWait_(nullptr),
+      pid_(::getpid()) {
     CheckUpdateTime(slot_->GetName(), updateTime_);
 }
 
@@ -62,9 +80,15 @@ BaseSlotReader::~BaseSlotReader() {
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "~BaseSlotReader(), '" << slot_->GetName() << "'");
     }
-    if (thread_.joinable()) {
+    if (Inherited()) {
+        Abandon(thread_);
+    } else if (thread_.joinable()) {
         thread_.detach();
     }
+}
+
+bool BaseSlotReader::Inherited() const {
+    return ::getpid() != pid_;
 }
 
 void BaseSlotReader::Release(BaseSlotReader* reader, boost::shared_ptr<void> keepAlive) {
@@ -84,6 +108,10 @@ void BaseSlotReader::Release(BaseSlotReader* reader, boost::shared_ptr<void> kee
 }
 
 bool BaseSlotReader::StopThread() {
+    if (Inherited()) {
+        Abandon(thread_);
+        return false;
+    }
     if (!thread_.joinable()) {
         return false;
     }

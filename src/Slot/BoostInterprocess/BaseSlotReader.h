@@ -14,6 +14,8 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/thread.hpp>
 
+#include <sys/types.h>
+
 // A notifier that owns one thread reading one shared-memory slot.
 //
 // Threads: the creator's thread runs the constructor, Init, subscription calls and the
@@ -25,6 +27,10 @@
 // Init must be called once, after the most-derived constructor has finished (the thread calls
 // virtual functions). Concrete readers interrupt and join the thread in their destructors, before
 // their own parts are destroyed; this base neither interrupts nor joins.
+//
+// A child forked (without exec) from the process that made the reader has a copy of it but not
+// its thread: there the copy is Inherited, and destroying it neither stops nor waits for the
+// thread, nor gives up anything the parent's reader holds.
 //
 // Destroying a reader on its own thread (its owner drops the last reference inside a
 // subscriber's onNotify) cannot join that thread, and the code that called the subscriber still
@@ -79,8 +85,12 @@ public:
 protected:
     // Interrupts the thread and waits for it to end; false when there was no thread to stop.
     // Concrete readers call it first in their destructors. On the reader's own thread (a reader
-    // deleted through Release) the thread is detached instead: it is about to end.
+    // deleted through Release) the thread is detached instead: it is about to end. In a forked
+    // child (Inherited) the thread is the parent's: its handle is let go, false.
     bool StopThread();
+    // True in a process forked from the one that made this reader: the thread and every claim
+    // of the reader are that process's.
+    bool Inherited() const;
     // Set on the reader thread by Release: the reader takes nothing more and is deleted by its
     // thread. Draining loops test it between blocks.
     bool Released() const { return released_; }
@@ -98,4 +108,5 @@ private:
     boost::posix_time::time_duration spinBudget_;  // set before Init
     shared::ISpinWait* spinWait_;                  // the slot's write signal; null: no spinning
     boost::shared_ptr<void> keepAlive_;            // reader thread only; see Release
+    const pid_t pid_;                              // the process that made the reader
 };

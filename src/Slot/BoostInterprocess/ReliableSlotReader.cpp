@@ -4,22 +4,40 @@
 #include <Slot/AbortSlotCreationException.h>
 
 #include <FileUtils/FSUtils.h>
+#include <shared/AtForkMutex.h>
 #include <shared/FileHelpers.h>
 
+#include <map>
+
 std::map<std::string, boost::shared_ptr<boost::mutex> > ReliableSlotReader::SingletonMutexes;
-boost::mutex ReliableSlotReader::SingletonMutexesGuard;
 
 namespace {
 
-// The per-name mutex of SingletonMutexes together with the claim it guards. A reader holds the
-// claim, not the mutex, for its life: a mutex must be unlocked by the thread that locked it.
+// The per-name mutex of SingletonMutexes together with the name's claim. A reader holds the
+// claim, not the mutex, for its life (a mutex must be unlocked by the thread that locked it, and
+// a reader may be destroyed on another thread than the one that made it).
 struct NameMutex : boost::mutex {
-    bool claimed = false;  // guarded by the mutex itself
+    bool claimed = false;  // guarded by RegistryLock
 };
 
+void NoInit() {}
+
+// A forked child has no reader of its own yet: the parent's claims are not the child's. Only
+// flags are written (the entries are never erased).
+void ForgetClaimsInChild() {
+    for (auto& entry : ReliableSlotReader::SingletonMutexes) {
+        static_cast<NameMutex&>(*entry.second).claimed = false;
+    }
+}
+
+// Guards SingletonMutexes and every claim, held only while an entry is found or made, or a flag
+// is tested and set or cleared. fork() takes it around itself, so a child never finds it held by
+// a thread it does not have.
+using RegistryLock = shared::AtForkMutex<NoInit, ForgetClaimsInChild>::Lock;
+
 bool ClaimName(boost::mutex& mutex) {
+    RegistryLock lock;
     NameMutex& name = static_cast<NameMutex&>(mutex);
-    boost::lock_guard<boost::mutex> guard(name);
     if (name.claimed) {
         return false;
     }
@@ -28,9 +46,8 @@ bool ClaimName(boost::mutex& mutex) {
 }
 
 void ReleaseName(boost::mutex& mutex) {
-    NameMutex& name = static_cast<NameMutex&>(mutex);
-    boost::lock_guard<boost::mutex> guard(name);
-    name.claimed = false;
+    RegistryLock lock;
+    static_cast<NameMutex&>(mutex).claimed = false;
 }
 
 }  // namespace
@@ -38,14 +55,13 @@ void ReleaseName(boost::mutex& mutex) {
 ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
                                        const boost::posix_time::time_duration& updateTime)
     : BaseSlotReader(slot, updateTime) {
-    const std::string name = slot_->GetName();
-    singletonMutex_ = FindOrCreateSingletonMutex(name);
-    const std::string path = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name));
+    singletonMutex_ = FindOrCreateSingletonMutex(name_);
+    const std::string path = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name_));
     fileLock_ = shared::FileLock(path.c_str());
     // Neither attempt waits: a second reader is refused, never queued.
     if (!fileLock_.try_lock() || !ClaimName(*singletonMutex_)) {
         throw AbortSlotCreationException("Cannot create non-unique reader for reliable slot '" +
-                                         name + "'");
+                                         name_ + "'");
     }
 }
 
@@ -58,6 +74,9 @@ ReliableSlotReader::~ReliableSlotReader() {
             LOG4CXX_DEBUG(logger_, "~ReliableSlotReader() joined, '" << slot_->GetName() << "'");
         }
     }
+    if (Inherited()) {
+        return;  // the lock and the claim are the parent's
+    }
     fileLock_.unlock();
     ReleaseName(*singletonMutex_);
     if (logger_->isDebugEnabled()) {
@@ -67,7 +86,7 @@ ReliableSlotReader::~ReliableSlotReader() {
 
 boost::shared_ptr<boost::mutex> ReliableSlotReader::FindOrCreateSingletonMutex(
     const std::string& name) {
-    boost::mutex::scoped_lock guard(SingletonMutexesGuard);
+    RegistryLock lock;
     boost::shared_ptr<boost::mutex>& entry = SingletonMutexes[name];
     if (!entry) {
         entry.reset(new NameMutex);

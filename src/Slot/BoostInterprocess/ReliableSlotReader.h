@@ -21,9 +21,12 @@
 // process that holds it, a forked child never has it, and the process keeps one descriptor per
 // lock file, so a refused second reader does not release the first one's lock.
 //
-// The name's claim is a flag guarded by the name's mutex (FindOrCreateSingletonMutex), which is
-// held only while the flag is tested and set or cleared, so the constructor and the destructor
-// may run on different threads.
+// The name's claim is a flag kept with the name's mutex (FindOrCreateSingletonMutex). The map
+// and the flags are guarded by one process-wide lock that fork() takes around itself, held only
+// while an entry is found or a flag is tested and set or cleared, so the constructor and the
+// destructor may run on different threads. A forked child starts with no claim: once the
+// parent's reader is gone, the child may become the slot's reader. The child's copy of the
+// parent's reader releases nothing.
 class SLOT_EXPORT ReliableSlotReader : public BaseSlotReader {
 public:
     // Throws AbortSlotCreationException when the slot already has a reader.
@@ -36,12 +39,11 @@ public:
     bool DataInSlotIsActual() override;
     shared::SizedArray ReadAndNotify() override;
 
-private:
-    boost::shared_ptr<boost::mutex> singletonMutex_;  // guards the name's claim, briefly
-    shared::FileLock fileLock_;                       // locked for the reader's lifetime
-
     // One mutex per slot name for the whole process; entries are never removed, so the next
-    // reader of the same slot reuses the mutex. Guarded by SingletonMutexesGuard.
+    // reader of the same slot reuses the mutex (and its claim).
     static std::map<std::string, boost::shared_ptr<boost::mutex> > SingletonMutexes;
-    static boost::mutex SingletonMutexesGuard;
+
+private:
+    boost::shared_ptr<boost::mutex> singletonMutex_;  // the name's, with its claim
+    shared::FileLock fileLock_;                       // locked for the reader's lifetime
 };

@@ -8,6 +8,7 @@
 #include <boost/bind/bind.hpp>
 #include <boost/ref.hpp>
 
+#include <unistd.h>
 #include <stdexcept>
 
 namespace {
@@ -34,7 +35,8 @@ WindowsPipeReader::WindowsPipeReader(boost::shared_ptr<WindowsPipeServerSlot> sl
       errorPause_(errorPause),
       singletonMutex_(slot->GetName()),
       fileLock_(LockFileFor(slot).c_str()),
-      logger_(log4cxx::Logger::getLogger("Slot.Reader")) {
+      logger_(log4cxx::Logger::getLogger("Slot.Reader")),
+      pid_(::getpid()) {
     bool unique = false;
     if (fileLock_.try_lock()) {
         unique = singletonMutex_.IsUnique();
@@ -47,6 +49,15 @@ WindowsPipeReader::WindowsPipeReader(boost::shared_ptr<WindowsPipeServerSlot> sl
 }
 
 WindowsPipeReader::~WindowsPipeReader() {
+    if (::getpid() != pid_) {
+        // A forked child's copy: the thread is the parent's (interrupting or joining its handle
+        // would wait for ever), and so may be the buffer's mutex. The handle is left alone for
+        // good; the lock file's lock and the name's count are not the child's anyway.
+        if (thread_.joinable()) {
+            static_cast<void>(new boost::thread(boost::move(thread_)));
+        }
+        return;
+    }
     accumulationBuffer_.unsubscribeAll();
     const std::string name = slot_->GetName();
     if (logger_->isDebugEnabled()) {

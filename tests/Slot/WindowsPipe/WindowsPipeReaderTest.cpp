@@ -130,4 +130,40 @@ TEST_F(WindowsPipeReaderTest, SecondReaderIsRefusedInThisAndOtherProcessesWhileT
     EXPECT_TRUE(result.Ok()) << result.Describe();
 }
 
+// A child forked while a reader runs drops its copy at once and leaves the parent's reader
+// (thread and lock) alone; the parent's reader does not count in the child, which may make the
+// name's reader once the parent's is gone. (Children here start no thread.)
+TEST_F(WindowsPipeReaderTest, AForkedChildsCopyIsTheParentsAndCountsForNothingInTheChild) {
+    boost::scoped_ptr<WindowsPipeReader> reader(
+        new WindowsPipeReader(StubSlot(), boost::posix_time::milliseconds(10)));
+    reader->Init();
+    testsupport::PipeSignal parentsGone;
+    testsupport::ChildProcess later([&] {
+        if (!parentsGone.WaitFor()) {
+            return 3;
+        }
+        try {
+            WindowsPipeReader mine(StubSlot(), boost::posix_time::milliseconds(10));
+            return 0;
+        } catch (const std::logic_error& e) {
+            return testsupport::Failed(1, e.what());
+        }
+    });
+    const testsupport::ChildResult dropped = testsupport::RunInChild(
+        [&] {
+            reader.reset();
+            return 0;
+        },
+        std::chrono::seconds(10));
+    EXPECT_TRUE(dropped.Ok()) << dropped.Describe();
+    EXPECT_EQ(::getpid(), shared::FileLock::Holder(lockFile_));
+
+    testsupport::LogCapture log("Slot.Reader");
+    reader.reset();
+    EXPECT_EQ(1u, log.Count("DEBUG", "Thread shutdown for ''"));
+    parentsGone.Post();
+    const testsupport::ChildResult made = later.Wait();
+    EXPECT_TRUE(made.Ok()) << made.Describe();
+}
+
 }  // namespace
