@@ -183,30 +183,17 @@ TEST(WriteOutcome, AForkedChildNeverWaitsForTheRegistryAndCountsOnlyItsOwnWrites
     ScopedSlotName name("outcome_fork");
     shared::WriteCounters* counters = shared::WriteCountersFor(name);
     shared::RecordWriteOutcome(counters, shared::WriteOutcome::Stored);
-    std::atomic<bool> stop{false};
-    std::thread asker([&] {
-        while (!stop) {
-            Slot::GetWriteCounts(name);
-        }
-    });
-    int hung = 0, wrong = 0;
-    for (int i = 0; i < 100 && hung == 0; ++i) {
-        const testsupport::ChildResult child = testsupport::RunInChild(
-            [&] {
-                const std::uint64_t inherited = Slot::GetWriteCounts(name).Total();
-                // The pointer looked up before the fork still counts, now for the child.
-                shared::RecordWriteOutcome(counters, shared::WriteOutcome::Refused);
-                const Slot::WriteCounts counts = Slot::GetWriteCounts(name);
-                return inherited == 0 && counts.refused == 1 && counts.Total() == 1 ? 0 : 2;
-            },
-            std::chrono::seconds(10));
-        hung += child.timedOut ? 1 : 0;
-        wrong += child.exited && child.exitCode == 2 ? 1 : 0;
-    }
-    EXPECT_EQ(0, hung) << "a child found the registry locked for good";
-    EXPECT_EQ(0, wrong) << "children counted other writes than their own";
-    stop = true;
-    asker.join();
+    const testsupport::ForkRounds rounds = testsupport::ForkWhileAnotherThreadRuns(
+        [&] { Slot::GetWriteCounts(name); },
+        [&] {
+            const std::uint64_t inherited = Slot::GetWriteCounts(name).Total();
+            // The pointer looked up before the fork still counts, now for the child.
+            shared::RecordWriteOutcome(counters, shared::WriteOutcome::Refused);
+            const Slot::WriteCounts counts = Slot::GetWriteCounts(name);
+            return inherited == 0 && counts.refused == 1 && counts.Total() == 1 ? 0 : 2;
+        });
+    EXPECT_EQ(0, rounds.hung) << "a child found the registry locked for good";
+    EXPECT_EQ(0, rounds.wrong) << "children counted other writes than their own";
     ExpectCounts(name, 1, 0, 0, 0);
 }
 

@@ -33,30 +33,19 @@ TEST(SingletonMutex, UniqueOnlyWhileAloneUnderItsName) {
 TEST(SingletonMutex, AForkedChildCountsOnlyItsOwnAndNeverWaitsForTheRegistry) {
     std::unique_ptr<shared::SingletonMutex> parents(
         new shared::SingletonMutex("SingletonMutexTest.fork"));
-    std::atomic<bool> stop{false};
-    std::thread churn([&] {
-        while (!stop) {
+    const testsupport::ForkRounds rounds = testsupport::ForkWhileAnotherThreadRuns(
+        [] {
             shared::SingletonMutex other("SingletonMutexTest.churn");
             other.IsUnique();
-        }
-    });
-    int hung = 0, wrong = 0;
-    for (int i = 0; i < 100 && hung == 0; ++i) {
-        const testsupport::ChildResult child = testsupport::RunInChild(
-            [&] {
-                shared::SingletonMutex mine("SingletonMutexTest.fork");
-                const bool alone = mine.IsUnique() && !parents->IsUnique();
-                parents.reset();
-                return alone && mine.IsUnique() ? 0 : 2;
-            },
-            std::chrono::seconds(10));
-        hung += child.timedOut ? 1 : 0;
-        wrong += child.exited && child.exitCode == 2 ? 1 : 0;
-    }
-    EXPECT_EQ(0, hung) << "a child found the registry locked for good";
-    EXPECT_EQ(0, wrong) << "the parent's holder counted in children";
-    stop = true;
-    churn.join();
+        },
+        [&] {
+            shared::SingletonMutex mine("SingletonMutexTest.fork");
+            const bool alone = mine.IsUnique() && !parents->IsUnique();
+            parents.reset();
+            return alone && mine.IsUnique() ? 0 : 2;
+        });
+    EXPECT_EQ(0, rounds.hung) << "a child found the registry locked for good";
+    EXPECT_EQ(0, rounds.wrong) << "the parent's holder counted in children";
     EXPECT_TRUE(parents->IsUnique());
 }
 

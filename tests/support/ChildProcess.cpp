@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -139,6 +140,25 @@ bool PipeSignal::WaitFor(std::chrono::milliseconds timeout) {
     }
     char byte;
     return ::read(fds_[0], &byte, 1) == 1;
+}
+
+ForkRounds ForkWhileAnotherThreadRuns(const std::function<void()>& churn,
+                                      const std::function<int()>& body, int rounds) {
+    std::atomic<bool> stop{false};
+    std::thread other([&] {
+        while (!stop) {
+            churn();
+        }
+    });
+    ForkRounds result;
+    for (int i = 0; i < rounds && result.hung == 0; ++i) {
+        const ChildResult child = RunInChild(body, std::chrono::seconds(10));
+        result.hung += child.timedOut ? 1 : 0;
+        result.wrong += child.exited && child.exitCode == 2 ? 1 : 0;
+    }
+    stop = true;
+    other.join();
+    return result;
 }
 
 int Failed(int code, const std::string& what) {

@@ -52,6 +52,17 @@ private:
 ChildResult RunInChild(const std::function<int()>& body,
                        std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
+// Children forked while another thread keeps calling into a process-wide registry: how many hung
+// (killed by the watchdog) and how many ended with status 2, their "wrong answer".
+struct ForkRounds {
+    int hung = 0;
+    int wrong = 0;
+};
+// Runs `churn` in a loop on a thread of its own while up to `rounds` children run `body` one after
+// the other (each under a 10 s watchdog); stops at the first hung child.
+ForkRounds ForkWhileAnotherThreadRuns(const std::function<void()>& churn,
+                                      const std::function<int()>& body, int rounds = 100);
+
 // In a child: prints what failed to stderr and returns `code`, a distinct exit code.
 int Failed(int code, const std::string& what);
 

@@ -726,6 +726,17 @@ std::string SourceRecording(const std::string& stem, const std::vector<std::stri
 // and status 130.
 TEST(SlotctlReplay, WaitsForAHeldLockEndAtAStopSignal) {
     const std::string path = SourceRecording("heldlock", {"one", "two"}, 3000000000ull);
+    // Signals the replay that waits for `holder`'s lock and checks how it ended.
+    auto stopWaiting = [](Background& replay, testsupport::HeaderHolder& holder, int signal,
+                          const std::string& summary) {
+        replay.Signal(signal);
+        const Outcome run = replay.Finish(std::chrono::seconds(15));
+        holder.Release();
+        holder.Child().Wait();
+        EXPECT_FALSE(run.timedOut) << run.Describe();
+        EXPECT_EQ(130, run.status) << run.Describe();
+        EXPECT_THAT(run.err, HasSubstr(summary));
+    };
     for (const int signal : {SIGTERM, SIGINT}) {
         ScopedSlotName opening("heldopen");
         {
@@ -733,14 +744,9 @@ TEST(SlotctlReplay, WaitsForAHeldLockEndAtAStopSignal) {
             ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
             Background replay({"replay", "--map", "src=" + opening.str(), path});
             std::this_thread::sleep_for(std::chrono::seconds(1));
-            replay.Signal(signal);
-            const Outcome run = replay.Finish(std::chrono::seconds(15));
-            holder.Release();
-            holder.Child().Wait();
-            EXPECT_FALSE(run.timedOut) << run.Describe();
-            EXPECT_EQ(130, run.status) << run.Describe();
-            EXPECT_THAT(run.err, HasSubstr("slotctl: replayed 0 blocks into '" + opening.str() +
-                                           "' (reliable), 1 not written"));
+            stopWaiting(replay, holder, signal,
+                        "slotctl: replayed 0 blocks into '" + opening.str() +
+                            "' (reliable), 1 not written");
         }
         // The first block is written, then the lock is taken before the second is due.
         ScopedSlotName writing("heldwrite");
@@ -751,14 +757,9 @@ TEST(SlotctlReplay, WaitsForAHeldLockEndAtAStopSignal) {
         testsupport::HeaderHolder holder(writing);
         ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
         std::this_thread::sleep_for(std::chrono::milliseconds(4000));
-        replay.Signal(signal);
-        const Outcome run = replay.Finish(std::chrono::seconds(15));
-        holder.Release();
-        holder.Child().Wait();
-        EXPECT_FALSE(run.timedOut) << run.Describe();
-        EXPECT_EQ(130, run.status) << run.Describe();
-        EXPECT_THAT(run.err, HasSubstr("slotctl: replayed 1 block into '" + writing.str() +
-                                       "' (reliable), 1 not written"));
+        stopWaiting(
+            replay, holder, signal,
+            "slotctl: replayed 1 block into '" + writing.str() + "' (reliable), 1 not written");
     }
 }
 
