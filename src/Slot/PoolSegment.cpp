@@ -430,7 +430,7 @@ bool PoolProcessGone(pid_t pid, std::uint64_t startTime) {
 }
 
 PoolSegment::PoolSegment(const std::string& name, int fd, void* base, std::size_t size,
-                         const PoolHeader& checked)
+                         const PoolHeader& checked, shared::WriteCounters* counters)
     : name_(name),
       fd_(fd),
       base_(base),
@@ -447,7 +447,7 @@ PoolSegment::PoolSegment(const std::string& name, int fd, void* base, std::size_
       kind_(static_cast<PoolKind>(checked.kind)),
       maxBlockSize_(static_cast<std::size_t>(checked.maxBlockSize)),
       blockCount_(static_cast<unsigned>(checked.blockCount)),
-      counters_(shared::WriteCountersFor(name)),
+      counters_(counters),
       logger_(log4cxx::Logger::getLogger("Slot.Pool")) {}
 
 PoolSegment::~PoolSegment() {
@@ -511,6 +511,7 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
     // descriptor, a throw (out of memory) gives them back here; after, the shared pointer
     // deletes the segment if it throws.
     PoolSegment* segment = nullptr;
+    shared::WriteCounters* const counters = shared::WriteCountersFor(name);
     {
         AttachmentFdsLock registry;
         attachmentFds->reserve(attachmentFds->size() + 1);
@@ -525,7 +526,7 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
                                        : "it was removed and made again while it was opened");
         }
         try {
-            segment = new PoolSegment(name, lockFd.fd, base, size, copy);
+            segment = new PoolSegment(name, lockFd.fd, base, size, copy, counters);
         } catch (...) {
             ::munmap(base, size);
             throw;

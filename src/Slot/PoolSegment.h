@@ -359,8 +359,10 @@ public:
     log4cxx::LoggerPtr logger() const { return logger_; }
 
 private:
+    // `counters`: the name's write counters, looked up before the attachments' registry is
+    // locked (two at-fork registries are never held at once: fork takes them in its own order).
     PoolSegment(const std::string& name, int fd, void* base, std::size_t size,
-                const PoolHeader& checked);
+                const PoolHeader& checked, shared::WriteCounters* counters);
     void ReapEntry(unsigned index, std::uint64_t word, std::uint64_t myWord);
     // Whether the owner of entry `index` (word `word`, not being reaped) is still attached: its
     // lock is held and, in the pid namespace `mine`, its process is not gone.

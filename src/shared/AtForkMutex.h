@@ -13,6 +13,10 @@ namespace shared {
 // installed, under no lock.
 //
 // One instantiation per registry: the handlers are the template's own static functions.
+//
+// Lock order: never hold two of these at once. fork() takes all of them, in the reverse order of
+// their first use, so a thread holding one while it waits for another could deadlock a forking
+// thread (and ThreadSanitizer reports the inversion).
 template <void (*Init)(), void (*InChild)()>
 class AtForkMutex {
 public:
