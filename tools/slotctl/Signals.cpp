@@ -88,12 +88,15 @@ WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs) {
         work();  // no pipe: run it here, uninterruptibly
         return WaitResult::Ready;
     }
-    std::thread([state, work] {
+    std::thread([state, job = std::function<void()>(work)]() mutable {
         try {
-            work();
+            job();
         } catch (...) {
             state->error = std::current_exception();
         }
+        // What the work holds goes before the caller is told: once told, it may release the rest
+        // and end the process, and nothing may then be destroyed on this thread.
+        job = nullptr;
         const char byte = 1;
         while (::write(state->done[1], &byte, 1) < 0 && errno == EINTR) {
         }
