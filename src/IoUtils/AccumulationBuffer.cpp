@@ -36,10 +36,10 @@ void AccumulationBuffer::onNotify(const std::string& name, const void* data, siz
             bytes += take;
             size -= take;
             if (pending_.size() < maxSize_) {
-                pendingSize_ = pending_.size();
+                pendingSize_.store(pending_.size(), std::memory_order_relaxed);
                 break;
             }
-            pendingSize_ = 0;  // a whole record: on its way out
+            pendingSize_.store(0, std::memory_order_relaxed);  // a whole record: on its way out
             record = pending_.data();
         }
         try {
@@ -65,13 +65,13 @@ void AccumulationBuffer::Flush() {
     }
     std::vector<char> record;
     record.swap(pending_);
-    pendingSize_ = 0;
+    pendingSize_.store(0, std::memory_order_relaxed);
     pending_.reserve(record.capacity());
     notify(lastName_, record.data(), static_cast<unsigned int>(record.size()));
 }
 
 size_t AccumulationBuffer::GetPendingSize() const {
-    return pendingSize_.load();
+    return pendingSize_.load(std::memory_order_relaxed);
 }
 
 }  // namespace IoUtils
