@@ -37,9 +37,9 @@ class PoolReader : public shared::Notifier {
 public:
     PoolReader(const std::shared_ptr<PoolSegment>& segment, std::int64_t spinNs,
                const ISubscriberPtr& first)
-        : attachment_(std::make_shared<PoolAttachment>(segment)),
+        : first_(first),
+          attachment_(std::make_shared<PoolAttachment>(segment)),
           segment_(*segment),
-          first_(first),
           spinNs_(spinNs) {
         if (segment_.kind() == QueueKind) {
             Claim();
@@ -313,9 +313,12 @@ private:
         currentDelivery = nullptr;
     }
 
+    // Declared first, so dropped last: a caller that waits for its first subscriber to be let go
+    // then knows the pool is let go too (a reader released inside its own callback is deleted
+    // by its thread, which may otherwise still be detaching while the process ends).
+    ISubscriberPtr first_;
     std::shared_ptr<PoolAttachment> attachment_;
     PoolSegment& segment_;
-    ISubscriberPtr first_;
     std::int64_t spinNs_;
     bool claimed_ = false;
     std::uint64_t claim_ = 0;         // the claim word this reader wrote
