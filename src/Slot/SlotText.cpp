@@ -67,10 +67,10 @@ std::string Printable(const std::string& text) {
     for (std::size_t i = 0; i < text.size();) {
         std::uint32_t codePoint = 0;
         std::size_t length = Utf8SequenceAt(text, i, codePoint);
-        if (length != 0 && !IsControl(codePoint)) {
+        if (length != 0 && !IsControl(codePoint) && !IsBidiControl(codePoint)) {
             out.append(text, i, length);
         } else {
-            // One escape per byte, also for an encoded C1 control (two bytes).
+            // One escape per byte, also for a character of several bytes.
             length = length == 0 ? 1 : length;
             for (std::size_t k = 0; k < length; ++k) {
                 AppendByteEscape(out, text[i + k]);
@@ -100,8 +100,8 @@ std::string JsonText(const std::string& text) {
 
 namespace {
 
-// `value` on one line with ", " and ": " between items, and DEL and C1 control characters
-// escaped as \u00XX too (nlohmann escapes only C0 ones).
+// `value` on one line with ", " and ": " between items, and DEL, C1 control characters and
+// bidirectional formatting characters escaped as \uXXXX too (nlohmann escapes only C0 ones).
 std::string DumpJson(const nlohmann::ordered_json& value) {
     // Strings are valid UTF-8 already (JsonText); the handler only guards against a slip.
     const std::string dumped = value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -127,12 +127,19 @@ std::string DumpJson(const nlohmann::ordered_json& value) {
         const unsigned char next =
             i + 1 < dumped.size() ? static_cast<unsigned char>(dumped[i + 1]) : 0;
         char escaped[8];
+        std::uint32_t codePoint = 0;
+        std::size_t length = 0;
         if (c == 0x7f) {
             out += "\\u007f";
         } else if (c == 0xc2 && next >= 0x80 && next <= 0x9f) {
             std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(next));
             out += escaped;
             ++i;
+        } else if (inString && c >= 0xc0 && (length = Utf8SequenceAt(dumped, i, codePoint)) != 0 &&
+                   IsBidiControl(codePoint)) {
+            std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(codePoint));
+            out += escaped;
+            i += length - 1;
         } else {
             out += static_cast<char>(c);
         }

@@ -22,9 +22,17 @@ inline bool IsControl(std::uint32_t codePoint) {
     return codePoint < 0x20 || (codePoint >= 0x7f && codePoint <= 0x9f);
 }
 
-// `text` safe to print on a terminal: control characters (C0, DEL and C1) and bytes that are
-// not valid UTF-8 appear as \xNN, one per byte; everything else as it is. Applying it twice
-// changes nothing more.
+// Whether the code point is a bidirectional formatting character (marks, embeddings, overrides,
+// isolates): shown as it is, it reorders the text around it, so a name can pass for another.
+inline bool IsBidiControl(std::uint32_t codePoint) {
+    return codePoint == 0x061c || codePoint == 0x200e || codePoint == 0x200f ||
+           (codePoint >= 0x202a && codePoint <= 0x202e) ||
+           (codePoint >= 0x2066 && codePoint <= 0x2069);
+}
+
+// `text` safe to print on a terminal: control characters (C0, DEL and C1), bidirectional
+// formatting characters and bytes that are not valid UTF-8 appear as \xNN, one per byte;
+// everything else as it is. Applying it twice changes nothing more.
 SLOT_EXPORT std::string Printable(const std::string& text);
 
 // `text` as valid UTF-8: each byte that starts no valid sequence becomes the text \xNN.
@@ -34,8 +42,8 @@ SLOT_EXPORT std::string JsonText(const std::string& text);
 //
 // Every string and key goes through JsonText, so that the output is always valid JSON and safe
 // on a terminal: bytes that are not UTF-8 become the text \xNN (JSON cannot carry them), and
-// control characters (C0, DEL, C1) are written as \u00XX escapes (C0 ones that JSON has a short
-// escape for, such as \n and \t, as that escape).
+// control characters (C0, DEL, C1) and bidirectional formatting characters are written as \uXXXX
+// escapes (C0 ones that JSON has a short escape for, such as \n and \t, as that escape).
 class SLOT_EXPORT JsonWriter {
 public:
     JsonWriter();

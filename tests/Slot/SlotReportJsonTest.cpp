@@ -79,11 +79,13 @@ TEST(SlotReportJson, WriterEscapesAndSeparates) {
     Slot::JsonWriter json;
     json.BeginObject();
     json.Key("a\xff").String("x\n\x7f\xc2\x85\xc3\xa9 \xe2\x82");
+    json.Key("bidi").String("\xe2\x81\xa6x\xd8\x9c");
     json.Key("punct").String("a,b:\"c\\");
     json.Key("list").BeginArray().Number(1).SignedNumber(-2).Bool(true).Null().EndArray();
     json.EndObject();
     EXPECT_EQ(
         "{\"a\\\\xff\": \"x\\n\\u007f\\u0085\xc3\xa9 \\\\xe2\\\\x82\", "
+        "\"bidi\": \"\\u2066x\\u061c\", "
         "\"punct\": \"a,b:\\\"c\\\\\", \"list\": [1, -2, true, null]}",
         json.Text());
 }
