@@ -16,6 +16,7 @@
 
 #include <boost/interprocess/shared_memory_object.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <string>
 
@@ -104,8 +105,8 @@ bool TerminalSafe(const std::string& text) {
     return true;
 }
 
-// Names are escaped in tables, messages and JSON, which parses and gives the escaped name back.
-TEST(SlotctlNames, ControlCharactersAndInvalidUtf8AreEscapedEverywhere) {
+// Names are escaped in tables, messages and JSON, which parses and gives the name back as shown.
+TEST(SlotctlNames, ControlBidiAndInvalidUtf8AreEscapedEverywhere) {
     const struct {
         std::string stem;
         std::string shown;      // in tables and messages
@@ -117,7 +118,11 @@ TEST(SlotctlNames, ControlCharactersAndInvalidUtf8AreEscapedEverywhere) {
          "2J",
          "c1\\xc2\\x9b2J", "c1\\u009b2J"},
         {"bad\xff\xfe\x7f\xc2\x85", "bad\\xff\\xfe\\x7f\\xc2\\x85",
-         "bad\\\\xff\\\\xfe\\u007f\\u0085"},
+         "bad\\\\xff\\\\xfe\\u007f\\u0085"},  // A right-to-left override would show the rest of the
+                                              // line reversed.
+        {"rtl\xe2\x80\xae"
+         "cba",
+         "rtl\\xe2\\x80\\xaecba", "rtl\\u202ecba"},
     };
     for (const auto& c : cases) {
         ScopedSlotName name(c.stem);
@@ -157,6 +162,25 @@ TEST(SlotctlNames, ControlCharactersAndInvalidUtf8AreEscapedEverywhere) {
         EXPECT_TRUE(TerminalSafe(missing.err)) << missing.err;
         EXPECT_THAT(missing.err, HasSubstr("'" + prefix + c.shown + "' is not a slot"));
     }
+}
+
+// The table's columns line up on a terminal: a name of two-byte characters is padded by
+// characters, not bytes.
+TEST(SlotctlNames, TableColumnsCountCharacters) {
+    ScopedSlotName wide("caf\xc3\xa9\xc3\xa9"), plain("cafeee");
+    for (const std::string& name : {wide.str(), plain.str()}) {
+        SimpleSlotCfg cfg(name, "discarding", boost::posix_time::milliseconds(50), 1);
+        SlotFactory::CreateSlot(&cfg);
+    }
+    const Outcome ls = Slotctl({"ls"});
+    ASSERT_EQ(0, ls.status) << ls.Describe();
+    const auto kindColumn = [&](const std::string& name) {
+        const std::string row = LineStartingWith(ls.out, name + " ");
+        const std::string before = row.substr(0, row.find(" discarding "));
+        return std::count_if(before.begin(), before.end(),
+                             [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; });
+    };
+    EXPECT_EQ(kindColumn(plain.str()), kindColumn(wide.str())) << ls.out;
 }
 
 }  // namespace

@@ -5,12 +5,15 @@
 
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotNames.h>
+#include <Slot/SlotText.h>
 
 #include <unistd.h>
 #include <cerrno>
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstdint>
 #include <cstring>
 #include <iostream>
 
@@ -164,12 +167,24 @@ std::string Join(const std::vector<std::string>& parts) {
     return text;
 }
 
+std::vector<size_t> CharacterStarts(const std::string& text) {
+    std::vector<size_t> starts;
+    for (size_t at = 0; at < text.size();) {
+        starts.push_back(at);
+        std::uint32_t codePoint = 0;
+        at += std::max<size_t>(1, Slot::Utf8SequenceAt(text, at, codePoint));
+    }
+    return starts;
+}
+
 std::string Padded(const std::string& text, size_t width) {
-    return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
+    const size_t columns = CharacterStarts(text).size();
+    return columns >= width ? text : text + std::string(width - columns, ' ');
 }
 
 std::string RightAligned(const std::string& text, size_t width) {
-    return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
+    const size_t columns = CharacterStarts(text).size();
+    return columns >= width ? text : std::string(width - columns, ' ') + text;
 }
 
 bool WriteOut(const std::string& bytes) {

@@ -89,6 +89,9 @@ bool StartsWith(const std::string& text, const std::string& prefix);
 bool EndsWith(const std::string& text, const std::string& suffix);
 // The parts separated by ", ".
 std::string Join(const std::vector<std::string>& parts);
+// Where each character of `text` begins (a byte that starts no valid UTF-8 sequence is one
+// character). A terminal shows a Printable text one column a character (wide scripts aside).
+std::vector<size_t> CharacterStarts(const std::string& text);
 // `text` filled with spaces to `width` columns, on the right (Padded) or on the left.
 std::string Padded(const std::string& text, size_t width);
 std::string RightAligned(const std::string& text, size_t width);

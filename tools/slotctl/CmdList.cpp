@@ -252,7 +252,8 @@ std::string PoolReaderText(const Slot::PoolReport& report) {
 void PrintPools(std::ostream& out, const std::vector<Slot::PoolReport>& pools) {
     size_t nameWidth = 4;
     for (const Slot::PoolReport& report : pools) {
-        nameWidth = std::max(nameWidth, std::min<size_t>(Printable(report.name).size(), 48));
+        nameWidth = std::max(nameWidth,
+                             std::min<size_t>(CharacterStarts(Printable(report.name)).size(), 48));
     }
     out << Padded("POOL", nameWidth) << "  " << Padded("KIND", 6) << "  " << Padded("STATE", 7)
         << "  " << RightAligned("BLOCK", 9) << "  " << RightAligned("FREE", 5) << "  "
@@ -324,7 +325,8 @@ int RunList(const Context&, const std::vector<std::string>& args) {
     }
     size_t nameWidth = 4;
     for (const SlotReport& report : reports) {
-        nameWidth = std::max(nameWidth, std::min<size_t>(Printable(report.name).size(), 48));
+        nameWidth = std::max(nameWidth,
+                             std::min<size_t>(CharacterStarts(Printable(report.name)).size(), 48));
     }
     std::ostringstream out;
     out << Padded("NAME", nameWidth) << "  " << Padded("KIND", 10) << "  " << Padded("STATE", 11)

@@ -134,21 +134,6 @@ const char* TopModel::SortName(TopSort sort) {
     return "";
 }
 
-namespace {
-
-// Where each character of `text` begins (a byte that starts no valid sequence is one character).
-std::vector<std::size_t> CharacterStarts(const std::string& text) {
-    std::vector<std::size_t> starts;
-    for (std::size_t at = 0; at < text.size();) {
-        starts.push_back(at);
-        std::uint32_t codePoint = 0;
-        at += std::max<std::size_t>(1, Slot::Utf8SequenceAt(text, at, codePoint));
-    }
-    return starts;
-}
-
-}  // namespace
-
 std::string FitColumns(const std::string& text, std::size_t columns, const char* mark) {
     const std::string cut(mark);
     const std::vector<std::size_t> starts = CharacterStarts(text);
