@@ -6,6 +6,7 @@
 
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
+#include <shared/FileLock.h>
 #include <shared/MutexOwner.h>
 
 #include <dirent.h>
@@ -185,39 +186,6 @@ void InspectQueue(const std::string& object, SlotQueueReport& queue,
         return;
     }
     AddLock(locks, "queue mutex", image.mutexOwnerThread);
-}
-
-// Who holds the reader lock file at `path`: 0 nobody, -1 held by an unknown process. Opened
-// read-only without following links; nothing is created.
-pid_t ReaderLockHolder(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return 0;
-    }
-    struct stat st;
-    pid_t holder = 0;
-    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-        struct flock fl = {};
-        fl.l_type = F_WRLCK;
-        fl.l_whence = SEEK_SET;
-        // F_OFD_GETLK sees both kinds of lock; a classic one names its process.
-        if (::fcntl(fd, F_OFD_GETLK, &fl) == 0 && fl.l_type != F_UNLCK) {
-            holder = fl.l_pid > 0 ? fl.l_pid : -1;
-            if (holder < 0) {
-                // An open-file-description lock names no process; its holder writes its pid
-                // into the file.
-                char text[32] = {0};
-                const ssize_t n = ::pread(fd, text, sizeof(text) - 1, 0);
-                char* end = nullptr;
-                const long pid = n > 0 ? std::strtol(text, &end, 10) : 0;
-                if (pid > 0 && pid < (1L << 22) && end != text) {
-                    holder = static_cast<pid_t>(pid);
-                }
-            }
-        }
-    }
-    ::close(fd);
-    return holder;
 }
 
 bool IsThere(const SlotPartReport& part) {
@@ -437,7 +405,7 @@ SlotReport SlotSurvey::InspectSlot(const std::string& name) {
     Decide(report);
     if (report.kind == SlotKind::Reliable) {
         report.readerLockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);
-        report.readerPid = ReaderLockHolder(report.readerLockFile);
+        report.readerPid = shared::FileLock::AnyHolder(report.readerLockFile);
     }
     return report;
 }

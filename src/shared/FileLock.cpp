@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
@@ -90,6 +91,25 @@ pid_t OtherHolder(int fd) {
         return 0;
     }
     return fl.l_pid > 0 ? fl.l_pid : -1;
+}
+
+// Like OtherHolder, but seeing open-file-description locks too (F_OFD_GETLK): such a lock names
+// no process, and its holder writes its pid into the file.
+pid_t AnyOtherHolder(int fd) {
+    struct flock fl = {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    if (::fcntl(fd, F_OFD_GETLK, &fl) != 0 || fl.l_type == F_UNLCK) {
+        return 0;
+    }
+    if (fl.l_pid > 0) {
+        return fl.l_pid;
+    }
+    char text[32] = {0};
+    const ssize_t n = ::pread(fd, text, sizeof(text) - 1, 0);
+    char* end = nullptr;
+    const long pid = n > 0 ? std::strtol(text, &end, 10) : 0;
+    return pid > 0 && pid < (1L << 22) && end != text ? static_cast<pid_t>(pid) : -1;
 }
 
 // The registry's entry for the lock file at `path`, opened when there is none (the caller
@@ -309,6 +329,34 @@ pid_t FileLock::Holder(const std::string& path) {
     if (temporary >= 0) {
         ::close(temporary);
     }
+    return holder;
+}
+
+pid_t FileLock::AnyHolder(const std::string& path) {
+    RegistryLock lock;
+    struct stat st;
+    if (::fstatat(AT_FDCWD, path.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) {
+        return 0;
+    }
+    if (const FileLockEntry* entry = Find(st.st_dev, st.st_ino)) {
+        return entry->holder != nullptr ? ::getpid() : AnyOtherHolder(entry->fd);
+    }
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return 0;
+    }
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return 0;
+    }
+    if (const FileLockEntry* entry = Find(st.st_dev, st.st_ino)) {
+        // Swapped in under this name since the look: closing fd would drop our lock.
+        registry.parked->push_back(fd);
+        return entry->holder != nullptr ? ::getpid() : AnyOtherHolder(entry->fd);
+    }
+    const pid_t holder = AnyOtherHolder(fd);
+    // Not registered, so this process holds no lock on it: closing fd is harmless.
+    ::close(fd);
     return holder;
 }
 

@@ -60,6 +60,13 @@ public:
     // missing or refused), -1 when it is held but the holder is unknown.
     static pid_t Holder(const std::string& path);
 
+    // For surveys: who holds any lock on `path`, classic or open-file-description (whose holder
+    // names no process, so its pid is read from the file, where such holders write it): 0
+    // nobody (or no regular file there), -1 held by an unknown process. The folder need not be
+    // checked; the file is opened read-only without following a link and nothing is created.
+    // Safe in a process that holds the lock: the registry's descriptor is used, none is closed.
+    static pid_t AnyHolder(const std::string& path);
+
 private:
     void Release();
 

@@ -9,8 +9,11 @@
 
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
+#include <Slot/SlotSurvey.h>
 
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -164,6 +167,8 @@ TEST(ReaderClaim, OnePerMachineWhateverTheFlavour) {
                 EXPECT_EQ(refusal, e.what());
             }
         }
+        // A survey in the reader's own process names it and leaves its claim alone.
+        EXPECT_EQ(::getpid(), SlotSurvey::InspectSlot(name).readerPid);
         EXPECT_EQ(0, ClaimInAnotherProcess(name));
         reader.reset();
         EXPECT_NO_THROW(testsupport::MakeReader(flavour, cfg));

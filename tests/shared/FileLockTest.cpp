@@ -55,13 +55,14 @@ TEST(FileLock, SecondLockInTheSameProcessIsRefusedAndHolderIsReported) {
 }
 
 // Record locks belong to the process, and closing any descriptor of the file drops them: the
-// library's own ways into the file must never open a second descriptor of it.
+// library's own ways into the file (surveys too) must never close a second descriptor of it.
 TEST(FileLock, OtherLockObjectsTouchAndHolderKeepTheLock) {
     const std::string path = FreshLockFile();
     shared::FileLock held(path.c_str());
     ASSERT_TRUE(held.try_lock());
     shared::TouchFile(path);
     EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
+    EXPECT_EQ(::getpid(), shared::FileLock::AnyHolder(path));
     { shared::FileLock unused(path.c_str()); }
     {
         shared::FileLock refused(path.c_str());
@@ -136,11 +137,14 @@ TEST(FileLock, HolderKilledReleasesTheLock) {
     });
     ASSERT_TRUE(locked.WaitFor());
     EXPECT_EQ(holder.Pid(), shared::FileLock::Holder(path));
+    EXPECT_EQ(holder.Pid(), shared::FileLock::AnyHolder(path));
     shared::FileLock mine(path.c_str());
     EXPECT_FALSE(mine.try_lock());
+    EXPECT_EQ(holder.Pid(), shared::FileLock::AnyHolder(path)) << "through our own descriptor";
     holder.Kill(SIGKILL);
     EXPECT_EQ(SIGKILL, holder.Wait().signal);
     EXPECT_EQ(0, shared::FileLock::Holder(path));
+    EXPECT_EQ(0, shared::FileLock::AnyHolder(path));
     EXPECT_TRUE(mine.try_lock());
 }
 
