@@ -4,7 +4,7 @@
 # installed headers are exactly the public ones (<build>/public-headers.txt) and that each
 # compiles on its own. With LD_LIBRARY_PATH unset it builds and runs: an outside project through
 # find_package(Slot), the same through the build tree (-DSlot_DIR=<build>), a program built with
-# pkg-config's flags, and the installed slotctl; then moves the installed tree and runs the
+# pkg-config's flags, the installed slotctl and slot-gateway (with its systemd unit); then moves the installed tree and runs the
 # pkg-config program and slotctl again from the new place.
 #   check.sh BUILD_DIR SOURCE_DIR [TOOLCHAIN_FILE]
 set -euo pipefail
@@ -90,6 +90,17 @@ if [[ -x "$prefix/bin/slotctl" ]]; then  # built unless SLOT_BUILD_TOOLS is off
         echo "${COMPREPLY[*]}"' _ "$prefix/share/bash-completion/completions/slotctl")
     [[ "$completed" == --force ]] \
         || { echo "completion of 'slotctl rm --f' gave '$completed'"; exit 1; }
+fi
+
+if [[ -x "$prefix/bin/slot-gateway" ]]; then  # built when Cyclone DDS is found
+    step "installed slot-gateway"
+    "$prefix/bin/slot-gateway" --check "$prefix/share/slot-gateway/example.json"
+    # The systemd unit runs the executable of this prefix (written when installing).
+    unit="$prefix/lib/systemd/system/slot-gateway.service"
+    for key in ExecStartPre ExecStart; do
+        grep -q "^$key=$prefix/bin/slot-gateway " "$unit" \
+            || { echo "$unit: $key does not run $prefix/bin/slot-gateway"; grep "^$key=" "$unit"; exit 1; }
+    done
 fi
 
 step "moved installation"
