@@ -135,7 +135,7 @@ if [[ $gateway -eq 1 ]]; then
     unit=/usr/lib/systemd/system/slot-gateway.service
     for key in ExecStartPre ExecStart; do
         grep -q "^$key=/usr/bin/slot-gateway " "$unit" \
-            || { echo "$unit: $key does not run /usr/bin/slot-gateway"; grep "^$key=" "$unit"; exit 1; }
+            || { echo "$unit: $key does not run /usr/bin/slot-gateway"; cat "$unit"; exit 1; }
     done
 fi
 echo "Debian packages ok"

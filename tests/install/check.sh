@@ -4,8 +4,8 @@
 # installed headers are exactly the public ones (<build>/public-headers.txt) and that each
 # compiles on its own. With LD_LIBRARY_PATH unset it builds and runs: an outside project through
 # find_package(Slot), the same through the build tree (-DSlot_DIR=<build>), a program built with
-# pkg-config's flags, the installed slotctl and slot-gateway (with its systemd unit); then moves the installed tree and runs the
-# pkg-config program and slotctl again from the new place.
+# pkg-config's flags, the installed slotctl and slot-gateway (with its systemd unit); then
+# moves the installed tree and runs the pkg-config program and slotctl again from the new place.
 #   check.sh BUILD_DIR SOURCE_DIR [TOOLCHAIN_FILE]
 set -euo pipefail
 build=$(cd "$1" && pwd)
@@ -99,7 +99,7 @@ if [[ -x "$prefix/bin/slot-gateway" ]]; then  # built when Cyclone DDS is found
     unit="$prefix/lib/systemd/system/slot-gateway.service"
     for key in ExecStartPre ExecStart; do
         grep -q "^$key=$prefix/bin/slot-gateway " "$unit" \
-            || { echo "$unit: $key does not run $prefix/bin/slot-gateway"; grep "^$key=" "$unit"; exit 1; }
+            || { echo "$unit: $key does not run $prefix/bin/slot-gateway"; cat "$unit"; exit 1; }
     done
 fi
 
