@@ -52,8 +52,16 @@ consumer() {  # consumer LABEL BUILD_DIR CMAKE_ARGS...
     cmake --build "$dir" -j2 > "$dir.build.log" || { cat "$dir.build.log"; return 1; }
     "$dir/consumer"
 }
-consumer "find_package(Slot) from the installed prefix, each public header alone" \
-    "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" -DSLOT_PUBLIC_HEADER_LIST="$headers"
+# The project asks for C++14: the exported targets carry cxx_std_17 and lift it to C++17, which
+# the headers need.
+for target in shared FileUtils IoUtils Slot; do
+    grep -A8 "^set_target_properties(Slot::$target " "$libdir/cmake/Slot/SlotTargets.cmake" \
+        | grep -q 'INTERFACE_COMPILE_FEATURES "cxx_std_17"' \
+        || { echo "Slot::$target does not ask its users for C++17"; exit 1; }
+done
+consumer "find_package(Slot) from the installed prefix, C++14 asked for, each public header alone" \
+    "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" -DSLOT_PUBLIC_HEADER_LIST="$headers" \
+    -DCMAKE_CXX_STANDARD=14
 consumer "find_package(Slot) from the build tree" "$work/consumer-build-tree" -DSlot_DIR="$build"
 
 step "pkg-config"
