@@ -203,7 +203,8 @@ no usable header or goes away, 130 on Ctrl-C.
 
 Prints the slot's output buffer, the copy of the last block a reader took from it, read from
 the header segment with plain reads: nothing is taken, locked or changed. A slot that was not
-read since it was last opened shows an empty block.
+read since it was last opened shows an empty block. Slots only: a pool has no output buffer
+(read takes its blocks).
   --format F    text (default), hex, raw, frames or ndjson, as for read (the ndjson time is
                 the slot's last write time, null when unknown)
 )HELP";
