@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# Optional parts of the build (gateway, Python module, docs, fuzzers), each switched by a cache
-# entry SLOT_BUILD_<PART> of AUTO, ON or OFF:
+# Optional parts of the build (gateway, Python module, docs, fuzzers, slotctl top's full-screen
+# view, zstd-compressed recordings), each switched by a cache entry SLOT_BUILD_<PART> of AUTO,
+# ON or OFF:
 #   AUTO  built when what it needs is found; looked for again at every configure;
 #   ON    built, or the configure fails naming what is missing (and the Debian package);
 #   OFF   left out, nothing is looked for.

@@ -4,6 +4,9 @@
 #   libslot-dev   headers, the CMake package and slot.pc ("dev"); needs libslot1 and the -dev
 #                 packages of Boost and log4cxx that the headers include
 #   slotctl       the tool ("tools")
+#   slot-gateway  the DDS gateway, its systemd unit and example configuration ("gateway"); only
+#                 when the gateway is built. Apart from libslot1, which thus needs no Cyclone
+#                 DDS and can stand beside a later libslot2.
 # Run-time dependencies come from dpkg-shlibdeps; the packages install under /usr.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME slot)
@@ -17,6 +20,9 @@ set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime dev tools)
+if(SLOT_WITH_GATEWAY)
+    list(APPEND CPACK_COMPONENTS_ALL gateway)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # slotctl needs libSlot, which is in no installed package while the packages are made.
@@ -42,10 +48,15 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${slot_exact_runtime}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
     "Shows and pokes the slots of a machine\n slotctl lists, inspects, writes, reads and removes libSlot slots.")
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_NAME slot-gateway)
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS "${slot_exact_runtime}")
+set(CPACK_COMPONENT_GATEWAY_DESCRIPTION
+    "Mirrors libSlot slots over Cyclone DDS\n slot-gateway mirrors named slots to DDS topics and topics to slots, so that a slot\n written on one host is read on others. With a systemd unit (not enabled) and an example\n configuration.")
 
 include(CPack)
 
-# `cmake --build build --target deb` makes the three packages in <build>/packages.
+# `cmake --build build --target deb` makes the packages in <build>/packages.
 add_custom_target(deb
     COMMAND ${CMAKE_CPACK_COMMAND} -G DEB --config ${PROJECT_BINARY_DIR}/CPackConfig.cmake
     WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
@@ -54,4 +65,7 @@ add_custom_target(deb
 add_dependencies(deb shared FileUtils IoUtils Slot)
 if(TARGET slotctl)
     add_dependencies(deb slotctl)
+endif()
+if(TARGET slot-gateway)
+    add_dependencies(deb slot-gateway)
 endif()

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Makes the Debian packages of this build, installs them on this machine with dpkg, builds and
-# runs an outside project against them (find_package and pkg-config, from /usr) and the
-# installed slotctl, then removes the packages again (dpkg --purge), also when a step fails.
+# runs an outside project against them (find_package and pkg-config, from /usr), the installed
+# slotctl and, when the gateway is built, slot-gateway; then removes the packages again
+# (dpkg --purge), also when a step fails.
 # Needs root and dpkg; otherwise it says so and reports the test as skipped (exit 77). It also
 # skips when one of the packages is already installed, so that it never replaces or removes
 # what it did not install.
@@ -11,6 +12,12 @@ set -euo pipefail
 build=$(cd "$1" && pwd)
 consumer=$2
 packages=(slotctl libslot-dev libslot1)
+# The gateway's package is made when the gateway is built (a component of the CPack config).
+gateway=0
+if grep -Eq '^set\(CPACK_COMPONENTS_ALL "([^"]*;)?gateway[;"]' "$build/CPackConfig.cmake"; then
+    gateway=1
+    packages=(slot-gateway "${packages[@]}")
+fi
 skip() { echo "!!! SKIPPED: $*"; exit 77; }
 
 [[ $(id -u) -eq 0 ]] || skip "the Debian package test installs packages and needs root"
@@ -53,17 +60,27 @@ step "cpack"
 (cd "$work" && cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/packages") \
     > "$work/cpack.log" 2>&1 || { cat "$work/cpack.log"; exit 1; }
 debs=()
-for p in libslot1 libslot-dev slotctl; do
+names=(libslot1 libslot-dev slotctl)
+[[ $gateway -eq 0 ]] || names+=(slot-gateway)
+for p in "${names[@]}"; do
     deb=$(ls "$work"/packages/"${p}"_*.deb)
     debs+=("$deb")
     dpkg-deb --info "$deb" | sed -n 's/^ \(Package\|Version\|Depends\):/  &/p'
 done
-# What goes where: the libraries, the development files and the tool, under /usr.
+# What goes where: the libraries, the development files, the tool and the gateway, under /usr.
 contains() {  # contains DEB PATTERN
     dpkg-deb --contents "$1" > "$work/contents"
     grep -Eq "$2" "$work/contents" || { echo "$(basename "$1") lacks $2"; exit 1; }
 }
 contains "${debs[0]}" '\./usr/lib/libSlot\.so\.1( |$)'
+# The library package holds the libraries only: no program, unit or data that would keep a
+# later libslot2 from standing beside it or make it depend on what a program needs.
+dpkg-deb --contents "${debs[0]}" | awk '$1 ~ /^l/ {print $(NF-2)} $1 ~ /^-/ {print $NF}' \
+    > "$work/contents"
+if grep -Ev '^\./usr/lib/lib[A-Za-z]+\.so\.[0-9.]+$|^\./usr/share/doc/' "$work/contents"; then
+    echo "libslot1 carries more than the libraries (above)"
+    exit 1
+fi
 contains "${debs[1]}" '\./usr/lib/pkgconfig/slot\.pc$'
 contains "${debs[1]}" '\./usr/lib/cmake/Slot/SlotConfig\.cmake$'
 # libslot-dev carries exactly the public headers.
@@ -75,6 +92,13 @@ check_header_set "$headers" < <(dpkg-deb --contents "${debs[1]}" \
 contains "${debs[2]}" '\./usr/bin/slotctl$'
 contains "${debs[2]}" '\./usr/share/man/man1/slotctl\.1\.gz$'
 contains "${debs[2]}" '\./usr/share/bash-completion/completions/slotctl$'
+if [[ $gateway -eq 1 ]]; then
+    contains "${debs[3]}" '\./usr/bin/slot-gateway$'
+    contains "${debs[3]}" '\./usr/lib/systemd/system/slot-gateway\.service$'
+    contains "${debs[3]}" '\./usr/share/slot-gateway/example\.json$'
+    dpkg-deb --field "${debs[3]}" Depends | grep -q 'libslot1 (= ' \
+        || { echo "slot-gateway does not depend on its libslot1"; exit 1; }
+fi
 
 step "dpkg -i"
 installed=1
@@ -104,4 +128,14 @@ gzip -dc /usr/share/man/man1/slotctl.1.gz | grep -q '^\.TH SLOTCTL 1' \
 completed=$(bash -c 'source /usr/share/bash-completion/completions/slotctl
     COMP_WORDS=(slotctl pe); COMP_CWORD=1; _slotctl; echo "${COMPREPLY[*]}"')
 [[ "$completed" == peek ]] || { echo "completion of 'slotctl pe' gave '$completed'"; exit 1; }
+if [[ $gateway -eq 1 ]]; then
+    step "slot-gateway"
+    /usr/bin/slot-gateway --check /usr/share/slot-gateway/example.json
+    # The unit starts the program where the package put it.
+    unit=/usr/lib/systemd/system/slot-gateway.service
+    for key in ExecStartPre ExecStart; do
+        grep -q "^$key=/usr/bin/slot-gateway " "$unit" \
+            || { echo "$unit: $key does not run /usr/bin/slot-gateway"; cat "$unit"; exit 1; }
+    done
+fi
 echo "Debian packages ok"

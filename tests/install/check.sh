@@ -4,8 +4,8 @@
 # installed headers are exactly the public ones (<build>/public-headers.txt) and that each
 # compiles on its own. With LD_LIBRARY_PATH unset it builds and runs: an outside project through
 # find_package(Slot), the same through the build tree (-DSlot_DIR=<build>), a program built with
-# pkg-config's flags, and the installed slotctl; then moves the installed tree and runs the
-# pkg-config program and slotctl again from the new place.
+# pkg-config's flags, the installed slotctl and slot-gateway (with its systemd unit); then
+# moves the installed tree and runs the pkg-config program and slotctl again from the new place.
 #   check.sh BUILD_DIR SOURCE_DIR [TOOLCHAIN_FILE]
 set -euo pipefail
 build=$(cd "$1" && pwd)
@@ -52,8 +52,16 @@ consumer() {  # consumer LABEL BUILD_DIR CMAKE_ARGS...
     cmake --build "$dir" -j2 > "$dir.build.log" || { cat "$dir.build.log"; return 1; }
     "$dir/consumer"
 }
-consumer "find_package(Slot) from the installed prefix, each public header alone" \
-    "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" -DSLOT_PUBLIC_HEADER_LIST="$headers"
+# The project asks for C++14: the exported targets carry cxx_std_17 and lift it to C++17, which
+# the headers need.
+for target in shared FileUtils IoUtils Slot; do
+    grep -A8 "^set_target_properties(Slot::$target " "$libdir/cmake/Slot/SlotTargets.cmake" \
+        | grep -q 'INTERFACE_COMPILE_FEATURES "cxx_std_17"' \
+        || { echo "Slot::$target does not ask its users for C++17"; exit 1; }
+done
+consumer "find_package(Slot) from the installed prefix, C++14 asked for, each public header alone" \
+    "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" -DSLOT_PUBLIC_HEADER_LIST="$headers" \
+    -DCMAKE_CXX_STANDARD=14
 consumer "find_package(Slot) from the build tree" "$work/consumer-build-tree" -DSlot_DIR="$build"
 
 step "pkg-config"
@@ -90,6 +98,17 @@ if [[ -x "$prefix/bin/slotctl" ]]; then  # built unless SLOT_BUILD_TOOLS is off
         echo "${COMPREPLY[*]}"' _ "$prefix/share/bash-completion/completions/slotctl")
     [[ "$completed" == --force ]] \
         || { echo "completion of 'slotctl rm --f' gave '$completed'"; exit 1; }
+fi
+
+if [[ -x "$prefix/bin/slot-gateway" ]]; then  # built when Cyclone DDS is found
+    step "installed slot-gateway"
+    "$prefix/bin/slot-gateway" --check "$prefix/share/slot-gateway/example.json"
+    # The systemd unit runs the executable of this prefix (written when installing).
+    unit="$prefix/lib/systemd/system/slot-gateway.service"
+    for key in ExecStartPre ExecStart; do
+        grep -q "^$key=$prefix/bin/slot-gateway " "$unit" \
+            || { echo "$unit: $key does not run $prefix/bin/slot-gateway"; cat "$unit"; exit 1; }
+    done
 fi
 
 step "moved installation"

@@ -222,8 +222,9 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
 }
 
 // write never makes a pool under a slot's name nor a slot under a pool's (the name would be
-// both), and says why a pool refused a block, as the library says it for a slot.
-TEST(SlotctlPools, WriteKeepsSlotAndPoolNamesApartAndSaysWhyAPoolRefused) {
+// both), and says why a pool refused a block, as the library says it for a slot; peek, for
+// slots only, names a pool as one.
+TEST(SlotctlPools, WriteAndPeekKeepSlotAndPoolNamesApartAndWriteSaysWhyAPoolRefused) {
     ScopedSlotName slot("onlyslot");
     ScopedPool pool("onlypool"), small("small");
     struct Remover {
@@ -247,13 +248,18 @@ TEST(SlotctlPools, WriteKeepsSlotAndPoolNamesApartAndSaysWhyAPoolRefused) {
                   "' is a pool, not a slot (a slot of that name would make it both)\n",
               asSlot.err);
     EXPECT_FALSE(slotctltest::ShmExists(pool.str()));
+    const Outcome peek = Slotctl({"peek", pool.str()});
+    EXPECT_EQ(1, peek.status) << peek.Describe();
+    EXPECT_EQ("slotctl: peek: '" + pool.str() +
+                  "' is a pool: it has no output buffer to show (read takes its blocks)\n",
+              peek.err);
 
     const Outcome refused = Slotctl({"write", small.str(), "--type", "queue", "--max-size", "4",
-                                     "--queue", "1", "--lines", "abc\nde\n0123456789"});
+                                     "--queue", "1", "--lines", "abc\nd\n0123456789"});
     EXPECT_EQ(1, refused.status) << refused.Describe();
     const std::string quoted = "'" + small.str() + "'";
     EXPECT_EQ("slotctl: the pool " + quoted +
-                  " refused a block of 2 bytes: no block is free, or its queue is full\n"
+                  " refused a block of 1 byte: no block is free, or its queue is full\n"
                   "slotctl: the pool " +
                   quoted +
                   " refused a block of 10 bytes: larger than its blocks (4 bytes)\n"

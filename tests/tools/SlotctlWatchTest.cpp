@@ -170,7 +170,8 @@ TEST(SlotctlWatch, PeekShowsTheLastBlockTakenAndChangesNothing) {
 TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForced) {
     ScopedSlotName name("attached");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
-    Background reader({"read", name.str(), "--follow"});
+    // Options that change nothing make the command line longer than rm shows of it.
+    Background reader({"read", name.str(), "--follow", "--format", "text", "--update-time", "100"});
     ASSERT_TRUE(reader.WaitForOut("1 bytes: x")) << reader.Finish().Describe();
     const std::string pid = std::to_string(reader.Pid());
     const Outcome ls = Slotctl({"ls"});
@@ -203,6 +204,12 @@ TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForce
     EXPECT_EQ(1, refused.status) << refused.Describe();
     EXPECT_THAT(refused.err,
                 AllOf(HasSubstr("is in use by 1 process: pid " + pid), HasSubstr("--force")));
+    // The command line is shown up to 80 characters, and "..." says it was cut.
+    std::string command = testsupport::ReadFile("/proc/" + pid + "/cmdline");
+    std::replace(command.begin(), command.end(), '\0', ' ');
+    command.pop_back();
+    ASSERT_GT(command.size(), 80u) << command;
+    EXPECT_THAT(refused.err, HasSubstr("pid " + pid + " (" + command.substr(0, 80) + "...: "));
     EXPECT_TRUE(Exists("/dev/shm/" + name.str()));
 
     const Outcome forced = Slotctl({"rm", "--force", name.str()});
@@ -475,9 +482,35 @@ TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
     for (const std::string command : {"ls", "info", "write", "read", "rm", "hz", "bw", "peek",
                                       "top", "record", "replay", "demo", "help"}) {
         EXPECT_THAT(commands, HasSubstr(" " + command + " ")) << command;
-        EXPECT_TRUE(std::regex_search(man, std::regex("\n\\.B[IR]? \"?" + command + "\\b")))
-            << command << " is not in the manual page";
         EXPECT_NE(all.end(), std::find(all.begin(), all.end(), command)) << command;
+        // The command's entry (.TP, then its name) names every option of its help; --pool and
+        // --slot, common to the commands that take pools, have their own section.
+        std::smatch entry;
+        if (!std::regex_search(man, entry,
+                               std::regex("\n\\.TP\n\\.B[IR]? \"?" + command + "\\b"))) {
+            ADD_FAILURE() << command << " is not in the manual page";
+            continue;
+        }
+        const std::string rest = entry.suffix();
+        std::smatch next;
+        const std::string section = std::regex_search(rest, next, std::regex("\n\\.(TP|SH)\n"))
+                                        ? next.prefix().str()
+                                        : rest;
+        const std::string usage = Slotctl({"help", command}).out;
+        const std::regex optionLine("\n +(--[a-z][a-z-]*)");
+        for (auto it = std::sregex_iterator(usage.begin(), usage.end(), optionLine);
+             it != std::sregex_iterator(); ++it) {
+            const std::string option = (*it)[1];
+            if (option == "--pool" || option == "--slot") {
+                continue;
+            }
+            std::string roff;  // "--update-time" is written "\-\-update\-time"
+            for (const char c : option) {
+                roff += c == '-' ? std::string("\\-") : std::string(1, c);
+            }
+            EXPECT_NE(std::string::npos, section.find(roff))
+                << command << " " << option << " is not in its entry of the manual page";
+        }
     }
     // Each command's options, their values, and slot names for operands.
     EXPECT_EQ(std::vector<std::string>{"--frames"}, Completions({"slotctl", "write", "--fr"}));

@@ -44,6 +44,17 @@ std::string StaleWhat(const SlotReport& report) {
     }
 }
 
+// A process's command line for a message: its first 80 characters, made Printable, and "..."
+// when there was more.
+std::string ShortCommand(const std::string& command) {
+    constexpr size_t kCharacters = 80;
+    const std::vector<size_t> starts = CharacterStarts(command);
+    if (starts.size() <= kCharacters) {
+        return Printable(command);
+    }
+    return Printable(command.substr(0, starts[kCharacters])) + "...";
+}
+
 // The processes other than this one that use the slot, as "pid 4711 (slotctl read orders)".
 // Only a process still attached after a short while counts: an inspection such as another
 // slotctl's "ls" opens the objects for milliseconds and must not make the slot look in use.
@@ -76,7 +87,7 @@ std::vector<std::string> Users(const SlotReport& report) {
     std::vector<std::string> users;
     for (const SlotAttachment& process : lasting) {
         users.push_back("pid " + std::to_string(process.pid) + " (" +
-                        Printable(process.command.substr(0, 80)) + ": " + process.What() + ")");
+                        ShortCommand(process.command) + ": " + process.What() + ")");
     }
     return users;
 }

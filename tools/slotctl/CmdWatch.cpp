@@ -182,6 +182,12 @@ int RunPeek(const Context&, const std::vector<std::string>& args) {
         throw UsageError("peek: --format must be text, hex, raw, frames or ndjson, not " +
                          Quote(format));
     }
+    CheckSlotName(name);
+    if (Slot::SurveyPool(name).exists && !SlotExists(name)) {
+        throw CommandError(ExitFailure, "peek: " + Quote(name) +
+                                            " is a pool: it has no output buffer to show (read "
+                                            "takes its blocks)");
+    }
     const SlotActivitySample sample = FirstSample("peek", name, true);
     if (!sample.hasOutput) {
         throw CommandError(ExitFailure, "peek: " + Quote(name) + " has no readable output buffer");

@@ -194,10 +194,13 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
             ++blocks;
             // The library logs why a slot refused a block; a pool's refusal is said here.
             if (pool && outcome == Slot::WriteOutcome::Refused) {
+                const auto bytes = [](size_t n) {
+                    return std::to_string(n) + (n == 1 ? " byte" : " bytes");
+                };
                 std::cerr << "slotctl: the pool " << Quote(name) << " refused a block of "
-                          << block.size() << " bytes: "
+                          << bytes(block.size()) << ": "
                           << (block.size() > maxSize
-                                  ? "larger than its blocks (" + std::to_string(maxSize) + " bytes)"
+                                  ? "larger than its blocks (" + bytes(maxSize) + ")"
                                   : std::string("no block is free, or its queue is full"))
                           << std::endl;
             }

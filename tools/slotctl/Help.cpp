@@ -138,8 +138,9 @@ chunks it arrives in.
   --follow            no limit (until Ctrl-C)
   --timeout MS        give up when no block came for MS ms, or the slot could not be opened
                       within MS ms: status 124 (as timeout(1)), also with --follow, after
-                      "slotctl: no block from 'NAME' within MS ms (N read)" on stderr; the
-                      blocks that came before are printed
+                      "slotctl: no block from 'NAME' within MS ms (N of COUNT read)" on
+                      stderr ("(N read)" with --follow or --count 0); the blocks that
+                      came before are printed
   --format F          text: "<n> bytes: <text>", control characters and bytes that are
                             not UTF-8 as \xNN, \n \t \r \\ short (default)
                       hex:  "<n> bytes:" and a hex dump
@@ -202,7 +203,8 @@ no usable header or goes away, 130 on Ctrl-C.
 
 Prints the slot's output buffer, the copy of the last block a reader took from it, read from
 the header segment with plain reads: nothing is taken, locked or changed. A slot that was not
-read since it was last opened shows an empty block.
+read since it was last opened shows an empty block. Slots only: a pool has no output buffer
+(read takes its blocks).
   --format F    text (default), hex, raw, frames or ndjson, as for read (the ndjson time is
                 the slot's last write time, null when unknown)
 )HELP";
