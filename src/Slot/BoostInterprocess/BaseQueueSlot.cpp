@@ -95,6 +95,10 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
         // Checked against the real size of the object by CreateSharedMemory; the segment's own
         // record of it may change later, this does not.
         segmentSize_ = segment_->GetSegment().get_size();
+        const shared::FileIdentity header =
+            shared::FileMappedAt(segment_->GetSegment().get_address());
+        headerDevice_ = header.device;
+        headerInode_ = header.known ? header.inode : 0;
         lockable_.Bind(segment_->GetMutex());
         lockable_.SetOwnerDeadRepair([this](pid_t dead) { RepairAfterDeadHolder(dead); });
         lockable_.SetLockWatch(HeaderLockWatch());
@@ -528,11 +532,19 @@ shared::LockWatch BaseQueueSlot::HeaderLockWatch() const {
     // Made robust by CreateSharedMemory before the segment was marked initialised.
     watch.kind = shared::RobustMutexKind();
     // Whoever holds the header mutex has the segment mapped: a live owner whose process does not
-    // is a word that damage wrote.
+    // is a word that damage wrote. The segment is recognised by device and inode, as a path in
+    // a memory map is escaped (a name may hold a newline); by its path only when this process's
+    // own map could not tell them.
     const std::string path = Slot::ShmPath(Slot::HeaderObjectName(name_));
-    watch.holderCheck = [path](pid_t owner) {
+    shared::FileIdentity file;
+    file.device = headerDevice_;
+    file.inode = headerInode_;
+    file.known = headerInode_ != 0;
+    watch.holderCheck = [path, file](pid_t owner) {
         const pid_t process = shared::ProcessOfThread(owner);
-        if (process != 0 && shared::ProcessMapsFile(process, path) == 0) {
+        const int maps = file.known ? shared::ProcessMapsFile(process, file)
+                                    : shared::ProcessMapsFile(process, path);
+        if (process != 0 && maps == 0) {
             return "is held by thread " + std::to_string(owner) + " of process " +
                    std::to_string(process) + ", which does not map " + path;
         }

@@ -20,6 +20,7 @@
 
 #include <log4cxx/logger.h>
 
+#include <sys/types.h>
 #include <atomic>
 #include <climits>
 #include <cstddef>
@@ -216,4 +217,7 @@ private:
     size_t segmentSize_ = 0;        // bytes mapped (the segment records its own size too)
     int outHandle_ = 0;             // "output_buffer_handle"
     OutputBuffer out_{nullptr, 0};  // the block it located (data null: none)
+    // The header segment this process maps, as the kernel names it (inode 0: not known).
+    dev_t headerDevice_ = 0;
+    ino_t headerInode_ = 0;
 };

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <shared/MutexOwner.h>
 #include <shared/SharedMemory.h>
 
 #include <log4cxx/logger.h>
@@ -219,8 +220,9 @@ private:
     bool HolderMapsQueue(pid_t owner) const;
 
     std::string name_;
-    char* base_;        // start of our mapping of the object
-    std::size_t size_;  // real size of the mapping (fstat), the bound of every check
+    shared::FileIdentity file_;  // the object mapped, by device and inode (fstat)
+    char* base_;                 // start of our mapping of the object
+    std::size_t size_;           // real size of the mapping (fstat), the bound of every check
     Header* header_;
     pthread_mutex_t* mutexOwner_;            // the queue's internal mutex, inside the mapping
     const std::uint32_t* countWord_;         // mq_hdr_t::m_cur_num_msg, inside the mapping
