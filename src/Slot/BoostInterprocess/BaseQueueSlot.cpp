@@ -159,8 +159,10 @@ void BaseQueueSlot::ConstructHeader() {
         if (bufferHandle_ == nullptr) {
             throw AbortSlotCreationException(InvalidHeaderMsg());
         }
+        shared::CrashPoint("handle-constructed");
         try {
             void* buffer = segment.allocate(GetMaxDataSize());
+            shared::CrashPoint("buffer-allocated");
             *bufferHandle_ = segment.get_handle_from_address(buffer);
         } catch (...) {
             segment.destroy_ptr(bufferHandle_);
@@ -168,6 +170,7 @@ void BaseQueueSlot::ConstructHeader() {
             throw;
         }
     } else {
+        FinishOutputBuffer();
         const OutputBuffer out = LocateOutputBuffer(*bufferHandle_);
         if (out.capacity < GetMaxDataSize() && logger_->isWarnEnabled()) {
             LOG4CXX_WARN(logger_, "Output buffer of '" << name_ << "' has " << out.capacity
@@ -190,6 +193,34 @@ void BaseQueueSlot::ConstructHeader() {
     *writeTime_ = boost::posix_time::ptime(boost::posix_time::not_a_date_time);
 
     ConstructRwSync();
+}
+
+void BaseQueueSlot::FinishOutputBuffer() {
+    // The handle is built before the buffer is allocated and its handle stored, and
+    // "cond_on_write" after both. A builder killed in between holds the header lock, which we
+    // hold now: it is dead, and its header ends with a handle that names no allocation. Its step
+    // is finished here, with the buffer it allocated when it got that far (an allocation nothing
+    // else accounts for), else with a new one.
+    shared::SlotSegment& segment = segment_->GetSegment();
+    const SlotImage::HeaderImage image =
+        SlotImage::ParseHeader(segment.get_address(), segmentSize_);
+    if (image.objects[Slot::WriteCondition].found || !image.objects[Slot::OutputHandle].found ||
+        image.outputBuffer.present) {
+        return;
+    }
+    const size_t size = GetMaxDataSize();
+    void* buffer = nullptr;
+    if (image.strayAllocations.size() == 1 && image.strayAllocations.front().size >= size) {
+        buffer = static_cast<char*>(segment.get_address()) + image.strayAllocations.front().offset;
+    } else {
+        buffer = segment.allocate(size);
+    }
+    *bufferHandle_ = static_cast<int>(segment.get_handle_from_address(buffer));
+    if (logger_->isWarnEnabled()) {
+        LOG4CXX_WARN(logger_, "Slot '" << name_
+                                       << "' : the process that built its header died before "
+                                          "it stored the output buffer's handle; stored now");
+    }
 }
 
 void BaseQueueSlot::ConstructRwSync() {

@@ -183,6 +183,10 @@ private:
     // Run by whoever locks the header mutex after its holder died, before the mutex is marked
     // consistent: makes the header consistent again and checks the queue.
     void RepairAfterDeadHolder(pid_t deadThread);
+    // Called under the header lock by an opener that found "output_buffer_handle": when the
+    // header's builder died before storing the buffer's handle there, stores it (the buffer the
+    // builder allocated, or a new one) and logs a WARN.
+    void FinishOutputBuffer();
     // What a blocked lock() checks about the header mutex's holder, and its ERROR line when it
     // gives up on a damaged lock word.
     shared::LockWatch HeaderLockWatch() const;

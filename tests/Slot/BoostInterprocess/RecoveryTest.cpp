@@ -32,6 +32,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -416,6 +417,71 @@ TEST(UnfinishedCreation, CreatorKilledAtEachStepNeverHangsTheNextOpener) {
             seconds(60));
         ASSERT_TRUE(opener.exited) << opener.Describe();
         EXPECT_EQ(point.second ? 0 : 1, opener.exitCode);
+    }
+}
+
+// The first opener makes "output_buffer_handle", then allocates the buffer and stores its handle
+// there. Killed in between, it leaves a header whose handle names nothing; the next opener
+// finishes that step (with the buffer already allocated, if any), so that every later opener and
+// every read works as on a slot built whole, and no memory of the segment is lost.
+TEST(UnfinishedCreation, FirstOpenerKilledBeforeStoringTheBufferHandleLeavesAWholeSlot) {
+    if (!shared::ArmCrashPoint("")) {
+        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
+    }
+    std::uint64_t wholeFreeBytes = 0;
+    {
+        ScopedSlotName reference;
+        DiscardingSlot slot(open_or_create, reference.c_str(), kMaxSize);
+        wholeFreeBytes = RawObject(reference, false).Image().freeBytes;
+    }
+    for (const char* point : {"handle-constructed", "buffer-allocated"}) {
+        SCOPED_TRACE(point);
+        ScopedSlotName name;
+        ChildProcess creator([&] {
+            shared::ArmCrashPoint(point);
+            DiscardingSlot slot(open_or_create, name.c_str(), kMaxSize);
+            return 3;
+        });
+        const ChildResult killed = creator.Wait(seconds(30));
+        ASSERT_EQ(9, killed.signal) << killed.Describe();
+        const ChildResult openers = RunInChild([&] {
+            LogCapture log("Slot");
+            // Each opener passes a block, and a read of the empty slot hands out its copy.
+            auto passBlocks = [&name](const std::string& block) {
+                DiscardingSlot slot(open_or_create, name.c_str(), kMaxSize);
+                shared::ILockable& lock = *slot.GetLockable();
+                char buffer[kMaxSize];
+                lock.lock();
+                slot.WriteData(block.data(), block.size());
+                const size_t first = slot.ReadData(buffer, sizeof(buffer));
+                const std::string got(buffer, first);
+                const size_t again = slot.ReadData(buffer, sizeof(buffer));
+                const std::string copy(buffer, again);
+                lock.unlock();
+                return got == block && copy == block;
+            };
+            if (!passBlocks(Block(0)) || !passBlocks(Block(1))) {
+                return Failed(11, "a block or its copy did not pass");
+            }
+            const std::vector<std::string> errors = log.Messages("ERROR");
+            const std::string repaired = "Slot '" + name.str() + "' was locked by thread ";
+            if (errors.size() != 1 || errors[0].compare(0, repaired.size(), repaired) != 0) {
+                return Failed(12, "ERROR lines other than the dead holder's repair: " +
+                                      std::to_string(errors.size()));
+            }
+            const std::string finished = "Slot '" + name.str() +
+                                         "' : the process that built its header died before it "
+                                         "stored the output buffer's handle; stored now";
+            if (log.Messages("WARN") != std::vector<std::string>{finished}) {
+                return Failed(13, "not exactly the WARN line '" + finished + "'");
+            }
+            return 0;
+        });
+        EXPECT_TRUE(openers.Ok()) << openers.Describe();
+        const SlotImage::HeaderImage image = RawObject(name, false).Image();
+        EXPECT_EQ(SlotImage::Verdict::Valid, image.verdict) << image.problem;
+        EXPECT_TRUE(image.strayAllocations.empty());
+        EXPECT_EQ(wholeFreeBytes, image.freeBytes);
     }
 }
 
