@@ -473,23 +473,34 @@ bool BaseQueueSlot::OpenQueue(size_t maxDataSize, size_t bufferLength) {
         }
     };
     // Open-or-create, without Boost's unbounded wait for an unfinished object: the object is
-    // prepared (created here, or finished by its creator) first, then opened. A queue removed in
-    // between is prepared again.
+    // prepared (created here, or finished by its creator) first, then opened. Boost and the
+    // checking view each open the name: the view first, and the name still naming its object
+    // after Boost's opening shows that both use the same object. A queue removed in between (and
+    // maybe created again) is prepared and opened again.
     bool created = false;
     for (int round = 0;; ++round) {
         created = shared::PrepareManagedObject(
             queueName, bi::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr>::get_mem_size(size, count),
             userOffset, initialise, remedy);
         try {
+            std::unique_ptr<QueueGuard> guard(new QueueGuard(queueName));
+            shared::StopPoint("queue-checker-opened");
             queue_.reset(new MessageQueue(bi::open_only, queueName.c_str()));
-            break;
+            if (guard->NameStillNamesIt()) {
+                queueGuard_ = std::move(guard);
+                break;
+            }
+            queue_.reset();
+            if (round == 3) {
+                throw bi::interprocess_exception(
+                    ("queue '" + queueName + "' was removed each time it was opened").c_str());
+            }
         } catch (const bi::interprocess_exception& e) {
             if (e.get_error_code() != bi::not_found_error || round == 3) {
                 throw;
             }
         }
     }
-    queueGuard_.reset(new QueueGuard(queueName));
     shared::CrashPoint("queue-opened");
     return created;
 }

@@ -56,6 +56,18 @@ bool QueueGuard::HolderMapsQueue(pid_t owner) const {
     return process != 0 && shared::ProcessMapsFile(process, file_) != 0;
 }
 
+bool QueueGuard::NameStillNamesIt() const {
+    const int fd = ::shm_open(name_.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat st;
+    const bool same =
+        ::fstat(fd, &st) == 0 && st.st_dev == file_.device && st.st_ino == file_.inode;
+    ::close(fd);
+    return same;
+}
+
 QueueGuard::QueueGuard(const std::string& queueName)
     : name_(queueName),
       base_(nullptr),

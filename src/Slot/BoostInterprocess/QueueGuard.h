@@ -48,10 +48,17 @@ public:
     // An offset pointer's stored offset: 64-bit on x86_64, 32-bit on the 32-bit target.
     using Offset = shared::SlotOffsetPtr::offset_type;
 
-    // Maps "queue_<name>" (already opened by Boost) and validates its structure. Throws
+    // Maps "queue_<name>" and validates its structure. Throws
     // boost::interprocess::interprocess_exception ("queue '<name>' is damaged: ...") when the
     // words in it do not describe a queue of the mapped size.
     explicit QueueGuard(const std::string& queueName);
+
+    // Whether the queue's name still names the object this view maps. Opened before Boost opens
+    // the name and asked after, true shows that Boost opened this same object: a name comes to
+    // name another object only once its object was removed, and this view's mapping keeps that
+    // object, so its inode number is not given to another meanwhile.
+    bool NameStillNamesIt() const;
+
     ~QueueGuard();
     QueueGuard(const QueueGuard&) = delete;
     QueueGuard& operator=(const QueueGuard&) = delete;

@@ -3,6 +3,7 @@
 // freeze the other processes nor make them lose accepted blocks. Every step that could hang runs
 // in a child under a watchdog, so a hang fails the test instead of blocking the run.
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 #include "ShmObject.h"
@@ -21,9 +22,11 @@
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -483,6 +486,39 @@ TEST(UnfinishedCreation, FirstOpenerKilledBeforeStoringTheBufferHandleLeavesAWho
         EXPECT_TRUE(image.strayAllocations.empty());
         EXPECT_EQ(wholeFreeBytes, image.freeBytes);
     }
+}
+
+// A queue removed and created again while it is being opened: the slot's checking view of the
+// queue and Boost's queue must be the same object, or counts, checks and repairs would concern
+// another queue than the blocks. The opener stops after its view mapped the queue, before Boost
+// opens it.
+TEST(UnfinishedCreation, AQueueCreatedAgainWhileItIsOpenedIsOpenedAgain) {
+    if (!shared::ArmCrashPoint("")) {
+        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
+    }
+    ScopedSlotName name;
+    // The first queue holds a block, so that a mix-up of the two shows.
+    {
+        ReliableSlot first(open_or_create, name.c_str(), kMaxSize, kCapacity);
+        Write(first, "stale");
+    }
+    ChildProcess opener([&] {
+        shared::ArmCrashPoint("queue-checker-opened");
+        ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
+        return ExpectBlocks(slot, 1);
+    });
+    int status = 0;
+    ASSERT_TRUE(testsupport::Eventually(
+        [&] { return ::waitpid(opener.Pid(), &status, WNOHANG | WUNTRACED) == opener.Pid(); }));
+    ASSERT_TRUE(WIFSTOPPED(status)) << "the opener ended instead of stopping";
+    SlotFactory::RemoveSlot(name.str());
+    {
+        ReliableSlot again(open_or_create, name.c_str(), kMaxSize, kCapacity);
+        Write(again, Block(0));
+    }
+    ::kill(opener.Pid(), SIGCONT);
+    const ChildResult result = opener.Wait(seconds(30));
+    EXPECT_TRUE(result.Ok()) << result.Describe();
 }
 
 // A process killed inside the segment's index (or its allocator) may leave it half changed: the
