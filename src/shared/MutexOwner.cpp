@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <shared/MutexOwner.h>
 
+#include <sys/sysmacros.h>
 #include <chrono>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -91,6 +93,85 @@ int ProcessMapsFile(pid_t pid, const std::string& path) {
     // A map that opens but is empty belongs to a process without an address space (a kernel
     // thread, or a zombie): it maps nothing. One we may not read does not open at all.
     return read ? found : 0;
+}
+
+namespace {
+
+// One line of a /proc/<pid>/maps file: "start-end perms offset major:minor inode [path]", the
+// numbers in hex except the inode.
+struct MapsLine {
+    std::uint64_t start = 0;
+    std::uint64_t end = 0;
+    unsigned major = 0;
+    unsigned minor = 0;
+    std::uint64_t inode = 0;
+};
+
+bool ParseMapsLine(const char* text, MapsLine& line) {
+    return std::sscanf(text, "%" SCNx64 "-%" SCNx64 " %*s %*s %x:%x %" SCNu64, &line.start,
+                       &line.end, &line.major, &line.minor, &line.inode) == 5;
+}
+
+// Calls `visit` with each line of /proc/<pid>/maps until it returns true. Returns -1 when the
+// map cannot be opened, 0 when it held no line, 1 otherwise. Only the start of a line is
+// parsed; the rest of a long one (its path) is skipped.
+template <class Visit>
+int ForEachMapsLine(const std::string& process, Visit visit) {
+    FILE* maps = std::fopen(("/proc/" + process + "/maps").c_str(), "re");
+    if (maps == nullptr) {
+        return -1;
+    }
+    bool read = false;
+    bool lineStart = true;
+    char chunk[512];
+    while (std::fgets(chunk, sizeof chunk, maps) != nullptr) {
+        read = true;
+        const bool startsLine = lineStart;
+        lineStart = std::strchr(chunk, '\n') != nullptr;
+        MapsLine line;
+        if (startsLine && ParseMapsLine(chunk, line) && visit(line)) {
+            break;
+        }
+    }
+    std::fclose(maps);
+    return read ? 1 : 0;
+}
+
+}  // namespace
+
+FileIdentity FileMappedAt(const void* address) {
+    const std::uint64_t at = reinterpret_cast<std::uintptr_t>(address);
+    FileIdentity file;
+    ForEachMapsLine("self", [&](const MapsLine& line) {
+        if (at < line.start || at >= line.end) {
+            return false;
+        }
+        // An anonymous mapping shows inode 0.
+        if (line.inode != 0) {
+            file.device = makedev(line.major, line.minor);
+            file.inode = static_cast<ino_t>(line.inode);
+            file.known = true;
+        }
+        return true;
+    });
+    return file;
+}
+
+int ProcessMapsFile(pid_t pid, const FileIdentity& file) {
+    if (pid <= 0 || !file.known) {
+        return -1;
+    }
+    int found = 0;
+    const int read = ForEachMapsLine(std::to_string(pid), [&](const MapsLine& line) {
+        found = line.inode == file.inode && line.major == major(file.device) &&
+                        line.minor == minor(file.device)
+                    ? 1
+                    : 0;
+        return found == 1;
+    });
+    // A map that opens but is empty belongs to a process without an address space (a kernel
+    // thread, or a zombie): it maps nothing. One we may not read does not open at all.
+    return read < 0 ? -1 : found;
 }
 
 }  // namespace shared

@@ -30,7 +30,24 @@ SHARED_EXPORT pid_t ProcessOfThread(pid_t tid);
 
 // Whether the live process `pid` maps the file `path` (e.g. "/dev/shm/<object>"): 1 yes, 0 no
 // (also a kernel thread, whose map is empty), -1 unknown (its memory map cannot be read, e.g.
-// another user's process).
+// another user's process). Compares the path as the kernel prints it, which escapes a newline
+// in a name as "\012": use the device and inode form for objects whose names a user chose.
 SHARED_EXPORT int ProcessMapsFile(pid_t pid, const std::string& path);
+
+// A file as the kernel identifies it: its device and inode number (a stat's st_dev, st_ino).
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool known = false;
+};
+
+// The file that this process maps at `address`, from /proc/self/maps; not known when nothing
+// file-backed is mapped there or the map cannot be read.
+SHARED_EXPORT FileIdentity FileMappedAt(const void* address);
+
+// As ProcessMapsFile, by the file's device and inode: unlike a path these are printed as
+// numbers, so every name matches, also one that holds a newline or ends in " (deleted)", and a
+// file of the same name made since is not taken for the one that `file` names.
+SHARED_EXPORT int ProcessMapsFile(pid_t pid, const FileIdentity& file);
 
 }  // namespace shared

@@ -95,6 +95,10 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
         // Checked against the real size of the object by CreateSharedMemory; the segment's own
         // record of it may change later, this does not.
         segmentSize_ = segment_->GetSegment().get_size();
+        const shared::FileIdentity header =
+            shared::FileMappedAt(segment_->GetSegment().get_address());
+        headerDevice_ = header.device;
+        headerInode_ = header.known ? header.inode : 0;
         lockable_.Bind(segment_->GetMutex());
         lockable_.SetOwnerDeadRepair([this](pid_t dead) { RepairAfterDeadHolder(dead); });
         lockable_.SetLockWatch(HeaderLockWatch());
@@ -155,8 +159,10 @@ void BaseQueueSlot::ConstructHeader() {
         if (bufferHandle_ == nullptr) {
             throw AbortSlotCreationException(InvalidHeaderMsg());
         }
+        shared::CrashPoint("handle-constructed");
         try {
             void* buffer = segment.allocate(GetMaxDataSize());
+            shared::CrashPoint("buffer-allocated");
             *bufferHandle_ = segment.get_handle_from_address(buffer);
         } catch (...) {
             segment.destroy_ptr(bufferHandle_);
@@ -164,6 +170,7 @@ void BaseQueueSlot::ConstructHeader() {
             throw;
         }
     } else {
+        FinishOutputBuffer();
         const OutputBuffer out = LocateOutputBuffer(*bufferHandle_);
         if (out.capacity < GetMaxDataSize() && logger_->isWarnEnabled()) {
             LOG4CXX_WARN(logger_, "Output buffer of '" << name_ << "' has " << out.capacity
@@ -186,6 +193,34 @@ void BaseQueueSlot::ConstructHeader() {
     *writeTime_ = boost::posix_time::ptime(boost::posix_time::not_a_date_time);
 
     ConstructRwSync();
+}
+
+void BaseQueueSlot::FinishOutputBuffer() {
+    // The handle is built before the buffer is allocated and its handle stored, and
+    // "cond_on_write" after both. A builder killed in between holds the header lock, which we
+    // hold now: it is dead, and its header ends with a handle that names no allocation. Its step
+    // is finished here, with the buffer it allocated when it got that far (an allocation nothing
+    // else accounts for), else with a new one.
+    shared::SlotSegment& segment = segment_->GetSegment();
+    const SlotImage::HeaderImage image =
+        SlotImage::ParseHeader(segment.get_address(), segmentSize_);
+    if (image.objects[Slot::WriteCondition].found || !image.objects[Slot::OutputHandle].found ||
+        image.outputBuffer.present) {
+        return;
+    }
+    const size_t size = GetMaxDataSize();
+    void* buffer = nullptr;
+    if (image.strayAllocations.size() == 1 && image.strayAllocations.front().size >= size) {
+        buffer = static_cast<char*>(segment.get_address()) + image.strayAllocations.front().offset;
+    } else {
+        buffer = segment.allocate(size);
+    }
+    *bufferHandle_ = static_cast<int>(segment.get_handle_from_address(buffer));
+    if (logger_->isWarnEnabled()) {
+        LOG4CXX_WARN(logger_, "Slot '" << name_
+                                       << "' : the process that built its header died before "
+                                          "it stored the output buffer's handle; stored now");
+    }
 }
 
 void BaseQueueSlot::ConstructRwSync() {
@@ -438,23 +473,34 @@ bool BaseQueueSlot::OpenQueue(size_t maxDataSize, size_t bufferLength) {
         }
     };
     // Open-or-create, without Boost's unbounded wait for an unfinished object: the object is
-    // prepared (created here, or finished by its creator) first, then opened. A queue removed in
-    // between is prepared again.
+    // prepared (created here, or finished by its creator) first, then opened. Boost and the
+    // checking view each open the name: the view first, and the name still naming its object
+    // after Boost's opening shows that both use the same object. A queue removed in between (and
+    // maybe created again) is prepared and opened again.
     bool created = false;
     for (int round = 0;; ++round) {
         created = shared::PrepareManagedObject(
             queueName, bi::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr>::get_mem_size(size, count),
             userOffset, initialise, remedy);
         try {
+            std::unique_ptr<QueueGuard> guard(new QueueGuard(queueName));
+            shared::StopPoint("queue-checker-opened");
             queue_.reset(new MessageQueue(bi::open_only, queueName.c_str()));
-            break;
+            if (guard->NameStillNamesIt()) {
+                queueGuard_ = std::move(guard);
+                break;
+            }
+            queue_.reset();
+            if (round == 3) {
+                throw bi::interprocess_exception(
+                    ("queue '" + queueName + "' was removed each time it was opened").c_str());
+            }
         } catch (const bi::interprocess_exception& e) {
             if (e.get_error_code() != bi::not_found_error || round == 3) {
                 throw;
             }
         }
     }
-    queueGuard_.reset(new QueueGuard(queueName));
     shared::CrashPoint("queue-opened");
     return created;
 }
@@ -528,11 +574,19 @@ shared::LockWatch BaseQueueSlot::HeaderLockWatch() const {
     // Made robust by CreateSharedMemory before the segment was marked initialised.
     watch.kind = shared::RobustMutexKind();
     // Whoever holds the header mutex has the segment mapped: a live owner whose process does not
-    // is a word that damage wrote.
+    // is a word that damage wrote. The segment is recognised by device and inode, as a path in
+    // a memory map is escaped (a name may hold a newline); by its path only when this process's
+    // own map could not tell them.
     const std::string path = Slot::ShmPath(Slot::HeaderObjectName(name_));
-    watch.holderCheck = [path](pid_t owner) {
+    shared::FileIdentity file;
+    file.device = headerDevice_;
+    file.inode = headerInode_;
+    file.known = headerInode_ != 0;
+    watch.holderCheck = [path, file](pid_t owner) {
         const pid_t process = shared::ProcessOfThread(owner);
-        if (process != 0 && shared::ProcessMapsFile(process, path) == 0) {
+        const int maps = file.known ? shared::ProcessMapsFile(process, file)
+                                    : shared::ProcessMapsFile(process, path);
+        if (process != 0 && maps == 0) {
             return "is held by thread " + std::to_string(owner) + " of process " +
                    std::to_string(process) + ", which does not map " + path;
         }

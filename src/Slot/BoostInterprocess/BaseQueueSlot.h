@@ -20,6 +20,7 @@
 
 #include <log4cxx/logger.h>
 
+#include <sys/types.h>
 #include <atomic>
 #include <climits>
 #include <cstddef>
@@ -182,6 +183,10 @@ private:
     // Run by whoever locks the header mutex after its holder died, before the mutex is marked
     // consistent: makes the header consistent again and checks the queue.
     void RepairAfterDeadHolder(pid_t deadThread);
+    // Called under the header lock by an opener that found "output_buffer_handle": when the
+    // header's builder died before storing the buffer's handle there, stores it (the buffer the
+    // builder allocated, or a new one) and logs a WARN.
+    void FinishOutputBuffer();
     // What a blocked lock() checks about the header mutex's holder, and its ERROR line when it
     // gives up on a damaged lock word.
     shared::LockWatch HeaderLockWatch() const;
@@ -216,4 +221,7 @@ private:
     size_t segmentSize_ = 0;        // bytes mapped (the segment records its own size too)
     int outHandle_ = 0;             // "output_buffer_handle"
     OutputBuffer out_{nullptr, 0};  // the block it located (data null: none)
+    // The header segment this process maps, as the kernel names it (inode 0: not known).
+    dev_t headerDevice_ = 0;
+    ino_t headerInode_ = 0;
 };

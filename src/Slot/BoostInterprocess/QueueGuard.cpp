@@ -50,8 +50,22 @@ int PlainMutexKind() {
 bool QueueGuard::HolderMapsQueue(pid_t owner) const {
     // A holder lives in a process that maps the queue: a thread id that names a live thread of a
     // process without the mapping was reused after the holder died.
+    // Compared by device and inode: a path in a memory map is escaped (a name may hold a
+    // newline).
     const pid_t process = shared::ProcessOfThread(owner);
-    return process != 0 && shared::ProcessMapsFile(process, Slot::ShmPath(name_)) != 0;
+    return process != 0 && shared::ProcessMapsFile(process, file_) != 0;
+}
+
+bool QueueGuard::NameStillNamesIt() const {
+    const int fd = ::shm_open(name_.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat st;
+    const bool same =
+        ::fstat(fd, &st) == 0 && st.st_dev == file_.device && st.st_ino == file_.inode;
+    ::close(fd);
+    return same;
 }
 
 QueueGuard::QueueGuard(const std::string& queueName)
@@ -89,6 +103,9 @@ QueueGuard::QueueGuard(const std::string& queueName)
         throw bi::interprocess_exception(bi::error_info(error));
     }
     size_ = static_cast<std::size_t>(st.st_size);
+    file_.device = st.st_dev;
+    file_.inode = st.st_ino;
+    file_.known = true;
     void* address =
         size_ == 0 ? MAP_FAILED : ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     ::close(fd);

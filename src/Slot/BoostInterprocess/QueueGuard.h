@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <shared/MutexOwner.h>
 #include <shared/SharedMemory.h>
 
 #include <log4cxx/logger.h>
@@ -47,10 +48,17 @@ public:
     // An offset pointer's stored offset: 64-bit on x86_64, 32-bit on the 32-bit target.
     using Offset = shared::SlotOffsetPtr::offset_type;
 
-    // Maps "queue_<name>" (already opened by Boost) and validates its structure. Throws
+    // Maps "queue_<name>" and validates its structure. Throws
     // boost::interprocess::interprocess_exception ("queue '<name>' is damaged: ...") when the
     // words in it do not describe a queue of the mapped size.
     explicit QueueGuard(const std::string& queueName);
+
+    // Whether the queue's name still names the object this view maps. Opened before Boost opens
+    // the name and asked after, true shows that Boost opened this same object: a name comes to
+    // name another object only once its object was removed, and this view's mapping keeps that
+    // object, so its inode number is not given to another meanwhile.
+    bool NameStillNamesIt() const;
+
     ~QueueGuard();
     QueueGuard(const QueueGuard&) = delete;
     QueueGuard& operator=(const QueueGuard&) = delete;
@@ -219,8 +227,9 @@ private:
     bool HolderMapsQueue(pid_t owner) const;
 
     std::string name_;
-    char* base_;        // start of our mapping of the object
-    std::size_t size_;  // real size of the mapping (fstat), the bound of every check
+    shared::FileIdentity file_;  // the object mapped, by device and inode (fstat)
+    char* base_;                 // start of our mapping of the object
+    std::size_t size_;           // real size of the mapping (fstat), the bound of every check
     Header* header_;
     pthread_mutex_t* mutexOwner_;            // the queue's internal mutex, inside the mapping
     const std::uint32_t* countWord_;         // mq_hdr_t::m_cur_num_msg, inside the mapping

@@ -984,6 +984,25 @@ HeaderImage ParseHeader(const void* base, std::size_t size) {
         FindOutputBuffer(bytes, h, firstBlock, knownBlocks);
     }
 
+    if (blocksOk && uniqueOk && namedOk) {
+        for (const Block& block : blocks) {
+            const std::uint64_t data = block.offset + AllocatedCtrlBytes;
+            auto starts = [data](const IndexEntry& entry) { return entry.node == data; };
+            if (!block.allocated || block.units < AllocatedCtrlUnits ||
+                std::any_of(unique.begin(), unique.end(), starts) ||
+                std::any_of(named.begin(), named.end(), starts) ||
+                (h.outputBuffer.present && h.outputBuffer.offset == data)) {
+                continue;
+            }
+            const Region stray =
+                MakeRegion(bytes, data,
+                           (block.units - AllocatedCtrlUnits) * Alignment + UsableByPreviousChunk);
+            if (stray.present) {
+                h.strayAllocations.push_back(stray);
+            }
+        }
+    }
+
     // Which of the header's parts exist, in the order they are built: the header mutex, the
     // named objects, the output buffer with its handle. A prefix is a header still being built
     // (or whose builder died); anything else, or a part in the wrong shape, is damage.

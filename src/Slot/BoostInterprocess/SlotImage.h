@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 // The two shared-memory objects of a slot read from their raw bytes, without letting
 // Boost.Interprocess open them: Boost spins for ever on an unfinished object, follows every
@@ -17,8 +18,8 @@
 //
 // Every function here is a pure function of the bytes [base, base + size): it never reads
 // outside them whatever they contain, never writes, takes no lock and allocates only for its
-// result's texts. `size` must be the real size of the mapping (fstat of the object), never a
-// size read from the object. `base` needs no alignment; values are copied out with memcpy.
+// result's texts and lists. `size` must be the real size of the mapping (fstat of the object),
+// never a size read from the object. `base` needs no alignment; values are copied out with memcpy.
 // The objects may change while they are read (other processes keep using them): the result is
 // a snapshot that may mix two moments, but it is never out of bounds.
 //
@@ -143,6 +144,10 @@ struct SLOT_EXPORT HeaderImage {
     std::int32_t outputHandle = 0;
     // The allocation that "output_buffer_handle" names; size is its usable capacity.
     Region outputBuffer;
+    // Allocations that no index entry starts and no handle names, each as its usable bytes: the
+    // output buffer of a builder that died before it stored the buffer's handle. Listed only when
+    // the allocator's blocks and both indexes are consistent.
+    std::vector<Region> strayAllocations;
 
     // True when the header mutex and all four named objects were found where they belong.
     bool Complete() const;

@@ -3,6 +3,7 @@
 // freeze the other processes nor make them lose accepted blocks. Every step that could hang runs
 // in a child under a watchdog, so a hang fails the test instead of blocking the run.
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 #include "ShmObject.h"
@@ -21,9 +22,11 @@
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +35,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -417,6 +421,104 @@ TEST(UnfinishedCreation, CreatorKilledAtEachStepNeverHangsTheNextOpener) {
         ASSERT_TRUE(opener.exited) << opener.Describe();
         EXPECT_EQ(point.second ? 0 : 1, opener.exitCode);
     }
+}
+
+// The first opener makes "output_buffer_handle", then allocates the buffer and stores its handle
+// there. Killed in between, it leaves a header whose handle names nothing; the next opener
+// finishes that step (with the buffer already allocated, if any), so that every later opener and
+// every read works as on a slot built whole, and no memory of the segment is lost.
+TEST(UnfinishedCreation, FirstOpenerKilledBeforeStoringTheBufferHandleLeavesAWholeSlot) {
+    if (!shared::ArmCrashPoint("")) {
+        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
+    }
+    std::uint64_t wholeFreeBytes = 0;
+    {
+        ScopedSlotName reference;
+        DiscardingSlot slot(open_or_create, reference.c_str(), kMaxSize);
+        wholeFreeBytes = RawObject(reference, false).Image().freeBytes;
+    }
+    for (const char* point : {"handle-constructed", "buffer-allocated"}) {
+        SCOPED_TRACE(point);
+        ScopedSlotName name;
+        ChildProcess creator([&] {
+            shared::ArmCrashPoint(point);
+            DiscardingSlot slot(open_or_create, name.c_str(), kMaxSize);
+            return 3;
+        });
+        const ChildResult killed = creator.Wait(seconds(30));
+        ASSERT_EQ(9, killed.signal) << killed.Describe();
+        const ChildResult openers = RunInChild([&] {
+            LogCapture log("Slot");
+            // Each opener passes a block, and a read of the empty slot hands out its copy.
+            auto passBlocks = [&name](const std::string& block) {
+                DiscardingSlot slot(open_or_create, name.c_str(), kMaxSize);
+                shared::ILockable& lock = *slot.GetLockable();
+                char buffer[kMaxSize];
+                lock.lock();
+                slot.WriteData(block.data(), block.size());
+                const size_t first = slot.ReadData(buffer, sizeof(buffer));
+                const std::string got(buffer, first);
+                const size_t again = slot.ReadData(buffer, sizeof(buffer));
+                const std::string copy(buffer, again);
+                lock.unlock();
+                return got == block && copy == block;
+            };
+            if (!passBlocks(Block(0)) || !passBlocks(Block(1))) {
+                return Failed(11, "a block or its copy did not pass");
+            }
+            const std::vector<std::string> errors = log.Messages("ERROR");
+            const std::string repaired = "Slot '" + name.str() + "' was locked by thread ";
+            if (errors.size() != 1 || errors[0].compare(0, repaired.size(), repaired) != 0) {
+                return Failed(12, "ERROR lines other than the dead holder's repair: " +
+                                      std::to_string(errors.size()));
+            }
+            const std::string finished = "Slot '" + name.str() +
+                                         "' : the process that built its header died before it "
+                                         "stored the output buffer's handle; stored now";
+            if (log.Messages("WARN") != std::vector<std::string>{finished}) {
+                return Failed(13, "not exactly the WARN line '" + finished + "'");
+            }
+            return 0;
+        });
+        EXPECT_TRUE(openers.Ok()) << openers.Describe();
+        const SlotImage::HeaderImage image = RawObject(name, false).Image();
+        EXPECT_EQ(SlotImage::Verdict::Valid, image.verdict) << image.problem;
+        EXPECT_TRUE(image.strayAllocations.empty());
+        EXPECT_EQ(wholeFreeBytes, image.freeBytes);
+    }
+}
+
+// A queue removed and created again while it is being opened: the slot's checking view of the
+// queue and Boost's queue must be the same object, or counts, checks and repairs would concern
+// another queue than the blocks. The opener stops after its view mapped the queue, before Boost
+// opens it.
+TEST(UnfinishedCreation, AQueueCreatedAgainWhileItIsOpenedIsOpenedAgain) {
+    if (!shared::ArmCrashPoint("")) {
+        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
+    }
+    ScopedSlotName name;
+    // The first queue holds a block, so that a mix-up of the two shows.
+    {
+        ReliableSlot first(open_or_create, name.c_str(), kMaxSize, kCapacity);
+        Write(first, "stale");
+    }
+    ChildProcess opener([&] {
+        shared::ArmCrashPoint("queue-checker-opened");
+        ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
+        return ExpectBlocks(slot, 1);
+    });
+    int status = 0;
+    ASSERT_TRUE(testsupport::Eventually(
+        [&] { return ::waitpid(opener.Pid(), &status, WNOHANG | WUNTRACED) == opener.Pid(); }));
+    ASSERT_TRUE(WIFSTOPPED(status)) << "the opener ended instead of stopping";
+    SlotFactory::RemoveSlot(name.str());
+    {
+        ReliableSlot again(open_or_create, name.c_str(), kMaxSize, kCapacity);
+        Write(again, Block(0));
+    }
+    ::kill(opener.Pid(), SIGCONT);
+    const ChildResult result = opener.Wait(seconds(30));
+    EXPECT_TRUE(result.Ok()) << result.Describe();
 }
 
 // A process killed inside the segment's index (or its allocator) may leave it half changed: the
