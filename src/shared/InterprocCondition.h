@@ -83,14 +83,18 @@ private:
             try {
                 woken = sleep(seen);
             } catch (...) {
+                Leave();
                 // The caller's lock owns the mutex again as the exception leaves.
                 mutex.lock();
-                Leave();
                 throw;
             }
+            // No longer a waiter, also when re-taking the mutex throws (a damaged lock, or one
+            // given up on): then the mutex is not held, which the caller's lock must know.
+            Leave();
             mutex.lock();
+        } else {
+            Leave();
         }
-        Leave();
         if (lastSeen != nullptr) {
             *lastSeen = __atomic_load_n(&sequence, __ATOMIC_SEQ_CST);
         }

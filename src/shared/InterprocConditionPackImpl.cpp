@@ -5,7 +5,6 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/sync/interprocess_mutex.hpp>
-#include <boost/interprocess/sync/scoped_lock.hpp>
 #include <boost/thread/thread.hpp>
 
 #include <time.h>
@@ -17,18 +16,35 @@ namespace shared {
 
 namespace {
 
-// The pack's mutex as the lock of the wait: robust locking with the pack's repair.
+// The pack's mutex as the lock of the wait: robust locking with the pack's repair. Held from a
+// lock() that returns to the next unlock() or to its end. A lock() that throws (a damaged lock,
+// or one given up on after the wait) leaves it not held, so its end unlocks nothing: the
+// mutex may be another thread's by then.
 class RecoveringMutex {
 public:
     RecoveringMutex(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const LockWatch& watch)
         : mutex_(mutex), repair_(repair), watch_(watch) {}
-    void lock() { LockRecovering(mutex_, repair_, &watch_); }
-    void unlock() { UnlockRobust(mutex_, &watch_); }
+    ~RecoveringMutex() {
+        if (held_) {
+            unlock();
+        }
+    }
+    RecoveringMutex(const RecoveringMutex&) = delete;
+    RecoveringMutex& operator=(const RecoveringMutex&) = delete;
+    void lock() {
+        LockRecovering(mutex_, repair_, &watch_);
+        held_ = true;
+    }
+    void unlock() {
+        held_ = false;
+        UnlockRobust(mutex_, &watch_);
+    }
 
 private:
     pthread_mutex_t* mutex_;
     const OwnerDeadRepair& repair_;
     const LockWatch& watch_;
+    bool held_ = false;
 };
 
 std::int64_t MonotonicNs() {
@@ -68,7 +84,7 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
     RecoveringMutex mutex(NativeMutex(mutex_), repair_, watch_);
     // One level test for the wait's TRACE lines: the second would come right after a wake-up.
     const bool trace = logger_->isTraceEnabled();
-    boost::interprocess::scoped_lock<RecoveringMutex> lock(mutex);
+    mutex.lock();
     if (trace) {
         LOG4CXX_TRACE(logger_, "Wait() : acquired mutex");
     }

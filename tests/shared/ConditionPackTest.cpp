@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 
 namespace {
 
@@ -170,6 +171,38 @@ TEST(ConditionPack, InterruptedWaiterStaysUntilNotifiedThenLeavesWithMutexUnlock
     });
     EXPECT_TRUE(other.Ok()) << other.Describe();
     EXPECT_TRUE(c.lockable.try_lock());
+    c.lockable.unlock();
+}
+
+// A wait whose re-lock fails (here: the lock damaged meanwhile) leaves without the mutex: it
+// unlocks nothing and writes nothing into the lock it does not hold, and it is no waiter any
+// more.
+TEST(ConditionPack, AWaitWhoseRelockFailsLeavesTheLockAsItFoundIt) {
+    ScopedSlotName name("cond");
+    SharedCondition c(name);
+    pthread_mutex_t* native = shared::NativeMutex(c.mutex);
+    const int kind = __atomic_load_n(&native->__data.__kind, __ATOMIC_RELAXED);
+    shared::LockWatch watch;
+    watch.kind = kind;
+    c.pack->SetLockWatch(watch);
+    std::string thrown;
+    boost::thread waiter([&] {
+        try {
+            c.pack->Wait(pt::seconds(20));
+        } catch (const std::exception& e) {
+            thrown = e.what();
+        }
+    });
+    ASSERT_TRUE(WaitForWaiters(c, 1));
+    const int damaged = kind ^ 0x40;
+    __atomic_store_n(&native->__data.__kind, damaged, __ATOMIC_RELAXED);
+    c.pack->Notify();
+    ASSERT_TRUE(waiter.try_join_for(boost::chrono::seconds(10)));
+    EXPECT_EQ("the lock is not a robust lock (kind " + std::to_string(damaged) + ")", thrown);
+    EXPECT_EQ(damaged, __atomic_load_n(&native->__data.__kind, __ATOMIC_RELAXED));
+    EXPECT_EQ(0u, Load(c.cond->waiters));
+    __atomic_store_n(&native->__data.__kind, kind, __ATOMIC_RELAXED);
+    EXPECT_TRUE(c.lockable.try_lock()) << "the mutex was left unlocked";
     c.lockable.unlock();
 }
 
