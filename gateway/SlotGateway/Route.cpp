@@ -395,22 +395,32 @@ void RouteRunner::ReceiveLoop() {
             if (n <= 0) {
                 break;
             }
-            if (info[0].valid_data) {
-                const auto* block = static_cast<const SlotGatewayWire_Block*>(samples[0]);
-                std::uint64_t& last =
-                    serials.LastOf(reader_, info[0].publication_handle, block->gateway);
-                if (block->serial <= last) {
-                    ++counters_.duplicates;
-                    Acknowledge(block->gateway, block->serial);
-                } else if (Deliver(block->data._buffer, block->data._length, block->serial)) {
-                    last = block->serial;
-                    Acknowledge(block->gateway, block->serial);
-                } else {
-                    dds_return_loan(reader_, samples, n);
-                    return;  // stopping with a full slot: later blocks stay unstored too
+            bool delivered = true;
+            try {
+                if (info[0].valid_data) {
+                    const auto* block = static_cast<const SlotGatewayWire_Block*>(samples[0]);
+                    std::uint64_t& last =
+                        serials.LastOf(reader_, info[0].publication_handle, block->gateway);
+                    if (block->serial <= last) {
+                        ++counters_.duplicates;
+                        Acknowledge(block->gateway, block->serial);
+                    } else if (Deliver(block->data._buffer, block->data._length, block->serial)) {
+                        last = block->serial;
+                        Acknowledge(block->gateway, block->serial);
+                    } else {
+                        delivered = false;
+                    }
                 }
+            } catch (const std::exception& e) {
+                // Not acknowledged: a reliable block's sender sends it again. The other routes
+                // and this one's later blocks go on.
+                LOG4CXX_ERROR(Logger(), "Receiving slot '" << route_.name << "': " << e.what());
+                stop_.WaitFor(std::chrono::milliseconds(200));
             }
             dds_return_loan(reader_, samples, n);
+            if (!delivered) {
+                return;  // stopping with a full slot: later blocks stay unstored too
+            }
         }
         if (stopping) {
             return;
@@ -429,6 +439,7 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
     std::chrono::milliseconds backoff(1);
     Clock::time_point deadline = Clock::time_point::max();
     const bool both = route_.direction == Direction::Both;
+    bool threw = false;  // the last attempt's write threw
     for (unsigned attempt = 0;; ++attempt) {
         std::uint64_t serialBefore = 0;
         if (both) {
@@ -436,8 +447,21 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
             serialBefore = stateSerial_;
         }
         const std::uint64_t echo = both ? echoes_.Remember(data, size) : 0;
-        slotWriter_->onNotify(route_.name, data, size);
-        const Slot::WriteOutcome outcome = Slot::LastWriteOutcome();
+        Slot::WriteOutcome outcome = Slot::WriteOutcome::Failed;
+        try {
+            slotWriter_->onNotify(route_.name, data, size);
+            outcome = Slot::LastWriteOutcome();
+            threw = false;
+        } catch (const std::exception& e) {
+            // Taking the slot's lock throws when the lock is damaged or its holder cannot be
+            // waited for: the block is not stored (nor acknowledged) and is tried again, as when
+            // the slot refuses it.
+            if (!threw) {
+                LOG4CXX_ERROR(Logger(), "Slot '" << route_.name << "' could not store block "
+                                                 << sequence << ": " << e.what() << " (retrying)");
+            }
+            threw = true;
+        }
         const bool stored =
             outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded;
         if (both) {
@@ -461,7 +485,7 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
             ++counters_.refused;
             return true;
         }
-        if (attempt == 0) {
+        if (attempt == 0 && !threw) {
             ++counters_.refused;
             LOG4CXX_WARN(Logger(), "Slot '" << route_.name << "' refused block " << sequence << " ("
                                             << Slot::ToString(outcome) << "), retrying");
@@ -474,17 +498,26 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
             if (!route_.reliable()) {
                 ++counters_.dropped;
                 LOG4CXX_ERROR(Logger(), "State " << sequence << " for '" << route_.name
-                                                 << "' dropped: the slot refused it while "
-                                                    "the gateway stopped");
+                                                 << "' dropped: the slot "
+                                                 << (threw ? "failed" : "refused it")
+                                                 << " while the gateway stopped");
                 return true;
             }
             LOG4CXX_WARN(Logger(), "Block " << sequence << " for '" << route_.name
-                                            << "' not stored: the slot stayed full while the "
-                                               "gateway stopped; its sender keeps it");
+                                            << "' not stored: the slot "
+                                            << (threw ? "failed" : "stayed full")
+                                            << " while the gateway stopped; its sender keeps it");
             return false;
         }
-        std::this_thread::sleep_for(backoff);
-        backoff = std::min(backoff * 2, std::chrono::milliseconds(100));
+        // A slot that failed is tried less often: each attempt may wait for its lock.
+        const std::chrono::milliseconds cap(threw ? 1000 : 100);
+        const std::chrono::milliseconds pause = std::min(backoff, cap);
+        if (stop_.set) {
+            std::this_thread::sleep_for(std::min(pause, std::chrono::milliseconds(100)));
+        } else {
+            stop_.WaitFor(pause);
+        }
+        backoff = std::min(backoff * 2, cap);
     }
 }
 

@@ -17,6 +17,7 @@
 #include <Eventually.h>
 #include <LogCapture.h>
 #include <ShmHygiene.h>
+#include <ShmObject.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotWriter.h>
@@ -33,6 +34,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -890,4 +892,79 @@ TEST(Gateway, StopTakesTheGraceOnceForAllRoutes) {
     for (const RouteStatus& route : sending.Status()) {
         EXPECT_EQ(route.counters.forwarded, 0u) << route.route.name;
     }
+}
+
+namespace {
+
+// Overwrites the shared-memory object `name` (a slot's header) with 0xFF, as a stray writer
+// would, and puts the bytes back on Restore or destruction.
+class DamagedObject {
+public:
+    explicit DamagedObject(const std::string& name) : mapped_(name, true) {
+        if (mapped_.bytes != nullptr) {
+            saved_.assign(mapped_.bytes, mapped_.bytes + mapped_.size);
+            std::memset(mapped_.bytes, 0xFF, mapped_.size);
+        }
+    }
+    ~DamagedObject() { Restore(); }
+    DamagedObject(const DamagedObject&) = delete;
+    DamagedObject& operator=(const DamagedObject&) = delete;
+
+    bool damaged() const { return !saved_.empty(); }
+    void Restore() {
+        if (!saved_.empty()) {
+            std::memcpy(mapped_.bytes, saved_.data(), saved_.size());
+            saved_.clear();
+        }
+    }
+
+private:
+    testsupport::MappedObject mapped_;
+    Bytes saved_;
+};
+
+// Whether the child `pid` has not ended; an ended one is left to its owner to reap.
+bool Alive(pid_t pid) {
+    siginfo_t info{};
+    return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == 0;
+}
+
+}  // namespace
+
+// A receiving gateway whose slot's lock fails (its header overwritten) keeps running: the block
+// is not stored nor acknowledged, so its sender keeps it, and it is stored once the slot is
+// whole again, followed by the next one.
+TEST(GatewayDamage, ReceiverOfADamagedSlotRetriesTheBlock) {
+    testsupport::ScopedSlotName source("gw_dmg_src"), destination("gw_dmg_dst");
+    const Link link = MakeLink(source, destination, "reliable", 64, 4, 4);
+    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    boost::shared_ptr<ISlot> sourceSlot = SlotFactory::CreateSlot(&sourceCfg);
+    SlotFactory::CreateSlot(&destinationCfg);
+    GatewayProcess receiving({link.in}, 2000);
+    ASSERT_GT(receiving.pid(), 0);
+    Gateway sending(OneRoute(link.out));
+    ASSERT_TRUE(Eventually([&] { return MatchedAndSending(sending); }, std::chrono::seconds(30)))
+        << sending.StatusJson();
+
+    DamagedObject damage(destination);
+    ASSERT_TRUE(damage.damaged());
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    WriteHeld(writer, source, NumberedBlock(0, 64));
+    // Taken and published; the receiver fails to store it, again and again.
+    ASSERT_TRUE(Eventually([&] { return sourceSlot->GetBufferLength() == 0; },
+                           std::chrono::seconds(20)));
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    ASSERT_TRUE(Alive(receiving.pid())) << "the receiving gateway died";
+    EXPECT_EQ(sending.Status()[0].counters.forwarded, 0u) << sending.StatusJson();
+
+    damage.Restore();
+    boost::shared_ptr<Collector> collector(new Collector);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
+    WriteHeld(writer, source, NumberedBlock(1, 64));
+    ExpectNumbered(*collector, 2, 64);
+    EXPECT_TRUE(Eventually([&] { return sending.Status()[0].counters.forwarded == 2; },
+                           std::chrono::seconds(20)))
+        << sending.StatusJson();
+    EXPECT_TRUE(Alive(receiving.pid()));
 }
