@@ -6,17 +6,32 @@
 
 #include <SlotGateway/Wire.h>
 
+#include <Slot/BoostInterprocess/DiscardingSlotReader.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
+#include <shared/ISyncEvent.h>
 
 #include <log4cxx/logger.h>
+#include <boost/thread/thread.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <map>
 
 namespace SlotGateway {
+
+namespace {
+
+// A discarding slot's reader that ended is started again after kFirstRestart; one that ends
+// again within kRestartSettled of its start waits twice as long as the previous one, up to
+// kLastRestart.
+constexpr std::chrono::milliseconds kFirstRestart(1000);
+constexpr std::chrono::milliseconds kLastRestart(30000);
+constexpr std::chrono::seconds kRestartSettled(60);
+
+}  // namespace
 
 std::uint64_t EchoMemory::Remember(const void* data, std::size_t size) {
     std::lock_guard<std::mutex> guard(mutex_);
@@ -72,15 +87,81 @@ void EchoMemory::Expire() {
     }
 }
 
+// The reader of a discarding sending route's slot. Unlike the factory's reader it starts
+// without pausing one update time (routes start one after the other on the control thread),
+// ends at once when asked (its wait for the slot is woken), tells when its thread has ended
+// (it ends for good when the slot's lock fails), and tells its subscriber the slot's write time
+// of the block being delivered.
+class RouteSlotReader : public DiscardingSlotReader {
+public:
+    RouteSlotReader(const boost::shared_ptr<ISlot>& slot,
+                    const boost::posix_time::time_duration& updateTime)
+        : DiscardingSlotReader(slot, updateTime) {}
+    ~RouteSlotReader() override {
+        if (!Inherited()) {  // in a forked child the thread is the parent's
+            AskToStop();
+            Join();
+        }
+    }
+
+    // `subscriber` gets every block; kept until the reader is destroyed. Call once.
+    void Start(const ISubscriberPtr& subscriber) {
+        subscriber_ = subscriber;
+        subscribe(subscriber_.get());
+        startHandler_.RunAndWaitForHandler([this] {
+            thread_ = boost::thread([this] {
+                (*this)();
+                ended_ = true;
+            });
+        });
+    }
+    // The thread ends at its next step; its wait for the slot is woken so that the step comes
+    // now. (A wake-up that comes before the wait makes the wait return at once.)
+    void AskToStop() {
+        if (!thread_.joinable()) {
+            return;
+        }
+        thread_.interrupt();
+        try {
+            slot_->GetOnWriteCondition()->Notify();
+        } catch (const std::exception&) {
+            // A damaged slot: its waits fail too, or end within the update time.
+        }
+    }
+    void Join() {
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+    bool Ended() const { return ended_; }
+    // Inside the subscriber: the slot's write time of the block being delivered.
+    const boost::posix_time::ptime& BlockWritten() const { return written_; }
+
+    bool DataInSlotIsActual() override {
+        const bool actual = DiscardingSlotReader::DataInSlotIsActual();
+        if (actual) {
+            written_ = slot_->GetLastWriteTime();
+        }
+        return actual;
+    }
+
+private:
+    ISubscriberPtr subscriber_;
+    std::atomic<bool> ended_{false};
+    boost::posix_time::ptime written_;  // reader thread only
+};
+
 class RouteRunner::Sender : public shared::ISubscriber {
 public:
-    explicit Sender(RouteRunner* runner) : runner_(runner) {}
+    // `reader`: the slot's reader that calls this one; null for a pool's.
+    Sender(RouteRunner* runner, const RouteSlotReader* reader) : runner_(runner), reader_(reader) {}
     void onNotify(const std::string&, const void* data, size_t size) override {
-        runner_->Send(data, size);
+        runner_->Send(data, size, reader_ ? reader_->BlockWritten() : boost::posix_time::ptime());
     }
 
 private:
     RouteRunner* runner_;
+    const RouteSlotReader* reader_;
 };
 
 RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity_t publisher,
@@ -187,27 +268,49 @@ void RouteRunner::MaybeStartSending() {
     if (stop_.set) {
         return;
     }
+    const Clock::time_point now = Clock::now();
+    std::unique_ptr<RouteSlotReader> ended;
     {
         std::lock_guard<std::mutex> guard(slotReaderMutex_);
-        if (slotReader_) {
+        if (poolReader_ || (slotReader_ && !slotReader_->Ended())) {
             return;
         }
+        ended.swap(slotReader_);
     }
-    INotifierPtr reader;
+    if (ended) {
+        // The library's reader ends for good when the slot's lock fails (it said why). A reader
+        // that ran a while starts again soon; one that keeps failing, less and less often.
+        ended.reset();
+        restartDelay_ = restartDelay_.count() == 0 || now - readerStarted_ > kRestartSettled
+                            ? kFirstRestart
+                            : std::min(restartDelay_ * 2, kLastRestart);
+        restartAt_ = now + restartDelay_;
+        LOG4CXX_ERROR(Logger(), "Reading slot '" << route_.name << "' ended; read again in "
+                                                 << restartDelay_.count() << " ms");
+    }
+    if (now < restartAt_) {
+        return;
+    }
     const char* what = route_.isPool() ? "pool" : "slot";
     try {
         if (route_.isPool()) {
             // Its subscriber gets the block where it lies in the pool.
-            reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(route_),
-                                                         ISubscriberPtr(new Sender(this)));
+            INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(
+                RoutePoolCfg(route_), ISubscriberPtr(new Sender(this, nullptr)));
+            std::lock_guard<std::mutex> guard(slotReaderMutex_);
+            poolReader_ = reader;
         } else {
-            if (!stateSlot_) {
-                stateSlot_ = SlotFactory::CreateSlot(&cfg_);
+            std::unique_ptr<RouteSlotReader> reader(
+                new RouteSlotReader(SlotFactory::CreateSlot(&cfg_), cfg_.GetUpdateTime()));
+            if (stop_.set) {
+                return;
             }
-            reader = SlotFactory::CreateSlotReader(&cfg_, ISubscriberPtr(new Sender(this)));
+            reader->Start(ISubscriberPtr(new Sender(this, reader.get())));
+            readerStarted_ = now;
+            std::lock_guard<std::mutex> guard(slotReaderMutex_);
+            slotReader_.swap(reader);
         }
     } catch (const std::exception& e) {
-        const Clock::time_point now = Clock::now();
         if (now - lastStartError_ > std::chrono::seconds(30)) {
             lastStartError_ = now;
             LOG4CXX_ERROR(Logger(), "Cannot read " << what << " '" << route_.name
@@ -220,20 +323,28 @@ void RouteRunner::MaybeStartSending() {
                                    << route_.name << "' is sent to topic '" << route_.topic
                                    << "' (domain " << route_.domain << ")");
     }
+}
+
+void RouteRunner::AskToStopSending() {
     std::lock_guard<std::mutex> guard(slotReaderMutex_);
-    slotReader_ = reader;
+    if (slotReader_) {
+        slotReader_->AskToStop();
+    }
 }
 
 void RouteRunner::StopSending() {
     if (sender_) {
         sender_->Stop();
     }
-    INotifierPtr reader;
+    INotifierPtr poolReader;
+    std::unique_ptr<RouteSlotReader> slotReader;
     {
         std::lock_guard<std::mutex> guard(slotReaderMutex_);
-        reader.swap(slotReader_);
+        poolReader.swap(poolReader_);
+        slotReader.swap(slotReader_);
     }
-    reader.reset();  // joins the reader's thread
+    poolReader.reset();  // joins the reader's thread
+    slotReader.reset();  // asks it to stop, if not asked yet, and joins it
 }
 
 void RouteRunner::StopReceiving() {
@@ -255,7 +366,7 @@ RouteStatus RouteRunner::Status() const {
         status.sending = sender_->Sending();
     } else {
         std::lock_guard<std::mutex> guard(slotReaderMutex_);
-        status.sending = static_cast<bool>(slotReader_);
+        status.sending = static_cast<bool>(poolReader_) || (slotReader_ && !slotReader_->Ended());
     }
     if (reader_ > 0) {
         dds_subscription_matched_status_t matched;
@@ -273,11 +384,13 @@ std::uint32_t RouteRunner::MatchedReaders() const {
     return PublicationMatches(writer_).current;
 }
 
-void RouteRunner::Send(const void* data, std::size_t size) {
+void RouteRunner::Send(const void* data, std::size_t size,
+                       const boost::posix_time::ptime& written) {
     // Opening a slot forgets its last block and write time, which the reader takes for a
     // change and passes on as 0 bytes; an empty state written has a write time.
     // A pool reader delivers published blocks only.
-    if (size == 0 && stateSlot_ && stateSlot_->GetLastWriteTime().is_not_a_date_time()) {
+    const bool slot = !route_.isPool();
+    if (slot && size == 0 && written.is_not_a_date_time()) {
         return;
     }
     // The reader hands blocks on in the slot's order, each read after the previous call

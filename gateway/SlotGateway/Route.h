@@ -9,6 +9,7 @@
 #include <Slot/ISlot.h>
 
 #include <dds/dds.h>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <chrono>
 #include <cstdint>
@@ -22,6 +23,7 @@ namespace SlotGateway {
 
 class Acknowledger;
 class ReliableSender;
+class RouteSlotReader;
 class SlotClaim;
 
 // Blocks this gateway wrote into a "both" slot, so that its own reader of that slot does not
@@ -82,8 +84,13 @@ public:
     // a state lost on the way still arrives.
     void RepeatStateForNewReaders();
 
-    // Starts the slot reader of a discarding sending route.
+    // Starts the slot reader of a discarding sending route; one whose thread ended (the slot's
+    // lock failed) is dropped and started again after a back-off.
     void MaybeStartSending();
+
+    // Once the stop flag is raised: tells a discarding slot's reader to end now, without waiting
+    // out its wait for the slot. Lets StopSending of every route join at once.
+    void AskToStopSending();
 
     // Ends the sending side; a reliable block in hand is delivered within the grace first.
     void StopSending();
@@ -101,8 +108,9 @@ private:
 
     std::uint32_t MatchedReaders() const;
 
-    // The state a discarding slot's reader passes on (0 bytes: an empty state) is published.
-    void Send(const void* data, std::size_t size);
+    // The state a discarding slot's or pool's reader passes on (0 bytes: an empty state) is
+    // published. `written`: a slot's write time of the block; not_a_date_time for a pool's.
+    void Send(const void* data, std::size_t size, const boost::posix_time::ptime& written);
 
     // A "both" route stored a received state, newer than any this gateway published: the older
     // one is no longer repeated nor kept for late-joining readers.
@@ -140,11 +148,14 @@ private:
     std::thread receiver_;
 
     mutable std::mutex slotReaderMutex_;
-    INotifierPtr slotReader_;                // guarded by slotReaderMutex_
-    Clock::time_point lastStartError_;       // control thread only
-    std::uint32_t seenMatches_ = 0;          // control thread only
-    std::deque<Clock::time_point> repeats_;  // control thread only
-    boost::shared_ptr<ISlot> stateSlot_;     // set by the control thread before the reader runs
+    INotifierPtr poolReader_;                      // guarded by slotReaderMutex_
+    std::unique_ptr<RouteSlotReader> slotReader_;  // guarded by slotReaderMutex_
+    Clock::time_point lastStartError_;             // control thread only
+    Clock::time_point readerStarted_;              // control thread only: slotReader_'s start
+    Clock::time_point restartAt_;                  // control thread only: no reader before it
+    std::chrono::milliseconds restartDelay_{0};    // control thread only: after the next ending
+    std::uint32_t seenMatches_ = 0;                // control thread only
+    std::deque<Clock::time_point> repeats_;        // control thread only
     std::mutex stateMutex_;
     std::vector<std::uint8_t> state_;  // last discarding block sent; guarded by stateMutex_
     std::uint64_t stateSerial_ = 0;    // guarded by stateMutex_

@@ -968,3 +968,78 @@ TEST(GatewayDamage, ReceiverOfADamagedSlotRetriesTheBlock) {
         << sending.StatusJson();
     EXPECT_TRUE(Alive(receiving.pid()));
 }
+
+// A discarding slot's reader ends for good when the slot's lock fails: the status says the
+// route no longer sends, and the gateway reads the slot again once it is whole.
+TEST(GatewayDamage, SenderOfADamagedSlotReadsItAgain) {
+    testsupport::ScopedSlotName source("gw_dmg_state"), destination("gw_dmg_state_copy");
+    const Link link = MakeLink(source, destination, "discarding", 64, 1, 1);
+    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
+    SlotFactory::CreateSlot(&sourceCfg);
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
+    ASSERT_TRUE(Eventually([&] { return MatchedAndSending(sending); }, std::chrono::seconds(30)))
+        << sending.StatusJson();
+    {
+        DamagedObject damage(source);
+        ASSERT_TRUE(damage.damaged());
+        ASSERT_TRUE(
+            Eventually([&] { return !sending.Status()[0].sending; }, std::chrono::seconds(20)))
+            << "still said to send";
+    }
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, std::chrono::seconds(60)))
+        << "not read again";
+    boost::shared_ptr<ISlot> copy = SlotFactory::CreateSlot(&destinationCfg);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
+    const std::string state = "after the repair";
+    std::string seen;
+    // Written again now and then: a state older than the update time is not passed on.
+    ASSERT_TRUE(Eventually(
+        [&] {
+            writer->onNotify(source, state.data(), state.size());
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            char buffer[64];
+            seen.assign(buffer, copy->ReadData(buffer, sizeof buffer));
+            return seen == state;
+        },
+        std::chrono::seconds(20)))
+        << "last seen: '" << seen << "'";
+}
+
+// Discarding routes with a long update time start together, not one update time after the
+// other, and a stop ends their readers at once instead of waiting out their wait for the slot.
+TEST(Gateway, SlowDiscardingRoutesStartTogetherAndStopAtOnce) {
+    constexpr int kRoutes = 3;
+    std::vector<std::unique_ptr<testsupport::ScopedSlotName>> slots;
+    const std::string partition = testsupport::UniqueName("part");
+    Config config;
+    config.source = "test";
+    config.gatewayName = "slow";
+    config.stopGraceMs = 1000;
+    for (int n = 0; n < kRoutes; ++n) {
+        slots.emplace_back(new testsupport::ScopedSlotName("gw_slow"));
+        Route route = MakeRoute(*slots.back(), "discarding", Direction::ToNetwork, partition,
+                                "slow_" + std::to_string(n), 64, 1);
+        route.updateTimeMs = 8000;
+        config.routes.push_back(route);
+    }
+    Gateway gateway(config);
+    // One after the other, each pausing one update time, they took 24 s.
+    EXPECT_TRUE(Eventually(
+        [&] {
+            for (const RouteStatus& route : gateway.Status()) {
+                if (!route.sending) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        std::chrono::seconds(12)))
+        << gateway.StatusJson();
+    const auto start = std::chrono::steady_clock::now();
+    gateway.Stop();
+    const auto took = std::chrono::steady_clock::now() - start;
+    // Each reader's wait took up to its update time (8 s) to end.
+    EXPECT_LT(took, std::chrono::seconds(6))
+        << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms";
+}
