@@ -11,6 +11,7 @@
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
 #include <shared/ISyncEvent.h>
+#include <shared/UtcClock.h>
 
 #include <log4cxx/logger.h>
 #include <boost/thread/thread.hpp>
@@ -38,7 +39,7 @@ std::uint64_t EchoMemory::Remember(const void* data, std::size_t size) {
     Expire();
     const auto* bytes = static_cast<const std::uint8_t*>(data);
     const std::uint64_t id = ++nextId_;
-    entries_.push_back({id, Clock::now(), Clock::time_point::max(),
+    entries_.push_back({id, Clock::now(), Clock::time_point::max(), boost::posix_time::ptime(),
                         std::vector<std::uint8_t>(bytes, bytes + size)});
     if (entries_.size() > kMaxEntries) {
         entries_.pop_front();
@@ -52,12 +53,27 @@ void EchoMemory::Written(std::uint64_t id, bool stored) {
         if (it->id == id) {
             if (stored) {
                 it->done = Clock::now();
+                it->doneUtc = shared::UtcNow();
             } else {
                 entries_.erase(it);
             }
             return;
         }
     }
+}
+
+void EchoMemory::ForgetWrittenBefore(const boost::posix_time::ptime& written) {
+    if (written.is_special()) {
+        return;
+    }
+    std::lock_guard<std::mutex> guard(mutex_);
+    // An entry whose write returned before the block was written lies under it in the slot.
+    // One still being written (or finished at the same tick) may be newer: it is kept.
+    entries_.erase(std::remove_if(entries_.begin(), entries_.end(),
+                                  [&](const Entry& entry) {
+                                      return !entry.doneUtc.is_special() && entry.doneUtc < written;
+                                  }),
+                   entries_.end());
 }
 
 void EchoMemory::ForgetWrittenBefore(Clock::time_point before) {
@@ -404,7 +420,11 @@ void RouteRunner::Send(const void* data, std::size_t size,
             ForgetOwnState();
             return;
         }
-        echoes_.ForgetWrittenBefore(previous);
+        if (slot) {
+            echoes_.ForgetWrittenBefore(written);
+        } else {
+            echoes_.ForgetWrittenBefore(previous);
+        }
     }
     std::lock_guard<std::mutex> guard(stateMutex_);
     const auto* bytes = static_cast<const std::uint8_t*>(data);

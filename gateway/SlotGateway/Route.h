@@ -30,7 +30,7 @@ class SlotClaim;
 // send them back. A discarding reader may skip states, so a match also forgets every older
 // entry; entries expire after a few update times. An entry is made before its write (the reader
 // may hand the block back before the write call returns) and forgotten when the slot did not
-// take the block, or when the reader handed back a newer block of another writer.
+// take the block, or when the reader handed back a block of another writer written after it.
 class EchoMemory {
 public:
     explicit EchoMemory(std::chrono::milliseconds lifetime) : lifetime_(lifetime) {}
@@ -41,8 +41,12 @@ public:
     void Written(std::uint64_t id, bool stored);
     // True when the block is one this gateway wrote.
     bool IsEcho(const void* data, std::size_t size);
-    // The reader handed back a block that is not an echo, read after `before`: the blocks
-    // written before that are older than it and never come back.
+    // A slot's reader handed back a block that is not an echo, written into the slot at
+    // `written` (the slot's write time): the blocks this gateway had written before that are
+    // older than it and never come back.
+    void ForgetWrittenBefore(const boost::posix_time::ptime& written);
+    // A pool's reader (no write time) handed back a block that is not an echo, read after
+    // `before`: the blocks written before that are older than it and never come back.
     void ForgetWrittenBefore(Clock::time_point before);
 
 private:
@@ -50,6 +54,7 @@ private:
         std::uint64_t id;
         Clock::time_point written;                          // when remembered; for the expiry
         Clock::time_point done = Clock::time_point::max();  // when the write returned
+        boost::posix_time::ptime doneUtc;  // the same on the slots' clock; not_a_date_time before
         std::vector<std::uint8_t> bytes;
     };
     static constexpr std::size_t kMaxEntries = 16;

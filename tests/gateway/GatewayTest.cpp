@@ -6,6 +6,7 @@
 
 #include <SlotGateway/Dds.h>
 #include <SlotGateway/Gateway.h>
+#include <SlotGateway/Route.h>
 #include <SlotGateway/SlotClaim.h>
 #include <SlotGateway/Status.h>
 
@@ -25,6 +26,7 @@
 
 #include <gtest/gtest.h>
 #include <shared/FileLock.h>
+#include <shared/UtcClock.h>
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
@@ -892,6 +894,34 @@ TEST(Gateway, StopTakesTheGraceOnceForAllRoutes) {
     for (const RouteStatus& route : sending.Status()) {
         EXPECT_EQ(route.counters.forwarded, 0u) << route.route.name;
     }
+}
+
+// A "both" route's memory of the states it wrote: a local state that comes back after the
+// peer's state was stored is not taken for an echo. B stores the peer's "ON", a local writer
+// overwrites it with "OFF" before B's reader looks: "OFF" is published, and "ON" written locally
+// later is a new state, published too, or the two sides would keep different states.
+TEST(EchoMemory, AStateWrittenOverIsForgotten) {
+    EchoMemory echoes(std::chrono::seconds(60));
+    const std::uint64_t on = echoes.Remember("ON", 2);
+    echoes.Written(on, true);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const boost::posix_time::ptime offWritten = shared::UtcNow();
+    EXPECT_FALSE(echoes.IsEcho("OFF", 3));
+    echoes.ForgetWrittenBefore(offWritten);
+    EXPECT_FALSE(echoes.IsEcho("ON", 2));
+
+    // What the gateway wrote after the block handed back, or still writes, may come back next.
+    const boost::posix_time::ptime localWritten = shared::UtcNow();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const std::uint64_t later = echoes.Remember("LATER", 5);
+    echoes.Written(later, true);
+    echoes.Remember("WRITING", 7);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const boost::posix_time::ptime lastWritten = shared::UtcNow();
+    echoes.ForgetWrittenBefore(localWritten);
+    EXPECT_TRUE(echoes.IsEcho("LATER", 5));
+    echoes.ForgetWrittenBefore(lastWritten);
+    EXPECT_TRUE(echoes.IsEcho("WRITING", 7));
 }
 
 namespace {
