@@ -1036,6 +1036,26 @@ TEST(GatewayDamage, SenderOfADamagedSlotReadsItAgain) {
         << "last seen: '" << seen << "'";
 }
 
+// A reliable slot's sender whose slot fails on every try says so once, not every 0.2 s.
+TEST(GatewayDamage, SenderOfADamagedReliableSlotLogsOnce) {
+    testsupport::ScopedSlotName source("gw_dmg_rel_src"), destination("gw_dmg_rel_dst");
+    const Link link = MakeLink(source, destination, "reliable", 64, 4, 4);
+    RouteSlotCfg sourceCfg(link.out);
+    SlotFactory::CreateSlot(&sourceCfg);
+    Gateway receiving(OneRoute(link.in));
+    Gateway sending(OneRoute(link.out));
+    ASSERT_TRUE(Eventually([&] { return MatchedAndSending(sending); }, std::chrono::seconds(30)))
+        << sending.StatusJson();
+    testsupport::LogCapture log("SlotGateway");
+    const std::string prefix = "Sending slot '" + std::string(source) + "': ";
+    DamagedObject damage(source);
+    ASSERT_TRUE(damage.damaged());
+    ASSERT_TRUE(Eventually([&] { return log.CountPrefix("ERROR", prefix) >= 1; },
+                           std::chrono::seconds(20)));
+    std::this_thread::sleep_for(std::chrono::seconds(2));  // ten tries and more
+    EXPECT_EQ(log.CountPrefix("ERROR", prefix), 1u);
+}
+
 // Discarding routes with a long update time start together, not one update time after the
 // other, and a stop ends their readers at once instead of waiting out their wait for the slot.
 TEST(Gateway, SlowDiscardingRoutesStartTogetherAndStopAtOnce) {
