@@ -21,6 +21,7 @@
 #include <ShmObject.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotSurvey.h>
 #include <Slot/SlotWriter.h>
 #include <Slot/WriteOutcome.h>
 
@@ -835,9 +836,15 @@ TEST(GatewayClaim, AKilledGatewaysClaimEndsWithIt) {
     GatewayProcess child({in}, 500);
     ASSERT_GT(child.pid(), 0);
     const std::string lockFile = SlotClaim::PathOf(slot);
-    ASSERT_TRUE(Eventually([&] { return shared::FileLock::Holder(lockFile) == child.pid(); },
-                           std::chrono::seconds(30)))
-        << "the gateway never claimed " << lockFile;
+    // Killed once it has started: a creator killed inside a slot's creation leaves an unfinished
+    // slot, which the library does not take over.
+    ASSERT_TRUE(Eventually(
+        [&] {
+            return shared::FileLock::Holder(lockFile) == child.pid() &&
+                   SlotSurvey::InspectSlot(slot).state == SlotState::Healthy;
+        },
+        std::chrono::seconds(30)))
+        << "the gateway never claimed " << lockFile << " and made its slot";
     EXPECT_THROW(Gateway(OneRoute(in)), std::runtime_error);
     child.Kill();
     Gateway successor(OneRoute(in));
@@ -879,6 +886,11 @@ TEST(Gateway, StopTakesTheGraceOnceForAllRoutes) {
         std::chrono::seconds(30)))
         << sending.StatusJson();
     ASSERT_EQ(::kill(receiving.pid(), SIGSTOP), 0);
+    // kill() returns before the receiver's threads have stopped: one that still ran could take
+    // and acknowledge a block. The stop is reported once all of them have.
+    int status = 0;
+    ASSERT_EQ(::waitpid(receiving.pid(), &status, WUNTRACED), receiving.pid());
+    ASSERT_TRUE(WIFSTOPPED(status));
     for (const Route& out : outs) {
         RouteSlotCfg cfg(out);
         SlotWriter(SlotFactory::CreateSlot(&cfg)).onNotify(out.name, "x", 1);
