@@ -965,16 +965,6 @@ private:
     Bytes saved_;
 };
 
-// A reader waiting on the slot's write condition when its header is overwritten fails to take
-// the lock back, and the wait's scoped lock then releases the lock it does not hold: harmless
-// (glibc refuses it), but ThreadSanitizer reports it. The tests that damage a slot this process
-// waits on are left to the other builds.
-#if defined(__SANITIZE_THREAD__)
-#define SKIP_UNDER_TSAN() GTEST_SKIP() << "ThreadSanitizer reports the release of a damaged lock"
-#else
-#define SKIP_UNDER_TSAN() static_cast<void>(0)
-#endif
-
 // Whether the child `pid` has not ended; an ended one is left to its owner to reap.
 bool Alive(pid_t pid) {
     siginfo_t info{};
@@ -1004,8 +994,8 @@ TEST(GatewayDamage, ReceiverOfADamagedSlotRetriesTheBlock) {
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
     WriteHeld(writer, source, NumberedBlock(0, 64));
     // Taken and published; the receiver fails to store it, again and again.
-    ASSERT_TRUE(
-        Eventually([&] { return sourceSlot->GetBufferLength() == 0; }, std::chrono::seconds(20)));
+    ASSERT_TRUE(Eventually([&] { return sourceSlot->GetBufferLength() == 0; },
+                           std::chrono::seconds(20)));
     std::this_thread::sleep_for(std::chrono::seconds(3));
     ASSERT_TRUE(Alive(receiving.pid())) << "the receiving gateway died";
     EXPECT_EQ(sending.Status()[0].counters.forwarded, 0u) << sending.StatusJson();
@@ -1024,7 +1014,6 @@ TEST(GatewayDamage, ReceiverOfADamagedSlotRetriesTheBlock) {
 // A discarding slot's reader ends for good when the slot's lock fails: the status says the
 // route no longer sends, and the gateway reads the slot again once it is whole.
 TEST(GatewayDamage, SenderOfADamagedSlotReadsItAgain) {
-    SKIP_UNDER_TSAN();
     testsupport::ScopedSlotName source("gw_dmg_state"), destination("gw_dmg_state_copy");
     const Link link = MakeLink(source, destination, "discarding", 64, 1, 1);
     RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
@@ -1061,7 +1050,6 @@ TEST(GatewayDamage, SenderOfADamagedSlotReadsItAgain) {
 
 // A reliable slot's sender whose slot fails on every try says so once, not every 0.2 s.
 TEST(GatewayDamage, SenderOfADamagedReliableSlotLogsOnce) {
-    SKIP_UNDER_TSAN();
     testsupport::ScopedSlotName source("gw_dmg_rel_src"), destination("gw_dmg_rel_dst");
     const Link link = MakeLink(source, destination, "reliable", 64, 4, 4);
     RouteSlotCfg sourceCfg(link.out);
