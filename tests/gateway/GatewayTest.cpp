@@ -994,8 +994,8 @@ TEST(GatewayDamage, ReceiverOfADamagedSlotRetriesTheBlock) {
     ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
     WriteHeld(writer, source, NumberedBlock(0, 64));
     // Taken and published; the receiver fails to store it, again and again.
-    ASSERT_TRUE(Eventually([&] { return sourceSlot->GetBufferLength() == 0; },
-                           std::chrono::seconds(20)));
+    ASSERT_TRUE(
+        Eventually([&] { return sourceSlot->GetBufferLength() == 0; }, std::chrono::seconds(20)));
     std::this_thread::sleep_for(std::chrono::seconds(3));
     ASSERT_TRUE(Alive(receiving.pid())) << "the receiving gateway died";
     EXPECT_EQ(sending.Status()[0].counters.forwarded, 0u) << sending.StatusJson();
