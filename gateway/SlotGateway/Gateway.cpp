@@ -111,7 +111,11 @@ void Gateway::Stop() {
         if (impl_->control.joinable()) {
             impl_->control.join();
         }
-        // Senders first: their blocks in hand may still go out; then the receivers drain.
+        // Senders first: their blocks in hand may still go out; then the receivers drain. Every
+        // slot reader is told first, so that none waits for another to end.
+        for (auto& route : impl_->routes) {
+            route->AskToStopSending();
+        }
         for (auto& route : impl_->routes) {
             route->StopSending();
         }

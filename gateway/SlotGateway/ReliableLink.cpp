@@ -101,8 +101,13 @@ void ReliableSender::Run() {
                 holding_ = false;
             }
         } catch (const std::exception& e) {
-            LOG4CXX_ERROR(Logger(),
-                          "Sending slot '" << route_.name << "': " << e.what() << " (retrying)");
+            // A damaged slot throws on every try: said once per half minute.
+            const Clock::time_point now = Clock::now();
+            if (now - lastRunError_ > std::chrono::seconds(30)) {
+                lastRunError_ = now;
+                LOG4CXX_ERROR(Logger(), "Sending slot '" << route_.name << "': " << e.what()
+                                                         << " (retrying)");
+            }
             stop_.WaitFor(std::chrono::milliseconds(200));
         }
     }

@@ -118,6 +118,7 @@ private:
     INotifierPtr poolReader_;      // guarded by poolMutex_
     bool poolReaderGone_ = false;  // guarded by poolMutex_
     Clock::time_point lastClaimError_;
+    Clock::time_point lastRunError_;
     std::vector<std::uint8_t> held_;  // the block in hand: heldSize_ bytes, when holding_
     std::size_t heldSize_ = 0;
     bool holding_ = false;

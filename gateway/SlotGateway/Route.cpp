@@ -6,24 +6,40 @@
 
 #include <SlotGateway/Wire.h>
 
+#include <Slot/BoostInterprocess/DiscardingSlotReader.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
+#include <shared/ISyncEvent.h>
+#include <shared/UtcClock.h>
 
 #include <log4cxx/logger.h>
+#include <boost/thread/thread.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <map>
 
 namespace SlotGateway {
+
+namespace {
+
+// A discarding slot's reader that ended is started again after kFirstRestart; one that ends
+// again within kRestartSettled of its start waits twice as long as the previous one, up to
+// kLastRestart.
+constexpr std::chrono::milliseconds kFirstRestart(1000);
+constexpr std::chrono::milliseconds kLastRestart(30000);
+constexpr std::chrono::seconds kRestartSettled(60);
+
+}  // namespace
 
 std::uint64_t EchoMemory::Remember(const void* data, std::size_t size) {
     std::lock_guard<std::mutex> guard(mutex_);
     Expire();
     const auto* bytes = static_cast<const std::uint8_t*>(data);
     const std::uint64_t id = ++nextId_;
-    entries_.push_back({id, Clock::now(), Clock::time_point::max(),
+    entries_.push_back({id, Clock::now(), Clock::time_point::max(), boost::posix_time::ptime(),
                         std::vector<std::uint8_t>(bytes, bytes + size)});
     if (entries_.size() > kMaxEntries) {
         entries_.pop_front();
@@ -37,12 +53,27 @@ void EchoMemory::Written(std::uint64_t id, bool stored) {
         if (it->id == id) {
             if (stored) {
                 it->done = Clock::now();
+                it->doneUtc = shared::UtcNow();
             } else {
                 entries_.erase(it);
             }
             return;
         }
     }
+}
+
+void EchoMemory::ForgetWrittenBefore(const boost::posix_time::ptime& written) {
+    if (written.is_special()) {
+        return;
+    }
+    std::lock_guard<std::mutex> guard(mutex_);
+    // An entry whose write returned before the block was written lies under it in the slot.
+    // One still being written (or finished at the same tick) may be newer: it is kept.
+    entries_.erase(std::remove_if(entries_.begin(), entries_.end(),
+                                  [&](const Entry& entry) {
+                                      return !entry.doneUtc.is_special() && entry.doneUtc < written;
+                                  }),
+                   entries_.end());
 }
 
 void EchoMemory::ForgetWrittenBefore(Clock::time_point before) {
@@ -72,15 +103,81 @@ void EchoMemory::Expire() {
     }
 }
 
+// The reader of a discarding sending route's slot. Unlike the factory's reader it starts
+// without pausing one update time (routes start one after the other on the control thread),
+// ends at once when asked (its wait for the slot is woken), tells when its thread has ended
+// (it ends for good when the slot's lock fails), and tells its subscriber the slot's write time
+// of the block being delivered.
+class RouteSlotReader : public DiscardingSlotReader {
+public:
+    RouteSlotReader(const boost::shared_ptr<ISlot>& slot,
+                    const boost::posix_time::time_duration& updateTime)
+        : DiscardingSlotReader(slot, updateTime) {}
+    ~RouteSlotReader() override {
+        if (!Inherited()) {  // in a forked child the thread is the parent's
+            AskToStop();
+            Join();
+        }
+    }
+
+    // `subscriber` gets every block; kept until the reader is destroyed. Call once.
+    void Start(const ISubscriberPtr& subscriber) {
+        subscriber_ = subscriber;
+        subscribe(subscriber_.get());
+        startHandler_.RunAndWaitForHandler([this] {
+            thread_ = boost::thread([this] {
+                (*this)();
+                ended_ = true;
+            });
+        });
+    }
+    // The thread ends at its next step; its wait for the slot is woken so that the step comes
+    // now. (A wake-up that comes before the wait makes the wait return at once.)
+    void AskToStop() {
+        if (!thread_.joinable()) {
+            return;
+        }
+        thread_.interrupt();
+        try {
+            slot_->GetOnWriteCondition()->Notify();
+        } catch (const std::exception&) {
+            // A damaged slot: its waits fail too, or end within the update time.
+        }
+    }
+    void Join() {
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+    bool Ended() const { return ended_; }
+    // Inside the subscriber: the slot's write time of the block being delivered.
+    const boost::posix_time::ptime& BlockWritten() const { return written_; }
+
+    bool DataInSlotIsActual() override {
+        const bool actual = DiscardingSlotReader::DataInSlotIsActual();
+        if (actual) {
+            written_ = slot_->GetLastWriteTime();
+        }
+        return actual;
+    }
+
+private:
+    ISubscriberPtr subscriber_;
+    std::atomic<bool> ended_{false};
+    boost::posix_time::ptime written_;  // reader thread only
+};
+
 class RouteRunner::Sender : public shared::ISubscriber {
 public:
-    explicit Sender(RouteRunner* runner) : runner_(runner) {}
+    // `reader`: the slot's reader that calls this one; null for a pool's.
+    Sender(RouteRunner* runner, const RouteSlotReader* reader) : runner_(runner), reader_(reader) {}
     void onNotify(const std::string&, const void* data, size_t size) override {
-        runner_->Send(data, size);
+        runner_->Send(data, size, reader_ ? reader_->BlockWritten() : boost::posix_time::ptime());
     }
 
 private:
     RouteRunner* runner_;
+    const RouteSlotReader* reader_;
 };
 
 RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity_t publisher,
@@ -187,27 +284,49 @@ void RouteRunner::MaybeStartSending() {
     if (stop_.set) {
         return;
     }
+    const Clock::time_point now = Clock::now();
+    std::unique_ptr<RouteSlotReader> ended;
     {
         std::lock_guard<std::mutex> guard(slotReaderMutex_);
-        if (slotReader_) {
+        if (poolReader_ || (slotReader_ && !slotReader_->Ended())) {
             return;
         }
+        ended.swap(slotReader_);
     }
-    INotifierPtr reader;
+    if (ended) {
+        // The library's reader ends for good when the slot's lock fails (it said why). A reader
+        // that ran a while starts again soon; one that keeps failing, less and less often.
+        ended.reset();
+        restartDelay_ = restartDelay_.count() == 0 || now - readerStarted_ > kRestartSettled
+                            ? kFirstRestart
+                            : std::min(restartDelay_ * 2, kLastRestart);
+        restartAt_ = now + restartDelay_;
+        LOG4CXX_ERROR(Logger(), "Reading slot '" << route_.name << "' ended; read again in "
+                                                 << restartDelay_.count() << " ms");
+    }
+    if (now < restartAt_) {
+        return;
+    }
     const char* what = route_.isPool() ? "pool" : "slot";
     try {
         if (route_.isPool()) {
             // Its subscriber gets the block where it lies in the pool.
-            reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(route_),
-                                                         ISubscriberPtr(new Sender(this)));
+            INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(
+                RoutePoolCfg(route_), ISubscriberPtr(new Sender(this, nullptr)));
+            std::lock_guard<std::mutex> guard(slotReaderMutex_);
+            poolReader_ = reader;
         } else {
-            if (!stateSlot_) {
-                stateSlot_ = SlotFactory::CreateSlot(&cfg_);
+            std::unique_ptr<RouteSlotReader> reader(
+                new RouteSlotReader(SlotFactory::CreateSlot(&cfg_), cfg_.GetUpdateTime()));
+            if (stop_.set) {
+                return;
             }
-            reader = SlotFactory::CreateSlotReader(&cfg_, ISubscriberPtr(new Sender(this)));
+            reader->Start(ISubscriberPtr(new Sender(this, reader.get())));
+            readerStarted_ = now;
+            std::lock_guard<std::mutex> guard(slotReaderMutex_);
+            slotReader_.swap(reader);
         }
     } catch (const std::exception& e) {
-        const Clock::time_point now = Clock::now();
         if (now - lastStartError_ > std::chrono::seconds(30)) {
             lastStartError_ = now;
             LOG4CXX_ERROR(Logger(), "Cannot read " << what << " '" << route_.name
@@ -220,20 +339,28 @@ void RouteRunner::MaybeStartSending() {
                                    << route_.name << "' is sent to topic '" << route_.topic
                                    << "' (domain " << route_.domain << ")");
     }
+}
+
+void RouteRunner::AskToStopSending() {
     std::lock_guard<std::mutex> guard(slotReaderMutex_);
-    slotReader_ = reader;
+    if (slotReader_) {
+        slotReader_->AskToStop();
+    }
 }
 
 void RouteRunner::StopSending() {
     if (sender_) {
         sender_->Stop();
     }
-    INotifierPtr reader;
+    INotifierPtr poolReader;
+    std::unique_ptr<RouteSlotReader> slotReader;
     {
         std::lock_guard<std::mutex> guard(slotReaderMutex_);
-        reader.swap(slotReader_);
+        poolReader.swap(poolReader_);
+        slotReader.swap(slotReader_);
     }
-    reader.reset();  // joins the reader's thread
+    poolReader.reset();  // joins the reader's thread
+    slotReader.reset();  // asks it to stop, if not asked yet, and joins it
 }
 
 void RouteRunner::StopReceiving() {
@@ -255,7 +382,7 @@ RouteStatus RouteRunner::Status() const {
         status.sending = sender_->Sending();
     } else {
         std::lock_guard<std::mutex> guard(slotReaderMutex_);
-        status.sending = static_cast<bool>(slotReader_);
+        status.sending = static_cast<bool>(poolReader_) || (slotReader_ && !slotReader_->Ended());
     }
     if (reader_ > 0) {
         dds_subscription_matched_status_t matched;
@@ -273,11 +400,13 @@ std::uint32_t RouteRunner::MatchedReaders() const {
     return PublicationMatches(writer_).current;
 }
 
-void RouteRunner::Send(const void* data, std::size_t size) {
+void RouteRunner::Send(const void* data, std::size_t size,
+                       const boost::posix_time::ptime& written) {
     // Opening a slot forgets its last block and write time, which the reader takes for a
     // change and passes on as 0 bytes; an empty state written has a write time.
     // A pool reader delivers published blocks only.
-    if (size == 0 && stateSlot_ && stateSlot_->GetLastWriteTime().is_not_a_date_time()) {
+    const bool slot = !route_.isPool();
+    if (slot && size == 0 && written.is_not_a_date_time()) {
         return;
     }
     // The reader hands blocks on in the slot's order, each read after the previous call
@@ -291,7 +420,11 @@ void RouteRunner::Send(const void* data, std::size_t size) {
             ForgetOwnState();
             return;
         }
-        echoes_.ForgetWrittenBefore(previous);
+        if (slot) {
+            echoes_.ForgetWrittenBefore(written);
+        } else {
+            echoes_.ForgetWrittenBefore(previous);
+        }
     }
     std::lock_guard<std::mutex> guard(stateMutex_);
     const auto* bytes = static_cast<const std::uint8_t*>(data);
@@ -395,22 +528,32 @@ void RouteRunner::ReceiveLoop() {
             if (n <= 0) {
                 break;
             }
-            if (info[0].valid_data) {
-                const auto* block = static_cast<const SlotGatewayWire_Block*>(samples[0]);
-                std::uint64_t& last =
-                    serials.LastOf(reader_, info[0].publication_handle, block->gateway);
-                if (block->serial <= last) {
-                    ++counters_.duplicates;
-                    Acknowledge(block->gateway, block->serial);
-                } else if (Deliver(block->data._buffer, block->data._length, block->serial)) {
-                    last = block->serial;
-                    Acknowledge(block->gateway, block->serial);
-                } else {
-                    dds_return_loan(reader_, samples, n);
-                    return;  // stopping with a full slot: later blocks stay unstored too
+            bool delivered = true;
+            try {
+                if (info[0].valid_data) {
+                    const auto* block = static_cast<const SlotGatewayWire_Block*>(samples[0]);
+                    std::uint64_t& last =
+                        serials.LastOf(reader_, info[0].publication_handle, block->gateway);
+                    if (block->serial <= last) {
+                        ++counters_.duplicates;
+                        Acknowledge(block->gateway, block->serial);
+                    } else if (Deliver(block->data._buffer, block->data._length, block->serial)) {
+                        last = block->serial;
+                        Acknowledge(block->gateway, block->serial);
+                    } else {
+                        delivered = false;
+                    }
                 }
+            } catch (const std::exception& e) {
+                // Not acknowledged: a reliable block's sender sends it again. The other routes
+                // and this one's later blocks go on.
+                LOG4CXX_ERROR(Logger(), "Receiving slot '" << route_.name << "': " << e.what());
+                stop_.WaitFor(std::chrono::milliseconds(200));
             }
             dds_return_loan(reader_, samples, n);
+            if (!delivered) {
+                return;  // stopping with a full slot: later blocks stay unstored too
+            }
         }
         if (stopping) {
             return;
@@ -429,6 +572,7 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
     std::chrono::milliseconds backoff(1);
     Clock::time_point deadline = Clock::time_point::max();
     const bool both = route_.direction == Direction::Both;
+    bool threw = false;  // the last attempt's write threw
     for (unsigned attempt = 0;; ++attempt) {
         std::uint64_t serialBefore = 0;
         if (both) {
@@ -436,8 +580,21 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
             serialBefore = stateSerial_;
         }
         const std::uint64_t echo = both ? echoes_.Remember(data, size) : 0;
-        slotWriter_->onNotify(route_.name, data, size);
-        const Slot::WriteOutcome outcome = Slot::LastWriteOutcome();
+        Slot::WriteOutcome outcome = Slot::WriteOutcome::Failed;
+        try {
+            slotWriter_->onNotify(route_.name, data, size);
+            outcome = Slot::LastWriteOutcome();
+            threw = false;
+        } catch (const std::exception& e) {
+            // Taking the slot's lock throws when the lock is damaged or its holder cannot be
+            // waited for: the block is not stored (nor acknowledged) and is tried again, as when
+            // the slot refuses it.
+            if (!threw) {
+                LOG4CXX_ERROR(Logger(), "Slot '" << route_.name << "' could not store block "
+                                                 << sequence << ": " << e.what() << " (retrying)");
+            }
+            threw = true;
+        }
         const bool stored =
             outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded;
         if (both) {
@@ -461,7 +618,7 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
             ++counters_.refused;
             return true;
         }
-        if (attempt == 0) {
+        if (attempt == 0 && !threw) {
             ++counters_.refused;
             LOG4CXX_WARN(Logger(), "Slot '" << route_.name << "' refused block " << sequence << " ("
                                             << Slot::ToString(outcome) << "), retrying");
@@ -474,17 +631,26 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
             if (!route_.reliable()) {
                 ++counters_.dropped;
                 LOG4CXX_ERROR(Logger(), "State " << sequence << " for '" << route_.name
-                                                 << "' dropped: the slot refused it while "
-                                                    "the gateway stopped");
+                                                 << "' dropped: the slot "
+                                                 << (threw ? "failed" : "refused it")
+                                                 << " while the gateway stopped");
                 return true;
             }
             LOG4CXX_WARN(Logger(), "Block " << sequence << " for '" << route_.name
-                                            << "' not stored: the slot stayed full while the "
-                                               "gateway stopped; its sender keeps it");
+                                            << "' not stored: the slot "
+                                            << (threw ? "failed" : "stayed full")
+                                            << " while the gateway stopped; its sender keeps it");
             return false;
         }
-        std::this_thread::sleep_for(backoff);
-        backoff = std::min(backoff * 2, std::chrono::milliseconds(100));
+        // A slot that failed is tried less often: each attempt may wait for its lock.
+        const std::chrono::milliseconds cap(threw ? 1000 : 100);
+        const std::chrono::milliseconds pause = std::min(backoff, cap);
+        if (stop_.set) {
+            std::this_thread::sleep_for(std::min(pause, std::chrono::milliseconds(100)));
+        } else {
+            stop_.WaitFor(pause);
+        }
+        backoff = std::min(backoff * 2, cap);
     }
 }
 

@@ -9,6 +9,7 @@
 #include <Slot/ISlot.h>
 
 #include <dds/dds.h>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <chrono>
 #include <cstdint>
@@ -22,13 +23,14 @@ namespace SlotGateway {
 
 class Acknowledger;
 class ReliableSender;
+class RouteSlotReader;
 class SlotClaim;
 
 // Blocks this gateway wrote into a "both" slot, so that its own reader of that slot does not
 // send them back. A discarding reader may skip states, so a match also forgets every older
 // entry; entries expire after a few update times. An entry is made before its write (the reader
 // may hand the block back before the write call returns) and forgotten when the slot did not
-// take the block, or when the reader handed back a newer block of another writer.
+// take the block, or when the reader handed back a block of another writer written after it.
 class EchoMemory {
 public:
     explicit EchoMemory(std::chrono::milliseconds lifetime) : lifetime_(lifetime) {}
@@ -39,8 +41,12 @@ public:
     void Written(std::uint64_t id, bool stored);
     // True when the block is one this gateway wrote.
     bool IsEcho(const void* data, std::size_t size);
-    // The reader handed back a block that is not an echo, read after `before`: the blocks
-    // written before that are older than it and never come back.
+    // A slot's reader handed back a block that is not an echo, written into the slot at
+    // `written` (the slot's write time): the blocks this gateway had written before that are
+    // older than it and never come back.
+    void ForgetWrittenBefore(const boost::posix_time::ptime& written);
+    // A pool's reader (no write time) handed back a block that is not an echo, read after
+    // `before`: the blocks written before that are older than it and never come back.
     void ForgetWrittenBefore(Clock::time_point before);
 
 private:
@@ -48,6 +54,7 @@ private:
         std::uint64_t id;
         Clock::time_point written;                          // when remembered; for the expiry
         Clock::time_point done = Clock::time_point::max();  // when the write returned
+        boost::posix_time::ptime doneUtc;  // the same on the slots' clock; not_a_date_time before
         std::vector<std::uint8_t> bytes;
     };
     static constexpr std::size_t kMaxEntries = 16;
@@ -82,8 +89,13 @@ public:
     // a state lost on the way still arrives.
     void RepeatStateForNewReaders();
 
-    // Starts the slot reader of a discarding sending route.
+    // Starts the slot reader of a discarding sending route; one whose thread ended (the slot's
+    // lock failed) is dropped and started again after a back-off.
     void MaybeStartSending();
+
+    // Once the stop flag is raised: tells a discarding slot's reader to end now, without waiting
+    // out its wait for the slot. Lets StopSending of every route join at once.
+    void AskToStopSending();
 
     // Ends the sending side; a reliable block in hand is delivered within the grace first.
     void StopSending();
@@ -101,8 +113,9 @@ private:
 
     std::uint32_t MatchedReaders() const;
 
-    // The state a discarding slot's reader passes on (0 bytes: an empty state) is published.
-    void Send(const void* data, std::size_t size);
+    // The state a discarding slot's or pool's reader passes on (0 bytes: an empty state) is
+    // published. `written`: a slot's write time of the block; not_a_date_time for a pool's.
+    void Send(const void* data, std::size_t size, const boost::posix_time::ptime& written);
 
     // A "both" route stored a received state, newer than any this gateway published: the older
     // one is no longer repeated nor kept for late-joining readers.
@@ -140,11 +153,14 @@ private:
     std::thread receiver_;
 
     mutable std::mutex slotReaderMutex_;
-    INotifierPtr slotReader_;                // guarded by slotReaderMutex_
-    Clock::time_point lastStartError_;       // control thread only
-    std::uint32_t seenMatches_ = 0;          // control thread only
-    std::deque<Clock::time_point> repeats_;  // control thread only
-    boost::shared_ptr<ISlot> stateSlot_;     // set by the control thread before the reader runs
+    INotifierPtr poolReader_;                      // guarded by slotReaderMutex_
+    std::unique_ptr<RouteSlotReader> slotReader_;  // guarded by slotReaderMutex_
+    Clock::time_point lastStartError_;             // control thread only
+    Clock::time_point readerStarted_;              // control thread only: slotReader_'s start
+    Clock::time_point restartAt_;                  // control thread only: no reader before it
+    std::chrono::milliseconds restartDelay_{0};    // control thread only: after the next ending
+    std::uint32_t seenMatches_ = 0;                // control thread only
+    std::deque<Clock::time_point> repeats_;        // control thread only
     std::mutex stateMutex_;
     std::vector<std::uint8_t> state_;  // last discarding block sent; guarded by stateMutex_
     std::uint64_t stateSerial_ = 0;    // guarded by stateMutex_
