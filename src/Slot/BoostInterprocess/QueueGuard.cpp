@@ -502,6 +502,11 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
                           : owner == 0
                               ? std::chrono::steady_clock::now() >= ownerless
                               : owner != shared::CurrentThreadId() && !HolderMapsQueue(owner);
+        // A holder that let go and ended while it was looked at is gone from the process list
+        // too, but it changed the word first: only an unchanged word was left by a dead holder.
+        if (dead && __atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED) != word) {
+            continue;
+        }
         if (dead) {
             // Everyone who takes this mutex in the library holds the header lock, which we hold:
             // nobody else can be inside the queue, so it can be repaired and its mutex made anew.
