@@ -17,7 +17,6 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include <atomic>
 #include <set>
 #include <thread>
 
@@ -383,21 +382,23 @@ void LeaveInheritedBlocks() {
     }
 }
 
-// Calls the Python callback with a view of each delivered block, on the reader's thread.
+// Calls the Python callback with a view of each delivered block, on the reader's thread. Every
+// block the library delivers reaches the callback, also while a close waits for the reader's
+// thread: the pool counts it as consumed once delivered. The callback is dropped only when the
+// reader has stopped (Close).
 class PoolSink final : public shared::ISubscriber {
 public:
     explicit PoolSink(PyObject* callback) : callback_(callback) { Py_INCREF(callback_); }
 
     void onNotify(const std::string&, const void* data, size_t size) override {
-        if (closing_.load(std::memory_order_acquire)) {
-            return;
-        }
+        // Never takes the GIL of an interpreter that is shutting down: the block is not
+        // delivered then.
         CallbackGil gil;
         if (!gil.held()) {
             return;
         }
         PyObject* callback = callback_;
-        if (callback && !closing_.load(std::memory_order_acquire)) {
+        if (callback) {
             Py_INCREF(callback);  // the callback may close its reader and drop callback_
             PoolSink* outer = current;
             current = this;
@@ -408,8 +409,8 @@ public:
         }
     }
 
+    // Drops the callback, once the reader delivers nothing more. Called with the GIL.
     void Close() {
-        closing_.store(true, std::memory_order_release);
         PyObject* callback = callback_;
         callback_ = nullptr;
         Py_XDECREF(callback);
@@ -444,7 +445,6 @@ private:
 
     static thread_local PoolSink* current;
     PyObject* callback_;  // guarded by the GIL
-    std::atomic<bool> closing_{false};
     CloseProgress progress_;
 };
 
@@ -489,12 +489,16 @@ public:
         }
         INotifierPtr reader;
         reader.swap(reader_);
-        sink_->Close();
         if (inherited) {
+            sink_->Close();
             KeepInheritedReader(std::move(reader));  // its thread is in the parent
             return;
         }
+        // The callback goes only after the release: blocks delivered until the reader's thread
+        // is joined still reach it, and its last reference may run Python code that lets the
+        // GIL go, when another closer must already find the close under way.
         ReleaseReader(sink_->Progress(), reader, sink_->OnOwnThread());
+        sink_->Close();
     }
 
     std::unique_ptr<Hold> HoldBlock() {

@@ -276,6 +276,98 @@ def test_blocks_received_before_close_can_still_be_taken(name):
     assert got == [b"0", b"1", b"2"]
 
 
+def drain(reader, timeout):
+    """Every block `reader` gives until it is closed and drained or none comes in `timeout`."""
+    got = []
+    while True:
+        try:
+            got.append(reader.get(timeout=timeout))
+        except (TimeoutError, libslot.ReaderClosedError):
+            return got
+
+
+@pytest.mark.parametrize("with_callback", [True, False], ids=["callback", "queue"])
+def test_close_from_another_thread_loses_no_block_of_a_reliable_slot(name, with_callback):
+    # The reader's thread drains the waiting blocks while close() joins it: each block it takes
+    # has left the slot and must reach this reader's callback or queue; the rest stay for the
+    # next reader. Large blocks and no update time make the drain outlast close()'s start.
+    count, size = 64, 1 << 18
+    blocks = [bytes([i]) * size for i in range(count)]
+    config = libslot.SlotConfig(name, type="reliable", update_time=0.0, queue_length=count,
+                                max_size=size)
+    first, inside = [], threading.Event()
+
+    def callback(block):
+        first.append(block)
+        inside.set()
+        time.sleep(0.01)
+
+    with libslot.Writer(config) as writer:
+        assert all(writer.write(b).stored for b in blocks)
+        reader = libslot.Reader(config, callback if with_callback else None)
+        if with_callback:
+            assert inside.wait(WAIT)
+        reader.close()
+        if not with_callback:
+            first = drain(reader, 0)
+        with libslot.Reader(config) as second:
+            rest = drain(second, 1.0)
+    assert len(first) + len(rest) == count
+    assert first + rest == blocks
+
+
+@pytest.mark.parametrize("kind", ["slot", "pool"])
+def test_a_second_close_waits_while_the_first_drops_the_callback(name, kind):
+    # The first close() drops the callback's last reference, whose __del__ lets the GIL go: a
+    # close() on another thread meanwhile must still wait until the reader is stopped, so that
+    # its slot or queue pool takes a new reader at once.
+    dropping, second_done = threading.Event(), []
+
+    class Callback:
+        def __call__(self, block):
+            pass
+
+        def __del__(self):
+            dropping.set()
+            time.sleep(0.5)
+
+    reader, writer = open_reader_and_writer(kind, name, Callback())
+    writer.close()
+
+    def second_close():
+        assert dropping.wait(WAIT)
+        reader.close()
+        try:
+            open_reader_and_writer(kind, name, lambda block: None)[0].close()
+            second_done.append("reopened")
+        except libslot.SlotCreationError as e:
+            second_done.append(str(e))
+
+    closer = threading.Thread(target=second_close)
+    closer.start()
+    reader.close()
+    closer.join(WAIT)
+    assert not closer.is_alive()
+    assert second_done == ["reopened"]
+
+
+def test_a_queue_pool_reader_closed_while_delivering_loses_no_block(name):
+    # A block the reader's thread has taken when close() begins (often while it waits for the
+    # GIL that close() holds) is consumed in the pool: it must reach the callback.
+    config = libslot.PoolConfig(name, kind="queue", block_size=64, blocks=8)
+    with libslot.PoolWriter(config) as writer:
+        for round_ in range(20):
+            blocks = [b"%d.%d" % (round_, i) for i in range(8)]
+            first, rest = [], []
+            with libslot.PoolReader(config, lambda view: first.append(bytes(view))):
+                assert all(writer.write(b).stored for b in blocks)
+            with libslot.PoolReader(config, lambda view: rest.append(bytes(view))):
+                deadline = time.monotonic() + WAIT
+                while len(first) + len(rest) < len(blocks) and time.monotonic() < deadline:
+                    time.sleep(0.01)
+            assert first + rest == blocks
+
+
 def test_ctrl_c_interrupts_a_blocking_get(name):
     script = textwrap.dedent("""
         import os, signal, sys, threading, libslot
