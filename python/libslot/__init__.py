@@ -208,9 +208,9 @@ class Reader(_native.Reader):
 
     def get(self, timeout: Optional[float] = None) -> bytes:
         """Next block. Waits at most ``timeout`` seconds (None, infinity or more than 1e9: no
-        limit; ValueError for a negative timeout or NaN) and raises TimeoutError then; raises
-        ReaderClosedError once the reader is closed and no block is left. The GIL is released
-        while waiting; Ctrl-C raises KeyboardInterrupt."""
+        limit; ValueError for a negative timeout or NaN, TypeError for a non-number) and raises
+        TimeoutError then; raises ReaderClosedError once the reader is closed and no block is
+        left. The GIL is released while waiting; Ctrl-C raises KeyboardInterrupt."""
         return super().get(timeout)
 
     def close(self) -> None:

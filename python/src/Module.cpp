@@ -165,7 +165,21 @@ std::optional<std::chrono::steady_clock::time_point> Deadline(const py::object& 
     if (timeout.is_none()) {
         return std::nullopt;
     }
-    const double seconds = timeout.cast<double>();
+    double seconds = PyFloat_AsDouble(timeout.ptr());  // a float, or __float__ / __index__
+    if (seconds == -1.0 && PyErr_Occurred()) {
+        if (!PyErr_ExceptionMatches(PyExc_OverflowError)) {
+            PyErr_Clear();
+            throw py::type_error(std::string("timeout must be a number or None, not ") +
+                                 Py_TYPE(timeout.ptr())->tp_name);
+        }
+        // An integer beyond any float: its sign decides.
+        PyErr_Clear();
+        const int negative = PyObject_RichCompareBool(timeout.ptr(), py::int_(0).ptr(), Py_LT);
+        if (negative < 0) {
+            throw py::error_already_set();
+        }
+        seconds = negative ? -1.0 : std::numeric_limits<double>::infinity();
+    }
     if (std::isnan(seconds)) {
         throw py::value_error("timeout must be a number, not NaN");
     }

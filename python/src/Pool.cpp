@@ -208,11 +208,7 @@ public:
             ended_ = true;
             return Outcome(loan_.publish(0));  // an empty loan: its outcome, not counted again
         }
-        const size_t length = size.is_none() ? size_ : size.cast<size_t>();
-        if (length > size_) {
-            throw py::value_error("publish(" + std::to_string(length) + ") of a loan of " +
-                                  std::to_string(size_) + " bytes");
-        }
+        const size_t length = size.is_none() ? size_ : PublishSize(size);
         Slot::PoolLoan loan = Take();
         const Slot::WriteOutcome outcome = WithoutGil([&] { return loan.publish(length); });
         sequence_ = loan.sequence();  // given by the publish
@@ -238,6 +234,32 @@ public:
     py::object LoanOutcome() const { return Outcome(loan_.outcome()); }
 
 private:
+    // The size given to publish(): TypeError for anything but an integer, ValueError for one
+    // below 0 or above the loan's size.
+    size_t PublishSize(const py::object& size) const {
+        PyObject* index = PyNumber_Index(size.ptr());
+        if (index == nullptr) {
+            PyErr_Clear();
+            throw py::type_error(std::string("publish() size must be an integer or None, not ") +
+                                 Py_TYPE(size.ptr())->tp_name);
+        }
+        const py::object length = py::reinterpret_steal<py::object>(index);
+        const int negative = PyObject_RichCompareBool(length.ptr(), py::int_(0).ptr(), Py_LT);
+        const int above = PyObject_RichCompareBool(length.ptr(), py::int_(size_).ptr(), Py_GT);
+        if (negative < 0 || above < 0) {
+            throw py::error_already_set();
+        }
+        if (negative) {
+            throw py::value_error("publish(" + std::string(py::str(length)) +
+                                  "): the size must not be negative");
+        }
+        if (above) {
+            throw py::value_error("publish(" + std::string(py::str(length)) + ") of a loan of " +
+                                  std::to_string(size_) + " bytes");
+        }
+        return PyLong_AsSize_t(length.ptr());  // fits: not above size_
+    }
+
     // Ends the view and takes the loan out; refused while anything else still sees the block.
     Slot::PoolLoan Take() {
         if (!OnlyView(view_)) {

@@ -222,11 +222,16 @@ def test_get_times_out_and_close_ends_a_waiting_iteration(name):
             reader.get(timeout=0.05)
         with pytest.raises(ValueError, match="negative"):
             reader.get(timeout=-1)
+        with pytest.raises(ValueError, match="negative"):
+            reader.get(timeout=-10**400)
         with pytest.raises(ValueError, match="NaN"):
             reader.get(timeout=float("nan"))
+        with pytest.raises(TypeError, match="^timeout must be a number or None, not str$"):
+            reader.get(timeout="1")
         # Beyond the clock's range means no limit: the block ends the wait, not a TimeoutError.
+        # So does an integer beyond any float.
         with libslot.Writer(name, type="reliable") as writer:
-            for timeout in (1e10, 1e300, float("inf")):
+            for timeout in (1e10, 1e300, float("inf"), 10**400):
                 late = threading.Timer(0.2, writer.write, (b"%r" % timeout,))
                 late.start()
                 assert reader.get(timeout=timeout) == b"%r" % timeout
