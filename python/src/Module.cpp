@@ -202,6 +202,32 @@ void RestoreGil(PyThreadState* state) {
     LeaveGate();
 }
 
+namespace {
+
+// A reader thread's Python thread state, made at its first callback and kept until the thread
+// ends: one more PyGILState_Ensure than Release keeps it alive between callbacks, so that the
+// thread's threading.local data and identity last and no callback pays for a new state. The
+// thread deletes it when it ends (a thread-local destructor, after the library's thread body),
+// while a closer joins it with the GIL released; at interpreter exit it is left to the
+// interpreter's finalisation, which frees the states of threads gone.
+struct KeptThreadState {
+    bool kept = false;
+    PyGILState_STATE outer{};
+
+    ~KeptThreadState() {
+        if (!kept || ShuttingDown() || !Py_IsInitialized() || _Py_IsFinalizing() || !EnterGate()) {
+            return;
+        }
+        const PyGILState_STATE state = PyGILState_Ensure();
+        LeaveGate();
+        PyGILState_Release(outer);  // the GIL stays held: `state` took it
+        PyGILState_Release(state);  // the last one: clears and deletes the state, lets the GIL go
+    }
+};
+thread_local KeptThreadState keptThreadState;
+
+}  // namespace
+
 CallbackGil::CallbackGil(bool evenAtExit) {
     if (!evenAtExit &&
         (ShuttingDown() || !Py_IsInitialized() || _Py_IsFinalizing() || !EnterGate())) {
@@ -210,6 +236,10 @@ CallbackGil::CallbackGil(bool evenAtExit) {
     state_ = PyGILState_Ensure();
     if (!evenAtExit) {
         LeaveGate();
+        if (!keptThreadState.kept) {
+            keptThreadState.outer = PyGILState_Ensure();
+            keptThreadState.kept = true;
+        }
     }
     ++gateExempt;
     held_ = true;

@@ -1,10 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """Reader threads and the interpreter: callbacks, closing, waits, signals and shutdown."""
 
+import gc
 import sys
 import threading
 import textwrap
 import time
+import weakref
 
 import pytest
 
@@ -156,6 +158,35 @@ def test_no_close_returns_while_the_callback_runs(name, kind, first):
             assert not closer.is_alive()
     assert finished == [b"x"] and seen_by_closers == [1, 1]
     assert reader.closed
+
+
+@pytest.mark.parametrize("kind", ["slot", "pool"])
+def test_callbacks_share_one_python_thread_state_until_close(name, kind):
+    # threading.local lasts from one callback to the next on the reader's thread; the thread's
+    # state, and what it holds, goes when the reader is closed, not at interpreter exit.
+    local, counts, refs = threading.local(), [], []
+
+    class Held:
+        pass
+
+    def callback(block):
+        local.count = getattr(local, "count", 0) + 1
+        counts.append(local.count)
+        if not hasattr(local, "held"):
+            local.held = Held()
+            refs.append(weakref.ref(local.held))
+
+    reader, writer = open_reader_and_writer(kind, name, callback)
+    with writer:
+        for i in range(3):
+            writer.write(b"%d" % i)
+            deadline = time.monotonic() + WAIT
+            while len(counts) <= i and time.monotonic() < deadline:
+                time.sleep(0.01)
+    reader.close()
+    assert counts == [1, 2, 3]
+    gc.collect()
+    assert refs[0]() is None
 
 
 def test_callback_exceptions_are_reported_and_the_reader_goes_on(name, monkeypatch):
