@@ -197,7 +197,9 @@ class Reader(_native.Reader):
     machine (SlotCreationError for a second); this reader gets also the blocks that waited
     before it started. A discarding reader gets only blocks not older than the update time.
     close() (or leaving the ``with`` block) stops it promptly: no callback runs after it
-    returns, also when it is called from inside the reader's own callback.
+    returns, also when it is called from inside the reader's own callback. A block the reader's
+    thread takes while close() waits for it still reaches the callback or the queue; blocks still
+    waiting in a reliable slot stay there for the next reader.
     """
 
     def __init__(self, config: ConfigLike, callback: Optional[Callable[[bytes], object]] = None,
@@ -206,13 +208,14 @@ class Reader(_native.Reader):
 
     def get(self, timeout: Optional[float] = None) -> bytes:
         """Next block. Waits at most ``timeout`` seconds (None, infinity or more than 1e9: no
-        limit; ValueError for a negative timeout or NaN) and raises TimeoutError then; raises
-        ReaderClosedError once the reader is closed and no block is left. The GIL is released
-        while waiting; Ctrl-C raises KeyboardInterrupt."""
+        limit; ValueError for a negative timeout or NaN, TypeError for a non-number) and raises
+        TimeoutError then; raises ReaderClosedError once the reader is closed and no block is
+        left. The GIL is released while waiting; Ctrl-C raises KeyboardInterrupt."""
         return super().get(timeout)
 
     def close(self) -> None:
-        """Stops the reader. Blocks already received can still be taken with get(). Idempotent:
+        """Stops the reader. Blocks already received, also those the reader's thread takes
+        while close() waits for it, can still be taken with get(). Idempotent:
         a close while another thread's close is under way waits for that one to end (except
         inside the reader's own callback, where it returns at once)."""
         super().close()
@@ -307,7 +310,8 @@ class PoolReader(_native.PoolReader):
     constructor has returned. A "queue" pool has one reader on the machine (SlotCreationError
     for a second); it gets also the blocks that waited before it started. A "latest" reader
     delivers each new latest block once. close() (or leaving the ``with`` block) stops it: no
-    callback runs after it returns.
+    callback runs after it returns; a block the reader's thread takes while close() waits for it
+    still reaches the callback, and the rest of a queue pool stays for the next reader.
     """
 
     def __init__(self, config: PoolConfigLike, callback: Callable[[memoryview], object],

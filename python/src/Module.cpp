@@ -165,7 +165,21 @@ std::optional<std::chrono::steady_clock::time_point> Deadline(const py::object& 
     if (timeout.is_none()) {
         return std::nullopt;
     }
-    const double seconds = timeout.cast<double>();
+    double seconds = PyFloat_AsDouble(timeout.ptr());  // a float, or __float__ / __index__
+    if (seconds == -1.0 && PyErr_Occurred()) {
+        if (!PyErr_ExceptionMatches(PyExc_OverflowError)) {
+            PyErr_Clear();
+            throw py::type_error(std::string("timeout must be a number or None, not ") +
+                                 Py_TYPE(timeout.ptr())->tp_name);
+        }
+        // An integer beyond any float: its sign decides.
+        PyErr_Clear();
+        const int negative = PyObject_RichCompareBool(timeout.ptr(), py::int_(0).ptr(), Py_LT);
+        if (negative < 0) {
+            throw py::error_already_set();
+        }
+        seconds = negative ? -1.0 : std::numeric_limits<double>::infinity();
+    }
     if (std::isnan(seconds)) {
         throw py::value_error("timeout must be a number, not NaN");
     }
@@ -188,6 +202,32 @@ void RestoreGil(PyThreadState* state) {
     LeaveGate();
 }
 
+namespace {
+
+// A reader thread's Python thread state, made at its first callback and kept until the thread
+// ends: one more PyGILState_Ensure than Release keeps it alive between callbacks, so that the
+// thread's threading.local data and identity last and no callback pays for a new state. The
+// thread deletes it when it ends (a thread-local destructor, after the library's thread body),
+// while a closer joins it with the GIL released; at interpreter exit it is left to the
+// interpreter's finalisation, which frees the states of threads gone.
+struct KeptThreadState {
+    bool kept = false;
+    PyGILState_STATE outer{};
+
+    ~KeptThreadState() {
+        if (!kept || ShuttingDown() || !Py_IsInitialized() || _Py_IsFinalizing() || !EnterGate()) {
+            return;
+        }
+        const PyGILState_STATE state = PyGILState_Ensure();
+        LeaveGate();
+        PyGILState_Release(outer);  // the GIL stays held: `state` took it
+        PyGILState_Release(state);  // the last one: clears and deletes the state, lets the GIL go
+    }
+};
+thread_local KeptThreadState keptThreadState;
+
+}  // namespace
+
 CallbackGil::CallbackGil(bool evenAtExit) {
     if (!evenAtExit &&
         (ShuttingDown() || !Py_IsInitialized() || _Py_IsFinalizing() || !EnterGate())) {
@@ -196,6 +236,10 @@ CallbackGil::CallbackGil(bool evenAtExit) {
     state_ = PyGILState_Ensure();
     if (!evenAtExit) {
         LeaveGate();
+        if (!keptThreadState.kept) {
+            keptThreadState.outer = PyGILState_Ensure();
+            keptThreadState.kept = true;
+        }
     }
     ++gateExempt;
     held_ = true;

@@ -17,7 +17,6 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include <atomic>
 #include <set>
 #include <thread>
 
@@ -209,11 +208,7 @@ public:
             ended_ = true;
             return Outcome(loan_.publish(0));  // an empty loan: its outcome, not counted again
         }
-        const size_t length = size.is_none() ? size_ : size.cast<size_t>();
-        if (length > size_) {
-            throw py::value_error("publish(" + std::to_string(length) + ") of a loan of " +
-                                  std::to_string(size_) + " bytes");
-        }
+        const size_t length = size.is_none() ? size_ : PublishSize(size);
         Slot::PoolLoan loan = Take();
         const Slot::WriteOutcome outcome = WithoutGil([&] { return loan.publish(length); });
         sequence_ = loan.sequence();  // given by the publish
@@ -239,6 +234,32 @@ public:
     py::object LoanOutcome() const { return Outcome(loan_.outcome()); }
 
 private:
+    // The size given to publish(): TypeError for anything but an integer, ValueError for one
+    // below 0 or above the loan's size.
+    size_t PublishSize(const py::object& size) const {
+        PyObject* index = PyNumber_Index(size.ptr());
+        if (index == nullptr) {
+            PyErr_Clear();
+            throw py::type_error(std::string("publish() size must be an integer or None, not ") +
+                                 Py_TYPE(size.ptr())->tp_name);
+        }
+        const py::object length = py::reinterpret_steal<py::object>(index);
+        const int negative = PyObject_RichCompareBool(length.ptr(), py::int_(0).ptr(), Py_LT);
+        const int above = PyObject_RichCompareBool(length.ptr(), py::int_(size_).ptr(), Py_GT);
+        if (negative < 0 || above < 0) {
+            throw py::error_already_set();
+        }
+        if (negative) {
+            throw py::value_error("publish(" + std::string(py::str(length)) +
+                                  "): the size must not be negative");
+        }
+        if (above) {
+            throw py::value_error("publish(" + std::string(py::str(length)) + ") of a loan of " +
+                                  std::to_string(size_) + " bytes");
+        }
+        return PyLong_AsSize_t(length.ptr());  // fits: not above size_
+    }
+
     // Ends the view and takes the loan out; refused while anything else still sees the block.
     Slot::PoolLoan Take() {
         if (!OnlyView(view_)) {
@@ -383,21 +404,23 @@ void LeaveInheritedBlocks() {
     }
 }
 
-// Calls the Python callback with a view of each delivered block, on the reader's thread.
+// Calls the Python callback with a view of each delivered block, on the reader's thread. Every
+// block the library delivers reaches the callback, also while a close waits for the reader's
+// thread: the pool counts it as consumed once delivered. The callback is dropped only when the
+// reader has stopped (Close).
 class PoolSink final : public shared::ISubscriber {
 public:
     explicit PoolSink(PyObject* callback) : callback_(callback) { Py_INCREF(callback_); }
 
     void onNotify(const std::string&, const void* data, size_t size) override {
-        if (closing_.load(std::memory_order_acquire)) {
-            return;
-        }
+        // Never takes the GIL of an interpreter that is shutting down: the block is not
+        // delivered then.
         CallbackGil gil;
         if (!gil.held()) {
             return;
         }
         PyObject* callback = callback_;
-        if (callback && !closing_.load(std::memory_order_acquire)) {
+        if (callback) {
             Py_INCREF(callback);  // the callback may close its reader and drop callback_
             PoolSink* outer = current;
             current = this;
@@ -408,8 +431,8 @@ public:
         }
     }
 
+    // Drops the callback, once the reader delivers nothing more. Called with the GIL.
     void Close() {
-        closing_.store(true, std::memory_order_release);
         PyObject* callback = callback_;
         callback_ = nullptr;
         Py_XDECREF(callback);
@@ -444,7 +467,6 @@ private:
 
     static thread_local PoolSink* current;
     PyObject* callback_;  // guarded by the GIL
-    std::atomic<bool> closing_{false};
     CloseProgress progress_;
 };
 
@@ -489,12 +511,16 @@ public:
         }
         INotifierPtr reader;
         reader.swap(reader_);
-        sink_->Close();
         if (inherited) {
+            sink_->Close();
             KeepInheritedReader(std::move(reader));  // its thread is in the parent
             return;
         }
+        // The callback goes only after the release: blocks delivered until the reader's thread
+        // is joined still reach it, and its last reference may run Python code that lets the
+        // GIL go, when another closer must already find the close under way.
         ReleaseReader(sink_->Progress(), reader, sink_->OnOwnThread());
+        sink_->Close();
     }
 
     std::unique_ptr<Hold> HoldBlock() {

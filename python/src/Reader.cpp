@@ -7,6 +7,7 @@
 #include <Slot/SlotFactory.h>
 
 #include <boost/shared_ptr.hpp>
+#include <boost/thread/thread.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -18,52 +19,36 @@ namespace {
 
 // Receives the reader's blocks on the reader's thread.
 //
+// Closing has two steps. BeginClose, before the reader is destroyed: every block the library
+// still hands over until its thread is joined is kept for get() or passed to the callback (it
+// has left the slot), and after each one the thread reaches an interruption point, so that the
+// destructor's interrupt ends the drain of a reliable slot there and what still waits stays in
+// the slot for the next reader. FinishClose, once the thread is joined (or, inside the callback,
+// the reader has stopped delivering): get() raises once drained, and the callback is dropped.
+//
 // Locks: mutex_ guards blocks_ and closed_; it is never held while Python runs or while the
 // GIL is taken. callback_ is guarded by the GIL.
 class ReaderSink final : public shared::ISubscriber {
 public:
     explicit ReaderSink(PyObject* callback) : callback_(callback) { Py_XINCREF(callback_); }
 
-    // The callback is dropped by Close (with the GIL); one left here is leaked on purpose: this
-    // destructor may run on a thread without the GIL.
+    // The callback is dropped by FinishClose (with the GIL); one left here is leaked on purpose:
+    // this destructor may run on a thread without the GIL.
     ~ReaderSink() override = default;
 
     void onNotify(const std::string&, const void* data, size_t size) override {
-        if (closing_.load(std::memory_order_acquire)) {
-            return;
-        }
-        if (!hasCallback_) {
+        if (hasCallback_) {
+            Deliver(data, size);
+        } else {
             std::lock_guard<std::mutex> lock(mutex_);
             if (!closed_) {
                 blocks_.emplace_back(static_cast<const char*>(data), size);
                 arrived_.notify_all();
             }
-            return;
         }
-        // Never take the GIL of an interpreter that is shutting down: Python would end this
-        // thread inside the library.
-        CallbackGil gil;
-        if (!gil.held()) {
-            return;
-        }
-        PyObject* callback = callback_;
-        if (callback && !closing_.load(std::memory_order_acquire)) {
-            Py_INCREF(callback);  // the callback may close its reader and drop callback_
-            ReaderSink* outer = current;
-            current = this;
-            PyObject* block = PyBytes_FromStringAndSize(static_cast<const char*>(data),
-                                                        static_cast<Py_ssize_t>(size));
-            PyObject* result = block ? PyObject_CallOneArg(callback, block) : nullptr;
-            Py_XDECREF(block);
-            if (result) {
-                Py_DECREF(result);
-            } else {
-                // Reported through sys.unraisablehook; the reader goes on.
-                PyErr_WriteUnraisable(callback);
-            }
-            current = outer;
-            Py_DECREF(callback);
-            progress_.CallbackReturned();
+        if (closing_.load(std::memory_order_acquire)) {
+            // Throws once the closer has interrupted this thread (the GIL is not held here).
+            boost::this_thread::interruption_point();
         }
     }
 
@@ -115,8 +100,12 @@ public:
         return blocks_.size();
     }
 
-    // No further block is taken in; waiting get() calls return. Called with the GIL.
-    void Close() {
+    // A close begins: blocks handed over from now on end the drain (see the class comment).
+    void BeginClose() { closing_.store(true, std::memory_order_release); }
+
+    // The close has ended: no block comes any more, waiting get() calls return once drained,
+    // and the callback is dropped. Called with the GIL.
+    void FinishClose() {
         closing_.store(true, std::memory_order_release);
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -143,6 +132,32 @@ public:
     void SetName(const std::string& name) { name_ = name; }
 
 private:
+    // Runs the callback with the block. Never takes the GIL of an interpreter that is shutting
+    // down (Python would end this thread inside the library): the block is not delivered then.
+    void Deliver(const void* data, size_t size) {
+        CallbackGil gil;
+        if (!gil.held() || callback_ == nullptr) {
+            return;
+        }
+        PyObject* callback = callback_;
+        Py_INCREF(callback);  // the callback may close its reader and drop callback_
+        ReaderSink* outer = current;
+        current = this;
+        PyObject* block = PyBytes_FromStringAndSize(static_cast<const char*>(data),
+                                                    static_cast<Py_ssize_t>(size));
+        PyObject* result = block ? PyObject_CallOneArg(callback, block) : nullptr;
+        Py_XDECREF(block);
+        if (result) {
+            Py_DECREF(result);
+        } else {
+            // Reported through sys.unraisablehook; the reader goes on.
+            PyErr_WriteUnraisable(callback);
+        }
+        current = outer;
+        Py_DECREF(callback);
+        progress_.CallbackReturned();
+    }
+
     // Called with the GIL; the callback's last reference may run Python code.
     void DropCallback() {
         PyObject* callback = callback_;
@@ -185,7 +200,7 @@ public:
                 return CallLibrary([&] { return SlotFactory::CreateSlotReader(&cfg, sink_); });
             });
         } catch (const std::exception&) {
-            sink_->Close();  // drops the callback: the sink's destructor would leak it
+            sink_->FinishClose();  // drops the callback: the sink's destructor would leak it
             throw;
         }
         generation_ = ForkGeneration();
@@ -194,8 +209,8 @@ public:
 
     ~Reader() { Close(); }
 
-    // Stops the reader: no callback starts after this returns (except one already running on
-    // another thread, which ends first: the reader's thread is joined). From inside the
+    // Stops the reader: no callback starts after this returns (the reader's thread is joined;
+    // a block it takes meanwhile still reaches the callback or the queue). From inside the
     // reader's own callback it returns at once and the reader is destroyed when the callback
     // has returned. A close while another thread's close is still under way waits for that one.
     void Close() {
@@ -215,8 +230,11 @@ public:
             KeepInheritedReader(std::move(reader));  // its thread is in the parent
             return;
         }
-        sink_->Close();
+        // The callback is dropped only after the release: its last reference may run Python
+        // code that lets the GIL go, and another closer must find the close under way by then.
+        sink_->BeginClose();
         ReleaseReader(sink_->Progress(), reader, sink_->OnOwnThread());
+        sink_->FinishClose();
     }
 
     py::bytes Get(const py::object& timeout) {

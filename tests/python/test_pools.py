@@ -157,8 +157,13 @@ def test_a_loan_not_published_returns_to_the_pool(name):
         piece = loan.view[1:]
         with pytest.raises(BufferError):
             loan.publish()
-        with pytest.raises(ValueError):
+        with pytest.raises(ValueError, match=r"^publish\(9\) of a loan of 8 bytes$"):
             loan.publish(9)
+        with pytest.raises(ValueError, match=r"^publish\(-1\): the size must not be negative$"):
+            loan.publish(-1)
+        with pytest.raises(TypeError,
+                           match=r"^publish\(\) size must be an integer or None, not str$"):
+            loan.publish("3")
         # Dropped while the slice lives: the block stays loaned until the slice goes.
         del loan
         gc.collect()

@@ -1,10 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """Reader threads and the interpreter: callbacks, closing, waits, signals and shutdown."""
 
+import gc
 import sys
 import threading
 import textwrap
 import time
+import weakref
 
 import pytest
 
@@ -158,6 +160,35 @@ def test_no_close_returns_while_the_callback_runs(name, kind, first):
     assert reader.closed
 
 
+@pytest.mark.parametrize("kind", ["slot", "pool"])
+def test_callbacks_share_one_python_thread_state_until_close(name, kind):
+    # threading.local lasts from one callback to the next on the reader's thread; the thread's
+    # state, and what it holds, goes when the reader is closed, not at interpreter exit.
+    local, counts, refs = threading.local(), [], []
+
+    class Held:
+        pass
+
+    def callback(block):
+        local.count = getattr(local, "count", 0) + 1
+        counts.append(local.count)
+        if not hasattr(local, "held"):
+            local.held = Held()
+            refs.append(weakref.ref(local.held))
+
+    reader, writer = open_reader_and_writer(kind, name, callback)
+    with writer:
+        for i in range(3):
+            writer.write(b"%d" % i)
+            deadline = time.monotonic() + WAIT
+            while len(counts) <= i and time.monotonic() < deadline:
+                time.sleep(0.01)
+    reader.close()
+    assert counts == [1, 2, 3]
+    gc.collect()
+    assert refs[0]() is None
+
+
 def test_callback_exceptions_are_reported_and_the_reader_goes_on(name, monkeypatch):
     reported = []
     monkeypatch.setattr(sys, "unraisablehook", lambda u: reported.append(u.exc_value))
@@ -222,11 +253,16 @@ def test_get_times_out_and_close_ends_a_waiting_iteration(name):
             reader.get(timeout=0.05)
         with pytest.raises(ValueError, match="negative"):
             reader.get(timeout=-1)
+        with pytest.raises(ValueError, match="negative"):
+            reader.get(timeout=-10**400)
         with pytest.raises(ValueError, match="NaN"):
             reader.get(timeout=float("nan"))
+        with pytest.raises(TypeError, match="^timeout must be a number or None, not str$"):
+            reader.get(timeout="1")
         # Beyond the clock's range means no limit: the block ends the wait, not a TimeoutError.
+        # So does an integer beyond any float.
         with libslot.Writer(name, type="reliable") as writer:
-            for timeout in (1e10, 1e300, float("inf")):
+            for timeout in (1e10, 1e300, float("inf"), 10**400):
                 late = threading.Timer(0.2, writer.write, (b"%r" % timeout,))
                 late.start()
                 assert reader.get(timeout=timeout) == b"%r" % timeout
@@ -274,6 +310,98 @@ def test_blocks_received_before_close_can_still_be_taken(name):
     callback_free.close()
     got += list(callback_free)
     assert got == [b"0", b"1", b"2"]
+
+
+def drain(reader, timeout):
+    """Every block `reader` gives until it is closed and drained or none comes in `timeout`."""
+    got = []
+    while True:
+        try:
+            got.append(reader.get(timeout=timeout))
+        except (TimeoutError, libslot.ReaderClosedError):
+            return got
+
+
+@pytest.mark.parametrize("with_callback", [True, False], ids=["callback", "queue"])
+def test_close_from_another_thread_loses_no_block_of_a_reliable_slot(name, with_callback):
+    # The reader's thread drains the waiting blocks while close() joins it: each block it takes
+    # has left the slot and must reach this reader's callback or queue; the rest stay for the
+    # next reader. Large blocks and no update time make the drain outlast close()'s start.
+    count, size = 64, 1 << 18
+    blocks = [bytes([i]) * size for i in range(count)]
+    config = libslot.SlotConfig(name, type="reliable", update_time=0.0, queue_length=count,
+                                max_size=size)
+    first, inside = [], threading.Event()
+
+    def callback(block):
+        first.append(block)
+        inside.set()
+        time.sleep(0.01)
+
+    with libslot.Writer(config) as writer:
+        assert all(writer.write(b).stored for b in blocks)
+        reader = libslot.Reader(config, callback if with_callback else None)
+        if with_callback:
+            assert inside.wait(WAIT)
+        reader.close()
+        if not with_callback:
+            first = drain(reader, 0)
+        with libslot.Reader(config) as second:
+            rest = drain(second, 1.0)
+    assert len(first) + len(rest) == count
+    assert first + rest == blocks
+
+
+@pytest.mark.parametrize("kind", ["slot", "pool"])
+def test_a_second_close_waits_while_the_first_drops_the_callback(name, kind):
+    # The first close() drops the callback's last reference, whose __del__ lets the GIL go: a
+    # close() on another thread meanwhile must still wait until the reader is stopped, so that
+    # its slot or queue pool takes a new reader at once.
+    dropping, second_done = threading.Event(), []
+
+    class Callback:
+        def __call__(self, block):
+            pass
+
+        def __del__(self):
+            dropping.set()
+            time.sleep(0.5)
+
+    reader, writer = open_reader_and_writer(kind, name, Callback())
+    writer.close()
+
+    def second_close():
+        assert dropping.wait(WAIT)
+        reader.close()
+        try:
+            open_reader_and_writer(kind, name, lambda block: None)[0].close()
+            second_done.append("reopened")
+        except libslot.SlotCreationError as e:
+            second_done.append(str(e))
+
+    closer = threading.Thread(target=second_close)
+    closer.start()
+    reader.close()
+    closer.join(WAIT)
+    assert not closer.is_alive()
+    assert second_done == ["reopened"]
+
+
+def test_a_queue_pool_reader_closed_while_delivering_loses_no_block(name):
+    # A block the reader's thread has taken when close() begins (often while it waits for the
+    # GIL that close() holds) is consumed in the pool: it must reach the callback.
+    config = libslot.PoolConfig(name, kind="queue", block_size=64, blocks=8)
+    with libslot.PoolWriter(config) as writer:
+        for round_ in range(20):
+            blocks = [b"%d.%d" % (round_, i) for i in range(8)]
+            first, rest = [], []
+            with libslot.PoolReader(config, lambda view: first.append(bytes(view))):
+                assert all(writer.write(b).stored for b in blocks)
+            with libslot.PoolReader(config, lambda view: rest.append(bytes(view))):
+                deadline = time.monotonic() + WAIT
+                while len(first) + len(rest) < len(blocks) and time.monotonic() < deadline:
+                    time.sleep(0.01)
+            assert first + rest == blocks
 
 
 def test_ctrl_c_interrupts_a_blocking_get(name):
