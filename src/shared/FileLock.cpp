@@ -82,28 +82,18 @@ int SetLock(int fd, short type) {
     return ::fcntl(fd, F_SETLK, &fl);
 }
 
-// Pid of another process that holds any lock on the file, 0 when none, -1 when unknown.
-pid_t OtherHolder(int fd) {
+// Pid of another process that holds a lock on the file, 0 when none, -1 when unknown. With
+// `anyKind` open-file-description locks count too (F_OFD_GETLK): such a lock names no process,
+// and its holder writes its pid into the file.
+pid_t OtherHolder(int fd, bool anyKind = false) {
     struct flock fl = {};
     fl.l_type = F_WRLCK;
     fl.l_whence = SEEK_SET;
-    if (::fcntl(fd, F_GETLK, &fl) != 0 || fl.l_type == F_UNLCK) {
+    if (::fcntl(fd, anyKind ? F_OFD_GETLK : F_GETLK, &fl) != 0 || fl.l_type == F_UNLCK) {
         return 0;
     }
-    return fl.l_pid > 0 ? fl.l_pid : -1;
-}
-
-// Like OtherHolder, but seeing open-file-description locks too (F_OFD_GETLK): such a lock names
-// no process, and its holder writes its pid into the file.
-pid_t AnyOtherHolder(int fd) {
-    struct flock fl = {};
-    fl.l_type = F_WRLCK;
-    fl.l_whence = SEEK_SET;
-    if (::fcntl(fd, F_OFD_GETLK, &fl) != 0 || fl.l_type == F_UNLCK) {
-        return 0;
-    }
-    if (fl.l_pid > 0) {
-        return fl.l_pid;
+    if (fl.l_pid > 0 || !anyKind) {
+        return fl.l_pid > 0 ? fl.l_pid : -1;
     }
     char text[32] = {0};
     const ssize_t n = ::pread(fd, text, sizeof(text) - 1, 0);
@@ -339,7 +329,7 @@ pid_t FileLock::AnyHolder(const std::string& path) {
         return 0;
     }
     if (const FileLockEntry* entry = Find(st.st_dev, st.st_ino)) {
-        return entry->holder != nullptr ? ::getpid() : AnyOtherHolder(entry->fd);
+        return entry->holder != nullptr ? ::getpid() : OtherHolder(entry->fd, true);
     }
     const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
@@ -352,9 +342,9 @@ pid_t FileLock::AnyHolder(const std::string& path) {
     if (const FileLockEntry* entry = Find(st.st_dev, st.st_ino)) {
         // Swapped in under this name since the look: closing fd would drop our lock.
         registry.parked->push_back(fd);
-        return entry->holder != nullptr ? ::getpid() : AnyOtherHolder(entry->fd);
+        return entry->holder != nullptr ? ::getpid() : OtherHolder(entry->fd, true);
     }
-    const pid_t holder = AnyOtherHolder(fd);
+    const pid_t holder = OtherHolder(fd, true);
     // Not registered, so this process holds no lock on it: closing fd is harmless.
     ::close(fd);
     return holder;

@@ -194,72 +194,59 @@ TEST(DamagedHeaderLock, AQueueHolderWhoseThreadIdWasReusedIsTakenForDead) {
 // newline in a path as "\012". The holder's mapping is found all the same.
 const char* const HolderNameStems[] = {"heldlong", "held\nlong"};
 
-TEST(DamagedHeaderLock, ALiveHolderIsWaitedForBeyondTheBound) {
+// A live holder is waited for: of the header lock beyond the bound for a damaged lock, and of
+// the queue's mutex (as one inside a queue call holds it) without being taken for a dead holder
+// whose mutex may be made anew.
+TEST(DamagedHeaderLock, ALiveHolderOfEitherLockIsWaitedFor) {
     for (const char* stem : HolderNameStems) {
-        SCOPED_TRACE(stem);
-        ScopedSlotName name(stem);
-        ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
-        PipeSignal locked;
-        ChildProcess holder([&] {
-            slot.GetLockable()->lock();
-            locked.Post();
-            // Four times the bound the waiter uses below.
-            ::usleep(1200 * 1000);
-            slot.GetLockable()->unlock();
-            return 0;
-        });
-        ASSERT_TRUE(locked.WaitFor()) << holder.Wait().Describe();
-        const ChildResult waiter = RunInChild([&] {
-            ::setenv("SLOT_CREATION_WAIT_MS", "300", 1);
-            try {
-                slot.GetLockable()->lock();
-            } catch (const std::exception& e) {
-                return Failed(11, std::string("a live holder was given up on: ") + e.what());
-            }
-            slot.GetLockable()->unlock();
-            return 0;
-        });
-        EXPECT_TRUE(waiter.Ok()) << waiter.Describe();
-        EXPECT_TRUE(holder.Wait().Ok());
-    }
-}
-
-// A live process that holds the queue's mutex (as one inside a queue call does) is waited for,
-// not taken for a dead holder whose mutex may be initialised anew.
-TEST(DamagedHeaderLock, ALiveQueueHolderIsWaitedFor) {
-    for (const char* stem : HolderNameStems) {
-        SCOPED_TRACE(stem);
-        ScopedSlotName name(stem);
-        ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
-        PipeSignal locked;
-        ChildProcess holder([&] {
-            testsupport::MappedObject queue(ReliableSlot::GetQueueName(name.str()), true);
-            const SlotImage::QueueImage image = SlotImage::ParseQueue(queue.bytes, queue.size);
-            if (!image.mutex.present) {
-                return Failed(11, "no queue mutex");
-            }
-            pthread_mutex_t* mutex =
-                reinterpret_cast<pthread_mutex_t*>(queue.bytes + image.mutex.offset);
-            pthread_mutex_lock(mutex);
-            locked.Post();
-            ::usleep(600 * 1000);
-            pthread_mutex_unlock(mutex);
-            return 0;
-        });
-        ASSERT_TRUE(locked.WaitFor()) << holder.Wait().Describe();
-        const ChildResult writer = RunInChild([&] {
-            LogCapture log("Slot");
-            slot.GetLockable()->lock();
-            slot.WriteData("one", 3);
-            const size_t waiting = slot.GetBufferLength();
-            slot.GetLockable()->unlock();
-            if (!log.Messages("ERROR").empty()) {
-                return Failed(12, "ERROR: " + log.Messages("ERROR").front());
-            }
-            return waiting == 1 ? 0 : Failed(13, "the block was not stored");
-        });
-        EXPECT_TRUE(writer.Ok()) << writer.Describe();
-        EXPECT_TRUE(holder.Wait().Ok());
+        for (const bool queueMutex : {false, true}) {
+            SCOPED_TRACE(std::string(stem) + (queueMutex ? ": queue mutex" : ": header lock"));
+            ScopedSlotName name(stem);
+            ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+            PipeSignal locked;
+            ChildProcess holder([&] {
+                if (!queueMutex) {
+                    slot.GetLockable()->lock();
+                    locked.Post();
+                    ::usleep(1200 * 1000);  // four times the bound the waiter uses below
+                    slot.GetLockable()->unlock();
+                    return 0;
+                }
+                testsupport::MappedObject queue(ReliableSlot::GetQueueName(name.str()), true);
+                const SlotImage::QueueImage image = SlotImage::ParseQueue(queue.bytes, queue.size);
+                if (!image.mutex.present) {
+                    return Failed(11, "no queue mutex");
+                }
+                pthread_mutex_t* mutex =
+                    reinterpret_cast<pthread_mutex_t*>(queue.bytes + image.mutex.offset);
+                pthread_mutex_lock(mutex);
+                locked.Post();
+                ::usleep(600 * 1000);  // within the queue's bound for a live holder
+                pthread_mutex_unlock(mutex);
+                return 0;
+            });
+            ASSERT_TRUE(locked.WaitFor()) << holder.Wait().Describe();
+            const ChildResult writer = RunInChild([&] {
+                if (!queueMutex) {
+                    ::setenv("SLOT_CREATION_WAIT_MS", "300", 1);
+                }
+                LogCapture log("Slot");
+                try {
+                    slot.GetLockable()->lock();
+                } catch (const std::exception& e) {
+                    return Failed(11, std::string("a live holder was given up on: ") + e.what());
+                }
+                slot.WriteData("one", 3);
+                const size_t waiting = slot.GetBufferLength();
+                slot.GetLockable()->unlock();
+                if (!log.Messages("ERROR").empty()) {
+                    return Failed(12, "ERROR: " + log.Messages("ERROR").front());
+                }
+                return waiting == 1 ? 0 : Failed(13, "the block was not stored");
+            });
+            EXPECT_TRUE(writer.Ok()) << writer.Describe();
+            EXPECT_TRUE(holder.Wait().Ok());
+        }
     }
 }
 
