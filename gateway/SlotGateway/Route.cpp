@@ -9,12 +9,15 @@
 #include <Slot/BoostInterprocess/DiscardingSlotReader.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotNames.h>
 #include <Slot/WriteOutcome.h>
 #include <shared/ISyncEvent.h>
 #include <shared/UtcClock.h>
 
 #include <log4cxx/logger.h>
 #include <boost/thread/thread.hpp>
+
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -317,7 +320,7 @@ void RouteRunner::MaybeStartSending() {
             poolReader_ = reader;
         } else {
             std::unique_ptr<RouteSlotReader> reader(
-                new RouteSlotReader(SlotFactory::CreateSlot(&cfg_), cfg_.GetUpdateTime()));
+                new RouteSlotReader(ReadSlot(), cfg_.GetUpdateTime()));
             if (stop_.set) {
                 return;
             }
@@ -339,6 +342,22 @@ void RouteRunner::MaybeStartSending() {
                                    << route_.name << "' is sent to topic '" << route_.topic
                                    << "' (domain " << route_.domain << ")");
     }
+}
+
+boost::shared_ptr<ISlot> RouteRunner::ReadSlot() {
+    // The header object's identity: a slot removed and made again is another object, which the
+    // kept mapping no longer shows.
+    const auto fileOf = [this] {
+        struct stat st;
+        const std::string path = Slot::ShmPath(Slot::HeaderObjectName(route_.name));
+        return ::stat(path.c_str(), &st) == 0 ? std::make_pair(st.st_dev, st.st_ino)
+                                              : std::make_pair(dev_t(0), ino_t(0));
+    };
+    if (!readSlot_ || fileOf() != readSlotFile_) {
+        readSlot_ = SlotFactory::CreateSlot(&cfg_);
+        readSlotFile_ = fileOf();
+    }
+    return readSlot_;
 }
 
 void RouteRunner::AskToStopSending() {

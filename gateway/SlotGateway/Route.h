@@ -11,12 +11,15 @@
 #include <dds/dds.h>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace SlotGateway {
@@ -113,6 +116,9 @@ private:
 
     std::uint32_t MatchedReaders() const;
 
+    // The discarding slot to read, opened once and kept for restarts (see readSlot_).
+    boost::shared_ptr<ISlot> ReadSlot();
+
     // The state a discarding slot's or pool's reader passes on (0 bytes: an empty state) is
     // published. `written`: a slot's write time of the block; not_a_date_time for a pool's.
     void Send(const void* data, std::size_t size, const boost::posix_time::ptime& written);
@@ -159,8 +165,13 @@ private:
     Clock::time_point readerStarted_;              // control thread only: slotReader_'s start
     Clock::time_point restartAt_;                  // control thread only: no reader before it
     std::chrono::milliseconds restartDelay_{0};    // control thread only: after the next ending
-    std::uint32_t seenMatches_ = 0;                // control thread only
-    std::deque<Clock::time_point> repeats_;        // control thread only
+    // The discarding slot that the reader reads, kept for its restarts: every opening of a slot
+    // clears its last state for all of its processes. Opened anew only when its name has come
+    // to name another object (removed and made again). Control thread only.
+    boost::shared_ptr<ISlot> readSlot_;
+    std::pair<dev_t, ino_t> readSlotFile_{0, 0};
+    std::uint32_t seenMatches_ = 0;          // control thread only
+    std::deque<Clock::time_point> repeats_;  // control thread only
     std::mutex stateMutex_;
     std::vector<std::uint8_t> state_;  // last discarding block sent; guarded by stateMutex_
     std::uint64_t stateSerial_ = 0;    // guarded by stateMutex_

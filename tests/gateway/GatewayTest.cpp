@@ -1017,11 +1017,17 @@ TEST(GatewayDamage, SenderOfADamagedSlotReadsItAgain) {
     testsupport::ScopedSlotName source("gw_dmg_state"), destination("gw_dmg_state_copy");
     const Link link = MakeLink(source, destination, "discarding", 64, 1, 1);
     RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    SlotFactory::CreateSlot(&sourceCfg);
+    boost::shared_ptr<ISlot> local = SlotFactory::CreateSlot(&sourceCfg);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
     Gateway receiving(OneRoute(link.in));
     Gateway sending(OneRoute(link.out));
     ASSERT_TRUE(Eventually([&] { return MatchedAndSending(sending); }, std::chrono::seconds(30)))
         << sending.StatusJson();
+    const std::string before = "before the damage";
+    writer->onNotify(source, before.data(), before.size());
+    // Taken from the queue by the gateway's reader: the slot keeps it as its last state.
+    ASSERT_TRUE(
+        Eventually([&] { return local->GetBufferLength() == 0; }, std::chrono::seconds(20)));
     {
         DamagedObject damage(source);
         ASSERT_TRUE(damage.damaged());
@@ -1031,8 +1037,11 @@ TEST(GatewayDamage, SenderOfADamagedSlotReadsItAgain) {
     }
     ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, std::chrono::seconds(60)))
         << "not read again";
+    // Read again through the slot it had open: opening the slot anew would have cleared its
+    // last state for every process.
+    char last[64];
+    EXPECT_EQ(before, std::string(last, local->ReadData(last, sizeof last)));
     boost::shared_ptr<ISlot> copy = SlotFactory::CreateSlot(&destinationCfg);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
     const std::string state = "after the repair";
     std::string seen;
     // Written again now and then: a state older than the update time is not passed on.
