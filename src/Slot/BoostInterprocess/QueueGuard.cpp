@@ -503,8 +503,10 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
                               ? std::chrono::steady_clock::now() >= ownerless
                               : owner != shared::CurrentThreadId() && !HolderMapsQueue(owner);
         // A holder that let go and ended while it was looked at is gone from the process list
-        // too, but it changed the word first: only an unchanged word was left by a dead holder.
-        if (dead && __atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED) != word) {
+        // too, but it changed the word and the owner first: only a word and owner left as they
+        // were belong to a dead holder.
+        if (dead && (__atomic_load_n(&mutexOwner_->__data.__lock, __ATOMIC_RELAXED) != word ||
+                     shared::MutexOwnerThread(mutexOwner_) != owner)) {
             continue;
         }
         if (dead) {
