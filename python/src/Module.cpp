@@ -167,10 +167,13 @@ std::optional<std::chrono::steady_clock::time_point> Deadline(const py::object& 
     }
     double seconds = PyFloat_AsDouble(timeout.ptr());  // a float, or __float__ / __index__
     if (seconds == -1.0 && PyErr_Occurred()) {
-        if (!PyErr_ExceptionMatches(PyExc_OverflowError)) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError)) {
             PyErr_Clear();
             throw py::type_error(std::string("timeout must be a number or None, not ") +
                                  Py_TYPE(timeout.ptr())->tp_name);
+        }
+        if (!PyErr_ExceptionMatches(PyExc_OverflowError)) {
+            throw py::error_already_set();  // raised by the object's own conversion
         }
         // An integer beyond any float: its sign decides.
         PyErr_Clear();

@@ -259,6 +259,13 @@ def test_get_times_out_and_close_ends_a_waiting_iteration(name):
             reader.get(timeout=float("nan"))
         with pytest.raises(TypeError, match="^timeout must be a number or None, not str$"):
             reader.get(timeout="1")
+
+        class Refusing:  # its own conversion's error is the one raised
+            def __float__(self):
+                raise ArithmeticError("no float here")
+
+        with pytest.raises(ArithmeticError, match="no float here"):
+            reader.get(timeout=Refusing())
         # Beyond the clock's range means no limit: the block ends the wait, not a TimeoutError.
         # So does an integer beyond any float.
         with libslot.Writer(name, type="reliable") as writer:
