@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <SlotGateway/Config.h>
 
+#include <Slot/BoostInterprocess/BaseQueueSlot.h>
 #include <Slot/SlotNames.h>
 
 #include <nlohmann/json.hpp>
@@ -160,6 +161,11 @@ void ParseSlot(const json& entry, Route& route, const Place& place) {
         place.Fail("queue_length",
                    "a discarding slot holds one block; give queue_length only for "
                    "a reliable slot");
+    }
+    // A discarding slot's queue holds one block.
+    if (const std::optional<std::string> problem =
+            BaseQueueSlot::SizeProblem(route.maxSize, route.reliable() ? route.queueLength : 1)) {
+        place.Fail(route.reliable() ? "queue_length" : "max_size", *problem);
     }
 }
 

@@ -88,6 +88,10 @@ TEST(GatewayConfig, ErrorsNameFileEntryAndField) {
          field + "\"max_size\": must be between 1 and 16777216, not 16777217"},
         {OneSlot(R"("queue_length": -3)"),
          field + "\"queue_length\": must be between 1 and 65536, not -3"},
+        // Each within its bounds, but the queue cannot be made.
+        {OneSlot(R"("max_size": 16777216, "queue_length": 65536)"),
+         field + "\"queue_length\": max data size 16777216 and buffer length 65536 exceed what a "
+                 "slot can address"},
         {OneSlot(R"("domain": "0")"), field + "\"domain\": must be an integer, not string"},
         {OneSlot(R"("max_size": 1.5)"), field + "\"max_size\": must be an integer, not number"},
         {OneSlot(R"("domain": 233)"), field + "\"domain\": must be between 0 and 232, not 233"},

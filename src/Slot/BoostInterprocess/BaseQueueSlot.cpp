@@ -46,6 +46,15 @@ bool SizesAreAddressable(std::uint64_t maxDataSize, std::uint64_t bufferLength) 
 
 }  // namespace
 
+std::optional<std::string> BaseQueueSlot::SizeProblem(std::uint64_t maxDataSize,
+                                                      std::uint64_t bufferLength) {
+    if (SizesAreAddressable(maxDataSize, bufferLength)) {
+        return std::nullopt;
+    }
+    return "max data size " + std::to_string(maxDataSize) + " and buffer length " +
+           std::to_string(bufferLength) + " exceed what a slot can address";
+}
+
 BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* name,
                              size_t maxDataSize, size_t bufferLength)
     : logger_(log4cxx::Logger::getLogger("Slot")),
@@ -59,11 +68,8 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
         throw AbortSlotCreationException(std::string(CreationFailurePrefix) + "slot name '" +
                                          name_ + "' " + *problem);
     }
-    if (!SizesAreAddressable(maxDataSize, bufferLength)) {
-        throw AbortSlotCreationException(std::string(CreationFailurePrefix) + "max data size " +
-                                         std::to_string(maxDataSize) + " and buffer length " +
-                                         std::to_string(bufferLength) +
-                                         " exceed what a slot can address");
+    if (const std::optional<std::string> problem = SizeProblem(maxDataSize, bufferLength)) {
+        throw AbortSlotCreationException(std::string(CreationFailurePrefix) + *problem);
     }
     bool createdQueue = false;
     try {

@@ -26,6 +26,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 class QueueGuard;
@@ -98,6 +99,13 @@ public:
     size_t GetBufferLength() const override;
 
     static std::string GetQueueName(const std::string& name);
+
+    // Why a slot of `maxDataSize`-byte blocks and a queue of `bufferLength` cannot be made
+    // ("max data size M and buffer length N exceed what a slot can address": the header and the
+    // queue must each stay within 2 GiB), or nothing when it can. Checked by the constructor;
+    // for tools that check a configuration before they make a slot.
+    static std::optional<std::string> SizeProblem(std::uint64_t maxDataSize,
+                                                  std::uint64_t bufferLength);
     static std::string GetConditionName(const std::string& name);
     static std::string GetRwSyncFileLockName(const std::string& name);
 
