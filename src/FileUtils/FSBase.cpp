@@ -128,6 +128,8 @@ FSBase::FSBase(const IFileOutputCfg& cfg)
       fd_(-1),
       isFifo_(false),
       isRegular_(false),
+      openedDevice_(0),
+      openedInode_(0),
       openedBefore_(false),
       droppingOnFullPipe_(false),
       pipeFullTimeout_(boost::posix_time::seconds(1)),
@@ -201,6 +203,8 @@ void FSBase::ReopenLocked() {
     fd_ = fd;
     isFifo_ = S_ISFIFO(st.st_mode);
     isRegular_ = S_ISREG(st.st_mode);
+    openedDevice_ = st.st_dev;
+    openedInode_ = st.st_ino;
     fileName_ = name;
     folder_ = std::move(folder);
     leaf_ = leaf;
@@ -246,18 +250,21 @@ bool FSBase::PrepareStreamLocked() {
 }
 
 bool FSBase::FileIsStillInPlaceLocked() const {
-    if (fd_ < 0 || !isRegular_) {
+    if (fd_ < 0 || !(isRegular_ || isFifo_)) {
         return true;
     }
-    struct stat opened;
     struct stat named;
-    if (::fstat(fd_, &opened) != 0) {
+    if (::fstatat(folder_.fd(), leaf_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+        // A file that was moved away (rotated) is made anew. A pipe that is gone keeps being
+        // written: a file in its place would stand in the way of the next reader's pipe.
+        return isFifo_;
+    }
+    // A pipe removed and made again (by a new reader) is another pipe: what goes into the old
+    // one reaches nobody.
+    if (isFifo_ && !S_ISFIFO(named.st_mode)) {
         return true;
     }
-    if (::fstatat(folder_.fd(), leaf_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
-        return false;
-    }
-    return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+    return named.st_dev == openedDevice_ && named.st_ino == openedInode_;
 }
 
 void FSBase::SetWriteOutcomeName(const std::string& slotName) {

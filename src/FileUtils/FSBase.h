@@ -154,6 +154,8 @@ private:
     int fd_;                                            // guarded by mutex_; -1 when closed
     bool isFifo_;                                       // guarded by mutex_
     bool isRegular_;                                    // guarded by mutex_
+    dev_t openedDevice_;                                // guarded by mutex_; fd_'s file
+    ino_t openedInode_;                                 // guarded by mutex_; fd_'s file
     bool openedBefore_;                                 // guarded by mutex_
     bool droppingOnFullPipe_;                           // guarded by mutex_
     std::string fileName_;                              // guarded by mutex_

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <chrono>
 #include <climits>
@@ -133,6 +134,26 @@ TEST(PosixPipe, BytesOfWritersInOtherProcessesArriveInOrderAlsoAfterOneHasGone) 
     EXPECT_TRUE(readerLog.Messages("ERROR").empty());
     EXPECT_EQ(1u, readerLog.Count("DEBUG", "Reader thread started for '" + fifo.path + "'"));
     EXPECT_EQ(1u, readerLog.Count("DEBUG", "Reader thread stopped for '" + fifo.path + "'"));
+}
+
+// A pipe removed while a writer has it open: the writer keeps it (a file in its place would
+// stand in the way of the next reader). Made again by a new reader, it is another pipe, and the
+// writer's next block goes into that one, not into the old one that nobody reads.
+TEST(PosixPipe, AWriterFollowsItsPipeMadeAgainAndMakesNoFileInItsPlace) {
+    ScopedFifo fifo;
+    ASSERT_TRUE(fifo.created);
+    PipeWriter w(fifo.path);
+    ASSERT_EQ("", FileUtils::NamedPipeCreator::Remove(fifo.path));
+    w.Write("lost with the old pipe");
+    struct stat st;
+    EXPECT_NE(0, ::lstat(fifo.path.c_str(), &st)) << "something was made in the pipe's place";
+    ASSERT_TRUE(FileUtils::NamedPipeCreator::CreateIfNeeded(fifo.path));
+    FileUtils::PosixFileReader reader(fifo.path, 1000, milliseconds(10));
+    testsupport::Collector got;
+    reader.subscribe(&got);
+    w.Write("after");
+    ASSERT_TRUE(got.WaitForBytes(5)) << "the block went into the removed pipe";
+    reader.unsubscribe(&got);
 }
 
 // Bytes written before the reader opened the pipe reach its first subscriber.
