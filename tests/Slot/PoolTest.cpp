@@ -608,6 +608,46 @@ TEST_F(PoolTest, ASurveyNeverFollowsAGeometryBeingRewritten) {
     EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
 }
 
+// A survey reads a file that shrinks and grows again under it (its owner truncating it): it
+// reports what it read and never faults, as a mapping of the vanished pages would (SIGBUS).
+TEST_F(PoolTest, ASurveySurvivesAFileShrinkingWhileItIsRead) {
+    ScopedPool pool;
+    PoolFactory::CreatePoolWriter(pool.Config("latest", 64, 4));
+    const std::string path = Slot::PoolPath(pool.str());
+    testsupport::ChildProcess truncator([&] {
+        testsupport::DieWithParent();
+        const int fd = ::open(path.c_str(), O_RDWR);
+        Slot::PoolHeader header;
+        if (fd < 0 || ::pread(fd, &header, sizeof(header), 0) != sizeof(header)) {
+            return testsupport::Failed(2, "cannot read the header");
+        }
+        std::vector<unsigned char> tables(header.dataOffset);
+        if (::pread(fd, tables.data(), tables.size(), 0) != static_cast<ssize_t>(tables.size())) {
+            return testsupport::Failed(3, "cannot read the tables");
+        }
+        for (;;) {
+            if (::ftruncate(fd, 0) != 0 ||
+                ::ftruncate(fd, static_cast<off_t>(header.totalSize)) != 0 ||
+                ::pwrite(fd, tables.data(), tables.size(), 0) !=
+                    static_cast<ssize_t>(tables.size())) {
+                return testsupport::Failed(4, "cannot truncate and restore the file");
+            }
+        }
+    });
+    const testsupport::ChildResult surveys = testsupport::RunInChild([&] {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+        for (int i = 0; i < 50000 && std::chrono::steady_clock::now() < end; ++i) {
+            Slot::SurveyPool(pool.str());
+        }
+        return 0;
+    });
+    testsupport::ChildResult ended;
+    EXPECT_FALSE(truncator.Poll(&ended)) << ended.Describe();
+    truncator.Kill(SIGKILL);
+    truncator.Wait();
+    EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
+}
+
 // Anyone may plant a FIFO in the pools' folder: opening the pool or surveying it refuses it at
 // once instead of waiting for a writer of the FIFO.
 TEST_F(PoolTest, AFifoUnderAPoolsNameIsRefusedWithoutWaiting) {
