@@ -106,6 +106,12 @@ void UnlockByte(int fd, std::uint64_t byte) {
     LockOneByte(fd, F_UNLCK, byte);
 }
 
+std::string Octal(mode_t mode) {
+    char text[8];
+    ::snprintf(text, sizeof(text), "%04o", static_cast<unsigned>(mode));
+    return text;
+}
+
 [[noreturn]] void Refuse(const std::string& name, const std::string& why) {
     throw AbortSlotCreationException("Cannot open pool '" + name + "': " + why);
 }
@@ -475,6 +481,18 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
     struct stat st;
     if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         Refuse(name, "not a regular file");
+    }
+    // The folder is open to all: a file planted by another user (or one others may write)
+    // could be rewritten or truncated under its users (SIGBUS). A pool of this user's own
+    // that others may write was made by an earlier build: it is made 0644, as pools now are.
+    if (!shared::OwnedByRootOrMe(st)) {
+        Refuse(name, "the file belongs to uid " + std::to_string(st.st_uid) +
+                         ", not to root or this user");
+    }
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        if (st.st_uid != ::geteuid() || ::fchmod(fd.fd, 0644) != 0) {
+            Refuse(name, "others may write the file (mode " + Octal(st.st_mode & 07777) + ")");
+        }
     }
     const std::uint64_t fileSize = static_cast<std::uint64_t>(st.st_size);
     if (fileSize < sizeof(PoolHeader)) {

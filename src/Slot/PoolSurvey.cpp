@@ -8,12 +8,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <tuple>
 
@@ -37,10 +38,25 @@ void AddPid(std::vector<pid_t>& pids, pid_t pid) {
 // A process of another pid namespace: its namespace and its pid there.
 using ForeignProcess = std::tuple<std::uint64_t, std::uint64_t, pid_t>;
 
-// Counts what the mapped pool shows. The mapping is private and writable so that atomic loads
-// work on every target; nothing is written back to the file. The geometry is the `checked`
-// copy's: the mapped one may be rewritten while it is read. `fd` is the file's descriptor, to
-// test the locks of other pid namespaces' processes.
+// Reads `size` bytes from the start of the file; false when it ends before.
+bool ReadAll(int fd, unsigned char* into, std::size_t size) {
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t got = ::pread(fd, into + done, size - done, static_cast<off_t>(done));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            return false;
+        }
+        done += static_cast<std::size_t>(got);
+    }
+    return true;
+}
+
+// Counts what a copy of the pool's tables shows (read, not mapped: the file may shrink while it
+// is read). The geometry is the `checked` copy's: the file may be rewritten while it is read. `fd`
+// is the file's descriptor, to test the locks of other pid namespaces' processes.
 void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked, int fd) {
     PoolHeader& header = *reinterpret_cast<PoolHeader*>(base);
     auto* attachments = reinterpret_cast<PoolAttachmentSlot*>(base + checked.attachmentOffset);
@@ -202,18 +218,24 @@ PoolReport SurveyPool(const std::string& name) {
             report.kind = header.kind == LatestKind ? "latest" : "queue";
             report.maxBlockSize = static_cast<std::size_t>(header.maxBlockSize);
             report.blockCount = static_cast<std::size_t>(header.blockCount);
-            // Only the tables are mapped, not the blocks' data.
+            // Only the tables are read, into a copy: a mapping of a file that shrinks while
+            // it is read faults (SIGBUS). Their size follows from the checked geometry, at
+            // most that of the largest block count.
+            PoolGeometry largest;
+            ComputePoolGeometry(1, MaxPoolBlocks, largest);
             const std::size_t size = static_cast<std::size_t>(header.dataOffset);
-            void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, 0);
-            if (base == MAP_FAILED) {
-                Damaged(report, std::string("cannot map it: ") + std::strerror(errno));
+            void* base = nullptr;
+            if (size > largest.dataOffset || ::posix_memalign(&base, 64, size) != 0) {
+                Damaged(report, "cannot read its tables of " + std::to_string(size) + " bytes");
             } else {
-                if (std::memcmp(base, &header, offsetof(PoolHeader, publishCount)) != 0) {
+                std::unique_ptr<void, decltype(&std::free)> copy(base, &std::free);
+                if (!ReadAll(fd, static_cast<unsigned char*>(base), size)) {
+                    Damaged(report, "the file shrank while it was read");
+                } else if (std::memcmp(base, &header, offsetof(PoolHeader, publishCount)) != 0) {
                     Damaged(report, "its geometry changed while it was read");
                 } else {
                     Count(report, static_cast<unsigned char*>(base), header, fd);
                 }
-                ::munmap(base, size);
             }
         }
     }

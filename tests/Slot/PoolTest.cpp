@@ -135,24 +135,34 @@ TEST_F(PoolTest, ConfigurationIsCheckedAndLaterOpenersGetTheCreatorsGeometry) {
 }
 
 // A pool belongs to its creator, as a slot does: another user may survey it but not attach, so
-// nobody else can truncate it under its users or rewrite its blocks.
+// nobody else can truncate it under its users or rewrite its blocks. Nobody attaches to a pool
+// file of another user (one planted under the name) or one others may write; a pool of one's
+// own made writable for all by an earlier build is made 0644.
 TEST_F(PoolTest, OnlyThePoolsOwnerAttaches) {
     ScopedPool pool;
+    const std::string path = Slot::PoolPath(pool.str());
     auto writer = PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2));
-    struct stat st;
-    ASSERT_EQ(0, ::stat(Slot::PoolPath(pool.str()).c_str(), &st));
-    EXPECT_EQ(0644u, st.st_mode & 07777);
+    auto mode = [&] {
+        struct stat st;
+        return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+    };
+    EXPECT_EQ(0644u, mode());
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0666));
+    PoolFactory::CreatePoolReader(pool.Config("queue", 64, 2));
+    EXPECT_EQ(0644u, mode());
     if (::geteuid() != 0) {
-        return;  // another user's attempt needs root to become that user
+        GTEST_SKIP() << "another user's attempts need root to become that user";
     }
-    const testsupport::ChildResult result = testsupport::RunInChild([&] {
-        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
-            return testsupport::Failed(2, "cannot become nobody");
-        }
-        if (Slot::SurveyPool(pool.str()).blockCount != 2) {
-            return testsupport::Failed(3, "no survey");
-        }
-        const std::string refused = "Cannot open pool '" + pool.str() + "': Permission denied";
+    auto asNobody = [](const std::function<int()>& action) {
+        const testsupport::ChildResult result = testsupport::RunInChild([&] {
+            if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+                return testsupport::Failed(2, "cannot become nobody");
+            }
+            return action();
+        });
+        EXPECT_TRUE(result.Ok()) << result.Describe();
+    };
+    auto attaching = [&](const std::string& refused) {
         if (Thrown([&] { PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2)); }) !=
             refused) {
             return testsupport::Failed(4, "writer attached");
@@ -164,8 +174,22 @@ TEST_F(PoolTest, OnlyThePoolsOwnerAttaches) {
             return testsupport::Failed(5, "reader attached");
         }
         return 0;
+    };
+    const std::string prefix = "Cannot open pool '" + pool.str() + "': ";
+    asNobody([&] {
+        if (Slot::SurveyPool(pool.str()).blockCount != 2) {
+            return testsupport::Failed(3, "no survey");
+        }
+        return attaching(prefix + "Permission denied");
     });
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+    // Root's file that others may write: another user refuses it and leaves it as it is.
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0666));
+    asNobody([&] { return attaching(prefix + "others may write the file (mode 0666)"); });
+    EXPECT_EQ(0666u, mode());
+    // A file planted by another user: root refuses it.
+    ASSERT_EQ(0, ::chown(path.c_str(), 65534, 65534));
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0644));
+    EXPECT_EQ(0, attaching(prefix + "the file belongs to uid 65534, not to root or this user"));
 }
 
 TEST_F(PoolTest, LoansRecordTheirOutcomesAndDroppedLoansReturn) {
@@ -581,6 +605,46 @@ TEST_F(PoolTest, ASurveyNeverFollowsAGeometryBeingRewritten) {
     });
     scribbler.Kill(SIGKILL);
     scribbler.Wait();
+    EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
+}
+
+// A survey reads a file that shrinks and grows again under it (its owner truncating it): it
+// reports what it read and never faults, as a mapping of the vanished pages would (SIGBUS).
+TEST_F(PoolTest, ASurveySurvivesAFileShrinkingWhileItIsRead) {
+    ScopedPool pool;
+    PoolFactory::CreatePoolWriter(pool.Config("latest", 64, 4));
+    const std::string path = Slot::PoolPath(pool.str());
+    testsupport::ChildProcess truncator([&] {
+        testsupport::DieWithParent();
+        const int fd = ::open(path.c_str(), O_RDWR);
+        Slot::PoolHeader header;
+        if (fd < 0 || ::pread(fd, &header, sizeof(header), 0) != sizeof(header)) {
+            return testsupport::Failed(2, "cannot read the header");
+        }
+        std::vector<unsigned char> tables(header.dataOffset);
+        if (::pread(fd, tables.data(), tables.size(), 0) != static_cast<ssize_t>(tables.size())) {
+            return testsupport::Failed(3, "cannot read the tables");
+        }
+        for (;;) {
+            if (::ftruncate(fd, 0) != 0 ||
+                ::ftruncate(fd, static_cast<off_t>(header.totalSize)) != 0 ||
+                ::pwrite(fd, tables.data(), tables.size(), 0) !=
+                    static_cast<ssize_t>(tables.size())) {
+                return testsupport::Failed(4, "cannot truncate and restore the file");
+            }
+        }
+    });
+    const testsupport::ChildResult surveys = testsupport::RunInChild([&] {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+        for (int i = 0; i < 50000 && std::chrono::steady_clock::now() < end; ++i) {
+            Slot::SurveyPool(pool.str());
+        }
+        return 0;
+    });
+    testsupport::ChildResult ended;
+    EXPECT_FALSE(truncator.Poll(&ended)) << ended.Describe();
+    truncator.Kill(SIGKILL);
+    truncator.Wait();
     EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
 }
 
