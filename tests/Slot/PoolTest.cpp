@@ -1273,7 +1273,7 @@ TEST_F(PoolTest, AForkedChildsCopiesOfHoldsLoansAndReadersLeaveTheParentsAlone) 
 TEST_F(PoolTest, AReaperKilledHalfWayIsTakenOverWhileItsForkedChildRuns) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 2);
-    testsupport::PipeSignal victimLoaned, reaperReady, victimGone;
+    testsupport::PipeSignal victimLoaned, reaperReady, victimGone, forkedRuns;
     testsupport::ChildProcess victim([&] {
         testsupport::DieWithParent();
         auto writer = PoolFactory::CreatePoolWriter(config);
@@ -1295,9 +1295,15 @@ TEST_F(PoolTest, AReaperKilledHalfWayIsTakenOverWhileItsForkedChildRuns) {
         const pid_t child = ::fork();
         if (child == 0) {
             ::alarm(60);  // killed by the test, which a failure may skip
+            forkedRuns.Post();
             for (;;) {
                 ::pause();
             }
+        }
+        // Until a child first runs, it shares the lock descriptions: it closes its copies in
+        // fork() itself, on its own side.
+        if (!forkedRuns.WaitFor()) {
+            return 5;
         }
         forked->store(child);
         reaperReady.Post();
