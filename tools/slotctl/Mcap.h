@@ -69,8 +69,12 @@ public:
     void Close();
 
     const std::string& Path() const { return path_; }
-    // Bytes of the file so far, buffered ones included.
+    // Bytes of the file so far, buffered ones included; the open chunk is not among them.
     std::uint64_t Size() const { return written_ + out_.size(); }
+    // The open chunk's bytes before compression (0 without compression).
+    std::uint64_t OpenChunkSize() const { return chunk_.size(); }
+    // Closes the open chunk now, so that Size() counts it.
+    void EndChunk() { CloseChunk(); }
 
 private:
     void Record(std::uint8_t opcode, const std::string& content);
