@@ -121,9 +121,10 @@ private:
 // Reads a recording, turning a file that cannot be opened into a command error.
 mcap::ReadResult ReadFile(
     const std::string& path,
-    const std::function<bool(const mcap::Message&, const mcap::Channel&)>& cb) {
+    const std::function<bool(const mcap::Message&, const mcap::Channel&)>& cb,
+    bool needData = true) {
     try {
-        return mcap::Read(path, cb);
+        return mcap::Read(path, cb, needData);
     } catch (const mcap::Error& e) {
         throw CommandError(ExitFailure, e.what());
     }
@@ -441,7 +442,8 @@ int RecordingInfo(const std::string& path) {
             first = std::min(first, message.logTime);
             last = std::max(last, message.logTime);
             return !StopSignals::Received();
-        });
+        },
+        false);
     std::ostringstream out;
     out << "recording " << Printable(path) << "\n";
     out << "  state:     "

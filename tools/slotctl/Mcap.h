@@ -120,8 +120,12 @@ struct ReadResult {
 // Reads the file's records in order and calls `onMessage` for each message (with its channel);
 // `onMessage` returns false to stop. Every length is checked against what the file holds: a
 // torn or hostile file ends the reading with `problem` set, never anything worse. A file cut
-// short is read up to its last whole record (chunks: its last whole chunk).
+// short is read up to its last whole record (chunks: its last whole chunk). Without `needData`,
+// a message outside a chunk comes with its size and no data (null): its bytes are only checked,
+// a piece at a time. Records this reader ignores are never held whole; a message or chunk record
+// larger than any the recorder writes is damage.
 ReadResult Read(const std::string& path,
-                const std::function<bool(const Message&, const Channel&)>& onMessage);
+                const std::function<bool(const Message&, const Channel&)>& onMessage,
+                bool needData = true);
 
 }  // namespace mcap
