@@ -301,6 +301,32 @@ TEST(SlotctlMcapFile, HugeRecordsAreReadInPiecesOrRefused) {
     ::unlink(path.c_str());
 }
 
+// A stop signal while reading a recording ends read and info with status 130, and info shows no
+// state for the part it read.
+TEST(SlotctlMcapFile, AStopWhileReadingARecordingEndsWithStatus130) {
+    const std::string path = RecordingPath("stopped");
+    // Records to check between messages: reading takes seconds, so the signal comes part way.
+    std::vector<std::pair<std::uint8_t, std::uint64_t>> records;
+    for (int i = 0; i < 16; ++i) {
+        records.emplace_back(0x09, std::uint64_t(256) << 20);
+        records.emplace_back(0x05, 23);
+    }
+    WriteSparse(path, records);
+    for (const std::string command : {"info", "read"}) {
+        const bool read = command == "read";
+        Background reading(read ? std::vector<std::string>{command, path, "--format", "raw"}
+                                : std::vector<std::string>{command, path},
+                           0, read ? "/dev/null" : "");
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        reading.Signal(SIGINT);
+        const Outcome run = reading.Finish();
+        EXPECT_EQ(130, run.status) << command << ": " << run.Describe();
+        EXPECT_EQ("", run.out) << command;
+        EXPECT_EQ("", run.err) << command;
+    }
+    ::unlink(path.c_str());
+}
+
 // A file whose header cannot be written (here: past the file size limit, as on a full disk)
 // is not left behind, nor is its descriptor.
 TEST(SlotctlMcapFile, AWriterThatCannotWriteItsHeaderLeavesNoFileAndNoDescriptor) {
