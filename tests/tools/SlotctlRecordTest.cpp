@@ -20,6 +20,7 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -222,6 +223,108 @@ TEST(SlotctlMcapFile, HostileFilesEndWithAProblemNeverACrash) {
         std::chrono::seconds(10));
     ::unlink(fifo.c_str());
     EXPECT_TRUE(opened.Ok()) << opened.Describe();
+}
+
+// A sparse recording: a header, channel 1, then records of which only the heads (and a
+// message's fields) are written; the rest of each record is a hole, which reads as zeros and
+// takes no disk. `records` holds each record's opcode and length.
+void WriteSparse(const std::string& path,
+                 const std::vector<std::pair<std::uint8_t, std::uint64_t>>& records) {
+    std::string bytes("\x89MCAP0\r\n", 8);
+    auto put = [&](std::uint64_t value, int size) {
+        for (int i = 0; i < size; ++i) {
+            bytes += static_cast<char>((value >> (8 * i)) & 0xff);
+        }
+    };
+    auto putString = [&](const std::string& text) {
+        put(text.size(), 4);
+        bytes += text;
+    };
+    put(0x01, 1);
+    put(4 + 4 + 4, 8);
+    putString("");
+    putString("test");
+    put(0x04, 1);
+    put(2 + 2 + 4 + 1 + 4 + 24 + 4, 8);
+    put(1, 2);
+    put(0, 2);
+    putString("t");
+    putString("application/octet-stream");
+    put(0, 4);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0);
+    std::uint64_t offset = 0;  // where `bytes` go
+    for (const auto& record : records) {
+        const std::uint64_t end = offset + bytes.size() + 9 + record.second;
+        put(record.first, 1);
+        put(record.second, 8);
+        if (record.first == 0x05) {
+            put(1, 2);
+            put(1, 4);
+            put(1000, 8);
+            put(1000, 8);
+        }
+        ASSERT_EQ(ssize_t(bytes.size()), ::pwrite(fd, bytes.data(), bytes.size(), off_t(offset)));
+        offset = end;
+        bytes.clear();
+    }
+    ASSERT_EQ(0, ::ftruncate(fd, off_t(offset)));
+    ::close(fd);
+}
+
+// A record's apparent size never becomes memory: records the reader ignores and the data of
+// messages info only counts are read a piece at a time (for the CRC); a message larger than any
+// block a recording holds is damage.
+TEST(SlotctlMcapFile, HugeRecordsAreReadInPiecesOrRefused) {
+    const std::string path = RecordingPath("huge");
+    const std::uint64_t big = std::uint64_t(600) << 20;
+    WriteSparse(path, {{0x09, big}, {0x05, 22 + big}});
+    const Outcome info = Slotctl({"info", path});
+    EXPECT_EQ(0, info.status) << info.Describe();
+    EXPECT_THAT(info.out, HasSubstr("  blocks:    1\n"));
+    EXPECT_THAT(info.out, HasSubstr("not closed (the file ends without its summary)"));
+    rusage usage{};
+    ASSERT_EQ(0, ::getrusage(RUSAGE_CHILDREN, &usage));
+    EXPECT_LT(usage.ru_maxrss, 300 * 1024) << "KiB at most, of any slotctl run so far";
+    ::unlink(path.c_str());
+
+    const std::uint64_t tooBig = 22 + 0xffffffffull + 1;
+    WriteSparse(path, {{0x05, tooBig}});
+    for (const std::string command : {"info", "read"}) {
+        const Outcome run = Slotctl({command, path});
+        EXPECT_EQ(1, run.status) << run.Describe();
+        EXPECT_THAT(run.out + run.err,
+                    HasSubstr("damaged at byte 79: a message record of " + std::to_string(tooBig) +
+                              " bytes, more than the largest block a recording holds "
+                              "(4294967295 bytes)"));
+    }
+    ::unlink(path.c_str());
+}
+
+// A stop signal while reading a recording ends read and info with status 130, and info shows no
+// state for the part it read.
+TEST(SlotctlMcapFile, AStopWhileReadingARecordingEndsWithStatus130) {
+    const std::string path = RecordingPath("stopped");
+    // Records to check between messages: reading takes seconds, so the signal comes part way.
+    std::vector<std::pair<std::uint8_t, std::uint64_t>> records;
+    for (int i = 0; i < 16; ++i) {
+        records.emplace_back(0x09, std::uint64_t(256) << 20);
+        records.emplace_back(0x05, 23);
+    }
+    WriteSparse(path, records);
+    for (const std::string command : {"info", "read"}) {
+        const bool read = command == "read";
+        Background reading(read ? std::vector<std::string>{command, path, "--format", "raw"}
+                                : std::vector<std::string>{command, path},
+                           0, read ? "/dev/null" : "");
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        reading.Signal(SIGINT);
+        const Outcome run = reading.Finish();
+        EXPECT_EQ(130, run.status) << command << ": " << run.Describe();
+        EXPECT_EQ("", run.out) << command;
+        EXPECT_EQ("", run.err) << command;
+    }
+    ::unlink(path.c_str());
 }
 
 // A file whose header cannot be written (here: past the file size limit, as on a full disk)
@@ -489,6 +592,47 @@ INSTANTIATE_TEST_SUITE_P(BySizeAndByTime, SlotctlRecordSplit, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool>& info) {
                              return info.param ? "ByTime" : "BySize";
                          });
+
+// With zstd the open chunk (up to 1 MiB before compression) counts towards --split-size:
+// incompressible blocks make parts near the size asked for, and every block is in one of them.
+TEST(SlotctlRecord, CompressedPartsKeepTheirSplitSize) {
+    if (!mcap::ZstdBuiltIn()) {
+        GTEST_SKIP() << "zstd is not built in";
+    }
+    ScopedSlotName name("zsplit");
+    std::mt19937 random(7);
+    std::vector<std::string> blocks(300);
+    for (std::string& block : blocks) {
+        for (int i = 0; i < 10000; ++i) {
+            block += static_cast<char>(random());
+        }
+    }
+    {
+        const SlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(100), blocks.size() + 8,
+                          10240);
+        ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+        for (const std::string& block : blocks) {
+            writer->onNotify(name, block.data(), block.size());
+        }
+    }
+    const std::string path = RecordingPath("zsplit");
+    const Outcome run = Slotctl({"record", "-o", path, "--compression", "zstd", "--split-size",
+                                 "100K", "--count", "300", name.str()});
+    ASSERT_EQ(0, run.status) << run.Describe();
+    std::vector<std::string> got;
+    const std::vector<std::string> parts = Parts(path);
+    for (const std::string& part : parts) {
+        const Recording recorded = ReadRecording(part);
+        EXPECT_TRUE(recorded.result.complete) << part << ": " << recorded.result.problem;
+        got.insert(got.end(), recorded.blocks.begin(), recorded.blocks.end());
+        struct stat st {};
+        ASSERT_EQ(0, ::stat(part.c_str(), &st));
+        EXPECT_LT(st.st_size, 200 * 1024) << part;
+        ::unlink(part.c_str());
+    }
+    EXPECT_GE(parts.size(), 20u);
+    EXPECT_EQ(blocks, got);
+}
 
 TEST(SlotctlRecord, AKilledRecorderLeavesAFileReadToItsLastRecord) {
     for (const std::string& compression : Compressions()) {

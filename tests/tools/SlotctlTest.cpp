@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "Files.h"
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
@@ -17,6 +18,8 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/interprocess/shared_memory_object.hpp>
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <csignal>
@@ -409,6 +412,73 @@ TEST(SlotctlReadWrite, AFailingStandardOutputIsAnErrorAndLosesNoBlockUnsaid) {
         const Outcome run = Slotctl(args, full);
         EXPECT_EQ(1, run.status) << args[0] << "\n" << run.Describe();
         EXPECT_EQ(failure, run.err) << args[0];
+    }
+}
+
+// A standard output that takes nothing (a FIFO nobody drains) still ends read at a stop signal
+// (130) and at --timeout (124), with the blocks taken and not written counted; the reader's
+// claim goes with the process, and the blocks it did not take wait for the next reader.
+TEST(SlotctlReadWrite, AStalledStandardOutputEndsAtAStopSignalAndAtTheTimeOut) {
+    for (const bool timeOut : {false, true}) {
+        ScopedSlotName name("stalled");
+        const LockFileGone lockFile(name);
+        const size_t blocks = 20, size = 10000;
+        std::string input;
+        for (size_t i = 0; i < blocks; ++i) {
+            input += std::string(size, static_cast<char>('a' + i)) + "\n";
+        }
+        const Outcome write = Slotctl({"write", name.str(), "--type", "reliable", "--queue", "20",
+                                       "--max-size", "10240", "--lines"},
+                                      Options{input, std::chrono::seconds(60)});
+        ASSERT_EQ(0, write.status) << write.Describe();
+        const std::string fifo = testsupport::TestRunDir() + "/" + testsupport::UniqueName("out");
+        ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+        const int undrained = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        std::vector<std::string> args = {"read", name.str(), "--follow", "--format", "raw"};
+        if (timeOut) {
+            args.insert(args.end(), {"--timeout", "1000"});
+        }
+        Background reader(args, 0, fifo);
+        EXPECT_TRUE(reader.WaitForErr("slotctl: reading"));
+        ::unlink(fifo.c_str());  // opened by then
+        int held = 0;
+        EXPECT_TRUE(testsupport::Eventually(
+            [&] { return ::ioctl(undrained, FIONREAD, &held) == 0 && held >= 60000; },
+            std::chrono::seconds(30)));
+        if (!timeOut) {
+            reader.Signal(SIGINT);
+        }
+        const Outcome run = reader.Finish(std::chrono::seconds(30));
+        ::ioctl(undrained, FIONREAD, &held);
+        ::close(undrained);
+        EXPECT_FALSE(run.timedOut) << run.Describe();
+        EXPECT_EQ(timeOut ? 124 : 130, run.status) << run.Describe();
+        const std::vector<std::string> errLines = run.ErrLines();
+        ASSERT_FALSE(errLines.empty()) << run.Describe();
+        const std::vector<std::string> words = slotctltest::Words(errLines.back());
+        ASSERT_EQ(9u, words.size()) << run.Describe();
+        const size_t unwritten = std::stoul(words[1]);
+        const size_t written = static_cast<size_t>(held) / size;
+        EXPECT_EQ("slotctl: reading '" + name.str() + "' (reliable)\n" +
+                      (timeOut ? "slotctl: cannot write standard output: it took nothing within "
+                                 "the time-out\n"
+                               : "") +
+                      "slotctl: " + std::to_string(unwritten) +
+                      (unwritten == 1 ? " block" : " blocks") + " taken from '" + name.str() +
+                      "' and not written\n",
+                  run.err);
+        ASSERT_LE(written + unwritten, blocks) << run.Describe();
+        if (written + unwritten == blocks) {
+            continue;
+        }
+        // The next reader gets the next block: the claim went, and (after a time-out, when the
+        // reader was stopped in order) none was taken unsaid.
+        const Outcome next =
+            Slotctl({"read", name.str(), "--count", "1", "--format", "raw", "--timeout", "20000"});
+        EXPECT_EQ(0, next.status) << next.Describe();
+        if (timeOut) {
+            EXPECT_EQ(std::string(size, static_cast<char>('a' + written + unwritten)), next.out);
+        }
     }
 }
 

@@ -2,18 +2,24 @@
 #include "Cli.h"
 
 #include "Names.h"
+#include "Signals.h"
 
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotNames.h>
 #include <Slot/SlotText.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstdint>
 #include <cstring>
 #include <iostream>
 
@@ -187,11 +193,112 @@ std::string RightAligned(const std::string& text, size_t width) {
     return columns >= width ? text : std::string(width - columns, ' ') + text;
 }
 
-bool WriteOut(const std::string& bytes) {
+namespace {
+
+// How standard output is written. A pipe, FIFO or socket may stall when nobody drains it, and
+// the stop signals only reach us through their descriptor: such an output is written without
+// blocking and waited for together with that descriptor. The stall costs nothing while the
+// output takes everything at once.
+struct Output {
+    int fd = STDOUT_FILENO;
+    bool socket = false;      // send() with MSG_DONTWAIT
+    bool polled = false;      // no own non-blocking descriptor: wait for room before each write
+    size_t piece = SIZE_MAX;  // most bytes one polled write may carry without blocking
+};
+
+const Output& StandardOutput() {
+    static const Output output = [] {
+        Output out;
+        struct stat st;
+        if (::fstat(STDOUT_FILENO, &st) != 0) {
+            return out;
+        }
+        if (S_ISFIFO(st.st_mode)) {
+            // O_NONBLOCK on the inherited descriptor would change it for every process sharing
+            // it; a descriptor of our own for the same pipe carries the flag alone.
+            const int own = ::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            struct stat ownSt;
+            if (own >= 0 && ::fstat(own, &ownSt) == 0 && ownSt.st_dev == st.st_dev &&
+                ownSt.st_ino == st.st_ino) {
+                out.fd = own;
+            } else {
+                if (own >= 0) {
+                    ::close(own);
+                }
+                // Room for one page, reported by poll, takes PIPE_BUF bytes without blocking.
+                out.polled = true;
+                out.piece = PIPE_BUF;
+            }
+        } else if (S_ISSOCK(st.st_mode)) {
+            out.socket = true;
+        } else if (S_ISCHR(st.st_mode) && ::isatty(STDOUT_FILENO)) {
+            out.polled = true;  // a terminal stopped with Ctrl-S
+        }
+        return out;
+    }();
+    return output;
+}
+
+enum class Room { Ready, Stopped, TimedOut };
+
+// Waits until `fd` takes bytes, a stop signal arrives or `deadline` passes (none when
+// `timeoutMs` < 0).
+Room WaitForRoom(int fd, int timeoutMs, std::chrono::steady_clock::time_point deadline) {
+    for (;;) {
+        if (StopSignals::Received()) {
+            return Room::Stopped;
+        }
+        int waitMs = -1;
+        if (timeoutMs >= 0) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) {
+                return Room::TimedOut;
+            }
+            waitMs = static_cast<int>(left.count());
+        }
+        pollfd fds[2] = {{StopSignals::Fd(), POLLIN, 0}, {fd, POLLOUT, 0}};
+        const int r = ::poll(fds, 2, waitMs);
+        if (r > 0 && fds[1].revents != 0 && !StopSignals::Received()) {
+            return Room::Ready;  // room, or an error the write reports
+        }
+    }
+}
+
+}  // namespace
+
+bool WriteOut(const std::string& bytes, int timeoutMs) {
+    const Output& out = StandardOutput();
+    std::chrono::steady_clock::time_point deadline;
+    bool waited = false;
+    auto wait = [&] {
+        if (!waited && timeoutMs >= 0) {
+            deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        }
+        waited = true;
+        const Room room = WaitForRoom(out.fd, timeoutMs, deadline);
+        if (room != Room::Ready) {
+            errno = room == Room::Stopped ? OutputStopped : OutputTimedOut;
+            return false;
+        }
+        return true;
+    };
     size_t done = 0;
     while (done < bytes.size()) {
-        const ssize_t n = ::write(STDOUT_FILENO, bytes.data() + done, bytes.size() - done);
+        const size_t size = std::min(bytes.size() - done, out.piece);
+        if (out.polled && !wait()) {
+            return false;
+        }
+        const ssize_t n =
+            out.socket ? ::send(out.fd, bytes.data() + done, size, MSG_DONTWAIT | MSG_NOSIGNAL)
+                       : ::write(out.fd, bytes.data() + done, size);
         if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (!wait()) {
+                return false;
+            }
             continue;
         }
         if (n <= 0) {
@@ -206,15 +313,24 @@ bool WriteOut(const std::string& bytes) {
 }
 
 std::string OutputFailure(int error) {
-    if (error == EPIPE) {
+    if (error == EPIPE || error == OutputStopped) {
         return "";
+    }
+    if (error == OutputTimedOut) {
+        return "cannot write standard output: it took nothing within the time-out";
     }
     return std::string("cannot write standard output: ") + std::strerror(error);
 }
 
+int OutputStatus(int error) {
+    return error == OutputStopped    ? ExitInterrupted
+           : error == OutputTimedOut ? ExitTimedOut
+                                     : ExitFailure;
+}
+
 void PrintOut(const std::string& text) {
     if (!WriteOut(text)) {
-        throw CommandError(ExitFailure, OutputFailure(errno));
+        throw CommandError(OutputStatus(errno), OutputFailure(errno));
     }
 }
 
@@ -223,7 +339,7 @@ int OutputFailed(int error) {
     if (!why.empty()) {
         std::cerr << "slotctl: " << why << std::endl;
     }
-    return ExitFailure;
+    return OutputStatus(error);
 }
 
 }  // namespace slotctl

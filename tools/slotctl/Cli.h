@@ -3,6 +3,7 @@
 
 #include <Slot/SlotText.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -96,20 +97,31 @@ std::vector<size_t> CharacterStarts(const std::string& text);
 std::string Padded(const std::string& text, size_t width);
 std::string RightAligned(const std::string& text, size_t width);
 
+// errno values WriteOut gives when it stopped waiting for standard output to take bytes: a stop
+// signal arrived, or its time-out passed.
+constexpr int OutputStopped = ECANCELED;
+constexpr int OutputTimedOut = ETIMEDOUT;
+
 // Writes all of `bytes` to standard output; false when it is gone (EPIPE) or fails, with the
-// reason in errno.
-bool WriteOut(const std::string& bytes);
+// reason in errno. A pipe or socket that takes nothing is waited for until a stop signal
+// (OutputStopped) or, with `timeoutMs` >= 0, until that many ms passed (OutputTimedOut).
+bool WriteOut(const std::string& bytes, int timeoutMs = -1);
 
 // Why standard output failed with `error`, as said on stderr after "slotctl: ": "cannot write
-// standard output: <reason>"; empty for a closed pipe (EPIPE), which ends quietly.
+// standard output: <reason>"; empty for a closed pipe (EPIPE) and a stop signal, which end
+// quietly.
 std::string OutputFailure(int error);
 
-// Writes all of `text` to standard output; throws CommandError (status 1, OutputFailure's
+// The status a command ends with once standard output failed with `error`: 130 after a stop
+// signal, 124 after a time-out, else 1.
+int OutputStatus(int error);
+
+// Writes all of `text` to standard output; throws CommandError (OutputStatus, OutputFailure's
 // message) when that fails.
 void PrintOut(const std::string& text);
 
-// How a command that prints as it goes ends once standard output failed with `error`: status 1,
-// after OutputFailure's line on stderr (none for a closed pipe).
+// How a command that prints as it goes ends once standard output failed with `error`:
+// OutputStatus, after OutputFailure's line on stderr (none for a closed pipe or a stop).
 int OutputFailed(int error);
 
 }  // namespace slotctl

@@ -237,7 +237,8 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     std::uint64_t unwritten = 0;  // blocks taken and not written, after a failure
     auto print = [&](const std::deque<Block>& blocks) {
         for (const Block& block : blocks) {
-            if (outputError == 0 && !WriteOut(FormatBlock(format, block.first, block.second))) {
+            if (outputError == 0 &&
+                !WriteOut(FormatBlock(format, block.first, block.second), limitMs)) {
                 outputError = errno;
             }
             ++(outputError == 0 ? printed : unwritten);
@@ -284,7 +285,7 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     print(queue.Take());
     if (outputError != 0) {
         reportOutputFailure();
-        status = ExitFailure;
+        status = OutputStatus(outputError);
     }
     if (closed != WaitResult::Ready) {
         LeaveNow(outputError == 0 && closed == WaitResult::Stopped ? ExitInterrupted : status, "");

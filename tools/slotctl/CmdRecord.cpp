@@ -491,6 +491,12 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         const auto now = std::chrono::steady_clock::now();
         // A part that cannot be made or written ends the recording (the caller's catch): the
         // parts before it stay closed and whole.
+        // The open chunk counts: up to 1 MiB before compression that Size() leaves out. Closed
+        // once the part would reach its size with it, it counts as the bytes it packs to.
+        if (split && splitSize != 0 && writer->OpenChunkSize() != 0 &&
+            writer->Size() + writer->OpenChunkSize() >= splitSize) {
+            writer->EndChunk();
+        }
         if (split && writer->Size() > 0 &&
             ((splitSize != 0 && writer->Size() >= splitSize) ||
              (splitSeconds != 0 &&

@@ -119,11 +119,11 @@ private:
 };
 
 // Reads a recording, turning a file that cannot be opened into a command error.
-mcap::ReadResult ReadFile(
-    const std::string& path,
-    const std::function<bool(const mcap::Message&, const mcap::Channel&)>& cb) {
+mcap::ReadResult ReadFile(const std::string& path,
+                          const std::function<bool(const mcap::Message&, const mcap::Channel&)>& cb,
+                          bool needData = true) {
     try {
-        return mcap::Read(path, cb);
+        return mcap::Read(path, cb, needData);
     } catch (const mcap::Error& e) {
         throw CommandError(ExitFailure, e.what());
     }
@@ -413,6 +413,10 @@ int ReadRecording(const Arguments& arguments, const std::string& path) {
     if (outputError != 0) {
         return OutputFailed(outputError);
     }
+    // A stop ends the reading as the callback's wish, with no problem to report.
+    if (StopSignals::Received()) {
+        return ExitInterrupted;
+    }
     if (target != 0 && printed >= target) {
         return ExitOk;
     }
@@ -426,8 +430,9 @@ int RecordingInfo(const std::string& path) {
     };
     std::map<std::uint16_t, Counts> counts;
     std::uint64_t first = UINT64_MAX, last = 0;
-    const mcap::ReadResult result =
-        ReadFile(path, [&](const mcap::Message& message, const mcap::Channel&) {
+    const mcap::ReadResult result = ReadFile(
+        path,
+        [&](const mcap::Message& message, const mcap::Channel&) {
             Counts& c = counts[message.channel];
             if (c.blocks != 0 && message.sequence - c.sequence > 1 &&
                 message.sequence - c.sequence < 0x80000000u) {
@@ -441,7 +446,12 @@ int RecordingInfo(const std::string& path) {
             first = std::min(first, message.logTime);
             last = std::max(last, message.logTime);
             return !StopSignals::Received();
-        });
+        },
+        false);
+    // Stopped part way: the counts and the state would describe only what was read.
+    if (StopSignals::Received()) {
+        return ExitInterrupted;
+    }
     std::ostringstream out;
     out << "recording " << Printable(path) << "\n";
     out << "  state:     "

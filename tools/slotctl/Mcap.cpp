@@ -40,6 +40,13 @@ const size_t MessageFields = 2 + 4 + 8 + 8;  // channel, sequence, log and publi
 const size_t FooterRecord = 9 + 20;          // summary start, summary offset start, CRC
 // A chunk never unpacks to more than this (a hostile size cannot make us allocate more).
 const std::uint64_t MaxChunkSize = std::uint64_t(1) << 30;
+// The largest block a recording holds (a pool's block of up to 4 GiB - 1; a slot's is less).
+const std::uint64_t MaxMessageData = 0xffffffffu;
+// A chunk record: its fields and the compressed records, which zstd makes at most a little
+// larger than the 1 GiB of a chunk.
+const std::uint64_t MaxChunkRecord = MaxChunkSize + (MaxChunkSize >> 7) + 4096;
+// How much of a record that is not kept is read at a time for the data section's CRC.
+const size_t CrcPiece = size_t(1) << 20;
 
 // Little-endian encoding.
 void Put(std::string& out, std::uint64_t value, int bytes) {
@@ -528,6 +535,18 @@ public:
         return bytes;
     }
 
+    // `crc` carried over the `size` bytes at `offset`, read a piece at a time.
+    std::uint32_t Crc(std::uint32_t crc, std::uint64_t offset, std::uint64_t size) const {
+        while (size > 0) {
+            const std::uint64_t piece = std::min<std::uint64_t>(size, CrcPiece);
+            const std::string bytes = At(offset, piece);
+            crc = Crc32(crc, bytes.data(), bytes.size());
+            offset += piece;
+            size -= piece;
+        }
+        return crc;
+    }
+
 private:
     std::string path_;
     int fd_ = -1;
@@ -635,8 +654,8 @@ public:
                 if (!Check(c, "message")) {
                     return false;
                 }
-                message.data = c.Here();
-                message.size = c.Left();
+                message.data = unreadData_ == 0 ? c.Here() : nullptr;
+                message.size = static_cast<size_t>(c.Left() + unreadData_);
                 const auto at = channelAt_.find(message.channel);
                 if (at == channelAt_.end()) {
                     return Fail("a message of channel " + std::to_string(message.channel) +
@@ -707,6 +726,9 @@ public:
         return false;
     }
 
+    // The bytes of the next message's data that were not read (its data is then null).
+    void SetUnreadData(std::uint64_t size) { unreadData_ = size; }
+
 private:
     bool Check(const Cursor& c, const char* what) {
         return c.ok() || Fail(std::string("a ") + what + " record is shorter than its fields");
@@ -717,6 +739,7 @@ private:
     // Where each channel id is in result_.channels: a file may hold 65535 channels, and every
     // message looks its channel up.
     std::map<std::uint16_t, size_t> channelAt_;
+    std::uint64_t unreadData_ = 0;
 };
 
 // Checks what follows the data-end record: summary records within bounds, footer, CRC, magic.
@@ -769,7 +792,8 @@ std::string CheckTail(const File& file, std::uint64_t summaryFrom) {
 }  // namespace
 
 ReadResult Read(const std::string& path,
-                const std::function<bool(const Message&, const Channel&)>& onMessage) {
+                const std::function<bool(const Message&, const Channel&)>& onMessage,
+                bool needData) {
     File file(path);
     ReadResult result;
     Parser parser(result, onMessage);
@@ -837,10 +861,39 @@ ReadResult Read(const std::string& path,
             result.problem = "a footer without a data-end record";
             return result;
         }
-        const std::string content = file.At(offset + RecordHead, length);
+        // A record is held whole only when it is read: a hostile file's apparent size never
+        // becomes memory.
+        if (opcode == OpMessage && length > MessageFields + MaxMessageData) {
+            result.problem = "a message record of " + std::to_string(length) +
+                             " bytes, more than the largest block a recording holds (" +
+                             std::to_string(MaxMessageData) + " bytes)";
+            return result;
+        }
+        if (opcode == OpChunk && length > MaxChunkRecord) {
+            result.problem = "a chunk record of " + std::to_string(length) +
+                             " bytes, more than a chunk of 1 GiB takes";
+            return result;
+        }
         crc = Crc32(crc, head.data(), head.size());
-        crc = Crc32(crc, content.data(), content.size());
-        if (!parser.Handle(opcode, content.data(), content.size(), false)) {
+        const bool kept = opcode == OpHeader || opcode == OpChannel || opcode == OpChunk ||
+                          (opcode == OpMessage && (needData || length < MessageFields));
+        bool go = true;
+        if (kept) {
+            const std::string content = file.At(offset + RecordHead, length);
+            crc = Crc32(crc, content.data(), content.size());
+            go = parser.Handle(opcode, content.data(), content.size(), false);
+        } else if (opcode == OpMessage) {
+            // The fields alone; the data counts towards the CRC, and its size is passed on.
+            const std::string fields = file.At(offset + RecordHead, MessageFields);
+            crc = Crc32(crc, fields.data(), fields.size());
+            crc = file.Crc(crc, offset + RecordHead + MessageFields, length - MessageFields);
+            parser.SetUnreadData(length - MessageFields);
+            go = parser.Handle(opcode, fields.data(), fields.size(), false);
+            parser.SetUnreadData(0);
+        } else {
+            crc = file.Crc(crc, offset + RecordHead, length);  // a record this reader ignores
+        }
+        if (!go) {
             // Stopped by the caller: no problem.
             return result;
         }

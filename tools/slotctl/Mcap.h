@@ -69,8 +69,12 @@ public:
     void Close();
 
     const std::string& Path() const { return path_; }
-    // Bytes of the file so far, buffered ones included.
+    // Bytes of the file so far, buffered ones included; the open chunk is not among them.
     std::uint64_t Size() const { return written_ + out_.size(); }
+    // The open chunk's bytes before compression (0 without compression).
+    std::uint64_t OpenChunkSize() const { return chunk_.size(); }
+    // Closes the open chunk now, so that Size() counts it.
+    void EndChunk() { CloseChunk(); }
 
 private:
     void Record(std::uint8_t opcode, const std::string& content);
@@ -116,8 +120,12 @@ struct ReadResult {
 // Reads the file's records in order and calls `onMessage` for each message (with its channel);
 // `onMessage` returns false to stop. Every length is checked against what the file holds: a
 // torn or hostile file ends the reading with `problem` set, never anything worse. A file cut
-// short is read up to its last whole record (chunks: its last whole chunk).
+// short is read up to its last whole record (chunks: its last whole chunk). Without `needData`,
+// a message outside a chunk comes with its size and no data (null): its bytes are only checked,
+// a piece at a time. Records this reader ignores are never held whole; a message or chunk record
+// larger than any the recorder writes is damage.
 ReadResult Read(const std::string& path,
-                const std::function<bool(const Message&, const Channel&)>& onMessage);
+                const std::function<bool(const Message&, const Channel&)>& onMessage,
+                bool needData = true);
 
 }  // namespace mcap
