@@ -34,6 +34,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -575,19 +576,37 @@ TEST_F(PoolTest, AGeometryRewrittenAfterOpenIsNeverFollowed) {
     EXPECT_EQ((std::vector<std::uint64_t>{1, 2, 3}), tags);
 }
 
-// A survey reads without locks while another process scribbles over the geometry: it reports
-// what it checked, and never follows an offset it did not check.
-TEST_F(PoolTest, ASurveyNeverFollowsAGeometryBeingRewritten) {
-    ScopedPool pool;
-    PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2));
-    const std::string path = Slot::PoolPath(pool.str());
-    testsupport::ChildProcess scribbler([&] {
-        testsupport::DieWithParent();
-        const int fd = ::open(path.c_str(), O_RDWR);
+// A survey reads without locks while another process rewrites the file: scribbles over the
+// geometry, or truncates the file and makes it whole again (as its owner may). It reports what
+// it read, never follows an offset it did not check, and never faults as a mapping of vanished
+// pages would (SIGBUS).
+TEST_F(PoolTest, ASurveyWithstandsAFileRewrittenWhileItIsRead) {
+    const auto surveyWhile = [](const std::string& name, const std::function<int(int)>& rewrite) {
+        testsupport::ChildProcess rewriter([&] {
+            testsupport::DieWithParent();
+            const int fd = ::open(Slot::PoolPath(name).c_str(), O_RDWR);
+            return fd < 0 ? testsupport::Failed(2, "cannot open the pool file") : rewrite(fd);
+        });
+        const testsupport::ChildResult surveys = testsupport::RunInChild([&] {
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+            for (int i = 0; i < 20000 && std::chrono::steady_clock::now() < end; ++i) {
+                Slot::SurveyPool(name);
+            }
+            return 0;
+        });
+        testsupport::ChildResult ended;
+        EXPECT_FALSE(rewriter.Poll(&ended)) << ended.Describe();
+        rewriter.Kill(SIGKILL);
+        rewriter.Wait();
+        EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
+    };
+    ScopedPool scribbled, truncated;
+    PoolFactory::CreatePoolWriter(scribbled.Config("queue", 64, 2));
+    surveyWhile(scribbled.str(), [](int fd) {
         void* header =
             ::mmap(nullptr, sizeof(Slot::PoolHeader), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         if (header == MAP_FAILED) {
-            return testsupport::Failed(2, "cannot map the header");
+            return testsupport::Failed(3, "cannot map the header");
         }
         auto* offset = reinterpret_cast<volatile std::uint64_t*>(
             static_cast<unsigned char*>(header) + offsetof(Slot::PoolHeader, attachmentOffset));
@@ -597,55 +616,25 @@ TEST_F(PoolTest, ASurveyNeverFollowsAGeometryBeingRewritten) {
             *offset = good;
         }
     });
-    const testsupport::ChildResult surveys = testsupport::RunInChild([&] {
-        for (int i = 0; i < 20000; ++i) {
-            Slot::SurveyPool(pool.str());
-        }
-        return 0;
-    });
-    scribbler.Kill(SIGKILL);
-    scribbler.Wait();
-    EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
-}
-
-// A survey reads a file that shrinks and grows again under it (its owner truncating it): it
-// reports what it read and never faults, as a mapping of the vanished pages would (SIGBUS).
-TEST_F(PoolTest, ASurveySurvivesAFileShrinkingWhileItIsRead) {
-    ScopedPool pool;
-    PoolFactory::CreatePoolWriter(pool.Config("latest", 64, 4));
-    const std::string path = Slot::PoolPath(pool.str());
-    testsupport::ChildProcess truncator([&] {
-        testsupport::DieWithParent();
-        const int fd = ::open(path.c_str(), O_RDWR);
+    PoolFactory::CreatePoolWriter(truncated.Config("latest", 64, 4));
+    surveyWhile(truncated.str(), [](int fd) {
         Slot::PoolHeader header;
-        if (fd < 0 || ::pread(fd, &header, sizeof(header), 0) != sizeof(header)) {
-            return testsupport::Failed(2, "cannot read the header");
+        if (::pread(fd, &header, sizeof(header), 0) != sizeof(header)) {
+            return testsupport::Failed(3, "cannot read the header");
         }
         std::vector<unsigned char> tables(header.dataOffset);
         if (::pread(fd, tables.data(), tables.size(), 0) != static_cast<ssize_t>(tables.size())) {
-            return testsupport::Failed(3, "cannot read the tables");
+            return testsupport::Failed(4, "cannot read the tables");
         }
         for (;;) {
             if (::ftruncate(fd, 0) != 0 ||
                 ::ftruncate(fd, static_cast<off_t>(header.totalSize)) != 0 ||
                 ::pwrite(fd, tables.data(), tables.size(), 0) !=
                     static_cast<ssize_t>(tables.size())) {
-                return testsupport::Failed(4, "cannot truncate and restore the file");
+                return testsupport::Failed(5, "cannot truncate and restore the file");
             }
         }
     });
-    const testsupport::ChildResult surveys = testsupport::RunInChild([&] {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-        for (int i = 0; i < 50000 && std::chrono::steady_clock::now() < end; ++i) {
-            Slot::SurveyPool(pool.str());
-        }
-        return 0;
-    });
-    testsupport::ChildResult ended;
-    EXPECT_FALSE(truncator.Poll(&ended)) << ended.Describe();
-    truncator.Kill(SIGKILL);
-    truncator.Wait();
-    EXPECT_TRUE(surveys.Ok()) << surveys.Describe();
 }
 
 // Anyone may plant a FIFO in the pools' folder: opening the pool or surveying it refuses it at
