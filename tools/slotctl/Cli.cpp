@@ -308,6 +308,7 @@ bool WriteOut(const std::string& bytes, int timeoutMs) {
             return false;
         }
         done += static_cast<size_t>(n);
+        waited = false;  // it took bytes: the time-out counts from its next stall
     }
     return true;
 }
