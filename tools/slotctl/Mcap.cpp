@@ -515,10 +515,16 @@ public:
     // `size` bytes at `offset`, which the caller has checked against Size().
     std::string At(std::uint64_t offset, std::uint64_t size) const {
         std::string bytes(static_cast<size_t>(size), '\0');
+        ReadInto(&bytes[0], offset, bytes.size());
+        return bytes;
+    }
+
+    // Fills `into` with the `size` bytes at `offset`.
+    void ReadInto(char* into, std::uint64_t offset, size_t size) const {
         size_t done = 0;
-        while (done < bytes.size()) {
+        while (done < size) {
             const ssize_t n =
-                ::pread(fd_, &bytes[done], bytes.size() - done, static_cast<off_t>(offset + done));
+                ::pread(fd_, into + done, size - done, static_cast<off_t>(offset + done));
             if (n < 0 && errno == EINTR) {
                 continue;
             }
@@ -532,15 +538,16 @@ public:
             }
             done += static_cast<size_t>(n);
         }
-        return bytes;
     }
 
     // `crc` carried over the `size` bytes at `offset`, read a piece at a time.
     std::uint32_t Crc(std::uint32_t crc, std::uint64_t offset, std::uint64_t size) const {
+        // One buffer for all pieces: memory stays at one piece, however long the record.
+        std::vector<char> buffer(static_cast<size_t>(std::min<std::uint64_t>(size, CrcPiece)));
         while (size > 0) {
-            const std::uint64_t piece = std::min<std::uint64_t>(size, CrcPiece);
-            const std::string bytes = At(offset, piece);
-            crc = Crc32(crc, bytes.data(), bytes.size());
+            const size_t piece = static_cast<size_t>(std::min<std::uint64_t>(size, CrcPiece));
+            ReadInto(buffer.data(), offset, piece);
+            crc = Crc32(crc, buffer.data(), piece);
             offset += piece;
             size -= piece;
         }
