@@ -835,6 +835,18 @@ ReadResult Read(const std::string& path,
                 "the file ends inside a record of " + std::to_string(length) + " bytes";
             return result;
         }
+        // No record of these kinds is ever this large, whatever the build.
+        if (opcode == OpMessage && length > MessageFields + MaxMessageData) {
+            result.problem = "a message record of " + std::to_string(length) +
+                             " bytes, more than the largest block a recording holds (" +
+                             std::to_string(MaxMessageData) + " bytes)";
+            return result;
+        }
+        if (opcode == OpChunk && length > MaxChunkRecord) {
+            result.problem = "a chunk record of " + std::to_string(length) +
+                             " bytes, more than a chunk of 1 GiB takes";
+            return result;
+        }
         // Within the file, but more than a 32-bit build can address.
         if (length > std::uint64_t(SIZE_MAX / 2)) {
             result.problem =
@@ -870,17 +882,6 @@ ReadResult Read(const std::string& path,
         }
         // A record is held whole only when it is read: a hostile file's apparent size never
         // becomes memory.
-        if (opcode == OpMessage && length > MessageFields + MaxMessageData) {
-            result.problem = "a message record of " + std::to_string(length) +
-                             " bytes, more than the largest block a recording holds (" +
-                             std::to_string(MaxMessageData) + " bytes)";
-            return result;
-        }
-        if (opcode == OpChunk && length > MaxChunkRecord) {
-            result.problem = "a chunk record of " + std::to_string(length) +
-                             " bytes, more than a chunk of 1 GiB takes";
-            return result;
-        }
         crc = Crc32(crc, head.data(), head.size());
         const bool kept = opcode == OpHeader || opcode == OpChannel || opcode == OpChunk ||
                           (opcode == OpMessage && (needData || length < MessageFields));
