@@ -24,26 +24,44 @@ mode_t ModeOf(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 ? st.st_mode : 0;
 }
 
+// Only a FIFO of root or of this user is used; a file, a symlink or another user's FIFO in the
+// way is refused and left as it is.
 TEST(NamedPipeCreator, CreatesAFifoButRefusesAnythingElseInTheWayAndLeavesItAlone) {
     testsupport::LogCapture log("FileUtils");
-    const std::string name = testsupport::UniqueName("pipe");
     filetest::ScopedPaths cleanup;
+    auto fresh = [&](const char* stem) {
+        return cleanup.Add(NamedPipeCreator::ConstructPipeFilename(testsupport::UniqueName(stem)));
+    };
+    const std::string name = testsupport::UniqueName("pipe");
     const std::string fifo = cleanup.Add(NamedPipeCreator::ConstructPipeFilename(name));
     EXPECT_EQ(testsupport::TestRunDir() + "/" + name + ".fifo", fifo);
     EXPECT_TRUE(NamedPipeCreator::CreateIfNeeded(fifo));
     EXPECT_TRUE(NamedPipeCreator::CreateIfNeeded(fifo));
     EXPECT_TRUE(S_ISFIFO(ModeOf(fifo)));
 
-    const std::string file =
-        cleanup.Add(NamedPipeCreator::ConstructPipeFilename(testsupport::UniqueName("file")));
+    const std::string file = fresh("file");
     filetest::WriteFile(file, "keep me");
     EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(file));
     EXPECT_EQ("keep me", filetest::ReadFile(file));
 
-    EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(testsupport::TestRunDir() + "/missing/x.fifo"));
-    EXPECT_EQ(2u, log.CountPrefix("ERROR", "Cannot create named pipe '"));
-    EXPECT_EQ(1u, log.Count("ERROR", "Cannot create named pipe '" + file +
-                                         "' : a file that is not a FIFO is in the way"));
+    const std::string target = testsupport::TestRunDir() + "/" + testsupport::UniqueName("t");
+    const std::string link = fresh("link");
+    ASSERT_EQ(0, ::symlink(target.c_str(), link.c_str()));
+    EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(link));
+    EXPECT_EQ(0u, ModeOf(target)) << "a dangling symlink's target was created";
+    if (::geteuid() == 0) {
+        const std::string foreign = fresh("f");
+        ASSERT_EQ(0, ::mkfifo(foreign.c_str(), 0666));
+        ASSERT_EQ(0, ::chown(foreign.c_str(), 65534, 65534));
+        EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(foreign));
+    }
+    const std::string missing = testsupport::TestRunDir() + "/missing/x.fifo";
+    EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(missing));
+    EXPECT_EQ(1u, log.CountPrefix("ERROR", "Cannot create named pipe '" + missing + "' : "));
+    for (const std::string& inTheWay : {file, link}) {
+        EXPECT_EQ(1u, log.Count("ERROR", "Cannot create named pipe '" + inTheWay +
+                                             "' : a file that is not a FIFO is in the way"));
+    }
 }
 
 TEST(NamedPipeCreator, NamesThatDoNotStayInThePipeFolderAreRefusedAndCreateNothing) {
@@ -74,24 +92,6 @@ TEST(NamedPipeCreator, NamesThatDoNotStayInThePipeFolderAreRefusedAndCreateNothi
     EXPECT_EQ(0u, ModeOf(beside + "/x.fifo"));
     ::rmdir((dir + "/" + sub).c_str());
     ::rmdir(beside.c_str());
-}
-
-// Only a FIFO of root or of this user is used; a symlink is never followed.
-TEST(NamedPipeCreator, RefusesSymlinksAndOtherUsersFifos) {
-    const std::string target = testsupport::TestRunDir() + "/" + testsupport::UniqueName("t");
-    filetest::ScopedPaths cleanup;
-    const std::string link =
-        cleanup.Add(NamedPipeCreator::ConstructPipeFilename(testsupport::UniqueName("link")));
-    ASSERT_EQ(0, ::symlink(target.c_str(), link.c_str()));
-    EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(link));
-    EXPECT_EQ(0u, ModeOf(target)) << "a dangling symlink's target was created";
-    if (::geteuid() == 0) {
-        const std::string foreign =
-            cleanup.Add(NamedPipeCreator::ConstructPipeFilename(testsupport::UniqueName("f")));
-        ASSERT_EQ(0, ::mkfifo(foreign.c_str(), 0666));
-        ASSERT_EQ(0, ::chown(foreign.c_str(), 65534, 65534));
-        EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(foreign));
-    }
 }
 
 TEST(NamedPipeCreator, ProcessesRacingToCreateTheSameFifoAllSucceed) {

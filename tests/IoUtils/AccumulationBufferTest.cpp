@@ -53,25 +53,13 @@ std::string Bytes(size_t size, unsigned int seed) {
 }
 
 // Odd block sizes around and far from the record size, empty ones included.
-std::vector<size_t> BlockSizes(unsigned int maxSize) {
-    std::vector<size_t> sizes = {1,
-                                 0,
-                                 3,
-                                 maxSize - 1u,
-                                 maxSize,
-                                 maxSize + 1u,
-                                 2u * maxSize,
-                                 2u * maxSize + 5u,
-                                 7,
-                                 0,
-                                 5u * maxSize - 2u,
-                                 13,
-                                 1,
-                                 1};
-    unsigned int x = maxSize;
+std::vector<size_t> BlockSizes(unsigned int m) {
+    std::vector<size_t> sizes = {1,         0, 3, m - 1,     m,  m + 1, 2 * m,
+                                 2 * m + 5, 7, 0, 5 * m - 2, 13, 1,     1};
+    unsigned int x = m;
     for (int i = 0; i < 40; ++i) {
         x = x * 1103515245u + 12345u;
-        sizes.push_back((x >> 16) % (3u * maxSize + 2u));
+        sizes.push_back((x >> 16) % (3u * m + 2u));
     }
     return sizes;
 }
@@ -114,10 +102,7 @@ TEST(AccumulationBuffer, ARecordCarriesTheNameOfTheBlockThatCompletedIt) {
     buffer.onNotify("b", "1234567", 7);  // completes "xyz1", passes "2345" on, keeps "67"
     buffer.onNotify("c", "9", 1);
     buffer.Flush();
-    EXPECT_EQ((std::vector<std::string>{"xyz1", "2345",
-                                        "67"
-                                        "9"}),
-              out.records);
+    EXPECT_EQ((std::vector<std::string>{"xyz1", "2345", "679"}), out.records);
     EXPECT_EQ((std::vector<std::string>{"b", "b", "c"}), out.names);
 }
 

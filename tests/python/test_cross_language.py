@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Blocks between Python and C++ processes (slotctl, a program of the C++ library), both ways,
-through every slot kind, and the Python guide's example."""
+through every slot kind, the Python guide's example, and the surveys' documents."""
 
 import json
 import os
@@ -11,7 +11,7 @@ import sys
 import pytest
 
 import libslot
-from conftest import CHILD_TIMEOUT, SLOTCTL, lock_file, run_python, slotctl
+from conftest import CHILD_TIMEOUT, SLOTCTL, lock_file, run_python, slotctl, unique_name
 
 BLOCKS = [b"a\0b", b"\0\0\0", b"\x01line\nnext\\\x7f", bytes(range(32, 127))]
 WAIT = 30
@@ -161,3 +161,20 @@ def test_survey_documents_are_slotctls(name):
             del document["age_seconds"]
         assert entry == other
     libslot.remove_slot(name)
+
+
+def test_pool_documents_are_slotctls():
+    name = unique_name("pool")
+    try:
+        made = slotctl("write", name, "--type", "queue", "--max-size", "128", "--queue", "3",
+                       "block")
+        assert made.returncode == 0, made.stderr
+        report = libslot.pool_info(name)
+        assert report.kind == "queue" and report.waiting == 1 and report.block_count == 3
+        assert report == json.loads(slotctl("info", "--json", name).stdout)
+        listed = [e for e in json.loads(slotctl("ls", "--json").stdout) if e["name"] == name]
+        assert [e for e in libslot.survey_pools() if e.name == name] == listed
+    finally:
+        slotctl("rm", "--pool", name)
+    assert libslot.pool_info(name).state == "missing"
+    assert not os.path.exists(libslot.pool_info(name).file)

@@ -48,21 +48,17 @@ def test_reliable_slot_keeps_order_and_refuses_when_full(name):
             assert reader.get(timeout=30) == b"after"
 
 
-def test_discarding_slot_replaces_the_waiting_block(name):
-    with libslot.Writer(name) as writer:
-        assert writer.write(b"old") is libslot.WriteOutcome.STORED
-        outcome = writer.write(b"new")
-        assert outcome is libslot.WriteOutcome.DISCARDED and outcome.stored
-    assert libslot.SimpleSlot(name).read() == b"new"
-
-
-def test_closed_writer_refuses_to_write(name):
+def test_discarding_slot_replaces_the_waiting_block_and_a_closed_writer_refuses(name):
     writer = libslot.Writer(name)
+    assert writer.write(b"old") is libslot.WriteOutcome.STORED
+    outcome = writer.write(b"new")
+    assert outcome is libslot.WriteOutcome.DISCARDED and outcome.stored
     writer.close()
     writer.close()
     assert writer.closed
     with pytest.raises(libslot.SlotError, match="closed writer"):
         writer.write(b"x")
+    assert libslot.SimpleSlot(name).read() == b"new"
 
 
 def test_errors_carry_the_library_texts(name):
@@ -80,9 +76,6 @@ def test_errors_carry_the_library_texts(name):
         with pytest.raises(libslot.SlotCreationError) as e:
             libslot.Reader(name, type="reliable")
         assert str(e.value) == f"Cannot create non-unique reader for reliable slot '{name}'"
-    with pytest.raises(libslot.SlotCreationError) as e:
-        libslot.create_slot(libslot.SlotConfig("a/b"))
-    assert str(e.value).startswith("Slot could not be created: ")
     with pytest.raises(libslot.SlotCreationError) as e:
         libslot.Writer(name + "_big", type="reliable", max_size=1 << 33)
     assert str(e.value).startswith("Slot could not be created: ")
@@ -132,8 +125,6 @@ def test_factory_operations(name):
         assert str(e.value) == f"Slot could not be created: slot name '{bad}' {problem}"
     assert libslot.slot_name_problem(name + " with space\x01") is None
     cfg = libslot.SlotConfig(name, type="reliable", update_time=0.25, queue_length=4, max_size=100)
-    assert (cfg.name, cfg.type, cfg.update_time, cfg.queue_length, cfg.max_size) == \
-        (name, "reliable", 0.25, 4, 100)
     assert libslot.inspect_slot(name).state is libslot.SlotState.ABSENT
     libslot.create_slot(cfg)
     report = libslot.inspect_slot(name)

@@ -24,7 +24,8 @@ using testsupport::ChildProcess;
 using testsupport::ChildResult;
 using testsupport::PipeSignal;
 using testsupport::RunInChild;
-using testsupport::ScopedSlotName;
+using ConditionPack = ConditionTest;
+using CrossProcess = ConditionTest;
 
 // One thread blocked in Pack::Wait. If the test fails while the thread is still waiting, the
 // destructor notifies until it leaves, so that the segment is never unmapped under it.
@@ -60,9 +61,7 @@ private:
     boost::thread thread_;
 };
 
-TEST(ConditionPack, LogsItsStepsWithExactTextsAndLevels) {
-    ScopedSlotName name("cond");
-    SharedCondition c(name);
+TEST_F(ConditionPack, LogsItsStepsWithExactTextsAndLevels) {
     {
         testsupport::LogCapture log("InterprocCondition");
         EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
@@ -94,22 +93,16 @@ TEST(ConditionPack, LogsItsStepsWithExactTextsAndLevels) {
     EXPECT_EQ(1u, log.Events().size());
 }
 
-TEST(ConditionPack, ZeroAndNegativeTimeoutsReturnFalseAtOnce) {
-    ScopedSlotName name("cond");
-    SharedCondition c(name);
-    const auto start = std::chrono::steady_clock::now();
+// Zero and negative time-outs return false at once, without the mutex. A broadcast made while
+// a pack is not waiting ends that pack's next wait at once, and only that one; a pack made after
+// the broadcast does not see it.
+TEST_F(ConditionPack, BroadcastBetweenWaitsEndsTheNextWaitOnce) {
+    auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
     EXPECT_FALSE(c.pack->Wait(pt::seconds(-5)));
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(3));
     EXPECT_TRUE(c.lockable.try_lock()) << "Wait must release the mutex";
     c.lockable.unlock();
-}
-
-// A broadcast made while a pack is not waiting ends that pack's next wait at once, and only
-// that one; a pack made after the broadcast does not see it.
-TEST(ConditionPack, BroadcastBetweenWaitsEndsTheNextWaitOnce) {
-    ScopedSlotName name("cond");
-    SharedCondition c(name);
     Pack other(c.mutex, c.cond);
     other.Notify();
     other.Notify();
@@ -125,15 +118,13 @@ TEST(ConditionPack, BroadcastBetweenWaitsEndsTheNextWaitOnce) {
         return 0;
     });
     ASSERT_TRUE(notified.Ok()) << notified.Describe();
-    const auto start = std::chrono::steady_clock::now();
+    start = std::chrono::steady_clock::now();
     EXPECT_TRUE(c.pack->Wait(pt::seconds(20)));
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
     EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
 }
 
-TEST(ConditionPack, WaitsWithoutDeadlineReturnTrueOnlyAfterNotify) {
-    ScopedSlotName name("cond");
-    SharedCondition c(name);
+TEST_F(ConditionPack, WaitsWithoutDeadlineReturnTrueOnlyAfterNotify) {
     // A deadline beyond 2038 as well: it must not overflow a 32-bit time_t; and one of 300
     // years, beyond what a count of nanoseconds holds.
     for (const pt::time_duration& timeout :
@@ -149,9 +140,7 @@ TEST(ConditionPack, WaitsWithoutDeadlineReturnTrueOnlyAfterNotify) {
     }
 }
 
-TEST(ConditionPack, InterruptedWaiterStaysUntilNotifiedThenLeavesWithMutexUnlocked) {
-    ScopedSlotName name("cond");
-    SharedCondition c(name);
+TEST_F(ConditionPack, InterruptedWaiterStaysUntilNotifiedThenLeavesWithMutexUnlocked) {
     {
         Waiter waiter(*c.pack, pt::not_a_date_time);
         ASSERT_TRUE(WaitForWaiters(c, 1));
@@ -177,9 +166,7 @@ TEST(ConditionPack, InterruptedWaiterStaysUntilNotifiedThenLeavesWithMutexUnlock
 // A wait whose re-lock fails (here: the lock damaged meanwhile) leaves without the mutex: it
 // unlocks nothing and writes nothing into the lock it does not hold, and it is no waiter any
 // more.
-TEST(ConditionPack, AWaitWhoseRelockFailsLeavesTheLockAsItFoundIt) {
-    ScopedSlotName name("cond");
-    SharedCondition c(name);
+TEST_F(ConditionPack, AWaitWhoseRelockFailsLeavesTheLockAsItFoundIt) {
     pthread_mutex_t* native = shared::NativeMutex(c.mutex);
     const int kind = __atomic_load_n(&native->__data.__kind, __ATOMIC_RELAXED);
     shared::LockWatch watch;
@@ -226,9 +213,7 @@ TEST(Lockable, UnboundReturnsAtOnceAndBoundNeverUnlocksOnDestruction) {
     first.unlock();
 }
 
-TEST(CrossProcess, TryLockAndTimedLockOfMutexHeldByAnotherProcess) {
-    ScopedSlotName name("lock");
-    SharedCondition c(name);
+TEST_F(CrossProcess, TryLockAndTimedLockOfMutexHeldByAnotherProcess) {
     PipeSignal locked;
     PipeSignal release;
     ChildProcess holder([&] {
@@ -275,10 +260,8 @@ TEST(CrossProcess, TryLockAndTimedLockOfMutexHeldByAnotherProcess) {
     EXPECT_TRUE(tried.Ok()) << tried.Describe();
 }
 
-TEST(CrossProcess, OneNotifyWakesEveryWaiterInBothProcesses) {
+TEST_F(CrossProcess, OneNotifyWakesEveryWaiterInBothProcesses) {
     const int kThreads = 3;
-    ScopedSlotName name("cond");
-    SharedCondition c(name);
     ChildProcess child([&] {
         SharedCondition o(name);
         std::atomic<int> woken{0};
@@ -305,9 +288,7 @@ TEST(CrossProcess, OneNotifyWakesEveryWaiterInBothProcesses) {
 
 // Deadlines are absolute times on CLOCK_REALTIME; built from local time they would lie hours in
 // the past west of Greenwich and the waits would return at once.
-TEST(CrossProcess, TimedWaitsLastTheirTimeUnderAWesternTimeZone) {
-    ScopedSlotName name("tz");
-    SharedCondition c(name);
+TEST_F(CrossProcess, TimedWaitsLastTheirTimeUnderAWesternTimeZone) {
     PipeSignal waited;
     PipeSignal locked;
     ChildProcess child([&] {

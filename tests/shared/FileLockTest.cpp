@@ -37,41 +37,33 @@ int TryInAnotherProcess(const std::string& path) {
     return result.exited ? result.exitCode : 100;
 }
 
-TEST(FileLock, SecondLockInTheSameProcessIsRefusedAndHolderIsReported) {
+// One holder per process. Record locks belong to the process, and closing any descriptor of
+// the file drops them: the library's own ways into the file (other lock objects, TouchFile,
+// surveys) must never close a second descriptor of it.
+TEST(FileLock, OneHolderPerProcessWhomOtherObjectsTouchAndHolderLeaveTheLock) {
     const std::string path = FreshLockFile();
     EXPECT_EQ(0, shared::FileLock::Holder(path));
     {
-        shared::FileLock first(path.c_str());
-        ASSERT_TRUE(first.try_lock());
+        shared::FileLock held(path.c_str());
+        ASSERT_TRUE(held.try_lock());
         shared::FileLock second(path.c_str());
         EXPECT_FALSE(second.try_lock());
+        shared::TouchFile(path);
+        { shared::FileLock unused(path.c_str()); }
+        {
+            shared::FileLock refused(path.c_str());
+            EXPECT_FALSE(refused.try_lock());
+        }
         EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
-        first.unlock();
+        EXPECT_EQ(::getpid(), shared::FileLock::AnyHolder(path));
+        shared::FileLock moved(std::move(held));
+        EXPECT_EQ(0, TryInAnotherProcess(path));
+        EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
+        moved.unlock();
         EXPECT_EQ(0, shared::FileLock::Holder(path));
         EXPECT_TRUE(second.try_lock());
     }
     EXPECT_EQ(0, shared::FileLock::Holder(path)) << "destruction releases the lock";
-    EXPECT_EQ(1, TryInAnotherProcess(path));
-}
-
-// Record locks belong to the process, and closing any descriptor of the file drops them: the
-// library's own ways into the file (surveys too) must never close a second descriptor of it.
-TEST(FileLock, OtherLockObjectsTouchAndHolderKeepTheLock) {
-    const std::string path = FreshLockFile();
-    shared::FileLock held(path.c_str());
-    ASSERT_TRUE(held.try_lock());
-    shared::TouchFile(path);
-    EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
-    EXPECT_EQ(::getpid(), shared::FileLock::AnyHolder(path));
-    { shared::FileLock unused(path.c_str()); }
-    {
-        shared::FileLock refused(path.c_str());
-        EXPECT_FALSE(refused.try_lock());
-    }
-    shared::FileLock moved(std::move(held));
-    EXPECT_EQ(0, TryInAnotherProcess(path));
-    EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
-    moved.unlock();
     EXPECT_EQ(1, TryInAnotherProcess(path));
 }
 
@@ -122,35 +114,9 @@ TEST(FileLock, ALockTakenWhileAnotherThreadMakesTheFileStays) {
     EXPECT_EQ(0, lost) << "of " << rounds << " rounds";
 }
 
-TEST(FileLock, HolderKilledReleasesTheLock) {
-    const std::string path = FreshLockFile();
-    PipeSignal locked;
-    PipeSignal never;
-    ChildProcess holder([&] {
-        shared::FileLock lock(path.c_str());
-        if (!lock.try_lock()) {
-            return 1;
-        }
-        locked.Post();
-        never.WaitFor(std::chrono::seconds(30));
-        return 0;
-    });
-    ASSERT_TRUE(locked.WaitFor());
-    EXPECT_EQ(holder.Pid(), shared::FileLock::Holder(path));
-    EXPECT_EQ(holder.Pid(), shared::FileLock::AnyHolder(path));
-    shared::FileLock mine(path.c_str());
-    EXPECT_FALSE(mine.try_lock());
-    EXPECT_EQ(holder.Pid(), shared::FileLock::AnyHolder(path)) << "through our own descriptor";
-    holder.Kill(SIGKILL);
-    EXPECT_EQ(SIGKILL, holder.Wait().signal);
-    EXPECT_EQ(0, shared::FileLock::Holder(path));
-    EXPECT_EQ(0, shared::FileLock::AnyHolder(path));
-    EXPECT_TRUE(mine.try_lock());
-}
-
 // A child forked without exec from the holder never holds the lock: neither while the holder
-// lives, nor after the holder released it or died.
-TEST(FileLock, ForkedChildrenNeverKeepTheLock) {
+// lives, nor after the holder released it or was killed.
+TEST(FileLock, AKilledHolderReleasesTheLockAndForkedChildrenNeverKeepIt) {
     const std::string path = FreshLockFile();
     {
         shared::FileLock lock(path.c_str());
@@ -190,10 +156,16 @@ TEST(FileLock, ForkedChildrenNeverKeepTheLock) {
     });
     ASSERT_TRUE(grandchildUp.WaitFor());
     EXPECT_EQ(holder.Pid(), shared::FileLock::Holder(path));
+    EXPECT_EQ(holder.Pid(), shared::FileLock::AnyHolder(path));
+    shared::FileLock mine(path.c_str());
+    EXPECT_FALSE(mine.try_lock());
+    EXPECT_EQ(holder.Pid(), shared::FileLock::AnyHolder(path)) << "through our own descriptor";
     holder.Kill(SIGKILL);
-    holder.Wait();
+    EXPECT_EQ(SIGKILL, holder.Wait().signal);
     EXPECT_EQ(0, shared::FileLock::Holder(path)) << "the orphaned grandchild holds nothing";
+    EXPECT_EQ(0, shared::FileLock::AnyHolder(path));
     EXPECT_EQ(1, TryInAnotherProcess(path));
+    EXPECT_TRUE(mine.try_lock());
     stop.Post();  // the grandchild's watchdog is its own wait
 }
 

@@ -3,6 +3,7 @@
 
 #include "ChildProcess.h"
 #include "Eventually.h"
+#include "ShmHygiene.h"
 
 #include <shared/InterprocConditionPack.h>
 #include <shared/LockablePtr.h>
@@ -10,6 +11,8 @@
 
 #include <boost/interprocess/sync/interprocess_mutex.hpp>
 #include <boost/shared_ptr.hpp>
+
+#include <gtest/gtest.h>
 
 #include <sys/types.h>
 #include <chrono>
@@ -38,6 +41,13 @@ struct SharedCondition {
 
     // A counter in the segment, created as 0 on first use; read and written atomically.
     std::uint32_t* Counter(const char* name);
+};
+
+// A test with a condition segment of a fresh name, removed afterwards.
+class ConditionTest : public ::testing::Test {
+protected:
+    testsupport::ScopedSlotName name{"cond"};
+    SharedCondition c{name};
 };
 
 std::uint32_t Load(const std::uint32_t& word);

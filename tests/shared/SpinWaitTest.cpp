@@ -19,13 +19,11 @@ namespace pt = boost::posix_time;
 using testsupport::ChildProcess;
 using testsupport::ChildResult;
 using testsupport::PipeSignal;
-using testsupport::ScopedSlotName;
+using SpinWait = ConditionTest;
 
 // A budget of 0 never spins, and nothing signalled is nothing seen; a broadcast made before the
 // spin (while the waiter was busy) is seen at once, and the Wait after it does not sleep.
-TEST(SpinWait, ReportsBroadcastsSinceThePreviousWait) {
-    ScopedSlotName name("spin");
-    SharedCondition c(name);
+TEST_F(SpinWait, ReportsBroadcastsSinceThePreviousWait) {
     EXPECT_FALSE(c.pack->SpinForSignal(pt::time_duration(0, 0, 0)));
     EXPECT_FALSE(c.pack->SpinForSignal(pt::microseconds(200)));
     EXPECT_FALSE(c.pack->SpinForSignal(pt::microseconds(-5)));
@@ -41,9 +39,7 @@ TEST(SpinWait, ReportsBroadcastsSinceThePreviousWait) {
 // A broadcast from another process ends a spin whose budget would outlast the test: the signal
 // is watched in the shared word, not in a copy. The spinner is no sleeper: the broadcast finds
 // no waiter counted, so it makes no wake system call.
-TEST(SpinWait, SeesABroadcastOfAnotherProcess) {
-    ScopedSlotName name("spinproc");
-    SharedCondition c(name);
+TEST_F(SpinWait, SeesABroadcastOfAnotherProcess) {
     PipeSignal spinning;
     ChildProcess child([&] {
         SharedCondition mine(name);
@@ -65,9 +61,7 @@ TEST(SpinWait, SeesABroadcastOfAnotherProcess) {
 
 // Interrupting the spinning thread ends a spin of an hour, reporting no signal, and leaves the
 // interruption to be taken by the caller.
-TEST(SpinWait, EndsWhenItsThreadIsInterrupted) {
-    ScopedSlotName name("spinstop");
-    SharedCondition c(name);
+TEST_F(SpinWait, EndsWhenItsThreadIsInterrupted) {
     std::atomic<int> outcome{-1};
     std::atomic<bool> started{false};
     std::atomic<bool> interrupted{false};
