@@ -42,20 +42,12 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using gatewaytest::NumberedBlock;
 
-SlotCfg Cfg(const std::string& name, const std::string& type, std::size_t maxSize) {
-    const bool reliable = type == "reliable";
-    // A discarding reader passes on only states younger than its update time: generous under
-    // load.
-    return SlotCfg(name, type, boost::posix_time::milliseconds(reliable ? 20 : 500),
-                   reliable ? 16 : 1, maxSize);
-}
-
 // Checks each delivered block against the next expected one. With `skips` (a latest pool), a
 // later block may stand in for the next one; a pool's blocks must also carry growing sequence
 // numbers.
 class Checker : public shared::ISubscriber {
 public:
-    Checker(std::size_t maxSize, unsigned count, bool skips = false)
+    Checker(std::size_t maxSize, unsigned count, bool skips)
         : maxSize_(maxSize), count_(count), skips_(skips) {}
     void onNotify(const std::string&, const void* data, size_t size) override {
         const auto* bytes = static_cast<const unsigned char*>(data);
@@ -109,34 +101,50 @@ private:
     bool failed_ = false;
 };
 
-Slot::PoolConfig PoolCfg(char** argv) {  // KIND POOL MAXSIZE BLOCKS
-    return Slot::PoolConfig{argv[1], argv[0], std::strtoul(argv[2], nullptr, 10),
-                            std::strtoul(argv[3], nullptr, 10)};
-}
+// What a command works on: a slot (SLOT MAXSIZE), or a pool (KIND POOL MAXSIZE BLOCKS).
+struct End {
+    bool pool;
+    std::string kind, name;
+    std::size_t maxSize, blocks;
+    SlotCfg Slot() const {
+        // A discarding reader passes on only states younger than its update time: generous under
+        // load.
+        const bool reliable = kind == "reliable";
+        return SlotCfg(name, kind, boost::posix_time::milliseconds(reliable ? 20 : 500),
+                       reliable ? 16 : 1, maxSize);
+    }
+    Slot::PoolConfig Pool() const { return Slot::PoolConfig{name, kind, maxSize, blocks}; }
+};
 
-// pool-write KIND POOL MAXSIZE BLOCKS COUNT [PAUSE_MS]
-int PoolWrite(int argc, char** argv) {
-    const Slot::PoolConfig cfg = PoolCfg(argv);
-    boost::shared_ptr<Slot::PoolWriter> writer = Slot::PoolFactory::CreatePoolWriter(cfg);
-    const unsigned count = std::strtoul(argv[4], nullptr, 10);
-    const std::chrono::milliseconds pause(argc > 5 ? std::strtoul(argv[5], nullptr, 10) : 0);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+// COUNT numbered blocks, PAUSE_MS after each, retried while the slot or pool is full.
+int Write(const End& end, unsigned count, std::chrono::milliseconds pause) {
+    const SlotCfg cfg = end.Slot();
+    ISubscriberPtr slotWriter = end.pool ? nullptr : SlotFactory::CreateSlotWriter(&cfg);
+    auto poolWriter = end.pool ? Slot::PoolFactory::CreatePoolWriter(end.Pool()) : nullptr;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
     for (unsigned n = 0; n < count;) {
-        const Bytes block = NumberedBlock(n, cfg.maxBlockSize);
-        Slot::PoolLoan loan = writer->loan(block.size());
-        if (loan) {
-            std::copy(block.begin(), block.end(), static_cast<unsigned char*>(loan.data()));
+        const Bytes block = NumberedBlock(n, end.maxSize);
+        Slot::WriteOutcome outcome;
+        if (end.pool) {
+            Slot::PoolLoan loan = poolWriter->loan(block.size());
+            if (loan) {
+                std::copy(block.begin(), block.end(), static_cast<unsigned char*>(loan.data()));
+            }
+            outcome = loan.publish(block.size());
+        } else {
+            slotWriter->onNotify(end.name, block.data(), block.size());
+            outcome = Slot::LastWriteOutcome();
         }
-        const Slot::WriteOutcome outcome = loan.publish(block.size());
         if (outcome == Slot::WriteOutcome::Stored ||
-            (outcome == Slot::WriteOutcome::Discarded && cfg.kind == "latest")) {
+            (outcome == Slot::WriteOutcome::Discarded && end.kind == "latest")) {
             ++n;
             std::this_thread::sleep_for(pause);
-        } else if (outcome == Slot::WriteOutcome::Failed) {
+        } else if (end.pool && outcome == Slot::WriteOutcome::Failed) {
             std::cerr << "gateway_probe: publishing block " << n << " failed\n";
             return 1;
-        } else if (std::chrono::steady_clock::now() > end) {
-            std::cerr << "gateway_probe: the pool stayed full at block " << n << "\n";
+        } else if (std::chrono::steady_clock::now() > deadline) {
+            std::cerr << "gateway_probe: the " << (end.pool ? "pool" : "slot")
+                      << " stayed full at block " << n << "\n";
             return 2;
         } else {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -145,140 +153,116 @@ int PoolWrite(int argc, char** argv) {
     return 0;
 }
 
-// pool-read KIND POOL MAXSIZE BLOCKS COUNT SECONDS
-int PoolRead(char** argv) {
-    const Slot::PoolConfig cfg = PoolCfg(argv);
-    boost::shared_ptr<Checker> checker(
-        new Checker(cfg.maxBlockSize, std::strtoul(argv[4], nullptr, 10), cfg.kind == "latest"));
-    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(cfg, checker);
-    const int result = checker->Wait(std::chrono::seconds(std::strtoul(argv[5], nullptr, 10)));
+// Checks that COUNT numbered blocks arrive within SECONDS.
+int Read(const End& end, unsigned count, std::chrono::seconds timeout) {
+    const SlotCfg cfg = end.Slot();
+    boost::shared_ptr<Checker> checker(new Checker(end.maxSize, count, end.kind == "latest"));
+    INotifierPtr reader = end.pool ? Slot::PoolFactory::CreatePoolReader(end.Pool(), checker)
+                                   : SlotFactory::CreateSlotReader(&cfg, checker);
+    const int result = checker->Wait(timeout);
     reader.reset();
     return result;
 }
 
-int Usage() {
-    std::cerr
-        << "usage: gateway_probe write|read|length|state|wait-state|watch-state SLOT MAXSIZE ...\n"
-           "       gateway_probe pool-write|pool-read KIND POOL MAXSIZE BLOCKS COUNT ...\n"
-           "       gateway_probe pool-rm POOL\n";
-    return 64;
+// Waits until the discarding slot holds `text`.
+int WaitState(const End& end, const std::string& text, std::chrono::seconds timeout) {
+    const SlotCfg cfg = end.Slot();
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    std::vector<char> buffer(end.maxSize);
+    std::string seen;
+    while (std::chrono::steady_clock::now() < deadline) {
+        seen.assign(buffer.data(), slot->ReadData(buffer.data(), buffer.size()));
+        if (seen == text) {
+            return 0;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::cerr << "gateway_probe: '" << end.name << "' holds '" << seen << "', not '" << text
+              << "'\n";
+    return 2;
+}
+
+// Waits until a reader of the discarding slot, subscribed before the state is written ("ready"
+// on stdout says so), is given `text`.
+int WatchState(const End& end, const std::string& text, std::chrono::seconds timeout) {
+    struct Watcher : shared::ISubscriber {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::string seen;
+        void onNotify(const std::string&, const void* data, size_t size) override {
+            std::lock_guard<std::mutex> guard(mutex);
+            seen.assign(static_cast<const char*>(data), size);
+            changed.notify_all();
+        }
+    };
+    const SlotCfg cfg = end.Slot();
+    boost::shared_ptr<Watcher> watcher(new Watcher);
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, watcher);
+    std::cout << "ready" << std::endl;
+    std::unique_lock<std::mutex> lock(watcher->mutex);
+    const bool seen =
+        watcher->changed.wait_for(lock, timeout, [&] { return watcher->seen == text; });
+    if (!seen) {
+        std::cerr << "gateway_probe: '" << end.name << "' showed '" << watcher->seen
+                  << "' last, not '" << text << "'" << std::endl;
+    }
+    lock.unlock();
+    reader.reset();
+    return seen ? 0 : 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string first = argc > 1 ? argv[1] : "";
-    if (first == "pool-write" || first == "pool-read" || first == "pool-rm") {
-        log4cxx::BasicConfigurator::configure();
-        log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getError());
-        if (first == "pool-rm" && argc == 3) {
-            return Slot::PoolFactory::RemovePool(argv[2]) ? 0 : 1;
-        }
-        if (first == "pool-write" && (argc == 7 || argc == 8)) {
-            return PoolWrite(argc - 2, argv + 2);
-        }
-        if (first == "pool-read" && argc == 8) {
-            return PoolRead(argv + 2);
-        }
-        return Usage();
-    }
-    if (argc < 4 || (std::string(argv[1]) != "length" && argc < 5)) {
-        return Usage();
-    }
     log4cxx::BasicConfigurator::configure();
     log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getError());
-    const std::string mode = argv[1], name = argv[2];
-    const std::size_t maxSize = std::strtoul(argv[3], nullptr, 10);
-    if (mode == "write") {
-        const SlotCfg cfg = Cfg(name, "reliable", maxSize);
-        ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
-        const unsigned count = std::strtoul(argv[4], nullptr, 10);
-        const std::chrono::milliseconds pause(argc > 5 ? std::strtoul(argv[5], nullptr, 10) : 0);
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-        for (unsigned n = 0; n < count;) {
-            const Bytes block = NumberedBlock(n, maxSize);
-            writer->onNotify(name, block.data(), block.size());
-            if (Slot::LastWriteOutcome() == Slot::WriteOutcome::Stored) {
-                ++n;
-                std::this_thread::sleep_for(pause);
-            } else if (std::chrono::steady_clock::now() > end) {
-                std::cerr << "gateway_probe: the slot stayed full at block " << n << "\n";
-                return 2;
-            } else {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
+    std::vector<std::string> args(argv + 1, argv + argc);
+    const auto number = [&](std::size_t i) { return std::strtoul(args[i].c_str(), nullptr, 10); };
+    std::string mode = args.empty() ? "" : args[0];
+    if (mode == "pool-rm" && args.size() == 2) {
+        return Slot::PoolFactory::RemovePool(args[1]) ? 0 : 1;
+    }
+    // From here on, args[i] is the i-th argument after the slot's or pool's.
+    End end{};
+    if (mode == "pool-write" || mode == "pool-read") {
+        if (args.size() >= 5) {
+            end = {true, args[1], args[2], number(3), number(4)};
+            mode = mode.substr(5);
+            args.erase(args.begin() + 1, args.begin() + 5);
         }
-        return 0;
+    } else if (args.size() >= 3) {
+        const bool reliable = mode == "write" || mode == "read" || mode == "length";
+        end = {false, reliable ? "reliable" : "discarding", args[1], number(2), 0};
+        args.erase(args.begin() + 1, args.begin() + 3);
     }
-    if (mode == "read" && argc == 6) {
-        const SlotCfg cfg = Cfg(name, "reliable", maxSize);
-        boost::shared_ptr<Checker> checker(
-            new Checker(maxSize, std::strtoul(argv[4], nullptr, 10)));
-        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, checker);
-        const int result = checker->Wait(std::chrono::seconds(std::strtoul(argv[5], nullptr, 10)));
-        reader.reset();
-        return result;
+    if (end.name.empty()) {
+        mode.clear();
     }
-    if (mode == "length") {
-        const SlotCfg cfg = Cfg(name, "reliable", maxSize);
+    if (mode == "write" && (args.size() == 2 || args.size() == 3)) {
+        return Write(end, number(1), std::chrono::milliseconds(args.size() > 2 ? number(2) : 0));
+    }
+    if (mode == "read" && args.size() == 3) {
+        return Read(end, number(1), std::chrono::seconds(number(2)));
+    }
+    const SlotCfg cfg = end.Slot();
+    if (!end.pool && mode == "length" && args.size() == 1) {
         std::cout << SlotFactory::CreateSlot(&cfg)->GetBufferLength() << "\n";
         return 0;
     }
-    if (mode == "state") {
-        const SlotCfg cfg = Cfg(name, "discarding", maxSize);
-        boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
-        const std::string text = argv[4];
-        slot->WriteData(text.data(), text.size());
+    if (!end.pool && mode == "state" && args.size() == 2) {
+        SlotFactory::CreateSlot(&cfg)->WriteData(args[1].data(), args[1].size());
         return 0;
     }
-    if (mode == "wait-state" && argc == 6) {
-        const SlotCfg cfg = Cfg(name, "discarding", maxSize);
-        boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
-        const std::string text = argv[4];
-        const auto end = std::chrono::steady_clock::now() +
-                         std::chrono::seconds(std::strtoul(argv[5], nullptr, 10));
-        std::vector<char> buffer(maxSize);
-        std::string seen;
-        while (std::chrono::steady_clock::now() < end) {
-            const size_t n = slot->ReadData(buffer.data(), buffer.size());
-            seen.assign(buffer.data(), n);
-            if (seen == text) {
-                return 0;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        std::cerr << "gateway_probe: '" << name << "' holds '" << seen << "', not '" << text
-                  << "'\n";
-        return 2;
+    if (!end.pool && mode == "wait-state" && args.size() == 3) {
+        return WaitState(end, args[1], std::chrono::seconds(number(2)));
     }
-    if (mode == "watch-state" && argc == 6) {
-        // Subscribed before the state is written: "ready" on stdout says so.
-        struct Watcher : shared::ISubscriber {
-            std::mutex mutex;
-            std::condition_variable changed;
-            std::string text, seen;
-            void onNotify(const std::string&, const void* data, size_t size) override {
-                std::lock_guard<std::mutex> guard(mutex);
-                seen.assign(static_cast<const char*>(data), size);
-                changed.notify_all();
-            }
-        };
-        const SlotCfg cfg = Cfg(name, "discarding", maxSize);
-        boost::shared_ptr<Watcher> watcher(new Watcher);
-        watcher->text = argv[4];
-        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, watcher);
-        std::cout << "ready" << std::endl;
-        std::unique_lock<std::mutex> lock(watcher->mutex);
-        const bool seen = watcher->changed.wait_for(
-            lock, std::chrono::seconds(std::strtoul(argv[5], nullptr, 10)),
-            [&] { return watcher->seen == watcher->text; });
-        if (!seen) {
-            std::cerr << "gateway_probe: '" << name << "' showed '" << watcher->seen
-                      << "' last, not '" << watcher->text << "'" << std::endl;
-        }
-        lock.unlock();
-        reader.reset();
-        return seen ? 0 : 2;
+    if (!end.pool && mode == "watch-state" && args.size() == 3) {
+        return WatchState(end, args[1], std::chrono::seconds(number(2)));
     }
-    return Usage();
+    std::cerr
+        << "usage: gateway_probe write|read|length|state|wait-state|watch-state SLOT MAXSIZE ...\n"
+           "       gateway_probe pool-write|pool-read KIND POOL MAXSIZE BLOCKS COUNT ...\n"
+           "       gateway_probe pool-rm POOL\n";
+    return 64;
 }

@@ -14,6 +14,7 @@
 
 #include "../Slot/PoolTestSupport.h"
 
+#include <ChildProcess.h>
 #include <Collector.h>
 #include <Eventually.h>
 #include <LogCapture.h>
@@ -31,7 +32,6 @@
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <chrono>
@@ -39,32 +39,27 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <thread>
 #include <vector>
 
 using namespace SlotGateway;
+using namespace std::chrono_literals;
 using Bytes = std::vector<unsigned char>;
 
 namespace {
 
 // Keeps DDS on the loopback interface, without multicast, so test runs do not reach the
 // network; each test also uses a partition of its own.
-class LoopbackDds : public ::testing::Environment {
-public:
-    void SetUp() override {
-        setenv("CYCLONEDDS_URI",
-               "<CycloneDDS><Domain><General><Interfaces><NetworkInterface name=\"lo\"/>"
-               "</Interfaces><AllowMulticast>false</AllowMulticast></General>"
-               "<Discovery><ParticipantIndex>auto</ParticipantIndex><MaxAutoParticipantIndex>60"
-               "</MaxAutoParticipantIndex><Peers><Peer address=\"127.0.0.1\"/></Peers></Discovery>"
-               "</Domain></CycloneDDS>",
-               1);
-    }
-};
-const auto* const kLoopback = ::testing::AddGlobalTestEnvironment(new LoopbackDds);
+const int kLoopback =
+    setenv("CYCLONEDDS_URI",
+           "<CycloneDDS><Domain><General><Interfaces><NetworkInterface name=\"lo\"/>"
+           "</Interfaces><AllowMulticast>false</AllowMulticast></General>"
+           "<Discovery><ParticipantIndex>auto</ParticipantIndex><MaxAutoParticipantIndex>60"
+           "</MaxAutoParticipantIndex><Peers><Peer address=\"127.0.0.1\"/></Peers></Discovery>"
+           "</Domain></CycloneDDS>",
+           1);
 
 // A route of a slot ("reliable", "discarding") or a pool ("queue", "latest").
 Route MakeRoute(const std::string& name, const std::string& type, Direction direction,
@@ -86,24 +81,6 @@ Route MakeRoute(const std::string& name, const std::string& type, Direction dire
     return route;
 }
 
-// The two ends of a link on a partition of its own: `source` to the network, the network into
-// `destination`.
-struct Link {
-    Route out, in;
-};
-Link MakeLink(const std::string& source, const std::string& destination, const std::string& type,
-              std::size_t maxSize, std::size_t outLength, std::size_t inLength) {
-    const std::string partition = testsupport::UniqueName("part");
-    return {
-        MakeRoute(source, type, Direction::ToNetwork, partition, "t", maxSize, outLength),
-        MakeRoute(destination, type, Direction::FromNetwork, partition, "t", maxSize, inLength)};
-}
-
-// True once the only route of `gateway` sees one reader and sends.
-bool MatchedAndSending(const Gateway& gateway) {
-    return gateway.Status()[0].matchedReaders == 1 && gateway.Status()[0].sending;
-}
-
 Config OneRoute(const Route& route) {
     Config config;
     config.source = "test";
@@ -111,6 +88,21 @@ Config OneRoute(const Route& route) {
     config.stopGraceMs = 2000;
     config.routes.push_back(route);
     return config;
+}
+
+// True once every route of `gateway` sends and, with `matched`, sees one reader.
+bool Sending(const Gateway& gateway, bool matched = true) {
+    for (const RouteStatus& route : gateway.Status()) {
+        if (!route.sending || (matched && route.matchedReaders != 1)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The counters of the first route of `gateway`.
+RouteCounters Counts(const Gateway& gateway) {
+    return gateway.Status()[0].counters;
 }
 
 using gatewaytest::NumberedBlock;
@@ -128,7 +120,7 @@ std::vector<Bytes> BlocksOf(const Collector& collector) {
 
 // `collector` gets blocks 0..total-1 of a numbered run, each once, in order.
 void ExpectNumbered(Collector& collector, unsigned total, std::size_t maxSize) {
-    ASSERT_TRUE(collector.WaitFor(total, std::chrono::seconds(90)))
+    ASSERT_TRUE(collector.WaitFor(total, 90s))
         << collector.Count() << " of " << total << " arrived";
     const std::vector<Bytes> blocks = BlocksOf(collector);
     ASSERT_EQ(blocks.size(), total);
@@ -139,7 +131,7 @@ void ExpectNumbered(Collector& collector, unsigned total, std::size_t maxSize) {
 
 // Writes into a reliable slot, waiting while it is full (the gateway's back-pressure).
 void WriteHeld(const ISubscriberPtr& writer, const std::string& name, const Bytes& block) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto end = std::chrono::steady_clock::now() + 60s;
     for (;;) {
         writer->onNotify(name, block.data(), block.size());
         if (Slot::LastWriteOutcome() == Slot::WriteOutcome::Stored) {
@@ -147,9 +139,57 @@ void WriteHeld(const ISubscriberPtr& writer, const std::string& name, const Byte
         }
         ASSERT_EQ(Slot::LastWriteOutcome(), Slot::WriteOutcome::Refused);
         ASSERT_LT(std::chrono::steady_clock::now(), end) << "the slot stayed full";
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(1ms);
     }
 }
+
+// Writes blocks first..end-1 of a numbered run, each held as WriteHeld does.
+void WriteNumbered(const ISubscriberPtr& writer, const std::string& name, unsigned first,
+                   unsigned end, std::size_t maxSize) {
+    for (unsigned n = first; n < end && !::testing::Test::HasFatalFailure(); ++n) {
+        WriteHeld(writer, name, NumberedBlock(n, maxSize));
+    }
+}
+
+// The two ends of a link of `type` on a partition of its own: `source` (slots, or pools for
+// "queue" and "latest") to the network, the network into `destination`; named after `stem`,
+// removed afterwards. Read() gives a reader of the destination that feeds `received`.
+struct Ends {
+    Ends(const std::string& stem, const std::string& type, std::size_t maxSize,
+         std::size_t outLength, std::size_t inLength)
+        : pool(type == "queue" || type == "latest"),
+          slotSource(stem + "_src"),
+          slotDestination(stem + "_dst"),
+          poolSource(stem + "_psrc"),
+          poolDestination(stem + "_pdst"),
+          source(pool ? poolSource.str() : slotSource.str()),
+          destination(pool ? poolDestination.str() : slotDestination.str()),
+          partition(testsupport::UniqueName("part")),
+          out(MakeRoute(source, type, Direction::ToNetwork, partition, "t", maxSize, outLength)),
+          in(MakeRoute(destination, type, Direction::FromNetwork, partition, "t", maxSize,
+                       inLength)),
+          sourceCfg(out),
+          destinationCfg(in) {}
+
+    // A writer of the source, or of the destination with `intoDestination`.
+    ISubscriberPtr Writer(bool intoDestination = false) const {
+        const Route& route = intoDestination ? in : out;
+        return pool ? Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(route))
+                    : SlotFactory::CreateSlotWriter(intoDestination ? &destinationCfg : &sourceCfg);
+    }
+    INotifierPtr Read() const {
+        return pool ? Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(in), received)
+                    : SlotFactory::CreateSlotReader(&destinationCfg, received);
+    }
+
+    const bool pool;
+    const testsupport::ScopedSlotName slotSource, slotDestination;
+    const pooltest::ScopedPool poolSource, poolDestination;
+    const std::string source, destination, partition;
+    Route out, in;
+    const RouteSlotCfg sourceCfg, destinationCfg;
+    const boost::shared_ptr<Collector> received{new Collector};
+};
 
 // Anything else on the DDS domain: publishes samples of the gateway's own type on a route's topic
 // and acknowledgement topic, saying whatever it likes about whose they are; with `reads`, it also
@@ -189,8 +229,7 @@ public:
 private:
     static void Publish(dds_entity_t writer, std::uint64_t gateway, std::uint64_t serial,
                         const void* data, std::size_t size) {
-        ASSERT_TRUE(Eventually([&] { return PublicationMatches(writer).current >= 1; },
-                               std::chrono::seconds(20)));
+        ASSERT_TRUE(Eventually([&] { return PublicationMatches(writer).current >= 1; }, 20s));
         SlotGatewayWire_Block sample = WireSample(gateway, serial, data, size);
         ASSERT_EQ(dds_write(writer, &sample), DDS_RETCODE_OK);
         ASSERT_EQ(dds_wait_for_acks(writer, DDS_SECS(20)), DDS_RETCODE_OK);
@@ -202,6 +241,62 @@ private:
     dds_entity_t ackWriter_ = 0;
 };
 
+// The text of the file at `path`.
+std::string ReadText(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// slot-gateway in a process of its own, run with a configuration of `routes` (a file in the
+// run's folder); killed (SIGKILL) at the end of the test, and with the test process.
+std::unique_ptr<testsupport::ChildProcess> StartGateway(const std::vector<Route>& routes,
+                                                        unsigned leaseMs) {
+    const std::string config =
+        testsupport::TestRunDir() + "/" + testsupport::UniqueName("gw") + ".json";
+    nlohmann::json slots = nlohmann::json::array();
+    for (const Route& route : routes) {
+        slots.push_back({{"name", route.name},
+                         {"type", route.type},
+                         {"max_size", route.maxSize},
+                         {"queue_length", route.queueLength},
+                         {"direction", ToString(route.direction)},
+                         {"partition", route.partition},
+                         {"topic", route.topic}});
+    }
+    std::ofstream(config) << nlohmann::json{{"gateway", {{"name", "child"}, {"lease_ms", leaseMs}}},
+                                            {"slots", slots}};
+    return std::unique_ptr<testsupport::ChildProcess>(new testsupport::ChildProcess([config] {
+        testsupport::DieWithParent();
+        const int quiet = ::open("/dev/null", O_WRONLY);
+        ::dup2(quiet, STDOUT_FILENO);
+        ::dup2(quiet, STDERR_FILENO);
+        ::execl(SLOT_GATEWAY_PATH, SLOT_GATEWAY_PATH, "--config", config.c_str(), "--timeout",
+                "300", static_cast<char*>(nullptr));
+        return 127;
+    }));
+}
+
+// Overwrites the shared-memory object `name` (a slot's header) with 0xFF, as a stray writer
+// would, and puts the bytes back on Restore or destruction.
+class DamagedObject {
+public:
+    explicit DamagedObject(const std::string& name)
+        : name_(name),
+          saved_(testsupport::ReadObject(name)),
+          damaged_(!saved_.empty() && testsupport::WriteObject(name, Bytes(saved_.size(), 0xFF))) {}
+    ~DamagedObject() { Restore(); }
+
+    bool damaged() const { return damaged_; }
+    void Restore() { damaged_ = damaged_ && !testsupport::WriteObject(name_, saved_); }
+
+private:
+    const std::string name_;
+    const Bytes saved_;
+    bool damaged_;
+};
+
 }  // namespace
 
 // Every block arrives once, in order, byte for byte, 0 bytes to the maximum size; a full
@@ -211,40 +306,23 @@ class GatewayCarries : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(GatewayCarries, EveryBlockAndHoldsBackWhenFull) {
     const bool pool = GetParam() == "queue";
-    testsupport::ScopedSlotName slotSource("gw_src"), slotDestination("gw_dst");
-    pooltest::ScopedPool poolSource("gw_pool_src"), poolDestination("gw_pool_dst");
-    const std::string source = pool ? poolSource.str() : slotSource.str();
     const std::size_t maxSize = 70000;
-    const Link link = MakeLink(source, pool ? poolDestination.str() : slotDestination.str(),
-                               GetParam(), maxSize, pool ? 8 : 32, 4);
-    const RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    ISubscriberPtr writer = pool ? Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.out))
-                                 : SlotFactory::CreateSlotWriter(&sourceCfg);
-
-    Gateway receiving(OneRoute(link.in));
-    Gateway sending(OneRoute(link.out));
+    const Ends ends("gw", GetParam(), maxSize, pool ? 8 : 32, 4);
+    ISubscriberPtr writer = ends.Writer();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
     // Nobody reads the destination yet: it fills, the receiving gateway retries, DDS fills, and
     // the sending gateway stops taking from the source.
-    const unsigned held = pool ? 12 : 20;
-    for (unsigned n = 0; n < held; ++n) {
-        WriteHeld(writer, source, NumberedBlock(n, maxSize));
-    }
-    ASSERT_TRUE(Eventually([&] { return receiving.Status()[0].counters.refused >= 1; },
-                           std::chrono::seconds(30)));
-    EXPECT_EQ(receiving.Status()[0].counters.dropped, 0u);
+    const unsigned held = pool ? 12 : 20, total = pool ? 120 : 300;
+    WriteNumbered(writer, ends.source, 0, held, maxSize);
+    ASSERT_TRUE(Eventually([&] { return Counts(receiving).refused >= 1; }, 30s));
+    EXPECT_EQ(Counts(receiving).dropped, 0u);
 
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader =
-        pool ? Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(link.in), collector)
-             : SlotFactory::CreateSlotReader(&destinationCfg, collector);
-    const unsigned total = pool ? 120 : 300;
-    for (unsigned n = held; n < total; ++n) {
-        WriteHeld(writer, source, NumberedBlock(n, maxSize));
-    }
-    ExpectNumbered(*collector, total, maxSize);
+    INotifierPtr reader = ends.Read();
+    WriteNumbered(writer, ends.source, held, total, maxSize);
+    ExpectNumbered(*ends.received, total, maxSize);
     reader.reset();
-    const RouteCounters sent = sending.Status()[0].counters;
-    const RouteCounters got = receiving.Status()[0].counters;
+    const RouteCounters sent = Counts(sending), got = Counts(receiving);
     EXPECT_EQ(sent.forwarded, total);
     EXPECT_EQ(got.received, total);
     EXPECT_GE(got.retried, got.refused);
@@ -259,91 +337,48 @@ INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayCarries, ::testing::Values("reliabl
 
 // A discarding slot's latest state reaches a gateway that starts later.
 TEST(Gateway, DiscardingDeliversLatestStateToLateJoiner) {
-    testsupport::ScopedSlotName source("gw_state"), destination("gw_state_copy");
-    const Link link = MakeLink(source, destination, "discarding", 512, 1, 1);
-    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    Gateway sending(OneRoute(link.out));
+    const Ends ends("gw_state", "discarding", 512, 1, 1);
+    ISubscriberPtr writer = ends.Writer();
+    Gateway sending(OneRoute(ends.out));
     // The slot's reader passes on only states younger than the update time: it must run before
     // they are written, also on a loaded machine.
-    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, std::chrono::seconds(20)));
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, 20s));
     for (unsigned n = 1; n <= 50; ++n) {
         const std::string state = "state " + std::to_string(n);
-        writer->onNotify(source, state.data(), state.size());
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        writer->onNotify(ends.source, state.data(), state.size());
+        std::this_thread::sleep_for(2ms);
     }
-    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].counters.forwarded >= 1; },
-                           std::chrono::seconds(10)));
+    ASSERT_TRUE(Eventually([&] { return Counts(sending).forwarded >= 1; }, 10s));
     // Let the last state be published before the receiver exists.
     const std::string last = "state 50";
     ASSERT_TRUE(Eventually(
         [&] {
-            const auto before = sending.Status()[0].counters.forwarded;
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            return sending.Status()[0].counters.forwarded == before;
+            const auto before = Counts(sending).forwarded;
+            std::this_thread::sleep_for(100ms);
+            return Counts(sending).forwarded == before;
         },
-        std::chrono::seconds(10)));
-    Gateway receiving(OneRoute(link.in));
-    boost::shared_ptr<ISlot> copy = SlotFactory::CreateSlot(&destinationCfg);
+        10s));
+    Gateway receiving(OneRoute(ends.in));
+    boost::shared_ptr<ISlot> copy = SlotFactory::CreateSlot(&ends.destinationCfg);
     std::string seen;
     ASSERT_TRUE(Eventually(
         [&] {
             char buffer[512];
-            const size_t n = copy->ReadData(buffer, sizeof buffer);
-            seen.assign(buffer, n);
+            seen.assign(buffer, copy->ReadData(buffer, sizeof buffer));
             return seen == last;
         },
-        std::chrono::seconds(15)))
+        15s))
         << "last seen: '" << seen << "'";
-    EXPECT_EQ(receiving.Status()[0].counters.dropped, 0u);
+    EXPECT_EQ(Counts(receiving).dropped, 0u);
 }
 
-// Two gateways mirroring one discarding state both ways: each block crosses once, never back.
-TEST(Gateway, BothWaysDoesNotEcho) {
-    testsupport::ScopedSlotName left("gw_left"), right("gw_right");
-    const std::string partition = testsupport::UniqueName("part");
-    const Route a =
-        MakeRoute(left, "discarding", Direction::Both, partition, "shared_state", 256, 1);
-    const Route b =
-        MakeRoute(right, "discarding", Direction::Both, partition, "shared_state", 256, 1);
-    RouteSlotCfg leftCfg(a), rightCfg(b);
-    Gateway gatewayA(OneRoute(a));
-    Gateway gatewayB(OneRoute(b));
-    ASSERT_TRUE(
-        Eventually([&] { return MatchedAndSending(gatewayA) && MatchedAndSending(gatewayB); },
-                   std::chrono::seconds(20)));
-    boost::shared_ptr<ISlot> leftSlot = SlotFactory::CreateSlot(&leftCfg);
-    boost::shared_ptr<ISlot> rightSlot = SlotFactory::CreateSlot(&rightCfg);
-
-    const std::string hello = "hello from the left";
-    // Written as a writer does: locked, then the write condition notified.
-    SlotWriter(leftSlot).onNotify("", hello.data(), hello.size());
-    // B stores it and its own reader of the right slot sees it: skipped, not sent back.
-    ASSERT_TRUE(Eventually([&] { return gatewayB.Status()[0].counters.echoes == 1; },
-                           std::chrono::seconds(20)))
-        << gatewayA.StatusJson() << gatewayB.StatusJson();
-    const std::string world = "world from the right";
-    SlotWriter(rightSlot).onNotify("", world.data(), world.size());
-    ASSERT_TRUE(Eventually([&] { return gatewayA.Status()[0].counters.echoes == 1; },
-                           std::chrono::seconds(20)))
-        << gatewayA.StatusJson() << gatewayB.StatusJson();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // room for a wrong echo
-    const RouteCounters countsA = gatewayA.Status()[0].counters;
-    const RouteCounters countsB = gatewayB.Status()[0].counters;
-    EXPECT_EQ(countsA.forwarded, 1u);
-    EXPECT_EQ(countsA.received, 1u);
-    EXPECT_EQ(countsB.forwarded, 1u);
-    EXPECT_EQ(countsB.received, 1u);
-    char buffer[256];
-    const size_t n = leftSlot->ReadData(buffer, sizeof buffer);
-    EXPECT_EQ(std::string(buffer, n), world);
-}
-
-// A gateway that stored a state from the network no longer offers its own older one: after
-// A's X and then B's Z, a restarted B is not given X (from A's history or its repetitions), and
-// the newest state on both sides stays Z. (Opening a discarding slot forgets its last block: the
-// restarted gateway's opening shows there as an empty state.)
-TEST(Gateway, BothWaysRestartedPeerKeepsTheNewestState) {
+// Two gateways mirroring one discarding state both ways: each state crosses once, never back (a
+// gateway's reader of its slot skips what the gateway stored there as an echo). A gateway that
+// stored a state from the network no longer offers its own older one: after A's X and then B's
+// Z, a restarted B is not given X (from A's history or its repetitions), and the newest state on
+// both sides stays Z. (Opening a discarding slot forgets its last block: the restarted gateway's
+// opening shows there as an empty state.)
+TEST(Gateway, BothWaysNoEchoAndARestartedPeerKeepsTheNewestState) {
     testsupport::ScopedSlotName left("gw_left_restart"), right("gw_right_restart");
     const std::string partition = testsupport::UniqueName("part");
     const Route a =
@@ -358,30 +393,31 @@ TEST(Gateway, BothWaysRestartedPeerKeepsTheNewestState) {
     INotifierPtr rightReader = SlotFactory::CreateSlotReader(&rightCfg, rightStates);
     Gateway gatewayA(OneRoute(a));
     std::unique_ptr<Gateway> gatewayB(new Gateway(OneRoute(b)));
-    ASSERT_TRUE(
-        Eventually([&] { return MatchedAndSending(gatewayA) && MatchedAndSending(*gatewayB); },
-                   std::chrono::seconds(20)));
+    ASSERT_TRUE(Eventually([&] { return Sending(gatewayA) && Sending(*gatewayB); }, 20s));
 
+    // Written as a writer does: locked, then the write condition notified. B stores X, and its
+    // own reader of the right slot sees it: skipped, not sent back.
     const std::string x = "X from the left", z = "Z from the right";
     SlotWriter(leftSlot).onNotify("", x.data(), x.size());
-    ASSERT_TRUE(Eventually([&] { return gatewayB->Status()[0].counters.echoes == 1; },
-                           std::chrono::seconds(20)))
+    ASSERT_TRUE(Eventually([&] { return Counts(*gatewayB).echoes == 1; }, 20s))
         << gatewayA.StatusJson() << gatewayB->StatusJson();
     SlotWriter(rightSlot).onNotify("", z.data(), z.size());
-    ASSERT_TRUE(Eventually([&] { return gatewayA.Status()[0].counters.echoes == 1; },
-                           std::chrono::seconds(20)))
+    ASSERT_TRUE(Eventually([&] { return Counts(gatewayA).echoes == 1; }, 20s))
         << gatewayA.StatusJson() << gatewayB->StatusJson();
+    std::this_thread::sleep_for(300ms);  // room for a wrong echo
+    for (const Gateway* gateway : {&gatewayA, gatewayB.get()}) {
+        EXPECT_EQ(Counts(*gateway).forwarded, 1u) << gateway->StatusJson();
+        EXPECT_EQ(Counts(*gateway).received, 1u) << gateway->StatusJson();
+    }
 
     // The old gateway leaves before the new one starts, as a restarted process does: in one
     // process the two would match at once, and the old one's history would reach the new one.
     gatewayB.reset();
     gatewayB.reset(new Gateway(OneRoute(b)));
-    ASSERT_TRUE(
-        Eventually([&] { return MatchedAndSending(gatewayA) && MatchedAndSending(*gatewayB); },
-                   std::chrono::seconds(20)));
+    ASSERT_TRUE(Eventually([&] { return Sending(gatewayA) && Sending(*gatewayB); }, 20s));
     // Room for A's history and its repetitions after the new match (1 s apart at most).
-    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-    EXPECT_EQ(gatewayB->Status()[0].counters.received, 0u) << gatewayB->StatusJson();
+    std::this_thread::sleep_for(2500ms);
+    EXPECT_EQ(Counts(*gatewayB).received, 0u) << gatewayB->StatusJson();
     auto newest = [](const Collector& states) {
         std::string last;
         for (const Bytes& state : BlocksOf(states)) {
@@ -413,22 +449,18 @@ TEST(Gateway, BothWaysRefusedStateIsNoEchoLater) {
     }
     Gateway gatewayA(OneRoute(a));
     Gateway gatewayB(OneRoute(b));
-    ASSERT_TRUE(
-        Eventually([&] { return MatchedAndSending(gatewayA) && MatchedAndSending(gatewayB); },
-                   std::chrono::seconds(20)));
+    ASSERT_TRUE(Eventually([&] { return Sending(gatewayA) && Sending(gatewayB); }, 20s));
     const std::string state = "same bytes";
     ISubscriberPtr leftWriter = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(a));
     leftWriter->onNotify(left.str(), state.data(), state.size());
-    ASSERT_TRUE(Eventually([&] { return gatewayB.Status()[0].counters.refused == 1; },
-                           std::chrono::seconds(20)))
+    ASSERT_TRUE(Eventually([&] { return Counts(gatewayB).refused == 1; }, 20s))
         << gatewayA.StatusJson() << gatewayB.StatusJson();
 
     loans.clear();
     rightWriter->onNotify(right.str(), state.data(), state.size());
-    ASSERT_TRUE(Eventually([&] { return gatewayB.Status()[0].counters.forwarded == 1; },
-                           std::chrono::seconds(20)))
+    ASSERT_TRUE(Eventually([&] { return Counts(gatewayB).forwarded == 1; }, 20s))
         << gatewayA.StatusJson() << gatewayB.StatusJson();
-    EXPECT_EQ(gatewayB.Status()[0].counters.echoes, 0u);
+    EXPECT_EQ(Counts(gatewayB).echoes, 0u);
 }
 
 // The status file is whole JSON with the counters, and its table names every slot.
@@ -439,17 +471,12 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     Config config = OneRoute(route);
     config.statusFile = testsupport::TestRunDir() + "/gateway-status.json";
     config.statusIntervalMs = 20;
-    {
-        Gateway gateway(config);
-        gateway.Stop();
-    }
-    std::ifstream in(config.statusFile);
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string table = FormatStatus(text.str());
+    Gateway(config).Stop();
+    const std::string text = ReadText(config.statusFile);
+    const std::string table = FormatStatus(text);
     EXPECT_NE(table.find(slot.str()), std::string::npos) << table;
     EXPECT_NE(table.find("from-network"), std::string::npos) << table;
-    EXPECT_NE(text.str().find("\"stopped\": true"), std::string::npos);
+    EXPECT_NE(text.find("\"stopped\": true"), std::string::npos);
     std::remove(config.statusFile.c_str());
     // A symlink planted at the temporary name is not followed.
     const std::string target = testsupport::TestRunDir() + "/gateway-target";
@@ -462,44 +489,39 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     // Nor is a file someone else has at that name removed or written.
     { std::ofstream(link) << "theirs"; }
     EXPECT_EQ(WriteFileAtomically(config.statusFile, "{}"), "");
-    std::ifstream theirs(link);
-    std::stringstream kept;
-    kept << theirs.rdbuf();
-    EXPECT_EQ(kept.str(), "theirs");
+    EXPECT_EQ(ReadText(link), "theirs");
     std::remove(link.c_str());
     std::remove(config.statusFile.c_str());
 }
 
 // Five blocks into a reliable route whose destination, read by nobody, holds block 0 and
-// refuses block 1, which stays in the sending gateway's hand. `meanwhile` runs before the
-// receiving gateway stops within its grace, block 1 unstored. When the sending gateway stops, the
-// block in hand is back at the head of the slot: the next reader gets the blocks in their order.
-// The sending gateway's counters at its stop.
-RouteCounters BlockInHandGoesBack(
-    const std::string& stem,
-    const std::function<void(const Link&, Gateway& sending, Gateway& receiving)>& meanwhile) {
-    testsupport::ScopedSlotName source(stem + "_src"), destination(stem + "_dst");
-    const Link link = MakeLink(source, destination, "reliable", 512, 8, 1);
-    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&sourceCfg);
-    boost::shared_ptr<ISlot> destinationSlot = SlotFactory::CreateSlot(&destinationCfg);
-    Config sendingConfig = OneRoute(link.out), receivingConfig = OneRoute(link.in);
+// refuses block 1, which stays in the sending gateway's hand. Acknowledgements of block 1 from a
+// participant that reads none of the route's blocks do not count, whatever receiver they name.
+// The receiving gateway stops within its grace, block 1 unstored; when the sending gateway
+// stops, the block in hand is back at the head of the slot: the next reader gets the blocks in
+// their order.
+TEST(GatewayHostile, ForgedAcknowledgementsLeaveTheBlockInHandToGoBackToTheHead) {
+    const Ends ends("gw_back", "reliable", 512, 8, 1);
+    ISubscriberPtr writer = ends.Writer();
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&ends.sourceCfg);
+    boost::shared_ptr<ISlot> destinationSlot = SlotFactory::CreateSlot(&ends.destinationCfg);
+    Config sendingConfig = OneRoute(ends.out), receivingConfig = OneRoute(ends.in);
     sendingConfig.stopGraceMs = 300;
     receivingConfig.stopGraceMs = 200;
 
     Gateway sending(sendingConfig);
     std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
-    for (unsigned n = 0; n < 5; ++n) {
-        WriteHeld(writer, source, NumberedBlock(n, 512));
-    }
-    EXPECT_TRUE(Eventually([&] { return receiving->Status()[0].counters.refused >= 1; },
-                           std::chrono::seconds(30)));
+    WriteNumbered(writer, ends.source, 0, 5, 512);
+    EXPECT_TRUE(Eventually([&] { return Counts(*receiving).refused >= 1; }, 30s));
     EXPECT_EQ(slot->GetBufferLength(), 3u);  // blocks 2..4; block 1 is in the sender's hand
-    meanwhile(link, sending, *receiving);
+    {
+        // Block 1 (serial 2) "stored" by the real receiving gateway, and by one not there.
+        HostilePeer foe(ends.out);
+        foe.PublishAck(sending.Id(), 2, receiving->Id());
+        foe.PublishAck(sending.Id(), 2, 42);
+    }
     receiving.reset();
-    EXPECT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; },
-                           std::chrono::seconds(30)));
+    EXPECT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; }, 30s));
     sending.Stop();
     EXPECT_EQ(slot->GetBufferLength(), 4u);
     for (unsigned n = 1; n < 5 && slot->GetBufferLength() != 0; ++n) {
@@ -507,13 +529,8 @@ RouteCounters BlockInHandGoesBack(
         const size_t size = slot->ReadData(buffer, sizeof buffer);
         EXPECT_EQ(Bytes(buffer, buffer + size), NumberedBlock(n, 512)) << "block " << n;
     }
-    return sending.Status()[0].counters;
-}
-
-TEST(Gateway, ReliableBlockInHandGoesBackToTheHeadOfTheSlot) {
-    const RouteCounters counters =
-        BlockInHandGoesBack("gw_back", [](const Link&, Gateway&, Gateway&) {});
-    EXPECT_EQ(counters.dropped, 0u);
+    EXPECT_EQ(Counts(sending).forwarded, 1u);
+    EXPECT_EQ(Counts(sending).dropped, 0u);
 }
 
 // The sending gateway stops while the receiving gateway has its block but cannot store it (its
@@ -524,61 +541,50 @@ TEST(Gateway, ReliableBlockInHandGoesBackToTheHeadOfTheSlot) {
 class GatewayStopsBeforeTheBlockIsStored : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(GatewayStopsBeforeTheBlockIsStored, BlockGoesBackOrIsCountedDropped) {
-    const bool pool = GetParam() == "queue";
-    testsupport::ScopedSlotName slotSource("gw_unstored_src"), slotDestination("gw_unstored_dst");
-    pooltest::ScopedPool poolSource("gw_unstored_psrc"), poolDestination("gw_unstored_pdst");
-    const std::string source = pool ? poolSource.str() : slotSource.str();
-    const std::string destination = pool ? poolDestination.str() : slotDestination.str();
-    const Link link = MakeLink(source, destination, GetParam(), 512, 8, 1);
-    const RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    ISubscriberPtr writer = pool ? Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.out))
-                                 : SlotFactory::CreateSlotWriter(&sourceCfg);
-    ISubscriberPtr occupier = pool ? Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.in))
-                                   : SlotFactory::CreateSlotWriter(&destinationCfg);
+    const Ends ends("gw_unstored", GetParam(), 512, 8, 1);
+    ISubscriberPtr writer = ends.Writer();
+    ISubscriberPtr occupier = ends.Writer(true);
     const Bytes occupant = {'o', 'l', 'd'};
-    WriteHeld(occupier, destination, occupant);  // the destination's one place is taken
-    Config sendingConfig = OneRoute(link.out), receivingConfig = OneRoute(link.in);
+    WriteHeld(occupier, ends.destination, occupant);  // the destination's one place is taken
+    Config sendingConfig = OneRoute(ends.out), receivingConfig = OneRoute(ends.in);
     sendingConfig.stopGraceMs = 500;
     receivingConfig.stopGraceMs = 200;
     testsupport::LogCapture log("SlotGateway");
 
     std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
     std::unique_ptr<Gateway> sending(new Gateway(sendingConfig));
-    WriteHeld(writer, source, NumberedBlock(0, 512));
-    ASSERT_TRUE(Eventually([&] { return receiving->Status()[0].counters.refused >= 1; },
-                           std::chrono::seconds(30)))
+    WriteHeld(writer, ends.source, NumberedBlock(0, 512));
+    ASSERT_TRUE(Eventually([&] { return Counts(*receiving).refused >= 1; }, 30s))
         << receiving->StatusJson();
     sending->Stop();
-    const RouteCounters sent = sending->Status()[0].counters;
+    const RouteCounters sent = Counts(*sending);
     EXPECT_EQ(sent.forwarded, 0u);
     sending.reset();
     receiving->Stop();
-    EXPECT_EQ(receiving->Status()[0].counters.received, 0u);
-    EXPECT_EQ(receiving->Status()[0].counters.dropped, 0u);
+    EXPECT_EQ(Counts(*receiving).received, 0u);
+    EXPECT_EQ(Counts(*receiving).dropped, 0u);
     receiving.reset();
-    if (pool) {
+    if (ends.pool) {
         EXPECT_EQ(sent.dropped, 1u);
-        EXPECT_EQ(log.Count("ERROR", "Block 1 of pool '" + source +
+        EXPECT_EQ(log.Count("ERROR", "Block 1 of pool '" + ends.source +
                                          "' dropped: no receiver stored it while the gateway "
                                          "stopped"),
                   1u);
         return;
     }
     EXPECT_EQ(sent.dropped, 0u);
-    EXPECT_EQ(log.Count("WARN", "No receiver stored block 1 of slot '" + source +
+    EXPECT_EQ(log.Count("WARN", "No receiver stored block 1 of slot '" + ends.source +
                                     "' while stopping: put back at the head of the slot"),
               1u);
-    EXPECT_EQ(SlotFactory::CreateSlot(&sourceCfg)->GetBufferLength(), 1u);
+    EXPECT_EQ(SlotFactory::CreateSlot(&ends.sourceCfg)->GetBufferLength(), 1u);
 
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
+    INotifierPtr reader = ends.Read();
     Gateway receivingAgain(receivingConfig);
     Gateway sendingAgain(sendingConfig);
-    ASSERT_TRUE(collector->WaitFor(2, std::chrono::seconds(30)))
+    ASSERT_TRUE(ends.received->WaitFor(2, 30s))
         << receivingAgain.StatusJson() << sendingAgain.StatusJson();
-    EXPECT_EQ(BlocksOf(*collector), (std::vector<Bytes>{occupant, NumberedBlock(0, 512)}));
-    EXPECT_TRUE(Eventually([&] { return sendingAgain.Status()[0].counters.forwarded == 1; },
-                           std::chrono::seconds(20)));
+    EXPECT_EQ(BlocksOf(*ends.received), (std::vector<Bytes>{occupant, NumberedBlock(0, 512)}));
+    EXPECT_TRUE(Eventually([&] { return Counts(sendingAgain).forwarded == 1; }, 20s));
 }
 
 INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayStopsBeforeTheBlockIsStored,
@@ -587,111 +593,96 @@ INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayStopsBeforeTheBlockIsStored,
 // A discarding slot's states cross, an empty one too (it has a write time, unlike no state);
 // the reliable slot's empty blocks are in the numbered run above.
 TEST(Gateway, DiscardingStatesCrossEmptyOnesToo) {
-    testsupport::ScopedSlotName source("gw_empty_state"), copy("gw_empty_state_copy");
-    const Link link = MakeLink(source, copy, "discarding", 64, 1, 1);
-    RouteSlotCfg sourceCfg(link.out), copyCfg(link.in);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    boost::shared_ptr<Collector> states(new Collector);
-    INotifierPtr reader = SlotFactory::CreateSlotReader(&copyCfg, states);
-    Gateway receiving(OneRoute(link.in));
-    Gateway sending(OneRoute(link.out));
+    const Ends ends("gw_empty_state", "discarding", 64, 1, 1);
+    ISubscriberPtr writer = ends.Writer();
+    INotifierPtr reader = ends.Read();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
 
     // A state is sent once the sending gateway reads the slot; the empty one follows it.
-    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, std::chrono::seconds(20)));
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, 20s));
     const Bytes first = {'x'};
-    writer->onNotify(source, first.data(), first.size());
-    ASSERT_TRUE(states->WaitFor(1, std::chrono::seconds(30)));
-    writer->onNotify(source, nullptr, 0);
-    ASSERT_TRUE(states->WaitFor(2, std::chrono::seconds(30)));
-    EXPECT_EQ(BlocksOf(*states), (std::vector<Bytes>{first, Bytes{}}));
-    EXPECT_EQ(sending.Status()[0].counters.dropped + receiving.Status()[0].counters.dropped, 0u);
+    writer->onNotify(ends.source, first.data(), first.size());
+    ASSERT_TRUE(ends.received->WaitFor(1, 30s));
+    writer->onNotify(ends.source, nullptr, 0);
+    ASSERT_TRUE(ends.received->WaitFor(2, 30s));
+    EXPECT_EQ(BlocksOf(*ends.received), (std::vector<Bytes>{first, Bytes{}}));
+    EXPECT_EQ(Counts(sending).dropped + Counts(receiving).dropped, 0u);
 }
 
 // A latest pool's newest block reaches the other side's pool.
 TEST(Gateway, LatestPoolCarriesTheLatestBlock) {
-    pooltest::ScopedPool source("gw_latest_src"), destination("gw_latest_dst");
-    const Link link = MakeLink(source.str(), destination.str(), "latest", 512, 4, 4);
-    Gateway receiving(OneRoute(link.in));
-    Gateway sending(OneRoute(link.out));
-    ASSERT_TRUE(Eventually([&] { return MatchedAndSending(sending); }, std::chrono::seconds(20)));
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(link.in), collector);
-    ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(link.out));
+    const Ends ends("gw_latest", "latest", 512, 4, 4);
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    ASSERT_TRUE(Eventually([&] { return Sending(sending); }, 20s));
+    INotifierPtr reader = ends.Read();
+    ISubscriberPtr writer = ends.Writer();
     const std::string last = "state 20";
     for (unsigned n = 1; n <= 20; ++n) {
         const std::string state = "state " + std::to_string(n);
-        writer->onNotify(source.str(), state.data(), state.size());
+        writer->onNotify(ends.source, state.data(), state.size());
     }
     ASSERT_TRUE(Eventually(
         [&] {
-            const std::vector<Bytes> blocks = BlocksOf(*collector);
+            const std::vector<Bytes> blocks = BlocksOf(*ends.received);
             return !blocks.empty() && blocks.back() == Bytes(last.begin(), last.end());
         },
-        std::chrono::seconds(20)))
+        20s))
         << sending.StatusJson() << receiving.StatusJson();
-    EXPECT_EQ(sending.Status()[0].counters.dropped + receiving.Status()[0].counters.dropped, 0u);
+    EXPECT_EQ(Counts(sending).dropped + Counts(receiving).dropped, 0u);
 }
 
 // A queue pool is not read while no receiver is matched: a gateway that stops without one leaves
 // the pool whole, and blocks written while the receiver is gone reach the next one in order.
 TEST(Gateway, QueuePoolKeepsItsBlocksWhileNoReceiverIsMatched) {
-    pooltest::ScopedPool source("gw_pool_gone_src"), destination("gw_pool_gone_dst");
-    const Link link = MakeLink(source.str(), destination.str(), "queue", 1024, 16, 16);
-    const Route& out = link.out;
-    const Route& in = link.in;
-    ISubscriberPtr writer = Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(out));
-    WriteHeld(writer, source.str(), NumberedBlock(0, 1024));
+    const Ends ends("gw_pool_gone", "queue", 1024, 16, 16);
+    ISubscriberPtr writer = ends.Writer();
+    WriteHeld(writer, ends.source, NumberedBlock(0, 1024));
     {
-        Gateway alone(OneRoute(out));
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // time to (wrongly) take
+        Gateway alone(OneRoute(ends.out));
+        std::this_thread::sleep_for(300ms);  // time to (wrongly) take
         EXPECT_FALSE(alone.Status()[0].sending);
     }
 
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(in), collector);
-    Gateway sending(OneRoute(out));
-    std::unique_ptr<Gateway> receiving(new Gateway(OneRoute(in)));
-    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(30)));
+    INotifierPtr reader = ends.Read();
+    Gateway sending(OneRoute(ends.out));
+    std::unique_ptr<Gateway> receiving(new Gateway(OneRoute(ends.in)));
+    ASSERT_TRUE(ends.received->WaitFor(1, 30s));
     receiving.reset();
-    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; },
-                           std::chrono::seconds(30)));
-    for (unsigned n = 1; n <= 5; ++n) {
-        WriteHeld(writer, source.str(), NumberedBlock(n, 1024));
-    }
-    receiving.reset(new Gateway(OneRoute(in)));
-    ExpectNumbered(*collector, 6, 1024);
-    EXPECT_EQ(sending.Status()[0].counters.dropped, 0u);
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; }, 30s));
+    WriteNumbered(writer, ends.source, 1, 6, 1024);
+    receiving.reset(new Gateway(OneRoute(ends.in)));
+    ExpectNumbered(*ends.received, 6, 1024);
+    EXPECT_EQ(Counts(sending).dropped, 0u);
 }
 
 // Samples from others on the domain that name a real sending gateway cannot make the receiving
-// gateway take that gateway's later blocks for repetitions, whatever serial they carry.
-TEST(GatewayHostile, ForeignSerialsDoNotHideTheSendersBlocks) {
-    testsupport::ScopedSlotName source("gw_foe_src"), destination("gw_foe_dst");
-    const Link link = MakeLink(source, destination, "reliable", 512, 8, 8);
-    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
-    Gateway receiving(OneRoute(link.in));
-    Gateway sending(OneRoute(link.out));
-    WriteHeld(writer, source, NumberedBlock(0, 512));
-    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(30)));
+// gateway take that gateway's later blocks for repetitions, whatever serial they carry. And
+// their reader of the topic (it never acknowledges, unlike a gateway) does not hold the sender
+// back: a block is done once every receiving gateway stored it.
+TEST(GatewayHostile, ForeignSerialsAndReadersDoNotHideOrStallTheSendersBlocks) {
+    const Ends ends("gw_foe", "reliable", 512, 8, 8);
+    ISubscriberPtr writer = ends.Writer();
+    INotifierPtr reader = ends.Read();
+    HostilePeer foe(ends.out, true);
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 2; }, 20s));
+    WriteHeld(writer, ends.source, NumberedBlock(0, 512));
+    ASSERT_TRUE(ends.received->WaitFor(1, 30s));
 
     // Far ahead, and at the end of the serials' range.
-    HostilePeer foe(link.out);
     const Bytes forged = {'f', 'o', 'e'};
     foe.PublishBlock(sending.Id(), (std::uint64_t(1) << 63) + 1, forged);
     foe.PublishBlock(sending.Id(), UINT64_MAX, forged);
-    ASSERT_TRUE(collector->WaitFor(3, std::chrono::seconds(30)));
-    for (unsigned n = 1; n <= 3; ++n) {
-        WriteHeld(writer, source, NumberedBlock(n, 512));
-    }
-    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].counters.forwarded == 4; },
-                           std::chrono::seconds(30)));
-    ASSERT_TRUE(collector->WaitFor(6, std::chrono::seconds(10)))
-        << collector->Count() << " blocks stored; " << receiving.StatusJson();
-    const std::vector<Bytes> blocks = BlocksOf(*collector);
-    EXPECT_EQ(blocks,
+    ASSERT_TRUE(ends.received->WaitFor(3, 30s));
+    WriteNumbered(writer, ends.source, 1, 4, 512);
+    ASSERT_TRUE(Eventually([&] { return Counts(sending).forwarded == 4; }, 30s))
+        << sending.StatusJson();
+    ASSERT_TRUE(ends.received->WaitFor(6, 10s))
+        << ends.received->Count() << " blocks stored; " << receiving.StatusJson();
+    EXPECT_EQ(BlocksOf(*ends.received),
               (std::vector<Bytes>{NumberedBlock(0, 512), forged, forged, NumberedBlock(1, 512),
                                   NumberedBlock(2, 512), NumberedBlock(3, 512)}));
 }
@@ -699,60 +690,21 @@ TEST(GatewayHostile, ForeignSerialsDoNotHideTheSendersBlocks) {
 // A destination slot that exists with a smaller maximum size than the route's cannot take a
 // larger block, ever: it is dropped, and the blocks behind it arrive.
 TEST(Gateway, BlockLargerThanTheExistingSlotIsDroppedNotRetriedForever) {
-    testsupport::ScopedSlotName source("gw_big_src"), destination("gw_small_dst");
-    const Link link = MakeLink(source, destination, "reliable", 512, 8, 8);
-    Route smaller = link.in;
+    const Ends ends("gw_big", "reliable", 512, 8, 8);
+    Route smaller = ends.in;
     smaller.maxSize = 64;
-    RouteSlotCfg sourceCfg(link.out), smallerCfg(smaller);
+    const RouteSlotCfg smallerCfg(smaller);
     boost::shared_ptr<ISlot> existing = SlotFactory::CreateSlot(&smallerCfg);
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = SlotFactory::CreateSlotReader(&smallerCfg, collector);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    Gateway receiving(OneRoute(link.in));
-    Gateway sending(OneRoute(link.out));
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&smallerCfg, ends.received);
+    ISubscriberPtr writer = ends.Writer();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
     const Bytes large(100, 'L'), small(10, 's');
-    WriteHeld(writer, source, large);
-    WriteHeld(writer, source, small);
-    ASSERT_TRUE(collector->WaitFor(1, std::chrono::seconds(20))) << receiving.StatusJson();
-    EXPECT_EQ(BlocksOf(*collector), std::vector<Bytes>{small});
-    EXPECT_EQ(receiving.Status()[0].counters.dropped, 1u);
-}
-
-// Acknowledgements from a participant that reads none of the route's blocks do not count, whatever
-// receiver they name: the block stays in the sender's hand, and goes back to the head of the slot
-// when no receiver stored it.
-TEST(GatewayHostile, ForgedAcknowledgementDoesNotReleaseTheBlockInHand) {
-    const RouteCounters counters = BlockInHandGoesBack(
-        "gw_foe_ack", [](const Link& link, Gateway& sending, Gateway& receiving) {
-            // Block 1 (serial 2) "stored" by the real receiving gateway, and by one not there.
-            HostilePeer foe(link.out);
-            foe.PublishAck(sending.Id(), 2, receiving.Id());
-            foe.PublishAck(sending.Id(), 2, 42);
-        });
-    EXPECT_EQ(counters.forwarded, 1u);
-}
-
-// A reader of the topic that is not a gateway (it never acknowledges) does not hold the sender
-// back: a block is done once every receiving gateway stored it.
-TEST(GatewayHostile, ForeignReaderDoesNotStallTheSender) {
-    testsupport::ScopedSlotName source("gw_foe_rd_src"), destination("gw_foe_rd_dst");
-    const Link link = MakeLink(source, destination, "reliable", 512, 8, 8);
-    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
-    HostilePeer monitor(link.out, true);
-    Gateway receiving(OneRoute(link.in));
-    Gateway sending(OneRoute(link.out));
-    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 2; },
-                           std::chrono::seconds(20)));
-    for (unsigned n = 0; n < 4; ++n) {
-        WriteHeld(writer, source, NumberedBlock(n, 512));
-    }
-    ExpectNumbered(*collector, 4, 512);
-    EXPECT_TRUE(Eventually([&] { return sending.Status()[0].counters.forwarded == 4; },
-                           std::chrono::seconds(20)))
-        << sending.StatusJson();
+    WriteHeld(writer, ends.source, large);
+    WriteHeld(writer, ends.source, small);
+    ASSERT_TRUE(ends.received->WaitFor(1, 20s)) << receiving.StatusJson();
+    EXPECT_EQ(BlocksOf(*ends.received), std::vector<Bytes>{small});
+    EXPECT_EQ(Counts(receiving).dropped, 1u);
 }
 
 // One gateway per machine writes a slot: a second one that would write it (from the network or
@@ -781,72 +733,25 @@ TEST(GatewayClaim, ASlotIsWrittenByOneGatewayPerMachine) {
     Gateway again(route(Direction::Both, "claim_both"));
 }
 
-// slot-gateway in a process of its own, run with a configuration of `routes`; killed (SIGKILL) at
-// the end of the test, and with the test process.
-class GatewayProcess {
-public:
-    GatewayProcess(const std::vector<Route>& routes, unsigned leaseMs)
-        : config_(testsupport::TestRunDir() + "/" + testsupport::UniqueName("gw") + ".json") {
-        nlohmann::json slots = nlohmann::json::array();
-        for (const Route& route : routes) {
-            slots.push_back({{"name", route.name},
-                             {"type", route.type},
-                             {"max_size", route.maxSize},
-                             {"queue_length", route.queueLength},
-                             {"direction", ToString(route.direction)},
-                             {"partition", route.partition},
-                             {"topic", route.topic}});
-        }
-        std::ofstream(config_) << nlohmann::json{
-            {"gateway", {{"name", "child"}, {"lease_ms", leaseMs}}}, {"slots", slots}};
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            const int quiet = ::open("/dev/null", O_WRONLY);
-            ::dup2(quiet, STDOUT_FILENO);
-            ::dup2(quiet, STDERR_FILENO);
-            ::execl(SLOT_GATEWAY_PATH, SLOT_GATEWAY_PATH, "--config", config_.c_str(), "--timeout",
-                    "300", static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-    }
-    ~GatewayProcess() {
-        Kill();
-        ::unlink(config_.c_str());
-    }
-    pid_t pid() const { return pid_; }
-    void Kill() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-            pid_ = -1;
-        }
-    }
-
-private:
-    const std::string config_;
-    pid_t pid_ = -1;
-};
-
 // A gateway killed while it writes the slot leaves no claim behind: the next one starts.
 TEST(GatewayClaim, AKilledGatewaysClaimEndsWithIt) {
     testsupport::ScopedSlotName slot("gw_claim_killed");
     const Route in = MakeRoute(slot, "reliable", Direction::FromNetwork,
                                testsupport::UniqueName("part"), "claim_killed", 64, 4);
-    GatewayProcess child({in}, 500);
-    ASSERT_GT(child.pid(), 0);
+    const auto child = StartGateway({in}, 500);
     const std::string lockFile = SlotClaim::PathOf(slot);
     // Killed once it has started: a creator killed inside a slot's creation leaves an unfinished
     // slot, which the library does not take over.
     ASSERT_TRUE(Eventually(
         [&] {
-            return shared::FileLock::Holder(lockFile) == child.pid() &&
+            return shared::FileLock::Holder(lockFile) == child->Pid() &&
                    SlotSurvey::InspectSlot(slot).state == SlotState::Healthy;
         },
-        std::chrono::seconds(30)))
+        30s))
         << "the gateway never claimed " << lockFile << " and made its slot";
     EXPECT_THROW(Gateway(OneRoute(in)), std::runtime_error);
-    child.Kill();
+    child->Kill();
+    child->Wait();
     Gateway successor(OneRoute(in));
     EXPECT_EQ(shared::FileLock::Holder(lockFile), ::getpid());
 }
@@ -855,54 +760,38 @@ TEST(GatewayClaim, AKilledGatewaysClaimEndsWithIt) {
 // (here a receiving gateway stopped with SIGSTOP, within its lease): the routes' graces run
 // together, from the moment of the stop, not one after the other.
 TEST(Gateway, StopTakesTheGraceOnceForAllRoutes) {
-    constexpr int kRoutes = 4;
-    std::vector<std::unique_ptr<testsupport::ScopedSlotName>> slots;
+    std::vector<std::unique_ptr<Ends>> links;
     std::vector<Route> outs, ins;
-    for (int n = 0; n < kRoutes; ++n) {
-        slots.emplace_back(new testsupport::ScopedSlotName("gw_stop_src"));
-        const std::string source = *slots.back();
-        slots.emplace_back(new testsupport::ScopedSlotName("gw_stop_dst"));
+    for (int n = 0; n < 4; ++n) {
+        links.emplace_back(new Ends("gw_stop", "reliable", 64, 4, 4));
         // One configuration has one topic per domain.
-        Link link = MakeLink(source, *slots.back(), "reliable", 64, 4, 4);
-        link.out.topic = link.in.topic = "stop_" + std::to_string(n);
-        outs.push_back(link.out);
-        ins.push_back(link.in);
+        links.back()->out.topic = links.back()->in.topic = "stop_" + std::to_string(n);
+        outs.push_back(links.back()->out);
+        ins.push_back(links.back()->in);
     }
-    GatewayProcess receiving(ins, 60000);
-    ASSERT_GT(receiving.pid(), 0);
+    const auto receiving = StartGateway(ins, 60000);
     Config config = OneRoute(outs[0]);
     config.routes = outs;
     config.stopGraceMs = 2000;
     Gateway sending(config);
-    ASSERT_TRUE(Eventually(
-        [&] {
-            for (const RouteStatus& route : sending.Status()) {
-                if (route.matchedReaders != 1 || !route.sending) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        std::chrono::seconds(30)))
-        << sending.StatusJson();
-    ASSERT_EQ(::kill(receiving.pid(), SIGSTOP), 0);
+    ASSERT_TRUE(Eventually([&] { return Sending(sending); }, 30s)) << sending.StatusJson();
+    ASSERT_EQ(::kill(receiving->Pid(), SIGSTOP), 0);
     // kill() returns before the receiver's threads have stopped: one that still ran could take
     // and acknowledge a block. The stop is reported once all of them have.
     int status = 0;
-    ASSERT_EQ(::waitpid(receiving.pid(), &status, WUNTRACED), receiving.pid());
+    ASSERT_EQ(::waitpid(receiving->Pid(), &status, WUNTRACED), receiving->Pid());
     ASSERT_TRUE(WIFSTOPPED(status));
-    for (const Route& out : outs) {
-        RouteSlotCfg cfg(out);
-        SlotWriter(SlotFactory::CreateSlot(&cfg)).onNotify(out.name, "x", 1);
+    for (const auto& link : links) {
+        SlotWriter(SlotFactory::CreateSlot(&link->sourceCfg)).onNotify(link->source, "x", 1);
     }
     // Every route has its block in hand, published and waiting.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::this_thread::sleep_for(300ms);
     const auto start = std::chrono::steady_clock::now();
     sending.Stop();
     const auto took = std::chrono::steady_clock::now() - start;
     // One route after the other took 2 s for each route and more (10 s here).
-    EXPECT_LT(took, std::chrono::seconds(6))
-        << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms";
+    EXPECT_LT(took, 6s) << std::chrono::duration_cast<std::chrono::milliseconds>(took).count()
+                        << " ms";
     for (const RouteStatus& route : sending.Status()) {
         EXPECT_EQ(route.counters.forwarded, 0u) << route.route.name;
     }
@@ -916,7 +805,7 @@ TEST(EchoMemory, AStateWrittenOverIsForgotten) {
     EchoMemory echoes(std::chrono::seconds(60));
     const std::uint64_t on = echoes.Remember("ON", 2);
     echoes.Written(on, true);
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(2ms);
     const boost::posix_time::ptime offWritten = shared::UtcNow();
     EXPECT_FALSE(echoes.IsEcho("OFF", 3));
     echoes.ForgetWrittenBefore(offWritten);
@@ -924,11 +813,11 @@ TEST(EchoMemory, AStateWrittenOverIsForgotten) {
 
     // What the gateway wrote after the block handed back, or still writes, may come back next.
     const boost::posix_time::ptime localWritten = shared::UtcNow();
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(2ms);
     const std::uint64_t later = echoes.Remember("LATER", 5);
     echoes.Written(later, true);
     echoes.Remember("WRITING", 7);
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(2ms);
     const boost::posix_time::ptime lastWritten = shared::UtcNow();
     echoes.ForgetWrittenBefore(localWritten);
     EXPECT_TRUE(echoes.IsEcho("LATER", 5));
@@ -936,158 +825,96 @@ TEST(EchoMemory, AStateWrittenOverIsForgotten) {
     EXPECT_TRUE(echoes.IsEcho("WRITING", 7));
 }
 
-namespace {
-
-// Overwrites the shared-memory object `name` (a slot's header) with 0xFF, as a stray writer
-// would, and puts the bytes back on Restore or destruction.
-class DamagedObject {
-public:
-    explicit DamagedObject(const std::string& name) : mapped_(name, true) {
-        if (mapped_.bytes != nullptr) {
-            saved_.assign(mapped_.bytes, mapped_.bytes + mapped_.size);
-            std::memset(mapped_.bytes, 0xFF, mapped_.size);
-        }
-    }
-    ~DamagedObject() { Restore(); }
-    DamagedObject(const DamagedObject&) = delete;
-    DamagedObject& operator=(const DamagedObject&) = delete;
-
-    bool damaged() const { return !saved_.empty(); }
-    void Restore() {
-        if (!saved_.empty()) {
-            std::memcpy(mapped_.bytes, saved_.data(), saved_.size());
-            saved_.clear();
-        }
-    }
-
-private:
-    testsupport::MappedObject mapped_;
-    Bytes saved_;
-};
-
-// Whether the child `pid` has not ended; an ended one is left to its owner to reap.
-bool Alive(pid_t pid) {
-    siginfo_t info{};
-    return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           info.si_pid == 0;
-}
-
-}  // namespace
-
 // A receiving gateway whose slot's lock fails (its header overwritten) keeps running: the block
 // is not stored nor acknowledged, so its sender keeps it, and it is stored once the slot is
-// whole again, followed by the next one.
-TEST(GatewayDamage, ReceiverOfADamagedSlotRetriesTheBlock) {
-    testsupport::ScopedSlotName source("gw_dmg_src"), destination("gw_dmg_dst");
-    const Link link = MakeLink(source, destination, "reliable", 64, 4, 4);
-    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    boost::shared_ptr<ISlot> sourceSlot = SlotFactory::CreateSlot(&sourceCfg);
-    SlotFactory::CreateSlot(&destinationCfg);
-    GatewayProcess receiving({link.in}, 2000);
-    ASSERT_GT(receiving.pid(), 0);
-    Gateway sending(OneRoute(link.out));
-    ASSERT_TRUE(Eventually([&] { return MatchedAndSending(sending); }, std::chrono::seconds(30)))
-        << sending.StatusJson();
+// whole again, followed by the next one. A sender whose slot then fails on every try says so
+// once, not every 0.2 s.
+TEST(GatewayDamage, ReceiverRetriesTheBlockAndSenderLogsOnce) {
+    const Ends ends("gw_dmg", "reliable", 64, 4, 4);
+    boost::shared_ptr<ISlot> sourceSlot = SlotFactory::CreateSlot(&ends.sourceCfg);
+    SlotFactory::CreateSlot(&ends.destinationCfg);
+    const auto receiving = StartGateway({ends.in}, 2000);
+    testsupport::ChildResult ended;
+    Gateway sending(OneRoute(ends.out));
+    ASSERT_TRUE(Eventually([&] { return Sending(sending); }, 30s)) << sending.StatusJson();
 
-    DamagedObject damage(destination);
+    DamagedObject damage(ends.destination);
     ASSERT_TRUE(damage.damaged());
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    WriteHeld(writer, source, NumberedBlock(0, 64));
+    ISubscriberPtr writer = ends.Writer();
+    WriteHeld(writer, ends.source, NumberedBlock(0, 64));
     // Taken and published; the receiver fails to store it, again and again.
-    ASSERT_TRUE(
-        Eventually([&] { return sourceSlot->GetBufferLength() == 0; }, std::chrono::seconds(20)));
-    std::this_thread::sleep_for(std::chrono::seconds(3));
-    ASSERT_TRUE(Alive(receiving.pid())) << "the receiving gateway died";
-    EXPECT_EQ(sending.Status()[0].counters.forwarded, 0u) << sending.StatusJson();
+    ASSERT_TRUE(Eventually([&] { return sourceSlot->GetBufferLength() == 0; }, 20s));
+    std::this_thread::sleep_for(3s);
+    ASSERT_FALSE(receiving->Poll(&ended)) << "the receiving gateway died: " << ended.Describe();
+    EXPECT_EQ(Counts(sending).forwarded, 0u) << sending.StatusJson();
 
     damage.Restore();
-    boost::shared_ptr<Collector> collector(new Collector);
-    INotifierPtr reader = SlotFactory::CreateSlotReader(&destinationCfg, collector);
-    WriteHeld(writer, source, NumberedBlock(1, 64));
-    ExpectNumbered(*collector, 2, 64);
-    EXPECT_TRUE(Eventually([&] { return sending.Status()[0].counters.forwarded == 2; },
-                           std::chrono::seconds(20)))
+    INotifierPtr reader = ends.Read();
+    WriteHeld(writer, ends.source, NumberedBlock(1, 64));
+    ExpectNumbered(*ends.received, 2, 64);
+    EXPECT_TRUE(Eventually([&] { return Counts(sending).forwarded == 2; }, 20s))
         << sending.StatusJson();
-    EXPECT_TRUE(Alive(receiving.pid()));
+    EXPECT_FALSE(receiving->Poll(&ended)) << "the receiving gateway died: " << ended.Describe();
+
+    testsupport::LogCapture log("SlotGateway");
+    const std::string prefix = "Sending slot '" + ends.source + "': ";
+    DamagedObject sourceDamage(ends.source);
+    ASSERT_TRUE(sourceDamage.damaged());
+    ASSERT_TRUE(Eventually([&] { return log.CountPrefix("ERROR", prefix) >= 1; }, 20s));
+    std::this_thread::sleep_for(2s);  // ten tries and more
+    EXPECT_EQ(log.CountPrefix("ERROR", prefix), 1u);
 }
 
 // A discarding slot's reader ends for good when the slot's lock fails: the status says the
 // route no longer sends, and the gateway reads the slot again once it is whole.
 TEST(GatewayDamage, SenderOfADamagedSlotReadsItAgain) {
-    testsupport::ScopedSlotName source("gw_dmg_state"), destination("gw_dmg_state_copy");
-    const Link link = MakeLink(source, destination, "discarding", 64, 1, 1);
-    RouteSlotCfg sourceCfg(link.out), destinationCfg(link.in);
-    boost::shared_ptr<ISlot> local = SlotFactory::CreateSlot(&sourceCfg);
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&sourceCfg);
-    Gateway receiving(OneRoute(link.in));
-    Gateway sending(OneRoute(link.out));
-    ASSERT_TRUE(Eventually([&] { return MatchedAndSending(sending); }, std::chrono::seconds(30)))
-        << sending.StatusJson();
+    const Ends ends("gw_dmg_state", "discarding", 64, 1, 1);
+    boost::shared_ptr<ISlot> local = SlotFactory::CreateSlot(&ends.sourceCfg);
+    ISubscriberPtr writer = ends.Writer();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    ASSERT_TRUE(Eventually([&] { return Sending(sending); }, 30s)) << sending.StatusJson();
     const std::string before = "before the damage";
-    writer->onNotify(source, before.data(), before.size());
+    writer->onNotify(ends.source, before.data(), before.size());
     // Taken from the queue by the gateway's reader: the slot keeps it as its last state.
-    ASSERT_TRUE(
-        Eventually([&] { return local->GetBufferLength() == 0; }, std::chrono::seconds(20)));
+    ASSERT_TRUE(Eventually([&] { return local->GetBufferLength() == 0; }, 20s));
     {
-        DamagedObject damage(source);
+        DamagedObject damage(ends.source);
         ASSERT_TRUE(damage.damaged());
-        ASSERT_TRUE(
-            Eventually([&] { return !sending.Status()[0].sending; }, std::chrono::seconds(20)))
+        ASSERT_TRUE(Eventually([&] { return !sending.Status()[0].sending; }, 20s))
             << "still said to send";
     }
-    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, std::chrono::seconds(60)))
-        << "not read again";
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].sending; }, 60s)) << "not read again";
     // Read again through the slot it had open: opening the slot anew would have cleared its
     // last state for every process.
     char last[64];
     EXPECT_EQ(before, std::string(last, local->ReadData(last, sizeof last)));
-    boost::shared_ptr<ISlot> copy = SlotFactory::CreateSlot(&destinationCfg);
+    boost::shared_ptr<ISlot> copy = SlotFactory::CreateSlot(&ends.destinationCfg);
     const std::string state = "after the repair";
     std::string seen;
     // Written again now and then: a state older than the update time is not passed on.
     ASSERT_TRUE(Eventually(
         [&] {
-            writer->onNotify(source, state.data(), state.size());
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            writer->onNotify(ends.source, state.data(), state.size());
+            std::this_thread::sleep_for(100ms);
             char buffer[64];
             seen.assign(buffer, copy->ReadData(buffer, sizeof buffer));
             return seen == state;
         },
-        std::chrono::seconds(20)))
+        20s))
         << "last seen: '" << seen << "'";
-}
-
-// A reliable slot's sender whose slot fails on every try says so once, not every 0.2 s.
-TEST(GatewayDamage, SenderOfADamagedReliableSlotLogsOnce) {
-    testsupport::ScopedSlotName source("gw_dmg_rel_src"), destination("gw_dmg_rel_dst");
-    const Link link = MakeLink(source, destination, "reliable", 64, 4, 4);
-    RouteSlotCfg sourceCfg(link.out);
-    SlotFactory::CreateSlot(&sourceCfg);
-    Gateway receiving(OneRoute(link.in));
-    Gateway sending(OneRoute(link.out));
-    ASSERT_TRUE(Eventually([&] { return MatchedAndSending(sending); }, std::chrono::seconds(30)))
-        << sending.StatusJson();
-    testsupport::LogCapture log("SlotGateway");
-    const std::string prefix = "Sending slot '" + std::string(source) + "': ";
-    DamagedObject damage(source);
-    ASSERT_TRUE(damage.damaged());
-    ASSERT_TRUE(Eventually([&] { return log.CountPrefix("ERROR", prefix) >= 1; },
-                           std::chrono::seconds(20)));
-    std::this_thread::sleep_for(std::chrono::seconds(2));  // ten tries and more
-    EXPECT_EQ(log.CountPrefix("ERROR", prefix), 1u);
 }
 
 // Discarding routes with a long update time start together, not one update time after the
 // other, and a stop ends their readers at once instead of waiting out their wait for the slot.
 TEST(Gateway, SlowDiscardingRoutesStartTogetherAndStopAtOnce) {
-    constexpr int kRoutes = 3;
     std::vector<std::unique_ptr<testsupport::ScopedSlotName>> slots;
     const std::string partition = testsupport::UniqueName("part");
-    Config config;
-    config.source = "test";
+    Config config = OneRoute(Route());
     config.gatewayName = "slow";
     config.stopGraceMs = 1000;
-    for (int n = 0; n < kRoutes; ++n) {
+    config.routes.clear();
+    for (int n = 0; n < 3; ++n) {
         slots.emplace_back(new testsupport::ScopedSlotName("gw_slow"));
         Route route = MakeRoute(*slots.back(), "discarding", Direction::ToNetwork, partition,
                                 "slow_" + std::to_string(n), 64, 1);
@@ -1096,21 +923,11 @@ TEST(Gateway, SlowDiscardingRoutesStartTogetherAndStopAtOnce) {
     }
     Gateway gateway(config);
     // One after the other, each pausing one update time, they took 24 s.
-    EXPECT_TRUE(Eventually(
-        [&] {
-            for (const RouteStatus& route : gateway.Status()) {
-                if (!route.sending) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        std::chrono::seconds(12)))
-        << gateway.StatusJson();
+    EXPECT_TRUE(Eventually([&] { return Sending(gateway, false); }, 12s)) << gateway.StatusJson();
     const auto start = std::chrono::steady_clock::now();
     gateway.Stop();
     const auto took = std::chrono::steady_clock::now() - start;
     // Each reader's wait took up to its update time (8 s) to end.
-    EXPECT_LT(took, std::chrono::seconds(6))
-        << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms";
+    EXPECT_LT(took, 6s) << std::chrono::duration_cast<std::chrono::milliseconds>(took).count()
+                        << " ms";
 }

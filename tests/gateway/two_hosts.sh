@@ -138,45 +138,65 @@ kill_gateway() {  # host: SIGKILL; its status file goes too, so that counters ar
     unset "gateways[$1]"
     rm -f "$work/status-$1.json"
 }
-wait_started() {  # host
-    for _ in $(seq 400); do
-        [[ -e $work/status-$1.json ]] && return 0
-        sleep 0.05
+start_both() {
+    start_gateway A
+    start_gateway B
+    for host in A B; do
+        for _ in $(seq 400); do
+            [[ -e $work/status-$host.json ]] && continue 2
+            sleep 0.05
+        done
+        fail "gateway $host did not start"
     done
-    fail "gateway $1 did not start"
 }
 # counter host slot field: a counter from the host's status file.
 counter() {
     python3 -c 'import json,sys; d=json.load(open(sys.argv[1])); print([s for s in d["slots"] if s["name"]==sys.argv[2]][0][sys.argv[3]])' \
         "$work/status-$1.json" "$2" "$3" 2> /dev/null || echo -1
 }
-wait_counter() {  # host slot field minimum seconds
-    for _ in $(seq $(($5 * 20))); do
-        (( $(counter "$1" "$2" "$3") >= $4 )) 2> /dev/null && return 0
+wait_counter() {  # host slot field -ge|-le bound seconds
+    local value
+    for _ in $(seq $(($6 * 20))); do
+        value=$(counter "$1" "$2" "$3")
+        [[ $value != -1 ]] && test "$value" "$4" "$5" && return 0
         for pid in "${gateways[@]}"; do kill -0 "$pid" 2> /dev/null || fail "a gateway died"; done
         sleep 0.05
     done
     return 1
 }
+# run host seconds log probe-arguments...: the probe on a host under a time limit, its output in
+# $work/LOG.log.
+run() {
+    local -n runner=on_$1
+    "${runner[@]}" timeout -s KILL "$2" "$probe" "${@:4}" > "$work/$3.log" 2>&1
+}
+finish() {  # pid log what: waits for a probe run in the background; fails with its output
+    wait "$1" || fail "$3: $(cat "$work/$2.log")"
+    cat "$work/$2.log"
+}
+# stream name seconds reader-host reader-arguments writer-host writer-arguments: a reader in the
+# background, then the writer; both must succeed.
+stream() {
+    run "$3" "$2" "read-$1" $4 &
+    local reader=$!
+    run "$5" "$2" "write-$1" $6 || fail "writer on $5: $(cat "$work/write-$1.log")"
+    finish $reader "read-$1" "reader on $3"
+}
 
 step "start both gateways"
-start_gateway A
-start_gateway B
-wait_started A
-wait_started B
+start_both
 
 count=600
 step "reliable A -> B: $count blocks of 0..$max bytes, B's gateway restarted mid-stream"
-"${on_B[@]}" timeout -s KILL 150 "$probe" read gw_rel $max $count 120 > "$work/read-rel.log" 2>&1 &
+run B 150 read-rel read gw_rel $max $count 120 &
 reader=$!
-"${on_A[@]}" timeout -s KILL 150 "$probe" write gw_rel $max $count > "$work/write-rel.log" 2>&1 &
+run A 150 write-rel write gw_rel $max $count &
 writer=$!
-wait_counter B gw_rel received 200 60 || fail "B received fewer than 200 blocks"
+wait_counter B gw_rel received -ge 200 60 || fail "B received fewer than 200 blocks"
 stop_gateway B
 start_gateway B
-wait "$writer" || fail "writer on A failed"
-wait "$reader" || fail "reader on B: $(cat "$work/read-rel.log")"
-cat "$work/read-rel.log"
+finish $writer write-rel "writer on A"
+finish $reader read-rel "reader on B"
 
 step "reliable A -> B: B's gateway SIGKILLed and restarted three times mid-stream"
 # The stall: from the SIGKILL until the restarted gateway has stored two blocks (the first may
@@ -184,23 +204,22 @@ step "reliable A -> B: B's gateway SIGKILLed and restarted three times mid-strea
 # A paced stream (a block every 10 ms, 12 s without the stalls), so that it still runs at the
 # third SIGKILL also when polling the status on a loaded machine takes seconds per round.
 count=1200
-"${on_B[@]}" timeout -s KILL 150 "$probe" read gw_rel $max $count 120 > "$work/read-kill.log" 2>&1 &
+run B 150 read-kill read gw_rel $max $count 120 &
 reader=$!
-"${on_A[@]}" timeout -s KILL 150 "$probe" write gw_rel $max $count 10 > "$work/write-kill.log" 2>&1 &
+run A 150 write-kill write gw_rel $max $count 10 &
 writer=$!
 stalls=()
 for round in 1 2 3; do
     base=$(counter B gw_rel received)
-    wait_counter B gw_rel received $((base + 40)) 60 || fail "B received fewer than 40 blocks before SIGKILL $round"
+    wait_counter B gw_rel received -ge $((base + 40)) 60 || fail "B received fewer than 40 blocks before SIGKILL $round"
     start=$(date +%s%N)
     kill_gateway B
     start_gateway B
-    wait_counter B gw_rel received 2 30 || fail "blocks did not resume after SIGKILL $round of B"
+    wait_counter B gw_rel received -ge 2 30 || fail "blocks did not resume after SIGKILL $round of B"
     stalls+=($(( ($(date +%s%N) - start) / 1000000 )))
 done
-wait "$writer" || fail "writer on A failed"
-wait "$reader" || fail "reader on B: $(cat "$work/read-kill.log")"
-cat "$work/read-kill.log"
+finish $writer write-kill "writer on A"
+finish $reader read-kill "reader on B"
 echo "stall after a SIGKILL of the receiving gateway (lease $lease_ms ms): ${stalls[*]} ms"
 for stall in "${stalls[@]}"; do
     (( stall < 5000 )) || fail "blocks resumed only $stall ms after a SIGKILL of the receiving gateway"
@@ -208,49 +227,26 @@ done
 
 step "reliable A -> B: nothing taken while B's gateway is stopped; kept across a SIGKILL of A's"
 stop_gateway B
-wait_counter_max() {  # host slot field maximum seconds
-    for _ in $(seq $(($5 * 20))); do
-        (( $(counter "$1" "$2" "$3") <= $4 )) 2> /dev/null && return 0
-        sleep 0.05
-    done
-    return 1
-}
-wait_counter_max A gw_rel matched_readers 0 30 || fail "A still sees a receiver of gw_rel"
+wait_counter A gw_rel matched_readers -le 0 30 || fail "A still sees a receiver of gw_rel"
 held=8  # the slot's queue length
-"${on_A[@]}" timeout -s KILL 60 "$probe" write gw_rel $max $held > "$work/write-held.log" 2>&1 || fail "writer on A failed"
+run A 60 write-held write gw_rel $max $held || fail "writer on A: $(cat "$work/write-held.log")"
 sleep 1  # room for a wrong take
 waiting=$("${on_A[@]}" "$probe" length gw_rel $max)
 [[ $waiting == "$held" ]] || fail "A's gateway took from gw_rel without a receiver: $waiting of $held blocks left"
 kill_gateway A
-start_gateway A
-start_gateway B
-wait_started A
-wait_started B
-"${on_B[@]}" timeout -s KILL 90 "$probe" read gw_rel $max $held 60 > "$work/read-held.log" 2>&1 ||
-    fail "reader on B: $(cat "$work/read-held.log")"
-cat "$work/read-held.log"
+start_both
+run B 90 read-held read gw_rel $max $held 60 &
+finish $! read-held "reader on B"
 
 step "reliable B -> A: 300 blocks"
-"${on_A[@]}" timeout -s KILL 100 "$probe" read gw_back $max 300 80 > "$work/read-back.log" 2>&1 &
-reader=$!
-"${on_B[@]}" timeout -s KILL 100 "$probe" write gw_back $max 300 > "$work/write-back.log" 2>&1 || fail "writer on B failed"
-wait "$reader" || fail "reader on A: $(cat "$work/read-back.log")"
+stream back 100 A "read gw_back $max 300 80" B "write gw_back $max 300"
 
 step "queue pool A -> B: 300 blocks filled in place, every one in order"
-"${on_B[@]}" timeout -s KILL 100 "$probe" pool-read queue gw_pool $max 8 300 80 > "$work/read-pool.log" 2>&1 &
-reader=$!
-"${on_A[@]}" timeout -s KILL 100 "$probe" pool-write queue gw_pool $max 8 300 > "$work/write-pool.log" 2>&1 ||
-    fail "pool writer on A: $(cat "$work/write-pool.log")"
-wait "$reader" || fail "pool reader on B: $(cat "$work/read-pool.log")"
-cat "$work/read-pool.log"
+stream pool 100 B "pool-read queue gw_pool $max 8 300 80" A "pool-write queue gw_pool $max 8 300"
 
 step "latest pool A -> B: states in order, the last one arrives"
-"${on_B[@]}" timeout -s KILL 60 "$probe" pool-read latest gw_pool_latest 4096 4 40 40 > "$work/read-pool-latest.log" 2>&1 &
-reader=$!
-"${on_A[@]}" timeout -s KILL 60 "$probe" pool-write latest gw_pool_latest 4096 4 40 10 > "$work/write-pool-latest.log" 2>&1 ||
-    fail "pool writer on A: $(cat "$work/write-pool-latest.log")"
-wait "$reader" || fail "latest pool reader on B: $(cat "$work/read-pool-latest.log")"
-cat "$work/read-pool-latest.log"
+stream pool-latest 60 B "pool-read latest gw_pool_latest 4096 4 40 40" \
+    A "pool-write latest gw_pool_latest 4096 4 40 10"
 
 step "discarding A -> B: the latest state arrives"
 for n in $(seq 1 40); do "${on_A[@]}" timeout -s KILL 20 "$probe" state gw_latest 4096 "state $n"; done
@@ -259,25 +255,22 @@ for n in $(seq 1 40); do "${on_A[@]}" timeout -s KILL 20 "$probe" state gw_lates
 step "discarding both ways: each state crosses once, no echo"
 # A reader on the receiving host (the gateway there reads the slot too: "both").
 watch() {  # host text
-    local -n runner=on_$1
-    "${runner[@]}" timeout -s KILL 40 "$probe" watch-state gw_shared 4096 "$2" 30 > "$work/watch-$1.log" 2>&1 &
+    run "$1" 40 "watch-$1" watch-state gw_shared 4096 "$2" 30 &
     watcher=$!
     for _ in $(seq 200); do grep -q ready "$work/watch-$1.log" && return 0; sleep 0.05; done
     fail "watcher on $1 did not start"
 }
-watch B "from A"
-"${on_A[@]}" timeout -s KILL 20 "$probe" state gw_shared 4096 "from A"
-wait "$watcher" || fail "B did not get A's state"
-# B's gateway handed "from A" back to its slot; its reader of the slot skips it as an echo. A
-# state written while that reader still runs its subscriber would wait for the reader's next
-# timed poll and count as expired there, so B writes only after the echo was seen.
-wait_counter B gw_shared echoes_skipped 1 30 || fail "B's gateway did not see its own write come back from its slot"
-sleep 0.2
-watch A "from B"
-"${on_B[@]}" timeout -s KILL 20 "$probe" state gw_shared 4096 "from B"
-wait "$watcher" || fail "A did not get B's state"
-wait_counter A gw_shared echoes_skipped 1 30 || fail "A's gateway did not see its own write come back from its slot"
-wait_counter B gw_shared echoes_skipped 1 30 || fail "B's gateway did not see its own write come back from its slot"
+for hosts in AB BA; do
+    from=${hosts:0:1} to=${hosts:1}
+    watch $to "from $from"
+    run $from 20 state state gw_shared 4096 "from $from" || fail "cannot write on $from"
+    wait "$watcher" || fail "$to did not get $from's state"
+    # $to's gateway handed the state back to its slot; its reader of the slot skips it as an echo.
+    # A state written while that reader still runs its subscriber would wait for the reader's next
+    # timed poll and count as expired there, so the other side writes only after the echo was seen.
+    wait_counter $to gw_shared echoes_skipped -ge 1 30 || fail "$to's gateway did not see its own write come back from its slot"
+    sleep 0.2
+done
 stop_gateway A
 stop_gateway B
 for host in A B; do
