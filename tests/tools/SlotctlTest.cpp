@@ -7,7 +7,6 @@
 
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotSurvey.h>
-#include <Slot/Version.h>
 
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
@@ -117,20 +116,6 @@ TEST(SlotctlErrors, ASlotOfAnotherUserGivesPermissionDenied) {
     }
     ExpectOneErrorLine(Slotctl({"info", name.str()}, options), 1, "Permission denied");
     ExpectOneErrorLine(Slotctl({"write", name.str(), "x"}, options), 1, "Permission denied");
-}
-
-TEST(SlotctlErrors, HelpForTheToolAndEveryCommandAndTheVersion) {
-    for (const char* command : {"ls", "info", "write", "read", "rm", "demo"}) {
-        const Outcome run = Slotctl({command, "--help"});
-        EXPECT_EQ(0, run.status) << run.Describe();
-        EXPECT_EQ(0u, run.out.find(std::string("usage: slotctl ") + command)) << run.Describe();
-    }
-    const Outcome run = Slotctl({"--help"});
-    EXPECT_EQ(0, run.status);
-    EXPECT_THAT(run.out, HasSubstr("commands:"));
-    const Outcome version = Slotctl({"--version"});
-    EXPECT_EQ(0, version.status) << version.Describe();
-    EXPECT_EQ(std::string("slotctl ") + SLOT_VERSION_STRING + "\n", version.out);
 }
 
 TEST(SlotctlLogging, VerbosityAndAConfigurationFileReachTheLibrary) {
@@ -537,35 +522,29 @@ std::vector<std::string> SummaryRow(const std::string& out, const std::string& t
     return slotctltest::Words(LineStartingWith(out, type + " "));
 }
 
-// Removes a demo's objects at the end of a test that failed before the demo could.
-class DemoObjects {
-public:
-    DemoObjects() : prefix_(testsupport::UniqueName("demo")) {}
+// A demo's slots: removed at the end of a test that failed before the demo could (their pipe
+// and lock files go with the run's folder).
+struct DemoObjects {
+    const std::string prefix = testsupport::UniqueName("demo");
     ~DemoObjects() {
         for (const char* type : {"discarding", "reliable", "posix-pipe"}) {
-            // Its pipe and lock files go with the run's folder.
-            testsupport::RemoveSlotObjects(prefix_ + "-" + type);
+            testsupport::RemoveSlotObjects(prefix + "-" + type);
         }
     }
-    const std::string& Prefix() const { return prefix_; }
-
-private:
-    std::string prefix_;
-};
-
-void ExpectNothingLeft(const std::string& prefix) {
-    for (const char* type : {"discarding", "reliable", "posix-pipe"}) {
-        const std::string name = prefix + "-" + type;
-        EXPECT_FALSE(ShmExists(name)) << name;
-        EXPECT_FALSE(ShmExists("queue_" + name)) << name;
-        EXPECT_FALSE(Exists(FileUtils::NamedPipeCreator::ConstructPipeFilename(name))) << name;
-        EXPECT_FALSE(Exists(FileUtils::FSUtils::GetSingletonFileLockName(name))) << name;
+    void ExpectNothingLeft() const {
+        for (const char* type : {"discarding", "reliable", "posix-pipe"}) {
+            const std::string name = prefix + "-" + type;
+            EXPECT_FALSE(ShmExists(name)) << name;
+            EXPECT_FALSE(ShmExists("queue_" + name)) << name;
+            EXPECT_FALSE(Exists(FileUtils::NamedPipeCreator::ConstructPipeFilename(name))) << name;
+            EXPECT_FALSE(Exists(FileUtils::FSUtils::GetSingletonFileLockName(name))) << name;
+        }
     }
-}
+};
 
 TEST(SlotctlDemo, AShortRunAccountsForEveryBlockAndLeavesNothing) {
     const DemoObjects objects;
-    const std::string& prefix = objects.Prefix();
+    const std::string& prefix = objects.prefix;
     const Outcome demo = Slotctl({"demo", "--duration", "1.5", "--rate", "400", "--burst", "20",
                                   "--queue", "8", "--prefix", prefix});
     EXPECT_EQ(0, demo.status) << demo.Describe();
@@ -585,14 +564,14 @@ TEST(SlotctlDemo, AShortRunAccountsForEveryBlockAndLeavesNothing) {
     }
     EXPECT_THAT(demo.out, AllOf(HasSubstr("every block that was stored arrived once, in order"),
                                 HasSubstr("removed slot '" + prefix + "-discarding'")));
-    ExpectNothingLeft(prefix);
+    objects.ExpectNothingLeft();
 }
 
 // Another writer's block of the demo's size, whatever its bytes, is counted apart and ignored:
 // a sequence number of 2^64 - 1 once made the subscriber write outside its memory.
 TEST(SlotctlDemo, AForeignBlockIsCountedApartNotTrusted) {
     const DemoObjects objects;
-    const std::string& prefix = objects.Prefix();
+    const std::string& prefix = objects.prefix;
     Background demo(
         {"demo", "--duration", "4", "--rate", "100", "--burst", "1", "--prefix", prefix});
     ASSERT_TRUE(demo.WaitForOut(" received,")) << demo.Finish().Describe();
@@ -607,12 +586,12 @@ TEST(SlotctlDemo, AForeignBlockIsCountedApartNotTrusted) {
     const std::vector<std::string> row = SummaryRow(run.out, "reliable");
     ASSERT_GE(row.size(), 6u) << run.out;
     EXPECT_EQ(std::stol(row[1]), std::stol(row[2]) + std::stol(row[3])) << run.out;
-    ExpectNothingLeft(prefix);
+    objects.ExpectNothingLeft();
 }
 
 TEST(SlotctlDemo, AnInterruptStopsItInOrderAndCleansUp) {
     const DemoObjects objects;
-    const std::string& prefix = objects.Prefix();
+    const std::string& prefix = objects.prefix;
     Background demo({"demo", "--duration", "120", "--prefix", prefix});
     // The first progress line comes once blocks flow.
     ASSERT_TRUE(demo.WaitForOut(" received,")) << demo.Finish().Describe();
@@ -621,7 +600,7 @@ TEST(SlotctlDemo, AnInterruptStopsItInOrderAndCleansUp) {
     EXPECT_EQ(130, run.status) << run.Describe();
     EXPECT_THAT(run.out, HasSubstr("interrupted"));
     EXPECT_FALSE(SummaryRow(run.out, "reliable").empty()) << run.out;
-    ExpectNothingLeft(prefix);
+    objects.ExpectNothingLeft();
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotNames.h>
 #include <Slot/SlotSurvey.h>
+#include <Slot/Version.h>
 
 #include <FileUtils/FSUtils.h>
 
@@ -326,7 +327,7 @@ TEST(SlotctlTimeout, ReadAndWriteThatGiveUpWaitingEndWithStatus124) {
 
 // ---- framed and NDJSON I/O ----
 
-TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctls) {
+TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctlsAndAsNdjson) {
     ScopedSlotName from("framesa");
     ScopedSlotName to("framesb");
     std::string big;
@@ -353,6 +354,29 @@ TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctls) {
     EXPECT_EQ(0, out.status) << out.Describe();
     EXPECT_EQ(frames.size(), out.out.size());
     EXPECT_TRUE(frames == out.out) << "the blocks changed on the way";
+
+    // NDJSON: a line per block with its time, size and bytes in base64.
+    ASSERT_EQ(0, Slotctl({"write", from.str(), "--frames"},
+                         Options{Frames({"abc", std::string("\0\xff", 2), ""})})
+                     .status);
+    const Outcome read =
+        Slotctl({"read", from.str(), "--count", "3", "--format", "ndjson", "--timeout", "10000"});
+    ASSERT_EQ(0, read.status) << read.Describe();
+
+    const std::vector<std::string> lines = Lines(read.out);
+    ASSERT_EQ(3u, lines.size()) << read.out;
+    const struct {
+        size_t size;
+        const char* base64;
+    } expected[] = {{3, "YWJj"}, {2, "AP8="}, {0, ""}};
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const nlohmann::json line = nlohmann::json::parse(lines[i]);
+        EXPECT_EQ(expected[i].size, line["size"].get<size_t>()) << lines[i];
+        EXPECT_EQ(expected[i].base64, line["base64"].get<std::string>()) << lines[i];
+        EXPECT_TRUE(std::regex_match(line["time"].get<std::string>(),
+                                     std::regex("20[0-9]{2}-[0-9]{2}-[0-9]{2}T[0-9:.]+Z")))
+            << lines[i];
+    }
 }
 
 TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
@@ -375,31 +399,6 @@ TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
     EXPECT_THAT(huge.err, HasSubstr("larger than the slot's maximum block size"));
 }
 
-TEST(SlotctlFrames, NdjsonLinesParseWithTimeSizeAndBytes) {
-    ScopedSlotName name("ndjson");
-    const std::string frames = Frames({"abc", std::string("\0\xff", 2), ""});
-    ASSERT_EQ(
-        0,
-        Slotctl({"write", name.str(), "--type", "reliable", "--frames"}, Options{frames}).status);
-    const Outcome read =
-        Slotctl({"read", name.str(), "--count", "3", "--format", "ndjson", "--timeout", "10000"});
-    ASSERT_EQ(0, read.status) << read.Describe();
-    const std::vector<std::string> lines = Lines(read.out);
-    ASSERT_EQ(3u, lines.size()) << read.out;
-    const struct {
-        size_t size;
-        const char* base64;
-    } expected[] = {{3, "YWJj"}, {2, "AP8="}, {0, ""}};
-    for (size_t i = 0; i < lines.size(); ++i) {
-        const nlohmann::json line = nlohmann::json::parse(lines[i]);
-        EXPECT_EQ(expected[i].size, line["size"].get<size_t>()) << lines[i];
-        EXPECT_EQ(expected[i].base64, line["base64"].get<std::string>()) << lines[i];
-        EXPECT_TRUE(std::regex_match(line["time"].get<std::string>(),
-                                     std::regex("20[0-9]{2}-[0-9]{2}-[0-9]{2}T[0-9:.]+Z")))
-            << lines[i];
-    }
-}
-
 // ---- manual page and completion ----
 
 // What bash completion offers for the command line `words` (the last one being completed).
@@ -418,10 +417,15 @@ std::vector<std::string> Completions(const std::vector<std::string>& words) {
     return lines;
 }
 
-TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
+// Help, the manual page and completion know every command; the version is the project's.
+TEST(SlotctlDocs, HelpManualPageAndCompletionKnowEveryCommand) {
     const std::string man = testsupport::ReadFile(SLOTCTL_SOURCE_DIR "/slotctl.1");
     ASSERT_FALSE(man.empty());
     const Outcome help = Slotctl({"--help"});
+    EXPECT_EQ(0, help.status) << help.Describe();
+    const Outcome version = Slotctl({"--version"});
+    EXPECT_EQ(0, version.status) << version.Describe();
+    EXPECT_EQ(std::string("slotctl ") + SLOT_VERSION_STRING + "\n", version.out);
     std::string commands = help.out.substr(help.out.find("commands:"));
     commands = commands.substr(0, commands.find("options"));
     const std::vector<std::string> all = Completions({"slotctl", ""});
@@ -443,6 +447,16 @@ TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
                                         ? next.prefix().str()
                                         : rest;
         const std::string usage = Slotctl({"help", command}).out;
+        if (command != "help") {  // `COMMAND --help` is `help COMMAND`
+            const Outcome asked = Slotctl({command, "--help"});
+            EXPECT_EQ(0, asked.status) << asked.Describe();
+            EXPECT_EQ(usage, asked.out);
+            // bw shares hz's usage, as its second line.
+            const std::string start = command == "bw" ? "usage: slotctl hz NAME [--window SECS] "
+                                                        "[--timeout MS]\n       slotctl bw "
+                                                      : "usage: slotctl " + command + " ";
+            EXPECT_EQ(0u, usage.find(start)) << usage;
+        }
         const std::regex optionLine("\n +(--[a-z][a-z-]*)");
         for (auto it = std::sregex_iterator(usage.begin(), usage.end(), optionLine);
              it != std::sregex_iterator(); ++it) {
