@@ -214,25 +214,22 @@ TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForce
 TEST(SlotctlAttached, RmIsNotRefusedByAProcessThatOnlyGlancesAtTheSlot) {
     ScopedSlotName name("glance");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
-    int ready[2];
-    ASSERT_EQ(0, ::pipe(ready));
+    testsupport::PipeSignal ready;
     const std::string queue = "/" + Slot::QueueObjectName(name.str());
     ChildProcess glance([&] {
         const int fd = ::shm_open(queue.c_str(), O_RDONLY, 0);
         void* const map = fd < 0 ? MAP_FAILED : ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
-        if (map == MAP_FAILED || ::write(ready[1], "r", 1) != 1) {
+        if (map == MAP_FAILED) {
             return testsupport::Failed(2, "could not map " + queue);
         }
+        ready.Post();
         ::usleep(300 * 1000);
         ::munmap(map, 4096);
         ::close(fd);
         ::sleep(30);  // alive but no longer attached
         return 0;
     });
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(1, ::read(ready[0], &byte, 1));
-    ::close(ready[0]);
+    ASSERT_TRUE(ready.WaitFor()) << glance.Wait().Describe();
     const Outcome rm = Slotctl({"rm", name.str()});
     EXPECT_EQ(0, rm.status) << rm.Describe();
     EXPECT_FALSE(Exists("/dev/shm/" + name.str()));
