@@ -345,7 +345,7 @@ TEST(SlotctlMcapFile, AWriterThatCannotWriteItsHeaderLeavesNoFileAndNoDescriptor
         [&] {
             // A descriptor left open would take the lowest free number.
             const auto lowestFree = [] {
-                const int fd = ::dup(0);
+                const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
                 ::close(fd);
                 return fd;
             };
