@@ -385,7 +385,8 @@ TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
                                HasSubstr("standard input ends inside a frame (6 bytes")));
     EXPECT_EQ(1u, SlotSurvey::InspectSlot(name).queue.waiting);
 
-    const Outcome header = Slotctl({"write", name.str(), "--frames"}, Options{"\x01\0"});
+    const Outcome header =
+        Slotctl({"write", name.str(), "--frames"}, Options{std::string("\x01\0", 2)});
     EXPECT_EQ(1, header.status) << header.Describe();
     EXPECT_THAT(header.err, HasSubstr("ends inside a frame"));
 
