@@ -140,12 +140,11 @@ TEST(SlotctlNames, ControlBidiAndInvalidUtf8AreEscapedEverywhere) {
         const Outcome json = Slotctl({"ls", "--json"});
         EXPECT_TRUE(TerminalSafe(json.out)) << json.out;
         EXPECT_THAT(json.out, HasSubstr("\"name\": \"" + prefix + c.shownJson + "\""));
-        bool parsedBack = false;
-        for (const nlohmann::json& slot : nlohmann::json::parse(json.out)) {
-            parsedBack = parsedBack ||
-                         slot["name"] == nlohmann::json::parse("\"" + prefix + c.shownJson + "\"");
-        }
-        EXPECT_TRUE(parsedBack) << json.out;
+        const nlohmann::json slots = nlohmann::json::parse(json.out);
+        const nlohmann::json back = nlohmann::json::parse("\"" + prefix + c.shownJson + "\"");
+        EXPECT_TRUE(std::any_of(slots.begin(), slots.end(), [&](const nlohmann::json& slot) {
+            return slot["name"] == back;
+        })) << json.out;
 
         for (const auto& args : {std::vector<std::string>{"info", name.str()},
                                  std::vector<std::string>{"info", "--json", name.str()}}) {

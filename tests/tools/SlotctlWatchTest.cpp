@@ -11,6 +11,7 @@
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotNames.h>
 #include <Slot/SlotSurvey.h>
+#include <Slot/Version.h>
 
 #include <FileUtils/FSUtils.h>
 
@@ -89,36 +90,23 @@ TEST(SlotctlWatch, HzAndBwCountEveryWriteWhileTheReliableReaderGetsEveryBlock) {
     EXPECT_EQ(0u, SlotSurvey::InspectSlot(name).queue.waiting);
 }
 
-TEST(SlotctlWatch, HzEndsAtItsTimeoutAndRefusesWhatItCannotWatch) {
-    ScopedSlotName name("hzt");
+// hz ends at its --timeout (status 0); hz and bw end when their output fails, as peek and top do
+// (status 1): quietly when the reader went away (| head), with the reason otherwise. (What they
+// refuse is in SlotctlErrors.)
+TEST(SlotctlWatch, HzAndBwEndAtTheTimeOutAndWhenTheirOutputFails) {
+    ScopedSlotName name("hzout");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
     const Outcome quiet = Slotctl({"hz", name.str(), "--window", "0.1", "--timeout", "300"});
     EXPECT_EQ(0, quiet.status) << quiet.Describe();
     EXPECT_EQ(0, WritesCounted(quiet)) << quiet.Describe();
     EXPECT_GE(Lines(quiet.out).size(), 2u) << quiet.Describe();
-
-    ScopedSlotName missing("hzmissing");
-    const Outcome none = Slotctl({"hz", missing.str(), "--timeout", "100"});
-    EXPECT_EQ(1, none.status) << none.Describe();
-    EXPECT_THAT(none.err, HasSubstr("has no usable header"));
-    EXPECT_EQ(2, Slotctl({"bw", name.str(), "--window", "0"}).status);
-}
-
-// hz and bw end when their output fails, as peek and top do (status 1): quietly when the reader
-// went away (| head), with the reason otherwise.
-TEST(SlotctlWatch, HzAndBwEndWhenTheirOutputFails) {
-    ScopedSlotName name("hzout");
-    ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
     const std::string err = testsupport::TestRunDir() + "/" + name.str() + ".err";
     for (const std::string command : {"hz", "bw"}) {
         const std::string run = "\"$0\" " + command + " " + name.str() + " --window 0.05";
         const slotctltest::ShellRun gone = slotctltest::InShell(
             run + " 2>" + err + " | head -n 1 >/dev/null; echo ${PIPESTATUS[0]}");
         EXPECT_EQ("1\n", gone.out) << command;
-        std::ifstream errors(err);
-        const std::string said((std::istreambuf_iterator<char>(errors)),
-                               std::istreambuf_iterator<char>());
-        EXPECT_THAT(said, Not(HasSubstr("cannot write"))) << command;
+        EXPECT_THAT(testsupport::ReadFile(err), Not(HasSubstr("cannot write"))) << command;
         const slotctltest::ShellRun full = slotctltest::InShell(
             run + " 2>&1 >/dev/full | grep \"standard output\"; echo ${PIPESTATUS[0]}");
         EXPECT_EQ("slotctl: cannot write standard output: No space left on device\n1\n", full.out)
@@ -226,53 +214,26 @@ TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForce
 TEST(SlotctlAttached, RmIsNotRefusedByAProcessThatOnlyGlancesAtTheSlot) {
     ScopedSlotName name("glance");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
-    int ready[2];
-    ASSERT_EQ(0, ::pipe(ready));
+    testsupport::PipeSignal ready;
     const std::string queue = "/" + Slot::QueueObjectName(name.str());
     ChildProcess glance([&] {
         const int fd = ::shm_open(queue.c_str(), O_RDONLY, 0);
         void* const map = fd < 0 ? MAP_FAILED : ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
-        if (map == MAP_FAILED || ::write(ready[1], "r", 1) != 1) {
+        if (map == MAP_FAILED) {
             return testsupport::Failed(2, "could not map " + queue);
         }
+        ready.Post();
         ::usleep(300 * 1000);
         ::munmap(map, 4096);
         ::close(fd);
         ::sleep(30);  // alive but no longer attached
         return 0;
     });
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(1, ::read(ready[0], &byte, 1));
-    ::close(ready[0]);
+    ASSERT_TRUE(ready.WaitFor()) << glance.Wait().Describe();
     const Outcome rm = Slotctl({"rm", name.str()});
     EXPECT_EQ(0, rm.status) << rm.Describe();
     EXPECT_FALSE(Exists("/dev/shm/" + name.str()));
     glance.Kill();
-}
-
-TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
-    ScopedSlotName name("orphan");
-    ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
-    ASSERT_EQ(0, Slotctl({"read", name.str()}).status);
-    const std::string lockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);
-    ASSERT_TRUE(Exists(lockFile)) << "the reader left no lock file: nothing to test";
-    const Outcome rm = Slotctl({"rm", name.str()});
-    EXPECT_EQ(0, rm.status) << rm.Describe();
-    EXPECT_THAT(rm.out, HasSubstr("lock file " + lockFile));
-    EXPECT_FALSE(Exists(lockFile));
-
-    // A symlink planted under the lock file's name is not followed and not removed.
-    ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
-    const std::string victim = testsupport::TestRunDir() + "/" + name.str() + ".victim";
-    std::ofstream(victim) << "keep";
-    ASSERT_EQ(0, ::symlink(victim.c_str(), lockFile.c_str()));
-    const Outcome planted = Slotctl({"rm", name.str()});
-    EXPECT_EQ(1, planted.status) << planted.Describe();
-    EXPECT_THAT(planted.err, HasSubstr("not a plain file"));
-    EXPECT_TRUE(Exists(victim));
-    ::unlink(lockFile.c_str());
-    ::unlink(victim.c_str());
 }
 
 // A pipe folder reached through a symlink is one the library refuses: neither ls nor rm
@@ -295,37 +256,42 @@ TEST(SlotctlAttached, RmNeverRemovesAPipeThroughASymlinkedFolder) {
     ::unlink(fifo.c_str());
 }
 
-TEST(SlotctlAttached, RmAndRmStaleRemoveALockFileWhoseSlotIsGone) {
-    ScopedSlotName name("gone");
+// The lock file a reader left goes with its slot (rm), and alone once the slot is gone (rm, rm
+// --stale); a symlink planted under its name is neither followed nor removed.
+TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
+    ScopedSlotName name("orphan");
     const std::string lockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);
-    const std::string removed =
+    const std::string alone =
         "removed '" + name.str() + "' (no slot left): lock file " + lockFile + "\n";
-    // A reader that ended, then a removal of the shared memory alone (SlotFactory::RemoveSlot).
-    auto leaveOrphan = [&] {
+    // (rm --stale without names would look at every slot of the machine, other runs' too.)
+    for (const auto& rm :
+         {std::make_pair(std::vector<std::string>{"rm", name.str()}, false),
+          std::make_pair(std::vector<std::string>{"rm", name.str()}, true),
+          std::make_pair(std::vector<std::string>{"rm", "--stale", name.str()}, true)}) {
         ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
         ASSERT_EQ(0, Slotctl({"read", name.str()}).status);
-        SlotFactory::RemoveSlot(name);
+        if (rm.second) {
+            SlotFactory::RemoveSlot(name);  // the shared memory alone
+        }
         ASSERT_TRUE(Exists(lockFile)) << "the reader left no lock file: nothing to test";
-    };
-    // (rm --stale without names would look at every slot of the machine, other runs' too.)
-    for (const std::vector<std::string>& command :
-         {std::vector<std::string>{"rm", name.str()},
-          std::vector<std::string>{"rm", "--stale", name.str()}}) {
-        leaveOrphan();
-        const Outcome rm = Slotctl(command);
-        EXPECT_EQ(0, rm.status) << rm.Describe();
-        EXPECT_THAT(rm.out, HasSubstr(removed));
-        EXPECT_FALSE(Exists(lockFile)) << rm.Describe();
+        const Outcome run = Slotctl(rm.first);
+        EXPECT_EQ(0, run.status) << run.Describe();
+        EXPECT_THAT(run.out, HasSubstr(rm.second ? alone : "lock file " + lockFile));
+        EXPECT_FALSE(Exists(lockFile)) << run.Describe();
     }
-    // Nothing left: the name is not a slot any more.
-    const Outcome again = Slotctl({"rm", name.str()});
-    EXPECT_EQ(1, again.status) << again.Describe();
-    EXPECT_THAT(again.err, HasSubstr("is not a slot"));
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
+    const std::string victim = testsupport::TestRunDir() + "/" + name.str() + ".victim";
+    std::ofstream(victim) << "keep";
+    ASSERT_EQ(0, ::symlink(victim.c_str(), lockFile.c_str()));
+    const Outcome planted = Slotctl({"rm", name.str()});
+    EXPECT_EQ(1, planted.status) << planted.Describe();
+    EXPECT_THAT(planted.err, HasSubstr("not a plain file"));
+    EXPECT_TRUE(Exists(victim));
 }
 
 // ---- read --timeout ----
 
-TEST(SlotctlTimeout, ReadThatGivesUpWaitingEndsWithStatus124AlsoWhenFollowing) {
+TEST(SlotctlTimeout, ReadAndWriteThatGiveUpWaitingEndWithStatus124) {
     ScopedSlotName name("idle");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "first"}).status);
     const Outcome follow = Slotctl({"read", name.str(), "--follow", "--timeout", "300"});
@@ -341,27 +307,24 @@ TEST(SlotctlTimeout, ReadThatGivesUpWaitingEndsWithStatus124AlsoWhenFollowing) {
     // A read that got what it asked for is a success, with or without --timeout.
     ASSERT_EQ(0, Slotctl({"write", name.str(), "second"}).status);
     EXPECT_EQ(0, Slotctl({"read", name.str(), "--timeout", "20000"}).status);
-    ::unlink(FileUtils::FSUtils::GetSingletonFileLockName(name).c_str());
-}
 
-// A --timeout that ends the wait for a held lock says which wait it ended, and that the lock is
-// held, as a look at the slot shows.
-TEST(SlotctlTimeout, WriteThatGivesUpOnAHeldLockSaysSo) {
-    ScopedSlotName name("heldwrite");
-    testsupport::HeaderHolder holder(name);
+    // A --timeout that ends the wait for a held lock says which wait it ended, and that the lock
+    // is held, as a look at the slot shows.
+    ScopedSlotName held("heldwrite");
+    testsupport::HeaderHolder holder(held);
     ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
-    const Outcome write = Slotctl({"write", name.str(), "--timeout", "300", "x"});
+    const Outcome write = Slotctl({"write", held.str(), "--timeout", "300", "x"});
     holder.Release();
     holder.Child().Wait();
     EXPECT_EQ(124, write.status) << write.Describe();
-    EXPECT_EQ("slotctl: cannot write to '" + name.str() +
+    EXPECT_EQ("slotctl: cannot write to '" + held.str() +
                   "': not opened within 300 ms (its lock is held)\n",
               write.err);
 }
 
 // ---- framed and NDJSON I/O ----
 
-TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctls) {
+TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctlsAndAsNdjson) {
     ScopedSlotName from("framesa");
     ScopedSlotName to("framesb");
     std::string big;
@@ -376,57 +339,27 @@ TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctls) {
     ASSERT_EQ(0, filled.status) << filled.Describe();
     ASSERT_THAT(filled.err, HasSubstr("5 blocks to"));
 
-    const std::string slotctl = SLOTCTL_PATH;
-    const std::string pipeline = "'" + slotctl + "' read " + from.str() + " --count " +
-                                 std::to_string(blocks.size()) + " --format frames | '" + slotctl +
-                                 "' write " + to.str() +
-                                 " --frames --type reliable --queue 8 2>/dev/null";
-    ChildProcess shell([&] {
-        ::execl("/bin/sh", "sh", "-c", pipeline.c_str(), static_cast<char*>(nullptr));
-        return 127;
-    });
-    const testsupport::ChildResult piped = shell.Wait(std::chrono::seconds(60));
-    ASSERT_TRUE(piped.Ok()) << piped.Describe();
+    const slotctltest::ShellRun piped =
+        slotctltest::InShell("set -o pipefail; \"$0\" read " + from.str() +
+                                 " --count 5 --format frames | \"$0\" write " + to.str() +
+                                 " --frames --type reliable --queue 8 2>/dev/null; echo $?",
+                             60);
+    ASSERT_EQ("0\n", piped.out);
 
     const Outcome out = Slotctl({"read", to.str(), "--count", std::to_string(blocks.size()),
                                  "--format", "frames", "--timeout", "10000"});
     EXPECT_EQ(0, out.status) << out.Describe();
     EXPECT_EQ(frames.size(), out.out.size());
     EXPECT_TRUE(frames == out.out) << "the blocks changed on the way";
-}
 
-TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
-    ScopedSlotName name("truncated");
-    const Outcome cut = Slotctl({"write", name.str(), "--type", "reliable", "--frames"},
-                                Options{Frames({"whole"}) + std::string("\x09\0\0\0ab", 6)});
-    EXPECT_EQ(1, cut.status) << cut.Describe();
-    EXPECT_THAT(cut.err, AllOf(HasSubstr("1 block to"),
-                               HasSubstr("standard input ends inside a frame (6 bytes")));
-    EXPECT_EQ(1u, SlotSurvey::InspectSlot(name).queue.waiting);
-
-    const Outcome header = Slotctl({"write", name.str(), "--frames"}, Options{"\x01\0"});
-    EXPECT_EQ(1, header.status) << header.Describe();
-    EXPECT_THAT(header.err, HasSubstr("ends inside a frame"));
-
-    // A length beyond the slot's block size is refused before its bytes are awaited.
-    const Outcome huge =
-        Slotctl({"write", name.str(), "--frames"}, Options{std::string("\xff\xff\xff\x7f", 4)});
-    EXPECT_EQ(1, huge.status) << huge.Describe();
-    EXPECT_THAT(huge.err, HasSubstr("larger than the slot's maximum block size"));
-
-    EXPECT_EQ(2, Slotctl({"write", name.str(), "--frames", "--lines"}).status);
-    EXPECT_EQ(2, Slotctl({"read", name.str(), "--format", "json"}).status);
-}
-
-TEST(SlotctlFrames, NdjsonLinesParseWithTimeSizeAndBytes) {
-    ScopedSlotName name("ndjson");
-    const std::string frames = Frames({"abc", std::string("\0\xff", 2), ""});
-    ASSERT_EQ(
-        0,
-        Slotctl({"write", name.str(), "--type", "reliable", "--frames"}, Options{frames}).status);
+    // NDJSON: a line per block with its time, size and bytes in base64.
+    ASSERT_EQ(0, Slotctl({"write", from.str(), "--frames"},
+                         Options{Frames({"abc", std::string("\0\xff", 2), ""})})
+                     .status);
     const Outcome read =
-        Slotctl({"read", name.str(), "--count", "3", "--format", "ndjson", "--timeout", "10000"});
+        Slotctl({"read", from.str(), "--count", "3", "--format", "ndjson", "--timeout", "10000"});
     ASSERT_EQ(0, read.status) << read.Describe();
+
     const std::vector<std::string> lines = Lines(read.out);
     ASSERT_EQ(3u, lines.size()) << read.out;
     const struct {
@@ -443,39 +376,54 @@ TEST(SlotctlFrames, NdjsonLinesParseWithTimeSizeAndBytes) {
     }
 }
 
+TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
+    ScopedSlotName name("truncated");
+    const Outcome cut = Slotctl({"write", name.str(), "--type", "reliable", "--frames"},
+                                Options{Frames({"whole"}) + std::string("\x09\0\0\0ab", 6)});
+    EXPECT_EQ(1, cut.status) << cut.Describe();
+    EXPECT_THAT(cut.err, AllOf(HasSubstr("1 block to"),
+                               HasSubstr("standard input ends inside a frame (6 bytes")));
+    EXPECT_EQ(1u, SlotSurvey::InspectSlot(name).queue.waiting);
+
+    const Outcome header =
+        Slotctl({"write", name.str(), "--frames"}, Options{std::string("\x01\0", 2)});
+    EXPECT_EQ(1, header.status) << header.Describe();
+    EXPECT_THAT(header.err, HasSubstr("ends inside a frame"));
+
+    // A length beyond the slot's block size is refused before its bytes are awaited.
+    const Outcome huge =
+        Slotctl({"write", name.str(), "--frames"}, Options{std::string("\xff\xff\xff\x7f", 4)});
+    EXPECT_EQ(1, huge.status) << huge.Describe();
+    EXPECT_THAT(huge.err, HasSubstr("larger than the slot's maximum block size"));
+}
+
 // ---- manual page and completion ----
 
 // What bash completion offers for the command line `words` (the last one being completed).
 std::vector<std::string> Completions(const std::vector<std::string>& words) {
     std::string array;
     for (const std::string& word : words) {
-        array += " '" + word + "'";
+        array += " \"" + word + "\"";
     }
-    const std::string script = "source '" SLOTCTL_SOURCE_DIR
-                               "/slotctl.bash-completion'; COMP_WORDS=(" +
-                               array + "); COMP_CWORD=" + std::to_string(words.size() - 1) +
-                               "; _slotctl; printf '%s\\n' \"${COMPREPLY[@]}\"";
-    const std::string out = testsupport::TestRunDir() + "/completion." + std::to_string(::getpid());
-    ChildProcess bash([&] {
-        if (!std::freopen(out.c_str(), "w", stdout)) {
-            return 126;
-        }
-        ::execl("/bin/bash", "bash", "-c", script.c_str(), static_cast<char*>(nullptr));
-        return 127;
-    });
-    const testsupport::ChildResult result = bash.Wait(std::chrono::seconds(30));
-    const std::string text = testsupport::ReadFile(out);
-    ::unlink(out.c_str());
-    EXPECT_TRUE(result.Ok()) << result.Describe();
-    std::vector<std::string> lines = Lines(text);
+    const slotctltest::ShellRun run = slotctltest::InShell(
+        "source \"" SLOTCTL_SOURCE_DIR "/slotctl.bash-completion\"; COMP_WORDS=(" + array +
+        "); COMP_CWORD=" + std::to_string(words.size() - 1) +
+        "; _slotctl; printf \"%s\\n\" \"${COMPREPLY[@]}\"");
+    EXPECT_EQ(0, run.status) << run.out;
+    std::vector<std::string> lines = Lines(run.out);
     lines.erase(std::remove(lines.begin(), lines.end(), ""), lines.end());
     return lines;
 }
 
-TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
+// Help, the manual page and completion know every command; the version is the project's.
+TEST(SlotctlDocs, HelpManualPageAndCompletionKnowEveryCommand) {
     const std::string man = testsupport::ReadFile(SLOTCTL_SOURCE_DIR "/slotctl.1");
     ASSERT_FALSE(man.empty());
     const Outcome help = Slotctl({"--help"});
+    EXPECT_EQ(0, help.status) << help.Describe();
+    const Outcome version = Slotctl({"--version"});
+    EXPECT_EQ(0, version.status) << version.Describe();
+    EXPECT_EQ(std::string("slotctl ") + SLOT_VERSION_STRING + "\n", version.out);
     std::string commands = help.out.substr(help.out.find("commands:"));
     commands = commands.substr(0, commands.find("options"));
     const std::vector<std::string> all = Completions({"slotctl", ""});
@@ -497,6 +445,16 @@ TEST(SlotctlDocs, ManualPageAndCompletionKnowEveryCommand) {
                                         ? next.prefix().str()
                                         : rest;
         const std::string usage = Slotctl({"help", command}).out;
+        if (command != "help") {  // `COMMAND --help` is `help COMMAND`
+            const Outcome asked = Slotctl({command, "--help"});
+            EXPECT_EQ(0, asked.status) << asked.Describe();
+            EXPECT_EQ(usage, asked.out);
+            // bw shares hz's usage, as its second line.
+            const std::string start = command == "bw" ? "usage: slotctl hz NAME [--window SECS] "
+                                                        "[--timeout MS]\n       slotctl bw "
+                                                      : "usage: slotctl " + command + " ";
+            EXPECT_EQ(0u, usage.find(start)) << usage;
+        }
         const std::regex optionLine("\n +(--[a-z][a-z-]*)");
         for (auto it = std::sregex_iterator(usage.begin(), usage.end(), optionLine);
              it != std::sregex_iterator(); ++it) {
