@@ -323,12 +323,10 @@ TEST_F(PoolTest, LatestKindDeliversEachNewStateOnceToEveryReaderProcess) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 4096, 4);
     constexpr std::uint64_t kLast = 300;
-    std::vector<std::unique_ptr<testsupport::PipeSignal>> ready;
+    testsupport::PipeSignal ready;  // posted by each reader
     std::vector<std::unique_ptr<testsupport::ChildProcess>> readers;
     for (int r = 0; r < 3; ++r) {
-        ready.emplace_back(new testsupport::PipeSignal);
-        testsupport::PipeSignal& signal = *ready.back();
-        readers.emplace_back(new testsupport::ChildProcess([&config, &signal] {
+        readers.emplace_back(new testsupport::ChildProcess([&config, &ready] {
             struct Verifier : shared::ISubscriber {
                 std::atomic<int> error{0};
                 std::atomic<bool> done{false};
@@ -347,7 +345,7 @@ TEST_F(PoolTest, LatestKindDeliversEachNewStateOnceToEveryReaderProcess) {
             };
             auto verifier = boost::make_shared<Verifier>();
             auto reader = PoolFactory::CreatePoolReader(config, verifier);
-            signal.Post();
+            ready.Post();
             if (!Eventually([&] { return verifier->done.load(); }, std::chrono::seconds(30))) {
                 return testsupport::Failed(4, "the last block never came");
             }
@@ -355,8 +353,8 @@ TEST_F(PoolTest, LatestKindDeliversEachNewStateOnceToEveryReaderProcess) {
         }));
     }
     auto writer = PoolFactory::CreatePoolWriter(config);
-    for (auto& signal : ready) {
-        ASSERT_TRUE(signal->WaitFor());
+    for (int r = 0; r < 3; ++r) {
+        ASSERT_TRUE(ready.WaitFor());
     }
     for (std::uint64_t tag = 1; tag <= kLast; ++tag) {
         // A block still held by a slow reader may leave none free for a moment.
@@ -697,9 +695,7 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     for (int c = 0; c < 4; ++c) {
         go.Post();
     }
-    std::vector<pid_t> pids;
     for (auto& creator : creators) {
-        pids.push_back(creator->Pid());
         EXPECT_TRUE(creator->Wait().Ok());
     }
     const Slot::PoolReport report = Slot::SurveyPool(pool.str());
@@ -712,7 +708,7 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     // here (a creator in another pid namespace); one whose creator died is removed by the next
     // creation.
     const std::string stale =
-        Slot::PoolPath(Slot::PoolTemporaryPrefix + std::to_string(pids.front()) + "-0");
+        Slot::PoolPath(Slot::PoolTemporaryPrefix + std::to_string(creators.front()->Pid()) + "-0");
     const int fd = ::open(stale.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
     ASSERT_GE(fd, 0);
     struct flock lock {};
