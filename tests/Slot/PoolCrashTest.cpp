@@ -62,13 +62,22 @@ std::size_t RandomSize(std::mt19937& random) {
     return random() % 4 == 0 ? 8 + random() % (kBigBlock - 8) : 8 + random() % 65536;
 }
 
-// Records a delivered queue block in the ledger.
-class QueueVerifier : public shared::ISubscriber {
+// Records a delivered block in the ledger: a queue block by its writer's tag, and its sequence
+// against the last one any queue reader delivered; a latest block's sequence against the last
+// one this reader delivered.
+class Verifier : public shared::ISubscriber {
 public:
-    QueueVerifier(Ledger& ledger, int beat) : ledger_(ledger), beat_(beat) {}
+    Verifier(Ledger& ledger, bool queue, int beat) : ledger_(ledger), queue_(queue), beat_(beat) {}
     void onNotify(const std::string&, const void* data, size_t size) override {
         const std::uint64_t tag = Check(data, size);
         const std::uint64_t sequence = Slot::CurrentBlockSequence();
+        ++ledger_.beats[beat_];
+        if (!queue_) {
+            ledger_.torn += tag == ~0ull;
+            ledger_.disorder += sequence <= last_;
+            last_ = sequence;
+            return;
+        }
         if (tag == ~0ull || (tag >> 40) >= kQueueWriters || (tag & 0xffffffffff) >= kMaxTags) {
             ++ledger_.torn;
             return;
@@ -82,29 +91,34 @@ public:
         ledger_.lastQueueSequence = std::max(last, sequence);
         const std::uint64_t n = tag & 0xffffffffff;
         ledger_.seen[tag >> 40][n / 64].fetch_or(1ull << (n % 64));
-        ++ledger_.beats[beat_];
     }
 
 private:
     Ledger& ledger_;
-    int beat_;
+    const bool queue_;
+    const int beat_;
+    std::uint64_t last_ = 0;
 };
 
-int QueueWriterLife(Ledger& ledger, const Slot::PoolConfig& config, int w, int beat) {
+// Publishes blocks until stopped: queue writer `w` tags them with its number and counts those
+// stored; the latest writer (`w` < 0) publishes whatever becomes of them.
+int WriterLife(Ledger& ledger, const Slot::PoolConfig& config, int w, int beat) {
     std::mt19937 random(static_cast<unsigned>(::getpid()));
     auto writer = PoolFactory::CreatePoolWriter(config);
-    std::uint64_t n = ledger.stored[w].load();
+    std::uint64_t n = w < 0 ? 1 : ledger.stored[w].load();
     while (ledger.stop.load() == 0 && n < kMaxTags) {
         const std::size_t size = RandomSize(random);
         Slot::PoolLoan loan = writer->loan(size);
         ++ledger.beats[beat];
         if (!loan) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));  // full: retry
+            std::this_thread::sleep_for(std::chrono::microseconds(200));  // full or held: retry
             continue;
         }
-        Fill(loan.data(), size, static_cast<std::uint64_t>(w) << 40 | n);
+        Fill(loan.data(), size, w < 0 ? n : static_cast<std::uint64_t>(w) << 40 | n);
         const WriteOutcome outcome = loan.publish(size);
-        if (outcome == WriteOutcome::Stored) {
+        if (w < 0) {
+            ++n;
+        } else if (outcome == WriteOutcome::Stored) {
             ledger.stored[w] = ++n;
         } else if (outcome != WriteOutcome::Refused) {
             return testsupport::Failed(2, Slot::ToString(outcome));
@@ -113,53 +127,9 @@ int QueueWriterLife(Ledger& ledger, const Slot::PoolConfig& config, int w, int b
     return 0;
 }
 
-int QueueReaderLife(Ledger& ledger, const Slot::PoolConfig& config, int beat) {
-    auto reader =
-        PoolFactory::CreatePoolReader(config, boost::make_shared<QueueVerifier>(ledger, beat));
-    while (ledger.stop.load() == 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return 0;
-}
-
-int LatestWriterLife(Ledger& ledger, const Slot::PoolConfig& config, int beat) {
-    std::mt19937 random(static_cast<unsigned>(::getpid()));
-    auto writer = PoolFactory::CreatePoolWriter(config);
-    for (std::uint64_t tag = 1; ledger.stop.load() == 0; ++tag) {
-        const std::size_t size = RandomSize(random);
-        Slot::PoolLoan loan = writer->loan(size);
-        ++ledger.beats[beat];
-        if (!loan) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));  // all held: retry
-            continue;
-        }
-        Fill(loan.data(), size, tag);
-        loan.publish(size);
-    }
-    return 0;
-}
-
-int LatestReaderLife(Ledger& ledger, const Slot::PoolConfig& config, int beat) {
-    struct Verifier : shared::ISubscriber {
-        Ledger* ledger;
-        int beat;
-        std::uint64_t last = 0;
-        void onNotify(const std::string&, const void* data, size_t size) override {
-            if (Check(data, size) == ~0ull) {
-                ++ledger->torn;
-            }
-            const std::uint64_t sequence = Slot::CurrentBlockSequence();
-            if (sequence <= last) {
-                ++ledger->disorder;
-            }
-            last = sequence;
-            ++ledger->beats[beat];
-        }
-    };
-    auto verifier = boost::make_shared<Verifier>();
-    verifier->ledger = &ledger;
-    verifier->beat = beat;
-    auto reader = PoolFactory::CreatePoolReader(config, verifier);
+int ReaderLife(Ledger& ledger, const Slot::PoolConfig& config, int beat) {
+    auto reader = PoolFactory::CreatePoolReader(
+        config, boost::make_shared<Verifier>(ledger, config.kind == "queue", beat));
     while (ledger.stop.load() == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -209,13 +179,13 @@ TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBloc
     };
     for (int w = 0; w < kQueueWriters; ++w) {
         add("queue writer " + std::to_string(w),
-            [&, w](int beat) { return QueueWriterLife(ledger, queue, w, beat); });
+            [&, w](int beat) { return WriterLife(ledger, queue, w, beat); });
     }
-    add("queue reader", [&](int beat) { return QueueReaderLife(ledger, queue, beat); });
-    add("latest writer", [&](int beat) { return LatestWriterLife(ledger, latest, beat); });
+    add("queue reader", [&](int beat) { return ReaderLife(ledger, queue, beat); });
+    add("latest writer", [&](int beat) { return WriterLife(ledger, latest, -1, beat); });
     for (int r = 0; r < kLatestReaders; ++r) {
         add("latest reader " + std::to_string(r),
-            [&](int beat) { return LatestReaderLife(ledger, latest, beat); });
+            [&](int beat) { return ReaderLife(ledger, latest, beat); });
     }
     add("creator", [&](int beat) { return CreatorLife(ledger, creatorPrefix, beat); });
     const std::size_t queueReader = kQueueWriters;
@@ -268,7 +238,7 @@ TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBloc
     ledger.stop = 0;
     {
         auto drain =
-            PoolFactory::CreatePoolReader(queue, boost::make_shared<QueueVerifier>(ledger, 0));
+            PoolFactory::CreatePoolReader(queue, boost::make_shared<Verifier>(ledger, true, 0));
         EXPECT_TRUE(testsupport::Eventually(
             [&] { return Slot::SurveyPool(queue.name).waitingBlocks == 0; }));
     }

@@ -4,6 +4,8 @@
 import gc
 import queue
 import struct
+import subprocess
+import sys
 
 import pytest
 
@@ -45,8 +47,6 @@ def test_blocks_round_trip_through_another_process(names, kind):
     with libslot.PoolReader(b, lambda view: echoes.put(bytes(view)), kind=kind,
                             block_size=4096, blocks=16), \
             libslot.PoolWriter(a, kind=kind, block_size=4096, blocks=16) as writer:
-        import subprocess
-        import sys
         child = subprocess.Popen([sys.executable, "-c", ECHO, a, b, kind])
         try:
             last = 0
@@ -179,14 +179,10 @@ def test_a_loan_not_published_returns_to_the_pool(name):
 
 def test_configuration_errors_carry_the_library_texts(name):
     assert libslot.pool_kind_is_valid("queue") and not libslot.pool_kind_is_valid("reliable")
-    with pytest.raises(libslot.SlotCreationError) as e:
+    with pytest.raises(libslot.SlotCreationError, match="reliable"):
         libslot.PoolWriter(name, kind="reliable")
-    assert "reliable" in str(e.value)
     with pytest.raises(TypeError):
         libslot.PoolReader(name, None)
-    with libslot.PoolReader(name, print, kind="queue"):
-        with pytest.raises(libslot.SlotCreationError):
-            libslot.PoolReader(name, print, kind="queue")
     writer = libslot.PoolWriter(libslot.PoolConfig(name, "queue", 16, 2))
     writer.close()
     with pytest.raises(libslot.SlotError, match="closed"):

@@ -122,9 +122,6 @@ TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
     EXPECT_EQ(1, Slotctl({"info", damaged.str() + "x"}).status);
 }
 
-// Both kinds carry blocks from write to read: a queue keeps what was written before its reader
-// came, a latest pool delivers to a reader that waits; a queue's second reader is refused,
-// naming the first.
 // A live holder whose entry names another pid namespace (its pid means nothing here) is counted
 // as such, alive by its lock, and never printed as a pid.
 TEST(SlotctlPools, HoldersOfOtherPidNamespacesAreCountedNotListed) {
@@ -157,6 +154,9 @@ TEST(SlotctlPools, HoldersOfOtherPidNamespacesAreCountedNotListed) {
     EXPECT_EQ(0, Entry(pool.str())["other_pid_namespaces"]["attached"]);
 }
 
+// Both kinds carry blocks from write to read: a queue keeps what was written before its reader
+// came, a latest pool delivers to a reader that waits; a queue's second reader is refused,
+// naming the first.
 TEST(SlotctlPools, WriteAndReadThroughBothKinds) {
     ScopedPool queue("rq"), latest("rl");
     const Outcome write = Slotctl({"write", queue.str(), "--type", "queue", "--max-size", "64",
