@@ -222,29 +222,21 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
     EXPECT_FALSE(Listed(zeroWord));
 }
 
-TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusy) {
+// A header mutex held by a live process is busy; killed while holding it, the process is named.
+TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusyAndByAKilledOneNamesItsPid) {
     ScopedSlotName name("busy");
     HeaderHolder holder(name);
     ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
-    const SlotReport report = Inspect(name);
-    EXPECT_EQ(SlotState::Busy, report.state) << report.detail;
-    ASSERT_EQ(1u, report.heldLocks.size());
-    EXPECT_EQ("header mutex", report.heldLocks[0].lock);
-    EXPECT_EQ(holder.Child().Pid(), report.heldLocks[0].process);
-    EXPECT_FALSE(report.heldLocks[0].HolderDead());
-    holder.Release();
-    EXPECT_TRUE(holder.Child().Wait().Ok());
-    EXPECT_EQ(SlotState::Healthy, Inspect(name).state);
-}
-
-TEST(SlotSurvey, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
-    ScopedSlotName name("dead");
-    HeaderHolder holder(name);
-    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
     const pid_t pid = holder.Child().Pid();
+    const SlotReport busy = Inspect(name);
+    EXPECT_EQ(SlotState::Busy, busy.state) << busy.detail;
+    ASSERT_EQ(1u, busy.heldLocks.size());
+    EXPECT_EQ("header mutex", busy.heldLocks[0].lock);
+    EXPECT_EQ(pid, busy.heldLocks[0].process);
+    EXPECT_FALSE(busy.heldLocks[0].HolderDead());
+
     holder.Child().Kill(SIGKILL);
     EXPECT_EQ(SIGKILL, holder.Child().Wait().signal);
-
     const SlotReport report = Inspect(name);
     EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
     EXPECT_EQ(pid, report.deadHolder);
@@ -281,40 +273,38 @@ pid_t KillWhileHolding(const std::string& object, std::uint64_t offset) {
     return child.Pid();
 }
 
-TEST(SlotSurvey, AQueueMutexLeftByAKilledProcessIsReported) {
+// A queue mutex, and the segment's mutexes (every later named lookup or allocation in the
+// segment would wait for these for ever), left held by killed processes.
+TEST(SlotSurvey, QueueAndSegmentManagerMutexesLeftByAKilledProcessAreReported) {
     ScopedSlotName name("qdead");
     { DiscardingSlot slot(open_or_create, name.c_str(), 32); }
     const std::string queue = BaseQueueSlot::GetQueueName(name);
-    const Bytes bytes = ReadObject(queue);
-    const SlotImage::QueueImage image = SlotImage::ParseQueue(bytes.data(), bytes.size());
-    ASSERT_TRUE(image.mutex.present);
-    const pid_t pid = KillWhileHolding(queue, image.mutex.offset);
-
+    const Bytes queueBytes = ReadObject(queue);
+    const SlotImage::QueueImage queueImage =
+        SlotImage::ParseQueue(queueBytes.data(), queueBytes.size());
+    ASSERT_TRUE(queueImage.mutex.present);
+    const pid_t pid = KillWhileHolding(queue, queueImage.mutex.offset);
     const SlotReport report = Inspect(name);
     EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
     EXPECT_EQ(pid, report.deadHolder);
     ASSERT_EQ(1u, report.heldLocks.size());
     EXPECT_EQ("queue mutex", report.heldLocks[0].lock);
-}
 
-// Every later named lookup or allocation in the segment would wait for these for ever.
-TEST(SlotSurvey, SegmentManagerMutexesLeftByAKilledProcessAreReported) {
-    ScopedSlotName name("smdead");
-    { ReliableSlot slot(open_or_create, name.c_str(), 32, 2); }
-    const Bytes bytes = ReadObject(name);
+    ScopedSlotName segment("smdead");
+    { ReliableSlot slot(open_or_create, segment.c_str(), 32, 2); }
+    const Bytes bytes = ReadObject(segment);
     const SlotImage::HeaderImage image = SlotImage::ParseHeader(bytes.data(), bytes.size());
     ASSERT_TRUE(image.indexMutex.present && image.allocatorMutex.present);
-    const pid_t indexHolder = KillWhileHolding(name, image.indexMutex.offset);
-    const pid_t allocatorHolder = KillWhileHolding(name, image.allocatorMutex.offset);
-
-    const SlotReport report = Inspect(name);
-    EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
-    ASSERT_EQ(2u, report.heldLocks.size());
-    EXPECT_EQ("segment index mutex", report.heldLocks[0].lock);
-    EXPECT_EQ(indexHolder, report.heldLocks[0].thread);
-    EXPECT_EQ("segment allocator mutex", report.heldLocks[1].lock);
-    EXPECT_EQ(allocatorHolder, report.heldLocks[1].thread);
-    EXPECT_TRUE(report.heldLocks[0].HolderDead() && report.heldLocks[1].HolderDead());
+    const pid_t indexHolder = KillWhileHolding(segment, image.indexMutex.offset);
+    const pid_t allocatorHolder = KillWhileHolding(segment, image.allocatorMutex.offset);
+    const SlotReport held = Inspect(segment);
+    EXPECT_EQ(SlotState::DeadHolder, held.state) << held.detail;
+    ASSERT_EQ(2u, held.heldLocks.size());
+    EXPECT_EQ("segment index mutex", held.heldLocks[0].lock);
+    EXPECT_EQ(indexHolder, held.heldLocks[0].thread);
+    EXPECT_EQ("segment allocator mutex", held.heldLocks[1].lock);
+    EXPECT_EQ(allocatorHolder, held.heldLocks[1].thread);
+    EXPECT_TRUE(held.heldLocks[0].HolderDead() && held.heldLocks[1].HolderDead());
 }
 
 }  // namespace
