@@ -3,6 +3,7 @@
 // reader: forked children, destruction, refused readers and other threads, each seen from
 // other real processes. That the lock file's claim ends with its process is FileLock's own.
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "Readers.h"
 #include "ShmHygiene.h"
 
@@ -125,7 +126,7 @@ TEST(ReaderClaim, AForkedChildNeverWaitsForTheClaimsOfOtherThreads) {
 
 // Both factory operations are refused with the same text while a reader of either flavour
 // lives, in this process (the refusals leave the first reader's claim intact) and in another;
-// its destruction frees the name.
+// its destruction frees the name. That reader, without subscribers, still drains the queue.
 TEST(ReaderClaim, OnePerMachineWhateverTheFlavour) {
     for (const testsupport::Flavour flavour :
          {testsupport::Flavour::Notifying, testsupport::Flavour::Spinning}) {
@@ -135,6 +136,13 @@ TEST(ReaderClaim, OnePerMachineWhateverTheFlavour) {
         const std::string refusal =
             "Cannot create non-unique reader for reliable slot '" + name.str() + "'";
         INotifierPtr reader = testsupport::MakeReader(flavour, cfg);
+        // Each wake-up drains the queue also with nobody subscribed, so that writers never find
+        // it full for want of a subscriber.
+        for (int i = 0; i < 4; ++i) {
+            testsupport::WriteBlock(cfg, "unread");
+        }
+        boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+        EXPECT_TRUE(testsupport::Eventually([&] { return slot->GetBufferLength() == 0; }));
         for (int attempt = 0; attempt < 4; ++attempt) {
             try {
                 if (attempt % 2) {

@@ -198,31 +198,24 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
     EXPECT_EQ(SlotState::Damaged, f.state);
     EXPECT_EQ(SlotPartState::Foreign, f.queue.state);
 
-    // Garbage under both names is no slot at all, and not listed.
-    ScopedSlotName garbage("garbage");
+    // Another program's data under both names is no slot at all, and not listed; also when it
+    // starts with a zero word, which is no unfinished slot part (nor removed as one by slotctl
+    // rm --stale).
+    Bytes zeroWord(4096, 0);
+    zeroWord[100] = 1;
     noise[0] = 2;
     noise[1] = noise[2] = noise[3] = 0;
-    ASSERT_TRUE(WriteObject(garbage, noise));
-    ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(garbage), noise));
-    const SlotReport g = Inspect(garbage);
-    EXPECT_EQ(SlotPartState::Foreign, g.header.state);
-    EXPECT_EQ(SlotPartState::Foreign, g.queue.state);
-    EXPECT_FALSE(Listed(garbage));
-
-    // Data of another program that starts with a zero word is not an unfinished slot part: it
-    // is neither listed nor (through slotctl rm --stale) removed as one.
-    ScopedSlotName zeroWord("zeroword");
-    Bytes data(4096, 0);
-    data[100] = 1;
-    ASSERT_TRUE(WriteObject(zeroWord, data));
-    ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(zeroWord), data));
-    const SlotReport z = Inspect(zeroWord);
-    EXPECT_EQ(SlotPartState::Foreign, z.header.state);
-    EXPECT_EQ(SlotPartState::Foreign, z.queue.state);
-    EXPECT_FALSE(Listed(zeroWord));
+    for (const Bytes& data : {noise, zeroWord}) {
+        ScopedSlotName garbage("garbage");
+        ASSERT_TRUE(WriteObject(garbage, data));
+        ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(garbage), data));
+        const SlotReport g = Inspect(garbage);
+        EXPECT_EQ(SlotPartState::Foreign, g.header.state);
+        EXPECT_EQ(SlotPartState::Foreign, g.queue.state);
+        EXPECT_FALSE(Listed(garbage));
+    }
 }
 
-// A header mutex held by a live process is busy; killed while holding it, the process is named.
 TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusyAndByAKilledOneNamesItsPid) {
     ScopedSlotName name("busy");
     HeaderHolder holder(name);
