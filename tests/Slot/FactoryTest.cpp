@@ -19,6 +19,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace {
@@ -45,24 +46,26 @@ bool ProcessHasOpen(const std::string& path) {
     return false;
 }
 
+// The text of the refusal that `make` throws; "" when it throws none.
+std::string Refusal(const std::function<void()>& make) {
+    try {
+        make();
+    } catch (const AbortSlotCreationException& e) {
+        return e.what();
+    }
+    return "";
+}
+
 // The factory's operations `ops` (0 CreateSlot, 1 CreateSlotReader, 2 CreateSlotWriter) refuse
 // `cfg` with `message`, or a message that starts with it when not `whole`.
 void ExpectRefused(const ISlotConfiguration& cfg, const std::string& message, bool whole = true,
                    const std::vector<int>& ops = {0, 1, 2}) {
+    const std::function<void()> make[] = {[&] { SlotFactory::CreateSlot(&cfg); },
+                                          [&] { SlotFactory::CreateSlotReader(&cfg); },
+                                          [&] { SlotFactory::CreateSlotWriter(&cfg); }};
     for (const int op : ops) {
-        try {
-            if (op == 0) {
-                SlotFactory::CreateSlot(&cfg);
-            } else if (op == 1) {
-                SlotFactory::CreateSlotReader(&cfg);
-            } else {
-                SlotFactory::CreateSlotWriter(&cfg);
-            }
-            ADD_FAILURE() << "operation " << op << " accepted '" << cfg.GetName() << "'";
-        } catch (const AbortSlotCreationException& e) {
-            const std::string what = e.what();
-            EXPECT_EQ(message, whole ? what : what.substr(0, message.size())) << "operation " << op;
-        }
+        const std::string what = Refusal(make[op]);
+        EXPECT_EQ(message, whole ? what : what.substr(0, message.size())) << "operation " << op;
     }
 }
 
@@ -188,9 +191,9 @@ TEST(SlotFactory, SizesAbove32BitsAreRefusedNotTruncated) {
     ExpectNothingMade(name);
 }
 
-// Non-finite and negative update times would make Init sleep for ever or the thread spin; the
-// readers themselves refuse them.
-TEST(SlotFactory, UpdateTimesThatCannotWorkAreRefused) {
+// Non-finite and negative update times would make Init sleep for ever or the thread spin, such
+// spin budgets a spin that never ends; the readers themselves refuse them.
+TEST(SlotFactory, UpdateTimesAndSpinBudgetsThatCannotWorkAreRefused) {
     ScopedSlotName name("uptime"), zero("uptimezero");
     // In a child with a time limit: a reader that accepted one of them would never return.
     const testsupport::ChildResult child = testsupport::RunInChild(
@@ -200,17 +203,16 @@ TEST(SlotFactory, UpdateTimesThatCannotWorkAreRefused) {
             for (const std::string type : {"reliable", "discarding", "posix-pipe"}) {
                 for (const time_duration& t :
                      {time_duration(pos_infin), time_duration(neg_infin),
-                      time_duration(not_a_date_time), time_duration(milliseconds(-1))}) {
-                    const SlotCfg cfg = WideCfg(name, type, 64, 4, t);
-                    try {
-                        SlotFactory::CreateSlotReader(&cfg);
-                        ++failures;
-                    } catch (const AbortSlotCreationException& e) {
-                        const std::string expected =
-                            "Invalid update time " + to_simple_string(t) + " of '" + name.str() +
-                            "': a reader needs a finite update time of 0 or more";
-                        failures += expected == e.what() ? 0 : 1;
-                    }
+                      time_duration(not_a_date_time), time_duration(microseconds(-1))}) {
+                    const SlotCfg bad = WideCfg(name, type, 64, 4, t),
+                                  good = WideCfg(name, type, 64, 4);
+                    const std::string of = to_simple_string(t) + " of '" + name.str() + "': a ";
+                    failures += Refusal([&] { SlotFactory::CreateSlotReader(&bad); }) !=
+                                "Invalid update time " + of +
+                                    "reader needs a finite update time of 0 or more";
+                    failures += Refusal([&] { SlotFactory::CreateSpinningSlotReader(&good, t); }) !=
+                                "Invalid spin budget " + of +
+                                    "spinning reader needs a finite budget of 0 or more";
                 }
             }
             // 0 is a reader that looks again at once.

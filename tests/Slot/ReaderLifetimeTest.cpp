@@ -9,7 +9,6 @@
 #include "Readers.h"
 #include "ShmHygiene.h"
 
-#include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
 #include <Slot/SlotWriter.h>
@@ -37,28 +36,6 @@ using testsupport::Flavour;
 using testsupport::LogCapture;
 using testsupport::ReaderCfg;
 using testsupport::ScopedSlotName;
-
-// ---- creation ----
-
-// A budget that is negative or infinite is refused with its own text before anything is made.
-TEST(SpinningReader, RefusesBadBudgets) {
-    ScopedSlotName name("spinbad");
-    const SimpleSlotCfg cfg = ReaderCfg(name, "reliable");
-    const std::string tail =
-        " of '" + name.str() + "': a spinning reader needs a finite budget of 0 or more";
-    const std::pair<pt::time_duration, std::string> cases[] = {
-        {pt::microseconds(-1), "-00:00:00.000001"},
-        {pt::time_duration(pt::pos_infin), "+infinity"}};
-    for (const auto& c : cases) {
-        try {
-            SlotFactory::CreateSpinningSlotReader(&cfg, c.first);
-            ADD_FAILURE() << c.second << " accepted";
-        } catch (const AbortSlotCreationException& e) {
-            EXPECT_EQ("Invalid spin budget " + c.second + tail, e.what());
-        }
-    }
-    EXPECT_TRUE(testsupport::LeftoverShmObjects().empty());
-}
 
 // ---- the thread ----
 
