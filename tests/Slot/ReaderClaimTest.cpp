@@ -23,7 +23,6 @@ namespace {
 
 using testsupport::ChildProcess;
 using testsupport::ChildResult;
-using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
 
 const boost::posix_time::milliseconds Update(50);
@@ -59,7 +58,7 @@ TEST(ReaderClaim, AForkedChildNeverKeepsTheParentsClaimAndCanTakeItOnceFree) {
     boost::shared_ptr<ISlot> slot = Reliable(name);
     std::unique_ptr<ReliableSlotReader> reader(new ReliableSlotReader(slot, Update));
     reader->Init();
-    PipeSignal refused, parentsGone;
+    testsupport::PipeSignal refused, parentsGone;
     // The child makes readers without starting their threads: claiming is the constructor's.
     ChildProcess child([&] {
         reader.reset();  // the child's copy: dropping it leaves the claim the parent's

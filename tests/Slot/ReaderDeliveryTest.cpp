@@ -40,16 +40,13 @@ namespace {
 
 namespace pt = boost::posix_time;
 using testsupport::ChildProcess;
-using testsupport::ChildResult;
 using testsupport::Collector;
-using testsupport::EveryBlockReader;
 using testsupport::FakeSlot;
 using testsupport::Flavour;
 using testsupport::LogCapture;
 using testsupport::PipeSignal;
 using testsupport::ReaderCfg;
 using testsupport::ScopedSlotName;
-using testsupport::WriteBlock;
 
 // Block `seq` of writer `id`: both numbers, then 1 to 300 bytes that depend on them.
 std::string Block(std::uint32_t id, std::uint32_t seq) {
@@ -129,7 +126,7 @@ TEST_P(ReaderDelivery, BlocksFromOtherProcesses) {
         go.Post();
     }
     for (const std::unique_ptr<ChildProcess>& child : children) {
-        const ChildResult written = child->Wait(std::chrono::seconds(120));
+        const testsupport::ChildResult written = child->Wait(std::chrono::seconds(120));
         EXPECT_TRUE(written.Ok()) << written.Describe();
     }
 
@@ -202,7 +199,7 @@ TEST_P(DiscardingFlavour, DeliversAFreshStateOnceAndAStaleOneNever) {
     slot->GetLockable()->unlock();
     EXPECT_TRUE(testsupport::Eventually(
         [&] { return log.CountPrefix("TRACE", "Data expired, write timestamp ") > 0; }));
-    WriteBlock(cfg, "fresh");
+    testsupport::WriteBlock(cfg, "fresh");
     ASSERT_TRUE(collector->WaitFor(1));
     // The next cycles find the same block and leave it.
     EXPECT_TRUE(testsupport::Eventually(
@@ -331,7 +328,7 @@ TEST(BaseSlotReader, DeliversTheNameAndExactBytesOutsideTheLockAndSurvivesThrowi
         }
     };
     {
-        EveryBlockReader reader(slot, pt::milliseconds(20));
+        testsupport::EveryBlockReader reader(slot, pt::milliseconds(20));
         reader.subscribe(&collector);
         reader.Init();
         SlotWriter(Unowned(*slot)).onNotify("topic", "a\0b", 3);

@@ -30,7 +30,6 @@ namespace {
 
 namespace pt = boost::posix_time;
 using testsupport::Collector;
-using testsupport::EveryBlockReader;
 using testsupport::FakeSlot;
 using testsupport::Flavour;
 using testsupport::LogCapture;
@@ -48,7 +47,7 @@ TEST(BaseSlotReader, InterprocessErrorEndsTheThreadForGood) {
     LogCapture log("Slot.Reader");
     Collector collector;
     {
-        EveryBlockReader reader(slot, pt::milliseconds(10));
+        testsupport::EveryBlockReader reader(slot, pt::milliseconds(10));
         reader.subscribe(&collector);
         reader.Init();
         write();

@@ -24,7 +24,6 @@
 namespace {
 
 using testsupport::ChildProcess;
-using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
 
 const SlotAttachment* Find(const SlotAttachmentList& list, pid_t pid) {
@@ -46,7 +45,7 @@ TEST(SlotAttachments, AWriterAndAReaderProcessAreListedUntilTheyEndOrTheSlotIsMa
     SlotFactory::CreateSlot(&cfg);
     EXPECT_TRUE(NobodyAttached(name));
 
-    PipeSignal writerReady, readerReady, end;
+    testsupport::PipeSignal writerReady, readerReady, end;
     ChildProcess writer([&] {
         ISubscriberPtr slot = SlotFactory::CreateSlotWriter(&cfg);
         writerReady.Post();

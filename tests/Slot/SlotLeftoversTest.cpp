@@ -22,7 +22,6 @@ namespace {
 
 using testsupport::ChildProcess;
 using testsupport::Exists;
-using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
 
 bool Listed(const std::string& name) {
@@ -40,7 +39,7 @@ TEST(SlotLeftovers, ALockFileIsKeptWhileHeldAndRemovedOnceOrphaned) {
     ScopedSlotName name("orphan");
     const SimpleSlotCfg cfg = Reliable(name);
     const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
-    PipeSignal ready, done;
+    testsupport::PipeSignal ready, done;
     ChildProcess child([&] {
         INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg);
         ready.Post();

@@ -27,7 +27,6 @@ namespace {
 
 using boost::interprocess::open_or_create;
 using testsupport::ChildProcess;
-using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
 
 using testsupport::Bytes;
@@ -246,7 +245,7 @@ TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusyAndByAKilledOneNamesItsPid)
 // while it holds it, and returns the child's pid: what a process dying inside a queue
 // operation or a segment allocation leaves behind.
 pid_t KillWhileHolding(const std::string& object, std::uint64_t offset) {
-    PipeSignal locked;
+    testsupport::PipeSignal locked;
     ChildProcess child([&] {
         testsupport::MappedObject map(object, true);
         if (map.bytes == nullptr) {
