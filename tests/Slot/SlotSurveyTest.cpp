@@ -110,7 +110,7 @@ TEST(SlotSurvey, HealthySlotsOfBothKinds) {
                        [](const SlotReport& a, const SlotReport& b) { return a.name < b.name; }));
 }
 
-TEST(SlotSurvey, NothingThereAndHalfSlots) {
+TEST(SlotSurvey, NothingThereHalfAndUnfinishedSlots) {
     ScopedSlotName absent("absent");
     EXPECT_EQ(SlotState::Absent, Inspect(absent).state);
     EXPECT_EQ(SlotState::Absent, SlotSurvey::InspectSlot("").state);
@@ -133,13 +133,7 @@ TEST(SlotSurvey, NothingThereAndHalfSlots) {
     EXPECT_EQ(SlotKind::Reliable, q.kind);
     EXPECT_GE(q.AgeSeconds(), 0);
 
-    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
-    EXPECT_NE(nullptr, Find(all, headerOnly));
-    EXPECT_NE(nullptr, Find(all, queueOnly));
-}
-
-// What a creator killed at each point of creation leaves behind.
-TEST(SlotSurvey, UnfinishedObjectsOfEitherPart) {
+    // What a creator killed at each point of creation leaves behind.
     ScopedSlotName emptyHeader("eh");
     ScopedSlotName emptyQueue("eq");
     ScopedSlotName initialising("init");
@@ -150,20 +144,22 @@ TEST(SlotSurvey, UnfinishedObjectsOfEitherPart) {
     ASSERT_TRUE(WriteObject(initialising, building));
     ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(initialising), Bytes(4096, 0)));
 
-    const SlotReport h = Inspect(emptyHeader);
-    EXPECT_EQ(SlotState::Unfinished, h.state);
-    EXPECT_EQ(SlotPartState::Unfinished, h.header.state);
-    const SlotReport q = Inspect(emptyQueue);
-    EXPECT_EQ(SlotState::Unfinished, q.state);
-    EXPECT_EQ(SlotPartState::Unfinished, q.queue.state);
-    EXPECT_EQ(SlotPartState::Absent, q.header.state);
+    const SlotReport eh = Inspect(emptyHeader);
+    EXPECT_EQ(SlotState::Unfinished, eh.state);
+    EXPECT_EQ(SlotPartState::Unfinished, eh.header.state);
+    const SlotReport eq = Inspect(emptyQueue);
+    EXPECT_EQ(SlotState::Unfinished, eq.state);
+    EXPECT_EQ(SlotPartState::Unfinished, eq.queue.state);
+    EXPECT_EQ(SlotPartState::Absent, eq.header.state);
     const SlotReport both = Inspect(initialising);
     EXPECT_EQ(SlotState::Unfinished, both.state);
     EXPECT_EQ(SlotPartState::Unfinished, both.header.state);
     EXPECT_EQ(SlotPartState::Unfinished, both.queue.state);
 
-    // Each is listed once, the queue-only one under its slot's name.
+    // Each half or unfinished slot is listed, the queue-only one under its slot's name.
     const std::vector<SlotReport> all = SlotSurvey::ListSlots();
+    EXPECT_NE(nullptr, Find(all, headerOnly));
+    EXPECT_NE(nullptr, Find(all, queueOnly));
     EXPECT_NE(nullptr, Find(all, emptyHeader));
     EXPECT_NE(nullptr, Find(all, emptyQueue));
     EXPECT_EQ(nullptr, Find(all, BaseQueueSlot::GetQueueName(emptyQueue)));
