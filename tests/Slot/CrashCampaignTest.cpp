@@ -27,6 +27,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -35,6 +36,7 @@
 #include <functional>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -98,36 +100,24 @@ bool CheckBlock(const void* data, size_t size, BlockHead& head) {
 
 // Shared by the test and all its children (an anonymous shared mapping made before fork).
 struct Ledger {
+    using Count = std::atomic<std::uint64_t>;
     // Writers: the next sequence number to send, the one in flight (-1 none), progress.
-    std::int64_t next[kWriters];
-    std::int64_t inFlight[kWriters];
-    std::uint64_t writerBeats[kWriters];
-    std::uint64_t accepted;  // all writers
+    std::atomic<std::int64_t> next[kWriters];
+    std::atomic<std::int64_t> inFlight[kWriters];
+    Count writerBeats[kWriters];
+    Count accepted;  // all writers
     // Reader: every block delivered, in order, as (writer << 48 | seq).
-    std::uint64_t logged;
-    std::uint64_t log[kLogSize];
-    std::uint64_t corrupted;  // torn blocks delivered by the reliable reader
+    Count logged;
+    Count log[kLogSize];
+    Count corrupted;  // torn blocks delivered by the reliable reader
     // Discarding pair and creators.
-    std::uint64_t discardingBeats;
-    std::uint64_t discardingCorrupted;  // torn blocks read from the discarding slot
-    std::uint64_t creatorRound;
-    std::uint64_t creatorBeats;
-    std::uint64_t creatorReports;  // openers that reported an unfinished object (then removed it)
-    int stop;
+    Count discardingBeats;
+    Count discardingCorrupted;  // torn blocks read from the discarding slot
+    Count creatorRound;
+    Count creatorBeats;
+    Count creatorReports;  // openers that reported an unfinished object (then removed it)
+    std::atomic<int> stop;
 };
-
-template <class T>
-T Load(const T& v) {
-    return __atomic_load_n(&v, __ATOMIC_SEQ_CST);
-}
-template <class T>
-void Store(T& v, T value) {
-    __atomic_store_n(&v, value, __ATOMIC_SEQ_CST);
-}
-template <class T>
-void Add(T& v, T value) {
-    __atomic_add_fetch(&v, value, __ATOMIC_SEQ_CST);
-}
 
 // Arms, in one life out of `oneIn`, one of `points` at a random pass.
 void MaybeArm(std::mt19937& random, const std::vector<const char*>& points, int oneIn) {
@@ -146,9 +136,9 @@ int WriterLife(Ledger& ledger, const std::string& slotName, std::uint32_t id) {
              3);
     ReliableSlot slot(open_or_create, slotName.c_str(), kMaxSize, kCapacity);
     shared::ILockable& lock = *slot.GetLockable();
-    while (!Load(ledger.stop)) {
-        const std::int64_t seq = Load(ledger.next[id]);
-        Store(ledger.inFlight[id], seq);
+    while (!ledger.stop) {
+        const std::int64_t seq = ledger.next[id].load();
+        ledger.inFlight[id] = seq;
         const std::string block = MakeBlock(id, static_cast<std::uint64_t>(seq));
         lock.lock();
         const size_t before = slot.GetBufferLength();
@@ -157,11 +147,11 @@ int WriterLife(Ledger& ledger, const std::string& slotName, std::uint32_t id) {
         lock.unlock();
         if (accepted) {
             slot.GetOnWriteCondition()->Notify();
-            Store(ledger.next[id], seq + 1);
-            Add(ledger.accepted, std::uint64_t{1});
+            ledger.next[id] = seq + 1;
+            ++ledger.accepted;
         }
-        Store(ledger.inFlight[id], std::int64_t{-1});
-        Add(ledger.writerBeats[id], std::uint64_t{1});
+        ledger.inFlight[id] = -1;
+        ++ledger.writerBeats[id];
         // Paced, so that a run's blocks fit the ledger; longer when the queue was full.
         std::this_thread::sleep_for(std::chrono::microseconds(accepted ? 100 : 300));
     }
@@ -176,13 +166,13 @@ public:
         if (!CheckBlock(data, size, head)) {
             std::fprintf(stderr, "torn block: %zu bytes, head says writer %u seq %llu length %u\n",
                          size, head.writer, static_cast<unsigned long long>(head.seq), head.length);
-            Add(ledger_.corrupted, std::uint64_t{1});
+            ++ledger_.corrupted;
             return;
         }
-        const std::uint64_t at = Load(ledger_.logged);
+        const std::uint64_t at = ledger_.logged.load();
         if (at < kLogSize) {
-            Store(ledger_.log[at], (std::uint64_t{head.writer} << 48) | head.seq);
-            Store(ledger_.logged, at + 1);
+            ledger_.log[at] = (std::uint64_t{head.writer} << 48) | head.seq;
+            ledger_.logged = at + 1;
         }
     }
 
@@ -205,13 +195,13 @@ int ReaderLife(Ledger& ledger, const std::string& slotName) {
             reader = SlotFactory::CreateSlotReader(
                 &cfg, ISubscriberPtr(&subscriber, [](shared::ISubscriber*) {}));
         } catch (const AbortSlotCreationException&) {
-            if (Load(ledger.stop)) {
+            if (ledger.stop) {
                 return 0;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
-    while (!Load(ledger.stop)) {
+    while (!ledger.stop) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     // Drain what is left, then stop.
@@ -233,7 +223,7 @@ int DiscardingLife(Ledger& ledger, const std::string& slotName) {
     DiscardingSlot slot(open_or_create, slotName.c_str(), kMaxSize);
     shared::ILockable& lock = *slot.GetLockable();
     std::vector<char> buffer(kMaxSize);
-    for (std::uint64_t seq = 0; !Load(ledger.stop); ++seq) {
+    for (std::uint64_t seq = 0; !ledger.stop; ++seq) {
         const std::string block = MakeBlock(0, seq);
         lock.lock();
         slot.WriteData(block.data(), block.size());
@@ -243,9 +233,9 @@ int DiscardingLife(Ledger& ledger, const std::string& slotName) {
         lock.unlock();
         BlockHead head;
         if (n != 0 && !CheckBlock(buffer.data(), n, head)) {
-            Add(ledger.discardingCorrupted, std::uint64_t{1});
+            ++ledger.discardingCorrupted;
         }
-        Add(ledger.discardingBeats, std::uint64_t{1});
+        ++ledger.discardingBeats;
     }
     return 0;
 }
@@ -264,8 +254,8 @@ int CreatorLife(Ledger& ledger, const std::string& prefix) {
         random,
         {"create-sized", "create-initialising", "queue-opened", "segment-opened", "header-locked"},
         1);
-    while (!Load(ledger.stop)) {
-        const std::uint64_t round = Load(ledger.creatorRound);
+    while (!ledger.stop) {
+        const std::uint64_t round = ledger.creatorRound.load();
         for (const bool reliable : {true, false}) {
             const std::string name = CreatorName(prefix, round, reliable);
             try {
@@ -285,12 +275,12 @@ int CreatorLife(Ledger& ledger, const std::string& prefix) {
                     std::fprintf(stderr, "unexpected creation failure: %s\n", e.what());
                     return 5;
                 }
-                Add(ledger.creatorReports, std::uint64_t{1});
+                ++ledger.creatorReports;
             }
             SlotFactory::RemoveSlot(name);
         }
-        Store(ledger.creatorRound, round + 1);
-        Add(ledger.creatorBeats, std::uint64_t{1});
+        ledger.creatorRound = round + 1;
+        ++ledger.creatorBeats;
     }
     return 0;
 }
@@ -310,35 +300,35 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
     testsupport::ScopedSlotName discarding("crashdis");
     const std::string creatorPrefix = testsupport::UniqueName("crashnew");
 
-    std::vector<CampaignRole> roles(kWriters + 3);
+    std::vector<CampaignRole> roles;
     for (int w = 0; w < kWriters; ++w) {
-        roles[w].what = "writer " + std::to_string(w);
-        roles[w].life = [&, w] { return WriterLife(ledger, reliable.str(), w); };
-        roles[w].beats = [&, w] { return Load(ledger.writerBeats[w]); };
+        roles.emplace_back(
+            "writer " + std::to_string(w), [&, w] { return WriterLife(ledger, reliable.str(), w); },
+            [&, w] { return ledger.writerBeats[w].load(); });
     }
-    CampaignRole& reader = roles[kWriters];
-    reader.what = "reader";
-    reader.life = [&] { return ReaderLife(ledger, reliable.str()); };
     // The reader makes progress when accepted blocks keep arriving (writers wait on a full queue).
-    reader.beats = [&] { return Load(ledger.logged) + Load(ledger.accepted); };
-    roles[kWriters + 1].what = "discarding writer/reader";
-    roles[kWriters + 1].life = [&] { return DiscardingLife(ledger, discarding.str()); };
-    roles[kWriters + 1].beats = [&] { return Load(ledger.discardingBeats); };
-    roles[kWriters + 2].what = "creator";
-    roles[kWriters + 2].life = [&] { return CreatorLife(ledger, creatorPrefix); };
-    roles[kWriters + 2].beats = [&] { return Load(ledger.creatorBeats); };
+    roles.emplace_back(
+        "reader", [&] { return ReaderLife(ledger, reliable.str()); },
+        [&] { return ledger.logged.load() + ledger.accepted.load(); });
+    roles.emplace_back(
+        "discarding writer/reader", [&] { return DiscardingLife(ledger, discarding.str()); },
+        [&] { return ledger.discardingBeats.load(); });
+    roles.emplace_back(
+        "creator", [&] { return CreatorLife(ledger, creatorPrefix); },
+        [&] { return ledger.creatorBeats.load(); });
+    const CampaignRole& reader = roles[kWriters];
 
     // Uncertain blocks: in flight when their writer died (may arrive once or twice, or never).
-    std::vector<std::vector<std::int64_t>> uncertain(kWriters);
+    std::vector<std::set<std::int64_t>> uncertain(kWriters);
     // A role ended: restarted, and a writer's block in flight noted as uncertain.
     const auto restart = [&](CampaignRole& role) {
         const std::ptrdiff_t w = &role - &roles[0];
         if (w < kWriters) {
-            const std::int64_t flying = Load(ledger.inFlight[w]);
+            const std::int64_t flying = ledger.inFlight[w].load();
             if (flying >= 0) {
-                uncertain[w].push_back(flying);
+                uncertain[w].insert(flying);
             }
-            Store(ledger.inFlight[w], std::int64_t{-1});
+            ledger.inFlight[w] = -1;
         }
         ++role.kills;
         role.Start();
@@ -374,78 +364,64 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
     EXPECT_EQ("", stall);
 
     // Stop: writers and the others end their loops; the reader drains the queue first.
-    const auto stopping = Clock::now();
-    Store(ledger.stop, 1);
+    ledger.stop = 1;
     for (CampaignRole& role : roles) {
         const testsupport::ChildResult result = role.child->Wait(std::chrono::seconds(30));
         // A life that died at its crash point just before the stop is fine; a hang is not.
         EXPECT_TRUE(result.Ok() || (result.signal == SIGKILL && !result.timedOut))
             << role.what << ": " << result.Describe();
     }
-    std::fprintf(stderr, "crash campaign: stopped in %lld ms\n",
-                 static_cast<long long>(
-                     std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - stopping)
-                         .count()));
-    for (std::uint64_t round = 0; round <= Load(ledger.creatorRound); ++round) {
+    for (std::uint64_t round = 0; round <= ledger.creatorRound.load(); ++round) {
         SlotFactory::RemoveSlot(CreatorName(creatorPrefix, round, true));
         SlotFactory::RemoveSlot(CreatorName(creatorPrefix, round, false));
     }
 
     // Check the reliable traffic.
-    EXPECT_EQ(0u, Load(ledger.corrupted)) << "torn blocks from the reliable slot";
-    EXPECT_EQ(0u, Load(ledger.discardingCorrupted)) << "torn blocks from the discarding slot";
-    const std::uint64_t logged = Load(ledger.logged);
+    EXPECT_EQ(0u, ledger.corrupted.load()) << "torn blocks from the reliable slot";
+    EXPECT_EQ(0u, ledger.discardingCorrupted.load()) << "torn blocks from the discarding slot";
+    const std::uint64_t logged = ledger.logged.load();
     ASSERT_LT(logged, kLogSize);
     std::vector<std::vector<std::int64_t>> received(kWriters);
     for (std::uint64_t i = 0; i < logged; ++i) {
         received[ledger.log[i] >> 48].push_back(
             static_cast<std::int64_t>(ledger.log[i] & ((std::uint64_t{1} << 48) - 1)));
     }
-    auto isUncertain = [&](int w, std::int64_t seq) {
-        return std::find(uncertain[w].begin(), uncertain[w].end(), seq) != uncertain[w].end();
-    };
     std::uint64_t lost = 0;
     for (int w = 0; w < kWriters; ++w) {
         SCOPED_TRACE("writer " + std::to_string(w));
-        std::vector<int> seen(static_cast<size_t>(Load(ledger.next[w]) + 1), 0);
+        std::vector<int> seen(static_cast<size_t>(ledger.next[w].load() + 1), 0);
         std::int64_t last = -1;
         for (const std::int64_t seq : received[w]) {
             ASSERT_LT(seq, static_cast<std::int64_t>(seen.size())) << "a block never sent";
             // In order; a resent uncertain block may repeat.
-            EXPECT_TRUE(seq > last || (seq == last && isUncertain(w, seq)))
+            EXPECT_TRUE(seq > last || (seq == last && uncertain[w].count(seq)))
                 << "block " << seq << " after " << last;
             ++seen[static_cast<size_t>(seq)];
             last = std::max(last, seq);
         }
-        for (std::int64_t seq = 0; seq < Load(ledger.next[w]); ++seq) {
+        for (std::int64_t seq = 0; seq < ledger.next[w].load(); ++seq) {
             if (seen[static_cast<size_t>(seq)] == 0) {
                 ++lost;
             }
             if (seen[static_cast<size_t>(seq)] > 1) {
-                EXPECT_TRUE(isUncertain(w, seq)) << "block " << seq << " delivered twice";
+                EXPECT_TRUE(uncertain[w].count(seq)) << "block " << seq << " delivered twice";
             }
         }
     }
     // Each reader death may cost the one block it had taken but not yet delivered.
     EXPECT_LE(lost, static_cast<std::uint64_t>(reader.kills)) << "accepted blocks lost";
-    std::uint64_t kills = 0;
-    int writerKills = 0;
+    std::string kills;
     for (const CampaignRole& role : roles) {
-        kills += static_cast<std::uint64_t>(role.kills);
-        writerKills += &role < &roles[kWriters] ? role.kills : 0;
+        kills += role.what + " " + std::to_string(role.kills) + ", ";
     }
     std::fprintf(stderr,
-                 "crash campaign: %d s, %llu kills (writers %d, reader %d), %llu + %llu torn, %llu "
-                 "blocks accepted, %llu delivered, %llu lost in a reader's hands, %llu creator "
-                 "rounds, %llu unfinished objects reported\n",
-                 seconds, static_cast<unsigned long long>(kills), writerKills, reader.kills,
-                 static_cast<unsigned long long>(Load(ledger.corrupted)),
-                 static_cast<unsigned long long>(Load(ledger.discardingCorrupted)),
-                 static_cast<unsigned long long>(Load(ledger.accepted)),
+                 "crash campaign: %d s, kills: %s%llu blocks accepted, %llu delivered, %llu lost, "
+                 "%llu creator rounds, %llu unfinished objects reported\n",
+                 seconds, kills.c_str(), static_cast<unsigned long long>(ledger.accepted.load()),
                  static_cast<unsigned long long>(logged), static_cast<unsigned long long>(lost),
-                 static_cast<unsigned long long>(Load(ledger.creatorRound)),
-                 static_cast<unsigned long long>(Load(ledger.creatorReports)));
-    EXPECT_GT(Load(ledger.accepted), 0u);
+                 static_cast<unsigned long long>(ledger.creatorRound.load()),
+                 static_cast<unsigned long long>(ledger.creatorReports.load()));
+    EXPECT_GT(ledger.accepted.load(), 0u);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace {
@@ -45,24 +46,26 @@ bool ProcessHasOpen(const std::string& path) {
     return false;
 }
 
+// The text of the refusal that `make` throws; "" when it throws none.
+std::string Refusal(const std::function<void()>& make) {
+    try {
+        make();
+    } catch (const AbortSlotCreationException& e) {
+        return e.what();
+    }
+    return "";
+}
+
 // The factory's operations `ops` (0 CreateSlot, 1 CreateSlotReader, 2 CreateSlotWriter) refuse
 // `cfg` with `message`, or a message that starts with it when not `whole`.
 void ExpectRefused(const ISlotConfiguration& cfg, const std::string& message, bool whole = true,
                    const std::vector<int>& ops = {0, 1, 2}) {
+    const std::function<void()> make[] = {[&] { SlotFactory::CreateSlot(&cfg); },
+                                          [&] { SlotFactory::CreateSlotReader(&cfg); },
+                                          [&] { SlotFactory::CreateSlotWriter(&cfg); }};
     for (const int op : ops) {
-        try {
-            if (op == 0) {
-                SlotFactory::CreateSlot(&cfg);
-            } else if (op == 1) {
-                SlotFactory::CreateSlotReader(&cfg);
-            } else {
-                SlotFactory::CreateSlotWriter(&cfg);
-            }
-            ADD_FAILURE() << "operation " << op << " accepted '" << cfg.GetName() << "'";
-        } catch (const AbortSlotCreationException& e) {
-            const std::string what = e.what();
-            EXPECT_EQ(message, whole ? what : what.substr(0, message.size())) << "operation " << op;
-        }
+        const std::string what = Refusal(make[op]);
+        EXPECT_EQ(message, whole ? what : what.substr(0, message.size())) << "operation " << op;
     }
 }
 
@@ -84,22 +87,16 @@ std::vector<std::string> FactoryMessages(const LogCapture& log) {
     return out;
 }
 
-TEST(SlotFactory, AcceptsTheThreeTypesAndTheEmptyOne) {
-    EXPECT_TRUE(SlotFactory::SlotTypeIsValid("reliable"));
-    EXPECT_TRUE(SlotFactory::SlotTypeIsValid("discarding"));
-    EXPECT_TRUE(SlotFactory::SlotTypeIsValid("posix-pipe"));
-    EXPECT_TRUE(SlotFactory::SlotTypeIsValid(""));
-    EXPECT_FALSE(SlotFactory::SlotTypeIsValid("win-pipe"));
-    EXPECT_FALSE(SlotFactory::SlotTypeIsValid("Reliable"));
-    EXPECT_FALSE(SlotFactory::SlotTypeIsValid("reliable "));
-}
-
 // A NUL byte would cut the name short: "<n>\0x" would open slot "<n>" (and its FIFO).
 TEST(SlotFactory, InvalidTypesAndNamesWithANulByteAreRefusedAndCreateNothing) {
     ScopedSlotName name("refused");
-    ExpectRefused(Cfg(name, "win-pipe"), "Invalid slot type win-pipe");
+    for (const std::string type : {"win-pipe", "Reliable", "reliable "}) {
+        EXPECT_FALSE(SlotFactory::SlotTypeIsValid(type)) << type;
+        ExpectRefused(Cfg(name, type), "Invalid slot type " + type);
+    }
     for (const char* type : {"reliable", "discarding", "posix-pipe", ""}) {
         SCOPED_TRACE(type);
+        EXPECT_TRUE(SlotFactory::SlotTypeIsValid(type));
         ExpectRefused(
             Cfg(name.str() + std::string(1, '\0') + "x", type),
             "Slot could not be created: the name '" + name.str() + "...' contains a NUL byte");
@@ -107,23 +104,17 @@ TEST(SlotFactory, InvalidTypesAndNamesWithANulByteAreRefusedAndCreateNothing) {
     ExpectNothingMade(name);
 }
 
+// (How many blocks each kind holds is WriteOutcome's test.)
 TEST(SlotFactory, CreateSlotPicksTheKindByType) {
     ScopedSlotName a("kind"), b("kind"), c("kind"), d("kind");
     const SimpleSlotCfg empty = Cfg(a, ""), pipe = Cfg(b, "posix-pipe"),
-                        discarding = Cfg(c, "discarding", 7), reliable = Cfg(d, "reliable", 3);
+                        discarding = Cfg(c, "discarding"), reliable = Cfg(d, "reliable");
     EXPECT_TRUE(dynamic_cast<DiscardingSlot*>(SlotFactory::CreateSlot(&empty).get()));
     EXPECT_TRUE(dynamic_cast<DiscardingSlot*>(SlotFactory::CreateSlot(&pipe).get()));
-    boost::shared_ptr<ISlot> one = SlotFactory::CreateSlot(&discarding);
-    EXPECT_TRUE(dynamic_cast<DiscardingSlot*>(one.get()));
-    boost::shared_ptr<ISlot> three = SlotFactory::CreateSlot(&reliable);
-    ASSERT_TRUE(dynamic_cast<ReliableSlot*>(three.get()));
-    for (int i = 0; i < 5; ++i) {
-        one->WriteData("x", 1);
-        three->WriteData("x", 1);
-    }
-    EXPECT_EQ(1u, one->GetBufferLength()) << "a discarding slot ignores the buffer length";
-    EXPECT_EQ(3u, three->GetBufferLength()) << "a reliable slot holds the configured length";
-    EXPECT_EQ(65536u, three->GetMaxDataSize());
+    EXPECT_TRUE(dynamic_cast<DiscardingSlot*>(SlotFactory::CreateSlot(&discarding).get()));
+    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&reliable);
+    EXPECT_TRUE(dynamic_cast<ReliableSlot*>(slot.get()));
+    EXPECT_EQ(65536u, slot->GetMaxDataSize());
 }
 
 TEST(SlotFactory, RemoveSlotIsTrueOnlyWhenQueueAndHeaderWereRemoved) {
@@ -157,22 +148,6 @@ TEST(SlotFactory, RemoveSlotIsTrueOnlyWhenQueueAndHeaderWereRemoved) {
     ::unlink(lockFile.c_str());
 }
 
-TEST(SlotFactory, LogsWhatItCreates) {
-    ScopedSlotName d("info"), r("info"), e("info");
-    LogCapture log("Slot", log4cxx::Level::getInfo());
-    const SimpleSlotCfg discarding = Cfg(d, "discarding", 4, 0),
-                        reliable = Cfg(r, "reliable", 4, 0), empty = Cfg(e, "", 4, 0);
-    SlotFactory::CreateSlotWriter(&discarding);
-    SlotFactory::CreateSlotWriter(&reliable);
-    SlotFactory::CreateSlotReader(&empty);
-    SlotFactory::CreateSlotReader(&reliable);
-    EXPECT_EQ((std::vector<std::string>{"Creating SlotWriter and DiscardingSlot for " + d.str(),
-                                        "Creating SlotWriter and ReliableSlot for " + r.str(),
-                                        "Creating DiscardingSlotReader for " + e.str(),
-                                        "Creating ReliableSlotReader for " + r.str()}),
-              FactoryMessages(log));
-}
-
 // A configuration whose values do not fit what the plain record can hold.
 SlotCfg WideCfg(const std::string& name, const std::string& type, std::uint64_t maxSize,
                 std::uint64_t length,
@@ -200,9 +175,9 @@ TEST(SlotFactory, SizesAbove32BitsAreRefusedNotTruncated) {
     ExpectNothingMade(name);
 }
 
-// Non-finite and negative update times would make Init sleep for ever or the thread spin; the
-// readers themselves refuse them.
-TEST(SlotFactory, UpdateTimesThatCannotWorkAreRefused) {
+// Non-finite and negative update times would make Init sleep for ever or the thread spin, such
+// spin budgets a spin that never ends; the readers themselves refuse them.
+TEST(SlotFactory, UpdateTimesAndSpinBudgetsThatCannotWorkAreRefused) {
     ScopedSlotName name("uptime"), zero("uptimezero");
     // In a child with a time limit: a reader that accepted one of them would never return.
     const testsupport::ChildResult child = testsupport::RunInChild(
@@ -212,17 +187,16 @@ TEST(SlotFactory, UpdateTimesThatCannotWorkAreRefused) {
             for (const std::string type : {"reliable", "discarding", "posix-pipe"}) {
                 for (const time_duration& t :
                      {time_duration(pos_infin), time_duration(neg_infin),
-                      time_duration(not_a_date_time), time_duration(milliseconds(-1))}) {
-                    const SlotCfg cfg = WideCfg(name, type, 64, 4, t);
-                    try {
-                        SlotFactory::CreateSlotReader(&cfg);
-                        ++failures;
-                    } catch (const AbortSlotCreationException& e) {
-                        const std::string expected =
-                            "Invalid update time " + to_simple_string(t) + " of '" + name.str() +
-                            "': a reader needs a finite update time of 0 or more";
-                        failures += expected == e.what() ? 0 : 1;
-                    }
+                      time_duration(not_a_date_time), time_duration(microseconds(-1))}) {
+                    const SlotCfg bad = WideCfg(name, type, 64, 4, t),
+                                  good = WideCfg(name, type, 64, 4);
+                    const std::string of = to_simple_string(t) + " of '" + name.str() + "': a ";
+                    failures += Refusal([&] { SlotFactory::CreateSlotReader(&bad); }) !=
+                                "Invalid update time " + of +
+                                    "reader needs a finite update time of 0 or more";
+                    failures += Refusal([&] { SlotFactory::CreateSpinningSlotReader(&good, t); }) !=
+                                "Invalid spin budget " + of +
+                                    "spinning reader needs a finite budget of 0 or more";
                 }
             }
             // 0 is a reader that looks again at once.
@@ -234,10 +208,17 @@ TEST(SlotFactory, UpdateTimesThatCannotWorkAreRefused) {
     ExpectNothingMade(name);
 }
 
-TEST(SlotFactory, PosixPipeGoesThroughTheFileSystemOnly) {
-    ScopedSlotName name("pipe");
+// What the factory makes is logged; a pipe goes through the file system only.
+TEST(SlotFactory, LogsWhatItCreatesAndAPipeGoesThroughTheFileSystemOnly) {
+    ScopedSlotName d("info"), r("info"), e("info"), name("pipe");
     LogCapture log("Slot", log4cxx::Level::getInfo());
-    const SimpleSlotCfg cfg = Cfg(name, "posix-pipe");
+    const SimpleSlotCfg discarding = Cfg(d, "discarding", 4, 0),
+                        reliable = Cfg(r, "reliable", 4, 0), empty = Cfg(e, "", 4, 0),
+                        cfg = Cfg(name, "posix-pipe");
+    SlotFactory::CreateSlotWriter(&discarding);
+    SlotFactory::CreateSlotWriter(&reliable);
+    SlotFactory::CreateSlotReader(&empty);
+    SlotFactory::CreateSlotReader(&reliable);
     const std::string path = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
     {
         ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
@@ -245,7 +226,11 @@ TEST(SlotFactory, PosixPipeGoesThroughTheFileSystemOnly) {
         INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg);
         ASSERT_TRUE(reader);
     }
-    EXPECT_EQ((std::vector<std::string>{"Creating FStreamSubscriber for posix-pipe " + name.str(),
+    EXPECT_EQ((std::vector<std::string>{"Creating SlotWriter and DiscardingSlot for " + d.str(),
+                                        "Creating SlotWriter and ReliableSlot for " + r.str(),
+                                        "Creating DiscardingSlotReader for " + e.str(),
+                                        "Creating ReliableSlotReader for " + r.str(),
+                                        "Creating FStreamSubscriber for posix-pipe " + name.str(),
                                         "Creating FileReader for posix-pipe " + name.str()}),
               FactoryMessages(log));
     EXPECT_FALSE(ShmExists(name.str()));

@@ -46,9 +46,6 @@ public:
             boost::mutex::scoped_lock lock(mutex);
             const unsigned long seen = generation;
             bool woken = cv.timed_wait(lock, timeout, [&] { return generation != seen; });
-            if (throwOnWait) {
-                throwOnWait();
-            }
             boost::this_thread::interruption_point();
             return woken;
         }
@@ -62,7 +59,6 @@ public:
         boost::condition_variable cv;
         unsigned long generation = 0;
         std::atomic<int> notifies{0};
-        std::function<void()> throwOnWait;  // set before the reader starts
     };
 
     explicit FakeSlot(const std::string& name = "fake", size_t maxSize = 64)

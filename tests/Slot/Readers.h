@@ -19,6 +19,14 @@ inline std::string FlavourName(Flavour flavour) {
     return flavour == Flavour::Notifying ? "Notifying" : "Spinning";
 }
 
+// Both flavours as test parameters, named by FlavourName.
+inline auto Flavours() {
+    return testing::Values(Flavour::Notifying, Flavour::Spinning);
+}
+inline std::string FlavourParamName(const testing::TestParamInfo<Flavour>& info) {
+    return FlavourName(info.param);
+}
+
 inline INotifierPtr MakeReader(Flavour flavour, const ISlotConfiguration& cfg,
                                const ISubscriberPtr& first = ISubscriberPtr()) {
     if (flavour == Flavour::Notifying) {

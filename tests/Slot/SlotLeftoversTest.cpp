@@ -22,7 +22,6 @@ namespace {
 
 using testsupport::ChildProcess;
 using testsupport::Exists;
-using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
 
 bool Listed(const std::string& name) {
@@ -34,37 +33,13 @@ SimpleSlotCfg Reliable(const std::string& name) {
     return SimpleSlotCfg(name, "reliable", boost::posix_time::milliseconds(20), 4);
 }
 
-TEST(SlotLeftovers, LockFileOfAnEndedReaderIsOrphanedOnceTheSlotIsGoneAndThenRemoved) {
+// Held by a live reader (of another process or this one), a lock file is kept; once its reader
+// has ended and its slot is gone, it is listed and removed.
+TEST(SlotLeftovers, ALockFileIsKeptWhileHeldAndRemovedOnceOrphaned) {
     ScopedSlotName name("orphan");
     const SimpleSlotCfg cfg = Reliable(name);
-    SlotFactory::CreateSlotReader(&cfg).reset();
     const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
-    ASSERT_TRUE(Exists(lock));
-    EXPECT_FALSE(Listed(name)) << "the slot still exists";
-
-    SlotFactory::RemoveSlot(name);
-    EXPECT_TRUE(Exists(lock)) << "RemoveSlot removes the shared memory only";
-    EXPECT_TRUE(Listed(name));
-
-    const LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
-    EXPECT_EQ(LeftoverOutcome::Removed, removal.outcome) << removal.detail;
-    EXPECT_EQ(lock, removal.path);
-    EXPECT_FALSE(Exists(lock));
-    EXPECT_FALSE(Listed(name));
-    EXPECT_EQ(LeftoverOutcome::Absent, SlotLeftovers::RemoveReaderLockFile(name).outcome);
-
-    // The name is free again: a new reader makes a new lock file.
-    SlotFactory::CreateSlotReader(&cfg).reset();
-    EXPECT_TRUE(Exists(lock));
-    EXPECT_EQ(LeftoverOutcome::Removed, SlotLeftovers::RemoveReaderLockFile(name).outcome);
-}
-
-TEST(SlotLeftovers, LockFileHeldByALiveReaderIsKeptInThisAndOtherProcesses) {
-    ScopedSlotName name("held");
-    const SimpleSlotCfg cfg = Reliable(name);
-    const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
-    PipeSignal ready;
-    PipeSignal done;
+    testsupport::PipeSignal ready, done;
     ChildProcess child([&] {
         INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg);
         ready.Post();
@@ -72,6 +47,7 @@ TEST(SlotLeftovers, LockFileHeldByALiveReaderIsKeptInThisAndOtherProcesses) {
     });
     ASSERT_TRUE(ready.WaitFor()) << child.Wait().Describe();
     SlotFactory::RemoveSlot(name);  // the reader lives on the removed objects
+    EXPECT_TRUE(Exists(lock)) << "RemoveSlot removes the shared memory only";
     EXPECT_FALSE(Listed(name)) << "a held lock file is no leftover";
     LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
     EXPECT_EQ(LeftoverOutcome::Held, removal.outcome);
@@ -80,13 +56,24 @@ TEST(SlotLeftovers, LockFileHeldByALiveReaderIsKeptInThisAndOtherProcesses) {
     done.Post();
     ASSERT_TRUE(child.Wait().Ok());
 
-    // A reader of this process: the attempt must neither succeed nor drop the reader's lock.
+    EXPECT_TRUE(Listed(name));
+    removal = SlotLeftovers::RemoveReaderLockFile(name);
+    EXPECT_EQ(LeftoverOutcome::Removed, removal.outcome) << removal.detail;
+    EXPECT_EQ(lock, removal.path);
+    EXPECT_FALSE(Exists(lock));
+    EXPECT_FALSE(Listed(name));
+    EXPECT_EQ(LeftoverOutcome::Absent, SlotLeftovers::RemoveReaderLockFile(name).outcome);
+
+    // The name is free again. A reader of this process: the attempt must neither succeed nor
+    // drop the reader's lock; ended, its lock file is no leftover while the slot exists.
     INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg);
+    ASSERT_TRUE(Exists(lock));
     removal = SlotLeftovers::RemoveReaderLockFile(name);
     EXPECT_EQ(LeftoverOutcome::Held, removal.outcome);
     EXPECT_EQ(::getpid(), removal.holder);
     EXPECT_EQ(::getpid(), shared::FileLock::Holder(lock));
     reader.reset();
+    EXPECT_FALSE(Listed(name)) << "the slot still exists";
     EXPECT_EQ(LeftoverOutcome::Removed, SlotLeftovers::RemoveReaderLockFile(name).outcome);
 }
 

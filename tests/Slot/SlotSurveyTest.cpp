@@ -27,7 +27,6 @@ namespace {
 
 using boost::interprocess::open_or_create;
 using testsupport::ChildProcess;
-using testsupport::PipeSignal;
 using testsupport::ScopedSlotName;
 
 using testsupport::Bytes;
@@ -111,7 +110,7 @@ TEST(SlotSurvey, HealthySlotsOfBothKinds) {
                        [](const SlotReport& a, const SlotReport& b) { return a.name < b.name; }));
 }
 
-TEST(SlotSurvey, NothingThereAndHalfSlots) {
+TEST(SlotSurvey, NothingThereHalfAndUnfinishedSlots) {
     ScopedSlotName absent("absent");
     EXPECT_EQ(SlotState::Absent, Inspect(absent).state);
     EXPECT_EQ(SlotState::Absent, SlotSurvey::InspectSlot("").state);
@@ -134,13 +133,7 @@ TEST(SlotSurvey, NothingThereAndHalfSlots) {
     EXPECT_EQ(SlotKind::Reliable, q.kind);
     EXPECT_GE(q.AgeSeconds(), 0);
 
-    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
-    EXPECT_NE(nullptr, Find(all, headerOnly));
-    EXPECT_NE(nullptr, Find(all, queueOnly));
-}
-
-// What a creator killed at each point of creation leaves behind.
-TEST(SlotSurvey, UnfinishedObjectsOfEitherPart) {
+    // What a creator killed at each point of creation leaves behind.
     ScopedSlotName emptyHeader("eh");
     ScopedSlotName emptyQueue("eq");
     ScopedSlotName initialising("init");
@@ -151,20 +144,22 @@ TEST(SlotSurvey, UnfinishedObjectsOfEitherPart) {
     ASSERT_TRUE(WriteObject(initialising, building));
     ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(initialising), Bytes(4096, 0)));
 
-    const SlotReport h = Inspect(emptyHeader);
-    EXPECT_EQ(SlotState::Unfinished, h.state);
-    EXPECT_EQ(SlotPartState::Unfinished, h.header.state);
-    const SlotReport q = Inspect(emptyQueue);
-    EXPECT_EQ(SlotState::Unfinished, q.state);
-    EXPECT_EQ(SlotPartState::Unfinished, q.queue.state);
-    EXPECT_EQ(SlotPartState::Absent, q.header.state);
+    const SlotReport eh = Inspect(emptyHeader);
+    EXPECT_EQ(SlotState::Unfinished, eh.state);
+    EXPECT_EQ(SlotPartState::Unfinished, eh.header.state);
+    const SlotReport eq = Inspect(emptyQueue);
+    EXPECT_EQ(SlotState::Unfinished, eq.state);
+    EXPECT_EQ(SlotPartState::Unfinished, eq.queue.state);
+    EXPECT_EQ(SlotPartState::Absent, eq.header.state);
     const SlotReport both = Inspect(initialising);
     EXPECT_EQ(SlotState::Unfinished, both.state);
     EXPECT_EQ(SlotPartState::Unfinished, both.header.state);
     EXPECT_EQ(SlotPartState::Unfinished, both.queue.state);
 
-    // Each is listed once, the queue-only one under its slot's name.
+    // Each half or unfinished slot is listed, the queue-only one under its slot's name.
     const std::vector<SlotReport> all = SlotSurvey::ListSlots();
+    EXPECT_NE(nullptr, Find(all, headerOnly));
+    EXPECT_NE(nullptr, Find(all, queueOnly));
     EXPECT_NE(nullptr, Find(all, emptyHeader));
     EXPECT_NE(nullptr, Find(all, emptyQueue));
     EXPECT_EQ(nullptr, Find(all, BaseQueueSlot::GetQueueName(emptyQueue)));
@@ -198,53 +193,38 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
     EXPECT_EQ(SlotState::Damaged, f.state);
     EXPECT_EQ(SlotPartState::Foreign, f.queue.state);
 
-    // Garbage under both names is no slot at all, and not listed.
-    ScopedSlotName garbage("garbage");
+    // Another program's data under both names is no slot at all, and not listed; also when it
+    // starts with a zero word, which is no unfinished slot part (nor removed as one by slotctl
+    // rm --stale).
+    Bytes zeroWord(4096, 0);
+    zeroWord[100] = 1;
     noise[0] = 2;
     noise[1] = noise[2] = noise[3] = 0;
-    ASSERT_TRUE(WriteObject(garbage, noise));
-    ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(garbage), noise));
-    const SlotReport g = Inspect(garbage);
-    EXPECT_EQ(SlotPartState::Foreign, g.header.state);
-    EXPECT_EQ(SlotPartState::Foreign, g.queue.state);
-    EXPECT_FALSE(Listed(garbage));
-
-    // Data of another program that starts with a zero word is not an unfinished slot part: it
-    // is neither listed nor (through slotctl rm --stale) removed as one.
-    ScopedSlotName zeroWord("zeroword");
-    Bytes data(4096, 0);
-    data[100] = 1;
-    ASSERT_TRUE(WriteObject(zeroWord, data));
-    ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(zeroWord), data));
-    const SlotReport z = Inspect(zeroWord);
-    EXPECT_EQ(SlotPartState::Foreign, z.header.state);
-    EXPECT_EQ(SlotPartState::Foreign, z.queue.state);
-    EXPECT_FALSE(Listed(zeroWord));
+    for (const Bytes& data : {noise, zeroWord}) {
+        ScopedSlotName garbage("garbage");
+        ASSERT_TRUE(WriteObject(garbage, data));
+        ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(garbage), data));
+        const SlotReport g = Inspect(garbage);
+        EXPECT_EQ(SlotPartState::Foreign, g.header.state);
+        EXPECT_EQ(SlotPartState::Foreign, g.queue.state);
+        EXPECT_FALSE(Listed(garbage));
+    }
 }
 
-TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusy) {
+TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusyAndByAKilledOneNamesItsPid) {
     ScopedSlotName name("busy");
     HeaderHolder holder(name);
     ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
-    const SlotReport report = Inspect(name);
-    EXPECT_EQ(SlotState::Busy, report.state) << report.detail;
-    ASSERT_EQ(1u, report.heldLocks.size());
-    EXPECT_EQ("header mutex", report.heldLocks[0].lock);
-    EXPECT_EQ(holder.Child().Pid(), report.heldLocks[0].process);
-    EXPECT_FALSE(report.heldLocks[0].HolderDead());
-    holder.Release();
-    EXPECT_TRUE(holder.Child().Wait().Ok());
-    EXPECT_EQ(SlotState::Healthy, Inspect(name).state);
-}
-
-TEST(SlotSurvey, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
-    ScopedSlotName name("dead");
-    HeaderHolder holder(name);
-    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
     const pid_t pid = holder.Child().Pid();
+    const SlotReport busy = Inspect(name);
+    EXPECT_EQ(SlotState::Busy, busy.state) << busy.detail;
+    ASSERT_EQ(1u, busy.heldLocks.size());
+    EXPECT_EQ("header mutex", busy.heldLocks[0].lock);
+    EXPECT_EQ(pid, busy.heldLocks[0].process);
+    EXPECT_FALSE(busy.heldLocks[0].HolderDead());
+
     holder.Child().Kill(SIGKILL);
     EXPECT_EQ(SIGKILL, holder.Child().Wait().signal);
-
     const SlotReport report = Inspect(name);
     EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
     EXPECT_EQ(pid, report.deadHolder);
@@ -261,7 +241,7 @@ TEST(SlotSurvey, AHeaderMutexLeftByAKilledProcessNamesItsPid) {
 // while it holds it, and returns the child's pid: what a process dying inside a queue
 // operation or a segment allocation leaves behind.
 pid_t KillWhileHolding(const std::string& object, std::uint64_t offset) {
-    PipeSignal locked;
+    testsupport::PipeSignal locked;
     ChildProcess child([&] {
         testsupport::MappedObject map(object, true);
         if (map.bytes == nullptr) {
@@ -281,40 +261,38 @@ pid_t KillWhileHolding(const std::string& object, std::uint64_t offset) {
     return child.Pid();
 }
 
-TEST(SlotSurvey, AQueueMutexLeftByAKilledProcessIsReported) {
+// A queue mutex, and the segment's mutexes (every later named lookup or allocation in the
+// segment would wait for these for ever), left held by killed processes.
+TEST(SlotSurvey, QueueAndSegmentManagerMutexesLeftByAKilledProcessAreReported) {
     ScopedSlotName name("qdead");
     { DiscardingSlot slot(open_or_create, name.c_str(), 32); }
     const std::string queue = BaseQueueSlot::GetQueueName(name);
-    const Bytes bytes = ReadObject(queue);
-    const SlotImage::QueueImage image = SlotImage::ParseQueue(bytes.data(), bytes.size());
-    ASSERT_TRUE(image.mutex.present);
-    const pid_t pid = KillWhileHolding(queue, image.mutex.offset);
-
+    const Bytes queueBytes = ReadObject(queue);
+    const SlotImage::QueueImage queueImage =
+        SlotImage::ParseQueue(queueBytes.data(), queueBytes.size());
+    ASSERT_TRUE(queueImage.mutex.present);
+    const pid_t pid = KillWhileHolding(queue, queueImage.mutex.offset);
     const SlotReport report = Inspect(name);
     EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
     EXPECT_EQ(pid, report.deadHolder);
     ASSERT_EQ(1u, report.heldLocks.size());
     EXPECT_EQ("queue mutex", report.heldLocks[0].lock);
-}
 
-// Every later named lookup or allocation in the segment would wait for these for ever.
-TEST(SlotSurvey, SegmentManagerMutexesLeftByAKilledProcessAreReported) {
-    ScopedSlotName name("smdead");
-    { ReliableSlot slot(open_or_create, name.c_str(), 32, 2); }
-    const Bytes bytes = ReadObject(name);
+    ScopedSlotName segment("smdead");
+    { ReliableSlot slot(open_or_create, segment.c_str(), 32, 2); }
+    const Bytes bytes = ReadObject(segment);
     const SlotImage::HeaderImage image = SlotImage::ParseHeader(bytes.data(), bytes.size());
     ASSERT_TRUE(image.indexMutex.present && image.allocatorMutex.present);
-    const pid_t indexHolder = KillWhileHolding(name, image.indexMutex.offset);
-    const pid_t allocatorHolder = KillWhileHolding(name, image.allocatorMutex.offset);
-
-    const SlotReport report = Inspect(name);
-    EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
-    ASSERT_EQ(2u, report.heldLocks.size());
-    EXPECT_EQ("segment index mutex", report.heldLocks[0].lock);
-    EXPECT_EQ(indexHolder, report.heldLocks[0].thread);
-    EXPECT_EQ("segment allocator mutex", report.heldLocks[1].lock);
-    EXPECT_EQ(allocatorHolder, report.heldLocks[1].thread);
-    EXPECT_TRUE(report.heldLocks[0].HolderDead() && report.heldLocks[1].HolderDead());
+    const pid_t indexHolder = KillWhileHolding(segment, image.indexMutex.offset);
+    const pid_t allocatorHolder = KillWhileHolding(segment, image.allocatorMutex.offset);
+    const SlotReport held = Inspect(segment);
+    EXPECT_EQ(SlotState::DeadHolder, held.state) << held.detail;
+    ASSERT_EQ(2u, held.heldLocks.size());
+    EXPECT_EQ("segment index mutex", held.heldLocks[0].lock);
+    EXPECT_EQ(indexHolder, held.heldLocks[0].thread);
+    EXPECT_EQ("segment allocator mutex", held.heldLocks[1].lock);
+    EXPECT_EQ(allocatorHolder, held.heldLocks[1].thread);
+    EXPECT_TRUE(held.heldLocks[0].HolderDead() && held.heldLocks[1].HolderDead());
 }
 
 }  // namespace

@@ -48,68 +48,43 @@ void ExpectCounts(const std::string& name, std::uint64_t stored, std::uint64_t d
     EXPECT_EQ(failed, counts.failed) << name;
 }
 
-// (The refusals' WARN and ERROR lines are the slot's own test, and slotctl's.)
-TEST(WriteOutcome, ReliableSlotTellsStoredFromRefused) {
-    ScopedSlotName name("outcome_reliable");
-    const SlotCfg cfg = Cfg(name, "reliable");
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
-    const LogCapture quiet("Slot");
+// "one", "two", "three" and a block one byte too large into a 2-deep slot: a reliable slot
+// refuses the third, a discarding one throws "one" and "two" away. Once a block is taken there
+// is room again. Counts are kept per name. (The refusals' WARN and ERROR lines are the slot's own
+// test, and slotctl's.)
+TEST(WriteOutcome, EachKindTellsStoredDiscardedAndRefused) {
+    const WriteOutcome S = WriteOutcome::Stored, D = WriteOutcome::Discarded,
+                       R = WriteOutcome::Refused;
+    struct Case {
+        const char* type;
+        std::vector<WriteOutcome> outcomes;
+        std::uint64_t stored, discarded, refused;
+        std::string taken;  // the block a read takes afterwards
+    };
+    for (const Case& c : {Case{"reliable", {S, S, R, R}, 2, 0, 2, "one"},
+                          Case{"discarding", {S, D, D, R}, 1, 2, 1, "three"}}) {
+        SCOPED_TRACE(c.type);
+        ScopedSlotName name("outcome");
+        const SlotCfg cfg = Cfg(name, c.type);
+        ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+        const LogCapture quiet("Slot");
+        const std::string blocks[] = {"one", "two", "three", std::string(65, 'x')};
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(c.outcomes[i], Write(writer, blocks[i])) << i;
+        }
+        ExpectCounts(name, c.stored, c.discarded, c.refused, 0);
+        EXPECT_EQ(4u, Slot::GetWriteCounts(name).Total());
+        EXPECT_EQ(c.refused, Slot::GetWriteCounts(name).NotStored());
 
-    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "one"));
-    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "two"));
-    EXPECT_EQ(WriteOutcome::Refused, Write(writer, "three"));               // the queue holds two
-    EXPECT_EQ(WriteOutcome::Refused, Write(writer, std::string(65, 'x')));  // too large
-    ExpectCounts(name, 2, 0, 2, 0);
-    EXPECT_EQ(4u, Slot::GetWriteCounts(name).Total());
-    EXPECT_EQ(2u, Slot::GetWriteCounts(name).NotStored());
-
-    // Once a block is taken, there is room again.
-    char buffer[64];
-    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
-    EXPECT_EQ(3u, slot->ReadData(buffer, sizeof(buffer)));
-    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "four"));
-    ExpectCounts(name, 3, 0, 2, 0);
-}
-
-TEST(WriteOutcome, DiscardingSlotCountsTheBlocksItThrowsAway) {
-    ScopedSlotName name("outcome_discarding");
-    const SlotCfg cfg = Cfg(name, "discarding");
-    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
-
-    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "one"));
-    EXPECT_EQ(WriteOutcome::Discarded, Write(writer, "two"));  // "one" was still waiting
-    EXPECT_EQ(WriteOutcome::Discarded, Write(writer, "three"));
-    EXPECT_EQ(WriteOutcome::Refused, Write(writer, std::string(65, 'x')));
-    ExpectCounts(name, 1, 2, 1, 0);
-
-    // The newest block is the one kept.
-    boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
-    char buffer[64];
-    ASSERT_EQ(5u, slot->ReadData(buffer, sizeof(buffer)));
-    EXPECT_EQ("three", std::string(buffer, 5));
-    EXPECT_EQ(WriteOutcome::Stored, Write(writer, "four"));
-    ExpectCounts(name, 2, 2, 1, 0);
-}
-
-TEST(WriteOutcome, DirectWriteDataIsRecordedAndCountsAreKeptPerName) {
-    ScopedSlotName first("outcome_first");
-    ScopedSlotName second("outcome_second");
-    const SlotCfg firstCfg = Cfg(first, "reliable", 1);
-    const SlotCfg secondCfg = Cfg(second, "reliable", 1);
-    boost::shared_ptr<ISlot> a = SlotFactory::CreateSlot(&firstCfg);
-    boost::shared_ptr<ISlot> b = SlotFactory::CreateSlot(&secondCfg);
-    // A second slot object of the same name adds to the same counts.
-    boost::shared_ptr<ISlot> a2 = SlotFactory::CreateSlot(&firstCfg);
-
-    a->WriteData("x", 1);
-    EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
-    a2->WriteData("y", 1);
-    EXPECT_EQ(WriteOutcome::Refused, Slot::LastWriteOutcome());
-    b->WriteData("z", 1);
-    EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
-
-    ExpectCounts(first, 1, 0, 1, 0);
-    ExpectCounts(second, 1, 0, 0, 0);
+        char buffer[64];
+        boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+        ASSERT_EQ(c.taken.size(), slot->ReadData(buffer, sizeof(buffer)));
+        EXPECT_EQ(c.taken, std::string(buffer, c.taken.size()));
+        // Written directly through another slot object of the name: the same counts.
+        slot->WriteData("four", 4);
+        EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
+        ExpectCounts(name, c.stored + 1, c.discarded, c.refused, 0);
+    }
     ExpectCounts(testsupport::UniqueName("never_written"), 0, 0, 0, 0);
 }
 
