@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+// Blocks written and read under a slot's own lock, as the slot's users do.
+
+#include <Slot/ISlot.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+// Holds a slot's lock for a scope, also when the call under it throws.
+struct HeldLock {
+    explicit HeldLock(IBaseSlot& slot) : lock(*slot.GetLockable()) { lock.lock(); }
+    ~HeldLock() { lock.unlock(); }
+    HeldLock(const HeldLock&) = delete;
+    HeldLock& operator=(const HeldLock&) = delete;
+    shared::ILockable& lock;
+};
+
+inline void WriteBlock(IBaseSlot& slot, const std::string& data) {
+    HeldLock held(slot);
+    slot.WriteData(data.data(), data.size());
+}
+
+// Reads into a heap buffer of exactly `size` bytes (the slot's max data size when 0), so that
+// ASan sees any copy beyond it.
+inline std::string ReadBlock(IBaseSlot& slot, size_t size = 0) {
+    std::vector<char> buffer(size != 0 ? size : std::max<size_t>(1, slot.GetMaxDataSize()));
+    HeldLock held(slot);
+    const size_t n = slot.ReadData(buffer.data(), buffer.size());
+    return std::string(buffer.data(), std::min(n, buffer.size()));
+}
+
+}  // namespace testsupport
