@@ -24,13 +24,18 @@ inline void WriteBlock(IBaseSlot& slot, const std::string& data) {
     slot.WriteData(data.data(), data.size());
 }
 
-// Reads into a heap buffer of exactly `size` bytes (the slot's max data size when 0), so that
-// ASan sees any copy beyond it.
-inline std::string ReadBlock(IBaseSlot& slot, size_t size = 0) {
+// Reads one block through a direct call, without the lock, into a heap buffer of exactly `size`
+// bytes (the slot's max data size when 0), so that ASan sees any copy beyond it.
+inline std::string ReadDirect(IBaseSlot& slot, size_t size = 0) {
     std::vector<char> buffer(size != 0 ? size : std::max<size_t>(1, slot.GetMaxDataSize()));
-    HeldLock held(slot);
     const size_t n = slot.ReadData(buffer.data(), buffer.size());
     return std::string(buffer.data(), std::min(n, buffer.size()));
+}
+
+// The same under the slot's lock.
+inline std::string ReadBlock(IBaseSlot& slot, size_t size = 0) {
+    HeldLock held(slot);
+    return ReadDirect(slot, size);
 }
 
 }  // namespace testsupport

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ChildProcess.h"
+#include "ChildRequire.h"
+#include "LockedBlocks.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 
@@ -133,9 +135,7 @@ TEST(SlotLayout, ObjectsOutliveEverySlotObject) {
     EXPECT_TRUE(ShmExists("queue_" + name.str()));
     EXPECT_EQ(2u, log.Count("TRACE", "~BaseQueueSlot()"));
     ReliableSlot again(open_or_create, name.c_str(), 16, 2);
-    char buffer[16];
-    ASSERT_EQ(4u, again.ReadData(buffer, sizeof buffer));
-    EXPECT_EQ("kept", std::string(buffer, 4));
+    EXPECT_EQ("kept", testsupport::ReadDirect(again));
 }
 
 // Which names are refused, in what words, leaving nothing behind: tests/gateway/NameRuleTest.
@@ -184,9 +184,7 @@ TEST(SlotOwnership, AReceivedBlockNeverChangesAfterwards) {
     const shared::SizedArray second = probe.ReceiveAndCopyToOutBuf();
     const testsupport::ChildResult child = testsupport::RunInChild([&name] {
         ReliableSlot other(open_or_create, name.c_str(), 64, 4);
-        char buffer[64];
-        const size_t n = other.ReadData(buffer, sizeof buffer);
-        return std::string(buffer, n) == "third" ? 0 : 1;
+        return testsupport::ReadDirect(other) == "third" ? 0 : 1;
     });
     ASSERT_TRUE(child.Ok()) << child.Describe();
     EXPECT_EQ("first", AsString(first));
@@ -277,31 +275,25 @@ TEST(SlotSafety, QueueRecreatedWithLargerBlocksIsClampedToTheOutputBuffer) {
 TEST(SlotProcesses, OpeningResetsTheHeaderButKeepsQueuedBlocks) {
     testsupport::ScopedSlotName name;
     ReliableSlot slot(open_or_create, name.c_str(), 16, 4);
-    char buffer[16];
     slot.WriteData("one", 3);
     slot.WriteData("two", 3);
-    ASSERT_EQ(3u, slot.ReadData(buffer, sizeof buffer));
+    ASSERT_EQ("one", testsupport::ReadDirect(slot));
     slot.WriteData("three", 5);
     ASSERT_FALSE(slot.GetLastWriteTime().is_not_a_date_time());
 
-    const testsupport::ChildResult child = testsupport::RunInChild([&name] {
+    ASSERT_TRUE(testsupport::RunsInChild([&name] {
         ReliableSlot reopened(open_or_create, name.c_str(), 16, 4);
         Segment mem = OpenSegment(name);
-        if (!reopened.GetLastWriteTime().is_not_a_date_time()) {
-            return 1;
-        }
-        if (*mem->GetSegment().find<unsigned int>("output_buffer_data_size").first != 0) {
-            return 2;
-        }
-        return reopened.GetBufferLength() == 2 ? 0 : 3;
-    });
-    ASSERT_TRUE(child.Ok()) << child.Describe();
+        testsupport::Require(reopened.GetLastWriteTime().is_not_a_date_time(), 1, "write time");
+        testsupport::Require(
+            *mem->GetSegment().find<unsigned int>("output_buffer_data_size").first == 0, 2,
+            "output buffer's data size");
+        testsupport::Require(reopened.GetBufferLength() == 2, 3, "queued blocks");
+    }));
 
     EXPECT_TRUE(slot.GetLastWriteTime().is_not_a_date_time());
-    ASSERT_EQ(3u, slot.ReadData(buffer, sizeof buffer));
-    EXPECT_EQ("two", std::string(buffer, 3));
-    ASSERT_EQ(5u, slot.ReadData(buffer, sizeof buffer));
-    EXPECT_EQ("three", std::string(buffer, 5));
+    EXPECT_EQ("two", testsupport::ReadDirect(slot));
+    EXPECT_EQ("three", testsupport::ReadDirect(slot));
 }
 
 TEST(SlotProcesses, ABlockTakenInOneProcessIsReadableInAnother) {
@@ -314,14 +306,11 @@ TEST(SlotProcesses, ABlockTakenInOneProcessIsReadableInAnother) {
         if (!go.WaitFor()) {
             return 1;
         }
-        char buffer[32];
-        const size_t n = other.ReadData(buffer, sizeof buffer);
-        return std::string(buffer, n) == "hello" ? 0 : 2;
+        return testsupport::ReadDirect(other) == "hello" ? 0 : 2;
     });
     ASSERT_TRUE(ready.WaitFor());
     slot.WriteData("hello", 5);
-    char buffer[32];
-    ASSERT_EQ(5u, slot.ReadData(buffer, sizeof buffer));
+    ASSERT_EQ("hello", testsupport::ReadDirect(slot));
     go.Post();
     const testsupport::ChildResult result = child.Wait();
     EXPECT_TRUE(result.Ok()) << result.Describe();
