@@ -28,7 +28,6 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
-#include <unistd.h>
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
