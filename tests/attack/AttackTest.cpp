@@ -26,6 +26,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <tuple>
 
 namespace {
 
@@ -110,15 +111,12 @@ struct Snapshot {
         }
         return s;
     }
-    bool operator==(const Snapshot& o) const {
-        return exists == o.exists && bytes == o.bytes && st.st_ino == o.st.st_ino &&
-               st.st_size == o.st.st_size && st.st_mode == o.st.st_mode &&
-               st.st_uid == o.st.st_uid && st.st_nlink == o.st.st_nlink &&
-               st.st_mtim.tv_sec == o.st.st_mtim.tv_sec &&
-               st.st_mtim.tv_nsec == o.st.st_mtim.tv_nsec &&
-               st.st_ctim.tv_sec == o.st.st_ctim.tv_sec &&
-               st.st_ctim.tv_nsec == o.st.st_ctim.tv_nsec;
+    auto Key() const {
+        return std::tie(exists, bytes, st.st_ino, st.st_size, st.st_mode, st.st_uid, st.st_nlink,
+                        st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_ctim.tv_sec,
+                        st.st_ctim.tv_nsec);
     }
+    bool operator==(const Snapshot& o) const { return Key() == o.Key(); }
 };
 
 class Attack : public ::testing::Test {
@@ -194,41 +192,34 @@ protected:
     std::string oldPipeDir_;
 };
 
-TEST_F(Attack, LockFileSymlinkNeitherTruncatesNorCreatesItsTarget) {
+// What the attacker plants on the lock path: lock files that are symlinks (to the victim, and
+// to a name in root's folder), the lock folder made first (sticky and open to all like the real
+// one), a root-looking folder inside a folder of theirs, a symlink standing for the lock folder
+// into root's folder. None is used, and nothing is truncated or created through them.
+TEST_F(Attack, LockFilesAndFoldersPlantedByTheAttackerAreNotUsed) {
     testsupport::ScopedSlotName name("atklink");
     testsupport::ScopedSlotName dangling("atkdangle");
     // The lock folder is root's, made by the library.
     const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
     const std::string danglingLock = FileUtils::FSUtils::GetSingletonFileLockName(dangling);
-    ASSERT_EQ(0, AsAttacker([&] {
-                  return ::symlink(victim_.c_str(), lock.c_str()) == 0 &&
-                                 ::symlink(notThere_.c_str(), danglingLock.c_str()) == 0
-                             ? 0
-                             : 1;
-              }));
-    EXPECT_FALSE(RootReader(name));
-    EXPECT_FALSE(RootReader(dangling));
-    EXPECT_EQ(0, shared::FileLock::Holder(lock));
-}
-
-TEST_F(Attack, LockFolderMadeByTheAttackerOrASymlinkIsNotUsed) {
-    testsupport::ScopedSlotName name("atkdir");
     const std::string attackerDir = shared_ + "/libslot";
     const std::string attackerParent = shared_ + "/mine";
     const std::string folderLink = shared_ + "/link";
     ASSERT_EQ(0, AsAttacker([&] {
-                  // The lock folder made first, sticky and open to all like the real one.
-                  bool ok = ::mkdir(attackerDir.c_str(), 0700) == 0 &&
-                            ::chmod(attackerDir.c_str(), 01777) == 0;
-                  const std::string lock = attackerDir + "/" + name.str() + ".lock";
-                  ok = ok && ::symlink(victim_.c_str(), lock.c_str()) == 0;
-                  // A root-looking folder inside a folder of the attacker.
-                  ok = ok && ::mkdir(attackerParent.c_str(), 0755) == 0 &&
-                       ::mkdir((attackerParent + "/locks").c_str(), 0755) == 0;
-                  // A symlink that stands for the lock folder, into root's folder.
-                  ok = ok && ::symlink(victimDir_.c_str(), folderLink.c_str()) == 0;
+                  const std::string inAttackerDir = attackerDir + "/" + name.str() + ".lock";
+                  const bool ok = ::symlink(victim_.c_str(), lock.c_str()) == 0 &&
+                                  ::symlink(notThere_.c_str(), danglingLock.c_str()) == 0 &&
+                                  ::mkdir(attackerDir.c_str(), 0700) == 0 &&
+                                  ::chmod(attackerDir.c_str(), 01777) == 0 &&
+                                  ::symlink(victim_.c_str(), inAttackerDir.c_str()) == 0 &&
+                                  ::mkdir(attackerParent.c_str(), 0755) == 0 &&
+                                  ::mkdir((attackerParent + "/locks").c_str(), 0755) == 0 &&
+                                  ::symlink(victimDir_.c_str(), folderLink.c_str()) == 0;
                   return ok ? 0 : 1;
               }));
+    EXPECT_FALSE(RootReader(name));
+    EXPECT_FALSE(RootReader(dangling));
+    EXPECT_EQ(0, shared::FileLock::Holder(lock));
     for (const std::string& dir : {attackerDir, attackerParent + "/locks", folderLink}) {
         SetDirs(dir, shared_ + "/pipes");
         EXPECT_FALSE(RootReader(name)) << dir;

@@ -4,6 +4,8 @@
 // out-of-bounds access (run it under ASan/UBSan) or a hang. Each case runs in a child under a
 // watchdog.
 #include "ChildProcess.h"
+#include "ChildRequire.h"
+#include "LockedBlocks.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 #include "ShmObject.h"
@@ -26,13 +28,13 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
-#include <unistd.h>
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -40,20 +42,24 @@
 
 namespace {
 
+using boost::interprocess::interprocess_exception;
 using boost::interprocess::open_or_create;
+using testsupport::ReadBlock;
+using testsupport::Require;
+using testsupport::RequireOneLine;
+using testsupport::RunInChild;
+using testsupport::WriteBlock;
 
 // Overwrites `count` random runs of 1-8 random bytes of the object `name`.
 void Scribble(const std::string& name, std::mt19937& random, int count) {
     // Mapped for writing, as a stray process would.
     testsupport::MappedObject map(name, true);
     ASSERT_NE(nullptr, map.bytes) << name;
-    unsigned char* const bytes = map.bytes;
-    const size_t size = map.size;
     for (int i = 0; i < count; ++i) {
-        const size_t at = random() % size;
+        const size_t at = random() % map.size;
         const size_t run = 1 + random() % 8;
-        for (size_t k = at; k < at + run && k < size; ++k) {
-            bytes[k] = static_cast<unsigned char>(random());
+        for (size_t k = at; k < at + run && k < map.size; ++k) {
+            map.bytes[k] = static_cast<unsigned char>(random());
         }
     }
 }
@@ -63,33 +69,35 @@ int UseSlot(const std::string& name) {
     ::setenv("SLOT_CREATION_WAIT_MS", "100", 1);
     try {
         ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
-        char buffer[64];
         for (int i = 0; i < 3; ++i) {
-            shared::ILockable& lock = *slot.GetLockable();
-            lock.lock();
-            slot.WriteData("fresh", 5);
-            lock.unlock();
-            lock.lock();
+            WriteBlock(slot, "fresh");
             try {
-                slot.ReadData(buffer, sizeof(buffer));
-            } catch (const boost::interprocess::interprocess_exception&) {
+                ReadBlock(slot, 64);
+            } catch (const interprocess_exception&) {
             }
-            lock.unlock();
             slot.GetBufferLength();
             slot.GetLastWriteTime();
         }
     } catch (const AbortSlotCreationException&) {
-    } catch (const boost::interprocess::interprocess_exception&) {
+    } catch (const interprocess_exception&) {
     }
     return 0;
 }
 
 // The cases a campaign runs: SLOT_CORRUPTION_CASES of them (or `count`) from case
-// SLOT_CORRUPTION_FIRST (or 0), in the series SLOT_CORRUPTION_SEED (or `seed`).
+// SLOT_CORRUPTION_FIRST (or 0), in the series SLOT_CORRUPTION_SEED (or `seed`). Each case draws
+// from its own generator, so that one case can be run alone.
 struct Cases {
     unsigned seed;
     int first;
     int end;
+    std::mt19937 Random(int c) const {
+        std::seed_seq caseSeed{seed, static_cast<unsigned>(c)};
+        return std::mt19937(caseSeed);
+    }
+    std::string Name(int c) const {
+        return "seed " + std::to_string(seed) + ", case " + std::to_string(c);
+    }
 };
 
 Cases CasesToRun(int count, unsigned seed) {
@@ -108,25 +116,20 @@ Cases CasesToRun(int count, unsigned seed) {
 
 TEST(Corruption, RandomBytesOverAHeaderOrAQueueNeverCrashOrHang) {
     const Cases cases = CasesToRun(200, 20261123);
-    const unsigned seed = cases.seed;
-    // Each case draws from its own generator, so that one case can be run alone.
     for (int c = cases.first; c < cases.end; ++c) {
-        std::seed_seq caseSeed{seed, static_cast<unsigned>(c)};
-        std::mt19937 random(caseSeed);
+        std::mt19937 random = cases.Random(c);
         testsupport::ScopedSlotName name("corrupt");
         {
             ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
-            slot.GetLockable()->lock();
-            slot.WriteData("block one", 9);
-            slot.WriteData("block two", 9);
-            slot.GetLockable()->unlock();
+            WriteBlock(slot, "block one");
+            WriteBlock(slot, "block two");
         }
         const bool queue = c % 2 == 1;
         Scribble(queue ? "queue_" + name.str() : name.str(), random, 1 + c % 4);
         const testsupport::ChildResult result =
-            testsupport::RunInChild([&] { return UseSlot(name); }, std::chrono::seconds(30));
-        ASSERT_TRUE(result.Ok()) << "seed " << seed << ", case " << c << " ("
-                                 << (queue ? "queue" : "header") << "): " << result.Describe();
+            RunInChild([&] { return UseSlot(name); }, std::chrono::seconds(30));
+        ASSERT_TRUE(result.Ok()) << cases.Name(c) << (queue ? " (queue): " : " (header): ")
+                                 << result.Describe();
         SlotFactory::RemoveSlot(name.str());
     }
 }
@@ -140,9 +143,7 @@ TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
     testsupport::ScopedSlotName name("corrupt");
     {
         ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
-        slot.GetLockable()->lock();
-        slot.WriteData("block", 5);
-        slot.GetLockable()->unlock();
+        WriteBlock(slot, "block");
     }
     testsupport::Bytes pristine = testsupport::ReadObject(name.str());
     const char condition[] = "cond_on_write";
@@ -153,21 +154,14 @@ TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
     const SlotImage::HeaderImage image = SlotImage::ParseHeader(pristine.data(), pristine.size());
     ASSERT_EQ(SlotImage::Verdict::Unfinished, image.verdict) << image.problem;
     ASSERT_TRUE(image.outputBuffer.present);
-    auto insideMutex = [&](std::uint64_t at) {
-        for (const SlotImage::Region& mutex :
-             {image.allocatorMutex, image.indexMutex, image.headerMutex}) {
-            if (mutex.present && at + 4 > mutex.offset && at < mutex.offset + mutex.size) {
-                return true;
-            }
-        }
-        return false;
+    auto inside = [](std::uint64_t at, const SlotImage::Region& region) {
+        return region.present && at + 4 > region.offset && at < region.offset + region.size;
     };
     const std::uint32_t values[] = {0, 1, 16, 0x80000002u, 0xfffffff0u};
     int cases = 0;
     for (std::uint64_t at = image.managerOffset; at + 4 <= pristine.size(); at += 4) {
-        const bool data = at + 4 > image.outputBuffer.offset &&
-                          at < image.outputBuffer.offset + image.outputBuffer.size;
-        if (data || insideMutex(at)) {
+        if (inside(at, image.outputBuffer) || inside(at, image.allocatorMutex) ||
+            inside(at, image.indexMutex) || inside(at, image.headerMutex)) {
             continue;
         }
         for (std::uint32_t value : values) {
@@ -175,7 +169,7 @@ TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
             std::memcpy(&bytes[at], &value, sizeof(value));
             ASSERT_TRUE(testsupport::WriteObject(name.str(), bytes));
             const testsupport::ChildResult result =
-                testsupport::RunInChild([&] { return UseSlot(name); }, std::chrono::seconds(30));
+                RunInChild([&] { return UseSlot(name); }, std::chrono::seconds(30));
             ASSERT_TRUE(result.Ok())
                 << "word at " << at << " = " << value << ": " << result.Describe();
             ++cases;
@@ -189,11 +183,10 @@ TEST(Corruption, EveryBookkeepingWordDamagedBeforeAnAllocation) {
 // `keepFirstWord` restores Boost's creation-state word, so that openers get past it.
 void FillOpenHeader(const std::string& name, std::mt19937& random, bool keepFirstWord) {
     testsupport::MappedObject map(name, true);
-    ASSERT_NE(nullptr, map.bytes) << name;
-    unsigned char* const bytes = map.bytes;
+    Require(map.bytes != nullptr, 20, "cannot map " + name);
     const size_t size = map.size;
     std::uint64_t firstWord;
-    std::memcpy(&firstWord, bytes, sizeof(firstWord));
+    std::memcpy(&firstWord, map.bytes, sizeof(firstWord));
     size_t at = 0;
     size_t length = size;
     switch (random() % 3) {
@@ -209,10 +202,10 @@ void FillOpenHeader(const std::string& name, std::mt19937& random, bool keepFirs
             break;
     }
     for (size_t k = at; k < at + length && k < size; ++k) {
-        bytes[k] = static_cast<unsigned char>(random());
+        map.bytes[k] = static_cast<unsigned char>(random());
     }
     if (keepFirstWord) {
-        std::memcpy(bytes, &firstWord, sizeof(firstWord));
+        std::memcpy(map.bytes, &firstWord, sizeof(firstWord));
     }
 }
 
@@ -220,21 +213,14 @@ void FillOpenHeader(const std::string& name, std::mt19937& random, bool keepFirs
 // writer of this slot and one of a new opening, then another opening. Every failure must be one
 // of the library's kinds.
 int UseDamagedOpenSlot(const boost::shared_ptr<ISlot>& slot, const SimpleSlotCfg& cfg) {
-    std::vector<char> buffer(slot->GetMaxDataSize());
     try {
-        shared::ILockable& lock = *slot->GetLockable();
-        lock.lock();
-        try {
-            slot->ReadData(buffer.data(), buffer.size());
-        } catch (const boost::interprocess::interprocess_exception&) {
-        }
-        lock.unlock();
-    } catch (const boost::interprocess::interprocess_exception&) {
+        ReadBlock(*slot);
+    } catch (const interprocess_exception&) {
     }
     try {
         SlotWriter writer(slot);
         writer.onNotify("", "fresh", 5);
-    } catch (const boost::interprocess::interprocess_exception&) {
+    } catch (const interprocess_exception&) {
     }
     slot->GetBufferLength();
     slot->GetLastWriteTime();
@@ -242,7 +228,7 @@ int UseDamagedOpenSlot(const boost::shared_ptr<ISlot>& slot, const SimpleSlotCfg
         const ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
         writer->onNotify("", "fresh", 5);
     } catch (const AbortSlotCreationException&) {
-    } catch (const boost::interprocess::interprocess_exception&) {
+    } catch (const interprocess_exception&) {
     }
     try {
         SlotFactory::CreateSlot(&cfg);
@@ -255,30 +241,25 @@ int UseDamagedOpenSlot(const boost::shared_ptr<ISlot>& slot, const SimpleSlotCfg
 // is kept in half of the cases. The survey must still read it and removal must remove it.
 TEST(Corruption, RandomBytesOverAnOpenSlotsHeaderNeverCrashOrHang) {
     const Cases cases = CasesToRun(60, 20261125);
-    const unsigned seed = cases.seed;
     for (int c = cases.first; c < cases.end; ++c) {
         testsupport::ScopedSlotName name("corruptopen");
         const bool reliable = c % 2 == 0;
         const bool keepFirstWord = c % 4 < 2;
         const SimpleSlotCfg cfg(name.str(), reliable ? "reliable" : "discarding",
                                 boost::posix_time::milliseconds(10), 4);
-        const testsupport::ChildResult result = testsupport::RunInChild(
+        const testsupport::ChildResult result = RunInChild(
             [&] {
                 ::setenv("SLOT_CREATION_WAIT_MS", "100", 1);
-                std::seed_seq caseSeed{seed, static_cast<unsigned>(c)};
-                std::mt19937 random(caseSeed);
+                std::mt19937 random = cases.Random(c);
                 const boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
-                slot->GetLockable()->lock();
-                slot->WriteData("block one", 9);
-                slot->GetLockable()->unlock();
+                WriteBlock(*slot, "block one");
                 FillOpenHeader(name.str(), random, keepFirstWord);
                 return UseDamagedOpenSlot(slot, cfg);
             },
             std::chrono::seconds(30));
-        ASSERT_TRUE(result.Ok()) << "seed " << seed << ", case " << c << " ("
-                                 << (reliable ? "reliable" : "discarding")
-                                 << (keepFirstWord ? ", first word kept" : "")
-                                 << "): " << result.Describe();
+        ASSERT_TRUE(result.Ok()) << cases.Name(c) << (reliable ? " (reliable" : " (discarding")
+                                 << (keepFirstWord ? ", first word kept): " : "): ")
+                                 << result.Describe();
         SlotSurvey::InspectSlot(name.str());
         SlotFactory::RemoveSlot(name.str());
         ASSERT_EQ(SlotState::Absent, SlotSurvey::InspectSlot(name.str()).state) << "case " << c;
@@ -292,10 +273,7 @@ TEST(Corruption, RandomBytesOverAnOpenSlotsHeaderNeverCrashOrHang) {
 TEST(Corruption, WordsAnOpenSlotFollowsAreCheckedAtEveryUse) {
     testsupport::ScopedSlotName name("corruptword");
     ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
-    shared::ILockable& lock = *slot.GetLockable();
-    lock.lock();
-    slot.WriteData("kept", 4);
-    lock.unlock();
+    WriteBlock(slot, "kept");
     const testsupport::Bytes pristine = testsupport::ReadObject(name.str());
     const SlotImage::HeaderImage image = SlotImage::ParseHeader(pristine.data(), pristine.size());
     ASSERT_EQ(SlotImage::Verdict::Valid, image.verdict) << image.problem;
@@ -304,22 +282,19 @@ TEST(Corruption, WordsAnOpenSlotFollowsAreCheckedAtEveryUse) {
         std::memcpy(&bytes[at], value, size);
         ASSERT_TRUE(testsupport::WriteObject(name.str(), bytes));
     };
-    char buffer[64];
 
     const std::int32_t handle = image.outputHandle + 16;
     overwrite(image.objects[SlotImage::OutputHandle].value.offset, &handle, sizeof(handle));
-    lock.lock();
     try {
-        slot.ReadData(buffer, sizeof(buffer));
+        ReadBlock(slot, 64);
         ADD_FAILURE() << "a read followed a changed output buffer handle";
-    } catch (const boost::interprocess::interprocess_exception& e) {
+    } catch (const interprocess_exception& e) {
         EXPECT_NE(std::string::npos,
                   std::string(e.what()).find("segment '" + name.str() +
                                              "' is damaged: its output buffer handle is " +
                                              std::to_string(handle)))
             << e.what();
     }
-    lock.unlock();
     EXPECT_EQ(1u, slot.GetBufferLength()) << "the block was taken although the read failed";
     EXPECT_EQ(SlotState::Damaged, SlotSurvey::InspectSlot(name.str()).state);
 
@@ -332,22 +307,15 @@ TEST(Corruption, WordsAnOpenSlotFollowsAreCheckedAtEveryUse) {
               sizeof(kind));
     {
         testsupport::LogCapture log("Slot");
-        EXPECT_THROW(lock.lock(), boost::interprocess::interprocess_exception);
-        EXPECT_THROW(lock.try_lock(), boost::interprocess::interprocess_exception);
-        bool logged = false;
-        for (const std::string& m : log.Messages("ERROR")) {
-            logged = logged || m == "Slot '" + name.str() +
-                                        "' : its header lock is not a robust lock (kind 3); the "
-                                        "lock is damaged, giving up";
-        }
-        EXPECT_TRUE(logged);
+        EXPECT_THROW(slot.GetLockable()->lock(), interprocess_exception);
+        EXPECT_THROW(slot.GetLockable()->try_lock(), interprocess_exception);
+        EXPECT_LE(1u, log.Count("ERROR", "Slot '" + name.str() +
+                                             "' : its header lock is not a robust lock (kind 3); "
+                                             "the lock is damaged, giving up"));
     }
 
     ASSERT_TRUE(testsupport::WriteObject(name.str(), pristine));
-    lock.lock();
-    EXPECT_EQ(4u, slot.ReadData(buffer, sizeof(buffer)));
-    lock.unlock();
-    EXPECT_EQ(0, std::memcmp(buffer, "kept", 4));
+    EXPECT_EQ("kept", ReadBlock(slot, 64));
     SlotFactory::RemoveSlot(name.str());
     EXPECT_EQ(SlotState::Absent, SlotSurvey::InspectSlot(name.str()).state);
 }
@@ -386,52 +354,15 @@ struct StrayQueueView {
     SlotImage::QueueImage image;
 };
 
-// Holds a slot's lock for a scope, also when the call under it throws.
-struct Held {
-    explicit Held(ISlot& slot) : lock(*slot.GetLockable()) { lock.lock(); }
-    ~Held() { lock.unlock(); }
-    shared::ILockable& lock;
-};
-
-void WriteBlock(ISlot& slot, const std::string& data) {
-    Held held(slot);
-    slot.WriteData(data.data(), data.size());
-}
-
-// Reads into a heap buffer of exactly `size` bytes, so that ASan sees any copy beyond it.
-std::string ReadBlock(ISlot& slot, size_t size) {
-    std::vector<char> buffer(size);
-    Held held(slot);
-    const size_t n = slot.ReadData(buffer.data(), buffer.size());
-    return std::string(buffer.data(), std::min(n, buffer.size()));
-}
-
-// In a child: 0 when `log` holds exactly one ERROR line `line`.
-int ExpectOneError(const testsupport::LogCapture& log, const std::string& line, int code) {
-    if (log.Count("ERROR", line) == 1) {
-        return 0;
-    }
-    std::string seen;
-    for (const std::string& m : log.Messages("ERROR")) {
-        seen += "\n  " + m;
-    }
-    return testsupport::Failed(code, "expected the ERROR line\n  " + line + "\ngot" + seen);
-}
-
-// In a child: 0 when the slot stores and delivers a block again and its queue is whole.
-int ExpectWorking(ISlot& slot, const std::string& name, int code) {
+// In a child: the slot stores and delivers a block again and its queue is whole.
+void RequireWorking(ISlot& slot, const std::string& name, int code) {
     WriteBlock(slot, "afterwards");
-    const std::string got = ReadBlock(slot, slot.GetMaxDataSize());
-    if (got != "afterwards") {
-        return testsupport::Failed(code, "read '" + got + "' after the repair");
-    }
+    const std::string got = ReadBlock(slot);
+    Require(got == "afterwards", code, "read '" + got + "' after the repair");
     StrayQueueView view(name);
-    if (view.image.verdict != SlotImage::Verdict::Valid) {
-        return testsupport::Failed(
-            code + 1, "queue left " + std::string(SlotImage::VerdictText(view.image.verdict)) +
-                          ": " + view.image.problem);
-    }
-    return 0;
+    Require(view.image.verdict == SlotImage::Verdict::Valid, code + 1,
+            "queue left " + std::string(SlotImage::VerdictText(view.image.verdict)) + ": " +
+                view.image.problem);
 }
 
 // The probe's case: the max message size raised from 64 to 1 MiB while a discarding slot is
@@ -439,83 +370,61 @@ int ExpectWorking(ISlot& slot, const std::string& name, int code) {
 // (Boost would have copied 1 MiB into a 64-byte message slot), and the next queue use puts the
 // word back.
 TEST(QueueDamagedWhileOpen, ARaisedMaxSizeIsNeverUsedAndIsPutBack) {
-    testsupport::ScopedSlotName name("qmaxsize");
-    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+    const testsupport::ScopedSlotName name("qmaxsize");
+    EXPECT_TRUE(testsupport::RunsInChild([&] {
         DiscardingSlot slot(open_or_create, name.c_str(), 64);
         StrayQueueView view(name);
         const_cast<QueueSize&>(view.Control().m_max_msg_size) = 1u << 20;
-        if (slot.GetMaxDataSize() != 64) {
-            return testsupport::Failed(10,
-                                       "max data size " + std::to_string(slot.GetMaxDataSize()));
-        }
+        Require(slot.GetMaxDataSize() == 64, 10,
+                "max data size " + std::to_string(slot.GetMaxDataSize()));
         testsupport::LogCapture log("Slot");
         WriteBlock(slot, std::string(1u << 20, 'x'));
-        if (int failed = ExpectOneError(
-                log,
-                "Unable to write to '" + name.str() + "': data size 1048576 > max data size 64",
-                11)) {
-            return failed;
-        }
+        RequireOneLine(
+            log, "ERROR",
+            "Unable to write to '" + name.str() + "': data size 1048576 > max data size 64", 11);
         WriteBlock(slot, "small");
-        if (int failed = ExpectOneError(log,
-                                        "Queue of '" + name.str() +
-                                            "' : max message size 1048576 instead of 64; the "
-                                            "values found at its opening were restored",
-                                        12)) {
-            return failed;
-        }
-        if (view.Control().m_max_msg_size != 64) {
-            return testsupport::Failed(13, "max message size not put back");
-        }
-        if (ReadBlock(slot, 64) != "small") {
-            return testsupport::Failed(14, "the block written after the damage was lost");
-        }
-        return ExpectWorking(slot, name, 15);
-    });
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        RequireOneLine(log, "ERROR",
+                       "Queue of '" + name.str() +
+                           "' : max message size 1048576 instead of 64; the values found at its "
+                           "opening were restored",
+                       12);
+        Require(view.Control().m_max_msg_size == 64, 13, "max message size not put back");
+        Require(ReadBlock(slot, 64) == "small", 14, "the block written after the damage was lost");
+        RequireWorking(slot, name, 15);
+    }));
 }
 
 // The probe's case: a waiting block's length set to 100000 in a reliable slot of 64-byte blocks,
 // then a read into a 64-byte buffer. Boost would copy 100000 bytes into it; the block is dropped
 // instead, and the blocks before and after it are delivered.
 TEST(QueueDamagedWhileOpen, AWaitingBlocksLengthBeyondTheMaximumIsDroppedNotCopied) {
-    testsupport::ScopedSlotName name("qlength");
-    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+    const testsupport::ScopedSlotName name("qlength");
+    EXPECT_TRUE(testsupport::RunsInChild([&] {
         ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
         WriteBlock(slot, "first");
         WriteBlock(slot, std::string(64, 'y'));
-        if (ReadBlock(slot, 64) != "first") {
-            return testsupport::Failed(10, "first block not read");
-        }
+        Require(ReadBlock(slot, 64) == "first", 10, "first block not read");
         StrayQueueView view(name);
         const std::uint64_t oldest = view.OldestPosition();
         view.Message(oldest).len = 100000;
         testsupport::LogCapture log("Slot");
-        if (ReadBlock(slot, 64) != "") {
-            return testsupport::Failed(11, "a block was delivered");
-        }
-        if (int failed = ExpectOneError(
-                log,
-                "Queue of '" + name.str() + "' : the block at index position " +
-                    std::to_string(oldest) +
-                    " claims 100000 bytes, more than the 64-byte maximum; 1 waiting block was "
-                    "dropped",
-                12)) {
-            return failed;
-        }
-        if (slot.GetBufferLength() != 0) {
-            return testsupport::Failed(13, "the damaged block is still counted");
-        }
-        return ExpectWorking(slot, name, 14);
-    });
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        Require(ReadBlock(slot, 64).empty(), 11, "a block was delivered");
+        RequireOneLine(log, "ERROR",
+                       "Queue of '" + name.str() + "' : the block at index position " +
+                           std::to_string(oldest) +
+                           " claims 100000 bytes, more than the 64-byte maximum; 1 waiting block "
+                           "was dropped",
+                       12);
+        Require(slot.GetBufferLength() == 0, 13, "the damaged block is still counted");
+        RequireWorking(slot, name, 14);
+    }));
 }
 
 // The oldest block's index entry pointed past the end of the queue: the read drops the block
 // rather than follow the entry, and the index is a permutation of the message slots again.
 TEST(QueueDamagedWhileOpen, AnIndexEntryOutsideTheMessagesIsDroppedNotFollowed) {
-    testsupport::ScopedSlotName name("qentry");
-    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+    const testsupport::ScopedSlotName name("qentry");
+    EXPECT_TRUE(testsupport::RunsInChild([&] {
         ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
         WriteBlock(slot, "lost");
         WriteBlock(slot, "kept");
@@ -525,29 +434,23 @@ TEST(QueueDamagedWhileOpen, AnIndexEntryOutsideTheMessagesIsDroppedNotFollowed) 
         view.Entry(oldest) = static_cast<QueueOffset>(outside - view.EntryAt(oldest));
         testsupport::LogCapture log("Slot");
         const std::string got = ReadBlock(slot, 64);
-        if (int failed = ExpectOneError(
-                log,
-                "Queue of '" + name.str() + "' : index position " + std::to_string(oldest) +
-                    " points at offset " + std::to_string(outside) + " of its " +
-                    std::to_string(view.map.size) +
-                    " bytes, not at a message slot; its index was rebuilt, 1 waiting block was "
-                    "dropped",
-                10)) {
-            return failed;
-        }
-        if (got != "kept") {
-            return testsupport::Failed(11, "read '" + got + "', not the block after the damage");
-        }
-        return ExpectWorking(slot, name, 12);
-    });
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        RequireOneLine(log, "ERROR",
+                       "Queue of '" + name.str() + "' : index position " + std::to_string(oldest) +
+                           " points at offset " + std::to_string(outside) + " of its " +
+                           std::to_string(view.map.size) +
+                           " bytes, not at a message slot; its index was rebuilt, 1 waiting "
+                           "block was dropped",
+                       10);
+        Require(got == "kept", 11, "read '" + got + "', not the block after the damage");
+        RequireWorking(slot, name, 12);
+    }));
 }
 
 // The index pointer moved 1 MiB on and the capacity raised, while blocks wait: the next write
 // puts both back before Boost follows them, and the waiting blocks stay, in order.
 TEST(QueueDamagedWhileOpen, AMovedIndexPointerAndCapacityArePutBack) {
-    testsupport::ScopedSlotName name("qindex");
-    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+    const testsupport::ScopedSlotName name("qindex");
+    EXPECT_TRUE(testsupport::RunsInChild([&] {
         ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
         WriteBlock(slot, "one");
         StrayQueueView view(name);
@@ -557,27 +460,19 @@ TEST(QueueDamagedWhileOpen, AMovedIndexPointerAndCapacityArePutBack) {
         const_cast<QueueSize&>(view.Control().m_max_num_msg) = 1000;
         testsupport::LogCapture log("Slot");
         WriteBlock(slot, "two");
-        if (int failed = ExpectOneError(log,
-                                        "Queue of '" + name.str() +
-                                            "' : capacity 1000 instead of 4, index pointer "
-                                            "offset " +
-                                            std::to_string(before + (1u << 20)) + " instead of " +
-                                            std::to_string(before) +
-                                            "; the values found at its opening were restored",
-                                        10)) {
-            return failed;
-        }
-        if (index != before || view.Control().m_max_num_msg != 4) {
-            return testsupport::Failed(11, "the index pointer or the capacity was not put back");
-        }
+        RequireOneLine(
+            log, "ERROR",
+            "Queue of '" + name.str() + "' : capacity 1000 instead of 4, index pointer " +
+                "offset " + std::to_string(before + (1u << 20)) + " instead of " +
+                std::to_string(before) + "; the values found at its opening were restored",
+            10);
+        Require(index == before && view.Control().m_max_num_msg == 4, 11,
+                "the index pointer or the capacity was not put back");
         const std::string first = ReadBlock(slot, 64);
         const std::string second = ReadBlock(slot, 64);
-        if (first != "one" || second != "two") {
-            return testsupport::Failed(12, "read '" + first + "', '" + second + "'");
-        }
-        return ExpectWorking(slot, name, 13);
-    });
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        Require(first == "one" && second == "two", 12, "read '" + first + "', '" + second + "'");
+        RequireWorking(slot, name, 13);
+    }));
 }
 
 // Random runs of random bytes over the queue of a slot open in this process, most of them over
@@ -585,12 +480,10 @@ TEST(QueueDamagedWhileOpen, AMovedIndexPointerAndCapacityArePutBack) {
 // the lock tests' matter, and the open queue never reads the creation word again.
 void ScribbleOpenQueue(const std::string& slotName, std::mt19937& random) {
     StrayQueueView view(slotName);
-    ASSERT_NE(nullptr, view.map.bytes);
-    ASSERT_TRUE(view.image.mutex.present);
+    Require(view.map.bytes != nullptr && view.image.mutex.present, 20, "no queue mutex found");
     const size_t size = view.map.size;
-    const std::vector<unsigned char> mutex(
-        view.map.bytes + view.image.mutex.offset,
-        view.map.bytes + view.image.mutex.offset + view.image.mutex.size);
+    unsigned char* const mutexAt = view.map.bytes + view.image.mutex.offset;
+    const std::vector<unsigned char> mutex(mutexAt, mutexAt + view.image.mutex.size);
     std::uint64_t firstWord;
     std::memcpy(&firstWord, view.map.bytes, sizeof(firstWord));
     const size_t front = std::min<size_t>(size, view.image.messages.offset + 64);
@@ -601,7 +494,7 @@ void ScribbleOpenQueue(const std::string& slotName, std::mt19937& random) {
             view.map.bytes[k] = static_cast<unsigned char>(random());
         }
     }
-    std::memcpy(view.map.bytes + view.image.mutex.offset, mutex.data(), mutex.size());
+    std::memcpy(mutexAt, mutex.data(), mutex.size());
     std::memcpy(view.map.bytes, &firstWord, sizeof(firstWord));
 }
 
@@ -610,15 +503,13 @@ void ScribbleOpenQueue(const std::string& slotName, std::mt19937& random) {
 // it under ASan) or hang; failures are the library's exceptions and ERROR lines.
 TEST(QueueDamagedWhileOpen, RandomBytesOverAnOpenQueueNeverCrashOrHang) {
     const Cases cases = CasesToRun(100, 20261127);
-    const unsigned seed = cases.seed;
     for (int c = cases.first; c < cases.end; ++c) {
         testsupport::ScopedSlotName name("qrandom");
         const bool reliable = c % 2 == 0;
-        const testsupport::ChildResult result = testsupport::RunInChild(
+        const testsupport::ChildResult result = RunInChild(
             [&] {
                 ::setenv("SLOT_CREATION_WAIT_MS", "100", 1);
-                std::seed_seq caseSeed{seed, static_cast<unsigned>(c)};
-                std::mt19937 random(caseSeed);
+                std::mt19937 random = cases.Random(c);
                 std::unique_ptr<ISlot> slot;
                 if (reliable) {
                     slot.reset(new ReliableSlot(open_or_create, name.c_str(), 64, 4));
@@ -630,8 +521,8 @@ TEST(QueueDamagedWhileOpen, RandomBytesOverAnOpenQueueNeverCrashOrHang) {
                 ScribbleOpenQueue(name, random);
                 for (int round = 0; round < 3; ++round) {
                     try {
-                        ReadBlock(*slot, slot->GetMaxDataSize());
-                    } catch (const boost::interprocess::interprocess_exception&) {
+                        ReadBlock(*slot);
+                    } catch (const interprocess_exception&) {
                     }
                     WriteBlock(*slot, std::string(1 + random() % 64, 'w'));
                     slot->GetBufferLength();
@@ -639,9 +530,9 @@ TEST(QueueDamagedWhileOpen, RandomBytesOverAnOpenQueueNeverCrashOrHang) {
                 return 0;
             },
             std::chrono::seconds(30));
-        ASSERT_TRUE(result.Ok()) << "seed " << seed << ", case " << c << " ("
-                                 << (reliable ? "reliable" : "discarding")
-                                 << "): " << result.Describe();
+        ASSERT_TRUE(result.Ok()) << cases.Name(c)
+                                 << (reliable ? " (reliable): " : " (discarding): ")
+                                 << result.Describe();
     }
 }
 

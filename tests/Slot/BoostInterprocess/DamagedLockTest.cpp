@@ -4,7 +4,9 @@
 // ever. A live holder that really holds the lock is still waited for, however long. Every
 // waiting step runs in a child under a watchdog.
 #include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "Eventually.h"
+#include "LockedBlocks.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 #include "ShmObject.h"
@@ -24,19 +26,19 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 namespace {
 
 using boost::interprocess::open_or_create;
 using testsupport::ChildProcess;
-using testsupport::ChildResult;
-using testsupport::Failed;
 using testsupport::LogCapture;
+using testsupport::MappedObject;
 using testsupport::PipeSignal;
-using testsupport::RunInChild;
+using testsupport::Require;
+using testsupport::RunsInChild;
 using testsupport::ScopedSlotName;
 
 // The header mutex's lock word of the slot `name`, in a mapping of our own.
@@ -52,43 +54,77 @@ public:
     void Set(unsigned value) { __atomic_store_n(word_, static_cast<int>(value), __ATOMIC_SEQ_CST); }
 
 private:
-    testsupport::MappedObject map_;
+    MappedObject map_;
     int* word_ = nullptr;
+};
+
+// The mutex of a queue mapped for writing; null when there is none.
+pthread_mutex_t* QueueMutex(const MappedObject& queue) {
+    const SlotImage::QueueImage image = SlotImage::ParseQueue(queue.bytes, queue.size);
+    return image.mutex.present
+               ? reinterpret_cast<pthread_mutex_t*>(queue.bytes + image.mutex.offset)
+               : nullptr;
+}
+
+// A live process that does not map the slot, an exec'ed sleep; killed at the end of the scope.
+class Stranger {
+public:
+    Stranger() : pid_(::fork()) {
+        if (pid_ == 0) {
+            ::execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+    }
+    ~Stranger() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    // True once it runs sleep: until the exec, the child maps what its parent maps.
+    bool Execed() const {
+        return pid_ > 0 && testsupport::Eventually([&] {
+                   std::ifstream comm("/proc/" + std::to_string(pid_) + "/comm");
+                   std::string command;
+                   return std::getline(comm, command) && command == "sleep";
+               });
+    }
+    const pid_t pid_;
 };
 
 // In a child: lock() on the damaged lock must fail within a few bounds, with an ERROR line that
 // names the slot and `state`.
-ChildResult ExpectLockGivesUp(ReliableSlot& slot, const std::string& name,
-                              const std::string& state) {
-    return RunInChild(
+::testing::AssertionResult LockGivesUp(ReliableSlot& slot, const std::string& name,
+                                       const std::string& state) {
+    return RunsInChild(
         [&] {
             ::setenv("SLOT_CREATION_WAIT_MS", "300", 1);
             LogCapture log("Slot");
             const auto start = std::chrono::steady_clock::now();
             try {
                 slot.GetLockable()->lock();
-                return Failed(11, "lock() succeeded on a damaged lock word");
+                Require(false, 11, "lock() succeeded on a damaged lock word");
             } catch (const boost::interprocess::interprocess_exception& e) {
-                if (std::string(e.what()).find(state) == std::string::npos) {
-                    return Failed(12, std::string("exception: ") + e.what());
-                }
+                Require(std::string(e.what()).find(state) != std::string::npos, 12,
+                        std::string("exception: ") + e.what());
             }
-            if (std::chrono::steady_clock::now() - start > std::chrono::seconds(15)) {
-                return Failed(13, "gave up far later than the bound");
-            }
+            Require(std::chrono::steady_clock::now() - start <= std::chrono::seconds(15), 13,
+                    "gave up far later than the bound");
             const std::string expected = "Slot '" + name + "' : its header lock ";
             for (const std::string& m : log.Messages("ERROR")) {
                 if (m.compare(0, expected.size(), expected) == 0 &&
                     m.find(state) != std::string::npos &&
                     m.find("; the lock is damaged, giving up") != std::string::npos) {
-                    return 0;
+                    return;
                 }
             }
-            return Failed(14, "no ERROR line '" + expected + "..." + state + "'");
+            Require(false, 14, "no ERROR line '" + expected + "..." + state + "'");
         },
         std::chrono::seconds(60));
 }
 
+// Impossible holders of the header lock: a live process that does not map the slot, a thread
+// that no longer exists, none at all.
 TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired) {
     ScopedSlotName name("damagedlock");
     ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
@@ -98,13 +134,8 @@ TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired
     slot.GetLockable()->unlock();
     LockWord word(name.str());
 
-    // A live process that does not map the slot: an exec'ed sleep.
-    const pid_t foreign = ::fork();
-    ASSERT_GE(foreign, 0);
-    if (foreign == 0) {
-        ::execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
+    const Stranger foreign;
+    ASSERT_TRUE(foreign.Execed());
     // A thread id that no longer exists: a child that has been reaped.
     const pid_t gone = ::fork();
     ASSERT_GE(gone, 0);
@@ -113,81 +144,47 @@ TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired
     }
     ::waitpid(gone, nullptr, 0);
 
-    struct Case {
+    const struct {
         unsigned value;
         std::string state;
     } cases[] = {
-        {static_cast<unsigned>(foreign), "is held by thread " + std::to_string(foreign) +
-                                             " of process " + std::to_string(foreign) +
-                                             ", which does not map /dev/shm/" + name.str()},
+        {static_cast<unsigned>(foreign.pid_), "is held by thread " + std::to_string(foreign.pid_) +
+                                                  " of process " + std::to_string(foreign.pid_) +
+                                                  ", which does not map /dev/shm/" + name.str()},
         {static_cast<unsigned>(gone) | FUTEX_WAITERS,
          "is held by thread " + std::to_string(gone) + ", which does not exist"},
         {FUTEX_WAITERS, "names no holder"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         word.Set(c.value);
-        const ChildResult result = ExpectLockGivesUp(slot, name.str(), c.state);
-        EXPECT_TRUE(result.Ok()) << c.state << ": " << result.Describe();
+        EXPECT_TRUE(LockGivesUp(slot, name.str(), c.state)) << c.state;
     }
-    ::kill(foreign, SIGKILL);
-    ::waitpid(foreign, nullptr, 0);
 
     // Repaired by hand, the slot has kept both blocks.
     word.Set(0);
-    slot.GetLockable()->lock();
     EXPECT_EQ(2u, slot.GetBufferLength());
-    char buffer[64];
-    EXPECT_EQ(3u, slot.ReadData(buffer, sizeof(buffer)));
-    EXPECT_EQ(0, std::memcmp(buffer, "one", 3));
-    slot.GetLockable()->unlock();
-}
+    EXPECT_EQ("one", testsupport::ReadBlock(slot, 64));
 
-// The queue's mutex left locked by a thread whose id now names a live thread of a process that
-// does not map the queue (an exec'ed sleep): its holder died, and the next lock holder repairs
-// the queue instead of waiting for that thread, time after time.
-TEST(DamagedHeaderLock, AQueueHolderWhoseThreadIdWasReusedIsTakenForDead) {
-    ScopedSlotName name("reusedtid");
-    ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
-    const pid_t foreign = ::fork();
-    ASSERT_GE(foreign, 0);
-    if (foreign == 0) {
-        ::execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    // Until the exec, the child maps the queue as its parent does.
-    ASSERT_TRUE(testsupport::Eventually([&] {
-        std::ifstream comm("/proc/" + std::to_string(foreign) + "/comm");
-        std::string command;
-        return std::getline(comm, command) && command == "sleep";
-    }));
+    // The queue's mutex left locked by a thread whose id now names a live thread of a process
+    // that does not map the queue (the exec'ed sleep): its holder died, and the next lock holder
+    // repairs the queue instead of waiting for that thread, time after time.
     {
-        testsupport::MappedObject queue(ReliableSlot::GetQueueName(name.str()), true);
-        const SlotImage::QueueImage image = SlotImage::ParseQueue(queue.bytes, queue.size);
-        ASSERT_TRUE(image.mutex.present);
+        MappedObject queue(ReliableSlot::GetQueueName(name.str()), true);
+        pthread_mutex_t* mutex = QueueMutex(queue);
+        ASSERT_NE(nullptr, mutex);
         // Locked, and the holder recorded, as by that thread.
-        pthread_mutex_t* mutex =
-            reinterpret_cast<pthread_mutex_t*>(queue.bytes + image.mutex.offset);
-        mutex->__data.__owner = foreign;
+        mutex->__data.__owner = foreign.pid_;
         __atomic_store_n(&mutex->__data.__lock, 1, __ATOMIC_SEQ_CST);
     }
-    const ChildResult result = RunInChild([&] {
+    EXPECT_TRUE(RunsInChild([&] {
         LogCapture log("Slot");
-        slot.GetLockable()->lock();
-        slot.WriteData("one", 3);
-        const size_t waiting = slot.GetBufferLength();
-        slot.GetLockable()->unlock();
-        const std::string expected = "Queue of '" + name.str() + "' was locked by thread " +
-                                     std::to_string(foreign) + ", which died holding it;";
-        for (const std::string& m : log.Messages("ERROR")) {
-            if (m.compare(0, expected.size(), expected) == 0) {
-                return waiting == 1 ? 0 : Failed(11, "the block was not stored");
-            }
-        }
-        return Failed(12, "no ERROR line '" + expected + "'");
-    });
-    ::kill(foreign, SIGKILL);
-    ::waitpid(foreign, nullptr, 0);
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        testsupport::WriteBlock(slot, "three");
+        Require(log.CountPrefix("ERROR", "Queue of '" + name.str() + "' was locked by thread " +
+                                             std::to_string(foreign.pid_) +
+                                             ", which died holding it;") != 0,
+                12, "no ERROR line naming the dead holder");
+        Require(slot.GetBufferLength() == 2, 11, "the block was not stored");
+    }));
 }
 
 // Names whose path a memory map shows otherwise than a file system does: the kernel writes a
@@ -212,13 +209,9 @@ TEST(DamagedHeaderLock, ALiveHolderOfEitherLockIsWaitedFor) {
                     slot.GetLockable()->unlock();
                     return 0;
                 }
-                testsupport::MappedObject queue(ReliableSlot::GetQueueName(name.str()), true);
-                const SlotImage::QueueImage image = SlotImage::ParseQueue(queue.bytes, queue.size);
-                if (!image.mutex.present) {
-                    return Failed(11, "no queue mutex");
-                }
-                pthread_mutex_t* mutex =
-                    reinterpret_cast<pthread_mutex_t*>(queue.bytes + image.mutex.offset);
+                MappedObject queue(ReliableSlot::GetQueueName(name.str()), true);
+                pthread_mutex_t* mutex = QueueMutex(queue);
+                Require(mutex != nullptr, 11, "no queue mutex");
                 pthread_mutex_lock(mutex);
                 locked.Post();
                 ::usleep(600 * 1000);  // within the queue's bound for a live holder
@@ -226,7 +219,7 @@ TEST(DamagedHeaderLock, ALiveHolderOfEitherLockIsWaitedFor) {
                 return 0;
             });
             ASSERT_TRUE(locked.WaitFor()) << holder.Wait().Describe();
-            const ChildResult writer = RunInChild([&] {
+            EXPECT_TRUE(RunsInChild([&] {
                 if (!queueMutex) {
                     ::setenv("SLOT_CREATION_WAIT_MS", "300", 1);
                 }
@@ -234,17 +227,15 @@ TEST(DamagedHeaderLock, ALiveHolderOfEitherLockIsWaitedFor) {
                 try {
                     slot.GetLockable()->lock();
                 } catch (const std::exception& e) {
-                    return Failed(11, std::string("a live holder was given up on: ") + e.what());
+                    Require(false, 11, std::string("a live holder was given up on: ") + e.what());
                 }
                 slot.WriteData("one", 3);
                 const size_t waiting = slot.GetBufferLength();
                 slot.GetLockable()->unlock();
-                if (!log.Messages("ERROR").empty()) {
-                    return Failed(12, "ERROR: " + log.Messages("ERROR").front());
-                }
-                return waiting == 1 ? 0 : Failed(13, "the block was not stored");
-            });
-            EXPECT_TRUE(writer.Ok()) << writer.Describe();
+                const std::vector<std::string> errors = log.Messages("ERROR");
+                Require(errors.empty(), 12, "ERROR: " + (errors.empty() ? "" : errors.front()));
+                Require(waiting == 1, 13, "the block was not stored");
+            }));
             EXPECT_TRUE(holder.Wait().Ok());
         }
     }

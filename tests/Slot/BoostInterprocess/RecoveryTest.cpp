@@ -3,7 +3,9 @@
 // freeze the other processes nor make them lose accepted blocks. Every step that could hang runs
 // in a child under a watchdog, so a hang fails the test instead of blocking the run.
 #include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "Eventually.h"
+#include "LockedBlocks.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 #include "ShmObject.h"
@@ -28,7 +30,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -36,6 +37,12 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+// Skips a test that needs the crash points when the library was built without them.
+#define SKIP_WITHOUT_CRASH_POINTS()                                \
+    if (!shared::ArmCrashPoint("")) {                              \
+        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS"; \
+    }
 
 namespace {
 
@@ -51,8 +58,13 @@ using testsupport::ChildProcess;
 using testsupport::ChildResult;
 using testsupport::Failed;
 using testsupport::LogCapture;
+using testsupport::ReadBlock;
+using testsupport::Require;
+using testsupport::RequireOneContaining;
 using testsupport::RunInChild;
+using testsupport::RunsInChild;
 using testsupport::ScopedSlotName;
+using testsupport::WriteBlock;
 
 const unsigned int kMaxSize = 64;
 const unsigned int kCapacity = 8;
@@ -61,35 +73,15 @@ std::string Block(int i) {
     return "block " + std::to_string(i);
 }
 
-void Write(ReliableSlot& slot, const std::string& data) {
-    shared::ILockable& lock = *slot.GetLockable();
-    lock.lock();
-    slot.WriteData(data.data(), data.size());
-    lock.unlock();
-}
-
-std::string Read(ReliableSlot& slot) {
-    char buffer[kMaxSize];
-    shared::ILockable& lock = *slot.GetLockable();
-    lock.lock();
-    const size_t n = slot.ReadData(buffer, sizeof(buffer));
-    lock.unlock();
-    return std::string(buffer, n);
-}
-
-// Reads every waiting block; checks they are exactly `expected` blocks 0..expected-1.
-int ExpectBlocks(ReliableSlot& slot, int expected) {
-    if (slot.GetBufferLength() != static_cast<size_t>(expected)) {
-        return Failed(21, std::to_string(slot.GetBufferLength()) + " blocks waiting, expected " +
-                              std::to_string(expected));
-    }
+// In a child: every waiting block is read, and they are exactly blocks 0..expected-1.
+void RequireBlocks(ReliableSlot& slot, int expected) {
+    Require(slot.GetBufferLength() == static_cast<size_t>(expected), 21,
+            std::to_string(slot.GetBufferLength()) + " blocks waiting, expected " +
+                std::to_string(expected));
     for (int i = 0; i < expected; ++i) {
-        const std::string got = Read(slot);
-        if (got != Block(i)) {
-            return Failed(22, "read '" + got + "', expected '" + Block(i) + "'");
-        }
+        const std::string got = ReadBlock(slot, kMaxSize);
+        Require(got == Block(i), 22, "read '" + got + "', expected '" + Block(i) + "'");
     }
-    return 0;
 }
 
 // A child that opens the slot, writes `blocks` blocks, and dies as `die` says.
@@ -99,7 +91,7 @@ pid_t StartDyingWriter(const std::string& name, int blocks,
     child.reset(new ChildProcess([&] {
         ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
         for (int i = 0; i < blocks; ++i) {
-            Write(slot, Block(i));
+            WriteBlock(slot, Block(i));
         }
         die(slot);
         return 3;  // not reached
@@ -114,67 +106,43 @@ void DieHoldingTheLock(ReliableSlot& slot) {
     shared::KillThisProcess();
 }
 
-size_t CountContaining(const LogCapture& log, const std::string& level, const std::string& text) {
-    size_t n = 0;
-    for (const std::string& m : log.Messages(level)) {
-        n += m.find(text) != std::string::npos ? 1 : 0;
-    }
-    return n;
-}
-
-TEST(DeadLockHolder, NextLockerRepairsNamesTheHolderAndKeepsAcceptedBlocks) {
+// Whoever locks next after a holder died: a process that had the slot open, a new opener (it
+// locks the header while it constructs the slot) and the condition pack's Wait (it relocks after
+// waking) each repair the lock, name the dead holder and keep the accepted blocks.
+TEST(DeadLockHolder, EveryNextLockerRepairsNamesTheHolderAndKeepsAcceptedBlocks) {
     ScopedSlotName name;
     // The survivor has the slot open before the holder dies.
     ReliableSlot survivor(open_or_create, name.c_str(), kMaxSize, kCapacity);
     std::unique_ptr<ChildProcess> child;
     const pid_t dead = StartDyingWriter(name, 3, DieHoldingTheLock, child);
-
-    const ChildResult result = RunInChild([&] {
+    EXPECT_TRUE(RunsInChild([&] {
         LogCapture log("Slot");
-        if (!survivor.GetLockable()->timed_lock(boost::posix_time::pos_infin)) {
-            return Failed(11, "lock failed");
-        }
+        Require(survivor.GetLockable()->timed_lock(boost::posix_time::pos_infin), 11,
+                "lock failed");
         survivor.GetLockable()->unlock();
-        const std::string expected = "Slot '" + name.str() + "' was locked by thread " +
-                                     std::to_string(dead) + ", which died holding the lock";
-        if (CountContaining(log, "ERROR", expected) != 1) {
-            return Failed(12, "no ERROR line '" + expected + "'");
-        }
-        if (const int failed = ExpectBlocks(survivor, 3)) {
-            return failed;
-        }
-        Write(survivor, Block(0));
-        return ExpectBlocks(survivor, 1);
-    });
-    EXPECT_TRUE(result.Ok()) << result.Describe();
-}
+        RequireOneContaining(log, "ERROR",
+                             "Slot '" + name.str() + "' was locked by thread " +
+                                 std::to_string(dead) + ", which died holding the lock",
+                             12);
+        RequireBlocks(survivor, 3);
+        WriteBlock(survivor, Block(0));
+        RequireBlocks(survivor, 1);
+    }));
 
-TEST(DeadLockHolder, NewOpenerAndWaitingReaderRecoverToo) {
-    ScopedSlotName name;
-    std::unique_ptr<ChildProcess> child;
     StartDyingWriter(name, 2, DieHoldingTheLock, child);
-    // A new opener locks the header while it constructs the slot: it repairs.
-    const ChildResult opener = RunInChild([&] {
+    EXPECT_TRUE(RunsInChild([&] {
         LogCapture log("Slot");
         ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
-        if (CountContaining(log, "ERROR", "which died holding the lock") != 1) {
-            return Failed(11, "no repair logged");
-        }
-        return ExpectBlocks(slot, 2);
-    });
-    EXPECT_TRUE(opener.Ok()) << opener.Describe();
+        RequireOneContaining(log, "ERROR", "which died holding the lock", 11);
+        RequireBlocks(slot, 2);
+    }));
 
-    // The condition pack's Wait relocks after waking: it repairs as well.
-    ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
     StartDyingWriter(name, 0, DieHoldingTheLock, child);
-    const ChildResult waiter = RunInChild([&] {
+    EXPECT_TRUE(RunsInChild([&] {
         LogCapture log("Slot");
-        slot.GetOnWriteCondition()->Wait(boost::posix_time::milliseconds(1));
-        return CountContaining(log, "ERROR", "which died holding the lock") == 1
-                   ? 0
-                   : Failed(11, "no repair logged by Wait");
-    });
-    EXPECT_TRUE(waiter.Ok()) << waiter.Describe();
+        survivor.GetOnWriteCondition()->Wait(boost::posix_time::milliseconds(1));
+        RequireOneContaining(log, "ERROR", "which died holding the lock", 11);
+    }));
 }
 
 // A writer killed inside a queue call: holding the queue's lock (under the slot's lock or in an
@@ -183,9 +151,7 @@ TEST(DeadLockHolder, NewOpenerAndWaitingReaderRecoverToo) {
 // delivered, those accepted before it are, in order (0 or 3 of them: the window's first position
 // wraps or not), and the ERROR line names the slot and the dead writer.
 TEST(DeadQueueHolder, DeathInsideAQueueCallLosesOnlyTheBlockInFlight) {
-    if (!shared::ArmCrashPoint("")) {
-        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
-    }
+    SKIP_WITHOUT_CRASH_POINTS();
     const std::string inFlight(kMaxSize, 'x');
     const struct {
         const char* point;
@@ -204,31 +170,25 @@ TEST(DeadQueueHolder, DeathInsideAQueueCallLosesOnlyTheBlockInFlight) {
             [&](ReliableSlot& slot) {
                 shared::ArmCrashPoint(c.point);
                 if (c.locked) {
-                    Write(slot, inFlight);
+                    WriteBlock(slot, inFlight);
                 } else {
                     slot.WriteData(inFlight.data(), inFlight.size());
                 }
             },
             child);
-        const ChildResult result = RunInChild([&] {
+        EXPECT_TRUE(RunsInChild([&] {
             LogCapture log("Slot");
             ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
-            Write(slot, Block(c.accepted));
-            if (const int failed = ExpectBlocks(slot, c.accepted + 1)) {
-                return failed;
+            WriteBlock(slot, Block(c.accepted));
+            RequireBlocks(slot, c.accepted + 1);
+            RequireOneContaining(log, "ERROR",
+                                 "Queue of '" + name.str() + "' was locked by thread " +
+                                     std::to_string(dead) + ", which died holding it;",
+                                 11);
+            if (std::string(c.point) == "send-half-copied") {
+                RequireOneContaining(log, "ERROR", "had counted was dropped", 12);
             }
-            const std::string expected = "Queue of '" + name.str() + "' was locked by thread " +
-                                         std::to_string(dead) + ", which died holding it;";
-            if (CountContaining(log, "ERROR", expected) != 1) {
-                return Failed(11, "no ERROR line '" + expected + "'");
-            }
-            const bool copying = std::string(c.point) == "send-half-copied";
-            if (copying && CountContaining(log, "ERROR", "had counted was dropped") != 1) {
-                return Failed(12, "the dropped block is not named");
-            }
-            return 0;
-        });
-        EXPECT_TRUE(result.Ok()) << result.Describe();
+        }));
     }
 }
 
@@ -236,9 +196,7 @@ TEST(DeadQueueHolder, DeathInsideAQueueCallLosesOnlyTheBlockInFlight) {
 // while another process holds the lock (which may be inside the queue), and its own death
 // inside the queue is recovered by the next holder like any other.
 TEST(DeadQueueHolder, ADirectCallWaitsForTheSlotsLockAndItsDeathInsideTheQueueIsRecovered) {
-    if (!shared::ArmCrashPoint("")) {
-        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
-    }
+    SKIP_WITHOUT_CRASH_POINTS();
     ScopedSlotName name;
     ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
     testsupport::PipeSignal opened, go;
@@ -261,60 +219,39 @@ TEST(DeadQueueHolder, ADirectCallWaitsForTheSlotsLockAndItsDeathInsideTheQueueIs
     const ChildResult died = direct.Wait(seconds(30));
     ASSERT_EQ(9, died.signal) << died.Describe();
 
-    const ChildResult result = RunInChild([&] {
+    EXPECT_TRUE(RunsInChild([&] {
         LogCapture log("Slot");
-        Write(slot, Block(0));
-        if (const int failed = ExpectBlocks(slot, 1)) {
-            return failed;
-        }
-        const std::string expected = "Queue of '" + name.str() + "' was locked by thread " +
-                                     std::to_string(direct.Pid()) + ", which died holding it;";
-        return CountContaining(log, "ERROR", expected) == 1
-                   ? 0
-                   : Failed(11, "no ERROR line '" + expected + "'");
-    });
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        WriteBlock(slot, Block(0));
+        RequireBlocks(slot, 1);
+        RequireOneContaining(log, "ERROR",
+                             "Queue of '" + name.str() + "' was locked by thread " +
+                                 std::to_string(direct.Pid()) + ", which died holding it;",
+                             11);
+    }));
 }
 
 TEST(DeadQueueHolder, ADiscardingSlotNeverDeliversAHalfCopiedBlock) {
-    if (!shared::ArmCrashPoint("")) {
-        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
-    }
+    SKIP_WITHOUT_CRASH_POINTS();
     ScopedSlotName name;
-    const std::string inFlight(kMaxSize, 'x');
-    std::unique_ptr<ChildProcess> child(new ChildProcess([&] {
+    ChildProcess child([&] {
         DiscardingSlot slot(open_or_create, name.c_str(), kMaxSize);
-        slot.GetLockable()->lock();
-        slot.WriteData("kept", 4);
-        slot.GetLockable()->unlock();
+        WriteBlock(slot, "kept");
         shared::ArmCrashPoint("send-half-copied");
-        slot.GetLockable()->lock();
-        slot.WriteData(inFlight.data(), inFlight.size());
+        WriteBlock(slot, std::string(kMaxSize, 'x'));
         return 3;  // not reached
-    }));
-    const ChildResult died = child->Wait(seconds(30));
+    });
+    const ChildResult died = child.Wait(seconds(30));
     ASSERT_EQ(9, died.signal) << died.Describe();
-    const ChildResult result = RunInChild([&] {
+    EXPECT_TRUE(RunsInChild([&] {
         LogCapture log("Slot");
         DiscardingSlot slot(open_or_create, name.c_str(), kMaxSize);
-        char buffer[kMaxSize];
-        shared::ILockable& lock = *slot.GetLockable();
-        lock.lock();
-        const size_t n = slot.ReadData(buffer, sizeof(buffer));
-        lock.unlock();
-        if (n != 0) {
-            return Failed(11, "read " + std::to_string(n) + " bytes of a block never finished");
-        }
-        if (CountContaining(log, "ERROR", "had counted was dropped") != 1) {
-            return Failed(12, "the dropped block is not named");
-        }
-        lock.lock();
-        slot.WriteData("next", 4);
-        const size_t next = slot.ReadData(buffer, sizeof(buffer));
-        lock.unlock();
-        return std::string(buffer, next) == "next" ? 0 : Failed(13, "the next block is wrong");
-    });
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        const std::string got = ReadBlock(slot, kMaxSize);
+        Require(got.empty(), 11,
+                "read " + std::to_string(got.size()) + " bytes of a block never finished");
+        RequireOneContaining(log, "ERROR", "had counted was dropped", 12);
+        WriteBlock(slot, "next");
+        Require(ReadBlock(slot, kMaxSize) == "next", 13, "the next block is wrong");
+    }));
 }
 
 // Raw objects as a creator killed at some point leaves them.
@@ -328,13 +265,12 @@ void MakeUnfinished(const std::string& name, size_t size, int state) {
 }
 
 TEST(UnfinishedCreation, OpenerGivesUpWithinTheBoundNamingCauseAndRemedy) {
-    struct Case {
+    const struct {
         bool queue;
         size_t size;
         int state;
         const char* cause;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {true, 0, -1, "has size 0"},
         {true, 4096, 0, "was never initialised"},
         {true, 4096, 1, "is still being initialised"},
@@ -343,36 +279,32 @@ TEST(UnfinishedCreation, OpenerGivesUpWithinTheBoundNamingCauseAndRemedy) {
         {false, 8192, 1, "is still being initialised"},
         {true, 4096, 7, "is damaged (creation state 7)"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         ScopedSlotName name;
         const std::string object = c.queue ? "queue_" + name.str() : name.str();
         SCOPED_TRACE(object + " " + c.cause);
         MakeUnfinished(object, c.size, c.state);
-        const ChildResult result = RunInChild(
+        EXPECT_TRUE(RunsInChild(
             [&] {
                 ::setenv("SLOT_CREATION_WAIT_MS", "200", 1);
                 const auto start = std::chrono::steady_clock::now();
                 try {
                     ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
                 } catch (const AbortSlotCreationException& e) {
-                    const std::string expected =
-                        "Slot could not be created: '" + object + "' " + c.cause;
-                    const std::string remedy = "slotctl rm --stale " + name.str();
                     const std::string what = e.what();
-                    if (what.rfind(expected, 0) != 0 || what.find(remedy) == std::string::npos) {
-                        return Failed(11, "message: " + what);
-                    }
-                    const bool unfinished = c.state != 7;
-                    if (unfinished &&
-                        std::chrono::steady_clock::now() - start < std::chrono::milliseconds(200)) {
-                        return Failed(12, "gave up before the bound");
-                    }
-                    return 0;
+                    Require(what.rfind("Slot could not be created: '" + object + "' " + c.cause,
+                                       0) == 0 &&
+                                what.find("slotctl rm --stale " + name.str()) != std::string::npos,
+                            11, "message: " + what);
+                    // An unfinished object may still be finished: it is waited for.
+                    Require(c.state == 7 || std::chrono::steady_clock::now() - start >=
+                                                std::chrono::milliseconds(200),
+                            12, "gave up before the bound");
+                    return;
                 }
-                return Failed(13, "no exception");
+                Require(false, 13, "no exception");
             },
-            seconds(60));
-        EXPECT_TRUE(result.Ok()) << result.Describe();
+            seconds(60)));
         // The remedy works: after removal the slot can be created.
         SlotFactory::RemoveSlot(name.str());
         EXPECT_NO_THROW(ReliableSlot(open_or_create, name.c_str(), kMaxSize, kCapacity));
@@ -380,26 +312,22 @@ TEST(UnfinishedCreation, OpenerGivesUpWithinTheBoundNamingCauseAndRemedy) {
 }
 
 TEST(UnfinishedCreation, CreatorKilledAtEachStepNeverHangsTheNextOpener) {
-    if (!shared::ArmCrashPoint("")) {
-        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
-    }
+    SKIP_WITHOUT_CRASH_POINTS();
     // Points in creation order; "header-locked" dies holding the header mutex, which the next
     // opener recovers, the others leave an unfinished object, which it reports.
-    const std::pair<const char*, bool> points[] = {
-        {"create-sized", false},   {"create-initialising", false},   {"queue-opened", true},
-        {"create-sized:2", false}, {"create-initialising:2", false}, {"segment-opened", true},
-        {"header-locked", true}};
+    const struct {
+        const char* point;
+        unsigned hit;
+        bool recovered;
+    } points[] = {{"create-sized", 1, false},        {"create-initialising", 1, false},
+                  {"queue-opened", 1, true},         {"create-sized", 2, false},
+                  {"create-initialising", 2, false}, {"segment-opened", 1, true},
+                  {"header-locked", 1, true}};
     for (const auto& point : points) {
-        SCOPED_TRACE(point.first);
+        SCOPED_TRACE(std::string(point.point) + ":" + std::to_string(point.hit));
         ScopedSlotName name;
-        std::string pointName = point.first;
-        unsigned hit = 1;
-        if (pointName.find(':') != std::string::npos) {
-            hit = static_cast<unsigned>(std::stoul(pointName.substr(pointName.find(':') + 1)));
-            pointName.resize(pointName.find(':'));
-        }
         ChildProcess creator([&] {
-            shared::ArmCrashPoint(pointName.c_str(), hit);
+            shared::ArmCrashPoint(point.point, point.hit);
             ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
             return 3;
         });
@@ -409,8 +337,9 @@ TEST(UnfinishedCreation, CreatorKilledAtEachStepNeverHangsTheNextOpener) {
                 ::setenv("SLOT_CREATION_WAIT_MS", "200", 1);
                 try {
                     ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
-                    Write(slot, Block(0));
-                    return ExpectBlocks(slot, 1) == 0 ? 0 : 21;
+                    WriteBlock(slot, Block(0));
+                    RequireBlocks(slot, 1);
+                    return 0;
                 } catch (const AbortSlotCreationException& e) {
                     return std::string(e.what()).find("slotctl rm --stale") != std::string::npos
                                ? 1
@@ -419,7 +348,7 @@ TEST(UnfinishedCreation, CreatorKilledAtEachStepNeverHangsTheNextOpener) {
             },
             seconds(60));
         ASSERT_TRUE(opener.exited) << opener.Describe();
-        EXPECT_EQ(point.second ? 0 : 1, opener.exitCode);
+        EXPECT_EQ(point.recovered ? 0 : 1, opener.exitCode);
     }
 }
 
@@ -428,9 +357,7 @@ TEST(UnfinishedCreation, CreatorKilledAtEachStepNeverHangsTheNextOpener) {
 // finishes that step (with the buffer already allocated, if any), so that every later opener and
 // every read works as on a slot built whole, and no memory of the segment is lost.
 TEST(UnfinishedCreation, FirstOpenerKilledBeforeStoringTheBufferHandleLeavesAWholeSlot) {
-    if (!shared::ArmCrashPoint("")) {
-        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
-    }
+    SKIP_WITHOUT_CRASH_POINTS();
     std::uint64_t wholeFreeBytes = 0;
     {
         ScopedSlotName reference;
@@ -447,40 +374,27 @@ TEST(UnfinishedCreation, FirstOpenerKilledBeforeStoringTheBufferHandleLeavesAWho
         });
         const ChildResult killed = creator.Wait(seconds(30));
         ASSERT_EQ(9, killed.signal) << killed.Describe();
-        const ChildResult openers = RunInChild([&] {
+        EXPECT_TRUE(RunsInChild([&] {
             LogCapture log("Slot");
             // Each opener passes a block, and a read of the empty slot hands out its copy.
-            auto passBlocks = [&name](const std::string& block) {
+            for (int i = 0; i < 2; ++i) {
                 DiscardingSlot slot(open_or_create, name.c_str(), kMaxSize);
-                shared::ILockable& lock = *slot.GetLockable();
-                char buffer[kMaxSize];
-                lock.lock();
-                slot.WriteData(block.data(), block.size());
-                const size_t first = slot.ReadData(buffer, sizeof(buffer));
-                const std::string got(buffer, first);
-                const size_t again = slot.ReadData(buffer, sizeof(buffer));
-                const std::string copy(buffer, again);
-                lock.unlock();
-                return got == block && copy == block;
-            };
-            if (!passBlocks(Block(0)) || !passBlocks(Block(1))) {
-                return Failed(11, "a block or its copy did not pass");
+                WriteBlock(slot, Block(i));
+                Require(
+                    ReadBlock(slot, kMaxSize) == Block(i) && ReadBlock(slot, kMaxSize) == Block(i),
+                    11, "a block or its copy did not pass");
             }
             const std::vector<std::string> errors = log.Messages("ERROR");
             const std::string repaired = "Slot '" + name.str() + "' was locked by thread ";
-            if (errors.size() != 1 || errors[0].compare(0, repaired.size(), repaired) != 0) {
-                return Failed(12, "ERROR lines other than the dead holder's repair: " +
-                                      std::to_string(errors.size()));
-            }
+            Require(errors.size() == 1 && errors[0].compare(0, repaired.size(), repaired) == 0, 12,
+                    "ERROR lines other than the dead holder's repair: " +
+                        std::to_string(errors.size()));
             const std::string finished = "Slot '" + name.str() +
                                          "' : the process that built its header died before it "
                                          "stored the output buffer's handle; stored now";
-            if (log.Messages("WARN") != std::vector<std::string>{finished}) {
-                return Failed(13, "not exactly the WARN line '" + finished + "'");
-            }
-            return 0;
-        });
-        EXPECT_TRUE(openers.Ok()) << openers.Describe();
+            Require(log.Messages("WARN") == std::vector<std::string>{finished}, 13,
+                    "not exactly the WARN line '" + finished + "'");
+        }));
         const SlotImage::HeaderImage image = RawObject(name, false).Image();
         EXPECT_EQ(SlotImage::Verdict::Valid, image.verdict) << image.problem;
         EXPECT_TRUE(image.strayAllocations.empty());
@@ -493,19 +407,18 @@ TEST(UnfinishedCreation, FirstOpenerKilledBeforeStoringTheBufferHandleLeavesAWho
 // another queue than the blocks. The opener stops after its view mapped the queue, before Boost
 // opens it.
 TEST(UnfinishedCreation, AQueueCreatedAgainWhileItIsOpenedIsOpenedAgain) {
-    if (!shared::ArmCrashPoint("")) {
-        GTEST_SKIP() << "library built without SLOT_CRASH_POINTS";
-    }
+    SKIP_WITHOUT_CRASH_POINTS();
     ScopedSlotName name;
     // The first queue holds a block, so that a mix-up of the two shows.
     {
         ReliableSlot first(open_or_create, name.c_str(), kMaxSize, kCapacity);
-        Write(first, "stale");
+        WriteBlock(first, "stale");
     }
     ChildProcess opener([&] {
         shared::ArmCrashPoint("queue-checker-opened");
         ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
-        return ExpectBlocks(slot, 1);
+        RequireBlocks(slot, 1);
+        return 0;
     });
     int status = 0;
     ASSERT_TRUE(testsupport::Eventually(
@@ -514,7 +427,7 @@ TEST(UnfinishedCreation, AQueueCreatedAgainWhileItIsOpenedIsOpenedAgain) {
     SlotFactory::RemoveSlot(name.str());
     {
         ReliableSlot again(open_or_create, name.c_str(), kMaxSize, kCapacity);
-        Write(again, Block(0));
+        WriteBlock(again, Block(0));
     }
     ::kill(opener.Pid(), SIGCONT);
     const ChildResult result = opener.Wait(seconds(30));
@@ -560,7 +473,7 @@ TEST(UnfinishedCreation, DeathInsideTheSegmentIndexIsReportedNotWaitedFor) {
         if (halfChanged) {
             ASSERT_EQ(SlotImage::Verdict::Damaged, RawObject(name.str(), false).Image().verdict);
         }
-        const ChildResult opener = RunInChild([&] {
+        EXPECT_TRUE(RunsInChild([&] {
             try {
                 ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
             } catch (const AbortSlotCreationException& e) {
@@ -568,11 +481,11 @@ TEST(UnfinishedCreation, DeathInsideTheSegmentIndexIsReportedNotWaitedFor) {
                     "Slot could not be created: The index lock of segment '" + name.str() +
                     "' is held by thread " + std::to_string(dier.Pid()) +
                     ", which died holding it; remove it (slotctl rm --stale " + name.str() + ")";
-                return std::string(e.what()).rfind(expected, 0) == 0 ? 0 : Failed(11, e.what());
+                Require(std::string(e.what()).rfind(expected, 0) == 0, 11, e.what());
+                return;
             }
-            return Failed(12, "no exception");
-        });
-        EXPECT_TRUE(opener.Ok()) << opener.Describe();
+            Require(false, 12, "no exception");
+        }));
     }
 }
 
@@ -586,27 +499,25 @@ TEST(NoSpace, CreationReservesBothObjectsAndFailsCleanly) {
             return 77;
         }
         const std::string name = "nospace";
-        int code = 0;
         // The queue does not fit; then the queue fits but the segment does not.
         for (const unsigned int capacity : {16u, 1u}) {
             try {
                 ReliableSlot slot(open_or_create, name.c_str(), 160 * 1024, capacity);
-                code = Failed(11, "created");
+                Require(false, 11, "created");
             } catch (const AbortSlotCreationException& e) {
-                if (std::string(e.what()) !=
-                    std::string("Slot could not be created: ") + std::strerror(ENOSPC)) {
-                    code = Failed(12, e.what());
-                }
+                Require(std::string(e.what()) ==
+                            std::string("Slot could not be created: ") + std::strerror(ENOSPC),
+                        12, e.what());
             }
-            if (::access("/dev/shm/queue_nospace", F_OK) == 0 ||
-                ::access("/dev/shm/nospace", F_OK) == 0) {
-                code = Failed(13, "an object was left behind");
-            }
+            Require(::access("/dev/shm/queue_nospace", F_OK) != 0 &&
+                        ::access("/dev/shm/nospace", F_OK) != 0,
+                    13, "an object was left behind");
         }
         // What fits is created and works.
         ReliableSlot small(open_or_create, name.c_str(), 1024, 4);
-        Write(small, Block(0));
-        return code != 0 ? code : ExpectBlocks(small, 1);
+        WriteBlock(small, Block(0));
+        RequireBlocks(small, 1);
+        return 0;
     });
     if (result.exited && result.exitCode == 77) {
         GTEST_SKIP() << "cannot mount a private tmpfs on /dev/shm (needs root): not tested";

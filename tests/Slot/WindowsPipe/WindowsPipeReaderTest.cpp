@@ -11,12 +11,12 @@
 #include <gtest/gtest.h>
 
 #include <boost/make_shared.hpp>
-#include <boost/scoped_ptr.hpp>
 
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
 
 namespace {
@@ -47,9 +47,12 @@ protected:
         ::setenv("SLOT_LOCK_DIR", oldLockDir_.c_str(), 1);
     }
 
-    static boost::shared_ptr<WindowsPipeServerSlot> StubSlot() {
+    // A reader of the stub slot.
+    static std::unique_ptr<WindowsPipeReader> Reader(
+        boost::posix_time::time_duration update = boost::posix_time::milliseconds(10)) {
         SimpleSlotCfg cfg("ignored", "win-pipe", boost::posix_time::milliseconds(10), 1);
-        return boost::make_shared<WindowsPipeServerSlot>(&cfg);
+        return std::unique_ptr<WindowsPipeReader>(
+            new WindowsPipeReader(boost::make_shared<WindowsPipeServerSlot>(&cfg), update));
     }
 
     std::string lockDir_;
@@ -57,11 +60,17 @@ protected:
     std::string lockFile_;
 };
 
+// A reader never started is destroyed and releases the name: the next one runs, delivers nothing
+// and stops promptly.
 TEST_F(WindowsPipeReaderTest, StubReaderRunsDeliversNothingAndStopsPromptly) {
     testsupport::LogCapture log("Slot.Reader");
+    Reader();
+    EXPECT_EQ(
+        (std::vector<std::string>{"~WindowsPipeReader(), ''", "~WindowsPipeReader(), '' joined"}),
+        log.Messages());
+    log.Clear();
     Counter counter;
-    boost::scoped_ptr<WindowsPipeReader> reader(
-        new WindowsPipeReader(StubSlot(), boost::posix_time::seconds(60)));
+    std::unique_ptr<WindowsPipeReader> reader = Reader(boost::posix_time::seconds(60));
     reader->subscribe(&counter);
     reader->Init();
     EXPECT_EQ(1u, log.Count("DEBUG", "Thread started"));
@@ -81,23 +90,13 @@ TEST_F(WindowsPipeReaderTest, StubReaderRunsDeliversNothingAndStopsPromptly) {
     EXPECT_EQ(0, shared::FileLock::Holder(lockFile_));
 }
 
-TEST_F(WindowsPipeReaderTest, NeverStartedReaderIsDestroyedAndReleasesTheName) {
-    testsupport::LogCapture log("Slot.Reader");
-    { WindowsPipeReader reader(StubSlot(), boost::posix_time::milliseconds(10)); }
-    EXPECT_EQ(
-        (std::vector<std::string>{"~WindowsPipeReader(), ''", "~WindowsPipeReader(), '' joined"}),
-        log.Messages());
-    WindowsPipeReader again(StubSlot(), boost::posix_time::milliseconds(10));
-}
-
 TEST_F(WindowsPipeReaderTest, SecondReaderIsRefusedInThisAndOtherProcessesWhileTheFirstLives) {
     // Children are forked before this process starts any thread.
     testsupport::PipeSignal refuseNow;
     testsupport::PipeSignal acceptNow;
     auto tryReader = [](bool expectRefusal) {
         try {
-            WindowsPipeReader reader(StubSlot(), boost::posix_time::milliseconds(10));
-            reader.Init();
+            Reader()->Init();
             return expectRefusal ? 1 : 0;
         } catch (const std::logic_error& e) {
             return expectRefusal && std::string(e.what()) == kRefused ? 0 : 2;
@@ -107,11 +106,10 @@ TEST_F(WindowsPipeReaderTest, SecondReaderIsRefusedInThisAndOtherProcessesWhileT
     testsupport::ChildProcess accepted([&] { return acceptNow.WaitFor() ? tryReader(false) : 3; });
 
     testsupport::LogCapture log("Slot.Reader");
-    boost::scoped_ptr<WindowsPipeReader> first(
-        new WindowsPipeReader(StubSlot(), boost::posix_time::milliseconds(10)));
+    std::unique_ptr<WindowsPipeReader> first = Reader();
     first->Init();
     try {
-        WindowsPipeReader second(StubSlot(), boost::posix_time::milliseconds(10));
+        Reader();
         ADD_FAILURE() << "second reader in the same process was accepted";
     } catch (const std::logic_error& e) {
         EXPECT_STREQ(kRefused, e.what());
@@ -134,8 +132,7 @@ TEST_F(WindowsPipeReaderTest, SecondReaderIsRefusedInThisAndOtherProcessesWhileT
 // (thread and lock) alone; the parent's reader does not count in the child, which may make the
 // name's reader once the parent's is gone. (Children here start no thread.)
 TEST_F(WindowsPipeReaderTest, AForkedChildsCopyIsTheParentsAndCountsForNothingInTheChild) {
-    boost::scoped_ptr<WindowsPipeReader> reader(
-        new WindowsPipeReader(StubSlot(), boost::posix_time::milliseconds(10)));
+    std::unique_ptr<WindowsPipeReader> reader = Reader();
     reader->Init();
     testsupport::PipeSignal parentsGone;
     testsupport::ChildProcess later([&] {
@@ -143,7 +140,7 @@ TEST_F(WindowsPipeReaderTest, AForkedChildsCopyIsTheParentsAndCountsForNothingIn
             return 3;
         }
         try {
-            WindowsPipeReader mine(StubSlot(), boost::posix_time::milliseconds(10));
+            Reader();
             return 0;
         } catch (const std::logic_error& e) {
             return testsupport::Failed(1, e.what());
