@@ -26,6 +26,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <optional>
+#include <string>
 #include <tuple>
 
 namespace {
@@ -141,8 +143,8 @@ protected:
         ASSERT_EQ(0, ::chmod(victim_.c_str(), 0600));
         notThere_ = victimDir_ + "/never-created";
         before_ = Snapshot::Of(victim_);
-        oldLockDir_ = std::getenv("SLOT_LOCK_DIR");
-        oldPipeDir_ = std::getenv("SLOT_PIPE_DIR");
+        oldLockDir_ = Env("SLOT_LOCK_DIR");
+        oldPipeDir_ = Env("SLOT_PIPE_DIR");
         SetDirs(shared_ + "/locks", shared_ + "/pipes");
     }
 
@@ -152,11 +154,20 @@ protected:
         }
         EXPECT_TRUE(before_ == Snapshot::Of(victim_)) << "the victim file was changed";
         EXPECT_FALSE(Snapshot::Of(notThere_).exists) << "a file was created through a symlink";
-        ::setenv("SLOT_LOCK_DIR", oldLockDir_.c_str(), 1);
-        ::setenv("SLOT_PIPE_DIR", oldPipeDir_.c_str(), 1);
+        Restore("SLOT_LOCK_DIR", oldLockDir_);
+        Restore("SLOT_PIPE_DIR", oldPipeDir_);
         ::nftw(shared_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
         ::nftw(victimDir_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
         user_.reset();
+    }
+
+    static std::optional<std::string> Env(const char* name) {
+        const char* value = std::getenv(name);
+        return value ? std::optional<std::string>(value) : std::nullopt;
+    }
+
+    static void Restore(const char* name, const std::optional<std::string>& value) {
+        value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
     }
 
     static void SetDirs(const std::string& locks, const std::string& pipes) {
@@ -188,8 +199,8 @@ protected:
     std::string victim_;
     std::string notThere_;
     Snapshot before_;
-    std::string oldLockDir_;
-    std::string oldPipeDir_;
+    std::optional<std::string> oldLockDir_;
+    std::optional<std::string> oldPipeDir_;
 };
 
 // What the attacker plants on the lock path: lock files that are symlinks (to the victim, and
