@@ -54,6 +54,8 @@ TEST(NamedPipeCreator, CreatesAFifoButRefusesAnythingElseInTheWayAndLeavesItAlon
         ASSERT_EQ(0, ::mkfifo(foreign.c_str(), 0666));
         ASSERT_EQ(0, ::chown(foreign.c_str(), 65534, 65534));
         EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(foreign));
+        EXPECT_EQ(1u, log.Count("ERROR", "Cannot create named pipe '" + foreign +
+                                             "' : a named pipe of uid 65534 is in the way"));
     }
     const std::string missing = testsupport::TestRunDir() + "/missing/x.fifo";
     EXPECT_FALSE(NamedPipeCreator::CreateIfNeeded(missing));
@@ -62,6 +64,7 @@ TEST(NamedPipeCreator, CreatesAFifoButRefusesAnythingElseInTheWayAndLeavesItAlon
         EXPECT_EQ(1u, log.Count("ERROR", "Cannot create named pipe '" + inTheWay +
                                              "' : a file that is not a FIFO is in the way"));
     }
+    EXPECT_EQ(::geteuid() == 0 ? 4u : 3u, log.CountPrefix("ERROR", "Cannot create named pipe '"));
 }
 
 TEST(NamedPipeCreator, NamesThatDoNotStayInThePipeFolderAreRefusedAndCreateNothing) {

@@ -211,20 +211,25 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
     }
 }
 
-TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusyAndByAKilledOneNamesItsPid) {
+TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusyUntilReleasedAndByAKilledOneNamesItsPid) {
     ScopedSlotName name("busy");
     HeaderHolder holder(name);
     ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
-    const pid_t pid = holder.Child().Pid();
     const SlotReport busy = Inspect(name);
     EXPECT_EQ(SlotState::Busy, busy.state) << busy.detail;
     ASSERT_EQ(1u, busy.heldLocks.size());
     EXPECT_EQ("header mutex", busy.heldLocks[0].lock);
-    EXPECT_EQ(pid, busy.heldLocks[0].process);
+    EXPECT_EQ(holder.Child().Pid(), busy.heldLocks[0].process);
     EXPECT_FALSE(busy.heldLocks[0].HolderDead());
+    holder.Release();
+    EXPECT_TRUE(holder.Child().Wait().Ok());
+    EXPECT_EQ(SlotState::Healthy, Inspect(name).state);
 
-    holder.Child().Kill(SIGKILL);
-    EXPECT_EQ(SIGKILL, holder.Child().Wait().signal);
+    HeaderHolder killed(name);
+    ASSERT_TRUE(killed.WaitLocked()) << killed.Child().Wait().Describe();
+    const pid_t pid = killed.Child().Pid();
+    killed.Child().Kill(SIGKILL);
+    EXPECT_EQ(SIGKILL, killed.Child().Wait().signal);
     const SlotReport report = Inspect(name);
     EXPECT_EQ(SlotState::DeadHolder, report.state) << report.detail;
     EXPECT_EQ(pid, report.deadHolder);

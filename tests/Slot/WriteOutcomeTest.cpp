@@ -84,6 +84,11 @@ TEST(WriteOutcome, EachKindTellsStoredDiscardedAndRefused) {
         slot->WriteData("four", 4);
         EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
         ExpectCounts(name, c.stored + 1, c.discarded, c.refused, 0);
+        if (c.type == std::string("reliable")) {  // full again: a direct write is refused too
+            slot->WriteData("five", 4);
+            EXPECT_EQ(WriteOutcome::Refused, Slot::LastWriteOutcome());
+            ExpectCounts(name, c.stored + 1, c.discarded, c.refused + 1, 0);
+        }
     }
     ExpectCounts(testsupport::UniqueName("never_written"), 0, 0, 0, 0);
 }

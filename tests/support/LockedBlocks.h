@@ -29,7 +29,11 @@ inline void WriteBlock(IBaseSlot& slot, const std::string& data) {
 inline std::string ReadDirect(IBaseSlot& slot, size_t size = 0) {
     std::vector<char> buffer(size != 0 ? size : std::max<size_t>(1, slot.GetMaxDataSize()));
     const size_t n = slot.ReadData(buffer.data(), buffer.size());
-    return std::string(buffer.data(), std::min(n, buffer.size()));
+    if (n > buffer.size()) {  // a count beyond the copy: fails any comparison, and says why
+        return "<ReadData returned " + std::to_string(n) + " for " +
+               std::to_string(buffer.size()) + " bytes>";
+    }
+    return std::string(buffer.data(), n);
 }
 
 // The same under the slot's lock.
