@@ -138,7 +138,7 @@ TEST(ReaderClaim, OnePerMachineWhateverTheFlavour) {
         // Each wake-up drains the queue also with nobody subscribed, so that writers never find
         // it full for want of a subscriber.
         for (int i = 0; i < 4; ++i) {
-            testsupport::WriteBlock(cfg, "unread");
+            testsupport::WriteThroughWriter(cfg, "unread");
         }
         boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
         EXPECT_TRUE(testsupport::Eventually([&] { return slot->GetBufferLength() == 0; }));

@@ -199,7 +199,7 @@ TEST_P(DiscardingFlavour, DeliversAFreshStateOnceAndAStaleOneNever) {
     slot->GetLockable()->unlock();
     EXPECT_TRUE(testsupport::Eventually(
         [&] { return log.CountPrefix("TRACE", "Data expired, write timestamp ") > 0; }));
-    testsupport::WriteBlock(cfg, "fresh");
+    testsupport::WriteThroughWriter(cfg, "fresh");
     ASSERT_TRUE(collector->WaitFor(1));
     // The next cycles find the same block and leave it.
     EXPECT_TRUE(testsupport::Eventually(

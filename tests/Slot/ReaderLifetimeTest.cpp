@@ -106,7 +106,7 @@ TEST(SlotReaders, AForkedChildDropsItsCopiesAtOnceAndTheParentsReadOn) {
             },
             std::chrono::seconds(10));
         EXPECT_TRUE(child.Ok()) << child.Describe();
-        testsupport::WriteBlock(cfg, "after");
+        testsupport::WriteThroughWriter(cfg, "after");
         EXPECT_TRUE(collector->WaitForBytes(5));
         EXPECT_EQ("after", collector->Stream());
         reader.reset();
@@ -128,7 +128,7 @@ TEST(SpinningReader, StopsWhileSpinning) {
                 boost::shared_ptr<Collector> collector(new Collector);
                 INotifierPtr reader =
                     SlotFactory::CreateSpinningSlotReader(&cfg, pt::hours(1), collector);
-                testsupport::WriteBlock(cfg, "block");
+                testsupport::WriteThroughWriter(cfg, "block");
                 if (!collector->WaitFor(1)) {
                     return 10;
                 }
@@ -205,7 +205,7 @@ TEST_P(ReaderRelease, InsideItsOwnNotificationStopsTheReader) {
                     slot->GetLockable()->unlock();
                     slot->GetOnWriteCondition()->Notify();
                 } else {
-                    testsupport::WriteBlock(cfg, "one");
+                    testsupport::WriteThroughWriter(cfg, "one");
                 }
                 // The subscriber goes after the reader that held it.
                 if (outcome.gone.get_future().wait_for(std::chrono::seconds(20)) !=

@@ -43,7 +43,7 @@ inline SimpleSlotCfg ReaderCfg(
     return SimpleSlotCfg(name, type, update, 4);
 }
 
-inline void WriteBlock(const ISlotConfiguration& cfg, const std::string& bytes) {
+inline void WriteThroughWriter(const ISlotConfiguration& cfg, const std::string& bytes) {
     SlotFactory::CreateSlotWriter(&cfg)->onNotify("", bytes.data(), bytes.size());
 }
 

@@ -3,6 +3,7 @@
 // dead-held slots seen with real processes, and that looking never changes a byte.
 #include "ChildProcess.h"
 #include "HeaderHolder.h"
+#include "LockedBlocks.h"
 #include "ShmHygiene.h"
 #include "ShmObject.h"
 
@@ -28,6 +29,7 @@ namespace {
 using boost::interprocess::open_or_create;
 using testsupport::ChildProcess;
 using testsupport::ScopedSlotName;
+using testsupport::WriteBlock;
 
 using testsupport::Bytes;
 using testsupport::HeaderHolder;
@@ -45,12 +47,6 @@ SlotReport Inspect(const std::string& name) {
     EXPECT_TRUE(header == ReadObject(name)) << "inspecting changed the header segment";
     EXPECT_TRUE(queueBytes == ReadObject(queue)) << "inspecting changed the queue";
     return report;
-}
-
-void WriteBlock(BaseQueueSlot& slot, const std::string& text) {
-    slot.GetLockable()->lock();
-    slot.WriteData(text.data(), text.size());
-    slot.GetLockable()->unlock();
 }
 
 const SlotReport* Find(const std::vector<SlotReport>& reports, const std::string& name) {

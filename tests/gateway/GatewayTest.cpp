@@ -2,6 +2,7 @@
 // Two gateways in one process: DDS delivers between their participants as between hosts, while
 // both ends are slots of this machine with different names. A receiver that goes away or is
 // killed, blocks held while none is matched, and a stop on SIGTERM are two_hosts.sh's cases.
+#include "Files.h"
 #include "NumberedBlock.h"
 
 #include <SlotGateway/Dds.h>
@@ -40,7 +41,6 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -240,14 +240,6 @@ private:
     dds_entity_t reader_ = 0;
     dds_entity_t ackWriter_ = 0;
 };
-
-// The text of the file at `path`.
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 // slot-gateway in a process of its own, run with a configuration of `routes` (a file in the
 // run's folder); killed (SIGKILL) at the end of the test, and with the test process.
@@ -472,7 +464,7 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     config.statusFile = testsupport::TestRunDir() + "/gateway-status.json";
     config.statusIntervalMs = 20;
     Gateway(config).Stop();
-    const std::string text = ReadText(config.statusFile);
+    const std::string text = testsupport::ReadFile(config.statusFile);
     const std::string table = FormatStatus(text);
     EXPECT_NE(table.find(slot.str()), std::string::npos) << table;
     EXPECT_NE(table.find("from-network"), std::string::npos) << table;
@@ -489,7 +481,7 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     // Nor is a file someone else has at that name removed or written.
     { std::ofstream(link) << "theirs"; }
     EXPECT_EQ(WriteFileAtomically(config.statusFile, "{}"), "");
-    EXPECT_EQ(ReadText(link), "theirs");
+    EXPECT_EQ(testsupport::ReadFile(link), "theirs");
     std::remove(link.c_str());
     std::remove(config.statusFile.c_str());
 }
