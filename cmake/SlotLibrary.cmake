@@ -3,8 +3,8 @@
 # versioned SONAME, the namespaced alias Slot::NAME, src/ (and the generated headers) as its
 # include root, an install RUNPATH of its own folder, so that it finds its sibling libraries
 # wherever the tree is installed, the project's warning and sanitizer flags (not exported
-# to users) and C++17, which the public headers need: exported, so a program that asks for an
-# older standard is compiled as C++17.
+# to users) and C++17 and 64-bit file offsets, which the public headers need: exported, so a
+# program that asks for an older standard is compiled as C++17.
 function(slot_add_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
     add_library(${name} SHARED ${arg_SOURCES})
@@ -17,6 +17,7 @@ function(slot_add_library name)
         $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     target_compile_features(${name} PUBLIC cxx_std_17)
+    target_compile_definitions(${name} INTERFACE _FILE_OFFSET_BITS=64)
     target_link_libraries(${name}
         PUBLIC ${arg_DEPENDS}
         PRIVATE $<BUILD_INTERFACE:slot_build_flags>)

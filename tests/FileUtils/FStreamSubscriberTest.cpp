@@ -12,8 +12,11 @@
 
 #include <boost/thread/thread.hpp>
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -54,6 +57,30 @@ TEST(FStreamSubscriber, AppendsFormattedBlocksOnlyOnceOpenedAndNeverTruncatesOnR
     s.Reopen();
     Send(s, "f");
     EXPECT_EQ(std::string("old\nabc\nd\0e\nf\n", 14), ReadFile(file));
+}
+
+// A file already past 2 GiB (sparse) is opened, appended to and checked for its size as any
+// other: 32-bit builds use 64-bit file offsets too.
+TEST(FStreamSubscriber, AppendsToAFileOfMoreThan2GiB) {
+    testsupport::LogCapture log("Slot.Writer");
+    filetest::ScopedPaths cleanup;
+    const std::string file = NewFile(cleanup, "big");
+    const off_t start = (off_t{1} << 31) + 10;
+    WriteFile(file, "");
+    ASSERT_EQ(0, ::truncate(file.c_str(), start)) << std::strerror(errno);
+    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 0, 0), &Line);
+    s.Reopen();
+    Send(s, "abc");
+    struct stat st;
+    ASSERT_EQ(0, ::stat(file.c_str(), &st));
+    EXPECT_EQ(start + 4, st.st_size);
+    char tail[4] = {};
+    const int fd = ::open(file.c_str(), O_RDONLY);
+    ASSERT_LE(0, fd);
+    EXPECT_EQ(4, ::pread(fd, tail, sizeof tail, start));
+    ::close(fd);
+    EXPECT_EQ("abc\n", std::string(tail, sizeof tail));
+    EXPECT_EQ(std::vector<std::string>{}, log.Messages("ERROR"));
 }
 
 // What is at the name is never followed nor cut: a symlink is refused (its target, existing or

@@ -172,9 +172,8 @@ Slot::PoolConfig RecordedPool(const mcap::Channel& channel, const std::string& n
 }  // namespace
 
 bool IsRecordingFile(const std::string& operand) {
-    // 64-bit sizes in 32-bit builds too: a recording of more than 2 GiB is no error.
-    struct stat64 st {};
-    return EndsWith(operand, ".mcap") && ::stat64(operand.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+    struct stat st {};
+    return EndsWith(operand, ".mcap") && ::stat(operand.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
 namespace {

@@ -7,8 +7,6 @@ add_library(slot_mcap STATIC
 )
 target_include_directories(slot_mcap PUBLIC ${CMAKE_CURRENT_LIST_DIR})
 target_link_libraries(slot_mcap PRIVATE slot_build_flags)
-# Recordings over 2 GiB in the 32-bit build too (64-bit off_t; nothing of it is in the header).
-target_compile_definitions(slot_mcap PRIVATE _FILE_OFFSET_BITS=64)
 if(NOT SLOT_BUILD_ZSTD STREQUAL "OFF")
     find_path(SLOT_ZSTD_INCLUDE zstd.h)
     find_library(SLOT_ZSTD_LIBRARY zstd)
