@@ -129,10 +129,12 @@ TEST_F(PosixPipe, BytesOfWritersInOtherProcessesArriveInOrderAlsoAfterOneHasGone
     EXPECT_EQ(1u, readerLog.Count("DEBUG", "Reader thread stopped for '" + fifo.path + "'"));
 }
 
-// A pipe removed while a writer has it open: the writer keeps it (a file in its place would
-// stand in the way of the next reader). Made again by a new reader, it is another pipe, and the
-// writer's next block goes into that one, not into the old one that nobody reads.
-TEST_F(PosixPipe, AWriterFollowsItsPipeMadeAgainAndMakesNoFileInItsPlace) {
+// A pipe removed while a writer and a reader have it open: both keep it (a file in its place
+// would stand in the way of the next reader). Made again (by a new reader or writer), it is
+// another pipe: the writer's next block goes into that one, and the reader follows it there,
+// rather than either staying with the old pipe that nobody else uses.
+TEST_F(PosixPipe, WritersAndReadersFollowTheirPipeMadeAgainAndMakeNoFileInItsPlace) {
+    testsupport::LogCapture readerLog("Slot.Reader");
     PipeWriter w(fifo.path);
     ASSERT_EQ("", FileUtils::NamedPipeCreator::Remove(fifo.path));
     w.Write("lost with the old pipe");
@@ -144,7 +146,22 @@ TEST_F(PosixPipe, AWriterFollowsItsPipeMadeAgainAndMakesNoFileInItsPlace) {
     reader.subscribe(&got);
     w.Write("after");
     ASSERT_TRUE(got.WaitForBytes(5)) << "the block went into the removed pipe";
+
+    // Removed under the running reader (slotctl rm --force): both keep the gone pipe. Made
+    // again by a newcomer, the old writer and the reader move to it.
+    ASSERT_EQ("", FileUtils::NamedPipeCreator::Remove(fifo.path));
+    w.Write("kept");
+    ASSERT_TRUE(got.WaitForBytes(9));
+    ASSERT_TRUE(FileUtils::NamedPipeCreator::CreateIfNeeded(fifo.path));
+    PipeWriter newcomer(fifo.path);
+    newcomer.Write("new");
+    w.Write("again");
+    ASSERT_TRUE(got.WaitForBytes(17)) << "the reader stayed with the removed pipe";
     reader.unsubscribe(&got);
+    EXPECT_EQ("afterkeptnewagain", got.Stream());
+    EXPECT_EQ(1u, readerLog.Count("INFO", "Named pipe '" + fifo.path +
+                                              "' was made again, reading the new one"));
+    EXPECT_TRUE(readerLog.Messages("ERROR").empty());
 }
 
 // Every byte waiting in the pipe at `path` now, read through a descriptor of our own.
