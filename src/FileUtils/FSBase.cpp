@@ -200,6 +200,8 @@ void FSBase::ReopenLocked() {
     // The new stream is open before the old one closes, so a pipe nobody else holds keeps the
     // bytes it buffers.
     const int old = fd_;
+    const bool oldIsFifo = isFifo_;
+    const std::string oldName = fileName_;
     fd_ = fd;
     isFifo_ = S_ISFIFO(st.st_mode);
     isRegular_ = S_ISREG(st.st_mode);
@@ -212,7 +214,8 @@ void FSBase::ReopenLocked() {
     droppingOnFullPipe_ = false;
     ForgetPipeWritesLocked();
     if (old >= 0) {
-        ::close(old);
+        // The pipe left behind (removed and made again) loses its unread bytes like one closed.
+        CloseStreamLocked(old, oldIsFifo, oldName);
     }
 }
 
@@ -220,19 +223,23 @@ void FSBase::CloseLocked() {
     if (fd_ < 0) {
         return;
     }
+    const int fd = fd_;
+    fd_ = -1;
+    CloseStreamLocked(fd, isFifo_, fileName_);
+}
+
+void FSBase::CloseStreamLocked(int fd, bool isFifo, const std::string& fileName) {
     int unread = 0;
-    if (!isFifo_ || ::ioctl(fd_, FIONREAD, &unread) != 0 || unread <= 0) {
-        ::close(fd_);
-        fd_ = -1;
+    if (!isFifo || ::ioctl(fd, FIONREAD, &unread) != 0 || unread <= 0) {
+        ::close(fd);
         return;
     }
     // Bytes are waiting. They are lost with the pipe if no other process has it open for
     // reading: find out through a write-only descriptor of the same pipe, which polls POLLERR
     // once our read-write descriptor is gone and no reader is left.
-    const std::string self = "/proc/self/fd/" + std::to_string(fd_);
+    const std::string self = "/proc/self/fd/" + std::to_string(fd);
     int probe = ::open(self.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    ::close(fd_);
-    fd_ = -1;
+    ::close(fd);
     bool readerLeft = false;
     if (probe >= 0) {
         pollfd p = {probe, POLLOUT, 0};
@@ -240,7 +247,7 @@ void FSBase::CloseLocked() {
         ::close(probe);
     }
     if (!readerLeft && logger_->isWarnEnabled()) {
-        LOG4CXX_WARN(logger_, "Closing named pipe '" << fileName_ << "' that no reader has open: "
+        LOG4CXX_WARN(logger_, "Closing named pipe '" << fileName << "' that no reader has open: "
                                                      << unread << " unread bytes are lost");
     }
 }

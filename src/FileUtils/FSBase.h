@@ -70,9 +70,10 @@ namespace FileUtils {
 //   1 s), then drops the whole block with a WARN. While blocks are being dropped the writer does
 //   not wait again until a block has gone through, so a pipe nobody reads costs one time-out,
 //   not one per block.
-// - bytes still unread when the writer closes the pipe are lost if no other process has it
-//   open for reading: the kernel frees a pipe with its last descriptor. The writer finds out
-//   when it closes and then logs how many bytes are lost, at WARN.
+// - bytes still unread when the writer closes the pipe, or leaves it for a pipe made again at
+//   its name, are lost if no other process has it open for reading: the kernel frees a pipe
+//   with its last descriptor. The writer finds out when it closes and then logs how many bytes
+//   are lost, at WARN.
 // - the maximum size and rotation do not apply.
 // Other files (character devices) are written without limit.
 //
@@ -142,6 +143,9 @@ private:
     void FailWriteLocked(int error, size_t dropped, size_t size);
     void RotateLocked();
     void CloseLocked();
+    // Closes `fd`; for a FIFO whose unread bytes no reader is left to take, says at WARN how
+    // many are lost.
+    void CloseStreamLocked(int fd, bool isFifo, const std::string& fileName);
 
     const std::string base_;
     const bool timestamped_;

@@ -132,8 +132,10 @@ TEST_F(PosixPipe, BytesOfWritersInOtherProcessesArriveInOrderAlsoAfterOneHasGone
 // A pipe removed while a writer and a reader have it open: both keep it (a file in its place
 // would stand in the way of the next reader). Made again (by a new reader or writer), it is
 // another pipe: the writer's next block goes into that one, and the reader follows it there,
-// rather than either staying with the old pipe that nobody else uses.
+// rather than either staying with the old pipe that nobody else uses. What the writer leaves
+// unread in the old pipe with no reader is reported lost.
 TEST_F(PosixPipe, WritersAndReadersFollowTheirPipeMadeAgainAndMakeNoFileInItsPlace) {
+    testsupport::LogCapture writerLog("Slot.Writer");
     testsupport::LogCapture readerLog("Slot.Reader");
     PipeWriter w(fifo.path);
     ASSERT_EQ("", FileUtils::NamedPipeCreator::Remove(fifo.path));
@@ -162,6 +164,10 @@ TEST_F(PosixPipe, WritersAndReadersFollowTheirPipeMadeAgainAndMakeNoFileInItsPla
     EXPECT_EQ(1u, readerLog.Count("INFO", "Named pipe '" + fifo.path +
                                               "' was made again, reading the new one"));
     EXPECT_TRUE(readerLog.Messages("ERROR").empty());
+    // Only the first move left bytes behind: the reader had taken "kept" before the second.
+    EXPECT_EQ(std::vector<std::string>{"Closing named pipe '" + fifo.path +
+                                       "' that no reader has open: 22 unread bytes are lost"},
+              writerLog.Messages("WARN"));
 }
 
 // Every byte waiting in the pipe at `path` now, read through a descriptor of our own.
