@@ -140,6 +140,18 @@ TEST_F(PosixPipe, WritersAndReadersFollowTheirPipeMadeAgainAndMakeNoFileInItsPla
     PipeWriter w(fifo.path);
     ASSERT_EQ("", FileUtils::NamedPipeCreator::Remove(fifo.path));
     w.Write("lost with the old pipe");
+    // Neither reopening the gone pipe nor a pipe writer opening it for the first time (the pipe
+    // removed between its creation and the opening) makes a file in its place.
+    w.writer.Reopen();
+    FileUtils::FSSAutoReopen late(w.cfg, &shared::FormatNothing);
+    late.SetNamedPipeOnly();
+    try {
+        late.Reopen();
+        ADD_FAILURE() << "a missing pipe was opened";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ("Cannot open '" + fifo.path + "' : No such file or directory",
+                  std::string(e.what()));
+    }
     struct stat st;
     EXPECT_NE(0, ::lstat(fifo.path.c_str(), &st)) << "something was made in the pipe's place";
     ASSERT_TRUE(FileUtils::NamedPipeCreator::CreateIfNeeded(fifo.path));
