@@ -95,6 +95,7 @@ PosixFileReader::PosixFileReader(const std::string& path, unsigned size,
       inode_(0),
       refusedDevice_(0),
       refusedInode_(0),
+      waitingUnsubscribers_(0),
       stopping_(false),
       pid_(::getpid()) {
     struct stat st;
@@ -149,13 +150,27 @@ void PosixFileReader::subscribe(shared::ISubscriber* subscriber) {
     }
 }
 
+boost::recursive_mutex::scoped_lock PosixFileReader::LockForUnsubscribe() {
+    // Counted while waiting, so that the thread, which takes deliveryMutex_ again right after
+    // each delivery, lets it go first (the mutex is not fair).
+    ++waitingUnsubscribers_;
+    try {
+        boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+        --waitingUnsubscribers_;
+        return lock;
+    } catch (...) {
+        --waitingUnsubscribers_;
+        throw;
+    }
+}
+
 void PosixFileReader::unsubscribe(shared::ISubscriber* subscriber) {
-    boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+    boost::recursive_mutex::scoped_lock lock(LockForUnsubscribe());
     shared::Notifier::unsubscribe(subscriber);
 }
 
 void PosixFileReader::unsubscribeAll() {
-    boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+    boost::recursive_mutex::scoped_lock lock(LockForUnsubscribe());
     shared::Notifier::unsubscribeAll();
 }
 
@@ -218,6 +233,9 @@ void PosixFileReader::ReadLoop() {
     shared::SizedArray buffer(size_);
     while (!stopping_) {
         boost::this_thread::interruption_point();
+        while (waitingUnsubscribers_ > 0 && !stopping_) {
+            boost::this_thread::yield();  // until they hold deliveryMutex_
+        }
         ssize_t n = 0;
         int error = 0;
         {

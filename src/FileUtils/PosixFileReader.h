@@ -47,7 +47,9 @@ namespace FileUtils {
 //   "Slot.Reader" and followed by a pause of `period`; they do not end the thread.
 //
 // Concurrency: subscribers are called on the reader thread; the shared::Notifier operations
-// may be called from any thread. Final because the thread runs from the constructor on.
+// may be called from any thread. unsubscribe() and unsubscribeAll() wait for the delivery in
+// progress only, also while the pipe stays full. Final because the thread runs from the constructor
+// on.
 class FILEUTILS_EXPORT PosixFileReader final : public shared::Notifier {
 public:
     // Opens `path` (which must exist) and starts the thread; throws std::runtime_error when the
@@ -77,6 +79,8 @@ private:
     void FollowPipeMadeAgain();
     void Pause();
     void Wake();
+    // Takes deliveryMutex_ for unsubscribe/unsubscribeAll, ahead of the thread.
+    boost::recursive_mutex::scoped_lock LockForUnsubscribe();
 
     const std::string path_;
     const std::string name_;
@@ -97,8 +101,9 @@ private:
     // unsubscribe/unsubscribeAll. Recursive: a subscriber may unsubscribe from inside onNotify.
     // Taken before the Notifier's own mutex.
     boost::recursive_mutex deliveryMutex_;
-    std::atomic<bool> stopping_;  // set by the destructor
-    const pid_t pid_;             // the process that made the reader and runs its thread
+    std::atomic<int> waitingUnsubscribers_;  // unsubscribe calls waiting for deliveryMutex_
+    std::atomic<bool> stopping_;             // set by the destructor
+    const pid_t pid_;                        // the process that made the reader and runs its thread
     boost::thread thread_;
 };
 

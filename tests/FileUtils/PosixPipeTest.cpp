@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <csignal>
@@ -359,6 +360,44 @@ TEST_F(PosixPipe, BytesWaitForTheNextSubscriberAndTheReaderStopsPromptly) {
         }
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+}
+
+// Subscribers slower than the writer keep the reader busy all the time: unsubscribe and
+// unsubscribeAll still get their turn after the delivery in progress, not when the pipe runs dry.
+TEST_F(PosixPipe, UnsubscribingIsServedWhileSlowSubscribersKeepTheReaderBusy) {
+    testsupport::LogCapture writerLog("Slot.Writer");  // full-pipe drops are not the point
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        PipeWriter w(fifo.path);
+        w.writer.SetPipeFullTimeout(milliseconds(200));
+        const std::string block(1000, 'x');
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!stop && std::chrono::steady_clock::now() < end) {
+            w.Write(block);
+        }
+    });
+    testsupport::Collector slow;
+    testsupport::Collector slower;
+    // Busy for a while, as a subscriber that computes: the reader thread never sleeps.
+    slow.action = slower.action = [] {
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1);
+        while (std::chrono::steady_clock::now() < until) {
+        }
+    };
+    {
+        FileUtils::PosixFileReader reader(fifo.path, 16, milliseconds(10));
+        reader.subscribe(&slow);
+        reader.subscribe(&slower);
+        EXPECT_TRUE(slower.WaitForBytes(50 * 16));
+        auto start = std::chrono::steady_clock::now();
+        reader.unsubscribe(&slow);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+        start = std::chrono::steady_clock::now();
+        reader.unsubscribeAll();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+        stop = true;
+        writer.join();
+    }
 }
 
 }  // namespace
