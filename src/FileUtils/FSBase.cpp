@@ -34,9 +34,10 @@ const size_t kMaxUnreadWrites = 1024;
 // Opens `leaf` in the checked folder `dir` as what it is now: a FIFO read-write, a regular file
 // or a character device write-only and appending; creates a missing regular file. The kind
 // seen before the open must be the kind opened, else the entry was swapped and is looked at
-// again. `st` receives the opened file's status, `created` whether it was made here.
+// again. `st` receives the opened file's status, `created` whether it was made here. With
+// `pipeOnly` only an existing FIFO is opened: -1 when the name is missing, nothing is created.
 int OpenInFolder(int dir, const std::string& leaf, const std::string& name, struct stat& st,
-                 bool& created) {
+                 bool& created, bool pipeOnly) {
     struct stat folder;
     if (::fstat(dir, &folder) != 0) {
         ThrowCannotOpen(name, std::strerror(errno));
@@ -50,6 +51,9 @@ int OpenInFolder(int dir, const std::string& leaf, const std::string& name, stru
             if (errno != ENOENT) {
                 ThrowCannotOpen(name, std::strerror(errno));
             }
+            if (pipeOnly) {
+                return -1;
+            }
             fd = ::openat(dir, leaf.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | kCommonFlags,
                           kFileMode);
             if (fd < 0 && errno == EEXIST) {
@@ -57,6 +61,8 @@ int OpenInFolder(int dir, const std::string& leaf, const std::string& name, stru
             }
             created = fd >= 0;
             seen.st_mode = S_IFREG;
+        } else if (pipeOnly && !S_ISFIFO(seen.st_mode)) {
+            ThrowCannotOpen(name, "not a named pipe");
         } else if (S_ISFIFO(seen.st_mode)) {
             fd = ::openat(dir, leaf.c_str(), O_RDWR | kCommonFlags);
         } else if (S_ISREG(seen.st_mode) || S_ISCHR(seen.st_mode)) {
@@ -132,6 +138,7 @@ FSBase::FSBase(const IFileOutputCfg& cfg)
       openedInode_(0),
       openedBefore_(false),
       droppingOnFullPipe_(false),
+      pipeOnly_(false),
       pipeFullTimeout_(boost::posix_time::seconds(1)),
       writeCounters_(nullptr),
       blockOutcome_(shared::WriteOutcome::None),
@@ -156,6 +163,11 @@ bool FSBase::IsOpen() const {
 std::string FSBase::GetFileName() const {
     boost::mutex::scoped_lock lock(mutex_);
     return fileName_;
+}
+
+void FSBase::SetNamedPipeOnly() {
+    boost::mutex::scoped_lock lock(mutex_);
+    pipeOnly_ = true;
 }
 
 void FSBase::SetPipeFullTimeout(const boost::posix_time::time_duration& timeout) {
@@ -186,7 +198,15 @@ void FSBase::ReopenLocked() {
     }
     struct stat st;
     bool created = false;
-    int fd = OpenInFolder(folder.fd(), leaf, name, st, created);
+    int fd = OpenInFolder(folder.fd(), leaf, name, st, created, pipeOnly_);
+    if (fd < 0) {
+        // A pipe output whose pipe is gone: an open pipe is kept (as when it is written to); a
+        // file in its place would stand in the way of the next reader's pipe.
+        if (fd_ >= 0 && isFifo_) {
+            return;
+        }
+        ThrowCannotOpen(name, std::strerror(ENOENT));
+    }
     if (!append_ && !openedBefore_ && S_ISREG(st.st_mode) && !created && st.st_size != 0) {
         struct stat fresh;
         const int empty = ReplaceWithEmptyFile(folder.fd(), leaf, fresh);
@@ -200,6 +220,8 @@ void FSBase::ReopenLocked() {
     // The new stream is open before the old one closes, so a pipe nobody else holds keeps the
     // bytes it buffers.
     const int old = fd_;
+    const bool oldIsFifo = isFifo_;
+    const std::string oldName = fileName_;
     fd_ = fd;
     isFifo_ = S_ISFIFO(st.st_mode);
     isRegular_ = S_ISREG(st.st_mode);
@@ -211,8 +233,12 @@ void FSBase::ReopenLocked() {
     openedBefore_ = true;
     droppingOnFullPipe_ = false;
     ForgetPipeWritesLocked();
+    if (isFifo_) {
+        pipeOnly_ = true;
+    }
     if (old >= 0) {
-        ::close(old);
+        // The pipe left behind (removed and made again) loses its unread bytes like one closed.
+        CloseStreamLocked(old, oldIsFifo, oldName);
     }
 }
 
@@ -220,19 +246,23 @@ void FSBase::CloseLocked() {
     if (fd_ < 0) {
         return;
     }
+    const int fd = fd_;
+    fd_ = -1;
+    CloseStreamLocked(fd, isFifo_, fileName_);
+}
+
+void FSBase::CloseStreamLocked(int fd, bool isFifo, const std::string& fileName) {
     int unread = 0;
-    if (!isFifo_ || ::ioctl(fd_, FIONREAD, &unread) != 0 || unread <= 0) {
-        ::close(fd_);
-        fd_ = -1;
+    if (!isFifo || ::ioctl(fd, FIONREAD, &unread) != 0 || unread <= 0) {
+        ::close(fd);
         return;
     }
     // Bytes are waiting. They are lost with the pipe if no other process has it open for
     // reading: find out through a write-only descriptor of the same pipe, which polls POLLERR
     // once our read-write descriptor is gone and no reader is left.
-    const std::string self = "/proc/self/fd/" + std::to_string(fd_);
+    const std::string self = "/proc/self/fd/" + std::to_string(fd);
     int probe = ::open(self.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    ::close(fd_);
-    fd_ = -1;
+    ::close(fd);
     bool readerLeft = false;
     if (probe >= 0) {
         pollfd p = {probe, POLLOUT, 0};
@@ -240,7 +270,7 @@ void FSBase::CloseLocked() {
         ::close(probe);
     }
     if (!readerLeft && logger_->isWarnEnabled()) {
-        LOG4CXX_WARN(logger_, "Closing named pipe '" << fileName_ << "' that no reader has open: "
+        LOG4CXX_WARN(logger_, "Closing named pipe '" << fileName << "' that no reader has open: "
                                                      << unread << " unread bytes are lost");
     }
 }

@@ -31,7 +31,8 @@ namespace FileUtils {
 // O_NOFOLLOW, then checked with fstat: it must still be of the kind that was seen (a regular
 // file, a FIFO or a character device; anything else, a symlink above all, is refused). In a
 // folder that others may write to, the file must also belong to root or the user, and a
-// regular file must have one link. A missing file is created with O_CREAT|O_EXCL. Nothing that
+// regular file must have one link. A missing file is created with O_CREAT|O_EXCL, except for a
+// named-pipe output (SetNamedPipeOnly), which opens nothing but an existing FIFO. Nothing that
 // exists is truncated: the "empty on first opening" below puts a new empty file in the old
 // one's place (rename), so a file that was not ours is never cut.
 //
@@ -70,9 +71,10 @@ namespace FileUtils {
 //   1 s), then drops the whole block with a WARN. While blocks are being dropped the writer does
 //   not wait again until a block has gone through, so a pipe nobody reads costs one time-out,
 //   not one per block.
-// - bytes still unread when the writer closes the pipe are lost if no other process has it
-//   open for reading: the kernel frees a pipe with its last descriptor. The writer finds out
-//   when it closes and then logs how many bytes are lost, at WARN.
+// - bytes still unread when the writer closes the pipe, or leaves it for a pipe made again at
+//   its name, are lost if no other process has it open for reading: the kernel frees a pipe
+//   with its last descriptor. The writer finds out when it closes and then logs how many bytes
+//   are lost, at WARN.
 // - the maximum size and rotation do not apply.
 // Other files (character devices) are written without limit.
 //
@@ -97,6 +99,12 @@ public:
     bool IsOpen() const;
     // The path of the open file (empty before the first opening).
     std::string GetFileName() const;
+
+    // The output is a named pipe: from now on only an existing FIFO is opened, and nothing is
+    // made in its place when it is missing (an open pipe is then kept, else the opening fails).
+    // An output becomes so by itself once it has opened a FIFO; the posix-pipe writer is made so
+    // before its first opening.
+    void SetNamedPipeOnly();
 
     // How long a write waits for room in a full named pipe before it drops the block.
     void SetPipeFullTimeout(const boost::posix_time::time_duration& timeout);
@@ -142,6 +150,9 @@ private:
     void FailWriteLocked(int error, size_t dropped, size_t size);
     void RotateLocked();
     void CloseLocked();
+    // Closes `fd`; for a FIFO whose unread bytes no reader is left to take, says at WARN how
+    // many are lost.
+    void CloseStreamLocked(int fd, bool isFifo, const std::string& fileName);
 
     const std::string base_;
     const bool timestamped_;
@@ -158,6 +169,7 @@ private:
     ino_t openedInode_;                                 // guarded by mutex_; fd_'s file
     bool openedBefore_;                                 // guarded by mutex_
     bool droppingOnFullPipe_;                           // guarded by mutex_
+    bool pipeOnly_;                                     // guarded by mutex_
     std::string fileName_;                              // guarded by mutex_
     shared::CheckedFolder folder_;                      // guarded by mutex_; of fileName_
     std::string leaf_;                                  // guarded by mutex_; fileName_ in folder_

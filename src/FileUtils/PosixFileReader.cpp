@@ -32,33 +32,21 @@ std::string NameFromPath(const std::string& path) {
     return name;
 }
 
-// Opens the pipe (or file) read-write, or read-only when only that is allowed for a regular
-// file, relative to its checked folder and without following a symlink; it must be a FIFO or a
-// regular file of root or the user.
-int OpenChecked(const std::string& path) {
-    std::string folderPath;
-    std::string name;
-    if (!shared::SplitFolderAndName(path, folderPath, name)) {
-        throw std::runtime_error("Cannot open '" + path + "' : not a file name");
-    }
-    shared::CheckedFolder folder;
-    try {
-        folder = shared::CheckedFolder::Open(folderPath);
-    } catch (const std::exception& e) {
-        throw std::runtime_error("Cannot open '" + path + "' : " + e.what());
-    }
+// Opens `name` in the checked folder `dir` read-write, or read-only when only that is allowed
+// for a regular file, without following a symlink; it must be a FIFO or a regular file of root
+// or the user. `st` receives its status.
+int OpenInFolder(int dir, const std::string& name, const std::string& path, struct stat& st) {
     const int flags = O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
-    int fd = ::openat(folder.fd(), name.c_str(), O_RDWR | flags);
+    int fd = ::openat(dir, name.c_str(), O_RDWR | flags);
     if (fd < 0 && errno == EACCES) {
         // A regular file we may only read: read-write is only needed for pipes.
-        fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | flags);
+        fd = ::openat(dir, name.c_str(), O_RDONLY | flags);
     }
     if (fd < 0) {
         throw std::runtime_error(
             "Cannot open '" + path +
             "' : " + (errno == ELOOP ? "a symlink is in the way" : std::strerror(errno)));
     }
-    struct stat st;
     if (::fstat(fd, &st) != 0 || !(S_ISFIFO(st.st_mode) || S_ISREG(st.st_mode)) ||
         !shared::OwnedByRootOrMe(st)) {
         ::close(fd);
@@ -66,6 +54,22 @@ int OpenChecked(const std::string& path) {
                                  "' : not a named pipe or regular file of root or this user");
     }
     return fd;
+}
+
+// Opens the pipe (or file) at `path` relative to its checked folder, which `folder` keeps, and
+// `name` its entry there.
+int OpenChecked(const std::string& path, shared::CheckedFolder& folder, std::string& name,
+                struct stat& st) {
+    std::string folderPath;
+    if (!shared::SplitFolderAndName(path, folderPath, name)) {
+        throw std::runtime_error("Cannot open '" + path + "' : not a file name");
+    }
+    try {
+        folder = shared::CheckedFolder::Open(folderPath);
+    } catch (const std::exception& e) {
+        throw std::runtime_error("Cannot open '" + path + "' : " + e.what());
+    }
+    return OpenInFolder(folder.fd(), name, path, st);
 }
 
 int ToMilliseconds(const boost::posix_time::time_duration& period) {
@@ -85,9 +89,20 @@ PosixFileReader::PosixFileReader(const std::string& path, unsigned size,
       size_(size == 0 ? kDefaultChunk : size),
       periodMs_(ToMilliseconds(period)),
       logger_(log4cxx::Logger::getLogger("Slot.Reader")),
-      fd_(OpenChecked(path)),
+      fd_(-1),
+      isFifo_(false),
+      device_(0),
+      inode_(0),
+      refusedDevice_(0),
+      refusedInode_(0),
+      waitingUnsubscribers_(0),
       stopping_(false),
       pid_(::getpid()) {
+    struct stat st;
+    fd_ = OpenChecked(path, folder_, leaf_, st);
+    isFifo_ = S_ISFIFO(st.st_mode);
+    device_ = st.st_dev;
+    inode_ = st.st_ino;
     if (::pipe2(wakeFds_, O_NONBLOCK | O_CLOEXEC) != 0) {
         const int error = errno;
         ::close(fd_);
@@ -135,13 +150,27 @@ void PosixFileReader::subscribe(shared::ISubscriber* subscriber) {
     }
 }
 
+boost::recursive_mutex::scoped_lock PosixFileReader::LockForUnsubscribe() {
+    // Counted while waiting, so that the thread, which takes deliveryMutex_ again right after
+    // each delivery, lets it go first (the mutex is not fair).
+    ++waitingUnsubscribers_;
+    try {
+        boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+        --waitingUnsubscribers_;
+        return lock;
+    } catch (...) {
+        --waitingUnsubscribers_;
+        throw;
+    }
+}
+
 void PosixFileReader::unsubscribe(shared::ISubscriber* subscriber) {
-    boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+    boost::recursive_mutex::scoped_lock lock(LockForUnsubscribe());
     shared::Notifier::unsubscribe(subscriber);
 }
 
 void PosixFileReader::unsubscribeAll() {
-    boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+    boost::recursive_mutex::scoped_lock lock(LockForUnsubscribe());
     shared::Notifier::unsubscribeAll();
 }
 
@@ -152,9 +181,12 @@ void PosixFileReader::Wake() {
     }
 }
 
-bool PosixFileReader::WaitReadable(int timeoutMs, bool wantData) {
+bool PosixFileReader::WaitReadable(int timeoutMs, bool wantData, bool* idle) {
     pollfd fds[2] = {{wakeFds_[0], POLLIN, 0}, {fd_, POLLIN, 0}};
     const int r = ::poll(fds, wantData ? 2 : 1, timeoutMs);
+    if (idle != nullptr) {
+        *idle = r == 0;
+    }
     if (r > 0 && (fds[0].revents & POLLIN) != 0) {
         char drain[64];
         while (::read(wakeFds_[0], drain, sizeof(drain)) > 0) {
@@ -201,6 +233,9 @@ void PosixFileReader::ReadLoop() {
     shared::SizedArray buffer(size_);
     while (!stopping_) {
         boost::this_thread::interruption_point();
+        while (waitingUnsubscribers_ > 0 && !stopping_) {
+            boost::this_thread::yield();  // until they hold deliveryMutex_
+        }
         ssize_t n = 0;
         int error = 0;
         {
@@ -224,7 +259,10 @@ void PosixFileReader::ReadLoop() {
             // End of a regular file (a pipe held read-write never ends): look again later.
             Pause();
         } else if (error == EAGAIN || error == EINTR) {
-            WaitReadable(periodMs_, true);
+            bool idle = false;
+            if (WaitReadable(periodMs_, true, &idle) && idle) {
+                FollowPipeMadeAgain();
+            }
         } else {
             if (logger_->isErrorEnabled()) {
                 LOG4CXX_ERROR(logger_,
@@ -232,6 +270,65 @@ void PosixFileReader::ReadLoop() {
             }
             Pause();
         }
+    }
+}
+
+void PosixFileReader::FollowPipeMadeAgain() {
+    if (!isFifo_) {
+        return;
+    }
+    struct stat named;
+    if (::fstatat(folder_.fd(), leaf_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISFIFO(named.st_mode) || (named.st_dev == device_ && named.st_ino == inode_) ||
+        (named.st_dev == refusedDevice_ && named.st_ino == refusedInode_)) {
+        // Still our pipe, or only gone (it is kept: writers that hold it may still write), or
+        // something that was already refused.
+        return;
+    }
+    struct stat st;
+    int fd = -1;
+    try {
+        fd = OpenInFolder(folder_.fd(), leaf_, path_, st);
+    } catch (const std::exception& e) {
+        // Said once for each pipe refused, not on every idle wake-up.
+        refusedDevice_ = named.st_dev;
+        refusedInode_ = named.st_ino;
+        if (logger_->isErrorEnabled()) {
+            LOG4CXX_ERROR(logger_, "std::exception in '" << name_ << "' : " << e.what());
+        }
+        return;
+    }
+    if (!S_ISFIFO(st.st_mode)) {
+        ::close(fd);  // swapped meanwhile; looked at again at the next idle wake-up
+        return;
+    }
+    {
+        // What writers put into the old pipe before they moved on is delivered first.
+        boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
+        if (!hasSubscribers()) {
+            ::close(fd);  // nothing is read for nobody; looked at again with a subscriber
+            return;
+        }
+        shared::SizedArray buffer(size_);
+        for (;;) {
+            const ssize_t n = ::read(fd_, buffer.data(), size_);
+            if (n > 0) {
+                notify(name_, buffer.data(), static_cast<unsigned int>(n));
+                if (!hasSubscribers()) {
+                    ::close(fd);  // the rest waits in the old pipe for the next subscriber
+                    return;
+                }
+            } else if (n >= 0 || errno != EINTR) {
+                break;
+            }
+        }
+        ::close(fd_);
+        fd_ = fd;
+        device_ = st.st_dev;
+        inode_ = st.st_ino;
+    }
+    if (logger_->isInfoEnabled()) {
+        LOG4CXX_INFO(logger_, "Named pipe '" << path_ << "' was made again, reading the new one");
     }
 }
 

@@ -4,6 +4,7 @@
 #include <FileUtils/Export.h>
 
 #include <shared/Notifier.h>
+#include <shared/SharedFolder.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/thread/recursive_mutex.hpp>
@@ -31,6 +32,10 @@ namespace FileUtils {
 //   unchanged and in order.
 // - The pipe is opened relative to its checked folder (shared::CheckedFolder), without
 //   following a symlink, and must be a FIFO or a regular file of root or the user.
+// - A pipe removed and made again (by `slotctl rm --force` and a new reader or writer) is
+//   another pipe, into which writers go on: when the reader finds no data for `period`, it
+//   looks at the name and, when it leads to another FIFO, delivers what is left in the old pipe
+//   and reads the new one (logged at INFO). A pipe that is only gone is kept.
 // - The pipe is opened read-write and non-blocking. The reader thus counts as a writer too: it
 //   never sees end-of-file when a writer closes, and it goes on reading when a new writer
 //   opens the pipe. A regular file is read like `tail -f`: at its end the reader looks again
@@ -42,7 +47,9 @@ namespace FileUtils {
 //   "Slot.Reader" and followed by a pause of `period`; they do not end the thread.
 //
 // Concurrency: subscribers are called on the reader thread; the shared::Notifier operations
-// may be called from any thread. Final because the thread runs from the constructor on.
+// may be called from any thread. unsubscribe() and unsubscribeAll() wait for the delivery in
+// progress only, also while the pipe stays full. Final because the thread runs from the constructor
+// on.
 class FILEUTILS_EXPORT PosixFileReader final : public shared::Notifier {
 public:
     // Opens `path` (which must exist) and starts the thread; throws std::runtime_error when the
@@ -65,24 +72,38 @@ private:
     void Run();
     void ReadLoop();
     // Waits up to `timeoutMs` for data (or for ever when -1 and data is not wanted yet); false
-    // when the reader is being stopped.
-    bool WaitReadable(int timeoutMs, bool wantData);
+    // when the reader is being stopped. `idle` (when given) tells whether the time ran out.
+    bool WaitReadable(int timeoutMs, bool wantData, bool* idle = nullptr);
+    // When the pipe's name now leads to another FIFO (removed and made again), delivers what
+    // is left in the old one and reads the new one from then on.
+    void FollowPipeMadeAgain();
     void Pause();
     void Wake();
+    // Takes deliveryMutex_ for unsubscribe/unsubscribeAll, ahead of the thread.
+    boost::recursive_mutex::scoped_lock LockForUnsubscribe();
 
     const std::string path_;
     const std::string name_;
     const unsigned size_;
     const int periodMs_;
     log4cxx::LoggerPtr logger_;
+    shared::CheckedFolder folder_;  // the pipe's folder, checked at construction
+    std::string leaf_;              // the pipe's name in folder_
+    // The file read and its identity; changed only by the thread (when the pipe is made again).
     int fd_;
+    bool isFifo_;
+    dev_t device_;
+    ino_t inode_;
+    dev_t refusedDevice_;  // a pipe at the name that could not be opened, not tried again
+    ino_t refusedInode_;
     int wakeFds_[2];  // self-pipe: written by subscribe() and the destructor
     // Held by the thread while it checks for subscribers, reads and notifies, and by
     // unsubscribe/unsubscribeAll. Recursive: a subscriber may unsubscribe from inside onNotify.
     // Taken before the Notifier's own mutex.
     boost::recursive_mutex deliveryMutex_;
-    std::atomic<bool> stopping_;  // set by the destructor
-    const pid_t pid_;             // the process that made the reader and runs its thread
+    std::atomic<int> waitingUnsubscribers_;  // unsubscribe calls waiting for deliveryMutex_
+    std::atomic<bool> stopping_;             // set by the destructor
+    const pid_t pid_;                        // the process that made the reader and runs its thread
     boost::thread thread_;
 };
 

@@ -203,6 +203,8 @@ ISubscriberPtr SlotFactory::CreateSlotWriter(const ISlotConfiguration* cfg) {
         boost::shared_ptr<FileUtils::FSSAutoReopen> writer(
             new FileUtils::FSSAutoReopen(outputCfg, format));
         writer->SetWriteOutcomeName(cfg->GetName());
+        // Should the pipe be removed before the opening, no file is made in its place.
+        writer->SetNamedPipeOnly();
         writer->Reopen();
         return writer;
     }

@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <csignal>
@@ -129,13 +130,29 @@ TEST_F(PosixPipe, BytesOfWritersInOtherProcessesArriveInOrderAlsoAfterOneHasGone
     EXPECT_EQ(1u, readerLog.Count("DEBUG", "Reader thread stopped for '" + fifo.path + "'"));
 }
 
-// A pipe removed while a writer has it open: the writer keeps it (a file in its place would
-// stand in the way of the next reader). Made again by a new reader, it is another pipe, and the
-// writer's next block goes into that one, not into the old one that nobody reads.
-TEST_F(PosixPipe, AWriterFollowsItsPipeMadeAgainAndMakesNoFileInItsPlace) {
+// A pipe removed while a writer and a reader have it open: both keep it (a file in its place
+// would stand in the way of the next reader). Made again (by a new reader or writer), it is
+// another pipe: the writer's next block goes into that one, and the reader follows it there,
+// rather than either staying with the old pipe that nobody else uses. What the writer leaves
+// unread in the old pipe with no reader is reported lost.
+TEST_F(PosixPipe, WritersAndReadersFollowTheirPipeMadeAgainAndMakeNoFileInItsPlace) {
+    testsupport::LogCapture writerLog("Slot.Writer");
+    testsupport::LogCapture readerLog("Slot.Reader");
     PipeWriter w(fifo.path);
     ASSERT_EQ("", FileUtils::NamedPipeCreator::Remove(fifo.path));
     w.Write("lost with the old pipe");
+    // Neither reopening the gone pipe nor a pipe writer opening it for the first time (the pipe
+    // removed between its creation and the opening) makes a file in its place.
+    w.writer.Reopen();
+    FileUtils::FSSAutoReopen late(w.cfg, &shared::FormatNothing);
+    late.SetNamedPipeOnly();
+    try {
+        late.Reopen();
+        ADD_FAILURE() << "a missing pipe was opened";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ("Cannot open '" + fifo.path + "' : No such file or directory",
+                  std::string(e.what()));
+    }
     struct stat st;
     EXPECT_NE(0, ::lstat(fifo.path.c_str(), &st)) << "something was made in the pipe's place";
     ASSERT_TRUE(FileUtils::NamedPipeCreator::CreateIfNeeded(fifo.path));
@@ -144,7 +161,26 @@ TEST_F(PosixPipe, AWriterFollowsItsPipeMadeAgainAndMakesNoFileInItsPlace) {
     reader.subscribe(&got);
     w.Write("after");
     ASSERT_TRUE(got.WaitForBytes(5)) << "the block went into the removed pipe";
+
+    // Removed under the running reader (slotctl rm --force): both keep the gone pipe. Made
+    // again by a newcomer, the old writer and the reader move to it.
+    ASSERT_EQ("", FileUtils::NamedPipeCreator::Remove(fifo.path));
+    w.Write("kept");
+    ASSERT_TRUE(got.WaitForBytes(9));
+    ASSERT_TRUE(FileUtils::NamedPipeCreator::CreateIfNeeded(fifo.path));
+    PipeWriter newcomer(fifo.path);
+    newcomer.Write("new");
+    w.Write("again");
+    ASSERT_TRUE(got.WaitForBytes(17)) << "the reader stayed with the removed pipe";
     reader.unsubscribe(&got);
+    EXPECT_EQ("afterkeptnewagain", got.Stream());
+    EXPECT_EQ(1u, readerLog.Count("INFO", "Named pipe '" + fifo.path +
+                                              "' was made again, reading the new one"));
+    EXPECT_TRUE(readerLog.Messages("ERROR").empty());
+    // Only the first move left bytes behind: the reader had taken "kept" before the second.
+    EXPECT_EQ(std::vector<std::string>{"Closing named pipe '" + fifo.path +
+                                       "' that no reader has open: 22 unread bytes are lost"},
+              writerLog.Messages("WARN"));
 }
 
 // Every byte waiting in the pipe at `path` now, read through a descriptor of our own.
@@ -324,6 +360,44 @@ TEST_F(PosixPipe, BytesWaitForTheNextSubscriberAndTheReaderStopsPromptly) {
         }
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+}
+
+// Subscribers slower than the writer keep the reader busy all the time: unsubscribe and
+// unsubscribeAll still get their turn after the delivery in progress, not when the pipe runs dry.
+TEST_F(PosixPipe, UnsubscribingIsServedWhileSlowSubscribersKeepTheReaderBusy) {
+    testsupport::LogCapture writerLog("Slot.Writer");  // full-pipe drops are not the point
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        PipeWriter w(fifo.path);
+        w.writer.SetPipeFullTimeout(milliseconds(200));
+        const std::string block(1000, 'x');
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!stop && std::chrono::steady_clock::now() < end) {
+            w.Write(block);
+        }
+    });
+    testsupport::Collector slow;
+    testsupport::Collector slower;
+    // Busy for a while, as a subscriber that computes: the reader thread never sleeps.
+    slow.action = slower.action = [] {
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1);
+        while (std::chrono::steady_clock::now() < until) {
+        }
+    };
+    {
+        FileUtils::PosixFileReader reader(fifo.path, 16, milliseconds(10));
+        reader.subscribe(&slow);
+        reader.subscribe(&slower);
+        EXPECT_TRUE(slower.WaitForBytes(50 * 16));
+        auto start = std::chrono::steady_clock::now();
+        reader.unsubscribe(&slow);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+        start = std::chrono::steady_clock::now();
+        reader.unsubscribeAll();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+        stop = true;
+        writer.join();
+    }
 }
 
 }  // namespace
