@@ -309,18 +309,23 @@ void PosixFileReader::FollowPipeMadeAgain() {
             ::close(fd);  // nothing is read for nobody; looked at again with a subscriber
             return;
         }
-        shared::SizedArray buffer(size_);
-        for (;;) {
-            const ssize_t n = ::read(fd_, buffer.data(), size_);
-            if (n > 0) {
-                notify(name_, buffer.data(), static_cast<unsigned int>(n));
-                if (!hasSubscribers()) {
-                    ::close(fd);  // the rest waits in the old pipe for the next subscriber
-                    return;
+        try {
+            shared::SizedArray buffer(size_);
+            for (;;) {
+                const ssize_t n = ::read(fd_, buffer.data(), size_);
+                if (n > 0) {
+                    notify(name_, buffer.data(), static_cast<unsigned int>(n));
+                    if (!hasSubscribers()) {
+                        ::close(fd);  // the rest waits in the old pipe for the next subscriber
+                        return;
+                    }
+                } else if (n >= 0 || errno != EINTR) {
+                    break;
                 }
-            } else if (n >= 0 || errno != EINTR) {
-                break;
             }
+        } catch (...) {
+            ::close(fd);  // a subscriber threw: the new pipe is looked at again later
+            throw;
         }
         ::close(fd_);
         fd_ = fd;
