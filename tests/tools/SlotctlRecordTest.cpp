@@ -9,6 +9,7 @@
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
+#include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotSurvey.h>
 
@@ -782,6 +783,21 @@ std::vector<Logged> Spaced(const std::vector<std::string>& blocks, std::uint64_t
         messages.push_back({0, 1000000000ull + i * gapNs, blocks[i]});
     }
     return messages;
+}
+
+// A pool channel whose geometry fits no pool is refused before anything is made; in 32-bit
+// builds too, where a size of 33 bits must not wrap to a small one.
+TEST(SlotctlReplay, APoolChannelThatFitsNoPoolIsRefused) {
+    ScopedSlotName target("nopool");
+    const std::string path = Recorded({target}, Spaced({"b0"}, 1),
+                                      {{"object", "pool"},
+                                       {"kind", "queue"},
+                                       {"max_block_size", "4294967297"},
+                                       {"block_count", "4"}});
+    const Outcome refused = Slotctl({"replay", "--max", path});
+    Slot::PoolFactory::RemovePool(target);
+    EXPECT_EQ(1, refused.status) << refused.Describe();
+    EXPECT_THAT(refused.err, HasSubstr("its channel describes no valid pool ("));
 }
 
 TEST(SlotctlReplay, PacesSelectsTopicsAndLoops) {

@@ -32,6 +32,7 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -156,7 +157,10 @@ Slot::PoolConfig RecordedPool(const mcap::Channel& channel, const std::string& n
             it->second.size() > 12) {
             return 0;
         }
-        return static_cast<std::size_t>(std::stoull(it->second));
+        // Beyond what size_t holds (32-bit builds): no pool, not the value cut to its low bits.
+        const unsigned long long value = std::stoull(it->second);
+        return value > std::numeric_limits<std::size_t>::max() ? 0
+                                                               : static_cast<std::size_t>(value);
     };
     const auto kind = channel.metadata.find(meta::Kind);
     Slot::PoolConfig config{name, kind == channel.metadata.end() ? std::string() : kind->second,
