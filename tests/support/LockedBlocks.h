@@ -30,8 +30,8 @@ inline std::string ReadDirect(IBaseSlot& slot, size_t size = 0) {
     std::vector<char> buffer(size != 0 ? size : std::max<size_t>(1, slot.GetMaxDataSize()));
     const size_t n = slot.ReadData(buffer.data(), buffer.size());
     if (n > buffer.size()) {  // a count beyond the copy: fails any comparison, and says why
-        return "<ReadData returned " + std::to_string(n) + " for " +
-               std::to_string(buffer.size()) + " bytes>";
+        return "<ReadData returned " + std::to_string(n) + " for " + std::to_string(buffer.size()) +
+               " bytes>";
     }
     return std::string(buffer.data(), n);
 }
