@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
@@ -298,40 +299,17 @@ void PosixFileReader::FollowPipeMadeAgain() {
         }
         return;
     }
-    if (!S_ISFIFO(st.st_mode)) {
-        ::close(fd);  // swapped meanwhile; looked at again at the next idle wake-up
+    int unread = 0;
+    if (!S_ISFIFO(st.st_mode) || ::ioctl(fd_, FIONREAD, &unread) != 0 || unread > 0) {
+        // Swapped meanwhile, or bytes came into the old pipe after all: those are read first,
+        // and the name is looked at again at the next idle wake-up.
+        ::close(fd);
         return;
     }
-    {
-        // What writers put into the old pipe before they moved on is delivered first.
-        boost::recursive_mutex::scoped_lock lock(deliveryMutex_);
-        if (!hasSubscribers()) {
-            ::close(fd);  // nothing is read for nobody; looked at again with a subscriber
-            return;
-        }
-        try {
-            shared::SizedArray buffer(size_);
-            for (;;) {
-                const ssize_t n = ::read(fd_, buffer.data(), size_);
-                if (n > 0) {
-                    notify(name_, buffer.data(), static_cast<unsigned int>(n));
-                    if (!hasSubscribers()) {
-                        ::close(fd);  // the rest waits in the old pipe for the next subscriber
-                        return;
-                    }
-                } else if (n >= 0 || errno != EINTR) {
-                    break;
-                }
-            }
-        } catch (...) {
-            ::close(fd);  // a subscriber threw: the new pipe is looked at again later
-            throw;
-        }
-        ::close(fd_);
-        fd_ = fd;
-        device_ = st.st_dev;
-        inode_ = st.st_ino;
-    }
+    ::close(fd_);
+    fd_ = fd;
+    device_ = st.st_dev;
+    inode_ = st.st_ino;
     if (logger_->isInfoEnabled()) {
         LOG4CXX_INFO(logger_, "Named pipe '" << path_ << "' was made again, reading the new one");
     }

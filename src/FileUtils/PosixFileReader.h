@@ -48,8 +48,8 @@ namespace FileUtils {
 //
 // Concurrency: subscribers are called on the reader thread; the shared::Notifier operations
 // may be called from any thread. unsubscribe() and unsubscribeAll() wait for the delivery in
-// progress only, also while the pipe stays full. Final because the thread runs from the constructor
-// on.
+// progress only, also while the pipe stays full. Final because the thread runs from the
+// constructor on.
 class FILEUTILS_EXPORT PosixFileReader final : public shared::Notifier {
 public:
     // Opens `path` (which must exist) and starts the thread; throws std::runtime_error when the
@@ -74,8 +74,8 @@ private:
     // Waits up to `timeoutMs` for data (or for ever when -1 and data is not wanted yet); false
     // when the reader is being stopped. `idle` (when given) tells whether the time ran out.
     bool WaitReadable(int timeoutMs, bool wantData, bool* idle = nullptr);
-    // When the pipe's name now leads to another FIFO (removed and made again), delivers what
-    // is left in the old one and reads the new one from then on.
+    // When the pipe's name now leads to another FIFO (removed and made again) and nothing is
+    // left in the old one, reads the new one from then on.
     void FollowPipeMadeAgain();
     void Pause();
     void Wake();
