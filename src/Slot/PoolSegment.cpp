@@ -106,12 +106,6 @@ void UnlockByte(int fd, std::uint64_t byte) {
     LockOneByte(fd, F_UNLCK, byte);
 }
 
-std::string Octal(mode_t mode) {
-    char text[8];
-    ::snprintf(text, sizeof(text), "%04o", static_cast<unsigned>(mode));
-    return text;
-}
-
 [[noreturn]] void Refuse(const std::string& name, const std::string& why) {
     throw AbortSlotCreationException("Cannot open pool '" + name + "': " + why);
 }
@@ -491,7 +485,7 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
     }
     if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         if (st.st_uid != ::geteuid() || ::fchmod(fd.fd, 0644) != 0) {
-            Refuse(name, "others may write the file (mode " + Octal(st.st_mode & 07777) + ")");
+            Refuse(name, "others may write the file (mode " + shared::ModeText(st.st_mode) + ")");
         }
     }
     const std::uint64_t fileSize = static_cast<std::uint64_t>(st.st_size);

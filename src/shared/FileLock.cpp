@@ -12,7 +12,6 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -137,10 +136,8 @@ FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary) {
         fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | common);
     }
     if (fd < 0 && errno == EACCES) {
-        char mode[8];
-        std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned int>(st.st_mode & 07777));
         Throw("Cannot open lock file '" + path + "' : it belongs to uid " +
-              std::to_string(st.st_uid) + " with mode " + mode +
+              std::to_string(st.st_uid) + " with mode " + ModeText(st.st_mode) +
               ", which no reader of another user can use; its owner or root can remove it");
     }
     if (fd < 0) {

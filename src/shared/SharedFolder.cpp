@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
@@ -90,6 +91,12 @@ void CreateFolder(int parent, const std::string& name, mode_t mode, const std::s
 
 bool OwnedByRootOrMe(const struct stat& st) {
     return st.st_uid == 0 || st.st_uid == ::geteuid();
+}
+
+std::string ModeText(mode_t mode) {
+    char text[8];
+    std::snprintf(text, sizeof(text), "%04o", static_cast<unsigned int>(mode & 07777));
+    return text;
 }
 
 bool SplitFolderAndName(const std::string& path, std::string& folder, std::string& name) {

@@ -52,4 +52,7 @@ SHARED_EXPORT bool SplitFolderAndName(const std::string& path, std::string& fold
 // True when `st` belongs to root or to the effective user.
 SHARED_EXPORT bool OwnedByRootOrMe(const struct stat& st);
 
+// The permission bits of `mode` as four octal digits ("0644"), as error texts show them.
+SHARED_EXPORT std::string ModeText(mode_t mode);
+
 }  // namespace shared
