@@ -152,7 +152,7 @@ FSBase::~FSBase() {
 
 void FSBase::Reopen() {
     boost::mutex::scoped_lock lock(mutex_);
-    ReopenLocked();
+    OpenLocked(MakeFileName());
 }
 
 bool FSBase::IsOpen() const {
@@ -175,16 +175,23 @@ void FSBase::SetPipeFullTimeout(const boost::posix_time::time_duration& timeout)
     pipeFullTimeout_ = timeout;
 }
 
+boost::posix_time::ptime FSBase::FileNameTime() const {
+    return boost::posix_time::second_clock::universal_time();
+}
+
 std::string FSBase::MakeFileName() const {
     if (!timestamped_) {
         return base_;
     }
-    return base_ + "_" +
-           boost::posix_time::to_iso_string(boost::posix_time::second_clock::universal_time());
+    return base_ + "_" + boost::posix_time::to_iso_string(FileNameTime());
 }
 
 void FSBase::ReopenLocked() {
-    const std::string name = MakeFileName();
+    // The name it has: a time-stamped output goes on in the same chain of rotated files.
+    OpenLocked(fileName_.empty() ? MakeFileName() : fileName_);
+}
+
+void FSBase::OpenLocked(const std::string& name) {
     std::string folderPath;
     std::string leaf;
     if (!shared::SplitFolderAndName(name, folderPath, leaf)) {
@@ -608,8 +615,10 @@ void FSBase::RotateLocked() {
     if (moved && logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "Rotated '" << current << "' to '" << rotated << "'");
     }
+    // The same name again (a time-stamped one included): its older files are the ones that were
+    // just moved up, so the number of files stays bounded by the maximum index.
     try {
-        ReopenLocked();
+        OpenLocked(current);
     } catch (const std::exception& e) {
         if (logger_->isErrorEnabled()) {
             LOG4CXX_ERROR(logger_, "Cannot reopen after rotation : " << e.what());

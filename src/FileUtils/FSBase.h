@@ -23,8 +23,10 @@ namespace FileUtils {
 // An output file described by an IFileOutputCfg, written block by block with write(2).
 //
 // File name: the configured base, with "_<YYYYMMDDTHHMMSS>" (UTC, at opening) appended when
-// the time-stamped flag is set. The format name of the configuration is not used: the
-// formatting is the function given to FStreamSubscriber.
+// the time-stamped flag is set. The time stamp is taken by Reopen() (and by the first opening
+// of an FSSAutoReopen); automatic reopenings keep the name the output has (rotation: below). The
+// format name of the configuration is not used: the formatting is the function given to
+// FStreamSubscriber.
 //
 // Opening: the folder is a shared::CheckedFolder (real folders of root or the user down from
 // the root, sticky where others may write) and the file is opened relative to it with
@@ -42,7 +44,9 @@ namespace FileUtils {
 // - never grow beyond the configured maximum size (0 = no limit). A block that would cross
 //   it is refused with a WARN when rotation is off. With rotation on, the file is first renamed
 //   to "<file>.0" (older ones move up to "<file>.<max file index>", the oldest is removed) and a
-//   new file is started. A block larger than the maximum on its own is refused with a WARN.
+//   new file is started. A time-stamped output keeps its name across rotations, so each name
+//   is one chain of at most <max file index> + 2 files and only Reopen() starts another.
+//   A block larger than the maximum on its own is refused with a WARN.
 //   Blocks are never split: when a write fails part way (ENOSPC, EFBIG), the part written is
 //   cut off again, so the file ends with whole blocks and a reopening appends after them.
 //
@@ -92,8 +96,8 @@ public:
     FSBase& operator=(const FSBase&) = delete;
 
     // Opens the configured file, or opens it anew (an open stream is closed only after the new
-    // one is open). Throws std::runtime_error when it cannot be opened; an open stream is then
-    // kept.
+    // one is open); a time-stamped output takes a new time stamp. Throws std::runtime_error when
+    // it cannot be opened; an open stream is then kept.
     virtual void Reopen();
 
     bool IsOpen() const;
@@ -125,12 +129,21 @@ protected:
     // stream writes to is still the one that the file name leads to.
     bool IsOpenLocked() const { return fd_ >= 0; }
     bool FileIsStillInPlaceLocked() const;
+    // Opens the stream again under the name it has (a new name only when it never had one), for
+    // a file that was moved away or a stream closed after a failure.
     void ReopenLocked();
+
+    // The time put into a time-stamped file name: now, UTC, to the second. Called under the
+    // lock.
+    virtual boost::posix_time::ptime FileNameTime() const;
 
     log4cxx::LoggerPtr logger_;
 
 private:
+    // The name of a new opening: the base, time-stamped when configured.
     std::string MakeFileName() const;
+    // Opens `name` as the stream (see Reopen).
+    void OpenLocked(const std::string& name);
     // Waits until the pipe has room for `size` bytes, up to `timeoutMs`; false when it has not.
     bool WaitForPipeRoomLocked(size_t size, size_t pageSize, long long timeoutMs);
     // Whether `pages` pages of a pipe holding `unread` bytes take a block of `size` bytes; drops

@@ -10,12 +10,15 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/thread.hpp>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -202,6 +205,80 @@ TEST(FStreamSubscriber, RotationKeepsTheNewestFilesUpToTheMaximumIndex) {
     EXPECT_EQ(1u, log.Count("WARN", "'" + file +
                                         "' reached its maximum size of 10 bytes, block of 6 bytes "
                                         "dropped"));
+}
+
+// An output whose time-stamped names take the time the test sets instead of the clock's.
+template <class Output>
+class Clocked : public Output {
+public:
+    explicit Clocked(const IFileOutputCfg& cfg) : Output(cfg, &shared::FormatNothing) {}
+    boost::posix_time::ptime now = boost::posix_time::from_iso_string("20300102T030405");
+
+private:
+    boost::posix_time::ptime FileNameTime() const override { return now; }
+};
+
+// The files of the test's folder whose names begin with `base`, sorted; each is removed when
+// the test ends.
+std::vector<std::string> FilesOf(filetest::ScopedPaths& cleanup, const std::string& base) {
+    const std::string folder = base.substr(0, base.rfind('/') + 1);
+    const std::string stem = base.substr(folder.size());
+    std::vector<std::string> found;
+    DIR* dir = ::opendir(folder.c_str());
+    for (dirent* entry; dir != nullptr && (entry = ::readdir(dir)) != nullptr;) {
+        if (std::string(entry->d_name).compare(0, stem.size(), stem) == 0) {
+            found.push_back(cleanup.Add(folder + entry->d_name));
+        }
+    }
+    if (dir != nullptr) {
+        ::closedir(dir);
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+// A time-stamped output keeps its name when it rotates, however the clock moves meanwhile: its
+// files rotate as one chain, the oldest goes, and the folder holds at most the maximum index + 2
+// of them. An automatic reopening keeps the name too; only Reopen() takes a new time stamp and
+// starts another chain, leaving the first as it was.
+TEST(FStreamSubscriber, ATimeStampedOutputRotatesOneChainUntilReopened) {
+    testsupport::LogCapture log("Slot.Writer");
+    filetest::ScopedPaths cleanup;
+    const std::string base = NewFile(cleanup, "stamped");
+    const std::string first = base + "_20300102T030405";
+    Clocked<FileUtils::FStreamSubscriber> s(TestOutputCfg(base, true, true, 10, 1, true));
+    s.Reopen();
+    for (const char c : std::string("abcde")) {
+        s.now += boost::posix_time::seconds(1);
+        Send(s, std::string(6, c));
+    }
+    EXPECT_EQ(first, s.GetFileName());
+    EXPECT_EQ((std::vector<std::string>{first, first + ".0", first + ".1"}),
+              FilesOf(cleanup, base));
+    EXPECT_EQ("eeeeee", ReadFile(first));
+    EXPECT_EQ("dddddd", ReadFile(first + ".0"));
+    EXPECT_EQ("cccccc", ReadFile(first + ".1"));
+
+    s.Reopen();
+    const std::string second = base + "_20300102T030410";
+    Send(s, "ffffff");
+    EXPECT_EQ((std::vector<std::string>{first, first + ".0", first + ".1", second}),
+              FilesOf(cleanup, base));
+    EXPECT_EQ("ffffff", ReadFile(second));
+    EXPECT_EQ("eeeeee", ReadFile(first));
+
+    Clocked<FileUtils::FSSAutoReopen> a(TestOutputCfg(base + "-auto", true, false, 0, 0, true));
+    const std::string autoName = base + "-auto_20300102T030405";
+    Send(a, "g");
+    a.now += boost::posix_time::seconds(1);
+    const std::string moved = cleanup.Add(base + "-moved");
+    ASSERT_EQ(0, std::rename(autoName.c_str(), moved.c_str()));
+    Send(a, "h");
+    EXPECT_EQ((std::vector<std::string>{autoName}), FilesOf(cleanup, base + "-auto"));
+    EXPECT_EQ("h", ReadFile(autoName));
+    EXPECT_EQ("g", ReadFile(moved));
+    EXPECT_TRUE(log.Messages("WARN").empty());
+    EXPECT_TRUE(log.Messages("ERROR").empty());
 }
 
 // A write that fails part way (here at the process's file size limit, EFBIG) leaves no part of

@@ -17,8 +17,9 @@ namespace filetest {
 class TestOutputCfg : public IFileOutputCfg {
 public:
     TestOutputCfg(const std::string& file, bool append, bool rotate, size_t maxSize,
-                  unsigned int maxFileIndex)
+                  unsigned int maxFileIndex, bool timestamped = false)
         : file_(file),
+          timestamped_(timestamped),
           append_(append),
           rotate_(rotate),
           maxSize_(maxSize),
@@ -26,7 +27,7 @@ public:
 
     std::string GetTargetFilenameBase() const override { return file_; }
     std::string GetFormat() const override { return ""; }
-    bool GetTimestampedFilenameFlag() const override { return false; }
+    bool GetTimestampedFilenameFlag() const override { return timestamped_; }
     bool GetAppendFlag() const override { return append_; }
     bool GetRotateFlag() const override { return rotate_; }
     size_t GetMaxSize() const override { return maxSize_; }
@@ -34,6 +35,7 @@ public:
 
 private:
     std::string file_;
+    bool timestamped_;
     bool append_;
     bool rotate_;
     size_t maxSize_;
