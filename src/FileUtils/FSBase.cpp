@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -276,7 +277,14 @@ void FSBase::CloseStreamLocked(int fd, bool isFifo, const std::string& fileName)
         readerLeft = ::poll(&p, 1, 0) >= 0 && (p.revents & POLLERR) == 0;
         ::close(probe);
     }
-    if (!readerLeft && logger_->isWarnEnabled()) {
+    if (readerLeft) {
+        return;
+    }
+    // Counted whatever the log level: programs learn of the loss from the counts.
+    if (writeCounters_ != nullptr) {
+        shared::RecordBytesLostAtClose(writeCounters_, static_cast<std::uint64_t>(unread));
+    }
+    if (logger_->isWarnEnabled()) {
         LOG4CXX_WARN(logger_, "Closing named pipe '" << fileName << "' that no reader has open: "
                                                      << unread << " unread bytes are lost");
     }

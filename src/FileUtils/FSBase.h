@@ -78,7 +78,8 @@ namespace FileUtils {
 // - bytes still unread when the writer closes the pipe, or leaves it for a pipe made again at
 //   its name, are lost if no other process has it open for reading: the kernel frees a pipe
 //   with its last descriptor. The writer finds out when it closes and then logs how many bytes
-//   are lost, at WARN.
+//   are lost, at WARN, and adds them to the slot's WriteCounts::bytesLostAtClose (see
+//   SetWriteOutcomeName).
 // - the maximum size and rotation do not apply.
 // Other files (character devices) are written without limit.
 //
@@ -114,7 +115,8 @@ public:
     void SetPipeFullTimeout(const boost::posix_time::time_duration& timeout);
 
     // Records the outcome of every following block for the slot `slotName` (see
-    // <shared/WriteOutcome.h>); the factory names the writers of posix-pipe slots so.
+    // <shared/WriteOutcome.h>), and the unread bytes a named pipe loses when it is closed; the
+    // factory names the writers of posix-pipe slots so.
     void SetWriteOutcomeName(const std::string& slotName);
 
 protected:

@@ -28,6 +28,9 @@
 /// - `Failed`: discarding and reliable: queue error; posix-pipe: write error, the pipe is not
 ///   open, or part of a block dropped.
 ///
+/// A posix-pipe's stored blocks are lost later when its writer closes the pipe while no reader
+/// has it open: `WriteCounts::bytesLostAtClose` adds up those bytes (0 for the other kinds).
+///
 /// The last outcome belongs to the calling thread (a write made by a reader thread or a
 /// notifier's thread is seen there). The counts are per slot name and per process, summed
 /// over every writer of the process, and never reset while it runs; a child forked without exec

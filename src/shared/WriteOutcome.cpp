@@ -15,6 +15,7 @@ public:
     std::atomic<std::uint64_t> discarded{0};
     std::atomic<std::uint64_t> refused{0};
     std::atomic<std::uint64_t> failed{0};
+    std::atomic<std::uint64_t> bytesLostAtClose{0};
 };
 
 namespace {
@@ -38,6 +39,7 @@ void ZeroCountsInChild() {
         c.discarded.store(0, std::memory_order_relaxed);
         c.refused.store(0, std::memory_order_relaxed);
         c.failed.store(0, std::memory_order_relaxed);
+        c.bytesLostAtClose.store(0, std::memory_order_relaxed);
     }
 }
 
@@ -81,6 +83,10 @@ void RecordWriteOutcome(WriteCounters* counters, WriteOutcome outcome) {
     counter->fetch_add(1, std::memory_order_relaxed);
 }
 
+void RecordBytesLostAtClose(WriteCounters* counters, std::uint64_t bytes) {
+    counters->bytesLostAtClose.fetch_add(bytes, std::memory_order_relaxed);
+}
+
 WriteOutcome LastWriteOutcome() {
     return lastOutcome;
 }
@@ -95,6 +101,7 @@ WriteCounts GetWriteCounts(const std::string& slotName) {
         counts.discarded = Load(c.discarded);
         counts.refused = Load(c.refused);
         counts.failed = Load(c.failed);
+        counts.bytesLostAtClose = Load(c.bytesLostAtClose);
     }
     return counts;
 }

@@ -25,13 +25,17 @@ enum class WriteOutcome : unsigned char {
 };
 
 /// Counts of the outcomes of writes made by this process into one slot, since the process
-/// started (a forked child starts from zero). The four counts are read one after the other, not as
+/// started (a forked child starts from zero). The counts are read one after the other, not as
 /// one snapshot.
 struct WriteCounts {
     std::uint64_t stored = 0;     ///< WriteOutcome::Stored
     std::uint64_t discarded = 0;  ///< WriteOutcome::Discarded
     std::uint64_t refused = 0;    ///< WriteOutcome::Refused
     std::uint64_t failed = 0;     ///< WriteOutcome::Failed
+    /// Bytes of stored writes that were lost afterwards: a named-pipe writer closed its pipe, or
+    /// left it for a pipe made again at its name, while no reader had it open, so the kernel
+    /// freed what nobody had read. Those writes still count as stored.
+    std::uint64_t bytesLostAtClose = 0;
 
     /// Every write counted.
     std::uint64_t Total() const { return stored + discarded + refused + failed; }
@@ -49,6 +53,10 @@ SHARED_EXPORT WriteCounters* WriteCountersFor(const std::string& slotName);
 /// Records one write: sets this thread's last outcome and counts it for the slot (relaxed
 /// atomic increments; safe from any thread). `outcome` None is ignored.
 SHARED_EXPORT void RecordWriteOutcome(WriteCounters* counters, WriteOutcome outcome);
+
+/// Adds `bytes` to the slot's WriteCounts::bytesLostAtClose (a relaxed atomic increment; safe
+/// from any thread). The thread's last outcome does not change: no write was made.
+SHARED_EXPORT void RecordBytesLostAtClose(WriteCounters* counters, std::uint64_t bytes);
 
 /// The outcome of the last write this thread made into any slot; None before the first.
 SHARED_EXPORT WriteOutcome LastWriteOutcome();

@@ -76,6 +76,7 @@ TEST_F(PosixPipe, WriterWithoutReaderNeitherHangsNorDiesAndReportsWhatItDrops) {
             testsupport::LogCapture log("Slot.Writer");
             {
                 PipeWriter w(fifo.path);
+                w.writer.SetWriteOutcomeName(fifo.name);
                 w.writer.SetPipeFullTimeout(milliseconds(100));
                 for (int i = 0; i < kBlocks; ++i) {
                     w.Write(std::string(4096, 'x'));
@@ -83,11 +84,17 @@ TEST_F(PosixPipe, WriterWithoutReaderNeitherHangsNorDiesAndReportsWhatItDrops) {
             }
             const size_t dropped = log.Count(
                 "WARN", "Named pipe '" + fifo.path + "' is full, block of 4096 bytes dropped");
-            // Nobody reads: what the pipe holds is lost with it, and that is reported.
+            // Nobody reads: what the pipe holds is lost with it, and that is reported, in the log
+            // and in the counts, which still count the blocks as stored.
             const size_t closing = log.CountPrefix(
                 "WARN", "Closing named pipe '" + fifo.path + "' that no reader has open: ");
-            if (dropped == 0 || dropped == static_cast<size_t>(kBlocks)) {
+            const shared::WriteCounts counts = shared::GetWriteCounts(fifo.name);
+            if (dropped == 0 || dropped == static_cast<size_t>(kBlocks) ||
+                counts.stored != kBlocks - dropped) {
                 return 4;
+            }
+            if (counts.bytesLostAtClose != counts.stored * 4096) {
+                return 6;
             }
             return closing == 1 ? 0 : 5;
         },
@@ -139,6 +146,7 @@ TEST_F(PosixPipe, WritersAndReadersFollowTheirPipeMadeAgainAndMakeNoFileInItsPla
     testsupport::LogCapture writerLog("Slot.Writer");
     testsupport::LogCapture readerLog("Slot.Reader");
     PipeWriter w(fifo.path);
+    w.writer.SetWriteOutcomeName(fifo.name);
     ASSERT_EQ("", FileUtils::NamedPipeCreator::Remove(fifo.path));
     w.Write("lost with the old pipe");
     // Neither reopening the gone pipe nor a pipe writer opening it for the first time (the pipe
@@ -181,6 +189,7 @@ TEST_F(PosixPipe, WritersAndReadersFollowTheirPipeMadeAgainAndMakeNoFileInItsPla
     EXPECT_EQ(std::vector<std::string>{"Closing named pipe '" + fifo.path +
                                        "' that no reader has open: 22 unread bytes are lost"},
               writerLog.Messages("WARN"));
+    EXPECT_EQ(22u, shared::GetWriteCounts(fifo.name).bytesLostAtClose);
 }
 
 // Every byte waiting in the pipe at `path` now, read through a descriptor of our own.
