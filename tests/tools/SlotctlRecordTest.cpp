@@ -9,6 +9,7 @@
 #include "ShmHygiene.h"
 #include "SlotctlRunner.h"
 
+#include <FileUtils/NamedPipeCreator.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/SlotSurvey.h>
@@ -906,6 +907,20 @@ TEST(SlotctlReplay, AFullSlotIsWaitedForWithoutAWarningPerRetry) {
         << read.Describe();
     EXPECT_EQ(0, run.status) << run.Describe();
     EXPECT_THAT(run.err, AllOf(Not(HasSubstr("is full")), HasSubstr(" refused writes retried")));
+}
+
+// Blocks replayed into a posix-pipe that nobody reads are lost when replay closes it: said in the
+// pipe's line, status 1.
+TEST(SlotctlReplay, BytesAPipeLosesUnreadAtTheEndAreReported) {
+    ScopedSlotName name("replaypipe");
+    const std::string path =
+        Recorded({name}, Spaced({"ab", "cde"}, 1000), {{"kind", "posix-pipe"}});
+    const Outcome run = Slotctl({"replay", "--max", path});
+    ::unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str());
+    EXPECT_EQ(1, run.status) << run.Describe();
+    EXPECT_THAT(run.err, HasSubstr("slotctl: replayed 2 blocks into '" + name.str() +
+                                   "' (posix-pipe), 5 unread bytes lost: no reader had the pipe "
+                                   "open when it was closed\n"));
 }
 
 // read FILE.mcap whose output fails says so and fails.

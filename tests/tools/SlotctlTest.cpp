@@ -326,6 +326,24 @@ TEST(SlotctlReadWrite, RefusedAndDiscardedBlocksAreReportedAsTheLibraryLogsThem)
     EXPECT_THAT(quiet.err,
                 AllOf(Not(HasSubstr("is full")),
                       HasSubstr("3 blocks to '" + silenced.str() + "' (reliable): 2 refused")));
+
+    // A posix-pipe that nobody reads takes the block, but closing it loses the block: not "all
+    // stored", status 1; with the log silenced as well.
+    ScopedSlotName unread("unread");
+    const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(unread);
+    const std::string lost = "slotctl: 1 block to '" + unread.str() +
+                             "' (posix-pipe): 5 unread bytes lost: no reader had the pipe open "
+                             "when it was closed\n";
+    const Outcome closed = Slotctl({"write", unread.str(), "--type", "posix-pipe", "hello"});
+    EXPECT_EQ(1, closed.status) << closed.Describe();
+    EXPECT_EQ("slotctl: WARN [Slot.Writer] Closing named pipe '" + pipe +
+                  "' that no reader has open: 5 unread bytes are lost\n" + lost,
+              closed.err);
+    const Outcome closedQuietly =
+        Slotctl({"--log-config", config, "write", unread.str(), "--type", "posix-pipe", "hello"});
+    EXPECT_EQ(1, closedQuietly.status) << closedQuietly.Describe();
+    EXPECT_EQ(lost, closedQuietly.err);
+    ::unlink(pipe.c_str());
 }
 
 // A reliable slot holding the blocks "0", "1", ... "<count - 1>"; the lines read prints for them.

@@ -260,7 +260,10 @@ std::string ByteText(std::uint64_t bytes) {
 }
 
 RetryingWriter::RetryingWriter(const ISlotConfiguration& cfg, Waits waits)
-    : name_(cfg.GetName()), maxSize_(cfg.GetMaxSize()), waits_(waits) {
+    : name_(cfg.GetName()),
+      maxSize_(cfg.GetMaxSize()),
+      waits_(waits),
+      lostAtCloseBefore_(Slot::GetWriteCounts(cfg.GetName()).bytesLostAtClose) {
     // A shared-memory slot is kept itself, for its lock and its count of waiting blocks; it is
     // written as SlotWriter writes (Plain) or with the interruptible lock below. A posix-pipe
     // gets the factory's writer, whose waits are bounded by the pipe's own time-out. The helper
@@ -306,6 +309,15 @@ RetryingWriter::RetryingWriter(const Slot::PoolConfig& config)
     } catch (const std::exception& e) {
         throw CommandError(ExitFailure, "cannot write to " + Quote(name_) + ": " + e.what());
     }
+}
+
+void RetryingWriter::Close() {
+    writer_.reset();
+    slot_.reset();
+}
+
+std::uint64_t RetryingWriter::BytesLostAtClose() const {
+    return Slot::GetWriteCounts(name_).bytesLostAtClose - lostAtCloseBefore_;
 }
 
 bool RetryingWriter::Room() const {
@@ -632,8 +644,9 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
 
     bool abandoned = false;
     for (const auto& item : writers) {
-        const RetryingWriter& writer = *item.second;
+        RetryingWriter& writer = *item.second;
         abandoned = abandoned || writer.Abandoned();
+        writer.Close();
         std::cerr << "slotctl: replayed " << writer.Stored() << " block"
                   << (writer.Stored() == 1 ? "" : "s") << " into " << Quote(item.first) << " ("
                   << kinds[item.first] << ")";
@@ -642,6 +655,10 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
         }
         if (writer.Lost() != 0) {
             std::cerr << ", " << writer.Lost() << " not written (too large, failed or interrupted)";
+            status = std::max(status, static_cast<int>(ExitFailure));
+        }
+        if (writer.BytesLostAtClose() != 0) {
+            std::cerr << ", " << PipeLossText(writer.BytesLostAtClose());
             status = std::max(status, static_cast<int>(ExitFailure));
         }
         std::cerr << std::endl;

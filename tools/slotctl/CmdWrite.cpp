@@ -290,15 +290,21 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
         writer.reset();
     }
     // The library, or for a pool's refusal this command, has printed a line for each of these
-    // as it happened.
+    // as it happened. A posix-pipe's writer has been closed above: bytes that nobody read from
+    // it are lost with it.
     const Slot::WriteCounts after = Slot::GetWriteCounts(name);
     const std::uint64_t problems = after.NotStored() - before.NotStored();
     const std::uint64_t discarded = after.discarded - before.discarded;
+    const std::uint64_t lostAtClose = after.bytesLostAtClose - before.bytesLostAtClose;
     std::string summary = Plural(blocks, "block") + " to " + Quote(name) + " (" + kind + ")";
-    if (problems == 0) {
+    if (problems == 0 && lostAtClose == 0) {
         summary += ": all stored";
-    } else {
+    }
+    if (problems != 0) {
         summary += ": " + std::to_string(problems) + " refused, dropped or failed (see above)";
+    }
+    if (lostAtClose != 0) {
+        summary += (problems == 0 ? ": " : "; ") + PipeLossText(lostAtClose);
     }
     if (discarded != 0) {
         summary += "; " + Plural(discarded, "waiting block") + " discarded";
@@ -314,7 +320,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     if (stopped) {
         return ExitInterrupted;
     }
-    return problems == 0 ? ExitOk : ExitFailure;
+    return problems == 0 && lostAtClose == 0 ? ExitOk : ExitFailure;
 }
 
 }  // namespace slotctl

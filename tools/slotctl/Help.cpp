@@ -114,7 +114,8 @@ by the library's factory. The slot is created when it does not exist.
 The library's warnings about refused or dropped blocks ("Queue in '<name>' is full, the data
 was not written", "One data block discarded from <name>", a full named pipe...) are printed
 as it logs them, followed by a summary line. Status 1 when a block was refused, dropped or
-failed; discarding a waiting block is how a discarding slot works and is not a failure.
+failed, or when a posix-pipe still held bytes as it was closed with no reader (lost with it);
+discarding a waiting block is how a discarding slot works and is not a failure.
   --pool, --slot    which one NAME means when it is both (see slotctl help); a pool is
                     written through a pool writer, one copy into a loaned block
 )HELP";
@@ -285,7 +286,8 @@ say). A pool's channel goes into a pool, made with the recorded kind, block size
 count when missing, and written through loans; a slot's blocks never go into a name that is
 only a pool, nor a pool's into a slot. A block refused (a full reliable slot or queue pool, a
 pool without a free block) is retried until stored, and counted; nothing is dropped silently.
-The end prints blocks and retries per slot or pool.
+The end prints blocks and retries per slot or pool, and the bytes a posix-pipe still held as it
+was closed with no reader (lost with it: status 1).
   --map OLD=NEW      replay channel OLD into slot or pool NEW (may be repeated)
   --rate X           X times the recorded pace (default 1: as recorded); a wait of 10 s or
                      more for the next block is announced with how long it is

@@ -81,6 +81,10 @@ public:
     std::uint64_t Stored() const { return stored_; }
     std::uint64_t Retries() const { return retries_; }
     std::uint64_t Lost() const { return lost_; }  // too large or failed
+    // Closes the writer after the last Write. A posix-pipe's bytes that no reader has taken are
+    // lost then; BytesLostAtClose() tells how many.
+    void Close();
+    std::uint64_t BytesLostAtClose() const;
     // A stop signal ended a wait for the slot's lock: a helper thread is still blocked on it, so
     // the process must end with LeaveNow.
     bool Abandoned() const { return abandoned_; }
@@ -102,6 +106,8 @@ private:
     std::uint64_t capacity_ = 0;     // a reliable slot's queue, in blocks; 0 when not known
     boost::shared_ptr<Slot::PoolWriter> pool_;
     std::uint64_t stored_ = 0, retries_ = 0, lost_ = 0;
+    // The process's count of the name's bytes lost at close before this writer was made.
+    std::uint64_t lostAtCloseBefore_ = 0;
 };
 
 // read FILE.mcap and info FILE.mcap.

@@ -135,4 +135,9 @@ std::string HeldLockNote(const std::string& name) {
     return "";
 }
 
+std::string PipeLossText(std::uint64_t bytes) {
+    return std::to_string(bytes) + (bytes == 1 ? " unread byte" : " unread bytes") +
+           " lost: no reader had the pipe open when it was closed";
+}
+
 }  // namespace slotctl

@@ -8,6 +8,7 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <cstddef>
+#include <cstdint>
 #include <initializer_list>
 #include <set>
 #include <string>
@@ -31,5 +32,10 @@ SlotCfg ResolveSlot(const Arguments& arguments, const std::string& name);
 // look without a lock), else "": the reason a --timeout ended opening or writing it, when that
 // is known. Opening a discarding slot's reader takes about one update time without any lock.
 std::string HeldLockNote(const std::string& name);
+
+// What a summary says of the `bytes` (not 0) that a posix-pipe lost when it was closed while no
+// reader had it open (Slot::WriteCounts::bytesLostAtClose): "5 unread bytes lost: no reader had
+// the pipe open when it was closed". The blocks themselves were stored.
+std::string PipeLossText(std::uint64_t bytes);
 
 }  // namespace slotctl
