@@ -5,7 +5,6 @@
 
 #include <FileUtils/FSUtils.h>
 #include <shared/AtForkMutex.h>
-#include <shared/FileHelpers.h>
 
 #include <map>
 
@@ -56,10 +55,11 @@ ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
                                        const boost::posix_time::time_duration& updateTime)
     : BaseSlotReader(slot, updateTime) {
     singletonMutex_ = FindOrCreateSingletonMutex(name_);
-    const std::string path = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name_));
-    fileLock_ = shared::FileLock(path.c_str());
-    // Neither attempt waits: a second reader is refused, never queued.
-    if (!fileLock_.try_lock() || !ClaimName(*singletonMutex_)) {
+    // Neither attempt waits for a reader: a second reader is refused, never queued. The claim
+    // of the lock file waits only for a removal of the file (slotctl rm) to end.
+    if (fileLock_.Claim(FileUtils::FSUtils::GetSingletonFileLockName(name_)) !=
+            shared::FileLock::ClaimOutcome::Claimed ||
+        !ClaimName(*singletonMutex_)) {
         throw AbortSlotCreationException("Cannot create non-unique reader for reliable slot '" +
                                          name_ + "'");
     }

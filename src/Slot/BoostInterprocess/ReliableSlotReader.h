@@ -15,11 +15,13 @@
 // the whole machine.
 //
 // One reader per machine: the reader holds, for its whole life, a lock on the slot's singleton
-// lock file (excludes readers in other processes) and the claim of the slot's name in this
-// process (excludes a second reader in this process). Both are taken without waiting, the file
-// lock first. The file lock is a classic fcntl record lock (shared::FileLock): it ends with the
-// process that holds it, a forked child never has it, and the process keeps one descriptor per
-// lock file, so a refused second reader does not release the first one's lock.
+// lock file (excludes readers in other processes) and the claim of the slot's name in this process
+// (excludes a second reader in this process). Both are taken without waiting for a reader, the
+// file lock first; the file lock waits, briefly and bounded, only for a removal of the lock file
+// (SlotLeftovers::RemoveReaderLockFile) that is under way. The file lock is a classic fcntl record
+// lock (shared::FileLock): it ends with the process that holds it, a forked child never has it,
+// and the process keeps one descriptor per lock file, so a refused second reader does not release
+// the first one's lock.
 //
 // The name's claim is a flag kept with the name's mutex (FindOrCreateSingletonMutex). The map
 // and the flags are guarded by one process-wide lock that fork() takes around itself, held only
