@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/make_shared.hpp>
+
 #include <unistd.h>
 
 #include <atomic>
@@ -263,6 +265,40 @@ TEST(ReaderClaim, ARemovalOfTheLockFileNeverRefusesAReaderButALiveReaderStillDoe
     const ChildResult result = remover.Wait();
     EXPECT_TRUE(result.Ok()) << result.Describe();
     EXPECT_NO_THROW(ReliableSlotReader(slot, Update));
+}
+
+// A host may put a boost::mutex of its own into the public map for a name before the first
+// reader: readers use it, and the name's claim (kept apart from the mutex) still refuses a
+// second reader of this process, also one that found a new lock file, and ends with the reader.
+TEST(ReaderClaim, AHostsOwnMutexInTheMapServesAsTheNamesMutex) {
+    ScopedSlotName name("claimhost");
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    const boost::shared_ptr<boost::mutex> hosts = boost::make_shared<boost::mutex>();
+    ReliableSlotReader::SingletonMutexes[name] = hosts;
+    for (int round = 0; round < 2; ++round) {
+        std::unique_ptr<ReliableSlotReader> first(new ReliableSlotReader(slot, Update));
+        EXPECT_EQ(hosts, first->FindOrCreateSingletonMutex(name));
+        try {
+            ReliableSlotReader second(slot, Update);
+            ADD_FAILURE() << "a second reader was made in the process";
+        } catch (const AbortSlotCreationException& e) {
+            EXPECT_EQ(Refusal(name), e.what());
+        }
+        // With the lock file gone, a second reader claims a new one: the name's claim refuses.
+        const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
+        ASSERT_EQ(0, ::unlink(lock.c_str()));
+        try {
+            ReliableSlotReader second(slot, Update);
+            ADD_FAILURE() << "the name's claim let a second reader in";
+        } catch (const AbortSlotCreationException& e) {
+            EXPECT_EQ(Refusal(name), e.what());
+        }
+        first.reset();
+        EXPECT_EQ(1, ClaimInAnotherProcess(name));
+    }
+    EXPECT_EQ(hosts, ReliableSlotReader::SingletonMutexes[name]);
+    EXPECT_TRUE(hosts->try_lock()) << "the claim is not the mutex's lock";
+    hosts->unlock();
 }
 
 }  // namespace
