@@ -2,7 +2,6 @@
 #include <SlotGateway/SlotClaim.h>
 
 #include <FileUtils/FSUtils.h>
-#include <shared/FileHelpers.h>
 #include <shared/SharedFolder.h>
 
 #include <unistd.h>
@@ -16,20 +15,18 @@ std::string SlotClaim::PathOf(const std::string& slotName) {
 }
 
 SlotClaim::SlotClaim(const std::string& slotName) : path_(PathOf(slotName)) {
-    // A file removed by the claim's last holder between this open and the lock is refused
-    // without a holder: open the new one.
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        lock_ = shared::FileLock(shared::TouchFile(path_).c_str());
-        if (lock_.try_lock()) {
+    // A file removed by the claim's last holder meanwhile is made and claimed again by Claim.
+    pid_t holder = 0;
+    switch (lock_.Claim(path_, &holder)) {
+        case shared::FileLock::ClaimOutcome::Claimed:
             return;
-        }
-        const pid_t holder = shared::FileLock::Holder(path_);
-        if (holder != 0) {
+        case shared::FileLock::ClaimOutcome::Held:
             throw std::runtime_error(
                 "slot '" + slotName + "' is already written by another gateway on this machine (" +
                 (holder > 0 ? "pid " + std::to_string(holder) : std::string("pid unknown")) +
                 ", lock file '" + path_ + "')");
-        }
+        case shared::FileLock::ClaimOutcome::Unsettled:
+            break;
     }
     throw std::runtime_error("slot '" + slotName + "': cannot claim lock file '" + path_ + "'");
 }

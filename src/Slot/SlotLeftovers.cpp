@@ -61,9 +61,10 @@ LeftoverRemoval SlotLeftovers::RemoveReaderLockFile(const std::string& name) {
             result.detail = "not a plain file";
             return result;
         }
-        // FileLock refuses anything but a plain file of one link in a checked folder.
+        // FileLock refuses anything but a plain file of one link in a checked folder. A remover's
+        // claim: a reader that meets it waits for the unlink and claims the next file.
         shared::FileLock claim(result.path.c_str());
-        if (!claim.try_lock()) {
+        if (!claim.TryLockForRemoval()) {
             result.outcome = LeftoverOutcome::Held;
             result.holder = shared::FileLock::Holder(result.path);
             return result;

@@ -32,10 +32,11 @@ struct SLOT_EXPORT LeftoverRemoval {
 class SLOT_EXPORT SlotLeftovers {
 public:
     // Removes the reliable reader's lock file of slot `name` unless a process holds it. The file
-    // is claimed with a non-blocking lock attempt (shared::FileLock, which also sees a reader of
-    // this process), then unlinked through the checked lock folder while claimed, never through a
-    // link. A reader that opened the file just before the unlink is refused rather than holding
-    // a file nobody else can see. Never throws for what it finds.
+    // is claimed with a non-blocking remover's lock attempt (shared::FileLock::TryLockForRemoval,
+    // which also sees a reader of this process), then unlinked through the checked lock folder
+    // while claimed, never through a link. A reader that opened the file just before never holds
+    // a file nobody else can see: its claim (FileLock::Claim) waits for the unlink and takes the
+    // file made after it, so the removal never refuses a reader. Never throws for what it finds.
     static LeftoverRemoval RemoveReaderLockFile(const std::string& name);
 
     // Slot names whose reader lock file lies in the lock folder, unheld, while neither the

@@ -12,9 +12,11 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace shared {
@@ -27,6 +29,7 @@ struct FileLockEntry {
     bool writable;           // fd is read-write: the claim is an exclusive lock
     unsigned int refs;       // FileLock objects that share fd
     const FileLock* holder;  // the FileLock that holds the process's lock, or null
+    bool removal;            // the holder's claim is a remover's (TryLockForRemoval)
 };
 
 namespace {
@@ -50,6 +53,7 @@ void InitRegistry() {
 void ForgetHoldersInChild() {
     for (FileLockEntry* entry : *registry.entries) {
         entry->holder = nullptr;
+        entry->removal = false;
     }
 }
 
@@ -72,22 +76,42 @@ FileLockEntry* Find(dev_t dev, ino_t ino) {
     return nullptr;
 }
 
-int SetLock(int fd, short type) {
+// A range of the file's bytes; a length of 0 runs to the end, however far the file grows.
+struct Range {
+    off_t start;
+    off_t length;
+};
+
+// A claimant locks the whole file; a remover locks from an offset far beyond any content (lock
+// files stay empty) to the end. Each excludes the other, and only a claimant's lock covers the
+// bytes before that offset. The offset fits a 32-bit off_t.
+const off_t kRemovalStart = off_t(1) << 30;
+const Range kWholeFile = {0, 0};
+const Range kClaimantOnly = {0, kRemovalStart};
+const Range kRemoval = {kRemovalStart, 0};
+
+// How long Claim waits for removers before it gives up. A remover holds the file only for an
+// unlink, so this is reached only when one is stopped or starved between its lock and unlink.
+const std::chrono::seconds kRemovalPatience(1);
+
+int SetLock(int fd, short type, Range range = kWholeFile) {
     struct flock fl = {};
     fl.l_type = type;
     fl.l_whence = SEEK_SET;
-    fl.l_start = 0;
-    fl.l_len = 0;  // whole file
+    fl.l_start = range.start;
+    fl.l_len = range.length;
     return ::fcntl(fd, F_SETLK, &fl);
 }
 
-// Pid of another process that holds a lock on the file, 0 when none, -1 when unknown. With
-// `anyKind` open-file-description locks count too (F_OFD_GETLK): such a lock names no process,
-// and its holder writes its pid into the file.
-pid_t OtherHolder(int fd, bool anyKind = false) {
+// Pid of another process that holds a lock on `range` of the file, 0 when none, -1 when
+// unknown. With `anyKind` open-file-description locks count too (F_OFD_GETLK): such a lock names
+// no process, and its holder writes its pid into the file.
+pid_t OtherHolder(int fd, bool anyKind = false, Range range = kWholeFile) {
     struct flock fl = {};
     fl.l_type = F_WRLCK;
     fl.l_whence = SEEK_SET;
+    fl.l_start = range.start;
+    fl.l_len = range.length;
     if (::fcntl(fd, anyKind ? F_OFD_GETLK : F_GETLK, &fl) != 0 || fl.l_type == F_UNLCK) {
         return 0;
     }
@@ -103,8 +127,11 @@ pid_t OtherHolder(int fd, bool anyKind = false) {
 
 // The registry's entry for the lock file at `path`, opened when there is none (the caller
 // holds the registry lock). With `keep` false a newly opened file is not registered: its
-// descriptor is returned in `temporary` and the caller closes it.
-FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary) {
+// descriptor is returned in `temporary` and the caller closes it. With `missing` given, a file
+// that is not there, or is unlinked while it is opened, gives null and sets *missing instead of
+// throwing.
+FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary,
+                       bool* missing = nullptr) {
     temporary = -1;
     std::string folderPath;
     std::string name;
@@ -119,6 +146,10 @@ FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary) {
     }
     struct stat st;
     if (::fstatat(folder.fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT && missing != nullptr) {
+            *missing = true;
+            return nullptr;
+        }
         ThrowErrno(path, errno);
     }
     if (!S_ISREG(st.st_mode)) {
@@ -141,6 +172,10 @@ FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary) {
               ", which no reader of another user can use; its owner or root can remove it");
     }
     if (fd < 0) {
+        if (errno == ENOENT && missing != nullptr) {
+            *missing = true;
+            return nullptr;
+        }
         ThrowErrno(path, errno);
     }
     struct stat opened;
@@ -154,6 +189,11 @@ FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary) {
         return entry;
     }
     // Not registered, so this process holds no lock on it: closing fd is harmless.
+    if (opened.st_nlink == 0 && missing != nullptr) {
+        ::close(fd);
+        *missing = true;
+        return nullptr;
+    }
     if (!S_ISREG(opened.st_mode) || opened.st_nlink != 1 ||
         (writable && opened.st_uid != ::geteuid())) {
         ::close(fd);
@@ -164,9 +204,34 @@ FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary) {
         return nullptr;
     }
     FileLockEntry* entry =
-        new FileLockEntry{fd, opened.st_dev, opened.st_ino, writable, 0, nullptr};
+        new FileLockEntry{fd, opened.st_dev, opened.st_ino, writable, 0, nullptr, false};
     registry.entries->push_back(entry);
     return entry;
+}
+
+// Why a lock attempt on `entry` by a FileLock that does not hold it was refused (the caller
+// holds the registry lock). `holder` gets the claimant's pid.
+enum class Refusal {
+    Gone,      // the file was unlinked since it was opened
+    Claimant,  // a claimant holds it
+    Remover,   // only a remover holds it
+    Released   // nobody holds it any more
+};
+
+Refusal WhyRefused(const FileLockEntry& entry, pid_t& holder) {
+    struct stat st;
+    if (::fstat(entry.fd, &st) != 0 || st.st_nlink == 0) {
+        return Refusal::Gone;
+    }
+    if (entry.holder != nullptr) {
+        holder = ::getpid();
+        return entry.removal ? Refusal::Remover : Refusal::Claimant;
+    }
+    holder = OtherHolder(entry.fd, false, kClaimantOnly);
+    if (holder != 0) {
+        return Refusal::Claimant;
+    }
+    return OtherHolder(entry.fd, false, kRemoval) != 0 ? Refusal::Remover : Refusal::Released;
 }
 
 }  // namespace
@@ -257,7 +322,28 @@ void FileLock::Release() {
     entry_ = nullptr;
 }
 
+bool FileLock::OpenExisting(const std::string& path) {
+    Release();
+    RegistryLock lock;
+    int temporary = -1;
+    bool missing = false;
+    entry_ = Acquire(path, true, temporary, &missing);
+    if (entry_ == nullptr) {
+        return false;
+    }
+    ++entry_->refs;
+    return true;
+}
+
 bool FileLock::try_lock() {
+    return Lock(false);
+}
+
+bool FileLock::TryLockForRemoval() {
+    return Lock(true);
+}
+
+bool FileLock::Lock(bool removal) {
     if (entry_ == nullptr) {
         Throw("FileLock without a file");
     }
@@ -265,7 +351,8 @@ bool FileLock::try_lock() {
     if (entry_->holder != nullptr) {
         return entry_->holder == this;
     }
-    if (SetLock(entry_->fd, entry_->writable ? F_WRLCK : F_RDLCK) != 0) {
+    const Range range = removal ? kRemoval : kWholeFile;
+    if (SetLock(entry_->fd, entry_->writable ? F_WRLCK : F_RDLCK, range) != 0) {
         if (errno == EAGAIN || errno == EACCES) {
             return false;
         }
@@ -286,6 +373,7 @@ bool FileLock::try_lock() {
         return false;
     }
     entry_->holder = this;
+    entry_->removal = removal;
     return true;
 }
 
@@ -297,6 +385,40 @@ void FileLock::unlock() {
     if (entry_->holder == this) {
         SetLock(entry_->fd, F_UNLCK);
         entry_->holder = nullptr;
+        entry_->removal = false;
+    }
+}
+
+FileLock::ClaimOutcome FileLock::Claim(const std::string& path, pid_t* holder) {
+    const auto deadline = std::chrono::steady_clock::now() + kRemovalPatience;
+    for (int round = 0;; ++round) {
+        // A file missing at the opening was removed since TouchFile made or found it.
+        bool pause = round > 0;
+        if (OpenExisting(TouchFile(path))) {
+            if (try_lock()) {
+                return ClaimOutcome::Claimed;
+            }
+            pid_t other = 0;
+            Refusal why;
+            {
+                RegistryLock lock;
+                why = WhyRefused(*entry_, other);
+            }
+            if (why == Refusal::Claimant) {
+                if (holder != nullptr) {
+                    *holder = other;
+                }
+                return ClaimOutcome::Held;
+            }
+            // A remover needs the processor to finish its unlink.
+            pause = pause || why == Refusal::Remover;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return ClaimOutcome::Unsettled;
+        }
+        if (pause) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
 }
 

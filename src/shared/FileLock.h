@@ -33,6 +33,12 @@ struct FileLockEntry;
 // The file is opened relative to a checked folder (CheckedFolder) with O_NOFOLLOW and must be a
 // regular file with one link; anything else is refused.
 //
+// Claimants and removers. A claimant (try_lock, Claim) locks the whole file. A remover, which
+// claims the file only to unlink it (TryLockForRemoval), locks a range far beyond any content:
+// the two exclude each other as before, and a claimant that meets a lock can tell from its range
+// whether a claimant or a remover holds it. Claim tries again when the file was removed under it
+// or only a remover holds it, and gives up at once when a claimant holds it.
+//
 // Thread safety: the registry is guarded by a mutex held only for the non-blocking open, lock,
 // unlock and close steps; try_lock and unlock may be called on any thread, also on different
 // ones. A child forked from the process starts with no lock held.
@@ -53,8 +59,25 @@ public:
     // lock, or when the file was removed since it was opened. True again when this object
     // already holds it.
     bool try_lock();
+    // Non-blocking, like try_lock, for a claim taken only to unlink the file while it is held:
+    // it excludes claimants and other removers as try_lock does, but a Claim that meets it
+    // waits for the removal and claims the file made after it.
+    bool TryLockForRemoval();
     // Releases the lock if this object holds it.
     void unlock();
+
+    enum class ClaimOutcome {
+        Claimed,   // this object holds the lock on the file now at the path
+        Held,      // a claimant (of this process or another) holds it
+        Unsettled  // nobody claimed it: it kept being removed, or its remover never finished
+    };
+    // Makes the lock file at `path` if it is missing (TouchFile), opens it into this object
+    // (dropping what this object held before) and takes it with try_lock. A lock file removed
+    // under the claim (between the making, the opening and the lock) is made and opened again,
+    // and a remover's claim is waited out, all within a bounded time; a claimant's lock ends the
+    // attempt at once. With Held, `holder` (when given) gets the holder's pid, -1 when unknown.
+    // Throws what TouchFile and the constructor throw for an unsafe or unusable file.
+    ClaimOutcome Claim(const std::string& path, pid_t* holder = nullptr);
 
     // Pid of the process that holds the lock on `path`, 0 when nobody holds it (or the file is
     // missing or refused), -1 when it is held but the holder is unknown.
@@ -69,6 +92,9 @@ public:
 
 private:
     void Release();
+    bool Lock(bool removal);
+    // Opens the existing lock file at `path` into this object; false when it is missing.
+    bool OpenExisting(const std::string& path);
 
     FileLockEntry* entry_;  // shared with the other FileLocks of the file; guarded by the registry
 };

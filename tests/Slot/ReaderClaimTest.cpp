@@ -9,13 +9,20 @@
 
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
+#include <Slot/SlotLeftovers.h>
 #include <Slot/SlotSurvey.h>
 
+#include <FileUtils/FSUtils.h>
+#include <shared/FileLock.h>
+
 #include <gtest/gtest.h>
+
+#include <boost/make_shared.hpp>
 
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <thread>
 
@@ -26,6 +33,10 @@ using testsupport::ChildResult;
 using testsupport::ScopedSlotName;
 
 const boost::posix_time::milliseconds Update(50);
+
+std::string Refusal(const std::string& name) {
+    return "Cannot create non-unique reader for reliable slot '" + name + "'";
+}
 
 // The slot as the factory makes it, so that the factory's readers below share it.
 boost::shared_ptr<ISlot> Reliable(const std::string& name) {
@@ -41,10 +52,7 @@ int ClaimInAnotherProcess(const std::string& name) {
             ReliableSlotReader reader(Reliable(name), Update);
             return 1;
         } catch (const AbortSlotCreationException& e) {
-            return std::string(e.what()) ==
-                           "Cannot create non-unique reader for reliable slot '" + name + "'"
-                       ? 0
-                       : 3;
+            return e.what() == Refusal(name) ? 0 : 3;
         }
     });
     return result.exited ? result.exitCode : 100;
@@ -177,6 +185,120 @@ TEST(ReaderClaim, MadeOnOneThreadDestroyedOnAnother) {
         destroyer.join();
     }
     EXPECT_EQ(1, ClaimInAnotherProcess(name));
+}
+
+// slotctl rm removing the lock file (the real SlotLeftovers::RemoveReaderLockFile, in a loop in
+// another process) never gets a reader refused while none exists: a creation that meets the
+// removal waits for it and claims the file made after it. A live reader in a third process is
+// still the only one: every creation is refused with the exact text meanwhile.
+TEST(ReaderClaim, ARemovalOfTheLockFileNeverRefusesAReaderButALiveReaderStillDoes) {
+    ScopedSlotName name("claimrm");
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    struct Ledger {
+        std::atomic<bool> stop{false};
+        std::atomic<unsigned> removed{0};
+    };
+    auto ledger = testsupport::SharedWithChildren<Ledger>();
+    testsupport::PipeSignal hold, holding, release;
+    ChildProcess remover([&] {
+        while (!ledger->stop) {
+            const LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
+            if (removal.outcome == LeftoverOutcome::Failed) {
+                return testsupport::Failed(1, removal.detail);
+            }
+            ledger->removed += removal.outcome == LeftoverOutcome::Removed ? 1 : 0;
+        }
+        return 0;
+    });
+    ChildProcess reader([&] {
+        if (!hold.WaitFor()) {
+            return 3;
+        }
+        ReliableSlotReader mine(Reliable(name), Update);
+        holding.Post();
+        return release.WaitFor(std::chrono::seconds(60)) ? 0 : 4;
+    });
+
+    // Made and dropped for a few seconds (longer while the remover has hardly started), or until
+    // the remover has removed many of their files.
+    int made = 0, refused = 0, failed = 0;
+    std::string failure;
+    const auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        const auto elapsed = std::chrono::steady_clock::now() - start;
+        if (ledger->removed >= 2000 || elapsed > std::chrono::seconds(30) ||
+            (elapsed > std::chrono::seconds(3) && ledger->removed >= 10)) {
+            break;
+        }
+        try {
+            ReliableSlotReader claimer(slot, Update);
+            ++made;
+        } catch (const AbortSlotCreationException&) {
+            ++refused;
+        } catch (const std::exception& e) {
+            failure = e.what();
+            ++failed;
+        }
+    }
+    EXPECT_EQ(0, refused + failed)
+        << "of " << made + refused + failed << " creations, with " << ledger->removed
+        << " removals, " << failed << " failed, the last with: " << failure;
+    EXPECT_GT(ledger->removed, 0u) << "the remover never raced a reader";
+
+    hold.Post();
+    ASSERT_TRUE(holding.WaitFor());
+    for (int i = 0; i < 200; ++i) {
+        try {
+            ReliableSlotReader second(slot, Update);
+            ADD_FAILURE() << "a second reader was made while another process's lives";
+            break;
+        } catch (const AbortSlotCreationException& e) {
+            ASSERT_EQ(Refusal(name), e.what());
+        }
+    }
+    EXPECT_EQ(reader.Pid(),
+              shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name)))
+        << "the live reader's lock file was removed";
+    release.Post();
+    EXPECT_TRUE(reader.Wait().Ok());
+    ledger->stop = true;
+    const ChildResult result = remover.Wait();
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_NO_THROW(ReliableSlotReader(slot, Update));
+}
+
+// A host may put a boost::mutex of its own into the public map for a name before the first
+// reader: readers use it, and the name's claim (kept apart from the mutex) still refuses a
+// second reader of this process, also one that found a new lock file, and ends with the reader.
+TEST(ReaderClaim, AHostsOwnMutexInTheMapServesAsTheNamesMutex) {
+    ScopedSlotName name("claimhost");
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    const boost::shared_ptr<boost::mutex> hosts = boost::make_shared<boost::mutex>();
+    ReliableSlotReader::SingletonMutexes[name] = hosts;
+    for (int round = 0; round < 2; ++round) {
+        std::unique_ptr<ReliableSlotReader> first(new ReliableSlotReader(slot, Update));
+        EXPECT_EQ(hosts, first->FindOrCreateSingletonMutex(name));
+        try {
+            ReliableSlotReader second(slot, Update);
+            ADD_FAILURE() << "a second reader was made in the process";
+        } catch (const AbortSlotCreationException& e) {
+            EXPECT_EQ(Refusal(name), e.what());
+        }
+        // With the lock file gone, a second reader claims a new one: the name's claim refuses.
+        const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
+        ASSERT_EQ(0, ::unlink(lock.c_str()));
+        try {
+            ReliableSlotReader second(slot, Update);
+            ADD_FAILURE() << "the name's claim let a second reader in";
+        } catch (const AbortSlotCreationException& e) {
+            EXPECT_EQ(Refusal(name), e.what());
+        }
+        first.reset();
+        EXPECT_EQ(1, ClaimInAnotherProcess(name));
+    }
+    EXPECT_EQ(hosts, ReliableSlotReader::SingletonMutexes[name]);
+    EXPECT_TRUE(hosts->try_lock()) << "the claim is not the mutex's lock";
+    hosts->unlock();
 }
 
 }  // namespace

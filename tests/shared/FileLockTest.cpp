@@ -14,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -261,6 +262,71 @@ TEST(FileLock, RacingProcessesNeverBothWin) {
             }
         }
     }
+}
+
+ino_t InodeOf(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// Claim makes a missing lock file and takes it. It waits out a remover's claim (the file is
+// unlinked while so claimed, and the claim takes the file made after it), gives up after a
+// bounded time when the remover never finishes, and never waits when a claimant holds the file:
+// a claimant and a remover exclude each other like two claimants.
+TEST(FileLock, ClaimWaitsOutARemoverButNeverAClaimant) {
+    using Outcome = shared::FileLock::ClaimOutcome;
+    const std::string path = testsupport::TestRunDir() + "/" + testsupport::UniqueName("claim");
+    // A remover that unlinks the file a moment after it claimed it, and one that never does.
+    PipeSignal quickHeld, stuckHeld, stuckStop;
+    auto remover = [&path](PipeSignal* held, std::function<bool()> waitUntilUnlink) {
+        return [&path, held, waitUntilUnlink] {
+            shared::FileLock lock(shared::TouchFile(path).c_str());
+            if (!lock.TryLockForRemoval()) {
+                return 1;
+            }
+            held->Post();
+            return waitUntilUnlink() && ::unlink(path.c_str()) == 0 ? 0 : 2;
+        };
+    };
+    ChildProcess quick(remover(&quickHeld, [] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        return true;
+    }));
+    ASSERT_TRUE(quickHeld.WaitFor());
+    const ino_t removed = InodeOf(path);
+    EXPECT_EQ(quick.Pid(), shared::FileLock::Holder(path)) << "a remover is a holder to surveys";
+    shared::FileLock mine;
+    EXPECT_EQ(Outcome::Claimed, mine.Claim(path));
+    EXPECT_NE(removed, InodeOf(path)) << "the claim is on the file made after the removal";
+    EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
+    EXPECT_TRUE(quick.Wait().Ok());
+
+    // A claimant refuses a remover of another process, and another claimant at once.
+    const ChildResult refusedRemover = testsupport::RunInChild([&] {
+        shared::FileLock lock(path.c_str());
+        return lock.TryLockForRemoval() ? 1 : 0;
+    });
+    EXPECT_TRUE(refusedRemover.Ok()) << refusedRemover.Describe();
+    const ChildResult refusedClaim = testsupport::RunInChild([&] {
+        shared::FileLock lock;
+        pid_t holder = 0;
+        return lock.Claim(path, &holder) == Outcome::Held && holder == ::getppid() ? 0 : 1;
+    });
+    EXPECT_TRUE(refusedClaim.Ok()) << refusedClaim.Describe();
+    pid_t holder = 0;
+    shared::FileLock second;
+    EXPECT_EQ(Outcome::Held, second.Claim(path, &holder)) << "a second claimant of this process";
+    EXPECT_EQ(::getpid(), holder);
+    mine.unlock();
+
+    ChildProcess stuck(remover(&stuckHeld, [&] { return stuckStop.WaitFor(); }));
+    ASSERT_TRUE(stuckHeld.WaitFor());
+    EXPECT_EQ(Outcome::Unsettled, mine.Claim(path)) << "a remover that never finishes";
+    EXPECT_FALSE(mine.try_lock());
+    stuckStop.Post();
+    EXPECT_TRUE(stuck.Wait().Ok());
+    EXPECT_EQ(Outcome::Claimed, mine.Claim(path));
+    ::unlink(path.c_str());
 }
 
 TEST(TouchFile, CreatesAReadableFileAndRefusesSymlinksAndFolders) {

@@ -5,49 +5,58 @@
 
 #include <FileUtils/FSUtils.h>
 #include <shared/AtForkMutex.h>
-#include <shared/FileHelpers.h>
 
 #include <map>
+#include <set>
 
 std::map<std::string, boost::shared_ptr<boost::mutex> > ReliableSlotReader::SingletonMutexes;
 
 namespace {
 
-// The per-name mutex of SingletonMutexes together with the name's claim. A reader holds the
-// claim, not the mutex, for its life (a mutex must be unlocked by the thread that locked it, and
-// a reader may be destroyed on another thread than the one that made it).
-struct NameMutex : boost::mutex {
-    bool claimed = false;  // guarded by RegistryLock
+// The names that a reader of this process claims, each by its mutex in SingletonMutexes (which
+// the reader keeps alive). A reader holds the claim, not the mutex, for its life: a mutex must be
+// unlocked by the thread that locked it, and a reader may be destroyed on another thread than
+// the one that made it. The claims are kept apart from the mutexes, which may be a host's own
+// (the map is public).
+struct Claims {
+    std::set<const boost::mutex*>* names;  // never freed: usable during static teardown
+    bool inherited;                        // set in a forked child: `names` are the parent's
 };
 
-void NoInit() {}
+Claims claims = {nullptr, false};
 
-// A forked child has no reader of its own yet: the parent's claims are not the child's. Only
-// flags are written (the entries are never erased).
+void InitClaims() {
+    claims.names = new std::set<const boost::mutex*>;
+}
+
+// A forked child has no reader of its own yet: the parent's claims are not the child's. The
+// child may not free memory here, so only a flag is set; the next use empties the set.
 void ForgetClaimsInChild() {
-    for (auto& entry : ReliableSlotReader::SingletonMutexes) {
-        static_cast<NameMutex&>(*entry.second).claimed = false;
-    }
+    claims.inherited = true;
 }
 
-// Guards SingletonMutexes and every claim, held only while an entry is found or made, or a flag
-// is tested and set or cleared. fork() takes it around itself, so a child never finds it held by
+// Guards SingletonMutexes and the claims, held only while an entry is found or made, or a claim
+// is tested and made or ended. fork() takes it around itself, so a child never finds it held by
 // a thread it does not have.
-using RegistryLock = shared::AtForkMutex<NoInit, ForgetClaimsInChild>::Lock;
+using RegistryLock = shared::AtForkMutex<InitClaims, ForgetClaimsInChild>::Lock;
 
-bool ClaimName(boost::mutex& mutex) {
-    RegistryLock lock;
-    NameMutex& name = static_cast<NameMutex&>(mutex);
-    if (name.claimed) {
-        return false;
+// The claims of this process (the caller holds RegistryLock).
+std::set<const boost::mutex*>& ClaimedNames() {
+    if (claims.inherited) {
+        claims.names->clear();
+        claims.inherited = false;
     }
-    name.claimed = true;
-    return true;
+    return *claims.names;
 }
 
-void ReleaseName(boost::mutex& mutex) {
+bool ClaimName(const boost::mutex& mutex) {
     RegistryLock lock;
-    static_cast<NameMutex&>(mutex).claimed = false;
+    return ClaimedNames().insert(&mutex).second;
+}
+
+void ReleaseName(const boost::mutex& mutex) {
+    RegistryLock lock;
+    ClaimedNames().erase(&mutex);
 }
 
 }  // namespace
@@ -56,10 +65,11 @@ ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
                                        const boost::posix_time::time_duration& updateTime)
     : BaseSlotReader(slot, updateTime) {
     singletonMutex_ = FindOrCreateSingletonMutex(name_);
-    const std::string path = shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(name_));
-    fileLock_ = shared::FileLock(path.c_str());
-    // Neither attempt waits: a second reader is refused, never queued.
-    if (!fileLock_.try_lock() || !ClaimName(*singletonMutex_)) {
+    // Neither attempt waits for a reader: a second reader is refused, never queued. The claim
+    // of the lock file waits only for a removal of the file (slotctl rm) to end.
+    if (fileLock_.Claim(FileUtils::FSUtils::GetSingletonFileLockName(name_)) !=
+            shared::FileLock::ClaimOutcome::Claimed ||
+        !ClaimName(*singletonMutex_)) {
         throw AbortSlotCreationException("Cannot create non-unique reader for reliable slot '" +
                                          name_ + "'");
     }
@@ -89,7 +99,7 @@ boost::shared_ptr<boost::mutex> ReliableSlotReader::FindOrCreateSingletonMutex(
     RegistryLock lock;
     boost::shared_ptr<boost::mutex>& entry = SingletonMutexes[name];
     if (!entry) {
-        entry.reset(new NameMutex);
+        entry.reset(new boost::mutex);
     }
     return entry;
 }

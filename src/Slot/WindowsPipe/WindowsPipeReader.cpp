@@ -2,7 +2,6 @@
 #include <Slot/WindowsPipe/WindowsPipeReader.h>
 
 #include <FileUtils/FSUtils.h>
-#include <shared/FileHelpers.h>
 #include <shared/ProxySubscriber.h>
 
 #include <boost/bind/bind.hpp>
@@ -14,11 +13,6 @@
 namespace {
 
 typedef void (shared::Notifier::*NotifyFunction)(const std::string&, const void*, unsigned int);
-
-std::string LockFileFor(const boost::shared_ptr<WindowsPipeServerSlot>& slot) {
-    // The lock can only be taken on an existing file.
-    return shared::TouchFile(FileUtils::FSUtils::GetSingletonFileLockName(slot->GetName()));
-}
 
 }  // namespace
 
@@ -34,13 +28,15 @@ WindowsPipeReader::WindowsPipeReader(boost::shared_ptr<WindowsPipeServerSlot> sl
       thread_(),
       errorPause_(errorPause),
       singletonMutex_(slot->GetName()),
-      fileLock_(LockFileFor(slot).c_str()),
+      fileLock_(),
       logger_(log4cxx::Logger::getLogger("Slot.Reader")),
       pid_(::getpid()) {
-    bool unique = false;
-    if (fileLock_.try_lock()) {
-        unique = singletonMutex_.IsUnique();
-    }
+    // The lock file is made when missing and claimed without waiting for a reader; a removal of
+    // the file under way is waited out (FileLock::Claim).
+    const bool unique =
+        fileLock_.Claim(FileUtils::FSUtils::GetSingletonFileLockName(slot_->GetName())) ==
+            shared::FileLock::ClaimOutcome::Claimed &&
+        singletonMutex_.IsUnique();
     accumulationBuffer_.subscribe(proxySubscriber_.get());
     if (!unique) {
         throw std::logic_error("Cannot create non-unique reader for named pipe '" +

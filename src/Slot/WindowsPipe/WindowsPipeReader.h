@@ -25,8 +25,9 @@
 // notifies its subscribers with them, under the slot's name.
 //
 // Only one reader per pipe name lives on the machine: the constructor takes the lock file of
-// the name (FileUtils::FSUtils::GetSingletonFileLockName) and checks the process-wide
-// SingletonMutex of the name, and throws std::logic_error when either is taken. The lock is a
+// the name (FileUtils::FSUtils::GetSingletonFileLockName, through shared::FileLock::Claim, which
+// waits only for a removal of the file under way) and checks the process-wide SingletonMutex of
+// the name, and throws std::logic_error when either is taken. The lock is a
 // record lock through the process's one descriptor of the file (shared::FileLock), so a refused
 // reader in the same process does not release the lock of the one that holds it, and the lock
 // ends with the process. The lock file is the same as that of a reliable slot of the
