@@ -51,11 +51,11 @@ struct LockWatch {
     std::function<std::string(pid_t owner)> holderCheck;
     // Told why the lock is given up, just before LockRecovering throws.
     std::function<void(const std::string& why)> giveUp;
-    // The mutex's kind word as it was made (RobustMutexKind() for a slot's header mutex), or -1:
-    // not checked. glibc picks its lock path by this word, and some paths assert on the other
-    // words or make system calls with them: a lock that finds another kind gives up at once
-    // (giveUp, then interprocess_exception "the lock is not a robust lock (kind <k>)"); an
-    // unlock restores it first, as the holder.
+    // The mutex's kind word as it was made (RobustMutexKind() or SharedMutexKind() for a slot's
+    // header mutex), or -1: not checked. glibc picks its lock path by this word, and some paths
+    // assert on the other words or make system calls with them: a lock that finds another kind
+    // gives up at once (giveUp, then interprocess_exception "the lock is not a robust lock
+    // (kind <k>)"); an unlock restores it first, as the holder.
     int kind = -1;
 };
 
