@@ -69,7 +69,8 @@ TEST_F(ConditionPack, LogsItsStepsWithExactTextsAndLevels) {
         testsupport::LogCapture log("InterprocCondition");
         EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
         for (const pt::time_duration& timeout :
-             {pt::time_duration(pt::seconds(20)), pt::time_duration(pt::not_a_date_time)}) {
+             {pt::time_duration(pt::seconds(20)), pt::time_duration(pt::pos_infin),
+              pt::time_duration(pt::not_a_date_time)}) {
             Waiter waiter(*c.pack, timeout);
             ASSERT_TRUE(WaitForWaiters(c, 1));
             c.pack->Notify();
@@ -78,6 +79,9 @@ TEST_F(ConditionPack, LogsItsStepsWithExactTextsAndLevels) {
         }
         const std::vector<std::string> expected = {"Wait() : acquired mutex",
                                                    "Wait() : cv.timed_wait(...) returned 0",
+                                                   "Wait() : acquired mutex",
+                                                   "notify_all()",
+                                                   "Wait() : cv.timed_wait(...) returned 1",
                                                    "Wait() : acquired mutex",
                                                    "notify_all()",
                                                    "Wait() : cv.timed_wait(...) returned 1",
