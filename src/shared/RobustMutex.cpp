@@ -3,7 +3,6 @@
 
 #include <shared/ManagedObject.h>
 #include <shared/MutexOwner.h>
-#include <shared/UtcClock.h>
 
 #include <boost/interprocess/exceptions.hpp>
 
@@ -161,7 +160,7 @@ int KindMadeBy(void (*init)(pthread_mutex_t*)) {
 }
 
 // How long a contended locker waits between two looks at the lock word.
-const boost::posix_time::milliseconds LockSlice(100);
+constexpr std::chrono::milliseconds LockSlice(100);
 
 // See LockWatch::kind. One load and compare before each lock.
 void CheckKind(pthread_mutex_t* mutex, const LockWatch* watch) {
@@ -252,7 +251,9 @@ void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const
     bool damaged = false;
     std::chrono::steady_clock::time_point damagedSince;
     for (;;) {
-        if (TimedLockRecovering(mutex, UtcNow() + LockSlice, repair, watch)) {
+        // Slices on the monotonic clock: a step of the system's time neither stretches a slice
+        // nor, with it, the bound on a damaged lock.
+        if (TimedLockRecoveringFor(mutex, LockSlice, repair, watch)) {
             return;
         }
         std::string why = LockDamage(mutex);

@@ -65,15 +65,16 @@ SHARED_EXPORT int RobustMutexKind();
 SHARED_EXPORT int SharedMutexKind();
 
 // Blocking lock, of a robust mutex or a plain process-shared one. Uncontended it is one trylock.
-// Contended it waits in slices and, between them, looks at the lock: a lock that no live holder
-// can leave, or a holder that `watch` rejects, is a damaged lock. For a robust mutex that is a word
-// owned by a thread that no longer exists although the kernel did not mark the owner dead, or
-// waiters flagged without an owner; for a plain one (nothing marks its owner dead, so a holder that
-// died leaves it locked) a recorded holder that no longer exists, or none recorded; any other kind
-// of mutex is damaged. When that persists for CreationWaitLimit() (2 s by default) the lock is
-// given up: watch->giveUp is told, and boost::interprocess::interprocess_exception("the lock
-// <why>") is thrown. A live, plausible holder is waited for as long as it holds the mutex. Throws
-// boost::interprocess::lock_exception when the system refuses.
+// Contended it waits in slices of the monotonic clock and, between them, looks at the lock: a lock
+// that no live holder can leave, or a holder that `watch` rejects, is a damaged lock. For a robust
+// mutex that is a word owned by a thread that no longer exists although the kernel did not mark the
+// owner dead, or waiters flagged without an owner; for a plain one (nothing marks its owner dead,
+// so a holder that died leaves it locked) a recorded holder that no longer exists, or none
+// recorded; any other kind of mutex is damaged. When that persists for CreationWaitLimit() (2 s by
+// default) the lock is given up: watch->giveUp is told, and
+// boost::interprocess::interprocess_exception("the lock <why>") is thrown. A live, plausible holder
+// is waited for as long as it holds the mutex. Throws boost::interprocess::lock_exception when the
+// system refuses.
 SHARED_EXPORT void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair,
                                   const LockWatch* watch = nullptr);
 // Why `mutex` cannot be released by a live holder, or empty (see LockRecovering). A snapshot of
