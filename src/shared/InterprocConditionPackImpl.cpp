@@ -89,7 +89,7 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
         LOG4CXX_TRACE(logger_, "Wait() : acquired mutex");
     }
     bool result;
-    if (timeout.is_not_a_date_time() || timeout.is_pos_infinity()) {
+    if (timeout.is_not_a_date_time()) {
         condition_->timed_wait(mutex, boost::posix_time::ptime(boost::posix_time::pos_infin),
                                &lastSeen_);
         result = true;
@@ -98,8 +98,13 @@ bool InterprocConditionPack<Mutex>::Wait(const boost::posix_time::time_duration&
         }
     } else {
         // On the monotonic clock: a change of the system's time neither ends the wait early nor
-        // makes it last until the wall clock catches up.
-        result = condition_->timed_wait_for(mutex, SaturatedNanoseconds(timeout), &lastSeen_);
+        // makes it last until the wall clock catches up. pos_infin is a timed wait too, whose
+        // deadline (now plus infinity) never comes: it sleeps without one.
+        result =
+            timeout.is_pos_infinity()
+                ? condition_->timed_wait(
+                      mutex, boost::posix_time::ptime(boost::posix_time::pos_infin), &lastSeen_)
+                : condition_->timed_wait_for(mutex, SaturatedNanoseconds(timeout), &lastSeen_);
         if (trace) {
             LOG4CXX_TRACE(logger_, "Wait() : cv.timed_wait(...) returned " << result);
         }

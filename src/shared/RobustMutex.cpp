@@ -3,7 +3,6 @@
 
 #include <shared/ManagedObject.h>
 #include <shared/MutexOwner.h>
-#include <shared/UtcClock.h>
 
 #include <boost/interprocess/exceptions.hpp>
 
@@ -151,20 +150,17 @@ bool Acquired(int rc, int failure, pthread_mutex_t* mutex, pid_t previous,
 
 namespace {
 
-// glibc's __kind of a process-shared robust normal mutex, as InitRobustMutex makes it.
-int RobustKind() {
-    static const int kind = [] {
-        pthread_mutex_t probe;
-        InitRobustMutex(&probe);
-        const int k = probe.__data.__kind;
-        pthread_mutex_destroy(&probe);
-        return k;
-    }();
+// glibc's __kind of a mutex as `init` makes it.
+int KindMadeBy(void (*init)(pthread_mutex_t*)) {
+    pthread_mutex_t probe;
+    init(&probe);
+    const int kind = probe.__data.__kind;
+    pthread_mutex_destroy(&probe);
     return kind;
 }
 
 // How long a contended locker waits between two looks at the lock word.
-const boost::posix_time::milliseconds LockSlice(100);
+constexpr std::chrono::milliseconds LockSlice(100);
 
 // See LockWatch::kind. One load and compare before each lock.
 void CheckKind(pthread_mutex_t* mutex, const LockWatch* watch) {
@@ -181,13 +177,50 @@ void CheckKind(pthread_mutex_t* mutex, const LockWatch* watch) {
     }
 }
 
+// The thread that a held mutex of kind `kind` names as its holder, 0 when none. A robust mutex
+// keeps it in the lock word itself; a plain one's word is only 0, 1 or 2 (free, held, held with
+// waiters), and glibc records the holder in __owner just after taking the word and clears it
+// just before releasing it.
+pid_t HolderOf(const pthread_mutex_t* mutex, int kind, unsigned word) {
+    if (word == 0) {
+        return 0;
+    }
+    return kind == RobustMutexKind() ? static_cast<pid_t>(word & FUTEX_TID_MASK)
+                                     : RecordedOwner(mutex);
+}
+
 }  // namespace
 
-std::string RobustLockDamage(const pthread_mutex_t* mutex) {
+int RobustMutexKind() {
+    static const int kind = KindMadeBy(InitRobustMutex);
+    return kind;
+}
+
+int SharedMutexKind() {
+    static const int kind = KindMadeBy(InitSharedMutex);
+    return kind;
+}
+
+std::string LockDamage(const pthread_mutex_t* mutex) {
     const int kind = __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED);
     const unsigned word =
         static_cast<unsigned>(__atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED));
-    if (kind != RobustKind()) {
+    if (kind == SharedMutexKind()) {
+        if (word == 0) {
+            return std::string();
+        }
+        // Nothing marks a plain mutex as left by a dead holder: its recorded holder is asked.
+        // No holder is recorded only for an instant, while a live holder takes or releases it.
+        const pid_t owner = RecordedOwner(mutex);
+        if (owner == 0) {
+            return "is held without a recorded holder";
+        }
+        if (ProcessOfThread(owner) == 0) {
+            return "is held by thread " + std::to_string(owner) + ", which no longer exists";
+        }
+        return std::string();
+    }
+    if (kind != RobustMutexKind()) {
         return "is not a robust lock (kind " + std::to_string(kind) + ")";
     }
     if (word == 0 || (word & FUTEX_OWNER_DIED) != 0) {
@@ -218,14 +251,17 @@ void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const
     bool damaged = false;
     std::chrono::steady_clock::time_point damagedSince;
     for (;;) {
-        if (TimedLockRecovering(mutex, UtcNow() + LockSlice, repair, watch)) {
+        // Slices on the monotonic clock: a step of the system's time neither stretches a slice
+        // nor, with it, the bound on a damaged lock.
+        if (TimedLockRecoveringFor(mutex, LockSlice, repair, watch)) {
             return;
         }
-        std::string why = RobustLockDamage(mutex);
+        std::string why = LockDamage(mutex);
         if (why.empty() && watch != nullptr && watch->holderCheck) {
+            const int kind = __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED);
             const unsigned word =
                 static_cast<unsigned>(__atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED));
-            const pid_t owner = static_cast<pid_t>(word & FUTEX_TID_MASK);
+            const pid_t owner = HolderOf(mutex, kind, word);
             if (owner != 0) {
                 why = watch->holderCheck(owner);
             }
@@ -246,10 +282,6 @@ void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const
             throw boost::interprocess::interprocess_exception(("the lock " + why).c_str());
         }
     }
-}
-
-int RobustMutexKind() {
-    return RobustKind();
 }
 
 bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair,

@@ -45,35 +45,41 @@ SHARED_EXPORT void InitSharedMutex(pthread_mutex_t* mutex);
 // What a blocking locker may learn about the holder of a mutex it has waited for, from the
 // mutex's user (which knows what the mutex guards).
 struct LockWatch {
-    // Empty when the live thread `owner`, recorded in the lock word, may really hold the mutex;
-    // otherwise why it cannot (e.g. its process does not map the memory the mutex lives in).
+    // Empty when the live thread `owner`, recorded as the holder (in a robust mutex's lock word,
+    // in a plain one's __owner), may really hold the mutex; otherwise why it cannot (e.g. its
+    // process does not map the memory the mutex lives in).
     std::function<std::string(pid_t owner)> holderCheck;
     // Told why the lock is given up, just before LockRecovering throws.
     std::function<void(const std::string& why)> giveUp;
-    // The mutex's kind word as it was made (RobustMutexKind() for a slot's header mutex), or -1:
-    // not checked. glibc picks its lock path by this word, and some paths assert on the other
-    // words or make system calls with them: a lock that finds another kind gives up at once
-    // (giveUp, then interprocess_exception "the lock is not a robust lock (kind <k>)"); an
-    // unlock restores it first, as the holder.
+    // The mutex's kind word as it was made (RobustMutexKind() or SharedMutexKind() for a slot's
+    // header mutex), or -1: not checked. glibc picks its lock path by this word, and some paths
+    // assert on the other words or make system calls with them: a lock that finds another kind
+    // gives up at once (giveUp, then interprocess_exception "the lock is not a robust lock
+    // (kind <k>)"); an unlock restores it first, as the holder.
     int kind = -1;
 };
 
 // glibc's kind word of a mutex made by InitRobustMutex.
 SHARED_EXPORT int RobustMutexKind();
+// glibc's kind word of a mutex made by InitSharedMutex (and by Boost's interprocess_mutex).
+SHARED_EXPORT int SharedMutexKind();
 
-// Blocking lock. Uncontended it is one trylock. Contended it waits in slices and, between them,
-// looks at the lock word: a word that no live holder can leave (owned by a thread that no longer
-// exists although the kernel did not mark the owner dead, waiters flagged without an owner, not
-// a robust mutex at all) or a holder that `watch` rejects is a damaged lock. When that persists
-// for CreationWaitLimit() (2 s by default) the lock is given up: watch->giveUp is told, and
-// boost::interprocess::interprocess_exception("the lock <why>") is thrown. A live, plausible
-// holder is waited for as long as it holds the mutex. Throws
-// boost::interprocess::lock_exception when the system refuses.
+// Blocking lock, of a robust mutex or a plain process-shared one. Uncontended it is one trylock.
+// Contended it waits in slices of the monotonic clock and, between them, looks at the lock: a lock
+// that no live holder can leave, or a holder that `watch` rejects, is a damaged lock. For a robust
+// mutex that is a word owned by a thread that no longer exists although the kernel did not mark the
+// owner dead, or waiters flagged without an owner; for a plain one (nothing marks its owner dead,
+// so a holder that died leaves it locked) a recorded holder that no longer exists, or none
+// recorded; any other kind of mutex is damaged. When that persists for CreationWaitLimit() (2 s by
+// default) the lock is given up: watch->giveUp is told, and
+// boost::interprocess::interprocess_exception("the lock <why>") is thrown. A live, plausible holder
+// is waited for as long as it holds the mutex. Throws boost::interprocess::lock_exception when the
+// system refuses.
 SHARED_EXPORT void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair,
                                   const LockWatch* watch = nullptr);
-// Why the robust mutex `mutex` cannot be released by a live holder, or empty (see
-// LockRecovering). A snapshot of the word; for tests and diagnostics.
-SHARED_EXPORT std::string RobustLockDamage(const pthread_mutex_t* mutex);
+// Why `mutex` cannot be released by a live holder, or empty (see LockRecovering). A snapshot of
+// its words; for tests and diagnostics.
+SHARED_EXPORT std::string LockDamage(const pthread_mutex_t* mutex);
 // One attempt: true when acquired, false when someone holds it.
 SHARED_EXPORT bool TryLockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair,
                                      const LockWatch* watch = nullptr);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "LogCapture.h"
 #include "SharedCondition.h"
 #include "ShmHygiene.h"
@@ -23,7 +24,9 @@ using std::chrono::seconds;
 using testsupport::ChildProcess;
 using testsupport::ChildResult;
 using testsupport::PipeSignal;
+using testsupport::Require;
 using testsupport::RunInChild;
+using testsupport::RunsInChild;
 using ConditionPack = ConditionTest;
 using CrossProcess = ConditionTest;
 
@@ -66,7 +69,8 @@ TEST_F(ConditionPack, LogsItsStepsWithExactTextsAndLevels) {
         testsupport::LogCapture log("InterprocCondition");
         EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
         for (const pt::time_duration& timeout :
-             {pt::time_duration(pt::seconds(20)), pt::time_duration(pt::not_a_date_time)}) {
+             {pt::time_duration(pt::seconds(20)), pt::time_duration(pt::pos_infin),
+              pt::time_duration(pt::not_a_date_time)}) {
             Waiter waiter(*c.pack, timeout);
             ASSERT_TRUE(WaitForWaiters(c, 1));
             c.pack->Notify();
@@ -75,6 +79,9 @@ TEST_F(ConditionPack, LogsItsStepsWithExactTextsAndLevels) {
         }
         const std::vector<std::string> expected = {"Wait() : acquired mutex",
                                                    "Wait() : cv.timed_wait(...) returned 0",
+                                                   "Wait() : acquired mutex",
+                                                   "notify_all()",
+                                                   "Wait() : cv.timed_wait(...) returned 1",
                                                    "Wait() : acquired mutex",
                                                    "notify_all()",
                                                    "Wait() : cv.timed_wait(...) returned 1",
@@ -211,6 +218,61 @@ TEST(Lockable, UnboundReturnsAtOnceAndBoundNeverUnlocksOnDestruction) {
     rebound.Bind(&second);  // unlocks the mutex bound before
     EXPECT_TRUE(first.try_lock());
     first.unlock();
+}
+
+// A plain process-shared mutex, as Boost makes it, held by a live thread for longer than the
+// bound a damaged lock gets is waited for. Nothing marks its holder dead: a recorded holder that
+// no longer exists, or none recorded, is given up on after the bound.
+TEST_F(CrossProcess, APlainMutexIsWaitedForUntilItsHolderIsGone) {
+    Mutex* plain = c.memory->GetSegment().construct<Mutex>("plain")();
+    pthread_mutex_t* native = shared::NativeMutex(plain);
+    ASSERT_EQ(shared::SharedMutexKind(), native->__data.__kind);
+    EXPECT_TRUE(RunsInChild([&] {
+        ::setenv("SLOT_CREATION_WAIT_MS", "200", 1);
+        shared::LockablePtr<Mutex> lockable(plain);
+        std::atomic<bool> held{false};
+        std::atomic<bool> released{false};
+        boost::thread holder([&] {
+            lockable.lock();
+            held = true;
+            boost::this_thread::sleep_for(boost::chrono::milliseconds(1000));
+            released = true;
+            lockable.unlock();
+        });
+        Require(Eventually([&] { return held.load(); }), 11, "the holder never locked");
+        try {
+            lockable.lock();
+        } catch (const std::exception& e) {
+            Require(false, 12, std::string("a live holder was given up on: ") + e.what());
+        }
+        Require(released, 13, "lock() returned while the holder held the mutex");
+        lockable.unlock();
+        holder.join();
+    }));
+
+    ChildProcess dead([&] {
+        shared::LockablePtr<Mutex>(plain).lock();
+        return 0;
+    });
+    const pid_t gone = dead.Pid();
+    ASSERT_TRUE(dead.Wait().Ok());
+    auto givesUp = [&](const std::string& state) {
+        return RunsInChild([&] {
+            ::setenv("SLOT_CREATION_WAIT_MS", "200", 1);
+            shared::LockablePtr<Mutex> lockable(plain);
+            Require(!lockable.try_lock(), 11, "try_lock took a held mutex");
+            try {
+                lockable.lock();
+                Require(false, 12, "lock() took a mutex whose holder is gone");
+            } catch (const boost::interprocess::interprocess_exception& e) {
+                Require(std::string(e.what()) == "the lock " + state + " for more than 200 ms", 13,
+                        std::string("exception: ") + e.what());
+            }
+        });
+    };
+    EXPECT_TRUE(givesUp("is held by thread " + std::to_string(gone) + ", which no longer exists"));
+    native->__data.__owner = 0;  // as a holder that died while it took the lock leaves it
+    EXPECT_TRUE(givesUp("is held without a recorded holder"));
 }
 
 TEST_F(CrossProcess, TryLockAndTimedLockOfMutexHeldByAnotherProcess) {

@@ -106,6 +106,7 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
         headerDevice_ = header.device;
         headerInode_ = header.known ? header.inode : 0;
         lockable_.Bind(segment_->GetMutex());
+        headerKind_ = HeaderMutexKind(segment_->GetMutex());
         lockable_.SetOwnerDeadRepair([this](pid_t dead) { RepairAfterDeadHolder(dead); });
         lockable_.SetLockWatch(HeaderLockWatch());
         if (logger_->isTraceEnabled()) {
@@ -575,10 +576,20 @@ bool BaseQueueSlot::SendBlock(const void* data, size_t size) {
     return queue_->try_send(bytes, static_cast<MessageQueue::size_type>(size), DefaultDataPriority);
 }
 
+int BaseQueueSlot::HeaderMutexKind(boost::interprocess::interprocess_mutex* mutex) {
+    // CreateSharedMemory makes the header mutex robust before the segment is marked initialised.
+    // A segment made by a process that gave it a plain process-shared mutex (as Boost's
+    // interprocess_mutex is) works alike, except that a holder that dies leaves it locked, which
+    // a blocked lock gives up on after the bound. Any other kind is damage: its lock refuses it.
+    const int kind = mutex == nullptr ? shared::RobustMutexKind()
+                                      : __atomic_load_n(&shared::NativeMutex(mutex)->__data.__kind,
+                                                        __ATOMIC_RELAXED);
+    return kind == shared::SharedMutexKind() ? kind : shared::RobustMutexKind();
+}
+
 shared::LockWatch BaseQueueSlot::HeaderLockWatch() const {
     shared::LockWatch watch;
-    // Made robust by CreateSharedMemory before the segment was marked initialised.
-    watch.kind = shared::RobustMutexKind();
+    watch.kind = headerKind_;
     // Whoever holds the header mutex has the segment mapped: a live owner whose process does not
     // is a word that damage wrote. The segment is recognised by device and inode, as a path in
     // a memory map is escaped (a name may hold a newline); by its path only when this process's

@@ -198,6 +198,9 @@ private:
     // What a blocked lock() checks about the header mutex's holder, and its ERROR line when it
     // gives up on a damaged lock word.
     shared::LockWatch HeaderLockWatch() const;
+    // The kind a lock of the header mutex expects (LockWatch::kind): the robust kind, or the
+    // plain process-shared kind when `mutex` was made so.
+    static int HeaderMutexKind(boost::interprocess::interprocess_mutex* mutex);
     // Throws boost::interprocess::interprocess_exception when the header segment's bytes are
     // damaged or foreign (called under the header lock, before Boost walks its index).
     void CheckHeaderSegment() const;
@@ -232,4 +235,5 @@ private:
     // The header segment this process maps, as the kernel names it (inode 0: not known).
     dev_t headerDevice_ = 0;
     ino_t headerInode_ = 0;
+    int headerKind_ = -1;  // HeaderMutexKind of the header mutex, found at the opening
 };

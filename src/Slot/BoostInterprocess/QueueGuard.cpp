@@ -33,18 +33,6 @@ typedef boost::intrusive::pointer_traits<shared::SlotOffsetPtr>::rebind_pointer<
 typedef bi::ipcdetail::mq_hdr_t<shared::SlotOffsetPtr> Header;
 typedef bi::message_queue_t<shared::SlotOffsetPtr>::size_type QueueSize;
 
-// glibc's __kind of the mutex Boost puts into a queue (process-shared, normal).
-int PlainMutexKind() {
-    static const int kind = [] {
-        pthread_mutex_t probe;
-        shared::InitSharedMutex(&probe);
-        const int k = probe.__data.__kind;
-        pthread_mutex_destroy(&probe);
-        return k;
-    }();
-    return kind;
-}
-
 }  // namespace
 
 bool QueueGuard::HolderMapsQueue(pid_t owner) const {
@@ -144,7 +132,7 @@ void QueueGuard::Validate(bool messagesToo) const {
         Damaged("its control block is not where Boost puts it");
     }
     // Damaged bytes in the mutex would make glibc abort or wait for ever inside Boost.
-    if (!shared::MutexLooksSane(shared::NativeMutex(&header->m_mutex), PlainMutexKind())) {
+    if (!shared::MutexLooksSane(shared::NativeMutex(&header->m_mutex), shared::SharedMutexKind())) {
         Damaged("its lock is not a lock");
     }
     if (header_ != nullptr) {

@@ -11,10 +11,14 @@
 #include "ShmHygiene.h"
 #include "ShmObject.h"
 
+#include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
 
 #include <shared/ILockable.h>
+#include <shared/RobustMutex.h>
+
+#include <boost/interprocess/sync/interprocess_mutex.hpp>
 
 #include <gtest/gtest.h>
 
@@ -22,11 +26,13 @@
 #include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
 #include <fstream>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -40,6 +46,7 @@ using testsupport::PipeSignal;
 using testsupport::Require;
 using testsupport::RunsInChild;
 using testsupport::ScopedSlotName;
+using testsupport::WriteBlock;
 
 // The header mutex's lock word of the slot `name`, in a mapping of our own.
 class LockWord {
@@ -239,6 +246,80 @@ TEST(DamagedHeaderLock, ALiveHolderOfEitherLockIsWaitedFor) {
             EXPECT_TRUE(holder.Wait().Ok());
         }
     }
+}
+
+// A header mutex made without the robust attribute, as Boost's interprocess_mutex makes it:
+// such a slot opens and works across processes, and a live holder is waited for beyond the
+// bound. Only a holder that died cannot be taken over: it is given up on after the bound.
+TEST(PlainHeaderLock, ASlotWithAPlainHeaderMutexWorksAndGivesUpOnlyOnAGoneHolder) {
+    ScopedSlotName name("plainlock");
+    { ReliableSlot made(open_or_create, name.c_str(), 64, 4); }
+    {
+        MappedObject header(name.str(), true);
+        const SlotImage::HeaderImage image = SlotImage::ParseHeader(header.bytes, header.size);
+        ASSERT_TRUE(image.headerMutex.present);
+        auto* mutex =
+            new (header.bytes + image.headerMutex.offset) boost::interprocess::interprocess_mutex();
+        ASSERT_EQ(shared::SharedMutexKind(), shared::NativeMutex(mutex)->__data.__kind);
+    }
+    ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
+    WriteBlock(slot, "one");
+
+    auto released = testsupport::SharedWithChildren<std::atomic<bool>>();
+    PipeSignal written;
+    PipeSignal locked;
+    ChildProcess other([&] {
+        ::setenv("SLOT_CREATION_WAIT_MS", "300", 1);
+        LogCapture log("Slot");
+        ReliableSlot mine(open_or_create, name.c_str(), 64, 4);
+        Require(testsupport::ReadBlock(mine, 64) == "one", 11, "the block was not read");
+        WriteBlock(mine, "two");
+        written.Post();
+        Require(locked.WaitFor(), 12, "the parent never locked");
+        Require(!mine.GetLockable()->try_lock(), 13, "try_lock took a lock held elsewhere");
+        try {
+            mine.GetLockable()->lock();
+        } catch (const std::exception& e) {
+            Require(false, 14, std::string("a live holder was given up on: ") + e.what());
+        }
+        Require(released->load(), 15, "lock() returned while the holder held the lock");
+        mine.GetLockable()->unlock();
+        const std::vector<std::string> errors = log.Messages("ERROR");
+        Require(errors.empty(), 16, "ERROR: " + (errors.empty() ? "" : errors.front()));
+        return 0;
+    });
+    ASSERT_TRUE(written.WaitFor()) << other.Wait().Describe();
+    slot.GetLockable()->lock();
+    locked.Post();
+    ::usleep(1200 * 1000);  // four times the bound the other process uses
+    released->store(true);
+    slot.GetLockable()->unlock();
+    const testsupport::ChildResult result = other.Wait();
+    ASSERT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_EQ("two", testsupport::ReadBlock(slot, 64));
+
+    // A holder that died leaves a plain lock locked: lock() gives up after the bound with the
+    // ERROR line, and opening the slot gives up after the bound too.
+    ChildProcess holder([&] {
+        slot.GetLockable()->lock();
+        return 0;
+    });
+    const pid_t gone = holder.Pid();
+    ASSERT_TRUE(holder.Wait().Ok());
+    EXPECT_TRUE(
+        LockGivesUp(slot, name.str(),
+                    "is held by thread " + std::to_string(gone) + ", which no longer exists"));
+    EXPECT_TRUE(RunsInChild([&] {
+        ::setenv("SLOT_CREATION_WAIT_MS", "300", 1);
+        try {
+            ReliableSlot again(open_or_create, name.c_str(), 64, 4);
+            Require(false, 11, "a slot locked by a dead holder opened");
+        } catch (const AbortSlotCreationException& e) {
+            Require(std::string(e.what()).find("held by thread " + std::to_string(gone)) !=
+                        std::string::npos,
+                    12, std::string("exception: ") + e.what());
+        }
+    }));
 }
 
 }  // namespace
