@@ -67,6 +67,9 @@ public:
                 model_.Update(
                     look_(),
                     std::chrono::duration<double>(Clock::now().time_since_epoch()).count());
+                if (StopSignals::Received()) {
+                    return ExitInterrupted;  // the look stopped part way
+                }
                 due += step;
                 if (due <= now) {
                     due = now + step;  // late (a slow look, a suspended process): start afresh
