@@ -474,6 +474,31 @@ TEST(SlotctlReadWrite, AStalledStandardOutputEndsAtAStopSignalAndAtTheTimeOut) {
     }
 }
 
+// Input that a block cannot hold is refused without being held: a --length beyond the slot's
+// maximum before anything is made (it once allocated that length), standard input and a line of
+// it once they pass the maximum (they were once read whole, without end here).
+TEST(SlotctlReadWrite, InputLargerThanABlockIsRefusedWithoutBeingHeld) {
+    ScopedSlotName name("toolarge");
+    ExpectOneErrorLine(Slotctl({"write", name.str(), "--length", "2147483647", "x"}), 1,
+                       "slotctl: write: --length 2147483647 is larger than the slot's maximum "
+                       "block size 65536\n");
+    EXPECT_FALSE(ShmExists(name.str()));
+    const std::string write = " | \"$0\" write " + name.str();
+    const std::string status = " 2>&1; echo \"status ${PIPESTATUS[2]}\"";
+    const slotctltest::ShellRun whole =
+        slotctltest::InShell("yes 2>/dev/null | cat 2>/dev/null" + write + status);
+    EXPECT_THAT(whole.out, HasSubstr("slotctl: standard input is larger than the slot's maximum "
+                                     "block size 65536\nstatus 1\n"));
+    const slotctltest::ShellRun line = slotctltest::InShell(
+        "yes 2>/dev/null | tr -d \"\\n\" 2>/dev/null" + write + " --lines" + status);
+    EXPECT_THAT(line.out, HasSubstr("slotctl: a line of standard input is larger than the slot's "
+                                    "maximum block size 65536\nstatus 1\n"));
+    // With --length a long line is cut, as before.
+    const Outcome cut = Slotctl({"write", name.str(), "--lines", "--length", "3"},
+                                Options{std::string(200000, 'z') + "\nab\n"});
+    EXPECT_EQ(0, cut.status) << cut.Describe();
+}
+
 // An existing slot keeps its kind: an explicit --type of another kind is refused, in one line,
 // by each command that takes one (record --tee takes the recorded slot's), and nothing is
 // written to or taken from the slot.
