@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <array>
 #include <csignal>
@@ -472,6 +473,72 @@ TEST(SlotctlReadWrite, AStalledStandardOutputEndsAtAStopSignalAndAtTheTimeOut) {
             EXPECT_EQ(std::string(size, static_cast<char>('a' + written + unwritten)), next.out);
         }
     }
+}
+
+// ---- output that stops taking bytes ----
+
+// Where slotctl waits for an output: a write it cannot cut short, or a poll for room.
+const std::vector<long> OutputWaits = {SYS_write, SYS_poll, SYS_ppoll};
+
+// A terminal that stops reading (a stalled ssh, a pty nobody drains) holds read's output; a stop
+// signal still ends read with 130 (once it sat in one blocking write, deaf to SIGTERM). So it
+// does on a terminal that slotctl cannot open again for a descriptor of its own, another user's
+// after su, whose writes only block (run as nobody, on a terminal stopped as by Ctrl-S).
+TEST(SlotctlOutput, ATerminalThatStopsReadingStillEndsAtAStopSignal) {
+    ScopedSlotName name("ttyfull");
+    const Outcome write = Slotctl(
+        {"write", name.str(), "--type", "reliable", "--max-size", "70000", "--count", "2", "-"},
+        Options{std::string(60000, 'y')});
+    ASSERT_EQ(0, write.status) << write.Describe();
+    slotctltest::Pty undrained;
+    // Far more hex than the terminal holds: once it printed, it waits for the terminal.
+    Background reader({"read", name.str(), "--follow", "--format", "hex"}, 0,
+                      undrained.SlavePath());
+    EXPECT_TRUE(testsupport::Eventually(
+        [&] { return undrained.Waiting() > 0 && reader.BlockedIn(OutputWaits); },
+        std::chrono::seconds(30)));
+    reader.Signal(SIGTERM);
+    const Outcome read = reader.Finish(std::chrono::seconds(30));
+    EXPECT_FALSE(read.timedOut) << read.Describe();
+    EXPECT_EQ(130, read.status) << read.Describe();
+
+    if (::geteuid() != 0) {
+        return;  // only root runs a process as another user
+    }
+    slotctltest::Pty stopped;
+    stopped.Type("\x13");
+    Background top({"top", "--json", "--interval", "0.1"}, 65534, stopped.SlavePath());
+    EXPECT_TRUE(testsupport::Eventually([&] { return top.BlockedIn({SYS_write}); },
+                                        std::chrono::seconds(30)));
+    top.Signal(SIGTERM);
+    const Outcome run = top.Finish(std::chrono::seconds(30));
+    EXPECT_FALSE(run.timedOut) << run.Describe();
+    EXPECT_EQ(130, run.status) << run.Describe();
+}
+
+// A standard error that takes nothing holds neither slotctl's own messages nor the library's
+// log lines past a stop signal: a usage error ends with its status, and rm, which goes on after
+// a stop, removes the slot (the lines it could not print are dropped).
+TEST(SlotctlOutput, AStandardErrorThatTakesNothingHoldsNoMessagePastAStopSignal) {
+    ScopedSlotName name("errstall");
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
+    slotctltest::Pty stopped;
+    stopped.Type("\x13");
+    Background usage({"read", name.str(), "--no-such-option"}, 0, "", stopped.SlavePath());
+    Background remove({"-v", "rm", name.str()}, 0, "", stopped.SlavePath());
+    for (Background* run : {&usage, &remove}) {
+        EXPECT_TRUE(testsupport::Eventually([&] { return run->BlockedIn(OutputWaits); },
+                                            std::chrono::seconds(30)));
+        run->Signal(SIGTERM);
+    }
+    const Outcome refused = usage.Finish(std::chrono::seconds(30));
+    EXPECT_FALSE(refused.timedOut) << refused.Describe();
+    EXPECT_EQ(2, refused.status) << refused.Describe();
+    const Outcome removed = remove.Finish(std::chrono::seconds(30));
+    EXPECT_FALSE(removed.timedOut) << removed.Describe();
+    EXPECT_EQ(0, removed.status) << removed.Describe();
+    EXPECT_THAT(removed.out, HasSubstr("removed '" + name.str() + "'"));
+    EXPECT_FALSE(ShmExists(name.str()));
 }
 
 // Input that a block cannot hold is refused without being held: a --length beyond the slot's
