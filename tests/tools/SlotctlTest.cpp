@@ -681,6 +681,19 @@ TEST(SlotctlDemo, AForeignBlockIsCountedApartNotTrusted) {
     objects.ExpectNothingLeft();
 }
 
+// Standard output closing (`| head`) stops it as Ctrl-C does, with the status of a closed output,
+// and what it made is removed (it once ran its whole time).
+TEST(SlotctlDemo, AClosedOutputStopsItAndCleansUp) {
+    const DemoObjects objects;
+    const slotctltest::ShellRun run =
+        slotctltest::InShell("\"$0\" demo --duration 100 --prefix " + objects.prefix +
+                                 " | head -2; echo \"status ${PIPESTATUS[0]}\"",
+                             60);
+    EXPECT_THAT(run.out, HasSubstr("slotctl demo: a publisher process writes")) << run.out;
+    EXPECT_THAT(run.out, HasSubstr("\nstatus 1\n")) << run.out;
+    objects.ExpectNothingLeft();
+}
+
 TEST(SlotctlDemo, AnInterruptStopsItInOrderAndCleansUp) {
     const DemoObjects objects;
     const std::string& prefix = objects.prefix;
