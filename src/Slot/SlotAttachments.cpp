@@ -16,6 +16,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <optional>
+#include <unordered_map>
+#include <utility>
 
 namespace {
 
@@ -85,36 +88,35 @@ bool OpenReadOnly(const std::string& proc, const char* fd) {
     return (flags & O_ACCMODE) == O_RDONLY;
 }
 
-// The path column of each line of a maps file: what follows the fifth field.
-void MappedPaths(const std::string& maps, const std::string& header, const std::string& queue,
-                 SlotAttachment& process) {
-    size_t start = 0;
-    while (start < maps.size()) {
-        size_t end = maps.find('\n', start);
-        if (end == std::string::npos) {
-            end = maps.size();
+// What one path is to one of the slots asked for.
+enum class Part { Header, Queue, Pipe };
+struct Use {
+    size_t slot;
+    Part part;
+};
+typedef std::unordered_map<std::string, std::vector<Use>> PathUses;
+
+// The path column of a maps line: what follows the fifth field.
+std::string MappedPath(const std::string& maps, size_t start, size_t end) {
+    // address perms offset dev inode, then spaces, then the path.
+    size_t at = start;
+    for (int field = 0; field < 5 && at < end; ++field) {
+        at = maps.find(' ', at);
+        if (at == std::string::npos || at >= end) {
+            return "";
         }
-        // address perms offset dev inode, then spaces, then the path.
-        size_t at = start;
-        for (int field = 0; field < 5 && at < end; ++field) {
-            at = maps.find(' ', at);
-            if (at == std::string::npos || at >= end) {
-                at = end;
-                break;
-            }
-            ++at;
-        }
-        while (at < end && maps[at] == ' ') {
-            ++at;
-        }
-        const std::string path = maps.substr(at, end - at);
-        if (path == header) {
-            process.header = true;
-        } else if (path == queue) {
-            process.queue = true;
-        }
-        start = end + 1;
+        ++at;
     }
+    while (at < end && maps[at] == ' ') {
+        ++at;
+    }
+    return maps.substr(at, end - at);
+}
+
+void Mark(SlotAttachment& process, Part part) {
+    process.header = process.header || part == Part::Header;
+    process.queue = process.queue || part == Part::Queue;
+    process.pipe = process.pipe || part == Part::Pipe;
 }
 
 }  // namespace
@@ -135,32 +137,66 @@ std::string SlotAttachment::What() const {
 }
 
 SlotAttachmentList SlotAttachments::Find(const std::string& name, const std::string& pipePath) {
-    SlotAttachmentList list;
-    if (Slot::SlotNameProblem(name)) {
-        return list;
-    }
-    const std::string header = Slot::ShmPath(Slot::HeaderObjectName(name));
-    const std::string queue = Slot::ShmPath(Slot::QueueObjectName(name));
-    std::string lockFile;
-    try {
-        lockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);
-    } catch (const std::exception&) {
-    }
-    std::map<pid_t, SlotAttachment> found;
+    return FindMany({{name, pipePath}}).front();
+}
 
-    DIR* proc = ::opendir("/proc");
-    if (proc == nullptr) {
-        return list;
+std::vector<SlotAttachmentList> SlotAttachments::FindMany(
+    const std::vector<SlotAttachmentQuery>& slots) {
+    std::vector<SlotAttachmentList> lists(slots.size());
+    // Each path of a slot's objects, and what it is to which slot: slot "queue_x"'s header is
+    // slot "x"'s queue.
+    PathUses uses;
+    std::vector<std::string> lockFiles(slots.size());
+    std::vector<bool> valid(slots.size(), false);
+    for (size_t i = 0; i < slots.size(); ++i) {
+        const std::string& name = slots[i].name;
+        if (Slot::SlotNameProblem(name)) {
+            continue;
+        }
+        valid[i] = true;
+        uses[Slot::ShmPath(Slot::HeaderObjectName(name))].push_back({i, Part::Header});
+        uses[Slot::ShmPath(Slot::QueueObjectName(name))].push_back({i, Part::Queue});
+        if (!slots[i].pipePath.empty()) {
+            uses[slots[i].pipePath].push_back({i, Part::Pipe});
+        }
+        try {
+            lockFiles[i] = FileUtils::FSUtils::GetSingletonFileLockName(name);
+        } catch (const std::exception&) {
+        }
     }
-    while (const dirent* entry = ::readdir(proc)) {
+    // Per slot, the processes attached to it.
+    std::vector<std::map<pid_t, SlotAttachment>> found(slots.size());
+    unsigned unreadable = 0;
+
+    DIR* proc = uses.empty() ? nullptr : ::opendir("/proc");
+    while (const dirent* entry = proc == nullptr ? nullptr : ::readdir(proc)) {
         if (!IsPid(entry->d_name)) {
             continue;
         }
         const std::string dir = std::string("/proc/") + entry->d_name;
-        SlotAttachment process;
-        process.pid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
+        const pid_t pid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
+        // This process's attachments, per slot.
+        std::map<size_t, SlotAttachment> seen;
+        auto mark = [&](const std::vector<Use>& pathUses) {
+            for (const Use& use : pathUses) {
+                SlotAttachment& process = seen[use.slot];
+                process.pid = pid;
+                Mark(process, use.part);
+            }
+        };
         bool mapsRead = false;
-        MappedPaths(ReadSmallFile(dir + "/maps", mapsRead), header, queue, process);
+        const std::string maps = ReadSmallFile(dir + "/maps", mapsRead);
+        for (size_t start = 0; start < maps.size();) {
+            size_t end = maps.find('\n', start);
+            if (end == std::string::npos) {
+                end = maps.size();
+            }
+            const auto it = uses.find(MappedPath(maps, start, end));
+            if (it != uses.end()) {
+                mark(it->second);
+            }
+            start = end + 1;
+        }
         bool fdsRead = false;
         if (DIR* fds = ::opendir((dir + "/fd").c_str())) {
             fdsRead = true;
@@ -174,13 +210,26 @@ SlotAttachmentList SlotAttachments::Find(const std::string& name, const std::str
                 if (n <= 0) {
                     continue;
                 }
-                const std::string path(target, static_cast<size_t>(n));
-                if ((path == header || path == queue) && OpenReadOnly(dir, fd->d_name)) {
+                const auto it = uses.find(std::string(target, static_cast<size_t>(n)));
+                if (it == uses.end()) {
                     continue;
                 }
-                process.header = process.header || path == header;
-                process.queue = process.queue || path == queue;
-                process.pipe = process.pipe || (!pipePath.empty() && path == pipePath);
+                // A header or queue open for reading only is an inspector's look.
+                std::vector<Use> attached;
+                bool readOnlyKnown = false, readOnly = false;
+                for (const Use& use : it->second) {
+                    if (use.part != Part::Pipe) {
+                        if (!readOnlyKnown) {
+                            readOnly = OpenReadOnly(dir, fd->d_name);
+                            readOnlyKnown = true;
+                        }
+                        if (readOnly) {
+                            continue;
+                        }
+                    }
+                    attached.push_back(use);
+                }
+                mark(attached);
             }
             ::closedir(fds);
         }
@@ -188,36 +237,53 @@ SlotAttachmentList SlotAttachments::Find(const std::string& name, const std::str
             // Gone meanwhile, or another user's process.
             struct stat st;
             if (::stat(dir.c_str(), &st) == 0) {
-                ++list.unreadable;
+                ++unreadable;
             }
             continue;
         }
-        if (process.header || process.queue || process.pipe) {
-            found[process.pid] = process;
+        for (const auto& slot : seen) {
+            found[slot.first][pid] = slot.second;
         }
     }
-    ::closedir(proc);
+    if (proc != nullptr) {
+        ::closedir(proc);
+    }
 
-    // The reader lock's holder as the lock itself tells it: a process that holds no descriptor
-    // we could see still counts.
-    if (!lockFile.empty()) {
-        const pid_t holder = shared::FileLock::Holder(lockFile);
-        if (holder > 0) {
-            SlotAttachment& process = found[holder];
-            process.pid = holder;
-            process.reader = true;
+    // Who each process is (user, command), looked up once; nothing when it ended meanwhile.
+    std::map<pid_t, std::optional<std::pair<uid_t, std::string>>> who;
+    for (size_t i = 0; i < slots.size(); ++i) {
+        if (!valid[i]) {
+            continue;
+        }
+        lists[i].unreadable = unreadable;
+        // The reader lock's holder as the lock itself tells it: a process that holds no
+        // descriptor we could see still counts.
+        if (!lockFiles[i].empty()) {
+            const pid_t holder = shared::FileLock::Holder(lockFiles[i]);
+            if (holder > 0) {
+                SlotAttachment& process = found[i][holder];
+                process.pid = holder;
+                process.reader = true;
+            }
+        }
+        for (auto& entry : found[i]) {
+            SlotAttachment& process = entry.second;
+            auto known = who.find(process.pid);
+            if (known == who.end()) {
+                const std::string dir = "/proc/" + std::to_string(process.pid);
+                struct stat st;
+                known = who.emplace(process.pid, std::nullopt).first;
+                if (::stat(dir.c_str(), &st) == 0) {
+                    known->second = std::make_pair(st.st_uid, CommandOf(dir));
+                }
+            }
+            if (!known->second) {
+                continue;  // ended meanwhile
+            }
+            process.uid = known->second->first;
+            process.command = known->second->second;
+            lists[i].processes.push_back(process);
         }
     }
-    for (auto& entry : found) {
-        SlotAttachment& process = entry.second;
-        const std::string dir = "/proc/" + std::to_string(process.pid);
-        struct stat st;
-        if (::stat(dir.c_str(), &st) != 0) {
-            continue;  // ended meanwhile
-        }
-        process.uid = st.st_uid;
-        process.command = CommandOf(dir);
-        list.processes.push_back(process);
-    }
-    return list;
+    return lists;
 }

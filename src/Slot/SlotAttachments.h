@@ -37,9 +37,21 @@ struct SlotAttachmentList {
     unsigned unreadable = 0;                // processes whose maps or fds could not be read
 };
 
+// A slot to look for: its name and the posix-pipe FIFO of that name (SlotReport::pipePath;
+// empty: none).
+struct SlotAttachmentQuery {
+    std::string name;
+    std::string pipePath;
+};
+
 class SLOT_EXPORT SlotAttachments {
 public:
     // Every process attached to slot `name`. `pipePath` is the posix-pipe FIFO to look for (from
     // SlotReport::pipePath; empty: none). Never throws for what it finds.
     static SlotAttachmentList Find(const std::string& name, const std::string& pipePath = "");
+
+    // Find for many slots with one pass over /proc (each process's maps and descriptors are
+    // read once, whatever the number of slots): one list per slot, in the order asked. A
+    // repeated name gets the same list again; an invalid name an empty one.
+    static std::vector<SlotAttachmentList> FindMany(const std::vector<SlotAttachmentQuery>& slots);
 };

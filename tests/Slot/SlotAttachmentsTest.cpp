@@ -101,6 +101,69 @@ TEST(SlotAttachments, AWriterAndAReaderProcessAreListedUntilTheyEndOrTheSlotIsMa
     EXPECT_TRUE(NobodyAttached(name));
 }
 
+// One pass over /proc for many slots gives each what Find gives it alone: slots attached by
+// different child processes, one by two, a name whose header is another slot's queue
+// ("queue_<a>"), a repeated and an invalid name.
+TEST(SlotAttachments, FindManyGivesEverySlotWhatFindGivesIt) {
+    ScopedSlotName a("many"), b("many"), c("many");
+    SimpleSlotCfg reliable(a, "reliable", boost::posix_time::milliseconds(50), 4);
+    SimpleSlotCfg discarding(b, "discarding", boost::posix_time::milliseconds(50), 1);
+    SimpleSlotCfg unused(c, "discarding", boost::posix_time::milliseconds(50), 1);
+    SlotFactory::CreateSlot(&reliable);
+    SlotFactory::CreateSlot(&discarding);
+    SlotFactory::CreateSlot(&unused);
+    testsupport::PipeSignal readerReady, writerReady, end;
+    ChildProcess reader([&] {
+        INotifierPtr slot =
+            SlotFactory::CreateSlotReader(&reliable, ISubscriberPtr(new testsupport::Collector));
+        readerReady.Post();
+        return end.WaitFor(std::chrono::seconds(60)) ? 0 : 1;
+    });
+    ChildProcess writer([&] {
+        ISubscriberPtr first = SlotFactory::CreateSlotWriter(&reliable);
+        ISubscriberPtr second = SlotFactory::CreateSlotWriter(&discarding);
+        writerReady.Post();
+        return end.WaitFor(std::chrono::seconds(60)) ? 0 : 1;
+    });
+    ASSERT_TRUE(readerReady.WaitFor());
+    ASSERT_TRUE(writerReady.WaitFor());
+
+    const std::vector<SlotAttachmentQuery> queries = {
+        {a, ""}, {b, ""}, {c, ""}, {Slot::QueueObjectName(a), ""}, {b, ""}, {"x/y", ""}};
+    const std::vector<SlotAttachmentList> many = SlotAttachments::FindMany(queries);
+    ASSERT_EQ(queries.size(), many.size());
+    // What the children use of each, as each list and as Find alone tell it.
+    auto uses = [&](const SlotAttachmentList& list) {
+        std::string text;
+        for (const pid_t pid : {reader.Pid(), writer.Pid()}) {
+            const SlotAttachment* process = Find(list, pid);
+            text += (pid == reader.Pid() ? "reader: " : " writer: ") +
+                    (process == nullptr ? "-" : process->What());
+        }
+        return text;
+    };
+    const std::vector<std::string> expected = {
+        "reader: header, queue, reader lock writer: header, queue",
+        "reader: - writer: header, queue",
+        "reader: - writer: -",
+        "reader: header writer: header",  // a's queue is the header of "queue_<a>"
+        "reader: - writer: header, queue",
+        "reader: - writer: -"};
+    for (size_t i = 0; i < queries.size(); ++i) {
+        EXPECT_EQ(expected[i], uses(many[i])) << queries[i].name;
+        EXPECT_EQ(expected[i], uses(SlotAttachments::Find(queries[i].name))) << queries[i].name;
+    }
+    const SlotAttachment* w = Find(many[0], writer.Pid());
+    ASSERT_NE(nullptr, w);
+    EXPECT_EQ(::geteuid(), w->uid);
+    EXPECT_NE(std::string::npos, w->command.find("Slot_tests")) << w->command;
+
+    end.Post();
+    end.Post();
+    EXPECT_TRUE(reader.Wait().Ok());
+    EXPECT_TRUE(writer.Wait().Ok());
+}
+
 TEST(SlotActivity, CountsTheWritesOfAnotherProcessAndShowsTheLastBlockTaken) {
     ScopedSlotName name("activity");
     SimpleSlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(50), 64);

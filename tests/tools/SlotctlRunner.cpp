@@ -3,13 +3,16 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 
 namespace slotctltest {
@@ -17,7 +20,8 @@ namespace slotctltest {
 namespace {
 
 pid_t Spawn(const std::vector<std::string>& args, uid_t uid, int& in, int& out, int& err,
-            const std::string& stdoutPath) {
+            const std::string& stdoutPath, const std::string& stderrPath,
+            const std::string& stdinPath) {
     int pin[2], pout[2], perr[2];
     if (::pipe2(pin, O_CLOEXEC) != 0 || ::pipe2(pout, O_CLOEXEC) != 0 ||
         ::pipe2(perr, O_CLOEXEC) != 0) {
@@ -34,10 +38,14 @@ pid_t Spawn(const std::vector<std::string>& args, uid_t uid, int& in, int& out, 
         std::abort();
     }
     if (pid == 0) {
-        ::dup2(pin[0], STDIN_FILENO);
-        const int file = stdoutPath.empty() ? -1 : ::open(stdoutPath.c_str(), O_WRONLY);
-        ::dup2(file >= 0 ? file : pout[1], STDOUT_FILENO);
-        ::dup2(perr[1], STDERR_FILENO);
+        // A path given: that file (without becoming its controlling terminal), else the pipe.
+        auto use = [](const std::string& path, int flags, int pipeEnd, int fd) {
+            const int file = path.empty() ? -1 : ::open(path.c_str(), flags | O_NOCTTY);
+            ::dup2(file >= 0 ? file : pipeEnd, fd);
+        };
+        use(stdinPath, O_RDONLY, pin[0], STDIN_FILENO);
+        use(stdoutPath, O_WRONLY, pout[1], STDOUT_FILENO);
+        use(stderrPath, O_WRONLY, perr[1], STDERR_FILENO);
         if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) {
             ::_exit(126);
         }
@@ -141,10 +149,25 @@ Outcome Slotctl(const std::vector<std::string>& args, const Options& options) {
 }
 
 Background::Background(const std::vector<std::string>& args, uid_t uid,
-                       const std::string& stdoutPath) {
+                       const std::string& stdoutPath, const std::string& stderrPath,
+                       const std::string& stdinPath) {
     // A child that ends before reading its input must not kill us with SIGPIPE.
     std::signal(SIGPIPE, SIG_IGN);
-    pid_ = Spawn(args, uid, in_, out_, err_, stdoutPath);
+    pid_ = Spawn(args, uid, in_, out_, err_, stdoutPath, stderrPath, stdinPath);
+}
+
+bool Background::BlockedIn(const std::vector<long>& calls) const {
+    const std::string proc = "/proc/" + std::to_string(pid_);
+    std::ifstream syscall(proc + "/syscall"), stat(proc + "/stat");
+    long call = -1;
+    std::string line;
+    if (!(syscall >> call) || !std::getline(stat, line)) {
+        return false;  // running ("running" is no number), or gone
+    }
+    // pid (command) state ...: the state follows the last ')'.
+    const std::string::size_type close = line.rfind(')');
+    return close != std::string::npos && line.compare(close, 4, ") S ") == 0 &&
+           std::find(calls.begin(), calls.end(), call) != calls.end();
 }
 
 void Background::Write(const std::string& input) {
@@ -231,11 +254,19 @@ Outcome Background::Finish(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (Pump(deadline)) {
     }
-    if (out_ >= 0 || err_ >= 0) {
+    // Its output has ended, or goes elsewhere than to us: it has until the deadline to end.
+    while (!reaped_) {
+        Reap(pid_, WNOHANG, run_, reaped_);
+        if (reaped_ || std::chrono::steady_clock::now() >= deadline) {
+            break;
+        }
+        ::poll(nullptr, 0, 10);
+    }
+    if (!reaped_) {
         run_.timedOut = true;
         ::kill(pid_, SIGKILL);
+        Reap(pid_, 0, run_, reaped_);
     }
-    Reap(pid_, 0, run_, reaped_);
     return run_;
 }
 
@@ -255,6 +286,54 @@ ShellRun InShell(const std::string& script, int seconds) {
     const int status = ::pclose(shell);
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return run;
+}
+
+Pty::Pty() {
+    master_ = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (master_ < 0 || ::grantpt(master_) != 0 || ::unlockpt(master_) != 0) {
+        std::abort();
+    }
+    slavePath_ = ::ptsname(master_);
+    slave_ = ::open(slavePath_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    winsize size = {24, 80, 0, 0};
+    if (slave_ < 0 || ::ioctl(master_, TIOCSWINSZ, &size) != 0) {
+        std::abort();
+    }
+    ::fcntl(master_, F_SETFL, O_NONBLOCK);
+}
+
+Pty::~Pty() {
+    ::close(slave_);
+    ::close(master_);
+}
+
+void Pty::Type(const std::string& keys) {
+    if (::write(master_, keys.data(), keys.size()) != static_cast<ssize_t>(keys.size())) {
+        std::abort();
+    }
+}
+
+bool Pty::WaitFor(const std::string& text, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (output_.find(text) == std::string::npos) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd fd = {master_, POLLIN, 0};
+        if (left.count() <= 0 || ::poll(&fd, 1, static_cast<int>(left.count())) < 0) {
+            return false;
+        }
+        char chunk[4096];
+        const ssize_t n = ::read(master_, chunk, sizeof(chunk));
+        if (n > 0) {
+            output_.append(chunk, static_cast<size_t>(n));
+        }
+    }
+    return true;
+}
+
+int Pty::Waiting() const {
+    int waiting = 0;
+    return ::ioctl(master_, FIONREAD, &waiting) == 0 ? waiting : 0;
 }
 
 }  // namespace slotctltest

@@ -59,9 +59,11 @@ ShellRun InShell(const std::string& script, int seconds = 30);
 // slotctl running in the background. The destructor kills it if it still runs.
 class Background {
 public:
-    // `stdoutPath`: as Options::stdoutPath.
+    // `stdoutPath`: as Options::stdoutPath; `stderrPath` and `stdinPath` the same for standard
+    // error (`err` stays empty) and standard input (Write then writes nothing).
     explicit Background(const std::vector<std::string>& args, uid_t uid = 0,
-                        const std::string& stdoutPath = "");
+                        const std::string& stdoutPath = "", const std::string& stderrPath = "",
+                        const std::string& stdinPath = "");
     ~Background();
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
@@ -80,6 +82,10 @@ public:
     // the time-out.
     Outcome Finish(std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
+    // Whether its main thread is now blocked (sleeping) in one of the system calls `calls`
+    // (SYS_... numbers), as /proc/<pid>/syscall and stat tell.
+    bool BlockedIn(const std::vector<long>& calls) const;
+
 private:
     bool Pump(std::chrono::steady_clock::time_point deadline);
     bool WaitFor(const std::string& text, const std::string& which,
@@ -91,6 +97,34 @@ private:
     int err_ = -1;
     Outcome run_;
     bool reaped_ = false;
+};
+
+// A pseudo-terminal of 80x24 that slotctl can be given as its terminal (SlavePath) while the
+// test plays the terminal on the master side. Closed by the destructor.
+class Pty {
+public:
+    Pty();
+    ~Pty();
+    Pty(const Pty&) = delete;
+    Pty& operator=(const Pty&) = delete;
+
+    const std::string& SlavePath() const { return slavePath_; }
+    // Held open by the test, so that the terminal stays when slotctl ends: its modes are
+    // read here.
+    int Slave() const { return slave_; }
+    // Types `keys` (XOFF "\x13" stops the terminal's output, as Ctrl-S does).
+    void Type(const std::string& keys);
+    // Reads the output until it holds `text`; false at the time-out.
+    bool WaitFor(const std::string& text,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    // Bytes of output waiting to be read now.
+    int Waiting() const;
+
+private:
+    int master_ = -1;
+    int slave_ = -1;
+    std::string slavePath_;
+    std::string output_;
 };
 
 }  // namespace slotctltest

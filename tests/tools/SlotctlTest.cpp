@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <array>
 #include <csignal>
@@ -492,6 +493,97 @@ TEST(SlotctlReadWrite, AStalledStandardOutputEndsAtAStopSignalAndAtTheTimeOut) {
     }
 }
 
+// ---- output that stops taking bytes ----
+
+// Where slotctl waits for an output: a write it cannot cut short, or a poll for room.
+const std::vector<long> OutputWaits = {SYS_write, SYS_poll, SYS_ppoll};
+
+// A terminal that stops reading (a stalled ssh, a pty nobody drains) holds read's output; a stop
+// signal still ends read with 130 (once it sat in one blocking write, deaf to SIGTERM). So it
+// does on a terminal that slotctl cannot open again for a descriptor of its own, another user's
+// after su, whose writes only block (run as nobody, on a terminal stopped as by Ctrl-S).
+TEST(SlotctlOutput, ATerminalThatStopsReadingStillEndsAtAStopSignal) {
+    ScopedSlotName name("ttyfull");
+    const Outcome write = Slotctl(
+        {"write", name.str(), "--type", "reliable", "--max-size", "70000", "--count", "2", "-"},
+        Options{std::string(60000, 'y')});
+    ASSERT_EQ(0, write.status) << write.Describe();
+    slotctltest::Pty undrained;
+    // Far more hex than the terminal holds: once it printed, it waits for the terminal.
+    Background reader({"read", name.str(), "--follow", "--format", "hex"}, 0,
+                      undrained.SlavePath());
+    EXPECT_TRUE(testsupport::Eventually(
+        [&] { return undrained.Waiting() > 0 && reader.BlockedIn(OutputWaits); },
+        std::chrono::seconds(30)));
+    reader.Signal(SIGTERM);
+    const Outcome read = reader.Finish(std::chrono::seconds(30));
+    EXPECT_FALSE(read.timedOut) << read.Describe();
+    EXPECT_EQ(130, read.status) << read.Describe();
+
+    if (::geteuid() != 0) {
+        return;  // only root runs a process as another user
+    }
+    slotctltest::Pty stopped;
+    stopped.Type("\x13");
+    Background top({"top", "--json", "--interval", "0.1"}, 65534, stopped.SlavePath());
+    EXPECT_TRUE(testsupport::Eventually([&] { return top.BlockedIn({SYS_write}); },
+                                        std::chrono::seconds(30)));
+    top.Signal(SIGTERM);
+    const Outcome run = top.Finish(std::chrono::seconds(30));
+    EXPECT_FALSE(run.timedOut) << run.Describe();
+    EXPECT_EQ(130, run.status) << run.Describe();
+}
+
+// A standard error that takes nothing holds neither slotctl's own messages nor the library's
+// log lines past a stop signal: a usage error ends with its status, and rm, which goes on after
+// a stop, removes the slot (the lines it could not print are dropped).
+TEST(SlotctlOutput, AStandardErrorThatTakesNothingHoldsNoMessagePastAStopSignal) {
+    ScopedSlotName name("errstall");
+    ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
+    slotctltest::Pty stopped;
+    stopped.Type("\x13");
+    Background usage({"read", name.str(), "--no-such-option"}, 0, "", stopped.SlavePath());
+    Background remove({"-v", "rm", name.str()}, 0, "", stopped.SlavePath());
+    for (Background* run : {&usage, &remove}) {
+        EXPECT_TRUE(testsupport::Eventually([&] { return run->BlockedIn(OutputWaits); },
+                                            std::chrono::seconds(30)));
+        run->Signal(SIGTERM);
+    }
+    const Outcome refused = usage.Finish(std::chrono::seconds(30));
+    EXPECT_FALSE(refused.timedOut) << refused.Describe();
+    EXPECT_EQ(2, refused.status) << refused.Describe();
+    const Outcome removed = remove.Finish(std::chrono::seconds(30));
+    EXPECT_FALSE(removed.timedOut) << removed.Describe();
+    EXPECT_EQ(0, removed.status) << removed.Describe();
+    EXPECT_THAT(removed.out, HasSubstr("removed '" + name.str() + "'"));
+    EXPECT_FALSE(ShmExists(name.str()));
+}
+
+// Input that a block cannot hold is refused without being held: a --length beyond the slot's
+// maximum before anything is made (it once allocated that length), standard input and a line of
+// it once they pass the maximum (they were once read whole, without end here).
+TEST(SlotctlReadWrite, InputLargerThanABlockIsRefusedWithoutBeingHeld) {
+    ScopedSlotName name("toolarge");
+    ExpectOneErrorLine(Slotctl({"write", name.str(), "--length", "2147483647", "x"}), 1,
+                       "slotctl: write: --length 2147483647 is larger than the slot's maximum "
+                       "block size 65536\n");
+    EXPECT_FALSE(ShmExists(name.str()));
+    const std::string write = " | \"$0\" write " + name.str();
+    const std::string status = " 2>&1; echo \"status ${PIPESTATUS[2]}\"";
+    const slotctltest::ShellRun whole =
+        slotctltest::InShell("yes 2>/dev/null | cat 2>/dev/null" + write + status);
+    EXPECT_THAT(whole.out, HasSubstr("slotctl: standard input is larger than the slot's maximum "
+                                     "block size 65536\nstatus 1\n"));
+    const slotctltest::ShellRun line = slotctltest::InShell(
+        "yes 2>/dev/null | tr -d \"\\n\" 2>/dev/null" + write + " --lines" + status);
+    EXPECT_THAT(line.out, HasSubstr("slotctl: a line of standard input is larger than the slot's "
+                                    "maximum block size 65536\nstatus 1\n"));
+    // With --length a long line is cut, as before.
+    const Outcome cut = Slotctl({"write", name.str(), "--lines", "--length", "3"},
+                                Options{std::string(200000, 'z') + "\nab\n"});
+    EXPECT_EQ(0, cut.status) << cut.Describe();
+}
+
 // An existing slot keeps its kind: an explicit --type of another kind is refused, in one line,
 // by each command that takes one (record --tee takes the recorded slot's), and nothing is
 // written to or taken from the slot.
@@ -604,6 +696,19 @@ TEST(SlotctlDemo, AForeignBlockIsCountedApartNotTrusted) {
     const std::vector<std::string> row = SummaryRow(run.out, "reliable");
     ASSERT_GE(row.size(), 6u) << run.out;
     EXPECT_EQ(std::stol(row[1]), std::stol(row[2]) + std::stol(row[3])) << run.out;
+    objects.ExpectNothingLeft();
+}
+
+// Standard output closing (`| head`) stops it as Ctrl-C does, with the status of a closed output,
+// and what it made is removed (it once ran its whole time).
+TEST(SlotctlDemo, AClosedOutputStopsItAndCleansUp) {
+    const DemoObjects objects;
+    const slotctltest::ShellRun run =
+        slotctltest::InShell("\"$0\" demo --duration 100 --prefix " + objects.prefix +
+                                 " | head -2; echo \"status ${PIPESTATUS[0]}\"",
+                             60);
+    EXPECT_THAT(run.out, HasSubstr("slotctl demo: a publisher process writes")) << run.out;
+    EXPECT_THAT(run.out, HasSubstr("\nstatus 1\n")) << run.out;
     objects.ExpectNothingLeft();
 }
 

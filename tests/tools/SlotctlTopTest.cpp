@@ -10,7 +10,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 #include <algorithm>
 #include <chrono>
@@ -283,6 +285,36 @@ TEST(SlotctlTopScreen, ShowsSlotsLiveFollowsAResizeAndQuitsOnQ) {
     tmux.Run({"send-keys", "-t", "top", "q"});
     ASSERT_TRUE(tmux.WaitFor("(modes)", &pane, true)) << pane;
     EXPECT_THAT(pane, HasSubstr("top ended: 0\nicanon echo (modes)"));
+}
+
+// A terminal that stopped taking output (Ctrl-S, a stalled ssh) holds curses inside a write
+// that no signal cuts short; a stop signal still ends the view, with the terminal's modes given
+// back (once it stayed, deaf to SIGTERM). Played on a pty of the test's own.
+TEST(SlotctlTopScreen, AStopSignalEndsItAlsoWhileTheTerminalTakesNoOutput) {
+    if (!SLOTCTL_TOP_SCREEN) {
+        GTEST_SKIP() << "slotctl was built without ncurses";
+    }
+    slotctltest::Pty terminal;
+    termios before{};
+    ASSERT_EQ(0, ::tcgetattr(terminal.Slave(), &before));
+    const char* const term = std::getenv("TERM");
+    const std::string oldTerm = term == nullptr ? "" : term;
+    ::setenv("TERM", "xterm", 1);
+    Background top({"top", "--interval", "0.2"}, 0, terminal.SlavePath(), terminal.SlavePath(),
+                   terminal.SlavePath());
+    oldTerm.empty() ? ::unsetenv("TERM") : ::setenv("TERM", oldTerm.c_str(), 1);
+    ASSERT_TRUE(terminal.WaitFor("WRITE/S")) << top.Finish().Describe();
+    // Output stops; the filter's prompt is then drawn into the stopped terminal.
+    terminal.Type("\x13/");
+    EXPECT_TRUE(testsupport::Eventually([&] { return top.BlockedIn({SYS_write}); },
+                                        std::chrono::seconds(30)));
+    top.Signal(SIGTERM);
+    const Outcome run = top.Finish(std::chrono::seconds(30));
+    EXPECT_FALSE(run.timedOut) << run.Describe();
+    EXPECT_EQ(130, run.status) << run.Describe();
+    termios after{};
+    ASSERT_EQ(0, ::tcgetattr(terminal.Slave(), &after));
+    EXPECT_EQ(before.c_lflag & (ICANON | ECHO), after.c_lflag & (ICANON | ECHO));
 }
 
 TEST(SlotctlTopScreen, CtrlCEndsItWithTheTerminalRestored) {

@@ -17,11 +17,15 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <iostream>
+#include <mutex>
+#include <streambuf>
 
 namespace slotctl {
 
@@ -195,90 +199,151 @@ std::string RightAligned(const std::string& text, size_t width) {
 
 namespace {
 
-// How standard output is written. A pipe, FIFO or socket may stall when nobody drains it, and
-// the stop signals only reach us through their descriptor: such an output is written without
-// blocking and waited for together with that descriptor. The stall costs nothing while the
-// output takes everything at once.
+typedef std::chrono::steady_clock Clock;
+
+// How standard output or standard error is written. A terminal, pipe, FIFO or socket may stall
+// when nobody drains it (Ctrl-S, a stalled ssh, a reader that stopped), and the stop signals
+// only reach us through their descriptor: such an output is written without blocking and waited
+// for together with that descriptor. The stall costs nothing while the output takes everything
+// at once.
 struct Output {
-    int fd = STDOUT_FILENO;
+    int fd = -1;
     bool socket = false;      // send() with MSG_DONTWAIT
-    bool polled = false;      // no own non-blocking descriptor: wait for room before each write
-    size_t piece = SIZE_MAX;  // most bytes one polled write may carry without blocking
+    bool polled = false;      // a FIFO without a descriptor of our own: wait for room first
+    bool sliced = false;      // a terminal without one: each write is cut short (WriteSlices)
+    size_t piece = SIZE_MAX;  // most bytes one write may carry
 };
 
-const Output& StandardOutput() {
-    static const Output output = [] {
-        Output out;
-        struct stat st;
-        if (::fstat(STDOUT_FILENO, &st) != 0) {
-            return out;
-        }
-        if (S_ISFIFO(st.st_mode)) {
-            // O_NONBLOCK on the inherited descriptor would change it for every process sharing
-            // it; a descriptor of our own for the same pipe carries the flag alone.
-            const int own = ::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            struct stat ownSt;
-            if (own >= 0 && ::fstat(own, &ownSt) == 0 && ownSt.st_dev == st.st_dev &&
-                ownSt.st_ino == st.st_ino) {
-                out.fd = own;
-            } else {
-                if (own >= 0) {
-                    ::close(own);
-                }
-                // Room for one page, reported by poll, takes PIPE_BUF bytes without blocking.
-                out.polled = true;
-                out.piece = PIPE_BUF;
-            }
-        } else if (S_ISSOCK(st.st_mode)) {
-            out.socket = true;
-        } else if (S_ISCHR(st.st_mode) && ::isatty(STDOUT_FILENO)) {
-            out.polled = true;  // a terminal stopped with Ctrl-S
-        }
+// A descriptor of our own for the FIFO or terminal that `fd` reaches, opened again with
+// O_NONBLOCK: the flag on the inherited descriptor would change it for every process sharing
+// it, while a new open file description carries it alone. -1 when that cannot be opened (no
+// reader on the FIFO any more, another user's terminal after su, no /proc).
+int OwnNonBlocking(int fd, const struct stat& st) {
+    const std::string path = "/proc/self/fd/" + std::to_string(fd);
+    const int own = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    struct stat ownSt;
+    if (own >= 0 && ::fstat(own, &ownSt) == 0 && ownSt.st_dev == st.st_dev &&
+        ownSt.st_ino == st.st_ino && ownSt.st_rdev == st.st_rdev) {
+        return own;
+    }
+    if (own >= 0) {
+        ::close(own);
+    }
+    return -1;
+}
+
+Output OutputOf(int fd) {
+    Output out;
+    out.fd = fd;
+    struct stat st;
+    if (::fstat(fd, &st) != 0) {
         return out;
-    }();
+    }
+    const bool terminal = S_ISCHR(st.st_mode) && ::isatty(fd) == 1;
+    if (S_ISSOCK(st.st_mode)) {
+        out.socket = true;
+    } else if (S_ISFIFO(st.st_mode) || terminal) {
+        const int own = OwnNonBlocking(fd, st);
+        if (own >= 0) {
+            out.fd = own;
+        } else if (terminal) {
+            out.sliced = true;
+        } else {
+            // Room for one page, reported by poll, takes PIPE_BUF bytes without blocking.
+            out.polled = true;
+            out.piece = PIPE_BUF;
+        }
+    }
+    return out;
+}
+
+const Output& StandardOutput() {
+    static const Output output = OutputOf(STDOUT_FILENO);
     return output;
 }
 
-enum class Room { Ready, Stopped, TimedOut };
+const Output& StandardError() {
+    static const Output output = OutputOf(STDERR_FILENO);
+    return output;
+}
 
-// Waits until `fd` takes bytes, a stop signal arrives or `deadline` passes (none when
-// `timeoutMs` < 0).
-Room WaitForRoom(int fd, int timeoutMs, std::chrono::steady_clock::time_point deadline) {
+// For a terminal that can only be written with blocking writes: while one lives, a timer of
+// this thread raises SIGALRM every 100 ms, whose handler does nothing and is installed without
+// SA_RESTART, so that a write the terminal does not take returns (what it wrote, or EINTR) and
+// the stop signals and the time-out are looked at in between. A signal still queued when the
+// timer is disarmed is handled on the way back from that call, so it cuts nothing later.
+class WriteSlices {
+public:
+    WriteSlices() {
+        static std::once_flag handlerSet;
+        std::call_once(handlerSet, [] {
+            struct sigaction action {};
+            action.sa_handler = [](int) {};
+            sigemptyset(&action.sa_mask);
+            ::sigaction(SIGALRM, &action, nullptr);
+        });
+        sigevent event{};
+        event.sigev_notify = SIGEV_THREAD_ID;
+        event.sigev_signo = SIGALRM;
+        event._sigev_un._tid = ::gettid();  // glibc names it only so
+        made_ = ::timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0;
+        const itimerspec every = {{0, 100000000}, {0, 100000000}};
+        if (made_) {
+            ::timer_settime(timer_, 0, &every, nullptr);
+        }
+    }
+    ~WriteSlices() {
+        if (made_) {
+            const itimerspec off{};
+            ::timer_settime(timer_, 0, &off, nullptr);
+            ::timer_delete(timer_);
+        }
+    }
+    WriteSlices(const WriteSlices&) = delete;
+    WriteSlices& operator=(const WriteSlices&) = delete;
+
+private:
+    timer_t timer_{};
+    bool made_ = false;
+};
+
+// Waits until `out` takes bytes (a sliced terminal: its next write is the wait), a stop signal
+// arrives, also one another thread took, or `deadline` passes (none when `timeoutMs` < 0).
+WaitResult WaitForRoom(const Output& out, int timeoutMs, Clock::time_point deadline) {
     for (;;) {
         if (StopSignals::Received()) {
-            return Room::Stopped;
+            return WaitResult::Stopped;
         }
         int waitMs = -1;
         if (timeoutMs >= 0) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
             if (left.count() <= 0) {
-                return Room::TimedOut;
+                return WaitResult::TimedOut;
             }
             waitMs = static_cast<int>(left.count());
         }
-        pollfd fds[2] = {{StopSignals::Fd(), POLLIN, 0}, {fd, POLLOUT, 0}};
-        const int r = ::poll(fds, 2, waitMs);
-        if (r > 0 && fds[1].revents != 0 && !StopSignals::Received()) {
-            return Room::Ready;  // room, or an error the write reports
+        if (out.sliced) {
+            return WaitResult::Ready;
+        }
+        const WaitResult room = WaitOrStop(out.fd, POLLOUT, waitMs);
+        if (room != WaitResult::TimedOut) {
+            return room;  // room, or an error the write reports
         }
     }
 }
 
-}  // namespace
-
-bool WriteOut(const std::string& bytes, int timeoutMs) {
-    const Output& out = StandardOutput();
-    std::chrono::steady_clock::time_point deadline;
+// Writes all of `bytes` to `out`; see WriteOut.
+bool WriteTo(const Output& out, const std::string& bytes, int timeoutMs) {
+    Clock::time_point deadline;
     bool waited = false;
     auto wait = [&] {
         if (!waited && timeoutMs >= 0) {
-            deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+            deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
         }
         waited = true;
-        const Room room = WaitForRoom(out.fd, timeoutMs, deadline);
-        if (room != Room::Ready) {
-            errno = room == Room::Stopped ? OutputStopped : OutputTimedOut;
+        const WaitResult room = WaitForRoom(out, timeoutMs, deadline);
+        if (room != WaitResult::Ready) {
+            errno = room == WaitResult::Stopped ? OutputStopped : OutputTimedOut;
             return false;
         }
         return true;
@@ -289,16 +354,22 @@ bool WriteOut(const std::string& bytes, int timeoutMs) {
         if (out.polled && !wait()) {
             return false;
         }
-        const ssize_t n =
-            out.socket ? ::send(out.fd, bytes.data() + done, size, MSG_DONTWAIT | MSG_NOSIGNAL)
-                       : ::write(out.fd, bytes.data() + done, size);
-        if (n < 0 && errno == EINTR) {
-            continue;
+        ssize_t n;
+        if (out.socket) {
+            n = ::send(out.fd, bytes.data() + done, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+        } else if (out.sliced) {
+            const WriteSlices slices;
+            n = ::write(out.fd, bytes.data() + done, size);
+        } else {
+            n = ::write(out.fd, bytes.data() + done, size);
         }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || (errno == EINTR && out.sliced))) {
             if (!wait()) {
                 return false;
             }
+            continue;
+        }
+        if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
@@ -311,6 +382,68 @@ bool WriteOut(const std::string& bytes, int timeoutMs) {
         waited = false;  // it took bytes: the time-out counts from its next stall
     }
     return true;
+}
+
+// std::cout's and std::cerr's buffer: the text goes out through `write` line by line, and
+// whatever a flush finds. A failed write drops its text and sets the stream's badbit, as a
+// failed stdio write did. Any thread may write.
+class LineBuffer : public std::streambuf {
+public:
+    explicit LineBuffer(bool (*write)(const std::string&)) : write_(write) {}
+
+protected:
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        pending_.append(text, static_cast<size_t>(size));
+        const std::string::size_type newline = pending_.rfind('\n');
+        return newline == std::string::npos || Flush(newline + 1) ? size : 0;
+    }
+
+    int_type overflow(int_type c) override {
+        if (traits_type::eq_int_type(c, traits_type::eof())) {
+            return traits_type::not_eof(c);
+        }
+        const char character = traits_type::to_char_type(c);
+        return xsputn(&character, 1) == 1 ? c : traits_type::eof();
+    }
+
+    int sync() override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return Flush(pending_.size()) ? 0 : -1;
+    }
+
+private:
+    bool Flush(size_t size) {
+        if (size == 0) {
+            return true;
+        }
+        const std::string text = pending_.substr(0, size);
+        pending_.erase(0, size);
+        return write_(text);
+    }
+
+    bool (*const write_)(const std::string&);
+    std::mutex mutex_;  // guards pending_
+    std::string pending_;
+};
+
+}  // namespace
+
+bool WriteOut(const std::string& bytes, int timeoutMs) {
+    return WriteTo(StandardOutput(), bytes, timeoutMs);
+}
+
+bool WriteErr(const std::string& bytes) {
+    return WriteTo(StandardError(), bytes, -1);
+}
+
+void RouteStandardStreams() {
+    // Never destroyed: the streams are flushed at exit, after the static objects of this file.
+    static LineBuffer* const out =
+        new LineBuffer([](const std::string& text) { return WriteOut(text); });
+    static LineBuffer* const err = new LineBuffer(WriteErr);
+    std::cout.rdbuf(out);
+    std::cerr.rdbuf(err);
 }
 
 std::string OutputFailure(int error) {

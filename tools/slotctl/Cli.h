@@ -103,9 +103,18 @@ constexpr int OutputStopped = ECANCELED;
 constexpr int OutputTimedOut = ETIMEDOUT;
 
 // Writes all of `bytes` to standard output; false when it is gone (EPIPE) or fails, with the
-// reason in errno. A pipe or socket that takes nothing is waited for until a stop signal
-// (OutputStopped) or, with `timeoutMs` >= 0, until that many ms passed (OutputTimedOut).
+// reason in errno. A terminal, pipe or socket that takes nothing is waited for until a stop
+// signal (OutputStopped; also one taken before, and on any thread) or, with `timeoutMs` >= 0,
+// until that many ms passed (OutputTimedOut). Any thread may write.
 bool WriteOut(const std::string& bytes, int timeoutMs = -1);
+
+// WriteOut for standard error, without a time-out.
+bool WriteErr(const std::string& bytes);
+
+// Makes std::cout and std::cerr write through WriteOut and WriteErr, line by line, so that no
+// message waits for a stalled output past a stop signal. Once, in main, after
+// StopSignals::Block.
+void RouteStandardStreams();
 
 // Why standard output failed with `error`, as said on stderr after "slotctl: ": "cannot write
 // standard output: <reason>"; empty for a closed pipe (EPIPE) and a stop signal, which end

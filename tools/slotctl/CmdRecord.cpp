@@ -761,6 +761,11 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         if (!startFailure.empty()) {
             std::cerr << "slotctl: " << Printable(startFailure) << std::endl;
         }
+        if (startInterrupted) {
+            // A reader's making still waits for its slot's lock on a thread of its own, with
+            // references to `sources`: nothing may be destroyed under it.
+            LeaveNow(ExitFailure, "slotctl: " + Printable("record: " + failure));
+        }
         throw CommandError(ExitFailure, "record: " + failure);
     }
     if (!startFailure.empty()) {

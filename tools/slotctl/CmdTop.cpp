@@ -80,9 +80,21 @@ void LookAtPools(Look& look) {
     }
 }
 
+// A look takes one pass over /proc for every slot's attached processes, and stops between its
+// steps once a stop signal came (the caller then looks at StopSignals::Received()).
 Look LookAtSlots() {
     Look look;
-    for (SlotReport& report : SlotSurvey::ListSlots()) {
+    std::vector<SlotReport> reports = SlotSurvey::ListSlots();
+    if (StopSignals::Received()) {
+        return look;
+    }
+    std::vector<SlotAttachmentQuery> queries;
+    for (const SlotReport& report : reports) {
+        queries.push_back({report.name, report.pipePath});
+    }
+    const std::vector<SlotAttachmentList> attached = SlotAttachments::FindMany(queries);
+    for (size_t i = 0; i < reports.size() && !StopSignals::Received(); ++i) {
+        SlotReport& report = reports[i];
         TopObservation slot;
         slot.name = report.name;
         slot.kind = KindWord(report);
@@ -92,7 +104,7 @@ Look LookAtSlots() {
         slot.capacity = report.queue.capacity;
         slot.reliable = report.kind == SlotKind::Reliable;
         slot.readerPid = report.readerPid;
-        slot.attached = SlotAttachments::Find(report.name, report.pipePath).processes.size();
+        slot.attached = attached[i].processes.size();
         if (report.header.state != SlotPartState::Absent) {
             slot.activity = SlotActivity::Sample(report.name);
         }
@@ -102,7 +114,9 @@ Look LookAtSlots() {
         look.slots.push_back(std::move(slot));
         look.reports.emplace(report.name, std::move(report));
     }
-    LookAtPools(look);
+    if (!StopSignals::Received()) {
+        LookAtPools(look);
+    }
     return look;
 }
 
@@ -160,6 +174,9 @@ std::string SnapshotTable(const TopModel& model) {
 int RunSnapshots(double interval, bool once, bool json) {
     TopModel model;
     Look look = LookAtSlots();
+    if (StopSignals::Received()) {
+        return ExitInterrupted;
+    }
     model.Update(look.slots, Seconds(Clock::now()));
     const auto step = std::chrono::microseconds(static_cast<std::int64_t>(interval * 1e6));
     Clock::time_point due = Clock::now() + step;
@@ -173,6 +190,9 @@ int RunSnapshots(double interval, bool once, bool json) {
             return ExitInterrupted;
         }
         look = LookAtSlots();
+        if (StopSignals::Received()) {
+            return ExitInterrupted;
+        }
         const Clock::time_point at = Clock::now();
         model.Update(look.slots, Seconds(at));
         due += step;

@@ -14,6 +14,7 @@
 #include <Slot/WriteOutcome.h>
 
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -48,25 +49,39 @@ Input ReadInput(std::string& data) {
     }
 }
 
-// Reads standard input line by line.
+// Reads standard input line by line, keeping at most `limit` bytes of a line: a longer one is
+// handed out cut as soon as it passes the limit, and the rest of it is read and dropped.
 class LineReader {
 public:
-    // False at end of input or when stopped.
-    bool Next(std::string& line) {
+    explicit LineReader(size_t limit) : limit_(limit) {}
+
+    // False at end of input or when stopped. `cut`: the line was longer than the limit.
+    bool Next(std::string& line, bool& cut) {
         for (;;) {
             const std::string::size_type newline = buffer_.find('\n');
-            if (newline != std::string::npos) {
-                line = buffer_.substr(0, newline);
-                buffer_.erase(0, newline + 1);
-                return true;
+            const bool complete = newline != std::string::npos;
+            const size_t end = complete ? newline : buffer_.size();
+            if (skipping_) {
+                buffer_.erase(0, complete ? newline + 1 : end);
+                skipping_ = !complete;
+                if (complete) {
+                    continue;
+                }
+            } else {
+                const size_t kept = std::min(end, limit_ - line_.size());
+                line_.append(buffer_, 0, kept);
+                cut = kept < end;
+                if (cut || complete || (eof_ && !line_.empty())) {
+                    buffer_.erase(0, cut ? kept : complete ? newline + 1 : end);
+                    skipping_ = cut;
+                    line.swap(line_);
+                    line_.clear();
+                    return true;
+                }
+                buffer_.clear();
             }
             if (eof_) {
-                if (buffer_.empty()) {
-                    return false;
-                }
-                line.swap(buffer_);
-                buffer_.clear();
-                return true;
+                return false;
             }
             const Input input = ReadInput(buffer_);
             if (input == Input::Stopped) {
@@ -77,22 +92,27 @@ public:
     }
 
 private:
-    std::string buffer_;
+    const size_t limit_;
+    std::string buffer_;     // read, not yet looked at
+    std::string line_;       // the line so far, up to the limit
+    bool skipping_ = false;  // dropping the rest of a line that was cut
     bool eof_ = false;
 };
 
-std::string ReadAllInput() {
+// Standard input, read until it ends or more than `limit` bytes came (then more are returned).
+std::string ReadAllInput(size_t limit) {
     std::string data;
-    for (;;) {
+    while (data.size() <= limit) {
         const Input input = ReadInput(data);
         if (input == Input::Failed) {
             throw CommandError(ExitFailure,
                                std::string("cannot read standard input: ") + std::strerror(errno));
         }
         if (input != Input::Data) {
-            return data;
+            break;
         }
     }
+    return data;
 }
 
 std::string Plural(std::uint64_t n, const char* word) {
@@ -149,13 +169,26 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     }
     const std::size_t maxSize = pool ? poolConfig->maxBlockSize : cfg->GetMaxSize();
     const std::string kind = pool ? poolConfig->kind + " pool" : TypeName(*cfg);
+    // Why a block is refused before it is written: "<what> is larger than ...".
+    auto tooLarge = [&](const std::string& what) {
+        return what +
+               (pool ? " is larger than the pool's block size "
+                     : " is larger than the slot's maximum block size ") +
+               std::to_string(maxSize);
+    };
+    if (hasLength && length > maxSize) {
+        throw CommandError(ExitFailure, "write: " + tooLarge("--length " + std::to_string(length)));
+    }
+    // The most bytes of standard input one block takes: with --length the rest is cut, and
+    // without it more is a block too large. Input beyond that is not held.
+    const size_t inputLimit = hasLength ? static_cast<size_t>(length) : maxSize;
 
     const bool fromStdin = arguments.Operands().size() < 2 || arguments.Operands()[1] == "-";
     // This run's blocks: the counts of the slot's name in this process, before and after.
     const Slot::WriteCounts before = Slot::GetWriteCounts(name);
     unsigned long blocks = 0;
     bool stopped = false;
-    std::string inputProblem;  // why the framed input ended early
+    std::string inputProblem;  // why the input ended early, or was refused
     {
         ISubscriberPtr writer;
         try {
@@ -212,10 +245,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
             for (;;) {
                 const std::int64_t declared = parser.NextSize();
                 if (declared > static_cast<std::int64_t>(maxSize)) {
-                    inputProblem = "a frame of " + std::to_string(declared) +
-                                   (pool ? " bytes is larger than the pool's block size "
-                                         : " bytes is larger than the slot's maximum block size ") +
-                                   std::to_string(maxSize);
+                    inputProblem = tooLarge("a frame of " + std::to_string(declared) + " bytes");
                     break;
                 }
                 if (parser.Next(block)) {
@@ -254,10 +284,15 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
             }
         } else if (lines) {
             if (fromStdin) {
-                LineReader reader;
+                LineReader reader(inputLimit);
                 std::string line;
+                bool cut = false;
                 bool first = true;
-                while ((first || pause(true)) && reader.Next(line)) {
+                while ((first || pause(true)) && reader.Next(line, cut)) {
+                    if (cut && !hasLength) {
+                        inputProblem = tooLarge("a line of standard input");
+                        break;
+                    }
                     write(shape(line));
                     first = false;
                 }
@@ -278,9 +313,15 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
                 }
             }
         } else {
-            const std::string block = shape(fromStdin ? ReadAllInput() : arguments.Operands()[1]);
+            const std::string input =
+                fromStdin ? ReadAllInput(inputLimit) : arguments.Operands()[1];
+            if (fromStdin && !hasLength && input.size() > maxSize) {
+                inputProblem = tooLarge("standard input");
+            }
+            const std::string block = inputProblem.empty() ? shape(input) : "";
             stopped = StopSignals::Received();
-            for (std::uint64_t i = 0; !stopped && (count == 0 || i < count); ++i) {
+            for (std::uint64_t i = 0; inputProblem.empty() && !stopped && (count == 0 || i < count);
+                 ++i) {
                 write(block);
                 if (!pause(count == 0 || i + 1 < count)) {
                     break;

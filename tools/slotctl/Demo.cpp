@@ -351,8 +351,24 @@ std::string SummaryTable(const View& view) {
     return out.str();
 }
 
+// Prints on standard output until that fails (a closed pipe, `| head`, or a stop signal while it
+// took nothing); then Failure() tells why, and nothing more is printed.
+class Printer {
+public:
+    bool Print(const std::string& text) {
+        if (failure_ == 0 && !WriteOut(text)) {
+            failure_ = errno;
+        }
+        return failure_ == 0;
+    }
+    int Failure() const { return failure_; }
+
+private:
+    int failure_ = 0;
+};
+
 // Removes what the demo made; says what was removed.
-void CleanUp(const demo::Settings& settings) {
+void CleanUp(const demo::Settings& settings, Printer& printer) {
     std::vector<std::string> removed;
     for (int i = 0; i < SlotCount; ++i) {
         const std::string name = settings.SlotName(i);
@@ -376,18 +392,20 @@ void CleanUp(const demo::Settings& settings) {
         }
     }
     if (!removed.empty()) {
-        std::cout << "removed " << Join(removed) << std::endl;
+        printer.Print("removed " + Join(removed) + "\n");
     }
 }
 
 // Removes the demo's objects when the controller leaves, whatever the way.
 class CleanUpGuard {
 public:
-    explicit CleanUpGuard(const demo::Settings& settings) : settings_(settings) {}
-    ~CleanUpGuard() { CleanUp(settings_); }
+    CleanUpGuard(const demo::Settings& settings, Printer& printer)
+        : settings_(settings), printer_(printer) {}
+    ~CleanUpGuard() { CleanUp(settings_, printer_); }
 
 private:
     const demo::Settings& settings_;
+    Printer& printer_;
 };
 
 }  // namespace
@@ -419,21 +437,27 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
 
     const bool terminal = ::isatty(STDOUT_FILENO) == 1;
     const size_t nameWidth = settings.SlotName(PosixPipe).size();
-    std::cout << "slotctl demo: a publisher process writes " << settings.blockSize
-              << "-byte blocks into three slots, a subscriber process reads them.\n"
-              << "  " << Padded(settings.SlotName(Discarding), nameWidth)
-              << "  a queue of one block; a new block throws the waiting one away\n"
-              << "  " << Padded(settings.SlotName(Reliable), nameWidth) << "  a FIFO of "
-              << settings.queue << " blocks; a write into a full queue is refused\n"
-              << "  " << Padded(settings.SlotName(PosixPipe), nameWidth)
-              << "  a named FIFO, a byte stream; a writer waits while it is full\n"
-              << settings.rate << " blocks/s into each, in bursts of " << settings.burst << ", for "
-              << static_cast<double>(settings.durationMs) / 1000.0
-              << " s. Readers wake at each write, or every " << settings.updateMs
-              << " ms. Ctrl-C stops early.\n"
-              << std::endl;
+    std::ostringstream intro;
+    intro << "slotctl demo: a publisher process writes " << settings.blockSize
+          << "-byte blocks into three slots, a subscriber process reads them.\n"
+          << "  " << Padded(settings.SlotName(Discarding), nameWidth)
+          << "  a queue of one block; a new block throws the waiting one away\n"
+          << "  " << Padded(settings.SlotName(Reliable), nameWidth) << "  a FIFO of "
+          << settings.queue << " blocks; a write into a full queue is refused\n"
+          << "  " << Padded(settings.SlotName(PosixPipe), nameWidth)
+          << "  a named FIFO, a byte stream; a writer waits while it is full\n"
+          << settings.rate << " blocks/s into each, in bursts of " << settings.burst << ", for "
+          << static_cast<double>(settings.durationMs) / 1000.0
+          << " s. Readers wake at each write, or every " << settings.updateMs
+          << " ms. Ctrl-C stops early.\n\n";
+    // Standard output failing (`| head`) stops the demo as Ctrl-C does, with the status of a
+    // failed output.
+    Printer printer;
+    if (!printer.Print(intro.str())) {
+        return OutputFailed(printer.Failure());
+    }
 
-    CleanUpGuard cleanUp(settings);
+    CleanUpGuard cleanUp(settings, printer);
     auto childArguments = [&](const char* command) {
         std::vector<std::string> args = LogArguments(context.log);
         args.push_back(command);
@@ -469,7 +493,7 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
         }
         ::poll(fds.data(), fds.size(), 100);
         const std::uint64_t now = demo::MonotonicNs();
-        if (!interrupted && StopSignals::Received()) {
+        if (!interrupted && (StopSignals::Received() || printer.Failure() != 0)) {
             interrupted = true;
             if (publisher) {
                 publisher->Stop();
@@ -505,10 +529,10 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
                 (terminal ? now - lastPrinted >= 100000000u : now - lastPrinted >= 1000000000u)) {
                 lastPrinted = now;
                 if (terminal) {
-                    std::cout << "\r\033[K" << ProgressLine(view, TerminalWidth()) << std::flush;
+                    printer.Print("\r\033[K" + ProgressLine(view, TerminalWidth()));
                     progressShown = true;
                 } else {
-                    std::cout << ProgressLine(view, 0) << std::endl;
+                    printer.Print(ProgressLine(view, 0) + "\n");
                 }
             }
             continue;
@@ -547,14 +571,17 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
     subscriber.reset();
     interrupted = interrupted || StopSignals::Received();
 
+    std::string summary;
     if (progressShown) {
-        std::cout << "\r\033[K" << ProgressLine(view, TerminalWidth()) << "\n";
+        summary += "\r\033[K" + ProgressLine(view, TerminalWidth()) + "\n";
     }
-    std::cout << "\n" << SummaryTable(view);
+    summary += "\n" + SummaryTable(view);
     if (interrupted) {
-        std::cout << "interrupted\n";
+        summary += "interrupted\n";
     }
-    std::cout << std::flush;
+    if (!printer.Print(summary)) {
+        return OutputFailed(printer.Failure());
+    }
     return interrupted ? ExitInterrupted : ExitOk;
 }
 

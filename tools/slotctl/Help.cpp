@@ -99,7 +99,8 @@ by the library's factory. The slot is created when it does not exist.
   --max-size N      maximum block size of a new slot (default 65536; an existing slot keeps
                     its own)
   --queue N         queue capacity of a new reliable slot (default 16)
-  --length N        cut or pad (with zero bytes) each block to N bytes
+  --length N        cut or pad (with zero bytes) each block to N bytes (at most the slot's
+                    maximum block size)
   --lines           one block per line (without the newline), read as the lines come
   --every MS        wait MS milliseconds between blocks; repeats the block until Ctrl-C
                     unless --count is given
@@ -111,6 +112,8 @@ by the library's factory. The slot is created when it does not exist.
   --timeout MS      give up (status 124, as timeout(1)) when opening the slot or storing
                     one block takes longer than MS ms, e.g. while another process holds the
                     slot's lock
+Standard input is read only as far as a block takes it: more than the slot's maximum block
+size (for --lines: a line longer than it, unless --length cuts it) is refused, status 1.
 The library's warnings about refused or dropped blocks ("Queue in '<name>' is full, the data
 was not written", "One data block discarded from <name>", a full named pipe...) are printed
 as it logs them, followed by a summary line. Status 1 when a block was refused, dropped or

@@ -3,17 +3,18 @@
 
 #include "Cli.h"
 
-#include <log4cxx/consoleappender.h>
+#include <log4cxx/helpers/writer.h>
 #include <log4cxx/logger.h>
 #include <log4cxx/logmanager.h>
 #include <log4cxx/patternlayout.h>
 #include <log4cxx/propertyconfigurator.h>
+#include <log4cxx/writerappender.h>
 #include <log4cxx/xml/domconfigurator.h>
 
 #include <unistd.h>
 
 namespace layout_detail {
-using namespace log4cxx;
+using namespace log4cxx;  // for the object macros
 
 // "slotctl: LEVEL [logger] message", made Printable: library messages carry slot names.
 class PrintableLayout : public PatternLayout {
@@ -37,6 +38,30 @@ public:
 IMPLEMENT_LOG4CXX_OBJECT(PrintableLayout)
 }  // namespace layout_detail
 
+// A namespace of its own: IMPLEMENT_LOG4CXX_OBJECT opens a namespace "log4cxx" inside the one it
+// stands in, which the next class's macros would then take for log4cxx's.
+namespace console_detail {
+using namespace log4cxx;  // for the object macros
+
+// The console's writer: standard error through slotctl's own path (WriteErr), whose wait for a
+// terminal or pipe that takes nothing ends at a stop signal. log4cxx's console writer would
+// block there in a write, on whatever thread logs, with the stop signals blocked.
+class StandardErrorWriter : public helpers::Writer {
+public:
+    DECLARE_LOG4CXX_OBJECT(StandardErrorWriter)
+    BEGIN_LOG4CXX_CAST_MAP()
+    LOG4CXX_CAST_ENTRY(StandardErrorWriter)
+    LOG4CXX_CAST_ENTRY_CHAIN(helpers::Writer)
+    END_LOG4CXX_CAST_MAP()
+
+    void close(helpers::Pool&) override {}
+    void flush(helpers::Pool&) override {}
+    void write(const LogString& text, helpers::Pool&) override { slotctl::WriteErr(text); }
+};
+
+IMPLEMENT_LOG4CXX_OBJECT(StandardErrorWriter)
+}  // namespace console_detail
+
 namespace slotctl {
 
 void ConfigureLogging(const LogOptions& options) {
@@ -51,10 +76,9 @@ void ConfigureLogging(const LogOptions& options) {
             log4cxx::PropertyConfigurator::configure(options.configFile);
         }
     } else if (options.console) {
-        log4cxx::LayoutPtr layout = std::make_shared<layout_detail::PrintableLayout>();
-        std::shared_ptr<log4cxx::ConsoleAppender> console =
-            std::make_shared<log4cxx::ConsoleAppender>(layout,
-                                                       log4cxx::ConsoleAppender::getSystemErr());
+        auto console = std::make_shared<log4cxx::WriterAppender>();
+        console->setLayout(std::make_shared<layout_detail::PrintableLayout>());
+        console->setWriter(std::make_shared<console_detail::StandardErrorWriter>());
         // The threshold, not only the root level: a logger set to WARN by name must not
         // reach the console when only errors are wanted.
         if (options.errorsOnly && options.verbosity == 0) {

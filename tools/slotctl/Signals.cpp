@@ -3,10 +3,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -18,7 +21,8 @@ namespace slotctl {
 namespace {
 
 int signalFd = -1;
-bool received = false;
+int takenFd = -1;
+std::atomic<bool> received{false};
 
 sigset_t StopSet() {
     sigset_t set;
@@ -36,7 +40,8 @@ void StopSignals::Block() {
     const sigset_t set = StopSet();
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signalFd = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (signalFd < 0) {
+    takenFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (signalFd < 0 || takenFd < 0) {
         std::abort();
     }
 }
@@ -45,10 +50,21 @@ int StopSignals::Fd() {
     return signalFd;
 }
 
+int StopSignals::TakenFd() {
+    return takenFd;
+}
+
 bool StopSignals::Received() {
     signalfd_siginfo info;
+    bool taken = false;
     while (signalFd >= 0 && ::read(signalFd, &info, sizeof(info)) == sizeof(info)) {
-        received = true;
+        taken = true;
+    }
+    // Never read back: the counter stays above zero, so the descriptor stays readable.
+    if (taken && !received.exchange(true)) {
+        const std::uint64_t one = 1;
+        while (::write(takenFd, &one, sizeof(one)) < 0 && errno == EINTR) {
+        }
     }
     return received;
 }
@@ -59,19 +75,23 @@ void StopSignals::ResetForExec() {
     std::signal(SIGPIPE, SIG_DFL);
 }
 
-WaitResult WaitReadableOrStop(int fd, int timeoutMs) {
+WaitResult WaitOrStop(int fd, short events, int timeoutMs) {
     if (StopSignals::Received()) {
         return WaitResult::Stopped;
     }
-    pollfd fds[2] = {{StopSignals::Fd(), POLLIN, 0}, {fd, POLLIN, 0}};
+    pollfd fds[3] = {{signalFd, POLLIN, 0}, {takenFd, POLLIN, 0}, {fd, events, 0}};
     int r;
     do {
-        r = ::poll(fds, fd >= 0 ? 2 : 1, timeoutMs);
+        r = ::poll(fds, fd >= 0 ? 3 : 2, timeoutMs);
     } while (r < 0 && errno == EINTR);
     if (StopSignals::Received()) {
         return WaitResult::Stopped;
     }
     return r == 0 ? WaitResult::TimedOut : WaitResult::Ready;
+}
+
+WaitResult WaitReadableOrStop(int fd, int timeoutMs) {
+    return WaitOrStop(fd, POLLIN, timeoutMs);
 }
 
 WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs) {

@@ -8,15 +8,19 @@ namespace slotctl {
 
 // SIGINT, SIGTERM and SIGHUP as a file descriptor. Call Block() first thing in main, before
 // any thread exists: every later thread inherits the blocked mask, so the signals never
-// interrupt a library thread that may hold a slot's lock; they wait in the descriptor until the
-// main thread looks. SIGPIPE is ignored: writes to a closed pipe fail with EPIPE instead.
+// interrupt a library thread that may hold a slot's lock; they wait in the descriptor until a
+// thread looks. SIGPIPE is ignored: writes to a closed pipe fail with EPIPE instead.
+// Received() may be called on any thread; the waits below see a stop taken by another thread.
 class StopSignals {
 public:
     static void Block();
     // Readable when one of the signals is pending.
     static int Fd();
-    // True once one of the signals has arrived (reads the descriptor, so it is not readable
-    // again until the next signal).
+    // Readable for good once Received() has taken a stop signal, on whatever thread: a thread
+    // that waits while another one takes the signals watches this one too.
+    static int TakenFd();
+    // True once one of the signals has arrived (reads Fd(), so it is not readable again until
+    // the next signal; TakenFd() stays readable).
     static bool Received();
     // For a child about to exec: restores the default mask and dispositions.
     static void ResetForExec();
@@ -24,8 +28,11 @@ public:
 
 enum class WaitResult { Ready, TimedOut, Stopped };
 
-// Waits until `fd` is readable (fd < 0: just waits), the time-out passes (-1: none) or a stop
-// signal arrives.
+// Waits until `fd` reports one of `events` or an error (fd < 0: just waits), the time-out passes
+// (-1: none) or a stop signal arrives, also one another thread took.
+WaitResult WaitOrStop(int fd, short events, int timeoutMs);
+
+// WaitOrStop for `fd` readable.
 WaitResult WaitReadableOrStop(int fd, int timeoutMs);
 
 // Runs `work` on a helper thread and waits until it has returned (Ready; an exception of `work`

@@ -8,13 +8,19 @@
 #include "WriteRate.h"
 
 #include <curses.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <term.h>
+#include <termios.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <clocale>
 #include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
 
 namespace slotctl {
 
@@ -23,9 +29,18 @@ namespace {
 typedef std::chrono::steady_clock Clock;
 
 // The terminal in curses mode for its lifetime, given back as it was on every way out.
+//
+// Curses writes the screen with blocking writes and retries one that is cut short, so a terminal
+// that stopped taking output (Ctrl-S, a stalled ssh) holds the main thread inside refresh() or
+// endwin(), where no stop signal reaches it. A watchdog thread therefore watches the stop signals
+// (without taking them) for the terminal's lifetime: once one came, the view has a second to
+// leave on its own; after that the watchdog discards the output the terminal still holds,
+// gives it back its modes and what leaves curses' screen as far as it takes them at once, and
+// ends the process with the stop status.
 class Terminal {
 public:
     Terminal() {
+        const bool modesKnown = ::tcgetattr(STDOUT_FILENO, &modes_) == 0;
         // Multibyte names shown as characters; numbers keep their '.' (only LC_CTYPE is taken).
         std::setlocale(LC_CTYPE, "");
         screen_ = newterm(nullptr, stdout, stdin);
@@ -40,16 +55,59 @@ public:
         nodelay(stdscr, TRUE);
         set_escdelay(50);
         curs_set(0);
+        // What endwin would send: leave the screen, cursor back, attributes off, keypad off.
+        for (const char* capability : {"rmcup", "cnorm", "sgr0", "rmkx"}) {
+            const char* text = tigetstr(capability);
+            if (text != nullptr && text != reinterpret_cast<char*>(-1)) {
+                leave_ += text;
+            }
+        }
+        if (::pipe2(left_, O_CLOEXEC) == 0) {
+            watchdog_ = std::thread([this, modesKnown] { Watch(modesKnown); });
+        }
     }
     ~Terminal() {
         endwin();
         delscreen(screen_);
+        if (watchdog_.joinable()) {
+            ::close(left_[1]);  // the view left on its own
+            watchdog_.join();
+            ::close(left_[0]);
+        }
     }
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
 
 private:
+    void Watch(bool modesKnown) {
+        pollfd fds[3] = {{left_[0], POLLIN, 0},
+                         {StopSignals::Fd(), POLLIN, 0},
+                         {StopSignals::TakenFd(), POLLIN, 0}};
+        while (::poll(fds, 3, -1) < 0 && errno == EINTR) {
+        }
+        if (fds[0].revents != 0) {
+            return;
+        }
+        int left;
+        do {
+            left = ::poll(fds, 1, 1000);
+        } while (left < 0 && errno == EINTR);
+        if (left > 0) {
+            return;
+        }
+        ::tcflush(STDOUT_FILENO, TCOFLUSH);
+        if (modesKnown) {
+            ::tcsetattr(STDOUT_FILENO, TCSANOW, &modes_);
+        }
+        WriteOut(leave_);  // after a stop it waits for nothing
+        std::_Exit(ExitInterrupted);
+    }
+
     SCREEN* screen_;
+    termios modes_{};         // the terminal's modes before curses changed them
+    std::string leave_;       // what endwin sends to leave the screen
+    int left_[2] = {-1, -1};  // closed once the view left on its own
+    std::thread watchdog_;
 };
 
 class View {
@@ -67,6 +125,9 @@ public:
                 model_.Update(
                     look_(),
                     std::chrono::duration<double>(Clock::now().time_since_epoch()).count());
+                if (StopSignals::Received()) {
+                    return ExitInterrupted;  // the look stopped part way
+                }
                 due += step;
                 if (due <= now) {
                     due = now + step;  // late (a slow look, a suspended process): start afresh

@@ -123,6 +123,7 @@ int Run(int argc, char** argv) {
 int main(int argc, char** argv) {
     // Before any thread exists, so that every thread inherits the blocked stop signals.
     slotctl::StopSignals::Block();
+    slotctl::RouteStandardStreams();
     try {
         return Run(argc, argv);
     } catch (const slotctl::CommandError& e) {
