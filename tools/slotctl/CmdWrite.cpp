@@ -9,6 +9,7 @@
 #include "SlotOptions.h"
 
 #include <Slot/AbortSlotCreationException.h>
+#include <Slot/ConfigurationTags.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/SlotFactory.h>
 #include <Slot/WriteOutcome.h>
@@ -169,19 +170,25 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     }
     const std::size_t maxSize = pool ? poolConfig->maxBlockSize : cfg->GetMaxSize();
     const std::string kind = pool ? poolConfig->kind + " pool" : TypeName(*cfg);
+    // A posix-pipe's writer takes a block as large as the pipe can be made, whatever --max-size
+    // says: only what no pipe can hold bounds a whole-input block there.
+    const bool pipe = kind == Configuration::Object::Slot::Type::posixPipeTag;
+    const std::size_t blockLimit = pipe ? static_cast<std::size_t>(INT_MAX) : maxSize;
     // Why a block is refused before it is written: "<what> is larger than ...".
-    auto tooLarge = [&](const std::string& what) {
+    auto tooLarge = [&](const std::string& what, std::size_t limit) {
         return what +
-               (pool ? " is larger than the pool's block size "
-                     : " is larger than the slot's maximum block size ") +
-               std::to_string(maxSize);
+               (pool                          ? " is larger than the pool's block size "
+                : pipe && limit == blockLimit ? " is larger than a named pipe can hold: "
+                                              : " is larger than the slot's maximum block size ") +
+               std::to_string(limit);
     };
-    if (hasLength && length > maxSize) {
-        throw CommandError(ExitFailure, "write: " + tooLarge("--length " + std::to_string(length)));
+    if (hasLength && length > blockLimit) {
+        throw CommandError(ExitFailure,
+                           "write: " + tooLarge("--length " + std::to_string(length), blockLimit));
     }
     // The most bytes of standard input one block takes: with --length the rest is cut, and
     // without it more is a block too large. Input beyond that is not held.
-    const size_t inputLimit = hasLength ? static_cast<size_t>(length) : maxSize;
+    const size_t inputLimit = hasLength ? static_cast<size_t>(length) : blockLimit;
 
     const bool fromStdin = arguments.Operands().size() < 2 || arguments.Operands()[1] == "-";
     // This run's blocks: the counts of the slot's name in this process, before and after.
@@ -245,7 +252,8 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
             for (;;) {
                 const std::int64_t declared = parser.NextSize();
                 if (declared > static_cast<std::int64_t>(maxSize)) {
-                    inputProblem = tooLarge("a frame of " + std::to_string(declared) + " bytes");
+                    inputProblem =
+                        tooLarge("a frame of " + std::to_string(declared) + " bytes", maxSize);
                     break;
                 }
                 if (parser.Next(block)) {
@@ -290,7 +298,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
                 bool first = true;
                 while ((first || pause(true)) && reader.Next(line, cut)) {
                     if (cut && !hasLength) {
-                        inputProblem = tooLarge("a line of standard input");
+                        inputProblem = tooLarge("a line of standard input", blockLimit);
                         break;
                     }
                     write(shape(line));
@@ -315,8 +323,8 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
         } else {
             const std::string input =
                 fromStdin ? ReadAllInput(inputLimit) : arguments.Operands()[1];
-            if (fromStdin && !hasLength && input.size() > maxSize) {
-                inputProblem = tooLarge("standard input");
+            if (fromStdin && !hasLength && input.size() > blockLimit) {
+                inputProblem = tooLarge("standard input", blockLimit);
             }
             const std::string block = inputProblem.empty() ? shape(input) : "";
             stopped = StopSignals::Received();
@@ -338,7 +346,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     const std::uint64_t discarded = after.discarded - before.discarded;
     const std::uint64_t lostAtClose = after.bytesLostAtClose - before.bytesLostAtClose;
     std::string summary = Plural(blocks, "block") + " to " + Quote(name) + " (" + kind + ")";
-    if (problems == 0 && lostAtClose == 0) {
+    if (problems == 0 && lostAtClose == 0 && inputProblem.empty()) {
         summary += ": all stored";
     }
     if (problems != 0) {

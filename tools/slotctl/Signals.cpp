@@ -36,6 +36,15 @@ sigset_t StopSet() {
 }  // namespace
 
 void StopSignals::Block() {
+    // A closed standard descriptor would be taken by the descriptors below, and messages meant
+    // for standard error would then be written into them: /dev/null stands in for it (the
+    // lowest free descriptor, the lower ones being open by then).
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
+            const int null = ::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+            static_cast<void>(null);
+        }
+    }
     std::signal(SIGPIPE, SIG_IGN);
     const sigset_t set = StopSet();
     sigprocmask(SIG_BLOCK, &set, nullptr);
