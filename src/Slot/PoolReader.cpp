@@ -35,11 +35,11 @@ constexpr auto ReapInterval = std::chrono::milliseconds(500);
 // attachment, so subscribers' PoolBlock copies may be dropped on any thread.
 class PoolReader : public shared::Notifier {
 public:
-    PoolReader(const std::shared_ptr<PoolSegment>& segment, std::int64_t spinNs,
+    PoolReader(std::shared_ptr<PoolAttachment> attachment, std::int64_t spinNs,
                const ISubscriberPtr& first)
         : first_(first),
-          attachment_(std::make_shared<PoolAttachment>(segment)),
-          segment_(*segment),
+          attachment_(std::move(attachment)),
+          segment_(attachment_->segment()),
           spinNs_(spinNs) {
         if (segment_.kind() == QueueKind) {
             Claim();
@@ -331,7 +331,7 @@ private:
 
 INotifierPtr MakeReader(const PoolConfig& config, std::int64_t spinNs,
                         const ISubscriberPtr& first) {
-    PoolReader* reader = new PoolReader(PoolSegment::Open(config), spinNs, first);
+    PoolReader* reader = new PoolReader(AttachToPool(config), spinNs, first);
     return INotifierPtr(static_cast<shared::INotifier*>(reader),
                         [reader](shared::INotifier*) { PoolReader::Release(reader); });
 }
@@ -373,8 +373,7 @@ bool PoolFactory::PoolKindIsValid(const std::string& kind) {
 }
 
 boost::shared_ptr<PoolWriter> PoolFactory::CreatePoolWriter(const PoolConfig& config) {
-    return boost::shared_ptr<PoolWriter>(
-        new PoolWriter(std::make_shared<PoolAttachment>(PoolSegment::Open(config))));
+    return boost::shared_ptr<PoolWriter>(new PoolWriter(AttachToPool(config)));
 }
 
 INotifierPtr PoolFactory::CreatePoolReader(const PoolConfig& config,

@@ -110,6 +110,17 @@ void UnlockByte(int fd, std::uint64_t byte) {
     throw AbortSlotCreationException("Cannot open pool '" + name + "': " + why);
 }
 
+// The same refusal, for a file that went (or was replaced) while it was opened: the opener
+// tries again.
+[[noreturn]] void RefuseGone(const std::string& name, const std::string& why) {
+    throw PoolGoneException("Cannot open pool '" + name + "': " + why);
+}
+
+const char* const KeepsDisappearing = "it keeps disappearing while it is opened";
+// How often Open looks for the pool (or makes it) before it gives up on one that keeps
+// disappearing.
+constexpr int OpenAttempts = 8;
+
 const char* KindName(std::uint32_t kind) {
     return kind == LatestKind ? "latest" : "queue";
 }
@@ -469,6 +480,9 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
     shared::CheckedFolder folder = OpenFolder(name, 0);
     // O_NONBLOCK: a FIFO planted under the name is refused below instead of waited on.
     Fd fd(::openat(folder.fd(), name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (fd.fd < 0 && errno == ENOENT) {
+        RefuseGone(name, Errno(errno));
+    }
     if (fd.fd < 0) {
         Refuse(name, Errno(errno));
     }
@@ -534,8 +548,14 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
             again.st_ino != st.st_ino) {
             const int error = errno;
             ::munmap(base, size);
-            Refuse(name, lockFd.fd < 0 ? "cannot open it again for its locks: " + Errno(error)
-                                       : "it was removed and made again while it was opened");
+            if (lockFd.fd >= 0) {
+                RefuseGone(name, "it was removed and made again while it was opened");
+            }
+            const std::string why = "cannot open it again for its locks: " + Errno(error);
+            if (error == ENOENT) {
+                RefuseGone(name, why);
+            }
+            Refuse(name, why);
         }
         try {
             segment = new PoolSegment(name, lockFd.fd, base, size, copy, counters);
@@ -558,12 +578,18 @@ std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
     shared::CheckedFolder folder = OpenFolder(config.name, 01777);
     // A pool appears whole (renamed into place) or not at all; a creator that loses the name
     // to another opens the winner's pool.
-    for (int attempt = 0; attempt < 8; ++attempt) {
+    // A pool removed (or removed and made again) while it is opened is looked for again.
+    for (int attempt = 0; attempt < OpenAttempts; ++attempt) {
         const int fd = ::openat(folder.fd(), config.name.c_str(),
                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
         if (fd >= 0) {
             ::close(fd);
-            std::shared_ptr<PoolSegment> segment = OpenExisting(config.name);
+            std::shared_ptr<PoolSegment> segment;
+            try {
+                segment = OpenExisting(config.name);
+            } catch (const PoolGoneException&) {
+                continue;
+            }
             if (KindName(segment->kind()) != config.kind) {
                 Refuse(config.name, std::string("it is a \"") + KindName(segment->kind()) +
                                         "\" pool, not \"" + config.kind + "\"");
@@ -575,7 +601,19 @@ std::shared_ptr<PoolSegment> PoolSegment::Open(const PoolConfig& config) {
         }
         CreatePoolFile(folder.fd(), config, geometry);
     }
-    Refuse(config.name, "it keeps disappearing while it is opened");
+    Refuse(config.name, KeepsDisappearing);
+}
+
+std::shared_ptr<PoolAttachment> AttachToPool(const PoolConfig& config) {
+    try {
+        return std::make_shared<PoolAttachment>(PoolSegment::Open(config));
+    } catch (const PoolGoneException&) {
+    }
+    try {
+        return std::make_shared<PoolAttachment>(PoolSegment::Open(config));
+    } catch (const PoolGoneException&) {
+        Refuse(config.name, KeepsDisappearing);
+    }
 }
 
 int PoolSegment::Reopen() {
@@ -584,13 +622,20 @@ int PoolSegment::Reopen() {
     shared::CheckedFolder folder = OpenFolder(name_, 0);
     Fd fd(::openat(folder.fd(), name_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (fd.fd < 0) {
-        Refuse(name_, "cannot open it again for the attachment's lock: " + Errno(errno));
+        const int error = errno;
+        const std::string why = "cannot open it again for the attachment's lock: " + Errno(error);
+        if (error == ENOENT) {
+            RefuseGone(name_, why);
+        }
+        Refuse(name_, why);
     }
     struct stat mine;
     struct stat found;
-    if (::fstat(fd_, &mine) != 0 || ::fstat(fd.fd, &found) != 0 || mine.st_dev != found.st_dev ||
-        mine.st_ino != found.st_ino) {
+    if (::fstat(fd_, &mine) != 0 || ::fstat(fd.fd, &found) != 0) {
         Refuse(name_, "it was removed and made again while it was opened");
+    }
+    if (mine.st_dev != found.st_dev || mine.st_ino != found.st_ino) {
+        RefuseGone(name_, "it was removed and made again while it was opened");
     }
     const int kept = fd.fd;
     fd.fd = -1;

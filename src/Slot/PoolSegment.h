@@ -4,6 +4,7 @@
 // Internals of the zero-copy pools: the layout of a pool's file, its mapping and the lock-free
 // protocol on it. Not installed.
 
+#include <Slot/AbortSlotCreationException.h>
 #include <Slot/Export.h>
 #include <Slot/PoolFactory.h>
 
@@ -244,6 +245,13 @@ std::uint64_t PoolProcessStartTime(pid_t pid);
 bool PoolOwnerAlive(int fd, unsigned index, const PoolAttachmentSlot& entry, std::uint64_t word,
                     const PidNamespace& judge);
 
+// Thrown (with the text of the refusal it stands for) when the pool's file was removed, or
+// removed and made again, while it was being opened or attached: Open and AttachToPool try again.
+class PoolGoneException : public AbortSlotCreationException {
+public:
+    using AbortSlotCreationException::AbortSlotCreationException;
+};
+
 // One process's mapping of a pool file. Created or opened by Open; unmapped by the destructor
 // (nothing in shared memory is destroyed). Thread-safe: all shared state is atomic.
 class PoolSegment {
@@ -251,7 +259,8 @@ public:
     // Opens the pool, creating it from `config` when it does not exist. Throws
     // AbortSlotCreationException.
     static std::shared_ptr<PoolSegment> Open(const PoolConfig& config);
-    // Opens an existing pool (any kind). Throws AbortSlotCreationException.
+    // Opens an existing pool (any kind). Throws AbortSlotCreationException (PoolGoneException
+    // when the file went or was replaced meanwhile).
     static std::shared_ptr<PoolSegment> OpenExisting(const std::string& name);
     ~PoolSegment();
     PoolSegment(const PoolSegment&) = delete;
@@ -275,7 +284,8 @@ public:
     // Claims a free attachment entry for this process: reaps dead entries first. `lockFd` is
     // the entry's own descriptor of the file, holding its lock; the caller keeps the variable
     // (registered by its address: a forked child closes its copy and sets it to -1) until
-    // Detach. Throws AbortSlotCreationException when all are in use.
+    // Detach. Throws AbortSlotCreationException when all are in use, PoolGoneException when
+    // the file was removed or replaced since the segment was opened.
     unsigned Attach(int& lockFd);
     // Frees the entry (the caller released every block it held or loaned) and closes `lockFd`.
     void Detach(unsigned index, int& lockFd);
@@ -367,7 +377,8 @@ private:
     // Whether the owner of entry `index` (word `word`, not being reaped) is still attached: its
     // lock is held and, in the pid namespace `mine`, its process is not gone.
     bool OwnerAlive(unsigned index, std::uint64_t word, const PidNamespace& mine);
-    // A new open file description of this pool's file (for an attachment's lock).
+    // A new open file description of this pool's file (for an attachment's lock). Throws
+    // PoolGoneException when the name no longer names this mapping's file.
     int Reopen();
 
     std::string name_;
@@ -436,6 +447,11 @@ private:
     unsigned index_;
     std::atomic<unsigned> holds_[MaxPoolBlocks] = {};
 };
+
+// An attachment to the pool `config` names, opened (or created) with PoolSegment::Open. A pool
+// removed between its open and the attachment's lock is opened again, once; a second loss gives
+// the refusal of a pool that keeps disappearing.
+std::shared_ptr<PoolAttachment> AttachToPool(const PoolConfig& config);
 
 // What a PoolBlock holds: one count on a block of a reader's attachment.
 class PoolHold {

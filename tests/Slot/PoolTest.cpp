@@ -725,6 +725,47 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     EXPECT_NE(0, ::access(stale.c_str(), F_OK));
 }
 
+TEST_F(PoolTest, APoolRemovedWhileItIsOpenedIsLookedForAgain) {
+    // Another process removes the pool over and over while this one creates writers: every
+    // opener finds the pool, makes it again, or gives up on one that keeps disappearing (the
+    // remover may win every attempt); none fails on a file that went between two of its steps.
+    ScopedPool pool;
+    const auto config = pool.Config("latest", 64, 2);
+    auto stop = testsupport::SharedWithChildren<std::atomic<bool>>();
+    auto removals = testsupport::SharedWithChildren<std::atomic<unsigned>>();
+    testsupport::ChildProcess remover([&] {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!stop->load() && std::chrono::steady_clock::now() < end) {
+            if (PoolFactory::RemovePool(pool.str())) {
+                removals->fetch_add(1);
+            }
+        }
+        return 0;
+    });
+    const std::string keepsDisappearing =
+        "Cannot open pool '" + pool.str() + "': it keeps disappearing while it is opened";
+    int opened = 0;
+    int disappeared = 0;
+    std::vector<std::string> failures;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);
+    for (int i = 0; i < 5000 && std::chrono::steady_clock::now() < end; ++i) {
+        const std::string text = Thrown([&] { PoolFactory::CreatePoolWriter(config); });
+        if (text == "(nothing thrown)") {
+            ++opened;
+        } else if (text == keepsDisappearing) {
+            ++disappeared;
+        } else if (failures.size() < 5) {
+            failures.push_back(text);
+        }
+    }
+    stop->store(true);
+    EXPECT_TRUE(remover.Wait().Ok());
+    EXPECT_TRUE(failures.empty()) << failures.front();
+    // The race took place: pools were removed, and openers won some of them.
+    EXPECT_GT(removals->load(), 0u);
+    EXPECT_GT(opened, 0) << disappeared << " gave up";
+}
+
 TEST_F(PoolTest, CreationReservesItsMemory) {
     // A pool larger than /dev/shm is refused at creation, not with SIGBUS later.
     struct statvfs fs;
