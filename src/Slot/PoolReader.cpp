@@ -6,6 +6,7 @@
 #include <Slot/PoolSegment.h>
 #include <Slot/SlotNames.h>
 
+#include <shared/ManagedObject.h>
 #include <shared/Notifier.h>
 #include <shared/RobustMutex.h>
 #include <shared/SharedFolder.h>
@@ -26,6 +27,8 @@ thread_local PoolDelivery* currentDelivery = nullptr;
 // how often it reaps dead processes while idle.
 constexpr long SleepSliceNs = 100 * 1000 * 1000;
 constexpr auto ReapInterval = std::chrono::milliseconds(500);
+// How often a new queue reader looks again at a claim whose entry another process reaps.
+constexpr auto ReapedClaimSlice = std::chrono::milliseconds(5);
 
 // A notifier with one thread that takes blocks from the pool and delivers them in place.
 //
@@ -96,6 +99,7 @@ private:
     void Claim() {
         std::atomic<std::uint64_t>& word = segment_.header().readerClaim;
         const unsigned own = attachment_->index() + 1;
+        const auto deadline = std::chrono::steady_clock::now() + shared::CreationWaitLimit();
         for (int attempt = 0; attempt < 3; ++attempt) {
             std::uint64_t seen = word.load();
             const unsigned entry = ClaimedEntry(seen);
@@ -119,6 +123,7 @@ private:
                 continue;
             }
             segment_.ReapDead();
+            WaitWhileReaped(entry, deadline);
         }
         const unsigned claim = ClaimedEntry(segment_.header().readerClaim.load());
         std::string who;
@@ -131,6 +136,18 @@ private:
         }
         throw AbortSlotCreationException("Cannot create a second reader for queue pool '" +
                                          segment_.name() + "': it has one" + who);
+    }
+
+    // While the claim names `entry` and another reaper (of this process or another) reaps that
+    // entry, within `deadline`: the reaper gives the claim up before it frees the entry. A
+    // reaper that dies meanwhile leaves its mark without its lock, and ReapDead takes over.
+    void WaitWhileReaped(unsigned entry, std::chrono::steady_clock::time_point deadline) {
+        while (ClaimedEntry(segment_.header().readerClaim.load()) == entry &&
+               (segment_.attachment(entry - 1).word.load() & AttachReaping) != 0 &&
+               std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(ReapedClaimSlice);
+            segment_.ReapDead();
+        }
     }
 
     void Run() {

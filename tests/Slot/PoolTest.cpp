@@ -1424,6 +1424,50 @@ TEST_F(PoolTest, AReaperKilledHalfWayIsTakenOverWhileItsForkedChildRuns) {
     EXPECT_EQ(0, ::kill(forked->load(), SIGKILL)) << "the reaper's child ran on";
 }
 
+TEST_F(PoolTest, ANewQueueReaderWaitsForAnotherProcessReapingTheDeadOne) {
+    // The claim of a dead reader whose entry another process reaps (stopped half-way, holding
+    // its reaper lock) is waited for, not taken for a live reader's.
+    ScopedPool pool;
+    const auto config = pool.Config("queue", 64, 2);
+    testsupport::PipeSignal readerUp, reaperReady, victimGone;
+    testsupport::ChildProcess victim([&] {
+        testsupport::DieWithParent();
+        auto reader = PoolFactory::CreatePoolReader(config);
+        readerUp.Post();
+        for (;;) {
+            ::pause();
+        }
+        return 0;
+    });
+    ASSERT_TRUE(readerUp.WaitFor());
+    testsupport::ChildProcess reaper([&] {
+        if (!shared::ArmCrashPoint("pool-reaping")) {
+            return 2;
+        }
+        reaperReady.Post();
+        victimGone.WaitFor();
+        return PoolFactory::Recover(pool.str()) == 1 ? 0 : 3;  // stopped half-way
+    });
+    if (!reaperReady.WaitFor()) {
+        reaper.Wait();
+        GTEST_SKIP() << "built without crash points";
+    }
+    victim.Kill(SIGKILL);
+    victim.Wait();
+    victimGone.Post();
+    int status = 0;
+    ASSERT_TRUE(Eventually(
+        [&] { return ::waitpid(reaper.Pid(), &status, WNOHANG | WUNTRACED) == reaper.Pid(); }));
+    ASSERT_TRUE(WIFSTOPPED(status));
+    std::thread resume([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        ::kill(reaper.Pid(), SIGCONT);
+    });
+    EXPECT_EQ("(nothing thrown)", Thrown([&] { PoolFactory::CreatePoolReader(config); }));
+    resume.join();
+    EXPECT_TRUE(reaper.Wait().Ok());
+}
+
 TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 2);
