@@ -459,7 +459,9 @@ PoolSegment::PoolSegment(const std::string& name, int fd, void* base, std::size_
       maxBlockSize_(static_cast<std::size_t>(checked.maxBlockSize)),
       blockCount_(static_cast<unsigned>(checked.blockCount)),
       counters_(counters),
-      logger_(log4cxx::Logger::getLogger("Slot.Pool")) {}
+      logger_(log4cxx::Logger::getLogger("Slot.Pool")) {
+    writerWatch_.kind = shared::RobustMutexKind();
+}
 
 PoolSegment::~PoolSegment() {
     {
@@ -859,9 +861,9 @@ void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mi
         auto repair = [this](pid_t) { SweepOrphans(); };
         try {
             if (shared::TimedLockRecoveringFor(writerMutex(), std::chrono::seconds(ReapLockSeconds),
-                                               repair)) {
+                                               repair, writerWatch())) {
                 SweepOrphans();
-                shared::UnlockRobust(writerMutex());
+                shared::UnlockRobust(writerMutex(), writerWatch());
             }
         } catch (const std::exception& e) {
             MarkDamaged(std::string("the writers' lock: ") + e.what());

@@ -8,6 +8,8 @@
 #include <Slot/Export.h>
 #include <Slot/PoolFactory.h>
 
+#include <shared/RobustMutex.h>
+
 #include <log4cxx/logger.h>
 
 #include <pthread.h>
@@ -280,6 +282,9 @@ public:
     pthread_mutex_t* writerMutex() {
         return reinterpret_cast<pthread_mutex_t*>(header_->writerMutex);
     }
+    // Every lock and unlock of the writers' mutex passes this: a mutex whose kind word is not
+    // the robust kind it was made with (overwritten bytes) is refused before glibc sees it.
+    const shared::LockWatch* writerWatch() const { return &writerWatch_; }
 
     // Claims a free attachment entry for this process: reaps dead entries first. `lockFd` is
     // the entry's own descriptor of the file, holding its lock; the caller keeps the variable
@@ -400,6 +405,7 @@ private:
     std::atomic<std::uint64_t> headSeen_{0};
     std::atomic<std::uint64_t> latestSeen_{0};
     std::atomic<std::uint64_t> reapingHere_{0};  // entries a thread of this process reaps
+    shared::LockWatch writerWatch_;
     shared::WriteCounters* counters_;
     log4cxx::LoggerPtr logger_;
 };

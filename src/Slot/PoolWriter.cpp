@@ -163,9 +163,9 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
     __builtin_prefetch(&segment.ring(header.tail.load(std::memory_order_relaxed)), 1);
     const shared::OwnerDeadRepair repair = [&segment](pid_t) { segment.SweepOrphans(); };
     try {
-        if (!shared::TryLockRecovering(segment.writerMutex(), repair) &&
-            !shared::TimedLockRecoveringFor(segment.writerMutex(), std::chrono::seconds(2),
-                                            repair)) {
+        if (!shared::TryLockRecovering(segment.writerMutex(), repair, segment.writerWatch()) &&
+            !shared::TimedLockRecoveringFor(segment.writerMutex(), std::chrono::seconds(2), repair,
+                                            segment.writerWatch())) {
             LOG4CXX_ERROR(segment.logger(),
                           "Pool '" << segment.name() << "': the writers' lock stayed taken");
             return end(WriteOutcome::Failed);
@@ -205,7 +205,7 @@ WriteOutcome PoolLoan::publish(std::size_t size) {
             outcome = WriteOutcome::Failed;  // reaped as a dead writer's loan: not ours now
         }
     }
-    shared::UnlockRobust(segment.writerMutex());
+    shared::UnlockRobust(segment.writerMutex(), segment.writerWatch());
     if (sleepers) {
         segment.WakeSleepers();
     }

@@ -575,6 +575,22 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     }));
     ASSERT_EQ(1u, collector->Count());
     EXPECT_EQ(2u, Check(collector->Blocks()[0].bytes.data(), 16));
+
+    // A writers' mutex whose kind word was overwritten never reaches glibc (which asserts on
+    // some kinds): the pool is damaged for the writer that meets it.
+    ScopedPool mutex;
+    const auto mutexConfig = mutex.Config("queue", 64, 2);
+    auto mutexWriter = PoolFactory::CreatePoolWriter(mutexConfig);
+    ASSERT_EQ(WriteOutcome::Stored, Publish(*mutexWriter, 16, 1));
+    Poke(mutex.str(),
+         offsetof(Slot::PoolHeader, writerMutex) + offsetof(pthread_mutex_t, __data.__kind),
+         std::int32_t{0x2345});
+    EXPECT_EQ(WriteOutcome::Failed, Publish(*mutexWriter, 16, 2));
+    EXPECT_EQ(1u, log.Count("ERROR", "Pool '" + mutex.str() +
+                                         "' is damaged: the writers' lock: the lock is not a "
+                                         "robust lock (kind " +
+                                         std::to_string(0x2345) + ")"));
+    EXPECT_EQ(WriteOutcome::Failed, Publish(*mutexWriter, 16, 3));
 }
 
 // A stray write over the geometry of a pool that is open already: the processes that opened it
