@@ -179,16 +179,54 @@ bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& 
     RemoveStaleTemporaries(folderFd);
     const std::string temporary = PoolTemporaryPrefix + std::to_string(::getpid()) + "-" +
                                   std::to_string(temporaryCounter.fetch_add(1));
-    Fd fd(::openat(folderFd, temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                   0600));
-    if (fd.fd < 0 && errno == EEXIST) {
+    // The creator's lock is held on a descriptor of its own, registered from its open (a child
+    // forked meanwhile closes its copy), not on the one the file is mapped through: a mapping
+    // keeps its description, and a lock on it, alive in every child forked with it, and a dead
+    // creator's temporary would never look stale.
+    struct RegisteredFd {
+        int fd = -1;
+        ~RegisteredFd() {
+            AttachmentFdsLock registry;
+            std::vector<int*>& fds = *attachmentFds;
+            fds.erase(std::remove(fds.begin(), fds.end(), &fd), fds.end());
+            if (fd >= 0) {
+                ::close(fd);
+            }
+        }
+    } lockFd;
+    int error = 0;
+    {
+        AttachmentFdsLock registry;
+        attachmentFds->reserve(attachmentFds->size() + 1);
+        lockFd.fd = ::openat(folderFd, temporary.c_str(),
+                             O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        error = errno;
+        if (lockFd.fd >= 0) {
+            attachmentFds->push_back(&lockFd.fd);
+        }
+    }
+    if (lockFd.fd < 0 && error == EEXIST) {
         return false;  // a creator of another pid namespace with the same pid: made again
     }
-    if (fd.fd < 0) {
-        Refuse(config.name, "cannot create " + PoolPath(temporary) + ": " + Errno(errno));
+    if (lockFd.fd < 0) {
+        Refuse(config.name, "cannot create " + PoolPath(temporary) + ": " + Errno(error));
     }
-    TryLockByte(fd.fd, PoolCreatorLockByte);
+    TryLockByte(lockFd.fd, PoolCreatorLockByte);
+    // The descriptor it is mapped through. A temporary taken for a dead creator's before its
+    // lock (removed, or another made under the name) is made again.
     auto discard = [&] { ::unlinkat(folderFd, temporary.c_str(), 0); };
+    Fd fd(::openat(folderFd, temporary.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (fd.fd < 0 && errno != ENOENT) {
+        error = errno;
+        discard();
+        Refuse(config.name, "cannot create " + PoolPath(temporary) + ": " + Errno(error));
+    }
+    struct stat created;
+    struct stat mapped;
+    if (fd.fd < 0 || ::fstat(lockFd.fd, &created) != 0 || ::fstat(fd.fd, &mapped) != 0 ||
+        created.st_dev != mapped.st_dev || created.st_ino != mapped.st_ino) {
+        return false;
+    }
     // The slots' mode: readers write their holder bits, so only the owner (and root) attach.
     // Another user who could write the file could also truncate it under its users (SIGBUS).
     ::fchmod(fd.fd, 0644);
