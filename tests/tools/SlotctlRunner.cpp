@@ -313,6 +313,19 @@ void Pty::Type(const std::string& keys) {
     }
 }
 
+void Pty::StopOutput() {
+    Type("\x13");
+    // Stopped once a write that must not wait finds no room: until then the probe's bytes are
+    // output like any other.
+    const int probe = ::open(slavePath_.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (probe >= 0 && ::write(probe, ".", 1) == 1 &&
+           std::chrono::steady_clock::now() < deadline) {
+        ::usleep(1000);
+    }
+    ::close(probe);
+}
+
 bool Pty::WaitFor(const std::string& text, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (output_.find(text) == std::string::npos) {

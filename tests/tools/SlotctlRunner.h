@@ -114,6 +114,9 @@ public:
     int Slave() const { return slave_; }
     // Types `keys` (XOFF "\x13" stops the terminal's output, as Ctrl-S does).
     void Type(const std::string& keys);
+    // Types XOFF and returns once the terminal's output is stopped (the key is taken on a
+    // kernel worker, later).
+    void StopOutput();
     // Reads the output until it holds `text`; false at the time-out.
     bool WaitFor(const std::string& text,
                  std::chrono::milliseconds timeout = std::chrono::seconds(30));

@@ -524,7 +524,7 @@ TEST(SlotctlOutput, ATerminalThatStopsReadingStillEndsAtAStopSignal) {
         return;  // only root runs a process as another user
     }
     slotctltest::Pty stopped;
-    stopped.Type("\x13");
+    stopped.StopOutput();
     Background top({"top", "--json", "--interval", "0.1"}, 65534, stopped.SlavePath());
     EXPECT_TRUE(testsupport::Eventually([&] { return top.BlockedIn({SYS_write}); },
                                         std::chrono::seconds(30)));
@@ -541,7 +541,7 @@ TEST(SlotctlOutput, AStandardErrorThatTakesNothingHoldsNoMessagePastAStopSignal)
     ScopedSlotName name("errstall");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
     slotctltest::Pty stopped;
-    stopped.Type("\x13");
+    stopped.StopOutput();
     Background usage({"read", name.str(), "--no-such-option"}, 0, "", stopped.SlavePath());
     Background remove({"-v", "rm", name.str()}, 0, "", stopped.SlavePath());
     for (Background* run : {&usage, &remove}) {
@@ -589,8 +589,8 @@ TEST(SlotctlReadWrite, InputLargerThanABlockIsRefusedWithoutBeingHeld) {
     const Outcome piped = Slotctl({"write", pipe.str(), "--type", "posix-pipe", "-"},
                                   Options{std::string(70000, 'p')});
     ::unlink(FileUtils::NamedPipeCreator::ConstructPipeFilename(pipe).c_str());
-    EXPECT_THAT(piped.err, HasSubstr("1 block to '" + pipe.str() +
-                                     "' (posix-pipe): 70000 unread bytes lost"))
+    EXPECT_THAT(piped.err,
+                HasSubstr("1 block to '" + pipe.str() + "' (posix-pipe): 70000 unread bytes lost"))
         << piped.Describe();
 }
 
