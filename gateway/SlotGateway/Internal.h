@@ -6,12 +6,15 @@
 
 #include <log4cxx/logger.h>
 
+#include <sys/types.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <utility>
 
 namespace SlotGateway {
 
@@ -19,6 +22,13 @@ using Clock = std::chrono::steady_clock;
 
 // The logger "SlotGateway".
 log4cxx::LoggerPtr Logger();
+
+// Which object a slot's or pool's name names (device and inode of its header object or pool
+// file; {0, 0} while there is none). A name removed and made again names another object, which
+// an opened slot, pool writer or reader claim no longer shows: whoever keeps one compares this
+// before use. One fstatat, not following a symlink.
+using ObjectId = std::pair<dev_t, ino_t>;
+ObjectId ObjectOf(const Route& route);
 
 // At a stop, the least time a route's DDS writer is given for the acknowledgements of what it
 // published, also once the grace is spent.

@@ -282,6 +282,8 @@ public:
 
     bool damaged() const { return damaged_; }
     void Restore() { damaged_ = damaged_ && !testsupport::WriteObject(name_, saved_); }
+    // The object was removed: its name may name a new one, which is left alone.
+    void Removed() { damaged_ = false; }
 
 private:
     const std::string name_;
@@ -326,6 +328,55 @@ TEST_P(GatewayCarries, EveryBlockAndHoldsBackWhenFull) {
 }
 
 INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayCarries, ::testing::Values("reliable", "queue"));
+
+// A slot or pool removed and made again by its application between two blocks is another
+// object: the receiving gateway stores the next block into the new one (not into the removed
+// one, acknowledged, where nobody reads it), and says so once. The sending gateway of a slot
+// reads the new source too.
+class GatewayRenewed : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(GatewayRenewed, ASlotRemovedAndMadeAgainIsWrittenAndReadAnew) {
+    const bool pool = GetParam() == "queue";
+    const Ends ends("gw_renew", GetParam(), 64, 8, 8);
+    ISubscriberPtr writer = ends.Writer();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    INotifierPtr reader = ends.Read();
+    WriteHeld(writer, ends.source, NumberedBlock(0, 64));
+    ASSERT_TRUE(ends.received->WaitFor(1, 30s)) << receiving.StatusJson();
+    reader.reset();
+
+    testsupport::LogCapture log("SlotGateway");
+    if (pool) {
+        ASSERT_TRUE(Slot::PoolFactory::RemovePool(ends.destination));
+    } else {
+        ASSERT_TRUE(SlotFactory::RemoveSlot(ends.destination));
+    }
+    ends.Writer(true);  // made again
+    const boost::shared_ptr<Collector> renewed(new Collector);
+    reader = pool ? Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(ends.in), renewed)
+                  : SlotFactory::CreateSlotReader(&ends.destinationCfg, renewed);
+    WriteHeld(writer, ends.source, NumberedBlock(1, 64));
+    ASSERT_TRUE(renewed->WaitFor(1, 30s)) << receiving.StatusJson();
+    EXPECT_EQ(BlocksOf(*renewed), std::vector<Bytes>{NumberedBlock(1, 64)});
+    // Counted once the write returned, after the reader may have had it.
+    EXPECT_TRUE(Eventually([&] { return Counts(receiving).received == 2; }, 20s))
+        << receiving.StatusJson();
+    EXPECT_EQ(log.CountPrefix("INFO", (pool ? "Pool '" : "Slot '") + ends.destination +
+                                          "' was removed or made again"),
+              1u);
+    if (pool) {
+        return;
+    }
+    ASSERT_TRUE(SlotFactory::RemoveSlot(ends.source));
+    writer = ends.Writer();  // makes it again
+    WriteHeld(writer, ends.source, NumberedBlock(2, 64));
+    ASSERT_TRUE(renewed->WaitFor(2, 30s)) << sending.StatusJson();
+    EXPECT_EQ(BlocksOf(*renewed).back(), NumberedBlock(2, 64));
+    EXPECT_TRUE(Eventually([&] { return Sending(sending); }, 20s)) << sending.StatusJson();
+}
+
+INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayRenewed, ::testing::Values("reliable", "queue"));
 
 // A discarding slot's latest state reaches a gateway that starts later.
 TEST(Gateway, DiscardingDeliversLatestStateToLateJoiner) {
@@ -855,6 +906,13 @@ TEST(GatewayDamage, ReceiverRetriesTheBlockAndSenderLogsOnce) {
     ASSERT_TRUE(Eventually([&] { return log.CountPrefix("ERROR", prefix) >= 1; }, 20s));
     std::this_thread::sleep_for(2s);  // ten tries and more
     EXPECT_EQ(log.CountPrefix("ERROR", prefix), 1u);
+
+    // The remedy: the slot removed and made again is read anew.
+    ASSERT_TRUE(SlotFactory::RemoveSlot(ends.source));
+    sourceDamage.Removed();
+    writer = ends.Writer();
+    WriteHeld(writer, ends.source, NumberedBlock(2, 64));
+    ExpectNumbered(*ends.received, 3, 64);
 }
 
 // A discarding slot's reader ends for good when the slot's lock fails: the status says the
