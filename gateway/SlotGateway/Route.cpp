@@ -202,7 +202,8 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
       gatewayId_(gatewayId),
       stop_(stop),
       grace_(grace),
-      echoes_(std::chrono::milliseconds(std::max<unsigned>(1000, 4 * route.updateTimeMs))) {
+      echoes_(std::chrono::milliseconds(std::max<unsigned>(1000, 4 * route.updateTimeMs))),
+      qosMismatch_(route) {
     QosPtr qos(RouteQos(route));
     if (route.sends()) {
         writer_ =
@@ -237,11 +238,25 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
         sender_.reset(
             new ReliableSender(route, gatewayId, writer_, ackReader, stop, grace, counters_));
     }
+    // Last, when nothing throws any more: the callbacks must not outlive this object.
+    if (writer_ > 0) {
+        qosMismatch_.Watch(writer_, true);
+    }
+    if (reader_ > 0) {
+        qosMismatch_.Watch(reader_, false);
+    }
 }
 
 RouteRunner::~RouteRunner() {
     StopSending();
     StopReceiving();
+    // After a callback in progress; the stopped sender no longer looks at its matches.
+    if (writer_ > 0) {
+        dds_set_listener(writer_, nullptr);
+    }
+    if (reader_ > 0) {
+        dds_set_listener(reader_, nullptr);
+    }
     if (waitset_ > 0) {
         dds_delete(waitset_);
     }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <SlotGateway/Config.h>
+#include <SlotGateway/Dds.h>
 #include <SlotGateway/Internal.h>
 #include <SlotGateway/Status.h>
 
@@ -188,6 +189,8 @@ private:
     Clock::time_point lastSend_;       // the slot reader's thread only: its last Send
 
     AtomicCounters counters_;
+    // Called back on writer_ and reader_ until the destructor removes their listeners.
+    QosMismatchWarning qosMismatch_;
     std::unique_ptr<ReliableSender> sender_;  // a reliable sending route's; destroyed first
 };
 

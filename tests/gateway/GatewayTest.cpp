@@ -378,6 +378,55 @@ TEST_P(GatewayRenewed, ASlotRemovedAndMadeAgainIsWrittenAndReadAnew) {
 
 INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayRenewed, ::testing::Values("reliable", "queue"));
 
+// Hosts whose entries for a topic differ in type never match, and DDS keeps it to itself: each
+// gateway says so once per slot at WARN, naming the policy that differs, not once per sample or
+// per repetition of a state.
+TEST(Gateway, EntriesThatDifferBetweenHostsAreReportedOnce) {
+    const Ends discardingOut("gw_qos_a", "discarding", 64, 1, 1);
+    const Ends reliableOut("gw_qos_b", "reliable", 64, 4, 4);
+    Route in = MakeRoute(discardingOut.destination, "reliable", Direction::FromNetwork,
+                         discardingOut.partition, "qos_a", 64, 4);
+    Route out = discardingOut.out;
+    out.topic = "qos_a";
+    Route in2 = MakeRoute(reliableOut.destination, "discarding", Direction::FromNetwork,
+                          discardingOut.partition, "qos_b", 64, 1);
+    Route out2 = reliableOut.out;
+    out2.partition = discardingOut.partition;
+    out2.topic = "qos_b";
+    testsupport::LogCapture log("SlotGateway");
+    Config receivingConfig = OneRoute(in), sendingConfig = OneRoute(out);
+    receivingConfig.routes.push_back(in2);
+    sendingConfig.routes.push_back(out2);
+    Gateway receiving(receivingConfig);
+    Gateway sending(sendingConfig);
+    ISubscriberPtr writer = discardingOut.Writer();
+    const std::vector<std::pair<Route, std::string>> expected = {
+        {out, "reliability"}, {in, "reliability"}, {out2, "durability"}, {in2, "durability"}};
+    auto warning = [](const std::pair<Route, std::string>& entry) {
+        return "Slot '" + entry.first.name + "' does not match a peer on topic '" +
+               entry.first.topic + "': the other host's entry differs: " + entry.second;
+    };
+    ASSERT_TRUE(Eventually(
+        [&] {
+            for (const auto& entry : expected) {
+                if (log.Count("WARN", warning(entry)) == 0) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        30s))
+        << testing::PrintToString(log.Messages("WARN"));
+    for (int n = 0; n < 5; ++n) {
+        writer->onNotify(discardingOut.source, "state", 5);
+        std::this_thread::sleep_for(300ms);
+    }
+    for (const auto& entry : expected) {
+        EXPECT_EQ(log.Count("WARN", warning(entry)), 1u) << entry.first.name;
+    }
+    EXPECT_EQ(Counts(receiving).received, 0u);
+}
+
 // A discarding slot's latest state reaches a gateway that starts later.
 TEST(Gateway, DiscardingDeliversLatestStateToLateJoiner) {
     const Ends ends("gw_state", "discarding", 512, 1, 1);
