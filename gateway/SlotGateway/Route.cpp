@@ -24,6 +24,7 @@
 #include <atomic>
 #include <cstring>
 #include <map>
+#include <stdexcept>
 
 namespace SlotGateway {
 
@@ -604,8 +605,10 @@ void RouteRunner::ReceiveLoop() {
                     }
                 }
             } catch (const std::exception& e) {
-                // Not acknowledged: a reliable block's sender sends it again. The other routes
-                // and this one's later blocks go on.
+                // Not acknowledged: a reliable block's sender keeps it in hand, publishes it
+                // again only when its receivers change (this gateway restarting, another one
+                // matching), and gives it back to its slot at its stop. The other routes and this
+                // one's later blocks go on.
                 LOG4CXX_ERROR(Logger(), "Receiving slot '" << route_.name << "': " << e.what());
                 stop_.WaitFor(std::chrono::milliseconds(200));
             }
@@ -651,11 +654,15 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
             }
             slotWriter_->onNotify(route_.name, data, size);
             outcome = Slot::LastWriteOutcome();
+            if (outcome == Slot::WriteOutcome::Failed) {
+                // The slot's queue failed the write without throwing: the same as a throw.
+                throw std::runtime_error("the slot failed the write");
+            }
             threw = false;
         } catch (const std::exception& e) {
             // Opening the slot, or taking its lock, throws when the lock is damaged or its holder
             // cannot be waited for: the block is not stored (nor acknowledged) and is tried
-            // again, as when the slot refuses it.
+            // again, less often than a refusal.
             if (!threw) {
                 LOG4CXX_ERROR(Logger(), "Slot '" << route_.name << "' could not store block "
                                                  << sequence << ": " << e.what() << " (retrying)");

@@ -964,6 +964,37 @@ TEST(GatewayDamage, ReceiverRetriesTheBlockAndSenderLogsOnce) {
     ExpectNumbered(*ends.received, 3, 64);
 }
 
+// A slot whose queue fails the write (its queue object overwritten) without throwing is a slot
+// that failed, not one that refused: said once at ERROR, tried again at most once a second, and
+// the block is stored once the slot is whole.
+TEST(GatewayDamage, AFailedWriteIsAnErrorNotARefusal) {
+    const Ends ends("gw_fail", "reliable", 64, 4, 4);
+    SlotFactory::CreateSlot(&ends.destinationCfg);
+    ISubscriberPtr writer = ends.Writer();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    ASSERT_TRUE(Eventually([&] { return Sending(sending); }, 30s)) << sending.StatusJson();
+    testsupport::LogCapture log("SlotGateway");
+    DamagedObject damage(Slot::QueueObjectName(ends.destination));
+    ASSERT_TRUE(damage.damaged());
+    WriteHeld(writer, ends.source, NumberedBlock(0, 64));
+    const std::string error = "Slot '" + ends.destination +
+                              "' could not store block 1: the slot failed the write (retrying)";
+    ASSERT_TRUE(Eventually([&] { return log.Count("ERROR", error) == 1; }, 20s))
+        << testing::PrintToString(log.Messages());
+    // Once the back-off has grown (1 ms doubled up to 1 s), tried about once a second, not every
+    // 100 ms as a refused write is.
+    std::this_thread::sleep_for(1500ms);
+    const std::uint64_t retried = Counts(receiving).retried;
+    std::this_thread::sleep_for(3s);
+    EXPECT_LE(Counts(receiving).retried - retried, 5u) << receiving.StatusJson();
+    EXPECT_EQ(log.Count("ERROR", error), 1u);
+    EXPECT_EQ(log.CountPrefix("WARN", "Slot '" + ends.destination + "' refused"), 0u);
+    damage.Restore();
+    INotifierPtr reader = ends.Read();
+    ExpectNumbered(*ends.received, 1, 64);
+}
+
 // A discarding slot's reader ends for good when the slot's lock fails: the status says the
 // route no longer sends, and the gateway reads the slot again once it is whole.
 TEST(GatewayDamage, SenderOfADamagedSlotReadsItAgain) {
