@@ -131,6 +131,10 @@ void Gateway::Stop() {
     });
 }
 
+void Gateway::EndGrace() {
+    impl_->stop.CutGrace();
+}
+
 std::vector<RouteStatus> Gateway::Status() const {
     std::vector<RouteStatus> result;
     for (const auto& route : impl_->routes) {

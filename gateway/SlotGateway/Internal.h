@@ -55,12 +55,22 @@ struct StopFlag {
         }
         changed.notify_all();
     }
+    // Ends the grace now (a second stop signal): every block still in hand is given up at once,
+    // a slot's given back. Raises the stop if not raised yet.
+    void CutGrace() {
+        Raise();
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            graceCut = true;
+        }
+        changed.notify_all();
+    }
     // Every route's grace runs from the one moment the stop was raised, so a gateway stops
     // within about `grace` however many routes it has. The end of the grace (`grace` from now
-    // while not stopping).
+    // while not stopping; the stop's moment once the grace was cut).
     Clock::time_point GraceEnd(std::chrono::milliseconds grace) {
         std::lock_guard<std::mutex> guard(mutex);
-        return (set ? raisedAt : Clock::now()) + grace;
+        return (set ? raisedAt : Clock::now()) + (graceCut ? std::chrono::milliseconds(0) : grace);
     }
     // What is left of the grace, but at least `least`: the last words of a route (DDS's
     // acknowledgements of what it published) need a moment even when the grace is spent.
@@ -73,6 +83,7 @@ struct StopFlag {
 
 private:
     Clock::time_point raisedAt;  // guarded by mutex
+    bool graceCut = false;       // guarded by mutex
 };
 
 // A route's counters, updated by its threads and read by Status().

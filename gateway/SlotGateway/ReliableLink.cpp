@@ -270,18 +270,8 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
     // Only read: DDS serialises the sample, a pool's block stays as published.
     SlotGatewayWire_Block sample = WireSample(gatewayId_, heldSerial_, data, size);
 
-    bool graceStarted = false;
-    Clock::time_point deadline;
-    auto givingUp = [&] {
-        if (!stop_.set) {
-            return false;
-        }
-        if (!graceStarted) {
-            graceStarted = true;
-            deadline = stop_.GraceEnd(grace_);
-        }
-        return Clock::now() >= deadline;
-    };
+    // Asked anew each time: a second stop signal cuts the grace short.
+    auto givingUp = [&] { return stop_.set && Clock::now() >= stop_.GraceEnd(grace_); };
     unacknowledged_ = false;
     // Endpoints that left before this block is published cannot have stored it.
     readers_.Forget();

@@ -626,7 +626,6 @@ void RouteRunner::ReceiveLoop() {
 
 bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequence) {
     std::chrono::milliseconds backoff(1);
-    Clock::time_point deadline = Clock::time_point::max();
     const bool both = route_.direction == Direction::Both;
     bool threw = false;  // the last attempt's write threw
     for (unsigned attempt = 0;; ++attempt) {
@@ -698,10 +697,8 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
                                             << Slot::ToString(outcome) << "), retrying");
         }
         ++counters_.retried;
-        if (stop_.set && deadline == Clock::time_point::max()) {
-            deadline = stop_.GraceEnd(grace_);
-        }
-        if (Clock::now() >= deadline) {
+        // Asked anew each time: a second stop signal cuts the grace short.
+        if (stop_.set && Clock::now() >= stop_.GraceEnd(grace_)) {
             if (!route_.reliable()) {
                 ++counters_.dropped;
                 LOG4CXX_ERROR(Logger(), "State " << sequence << " for '" << route_.name

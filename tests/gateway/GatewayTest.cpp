@@ -244,7 +244,8 @@ private:
 // slot-gateway in a process of its own, run with a configuration of `routes` (a file in the
 // run's folder); killed (SIGKILL) at the end of the test, and with the test process.
 std::unique_ptr<testsupport::ChildProcess> StartGateway(const std::vector<Route>& routes,
-                                                        unsigned leaseMs) {
+                                                        unsigned leaseMs,
+                                                        unsigned stopGraceMs = 5000) {
     const std::string config =
         testsupport::TestRunDir() + "/" + testsupport::UniqueName("gw") + ".json";
     nlohmann::json slots = nlohmann::json::array();
@@ -257,8 +258,9 @@ std::unique_ptr<testsupport::ChildProcess> StartGateway(const std::vector<Route>
                          {"partition", route.partition},
                          {"topic", route.topic}});
     }
-    std::ofstream(config) << nlohmann::json{{"gateway", {{"name", "child"}, {"lease_ms", leaseMs}}},
-                                            {"slots", slots}};
+    std::ofstream(config) << nlohmann::json{
+        {"gateway", {{"name", "child"}, {"lease_ms", leaseMs}, {"stop_grace_ms", stopGraceMs}}},
+        {"slots", slots}};
     return std::unique_ptr<testsupport::ChildProcess>(new testsupport::ChildProcess([config] {
         testsupport::DieWithParent();
         const int quiet = ::open("/dev/null", O_WRONLY);
@@ -887,6 +889,33 @@ TEST(Gateway, StopTakesTheGraceOnceForAllRoutes) {
     for (const RouteStatus& route : sending.Status()) {
         EXPECT_EQ(route.counters.forwarded, 0u) << route.route.name;
     }
+}
+
+// A second SIGTERM while the gateway waits out a long grace for a receiver that does not store
+// its block (the receiver's slot stays full) ends the grace at once: the block goes back to the
+// head of its slot, and the gateway exits long before the grace, and the service manager's
+// SIGKILL, would have passed.
+TEST(Gateway, ASecondStopSignalEndsTheGrace) {
+    const Ends ends("gw_impatient", "reliable", 64, 4, 1);
+    boost::shared_ptr<ISlot> source = SlotFactory::CreateSlot(&ends.sourceCfg);
+    SlotWriter(SlotFactory::CreateSlot(&ends.destinationCfg)).onNotify(ends.destination, "full", 4);
+    Gateway receiving(OneRoute(ends.in));
+    const auto sending = StartGateway({ends.out}, 2000, 120000);
+    const Bytes block = NumberedBlock(0, 64);
+    SlotWriter(source).onNotify(ends.source, block.data(), block.size());
+    ASSERT_TRUE(Eventually([&] { return Counts(receiving).refused >= 1; }, 30s))
+        << receiving.StatusJson();
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(::kill(sending->Pid(), SIGTERM), 0);
+    std::this_thread::sleep_for(500ms);
+    ASSERT_EQ(::kill(sending->Pid(), SIGTERM), 0);
+    const testsupport::ChildResult result = sending->Wait(60s);
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
+    ASSERT_EQ(source->GetBufferLength(), 1u);
+    Bytes back(64);
+    back.resize(source->ReadData(back.data(), back.size()));
+    EXPECT_EQ(back, block);
 }
 
 // A "both" route's memory of the states it wrote: a local state that comes back after the
