@@ -69,6 +69,10 @@ struct Gateway::Impl {
 Gateway::Gateway(const Config& config) : impl_(new Impl) {
     impl_->config = config;
     impl_->owner = this;
+    if (!config.statusFile.empty()) {
+        // Left by a gateway killed while it wrote the status file.
+        RemoveStaleTemporaries(config.statusFile);
+    }
     try {
         for (const Route& route : config.routes) {
             dds_entity_t& participant = impl_->participants[route.domain];

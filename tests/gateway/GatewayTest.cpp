@@ -33,6 +33,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <chrono>
@@ -585,6 +586,29 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     EXPECT_EQ(WriteFileAtomically(config.statusFile, "{}"), "");
     EXPECT_EQ(testsupport::ReadFile(link), "theirs");
     std::remove(link.c_str());
+    std::remove(config.statusFile.c_str());
+    // A symlink in the folder part is not followed either.
+    const std::string real = testsupport::TestRunDir() + "/gateway-real";
+    const std::string via = testsupport::TestRunDir() + "/gateway-via";
+    ASSERT_EQ(mkdir(real.c_str(), 0755), 0);
+    ASSERT_EQ(symlink(real.c_str(), via.c_str()), 0);
+    EXPECT_EQ(WriteFileAtomically(via + "/status.json", "{}").rfind("Unsafe folder", 0), 0u);
+    EXPECT_NE(access((real + "/status.json").c_str(), F_OK), 0);
+    std::remove(via.c_str());
+    rmdir(real.c_str());
+    // A temporary left by a gateway killed mid-write goes at the next start; a symlink of that
+    // form, or a name of another form, stays.
+    const std::string stale = config.statusFile + ".tmp.Ab3dE9";
+    const std::string other = config.statusFile + ".tmp.Ab3dE9x";
+    const std::string planted = config.statusFile + ".tmp.Zz9yX8";
+    { std::ofstream(stale) << "{"; }
+    { std::ofstream(other) << "mine"; }
+    ASSERT_EQ(symlink(target.c_str(), planted.c_str()), 0);
+    Gateway(config).Stop();
+    EXPECT_NE(access(stale.c_str(), F_OK), 0);
+    EXPECT_EQ(testsupport::ReadFile(other), "mine");
+    EXPECT_EQ(unlink(planted.c_str()), 0);
+    std::remove(other.c_str());
     std::remove(config.statusFile.c_str());
 }
 
