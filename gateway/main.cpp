@@ -8,6 +8,7 @@
 #include <log4cxx/logger.h>
 #include <log4cxx/propertyconfigurator.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -17,6 +18,7 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -113,6 +115,17 @@ int main(int argc, char** argv) {
         try {
             const SlotGateway::Config config = SlotGateway::LoadConfig(checkPath);
             std::cout << checkPath << ": " << config.routes.size() << " slot(s), valid\n";
+            // A stop takes the grace and a little more (DDS's last words, its shutdown).
+            constexpr unsigned kStopSlackMs = 5000;
+            constexpr unsigned kUnitStopMs = SLOT_GATEWAY_STOP_TIMEOUT_SEC * 1000;
+            if (config.stopGraceMs + kStopSlackMs > kUnitStopMs) {
+                std::cerr << "slot-gateway: warning: " << checkPath << ": stop_grace_ms "
+                          << config.stopGraceMs << " leaves less than " << kStopSlackMs / 1000
+                          << " s of the shipped unit's TimeoutStopSec="
+                          << SLOT_GATEWAY_STOP_TIMEOUT_SEC
+                          << ": systemd would SIGKILL a gateway still stopping; raise "
+                             "TimeoutStopSec (systemctl edit slot-gateway)\n";
+            }
             return 0;
         } catch (const SlotGateway::ConfigError& e) {
             std::cerr << "slot-gateway: " << e.what() << "\n";
@@ -172,7 +185,31 @@ int main(int argc, char** argv) {
                 break;
             }
         }
-        gateway.Stop();
+        // A second stop signal while stopping ends the grace at once: the blocks in hand are
+        // given back instead of waiting out stop_grace_ms (or the service manager's SIGKILL).
+        std::atomic<bool> stopped{false};
+        std::thread impatient([&] {
+            while (!stopped) {
+                const timespec slice = {0, 200 * 1000 * 1000};
+                const int signal = sigtimedwait(&stopSignals, nullptr, &slice);
+                if (signal > 0) {
+                    LOG4CXX_WARN(log4cxx::Logger::getLogger("SlotGateway"),
+                                 "Stopping at once on " << strsignal(signal)
+                                                        << ": the blocks in hand are given back");
+                    gateway.EndGrace();
+                    return;
+                }
+            }
+        });
+        try {
+            gateway.Stop();
+        } catch (...) {
+            stopped = true;
+            impatient.join();
+            throw;
+        }
+        stopped = true;
+        impatient.join();
     } catch (const std::exception& e) {
         std::cerr << "slot-gateway: " << e.what() << "\n";
         return 1;

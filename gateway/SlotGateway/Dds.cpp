@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <SlotGateway/Dds.h>
+#include <SlotGateway/Internal.h>
 
 #include "GatewayBlock.h"
 
@@ -119,13 +120,102 @@ std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publicat
     return PublicationGuid(reader, publication, false);
 }
 
+namespace {
+
+// The name of a QoS policy DDS reports as the reason two endpoints do not match.
+std::string PolicyName(std::uint32_t policy) {
+    switch (policy) {
+        case DDS_RELIABILITY_QOS_POLICY_ID:
+            return "reliability";
+        case DDS_DURABILITY_QOS_POLICY_ID:
+            return "durability";
+        case DDS_HISTORY_QOS_POLICY_ID:
+            return "history";
+        case DDS_RESOURCELIMITS_QOS_POLICY_ID:
+            return "resource limits";
+        case DDS_DEADLINE_QOS_POLICY_ID:
+            return "deadline";
+        case DDS_LATENCYBUDGET_QOS_POLICY_ID:
+            return "latency budget";
+        case DDS_OWNERSHIP_QOS_POLICY_ID:
+            return "ownership";
+        case DDS_LIVELINESS_QOS_POLICY_ID:
+            return "liveliness";
+        case DDS_PRESENTATION_QOS_POLICY_ID:
+            return "presentation";
+        case DDS_DESTINATIONORDER_QOS_POLICY_ID:
+            return "destination order";
+        case DDS_DATA_REPRESENTATION_QOS_POLICY_ID:
+            return "data representation";
+        case DDS_TYPE_CONSISTENCY_ENFORCEMENT_QOS_POLICY_ID:
+            return "type consistency";
+        default:
+            return "QoS policy " + std::to_string(policy);
+    }
+}
+
+}  // namespace
+
+void QosMismatchWarning::Watch(dds_entity_t entity, bool writer) {
+    dds_listener_t* listener = dds_create_listener(nullptr);
+    dds_get_listener(entity, listener);
+    if (writer) {
+        dds_lset_offered_incompatible_qos_arg(listener, &QosMismatchWarning::OnOffered, this, true);
+    } else {
+        dds_lset_requested_incompatible_qos_arg(listener, &QosMismatchWarning::OnRequested, this,
+                                                true);
+    }
+    const dds_return_t rc = dds_set_listener(entity, listener);
+    dds_delete_listener(listener);
+    if (rc != DDS_RETCODE_OK) {
+        LOG4CXX_WARN(Logger(), "Slot '" << slot_ << "': QoS mismatches on topic '" << topic_
+                                        << "' go unreported: " << dds_strretcode(rc));
+    }
+    // A mismatch found before the callback was set.
+    if (writer) {
+        dds_offered_incompatible_qos_status_t status;
+        if (dds_get_offered_incompatible_qos_status(entity, &status) == DDS_RETCODE_OK &&
+            status.total_count > 0) {
+            Warn(status.last_policy_id);
+        }
+    } else {
+        dds_requested_incompatible_qos_status_t status;
+        if (dds_get_requested_incompatible_qos_status(entity, &status) == DDS_RETCODE_OK &&
+            status.total_count > 0) {
+            Warn(status.last_policy_id);
+        }
+    }
+}
+
+void QosMismatchWarning::OnOffered(dds_entity_t, const dds_offered_incompatible_qos_status_t status,
+                                   void* self) {
+    static_cast<QosMismatchWarning*>(self)->Warn(status.last_policy_id);
+}
+
+void QosMismatchWarning::OnRequested(dds_entity_t,
+                                     const dds_requested_incompatible_qos_status_t status,
+                                     void* self) {
+    static_cast<QosMismatchWarning*>(self)->Warn(status.last_policy_id);
+}
+
+void QosMismatchWarning::Warn(std::uint32_t policy) {
+    if (warned_.exchange(true)) {
+        return;
+    }
+    LOG4CXX_WARN(Logger(), "Slot '" << slot_ << "' does not match a peer on topic '" << topic_
+                                    << "': the other host's entry differs: " << PolicyName(policy));
+}
+
 MatchedPeers::MatchedPeers(dds_entity_t entity, bool ofWriter)
     : entity_(entity), ofWriter_(ofWriter) {
-    dds_listener_t* listener = dds_create_listener(this);
+    // Other callbacks of the entity (a QosMismatchWarning's) are kept.
+    dds_listener_t* listener = dds_create_listener(nullptr);
+    dds_get_listener(entity_, listener);
     if (ofWriter_) {
-        dds_lset_publication_matched(listener, &MatchedPeers::OnPublicationMatched);
+        dds_lset_publication_matched_arg(listener, &MatchedPeers::OnPublicationMatched, this, true);
     } else {
-        dds_lset_subscription_matched(listener, &MatchedPeers::OnSubscriptionMatched);
+        dds_lset_subscription_matched_arg(listener, &MatchedPeers::OnSubscriptionMatched, this,
+                                          true);
     }
     const dds_return_t rc = dds_set_listener(entity_, listener);
     dds_delete_listener(listener);

@@ -7,6 +7,7 @@
 #include <dds/dds.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -65,6 +66,32 @@ using Guid = std::array<std::uint8_t, 16>;
 // The writer that published a sample `reader` received (the sample's publication handle);
 // nullopt once DDS no longer knows the writer.
 std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication);
+
+// Says once per route, at WARN, that a peer's endpoint on the route's topic cannot match the
+// route's writer or reader because a QoS policy differs (the other host's entry for the topic
+// has another type), which DDS otherwise keeps to itself: the two never exchange a block.
+class QosMismatchWarning {
+public:
+    explicit QosMismatchWarning(const Route& route) : slot_(route.name), topic_(route.topic) {}
+    QosMismatchWarning(const QosMismatchWarning&) = delete;
+    QosMismatchWarning& operator=(const QosMismatchWarning&) = delete;
+
+    // Adds this warning's callback to the listener of `entity` (a writer, or a reader), keeping
+    // its other callbacks, and warns for a mismatch DDS saw before. The callback stays until the
+    // entity's listener is removed, which the owner does before this object goes.
+    void Watch(dds_entity_t entity, bool writer);
+
+private:
+    static void OnOffered(dds_entity_t, const dds_offered_incompatible_qos_status_t status,
+                          void* self);
+    static void OnRequested(dds_entity_t, const dds_requested_incompatible_qos_status_t status,
+                            void* self);
+    void Warn(std::uint32_t policy);
+
+    const std::string slot_;
+    const std::string topic_;
+    std::atomic<bool> warned_{false};
+};
 
 // The participants of the remote endpoints an entity matches: the readers of a writer, or the
 // writers of a reader. A listener learns each endpoint's participant while DDS makes the match

@@ -69,6 +69,10 @@ struct Gateway::Impl {
 Gateway::Gateway(const Config& config) : impl_(new Impl) {
     impl_->config = config;
     impl_->owner = this;
+    if (!config.statusFile.empty()) {
+        // Left by a gateway killed while it wrote the status file.
+        RemoveStaleTemporaries(config.statusFile);
+    }
     try {
         for (const Route& route : config.routes) {
             dds_entity_t& participant = impl_->participants[route.domain];
@@ -129,6 +133,10 @@ void Gateway::Stop() {
             LOG4CXX_INFO(Logger(), "Gateway '" << impl_->config.gatewayName << "' stopped");
         }
     });
+}
+
+void Gateway::EndGrace() {
+    impl_->stop.CutGrace();
 }
 
 std::vector<RouteStatus> Gateway::Status() const {

@@ -6,12 +6,15 @@
 
 #include <log4cxx/logger.h>
 
+#include <sys/types.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <utility>
 
 namespace SlotGateway {
 
@@ -19,6 +22,13 @@ using Clock = std::chrono::steady_clock;
 
 // The logger "SlotGateway".
 log4cxx::LoggerPtr Logger();
+
+// Which object a slot's or pool's name names (device and inode of its header object or pool
+// file; {0, 0} while there is none). A name removed and made again names another object, which
+// an opened slot, pool writer or reader claim no longer shows: whoever keeps one compares this
+// before use. One fstatat, not following a symlink.
+using ObjectId = std::pair<dev_t, ino_t>;
+ObjectId ObjectOf(const Route& route);
 
 // At a stop, the least time a route's DDS writer is given for the acknowledgements of what it
 // published, also once the grace is spent.
@@ -45,12 +55,22 @@ struct StopFlag {
         }
         changed.notify_all();
     }
+    // Ends the grace now (a second stop signal): every block still in hand is given up at once,
+    // a slot's given back. Raises the stop if not raised yet.
+    void CutGrace() {
+        Raise();
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            graceCut = true;
+        }
+        changed.notify_all();
+    }
     // Every route's grace runs from the one moment the stop was raised, so a gateway stops
     // within about `grace` however many routes it has. The end of the grace (`grace` from now
-    // while not stopping).
+    // while not stopping; the stop's moment once the grace was cut).
     Clock::time_point GraceEnd(std::chrono::milliseconds grace) {
         std::lock_guard<std::mutex> guard(mutex);
-        return (set ? raisedAt : Clock::now()) + grace;
+        return (set ? raisedAt : Clock::now()) + (graceCut ? std::chrono::milliseconds(0) : grace);
     }
     // What is left of the grace, but at least `least`: the last words of a route (DDS's
     // acknowledgements of what it published) need a moment even when the grace is spent.
@@ -63,6 +83,7 @@ struct StopFlag {
 
 private:
     Clock::time_point raisedAt;  // guarded by mutex
+    bool graceCut = false;       // guarded by mutex
 };
 
 // A route's counters, updated by its threads and read by Status().

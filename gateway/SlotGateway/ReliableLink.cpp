@@ -87,6 +87,16 @@ void ReliableSender::Run() {
                     stop_.WaitFor(kPoll);
                     continue;
                 }
+                // A slot removed and made again is another object, which the kept mapping and
+                // claim no longer show (also the remedy for a damaged one): read anew.
+                if (slot_ && ObjectOf(route_) != slotFile_) {
+                    claim_.reset();
+                    slot_.reset();
+                    claimed_ = false;
+                    LOG4CXX_INFO(Logger(), "Slot '" << route_.name
+                                                    << "' was removed or made again: the one of "
+                                                       "that name is read now");
+                }
                 if (!claim_ && !Claim()) {
                     stop_.WaitFor(std::chrono::milliseconds(200));
                     continue;
@@ -222,6 +232,7 @@ bool ReliableSender::Claim() {
     try {
         if (!slot_) {
             slot_ = SlotFactory::CreateSlot(&cfg_);
+            slotFile_ = ObjectOf(route_);
         }
         claim_.reset(new ReliableSlotReader(slot_, cfg_.GetUpdateTime()));
     } catch (const std::exception& e) {
@@ -259,18 +270,8 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
     // Only read: DDS serialises the sample, a pool's block stays as published.
     SlotGatewayWire_Block sample = WireSample(gatewayId_, heldSerial_, data, size);
 
-    bool graceStarted = false;
-    Clock::time_point deadline;
-    auto givingUp = [&] {
-        if (!stop_.set) {
-            return false;
-        }
-        if (!graceStarted) {
-            graceStarted = true;
-            deadline = stop_.GraceEnd(grace_);
-        }
-        return Clock::now() >= deadline;
-    };
+    // Asked anew each time: a second stop signal cuts the grace short.
+    auto givingUp = [&] { return stop_.set && Clock::now() >= stop_.GraceEnd(grace_); };
     unacknowledged_ = false;
     // Endpoints that left before this block is published cannot have stored it.
     readers_.Forget();
@@ -395,6 +396,13 @@ void ReliableSender::GiveBack() {
     // holds more than before plus this block, and no more than one block is out of it at a time.
     bool stored = false;
     try {
+        if (ObjectOf(route_) != slotFile_) {
+            // Removed and made again while the block was in hand: it goes to the slot of that
+            // name now, not to the removed one that nobody reads.
+            slot_ = SlotFactory::CreateSlot(&cfg_);
+            slotFile_ = ObjectOf(route_);
+            held_.resize(std::max(held_.size(), slot_->GetMaxDataSize()));
+        }
         {
             boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
             const std::size_t waiting = slot_->GetBufferLength();

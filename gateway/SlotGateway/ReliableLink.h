@@ -110,6 +110,7 @@ private:
 
     // The sending thread's own.
     boost::shared_ptr<ISlot> slot_;
+    ObjectId slotFile_{0, 0};  // what slot_ is (ObjectOf); a change drops slot_ and claim_
     std::unique_ptr<ReliableSlotReader> claim_;
     // A queue pool's reader, dropped at the stop by the sending thread or by the reader's own
     // thread after a block; poolReaderGone_ once it has ended.

@@ -17,12 +17,14 @@
 #include <log4cxx/logger.h>
 #include <boost/thread/thread.hpp>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <map>
+#include <stdexcept>
 
 namespace SlotGateway {
 
@@ -36,6 +38,16 @@ constexpr std::chrono::milliseconds kLastRestart(30000);
 constexpr std::chrono::seconds kRestartSettled(60);
 
 }  // namespace
+
+ObjectId ObjectOf(const Route& route) {
+    const std::string path = route.isPool() ? Slot::PoolPath(route.name)
+                                            : Slot::ShmPath(Slot::HeaderObjectName(route.name));
+    struct stat st;
+    if (::fstatat(AT_FDCWD, path.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return {0, 0};
+    }
+    return {st.st_dev, st.st_ino};
+}
 
 std::uint64_t EchoMemory::Remember(const void* data, std::size_t size) {
     std::lock_guard<std::mutex> guard(mutex_);
@@ -191,7 +203,8 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
       gatewayId_(gatewayId),
       stop_(stop),
       grace_(grace),
-      echoes_(std::chrono::milliseconds(std::max<unsigned>(1000, 4 * route.updateTimeMs))) {
+      echoes_(std::chrono::milliseconds(std::max<unsigned>(1000, 4 * route.updateTimeMs))),
+      qosMismatch_(route) {
     QosPtr qos(RouteQos(route));
     if (route.sends()) {
         writer_ =
@@ -199,18 +212,7 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
     }
     if (route.receives()) {
         claim_.reset(new SlotClaim(route.name));
-        // A pool's writer copies each received block once, into a loaned block. The slot or pool
-        // may exist already, made smaller than the route says: its own size is the limit.
-        if (route.isPool()) {
-            boost::shared_ptr<Slot::PoolWriter> pool =
-                Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(route));
-            maxSize_ = std::min<std::size_t>(route.maxSize, pool->maxBlockSize());
-            slotWriter_ = pool;
-        } else {
-            slotWriter_ = SlotFactory::CreateSlotWriter(&cfg_);
-            maxSize_ = std::min<std::size_t>(route.maxSize,
-                                             SlotFactory::CreateSlot(&cfg_)->GetMaxDataSize());
-        }
+        OpenSlotWriter();
         if (route.reliable()) {
             QosPtr ackQos(AckQos());
             acknowledger_.reset(new Acknowledger(
@@ -237,11 +239,25 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
         sender_.reset(
             new ReliableSender(route, gatewayId, writer_, ackReader, stop, grace, counters_));
     }
+    // Last, when nothing throws any more: the callbacks must not outlive this object.
+    if (writer_ > 0) {
+        qosMismatch_.Watch(writer_, true);
+    }
+    if (reader_ > 0) {
+        qosMismatch_.Watch(reader_, false);
+    }
 }
 
 RouteRunner::~RouteRunner() {
     StopSending();
     StopReceiving();
+    // After a callback in progress; the stopped sender no longer looks at its matches.
+    if (writer_ > 0) {
+        dds_set_listener(writer_, nullptr);
+    }
+    if (reader_ > 0) {
+        dds_set_listener(reader_, nullptr);
+    }
     if (waitset_ > 0) {
         dds_delete(waitset_);
     }
@@ -345,19 +361,44 @@ void RouteRunner::MaybeStartSending() {
 }
 
 boost::shared_ptr<ISlot> RouteRunner::ReadSlot() {
-    // The header object's identity: a slot removed and made again is another object, which the
-    // kept mapping no longer shows.
-    const auto fileOf = [this] {
-        struct stat st;
-        const std::string path = Slot::ShmPath(Slot::HeaderObjectName(route_.name));
-        return ::stat(path.c_str(), &st) == 0 ? std::make_pair(st.st_dev, st.st_ino)
-                                              : std::make_pair(dev_t(0), ino_t(0));
-    };
-    if (!readSlot_ || fileOf() != readSlotFile_) {
+    // A slot removed and made again is another object, which the kept mapping no longer shows.
+    if (!readSlot_ || ObjectOf(route_) != readSlotFile_) {
         readSlot_ = SlotFactory::CreateSlot(&cfg_);
-        readSlotFile_ = fileOf();
+        readSlotFile_ = ObjectOf(route_);
     }
     return readSlot_;
+}
+
+void RouteRunner::OpenSlotWriter() {
+    // A pool's writer copies each received block once, into a loaned block. The slot or pool
+    // may exist already, made smaller than the route says: its own size is the limit.
+    if (route_.isPool()) {
+        boost::shared_ptr<Slot::PoolWriter> pool =
+            Slot::PoolFactory::CreatePoolWriter(RoutePoolCfg(route_));
+        maxSize_ = std::min<std::size_t>(route_.maxSize, pool->maxBlockSize());
+        slotWriter_ = pool;
+    } else {
+        slotWriter_ = SlotFactory::CreateSlotWriter(&cfg_);
+        maxSize_ =
+            std::min<std::size_t>(route_.maxSize, SlotFactory::CreateSlot(&cfg_)->GetMaxDataSize());
+    }
+    slotWriterFile_ = ObjectOf(route_);
+}
+
+void RouteRunner::ReopenSlotWriterIfRenewed() {
+    if (slotWriter_ && ObjectOf(route_) == slotWriterFile_) {
+        return;
+    }
+    // Removed (and perhaps made again): what the kept writer stores, no reader of the name sees.
+    // The old writer is let go first; opening makes the slot or pool again if it is missing.
+    slotWriter_.reset();
+    maxSize_ = 0;
+    slotWriterFile_ = {0, 0};
+    OpenSlotWriter();
+    LOG4CXX_INFO(Logger(), (route_.isPool() ? "Pool '" : "Slot '")
+                               << route_.name
+                               << "' was removed or made again: received blocks are stored "
+                                  "into the one of that name now");
 }
 
 void RouteRunner::AskToStopSending() {
@@ -564,8 +605,10 @@ void RouteRunner::ReceiveLoop() {
                     }
                 }
             } catch (const std::exception& e) {
-                // Not acknowledged: a reliable block's sender sends it again. The other routes
-                // and this one's later blocks go on.
+                // Not acknowledged: a reliable block's sender keeps it in hand, publishes it
+                // again only when its receivers change (this gateway restarting, another one
+                // matching), and gives it back to its slot at its stop. The other routes and this
+                // one's later blocks go on.
                 LOG4CXX_ERROR(Logger(), "Receiving slot '" << route_.name << "': " << e.what());
                 stop_.WaitFor(std::chrono::milliseconds(200));
             }
@@ -582,32 +625,43 @@ void RouteRunner::ReceiveLoop() {
 }
 
 bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequence) {
-    if (size > maxSize_) {
-        ++counters_.dropped;
-        LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name << "' dropped: "
-                                         << size << " bytes, the slot takes at most " << maxSize_);
-        return true;
-    }
     std::chrono::milliseconds backoff(1);
-    Clock::time_point deadline = Clock::time_point::max();
     const bool both = route_.direction == Direction::Both;
     bool threw = false;  // the last attempt's write threw
     for (unsigned attempt = 0;; ++attempt) {
         std::uint64_t serialBefore = 0;
-        if (both) {
-            std::lock_guard<std::mutex> guard(stateMutex_);
-            serialBefore = stateSerial_;
-        }
-        const std::uint64_t echo = both ? echoes_.Remember(data, size) : 0;
+        std::uint64_t echo = 0;
+        bool remembered = false;
         Slot::WriteOutcome outcome = Slot::WriteOutcome::Failed;
         try {
+            // A slot or pool removed and made again is written anew; its size may differ.
+            ReopenSlotWriterIfRenewed();
+            if (size > maxSize_) {
+                ++counters_.dropped;
+                LOG4CXX_ERROR(Logger(), "Block " << sequence << " for '" << route_.name
+                                                 << "' dropped: " << size
+                                                 << " bytes, the slot takes at most " << maxSize_);
+                return true;
+            }
+            if (both) {
+                {
+                    std::lock_guard<std::mutex> guard(stateMutex_);
+                    serialBefore = stateSerial_;
+                }
+                echo = echoes_.Remember(data, size);
+                remembered = true;
+            }
             slotWriter_->onNotify(route_.name, data, size);
             outcome = Slot::LastWriteOutcome();
+            if (outcome == Slot::WriteOutcome::Failed) {
+                // The slot's queue failed the write without throwing: the same as a throw.
+                throw std::runtime_error("the slot failed the write");
+            }
             threw = false;
         } catch (const std::exception& e) {
-            // Taking the slot's lock throws when the lock is damaged or its holder cannot be
-            // waited for: the block is not stored (nor acknowledged) and is tried again, as when
-            // the slot refuses it.
+            // Opening the slot, or taking its lock, throws when the lock is damaged or its holder
+            // cannot be waited for: the block is not stored (nor acknowledged) and is tried
+            // again, less often than a refusal.
             if (!threw) {
                 LOG4CXX_ERROR(Logger(), "Slot '" << route_.name << "' could not store block "
                                                  << sequence << ": " << e.what() << " (retrying)");
@@ -616,7 +670,7 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
         }
         const bool stored =
             outcome == Slot::WriteOutcome::Stored || outcome == Slot::WriteOutcome::Discarded;
-        if (both) {
+        if (remembered) {
             echoes_.Written(echo, stored);
         }
         if (stored) {
@@ -643,10 +697,8 @@ bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequ
                                             << Slot::ToString(outcome) << "), retrying");
         }
         ++counters_.retried;
-        if (stop_.set && deadline == Clock::time_point::max()) {
-            deadline = stop_.GraceEnd(grace_);
-        }
-        if (Clock::now() >= deadline) {
+        // Asked anew each time: a second stop signal cuts the grace short.
+        if (stop_.set && Clock::now() >= stop_.GraceEnd(grace_)) {
             if (!route_.reliable()) {
                 ++counters_.dropped;
                 LOG4CXX_ERROR(Logger(), "State " << sequence << " for '" << route_.name

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <SlotGateway/Config.h>
+#include <SlotGateway/Dds.h>
 #include <SlotGateway/Internal.h>
 #include <SlotGateway/Status.h>
 
@@ -116,6 +117,13 @@ private:
 
     std::uint32_t MatchedReaders() const;
 
+    // Opens the receiving route's slot or pool writer (making the slot or pool when missing) and
+    // sets maxSize_ and slotWriterFile_. Throws when it cannot.
+    void OpenSlotWriter();
+    // Before each write: reopens the writer when the name has come to name another object
+    // (removed and made again), or none. Throws when it cannot; the writer is then unset.
+    void ReopenSlotWriterIfRenewed();
+
     // The discarding slot to read, opened once and kept for restarts (see readSlot_).
     boost::shared_ptr<ISlot> ReadSlot();
 
@@ -156,6 +164,7 @@ private:
                                                   // senders
     ISubscriberPtr slotWriter_;                   // used by the receiving thread only
     std::size_t maxSize_ = 0;                     // the largest block slotWriter_ takes
+    ObjectId slotWriterFile_{0, 0};               // what slotWriter_ writes into (ObjectOf)
     std::thread receiver_;
 
     mutable std::mutex slotReaderMutex_;
@@ -169,7 +178,7 @@ private:
     // clears its last state for all of its processes. Opened anew only when its name has come
     // to name another object (removed and made again). Control thread only.
     boost::shared_ptr<ISlot> readSlot_;
-    std::pair<dev_t, ino_t> readSlotFile_{0, 0};
+    ObjectId readSlotFile_{0, 0};
     std::uint32_t seenMatches_ = 0;          // control thread only
     std::deque<Clock::time_point> repeats_;  // control thread only
     std::mutex stateMutex_;
@@ -180,6 +189,8 @@ private:
     Clock::time_point lastSend_;       // the slot reader's thread only: its last Send
 
     AtomicCounters counters_;
+    // Called back on writer_ and reader_ until the destructor removes their listeners.
+    QosMismatchWarning qosMismatch_;
     std::unique_ptr<ReliableSender> sender_;  // a reliable sending route's; destroyed first
 };
 

@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <SlotGateway/Status.h>
 
+#include <shared/SharedFolder.h>
+
 #include <nlohmann/json.hpp>
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -49,17 +54,61 @@ std::string StatusDocument(const std::string& gatewayName, std::uint64_t gateway
     return document.dump(2) + "\n";
 }
 
+namespace {
+
+constexpr const char* kTemporaryInfix = ".tmp.";
+constexpr std::size_t kTemporarySuffix = 6;  // characters after the infix
+
+// A name for a temporary of `name`, random: "<name>.tmp.XXXXXX".
+std::string TemporaryName(const std::string& name) {
+    static const char kChars[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    unsigned char random[kTemporarySuffix];
+    if (getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
+        const auto seed = static_cast<std::uint64_t>(std::time(nullptr)) ^
+                          (static_cast<std::uint64_t>(getpid()) << 20) ^
+                          reinterpret_cast<std::uintptr_t>(&random);
+        for (std::size_t i = 0; i < sizeof random; ++i) {
+            random[i] = static_cast<unsigned char>(seed >> (i * 8));
+        }
+    }
+    std::string result = name + kTemporaryInfix;
+    for (const unsigned char byte : random) {
+        result += kChars[byte % (sizeof kChars - 1)];
+    }
+    return result;
+}
+
+}  // namespace
+
 std::string WriteFileAtomically(const std::string& path, const std::string& text) {
-    // A new file of a name nobody has (O_EXCL: no symlink followed), so that nothing someone
-    // else keeps in a shared folder is removed or written.
-    std::string name = path + ".tmp.XXXXXX";
-    const int fd = mkostemp(&name[0], O_CLOEXEC);
-    const std::string temporary = name;
+    std::string folderPath, name;
+    if (!shared::SplitFolderAndName(path, folderPath, name)) {
+        return path + ": not a file name";
+    }
+    shared::CheckedFolder folder;
+    try {
+        folder = shared::CheckedFolder::Open(folderPath);
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    // A new file of a name nobody has (O_EXCL, O_NOFOLLOW), so that nothing someone else keeps
+    // in a shared folder is removed or written.
+    std::string temporary;
+    int fd = -1;
+    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+        temporary = TemporaryName(name);
+        fd = openat(folder.fd(), temporary.c_str(),
+                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd < 0 && errno != EEXIST) {
+            break;
+        }
+    }
+    const std::string shown = folderPath + "/" + temporary;
     if (fd < 0 || fchmod(fd, 0644) != 0) {
-        const std::string error = temporary + ": " + std::strerror(errno);
+        const std::string error = shown + ": " + std::strerror(errno);
         if (fd >= 0) {
             close(fd);
-            unlink(temporary.c_str());
+            unlinkat(folder.fd(), temporary.c_str(), 0);
         }
         return error;
     }
@@ -70,20 +119,56 @@ std::string WriteFileAtomically(const std::string& path, const std::string& text
             continue;
         }
         if (n <= 0) {
-            const std::string error = temporary + ": " + std::strerror(errno);
+            const std::string error = shown + ": " + std::strerror(errno);
             close(fd);
-            unlink(temporary.c_str());
+            unlinkat(folder.fd(), temporary.c_str(), 0);
             return error;
         }
         done += static_cast<std::size_t>(n);
     }
     close(fd);
-    if (rename(temporary.c_str(), path.c_str()) != 0) {
+    if (renameat(folder.fd(), temporary.c_str(), folder.fd(), name.c_str()) != 0) {
         const std::string error = path + ": " + std::strerror(errno);
-        unlink(temporary.c_str());
+        unlinkat(folder.fd(), temporary.c_str(), 0);
         return error;
     }
     return "";
+}
+
+unsigned RemoveStaleTemporaries(const std::string& path) {
+    std::string folderPath, name;
+    if (!shared::SplitFolderAndName(path, folderPath, name)) {
+        return 0;
+    }
+    shared::CheckedFolder folder;
+    try {
+        folder = shared::CheckedFolder::Open(folderPath);
+    } catch (const std::exception&) {
+        return 0;
+    }
+    const int listFd = openat(folder.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* dir = listFd >= 0 ? fdopendir(listFd) : nullptr;
+    if (dir == nullptr) {
+        if (listFd >= 0) {
+            close(listFd);
+        }
+        return 0;
+    }
+    const std::string prefix = name + kTemporaryInfix;
+    unsigned removed = 0;
+    while (const dirent* entry = readdir(dir)) {
+        const std::string entryName = entry->d_name;
+        struct stat st;
+        if (entryName.size() == prefix.size() + kTemporarySuffix &&
+            entryName.compare(0, prefix.size(), prefix) == 0 &&
+            fstatat(folder.fd(), entryName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(st.st_mode) && st.st_uid == geteuid() &&
+            unlinkat(folder.fd(), entryName.c_str(), 0) == 0) {
+            ++removed;
+        }
+    }
+    closedir(dir);
+    return removed;
 }
 
 std::string FormatStatus(const std::string& text) {

@@ -36,9 +36,15 @@ struct RouteStatus {
 std::string StatusDocument(const std::string& gatewayName, std::uint64_t gatewayId, bool stopped,
                            const std::vector<RouteStatus>& routes);
 
-// Writes `text` to `path` atomically (a new temporary file beside it, then rename); never follows
-// a symlink, nor touches a file it did not create. Returns "" or the error.
+// Writes `text` to `path` atomically (a new temporary file "<path>.tmp.XXXXXX" beside it, then
+// rename); its folder is a shared::CheckedFolder and no symlink is followed, nor a file touched
+// that it did not create. Returns "" or the error.
 std::string WriteFileAtomically(const std::string& path, const std::string& text);
+
+// Removes the temporaries of `path` that a writer killed mid-write left ("<path>.tmp.XXXXXX":
+// regular files of this user); for a gateway's start. Returns how many; 0 also when the folder
+// cannot be checked (WriteFileAtomically then says why).
+unsigned RemoveStaleTemporaries(const std::string& path);
 
 // A status document (StatusJson) as a table, for `slot-gateway --status`.
 std::string FormatStatus(const std::string& json);

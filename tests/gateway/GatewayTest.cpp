@@ -33,6 +33,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <chrono>
@@ -244,7 +245,8 @@ private:
 // slot-gateway in a process of its own, run with a configuration of `routes` (a file in the
 // run's folder); killed (SIGKILL) at the end of the test, and with the test process.
 std::unique_ptr<testsupport::ChildProcess> StartGateway(const std::vector<Route>& routes,
-                                                        unsigned leaseMs) {
+                                                        unsigned leaseMs,
+                                                        unsigned stopGraceMs = 5000) {
     const std::string config =
         testsupport::TestRunDir() + "/" + testsupport::UniqueName("gw") + ".json";
     nlohmann::json slots = nlohmann::json::array();
@@ -257,8 +259,9 @@ std::unique_ptr<testsupport::ChildProcess> StartGateway(const std::vector<Route>
                          {"partition", route.partition},
                          {"topic", route.topic}});
     }
-    std::ofstream(config) << nlohmann::json{{"gateway", {{"name", "child"}, {"lease_ms", leaseMs}}},
-                                            {"slots", slots}};
+    std::ofstream(config) << nlohmann::json{
+        {"gateway", {{"name", "child"}, {"lease_ms", leaseMs}, {"stop_grace_ms", stopGraceMs}}},
+        {"slots", slots}};
     return std::unique_ptr<testsupport::ChildProcess>(new testsupport::ChildProcess([config] {
         testsupport::DieWithParent();
         const int quiet = ::open("/dev/null", O_WRONLY);
@@ -282,6 +285,8 @@ public:
 
     bool damaged() const { return damaged_; }
     void Restore() { damaged_ = damaged_ && !testsupport::WriteObject(name_, saved_); }
+    // The object was removed: its name may name a new one, which is left alone.
+    void Removed() { damaged_ = false; }
 
 private:
     const std::string name_;
@@ -326,6 +331,104 @@ TEST_P(GatewayCarries, EveryBlockAndHoldsBackWhenFull) {
 }
 
 INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayCarries, ::testing::Values("reliable", "queue"));
+
+// A slot or pool removed and made again by its application between two blocks is another
+// object: the receiving gateway stores the next block into the new one (not into the removed
+// one, acknowledged, where nobody reads it), and says so once. The sending gateway of a slot
+// reads the new source too.
+class GatewayRenewed : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(GatewayRenewed, ASlotRemovedAndMadeAgainIsWrittenAndReadAnew) {
+    const bool pool = GetParam() == "queue";
+    const Ends ends("gw_renew", GetParam(), 64, 8, 8);
+    ISubscriberPtr writer = ends.Writer();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    INotifierPtr reader = ends.Read();
+    WriteHeld(writer, ends.source, NumberedBlock(0, 64));
+    ASSERT_TRUE(ends.received->WaitFor(1, 30s)) << receiving.StatusJson();
+    reader.reset();
+
+    testsupport::LogCapture log("SlotGateway");
+    if (pool) {
+        ASSERT_TRUE(Slot::PoolFactory::RemovePool(ends.destination));
+    } else {
+        ASSERT_TRUE(SlotFactory::RemoveSlot(ends.destination));
+    }
+    ends.Writer(true);  // made again
+    const boost::shared_ptr<Collector> renewed(new Collector);
+    reader = pool ? Slot::PoolFactory::CreatePoolReader(RoutePoolCfg(ends.in), renewed)
+                  : SlotFactory::CreateSlotReader(&ends.destinationCfg, renewed);
+    WriteHeld(writer, ends.source, NumberedBlock(1, 64));
+    ASSERT_TRUE(renewed->WaitFor(1, 30s)) << receiving.StatusJson();
+    EXPECT_EQ(BlocksOf(*renewed), std::vector<Bytes>{NumberedBlock(1, 64)});
+    // Counted once the write returned, after the reader may have had it.
+    EXPECT_TRUE(Eventually([&] { return Counts(receiving).received == 2; }, 20s))
+        << receiving.StatusJson();
+    EXPECT_EQ(log.CountPrefix("INFO", (pool ? "Pool '" : "Slot '") + ends.destination +
+                                          "' was removed or made again"),
+              1u);
+    if (pool) {
+        return;
+    }
+    ASSERT_TRUE(SlotFactory::RemoveSlot(ends.source));
+    writer = ends.Writer();  // makes it again
+    WriteHeld(writer, ends.source, NumberedBlock(2, 64));
+    ASSERT_TRUE(renewed->WaitFor(2, 30s)) << sending.StatusJson();
+    EXPECT_EQ(BlocksOf(*renewed).back(), NumberedBlock(2, 64));
+    EXPECT_TRUE(Eventually([&] { return Sending(sending); }, 20s)) << sending.StatusJson();
+}
+
+INSTANTIATE_TEST_SUITE_P(SlotAndPool, GatewayRenewed, ::testing::Values("reliable", "queue"));
+
+// Hosts whose entries for a topic differ in type never match, and DDS keeps it to itself: each
+// gateway says so once per slot at WARN, naming the policy that differs, not once per sample or
+// per repetition of a state.
+TEST(Gateway, EntriesThatDifferBetweenHostsAreReportedOnce) {
+    const Ends discardingOut("gw_qos_a", "discarding", 64, 1, 1);
+    const Ends reliableOut("gw_qos_b", "reliable", 64, 4, 4);
+    Route in = MakeRoute(discardingOut.destination, "reliable", Direction::FromNetwork,
+                         discardingOut.partition, "qos_a", 64, 4);
+    Route out = discardingOut.out;
+    out.topic = "qos_a";
+    Route in2 = MakeRoute(reliableOut.destination, "discarding", Direction::FromNetwork,
+                          discardingOut.partition, "qos_b", 64, 1);
+    Route out2 = reliableOut.out;
+    out2.partition = discardingOut.partition;
+    out2.topic = "qos_b";
+    testsupport::LogCapture log("SlotGateway");
+    Config receivingConfig = OneRoute(in), sendingConfig = OneRoute(out);
+    receivingConfig.routes.push_back(in2);
+    sendingConfig.routes.push_back(out2);
+    Gateway receiving(receivingConfig);
+    Gateway sending(sendingConfig);
+    ISubscriberPtr writer = discardingOut.Writer();
+    const std::vector<std::pair<Route, std::string>> expected = {
+        {out, "reliability"}, {in, "reliability"}, {out2, "durability"}, {in2, "durability"}};
+    auto warning = [](const std::pair<Route, std::string>& entry) {
+        return "Slot '" + entry.first.name + "' does not match a peer on topic '" +
+               entry.first.topic + "': the other host's entry differs: " + entry.second;
+    };
+    ASSERT_TRUE(Eventually(
+        [&] {
+            for (const auto& entry : expected) {
+                if (log.Count("WARN", warning(entry)) == 0) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        30s))
+        << testing::PrintToString(log.Messages("WARN"));
+    for (int n = 0; n < 5; ++n) {
+        writer->onNotify(discardingOut.source, "state", 5);
+        std::this_thread::sleep_for(300ms);
+    }
+    for (const auto& entry : expected) {
+        EXPECT_EQ(log.Count("WARN", warning(entry)), 1u) << entry.first.name;
+    }
+    EXPECT_EQ(Counts(receiving).received, 0u);
+}
 
 // A discarding slot's latest state reaches a gateway that starts later.
 TEST(Gateway, DiscardingDeliversLatestStateToLateJoiner) {
@@ -483,6 +586,29 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     EXPECT_EQ(WriteFileAtomically(config.statusFile, "{}"), "");
     EXPECT_EQ(testsupport::ReadFile(link), "theirs");
     std::remove(link.c_str());
+    std::remove(config.statusFile.c_str());
+    // A symlink in the folder part is not followed either.
+    const std::string real = testsupport::TestRunDir() + "/gateway-real";
+    const std::string via = testsupport::TestRunDir() + "/gateway-via";
+    ASSERT_EQ(mkdir(real.c_str(), 0755), 0);
+    ASSERT_EQ(symlink(real.c_str(), via.c_str()), 0);
+    EXPECT_EQ(WriteFileAtomically(via + "/status.json", "{}").rfind("Unsafe folder", 0), 0u);
+    EXPECT_NE(access((real + "/status.json").c_str(), F_OK), 0);
+    std::remove(via.c_str());
+    rmdir(real.c_str());
+    // A temporary left by a gateway killed mid-write goes at the next start; a symlink of that
+    // form, or a name of another form, stays.
+    const std::string stale = config.statusFile + ".tmp.Ab3dE9";
+    const std::string other = config.statusFile + ".tmp.Ab3dE9x";
+    const std::string planted = config.statusFile + ".tmp.Zz9yX8";
+    { std::ofstream(stale) << "{"; }
+    { std::ofstream(other) << "mine"; }
+    ASSERT_EQ(symlink(target.c_str(), planted.c_str()), 0);
+    Gateway(config).Stop();
+    EXPECT_NE(access(stale.c_str(), F_OK), 0);
+    EXPECT_EQ(testsupport::ReadFile(other), "mine");
+    EXPECT_EQ(unlink(planted.c_str()), 0);
+    std::remove(other.c_str());
     std::remove(config.statusFile.c_str());
 }
 
@@ -789,6 +915,33 @@ TEST(Gateway, StopTakesTheGraceOnceForAllRoutes) {
     }
 }
 
+// A second SIGTERM while the gateway waits out a long grace for a receiver that does not store
+// its block (the receiver's slot stays full) ends the grace at once: the block goes back to the
+// head of its slot, and the gateway exits long before the grace, and the service manager's
+// SIGKILL, would have passed.
+TEST(Gateway, ASecondStopSignalEndsTheGrace) {
+    const Ends ends("gw_impatient", "reliable", 64, 4, 1);
+    boost::shared_ptr<ISlot> source = SlotFactory::CreateSlot(&ends.sourceCfg);
+    SlotWriter(SlotFactory::CreateSlot(&ends.destinationCfg)).onNotify(ends.destination, "full", 4);
+    Gateway receiving(OneRoute(ends.in));
+    const auto sending = StartGateway({ends.out}, 2000, 120000);
+    const Bytes block = NumberedBlock(0, 64);
+    SlotWriter(source).onNotify(ends.source, block.data(), block.size());
+    ASSERT_TRUE(Eventually([&] { return Counts(receiving).refused >= 1; }, 30s))
+        << receiving.StatusJson();
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(::kill(sending->Pid(), SIGTERM), 0);
+    std::this_thread::sleep_for(500ms);
+    ASSERT_EQ(::kill(sending->Pid(), SIGTERM), 0);
+    const testsupport::ChildResult result = sending->Wait(60s);
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
+    ASSERT_EQ(source->GetBufferLength(), 1u);
+    Bytes back(64);
+    back.resize(source->ReadData(back.data(), back.size()));
+    EXPECT_EQ(back, block);
+}
+
 // A "both" route's memory of the states it wrote: a local state that comes back after the
 // peer's state was stored is not taken for an echo. B stores the peer's "ON", a local writer
 // overwrites it with "OFF" before B's reader looks: "OFF" is published, and "ON" written locally
@@ -855,6 +1008,44 @@ TEST(GatewayDamage, ReceiverRetriesTheBlockAndSenderLogsOnce) {
     ASSERT_TRUE(Eventually([&] { return log.CountPrefix("ERROR", prefix) >= 1; }, 20s));
     std::this_thread::sleep_for(2s);  // ten tries and more
     EXPECT_EQ(log.CountPrefix("ERROR", prefix), 1u);
+
+    // The remedy: the slot removed and made again is read anew.
+    ASSERT_TRUE(SlotFactory::RemoveSlot(ends.source));
+    sourceDamage.Removed();
+    writer = ends.Writer();
+    WriteHeld(writer, ends.source, NumberedBlock(2, 64));
+    ExpectNumbered(*ends.received, 3, 64);
+}
+
+// A slot whose queue fails the write (its queue object overwritten) without throwing is a slot
+// that failed, not one that refused: said once at ERROR, tried again at most once a second, and
+// the block is stored once the slot is whole.
+TEST(GatewayDamage, AFailedWriteIsAnErrorNotARefusal) {
+    const Ends ends("gw_fail", "reliable", 64, 4, 4);
+    SlotFactory::CreateSlot(&ends.destinationCfg);
+    ISubscriberPtr writer = ends.Writer();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    ASSERT_TRUE(Eventually([&] { return Sending(sending); }, 30s)) << sending.StatusJson();
+    testsupport::LogCapture log("SlotGateway");
+    DamagedObject damage(Slot::QueueObjectName(ends.destination));
+    ASSERT_TRUE(damage.damaged());
+    WriteHeld(writer, ends.source, NumberedBlock(0, 64));
+    const std::string error = "Slot '" + ends.destination +
+                              "' could not store block 1: the slot failed the write (retrying)";
+    ASSERT_TRUE(Eventually([&] { return log.Count("ERROR", error) == 1; }, 20s))
+        << testing::PrintToString(log.Messages());
+    // Once the back-off has grown (1 ms doubled up to 1 s), tried about once a second, not every
+    // 100 ms as a refused write is.
+    std::this_thread::sleep_for(1500ms);
+    const std::uint64_t retried = Counts(receiving).retried;
+    std::this_thread::sleep_for(3s);
+    EXPECT_LE(Counts(receiving).retried - retried, 5u) << receiving.StatusJson();
+    EXPECT_EQ(log.Count("ERROR", error), 1u);
+    EXPECT_EQ(log.CountPrefix("WARN", "Slot '" + ends.destination + "' refused"), 0u);
+    damage.Restore();
+    INotifierPtr reader = ends.Read();
+    ExpectNumbered(*ends.received, 1, 64);
 }
 
 // A discarding slot's reader ends for good when the slot's lock fails: the status says the
