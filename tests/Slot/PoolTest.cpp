@@ -1376,6 +1376,25 @@ TEST_F(PoolTest, AForkedChildsCopiesOfHoldsLoansAndReadersLeaveTheParentsAlone) 
     EXPECT_TRUE(HasReader(queue));  // the parent's claim: the child's would be a dead one
 }
 
+namespace {
+
+// Kills `victim`, tells `reaper` so and waits until the reaper, reaping it, has stopped at its
+// crash point.
+bool ReaperStopsOnceTheVictimIsKilled(testsupport::ChildProcess& victim,
+                                      testsupport::PipeSignal& victimGone,
+                                      testsupport::ChildProcess& reaper) {
+    victim.Kill(SIGKILL);
+    victim.Wait();
+    victimGone.Post();
+    int status = 0;
+    return Eventually([&] {
+               return ::waitpid(reaper.Pid(), &status, WNOHANG | WUNTRACED) == reaper.Pid();
+           }) &&
+           WIFSTOPPED(status);
+}
+
+}  // namespace
+
 // A reaper killed half-way leaves the entry marked as being reaped, and its reaper lock goes
 // with it, also when it had forked a child (without exec) that runs on: the next reaper takes
 // the entry over.
@@ -1419,17 +1438,11 @@ TEST_F(PoolTest, AReaperKilledHalfWayIsTakenOverWhileItsForkedChildRuns) {
         victimGone.WaitFor();
         return writer->loan(8) ? 3 : 4;  // reaps the victim, stopped half-way
     });
-    int status = 0;
     if (!reaperReady.WaitFor()) {
         reaper.Wait();
         GTEST_SKIP() << "built without crash points";
     }
-    victim.Kill(SIGKILL);
-    victim.Wait();
-    victimGone.Post();
-    ASSERT_TRUE(Eventually(
-        [&] { return ::waitpid(reaper.Pid(), &status, WNOHANG | WUNTRACED) == reaper.Pid(); }));
-    ASSERT_TRUE(WIFSTOPPED(status));
+    ASSERT_TRUE(ReaperStopsOnceTheVictimIsKilled(victim, victimGone, reaper));
     reaper.Kill(SIGKILL);
     reaper.Wait();
 
@@ -1468,13 +1481,7 @@ TEST_F(PoolTest, ANewQueueReaderWaitsForAnotherProcessReapingTheDeadOne) {
         reaper.Wait();
         GTEST_SKIP() << "built without crash points";
     }
-    victim.Kill(SIGKILL);
-    victim.Wait();
-    victimGone.Post();
-    int status = 0;
-    ASSERT_TRUE(Eventually(
-        [&] { return ::waitpid(reaper.Pid(), &status, WNOHANG | WUNTRACED) == reaper.Pid(); }));
-    ASSERT_TRUE(WIFSTOPPED(status));
+    ASSERT_TRUE(ReaperStopsOnceTheVictimIsKilled(victim, victimGone, reaper));
     std::thread resume([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         ::kill(reaper.Pid(), SIGCONT);
