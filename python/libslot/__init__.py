@@ -127,6 +127,9 @@ class WriteCounts:
     discarded: int = 0
     refused: int = 0
     failed: int = 0
+    #: bytes of stored writes lost afterwards: a posix-pipe writer closed its pipe while no reader
+    #: had it open, and the kernel freed what nobody had read
+    bytes_lost_at_close: int = 0
 
     @property
     def total(self) -> int:

@@ -135,6 +135,7 @@ py::dict CountsOf(const std::string& name) {
     result["discarded"] = counts.discarded;
     result["refused"] = counts.refused;
     result["failed"] = counts.failed;
+    result["bytes_lost_at_close"] = counts.bytesLostAtClose;
     return result;
 }
 

@@ -172,3 +172,10 @@ def test_survey_looks_without_disturbing(names):
         with libslot.Reader(reliable, type="reliable") as reader:
             assert [reader.get(timeout=30), reader.get(timeout=30)] == [b"one", b"two"]
             assert libslot.inspect_slot(reliable).reader.pid == os.getpid()
+
+
+def test_bytes_a_pipe_loses_unread_are_counted(name):
+    # Nobody reads the FIFO: closing the writer loses the block, which was stored.
+    with libslot.Writer(name, type="posix-pipe") as writer:
+        assert writer.write(b"hello") is libslot.WriteOutcome.STORED
+    assert libslot.write_counts(name) == libslot.WriteCounts(stored=1, bytes_lost_at_close=5)
