@@ -561,26 +561,25 @@ std::uint64_t& ReceivedSerials::LastOf(dds_instance_handle_t publication, std::u
 }
 
 void ReceivedSerials::Tidy() {
-    for (auto it = handles_.begin(); it != handles_.end();) {
-        if (!it->second.leaving) {
-            ++it;
-            continue;
-        }
-        const Writers::iterator writer = it->second.writer;
-        if (--writer->second.handles == 0) {
-            writer->second.departed = ++departures_;
-            departed_.emplace(writer->second.departed, writer->first);
-        }
-        it = handles_.erase(it);
-    }
-    // A handle DDS does not match now sends nothing more: what it sent is in the reader's
-    // history already. (One caught while DDS is still matching it, or unknown to DDS when first
-    // seen, is forgotten too and simply asked for again at its next sample.)
+    // A handle DDS does not match sends nothing more: what it sent is in the reader's history
+    // already. One not matched at the previous call either has had all its samples taken since.
+    // (One unknown to DDS when first seen is forgotten too; a handle forgotten too early is
+    // asked of DDS again at its next sample, its writer's serial still kept.)
     if (std::optional<std::vector<dds_instance_handle_t>> matched = publications_.Matched()) {
         std::sort(matched->begin(), matched->end());
-        for (auto& handle : handles_) {
-            handle.second.leaving =
-                !std::binary_search(matched->begin(), matched->end(), handle.first);
+        for (auto it = handles_.begin(); it != handles_.end();) {
+            const bool gone = !std::binary_search(matched->begin(), matched->end(), it->first);
+            if (!gone || !it->second.leaving) {
+                it->second.leaving = gone;
+                ++it;
+                continue;
+            }
+            const Writers::iterator writer = it->second.writer;
+            if (--writer->second.handles == 0) {
+                writer->second.departed = ++departures_;
+                departed_.emplace(writer->second.departed, writer->first);
+            }
+            it = handles_.erase(it);
         }
     }
     while (departed_.size() > kMaxDeparted) {

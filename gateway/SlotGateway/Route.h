@@ -116,9 +116,9 @@ public:
     std::uint64_t& LastOf(dds_instance_handle_t publication, std::uint64_t gateway);
 
     // Call only when the reader's history has just been emptied (a take found nothing), from
-    // time to time. Forgets the handles DDS no longer matched at the previous call: their
+    // time to time. Forgets the handles DDS matched neither now nor at the previous call: their
     // writers' samples had all arrived by then, and have been taken since. Notes which handles
-    // DDS no longer matches now, and forgets the oldest departed writers beyond kMaxDeparted.
+    // DDS does not match now, and forgets the oldest departed writers beyond kMaxDeparted.
     void Tidy();
 
     // Entries held (handles, writers, owned gateway ids): what the bound is about.
