@@ -120,6 +120,26 @@ std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publicat
     return PublicationGuid(reader, publication, false);
 }
 
+dds_return_t MatchedHandles(dds_entity_t entity, bool ofWriter,
+                            std::vector<dds_instance_handle_t>& handles) {
+    handles.resize(16);
+    for (;;) {
+        // DDS says how many there are, also when they do not fit.
+        const dds_return_t n =
+            ofWriter ? dds_get_matched_subscriptions(entity, handles.data(), handles.size())
+                     : dds_get_matched_publications(entity, handles.data(), handles.size());
+        if (n < 0) {
+            handles.clear();
+            return n;
+        }
+        const bool fitted = static_cast<std::size_t>(n) <= handles.size();
+        handles.resize(static_cast<std::size_t>(n));
+        if (fitted) {
+            return n;
+        }
+    }
+}
+
 namespace {
 
 // The name of a QoS policy DDS reports as the reason two endpoints do not match.
@@ -221,18 +241,9 @@ MatchedPeers::MatchedPeers(dds_entity_t entity, bool ofWriter)
     dds_delete_listener(listener);
     Check(rc, "dds_set_listener");
     // Matches made before the listener was set.
-    std::vector<dds_instance_handle_t> handles(16);
-    for (;;) {
-        const dds_return_t n =
-            ofWriter_ ? dds_get_matched_subscriptions(entity_, handles.data(), handles.size())
-                      : dds_get_matched_publications(entity_, handles.data(), handles.size());
-        Check(n, ofWriter_ ? "dds_get_matched_subscriptions" : "dds_get_matched_publications");
-        const bool fitted = static_cast<std::size_t>(n) <= handles.size();
-        handles.resize(static_cast<std::size_t>(n));
-        if (fitted) {
-            break;
-        }
-    }
+    std::vector<dds_instance_handle_t> handles;
+    Check(MatchedHandles(entity_, ofWriter_, handles),
+          ofWriter_ ? "dds_get_matched_subscriptions" : "dds_get_matched_publications");
     for (const dds_instance_handle_t handle : handles) {
         Learn(handle);
     }

@@ -15,6 +15,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace SlotGateway {
 
@@ -66,6 +67,11 @@ using Guid = std::array<std::uint8_t, 16>;
 // The writer that published a sample `reader` received (the sample's publication handle);
 // nullopt once DDS no longer knows the writer.
 std::optional<Guid> WriterOf(dds_entity_t reader, dds_instance_handle_t publication);
+
+// Sets `handles` to the remote endpoints `entity` matches now: the readers of a writer
+// (`ofWriter`), or the writers of a reader. A negative DDS return code when DDS cannot tell.
+dds_return_t MatchedHandles(dds_entity_t entity, bool ofWriter,
+                            std::vector<dds_instance_handle_t>& handles);
 
 // Says once per route, at WARN, that a peer's endpoint on the route's topic cannot match the
 // route's writer or reader because a QoS policy differs (the other host's entry for the topic

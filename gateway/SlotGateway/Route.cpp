@@ -23,7 +23,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <map>
+#include <optional>
 #include <stdexcept>
 
 namespace SlotGateway {
@@ -529,55 +529,99 @@ void RouteRunner::Acknowledge(std::uint64_t sender, std::uint64_t serial) {
     }
 }
 
+std::uint64_t& ReceivedSerials::LastOf(dds_instance_handle_t publication, std::uint64_t gateway) {
+    auto known = handles_.find(publication);
+    if (known == handles_.end()) {
+        std::optional<Guid> guid = publications_.WriterOf(publication);
+        if (!guid) {
+            const auto owner = owners_.find(gateway);
+            if (owner != owners_.end()) {
+                guid = owner->second;
+            } else {
+                guid.emplace();  // zeros where a DDS GUID names its host and process
+                std::memcpy(guid->data() + 8, &gateway, sizeof gateway);
+            }
+        }
+        const Writers::iterator writer = writers_.try_emplace(*guid).first;
+        if (writer->second.departed != 0) {  // back under a new handle
+            departed_.erase(writer->second.departed);
+            writer->second.departed = 0;
+        }
+        ++writer->second.handles;
+        known = handles_.emplace(publication, Handle{writer}).first;
+    }
+    const Writers::iterator writer = known->second.writer;
+    if (!writer->second.claimed) {
+        writer->second.claimed = true;
+        if (owners_.emplace(gateway, writer->first).second) {
+            writer->second.owns = gateway;
+        }
+    }
+    return writer->second.last;
+}
+
+void ReceivedSerials::Tidy() {
+    // A handle DDS does not match sends nothing more: what it sent is in the reader's history
+    // already. One not matched at the previous call either has had all its samples taken since.
+    // (One unknown to DDS when first seen is forgotten too; a handle forgotten too early is
+    // asked of DDS again at its next sample, its writer's serial still kept.)
+    if (std::optional<std::vector<dds_instance_handle_t>> matched = publications_.Matched()) {
+        std::sort(matched->begin(), matched->end());
+        for (auto it = handles_.begin(); it != handles_.end();) {
+            const bool gone = !std::binary_search(matched->begin(), matched->end(), it->first);
+            if (!gone || !it->second.leaving) {
+                it->second.leaving = gone;
+                ++it;
+                continue;
+            }
+            const Writers::iterator writer = it->second.writer;
+            if (--writer->second.handles == 0) {
+                writer->second.departed = ++departures_;
+                departed_.emplace(writer->second.departed, writer->first);
+            }
+            it = handles_.erase(it);
+        }
+    }
+    while (departed_.size() > kMaxDeparted) {
+        const Writers::iterator oldest = writers_.find(departed_.begin()->second);
+        if (oldest->second.owns) {
+            owners_.erase(*oldest->second.owns);
+        }
+        writers_.erase(oldest);
+        departed_.erase(departed_.begin());
+    }
+}
+
 namespace {
 
-// The last serial stored from each publishing writer. The gateway a sample names is only its
-// claim: a sample naming a sending gateway with a serial far ahead would make that gateway's
-// later blocks look like repetitions. So serials are kept per writer as DDS identifies it, and a
-// gateway id belongs to the first writer seen using it. A writer DDS no longer knows (it left
-// after publishing) counts as the owner of the id it names. A writer's identity is asked of DDS
-// once per publication, not for every sample (the answer is a copy of its whole description).
-class ReceivedSerials {
+// What DDS knows of the writers a route's reader matches.
+class ReaderPublications : public ReceivedSerials::Publications {
 public:
-    std::uint64_t& LastOf(dds_entity_t reader, dds_instance_handle_t publication,
-                          std::uint64_t gateway) {
-        std::optional<Guid> writer;
-        const auto known = writers_.find(publication);
-        if (known != writers_.end()) {
-            writer = known->second;
-        } else {
-            writer = WriterOf(reader, publication);
-            if (writer && writers_.size() < kMaxOwners) {
-                writers_.emplace(publication, *writer);
-            }
+    explicit ReaderPublications(dds_entity_t reader) : reader_(reader) {}
+    std::optional<Guid> WriterOf(dds_instance_handle_t handle) const override {
+        return SlotGateway::WriterOf(reader_, handle);
+    }
+    std::optional<std::vector<dds_instance_handle_t>> Matched() const override {
+        std::vector<dds_instance_handle_t> handles;
+        if (MatchedHandles(reader_, false, handles) < 0) {
+            return std::nullopt;
         }
-        if (writer) {
-            if (owners_.size() < kMaxOwners) {
-                owners_.emplace(gateway, *writer);
-            }
-            return last_[*writer];
-        }
-        const auto owner = owners_.find(gateway);
-        if (owner != owners_.end()) {
-            return last_[owner->second];
-        }
-        Guid unknown{};  // zeros where a DDS GUID names its host and process
-        std::memcpy(unknown.data() + 8, &gateway, sizeof gateway);
-        return last_[unknown];
+        return handles;
     }
 
 private:
-    // A bound against a peer naming a new gateway in every sample; beyond it, ids go unowned.
-    static constexpr std::size_t kMaxOwners = 1024;
-    std::map<std::uint64_t, Guid> owners_;
-    std::map<dds_instance_handle_t, Guid> writers_;
-    std::map<Guid, std::uint64_t> last_;
+    const dds_entity_t reader_;
 };
+
+// How often the receiving thread tidies its memory of serials, when DDS holds nothing.
+constexpr std::chrono::seconds kTidyInterval(1);
 
 }  // namespace
 
 void RouteRunner::ReceiveLoop() {
-    ReceivedSerials serials;
+    const ReaderPublications publications(reader_);
+    ReceivedSerials serials(publications);
+    Clock::time_point nextTidy = Clock::now() + kTidyInterval;
     for (;;) {
         const bool stopping = stop_.set;
         // Take everything DDS holds; while stopping this drains what was already received.
@@ -586,6 +630,10 @@ void RouteRunner::ReceiveLoop() {
             dds_sample_info_t info[1];
             const dds_return_t n = dds_take(reader_, samples, info, 1, 1);
             if (n <= 0) {
+                if (n == 0 && Clock::now() >= nextTidy) {
+                    serials.Tidy();  // the history is empty now
+                    nextTidy = Clock::now() + kTidyInterval;
+                }
                 break;
             }
             bool delivered = true;
@@ -593,7 +641,7 @@ void RouteRunner::ReceiveLoop() {
                 if (info[0].valid_data) {
                     const auto* block = static_cast<const SlotGatewayWire_Block*>(samples[0]);
                     std::uint64_t& last =
-                        serials.LastOf(reader_, info[0].publication_handle, block->gateway);
+                        serials.LastOf(info[0].publication_handle, block->gateway);
                     if (block->serial <= last) {
                         ++counters_.duplicates;
                         Acknowledge(block->gateway, block->serial);

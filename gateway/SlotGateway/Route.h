@@ -17,8 +17,10 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -69,6 +71,79 @@ private:
     std::deque<Entry> entries_;  // guarded by mutex_, oldest first
     std::uint64_t nextId_ = 0;   // guarded by mutex_
     std::chrono::milliseconds lifetime_;
+};
+
+// The last serial stored from each writer publishing on a receiving route's topic: a sample
+// whose serial is not above it is a repetition (a reliable block published again, a discarding
+// state repeated) and is not stored again. The gateway a sample names is only its claim: a
+// sample naming a sending gateway with a serial far ahead would make that gateway's later blocks
+// look like repetitions. So serials are kept per writer as DDS identifies it, and a gateway id
+// belongs to the first writer seen naming it (each writer owns at most the first id it names;
+// a gateway's writer names only its own). A sample whose writer DDS no longer knows (it left
+// after publishing) counts as the owner's of the id it names. A writer's identity is asked of
+// DDS once per publication handle, not for every sample (the answer is a copy of its whole
+// description). Memory stays bounded over any number of sending gateways' runs: a departed
+// writer's handles are forgotten once none of its samples can still be taken, and the oldest
+// departed writers beyond kMaxDeparted are forgotten. Used by the route's receiving thread only.
+class ReceivedSerials {
+public:
+    // What DDS knows of the writers the route's reader matches; a test gives its own.
+    class Publications {
+    public:
+        virtual ~Publications() = default;
+        // The writer of publication `handle`; nullopt once DDS no longer knows it.
+        virtual std::optional<Guid> WriterOf(dds_instance_handle_t handle) const = 0;
+        // The publications matched now; nullopt when DDS cannot tell.
+        virtual std::optional<std::vector<dds_instance_handle_t>> Matched() const = 0;
+    };
+
+    // A departed writer is remembered in case it comes back under the same identity: a sending
+    // gateway whose participant lost its lease (a cut link, a stalled host) is matched again
+    // under a new handle and publishes the block in its hand once more. A sending gateway that
+    // restarts is another writer, with another gateway id, so what piles up are the writers of
+    // earlier runs: beyond this many, the longest gone is forgotten. A writer is thus forgotten
+    // only after as many others left since it did; time alone forgets nothing, so a link cut
+    // for hours still ends in no duplicate.
+    static constexpr std::size_t kMaxDeparted = 256;
+
+    explicit ReceivedSerials(const Publications& publications) : publications_(publications) {}
+    ReceivedSerials(const ReceivedSerials&) = delete;
+    ReceivedSerials& operator=(const ReceivedSerials&) = delete;
+
+    // The last serial stored from the writer of `publication` (a sample's publication handle),
+    // a sample of which names `gateway`; the caller sets it when it stores a newer one. Valid
+    // until the next Tidy().
+    std::uint64_t& LastOf(dds_instance_handle_t publication, std::uint64_t gateway);
+
+    // Call only when the reader's history has just been emptied (a take found nothing), from
+    // time to time. Forgets the handles DDS matched neither now nor at the previous call: their
+    // writers' samples had all arrived by then, and have been taken since. Notes which handles
+    // DDS does not match now, and forgets the oldest departed writers beyond kMaxDeparted.
+    void Tidy();
+
+    // Entries held (handles, writers, owned gateway ids): what the bound is about.
+    std::size_t Size() const { return handles_.size() + writers_.size() + owners_.size(); }
+
+private:
+    struct Writer {
+        std::uint64_t last = 0;
+        std::size_t handles = 0;     // entries of handles_ naming it
+        std::uint64_t departed = 0;  // its key in departed_ once it has no handle left; 0 before
+        bool claimed = false;        // has named a gateway id (owned if nobody owned it)
+        std::optional<std::uint64_t> owns;
+    };
+    using Writers = std::map<Guid, Writer>;
+    struct Handle {
+        Writers::iterator writer;
+        bool leaving = false;  // not matched at the last Tidy()
+    };
+
+    const Publications& publications_;
+    std::map<dds_instance_handle_t, Handle> handles_;
+    Writers writers_;
+    std::map<std::uint64_t, Guid> owners_;    // gateway id -> its owner
+    std::map<std::uint64_t, Guid> departed_;  // writers without a handle, longest gone first
+    std::uint64_t departures_ = 0;
 };
 
 // One configured slot and its DDS writer and/or reader.

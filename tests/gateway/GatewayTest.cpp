@@ -41,7 +41,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -968,6 +970,104 @@ TEST(EchoMemory, AStateWrittenOverIsForgotten) {
     EXPECT_TRUE(echoes.IsEcho("LATER", 5));
     echoes.ForgetWrittenBefore(lastWritten);
     EXPECT_TRUE(echoes.IsEcho("WRITING", 7));
+}
+
+namespace {
+
+// What a test's DDS knows of a reader's writers: those matched now. Counts the questions about
+// one writer, which copy its whole description.
+class FakePublications : public ReceivedSerials::Publications {
+public:
+    std::optional<Guid> WriterOf(dds_instance_handle_t handle) const override {
+        ++asked;
+        const auto writer = matched.find(handle);
+        return writer == matched.end() ? std::nullopt : std::optional<Guid>(writer->second);
+    }
+    std::optional<std::vector<dds_instance_handle_t>> Matched() const override {
+        std::vector<dds_instance_handle_t> handles;
+        for (const auto& writer : matched) {
+            handles.push_back(writer.first);
+        }
+        return handles;
+    }
+
+    std::map<dds_instance_handle_t, Guid> matched;
+    mutable std::size_t asked = 0;
+};
+
+Guid WriterGuid(std::uint32_t n) {
+    Guid guid{};
+    guid[0] = 1;
+    std::memcpy(guid.data() + 4, &n, sizeof n);
+    return guid;
+}
+
+// What the receiving thread does with a sample: true when stored, false for a repetition.
+bool Store(ReceivedSerials& serials, dds_instance_handle_t handle, std::uint64_t gateway,
+           std::uint64_t serial) {
+    std::uint64_t& last = serials.LastOf(handle, gateway);
+    if (serial <= last) {
+        return false;
+    }
+    last = serial;
+    return true;
+}
+
+}  // namespace
+
+// 2000 runs of a sending gateway, each a writer of its own that publishes 5 blocks and leaves;
+// its last block is taken again after it left, first from its own handle and then from one that
+// DDS matched anew and forgot before the copy was taken. Every copy is skipped, DDS is asked about
+// each handle once (not for every sample), the memory stays bounded, and a writer that stayed
+// throughout or left recently and comes back keeps its serials.
+TEST(ReceivedSerials, EndlessSenderRestartsKeepMemoryAndLookupsBounded) {
+    FakePublications dds;
+    ReceivedSerials serials(dds);
+    dds.matched[1] = WriterGuid(0);
+    ASSERT_TRUE(Store(serials, 1, 100, 7));
+    constexpr std::uint32_t kRuns = 2000;
+    std::size_t most = 0;
+    for (std::uint32_t run = 1; run <= kRuns; ++run) {
+        const dds_instance_handle_t handle = 10 + 2 * run, again = handle + 1;
+        const std::uint64_t gateway = 1000 + run;
+        dds.matched[handle] = WriterGuid(run);
+        for (std::uint64_t serial = 1; serial <= 5; ++serial) {
+            ASSERT_TRUE(Store(serials, handle, gateway, serial));
+        }
+        dds.matched.erase(handle);
+        serials.Tidy();  // a copy may have arrived before DDS let the writer go
+        ASSERT_FALSE(Store(serials, handle, gateway, 5)) << "run " << run;
+        serials.Tidy();
+        ASSERT_FALSE(Store(serials, again, gateway, 5)) << "run " << run;
+        most = std::max(most, serials.Size());
+    }
+    EXPECT_EQ(dds.asked, 2 * kRuns + 1);
+    // Departed writers, their gateway ids, and a few handles and writers still matched.
+    EXPECT_LE(most, 2 * ReceivedSerials::kMaxDeparted + 8);
+
+    EXPECT_FALSE(Store(serials, 1, 100, 7));
+    dds.matched[5] = WriterGuid(kRuns - 10);  // matched again after losing its lease
+    EXPECT_FALSE(Store(serials, 5, 1000 + kRuns - 10, 5));
+    EXPECT_TRUE(Store(serials, 5, 1000 + kRuns - 10, 6));
+}
+
+// A writer naming another gateway, far ahead, does not touch that gateway's serials: neither
+// while both are matched nor for a copy of the gateway's block taken after both left, which
+// counts as the first writer's that named the gateway.
+TEST(ReceivedSerials, ASampleNamingAnotherGatewayLeavesItsSerialsAlone) {
+    FakePublications dds;
+    ReceivedSerials serials(dds);
+    const std::uint64_t gateway = 77;
+    dds.matched[1] = WriterGuid(1);
+    dds.matched[2] = WriterGuid(2);
+    EXPECT_TRUE(Store(serials, 1, gateway, 3));
+    EXPECT_TRUE(Store(serials, 2, gateway, UINT64_MAX));
+    EXPECT_TRUE(Store(serials, 1, gateway, 4));
+    dds.matched.clear();
+    serials.Tidy();
+    serials.Tidy();
+    EXPECT_FALSE(Store(serials, 3, gateway, 4));
+    EXPECT_TRUE(Store(serials, 3, gateway, 5));
 }
 
 // A receiving gateway whose slot's lock fails (its header overwritten) keeps running: the block
