@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SlotctlRunner.h"
 
+#include "Eventually.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -168,6 +170,12 @@ bool Background::BlockedIn(const std::vector<long>& calls) const {
     const std::string::size_type close = line.rfind(')');
     return close != std::string::npos && line.compare(close, 4, ") S ") == 0 &&
            std::find(calls.begin(), calls.end(), call) != calls.end();
+}
+
+Outcome Background::StopOnceBlockedIn(const std::vector<long>& calls, bool& blocked) {
+    blocked = testsupport::Eventually([&] { return BlockedIn(calls); }, std::chrono::seconds(30));
+    Signal(SIGTERM);
+    return Finish(std::chrono::seconds(30));
 }
 
 void Background::Write(const std::string& input) {

@@ -85,6 +85,9 @@ public:
     // Whether its main thread is now blocked (sleeping) in one of the system calls `calls`
     // (SYS_... numbers), as /proc/<pid>/syscall and stat tell.
     bool BlockedIn(const std::vector<long>& calls) const;
+    // Once its main thread is blocked in one of `calls` (30 s at most; `blocked` tells whether it
+    // was seen so), stops it with SIGTERM and collects it (30 s at most).
+    Outcome StopOnceBlockedIn(const std::vector<long>& calls, bool& blocked);
 
 private:
     bool Pump(std::chrono::steady_clock::time_point deadline);

@@ -526,10 +526,9 @@ TEST(SlotctlOutput, ATerminalThatStopsReadingStillEndsAtAStopSignal) {
     slotctltest::Pty stopped;
     stopped.StopOutput();
     Background top({"top", "--json", "--interval", "0.1"}, 65534, stopped.SlavePath());
-    EXPECT_TRUE(testsupport::Eventually([&] { return top.BlockedIn({SYS_write}); },
-                                        std::chrono::seconds(30)));
-    top.Signal(SIGTERM);
-    const Outcome run = top.Finish(std::chrono::seconds(30));
+    bool blocked = false;
+    const Outcome run = top.StopOnceBlockedIn({SYS_write}, blocked);
+    EXPECT_TRUE(blocked);
     EXPECT_FALSE(run.timedOut) << run.Describe();
     EXPECT_EQ(130, run.status) << run.Describe();
 }

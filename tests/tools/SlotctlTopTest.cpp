@@ -306,10 +306,9 @@ TEST(SlotctlTopScreen, AStopSignalEndsItAlsoWhileTheTerminalTakesNoOutput) {
     ASSERT_TRUE(terminal.WaitFor("WRITE/S")) << top.Finish().Describe();
     // Output stops; the filter's prompt is then drawn into the stopped terminal.
     terminal.Type("\x13/");
-    EXPECT_TRUE(testsupport::Eventually([&] { return top.BlockedIn({SYS_write}); },
-                                        std::chrono::seconds(30)));
-    top.Signal(SIGTERM);
-    const Outcome run = top.Finish(std::chrono::seconds(30));
+    bool blocked = false;
+    const Outcome run = top.StopOnceBlockedIn({SYS_write}, blocked);
+    EXPECT_TRUE(blocked);
     EXPECT_FALSE(run.timedOut) << run.Describe();
     EXPECT_EQ(130, run.status) << run.Describe();
     termios after{};
