@@ -22,6 +22,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <condition_variable>
@@ -279,8 +280,9 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     }
     // The reader takes nothing after the block in hand (with --count it stopped itself at its
     // last block, and took no more). Its thread may be waiting for the slot's lock: stopping it
-    // is bounded too.
-    const WaitResult closed = RunInterruptibly([&] { queue.Stop(); }, limitMs < 0 ? 2000 : limitMs);
+    // is bounded too, but not cut short by the stop signal that may have ended the loop: the
+    // block in hand would then be taken after the Take below, and neither printed nor counted.
+    const WaitResult closed = RunBounded([&] { queue.Stop(); }, std::max(limitMs, 2000));
     // A block the reader took meanwhile (a stop, a timeout) is printed rather than lost.
     print(queue.Take());
     if (outputError != 0) {

@@ -103,7 +103,9 @@ WaitResult WaitReadableOrStop(int fd, int timeoutMs) {
     return WaitOrStop(fd, POLLIN, timeoutMs);
 }
 
-WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs) {
+namespace {
+
+WaitResult RunOnHelper(const std::function<void()>& work, int timeoutMs, bool stoppable) {
     struct Shared {
         int done[2] = {-1, -1};
         std::exception_ptr error;
@@ -130,7 +132,17 @@ WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs) {
         while (::write(state->done[1], &byte, 1) < 0 && errno == EINTR) {
         }
     }).detach();
-    const WaitResult result = WaitReadableOrStop(state->done[0], timeoutMs);
+    WaitResult result;
+    if (stoppable) {
+        result = WaitReadableOrStop(state->done[0], timeoutMs);
+    } else {
+        pollfd done = {state->done[0], POLLIN, 0};
+        int r;
+        do {
+            r = ::poll(&done, 1, timeoutMs);
+        } while (r < 0 && errno == EINTR);
+        result = r == 0 ? WaitResult::TimedOut : WaitResult::Ready;
+    }
     if (result == WaitResult::Ready) {
         // Taking the byte orders everything the work did before this thread goes on (for the
         // reader of this code and for ThreadSanitizer alike).
@@ -145,6 +157,16 @@ WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs) {
         }
     }
     return result;
+}
+
+}  // namespace
+
+WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs) {
+    return RunOnHelper(work, timeoutMs, true);
+}
+
+WaitResult RunBounded(const std::function<void()>& work, int timeoutMs) {
+    return RunOnHelper(work, timeoutMs, false);
 }
 
 void LeaveNow(int status, const std::string& message) {

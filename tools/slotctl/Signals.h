@@ -40,6 +40,9 @@ WaitResult WaitReadableOrStop(int fd, int timeoutMs);
 // a slot's lock that another live process holds; a wait that ends first leaves the helper
 // blocked (it holds nothing), and the caller must then leave the process with LeaveNow.
 WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs);
+// The same, ended by the time-out alone: for the clean-up after a stop signal, which that signal
+// must not cut short.
+WaitResult RunBounded(const std::function<void()>& work, int timeoutMs);
 
 // Ends the process at once with `status` after printing `message` (if any) to stderr, without
 // running destructors that could wait for a helper thread blocked on a lock.
