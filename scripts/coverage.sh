@@ -16,6 +16,9 @@ scripts/setup.sh
 if ! command -v gcovr > /dev/null; then
     sudo=""
     [[ $(id -u) -ne 0 ]] && sudo="sudo"
+    # The package lists may be empty (container images clear them) although nothing else was
+    # missing for setup.sh to fetch them.
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get -q -o DPkg::Lock::Timeout=600 update < /dev/null
     DEBIAN_FRONTEND=noninteractive $sudo apt-get -q -o DPkg::Lock::Timeout=600 install -y \
         --no-install-recommends gcovr < /dev/null
 fi

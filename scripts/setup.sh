@@ -90,10 +90,14 @@ fi
 
 # The pinned npm packages of the recording test (a failure only skips that test).
 mcap_check=$here/../tests/tools/mcap
-if command -v npm > /dev/null && [[ ! -d $mcap_check/node_modules/@mcap/core ]]; then
+# Installed again when the lockfile is newer than what npm installed from it (a package added).
+if command -v npm > /dev/null && [[ ! -f $mcap_check/node_modules/.package-lock.json ||
+    $mcap_check/package-lock.json -nt $mcap_check/node_modules/.package-lock.json ]]; then
     (cd "$mcap_check" && npm ci --ignore-scripts --no-audit --no-fund) ||
         echo "setup: npm ci failed in tests/tools/mcap; the MCAP interoperation test is skipped" >&2
 fi
 
 [[ $i386 -eq 1 ]] || exit 0
-exec $sudo "$here/i386-sysroot.sh"
+# It raises itself with sudo -E when it needs to, which keeps SLOT_I386_SYSROOT and
+# SLOT_I386_CACHE; a plain sudo here would drop them.
+exec "$here/i386-sysroot.sh"

@@ -9,8 +9,14 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-mode=${1:-}
-[[ $# -gt 0 && $mode == --* ]] && shift || mode=""
+# Only the three modes are taken here; every other argument (--repeat ... too) goes to ctest.
+mode=""
+case "${1:-}" in
+    --i386 | --asan | --tsan)
+        mode=$1
+        shift
+        ;;
+esac
 here=$PWD
 case "$mode" in
     --i386)
@@ -43,10 +49,6 @@ case "$mode" in
         scripts/setup.sh
         dir=build
         extra=()
-        ;;
-    *)
-        echo "usage: $0 [--i386|--asan|--tsan] [ctest arguments...]" >&2
-        exit 2
         ;;
 esac
 if command -v ccache > /dev/null; then
