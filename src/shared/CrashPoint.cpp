@@ -3,7 +3,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <string>
 
@@ -26,23 +25,7 @@ struct Armed {
 };
 
 Armed& State() {
-    static Armed* state = [] {
-        Armed* s = new Armed;
-        const char* text = std::getenv("SLOT_CRASH_POINT");
-        if (text != nullptr && *text != '\0') {
-            std::string point = text;
-            unsigned hit = 1;
-            const std::string::size_type colon = point.find(':');
-            if (colon != std::string::npos) {
-                hit = static_cast<unsigned>(std::strtoul(point.c_str() + colon + 1, nullptr, 10));
-                point.resize(colon);
-            }
-            s->name = point;
-            s->left = hit == 0 ? 1 : hit;
-            __atomic_store_n(&s->armed, true, __ATOMIC_RELEASE);
-        }
-        return s;
-    }();
+    static Armed* state = new Armed;
     return *state;
 }
 

@@ -10,9 +10,10 @@ namespace shared {
 // object...). They exist only in builds configured with SLOT_CRASH_POINTS (on by default when
 // the tests are built); elsewhere CrashPoint() compiles to nothing.
 //
-// A point is armed by ArmCrashPoint() or, for a process started by exec, by the environment
-// variable SLOT_CRASH_POINT=<name>[:<n>]: the n-th time (default: the first) the process passes
-// the point named <name>, it kills itself.
+// A point is armed only by ArmCrashPoint() in the process itself (its header is not installed):
+// nothing from outside, such as the environment, can arm one, so a library built with the tests
+// and then installed behaves as a release build does. The n-th time (default: the first) the
+// process passes the armed point, it kills itself.
 // SIGKILL to the calling process.
 [[noreturn]] SHARED_EXPORT void KillThisProcess();
 

@@ -26,6 +26,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 
 namespace {
@@ -270,8 +271,11 @@ INSTANTIATE_TEST_SUITE_P(EachType, SlotctlRoundTrip,
 // Blocks wait in a reliable slot for a later reader, in order, shown as text or hex.
 TEST(SlotctlReadWrite, AReliableSlotKeepsBlocksForALaterReaderInOrder) {
     ScopedSlotName name("later");
+    // The environment cannot arm the library's test-only crash points in a program.
+    ASSERT_EQ(0, ::setenv("SLOT_CRASH_POINT", "write-sent", 1));
     const Outcome write = Slotctl({"write", name.str(), "--type", "reliable", "--lines"},
                                   Options{"one\ntwo\n\x01three\n"});
+    ::unsetenv("SLOT_CRASH_POINT");
     EXPECT_EQ(0, write.status) << write.Describe();
     // The kind is taken from the existing slot; hex shows the bytes.
     const Outcome read = Slotctl({"read", name.str(), "--count", "3", "--timeout", "20000"});
