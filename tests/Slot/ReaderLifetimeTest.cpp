@@ -5,6 +5,7 @@
 #include "Collector.h"
 #include "Eventually.h"
 #include "FakeSlot.h"
+#include "HeaderHolder.h"
 #include "LogCapture.h"
 #include "Readers.h"
 #include "ShmHygiene.h"
@@ -20,6 +21,7 @@
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -163,6 +165,44 @@ TEST(ReliableSlotReader, StopsDrainingAQueueThatWritersKeepFull) {
         expected += Numbered(number);
     }
     EXPECT_EQ(expected, received);
+}
+
+// A live process that keeps the slot's lock and is stopped (SIGSTOP) holds up neither the
+// reader's thread nor its destructor, whether the thread waits for the lock before its sleep on
+// the slot or after it; the interruption ends the thread as a stop does, and the lock is free
+// once the holder lets go.
+TEST(ReliableSlotReader, StopsWhileAStoppedProcessKeepsTheSlotsLock) {
+    for (const bool heldFirst : {true, false}) {
+        SCOPED_TRACE(heldFirst ? "held before the thread starts" : "held while it sleeps");
+        ScopedSlotName name("lockstop");
+        LogCapture log("Slot.Reader", log4cxx::Level::getDebug());
+        boost::shared_ptr<ISlot> slot(
+            new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), 64, 4));
+        auto reader = std::make_unique<ReliableSlotReader>(slot, pt::milliseconds(50));
+        std::unique_ptr<testsupport::HeaderHolder> holder;
+        const auto hold = [&] {
+            holder.reset(new testsupport::HeaderHolder(name));
+            ASSERT_TRUE(holder->WaitLocked());
+            ::kill(holder->Child().Pid(), SIGSTOP);
+        };
+        if (heldFirst) {
+            hold();
+        }
+        reader->Init();
+        if (!heldFirst) {
+            hold();
+        }
+        // Several update times: the thread is waiting for the lock now.
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_TRUE(DestroyedInTime(reader, [&] {
+            ::kill(holder->Child().Pid(), SIGCONT);
+            holder->Release();
+        })) << "the destructor waited for the stopped holder";
+        EXPECT_TRUE(holder->Child().Wait().Ok());
+        EXPECT_EQ(1u, log.Count("DEBUG", "Thread shutdown for " + name.str()));
+        ASSERT_TRUE(slot->GetLockable()->try_lock()) << "the lock was left held";
+        slot->GetLockable()->unlock();
+    }
 }
 
 // A child forked (without exec) while readers run drops its copies at once; the parent's readers
