@@ -7,9 +7,7 @@
 #include <Slot/SlotFactory.h>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/thread.hpp>
 
-#include <atomic>
 #include <chrono>
 #include <set>
 
@@ -19,12 +17,11 @@ namespace {
 
 // Receives the reader's blocks on the reader's thread.
 //
-// Closing has two steps. BeginClose, before the reader is destroyed: every block the library
-// still hands over until its thread is joined is kept for get() or passed to the callback (it
-// has left the slot), and after each one the thread reaches an interruption point, so that the
-// destructor's interrupt ends the drain of a reliable slot there and what still waits stays in
-// the slot for the next reader. FinishClose, once the thread is joined (or, inside the callback,
-// the reader has stopped delivering): get() raises once drained, and the callback is dropped.
+// Every block the library hands over until the reader's thread is joined is kept for get() or
+// passed to the callback (it has left the slot); the library's stop ends the drain of a reliable
+// slot after the block in hand, and what still waits stays in the slot for the next reader.
+// FinishClose, once the thread is joined (or, inside the callback, the reader has stopped
+// delivering): get() raises once drained, and the callback is dropped.
 //
 // Locks: mutex_ guards blocks_ and closed_; it is never held while Python runs or while the
 // GIL is taken. callback_ is guarded by the GIL.
@@ -45,10 +42,6 @@ public:
                 blocks_.emplace_back(static_cast<const char*>(data), size);
                 arrived_.notify_all();
             }
-        }
-        if (closing_.load(std::memory_order_acquire)) {
-            // Throws once the closer has interrupted this thread (the GIL is not held here).
-            boost::this_thread::interruption_point();
         }
     }
 
@@ -100,13 +93,9 @@ public:
         return blocks_.size();
     }
 
-    // A close begins: blocks handed over from now on end the drain (see the class comment).
-    void BeginClose() { closing_.store(true, std::memory_order_release); }
-
     // The close has ended: no block comes any more, waiting get() calls return once drained,
     // and the callback is dropped. Called with the GIL.
     void FinishClose() {
-        closing_.store(true, std::memory_order_release);
         {
             std::lock_guard<std::mutex> lock(mutex_);
             closed_ = true;
@@ -118,10 +107,7 @@ public:
     // Close in a forked child of the process that made the sink: mutex_ and arrived_ are as the
     // parent's threads left them at the fork and may be held for good, so neither is touched.
     // Called with the GIL.
-    void Abandon() {
-        closing_.store(true, std::memory_order_release);
-        DropCallback();
-    }
+    void Abandon() { DropCallback(); }
 
     // True on this sink's reader thread, inside its callback.
     bool OnOwnThread() const { return current == this; }
@@ -169,7 +155,6 @@ private:
 
     PyObject* callback_;  // guarded by the GIL
     const bool hasCallback_ = callback_ != nullptr;
-    std::atomic<bool> closing_{false};
     std::string name_;
     CloseProgress progress_;
 
@@ -232,7 +217,6 @@ public:
         }
         // The callback is dropped only after the release: its last reference may run Python
         // code that lets the GIL go, and another closer must find the close under way by then.
-        sink_->BeginClose();
         ReleaseReader(sink_->Progress(), reader, sink_->OnOwnThread());
         sink_->FinishClose();
     }

@@ -31,7 +31,9 @@ public:
     InterprocConditionPack& operator=(const InterprocConditionPack&) = delete;
 
     // One wake-up, spurious or not, ends the wait. Interruption point after the wait, with the
-    // mutex still held (released as boost::thread_interrupted leaves).
+    // mutex still held (released as boost::thread_interrupted leaves). On a thread with
+    // InterruptibleLockWaits, taking the mutex (before and after the sleep) ends on an
+    // interruption too, the mutex not held.
     bool Wait(const boost::posix_time::time_duration& timeout) override;
     void Notify() override;
     bool SpinForSignal(const boost::posix_time::time_duration& budget) override;

@@ -199,19 +199,23 @@ bool PrepareManagedObject(const std::string& name, std::size_t size, std::size_t
     Fail("'" + name + "' keeps disappearing while it is opened");
 }
 
-void AwaitUnheldMutex(const void* mutex, const std::string& what, const std::string& remedy) {
-    const pthread_mutex_t* native = static_cast<const pthread_mutex_t*>(mutex);
-    // The lock word tells whether it is held; the owner is recorded just after the word is
-    // taken and cleared just before it is released, so a death in between leaves no owner.
-    auto held = [native] { return __atomic_load_n(&native->__data.__lock, __ATOMIC_RELAXED) != 0; };
-    if (!held()) {
+namespace {
+
+// Returns once `done` (tried first, and again after each look at the holder) is true; see
+// AwaitUnheldMutex for the bound and the dead holder.
+template <class Done>
+void WaitForManagerMutex(const pthread_mutex_t* native, const Done& done, const std::string& what,
+                         const std::string& remedy) {
+    if (done()) {
         return;
     }
     const auto limit = CreationWaitLimit();
     const auto deadline = std::chrono::steady_clock::now() + limit;
     for (;;) {
+        // The owner is recorded just after the lock word is taken and cleared just before it is
+        // released, so a death in between leaves no owner.
         const pid_t owner = MutexOwnerThread(native);
-        if (!held()) {
+        if (done()) {
             return;
         }
         if (owner != 0 && ProcessOfThread(owner) == 0) {
@@ -226,6 +230,21 @@ void AwaitUnheldMutex(const void* mutex, const std::string& what, const std::str
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+}
+
+}  // namespace
+
+void AwaitUnheldMutex(const void* mutex, const std::string& what, const std::string& remedy) {
+    const pthread_mutex_t* native = static_cast<const pthread_mutex_t*>(mutex);
+    WaitForManagerMutex(
+        native, [native] { return __atomic_load_n(&native->__data.__lock, __ATOMIC_RELAXED) == 0; },
+        what, remedy);
+}
+
+void LockUnheldMutex(void* mutex, const std::string& what, const std::string& remedy) {
+    pthread_mutex_t* native = static_cast<pthread_mutex_t*>(mutex);
+    WaitForManagerMutex(
+        native, [native] { return pthread_mutex_trylock(native) == 0; }, what, remedy);
 }
 
 }  // namespace shared

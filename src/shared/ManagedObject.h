@@ -44,5 +44,7 @@ SHARED_EXPORT std::chrono::milliseconds CreationWaitLimit();
 // than CreationWaitLimit() or its holder is dead. `what` names the mutex in the message.
 SHARED_EXPORT void AwaitUnheldMutex(const void* mutex, const std::string& what,
                                     const std::string& remedy);
+// The same wait, but it takes `mutex` (a recursive one held by the caller is taken again).
+SHARED_EXPORT void LockUnheldMutex(void* mutex, const std::string& what, const std::string& remedy);
 
 }  // namespace shared

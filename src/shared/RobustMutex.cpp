@@ -5,6 +5,7 @@
 #include <shared/MutexOwner.h>
 
 #include <boost/interprocess/exceptions.hpp>
+#include <boost/thread/thread.hpp>
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -162,6 +163,19 @@ int KindMadeBy(void (*init)(pthread_mutex_t*)) {
 // How long a contended locker waits between two looks at the lock word.
 constexpr std::chrono::milliseconds LockSlice(100);
 
+// Set while an InterruptibleLockWaits lives on this thread.
+thread_local bool interruptibleWaits = false;
+
+// Between two slices of a contended wait: ends it where the thread allows. Unlike
+// boost::this_thread::interruption_point, it leaves the request pending (see
+// InterruptibleLockWaits).
+void StopWaitIfInterrupted() {
+    if (interruptibleWaits && boost::this_thread::interruption_enabled() &&
+        boost::this_thread::interruption_requested()) {
+        throw boost::thread_interrupted();
+    }
+}
+
 // See LockWatch::kind. One load and compare before each lock.
 void CheckKind(pthread_mutex_t* mutex, const LockWatch* watch) {
     if (watch == nullptr || watch->kind < 0) {
@@ -190,6 +204,14 @@ pid_t HolderOf(const pthread_mutex_t* mutex, int kind, unsigned word) {
 }
 
 }  // namespace
+
+InterruptibleLockWaits::InterruptibleLockWaits() : previous_(interruptibleWaits) {
+    interruptibleWaits = true;
+}
+
+InterruptibleLockWaits::~InterruptibleLockWaits() {
+    interruptibleWaits = previous_;
+}
 
 int RobustMutexKind() {
     static const int kind = KindMadeBy(InitRobustMutex);
@@ -251,6 +273,8 @@ void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair, const
     bool damaged = false;
     std::chrono::steady_clock::time_point damagedSince;
     for (;;) {
+        // Nothing is held here: an interruption leaves the mutex as it found it.
+        StopWaitIfInterrupted();
         // Slices on the monotonic clock: a step of the system's time neither stretches a slice
         // nor, with it, the bound on a damaged lock.
         if (TimedLockRecoveringFor(mutex, LockSlice, repair, watch)) {

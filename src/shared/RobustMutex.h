@@ -64,6 +64,24 @@ SHARED_EXPORT int RobustMutexKind();
 // glibc's kind word of a mutex made by InitSharedMutex (and by Boost's interprocess_mutex).
 SHARED_EXPORT int SharedMutexKind();
 
+// While one lives on a thread, that thread's contended waits in LockRecovering may be ended by a
+// boost::thread interruption: between two slices of the wait, an interruption requested of the
+// thread (and not disabled there) ends the wait with boost::thread_interrupted, the mutex not
+// taken. The request is left pending, so that the thread's next interruption point takes it even
+// when a caller swallows this exception. Other threads' waits are unchanged. For threads that
+// their owner stops by interruption and joins (a slot reader's): a holder that stays alive
+// without letting go (stopped by SIGSTOP or a debugger) cannot then hold up the join.
+class SHARED_EXPORT InterruptibleLockWaits {
+public:
+    InterruptibleLockWaits();
+    ~InterruptibleLockWaits();
+    InterruptibleLockWaits(const InterruptibleLockWaits&) = delete;
+    InterruptibleLockWaits& operator=(const InterruptibleLockWaits&) = delete;
+
+private:
+    bool previous_;
+};
+
 // Blocking lock, of a robust mutex or a plain process-shared one. Uncontended it is one trylock.
 // Contended it waits in slices of the monotonic clock and, between them, looks at the lock: a lock
 // that no live holder can leave, or a holder that `watch` rejects, is a damaged lock. For a robust
@@ -73,8 +91,8 @@ SHARED_EXPORT int SharedMutexKind();
 // recorded; any other kind of mutex is damaged. When that persists for CreationWaitLimit() (2 s by
 // default) the lock is given up: watch->giveUp is told, and
 // boost::interprocess::interprocess_exception("the lock <why>") is thrown. A live, plausible holder
-// is waited for as long as it holds the mutex. Throws boost::interprocess::lock_exception when the
-// system refuses.
+// is waited for as long as it holds the mutex, or until an interruption where the thread has an
+// InterruptibleLockWaits. Throws boost::interprocess::lock_exception when the system refuses.
 SHARED_EXPORT void LockRecovering(pthread_mutex_t* mutex, const OwnerDeadRepair& repair,
                                   const LockWatch* watch = nullptr);
 // Why `mutex` cannot be released by a live holder, or empty (see LockRecovering). A snapshot of

@@ -121,20 +121,23 @@ public:
             }
             AwaitUnheldMutex(manager + offsets.allocator,
                              "The allocator lock of segment '" + name_ + "'", remedy);
-            AwaitUnheldMutex(manager + offsets.index, "The index lock of segment '" + name_ + "'",
-                             remedy);
         }
-        mutex_ = segment_.find<bi::interprocess_mutex>(bi::unique_instance).first;
-        if (mutex_ == nullptr) {
-            // A segment made by a process that did not construct the mutex at creation.
-            auto construct = [this] {
-                mutex_ = segment_.find<bi::interprocess_mutex>(bi::unique_instance).first;
-                if (mutex_ == nullptr) {
-                    mutex_ = segment_.construct<bi::interprocess_mutex>(bi::unique_instance)();
-                    InitRobustMutex(NativeMutex(mutex_));
-                }
-            };
-            segment_.atomic_func(construct);
+        {
+            // Held through the find (and the construction): the wait for the index lock is
+            // bounded.
+            const SegmentIndexLock index(segment_, name_, remedy);
+            mutex_ = segment_.find<bi::interprocess_mutex>(bi::unique_instance).first;
+            if (mutex_ == nullptr) {
+                // A segment made by a process that did not construct the mutex at creation.
+                auto construct = [this] {
+                    mutex_ = segment_.find<bi::interprocess_mutex>(bi::unique_instance).first;
+                    if (mutex_ == nullptr) {
+                        mutex_ = segment_.construct<bi::interprocess_mutex>(bi::unique_instance)();
+                        InitRobustMutex(NativeMutex(mutex_));
+                    }
+                };
+                segment_.atomic_func(construct);
+            }
         }
         CrashPoint("segment-opened");
     }
@@ -172,6 +175,24 @@ private:
 };
 
 }  // namespace
+
+SegmentIndexLock::SegmentIndexLock(SlotSegment& segment, const std::string& name,
+                                   const std::string& remedy)
+    : mutex_(nullptr) {
+    const ManagerMutexes& offsets = FindManagerMutexes();
+    if (!offsets.known) {
+        return;
+    }
+    void* mutex = reinterpret_cast<char*>(segment.get_segment_manager()) + offsets.index;
+    LockUnheldMutex(mutex, "The index lock of segment '" + name + "'", remedy);
+    mutex_ = mutex;
+}
+
+SegmentIndexLock::~SegmentIndexLock() {
+    if (mutex_ != nullptr) {
+        pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex_));
+    }
+}
 
 ISharedMemory* CreateSharedMemory(boost::interprocess::open_or_create_t, const char* name,
                                   unsigned int size) {

@@ -44,6 +44,23 @@ public:
     virtual ~ISharedMemory() {}
 };
 
+// Holds the name index lock of `segment` while it lives. Boost's segment manager takes that
+// lock (recursive, not robust) in every find, construct and atomic_func and waits for it without
+// limit, for ever when a process died holding it. Taken here with the bound and the dead-holder
+// check of AwaitUnheldMutex, those calls then take it again at once. Throws
+// boost::interprocess::interprocess_exception as AwaitUnheldMutex does, the segment named `name`
+// and `remedy` in its text. Does nothing when the lock's place in the segment manager is unknown.
+class SHARED_EXPORT SegmentIndexLock {
+public:
+    SegmentIndexLock(SlotSegment& segment, const std::string& name, const std::string& remedy);
+    ~SegmentIndexLock();
+    SegmentIndexLock(const SegmentIndexLock&) = delete;
+    SegmentIndexLock& operator=(const SegmentIndexLock&) = delete;
+
+private:
+    void* mutex_;  // the index lock, held; null when unknown
+};
+
 // Opens the segment `name`, creating it with `size` bytes when it does not exist.
 // Failures raise boost::interprocess::interprocess_exception.
 SHARED_EXPORT ISharedMemory* CreateSharedMemory(boost::interprocess::open_or_create_t,

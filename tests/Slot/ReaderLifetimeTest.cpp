@@ -5,6 +5,7 @@
 #include "Collector.h"
 #include "Eventually.h"
 #include "FakeSlot.h"
+#include "HeaderHolder.h"
 #include "LogCapture.h"
 #include "Readers.h"
 #include "ShmHygiene.h"
@@ -18,7 +19,12 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
+#include <atomic>
 #include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -86,6 +92,117 @@ TEST(ReliableSlotReader, InitWaitsOneUpdateTimeAndDestructionLogsItsSteps) {
                   "Thread shutdown for " + name.str(), "~ReliableSlotReader() joined, " + quoted,
                   "~ReliableSlotReader() unlocked, " + quoted, "~BaseSlotReader(), " + quoted}),
               log.Messages());
+}
+
+// ---- stopping while other processes keep the reader busy ----
+
+// Resets `reader` on another thread; true when that returned within a bound no loaded machine
+// misses. Then runs `unblock`, which must let a destruction that is still waiting end, and
+// waits for it.
+template <class Pointer>
+bool DestroyedInTime(Pointer& reader, const std::function<void()>& unblock) {
+    std::future<void> destroyed = std::async(std::launch::async, [&reader] { reader.reset(); });
+    const bool inTime = destroyed.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    unblock();
+    destroyed.get();
+    return inTime;
+}
+
+std::string Numbered(std::uint64_t number) {
+    std::string block(16, '\0');
+    std::memcpy(&block[0], &number, sizeof(number));
+    return block;
+}
+
+// A writer process keeps a slow reader's queue full: the destructor still returns, the block in
+// hand delivered and the rest left queued; the next reader gets every remaining block, in order,
+// none twice.
+TEST(ReliableSlotReader, StopsDrainingAQueueThatWritersKeepFull) {
+    ScopedSlotName name("drainstop");
+    const SimpleSlotCfg cfg(name, "reliable", pt::milliseconds(50), 20);
+    struct Ledger {
+        std::atomic<bool> stop;
+        std::atomic<std::uint64_t> written;  // blocks 0 .. written-1 are in the slot or read
+    };
+    const auto ledger = testsupport::SharedWithChildren<Ledger>();
+    testsupport::ChildProcess writer([&] {
+        testsupport::DieWithParent();
+        boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
+        while (!ledger->stop) {
+            {
+                boost::interprocess::scoped_lock<shared::ILockable> lock(*slot->GetLockable());
+                if (slot->GetBufferLength() < cfg.GetMaxBufferLength()) {
+                    const std::string block = Numbered(ledger->written);
+                    slot->WriteData(block.data(), block.size());
+                    ++ledger->written;
+                }
+            }
+            slot->GetOnWriteCondition()->Notify();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return 0;
+    });
+    ASSERT_TRUE(testsupport::Eventually([&] { return ledger->written >= 20; }));
+    boost::shared_ptr<Collector> first(new Collector);
+    first->action = [] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); };
+    INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, first);
+    ASSERT_TRUE(first->WaitFor(5));
+    EXPECT_TRUE(DestroyedInTime(reader, [&] { ledger->stop = true; }))
+        << "the destructor waited for the writer to stop";
+    EXPECT_TRUE(writer.Wait().Ok());
+    const std::uint64_t written = ledger->written;
+    ASSERT_LE(first->Count(), written);
+    boost::shared_ptr<Collector> next(new Collector);
+    INotifierPtr again = SlotFactory::CreateSlotReader(&cfg, next);
+    EXPECT_TRUE(next->WaitFor(written - first->Count()));
+    again.reset();
+    std::string received;
+    for (const auto& collector : {first, next}) {
+        received += collector->Stream();
+    }
+    std::string expected;
+    for (std::uint64_t number = 0; number < written; ++number) {
+        expected += Numbered(number);
+    }
+    EXPECT_EQ(expected, received);
+}
+
+// A live process that keeps the slot's lock and is stopped (SIGSTOP) holds up neither the
+// reader's thread nor its destructor, whether the thread waits for the lock before its sleep on
+// the slot or after it; the interruption ends the thread as a stop does, and the lock is free
+// once the holder lets go.
+TEST(ReliableSlotReader, StopsWhileAStoppedProcessKeepsTheSlotsLock) {
+    for (const bool heldFirst : {true, false}) {
+        SCOPED_TRACE(heldFirst ? "held before the thread starts" : "held while it sleeps");
+        ScopedSlotName name("lockstop");
+        LogCapture log("Slot.Reader", log4cxx::Level::getDebug());
+        boost::shared_ptr<ISlot> slot(
+            new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), 64, 4));
+        auto reader = std::make_unique<ReliableSlotReader>(slot, pt::milliseconds(50));
+        std::unique_ptr<testsupport::HeaderHolder> holder;
+        const auto hold = [&] {
+            holder.reset(new testsupport::HeaderHolder(name));
+            ASSERT_TRUE(holder->WaitLocked());
+            ::kill(holder->Child().Pid(), SIGSTOP);
+        };
+        if (heldFirst) {
+            hold();
+        }
+        reader->Init();
+        if (!heldFirst) {
+            hold();
+        }
+        // Several update times: the thread is waiting for the lock now.
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_TRUE(DestroyedInTime(reader, [&] {
+            ::kill(holder->Child().Pid(), SIGCONT);
+            holder->Release();
+        })) << "the destructor waited for the stopped holder";
+        EXPECT_TRUE(holder->Child().Wait().Ok());
+        EXPECT_EQ(1u, log.Count("DEBUG", "Thread shutdown for " + name.str()));
+        ASSERT_TRUE(slot->GetLockable()->try_lock()) << "the lock was left held";
+        slot->GetLockable()->unlock();
+    }
 }
 
 // A child forked (without exec) while readers run drops its copies at once; the parent's readers

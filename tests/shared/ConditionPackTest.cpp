@@ -13,6 +13,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
+#include <memory>
 #include <string>
 
 namespace {
@@ -197,6 +199,82 @@ TEST_F(ConditionPack, AWaitWhoseRelockFailsLeavesTheLockAsItFoundIt) {
     EXPECT_EQ(0u, Load(c.cond->waiters));
     __atomic_store_n(&native->__data.__kind, kind, __ATOMIC_RELAXED);
     EXPECT_TRUE(c.lockable.try_lock()) << "the mutex was left unlocked";
+    c.lockable.unlock();
+}
+
+// A thread blocked on the mutex, which the test thread holds. `allowed`: it has
+// InterruptibleLockWaits. It records how its wait ended.
+class BlockedLocker {
+public:
+    enum Outcome { Waiting, Locked, Interrupted, InterruptedRequestTaken };
+
+    BlockedLocker(bool allowed, const std::function<void()>& wait)
+        : thread_([this, allowed, wait] {
+              tid = CurrentTid();
+              std::unique_ptr<shared::InterruptibleLockWaits> interruptible;
+              if (allowed) {
+                  interruptible.reset(new shared::InterruptibleLockWaits);
+              }
+              try {
+                  wait();
+                  outcome = Locked;
+              } catch (const boost::thread_interrupted&) {
+                  outcome = boost::this_thread::interruption_requested() ? Interrupted
+                                                                         : InterruptedRequestTaken;
+              }
+          }) {}
+    ~BlockedLocker() { thread_.join(); }  // the test releases the mutex before
+
+    // Interrupts the thread once it is blocked; true when it ended within `timeout`.
+    bool InterruptAndJoin(milliseconds timeout) {
+        EXPECT_TRUE(Eventually([&] { return tid.load() != 0; }));
+        EXPECT_TRUE(WaitUntilBlocked(::getpid(), tid));
+        thread_.interrupt();
+        return thread_.try_join_for(boost::chrono::milliseconds(timeout.count()));
+    }
+
+    std::atomic<pid_t> tid{0};
+    std::atomic<int> outcome{Waiting};
+
+private:
+    boost::thread thread_;
+};
+
+// Where a thread has InterruptibleLockWaits, an interruption ends its waits for a held mutex
+// (lock(), and the locks before and after a condition wait) without the mutex, leaving the
+// request pending. Elsewhere the lock waits on.
+TEST_F(ConditionPack, AnInterruptionEndsLockWaitsOnlyWhereTheThreadAllowsIt) {
+    const std::function<void()> lock = [&] {
+        c.lockable.lock();
+        c.lockable.unlock();
+    };
+    const std::function<void()> wait = [&] { c.pack->Wait(pt::seconds(20)); };
+    {
+        c.lockable.lock();
+        BlockedLocker plain(false, lock);
+        EXPECT_FALSE(plain.InterruptAndJoin(milliseconds(300))) << "a plain lock was interrupted";
+        c.lockable.unlock();
+        EXPECT_TRUE(Eventually([&] { return plain.outcome == BlockedLocker::Locked; }));
+    }
+    for (const std::function<void()>& blocked : {lock, wait}) {
+        c.lockable.lock();
+        BlockedLocker allowed(true, blocked);
+        EXPECT_TRUE(allowed.InterruptAndJoin(seconds(10)));
+        EXPECT_EQ(BlockedLocker::Interrupted, allowed.outcome);
+        c.lockable.unlock();
+    }
+    {
+        // Asleep in the condition, woken while the mutex is held: the relock is interrupted.
+        BlockedLocker relock(true, wait);
+        ASSERT_TRUE(WaitForWaiters(c, 1));
+        c.lockable.lock();
+        c.pack->Notify();
+        EXPECT_TRUE(relock.InterruptAndJoin(seconds(10)));
+        EXPECT_EQ(BlockedLocker::Interrupted, relock.outcome);
+        EXPECT_EQ(0u, Load(c.cond->waiters));
+        c.lockable.unlock();
+    }
+    EXPECT_TRUE(c.lockable.try_lock()) << "an interrupted wait left the mutex held";
     c.lockable.unlock();
 }
 

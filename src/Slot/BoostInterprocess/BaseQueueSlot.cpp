@@ -34,6 +34,23 @@ namespace {
 
 const char* const CreationFailurePrefix = "Slot could not be created: ";
 
+// What to do about a header segment whose manager locks a dead process left held.
+std::string StaleRemedy(const std::string& name) {
+    return "remove it (slotctl rm --stale " + name + ") and create the slot again";
+}
+
+// Runs `call`, one call of the segment manager that takes the segment's index lock (a find, a
+// construction, a destruction). Boost waits for that lock without a bound, and other openers take
+// it without the slot's lock (their find of the header mutex): one that died inside would keep a
+// caller that holds the slot's lock, and so the slot, for ever. The lock is taken here first,
+// bounded, and the call takes it again at once (it is recursive). Held for this call only, so a
+// death between two calls leaves it free.
+template <class Call>
+auto WithIndexLock(shared::SlotSegment& segment, const std::string& name, const Call& call) {
+    const shared::SegmentIndexLock index(segment, name, StaleRemedy(name));
+    return call();
+}
+
 // Offsets inside the queue and the header segment are 32-bit signed (shared::SlotOffsetPtr), and
 // Boost sizes the queue in 32-bit unsigned arithmetic that wraps silently. Refuse sizes whose
 // objects could not be addressed, with a generous bound on the queue's per-message overhead.
@@ -152,17 +169,26 @@ void BaseQueueSlot::ConstructHeader() {
                                                              boost::interprocess::accept_ownership);
     shared::SlotSegment& segment = segment_->GetSegment();
     CheckHeaderSegment();
+    shared::StopPoint("header-checked");
 
-    writeTime_ = segment.find_or_construct<boost::posix_time::ptime>(
-        Slot::HeaderObjectNames[Slot::LastWriteTime])();
-    bufferDataSize_ =
-        segment.find_or_construct<unsigned int>(Slot::HeaderObjectNames[Slot::OutputDataSize])();
+    writeTime_ = WithIndexLock(segment, name_, [&] {
+        return segment.find_or_construct<boost::posix_time::ptime>(
+            Slot::HeaderObjectNames[Slot::LastWriteTime])();
+    });
+    bufferDataSize_ = WithIndexLock(segment, name_, [&] {
+        return segment.find_or_construct<unsigned int>(
+            Slot::HeaderObjectNames[Slot::OutputDataSize])();
+    });
 
-    bufferHandle_ = segment.find<int>(Slot::HeaderObjectNames[Slot::OutputHandle]).first;
+    bufferHandle_ = WithIndexLock(segment, name_, [&] {
+        return segment.find<int>(Slot::HeaderObjectNames[Slot::OutputHandle]).first;
+    });
     if (bufferHandle_ == nullptr) {
         // First opener: allocate the output buffer. If that fails, take the handle object back
         // so that no later opener finds a handle without a buffer.
-        bufferHandle_ = segment.construct<int>(Slot::HeaderObjectNames[Slot::OutputHandle])(0);
+        bufferHandle_ = WithIndexLock(segment, name_, [&] {
+            return segment.construct<int>(Slot::HeaderObjectNames[Slot::OutputHandle])(0);
+        });
         if (bufferHandle_ == nullptr) {
             throw AbortSlotCreationException(InvalidHeaderMsg());
         }
@@ -172,7 +198,7 @@ void BaseQueueSlot::ConstructHeader() {
             shared::CrashPoint("buffer-allocated");
             *bufferHandle_ = segment.get_handle_from_address(buffer);
         } catch (...) {
-            segment.destroy_ptr(bufferHandle_);
+            WithIndexLock(segment, name_, [&] { segment.destroy_ptr(bufferHandle_); });
             bufferHandle_ = nullptr;
             throw;
         }
@@ -233,9 +259,11 @@ void BaseQueueSlot::FinishOutputBuffer() {
 void BaseQueueSlot::ConstructRwSync() {
     // Not an interprocess_condition: see shared/InterprocCondition.h (a waiter killed mid-wait
     // must not hang the slot's other processes). Same size, same place in the layout.
-    shared::InterprocCondition* condition =
-        segment_->GetSegment().find_or_construct<shared::InterprocCondition>(
+    shared::SlotSegment& segment = segment_->GetSegment();
+    shared::InterprocCondition* condition = WithIndexLock(segment, name_, [&] {
+        return segment.find_or_construct<shared::InterprocCondition>(
             Slot::HeaderObjectNames[Slot::WriteCondition])();
+    });
     boost::interprocess::interprocess_mutex* mutex = segment_->GetMutex();
     if (condition == nullptr || mutex == nullptr) {
         throw AbortSlotCreationException(InvalidHeaderMsg());
@@ -662,8 +690,7 @@ namespace {
 // waited for up to the creation bound (shared::AwaitUnheldMutex throws).
 void AwaitManagerLocks(const void* base, const SlotImage::HeaderImage& image,
                        const std::string& name) {
-    const std::string remedy =
-        "remove it (slotctl rm --stale " + name + ") and create the slot again";
+    const std::string remedy = StaleRemedy(name);
     const char* bytes = static_cast<const char*>(base);
     if (image.allocatorMutex.present) {
         shared::AwaitUnheldMutex(bytes + image.allocatorMutex.offset,

@@ -54,6 +54,10 @@ static_assert(sizeof(boost::interprocess::interprocess_condition) == 48,
 // under the queue's mutex; the header (write time, data size, output buffer) is guarded by the
 // header mutex, which callers take through GetLockable(). A thread holding GetLockable() must
 // not Wait() on GetOnWriteCondition() (same non-recursive mutex).
+//
+// Lock order while the header is built or opened: the header mutex, then the header segment's
+// index lock (around each segment-manager call only), then its allocator lock (Boost's, inside
+// such a call or an allocation). Openers without the header mutex take the index lock alone.
 class SLOT_EXPORT BaseQueueSlot : public ISlot {
 public:
     typedef boost::interprocess::message_queue_t<shared::SlotOffsetPtr> MessageQueue;

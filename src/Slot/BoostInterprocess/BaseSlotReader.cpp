@@ -4,6 +4,7 @@
 
 #include <shared/ILockable.h>
 #include <shared/ISyncEvent.h>
+#include <shared/RobustMutex.h>
 
 #include <boost/bind/bind.hpp>
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -140,6 +141,9 @@ void BaseSlotReader::InitBody() {
 
 void BaseSlotReader::operator()() {
     RunningReader = this;
+    // The stop request also ends a wait for a slot's lock that a live process keeps (one
+    // stopped by SIGSTOP or a debugger), here and in subscribers: the destructor's join returns.
+    const shared::InterruptibleLockWaits interruptibleLockWaits;
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "Thread started");
     }

@@ -113,9 +113,12 @@ shared::SizedArray ReliableSlotReader::ReadAndNotify() {
     // counted block is still there when it is read. Blocks added meanwhile are drained too, with
     // or without subscribers: a host that must not miss the blocks waiting at the start
     // subscribes before the thread runs (SlotFactory::CreateSlotReader with a first subscriber).
-    // A reader released by a subscriber takes nothing more: the rest stays for the next reader.
+    // A reader released by a subscriber takes nothing more, nor does one asked to stop (its
+    // destructor waits): the block in hand has been delivered, the rest stays for the next reader.
+    // Otherwise writers that keep the queue filled would hold the destructor up for ever.
     shared::SizedArray result;
     while (!Released() && slot_->GetBufferLength() != 0) {
+        boost::this_thread::interruption_point();
         result = BaseSlotReader::ReadAndNotify();
     }
     return result;

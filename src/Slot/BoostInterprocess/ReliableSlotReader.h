@@ -40,6 +40,8 @@ public:
     boost::shared_ptr<boost::mutex> FindOrCreateSingletonMutex(const std::string& name);
 
     bool DataInSlotIsActual() override;
+    // Drains the queue, one block per lock of the slot; a stop request ends the drain before the
+    // next block (boost::thread_interrupted), leaving the rest queued.
     shared::SizedArray ReadAndNotify() override;
 
     // One mutex per slot name for the whole process; entries are never removed, so the next

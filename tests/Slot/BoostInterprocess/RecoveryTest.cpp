@@ -489,6 +489,45 @@ TEST(UnfinishedCreation, DeathInsideTheSegmentIndexIsReportedNotWaitedFor) {
     }
 }
 
+// An opener holding the slot's lock has checked the segment's index lock; another process then
+// dies inside the index (in its own find, which it makes without the slot's lock). The opener
+// names the dead holder and lets the slot's lock go, instead of waiting for the index for ever
+// with the slot's lock held.
+TEST(UnfinishedCreation, DeathInsideTheSegmentIndexAfterTheCheckIsReportedNotWaitedFor) {
+    SKIP_WITHOUT_CRASH_POINTS();
+    ScopedSlotName name;
+    { ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity); }
+    const std::string expected = "Slot could not be created: The index lock of segment '" +
+                                 name.str() + "' is held by thread ";
+    ChildProcess opener([&] {
+        shared::ArmCrashPoint("header-checked");
+        try {
+            ReliableSlot slot(open_or_create, name.c_str(), kMaxSize, kCapacity);
+        } catch (const AbortSlotCreationException& e) {
+            Require(std::string(e.what()).rfind(expected, 0) == 0, 11, e.what());
+            return 0;
+        }
+        return Failed(12, "no exception");
+    });
+    int status = 0;
+    ASSERT_TRUE(testsupport::Eventually(
+        [&] { return ::waitpid(opener.Pid(), &status, WNOHANG | WUNTRACED) == opener.Pid(); }));
+    ASSERT_TRUE(WIFSTOPPED(status)) << "the opener ended instead of stopping";
+    ChildProcess dier([&] {
+        std::unique_ptr<shared::ISharedMemory> segment(
+            shared::CreateSharedMemory(open_or_create, name.c_str(), 4096));
+        auto die = [] { shared::KillThisProcess(); };
+        segment->GetSegment().atomic_func(die);
+        return 3;
+    });
+    EXPECT_EQ(9, dier.Wait(seconds(30)).signal);
+    ::kill(opener.Pid(), SIGCONT);
+    const ChildResult result = opener.Wait(seconds(30));
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_EQ(0, RawObject(name.str(), false).Image().headerMutexOwnerThread)
+        << "the slot's lock was left held";
+}
+
 // A full /dev/shm: creation fails with the system's text instead of a later SIGBUS, and leaves
 // nothing behind. Needs a private mount namespace with a tiny tmpfs on /dev/shm (root).
 TEST(NoSpace, CreationReservesBothObjectsAndFailsCleanly) {
