@@ -425,9 +425,9 @@ public:
             PoolSink* outer = current;
             current = this;
             Deliver(callback, data, size);
-            current = outer;
+            progress_.CallbackReturned();  // before the DECREF, as in ReaderSink::Deliver
             Py_DECREF(callback);
-            progress_.CallbackReturned();
+            current = outer;
         }
     }
 

@@ -153,9 +153,12 @@ private:
             // Reported through sys.unraisablehook; the reader goes on.
             PyErr_WriteUnraisable(callback);
         }
-        current = outer;
-        Py_DECREF(callback);
+        // The callback has returned before its last reference goes: that reference may hold
+        // the reader's last one, and a close run by the DECREF must find itself on the reader's
+        // own thread (not wait for this callback's return, which only this thread can report).
         progress_.CallbackReturned();
+        Py_DECREF(callback);
+        current = outer;
     }
 
     // Called with the GIL; the callback's last reference may run Python code.
