@@ -438,6 +438,12 @@ public:
         Py_XDECREF(callback);
     }
 
+    // The garbage collector's visit of the callback. Called with the GIL.
+    int Traverse(visitproc visit, void* arg) {
+        Py_VISIT(callback_);
+        return 0;
+    }
+
     bool OnOwnThread() const { return current == this; }
 
     // The reader's close, for other closers to wait for.
@@ -536,6 +542,10 @@ public:
 
     bool Closed() const { return !reader_; }
     const std::string& Name() const { return name_; }
+
+    // As Reader's: a pool reader found in an unreachable cycle is closed.
+    int Traverse(visitproc visit, void* arg) { return sink_->Traverse(visit, arg); }
+    void Clear() { Close(); }
 
 private:
     std::string name_;
@@ -640,7 +650,8 @@ A pool block kept beyond the reader's callback: the block is not handed out agai
         .def("__enter__", [](py::object self) { return self; })
         .def("__exit__", [](Hold& hold, const py::args&) { hold.Close(); });
 
-    py::class_<PoolReaderHandle>(m, "PoolReader", "Native pool reader; use libslot.PoolReader.")
+    py::class_<PoolReaderHandle>(m, "PoolReader", "Native pool reader; use libslot.PoolReader.",
+                                 Collected<PoolReaderHandle>())
         .def(py::init<const Slot::PoolConfig&, const py::object&>(), py::arg("config"),
              py::arg("callback"))
         .def("hold", &PoolReaderHandle::HoldBlock,

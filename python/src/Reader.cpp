@@ -123,6 +123,12 @@ public:
         DropCallback();
     }
 
+    // The garbage collector's visit of the callback. Called with the GIL.
+    int Traverse(visitproc visit, void* arg) {
+        Py_VISIT(callback_);
+        return 0;
+    }
+
     // True on this sink's reader thread, inside its callback.
     bool OnOwnThread() const { return current == this; }
 
@@ -257,6 +263,11 @@ public:
     const std::string& Name() const { return name_; }
     const std::string& Type() const { return type_; }
 
+    // The garbage collector's view (Collected): the callback is the reader's one reference to
+    // Python objects; a reader found in an unreachable cycle is closed, which drops it.
+    int Traverse(visitproc visit, void* arg) { return sink_->Traverse(visit, arg); }
+    void Clear() { Close(); }
+
 private:
     // Made by the process this one was forked from.
     bool Inherited() const { return generation_ != ForkGeneration(); }
@@ -282,7 +293,7 @@ void CloseAllReaders() {
 }  // namespace
 
 void BindReader(py::module_& m) {
-    py::class_<Reader>(m, "Reader", "Native reader; use libslot.Reader.")
+    py::class_<Reader>(m, "Reader", "Native reader; use libslot.Reader.", Collected<Reader>())
         .def(py::init<const SlotConfig&, const py::object&>(), py::arg("config"),
              py::arg("callback") = py::none())
         .def("get", &Reader::Get, py::arg("timeout") = py::none(),

@@ -105,12 +105,13 @@ def open_reader_and_writer(kind, name, callback):
 
 
 @pytest.mark.parametrize("kind", ["slot", "pool"])
-@pytest.mark.parametrize("how", ["closed in its callback"])
+@pytest.mark.parametrize("how", ["closed in its callback", "collected"])
 def test_a_reader_its_owner_drops_lets_the_slot_go(name, kind, how):
     # An object that reads through a bound method is kept only by the cycle through the
     # reader's callback once dropped. Closed in its callback, the reader's destructor runs on
     # its own thread when the callback's last reference goes, and must not wait for that very
-    # callback to return: the slot or queue pool takes a new reader, and the owner is gone.
+    # callback to return; never closed, the garbage collector closes it. Either way the slot or
+    # queue pool takes a new reader, and the owner is gone.
     called, keep = threading.Event(), []
 
     class Consumer:
