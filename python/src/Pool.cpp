@@ -508,7 +508,7 @@ public:
     // while another thread's close is under way waits for that one.
     void Close() {
         openPoolReaders.erase(this);
-        const bool inherited = generation_ != ForkGeneration();
+        const bool inherited = Inherited();
         if (!reader_) {
             if (!inherited && !sink_->OnOwnThread()) {
                 sink_->Progress().Wait();
@@ -540,7 +540,8 @@ public:
         return std::make_unique<Hold>(block);
     }
 
-    bool Closed() const { return !reader_; }
+    // An inherited reader is closed: its thread is in the parent.
+    bool Closed() const { return !reader_ || Inherited(); }
     const std::string& Name() const { return name_; }
 
     // As Reader's: a pool reader found in an unreachable cycle is closed.
@@ -548,6 +549,9 @@ public:
     void Clear() { Close(); }
 
 private:
+    // Made by the process this one was forked from.
+    bool Inherited() const { return generation_ != ForkGeneration(); }
+
     std::string name_;
     boost::shared_ptr<PoolSink> sink_;
     INotifierPtr reader_;  // guarded by the GIL

@@ -507,6 +507,8 @@ def test_a_forked_child_drops_inherited_readers_and_exits_at_once(names):
             pid = os.fork()
             if pid == 0:
                 if i == 0:
+                    if not (reader.closed and pool_reader.closed):
+                        os._exit(5)
                     reader.close()
                     pool_reader.close()
                 elif i == 1:
