@@ -213,7 +213,8 @@ class Reader(_native.Reader):
         """Next block. Waits at most ``timeout`` seconds (None, infinity or more than 1e9: no
         limit; ValueError for a negative timeout or NaN, TypeError for a non-number) and raises
         TimeoutError then; raises ReaderClosedError once the reader is closed and no block is
-        left. The GIL is released while waiting; Ctrl-C raises KeyboardInterrupt."""
+        left, and SlotError at once for a reader with a callback (its blocks go to the
+        callback). The GIL is released while waiting; Ctrl-C raises KeyboardInterrupt."""
         return super().get(timeout)
 
     def close(self) -> None:

@@ -135,6 +135,9 @@ public:
     // The reader's close, for other closers to wait for.
     CloseProgress& Progress() { return progress_; }
 
+    // Blocks go to the callback: none is ever queued for get().
+    bool HasCallback() const { return hasCallback_; }
+
     void SetName(const std::string& name) { name_ = name; }
 
 private:
@@ -248,6 +251,10 @@ public:
 
     py::bytes Get(const py::object& timeout) {
         const std::optional<std::chrono::steady_clock::time_point> deadline = Deadline(timeout);
+        if (sink_->HasCallback()) {
+            throw SlotError("reader of '" + name_ +
+                            "' has a callback: blocks go to it, not to get()");
+        }
         if (Inherited()) {
             Close();
             throw ReaderClosed("reader of '" + name_ +
@@ -298,7 +305,7 @@ void BindReader(py::module_& m) {
              py::arg("callback") = py::none())
         .def("get", &Reader::Get, py::arg("timeout") = py::none(),
              "Next block as bytes; TimeoutError after ``timeout`` seconds, ReaderClosedError "
-             "once closed and drained.")
+             "once closed and drained, SlotError for a reader with a callback.")
         .def("close", &Reader::Close, "Stops the reader.")
         .def_property_readonly("closed", &Reader::Closed, "True once closed.")
         .def_property_readonly("pending", &Reader::Pending, "Blocks received, not yet taken.")

@@ -221,6 +221,16 @@ def test_callback_exceptions_are_reported_and_the_reader_goes_on(name, monkeypat
     assert len(reported) == 1 and str(reported[0]) == "broken consumer"
 
 
+def test_get_of_a_callback_reader_raises_at_once(name):
+    # Its blocks go to the callback: get() would wait out its whole timeout.
+    text = f"^reader of '{name}' has a callback: blocks go to it, not to get\\(\\)$"
+    with libslot.Reader(name, lambda block: None) as reader:
+        with pytest.raises(libslot.SlotError, match=text):
+            reader.get(timeout=WAIT)
+        with pytest.raises(libslot.SlotError, match=text):
+            next(iter(reader))
+
+
 def test_many_readers_each_get_every_block(name):
     count = 8
     callbacks, waits = [], []
