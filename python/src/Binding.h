@@ -288,6 +288,9 @@ T* Constructed(PyObject* self) {
 // collection on another thread must not see an object that is being destroyed.
 template <typename T>
 py::custom_type_setup Collected() {
+    static_assert(
+        sizeof(std::unique_ptr<T>) <= sizeof(void*) * py::detail::instance_simple_holder_in_ptrs(),
+        "Constructed reads the simple layout of a class with the default holder");
     return py::custom_type_setup([](PyHeapTypeObject* heapType) {
         PyTypeObject* type = &heapType->ht_type;
         type->tp_flags |= Py_TPFLAGS_HAVE_GC;
