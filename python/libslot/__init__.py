@@ -166,7 +166,9 @@ class Writer(_native.Writer):
 
     def write(self, data) -> WriteOutcome:
         """Stores ``data`` (bytes, bytearray, memoryview or any C-contiguous buffer) as one
-        block and returns what became of it. Raises SlotError when the writer is closed."""
+        block and returns what became of it. Raises SlotError when the writer is closed. Waits
+        for as long as another process holds the slot's lock; Ctrl-C takes effect when the
+        write returns."""
         return WriteOutcome(super().write(data))
 
     @property
@@ -199,8 +201,8 @@ class Reader(_native.Reader):
     on the name the reader is about to be bound to. A reliable slot has one reader on the
     machine (SlotCreationError for a second); this reader gets also the blocks that waited
     before it started. A discarding reader gets only blocks not older than the update time.
-    close() (or leaving the ``with`` block) stops it promptly: no callback runs after it
-    returns, also when it is called from inside the reader's own callback. A block the reader's
+    close() (or leaving the ``with`` block) stops it: no callback runs after it returns, also
+    when it is called from inside the reader's own callback. A block the reader's
     thread takes while close() waits for it still reaches the callback or the queue; blocks still
     waiting in a reliable slot stay there for the next reader.
     """
@@ -213,12 +215,15 @@ class Reader(_native.Reader):
         """Next block. Waits at most ``timeout`` seconds (None, infinity or more than 1e9: no
         limit; ValueError for a negative timeout or NaN, TypeError for a non-number) and raises
         TimeoutError then; raises ReaderClosedError once the reader is closed and no block is
-        left. The GIL is released while waiting; Ctrl-C raises KeyboardInterrupt."""
+        left, and SlotError at once for a reader with a callback (its blocks go to the
+        callback). The GIL is released while waiting; Ctrl-C raises KeyboardInterrupt."""
         return super().get(timeout)
 
     def close(self) -> None:
-        """Stops the reader. Blocks already received, also those the reader's thread takes
-        while close() waits for it, can still be taken with get(). Idempotent:
+        """Stops the reader. It waits for the reader's thread, which may wait for as long as
+        another process holds the slot's lock; Ctrl-C takes effect when close() returns. Blocks
+        already received, also those the reader's thread takes while close() waits for it, can
+        still be taken with get(). Idempotent:
         a close while another thread's close is under way waits for that one to end (except
         inside the reader's own callback, where it returns at once)."""
         super().close()

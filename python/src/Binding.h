@@ -267,6 +267,51 @@ inline void ReleaseReader(CloseProgress& progress, INotifierPtr& reader, bool on
     }
 }
 
+// The C++ object of a pybind11 instance of one bound class with a pointer-sized holder (or of a
+// Python subclass of it), or null before __init__ has made it. Such an instance has the simple
+// layout once pybind11 has laid it out; before, its memory is zero (and a collection may visit
+// it then: pybind11 allocates while laying out the first instance of a type).
+template <typename T>
+T* Constructed(PyObject* self) {
+    const py::detail::instance* instance = reinterpret_cast<py::detail::instance*>(self);
+    if (!instance->simple_layout || !instance->simple_holder_constructed) {
+        return nullptr;
+    }
+    return static_cast<T*>(instance->simple_value_holder[0]);
+}
+
+// Garbage-collector support for a pybind11 class whose C++ object holds Python references (a
+// reader's callback, which usually refers back to the reader's owner): without it a reader in
+// such a cycle would never be collected, its thread and slot kept for the life of the process.
+// T::Traverse(visit, arg) visits the references, T::Clear() lets them go (a reader closes).
+// Instances are untracked before their destructor runs: it may let the GIL go, and a
+// collection on another thread must not see an object that is being destroyed.
+template <typename T>
+py::custom_type_setup Collected() {
+    static_assert(
+        sizeof(std::unique_ptr<T>) <= sizeof(void*) * py::detail::instance_simple_holder_in_ptrs(),
+        "Constructed reads the simple layout of a class with the default holder");
+    return py::custom_type_setup([](PyHeapTypeObject* heapType) {
+        PyTypeObject* type = &heapType->ht_type;
+        type->tp_flags |= Py_TPFLAGS_HAVE_GC;
+        type->tp_traverse = [](PyObject* self, visitproc visit, void* arg) {
+            Py_VISIT(Py_TYPE(self));  // an instance of a heap type refers to its type
+            T* native = Constructed<T>(self);
+            return native ? native->Traverse(visit, arg) : 0;
+        };
+        type->tp_clear = [](PyObject* self) {
+            if (T* native = Constructed<T>(self)) {
+                native->Clear();
+            }
+            return 0;
+        };
+        type->tp_dealloc = [](PyObject* self) {
+            PyObject_GC_UnTrack(self);
+            py::detail::pybind11_object_dealloc(self);
+        };
+    });
+}
+
 void BindReader(py::module_& m);
 void BindPool(py::module_& m);
 // Stops every open pool reader (interpreter exit).

@@ -425,9 +425,9 @@ public:
             PoolSink* outer = current;
             current = this;
             Deliver(callback, data, size);
-            current = outer;
+            progress_.CallbackReturned();  // before the DECREF, as in ReaderSink::Deliver
             Py_DECREF(callback);
-            progress_.CallbackReturned();
+            current = outer;
         }
     }
 
@@ -436,6 +436,12 @@ public:
         PyObject* callback = callback_;
         callback_ = nullptr;
         Py_XDECREF(callback);
+    }
+
+    // The garbage collector's visit of the callback. Called with the GIL.
+    int Traverse(visitproc visit, void* arg) {
+        Py_VISIT(callback_);
+        return 0;
     }
 
     bool OnOwnThread() const { return current == this; }
@@ -502,7 +508,7 @@ public:
     // while another thread's close is under way waits for that one.
     void Close() {
         openPoolReaders.erase(this);
-        const bool inherited = generation_ != ForkGeneration();
+        const bool inherited = Inherited();
         if (!reader_) {
             if (!inherited && !sink_->OnOwnThread()) {
                 sink_->Progress().Wait();
@@ -534,10 +540,18 @@ public:
         return std::make_unique<Hold>(block);
     }
 
-    bool Closed() const { return !reader_; }
+    // An inherited reader is closed: its thread is in the parent.
+    bool Closed() const { return !reader_ || Inherited(); }
     const std::string& Name() const { return name_; }
 
+    // As Reader's: a pool reader found in an unreachable cycle is closed.
+    int Traverse(visitproc visit, void* arg) { return sink_->Traverse(visit, arg); }
+    void Clear() { Close(); }
+
 private:
+    // Made by the process this one was forked from.
+    bool Inherited() const { return generation_ != ForkGeneration(); }
+
     std::string name_;
     boost::shared_ptr<PoolSink> sink_;
     INotifierPtr reader_;  // guarded by the GIL
@@ -640,7 +654,8 @@ A pool block kept beyond the reader's callback: the block is not handed out agai
         .def("__enter__", [](py::object self) { return self; })
         .def("__exit__", [](Hold& hold, const py::args&) { hold.Close(); });
 
-    py::class_<PoolReaderHandle>(m, "PoolReader", "Native pool reader; use libslot.PoolReader.")
+    py::class_<PoolReaderHandle>(m, "PoolReader", "Native pool reader; use libslot.PoolReader.",
+                                 Collected<PoolReaderHandle>())
         .def(py::init<const Slot::PoolConfig&, const py::object&>(), py::arg("config"),
              py::arg("callback"))
         .def("hold", &PoolReaderHandle::HoldBlock,

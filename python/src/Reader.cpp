@@ -109,11 +109,20 @@ public:
     // Called with the GIL.
     void Abandon() { DropCallback(); }
 
+    // The garbage collector's visit of the callback. Called with the GIL.
+    int Traverse(visitproc visit, void* arg) {
+        Py_VISIT(callback_);
+        return 0;
+    }
+
     // True on this sink's reader thread, inside its callback.
     bool OnOwnThread() const { return current == this; }
 
     // The reader's close, for other closers to wait for.
     CloseProgress& Progress() { return progress_; }
+
+    // Blocks go to the callback: none is ever queued for get().
+    bool HasCallback() const { return hasCallback_; }
 
     void SetName(const std::string& name) { name_ = name; }
 
@@ -139,9 +148,12 @@ private:
             // Reported through sys.unraisablehook; the reader goes on.
             PyErr_WriteUnraisable(callback);
         }
-        current = outer;
-        Py_DECREF(callback);
+        // The callback has returned before its last reference goes: that reference may hold
+        // the reader's last one, and a close run by the DECREF must find itself on the reader's
+        // own thread (not wait for this callback's return, which only this thread can report).
         progress_.CallbackReturned();
+        Py_DECREF(callback);
+        current = outer;
     }
 
     // Called with the GIL; the callback's last reference may run Python code.
@@ -223,6 +235,10 @@ public:
 
     py::bytes Get(const py::object& timeout) {
         const std::optional<std::chrono::steady_clock::time_point> deadline = Deadline(timeout);
+        if (sink_->HasCallback()) {
+            throw SlotError("reader of '" + name_ +
+                            "' has a callback: blocks go to it, not to get()");
+        }
         if (Inherited()) {
             Close();
             throw ReaderClosed("reader of '" + name_ +
@@ -237,6 +253,11 @@ public:
     size_t Pending() { return Inherited() ? 0 : sink_->Pending(); }
     const std::string& Name() const { return name_; }
     const std::string& Type() const { return type_; }
+
+    // The garbage collector's view (Collected): the callback is the reader's one reference to
+    // Python objects; a reader found in an unreachable cycle is closed, which drops it.
+    int Traverse(visitproc visit, void* arg) { return sink_->Traverse(visit, arg); }
+    void Clear() { Close(); }
 
 private:
     // Made by the process this one was forked from.
@@ -263,12 +284,12 @@ void CloseAllReaders() {
 }  // namespace
 
 void BindReader(py::module_& m) {
-    py::class_<Reader>(m, "Reader", "Native reader; use libslot.Reader.")
+    py::class_<Reader>(m, "Reader", "Native reader; use libslot.Reader.", Collected<Reader>())
         .def(py::init<const SlotConfig&, const py::object&>(), py::arg("config"),
              py::arg("callback") = py::none())
         .def("get", &Reader::Get, py::arg("timeout") = py::none(),
              "Next block as bytes; TimeoutError after ``timeout`` seconds, ReaderClosedError "
-             "once closed and drained.")
+             "once closed and drained, SlotError for a reader with a callback.")
         .def("close", &Reader::Close, "Stops the reader.")
         .def_property_readonly("closed", &Reader::Closed, "True once closed.")
         .def_property_readonly("pending", &Reader::Pending, "Blocks received, not yet taken.")

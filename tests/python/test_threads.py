@@ -34,17 +34,23 @@ def collecting_callback():
     return callback, wait_for
 
 
-def second_reader(name, type_):
-    """The next reader of the slot. A reliable reader closed inside its callback lets the slot
-    go once that callback has returned, on its own thread: until then a new reader is refused."""
+def accepted(open_reader):
+    """The reader open_reader() makes, retried while refused. A reliable reader closed inside
+    its callback lets the slot go once that callback has returned, on its own thread: until
+    then a new reader is refused."""
     deadline = time.monotonic() + WAIT
     while True:
         try:
-            return libslot.Reader(name, type=type_)
+            return open_reader()
         except libslot.SlotCreationError:
             if time.monotonic() > deadline:
                 raise
             time.sleep(0.01)
+
+
+def second_reader(name, type_):
+    """The next reader of the slot (see accepted)."""
+    return accepted(lambda: libslot.Reader(name, type=type_))
 
 
 @pytest.mark.parametrize("type_", ["reliable", "discarding", "posix-pipe"])
@@ -81,12 +87,52 @@ def test_callback_runs_on_the_reader_thread_and_may_close_its_reader(name, type_
         reader.close()  # again: nothing left to do
 
 
-def open_reader_and_writer(kind, name, callback):
+def open_reader(kind, name, callback):
+    """A reader of a reliable slot or of a queue pool: one reader on the machine."""
     if kind == "slot":
-        return (libslot.Reader(name, callback, type="reliable"),
-                libslot.Writer(name, type="reliable"))
-    return (libslot.PoolReader(name, callback, kind="queue", block_size=64, blocks=2),
-            libslot.PoolWriter(name, kind="queue", block_size=64, blocks=2))
+        return libslot.Reader(name, callback, type="reliable")
+    return libslot.PoolReader(name, callback, kind="queue", block_size=64, blocks=2)
+
+
+def open_writer(kind, name):
+    if kind == "slot":
+        return libslot.Writer(name, type="reliable")
+    return libslot.PoolWriter(name, kind="queue", block_size=64, blocks=2)
+
+
+def open_reader_and_writer(kind, name, callback):
+    return open_reader(kind, name, callback), open_writer(kind, name)
+
+
+@pytest.mark.parametrize("kind", ["slot", "pool"])
+@pytest.mark.parametrize("how", ["closed in its callback", "collected"])
+def test_a_reader_its_owner_drops_lets_the_slot_go(name, kind, how):
+    # An object that reads through a bound method is kept only by the cycle through the
+    # reader's callback once dropped. Closed in its callback, the reader's destructor runs on
+    # its own thread when the callback's last reference goes, and must not wait for that very
+    # callback to return; never closed, the garbage collector closes it. Either way the slot or
+    # queue pool takes a new reader, and the owner is gone.
+    called, keep = threading.Event(), []
+
+    class Consumer:
+        def __init__(self):
+            self.reader = open_reader(kind, name, self.on_block)
+
+        def on_block(self, block):
+            if how == "closed in its callback":
+                keep.clear()  # the running callback holds the last reference now
+                self.reader.close()
+            called.set()
+
+    keep.append(Consumer())
+    owner = weakref.ref(keep[0])
+    with open_writer(kind, name) as writer:
+        writer.write(b"x")
+        assert called.wait(WAIT)
+    keep.clear()
+    gc.collect()
+    accepted(lambda: open_reader(kind, name, lambda block: None)).close()
+    assert owner() is None
 
 
 @pytest.mark.parametrize("kind", ["slot", "pool"])
@@ -173,6 +219,16 @@ def test_callback_exceptions_are_reported_and_the_reader_goes_on(name, monkeypat
         assert wait_for(2) == [b"bad", b"good"]
         assert not reader.closed
     assert len(reported) == 1 and str(reported[0]) == "broken consumer"
+
+
+def test_get_of_a_callback_reader_raises_at_once(name):
+    # Its blocks go to the callback: get() would wait out its whole timeout.
+    text = f"^reader of '{name}' has a callback: blocks go to it, not to get\\(\\)$"
+    with libslot.Reader(name, lambda block: None) as reader:
+        with pytest.raises(libslot.SlotError, match=text):
+            reader.get(timeout=WAIT)
+        with pytest.raises(libslot.SlotError, match=text):
+            next(iter(reader))
 
 
 def test_many_readers_each_get_every_block(name):
@@ -461,6 +517,8 @@ def test_a_forked_child_drops_inherited_readers_and_exits_at_once(names):
             pid = os.fork()
             if pid == 0:
                 if i == 0:
+                    if not (reader.closed and pool_reader.closed):
+                        os._exit(5)
                     reader.close()
                     pool_reader.close()
                 elif i == 1:
