@@ -147,9 +147,10 @@ chunks it arrives in.
                       came before are printed. A reader starts in one update time, taking
                       blocks meanwhile: a time-out within its start says "slotctl: the
                       reader of 'NAME' did not finish starting within MS ms (its start
-                      takes one update time, U ms; N of COUNT read)". The end of the start
-                      and the reader's stop are waited for, so read may end up to two
-                      update times after MS ms
+                      takes one update time, U ms; N of COUNT read)", unless COUNT was
+                      reached meanwhile (status 0). The end of the start and the
+                      reader's stop are waited for, so read may end up to two update
+                      times after MS ms
   --format F          text: "<n> bytes: <text>", control characters and bytes that are
                             not UTF-8 as \xNN, \n \t \r \\ short (default)
                       hex:  "<n> bytes:" and a hex dump
