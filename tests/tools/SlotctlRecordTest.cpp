@@ -728,6 +728,30 @@ TEST(SlotctlRecord, ASlotThatCannotBeOpenedYetTakesNothingFromTheOthers) {
     EXPECT_EQ(blocks.size(), Waiting(ready, blocks.size() + 8));
 }
 
+// A reader takes its slot's blocks while it starts (one update time, here 3 s): Ctrl-C then
+// ends the recording once the start is over, with every block taken in the file.
+TEST(SlotctlRecord, AnInterruptWhileAReaderStartsLosesNoBlockItTook) {
+    ScopedSlotName name("recstart");
+    const std::vector<std::string> blocks = TestBlocks(30);
+    Fill(name, blocks);
+    const std::string path = RecordingPath("recstart");
+    Background recorder({"record", "-o", path, "--update-time", "3000", name.str()});
+    EXPECT_TRUE(testsupport::Eventually(
+        [&] { return SlotSurvey::InspectSlot(name.str()).readerPid == recorder.Pid(); },
+        std::chrono::seconds(30)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    recorder.Signal(SIGINT);
+    const Outcome run = recorder.Finish();
+    EXPECT_EQ(130, run.status) << run.Describe();
+    // Nothing taken (a start slower than the signal): no file is left.
+    const Recording recorded = testsupport::Exists(path) ? ReadRecording(path) : Recording();
+    const size_t waiting = Waiting(name, blocks.size() + 8);
+    ASSERT_LE(recorded.blocks.size(), blocks.size());
+    EXPECT_EQ(std::vector<std::string>(blocks.begin(), blocks.end() - static_cast<long>(waiting)),
+              recorded.blocks)
+        << run.Describe();
+}
+
 TEST(SlotctlRecord, TeePassesEveryBlockOnInOrderThroughRefusals) {
     ScopedSlotName source("teesrc");
     ScopedSlotName other("teeout");

@@ -497,6 +497,91 @@ TEST(SlotctlReadWrite, AStalledStandardOutputEndsAtAStopSignalAndAtTheTimeOut) {
     }
 }
 
+// A reliable reader takes blocks while it starts (for one update time, before the factory hands
+// it over): a stop signal or --timeout in that time ends read only once the start is over, and
+// every block the reader took is printed. What each read printed, and what a last read takes,
+// is every block written, once and in order, while a writer keeps writing.
+TEST(SlotctlReadWrite, AReadStoppedWhileItsReaderStartsPrintsEveryBlockItTook) {
+    ScopedSlotName name("startstop");
+    const std::string stopFile = testsupport::TestRunDir() + "/" + testsupport::UniqueName("stop");
+    const std::string countFile = stopFile + ".count";
+    std::string first;
+    for (int i = 0; i < 40; ++i) {
+        first += std::to_string(i) + "\n";
+    }
+    const std::vector<std::string> write = {"write", name.str(),   "--type", "reliable", "--queue",
+                                            "1000",  "--max-size", "16",     "--lines"};
+    ASSERT_EQ(0, Slotctl(write, Options{first}).status);
+    std::string slot;
+    for (size_t i = 1; i < write.size(); ++i) {
+        slot += " " + write[i];
+    }
+    // Writes 40, 41, ... every 20 ms until the stop file exists (also when the test fails), then
+    // leaves the count.
+    struct StopAtEnd {
+        const std::string& file;
+        ~StopAtEnd() { testsupport::WriteFile(file, ""); }
+    } stopAtEnd{stopFile};
+    const std::string script =
+        "i=40; while [ $i -lt 900 ] && [ ! -e \"$1\" ]; do echo $i; i=$((i+1)); sleep 0.02; "
+        "done | \"$0\" write" +
+        slot + " 2>/dev/null && echo $i > \"$2\"";
+    ChildProcess writer([&] {
+        ::execl("/bin/bash", "bash", "-c", script.c_str(), SLOTCTL_PATH, stopFile.c_str(),
+                countFile.c_str(), static_cast<char*>(nullptr));
+        return 98;
+    });
+    std::vector<std::string> out;
+    auto keep = [&](const Outcome& run) {
+        for (const std::string& line : slotctltest::Lines(run.out)) {
+            out.push_back(line);
+        }
+    };
+    {
+        // Stopped while its reader starts: the reader holds the slot's claim for its update time
+        // of 3 s before the factory returns it.
+        Background read({"read", name.str(), "--count", "500", "--update-time", "3000"});
+        EXPECT_TRUE(testsupport::Eventually(
+            [&] { return SlotSurvey::InspectSlot(name.str()).readerPid == read.Pid(); },
+            std::chrono::seconds(30)));
+        ::usleep(500000);
+        read.Signal(SIGINT);
+        const Outcome run = read.Finish(std::chrono::seconds(60));
+        EXPECT_EQ(130, run.status) << run.Describe();
+        keep(run);
+    }
+    // A time-out shorter than the reader's start: given up with 124, the blocks taken printed.
+    const Outcome timedOut = Slotctl({"read", name.str(), "--count", "500", "--timeout", "50"});
+    EXPECT_EQ(124, timedOut.status) << timedOut.Describe();
+    EXPECT_THAT(timedOut.err, HasSubstr(" within 50 ms")) << timedOut.Describe();
+    keep(timedOut);
+    // The one block asked for came during the start: a success (unless even the slot's opening
+    // outlasted the time-out on a loaded machine).
+    const Outcome one = Slotctl({"read", name.str(), "--timeout", "50"});
+    if (one.status != 0) {
+        EXPECT_THAT(one.err, HasSubstr("not opened within 50 ms")) << one.Describe();
+    }
+    keep(one);
+
+    testsupport::WriteFile(stopFile, "");
+    const testsupport::ChildResult wrote = writer.Wait(std::chrono::seconds(60));
+    ASSERT_TRUE(wrote.Ok()) << wrote.Describe();
+    const int written = std::stoi(testsupport::ReadFile(countFile));
+    ::unlink(countFile.c_str());
+    ASSERT_LE(out.size(), static_cast<size_t>(written));
+    const Outcome rest =
+        Slotctl({"read", name.str(), "--count",
+                 std::to_string(written - static_cast<int>(out.size())), "--timeout", "20000"});
+    EXPECT_EQ(0, rest.status) << rest.Describe();
+    keep(rest);
+    std::vector<std::string> expected;
+    for (int i = 0; i < written; ++i) {
+        expected.push_back(std::to_string(std::to_string(i).size()) +
+                           " bytes: " + std::to_string(i));
+    }
+    EXPECT_EQ(expected, out);
+}
+
 // ---- output that stops taking bytes ----
 
 // Where slotctl waits for an output: a write it cannot cut short, or a poll for room.

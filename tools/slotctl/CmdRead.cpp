@@ -24,6 +24,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <cstdio>
@@ -128,20 +129,54 @@ private:
     HeldReader held_;
 };
 
-// Opens a reader of the slot `name` delivering to a queue made for it; returns the slot's
-// kind.
-std::string OpenSlotReader(const Arguments& arguments, const std::string& name,
-                           std::uint64_t target, std::unique_ptr<BlockQueue>& made, int limitMs) {
+// A reader opened for read, and how its start ended.
+struct Opened {
+    std::string type;  // the slot's or the pool's kind
+    // Ready, or what ended the start before the reader was made (it was made after all, and
+    // may have taken blocks: they are printed as at the end of the reading).
+    WaitResult start = WaitResult::Ready;
+    int updateMs = 0;  // the reader's update time
+};
+
+// Opens a reader of the slot `name` delivering to a queue made for it, within `limitMs` (-1: no
+// limit) or until a stop signal.
+Opened OpenSlotReader(const Arguments& arguments, const std::string& name, std::uint64_t target,
+                      std::unique_ptr<BlockQueue>& made, int limitMs) {
     const SlotCfg cfg = ResolveSlot(arguments, name);
-    const std::string type = TypeName(cfg);
-    made.reset(new BlockQueue(target, type == "reliable", type == "reliable"));
+    Opened opened;
+    opened.type = TypeName(cfg);
+    opened.updateMs = static_cast<int>(cfg.GetUpdateTime().total_milliseconds());
+    made.reset(new BlockQueue(target, opened.type == "reliable", opened.type == "reliable"));
     BlockQueue& queue = *made;
+    const auto started = std::chrono::steady_clock::now();
+    auto leaveNotOpened = [&](WaitResult wait) {
+        if (wait == WaitResult::Stopped) {
+            LeaveNow(ExitInterrupted, "");
+        }
+        LeaveNow(ExitTimedOut, "slotctl: cannot read " + Quote(name) + ": not opened within " +
+                                   std::to_string(limitMs) + " ms" + HeldLockNote(name));
+    };
     try {
+        // Opening waits for the slot's lock, which a live process may keep: that wait still ends
+        // on Ctrl-C and --timeout, and nothing is taken before it ends. The slot stays open
+        // while the reader starts.
+        boost::shared_ptr<ISlot> slot;
+        if (opened.type == "reliable" || opened.type == "discarding") {
+            const WaitResult wait =
+                RunInterruptibly([&] { slot = SlotFactory::CreateSlot(&cfg); }, limitMs);
+            if (wait != WaitResult::Ready) {
+                leaveNotOpened(wait);
+            }
+        }
+        int leftMs = -1;
+        if (limitMs >= 0) {
+            const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+                std::chrono::steady_clock::now() - started);
+            leftMs = std::max(0, limitMs - static_cast<int>(spent.count()));
+        }
         // Subscribed before the reader's thread starts: a reliable reader drains the blocks
-        // that were waiting at once, and they must reach us.
-        // Opening waits for the slot's lock, which a live process may keep: that wait still
-        // ends on Ctrl-C and --timeout.
-        const WaitResult opened = RunInterruptibly(
+        // that were waiting at once, and they must reach us, also when the start is cut short.
+        const ReaderStart start = StartReader(
             [&] {
                 try {
                     queue.Made(SlotFactory::CreateSlotReader(&cfg, queue.Share()));
@@ -150,17 +185,14 @@ std::string OpenSlotReader(const Arguments& arguments, const std::string& name,
                     throw;
                 }
             },
-            limitMs);
-        if (opened == WaitResult::Stopped) {
-            LeaveNow(ExitInterrupted, "");
+            leftMs, opened.updateMs);
+        if (!start.made) {
+            leaveNotOpened(start.wait);
         }
-        if (opened == WaitResult::TimedOut) {
-            LeaveNow(ExitTimedOut, "slotctl: cannot read " + Quote(name) + ": not opened within " +
-                                       std::to_string(limitMs) + " ms" + HeldLockNote(name));
-        }
+        opened.start = start.wait;
     } catch (const AbortSlotCreationException& e) {
         std::string message = "cannot read " + Quote(name) + ": " + e.what();
-        if (type == "reliable") {
+        if (opened.type == "reliable") {
             const pid_t holder =
                 shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name));
             if (holder > 0) {
@@ -171,13 +203,13 @@ std::string OpenSlotReader(const Arguments& arguments, const std::string& name,
     } catch (const std::exception& e) {
         throw CommandError(ExitFailure, "cannot read " + Quote(name) + ": " + e.what());
     }
-    return type;
+    return opened;
 }
 
-// Opens a reader of the pool `name` (made when missing) delivering to a queue made for it;
-// returns "<kind> pool". Opening a pool waits for nothing another process holds.
-std::string OpenPoolReader(const Arguments& arguments, const std::string& name,
-                           std::uint64_t target, std::unique_ptr<BlockQueue>& made) {
+// Opens a reader of the pool `name` (made when missing) delivering to a queue made for it, of
+// the kind "<kind> pool". Opening a pool waits for nothing another process holds.
+Opened OpenPoolReader(const Arguments& arguments, const std::string& name, std::uint64_t target,
+                      std::unique_ptr<BlockQueue>& made) {
     const Slot::PoolConfig config = ResolvePool(arguments, "read", name);
     made.reset(new BlockQueue(target, config.kind == "queue", false));
     BlockQueue& queue = *made;
@@ -192,7 +224,9 @@ std::string OpenPoolReader(const Arguments& arguments, const std::string& name,
         }
         throw CommandError(ExitFailure, message);
     }
-    return config.kind + " pool";
+    Opened opened;
+    opened.type = config.kind + " pool";
+    return opened;
 }
 
 }  // namespace
@@ -226,9 +260,10 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
     const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     std::unique_ptr<BlockQueue> made;
-    const std::string type = MeansPool(arguments, "read", name)
-                                 ? OpenPoolReader(arguments, name, target, made)
-                                 : OpenSlotReader(arguments, name, target, made, limitMs);
+    const Opened opened = MeansPool(arguments, "read", name)
+                              ? OpenPoolReader(arguments, name, target, made)
+                              : OpenSlotReader(arguments, name, target, made, limitMs);
+    const std::string& type = opened.type;
     BlockQueue& queue = *made;
     std::cerr << "slotctl: reading " << Quote(name) << " (" << type << ")" << std::endl;
 
@@ -258,7 +293,19 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
                       << " taken from " << Quote(name) << " and not written" << std::endl;
         }
     };
-    while (outputError == 0 && (target == 0 || printed < target)) {
+    // "N of COUNT read", or "N read" without a count to reach.
+    auto readText = [&] {
+        return std::to_string(printed) + (target != 0 ? " of " + std::to_string(target) : "") +
+               " read";
+    };
+    // A start cut short by a stop signal or the time-out ends the reading, after the same end
+    // as a reading's: what the reader took meanwhile is printed below.
+    if (opened.start == WaitResult::Stopped) {
+        status = ExitInterrupted;
+    } else if (opened.start == WaitResult::TimedOut) {
+        status = ExitTimedOut;
+    }
+    while (status == ExitOk && outputError == 0 && (target == 0 || printed < target)) {
         const WaitResult wait = WaitReadableOrStop(queue.WakeFd(), limitMs);
         if (wait == WaitResult::Stopped) {
             status = ExitInterrupted;
@@ -268,11 +315,7 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
             // Giving up is not success, also with --follow: a script must be able to tell
             // "no more blocks came" from "all blocks asked for were read".
             std::cerr << "slotctl: no block from " << Quote(name) << " within " << timeoutMs
-                      << " ms (" << printed;
-            if (target != 0) {
-                std::cerr << " of " << target;
-            }
-            std::cerr << " read)" << std::endl;
+                      << " ms (" << readText() << ")" << std::endl;
             status = ExitTimedOut;
             break;
         }
@@ -282,9 +325,19 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     // last block, and took no more). Its thread may be waiting for the slot's lock: stopping it
     // is bounded too, but not cut short by the stop signal that may have ended the loop: the
     // block in hand would then be taken after the Take below, and neither printed nor counted.
-    const WaitResult closed = RunBounded([&] { queue.Stop(); }, std::max(limitMs, 2000));
+    // A reader's thread sees the stop once its wait of one update time ends.
+    const WaitResult closed =
+        RunBounded([&] { queue.Stop(); }, std::max(limitMs, opened.updateMs + 2000));
     // A block the reader took meanwhile (a stop, a timeout) is printed rather than lost.
     print(queue.Take());
+    if (opened.start == WaitResult::TimedOut && target != 0 && printed >= target) {
+        status = ExitOk;  // every block asked for came, before the start was over
+    } else if (opened.start == WaitResult::TimedOut && outputError == 0) {
+        // The slot was opened in time; the reader's start, one update time, was not over.
+        std::cerr << "slotctl: the reader of " << Quote(name) << " did not finish starting within "
+                  << timeoutMs << " ms (its start takes one update time, " << opened.updateMs
+                  << " ms; " << readText() << ")" << std::endl;
+    }
     if (outputError != 0) {
         reportOutputFailure();
         status = OutputStatus(outputError);

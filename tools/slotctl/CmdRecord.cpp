@@ -569,9 +569,11 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         }
     }
     // A reader that cannot be made now (its slot changed meanwhile) or whose making is
-    // interrupted ends the recording as a stop does: what the others took is written.
+    // interrupted ends the recording as a stop does: what the others took is written, and what
+    // the interrupted one took while it started, once its making is over.
     std::string startFailure;
     bool startInterrupted = false;
+    bool makingLeft = false;  // an interrupted making still runs, with references to `sources`
     for (const auto& source : sources) {
         if (sink.failed) {
             break;  // a reader already started could not write its block
@@ -581,7 +583,7 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             // reliable slot are recorded too. Opening waits for the slot's lock, which a live
             // process may keep: that wait still ends on Ctrl-C. The subscriber's last share
             // goes with the reader.
-            const WaitResult opened = RunInterruptibly(
+            const ReaderStart start = StartReader(
                 [&] {
                     const ISubscriberPtr subscriber = source->held.Share(*source);
                     INotifierPtr reader;
@@ -597,9 +599,13 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
                     // Its thread may already wait for it, to release it (a failure).
                     source->held.Made(std::move(reader));
                 },
-                -1);
-            if (opened != WaitResult::Ready) {
+                -1,
+                source->cfg ? static_cast<int>(source->cfg->GetUpdateTime().total_milliseconds())
+                            : 0);
+            if (start.wait != WaitResult::Ready) {
                 startInterrupted = true;
+                source->started = start.made;
+                makingLeft = !start.made;
                 break;
             }
         } catch (const std::exception& e) {
@@ -761,9 +767,8 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         if (!startFailure.empty()) {
             std::cerr << "slotctl: " << Printable(startFailure) << std::endl;
         }
-        if (startInterrupted) {
-            // A reader's making still waits for its slot's lock on a thread of its own, with
-            // references to `sources`: nothing may be destroyed under it.
+        if (makingLeft) {
+            // Nothing may be destroyed under the making that still runs.
             LeaveNow(ExitFailure, "slotctl: " + Printable("record: " + failure));
         }
         throw CommandError(ExitFailure, "record: " + failure);
@@ -771,11 +776,10 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     if (!startFailure.empty()) {
         throw CommandError(ExitFailure, startFailure);
     }
-    if (startInterrupted) {
-        // A reader's making still waits for its slot's lock on a thread of its own.
+    if (makingLeft) {
         LeaveNow(ExitInterrupted, "");
     }
-    return ExitOk;
+    return startInterrupted ? ExitInterrupted : ExitOk;
 }
 
 }  // namespace slotctl

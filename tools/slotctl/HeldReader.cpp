@@ -4,6 +4,7 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/thread/thread.hpp>
 
+#include <algorithm>
 #include <chrono>
 
 namespace slotctl {
@@ -54,6 +55,24 @@ bool HeldReader::WaitGone(int ms) {
         return true;
     }
     return goneFuture_.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
+}
+
+ReaderStart StartReader(const std::function<void()>& make, int timeoutMs, int updateMs) {
+    // Beyond the reader's one update time: its thread's start, and a loaded machine.
+    const int marginMs = 5000;
+    HelperRun making(make);
+    ReaderStart start;
+    start.wait = making.Wait(timeoutMs, true);
+    if (start.wait == WaitResult::Ready) {
+        start.made = true;
+        return start;
+    }
+    try {
+        start.made = making.Wait(std::max(updateMs, 0) + marginMs, false) == WaitResult::Ready;
+    } catch (...) {
+        // Not made after all: `make` handed null over, and there is no reader to stop.
+    }
+    return start;
 }
 
 }  // namespace slotctl

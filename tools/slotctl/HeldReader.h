@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "Signals.h"
+
 #include <Slot/SlotFactory.h>
 
 #include <condition_variable>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -52,5 +55,23 @@ private:
     std::shared_ptr<std::promise<void>> gone_ = std::make_shared<std::promise<void>>();
     std::future<void> goneFuture_ = gone_->get_future();
 };
+
+// How StartReader ended.
+struct ReaderStart {
+    // Ready: the reader was made in time; Stopped, TimedOut: what ended the wait first.
+    WaitResult wait = WaitResult::Ready;
+    // The reader was made, also after the wait ended: it runs, and is stopped as usual. When not,
+    // its making may still wait for a lock another process holds, with references to the
+    // caller's objects: the process must then end with LeaveNow.
+    bool made = false;
+};
+
+// Runs `make` (which makes a reader and hands it, or null, to its HeldReader) on a helper thread
+// and waits until it has returned, `timeoutMs` passes (-1: none) or a stop signal arrives; an
+// exception of `make` seen by that wait is rethrown. The reader's thread runs before its making
+// returns (for one update time, `updateMs`: a reliable reader drains its slot meanwhile), so
+// after a stop or a time-out the making is still waited for, bounded: once made, the reader is
+// stopped the usual way and every block it took reaches its subscriber's owner.
+ReaderStart StartReader(const std::function<void()>& make, int timeoutMs, int updateMs);
 
 }  // namespace slotctl

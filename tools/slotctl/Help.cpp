@@ -144,7 +144,13 @@ chunks it arrives in.
                       within MS ms: status 124 (as timeout(1)), also with --follow, after
                       "slotctl: no block from 'NAME' within MS ms (N of COUNT read)" on
                       stderr ("(N read)" with --follow or --count 0); the blocks that
-                      came before are printed
+                      came before are printed. A reader starts in one update time, taking
+                      blocks meanwhile: a time-out within its start says "slotctl: the
+                      reader of 'NAME' did not finish starting within MS ms (its start
+                      takes one update time, U ms; N of COUNT read)", unless COUNT was
+                      reached meanwhile (status 0). The end of the start and the
+                      reader's stop are waited for, so read may end up to two update
+                      times after MS ms
   --format F          text: "<n> bytes: <text>", control characters and bytes that are
                             not UTF-8 as \xNN, \n \t \r \\ short (default)
                       hex:  "<n> bytes:" and a hex dump

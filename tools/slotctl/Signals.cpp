@@ -103,23 +103,22 @@ WaitResult WaitReadableOrStop(int fd, int timeoutMs) {
     return WaitOrStop(fd, POLLIN, timeoutMs);
 }
 
-namespace {
-
-WaitResult RunOnHelper(const std::function<void()>& work, int timeoutMs, bool stoppable) {
-    struct Shared {
-        int done[2] = {-1, -1};
-        std::exception_ptr error;
-        ~Shared() {
-            ::close(done[0]);
-            ::close(done[1]);
-        }
-    };
-    std::shared_ptr<Shared> state = std::make_shared<Shared>();
-    if (::pipe2(state->done, O_CLOEXEC) != 0) {
-        work();  // no pipe: run it here, uninterruptibly
-        return WaitResult::Ready;
+struct HelperRun::State {
+    int done[2] = {-1, -1};
+    std::exception_ptr error;
+    ~State() {
+        ::close(done[0]);
+        ::close(done[1]);
     }
-    std::thread([state, job = std::function<void()>(work)]() mutable {
+};
+
+HelperRun::HelperRun(const std::function<void()>& work) : state_(std::make_shared<State>()) {
+    if (::pipe2(state_->done, O_CLOEXEC) != 0) {
+        work();  // no pipe: run it here, uninterruptibly
+        done_ = true;
+        return;
+    }
+    std::thread([state = state_, job = std::function<void()>(work)]() mutable {
         try {
             job();
         } catch (...) {
@@ -132,11 +131,17 @@ WaitResult RunOnHelper(const std::function<void()>& work, int timeoutMs, bool st
         while (::write(state->done[1], &byte, 1) < 0 && errno == EINTR) {
         }
     }).detach();
+}
+
+WaitResult HelperRun::Wait(int timeoutMs, bool stoppable) {
+    if (done_) {
+        return WaitResult::Ready;
+    }
     WaitResult result;
     if (stoppable) {
-        result = WaitReadableOrStop(state->done[0], timeoutMs);
+        result = WaitReadableOrStop(state_->done[0], timeoutMs);
     } else {
-        pollfd done = {state->done[0], POLLIN, 0};
+        pollfd done = {state_->done[0], POLLIN, 0};
         int r;
         do {
             r = ::poll(&done, 1, timeoutMs);
@@ -144,14 +149,15 @@ WaitResult RunOnHelper(const std::function<void()>& work, int timeoutMs, bool st
         result = r == 0 ? WaitResult::TimedOut : WaitResult::Ready;
     }
     if (result == WaitResult::Ready) {
+        done_ = true;
         // Taking the byte orders everything the work did before this thread goes on (for the
         // reader of this code and for ThreadSanitizer alike).
         char byte = 0;
-        while (::read(state->done[0], &byte, 1) < 0 && errno == EINTR) {
+        while (::read(state_->done[0], &byte, 1) < 0 && errno == EINTR) {
         }
         // Taken out of the shared state, so that the worker's last reference never frees it.
-        std::exception_ptr error = std::move(state->error);
-        state->error = nullptr;
+        std::exception_ptr error = std::move(state_->error);
+        state_->error = nullptr;
         if (error) {
             std::rethrow_exception(error);
         }
@@ -159,14 +165,12 @@ WaitResult RunOnHelper(const std::function<void()>& work, int timeoutMs, bool st
     return result;
 }
 
-}  // namespace
-
 WaitResult RunInterruptibly(const std::function<void()>& work, int timeoutMs) {
-    return RunOnHelper(work, timeoutMs, true);
+    return HelperRun(work).Wait(timeoutMs, true);
 }
 
 WaitResult RunBounded(const std::function<void()>& work, int timeoutMs) {
-    return RunOnHelper(work, timeoutMs, false);
+    return HelperRun(work).Wait(timeoutMs, false);
 }
 
 void LeaveNow(int status, const std::string& message) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace slotctl {
@@ -34,6 +35,24 @@ WaitResult WaitOrStop(int fd, short events, int timeoutMs);
 
 // WaitOrStop for `fd` readable.
 WaitResult WaitReadableOrStop(int fd, int timeoutMs);
+
+// `work` running on a helper thread of its own, waited for in steps: a wait that ends first (a
+// stop signal, a time-out) leaves the helper running, and a later wait may still see it end.
+// The helper holds what `work` captured and may outlive this object.
+class HelperRun {
+public:
+    explicit HelperRun(const std::function<void()>& work);
+    HelperRun(const HelperRun&) = delete;
+    HelperRun& operator=(const HelperRun&) = delete;
+    // Waits until `work` has returned (Ready; an exception of it is rethrown here), the time-out
+    // passes (-1: none) or, when `stoppable`, a stop signal arrives, also one taken before.
+    WaitResult Wait(int timeoutMs, bool stoppable);
+
+private:
+    struct State;
+    std::shared_ptr<State> state_;
+    bool done_ = false;
+};
 
 // Runs `work` on a helper thread and waits until it has returned (Ready; an exception of `work`
 // is rethrown here), the time-out passes (-1: none) or a stop signal arrives. `work` may block on
