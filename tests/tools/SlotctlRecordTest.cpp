@@ -749,6 +749,49 @@ TEST(SlotctlRecord, TeePassesEveryBlockOnInOrderThroughRefusals) {
     EXPECT_EQ(blocks, ReadRecording(path).blocks);
 }
 
+// A stop while OTHER stays full (no reader) ends the passing on at the block in hand: it is
+// recorded and counted as not passed on (status 1), and the rest stay in the recorded slot.
+TEST(SlotctlRecord, TeeStoppedWhileFullTakesNothingMoreAndFails) {
+    ScopedSlotName source("teefullsrc");
+    ScopedSlotName other("teefullout");
+    const std::vector<std::string> blocks = TestBlocks(3);
+    Fill(source, blocks);
+    {
+        const SlotCfg otherCfg = Reliable(other, 1);
+        ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&otherCfg);
+        writer->onNotify(other, "full", 4);
+    }
+    const std::string path = RecordingPath("teefull");
+    Background recorder({"record", "-o", path, "--tee", other.str(), source.str()});
+    const bool taken =
+        WaitForRecording([&] { return Waiting(source, blocks.size() + 8) == blocks.size() - 1; });
+    recorder.Signal(SIGINT);
+    const Outcome run = recorder.Finish();
+    ASSERT_TRUE(taken) << run.Describe();
+    EXPECT_EQ(1, run.status) << run.Describe();
+    EXPECT_THAT(run.err,
+                AllOf(HasSubstr("): 1 block, 10 B, 0 gaps; passed 0 on to '" + other.str() + "'"),
+                      HasSubstr(", 1 not passed on\n")))
+        << run.Describe();
+    EXPECT_EQ(std::vector<std::string>{blocks[0]}, ReadRecording(path).blocks);
+    EXPECT_EQ(blocks.size() - 1, Waiting(source, blocks.size() + 8));
+}
+
+// A recording that fails before it starts (its file exists) does not make the --tee slot.
+TEST(SlotctlRecord, AFailedRecordingMakesNoTeeSlot) {
+    ScopedSlotName source("teenofile");
+    ScopedSlotName other("teenotmade");
+    Fill(source, TestBlocks(1));
+    const std::string existing = RecordingPath("teeexists");
+    WriteFile(existing, "keep me");
+    const Outcome run = Slotctl({"record", "-o", existing, "--tee", other.str(), source.str()});
+    EXPECT_EQ(1, run.status) << run.Describe();
+    EXPECT_THAT(run.err, HasSubstr("File exists"));
+    EXPECT_EQ("keep me", ReadFile(existing));
+    EXPECT_FALSE(slotctltest::ShmExists(other.str()));
+    EXPECT_FALSE(slotctltest::ShmExists("queue_" + other.str()));
+}
+
 // A message to record: its channel's index, its log time in ns and its block.
 struct Logged {
     std::uint16_t channel;
