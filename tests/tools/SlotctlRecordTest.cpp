@@ -314,6 +314,77 @@ TEST(SlotctlMcapFile, HugeRecordsAreReadInPiecesOrRefused) {
     }
 }
 
+// Header, channel, data-end and summary records claiming gigabytes (a sparse file makes them
+// cost no disk) never become memory: the first two are damage, the others are read in pieces.
+TEST(SlotctlMcapFile, HostileLengthsOfKeptRecordsAreRefusedOrReadInPieces) {
+    const std::uint64_t big = std::uint64_t(1) << 31;
+    for (const auto& kept : {std::make_pair(0x01, "header"), std::make_pair(0x04, "channel")}) {
+        const std::string path = RecordingPath("bighead");
+        WriteSparse(path, {{std::uint8_t(kept.first), big}});
+        const Outcome info = Slotctl({"info", path});
+        EXPECT_EQ(1, info.status) << info.Describe();
+        EXPECT_THAT(info.out, HasSubstr(std::string("damaged at byte 79: a ") + kept.second +
+                                        " record of 2147483648 bytes, more than 1048576 bytes"));
+    }
+    const std::string dataEnd = RecordingPath("bigend");
+    WriteSparse(dataEnd, {{0x0f, big}});
+    const Outcome end = Slotctl({"info", dataEnd});
+    EXPECT_EQ(0, end.status) << end.Describe();
+    // A data end, a summary of one huge record, and a footer pointing at it: a complete file.
+    const std::string summary = RecordingPath("bigsummary");
+    WriteSparse(summary, {{0x0f, 4}, {0x00, big}});
+    struct stat st {};
+    ASSERT_EQ(0, ::stat(summary.c_str(), &st));
+    const std::uint64_t summaryStart = std::uint64_t(st.st_size) - 9 - big;
+    std::string footer("\x02\x14\0\0\0\0\0\0\0", 9);
+    for (int i = 0; i < 8; ++i) {
+        footer += static_cast<char>((summaryStart >> (8 * i)) & 0xff);
+    }
+    footer += std::string(12, '\0') + std::string("\x89MCAP0\r\n", 8);
+    const int fd = ::open(summary.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    const ssize_t appended = ::write(fd, footer.data(), footer.size());
+    ::close(fd);
+    ASSERT_EQ(ssize_t(footer.size()), appended);
+    const Outcome complete = Slotctl({"info", summary});
+    EXPECT_EQ(0, complete.status) << complete.Describe();
+    EXPECT_THAT(complete.out, HasSubstr("complete (summary and footer checked)"));
+    rusage usage{};
+    ASSERT_EQ(0, ::getrusage(RUSAGE_CHILDREN, &usage));
+    EXPECT_LT(usage.ru_maxrss, 300 * 1024) << "KiB at most, of any slotctl run so far";
+}
+
+// A block too large for a chunk goes between the chunks as a plain message; the chunk before it
+// closes first. Every block reads back in order.
+TEST(SlotctlMcapFile, ABlockLargerThanAChunkMayHoldIsWrittenOutsideTheChunks) {
+    if (!mcap::ZstdBuiltIn()) {
+        GTEST_SKIP() << "zstd is not built in";
+    }
+    const std::string path = RecordingPath("bigblock");
+    mcap::Writer::Options options;
+    options.zstd = true;
+    options.maxChunkSize = 200;
+    const std::vector<std::string> blocks = {std::string(60, 'a'), std::string(60, 'b'),
+                                             std::string(300, 'c'), std::string(150, 'd'),
+                                             std::string(150, 'e')};
+    {
+        mcap::Writer writer(path, options);
+        const std::uint16_t channel = writer.AddChannel("t", "application/octet-stream", {});
+        std::uint32_t sequence = 0;
+        for (const std::string& block : blocks) {
+            ++sequence;
+            writer.Add(
+                mcap::Message{channel, sequence, sequence, sequence, block.data(), block.size()});
+        }
+        writer.Close();
+    }
+    const Recording read = ReadRecording(path);
+    EXPECT_TRUE(read.result.complete) << read.result.problem;
+    EXPECT_EQ(blocks, read.blocks);
+    EXPECT_EQ(Numbers(blocks.size()), read.sequences);
+    // a+b, then d and e each alone (together they would pass 200 bytes); c in none.
+    EXPECT_EQ(3u, read.result.chunks);
+}
+
 // A stop signal while reading a recording ends read and info with status 130, and info shows no
 // state for the part it read.
 TEST(SlotctlMcapFile, AStopWhileReadingARecordingEndsWithStatus130) {
@@ -336,6 +407,21 @@ TEST(SlotctlMcapFile, AStopWhileReadingARecordingEndsWithStatus130) {
         EXPECT_EQ(130, run.status) << command << ": " << run.Describe();
         EXPECT_EQ("", run.out) << command;
         EXPECT_EQ("", run.err) << command;
+    }
+}
+
+// A stop signal also ends the reading inside one long record (here 1 TiB, a hole to read):
+// status 130 soon, not once the record is read.
+TEST(SlotctlMcapFile, AStopInsideALongRecordEndsTheReading) {
+    const std::string path = RecordingPath("longrecord");
+    WriteSparse(path, {{0x09, std::uint64_t(1) << 40}});
+    for (const std::string command : {"info", "read"}) {
+        Background reading({command, path}, 0, "/dev/null");
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        reading.Signal(SIGINT);
+        const Outcome run = reading.Finish(std::chrono::seconds(30));
+        EXPECT_FALSE(run.timedOut) << command << ": " << run.Describe();
+        EXPECT_EQ(130, run.status) << command << ": " << run.Describe();
     }
 }
 

@@ -119,12 +119,13 @@ private:
     std::chrono::steady_clock::time_point start_;
 };
 
-// Reads a recording, turning a file that cannot be opened into a command error.
+// Reads a recording, turning a file that cannot be opened into a command error. Ctrl-C or a
+// termination signal ends the reading also inside a long record (`stopped`).
 mcap::ReadResult ReadFile(const std::string& path,
                           const std::function<bool(const mcap::Message&, const mcap::Channel&)>& cb,
                           bool needData = true) {
     try {
-        return mcap::Read(path, cb, needData);
+        return mcap::Read(path, cb, needData, [] { return StopSignals::Received(); });
     } catch (const mcap::Error& e) {
         throw CommandError(ExitFailure, e.what());
     }
@@ -635,7 +636,8 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
                     }
                     return !stopped;
                 });
-            if (stopped) {
+            if (stopped || result.stopped) {
+                stopped = true;
                 break;
             }
             status = std::max(status, ReportEnd(file, result));
