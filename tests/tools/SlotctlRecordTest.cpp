@@ -1060,6 +1060,22 @@ TEST(SlotctlReplay, ReadingARecordingIntoAFullOutputFails) {
     EXPECT_EQ("slotctl: cannot write standard output: No space left on device\n1\n", run.out);
 }
 
+// read FILE.mcap --timeout MS gives up on an output that takes nothing for MS ms: status 124.
+TEST(SlotctlReplay, ReadingARecordingIntoAStuckOutputTimesOut) {
+    const std::string path = Recorded({"src"}, Spaced({std::string(200000, 'x')}, 1000));
+    const std::string fifo = RecordingPath("stuckout");
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    const int undrained = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    Background reader({"read", path, "--format", "raw", "--timeout", "500"}, 0, fifo);
+    const Outcome run = reader.Finish(std::chrono::seconds(30));
+    ::close(undrained);
+    ::unlink(fifo.c_str());
+    EXPECT_FALSE(run.timedOut) << run.Describe();
+    EXPECT_EQ(124, run.status) << run.Describe();
+    EXPECT_EQ("slotctl: cannot write standard output: it took nothing within the time-out\n",
+              run.err);
+}
+
 TEST(SlotctlReplay, LoopingOverRecordingsWithoutABlockToReplayEnds) {
     ScopedSlotName name("loopnone");
     const std::vector<std::string> runs[] = {

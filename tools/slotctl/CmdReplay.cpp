@@ -405,7 +405,7 @@ RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
     }
 }
 
-int ReadRecording(const Arguments& arguments, const std::string& path) {
+int ReadRecording(const Arguments& arguments, const std::string& path, int limitMs) {
     const std::string format = arguments.Get("format", "text");
     if (!IsBlockFormat(format)) {
         throw UsageError("read: --format must be text, hex, raw, frames or ndjson, not " +
@@ -420,7 +420,7 @@ int ReadRecording(const Arguments& arguments, const std::string& path) {
                 return false;
             }
             const std::string block(message.data, message.size);
-            if (!WriteOut(FormatBlock(format, block, TimeOf(message.logTime)))) {
+            if (!WriteOut(FormatBlock(format, block, TimeOf(message.logTime)), limitMs)) {
                 outputError = errno;
                 return false;
             }
