@@ -957,6 +957,19 @@ TEST(SlotctlReplay, PacesSelectsTopicsAndLoops) {
     EXPECT_THAT(read.out, StartsWith(round + round + round));
 }
 
+// The parts of a split recording keep the pause between them: one pace for all the files.
+TEST(SlotctlReplay, ThePauseBetweenPartsIsKept) {
+    ScopedSlotName name("pacedparts");
+    const std::string first = Recorded({name}, {{0, 1000000000ull, "a"}});
+    const std::string second = Recorded({name}, {{0, 2000000000ull, "b"}});
+    const auto started = std::chrono::steady_clock::now();
+    const Outcome run = Slotctl({"replay", first, second});
+    const auto took = std::chrono::steady_clock::now() - started;
+    EXPECT_EQ(0, run.status) << run.Describe();
+    EXPECT_THAT(run.err, HasSubstr("replayed 2 blocks into '" + name.str()));
+    EXPECT_GE(took, std::chrono::milliseconds(1000));
+}
+
 // A log time far ahead (here the largest there is) is waited for as recorded, said so, and
 // left with Ctrl-C; its arithmetic does not overflow.
 TEST(SlotctlReplay, ALongWaitAsRecordedIsAnnouncedAndInterruptible) {

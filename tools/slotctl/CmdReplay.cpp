@@ -71,13 +71,14 @@ std::string WaitText(std::int64_t ms) {
 }
 
 // Holds a recording's pace: each block waits until its log time, counted from the first
-// block's, divided by the rate, has passed.
+// block's, divided by the rate, has passed. One pacer serves every file of a pass, so that the
+// pause between the parts of a split recording is kept.
 class Pacer {
 public:
-    Pacer(double rate, const std::string& file) : rate_(rate), file_(file) {}
+    explicit Pacer(double rate) : rate_(rate) {}
 
-    // False when Ctrl-C or a termination signal ended the wait.
-    bool WaitFor(std::uint64_t logTime) {
+    // False when Ctrl-C or a termination signal ended the wait. `file` holds the block.
+    bool WaitFor(std::uint64_t logTime, const std::string& file) {
         if (!started_) {
             started_ = true;
             firstLog_ = logTime;
@@ -96,7 +97,7 @@ public:
                                     .count());
         const std::int64_t waitMs = static_cast<std::int64_t>((dueNs - elapsedNs) / 1e6);
         if (waitMs >= kAnnouncedWaitMs) {
-            std::cerr << "slotctl: the next block of " << Quote(file_) << " is due in "
+            std::cerr << "slotctl: the next block of " << Quote(file) << " is due in "
                       << WaitText(waitMs)
                       << " as recorded; waiting (Ctrl-C stops, --max replays without pauses)"
                       << std::endl;
@@ -113,7 +114,6 @@ public:
 
 private:
     double rate_;
-    std::string file_;
     bool started_ = false;
     std::uint64_t firstLog_ = 0;
     std::chrono::steady_clock::time_point start_;
@@ -611,14 +611,14 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
     std::uint64_t passBlocks = 0;
     do {
         passBlocks = 0;
+        Pacer pacer(rate);
         for (const std::string& file : arguments.Operands()) {
-            Pacer pacer(rate, file);
             const mcap::ReadResult result =
                 ReadFile(file, [&](const mcap::Message& message, const mcap::Channel& channel) {
                     if (!topics.empty() && topics.count(channel.topic) == 0) {
                         return true;
                     }
-                    if (!max && !pacer.WaitFor(message.logTime)) {
+                    if (!max && !pacer.WaitFor(message.logTime, file)) {
                         stopped = true;
                     }
                     if (stopping()) {
