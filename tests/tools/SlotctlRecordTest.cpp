@@ -930,6 +930,20 @@ TEST(SlotctlReplay, APoolChannelThatFitsNoPoolIsRefused) {
     EXPECT_THAT(refused.err, HasSubstr("its channel describes no valid pool ("));
 }
 
+// A channel whose name cannot be replayed into fails alone: the others are replayed, the summary
+// counts its blocks as not written, status 1.
+TEST(SlotctlReplay, AChannelThatCannotBeReplayedIntoFailsAlone) {
+    ScopedSlotName good("goodchan");
+    const std::string path =
+        Recorded({good, "bad/x"}, {{0, 1, "g1"}, {1, 2, "b1"}, {1, 3, "b2"}, {0, 4, "g2"}});
+    const Outcome run = Slotctl({"replay", "--max", path});
+    EXPECT_EQ(1, run.status) << run.Describe();
+    EXPECT_THAT(run.err, AllOf(HasSubstr("slotctl: invalid slot name 'bad/x'"),
+                               HasSubstr("slotctl: replayed 2 blocks into '" + good.str() + "'"),
+                               HasSubstr("slotctl: replayed 0 blocks into 'bad/x', 2 not written")))
+        << run.Describe();
+}
+
 TEST(SlotctlReplay, PacesSelectsTopicsAndLoops) {
     ScopedSlotName fast("fast");
     ScopedSlotName skipped("skipped");

@@ -557,11 +557,10 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
         }
         return stopped;
     };
-    // The slot a channel goes to, opened (and made, with the recorded kind and sizes) at its
-    // first block.
-    auto writerFor = [&](const mcap::Channel& channel) -> RetryingWriter& {
-        const auto mapped = mapping.find(channel.topic);
-        const std::string name = mapped == mapping.end() ? channel.topic : mapped->second;
+    // The slot `name` that `channel` goes to, opened (and made, with the recorded kind and sizes)
+    // at its first block; throws when it cannot be.
+    auto openWriter = [&](const mcap::Channel& channel,
+                          const std::string& name) -> RetryingWriter& {
         auto& writer = writers[name];
         if (!writer && IsPoolChannel(channel.metadata)) {
             CheckSlotName(name);
@@ -603,6 +602,28 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
         }
         return *writer;
     };
+    // Names a channel could not be replayed into (an invalid name, one of the other kind,
+    // metadata that describes nothing valid), with the blocks not written to them. The other
+    // channels go on; the reason is said at once, the count in the summary (status 1).
+    std::map<std::string, std::uint64_t> refused;
+    // The writer of a channel's slot; null when it cannot be had.
+    auto writerFor = [&](const mcap::Channel& channel) -> RetryingWriter* {
+        const auto mapped = mapping.find(channel.topic);
+        const std::string name = mapped == mapping.end() ? channel.topic : mapped->second;
+        const auto no = refused.find(name);
+        if (no != refused.end()) {
+            ++no->second;
+            return nullptr;
+        }
+        try {
+            return &openWriter(channel, name);
+        } catch (const std::exception& e) {
+            writers.erase(name);
+            refused[name] = 1;
+            std::cerr << "slotctl: " << Printable(e.what()) << std::endl;
+            return nullptr;
+        }
+    };
 
     int status = ExitOk;
     std::uint64_t tooLarge = 0;
@@ -624,10 +645,13 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
                     if (stopping()) {
                         return false;
                     }
-                    RetryingWriter& writer = writerFor(channel);
+                    RetryingWriter* const writer = writerFor(channel);
+                    if (writer == nullptr) {
+                        return true;
+                    }
                     ++passBlocks;
                     const RetryingWriter::Result written =
-                        writer.Write(message.data, message.size, stopping);
+                        writer->Write(message.data, message.size, stopping);
                     if (written == RetryingWriter::Result::TooLarge) {
                         ++tooLarge;
                     }
@@ -665,7 +689,12 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
         }
         std::cerr << std::endl;
     }
-    if (writers.empty()) {
+    for (const auto& item : refused) {
+        std::cerr << "slotctl: replayed 0 blocks into " << Quote(item.first) << ", " << item.second
+                  << " not written (it cannot be replayed into, as said above)" << std::endl;
+        status = std::max(status, static_cast<int>(ExitFailure));
+    }
+    if (writers.empty() && refused.empty()) {
         std::cerr << "slotctl: nothing replayed (no blocks"
                   << (topics.empty() ? "" : " of the topics given") << ")" << std::endl;
     }
