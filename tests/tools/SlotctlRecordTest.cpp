@@ -317,14 +317,14 @@ TEST(SlotctlMcapFile, HugeRecordsAreReadInPiecesOrRefused) {
 // Header, channel, data-end and summary records claiming gigabytes (a sparse file makes them
 // cost no disk) never become memory: the first two are damage, the others are read in pieces.
 TEST(SlotctlMcapFile, HostileLengthsOfKeptRecordsAreRefusedOrReadInPieces) {
-    const std::uint64_t big = std::uint64_t(1) << 31;
+    const std::uint64_t big = std::uint64_t(1) << 30;
     for (const auto& kept : {std::make_pair(0x01, "header"), std::make_pair(0x04, "channel")}) {
         const std::string path = RecordingPath("bighead");
         WriteSparse(path, {{std::uint8_t(kept.first), big}});
         const Outcome info = Slotctl({"info", path});
         EXPECT_EQ(1, info.status) << info.Describe();
         EXPECT_THAT(info.out, HasSubstr(std::string("damaged at byte 79: a ") + kept.second +
-                                        " record of 2147483648 bytes, more than 1048576 bytes"));
+                                        " record of 1073741824 bytes, more than 1048576 bytes"));
     }
     const std::string dataEnd = RecordingPath("bigend");
     WriteSparse(dataEnd, {{0x0f, big}});
@@ -410,11 +410,13 @@ TEST(SlotctlMcapFile, AStopWhileReadingARecordingEndsWithStatus130) {
     }
 }
 
-// A stop signal also ends the reading inside one long record (here 1 TiB, a hole to read):
-// status 130 soon, not once the record is read.
+// A stop signal also ends the reading inside long records without a message between them (here
+// 1 TiB of holes to read): status 130 soon, not once they are read.
 TEST(SlotctlMcapFile, AStopInsideALongRecordEndsTheReading) {
     const std::string path = RecordingPath("longrecord");
-    WriteSparse(path, {{0x09, std::uint64_t(1) << 40}});
+    // Each less than 2 GiB, which a 32-bit build can address.
+    WriteSparse(path, std::vector<std::pair<std::uint8_t, std::uint64_t>>(
+                          512, {0x09, (std::uint64_t(1) << 31) - 4096}));
     for (const std::string command : {"info", "read"}) {
         Background reading({command, path}, 0, "/dev/null");
         std::this_thread::sleep_for(std::chrono::seconds(1));

@@ -890,16 +890,16 @@ void ReadAll(const File& file, ReadResult& result,
                              " bytes, more than a chunk of 1 GiB takes";
             return;
         }
-        // Within the file, but more than a 32-bit build can address.
-        if (length > std::uint64_t(SIZE_MAX / 2)) {
-            result.problem =
-                "a record of " + std::to_string(length) + " bytes, more than this build can hold";
-            return;
-        }
         if ((opcode == OpHeader || opcode == OpChannel) && length > MaxSmallRecord) {
             result.problem = std::string("a ") + (opcode == OpHeader ? "header" : "channel") +
                              " record of " + std::to_string(length) + " bytes, more than " +
                              std::to_string(MaxSmallRecord) + " bytes";
+            return;
+        }
+        // Within the file, but more than a 32-bit build can address.
+        if (length > std::uint64_t(SIZE_MAX / 2)) {
+            result.problem =
+                "a record of " + std::to_string(length) + " bytes, more than this build can hold";
             return;
         }
         if (opcode == OpDataEnd) {
