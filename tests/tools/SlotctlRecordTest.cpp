@@ -314,6 +314,77 @@ TEST(SlotctlMcapFile, HugeRecordsAreReadInPiecesOrRefused) {
     }
 }
 
+// Header, channel, data-end and summary records claiming gigabytes (a sparse file makes them
+// cost no disk) never become memory: the first two are damage, the others are read in pieces.
+TEST(SlotctlMcapFile, HostileLengthsOfKeptRecordsAreRefusedOrReadInPieces) {
+    const std::uint64_t big = std::uint64_t(1) << 30;
+    for (const auto& kept : {std::make_pair(0x01, "header"), std::make_pair(0x04, "channel")}) {
+        const std::string path = RecordingPath("bighead");
+        WriteSparse(path, {{std::uint8_t(kept.first), big}});
+        const Outcome info = Slotctl({"info", path});
+        EXPECT_EQ(1, info.status) << info.Describe();
+        EXPECT_THAT(info.out, HasSubstr(std::string("damaged at byte 79: a ") + kept.second +
+                                        " record of 1073741824 bytes, more than 1048576 bytes"));
+    }
+    const std::string dataEnd = RecordingPath("bigend");
+    WriteSparse(dataEnd, {{0x0f, big}});
+    const Outcome end = Slotctl({"info", dataEnd});
+    EXPECT_EQ(0, end.status) << end.Describe();
+    // A data end, a summary of one huge record, and a footer pointing at it: a complete file.
+    const std::string summary = RecordingPath("bigsummary");
+    WriteSparse(summary, {{0x0f, 4}, {0x00, big}});
+    struct stat st {};
+    ASSERT_EQ(0, ::stat(summary.c_str(), &st));
+    const std::uint64_t summaryStart = std::uint64_t(st.st_size) - 9 - big;
+    std::string footer("\x02\x14\0\0\0\0\0\0\0", 9);
+    for (int i = 0; i < 8; ++i) {
+        footer += static_cast<char>((summaryStart >> (8 * i)) & 0xff);
+    }
+    footer += std::string(12, '\0') + std::string("\x89MCAP0\r\n", 8);
+    const int fd = ::open(summary.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    const ssize_t appended = ::write(fd, footer.data(), footer.size());
+    ::close(fd);
+    ASSERT_EQ(ssize_t(footer.size()), appended);
+    const Outcome complete = Slotctl({"info", summary});
+    EXPECT_EQ(0, complete.status) << complete.Describe();
+    EXPECT_THAT(complete.out, HasSubstr("complete (summary and footer checked)"));
+    rusage usage{};
+    ASSERT_EQ(0, ::getrusage(RUSAGE_CHILDREN, &usage));
+    EXPECT_LT(usage.ru_maxrss, 300 * 1024) << "KiB at most, of any slotctl run so far";
+}
+
+// A block too large for a chunk goes between the chunks as a plain message; the chunk before it
+// closes first. Every block reads back in order.
+TEST(SlotctlMcapFile, ABlockLargerThanAChunkMayHoldIsWrittenOutsideTheChunks) {
+    if (!mcap::ZstdBuiltIn()) {
+        GTEST_SKIP() << "zstd is not built in";
+    }
+    const std::string path = RecordingPath("bigblock");
+    mcap::Writer::Options options;
+    options.zstd = true;
+    options.maxChunkSize = 200;
+    const std::vector<std::string> blocks = {std::string(60, 'a'), std::string(60, 'b'),
+                                             std::string(300, 'c'), std::string(150, 'd'),
+                                             std::string(150, 'e')};
+    {
+        mcap::Writer writer(path, options);
+        const std::uint16_t channel = writer.AddChannel("t", "application/octet-stream", {});
+        std::uint32_t sequence = 0;
+        for (const std::string& block : blocks) {
+            ++sequence;
+            writer.Add(
+                mcap::Message{channel, sequence, sequence, sequence, block.data(), block.size()});
+        }
+        writer.Close();
+    }
+    const Recording read = ReadRecording(path);
+    EXPECT_TRUE(read.result.complete) << read.result.problem;
+    EXPECT_EQ(blocks, read.blocks);
+    EXPECT_EQ(Numbers(blocks.size()), read.sequences);
+    // a+b, then d and e each alone (together they would pass 200 bytes); c in none.
+    EXPECT_EQ(3u, read.result.chunks);
+}
+
 // A stop signal while reading a recording ends read and info with status 130, and info shows no
 // state for the part it read.
 TEST(SlotctlMcapFile, AStopWhileReadingARecordingEndsWithStatus130) {
@@ -336,6 +407,23 @@ TEST(SlotctlMcapFile, AStopWhileReadingARecordingEndsWithStatus130) {
         EXPECT_EQ(130, run.status) << command << ": " << run.Describe();
         EXPECT_EQ("", run.out) << command;
         EXPECT_EQ("", run.err) << command;
+    }
+}
+
+// A stop signal also ends the reading inside long records without a message between them (here
+// 1 TiB of holes to read): status 130 soon, not once they are read.
+TEST(SlotctlMcapFile, AStopInsideALongRecordEndsTheReading) {
+    const std::string path = RecordingPath("longrecord");
+    // Each less than 2 GiB, which a 32-bit build can address.
+    WriteSparse(path, std::vector<std::pair<std::uint8_t, std::uint64_t>>(
+                          512, {0x09, (std::uint64_t(1) << 31) - 4096}));
+    for (const std::string command : {"info", "read"}) {
+        Background reading({command, path}, 0, "/dev/null");
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        reading.Signal(SIGINT);
+        const Outcome run = reading.Finish(std::chrono::seconds(30));
+        EXPECT_FALSE(run.timedOut) << command << ": " << run.Describe();
+        EXPECT_EQ(130, run.status) << command << ": " << run.Describe();
     }
 }
 
@@ -773,6 +861,49 @@ TEST(SlotctlRecord, TeePassesEveryBlockOnInOrderThroughRefusals) {
     EXPECT_EQ(blocks, ReadRecording(path).blocks);
 }
 
+// A stop while OTHER stays full (no reader) ends the passing on at the block in hand: it is
+// recorded and counted as not passed on (status 1), and the rest stay in the recorded slot.
+TEST(SlotctlRecord, TeeStoppedWhileFullTakesNothingMoreAndFails) {
+    ScopedSlotName source("teefullsrc");
+    ScopedSlotName other("teefullout");
+    const std::vector<std::string> blocks = TestBlocks(3);
+    Fill(source, blocks);
+    {
+        const SlotCfg otherCfg = Reliable(other, 1);
+        ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&otherCfg);
+        writer->onNotify(other, "full", 4);
+    }
+    const std::string path = RecordingPath("teefull");
+    Background recorder({"record", "-o", path, "--tee", other.str(), source.str()});
+    const bool taken =
+        WaitForRecording([&] { return Waiting(source, blocks.size() + 8) == blocks.size() - 1; });
+    recorder.Signal(SIGINT);
+    const Outcome run = recorder.Finish();
+    ASSERT_TRUE(taken) << run.Describe();
+    EXPECT_EQ(1, run.status) << run.Describe();
+    EXPECT_THAT(run.err,
+                AllOf(HasSubstr("): 1 block, 10 B, 0 gaps; passed 0 on to '" + other.str() + "'"),
+                      HasSubstr(", 1 not passed on\n")))
+        << run.Describe();
+    EXPECT_EQ(std::vector<std::string>{blocks[0]}, ReadRecording(path).blocks);
+    EXPECT_EQ(blocks.size() - 1, Waiting(source, blocks.size() + 8));
+}
+
+// A recording that fails before it starts (its file exists) does not make the --tee slot.
+TEST(SlotctlRecord, AFailedRecordingMakesNoTeeSlot) {
+    ScopedSlotName source("teenofile");
+    ScopedSlotName other("teenotmade");
+    Fill(source, TestBlocks(1));
+    const std::string existing = RecordingPath("teeexists");
+    WriteFile(existing, "keep me");
+    const Outcome run = Slotctl({"record", "-o", existing, "--tee", other.str(), source.str()});
+    EXPECT_EQ(1, run.status) << run.Describe();
+    EXPECT_THAT(run.err, HasSubstr("File exists"));
+    EXPECT_EQ("keep me", ReadFile(existing));
+    EXPECT_FALSE(slotctltest::ShmExists(other.str()));
+    EXPECT_FALSE(slotctltest::ShmExists("queue_" + other.str()));
+}
+
 // A message to record: its channel's index, its log time in ns and its block.
 struct Logged {
     std::uint16_t channel;
@@ -825,6 +956,20 @@ TEST(SlotctlReplay, APoolChannelThatFitsNoPoolIsRefused) {
     EXPECT_THAT(refused.err, HasSubstr("its channel describes no valid pool ("));
 }
 
+// A channel whose name cannot be replayed into fails alone: the others are replayed, the summary
+// counts its blocks as not written, status 1.
+TEST(SlotctlReplay, AChannelThatCannotBeReplayedIntoFailsAlone) {
+    ScopedSlotName good("goodchan");
+    const std::string path =
+        Recorded({good, "bad/x"}, {{0, 1, "g1"}, {1, 2, "b1"}, {1, 3, "b2"}, {0, 4, "g2"}});
+    const Outcome run = Slotctl({"replay", "--max", path});
+    EXPECT_EQ(1, run.status) << run.Describe();
+    EXPECT_THAT(run.err, AllOf(HasSubstr("slotctl: invalid slot name 'bad/x'"),
+                               HasSubstr("slotctl: replayed 2 blocks into '" + good.str() + "'"),
+                               HasSubstr("slotctl: replayed 0 blocks into 'bad/x', 2 not written")))
+        << run.Describe();
+}
+
 TEST(SlotctlReplay, PacesSelectsTopicsAndLoops) {
     ScopedSlotName fast("fast");
     ScopedSlotName skipped("skipped");
@@ -850,6 +995,19 @@ TEST(SlotctlReplay, PacesSelectsTopicsAndLoops) {
     EXPECT_EQ(130, looped.status) << looped.Describe();
     const std::string round = "2 bytes: b0\n2 bytes: b1\n2 bytes: b2\n2 bytes: b3\n2 bytes: b4\n";
     EXPECT_THAT(read.out, StartsWith(round + round + round));
+}
+
+// The parts of a split recording keep the pause between them: one pace for all the files.
+TEST(SlotctlReplay, ThePauseBetweenPartsIsKept) {
+    ScopedSlotName name("pacedparts");
+    const std::string first = Recorded({name}, {{0, 1000000000ull, "a"}});
+    const std::string second = Recorded({name}, {{0, 2000000000ull, "b"}});
+    const auto started = std::chrono::steady_clock::now();
+    const Outcome run = Slotctl({"replay", first, second});
+    const auto took = std::chrono::steady_clock::now() - started;
+    EXPECT_EQ(0, run.status) << run.Describe();
+    EXPECT_THAT(run.err, HasSubstr("replayed 2 blocks into '" + name.str()));
+    EXPECT_GE(took, std::chrono::milliseconds(1000));
 }
 
 // A log time far ahead (here the largest there is) is waited for as recorded, said so, and
@@ -953,6 +1111,22 @@ TEST(SlotctlReplay, ReadingARecordingIntoAFullOutputFails) {
     const slotctltest::ShellRun run =
         slotctltest::InShell("\"$0\" read " + path + " 2>&1 >/dev/full; echo $?");
     EXPECT_EQ("slotctl: cannot write standard output: No space left on device\n1\n", run.out);
+}
+
+// read FILE.mcap --timeout MS gives up on an output that takes nothing for MS ms: status 124.
+TEST(SlotctlReplay, ReadingARecordingIntoAStuckOutputTimesOut) {
+    const std::string path = Recorded({"src"}, Spaced({std::string(200000, 'x')}, 1000));
+    const std::string fifo = RecordingPath("stuckout");
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    const int undrained = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    Background reader({"read", path, "--format", "raw", "--timeout", "500"}, 0, fifo);
+    const Outcome run = reader.Finish(std::chrono::seconds(30));
+    ::close(undrained);
+    ::unlink(fifo.c_str());
+    EXPECT_FALSE(run.timedOut) << run.Describe();
+    EXPECT_EQ(124, run.status) << run.Describe();
+    EXPECT_EQ("slotctl: cannot write standard output: it took nothing within the time-out\n",
+              run.err);
 }
 
 TEST(SlotctlReplay, LoopingOverRecordingsWithoutABlockToReplayEnds) {

@@ -244,8 +244,11 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
                               TargetFlags({"follow"}));
     arguments.ExpectOperands(1, 1, "one slot name or recording");
     const std::string& name = arguments.Operands()[0];
+    // Bounds the wait for a block and for room in standard output.
+    const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
+    const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     if (IsRecordingFile(name)) {
-        return ReadRecording(arguments, name);
+        return ReadRecording(arguments, name, limitMs);
     }
     // Reading would make a slot of that name and wait.
     RefuseMissingRecording("read", name);
@@ -257,8 +260,6 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
     // Blocks to print before ending; 0: no limit.
     const std::uint64_t target =
         arguments.GetNumber("count", arguments.Has("follow") ? 0 : 1, 0, UINT64_MAX >> 1);
-    const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
-    const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     std::unique_ptr<BlockQueue> made;
     const Opened opened = MeansPool(arguments, "read", name)
                               ? OpenPoolReader(arguments, name, target, made)

@@ -30,6 +30,7 @@
 #include <cstdio>
 #include <ctime>
 #include <deque>
+#include <functional>
 #include <future>
 #include <iostream>
 #include <memory>
@@ -219,15 +220,28 @@ struct Source : public shared::ISubscriber {
         numbered = true;
         lastSequence = sequence;
         const char* bytes = static_cast<const char*>(data);
+        // A stop while OTHER stays full ends the passing on: the block in hand is recorded and
+        // counted as not passed on, and the reader takes nothing more (a reliable slot keeps
+        // the rest), so that no later block is recorded without being passed on.
+        bool teeStopped = false;
         if (tee) {
-            tee->Write(bytes, size, [&] { return backlog.Stopping(); });
+            teeStopped = tee->Write(bytes, size, [&] { return backlog.Stopping(); }) ==
+                         RetryingWriter::Result::Stopped;
         }
+        if (!Keep(sequence, time, bytes, size) && teeStopped) {
+            held.StopHere();
+        }
+    }
+
+    // Writes the block or queues it; false when the reader was already told to take nothing
+    // more (a failed recording).
+    bool Keep(std::uint32_t sequence, std::uint64_t time, const char* bytes, size_t size) {
         if (sink.failed) {
             // The recording has failed: this block is lost, and the reader takes nothing more
             // (a reliable slot keeps the rest).
             ++dropped;
             held.StopHere();
-            return;
+            return true;
         }
         // A reliable slot's block is written from here, without a copy, once none of its
         // earlier blocks still waits in the backlog: the bytes are valid during this call, and
@@ -252,7 +266,7 @@ struct Source : public shared::ISubscriber {
                 if (sink.failure.empty()) {
                     try {
                         sink.store(*this, sequence, time, bytes, size);
-                        return;
+                        return false;
                     } catch (const std::exception& e) {
                         sink.Fail(e.what());
                         backlog.Wake();
@@ -263,13 +277,14 @@ struct Source : public shared::ISubscriber {
             // After the file's lock, which the main thread's stop may wait for: this reader
             // takes nothing more, whoever stops it.
             held.StopHere();
-            return;
+            return true;
         }
         ++queued;
         if (!backlog.Put(index, sequence, time, bytes, size)) {
             --queued;
             ++dropped;
         }
+        return false;
     }
 
     size_t index;
@@ -282,6 +297,9 @@ struct Source : public shared::ISubscriber {
     Backlog& backlog;
     Sink& sink;
     bool discarding = false;  // a discarding slot or a latest pool
+    // --tee's writer, made (the slot or pool created when missing) only once the recording
+    // can start: a run that fails before leaves nothing behind.
+    std::function<RetryingWriter*()> makeTee;
     std::unique_ptr<RetryingWriter> tee;
     boost::shared_ptr<ISlot> opened;  // a slot's, opened before any reader starts
     HeldReader held;
@@ -411,8 +429,9 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             source->metadata = PoolMetadata(config);
             source->discarding = config.kind == "latest";
             if (arguments.Has("tee")) {
-                source->tee.reset(
-                    new RetryingWriter(PoolTargetFor("record", arguments.Get("tee"), config)));
+                const Slot::PoolConfig teeConfig =
+                    PoolTargetFor("record", arguments.Get("tee"), config);
+                source->makeTee = [teeConfig] { return new RetryingWriter(teeConfig); };
             }
             sources.push_back(std::move(source));
             continue;
@@ -458,7 +477,9 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             }
             const SlotCfg teeCfg =
                 ResolveSlot(Arguments("record", teeGiven, SlotValuedOptions({}), {}), other);
-            sources.back()->tee.reset(new RetryingWriter(teeCfg, RetryingWriter::Waits::Plain));
+            sources.back()->makeTee = [teeCfg] {
+                return new RetryingWriter(teeCfg, RetryingWriter::Waits::Plain);
+            };
         }
     }
 
@@ -566,6 +587,16 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             abandon();
             throw CommandError(ExitFailure,
                                "cannot record " + Quote(source->name) + ": " + e.what());
+        }
+    }
+    for (const auto& source : sources) {
+        if (source->makeTee) {
+            try {
+                source->tee.reset(source->makeTee());
+            } catch (...) {
+                abandon();
+                throw;
+            }
         }
     }
     // A reader that cannot be made now (its slot changed meanwhile) or whose making is
@@ -778,6 +809,13 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
     }
     if (makingLeft) {
         LeaveNow(ExitInterrupted, "");
+    }
+    // A block recorded and not passed on (too large, failed, or a stop while OTHER was full)
+    // is a loss for OTHER's consumer, as replay's blocks not written are.
+    for (const auto& source : sources) {
+        if (source->tee && source->tee->Lost() != 0) {
+            return ExitFailure;
+        }
     }
     return startInterrupted ? ExitInterrupted : ExitOk;
 }

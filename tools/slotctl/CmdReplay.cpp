@@ -71,13 +71,14 @@ std::string WaitText(std::int64_t ms) {
 }
 
 // Holds a recording's pace: each block waits until its log time, counted from the first
-// block's, divided by the rate, has passed.
+// block's, divided by the rate, has passed. One pacer serves every file of a pass, so that the
+// pause between the parts of a split recording is kept.
 class Pacer {
 public:
-    Pacer(double rate, const std::string& file) : rate_(rate), file_(file) {}
+    explicit Pacer(double rate) : rate_(rate) {}
 
-    // False when Ctrl-C or a termination signal ended the wait.
-    bool WaitFor(std::uint64_t logTime) {
+    // False when Ctrl-C or a termination signal ended the wait. `file` holds the block.
+    bool WaitFor(std::uint64_t logTime, const std::string& file) {
         if (!started_) {
             started_ = true;
             firstLog_ = logTime;
@@ -96,7 +97,7 @@ public:
                                     .count());
         const std::int64_t waitMs = static_cast<std::int64_t>((dueNs - elapsedNs) / 1e6);
         if (waitMs >= kAnnouncedWaitMs) {
-            std::cerr << "slotctl: the next block of " << Quote(file_) << " is due in "
+            std::cerr << "slotctl: the next block of " << Quote(file) << " is due in "
                       << WaitText(waitMs)
                       << " as recorded; waiting (Ctrl-C stops, --max replays without pauses)"
                       << std::endl;
@@ -113,18 +114,18 @@ public:
 
 private:
     double rate_;
-    std::string file_;
     bool started_ = false;
     std::uint64_t firstLog_ = 0;
     std::chrono::steady_clock::time_point start_;
 };
 
-// Reads a recording, turning a file that cannot be opened into a command error.
+// Reads a recording, turning a file that cannot be opened into a command error. Ctrl-C or a
+// termination signal ends the reading also inside a long record (`stopped`).
 mcap::ReadResult ReadFile(const std::string& path,
                           const std::function<bool(const mcap::Message&, const mcap::Channel&)>& cb,
                           bool needData = true) {
     try {
-        return mcap::Read(path, cb, needData);
+        return mcap::Read(path, cb, needData, [] { return StopSignals::Received(); });
     } catch (const mcap::Error& e) {
         throw CommandError(ExitFailure, e.what());
     }
@@ -404,7 +405,7 @@ RetryingWriter::Result RetryingWriter::Write(const char* data, size_t size,
     }
 }
 
-int ReadRecording(const Arguments& arguments, const std::string& path) {
+int ReadRecording(const Arguments& arguments, const std::string& path, int limitMs) {
     const std::string format = arguments.Get("format", "text");
     if (!IsBlockFormat(format)) {
         throw UsageError("read: --format must be text, hex, raw, frames or ndjson, not " +
@@ -419,7 +420,7 @@ int ReadRecording(const Arguments& arguments, const std::string& path) {
                 return false;
             }
             const std::string block(message.data, message.size);
-            if (!WriteOut(FormatBlock(format, block, TimeOf(message.logTime)))) {
+            if (!WriteOut(FormatBlock(format, block, TimeOf(message.logTime)), limitMs)) {
                 outputError = errno;
                 return false;
             }
@@ -556,11 +557,10 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
         }
         return stopped;
     };
-    // The slot a channel goes to, opened (and made, with the recorded kind and sizes) at its
-    // first block.
-    auto writerFor = [&](const mcap::Channel& channel) -> RetryingWriter& {
-        const auto mapped = mapping.find(channel.topic);
-        const std::string name = mapped == mapping.end() ? channel.topic : mapped->second;
+    // The slot `name` that `channel` goes to, opened (and made, with the recorded kind and sizes)
+    // at its first block; throws when it cannot be.
+    auto openWriter = [&](const mcap::Channel& channel,
+                          const std::string& name) -> RetryingWriter& {
         auto& writer = writers[name];
         if (!writer && IsPoolChannel(channel.metadata)) {
             CheckSlotName(name);
@@ -602,6 +602,28 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
         }
         return *writer;
     };
+    // Names a channel could not be replayed into (an invalid name, one of the other kind,
+    // metadata that describes nothing valid), with the blocks not written to them. The other
+    // channels go on; the reason is said at once, the count in the summary (status 1).
+    std::map<std::string, std::uint64_t> refused;
+    // The writer of a channel's slot; null when it cannot be had.
+    auto writerFor = [&](const mcap::Channel& channel) -> RetryingWriter* {
+        const auto mapped = mapping.find(channel.topic);
+        const std::string name = mapped == mapping.end() ? channel.topic : mapped->second;
+        const auto no = refused.find(name);
+        if (no != refused.end()) {
+            ++no->second;
+            return nullptr;
+        }
+        try {
+            return &openWriter(channel, name);
+        } catch (const std::exception& e) {
+            writers.erase(name);
+            refused[name] = 1;
+            std::cerr << "slotctl: " << Printable(e.what()) << std::endl;
+            return nullptr;
+        }
+    };
 
     int status = ExitOk;
     std::uint64_t tooLarge = 0;
@@ -610,23 +632,26 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
     std::uint64_t passBlocks = 0;
     do {
         passBlocks = 0;
+        Pacer pacer(rate);
         for (const std::string& file : arguments.Operands()) {
-            Pacer pacer(rate, file);
             const mcap::ReadResult result =
                 ReadFile(file, [&](const mcap::Message& message, const mcap::Channel& channel) {
                     if (!topics.empty() && topics.count(channel.topic) == 0) {
                         return true;
                     }
-                    if (!max && !pacer.WaitFor(message.logTime)) {
+                    if (!max && !pacer.WaitFor(message.logTime, file)) {
                         stopped = true;
                     }
                     if (stopping()) {
                         return false;
                     }
-                    RetryingWriter& writer = writerFor(channel);
+                    RetryingWriter* const writer = writerFor(channel);
+                    if (writer == nullptr) {
+                        return true;
+                    }
                     ++passBlocks;
                     const RetryingWriter::Result written =
-                        writer.Write(message.data, message.size, stopping);
+                        writer->Write(message.data, message.size, stopping);
                     if (written == RetryingWriter::Result::TooLarge) {
                         ++tooLarge;
                     }
@@ -635,7 +660,8 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
                     }
                     return !stopped;
                 });
-            if (stopped) {
+            if (stopped || result.stopped) {
+                stopped = true;
                 break;
             }
             status = std::max(status, ReportEnd(file, result));
@@ -663,7 +689,12 @@ int RunReplay(const Context&, const std::vector<std::string>& args) {
         }
         std::cerr << std::endl;
     }
-    if (writers.empty()) {
+    for (const auto& item : refused) {
+        std::cerr << "slotctl: replayed 0 blocks into " << Quote(item.first) << ", " << item.second
+                  << " not written (it cannot be replayed into, as said above)" << std::endl;
+        status = std::max(status, static_cast<int>(ExitFailure));
+    }
+    if (writers.empty() && refused.empty()) {
         std::cerr << "slotctl: nothing replayed (no blocks"
                   << (topics.empty() ? "" : " of the topics given") << ")" << std::endl;
     }

@@ -38,8 +38,6 @@ enum Opcode : std::uint8_t {
 const size_t RecordHead = 9;                 // opcode and 8-byte length
 const size_t MessageFields = 2 + 4 + 8 + 8;  // channel, sequence, log and publish time
 const size_t FooterRecord = 9 + 20;          // summary start, summary offset start, CRC
-// A chunk never unpacks to more than this (a hostile size cannot make us allocate more).
-const std::uint64_t MaxChunkSize = std::uint64_t(1) << 30;
 // The largest block a recording holds (a pool's block of up to 4 GiB - 1; a slot's is less).
 const std::uint64_t MaxMessageData = 0xffffffffu;
 // A chunk record: its fields and the compressed records, which zstd makes at most a little
@@ -47,6 +45,9 @@ const std::uint64_t MaxMessageData = 0xffffffffu;
 const std::uint64_t MaxChunkRecord = MaxChunkSize + (MaxChunkSize >> 7) + 4096;
 // How much of a record that is not kept is read at a time for the data section's CRC.
 const size_t CrcPiece = size_t(1) << 20;
+// A header or channel record is read whole: none is ever larger than this (a recording's hold a
+// few names and numbers).
+const std::uint64_t MaxSmallRecord = std::uint64_t(1) << 20;
 
 // Little-endian encoding.
 void Put(std::string& out, std::uint64_t value, int bytes) {
@@ -282,17 +283,17 @@ void Writer::Add(const Message& message) {
     ++messages_;
     ++counts_[message.channel];
     if (!options_.zstd) {
-        dataCrc_ = Crc32(dataCrc_, head, sizeof(head));
-        dataCrc_ = Crc32(dataCrc_, message.data, message.size);
-        out_.append(head, sizeof(head));
-        if (message.size >= 16384) {
-            WriteOut(message.data, message.size);  // a large block goes out without a copy
-        } else {
-            out_.append(message.data, message.size);
-            if (out_.size() >= (1u << 20)) {
-                WriteOut();
-            }
-        }
+        AddPlain(head, sizeof(head), message);
+        return;
+    }
+    // The open chunk closes before a record that would take it past its limit; a record that
+    // fits in no chunk goes between them.
+    const std::uint64_t recordSize = sizeof(head) + message.size;
+    if (!chunk_.empty() && chunk_.size() + recordSize > options_.maxChunkSize) {
+        CloseChunk();
+    }
+    if (recordSize > options_.maxChunkSize) {
+        AddPlain(head, sizeof(head), message);
         return;
     }
     if (chunk_.empty()) {
@@ -308,6 +309,20 @@ void Writer::Add(const Message& message) {
     if (chunk_.size() >= options_.chunkSize) {
         CloseChunk();
         WriteOut();
+    }
+}
+
+void Writer::AddPlain(const char* head, size_t headSize, const Message& message) {
+    dataCrc_ = Crc32(dataCrc_, head, headSize);
+    dataCrc_ = Crc32(dataCrc_, message.data, message.size);
+    out_.append(head, headSize);
+    if (message.size >= 16384) {
+        WriteOut(message.data, message.size);  // a large block goes out without a copy
+    } else {
+        out_.append(message.data, message.size);
+        if (out_.size() >= (1u << 20)) {
+            WriteOut();
+        }
     }
 }
 
@@ -491,9 +506,12 @@ void Writer::Close() {
 
 namespace {
 
+// Thrown inside the reading when its stop check says so; Read turns it into `stopped`.
+struct Stopped {};
+
 class File {
 public:
-    explicit File(const std::string& path) : path_(path) {
+    File(const std::string& path, const std::function<bool()>& stop) : path_(path), stop_(stop) {
         // O_NONBLOCK: a FIFO in the file's place is refused below instead of waited on (it
         // changes nothing for a regular file).
         fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -519,12 +537,16 @@ public:
         return bytes;
     }
 
-    // Fills `into` with the `size` bytes at `offset`.
+    // Fills `into` with the `size` bytes at `offset`, a piece at a time, asking the stop check
+    // before each piece (throws Stopped).
     void ReadInto(char* into, std::uint64_t offset, size_t size) const {
         size_t done = 0;
         while (done < size) {
-            const ssize_t n =
-                ::pread(fd_, into + done, size - done, static_cast<off_t>(offset + done));
+            if (stop_ && stop_()) {
+                throw Stopped();
+            }
+            const ssize_t n = ::pread(fd_, into + done, std::min(size - done, CrcPiece),
+                                      static_cast<off_t>(offset + done));
             if (n < 0 && errno == EINTR) {
                 continue;
             }
@@ -540,22 +562,29 @@ public:
         }
     }
 
-    // `crc` carried over the `size` bytes at `offset`, read a piece at a time.
-    std::uint32_t Crc(std::uint32_t crc, std::uint64_t offset, std::uint64_t size) const {
+    // Hands the `size` bytes at `offset` to `use` a piece at a time.
+    template <class Use>
+    void Pieces(std::uint64_t offset, std::uint64_t size, Use use) const {
         // One buffer for all pieces: memory stays at one piece, however long the record.
         std::vector<char> buffer(static_cast<size_t>(std::min<std::uint64_t>(size, CrcPiece)));
         while (size > 0) {
             const size_t piece = static_cast<size_t>(std::min<std::uint64_t>(size, CrcPiece));
             ReadInto(buffer.data(), offset, piece);
-            crc = Crc32(crc, buffer.data(), piece);
+            use(buffer.data(), piece);
             offset += piece;
             size -= piece;
         }
+    }
+
+    // `crc` carried over the `size` bytes at `offset`, read a piece at a time.
+    std::uint32_t Crc(std::uint32_t crc, std::uint64_t offset, std::uint64_t size) const {
+        Pieces(offset, size, [&](const char* piece, size_t n) { crc = Crc32(crc, piece, n); });
         return crc;
     }
 
 private:
     std::string path_;
+    const std::function<bool()>& stop_;
     int fd_ = -1;
     std::uint64_t size_ = 0;
 };
@@ -777,17 +806,36 @@ std::string CheckTail(const File& file, std::uint64_t summaryFrom) {
          (summaryOffsetStart < summaryStart || summaryOffsetStart > footerAt))) {
         return "the footer's summary offsets point outside the summary";
     }
-    const std::string summary = file.At(summaryStart, footerAt - summaryStart);
-    Cursor records(summary.data(), summary.size());
-    while (records.Left() > 0) {
-        records.U8();
-        const std::uint64_t n = records.U64();
-        if (records.Bytes(n) == nullptr || !records.ok()) {
-            return "a summary record runs past the footer";
+    // Read a piece at a time, however long the summary claims to be: each record's head is
+    // looked at, its content only skipped (and taken into the CRC).
+    std::uint32_t actual = 0;
+    char head[RecordHead];
+    size_t headHave = 0;
+    std::uint64_t skip = 0;  // content of the current record still ahead
+    file.Pieces(summaryStart, footerAt - summaryStart, [&](const char* p, size_t n) {
+        actual = Crc32(actual, p, n);
+        while (n > 0) {
+            size_t take = 0;
+            if (skip > 0) {
+                take = static_cast<size_t>(std::min<std::uint64_t>(skip, n));
+                skip -= take;
+            } else {
+                take = std::min(RecordHead - headHave, n);
+                std::memcpy(head + headHave, p, take);
+                headHave += take;
+                if (headHave == RecordHead) {
+                    skip = Cursor(head + 1, 8).U64();
+                    headHave = 0;
+                }
+            }
+            p += take;
+            n -= take;
         }
+    });
+    if (headHave != 0 || skip != 0) {
+        return "a summary record runs past the footer";
     }
     if (crc != 0) {
-        std::uint32_t actual = Crc32(0, summary.data(), summary.size());
         actual = Crc32(actual, tail.data(), FooterRecord - 4);
         if (actual != crc) {
             return "the summary's CRC does not match";
@@ -796,18 +844,13 @@ std::string CheckTail(const File& file, std::uint64_t summaryFrom) {
     return "";
 }
 
-}  // namespace
-
-ReadResult Read(const std::string& path,
-                const std::function<bool(const Message&, const Channel&)>& onMessage,
-                bool needData) {
-    File file(path);
-    ReadResult result;
+void ReadAll(const File& file, ReadResult& result,
+             const std::function<bool(const Message&, const Channel&)>& onMessage, bool needData) {
     Parser parser(result, onMessage);
     const std::uint64_t size = file.Size();
     if (size < sizeof(Magic) || std::memcmp(file.At(0, sizeof(Magic)).data(), Magic, 8) != 0) {
         result.problem = "not an MCAP file (it does not start with the MCAP magic)";
-        return result;
+        return;
     }
     std::uint32_t crc = Crc32(0, Magic, sizeof(Magic));
     std::uint64_t offset = sizeof(Magic);
@@ -818,7 +861,7 @@ ReadResult Read(const std::string& path,
             result.cutShort = true;
             result.problem = offset == size ? "the file ends without its summary"
                                             : "the file ends inside a record";
-            return result;
+            return;
         }
         const std::string head = file.At(offset, RecordHead);
         Cursor c(head.data(), head.size());
@@ -826,44 +869,52 @@ ReadResult Read(const std::string& path,
         const std::uint64_t length = c.U64();
         if (first && opcode != OpHeader) {
             result.problem = "the file does not begin with a header record";
-            return result;
+            return;
         }
         first = false;
         if (length > size - offset - RecordHead) {
             result.cutShort = true;
             result.problem =
                 "the file ends inside a record of " + std::to_string(length) + " bytes";
-            return result;
+            return;
         }
         // No record of these kinds is ever this large, whatever the build.
         if (opcode == OpMessage && length > MessageFields + MaxMessageData) {
             result.problem = "a message record of " + std::to_string(length) +
                              " bytes, more than the largest block a recording holds (" +
                              std::to_string(MaxMessageData) + " bytes)";
-            return result;
+            return;
         }
         if (opcode == OpChunk && length > MaxChunkRecord) {
             result.problem = "a chunk record of " + std::to_string(length) +
                              " bytes, more than a chunk of 1 GiB takes";
-            return result;
+            return;
+        }
+        if ((opcode == OpHeader || opcode == OpChannel) && length > MaxSmallRecord) {
+            result.problem = std::string("a ") + (opcode == OpHeader ? "header" : "channel") +
+                             " record of " + std::to_string(length) + " bytes, more than " +
+                             std::to_string(MaxSmallRecord) + " bytes";
+            return;
         }
         // Within the file, but more than a 32-bit build can address.
         if (length > std::uint64_t(SIZE_MAX / 2)) {
             result.problem =
                 "a record of " + std::to_string(length) + " bytes, more than this build can hold";
-            return result;
+            return;
         }
         if (opcode == OpDataEnd) {
-            const std::string content = file.At(offset + RecordHead, length);
+            // Only its CRC is read: whatever else the record claims to hold is skipped.
+            const std::string content =
+                file.At(offset + RecordHead, std::min<std::uint64_t>(length, 4));
             Cursor end(content.data(), content.size());
             const std::uint32_t declared = end.U32();
             if (!end.ok()) {
                 result.problem = "the data-end record is shorter than its fields";
-                return result;
+                return;
             }
             if (declared != 0 && declared != crc) {
                 result.problem = "the data section's CRC does not match";
-                return result;
+                return;
             }
             result.problem = CheckTail(file, offset + RecordHead + length);
             result.complete = result.problem.empty();
@@ -874,11 +925,11 @@ ReadResult Read(const std::string& path,
                                std::memcmp(file.At(size - sizeof(Magic), sizeof(Magic)).data(),
                                            Magic, sizeof(Magic)) != 0);
             result.problemOffset = offset;
-            return result;
+            return;
         }
         if (opcode == OpFooter) {
             result.problem = "a footer without a data-end record";
-            return result;
+            return;
         }
         // A record is held whole only when it is read: a hostile file's apparent size never
         // becomes memory.
@@ -903,10 +954,34 @@ ReadResult Read(const std::string& path,
         }
         if (!go) {
             // Stopped by the caller: no problem.
-            return result;
+            return;
         }
         offset += RecordHead + length;
     }
+}
+
+}  // namespace
+
+ReadResult Read(const std::string& path,
+                const std::function<bool(const Message&, const Channel&)>& onMessage, bool needData,
+                const std::function<bool()>& stop) {
+    const File file(path, stop);
+    ReadResult result;
+    // A stop says so before each message, too: the caller's callback need not look.
+    const std::function<bool(const Message&, const Channel&)> onEach = [&](const Message& message,
+                                                                           const Channel& channel) {
+        if (stop && stop()) {
+            result.stopped = true;
+            return false;
+        }
+        return onMessage ? onMessage(message, channel) : true;
+    };
+    try {
+        ReadAll(file, result, onEach, needData);
+    } catch (const Stopped&) {
+        result.stopped = true;
+    }
+    return result;
 }
 
 }  // namespace mcap

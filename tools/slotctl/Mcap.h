@@ -42,11 +42,18 @@ struct Message {
     size_t size = 0;
 };
 
+// The most a chunk holds before compression: a reader refuses larger ones (a hostile size
+// cannot make it allocate more), so a writer never makes one.
+constexpr std::uint64_t MaxChunkSize = std::uint64_t(1) << 30;
+
 class Writer {
 public:
     struct Options {
-        bool zstd = false;                      // chunks compressed with zstd; else plain messages
-        size_t chunkSize = 1 << 20;             // uncompressed bytes that close a chunk
+        bool zstd = false;           // chunks compressed with zstd; else plain messages
+        size_t chunkSize = 1 << 20;  // uncompressed bytes that close a chunk
+        // No chunk grows past this: a block whose record would not fit in one goes between the
+        // chunks as a plain message (not in the chunk indexes; streaming readers see it).
+        std::uint64_t maxChunkSize = MaxChunkSize;
         int zstdLevel = 1;                      // zstd's compression level
         std::uint64_t chunkAgeNs = 1000000000;  // a chunk older than this closes at Flush
         std::string library;                    // written into the header
@@ -78,6 +85,8 @@ public:
 
 private:
     void Record(std::uint8_t opcode, const std::string& content);
+    // A message record outside any chunk: its head, then its data.
+    void AddPlain(const char* head, size_t headSize, const Message& message);
     void CloseChunk();
     void WriteOut(const char* extra = nullptr, size_t extraSize = 0);
 
@@ -115,6 +124,7 @@ struct ReadResult {
     bool cutShort = false;  // the file ends inside its data (a killed recorder leaves that)
     std::string problem;    // why reading stopped early: cut short, malformed, or a bad CRC
     std::uint64_t problemOffset = 0;
+    bool stopped = false;  // `stop` said so (the rest says only what was read before)
 };
 
 // Reads the file's records in order and calls `onMessage` for each message (with its channel);
@@ -123,9 +133,10 @@ struct ReadResult {
 // short is read up to its last whole record (chunks: its last whole chunk). Without `needData`,
 // a message outside a chunk comes with its size and no data (null): its bytes are only checked,
 // a piece at a time. Records this reader ignores are never held whole; a message or chunk record
-// larger than any the recorder writes is damage.
+// larger than any the recorder writes is damage. `stop`, when given, is asked before each
+// message and each MiB read: true ends the reading with `stopped` set.
 ReadResult Read(const std::string& path,
                 const std::function<bool(const Message&, const Channel&)>& onMessage,
-                bool needData = true);
+                bool needData = true, const std::function<bool()>& stop = nullptr);
 
 }  // namespace mcap

@@ -110,8 +110,9 @@ private:
     std::uint64_t lostAtCloseBefore_ = 0;
 };
 
-// read FILE.mcap and info FILE.mcap.
-int ReadRecording(const Arguments& arguments, const std::string& path);
+// read FILE.mcap and info FILE.mcap; `limitMs` bounds each wait for room in standard output
+// (-1: none).
+int ReadRecording(const Arguments& arguments, const std::string& path, int limitMs);
 int RecordingInfo(const std::string& path);
 
 }  // namespace slotctl
