@@ -337,7 +337,15 @@ std::string BaseQueueSlot::GetRwSyncFileLockName(const std::string& name) {
 }
 
 boost::posix_time::ptime BaseQueueSlot::StampLastWriteTime() {
-    const boost::posix_time::ptime now = shared::UtcNow();
+    // A discarding reader tells a new write by a write time other than the one it saw last.
+    // Writes can follow each other within one microsecond of the clock; one that would carry
+    // the time before it (or, the clock stepped back a little, an earlier one) gets one
+    // microsecond more, or a reader that took the first write would never take the second.
+    boost::posix_time::ptime now = shared::UtcNow();
+    const boost::posix_time::ptime last = *writeTime_;
+    if (!last.is_special() && now <= last && last - now < boost::posix_time::seconds(1)) {
+        now = last + boost::posix_time::microseconds(1);
+    }
     *writeTime_ = now;
     return now;
 }

@@ -129,7 +129,8 @@ protected:
     // A copy of the output buffer's valid bytes (empty right after the slot was opened).
     shared::SizedArray GetDataFromOutBuf();
 
-    // Sets "last_write_tstamp" to the current UTC time and returns the value stored.
+    // Sets "last_write_tstamp" to the current UTC time (one microsecond past the time already
+    // there when that is not earlier) and returns the value stored. Called with the slot locked.
     boost::posix_time::ptime StampLastWriteTime();
     MessageQueue& GetQueue() {
         return *queue_;

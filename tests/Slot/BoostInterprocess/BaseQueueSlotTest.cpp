@@ -168,6 +168,21 @@ TEST(SlotOperations, OversizedBlockIsRefusedWithOneErrorAndChangesNothing) {
     }
 }
 
+// A discarding reader tells a new write by a write time other than the one it saw last: no
+// write may carry the time of the write before it, however fast they follow each other (two in
+// one microsecond of the clock would, and a reader that took the first never took the second).
+TEST(SlotOperations, EveryWriteCarriesALaterTimeThanTheOneBefore) {
+    testsupport::ScopedSlotName name;
+    DiscardingSlot slot(open_or_create, name.c_str(), 8);
+    boost::posix_time::ptime before = slot.GetLastWriteTime();
+    for (int i = 0; i < 5000; ++i) {
+        slot.WriteData("block", 5);
+        const boost::posix_time::ptime written = slot.GetLastWriteTime();
+        ASSERT_TRUE(before.is_not_a_date_time() || written > before) << "write " << i;
+        before = written;
+    }
+}
+
 // A block taken from the queue belongs to whoever took it: later receives, here or in another
 // process, write the output buffer but never a block already handed out. A receive from the
 // empty queue keeps the output buffer.
