@@ -205,8 +205,8 @@ pid_t HolderOf(const pthread_mutex_t* mutex, int kind, unsigned word) {
 
 }  // namespace
 
-InterruptibleLockWaits::InterruptibleLockWaits() : previous_(interruptibleWaits) {
-    interruptibleWaits = true;
+InterruptibleLockWaits::InterruptibleLockWaits(bool interruptible) : previous_(interruptibleWaits) {
+    interruptibleWaits = interruptible;
 }
 
 InterruptibleLockWaits::~InterruptibleLockWaits() {

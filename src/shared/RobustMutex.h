@@ -71,9 +71,11 @@ SHARED_EXPORT int SharedMutexKind();
 // when a caller swallows this exception. Other threads' waits are unchanged. For threads that
 // their owner stops by interruption and joins (a slot reader's): a holder that stays alive
 // without letting go (stopped by SIGSTOP or a debugger) cannot then hold up the join.
+// InterruptibleLockWaits(false) makes the waits uninterruptible again for its lifetime (code
+// that cannot take the interruption, such as subscribers that must finish storing a block).
 class SHARED_EXPORT InterruptibleLockWaits {
 public:
-    InterruptibleLockWaits();
+    explicit InterruptibleLockWaits(bool interruptible = true);
     ~InterruptibleLockWaits();
     InterruptibleLockWaits(const InterruptibleLockWaits&) = delete;
     InterruptibleLockWaits& operator=(const InterruptibleLockWaits&) = delete;

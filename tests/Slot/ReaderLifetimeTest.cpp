@@ -170,7 +170,7 @@ TEST(ReliableSlotReader, StopsDrainingAQueueThatWritersKeepFull) {
 // A live process that keeps the slot's lock and is stopped (SIGSTOP) holds up neither the
 // reader's thread nor its destructor, whether the thread waits for the lock before its sleep on
 // the slot or after it; the interruption ends the thread as a stop does, and the lock is free
-// once the holder lets go.
+// once the holder lets go. A subscriber's own wait for a lock is not cut.
 TEST(ReliableSlotReader, StopsWhileAStoppedProcessKeepsTheSlotsLock) {
     for (const bool heldFirst : {true, false}) {
         SCOPED_TRACE(heldFirst ? "held before the thread starts" : "held while it sleeps");
@@ -203,6 +203,29 @@ TEST(ReliableSlotReader, StopsWhileAStoppedProcessKeepsTheSlotsLock) {
         ASSERT_TRUE(slot->GetLockable()->try_lock()) << "the lock was left held";
         slot->GetLockable()->unlock();
     }
+
+    // A subscriber passing the block on waits for the other slot's lock through the stop: the
+    // block has left the source and must arrive.
+    ScopedSlotName source("lockfrom"), target("lockto");
+    boost::shared_ptr<ISlot> from(
+        new ReliableSlot(boost::interprocess::open_or_create, source.c_str(), 64, 4));
+    boost::shared_ptr<ISlot> to(
+        new ReliableSlot(boost::interprocess::open_or_create, target.c_str(), 64, 4));
+    testsupport::HeaderHolder holder(target);
+    ASSERT_TRUE(holder.WaitLocked());
+    auto reader = std::make_unique<ReliableSlotReader>(from, pt::milliseconds(50));
+    const ISubscriberPtr forward(new SlotWriter(to));
+    reader->subscribe(forward.get());
+    reader->Init();
+    SlotWriter(boost::shared_ptr<IBaseSlot>(from)).onNotify("", "block", 5);
+    ASSERT_TRUE(testsupport::Eventually([&] { return from->GetBufferLength() == 0; }));
+    std::future<void> destroyed = std::async(std::launch::async, [&reader] { reader.reset(); });
+    EXPECT_EQ(std::future_status::timeout, destroyed.wait_for(std::chrono::milliseconds(300)))
+        << "the forward was cut";
+    holder.Release();
+    destroyed.get();
+    EXPECT_TRUE(holder.Child().Wait().Ok());
+    EXPECT_EQ(1u, to->GetBufferLength()) << "the block taken was lost";
 }
 
 // A child forked (without exec) while readers run drops its copies at once; the parent's readers

@@ -141,8 +141,9 @@ void BaseSlotReader::InitBody() {
 
 void BaseSlotReader::operator()() {
     RunningReader = this;
-    // The stop request also ends a wait for a slot's lock that a live process keeps (one
-    // stopped by SIGSTOP or a debugger), here and in subscribers: the destructor's join returns.
+    // The stop request also ends this thread's wait for the slot's lock that a live process
+    // keeps (one stopped by SIGSTOP or a debugger): the destructor's join returns. Not in
+    // subscribers (see ReadAndNotify).
     const shared::InterruptibleLockWaits interruptibleLockWaits;
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "Thread started");
@@ -224,7 +225,12 @@ shared::SizedArray BaseSlotReader::ReadAndNotify() {
         LOG4CXX_TRACE(logger_, "Unlocked " << slot_->GetName());
     }
     // Subscribers run outside the slot's lock: a slow one never holds up writers.
-    notify(name_, buffer.data(), buffer.size());
+    {
+        // A subscriber's own lock waits (a writer storing the block elsewhere) are not cut by a
+        // stop: the block has left the slot, and a subscriber interrupted half-way would lose it.
+        const shared::InterruptibleLockWaits subscribersWait(false);
+        notify(name_, buffer.data(), buffer.size());
+    }
     if (debug) {
         LOG4CXX_DEBUG(logger_, "Notified " << buffer.size() << " bytes from '" << name_ << "'");
     }

@@ -23,8 +23,8 @@
 // and every subscriber's onNotify. Each cycle waits on the slot's write condition for at most
 // the update time, then holds the slot's interprocess lock only around DataInSlotIsActual and
 // ReadData; subscribers run after the lock is released. A stop request (the destructor's
-// interruption) also ends the thread's waits for a slot's lock, its own and its subscribers',
-// however long the holder keeps it (shared::InterruptibleLockWaits).
+// interruption) also ends the thread's own waits for the slot's lock, however long the holder
+// keeps it (shared::InterruptibleLockWaits); subscribers' waits are not cut.
 //
 // Init must be called once, after the most-derived constructor has finished (the thread calls
 // virtual functions). Concrete readers interrupt and join the thread in their destructors, before
