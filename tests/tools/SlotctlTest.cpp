@@ -522,10 +522,11 @@ TEST(SlotctlReadWrite, AReadStoppedWhileItsReaderStartsPrintsEveryBlockItTook) {
         const std::string& file;
         ~StopAtEnd() { testsupport::WriteFile(file, ""); }
     } stopAtEnd{stopFile};
+    // (The count comes from the subshell of the pipeline, where the loop counts.)
     const std::string script =
-        "i=40; while [ $i -lt 900 ] && [ ! -e \"$1\" ]; do echo $i; i=$((i+1)); sleep 0.02; "
-        "done | \"$0\" write" +
-        slot + " 2>/dev/null && echo $i > \"$2\"";
+        "(i=40; while [ $i -lt 900 ] && [ ! -e \"$1\" ]; do echo $i; i=$((i+1)); sleep 0.02; "
+        "done; echo $i > \"$2.n\") | \"$0\" write" +
+        slot + " 2>/dev/null && mv \"$2.n\" \"$2\"";
     ChildProcess writer([&] {
         ::execl("/bin/bash", "bash", "-c", script.c_str(), SLOTCTL_PATH, stopFile.c_str(),
                 countFile.c_str(), static_cast<char*>(nullptr));
