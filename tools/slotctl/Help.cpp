@@ -264,7 +264,8 @@ own sequence number, so writes the recorder never saw show as gaps. A reliable s
 pool has one reader per machine: the recorder is it, and refuses one that already has a
 reader. A name that is only a pool is a pool; --pool or --slot decides for a name that is
 both. A pool's block is written to the file from shared memory, not copied first.
-Ctrl-C (SIGINT, SIGTERM) stops it cleanly: summary and footer are written, status 0. A
+Ctrl-C (SIGINT, SIGTERM) stops it cleanly: summary and footer are written, status 0 (1 when
+a block recorded was not passed on by --tee: it stays recorded, the rest stay in NAME). A
 recorder killed with SIGKILL leaves a file without summary whose records read and replay up to
 the last one it wrote (with --compression zstd, up to the last closed chunk: at most one chunk
 or one second is lost). The end prints blocks, bytes and gaps per slot, the files, and whether
@@ -296,7 +297,11 @@ count when missing, and written through loans; a slot's blocks never go into a n
 only a pool, nor a pool's into a slot. A block refused (a full reliable slot or queue pool, a
 pool without a free block) is retried until stored, and counted; nothing is dropped silently.
 The end prints blocks and retries per slot or pool, and the bytes a posix-pipe still held as it
-was closed with no reader (lost with it: status 1).
+was closed with no reader (lost with it: status 1). A channel that cannot be replayed into (its
+name not a valid slot name, a pool's metadata unusable) fails alone: its reason is printed once,
+its blocks are counted as not written, the others go on, status 1. The recorded pace runs over
+all FILEs of a pass as one timeline (a day between two recordings is waited for: use --max or
+separate runs for unrelated files).
   --map OLD=NEW      replay channel OLD into slot or pool NEW (may be repeated)
   --rate X           X times the recorded pace (default 1: as recorded); a wait of 10 s or
                      more for the next block is announced with how long it is
