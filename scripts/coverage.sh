@@ -35,8 +35,11 @@ cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug -DSLOT_BUILD_EXAMPLES=OFF \
 cmake --build "$dir" -j"$(nproc)"
 find "$dir" -name '*.gcda' -delete
 # A failing test still leaves its counts: the figure is printed either way, the status kept.
+# The permission test runs slotctl as another user, which cannot write the counters and says so
+# on stderr, where that test expects one line only: it is left out here (the suite runs it).
 status=0
-ctest --test-dir "$dir" -j"$(nproc)" --timeout 600 -LE deb --output-on-failure "$@" || status=$?
+ctest --test-dir "$dir" -j"$(nproc)" --timeout 600 -LE deb -E 'ASlotOfAnotherUser' \
+    --output-on-failure "$@" || status=$?
 
 filters=(--filter 'src/' --filter 'tools/' --filter 'gateway/')
 # Processes that fork without exec update the same counters at once, which can leave a negative
