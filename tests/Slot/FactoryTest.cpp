@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ChildProcess.h"
 #include "LogCapture.h"
+#include "Readers.h"
 #include "ShmHygiene.h"
 
-#include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
-#include <Slot/SlotFactory.h>
 
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
@@ -14,7 +13,6 @@
 #include <shared/SharedMemory.h>
 
 #include <gtest/gtest.h>
-#include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,6 +23,7 @@
 namespace {
 
 using testsupport::LogCapture;
+using testsupport::RefusalOf;
 using testsupport::ScopedSlotName;
 using testsupport::ShmExists;
 
@@ -46,16 +45,6 @@ bool ProcessHasOpen(const std::string& path) {
     return false;
 }
 
-// The text of the refusal that `make` throws; "" when it throws none.
-std::string Refusal(const std::function<void()>& make) {
-    try {
-        make();
-    } catch (const AbortSlotCreationException& e) {
-        return e.what();
-    }
-    return "";
-}
-
 // The factory's operations `ops` (0 CreateSlot, 1 CreateSlotReader, 2 CreateSlotWriter) refuse
 // `cfg` with `message`, or a message that starts with it when not `whole`.
 void ExpectRefused(const ISlotConfiguration& cfg, const std::string& message, bool whole = true,
@@ -64,7 +53,7 @@ void ExpectRefused(const ISlotConfiguration& cfg, const std::string& message, bo
                                           [&] { SlotFactory::CreateSlotReader(&cfg); },
                                           [&] { SlotFactory::CreateSlotWriter(&cfg); }};
     for (const int op : ops) {
-        const std::string what = Refusal(make[op]);
+        const std::string what = RefusalOf(make[op]);
         EXPECT_EQ(message, whole ? what : what.substr(0, message.size())) << "operation " << op;
     }
 }
@@ -191,12 +180,13 @@ TEST(SlotFactory, UpdateTimesAndSpinBudgetsThatCannotWorkAreRefused) {
                     const SlotCfg bad = WideCfg(name, type, 64, 4, t),
                                   good = WideCfg(name, type, 64, 4);
                     const std::string of = to_simple_string(t) + " of '" + name.str() + "': a ";
-                    failures += Refusal([&] { SlotFactory::CreateSlotReader(&bad); }) !=
+                    failures += RefusalOf([&] { SlotFactory::CreateSlotReader(&bad); }) !=
                                 "Invalid update time " + of +
                                     "reader needs a finite update time of 0 or more";
-                    failures += Refusal([&] { SlotFactory::CreateSpinningSlotReader(&good, t); }) !=
-                                "Invalid spin budget " + of +
-                                    "spinning reader needs a finite budget of 0 or more";
+                    failures += RefusalOf([&] {
+                                    SlotFactory::CreateSpinningSlotReader(&good, t);
+                                }) != "Invalid spin budget " + of +
+                                          "spinning reader needs a finite budget of 0 or more";
                 }
             }
             // 0 is a reader that looks again at once.

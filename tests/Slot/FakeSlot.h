@@ -18,8 +18,9 @@
 
 namespace testsupport {
 
-// In-process ISlot for the reader and writer machinery: counts lock/notify calls, holds blocks
-// in a deque, and can be told to throw from ReadData/WriteData.
+// In-process ISlot for the reader and writer machinery: counts lock/notify calls (and names
+// asked for under the lock), holds blocks in a deque, and can be told to throw from
+// ReadData/WriteData.
 class FakeSlot : public ISlot {
 public:
     class Lock : public shared::ILockable {
@@ -88,7 +89,10 @@ public:
         blocks_.push_back(std::string(static_cast<const char*>(data), size));
         lastWrite_ = boost::posix_time::microsec_clock::universal_time();
     }
-    std::string GetName() const override { return name_; }
+    std::string GetName() const override {
+        namesWhileLocked += lock_.held ? 1 : 0;
+        return name_;
+    }
     size_t GetMaxDataSize() const override { return maxSize_; }
     shared::ILockable* GetLockable() override { return &lock_; }
     shared::ISyncEvent* GetOnWriteCondition() override { return &event_; }
@@ -110,8 +114,9 @@ public:
 
     std::atomic<int> reads{0};
     std::atomic<bool> lockHeldAtWrite{false};
-    std::function<void()> readThrows;   // set before the reader starts
-    std::function<void()> writeThrows;  // set before writing
+    mutable std::atomic<int> namesWhileLocked{0};  // GetName calls while the lock was held
+    std::function<void()> readThrows;              // set before the reader starts
+    std::function<void()> writeThrows;             // set before writing
 
 private:
     std::string name_;

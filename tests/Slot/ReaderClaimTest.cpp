@@ -23,6 +23,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -30,6 +31,7 @@ namespace {
 
 using testsupport::ChildProcess;
 using testsupport::ChildResult;
+using testsupport::RefusalOf;
 using testsupport::ScopedSlotName;
 
 const boost::posix_time::milliseconds Update(50);
@@ -48,12 +50,9 @@ boost::shared_ptr<ISlot> Reliable(const std::string& name) {
 // the refusal text, anything else a failure).
 int ClaimInAnotherProcess(const std::string& name) {
     const ChildResult result = testsupport::RunInChild([&] {
-        try {
-            ReliableSlotReader reader(Reliable(name), Update);
-            return 1;
-        } catch (const AbortSlotCreationException& e) {
-            return e.what() == Refusal(name) ? 0 : 3;
-        }
+        const std::string refusal =
+            RefusalOf([&] { ReliableSlotReader reader(Reliable(name), Update); });
+        return refusal.empty() ? 1 : refusal == Refusal(name) ? 0 : 3;
     });
     return result.exited ? result.exitCode : 100;
 }
@@ -70,14 +69,9 @@ TEST(ReaderClaim, AForkedChildNeverKeepsTheParentsClaimAndCanTakeItOnceFree) {
     // The child makes readers without starting their threads: claiming is the constructor's.
     ChildProcess child([&] {
         reader.reset();  // the child's copy: dropping it leaves the claim the parent's
-        try {
-            ReliableSlotReader second(slot, Update);
-            return testsupport::Failed(1, "a second reader was made while the parent's lives");
-        } catch (const AbortSlotCreationException& e) {
-            if (e.what() !=
-                "Cannot create non-unique reader for reliable slot '" + name.str() + "'") {
-                return testsupport::Failed(2, e.what());
-            }
+        const std::string refusal = RefusalOf([&] { ReliableSlotReader second(slot, Update); });
+        if (refusal != Refusal(name)) {
+            return testsupport::Failed(2, "not refused as it should be: '" + refusal + "'");
         }
         refused.Post();
         if (!parentsGone.WaitFor()) {
@@ -109,40 +103,29 @@ TEST(ReaderClaim, AForkedChildNeverWaitsForTheClaimsOfOtherThreads) {
     // The first reader looks its logger up, under a lock of log4cxx's own that a child forked
     // meanwhile would never get: done before any fork.
     { ReliableSlotReader first(busy, Update); }
-    std::atomic<bool> stop{false};
-    std::thread churn([&] {
-        while (!stop) {
-            ReliableSlotReader reader(busy, Update);
-        }
-    });
-    int hung = 0;
-    for (int i = 0; i < 1000 && hung == 0; ++i) {
-        const ChildResult child = testsupport::RunInChild(
-            [&] {
-                ReliableSlotReader reader(forChild, Update);
-                return 0;
-            },
-            std::chrono::seconds(10));
-        EXPECT_TRUE(child.Ok() || child.timedOut) << child.Describe();
-        hung += child.timedOut ? 1 : 0;
-    }
-    EXPECT_EQ(0, hung) << "a child found the claims locked for good";
-    stop = true;
-    churn.join();
+    const auto claim = [&] {
+        ReliableSlotReader reader(forChild, Update);
+        return 0;
+    };
+    const testsupport::ForkRounds rounds = testsupport::ForkWhileAnotherThreadRuns(
+        [&] { ReliableSlotReader reader(busy, Update); }, claim, 1000);
+    EXPECT_EQ(0, rounds.hung) << "a child found the claims locked for good";
+    EXPECT_EQ(1000, rounds.ok) << "a child's reader failed";
 }
 
 // Both factory operations are refused with the same text while a reader of either flavour
-// lives, in this process (the refusals leave the first reader's claim intact) and in another;
-// its destruction frees the name. That reader, without subscribers, still drains the queue.
-TEST(ReaderClaim, OnePerMachineWhateverTheFlavour) {
+// lives, in this process (the refusals leave the first reader's claim intact) and in another.
+// Its destruction frees the name, also on another thread than the one that made it (a host
+// that hands its reader over), for any thread and process, again and again. That reader,
+// without subscribers, still drains the queue.
+TEST(ReaderClaim, OnePerMachineWhateverTheFlavourAndThread) {
+    ScopedSlotName name("claimone");
+    const SimpleSlotCfg cfg = testsupport::ReaderCfg(name, "reliable");
     for (const testsupport::Flavour flavour :
          {testsupport::Flavour::Notifying, testsupport::Flavour::Spinning}) {
         SCOPED_TRACE(testsupport::FlavourName(flavour));
-        ScopedSlotName name("claimone");
-        const SimpleSlotCfg cfg = testsupport::ReaderCfg(name, "reliable");
-        const std::string refusal =
-            "Cannot create non-unique reader for reliable slot '" + name.str() + "'";
-        INotifierPtr reader = testsupport::MakeReader(flavour, cfg);
+        INotifierPtr reader;
+        std::thread([&] { reader = testsupport::MakeReader(flavour, cfg); }).join();
         // Each wake-up drains the queue also with nobody subscribed, so that writers never find
         // it full for want of a subscriber.
         for (int i = 0; i < 4; ++i) {
@@ -150,41 +133,19 @@ TEST(ReaderClaim, OnePerMachineWhateverTheFlavour) {
         }
         boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
         EXPECT_TRUE(testsupport::Eventually([&] { return slot->GetBufferLength() == 0; }));
+        const std::function<void()> second[] = {
+            [&] { SlotFactory::CreateSlotReader(&cfg); },
+            [&] { SlotFactory::CreateSpinningSlotReader(&cfg, Update); }};
         for (int attempt = 0; attempt < 4; ++attempt) {
-            try {
-                if (attempt % 2) {
-                    SlotFactory::CreateSpinningSlotReader(&cfg, boost::posix_time::milliseconds(1));
-                } else {
-                    SlotFactory::CreateSlotReader(&cfg);
-                }
-                ADD_FAILURE() << "a second reader was made";
-            } catch (const AbortSlotCreationException& e) {
-                EXPECT_EQ(refusal, e.what());
-            }
+            EXPECT_EQ(Refusal(name), RefusalOf(second[attempt % 2]));
         }
         // A survey in the reader's own process names it and leaves its claim alone.
         EXPECT_EQ(::getpid(), SlotSurvey::InspectSlot(name).readerPid);
         EXPECT_EQ(0, ClaimInAnotherProcess(name));
-        reader.reset();
+        std::thread([&] { reader.reset(); }).join();
+        EXPECT_EQ(1, ClaimInAnotherProcess(name));
         EXPECT_NO_THROW(testsupport::MakeReader(flavour, cfg));
     }
-}
-
-// The claim may be released on another thread than the one that took it (a host that hands its
-// reader over); the name can be claimed again afterwards, from any thread.
-TEST(ReaderClaim, MadeOnOneThreadDestroyedOnAnother) {
-    ScopedSlotName name("claimthreads");
-    boost::shared_ptr<ISlot> slot = Reliable(name);
-    for (int i = 0; i < 3; ++i) {
-        std::unique_ptr<ReliableSlotReader> reader;
-        std::thread maker([&] { reader.reset(new ReliableSlotReader(slot, Update)); });
-        maker.join();
-        ASSERT_TRUE(reader);
-        EXPECT_THROW(ReliableSlotReader(slot, Update), AbortSlotCreationException);
-        std::thread destroyer([&] { reader.reset(); });
-        destroyer.join();
-    }
-    EXPECT_EQ(1, ClaimInAnotherProcess(name));
 }
 
 // slotctl rm removing the lock file (the real SlotLeftovers::RemoveReaderLockFile, in a loop in
@@ -248,13 +209,8 @@ TEST(ReaderClaim, ARemovalOfTheLockFileNeverRefusesAReaderButALiveReaderStillDoe
     hold.Post();
     ASSERT_TRUE(holding.WaitFor());
     for (int i = 0; i < 200; ++i) {
-        try {
-            ReliableSlotReader second(slot, Update);
-            ADD_FAILURE() << "a second reader was made while another process's lives";
-            break;
-        } catch (const AbortSlotCreationException& e) {
-            ASSERT_EQ(Refusal(name), e.what());
-        }
+        ASSERT_EQ(Refusal(name), RefusalOf([&] { ReliableSlotReader second(slot, Update); }))
+            << "while another process's reader lives";
     }
     EXPECT_EQ(reader.Pid(),
               shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name)))
@@ -278,21 +234,12 @@ TEST(ReaderClaim, AHostsOwnMutexInTheMapServesAsTheNamesMutex) {
     for (int round = 0; round < 2; ++round) {
         std::unique_ptr<ReliableSlotReader> first(new ReliableSlotReader(slot, Update));
         EXPECT_EQ(hosts, first->FindOrCreateSingletonMutex(name));
-        try {
-            ReliableSlotReader second(slot, Update);
-            ADD_FAILURE() << "a second reader was made in the process";
-        } catch (const AbortSlotCreationException& e) {
-            EXPECT_EQ(Refusal(name), e.what());
-        }
+        const auto second = [&] { ReliableSlotReader second(slot, Update); };
+        EXPECT_EQ(Refusal(name), RefusalOf(second));
         // With the lock file gone, a second reader claims a new one: the name's claim refuses.
         const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
         ASSERT_EQ(0, ::unlink(lock.c_str()));
-        try {
-            ReliableSlotReader second(slot, Update);
-            ADD_FAILURE() << "the name's claim let a second reader in";
-        } catch (const AbortSlotCreationException& e) {
-            EXPECT_EQ(Refusal(name), e.what());
-        }
+        EXPECT_EQ(Refusal(name), RefusalOf(second)) << "the name's claim let a second reader in";
         first.reset();
         EXPECT_EQ(1, ClaimInAnotherProcess(name));
     }

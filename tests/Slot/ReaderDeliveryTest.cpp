@@ -17,13 +17,10 @@
 #include <Slot/SlotWriter.h>
 #include <Slot/WriteOutcome.h>
 
-#include <FileUtils/NamedPipeCreator.h>
-
 #include <gtest/gtest.h>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 
 #include <sched.h>
-#include <unistd.h>
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -69,12 +66,6 @@ bool Numbers(const std::string& block, std::uint32_t& id, std::uint32_t& seq) {
     return true;
 }
 
-// Removes a named pipe's FIFO at the end of a test.
-struct PipeUnlinker {
-    std::string path;
-    ~PipeUnlinker() { ::unlink(path.c_str()); }
-};
-
 using KindAndFlavour = std::tuple<std::string, Flavour>;
 
 class ReaderDelivery : public testing::TestWithParam<KindAndFlavour> {};
@@ -90,7 +81,7 @@ TEST_P(ReaderDelivery, BlocksFromOtherProcesses) {
     const bool reliable = type == "reliable";
     ScopedSlotName name("deliver");
     const SimpleSlotCfg cfg = ReaderCfg(name, type);
-    PipeUnlinker unlinker{FileUtils::NamedPipeCreator::ConstructPipeFilename(name)};
+    const testsupport::ScopedPipe pipe(name);
     const std::uint32_t writers = type == "posix-pipe" ? 1 : 2;
     const std::uint32_t count = reliable ? 1500 : 200;
     PipeSignal full, go;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// A reader's life: what it refuses to be made with, its thread's start, errors and stop, and
-// a reader whose last reference goes inside one of its own notifications.
+// A reader's life: its thread's start, errors and stop, also while other processes keep it busy
+// or when its last reference goes inside one of its own notifications.
 #include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "Collector.h"
 #include "Eventually.h"
 #include "FakeSlot.h"
@@ -13,8 +14,6 @@
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
 #include <Slot/SlotWriter.h>
-
-#include <FileUtils/NamedPipeCreator.h>
 
 #include <gtest/gtest.h>
 
@@ -41,6 +40,12 @@ using testsupport::Flavour;
 using testsupport::LogCapture;
 using testsupport::ReaderCfg;
 using testsupport::ScopedSlotName;
+
+// The reliable slot `name`, opened directly as another process would.
+boost::shared_ptr<ISlot> OpenReliable(const std::string& name, size_t maxSize = 64) {
+    return boost::shared_ptr<ISlot>(
+        new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), maxSize, 4));
+}
 
 // ---- the thread ----
 
@@ -76,10 +81,8 @@ TEST(BaseSlotReader, InterprocessErrorEndsTheThreadForGood) {
 TEST(ReliableSlotReader, InitWaitsOneUpdateTimeAndDestructionLogsItsSteps) {
     ScopedSlotName name("rdtor");
     LogCapture log("Slot.Reader", log4cxx::Level::getDebug());
-    auto reader = std::make_unique<ReliableSlotReader>(
-        boost::shared_ptr<ISlot>(
-            new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), 256, 4)),
-        pt::milliseconds(300));
+    auto reader =
+        std::make_unique<ReliableSlotReader>(OpenReliable(name, 256), pt::milliseconds(300));
     auto start = std::chrono::steady_clock::now();
     reader->Init();
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
@@ -156,15 +159,11 @@ TEST(ReliableSlotReader, StopsDrainingAQueueThatWritersKeepFull) {
     INotifierPtr again = SlotFactory::CreateSlotReader(&cfg, next);
     EXPECT_TRUE(next->WaitFor(written - first->Count()));
     again.reset();
-    std::string received;
-    for (const auto& collector : {first, next}) {
-        received += collector->Stream();
-    }
     std::string expected;
     for (std::uint64_t number = 0; number < written; ++number) {
         expected += Numbered(number);
     }
-    EXPECT_EQ(expected, received);
+    EXPECT_EQ(expected, first->Stream() + next->Stream());
 }
 
 // A live process that keeps the slot's lock and is stopped (SIGSTOP) holds up neither the
@@ -176,8 +175,7 @@ TEST(ReliableSlotReader, StopsWhileAStoppedProcessKeepsTheSlotsLock) {
         SCOPED_TRACE(heldFirst ? "held before the thread starts" : "held while it sleeps");
         ScopedSlotName name("lockstop");
         LogCapture log("Slot.Reader", log4cxx::Level::getDebug());
-        boost::shared_ptr<ISlot> slot(
-            new ReliableSlot(boost::interprocess::open_or_create, name.c_str(), 64, 4));
+        boost::shared_ptr<ISlot> slot = OpenReliable(name);
         auto reader = std::make_unique<ReliableSlotReader>(slot, pt::milliseconds(50));
         std::unique_ptr<testsupport::HeaderHolder> holder;
         const auto hold = [&] {
@@ -207,10 +205,7 @@ TEST(ReliableSlotReader, StopsWhileAStoppedProcessKeepsTheSlotsLock) {
     // A subscriber passing the block on waits for the other slot's lock through the stop: the
     // block has left the source and must arrive.
     ScopedSlotName source("lockfrom"), target("lockto");
-    boost::shared_ptr<ISlot> from(
-        new ReliableSlot(boost::interprocess::open_or_create, source.c_str(), 64, 4));
-    boost::shared_ptr<ISlot> to(
-        new ReliableSlot(boost::interprocess::open_or_create, target.c_str(), 64, 4));
+    boost::shared_ptr<ISlot> from = OpenReliable(source), to = OpenReliable(target);
     testsupport::HeaderHolder holder(target);
     ASSERT_TRUE(holder.WaitLocked());
     auto reader = std::make_unique<ReliableSlotReader>(from, pt::milliseconds(50));
@@ -234,23 +229,19 @@ TEST(SlotReaders, AForkedChildDropsItsCopiesAtOnceAndTheParentsReadOn) {
     for (const std::string type : {"reliable", "discarding", "posix-pipe"}) {
         SCOPED_TRACE(type);
         ScopedSlotName name("forkdrop");
-        const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
+        const testsupport::ScopedPipe pipe(name);
         const SimpleSlotCfg cfg = ReaderCfg(name, type);
         boost::shared_ptr<Collector> collector(new Collector);
         INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, collector);
-        const testsupport::ChildResult child = testsupport::RunInChild(
+        EXPECT_TRUE(testsupport::RunsInChild(
             [&] {
                 reader.reset();
                 collector.reset();
-                return 0;
             },
-            std::chrono::seconds(10));
-        EXPECT_TRUE(child.Ok()) << child.Describe();
+            std::chrono::seconds(10)));
         testsupport::WriteThroughWriter(cfg, "after");
         EXPECT_TRUE(collector->WaitForBytes(5));
         EXPECT_EQ("after", collector->Stream());
-        reader.reset();
-        ::unlink(pipe.c_str());
     }
 }
 
@@ -262,21 +253,16 @@ TEST(SpinningReader, StopsWhileSpinning) {
         SCOPED_TRACE(type);
         ScopedSlotName name("spinstop");
         const SimpleSlotCfg cfg = ReaderCfg(name, type, pt::milliseconds(200));
-        const testsupport::ChildResult child = testsupport::RunInChild(
+        EXPECT_TRUE(testsupport::RunsInChild(
             [&] {
                 { INotifierPtr idle = SlotFactory::CreateSpinningSlotReader(&cfg, pt::hours(1)); }
                 boost::shared_ptr<Collector> collector(new Collector);
                 INotifierPtr reader =
                     SlotFactory::CreateSpinningSlotReader(&cfg, pt::hours(1), collector);
                 testsupport::WriteThroughWriter(cfg, "block");
-                if (!collector->WaitFor(1)) {
-                    return 10;
-                }
-                reader.reset();
-                return 0;
+                testsupport::Require(collector->WaitFor(1), 10, "the block never came");
             },
-            std::chrono::seconds(60));
-        EXPECT_TRUE(child.Ok()) << child.Describe();
+            std::chrono::seconds(60)));
     }
 }
 
@@ -323,7 +309,7 @@ TEST_P(ReaderRelease, InsideItsOwnNotificationStopsTheReader) {
         SCOPED_TRACE(type);
         ScopedSlotName name("release");
         // In a child: joining itself would abort the process.
-        const testsupport::ChildResult child = testsupport::RunInChild(
+        EXPECT_TRUE(testsupport::RunsInChild(
             [&] {
                 const SimpleSlotCfg cfg = ReaderCfg(name, type);
                 Outcome outcome;
@@ -347,27 +333,21 @@ TEST_P(ReaderRelease, InsideItsOwnNotificationStopsTheReader) {
                 } else {
                     testsupport::WriteThroughWriter(cfg, "one");
                 }
-                // The subscriber goes after the reader that held it.
-                if (outcome.gone.get_future().wait_for(std::chrono::seconds(20)) !=
-                    std::future_status::ready) {
-                    return 10;
-                }
-                // The reader is gone: nobody is called after the release.
-                if (outcome.blocks != std::vector<std::string>{"one"} || other.Count() != 0) {
-                    return 11;
-                }
+                testsupport::Require(outcome.gone.get_future().wait_for(std::chrono::seconds(20)) ==
+                                         std::future_status::ready,
+                                     10, "the subscriber outlived the reader that held it");
+                testsupport::Require(
+                    outcome.blocks == std::vector<std::string>{"one"} && other.Count() == 0, 11,
+                    "a subscriber was called after the release");
                 if (type == "reliable") {
                     // The rest stayed in the queue, and the claim is free for the next reader.
                     boost::shared_ptr<Collector> next(new Collector);
                     INotifierPtr again = testsupport::MakeReader(flavour, cfg, next);
-                    if (!next->WaitFor(2) || next->Stream() != "twothree") {
-                        return 13;
-                    }
+                    testsupport::Require(next->WaitFor(2) && next->Stream() == "twothree", 13,
+                                         "the next reader did not get the rest");
                 }
-                return 0;
             },
-            std::chrono::seconds(60));
-        EXPECT_TRUE(child.Ok()) << child.Describe();
+            std::chrono::seconds(60)));
     }
 }
 

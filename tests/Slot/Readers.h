@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <Slot/AbortSlotCreationException.h>
 #include <Slot/SlotFactory.h>
+
+#include <FileUtils/NamedPipeCreator.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <functional>
 #include <string>
 
 namespace testsupport {
@@ -45,6 +51,24 @@ inline SimpleSlotCfg ReaderCfg(
 
 inline void WriteThroughWriter(const ISlotConfiguration& cfg, const std::string& bytes) {
     SlotFactory::CreateSlotWriter(&cfg)->onNotify("", bytes.data(), bytes.size());
+}
+
+// Removes the named pipe of slot `name` at the end of the scope, also when the test fails.
+struct ScopedPipe {
+    explicit ScopedPipe(const std::string& name)
+        : path(FileUtils::NamedPipeCreator::ConstructPipeFilename(name)) {}
+    ~ScopedPipe() { ::unlink(path.c_str()); }
+    const std::string path;
+};
+
+// The text of the refusal that `make` throws; "" when it throws none.
+inline std::string RefusalOf(const std::function<void()>& make) {
+    try {
+        make();
+    } catch (const AbortSlotCreationException& e) {
+        return e.what();
+    }
+    return "";
 }
 
 }  // namespace testsupport

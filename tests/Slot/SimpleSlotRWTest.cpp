@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 
@@ -10,23 +10,18 @@
 namespace {
 
 using testsupport::LogCapture;
-using testsupport::RunInChild;
 using testsupport::ScopedSlotName;
 
-TEST(SimpleSlotRW, WriteInOneProcessReadInAnother) {
-    ScopedSlotName name("rw");
+// A value written in one process is read in another, once; an unwritten slot reads empty, the
+// largest value goes through whole, and a longer one is refused and changes nothing.
+TEST(SimpleSlotRW, ValuesGoAcrossProcessesOnceUpToTheLargest) {
+    ScopedSlotName across("rw"), name("rw");
     const std::string value("zero\0inside\0", 12);
-    const testsupport::ChildResult writer = RunInChild([&] {
-        SimpleSlotRW(name).Write(value);
-        return 0;
-    });
-    ASSERT_TRUE(writer.Ok()) << writer.Describe();
-    EXPECT_EQ(value, SimpleSlotRW(name).Read());
-    EXPECT_EQ("", SimpleSlotRW(name).Read()) << "the block was taken and reopening clears the copy";
-}
+    ASSERT_TRUE(testsupport::RunsInChild([&] { SimpleSlotRW(across).Write(value); }));
+    EXPECT_EQ(value, SimpleSlotRW(across).Read());
+    EXPECT_EQ("", SimpleSlotRW(across).Read())
+        << "the block was taken and reopening clears the copy";
 
-TEST(SimpleSlotRW, UnwrittenReadsEmptyLargestValueRoundTripsAndLongerIsRefused) {
-    ScopedSlotName name("rw");
     std::string largest(65536, '\0');
     for (size_t i = 0; i < largest.size(); ++i) {
         largest[i] = static_cast<char>(i * 7);

@@ -4,6 +4,7 @@
 #include "ChildProcess.h"
 #include "Collector.h"
 #include "Eventually.h"
+#include "LockedBlocks.h"
 #include "ShmHygiene.h"
 #include "ShmObject.h"
 
@@ -39,72 +40,12 @@ bool NobodyAttached(const std::string& name) {
                                    std::chrono::seconds(10), std::chrono::milliseconds(20));
 }
 
-TEST(SlotAttachments, AWriterAndAReaderProcessAreListedUntilTheyEndOrTheSlotIsMadeAgain) {
-    ScopedSlotName name("attach");
-    SimpleSlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(50), 4);
-    SlotFactory::CreateSlot(&cfg);
-    EXPECT_TRUE(NobodyAttached(name));
-
-    testsupport::PipeSignal writerReady, readerReady, end;
-    ChildProcess writer([&] {
-        ISubscriberPtr slot = SlotFactory::CreateSlotWriter(&cfg);
-        writerReady.Post();
-        return end.WaitFor(std::chrono::seconds(60)) ? 0 : 1;
-    });
-    ChildProcess reader([&] {
-        INotifierPtr slot =
-            SlotFactory::CreateSlotReader(&cfg, ISubscriberPtr(new testsupport::Collector));
-        readerReady.Post();
-        return end.WaitFor(std::chrono::seconds(60)) ? 0 : 1;
-    });
-    ASSERT_TRUE(writerReady.WaitFor());
-    ASSERT_TRUE(readerReady.WaitFor());
-    // This process looks at the header as an inspector does (read only): that is no attachment.
-    // A descriptor open for writing is one, even unmapped.
-    const std::string headerPath = Slot::ShmPath(Slot::HeaderObjectName(name));
-    const std::string queuePath = Slot::ShmPath(Slot::QueueObjectName(name));
-    const int look = ::open(headerPath.c_str(), O_RDONLY | O_CLOEXEC);
-    const int use = ::open(queuePath.c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(look, 0);
-    ASSERT_GE(use, 0);
-    const SlotAttachmentList withUse = SlotAttachments::Find(name);
-    ::close(use);
-    const SlotAttachment* self = Find(withUse, ::getpid());
-    ASSERT_NE(nullptr, self);
-    EXPECT_EQ("queue", self->What());
-
-    const SlotAttachmentList list = SlotAttachments::Find(name);
-    ::close(look);
-    const SlotAttachment* w = Find(list, writer.Pid());
-    const SlotAttachment* r = Find(list, reader.Pid());
-    ASSERT_NE(nullptr, w);
-    ASSERT_NE(nullptr, r);
-    EXPECT_TRUE(w->header && w->queue && !w->reader) << w->What();
-    EXPECT_EQ("header, queue, reader lock", r->What());
-    EXPECT_EQ(::geteuid(), w->uid);
-    // The children run this test program.
-    EXPECT_NE(std::string::npos, w->command.find("Slot_tests")) << w->command;
-    EXPECT_EQ(nullptr, Find(list, ::getpid()));
-    // Another slot of a similar name is not this one.
-    EXPECT_TRUE(SlotAttachments::Find(name.str() + "x").processes.empty());
-    EXPECT_TRUE(
-        SlotAttachments::Find(name.str().substr(0, name.str().size() - 1)).processes.empty());
-    // The writer's mapping of a removed slot is no attachment of its successor.
-    SlotFactory::RemoveSlot(name);
-    SlotFactory::CreateSlot(&cfg);
-    EXPECT_EQ(nullptr, Find(SlotAttachments::Find(name), writer.Pid()));
-
-    end.Post();
-    end.Post();
-    EXPECT_TRUE(writer.Wait().Ok());
-    EXPECT_TRUE(reader.Wait().Ok());
-    EXPECT_TRUE(NobodyAttached(name));
-}
-
-// One pass over /proc for many slots gives each what Find gives it alone: slots attached by
-// different child processes, one by two, a name whose header is another slot's queue
-// ("queue_<a>"), a repeated and an invalid name.
-TEST(SlotAttachments, FindManyGivesEverySlotWhatFindGivesIt) {
+// A reader and a writer process, each with the slots it uses, are listed until they end. One
+// pass over /proc for many slots gives each what Find gives it alone: slots attached by
+// different children, one by two, a name whose header is another slot's queue ("queue_<a>"),
+// a repeated, an invalid and similar names. A read-only look is no attachment; a descriptor
+// open for writing is one, even unmapped; a mapping of a removed slot is none of its successor.
+TEST(SlotAttachments, ProcessesAreListedPerSlotByFindAndFindManyUntilTheyEnd) {
     ScopedSlotName a("many"), b("many"), c("many");
     SimpleSlotCfg reliable(a, "reliable", boost::posix_time::milliseconds(50), 4);
     SimpleSlotCfg discarding(b, "discarding", boost::posix_time::milliseconds(50), 1);
@@ -112,6 +53,7 @@ TEST(SlotAttachments, FindManyGivesEverySlotWhatFindGivesIt) {
     SlotFactory::CreateSlot(&reliable);
     SlotFactory::CreateSlot(&discarding);
     SlotFactory::CreateSlot(&unused);
+    EXPECT_TRUE(NobodyAttached(a));
     testsupport::PipeSignal readerReady, writerReady, end;
     ChildProcess reader([&] {
         INotifierPtr slot =
@@ -128,8 +70,26 @@ TEST(SlotAttachments, FindManyGivesEverySlotWhatFindGivesIt) {
     ASSERT_TRUE(readerReady.WaitFor());
     ASSERT_TRUE(writerReady.WaitFor());
 
-    const std::vector<SlotAttachmentQuery> queries = {
-        {a, ""}, {b, ""}, {c, ""}, {Slot::QueueObjectName(a), ""}, {b, ""}, {"x/y", ""}};
+    // This process looks at a's header as an inspector does, and uses its queue.
+    const int look = ::open(Slot::ShmPath(Slot::HeaderObjectName(a)).c_str(), O_RDONLY | O_CLOEXEC);
+    const int use = ::open(Slot::ShmPath(Slot::QueueObjectName(a)).c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(look, 0);
+    ASSERT_GE(use, 0);
+    const SlotAttachmentList withUse = SlotAttachments::Find(a);
+    ::close(use);
+    const SlotAttachment* self = Find(withUse, ::getpid());
+    ASSERT_NE(nullptr, self);
+    EXPECT_EQ("queue", self->What());
+
+    const std::string similar = a.str().substr(0, a.str().size() - 1);
+    const std::vector<SlotAttachmentQuery> queries = {{a, ""},
+                                                      {b, ""},
+                                                      {c, ""},
+                                                      {Slot::QueueObjectName(a), ""},
+                                                      {b, ""},
+                                                      {"x/y", ""},
+                                                      {a.str() + "x", ""},
+                                                      {similar, ""}};
     const std::vector<SlotAttachmentList> many = SlotAttachments::FindMany(queries);
     ASSERT_EQ(queries.size(), many.size());
     // What the children use of each, as each list and as Find alone tell it.
@@ -148,20 +108,29 @@ TEST(SlotAttachments, FindManyGivesEverySlotWhatFindGivesIt) {
         "reader: - writer: -",
         "reader: header writer: header",  // a's queue is the header of "queue_<a>"
         "reader: - writer: header, queue",
+        "reader: - writer: -",
+        "reader: - writer: -",
         "reader: - writer: -"};
     for (size_t i = 0; i < queries.size(); ++i) {
         EXPECT_EQ(expected[i], uses(many[i])) << queries[i].name;
         EXPECT_EQ(expected[i], uses(SlotAttachments::Find(queries[i].name))) << queries[i].name;
     }
+    EXPECT_EQ(nullptr, Find(SlotAttachments::Find(a), ::getpid())) << "the read-only look counted";
+    ::close(look);
     const SlotAttachment* w = Find(many[0], writer.Pid());
     ASSERT_NE(nullptr, w);
     EXPECT_EQ(::geteuid(), w->uid);
+    // The children run this test program.
     EXPECT_NE(std::string::npos, w->command.find("Slot_tests")) << w->command;
+    SlotFactory::RemoveSlot(a);
+    SlotFactory::CreateSlot(&reliable);
+    EXPECT_EQ(nullptr, Find(SlotAttachments::Find(a), writer.Pid()));
 
     end.Post();
     end.Post();
     EXPECT_TRUE(reader.Wait().Ok());
     EXPECT_TRUE(writer.Wait().Ok());
+    EXPECT_TRUE(NobodyAttached(a));
 }
 
 TEST(SlotActivity, CountsTheWritesOfAnotherProcessAndShowsTheLastBlockTaken) {
@@ -190,10 +159,8 @@ TEST(SlotActivity, CountsTheWritesOfAnotherProcessAndShowsTheLastBlockTaken) {
 
     // Sampling took nothing: every block is still there, in order.
     boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
-    char buffer[64];
     for (int i = 0; i < blocks; ++i) {
-        const size_t n = slot->ReadData(buffer, sizeof(buffer));
-        ASSERT_EQ("block " + std::to_string(i), std::string(buffer, n));
+        ASSERT_EQ("block " + std::to_string(i), testsupport::ReadDirect(*slot, 64));
     }
     const SlotActivitySample read = SlotActivity::Sample(name, true);
     EXPECT_EQ(0u, SlotActivity::WritesBetween(written, read));

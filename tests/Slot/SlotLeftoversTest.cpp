@@ -2,6 +2,7 @@
 // The reliable reader's lock file outlives its slot; SlotLeftovers finds and removes it, never
 // one that a reader holds and never through a link.
 #include "ChildProcess.h"
+#include "Files.h"
 #include "ShmHygiene.h"
 
 #include <Slot/Slot.h>
@@ -16,7 +17,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
-#include <fstream>
 
 namespace {
 
@@ -29,15 +29,11 @@ bool Listed(const std::string& name) {
     return std::find(orphans.begin(), orphans.end(), name) != orphans.end();
 }
 
-SimpleSlotCfg Reliable(const std::string& name) {
-    return SimpleSlotCfg(name, "reliable", boost::posix_time::milliseconds(20), 4);
-}
-
 // Held by a live reader (of another process or this one), a lock file is kept; once its reader
 // has ended and its slot is gone, it is listed and removed.
 TEST(SlotLeftovers, ALockFileIsKeptWhileHeldAndRemovedOnceOrphaned) {
     ScopedSlotName name("orphan");
-    const SimpleSlotCfg cfg = Reliable(name);
+    const SimpleSlotCfg cfg(name, "reliable", boost::posix_time::milliseconds(20), 4);
     const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
     testsupport::PipeSignal ready, done;
     ChildProcess child([&] {
@@ -81,16 +77,14 @@ TEST(SlotLeftovers, ALinkOrAFolderInPlaceOfTheLockFileIsLeftAloneAndItsTargetKep
     ScopedSlotName name("planted");
     const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
     const std::string target = testsupport::TestRunDir() + "/" + testsupport::UniqueName("target");
-    { std::ofstream(target) << "precious"; }
+    testsupport::WriteFile(target, "precious");
     ASSERT_EQ(0, ::symlink(target.c_str(), lock.c_str()));
     EXPECT_FALSE(Listed(name));
     LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
     EXPECT_EQ(LeftoverOutcome::Failed, removal.outcome);
     EXPECT_FALSE(removal.detail.empty());
     EXPECT_TRUE(Exists(lock));
-    std::string content;
-    std::getline(std::ifstream(target), content);
-    EXPECT_EQ("precious", content);
+    EXPECT_EQ("precious", testsupport::ReadFile(target));
     ::unlink(lock.c_str());
     ::unlink(target.c_str());
 

@@ -27,13 +27,12 @@
 namespace {
 
 using boost::interprocess::open_or_create;
-using testsupport::ChildProcess;
-using testsupport::ScopedSlotName;
-using testsupport::WriteBlock;
-
 using testsupport::Bytes;
+using testsupport::ChildProcess;
 using testsupport::HeaderHolder;
 using testsupport::ReadObject;
+using testsupport::ScopedSlotName;
+using testsupport::WriteBlock;
 using testsupport::WriteObject;
 
 // Inspects `name` and checks that doing so changed neither object.
@@ -49,15 +48,14 @@ SlotReport Inspect(const std::string& name) {
     return report;
 }
 
-const SlotReport* Find(const std::vector<SlotReport>& reports, const std::string& name) {
-    const auto it = std::find_if(reports.begin(), reports.end(),
-                                 [&](const SlotReport& report) { return report.name == name; });
-    return it == reports.end() ? nullptr : &*it;
-}
-
-bool Listed(const std::string& name) {
-    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
-    return Find(all, name) != nullptr;
+// The state the listing gives `name`; Absent when it is not listed.
+SlotState ListedState(const std::string& name) {
+    for (const SlotReport& report : SlotSurvey::ListSlots()) {
+        if (report.name == name) {
+            return report.state;
+        }
+    }
+    return SlotState::Absent;
 }
 
 TEST(SlotSurvey, HealthySlotsOfBothKinds) {
@@ -68,10 +66,7 @@ TEST(SlotSurvey, HealthySlotsOfBothKinds) {
     WriteBlock(reliable, "a");
     WriteBlock(reliable, "bb");
     WriteBlock(discarding, "c");
-    char out[300];
-    reliable.GetLockable()->lock();
-    ASSERT_EQ(1u, reliable.ReadData(out, sizeof(out)));
-    reliable.GetLockable()->unlock();
+    ASSERT_EQ("a", testsupport::ReadBlock(reliable));
 
     const SlotReport r = Inspect(reliableName);
     EXPECT_EQ(SlotState::Healthy, r.state) << r.detail;
@@ -97,10 +92,9 @@ TEST(SlotSurvey, HealthySlotsOfBothKinds) {
     EXPECT_EQ(1u, d.queue.waiting);
     EXPECT_TRUE(d.readerLockFile.empty());
 
+    EXPECT_EQ(SlotState::Healthy, ListedState(reliableName));
+    EXPECT_EQ(SlotState::Healthy, ListedState(discardingName));
     const std::vector<SlotReport> all = SlotSurvey::ListSlots();
-    ASSERT_NE(nullptr, Find(all, reliableName));
-    ASSERT_NE(nullptr, Find(all, discardingName));
-    EXPECT_EQ(SlotState::Healthy, Find(all, reliableName)->state);
     EXPECT_TRUE(
         std::is_sorted(all.begin(), all.end(),
                        [](const SlotReport& a, const SlotReport& b) { return a.name < b.name; }));
@@ -112,27 +106,14 @@ TEST(SlotSurvey, NothingThereHalfAndUnfinishedSlots) {
     EXPECT_EQ(SlotState::Absent, SlotSurvey::InspectSlot("").state);
     EXPECT_EQ(SlotState::Absent, SlotSurvey::InspectSlot("a/b").state);
 
-    ScopedSlotName headerOnly("hdr");
-    ScopedSlotName queueOnly("que");
+    ScopedSlotName headerOnly("hdr"), queueOnly("que");
     { DiscardingSlot a(open_or_create, headerOnly.c_str(), 8); }
     { ReliableSlot b(open_or_create, queueOnly.c_str(), 8, 3); }
     ::shm_unlink(BaseQueueSlot::GetQueueName(headerOnly).c_str());
     ::shm_unlink(queueOnly.c_str());
-
-    const SlotReport h = Inspect(headerOnly);
-    EXPECT_EQ(SlotState::Half, h.state);
-    EXPECT_EQ(SlotPartState::Ok, h.header.state);
-    EXPECT_EQ(SlotPartState::Absent, h.queue.state);
-    EXPECT_EQ(SlotKind::Unknown, h.kind);
-    const SlotReport q = Inspect(queueOnly);
-    EXPECT_EQ(SlotState::Half, q.state);
-    EXPECT_EQ(SlotKind::Reliable, q.kind);
-    EXPECT_GE(q.AgeSeconds(), 0);
-
+    EXPECT_GE(Inspect(queueOnly).AgeSeconds(), 0);
     // What a creator killed at each point of creation leaves behind.
-    ScopedSlotName emptyHeader("eh");
-    ScopedSlotName emptyQueue("eq");
-    ScopedSlotName initialising("init");
+    ScopedSlotName emptyHeader("eh"), emptyQueue("eq"), initialising("init");
     ASSERT_TRUE(WriteObject(emptyHeader, Bytes()));
     ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(emptyQueue), Bytes()));
     Bytes building(4096, 0);
@@ -140,26 +121,30 @@ TEST(SlotSurvey, NothingThereHalfAndUnfinishedSlots) {
     ASSERT_TRUE(WriteObject(initialising, building));
     ASSERT_TRUE(WriteObject(BaseQueueSlot::GetQueueName(initialising), Bytes(4096, 0)));
 
-    const SlotReport eh = Inspect(emptyHeader);
-    EXPECT_EQ(SlotState::Unfinished, eh.state);
-    EXPECT_EQ(SlotPartState::Unfinished, eh.header.state);
-    const SlotReport eq = Inspect(emptyQueue);
-    EXPECT_EQ(SlotState::Unfinished, eq.state);
-    EXPECT_EQ(SlotPartState::Unfinished, eq.queue.state);
-    EXPECT_EQ(SlotPartState::Absent, eq.header.state);
-    const SlotReport both = Inspect(initialising);
-    EXPECT_EQ(SlotState::Unfinished, both.state);
-    EXPECT_EQ(SlotPartState::Unfinished, both.header.state);
-    EXPECT_EQ(SlotPartState::Unfinished, both.queue.state);
-
-    // Each half or unfinished slot is listed, the queue-only one under its slot's name.
-    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
-    EXPECT_NE(nullptr, Find(all, headerOnly));
-    EXPECT_NE(nullptr, Find(all, queueOnly));
-    EXPECT_NE(nullptr, Find(all, emptyHeader));
-    EXPECT_NE(nullptr, Find(all, emptyQueue));
-    EXPECT_EQ(nullptr, Find(all, BaseQueueSlot::GetQueueName(emptyQueue)));
-    EXPECT_NE(nullptr, Find(all, initialising));
+    using Part = SlotPartState;
+    const struct {
+        const ScopedSlotName& name;
+        SlotState state;
+        SlotPartState header, queue;
+        SlotKind kind;
+    } cases[] = {
+        {headerOnly, SlotState::Half, Part::Ok, Part::Absent, SlotKind::Unknown},
+        {queueOnly, SlotState::Half, Part::Absent, Part::Ok, SlotKind::Reliable},
+        {emptyHeader, SlotState::Unfinished, Part::Unfinished, Part::Absent, SlotKind::Unknown},
+        {emptyQueue, SlotState::Unfinished, Part::Absent, Part::Unfinished, SlotKind::Unknown},
+        {initialising, SlotState::Unfinished, Part::Unfinished, Part::Unfinished,
+         SlotKind::Unknown}};
+    // Each is listed, the queue-only one under its slot's name.
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name.str());
+        const SlotReport report = Inspect(c.name);
+        EXPECT_EQ(c.state, report.state);
+        EXPECT_EQ(c.header, report.header.state);
+        EXPECT_EQ(c.queue, report.queue.state);
+        EXPECT_EQ(c.kind, report.kind);
+        EXPECT_EQ(c.state, ListedState(c.name));
+    }
+    EXPECT_EQ(SlotState::Absent, ListedState(BaseQueueSlot::GetQueueName(emptyQueue)));
 }
 
 TEST(SlotSurvey, DamagedAndForeignObjects) {
@@ -203,7 +188,7 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
         const SlotReport g = Inspect(garbage);
         EXPECT_EQ(SlotPartState::Foreign, g.header.state);
         EXPECT_EQ(SlotPartState::Foreign, g.queue.state);
-        EXPECT_FALSE(Listed(garbage));
+        EXPECT_EQ(SlotState::Absent, ListedState(garbage));
     }
 }
 
@@ -232,10 +217,7 @@ TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusyUntilReleasedAndByAKilledOn
     ASSERT_EQ(1u, report.heldLocks.size());
     EXPECT_TRUE(report.heldLocks[0].HolderDead());
     EXPECT_NE(std::string::npos, report.detail.find(std::to_string(pid))) << report.detail;
-    const std::vector<SlotReport> all = SlotSurvey::ListSlots();
-    const SlotReport* listed = Find(all, name);
-    ASSERT_NE(nullptr, listed);
-    EXPECT_EQ(SlotState::DeadHolder, listed->state);
+    EXPECT_EQ(SlotState::DeadHolder, ListedState(name));
 }
 
 // Locks a mutex inside `object` at `offset` through a raw mapping in a child, kills the child

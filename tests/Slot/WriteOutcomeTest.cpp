@@ -3,19 +3,16 @@
 // the per-slot counts, for each slot kind.
 #include "ChildProcess.h"
 #include "FakeSlot.h"
+#include "LockedBlocks.h"
 #include "LogCapture.h"
+#include "Readers.h"
 #include "ShmHygiene.h"
 
-#include <Slot/SlotFactory.h>
 #include <Slot/SlotWriter.h>
 #include <Slot/WriteOutcome.h>
 
-#include <FileUtils/NamedPipeCreator.h>
-
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-#include <atomic>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -76,10 +73,8 @@ TEST(WriteOutcome, EachKindTellsStoredDiscardedAndRefused) {
         EXPECT_EQ(4u, Slot::GetWriteCounts(name).Total());
         EXPECT_EQ(c.refused, Slot::GetWriteCounts(name).NotStored());
 
-        char buffer[64];
         boost::shared_ptr<ISlot> slot = SlotFactory::CreateSlot(&cfg);
-        ASSERT_EQ(c.taken.size(), slot->ReadData(buffer, sizeof(buffer)));
-        EXPECT_EQ(c.taken, std::string(buffer, c.taken.size()));
+        EXPECT_EQ(c.taken, testsupport::ReadDirect(*slot, 64));
         // Written directly through another slot object of the name: the same counts.
         slot->WriteData("four", 4);
         EXPECT_EQ(WriteOutcome::Stored, Slot::LastWriteOutcome());
@@ -97,19 +92,8 @@ TEST(WriteOutcome, EachKindTellsStoredDiscardedAndRefused) {
 // nothing but the write (and its TRACE line) asks the slot anything while the lock is held, and
 // the exception still comes through with the lock released and no notification.
 TEST(WriteOutcome, AThrowingWriteIsRecordedOutsideTheLock) {
-    class NameCountingSlot : public testsupport::FakeSlot {
-    public:
-        using FakeSlot::FakeSlot;
-        std::string GetName() const override {
-            if (const_cast<NameCountingSlot*>(this)->lock().held) {
-                ++namesWhileLocked;
-            }
-            return FakeSlot::GetName();
-        }
-        mutable std::atomic<int> namesWhileLocked{0};
-    };
     const std::string name = testsupport::UniqueName("outcome_unlocked");
-    NameCountingSlot slot(name);
+    testsupport::FakeSlot slot(name);
     slot.writeThrows = [] { throw std::runtime_error("broken"); };
     SlotWriter writer{boost::shared_ptr<IBaseSlot>(&slot, [](IBaseSlot*) {})};
     EXPECT_THROW(writer.onNotify("", "x", 1), std::runtime_error);
@@ -180,24 +164,21 @@ TEST(WriteOutcome, AForkedChildNeverWaitsForTheRegistryAndCountsOnlyItsOwnWrites
 TEST(WriteOutcome, PosixPipeWriterReportsBlocksDroppedOnAFullPipe) {
     ScopedSlotName name("outcome_pipe");
     const SlotCfg cfg = Cfg(name, "posix-pipe", 1, 4096);
-    const std::string fifo = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
-    {
-        ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
-        LogCapture quiet("Slot.Writer", log4cxx::Level::getOff());
-        // Nobody reads: the pipe takes blocks until it is full (64 KiB on Linux, at most 1 MiB
-        // when raised); the first block that does not fit is dropped after the writer's wait.
-        const std::string block(4096, 'p');
-        int stored = 0;
-        WriteOutcome outcome = WriteOutcome::None;
-        while ((outcome = Write(writer, block)) == WriteOutcome::Stored && stored < 1024) {
-            ++stored;
-        }
-        EXPECT_EQ(WriteOutcome::Refused, outcome);
-        EXPECT_GT(stored, 0);
-        ExpectCounts(name, static_cast<std::uint64_t>(stored), 0, 1, 0);
-        EXPECT_EQ("refused", std::string(Slot::ToString(outcome)));
+    const testsupport::ScopedPipe fifo(name);
+    ISubscriberPtr writer = SlotFactory::CreateSlotWriter(&cfg);
+    LogCapture quiet("Slot.Writer", log4cxx::Level::getOff());
+    // Nobody reads: the pipe takes blocks until it is full (64 KiB on Linux, at most 1 MiB when
+    // raised); the first block that does not fit is dropped after the writer's wait.
+    const std::string block(4096, 'p');
+    int stored = 0;
+    WriteOutcome outcome = WriteOutcome::None;
+    while ((outcome = Write(writer, block)) == WriteOutcome::Stored && stored < 1024) {
+        ++stored;
     }
-    ::unlink(fifo.c_str());
+    EXPECT_EQ(WriteOutcome::Refused, outcome);
+    EXPECT_GT(stored, 0);
+    ExpectCounts(name, static_cast<std::uint64_t>(stored), 0, 1, 0);
+    EXPECT_EQ("refused", std::string(Slot::ToString(outcome)));
 }
 
 }  // namespace

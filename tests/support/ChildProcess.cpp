@@ -155,6 +155,7 @@ ForkRounds ForkWhileAnotherThreadRuns(const std::function<void()>& churn,
         const ChildResult child = RunInChild(body, std::chrono::seconds(10));
         result.hung += child.timedOut ? 1 : 0;
         result.wrong += child.exited && child.exitCode == 2 ? 1 : 0;
+        result.ok += child.Ok() ? 1 : 0;
     }
     stop = true;
     other.join();

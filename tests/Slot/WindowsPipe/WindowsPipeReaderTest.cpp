@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ChildProcess.h"
+#include "Collector.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
 
@@ -13,7 +14,6 @@
 #include <boost/make_shared.hpp>
 
 #include <unistd.h>
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -22,12 +22,6 @@
 namespace {
 
 const char kRefused[] = "Cannot create non-unique reader for named pipe ''";
-
-class Counter : public shared::ISubscriber {
-public:
-    void onNotify(const std::string&, const void*, size_t) override { ++calls; }
-    std::atomic<int> calls{0};
-};
 
 // The stub slot's name is empty, so every reader here uses the lock file ".lock". Each test
 // gets a lock directory of its own (set before any thread or child exists) and removes it.
@@ -69,9 +63,9 @@ TEST_F(WindowsPipeReaderTest, StubReaderRunsDeliversNothingAndStopsPromptly) {
         (std::vector<std::string>{"~WindowsPipeReader(), ''", "~WindowsPipeReader(), '' joined"}),
         log.Messages());
     log.Clear();
-    Counter counter;
+    testsupport::Collector collector;
     std::unique_ptr<WindowsPipeReader> reader = Reader(boost::posix_time::seconds(60));
-    reader->subscribe(&counter);
+    reader->subscribe(&collector);
     reader->Init();
     EXPECT_EQ(1u, log.Count("DEBUG", "Thread started"));
     EXPECT_EQ(1u, log.Count("INFO", "Initialized"));
@@ -83,17 +77,19 @@ TEST_F(WindowsPipeReaderTest, StubReaderRunsDeliversNothingAndStopsPromptly) {
     const auto start = std::chrono::steady_clock::now();
     reader.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
-    EXPECT_EQ(0, counter.calls);
+    EXPECT_EQ(0u, collector.Count());
     EXPECT_EQ((std::vector<std::string>{"~WindowsPipeReader(), ''", "Thread shutdown for ''",
                                         "~WindowsPipeReader(), '' joined"}),
               log.Messages());
     EXPECT_EQ(0, shared::FileLock::Holder(lockFile_));
 }
 
-TEST_F(WindowsPipeReaderTest, SecondReaderIsRefusedInThisAndOtherProcessesWhileTheFirstLives) {
-    // Children are forked before this process starts any thread.
-    testsupport::PipeSignal refuseNow;
-    testsupport::PipeSignal acceptNow;
+// A second reader is refused while the first lives: in this process (the refused one closes its
+// own descriptor of the lock file, the first keeps its lock), in a fresh process, and in a child
+// forked while the reader runs. Such a child drops its copy at once and leaves the parent's
+// reader (thread and lock) alone; the parent's reader does not count in it, so that it may make
+// the name's reader once the parent's is gone.
+TEST_F(WindowsPipeReaderTest, ASecondReaderIsRefusedWhileTheFirstLivesInAnyProcess) {
     auto tryReader = [](bool expectRefusal) {
         try {
             Reader()->Init();
@@ -102,8 +98,9 @@ TEST_F(WindowsPipeReaderTest, SecondReaderIsRefusedInThisAndOtherProcessesWhileT
             return expectRefusal && std::string(e.what()) == kRefused ? 0 : 2;
         }
     };
-    testsupport::ChildProcess refused([&] { return refuseNow.WaitFor() ? tryReader(true) : 3; });
-    testsupport::ChildProcess accepted([&] { return acceptNow.WaitFor() ? tryReader(false) : 3; });
+    testsupport::PipeSignal refuseNow, acceptNow;
+    // Forked before this process starts any thread.
+    testsupport::ChildProcess fresh([&] { return refuseNow.WaitFor() ? tryReader(true) : 3; });
 
     testsupport::LogCapture log("Slot.Reader");
     std::unique_ptr<WindowsPipeReader> first = Reader();
@@ -114,53 +111,28 @@ TEST_F(WindowsPipeReaderTest, SecondReaderIsRefusedInThisAndOtherProcessesWhileT
     } catch (const std::logic_error& e) {
         EXPECT_STREQ(kRefused, e.what());
     }
-    // The refused reader closed its own descriptor of the lock file; the first one's lock stays.
     EXPECT_EQ(::getpid(), shared::FileLock::Holder(lockFile_));
     refuseNow.Post();
-    testsupport::ChildResult result = refused.Wait();
+    testsupport::ChildResult result = fresh.Wait();
     EXPECT_TRUE(result.Ok()) << result.Describe();
+
+    // Children forked while the reader runs start no thread before the parent's is gone.
+    testsupport::ChildProcess forked([&] { return acceptNow.WaitFor() ? tryReader(false) : 3; });
+    result = testsupport::RunInChild(
+        [&] {
+            first.reset();
+            return 0;
+        },
+        std::chrono::seconds(10));
+    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_EQ(::getpid(), shared::FileLock::Holder(lockFile_));
 
     // The first reader's thread was running all along: it is the one that shuts down now.
     first.reset();
     EXPECT_EQ(1u, log.Count("DEBUG", "Thread shutdown for ''"));
     acceptNow.Post();
-    result = accepted.Wait();
+    result = forked.Wait();
     EXPECT_TRUE(result.Ok()) << result.Describe();
-}
-
-// A child forked while a reader runs drops its copy at once and leaves the parent's reader
-// (thread and lock) alone; the parent's reader does not count in the child, which may make the
-// name's reader once the parent's is gone. (Children here start no thread.)
-TEST_F(WindowsPipeReaderTest, AForkedChildsCopyIsTheParentsAndCountsForNothingInTheChild) {
-    std::unique_ptr<WindowsPipeReader> reader = Reader();
-    reader->Init();
-    testsupport::PipeSignal parentsGone;
-    testsupport::ChildProcess later([&] {
-        if (!parentsGone.WaitFor()) {
-            return 3;
-        }
-        try {
-            Reader();
-            return 0;
-        } catch (const std::logic_error& e) {
-            return testsupport::Failed(1, e.what());
-        }
-    });
-    const testsupport::ChildResult dropped = testsupport::RunInChild(
-        [&] {
-            reader.reset();
-            return 0;
-        },
-        std::chrono::seconds(10));
-    EXPECT_TRUE(dropped.Ok()) << dropped.Describe();
-    EXPECT_EQ(::getpid(), shared::FileLock::Holder(lockFile_));
-
-    testsupport::LogCapture log("Slot.Reader");
-    reader.reset();
-    EXPECT_EQ(1u, log.Count("DEBUG", "Thread shutdown for ''"));
-    parentsGone.Post();
-    const testsupport::ChildResult made = later.Wait();
-    EXPECT_TRUE(made.Ok()) << made.Describe();
 }
 
 }  // namespace
