@@ -19,12 +19,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,7 +42,9 @@ using slotctltest::RecordingPath;
 using slotctltest::Slotctl;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::IsSupersetOf;
 using ::testing::Not;
+using ::testing::Pair;
 using testsupport::ChildProcess;
 using testsupport::Eventually;
 using testsupport::PipeSignal;
@@ -74,9 +76,7 @@ TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
         }
         Slot::PoolLoan kept = w->loan(10);
         ready.Post();
-        for (;;) {
-            ::pause();
-        }
+        pooltest::SleepUntilKilled();
     });
     ASSERT_TRUE(ready.WaitFor()) << writer.Wait().Describe();
     writer.Kill(SIGKILL);
@@ -129,13 +129,7 @@ TEST(SlotctlPools, HoldersOfOtherPidNamespacesAreCountedNotListed) {
     auto writer = Slot::PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2));  // entry 0
     Slot::PoolLoan loan = writer->loan(8);
     ASSERT_TRUE(loan);
-    const int fd = ::open(Slot::PoolPath(pool.str()).c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    const std::uint64_t otherNamespace = 1;
-    ASSERT_EQ(
-        8, ::pwrite(fd, &otherNamespace, 8,
-                    sizeof(Slot::PoolHeader) + offsetof(Slot::PoolAttachmentSlot, pidNamespace)));
-    ::close(fd);
+    pooltest::MoveToOtherPidNamespace(pool.str(), 0);
 
     const std::string pid = "pid " + std::to_string(::getpid());
     const Outcome info = Slotctl({"info", pool.str()});
@@ -295,14 +289,11 @@ TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
     const std::string first = RecordingPath("q"), second = RecordingPath("f");
     const auto writer = Slot::PoolFactory::CreatePoolWriter(source.Config("queue", 256, 8));
     std::vector<std::string> blocks;
-    std::vector<std::uint32_t> sequences;
+    std::vector<std::uint32_t> sequences(20);
+    std::iota(sequences.begin(), sequences.end(), 1);
     for (std::uint32_t i = 0; i < 20; ++i) {
-        std::string block(i * 13 % 257, '\0');
-        for (std::size_t b = 0; b < block.size(); ++b) {
-            block[b] = static_cast<char>(b + i);
-        }
-        blocks.push_back(block);
-        sequences.push_back(i + 1);
+        blocks.emplace_back(i * 13 % 257, '\0');
+        std::iota(blocks.back().begin(), blocks.back().end(), static_cast<char>(i));
     }
     Background recorder({"record", "-o", first, "--count", "20", source.str()});
     ASSERT_TRUE(recorder.WaitForErr("recording '" + source.str() + "' (queue pool)"));
@@ -329,11 +320,9 @@ TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
     EXPECT_EQ(blocks, one.blocks);
     EXPECT_EQ(sequences, one.sequences);
     ASSERT_EQ(1u, one.result.channels.size());
-    const std::map<std::string, std::string> metadata = one.result.channels[0].metadata;
-    EXPECT_EQ("pool", metadata.at("object"));
-    EXPECT_EQ("queue", metadata.at("kind"));
-    EXPECT_EQ("256", metadata.at("max_block_size"));
-    EXPECT_EQ("8", metadata.at("block_count"));
+    EXPECT_THAT(one.result.channels[0].metadata,
+                IsSupersetOf({Pair("object", "pool"), Pair("kind", "queue"),
+                              Pair("max_block_size", "256"), Pair("block_count", "8")}));
 
     Background replay({"replay", "--max", "--map", source.str() + "=" + fresh.str(), first});
     // Full before anyone reads it: the replay's next publishes are refused and retried.
