@@ -261,8 +261,7 @@ TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBloc
             << config->kind << ": leaked blocks";
         EXPECT_TRUE(report.attached.empty()) << config->kind;
     }
-    // Creators killed before renaming their pool left temporaries; the next creation removes
-    // them.
+    // Creators killed before renaming their pool left temporaries; the next creation removes them.
     {
         pooltest::ScopedPool last("crashlast");
         PoolFactory::CreatePoolWriter(last.Config("latest", 8, 2));

@@ -731,9 +731,8 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     const std::vector<std::string> pools = Slot::ListPools();
     EXPECT_EQ(1, std::count(pools.begin(), pools.end(), pool.str()));
 
-    // A temporary is its creator's while the creator holds its lock, whatever its pid names
-    // here (a creator in another pid namespace); one whose creator died is removed by the next
-    // creation.
+    // A temporary is its creator's while the creator holds its lock, whatever its pid names here (a
+    // creator in another pid namespace); one whose creator died is removed by the next creation.
     const std::string stale =
         Slot::PoolPath(Slot::PoolTemporaryPrefix + std::to_string(creators.front()->Pid()) + "-0");
     const int fd = ::open(stale.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
@@ -871,18 +870,10 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnOnlyOnceItIsGone) {
             return 3;
         });
         ASSERT_TRUE(ready.WaitFor());
-        INotifierPtr queueReader;
         if (end == VictimEnd::Execs) {
-            const bool taken = Eventually(
-                [&] {
-                    try {
-                        queueReader = PoolFactory::CreatePoolReader(queueConfig);
-                    } catch (const AbortSlotCreationException&) {
-                    }
-                    return static_cast<bool>(queueReader);
-                },
-                std::chrono::seconds(20), std::chrono::milliseconds(20));
-            EXPECT_TRUE(taken) << "the exec'd process's queue reader claim was kept";
+            EXPECT_TRUE(Eventually([&] { return ReaderError(queueConfig) == "(nothing thrown)"; },
+                                   std::chrono::seconds(20), std::chrono::milliseconds(20)))
+                << "the exec'd process's queue reader claim was kept";
         } else {
             if (end == VictimEnd::MainThreadEnds) {
                 ASSERT_TRUE(Eventually([&] { return ProcessState(victim.Pid()) == 'Z'; }));
@@ -1230,9 +1221,8 @@ TEST_F(PoolTest, AReaderInAnotherPidNamespaceKeepsItsBlocksUntilItDies) {
 }
 
 // Entries that do not name this pid namespace are judged by their owner's lock alone: one whose
-// process died before it wrote its namespace, or whose pid is a live process here, is reaped;
-// a live attachment of this very process keeps its loan even when its entry claims another
-// namespace.
+// process died before it wrote its namespace, or whose pid is a live process here, is reaped; a
+// live attachment of this very process keeps its loan even when its entry claims another namespace.
 TEST_F(PoolTest, EntriesOfOtherNamespacesAreJudgedByTheirOwnersLock) {
     ScopedPool pool;
     const auto config = pool.Config("queue", 64, 2);

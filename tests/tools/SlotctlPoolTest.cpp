@@ -62,6 +62,15 @@ nlohmann::json Entry(const std::string& name) {
     return nullptr;
 }
 
+// Removes the slot and the pool of a name, whichever exist, also when a test fails.
+struct RemovesBoth {
+    std::string name;
+    ~RemovesBoth() {
+        Slot::PoolFactory::RemovePool(name);
+        testsupport::RemoveSlotObjects(name);
+    }
+};
+
 // A queue pool whose writer died with one block published and one loaned, a latest pool that
 // nobody uses, and a file that is no pool: each in ls and info, text and JSON. Nothing that ls
 // or info does reclaims the dead writer's block.
@@ -177,10 +186,7 @@ TEST(SlotctlPools, WriteAndReadThroughBothKinds) {
 // the chosen one, refuses a pool in use unless forced, and hz counts a pool's publishes.
 TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
     ScopedPool both("both"), pool("hz");
-    struct SlotRemover {
-        std::string name;
-        ~SlotRemover() { testsupport::RemoveSlotObjects(name); }
-    } slotRemover{both.str()};
+    const RemovesBoth slotRemover{both.str()};
     {
         SimpleSlotCfg cfg(both.str(), "discarding", boost::posix_time::milliseconds(50), 1);
         SlotFactory::CreateSlot(&cfg);
@@ -221,13 +227,7 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
 TEST(SlotctlPools, WriteAndPeekKeepSlotAndPoolNamesApartAndWriteSaysWhyAPoolRefused) {
     ScopedSlotName slot("onlyslot");
     ScopedPool pool("onlypool"), small("small");
-    struct Remover {
-        std::string name;
-        ~Remover() {
-            Slot::PoolFactory::RemovePool(name);
-            testsupport::RemoveSlotObjects(name);
-        }
-    } poolOfSlot{slot.str()}, slotOfPool{pool.str()};
+    const RemovesBoth poolOfSlot{slot.str()}, slotOfPool{pool.str()};
     ASSERT_EQ(0, Slotctl({"write", slot.str(), "x"}).status);
     const Outcome asPool = Slotctl({"write", "--type", "latest", slot.str(), "y"});
     EXPECT_EQ(1, asPool.status) << asPool.Describe();
