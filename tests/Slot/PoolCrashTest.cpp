@@ -12,9 +12,7 @@
 
 #include <boost/make_shared.hpp>
 
-#include <dirent.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
@@ -136,14 +134,10 @@ int ReaderLife(Ledger& ledger, const Slot::PoolConfig& config, int beat) {
     return 0;
 }
 
-std::string CreatorPool(const std::string& prefix, std::uint64_t round) {
-    return prefix + std::to_string(round);
-}
-
 // Creates, uses and removes pools of 16 MiB, one after the other: killed while one is made.
 int CreatorLife(Ledger& ledger, const std::string& prefix, int beat) {
     while (ledger.stop.load() == 0) {
-        const std::string name = CreatorPool(prefix, ledger.creatorRound.load());
+        const std::string name = prefix + std::to_string(ledger.creatorRound.load());
         {
             auto writer = PoolFactory::CreatePoolWriter({name, "queue", 1 << 20, 16});
             // Earlier lives killed in this round left their blocks (the pool has no reader): a
@@ -228,7 +222,7 @@ TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBloc
         EXPECT_TRUE(result.Ok()) << role.what << ": " << result.Describe();
     }
     for (std::uint64_t round = 0; round <= ledger.creatorRound.load(); ++round) {
-        PoolFactory::RemovePool(CreatorPool(creatorPrefix, round));
+        PoolFactory::RemovePool(creatorPrefix + std::to_string(round));
     }
     std::fprintf(stderr,
                  "pool campaign: %d kills in %d s (queue reader %d), queue blocks stored %llu "
@@ -267,24 +261,17 @@ TEST_F(PoolCampaign, KilledWritersReadersAndCreatorsNeverStallLoseTearOrLeakBloc
             << config->kind << ": leaked blocks";
         EXPECT_TRUE(report.attached.empty()) << config->kind;
     }
-    // Creators killed before renaming their pool left temporaries; the next creation removes
-    // them.
+    // Creators killed before renaming their pool left temporaries; the next creation removes them.
     {
         pooltest::ScopedPool last("crashlast");
         PoolFactory::CreatePoolWriter(last.Config("latest", 8, 2));
     }
     std::vector<std::string> temporaries;
-    if (DIR* dir = ::opendir(Slot::PoolDirectory().c_str())) {
-        while (dirent* entry = ::readdir(dir)) {
-            if (std::string(entry->d_name).rfind(Slot::PoolTemporaryPrefix, 0) == 0) {
-                const pid_t pid = static_cast<pid_t>(
-                    std::atol(entry->d_name + std::strlen(Slot::PoolTemporaryPrefix)));
-                if (::kill(pid, 0) != 0) {
-                    temporaries.push_back(entry->d_name);
-                }
-            }
+    for (const std::string& file : pooltest::PoolFiles(Slot::PoolTemporaryPrefix)) {
+        const auto pid = std::atol(file.c_str() + std::strlen(Slot::PoolTemporaryPrefix));
+        if (::kill(static_cast<pid_t>(pid), 0) != 0) {
+            temporaries.push_back(file);
         }
-        ::closedir(dir);
     }
     EXPECT_TRUE(temporaries.empty()) << temporaries.front();
 }

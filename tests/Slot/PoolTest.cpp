@@ -43,8 +43,11 @@ namespace {
 
 using pooltest::Check;
 using pooltest::Fill;
+using pooltest::MoveToOtherPidNamespace;
+using pooltest::Poke;
 using pooltest::PoolTest;
 using pooltest::ScopedPool;
+using pooltest::SleepUntilKilled;
 using Slot::PoolFactory;
 using Slot::WriteOutcome;
 using testsupport::Eventually;
@@ -58,6 +61,25 @@ std::string Thrown(const std::function<void()>& action) {
     return "(nothing thrown)";
 }
 
+std::string WriterError(const Slot::PoolConfig& config) {
+    return Thrown([&] { PoolFactory::CreatePoolWriter(config); });
+}
+
+std::string ReaderError(const Slot::PoolConfig& config,
+                        const ISubscriberPtr& subscriber = ISubscriberPtr()) {
+    return Thrown([&] { PoolFactory::CreatePoolReader(config, subscriber); });
+}
+
+// What an open of the pool `name` that is refused throws.
+std::string CannotOpen(const std::string& name, const std::string& why) {
+    return "Cannot open pool '" + name + "': " + why;
+}
+
+// The ERROR line of a pool found damaged.
+std::string DamagedLine(const std::string& name, const std::string& what) {
+    return "Pool '" + name + "' is damaged: " + what;
+}
+
 WriteOutcome Publish(Slot::PoolWriter& writer, std::size_t size, std::uint64_t tag) {
     Slot::PoolLoan loan = writer.loan(size);
     if (!loan) {
@@ -65,16 +87,6 @@ WriteOutcome Publish(Slot::PoolWriter& writer, std::size_t size, std::uint64_t t
     }
     Fill(loan.data(), size, tag);
     return loan.publish(size);
-}
-
-// Writes `value` at `offset` of the pool's file, as a stray process could.
-template <class T>
-void Poke(const std::string& name, std::uint64_t offset, const T& value) {
-    const int fd = ::open(Slot::PoolPath(name).c_str(), O_RDWR);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(static_cast<ssize_t>(sizeof(T)),
-              ::pwrite(fd, &value, sizeof(T), static_cast<off_t>(offset)));
-    ::close(fd);
 }
 
 // A u64 field of the pool's header.
@@ -87,6 +99,11 @@ std::uint64_t HeaderField(const std::string& name, std::size_t offset) {
     return value;
 }
 
+// Where the pool's table of blocks starts in its file.
+std::uint64_t BlockTable(const std::string& name) {
+    return HeaderField(name, offsetof(Slot::PoolHeader, blockTableOffset));
+}
+
 // The ERROR line that the reaping of a dead process's entry logs.
 std::string DiedLine(const std::string& pool, pid_t pid, int blocks) {
     return "Pool '" + pool + "': process " + std::to_string(pid) + " died; " +
@@ -95,8 +112,7 @@ std::string DiedLine(const std::string& pool, pid_t pid, int blocks) {
 
 // True when a second reader of the queue pool is refused because it has one.
 bool HasReader(const Slot::PoolConfig& config) {
-    return Thrown([&] { PoolFactory::CreatePoolReader(config); }).find("it has one") !=
-           std::string::npos;
+    return ReaderError(config).find("it has one") != std::string::npos;
 }
 
 // The tags of the blocks a collector received, in order.
@@ -108,9 +124,12 @@ std::vector<std::uint64_t> Tags(const testsupport::Collector& collector) {
     return tags;
 }
 
-// Where the pool's table of blocks starts in its file.
-std::uint64_t BlockTable(const std::string& name) {
-    return HeaderField(name, offsetof(Slot::PoolHeader, blockTableOffset));
+// Waits until `child` stops (at an armed crash point) or ends; its wait status.
+int StoppedOrEnded(const testsupport::ChildProcess& child) {
+    int status = 0;
+    EXPECT_TRUE(Eventually(
+        [&] { return ::waitpid(child.Pid(), &status, WNOHANG | WUNTRACED) == child.Pid(); }));
+    return status;
 }
 
 // Keeps a hold on every block it is given (unless `hold` is false: then an empty one), then
@@ -131,6 +150,15 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         return held.size();
     }
+    // The tag of the `i`th block held (~0 when torn).
+    std::uint64_t Tag(std::size_t i) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return Check(held.at(i).data(), held.at(i).size());
+    }
+    void Release() {
+        std::lock_guard<std::mutex> lock(mutex);
+        held.clear();
+    }
     bool hold = true;
     std::function<void()> after;
     std::mutex mutex;
@@ -139,33 +167,33 @@ public:
 };
 
 TEST_F(PoolTest, ConfigurationIsCheckedAndLaterOpenersGetTheCreatorsGeometry) {
-    EXPECT_EQ("the name is empty", Slot::PoolConfigProblem({"", "latest", 8, 1}).value());
-    EXPECT_EQ("the name starts with \".libslot-new-\", which is reserved",
-              Slot::PoolConfigProblem({".libslot-new-1-2", "latest", 8, 1}).value());
-    EXPECT_EQ("the kind 'reliable' is not \"latest\" or \"queue\"",
-              Slot::PoolConfigProblem({"p", "reliable", 8, 1}).value());
-    EXPECT_EQ("the block size 0 is not in 1..4294967295",
-              Slot::PoolConfigProblem({"p", "queue", 0, 1}).value());
-    EXPECT_EQ("the block count 65 is not in 1..64",
-              Slot::PoolConfigProblem({"p", "queue", 8, 65}).value());
-    // The latest block is kept for later readers: one block would take one publish only.
-    EXPECT_EQ("the block count 1 is not in 2..64: a \"latest\" pool keeps its latest block",
-              Slot::PoolConfigProblem({"p", "latest", 8, 1}).value_or(""));
-    EXPECT_FALSE(Slot::PoolConfigProblem({"p", "queue", 8, 1}));
+    const std::pair<Slot::PoolConfig, const char*> problems[] = {
+        {{"", "latest", 8, 1}, "the name is empty"},
+        {{".libslot-new-1-2", "latest", 8, 1},
+         "the name starts with \".libslot-new-\", which is reserved"},
+        {{"p", "reliable", 8, 1}, "the kind 'reliable' is not \"latest\" or \"queue\""},
+        {{"p", "queue", 0, 1}, "the block size 0 is not in 1..4294967295"},
+        {{"p", "queue", 8, 65}, "the block count 65 is not in 1..64"},
+        // The latest block is kept for later readers: one block would take one publish only.
+        {{"p", "latest", 8, 1},
+         "the block count 1 is not in 2..64: a \"latest\" pool keeps its latest block"},
+        {{"p", "queue", 8, 1}, "(none)"},
+    };
+    for (const auto& [config, problem] : problems) {
+        EXPECT_EQ(problem, Slot::PoolConfigProblem(config).value_or("(none)"));
+    }
     // 64 blocks of 4 GiB fit a 64-bit process only.
     EXPECT_EQ(sizeof(std::size_t) == 4,
               Slot::PoolConfigProblem({"p", "queue", Slot::MaxPoolBlockSize, 64}).has_value());
-    EXPECT_EQ("Cannot open pool '': the name is empty", Thrown([] {
-                  PoolFactory::CreatePoolWriter({"", "latest", 8, 1});
-              }));
+    EXPECT_EQ("Cannot open pool '': the name is empty", WriterError({"", "latest", 8, 1}));
 
     ScopedPool pool;
     auto writer = PoolFactory::CreatePoolWriter(pool.Config("latest", 100, 4));
     auto later = PoolFactory::CreatePoolWriter(pool.Config("latest", 1000, 9));
     EXPECT_EQ(100u, later->maxBlockSize());
     EXPECT_EQ(4u, Slot::SurveyPool(pool.str()).blockCount);
-    EXPECT_EQ("Cannot open pool '" + pool.str() + "': it is a \"latest\" pool, not \"queue\"",
-              Thrown([&] { PoolFactory::CreatePoolReader(pool.Config("queue", 100, 4)); }));
+    EXPECT_EQ(CannotOpen(pool.str(), "it is a \"latest\" pool, not \"queue\""),
+              ReaderError(pool.Config("queue", 100, 4)));
 }
 
 // A pool belongs to its creator, as a slot does: another user may survey it but not attach, so
@@ -196,34 +224,31 @@ TEST_F(PoolTest, OnlyThePoolsOwnerAttaches) {
         });
         EXPECT_TRUE(result.Ok()) << result.Describe();
     };
-    auto attaching = [&](const std::string& refused) {
-        if (Thrown([&] { PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2)); }) !=
-            refused) {
+    auto attaching = [&](const std::string& why) {
+        const auto config = pool.Config("queue", 64, 2);
+        const std::string refused = CannotOpen(pool.str(), why);
+        if (WriterError(config) != refused) {
             return testsupport::Failed(4, "writer attached");
         }
-        if (Thrown([&] {
-                PoolFactory::CreatePoolReader(pool.Config("queue", 64, 2),
-                                              boost::make_shared<testsupport::Collector>());
-            }) != refused) {
+        if (ReaderError(config, boost::make_shared<testsupport::Collector>()) != refused) {
             return testsupport::Failed(5, "reader attached");
         }
         return 0;
     };
-    const std::string prefix = "Cannot open pool '" + pool.str() + "': ";
     asNobody([&] {
         if (Slot::SurveyPool(pool.str()).blockCount != 2) {
             return testsupport::Failed(3, "no survey");
         }
-        return attaching(prefix + "Permission denied");
+        return attaching("Permission denied");
     });
     // Root's file that others may write: another user refuses it and leaves it as it is.
     ASSERT_EQ(0, ::chmod(path.c_str(), 0666));
-    asNobody([&] { return attaching(prefix + "others may write the file (mode 0666)"); });
+    asNobody([&] { return attaching("others may write the file (mode 0666)"); });
     EXPECT_EQ(0666u, mode());
     // A file planted by another user: root refuses it.
     ASSERT_EQ(0, ::chown(path.c_str(), 65534, 65534));
     ASSERT_EQ(0, ::chmod(path.c_str(), 0644));
-    EXPECT_EQ(0, attaching(prefix + "the file belongs to uid 65534, not to root or this user"));
+    EXPECT_EQ(0, attaching("the file belongs to uid 65534, not to root or this user"));
 }
 
 TEST_F(PoolTest, LoansRecordTheirOutcomesAndDroppedLoansReturn) {
@@ -390,7 +415,7 @@ TEST_F(PoolTest, QueueKindIsFifoAcrossProcessesWithOneReader) {
     }
     children.emplace_back(new testsupport::ChildProcess([&config, &readerUp] {
         readerUp.WaitFor();
-        const std::string text = Thrown([&] { PoolFactory::CreatePoolReader(config); });
+        const std::string text = ReaderError(config);
         const std::string expected = "Cannot create a second reader for queue pool '" +
                                      config.name + "': it has one (process " +
                                      std::to_string(::getppid()) + ")";
@@ -488,15 +513,12 @@ TEST_F(PoolTest, AQueuePoolIsOpenedByProcessesOfItsCreatorsWidthOnly) {
               HeaderField(queue.str(), offsetof(Slot::PoolHeader, writerMutexBits)) & 0xffffffffu);
     Poke(queue.str(), offsetof(Slot::PoolHeader, writerMutexBits), other);
     Poke(latest.str(), offsetof(Slot::PoolHeader, writerMutexBits), other);
-    const std::string refused = "Cannot open pool '" + queue.str() +
-                                "': it is a \"queue\" pool of " + std::to_string(other) +
-                                "-bit processes, this one is " + std::to_string(own) + "-bit";
-    EXPECT_EQ(refused,
-              Thrown([&] { PoolFactory::CreatePoolWriter(queue.Config("queue", 64, 2)); }));
-    EXPECT_EQ(refused,
-              Thrown([&] { PoolFactory::CreatePoolReader(queue.Config("queue", 64, 2)); }));
-    EXPECT_EQ("(nothing thrown)",
-              Thrown([&] { PoolFactory::CreatePoolReader(latest.Config("latest", 64, 2)); }));
+    const std::string refused =
+        CannotOpen(queue.str(), "it is a \"queue\" pool of " + std::to_string(other) +
+                                    "-bit processes, this one is " + std::to_string(own) + "-bit");
+    EXPECT_EQ(refused, WriterError(queue.Config("queue", 64, 2)));
+    EXPECT_EQ(refused, ReaderError(queue.Config("queue", 64, 2)));
+    EXPECT_EQ("(nothing thrown)", ReaderError(latest.Config("latest", 64, 2)));
 }
 
 TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
@@ -504,29 +526,25 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     const auto config = pool.Config("latest", 64, 2);
     PoolFactory::CreatePoolWriter(config);
     const std::uint64_t totalSize = HeaderField(pool.str(), offsetof(Slot::PoolHeader, totalSize));
-    const std::string prefix = "Cannot open pool '" + pool.str() + "': ";
+    const auto refusal = [&](const std::string& why) { return CannotOpen(pool.str(), why); };
 
     Poke(pool.str(), offsetof(Slot::PoolHeader, version), std::uint32_t{1});
-    EXPECT_EQ(prefix + "layout version 1, expected 4",
-              Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
+    EXPECT_EQ(refusal("layout version 1, expected 4"), WriterError(config));
     Poke(pool.str(), offsetof(Slot::PoolHeader, version), Slot::PoolLayoutVersion);
     Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{65});
-    EXPECT_EQ(prefix + "block count 65 or size 64 out of range",
-              Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
+    EXPECT_EQ(refusal("block count 65 or size 64 out of range"), WriterError(config));
     Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{3});
-    EXPECT_EQ(prefix + "inconsistent geometry",
-              Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
+    EXPECT_EQ(refusal("inconsistent geometry"), WriterError(config));
     Slot::PoolReport report = Slot::SurveyPool(pool.str());
     EXPECT_EQ("damaged", report.state);
     EXPECT_EQ("inconsistent geometry", report.problem);
     Poke(pool.str(), offsetof(Slot::PoolHeader, blockCount), std::uint64_t{2});
     ASSERT_EQ(0, ::truncate(Slot::PoolPath(pool.str()).c_str(), totalSize - 1));
-    EXPECT_EQ(prefix + "the file has " + std::to_string(totalSize - 1) + " bytes, the pool needs " +
-                  std::to_string(totalSize),
-              Thrown([&] { PoolFactory::CreatePoolWriter(config); }));
+    EXPECT_EQ(refusal("the file has " + std::to_string(totalSize - 1) + " bytes, the pool needs " +
+                      std::to_string(totalSize)),
+              WriterError(config));
     ASSERT_EQ(0, ::truncate(Slot::PoolPath(pool.str()).c_str(), 100));
-    EXPECT_EQ(prefix + "the file has 100 bytes, less than a header",
-              Thrown([&] { PoolFactory::CreatePoolReader(config); }));
+    EXPECT_EQ(refusal("the file has 100 bytes, less than a header"), ReaderError(config));
 
     // Words out of range inside a healthy file: the reader logs it and reads nothing.
     ScopedPool latest;
@@ -536,13 +554,13 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     Poke(latest.str(), offsetof(Slot::PoolHeader, latest), Slot::BlockRef(7, 200));
     EXPECT_EQ("the latest word names block 200", Slot::SurveyPool(latest.str()).problem);
     testsupport::LogCapture log("Slot.Pool");
+    const auto logged = [&](const std::string& name, const std::string& what) {
+        return Eventually([&] { return log.Count("ERROR", DamagedLine(name, what)) == 1; });
+    };
     auto collector = boost::make_shared<testsupport::Collector>();
     {
         auto reader = PoolFactory::CreatePoolReader(latestConfig, collector);
-        EXPECT_TRUE(Eventually([&] {
-            return log.Count("ERROR", "Pool '" + latest.str() +
-                                          "' is damaged: the latest word names block 200") == 1;
-        }));
+        EXPECT_TRUE(logged(latest.str(), "the latest word names block 200"));
     }
     // The writer that meets the bad word learns of it: that publish and the next fail.
     EXPECT_EQ(WriteOutcome::Failed, Publish(*writer, 16, 2));
@@ -550,15 +568,14 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
     EXPECT_EQ(WriteOutcome::Failed, Slot::LastWriteOutcome());
     // A latest word with a sequence never handed out would hold back every later state.
     ScopedPool ahead;
-    const auto aheadConfig = ahead.Config("latest", 64, 2);
-    auto aheadWriter = PoolFactory::CreatePoolWriter(aheadConfig);
+    auto aheadWriter = PoolFactory::CreatePoolWriter(ahead.Config("latest", 64, 2));
     ASSERT_EQ(WriteOutcome::Stored, Publish(*aheadWriter, 16, 1));
     Poke(ahead.str(), offsetof(Slot::PoolHeader, latest), Slot::BlockRef(1000, 0));
     const std::string beyond =
         "the latest word names sequence 1000, beyond the last one handed out";
     EXPECT_EQ(beyond + " (1)", Slot::SurveyPool(ahead.str()).problem);
     EXPECT_EQ(WriteOutcome::Failed, Publish(*aheadWriter, 16, 2));
-    EXPECT_EQ(1u, log.Count("ERROR", "Pool '" + ahead.str() + "' is damaged: " + beyond + " (2)"));
+    EXPECT_EQ(1u, log.Count("ERROR", DamagedLine(ahead.str(), beyond + " (2)")));
 
     ScopedPool queue;
     const auto queueConfig = queue.Config("queue", 64, 2);
@@ -569,27 +586,22 @@ TEST_F(PoolTest, DamagedPoolFilesGiveClearErrorsAndNoStrayReads) {
          Slot::BlockRef(1, 77));
     auto queueReader = PoolFactory::CreatePoolReader(queueConfig, collector);
     ASSERT_TRUE(collector->WaitFor(1));
-    EXPECT_TRUE(Eventually([&] {
-        return log.Count("ERROR",
-                         "Pool '" + queue.str() + "' is damaged: a ring entry names block 77") == 1;
-    }));
+    EXPECT_TRUE(logged(queue.str(), "a ring entry names block 77"));
     ASSERT_EQ(1u, collector->Count());
     EXPECT_EQ(2u, Check(collector->Blocks()[0].bytes.data(), 16));
 
     // A writers' mutex whose kind word was overwritten never reaches glibc (which asserts on
     // some kinds): the pool is damaged for the writer that meets it.
     ScopedPool mutex;
-    const auto mutexConfig = mutex.Config("queue", 64, 2);
-    auto mutexWriter = PoolFactory::CreatePoolWriter(mutexConfig);
+    auto mutexWriter = PoolFactory::CreatePoolWriter(mutex.Config("queue", 64, 2));
     ASSERT_EQ(WriteOutcome::Stored, Publish(*mutexWriter, 16, 1));
     Poke(mutex.str(),
          offsetof(Slot::PoolHeader, writerMutex) + offsetof(pthread_mutex_t, __data.__kind),
          std::int32_t{0x2345});
     EXPECT_EQ(WriteOutcome::Failed, Publish(*mutexWriter, 16, 2));
-    EXPECT_EQ(1u, log.Count("ERROR", "Pool '" + mutex.str() +
-                                         "' is damaged: the writers' lock: the lock is not a "
-                                         "robust lock (kind " +
-                                         std::to_string(0x2345) + ")"));
+    EXPECT_EQ(1u, log.Count("ERROR", DamagedLine(mutex.str(),
+                                                 "the writers' lock: the lock is "
+                                                 "not a robust lock (kind 9029)")));
     EXPECT_EQ(WriteOutcome::Failed, Publish(*mutexWriter, 16, 3));
 }
 
@@ -683,9 +695,8 @@ TEST_F(PoolTest, AFifoUnderAPoolsNameIsRefusedWithoutWaiting) {
     ASSERT_EQ(0, ::mkfifo(Slot::PoolPath(pool.str()).c_str(), 0600));
     const testsupport::ChildResult result = testsupport::RunInChild(
         [&] {
-            const std::string thrown =
-                Thrown([&] { PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2)); });
-            if (thrown != "Cannot open pool '" + pool.str() + "': not a regular file") {
+            const std::string thrown = WriterError(pool.Config("queue", 64, 2));
+            if (thrown != CannotOpen(pool.str(), "not a regular file")) {
                 return testsupport::Failed(2, thrown);
             }
             const Slot::PoolReport report = Slot::SurveyPool(pool.str());
@@ -720,9 +731,8 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     const std::vector<std::string> pools = Slot::ListPools();
     EXPECT_EQ(1, std::count(pools.begin(), pools.end(), pool.str()));
 
-    // A temporary is its creator's while the creator holds its lock, whatever its pid names
-    // here (a creator in another pid namespace); one whose creator died is removed by the next
-    // creation.
+    // A temporary is its creator's while the creator holds its lock, whatever its pid names here (a
+    // creator in another pid namespace); one whose creator died is removed by the next creation.
     const std::string stale =
         Slot::PoolPath(Slot::PoolTemporaryPrefix + std::to_string(creators.front()->Pid()) + "-0");
     const int fd = ::open(stale.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
@@ -759,13 +769,13 @@ TEST_F(PoolTest, APoolRemovedWhileItIsOpenedIsLookedForAgain) {
         return 0;
     });
     const std::string keepsDisappearing =
-        "Cannot open pool '" + pool.str() + "': it keeps disappearing while it is opened";
+        CannotOpen(pool.str(), "it keeps disappearing while it is opened");
     int opened = 0;
     int disappeared = 0;
     std::vector<std::string> failures;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);
     for (int i = 0; i < 5000 && std::chrono::steady_clock::now() < end; ++i) {
-        const std::string text = Thrown([&] { PoolFactory::CreatePoolWriter(config); });
+        const std::string text = WriterError(config);
         if (text == "(nothing thrown)") {
             ++opened;
         } else if (text == keepsDisappearing) {
@@ -793,7 +803,7 @@ TEST_F(PoolTest, CreationReservesItsMemory) {
         Slot::PoolConfigProblem(hugeConfig)) {
         GTEST_SKIP() << "this process cannot ask for more than /dev/shm holds";
     }
-    const std::string text = Thrown([&] { PoolFactory::CreatePoolWriter(hugeConfig); });
+    const std::string text = WriterError(hugeConfig);
     EXPECT_EQ(0u, text.find("Cannot reserve ")) << text;
     EXPECT_NE(std::string::npos, text.find(std::strerror(ENOSPC))) << text;
     EXPECT_EQ("missing", Slot::SurveyPool(huge.str()).state);
@@ -807,26 +817,6 @@ char ProcessState(pid_t pid) {
     const std::size_t close = line.rfind(')');
     return close == std::string::npos || close + 2 >= line.size() ? '\0' : line[close + 2];
 }
-
-// What a victim process takes: a loan and a hold of the latest pool `config` (which has a
-// published block), and the reader of the queue pool `queueConfig`. Kept for the victim's life.
-struct VictimAttachments {
-    VictimAttachments(const Slot::PoolConfig& config, const Slot::PoolConfig& queueConfig)
-        : loaner(PoolFactory::CreatePoolWriter(config)),
-          loan(loaner->loan(8)),
-          holder(boost::make_shared<Holder>()),
-          reader(PoolFactory::CreatePoolReader(config, holder)),
-          queueReader(PoolFactory::CreatePoolReader(queueConfig)) {}
-    bool Ready() {
-        return loan && Eventually([&] { return holder->Count() == 1; });
-    }
-
-    boost::shared_ptr<Slot::PoolWriter> loaner;
-    Slot::PoolLoan loan;
-    boost::shared_ptr<Holder> holder;
-    INotifierPtr reader;
-    INotifierPtr queueReader;
-};
 
 enum class VictimEnd { Killed, Execs, MainThreadEnds };
 
@@ -853,9 +843,14 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnOnlyOnceItIsGone) {
         testsupport::ChildProcess victim([&] {
             // A test ended early never waits for it, nor for the program it becomes.
             testsupport::DieWithParent();
+            // A loan and a hold of the latest pool, the queue pool's reader: kept for its life.
             const auto attach = [&] {
-                VictimAttachments attachments(config, queueConfig);
-                if (!attachments.Ready()) {
+                auto loaner = PoolFactory::CreatePoolWriter(config);
+                Slot::PoolLoan loan = loaner->loan(8);
+                auto holder = boost::make_shared<Holder>();
+                INotifierPtr reader = PoolFactory::CreatePoolReader(config, holder);
+                INotifierPtr queueReader = PoolFactory::CreatePoolReader(queueConfig);
+                if (!loan || !Eventually([&] { return holder->Count() == 1; })) {
                     return 2;
                 }
                 ready.Post();
@@ -863,9 +858,7 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnOnlyOnceItIsGone) {
                     ::execlp("sleep", "sleep", "120", static_cast<char*>(nullptr));
                     return 3;
                 }
-                for (;;) {
-                    ::pause();
-                }
+                SleepUntilKilled();
             };
             if (end != VictimEnd::MainThreadEnds) {
                 return attach();
@@ -877,18 +870,10 @@ TEST_F(PoolTest, ADeadProcessesBlocksAndQueueClaimReturnOnlyOnceItIsGone) {
             return 3;
         });
         ASSERT_TRUE(ready.WaitFor());
-        INotifierPtr queueReader;
         if (end == VictimEnd::Execs) {
-            const bool taken = Eventually(
-                [&] {
-                    try {
-                        queueReader = PoolFactory::CreatePoolReader(queueConfig);
-                    } catch (const AbortSlotCreationException&) {
-                    }
-                    return static_cast<bool>(queueReader);
-                },
-                std::chrono::seconds(20), std::chrono::milliseconds(20));
-            EXPECT_TRUE(taken) << "the exec'd process's queue reader claim was kept";
+            EXPECT_TRUE(Eventually([&] { return ReaderError(queueConfig) == "(nothing thrown)"; },
+                                   std::chrono::seconds(20), std::chrono::milliseconds(20)))
+                << "the exec'd process's queue reader claim was kept";
         } else {
             if (end == VictimEnd::MainThreadEnds) {
                 ASSERT_TRUE(Eventually([&] { return ProcessState(victim.Pid()) == 'Z'; }));
@@ -942,9 +927,7 @@ std::unique_ptr<testsupport::ChildProcess> StoppedPublisher(
         }
         return ok(Publish(*mine, 16, tag)) ? 0 : 1;
     });
-    int status = 0;
-    EXPECT_TRUE(Eventually(
-        [&] { return ::waitpid(child->Pid(), &status, WNOHANG | WUNTRACED) == child->Pid(); }));
+    const int status = StoppedOrEnded(*child);
     if (WIFEXITED(status) && WEXITSTATUS(status) == 2) {
         return nullptr;
     }
@@ -1092,18 +1075,16 @@ TEST_F(PoolTest, ADeadWritersReplacedBlockStaysWithItsHolder) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 2);
     testsupport::PipeSignal loaned;
-    testsupport::ChildProcess victim([&] {
+    testsupport::ChildProcess victim([&]() -> int {
         auto loaner = PoolFactory::CreatePoolWriter(config);
         Slot::PoolLoan loan = loaner->loan(16);  // block 0
         Fill(loan.data(), 16, 1);
         loaned.Post();
-        ::pause();
-        return 0;
+        SleepUntilKilled();
     });
     ASSERT_TRUE(loaned.WaitFor());
     // What the victim's publish stores before the block's state, as it would have stored it.
-    const std::uint64_t table =
-        HeaderField(pool.str(), offsetof(Slot::PoolHeader, blockTableOffset));
+    const std::uint64_t table = BlockTable(pool.str());
     Poke(pool.str(), table + offsetof(Slot::PoolBlockSlot, size), std::uint64_t{16});
     Poke(pool.str(), table + offsetof(Slot::PoolBlockSlot, sequence), std::uint64_t{1});
     Poke(pool.str(), offsetof(Slot::PoolHeader, nextSequence), std::uint64_t{1});
@@ -1121,11 +1102,8 @@ TEST_F(PoolTest, ADeadWritersReplacedBlockStaysWithItsHolder) {
 
     // Both blocks are held: nothing to loan, and the first keeps its bytes.
     EXPECT_FALSE(writer->loan(16));
-    {
-        std::lock_guard<std::mutex> lock(holder->mutex);
-        EXPECT_EQ(1u, Check(holder->held.at(0).data(), 16));
-        holder->held.clear();
-    }
+    EXPECT_EQ(1u, holder->Tag(0));
+    holder->Release();
     EXPECT_TRUE(writer->loan(16));
 }
 
@@ -1243,26 +1221,24 @@ TEST_F(PoolTest, AReaderInAnotherPidNamespaceKeepsItsBlocksUntilItDies) {
 }
 
 // Entries that do not name this pid namespace are judged by their owner's lock alone: one whose
-// process died before it wrote its namespace, or whose pid is a live process here, is reaped;
-// a live attachment of this very process keeps its loan even when its entry claims another
-// namespace.
+// process died before it wrote its namespace, or whose pid is a live process here, is reaped; a
+// live attachment of this very process keeps its loan even when its entry claims another namespace.
 TEST_F(PoolTest, EntriesOfOtherNamespacesAreJudgedByTheirOwnersLock) {
     ScopedPool pool;
     const auto config = pool.Config("queue", 64, 2);
     auto writer = PoolFactory::CreatePoolWriter(config);  // entry 0
     Slot::PoolLoan loan = writer->loan(8);
     ASSERT_TRUE(loan);
-    const std::uint64_t table = sizeof(Slot::PoolHeader);
-    const auto entry = [&](unsigned index, std::size_t field) {
-        return table + index * sizeof(Slot::PoolAttachmentSlot) + field;
+    const auto word = [&](unsigned index) {
+        return sizeof(Slot::PoolHeader) + index * sizeof(Slot::PoolAttachmentSlot) +
+               offsetof(Slot::PoolAttachmentSlot, word);
     };
-    Poke(pool.str(), entry(0, offsetof(Slot::PoolAttachmentSlot, pidNamespace)), std::uint64_t{1});
+    MoveToOtherPidNamespace(pool.str(), 0);
     // Entry 1: a live pid of this namespace, recorded as another namespace's, no lock.
-    Poke(pool.str(), entry(1, offsetof(Slot::PoolAttachmentSlot, word)),
-         Slot::AttachInUse | static_cast<std::uint64_t>(::getpid()));
-    Poke(pool.str(), entry(1, offsetof(Slot::PoolAttachmentSlot, pidNamespace)), std::uint64_t{1});
+    Poke(pool.str(), word(1), Slot::AttachInUse | static_cast<std::uint64_t>(::getpid()));
+    MoveToOtherPidNamespace(pool.str(), 1);
     // Entry 2: killed after taking its entry, before writing its namespace.
-    Poke(pool.str(), entry(2, offsetof(Slot::PoolAttachmentSlot, word)), Slot::AttachInUse | 77);
+    Poke(pool.str(), word(2), Slot::AttachInUse | 77);
     testsupport::LogCapture log("Slot.Pool");
     EXPECT_EQ(2u, PoolFactory::Recover(pool.str()));
     EXPECT_EQ(1u, log.Count("ERROR", DiedLine(pool.str(), ::getpid(), 0)));
@@ -1275,10 +1251,10 @@ TEST_F(PoolTest, EntriesOfOtherNamespacesAreJudgedByTheirOwnersLock) {
 
     // A queue reader of another namespace is not named by its pid when a second one is refused.
     INotifierPtr reader = PoolFactory::CreatePoolReader(config);  // entry 1, freed above
-    Poke(pool.str(), entry(1, offsetof(Slot::PoolAttachmentSlot, pidNamespace)), std::uint64_t{1});
+    MoveToOtherPidNamespace(pool.str(), 1);
     EXPECT_EQ("Cannot create a second reader for queue pool '" + pool.str() +
                   "': it has one (a process in another pid namespace)",
-              Thrown([&] { PoolFactory::CreatePoolReader(config); }));
+              ReaderError(config));
 }
 
 // A child forked without exec shares its parent's descriptors, so it would share the lock of
@@ -1314,9 +1290,7 @@ TEST_F(PoolTest, AChildForkedWithoutExecDoesNotKeepItsParentsEntryAlive) {
     ::close(release[0]);
     ASSERT_TRUE(ready.WaitFor());
     ASSERT_TRUE(childRuns.WaitFor());
-    // Recorded as another namespace's: judged by its lock alone.
-    Poke(pool.str(), sizeof(Slot::PoolHeader) + offsetof(Slot::PoolAttachmentSlot, pidNamespace),
-         std::uint64_t{1});
+    MoveToOtherPidNamespace(pool.str(), 0);
     parent.Kill(SIGKILL);
     parent.Wait();
     ASSERT_EQ(0, ::kill(forked->load(), 0)) << "the forked child lives on";
@@ -1366,17 +1340,11 @@ TEST_F(PoolTest, AForkedChildsCopiesOfHoldsLoansAndReadersLeaveTheParentsAlone) 
     EXPECT_EQ(2u, report.heldBlocks);
     EXPECT_EQ(1u, report.loanedBlocks);
     // The superseded block is still the parent's: no loan reuses it.
-    Slot::PoolLoan other = writer->loan(64);
-    EXPECT_FALSE(other);
-    {
-        std::lock_guard<std::mutex> lock(holder->mutex);
-        EXPECT_EQ(1u, Check(holder->held[0].data(), 64));
-    }
+    EXPECT_FALSE(writer->loan(64));
+    EXPECT_EQ(1u, holder->Tag(0));
     EXPECT_EQ(WriteOutcome::Stored, loan.publish(64));
     EXPECT_TRUE(HasReader(queue));  // the parent's claim: the child's would be a dead one
 }
-
-namespace {
 
 // Kills `victim`, tells `reaper` so and waits until the reaper, reaping it, has stopped at its
 // crash point.
@@ -1386,14 +1354,8 @@ bool ReaperStopsOnceTheVictimIsKilled(testsupport::ChildProcess& victim,
     victim.Kill(SIGKILL);
     victim.Wait();
     victimGone.Post();
-    int status = 0;
-    return Eventually([&] {
-               return ::waitpid(reaper.Pid(), &status, WNOHANG | WUNTRACED) == reaper.Pid();
-           }) &&
-           WIFSTOPPED(status);
+    return WIFSTOPPED(StoppedOrEnded(reaper));
 }
-
-}  // namespace
 
 // A reaper killed half-way leaves the entry marked as being reaped, and its reaper lock goes
 // with it, also when it had forked a child (without exec) that runs on: the next reaper takes
@@ -1402,15 +1364,12 @@ TEST_F(PoolTest, AReaperKilledHalfWayIsTakenOverWhileItsForkedChildRuns) {
     ScopedPool pool;
     const auto config = pool.Config("latest", 64, 2);
     testsupport::PipeSignal victimLoaned, reaperReady, victimGone, forkedRuns;
-    testsupport::ChildProcess victim([&] {
+    testsupport::ChildProcess victim([&]() -> int {
         testsupport::DieWithParent();
         auto writer = PoolFactory::CreatePoolWriter(config);
         Slot::PoolLoan loan = writer->loan(8);  // block 0
         victimLoaned.Post();
-        for (;;) {
-            ::pause();
-        }
-        return 0;
+        SleepUntilKilled();
     });
     ASSERT_TRUE(victimLoaned.WaitFor());
     auto forked = testsupport::SharedWithChildren<std::atomic<pid_t>>();
@@ -1424,9 +1383,7 @@ TEST_F(PoolTest, AReaperKilledHalfWayIsTakenOverWhileItsForkedChildRuns) {
         if (child == 0) {
             ::alarm(60);  // killed by the test, which a failure may skip
             forkedRuns.Post();
-            for (;;) {
-                ::pause();
-            }
+            SleepUntilKilled();
         }
         // Until a child first runs, it shares the lock descriptions: it closes its copies in
         // fork() itself, on its own side.
@@ -1459,14 +1416,11 @@ TEST_F(PoolTest, ANewQueueReaderWaitsForAnotherProcessReapingTheDeadOne) {
     ScopedPool pool;
     const auto config = pool.Config("queue", 64, 2);
     testsupport::PipeSignal readerUp, reaperReady, victimGone;
-    testsupport::ChildProcess victim([&] {
+    testsupport::ChildProcess victim([&]() -> int {
         testsupport::DieWithParent();
         auto reader = PoolFactory::CreatePoolReader(config);
         readerUp.Post();
-        for (;;) {
-            ::pause();
-        }
-        return 0;
+        SleepUntilKilled();
     });
     ASSERT_TRUE(readerUp.WaitFor());
     testsupport::ChildProcess reaper([&] {
@@ -1486,7 +1440,7 @@ TEST_F(PoolTest, ANewQueueReaderWaitsForAnotherProcessReapingTheDeadOne) {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         ::kill(reaper.Pid(), SIGCONT);
     });
-    EXPECT_EQ("(nothing thrown)", Thrown([&] { PoolFactory::CreatePoolReader(config); }));
+    EXPECT_EQ("(nothing thrown)", ReaderError(config));
     resume.join();
     EXPECT_TRUE(reaper.Wait().Ok());
 }
@@ -1513,8 +1467,8 @@ TEST_F(PoolTest, ReadersStopInsideTheirOwnCallbackAndHoldsOutliveThem) {
     // The hold keeps the block until released here, and with it the reader's attachment, which
     // goes once the reader (deleting itself on its own thread) and the hold are both gone.
     EXPECT_EQ(1u, Slot::SurveyPool(pool.str()).heldBlocks);
-    EXPECT_EQ(1u, Check(holder->held.at(0).data(), 16));
-    holder->held.clear();
+    EXPECT_EQ(1u, holder->Tag(0));
+    holder->Release();
     EXPECT_TRUE(Eventually(
         [&] { return Slot::SurveyPool(pool.str()).attached == std::vector<pid_t>{::getpid()}; }));
     EXPECT_EQ(0u, Slot::SurveyPool(pool.str()).heldBlocks);

@@ -4,11 +4,15 @@
 #include "ShmHygiene.h"
 
 #include <Slot/PoolFactory.h>
+#include <Slot/PoolSegment.h>
 #include <Slot/SlotNames.h>
 
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -33,19 +37,23 @@ private:
     std::string name_;
 };
 
-// Files of this test run in the pools' folder (pools made by the tests carry the run's prefix).
-inline std::vector<std::string> LeftoverPools() {
-    std::vector<std::string> left;
+// Files in the pools' folder whose names start with `prefix`.
+inline std::vector<std::string> PoolFiles(const std::string& prefix) {
+    std::vector<std::string> files;
     if (DIR* dir = ::opendir(Slot::PoolDirectory().c_str())) {
-        const std::string& prefix = testsupport::TestNamePrefix();
         while (dirent* entry = ::readdir(dir)) {
             if (std::strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) {
-                left.push_back(entry->d_name);
+                files.push_back(entry->d_name);
             }
         }
         ::closedir(dir);
     }
-    return left;
+    return files;
+}
+
+// Files of this test run in the pools' folder (pools made by the tests carry the run's prefix).
+inline std::vector<std::string> LeftoverPools() {
+    return PoolFiles(testsupport::TestNamePrefix());
 }
 
 // Every pool test leaves the pools' folder as it found it.
@@ -59,6 +67,32 @@ protected:
         EXPECT_TRUE(left.empty()) << "left in " << Slot::PoolDirectory() << ": " << left.front();
     }
 };
+
+// Writes `value` at `offset` of the pool's file, as a stray process could.
+template <class T>
+void Poke(const std::string& name, std::uint64_t offset, const T& value) {
+    const int fd = ::open(Slot::PoolPath(name).c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(static_cast<ssize_t>(sizeof(T)),
+              ::pwrite(fd, &value, sizeof(T), static_cast<off_t>(offset)));
+    ::close(fd);
+}
+
+// Records the pool's attachment entry `index` as one made in another pid namespace, so that it
+// is judged by its owner's lock alone.
+inline void MoveToOtherPidNamespace(const std::string& name, unsigned index) {
+    Poke(name,
+         sizeof(Slot::PoolHeader) + index * sizeof(Slot::PoolAttachmentSlot) +
+             offsetof(Slot::PoolAttachmentSlot, pidNamespace),
+         std::uint64_t{1});
+}
+
+// A child's end: sleeps until it is killed.
+[[noreturn]] inline void SleepUntilKilled() {
+    for (;;) {
+        ::pause();
+    }
+}
 
 // Deterministic block contents: 8 bytes of `tag`, then bytes derived from it; Check verifies a
 // block made by Fill and returns its tag (or ~0 when the bytes are torn).

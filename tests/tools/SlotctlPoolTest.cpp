@@ -19,12 +19,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,7 +42,9 @@ using slotctltest::RecordingPath;
 using slotctltest::Slotctl;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::IsSupersetOf;
 using ::testing::Not;
+using ::testing::Pair;
 using testsupport::ChildProcess;
 using testsupport::Eventually;
 using testsupport::PipeSignal;
@@ -60,6 +62,15 @@ nlohmann::json Entry(const std::string& name) {
     return nullptr;
 }
 
+// Removes the slot and the pool of a name, whichever exist, also when a test fails.
+struct RemovesBoth {
+    std::string name;
+    ~RemovesBoth() {
+        Slot::PoolFactory::RemovePool(name);
+        testsupport::RemoveSlotObjects(name);
+    }
+};
+
 // A queue pool whose writer died with one block published and one loaned, a latest pool that
 // nobody uses, and a file that is no pool: each in ls and info, text and JSON. Nothing that ls
 // or info does reclaims the dead writer's block.
@@ -74,9 +85,7 @@ TEST(SlotctlPools, ListedAndInspectedWithDeadHoldersAndDamage) {
         }
         Slot::PoolLoan kept = w->loan(10);
         ready.Post();
-        for (;;) {
-            ::pause();
-        }
+        pooltest::SleepUntilKilled();
     });
     ASSERT_TRUE(ready.WaitFor()) << writer.Wait().Describe();
     writer.Kill(SIGKILL);
@@ -129,13 +138,7 @@ TEST(SlotctlPools, HoldersOfOtherPidNamespacesAreCountedNotListed) {
     auto writer = Slot::PoolFactory::CreatePoolWriter(pool.Config("queue", 64, 2));  // entry 0
     Slot::PoolLoan loan = writer->loan(8);
     ASSERT_TRUE(loan);
-    const int fd = ::open(Slot::PoolPath(pool.str()).c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    const std::uint64_t otherNamespace = 1;
-    ASSERT_EQ(
-        8, ::pwrite(fd, &otherNamespace, 8,
-                    sizeof(Slot::PoolHeader) + offsetof(Slot::PoolAttachmentSlot, pidNamespace)));
-    ::close(fd);
+    pooltest::MoveToOtherPidNamespace(pool.str(), 0);
 
     const std::string pid = "pid " + std::to_string(::getpid());
     const Outcome info = Slotctl({"info", pool.str()});
@@ -183,10 +186,7 @@ TEST(SlotctlPools, WriteAndReadThroughBothKinds) {
 // the chosen one, refuses a pool in use unless forced, and hz counts a pool's publishes.
 TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
     ScopedPool both("both"), pool("hz");
-    struct SlotRemover {
-        std::string name;
-        ~SlotRemover() { testsupport::RemoveSlotObjects(name); }
-    } slotRemover{both.str()};
+    const RemovesBoth slotRemover{both.str()};
     {
         SimpleSlotCfg cfg(both.str(), "discarding", boost::posix_time::milliseconds(50), 1);
         SlotFactory::CreateSlot(&cfg);
@@ -227,13 +227,7 @@ TEST(SlotctlPools, AmbiguousNamesRemovalAndRate) {
 TEST(SlotctlPools, WriteAndPeekKeepSlotAndPoolNamesApartAndWriteSaysWhyAPoolRefused) {
     ScopedSlotName slot("onlyslot");
     ScopedPool pool("onlypool"), small("small");
-    struct Remover {
-        std::string name;
-        ~Remover() {
-            Slot::PoolFactory::RemovePool(name);
-            testsupport::RemoveSlotObjects(name);
-        }
-    } poolOfSlot{slot.str()}, slotOfPool{pool.str()};
+    const RemovesBoth poolOfSlot{slot.str()}, slotOfPool{pool.str()};
     ASSERT_EQ(0, Slotctl({"write", slot.str(), "x"}).status);
     const Outcome asPool = Slotctl({"write", "--type", "latest", slot.str(), "y"});
     EXPECT_EQ(1, asPool.status) << asPool.Describe();
@@ -295,14 +289,11 @@ TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
     const std::string first = RecordingPath("q"), second = RecordingPath("f");
     const auto writer = Slot::PoolFactory::CreatePoolWriter(source.Config("queue", 256, 8));
     std::vector<std::string> blocks;
-    std::vector<std::uint32_t> sequences;
+    std::vector<std::uint32_t> sequences(20);
+    std::iota(sequences.begin(), sequences.end(), 1);
     for (std::uint32_t i = 0; i < 20; ++i) {
-        std::string block(i * 13 % 257, '\0');
-        for (std::size_t b = 0; b < block.size(); ++b) {
-            block[b] = static_cast<char>(b + i);
-        }
-        blocks.push_back(block);
-        sequences.push_back(i + 1);
+        blocks.emplace_back(i * 13 % 257, '\0');
+        std::iota(blocks.back().begin(), blocks.back().end(), static_cast<char>(i));
     }
     Background recorder({"record", "-o", first, "--count", "20", source.str()});
     ASSERT_TRUE(recorder.WaitForErr("recording '" + source.str() + "' (queue pool)"));
@@ -329,11 +320,9 @@ TEST(SlotctlPoolRecord, AQueuePoolRoundTripsThroughARecording) {
     EXPECT_EQ(blocks, one.blocks);
     EXPECT_EQ(sequences, one.sequences);
     ASSERT_EQ(1u, one.result.channels.size());
-    const std::map<std::string, std::string> metadata = one.result.channels[0].metadata;
-    EXPECT_EQ("pool", metadata.at("object"));
-    EXPECT_EQ("queue", metadata.at("kind"));
-    EXPECT_EQ("256", metadata.at("max_block_size"));
-    EXPECT_EQ("8", metadata.at("block_count"));
+    EXPECT_THAT(one.result.channels[0].metadata,
+                IsSupersetOf({Pair("object", "pool"), Pair("kind", "queue"),
+                              Pair("max_block_size", "256"), Pair("block_count", "8")}));
 
     Background replay({"replay", "--max", "--map", source.str() + "=" + fresh.str(), first});
     // Full before anyone reads it: the replay's next publishes are refused and retried.
