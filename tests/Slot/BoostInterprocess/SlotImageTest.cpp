@@ -139,7 +139,8 @@ TEST(SlotImage, HealthyReliableSlotAgreesWithBoost) {
     EXPECT_EQ(headerBytes, ReadObject(name));
 }
 
-TEST(SlotImage, HeaderAndQueueOfADiscardingSlotAfterReads) {
+// Counts after reads: of a discarding slot, and of a reliable one whose index wrapped around.
+TEST(SlotImage, CountsAfterReadsAndAroundTheCircularIndex) {
     testsupport::ScopedSlotName name;
     DiscardingSlot slot(open_or_create, name.c_str(), 1000);
     const std::string block(777, 'x');
@@ -154,20 +155,18 @@ TEST(SlotImage, HeaderAndQueueOfADiscardingSlotAfterReads) {
     EXPECT_EQ(Verdict::Valid, q.verdict) << q.problem;
     EXPECT_EQ(1u, q.capacity);
     EXPECT_EQ(0u, q.waiting);
-}
 
-TEST(SlotImage, WrapsAroundTheCircularIndex) {
-    testsupport::ScopedSlotName name;
-    ReliableSlot slot(open_or_create, name.c_str(), 16, 3);
+    testsupport::ScopedSlotName wrapped;
+    ReliableSlot reliable(open_or_create, wrapped.c_str(), 16, 3);
     for (int i = 0; i < 7; ++i) {
-        WriteBlock(slot, "block " + std::to_string(i));
+        WriteBlock(reliable, "block " + std::to_string(i));
         if (i % 2 == 1) {
-            testsupport::ReadBlock(slot, 16);
+            testsupport::ReadBlock(reliable, 16);
         }
     }
-    const SlotImage::QueueImage q = ParseQueue(ReadObject(BaseQueueSlot::GetQueueName(name)));
-    EXPECT_EQ(Verdict::Valid, q.verdict) << q.problem;
-    EXPECT_EQ(slot.GetBufferLength(), q.waiting);
+    const SlotImage::QueueImage w = ParseQueue(ReadObject(BaseQueueSlot::GetQueueName(wrapped)));
+    EXPECT_EQ(Verdict::Valid, w.verdict) << w.problem;
+    EXPECT_EQ(reliable.GetBufferLength(), w.waiting);
 }
 
 TEST(SlotImage, CreationStates) {
