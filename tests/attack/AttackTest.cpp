@@ -345,8 +345,7 @@ TEST_F(Attack, NoLastingRefusalThroughTheLockFile) {
 // The one lock file that refuses a reader until it is removed is one that the reader cannot
 // even read, which the library never makes: the refusal says whose file it is.
 TEST_F(Attack, UnreadableLockFileIsRefusedWithAClearMessage) {
-    testsupport::ScopedSlotName scoped("atkmode");
-    const std::string name = scoped.str();
+    const testsupport::ScopedSlotName name("atkmode");
     const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
     std::ofstream(lock.c_str()) << "";
     ASSERT_EQ(0, ::chmod(lock.c_str(), 0600));

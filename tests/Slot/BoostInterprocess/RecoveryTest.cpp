@@ -403,11 +403,9 @@ TEST(UnfinishedCreation, FirstOpenerKilledBeforeStoringTheBufferHandleLeavesAWho
                     ReadBlock(slot, kMaxSize) == Block(i) && ReadBlock(slot, kMaxSize) == Block(i),
                     11, "a block or its copy did not pass");
             }
-            const std::vector<std::string> errors = log.Messages("ERROR");
             const std::string repaired = "Slot '" + name.str() + "' was locked by thread ";
-            Require(errors.size() == 1 && errors[0].compare(0, repaired.size(), repaired) == 0, 12,
-                    "ERROR lines other than the dead holder's repair: " +
-                        std::to_string(errors.size()));
+            Require(log.Messages("ERROR").size() == 1 && log.CountPrefix("ERROR", repaired) == 1,
+                    12, "ERROR lines other than the dead holder's repair");
             const std::string finished = "Slot '" + name.str() +
                                          "' : the process that built its header died before it "
                                          "stored the output buffer's handle; stored now";
