@@ -129,14 +129,6 @@ TEST(SlotImage, HealthyReliableSlotAgreesWithBoost) {
     // Slot "queue_<x>"'s header segment has the name of slot "<x>"'s queue.
     EXPECT_EQ(Verdict::Foreign, ParseQueue(headerBytes).verdict);
     EXPECT_EQ(Verdict::Foreign, ParseHeader(queueBytes).verdict);
-
-    // A mapping is parsed as the inspector does, and left as it was.
-    {
-        testsupport::MappedObject map(name, false);
-        const SlotImage::HeaderImage mapped = SlotImage::ParseHeader(map.bytes, map.size);
-        EXPECT_EQ(Verdict::Valid, mapped.verdict) << mapped.problem;
-    }
-    EXPECT_EQ(headerBytes, ReadObject(name));
 }
 
 // Counts after reads: of a discarding slot, and of a reliable one whose index wrapped around.
