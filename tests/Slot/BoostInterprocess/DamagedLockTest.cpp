@@ -26,7 +26,6 @@
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <cstdlib>
 #include <fstream>
 #include <new>
@@ -45,22 +44,13 @@ using testsupport::RunsInChild;
 using testsupport::ScopedSlotName;
 using testsupport::WriteBlock;
 
-// The header mutex's lock word of the slot `name`, in a mapping of our own.
-class LockWord {
-public:
-    explicit LockWord(const std::string& name) : map_(name, true) {
-        const SlotImage::HeaderImage image = SlotImage::ParseHeader(map_.bytes, map_.size);
-        EXPECT_TRUE(image.headerMutex.present);
-        word_ = reinterpret_cast<int*>(map_.bytes + image.headerMutex.offset +
-                                       offsetof(pthread_mutex_t, __data.__lock));
-    }
-
-    void Set(unsigned value) { __atomic_store_n(word_, static_cast<int>(value), __ATOMIC_SEQ_CST); }
-
-private:
-    MappedObject map_;
-    int* word_ = nullptr;
-};
+// The header mutex of a slot's segment mapped for writing; null when there is none.
+pthread_mutex_t* HeaderMutex(const MappedObject& header) {
+    const SlotImage::HeaderImage image = SlotImage::ParseHeader(header.bytes, header.size);
+    return image.headerMutex.present
+               ? reinterpret_cast<pthread_mutex_t*>(header.bytes + image.headerMutex.offset)
+               : nullptr;
+}
 
 // The mutex of a queue mapped for writing; null when there is none.
 pthread_mutex_t* QueueMutex(const MappedObject& queue) {
@@ -119,7 +109,12 @@ TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired
     slot.WriteData("one", 3);
     slot.WriteData("two", 3);
     slot.GetLockable()->unlock();
-    LockWord word(name.str());
+    MappedObject header(name.str(), true);
+    pthread_mutex_t* const headerMutex = HeaderMutex(header);
+    ASSERT_NE(nullptr, headerMutex);
+    const auto setWord = [&](unsigned value) {
+        __atomic_store_n(&headerMutex->__data.__lock, static_cast<int>(value), __ATOMIC_SEQ_CST);
+    };
 
     ChildProcess stranger([] {
         ::execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
@@ -143,12 +138,12 @@ TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired
         {FUTEX_WAITERS, "names no holder"},
     };
     for (const auto& c : cases) {
-        word.Set(c.value);
+        setWord(c.value);
         EXPECT_TRUE(LockGivesUp(slot, name.str(), c.state)) << c.state;
     }
 
     // Repaired by hand, the slot has kept both blocks.
-    word.Set(0);
+    setWord(0);
     EXPECT_EQ(2u, slot.GetBufferLength());
     EXPECT_EQ("one", testsupport::ReadBlock(slot, 64));
 
@@ -234,10 +229,9 @@ TEST(PlainHeaderLock, ASlotWithAPlainHeaderMutexWorksAndGivesUpOnlyOnAGoneHolder
     { ReliableSlot made(open_or_create, name.c_str(), 64, 4); }
     {
         MappedObject header(name.str(), true);
-        const SlotImage::HeaderImage image = SlotImage::ParseHeader(header.bytes, header.size);
-        ASSERT_TRUE(image.headerMutex.present);
-        auto* mutex =
-            new (header.bytes + image.headerMutex.offset) boost::interprocess::interprocess_mutex();
+        pthread_mutex_t* const native = HeaderMutex(header);
+        ASSERT_NE(nullptr, native);
+        auto* mutex = new (native) boost::interprocess::interprocess_mutex();
         ASSERT_EQ(shared::SharedMutexKind(), shared::NativeMutex(mutex)->__data.__kind);
     }
     ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
