@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Crash campaign: writers, a reliable reader and creators of both slot kinds run as processes
-// that are SIGKILLed at random moments, and at fixed crash points, and restarted. Afterwards:
-// - no survivor or new opener was blocked longer than the bound (progress never stalled);
-// - every reliable block a writer saw accepted arrived, except at most one per reader death
-//   (the block that reader had taken but not yet delivered);
-// - no block arrived torn (checked against its checksum), out of order or twice (except a block
-//   whose writer died before it could record the block as accepted: its next life sends it
-//   again);
-// - nothing is left in /dev/shm (the test environment checks at the end of the run).
+// SIGKILLed at random moments and at crash points, and restarted. Afterwards: no process stalled
+// beyond the bound; every accepted reliable block arrived, except one per reader death (taken, not
+// yet delivered); none arrived torn, out of order or twice (except one whose writer died before
+// recording it accepted: its next life resends it); nothing is left in /dev/shm.
 // Time box: SLOT_CRASH_SECONDS (default 30) of killing, then a drain.
 #include "ChildProcess.h"
+#include "LockedBlocks.h"
 #include "ShmHygiene.h"
 
 #include <Slot/AbortSlotCreationException.h>
@@ -24,7 +21,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/mman.h>
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
@@ -34,6 +30,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <random>
 #include <set>
@@ -88,14 +85,13 @@ std::string MakeBlock(std::uint32_t writer, std::uint64_t seq) {
 }
 
 // Whole and as written; fills `head`.
-bool CheckBlock(const void* data, size_t size, BlockHead& head) {
-    if (size < sizeof(BlockHead)) {
+bool CheckBlock(const std::string& block, BlockHead& head) {
+    if (block.size() < sizeof(BlockHead)) {
         return false;
     }
-    std::memcpy(&head, data, sizeof(head));
-    const char* payload = static_cast<const char*>(data) + sizeof(head);
-    return head.length == size - sizeof(head) && head.writer < kWriters &&
-           head.checksum == Checksum(head, payload);
+    std::memcpy(&head, block.data(), sizeof(head));
+    return head.length == block.size() - sizeof(head) && head.writer < kWriters &&
+           head.checksum == Checksum(head, block.data() + sizeof(head));
 }
 
 // Shared by the test and all its children (an anonymous shared mapping made before fork).
@@ -163,7 +159,7 @@ public:
     explicit LedgerSubscriber(Ledger& ledger) : ledger_(ledger) {}
     void onNotify(const std::string&, const void* data, size_t size) override {
         BlockHead head{};
-        if (!CheckBlock(data, size, head)) {
+        if (!CheckBlock(std::string(static_cast<const char*>(data), size), head)) {
             std::fprintf(stderr, "torn block: %zu bytes, head says writer %u seq %llu length %u\n",
                          size, head.writer, static_cast<unsigned long long>(head.seq), head.length);
             ++ledger_.corrupted;
@@ -221,18 +217,11 @@ int DiscardingLife(Ledger& ledger, const std::string& slotName) {
     std::mt19937 random(::getpid());
     MaybeArm(random, {"send-queue-locked", "send-half-copied", "header-locked"}, 3);
     DiscardingSlot slot(open_or_create, slotName.c_str(), kMaxSize);
-    shared::ILockable& lock = *slot.GetLockable();
-    std::vector<char> buffer(kMaxSize);
     for (std::uint64_t seq = 0; !ledger.stop; ++seq) {
-        const std::string block = MakeBlock(0, seq);
-        lock.lock();
-        slot.WriteData(block.data(), block.size());
-        lock.unlock();
-        lock.lock();
-        const size_t n = slot.ReadData(buffer.data(), buffer.size());
-        lock.unlock();
+        testsupport::WriteBlock(slot, MakeBlock(0, seq));
+        const std::string read = testsupport::ReadBlock(slot, kMaxSize);
         BlockHead head;
-        if (n != 0 && !CheckBlock(buffer.data(), n, head)) {
+        if (!read.empty() && !CheckBlock(read, head)) {
             ++ledger.discardingCorrupted;
         }
         ++ledger.discardingBeats;
@@ -265,10 +254,7 @@ int CreatorLife(Ledger& ledger, const std::string& prefix) {
                 } else {
                     slot.reset(new DiscardingSlot(open_or_create, name.c_str(), kMaxSize));
                 }
-                const std::string block = MakeBlock(1, round);
-                slot->GetLockable()->lock();
-                slot->WriteData(block.data(), block.size());
-                slot->GetLockable()->unlock();
+                testsupport::WriteBlock(*slot, MakeBlock(1, round));
             } catch (const AbortSlotCreationException& e) {
                 // Left unfinished by a killed creator: reported with its remedy.
                 if (std::string(e.what()).find("slotctl rm --stale") == std::string::npos) {
@@ -341,8 +327,7 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
     std::string stall;
     while (Clock::now() < end && stall.empty()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20 + random() % 80));
-        // Writers are the victims of most kills: their deaths inside a send are what can tear
-        // a block.
+        // Writers are most kills' victims: their deaths inside a send can tear a block.
         CampaignRole& victim =
             roles[random() % 2 == 0 ? random() % kWriters : random() % roles.size()];
         victim.child->Kill(SIGKILL);
@@ -410,17 +395,13 @@ TEST(CrashCampaign, KilledWritersReadersAndCreatorsNeverWedgeOrLoseAcceptedBlock
     }
     // Each reader death may cost the one block it had taken but not yet delivered.
     EXPECT_LE(lost, static_cast<std::uint64_t>(reader.kills)) << "accepted blocks lost";
-    std::string kills;
+    std::string summary = "crash campaign: " + std::to_string(seconds) + " s, kills: ";
     for (const CampaignRole& role : roles) {
-        kills += role.what + " " + std::to_string(role.kills) + ", ";
+        summary += role.what + " " + std::to_string(role.kills) + ", ";
     }
-    std::fprintf(stderr,
-                 "crash campaign: %d s, kills: %s%llu blocks accepted, %llu delivered, %llu lost, "
-                 "%llu creator rounds, %llu unfinished objects reported\n",
-                 seconds, kills.c_str(), static_cast<unsigned long long>(ledger.accepted.load()),
-                 static_cast<unsigned long long>(logged), static_cast<unsigned long long>(lost),
-                 static_cast<unsigned long long>(ledger.creatorRound.load()),
-                 static_cast<unsigned long long>(ledger.creatorReports.load()));
+    std::cerr << summary << ledger.accepted << " blocks accepted, " << logged << " delivered, "
+              << lost << " lost, " << ledger.creatorRound << " creator rounds, "
+              << ledger.creatorReports << " unfinished objects reported\n";
     EXPECT_GT(ledger.accepted.load(), 0u);
 }
 

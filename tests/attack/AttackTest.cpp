@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Attacks by another local user on the files the library uses in shared folders. The victim is
-// this process (root); each attacker step runs in a child that has become a throwaway
-// unprivileged user made for the test. A test passes when no victim file was changed or created
-// and the victim was not refused for good.
+// this process (root); each attacker step runs in a child as a throwaway unprivileged user. No
+// victim file may be changed or created, and the victim is never refused for good.
 #include "ChildProcess.h"
 #include "FakeSlot.h"
+#include "Files.h"
 #include "ShmHygiene.h"
 
 #include <FileUtils/FSUtils.h>
@@ -25,7 +25,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -107,10 +106,7 @@ struct Snapshot {
     static Snapshot Of(const std::string& path) {
         Snapshot s;
         s.exists = ::lstat(path.c_str(), &s.st) == 0;
-        if (s.exists) {
-            std::ifstream in(path.c_str(), std::ios::binary);
-            s.bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-        }
+        s.bytes = s.exists ? testsupport::ReadFile(path) : "";
         return s;
     }
     auto Key() const {
@@ -203,10 +199,9 @@ protected:
     std::optional<std::string> oldPipeDir_;
 };
 
-// What the attacker plants on the lock path: lock files that are symlinks (to the victim, and
-// to a name in root's folder), the lock folder made first (sticky and open to all like the real
-// one), a root-looking folder inside a folder of theirs, a symlink standing for the lock folder
-// into root's folder. None is used, and nothing is truncated or created through them.
+// Planted on the lock path: lock files that are symlinks (to the victim, to a name in root's
+// folder), the lock folder made first (sticky, open to all), a root-looking folder in one of
+// theirs, a symlink to root's folder as the lock folder. None is used or written through.
 TEST_F(Attack, LockFilesAndFoldersPlantedByTheAttackerAreNotUsed) {
     testsupport::ScopedSlotName name("atklink");
     testsupport::ScopedSlotName dangling("atkdangle");
@@ -289,9 +284,8 @@ TEST_F(Attack, FifoSwapRaceNeverReachesTheVictim) {
     ::unlink(fifo.c_str());
 }
 
-// Lock files left by a reader of one user never refuse the next reader of another user once
-// the first reader has gone, whatever their owner and mode; while a reader lives, readers of
-// every other user are refused.
+// A lock file left by one user's reader never refuses another user's next reader once the first
+// has gone, whatever its owner and mode; while a reader lives, other users' readers are refused.
 TEST_F(Attack, NoLastingRefusalThroughTheLockFile) {
     for (int round = 0; round < 2; ++round) {
         testsupport::ScopedSlotName name("atkclaim");
@@ -351,8 +345,7 @@ TEST_F(Attack, NoLastingRefusalThroughTheLockFile) {
 // The one lock file that refuses a reader until it is removed is one that the reader cannot
 // even read, which the library never makes: the refusal says whose file it is.
 TEST_F(Attack, UnreadableLockFileIsRefusedWithAClearMessage) {
-    testsupport::ScopedSlotName scoped("atkmode");
-    const std::string name = scoped.str();
+    const testsupport::ScopedSlotName name("atkmode");
     const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
     std::ofstream(lock.c_str()) << "";
     ASSERT_EQ(0, ::chmod(lock.c_str(), 0600));

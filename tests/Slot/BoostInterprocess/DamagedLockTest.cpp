@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A slot that is already open whose header mutex word gets overwritten: a lock() waits a bounded
-// time, then fails with an ERROR line naming the slot and the state, instead of blocking for
-// ever. A live holder that really holds the lock is still waited for, however long. Every
+// An open slot's header mutex word overwritten: lock() waits a bounded time, then fails with an
+// ERROR line naming the slot and the state. A live holder is waited for, however long. Every
 // waiting step runs in a child under a watchdog.
 #include "ChildProcess.h"
 #include "ChildRequire.h"
@@ -24,12 +23,9 @@
 
 #include <linux/futex.h>
 #include <pthread.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
-#include <csignal>
-#include <cstddef>
 #include <cstdlib>
 #include <fstream>
 #include <new>
@@ -48,22 +44,13 @@ using testsupport::RunsInChild;
 using testsupport::ScopedSlotName;
 using testsupport::WriteBlock;
 
-// The header mutex's lock word of the slot `name`, in a mapping of our own.
-class LockWord {
-public:
-    explicit LockWord(const std::string& name) : map_(name, true) {
-        const SlotImage::HeaderImage image = SlotImage::ParseHeader(map_.bytes, map_.size);
-        EXPECT_TRUE(image.headerMutex.present);
-        word_ = reinterpret_cast<int*>(map_.bytes + image.headerMutex.offset +
-                                       offsetof(pthread_mutex_t, __data.__lock));
-    }
-
-    void Set(unsigned value) { __atomic_store_n(word_, static_cast<int>(value), __ATOMIC_SEQ_CST); }
-
-private:
-    MappedObject map_;
-    int* word_ = nullptr;
-};
+// The header mutex of a slot's segment mapped for writing; null when there is none.
+pthread_mutex_t* HeaderMutex(const MappedObject& header) {
+    const SlotImage::HeaderImage image = SlotImage::ParseHeader(header.bytes, header.size);
+    return image.headerMutex.present
+               ? reinterpret_cast<pthread_mutex_t*>(header.bytes + image.headerMutex.offset)
+               : nullptr;
+}
 
 // The mutex of a queue mapped for writing; null when there is none.
 pthread_mutex_t* QueueMutex(const MappedObject& queue) {
@@ -73,31 +60,14 @@ pthread_mutex_t* QueueMutex(const MappedObject& queue) {
                : nullptr;
 }
 
-// A live process that does not map the slot, an exec'ed sleep; killed at the end of the scope.
-class Stranger {
-public:
-    Stranger() : pid_(::fork()) {
-        if (pid_ == 0) {
-            ::execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-    }
-    ~Stranger() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-    }
-    // True once it runs sleep: until the exec, the child maps what its parent maps.
-    bool Execed() const {
-        return pid_ > 0 && testsupport::Eventually([&] {
-                   std::ifstream comm("/proc/" + std::to_string(pid_) + "/comm");
-                   std::string command;
-                   return std::getline(comm, command) && command == "sleep";
-               });
-    }
-    const pid_t pid_;
-};
+// True once the child `pid` runs sleep: until its exec, it maps what its parent maps.
+bool RunsSleep(pid_t pid) {
+    return testsupport::Eventually([&] {
+        std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+        std::string command;
+        return std::getline(comm, command) && command == "sleep";
+    });
+}
 
 // In a child: lock() on the damaged lock must fail within a few bounds, with an ERROR line that
 // names the slot and `state`.
@@ -130,8 +100,8 @@ public:
         std::chrono::seconds(60));
 }
 
-// Impossible holders of the header lock: a live process that does not map the slot, a thread
-// that no longer exists, none at all.
+// Impossible holders of the header lock: a live process that does not map the slot (an exec'ed
+// sleep), a thread that no longer exists (a reaped child), none at all.
 TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired) {
     ScopedSlotName name("damagedlock");
     ReliableSlot slot(open_or_create, name.c_str(), 64, 4);
@@ -139,57 +109,61 @@ TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired
     slot.WriteData("one", 3);
     slot.WriteData("two", 3);
     slot.GetLockable()->unlock();
-    LockWord word(name.str());
+    MappedObject header(name.str(), true);
+    pthread_mutex_t* const headerMutex = HeaderMutex(header);
+    ASSERT_NE(nullptr, headerMutex);
+    const auto setWord = [&](unsigned value) {
+        __atomic_store_n(&headerMutex->__data.__lock, static_cast<int>(value), __ATOMIC_SEQ_CST);
+    };
 
-    const Stranger foreign;
-    ASSERT_TRUE(foreign.Execed());
-    // A thread id that no longer exists: a child that has been reaped.
-    const pid_t gone = ::fork();
-    ASSERT_GE(gone, 0);
-    if (gone == 0) {
-        ::_exit(0);
-    }
-    ::waitpid(gone, nullptr, 0);
+    ChildProcess stranger([] {
+        ::execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
+        return 127;
+    });
+    ASSERT_TRUE(RunsSleep(stranger.Pid()));
+    const pid_t foreign = stranger.Pid();
+    ChildProcess reaped([] { return 0; });
+    ASSERT_TRUE(reaped.Wait().Ok());
+    const pid_t gone = reaped.Pid();
 
     const struct {
         unsigned value;
         std::string state;
     } cases[] = {
-        {static_cast<unsigned>(foreign.pid_), "is held by thread " + std::to_string(foreign.pid_) +
-                                                  " of process " + std::to_string(foreign.pid_) +
-                                                  ", which does not map /dev/shm/" + name.str()},
+        {static_cast<unsigned>(foreign), "is held by thread " + std::to_string(foreign) +
+                                             " of process " + std::to_string(foreign) +
+                                             ", which does not map /dev/shm/" + name.str()},
         {static_cast<unsigned>(gone) | FUTEX_WAITERS,
          "is held by thread " + std::to_string(gone) + ", which does not exist"},
         {FUTEX_WAITERS, "names no holder"},
     };
     for (const auto& c : cases) {
-        word.Set(c.value);
+        setWord(c.value);
         EXPECT_TRUE(LockGivesUp(slot, name.str(), c.state)) << c.state;
     }
 
     // Repaired by hand, the slot has kept both blocks.
-    word.Set(0);
+    setWord(0);
     EXPECT_EQ(2u, slot.GetBufferLength());
     EXPECT_EQ("one", testsupport::ReadBlock(slot, 64));
 
-    // The queue's mutex left locked by a thread whose id now names a live thread of a process
-    // that does not map the queue (the exec'ed sleep): its holder died, and the next lock holder
-    // repairs the queue instead of waiting for that thread, time after time.
+    // The queue's mutex left locked by a thread id that now names a live process not mapping the
+    // queue (the sleep): its holder died, and the next holder repairs instead of waiting.
     {
         MappedObject queue(ReliableSlot::GetQueueName(name.str()), true);
         pthread_mutex_t* mutex = QueueMutex(queue);
         ASSERT_NE(nullptr, mutex);
         // Locked, and the holder recorded, as by that thread.
-        mutex->__data.__owner = foreign.pid_;
+        mutex->__data.__owner = foreign;
         __atomic_store_n(&mutex->__data.__lock, 1, __ATOMIC_SEQ_CST);
     }
     EXPECT_TRUE(RunsInChild([&] {
         LogCapture log("Slot");
         testsupport::WriteBlock(slot, "three");
-        Require(log.CountPrefix("ERROR", "Queue of '" + name.str() + "' was locked by thread " +
-                                             std::to_string(foreign.pid_) +
-                                             ", which died holding it;") != 0,
-                12, "no ERROR line naming the dead holder");
+        Require(
+            log.CountPrefix("ERROR", "Queue of '" + name.str() + "' was locked by thread " +
+                                         std::to_string(foreign) + ", which died holding it;") != 0,
+            12, "no ERROR line naming the dead holder");
         Require(slot.GetBufferLength() == 2, 11, "the block was not stored");
     }));
 }
@@ -198,9 +172,8 @@ TEST(DamagedHeaderLock, ImpossibleHoldersAreGivenUpOnAndTheSlotWorksOnceRepaired
 // newline in a path as "\012". The holder's mapping is found all the same.
 const char* const HolderNameStems[] = {"heldlong", "held\nlong"};
 
-// A live holder is waited for: of the header lock beyond the bound for a damaged lock, and of
-// the queue's mutex (as one inside a queue call holds it) without being taken for a dead holder
-// whose mutex may be made anew.
+// A live holder is waited for: of the header lock beyond the bound for a damaged lock, and of the
+// queue's mutex (as inside a queue call) without being taken for a dead holder.
 TEST(DamagedHeaderLock, ALiveHolderOfEitherLockIsWaitedFor) {
     for (const char* stem : HolderNameStems) {
         for (const bool queueMutex : {false, true}) {
@@ -248,18 +221,17 @@ TEST(DamagedHeaderLock, ALiveHolderOfEitherLockIsWaitedFor) {
     }
 }
 
-// A header mutex made without the robust attribute, as Boost's interprocess_mutex makes it:
-// such a slot opens and works across processes, and a live holder is waited for beyond the
-// bound. Only a holder that died cannot be taken over: it is given up on after the bound.
+// A header mutex without the robust attribute, as Boost's interprocess_mutex makes it: the slot
+// works across processes and a live holder is waited for beyond the bound; only a dead holder is
+// given up on after the bound.
 TEST(PlainHeaderLock, ASlotWithAPlainHeaderMutexWorksAndGivesUpOnlyOnAGoneHolder) {
     ScopedSlotName name("plainlock");
     { ReliableSlot made(open_or_create, name.c_str(), 64, 4); }
     {
         MappedObject header(name.str(), true);
-        const SlotImage::HeaderImage image = SlotImage::ParseHeader(header.bytes, header.size);
-        ASSERT_TRUE(image.headerMutex.present);
-        auto* mutex =
-            new (header.bytes + image.headerMutex.offset) boost::interprocess::interprocess_mutex();
+        pthread_mutex_t* const native = HeaderMutex(header);
+        ASSERT_NE(nullptr, native);
+        auto* mutex = new (native) boost::interprocess::interprocess_mutex();
         ASSERT_EQ(shared::SharedMutexKind(), shared::NativeMutex(mutex)->__data.__kind);
     }
     ReliableSlot slot(open_or_create, name.c_str(), 64, 4);

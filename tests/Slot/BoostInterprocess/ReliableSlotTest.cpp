@@ -83,10 +83,9 @@ struct NumberedBlock {
     }
 };
 
-// Two ReliableSlot objects read one slot on two threads without the slot's lock. In each round
-// one of the two threads writes two blocks and both then read one at the same moment, so that
-// their reads overlap; each block must reach exactly one of them, whole. Only two threads, both
-// busy-waiting, so that on two cores both run at once.
+// Two ReliableSlot objects read one slot on two busy-waiting threads (both run at once on two
+// cores) without the slot's lock: each round one writes two blocks and both read one at once.
+// Each block must reach exactly one of them, whole.
 TEST(ReliableSlot, UnlockedReadersNeverShareOrLoseABlock) {
     const std::uint32_t rounds = 2000;
     testsupport::ScopedSlotName name;
