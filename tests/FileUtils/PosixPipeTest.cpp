@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "Collector.h"
 #include "FileTestSupport.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
+#include "Verdicts.h"
 
 #include <FileUtils/FSSAutoReopen.h>
 #include <FileUtils/NamedPipeCreator.h>
@@ -28,6 +29,8 @@ namespace {
 
 using boost::posix_time::milliseconds;
 using boost::posix_time::seconds;
+using testsupport::EndedWell;
+using testsupport::Require;
 
 // Each test's FIFO has a fresh slot name and is removed when the test ends.
 class PosixPipe : public ::testing::Test {
@@ -70,36 +73,31 @@ int WriteStream(const std::string& path, size_t total, unsigned int seed) {
 
 TEST_F(PosixPipe, WriterWithoutReaderNeitherHangsNorDiesAndReportsWhatItDrops) {
     const int kBlocks = 40;  // 160 KiB: more than a pipe holds
-    const testsupport::ChildResult result = testsupport::RunInChild(
-        [&] {
-            std::signal(SIGPIPE, SIG_DFL);
-            testsupport::LogCapture log("Slot.Writer");
-            {
-                PipeWriter w(fifo.path);
-                w.writer.SetWriteOutcomeName(fifo.name);
-                w.writer.SetPipeFullTimeout(milliseconds(100));
-                for (int i = 0; i < kBlocks; ++i) {
-                    w.Write(std::string(4096, 'x'));
-                }
+    EXPECT_TRUE(testsupport::RunsInChild([&] {
+        std::signal(SIGPIPE, SIG_DFL);
+        testsupport::LogCapture log("Slot.Writer");
+        {
+            PipeWriter w(fifo.path);
+            w.writer.SetWriteOutcomeName(fifo.name);
+            w.writer.SetPipeFullTimeout(milliseconds(100));
+            for (int i = 0; i < kBlocks; ++i) {
+                w.Write(std::string(4096, 'x'));
             }
-            const size_t dropped = log.Count(
-                "WARN", "Named pipe '" + fifo.path + "' is full, block of 4096 bytes dropped");
-            // Nobody reads: what the pipe holds is lost with it, and that is reported, in the log
-            // and in the counts, which still count the blocks as stored.
-            const size_t closing = log.CountPrefix(
-                "WARN", "Closing named pipe '" + fifo.path + "' that no reader has open: ");
-            const shared::WriteCounts counts = shared::GetWriteCounts(fifo.name);
-            if (dropped == 0 || dropped == static_cast<size_t>(kBlocks) ||
-                counts.stored != kBlocks - dropped) {
-                return 4;
-            }
-            if (counts.bytesLostAtClose != counts.stored * 4096) {
-                return 6;
-            }
-            return closing == 1 ? 0 : 5;
-        },
-        std::chrono::seconds(30));
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        }
+        const size_t dropped = log.Count(
+            "WARN", "Named pipe '" + fifo.path + "' is full, block of 4096 bytes dropped");
+        // Nobody reads: what the pipe holds is lost with it, and that is reported, in the log
+        // and in the counts, which still count the blocks as stored.
+        const shared::WriteCounts counts = shared::GetWriteCounts(fifo.name);
+        Require(dropped != 0 && dropped != static_cast<size_t>(kBlocks) &&
+                    counts.stored == kBlocks - dropped,
+                4,
+                "dropped " + std::to_string(dropped) + ", stored " + std::to_string(counts.stored));
+        Require(counts.bytesLostAtClose == counts.stored * 4096, 6, "bytes lost at close");
+        Require(log.CountPrefix("WARN", "Closing named pipe '" + fifo.path +
+                                            "' that no reader has open: ") == 1,
+                5, "the loss at close was not logged once");
+    }));
 }
 
 // Two writer processes one after the other, in blocks of uneven sizes around PIPE_BUF: every
@@ -121,13 +119,11 @@ TEST_F(PosixPipe, BytesOfWritersInOtherProcessesArriveInOrderAlsoAfterOneHasGone
         FileUtils::PosixFileReader reader(fifo.path, 512, milliseconds(50));
         reader.subscribe(&collector);
         go1.Post();
-        testsupport::ChildResult result = writer1.Wait();
-        EXPECT_TRUE(result.Ok()) << result.Describe();
+        EXPECT_TRUE(EndedWell(writer1.Wait()));
         ASSERT_TRUE(collector.WaitForBytes(first));
         // The first writer has closed its end; the reader must not have taken that as an end.
         go2.Post();
-        result = writer2.Wait();
-        EXPECT_TRUE(result.Ok()) << result.Describe();
+        EXPECT_TRUE(EndedWell(writer2.Wait()));
         ASSERT_TRUE(collector.WaitForBytes(first + second));
     }
     EXPECT_EQ(filetest::Pattern(first, 1) + filetest::Pattern(second, 2), collector.Stream());
@@ -236,8 +232,7 @@ TEST_F(PosixPipe, AWriterWaitsForRoomForWholeBlocks) {
     for (size_t at = 0; at < all.size(); at += 40000) {
         w.Write(all.substr(at, 40000));
     }
-    const testsupport::ChildResult result = reader.Wait();
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_TRUE(EndedWell(reader.Wait()));
     EXPECT_TRUE(log.Messages("WARN").empty());
 }
 
@@ -306,8 +301,7 @@ TEST_F(PosixPipe, BlockLargerThanThePipeRaisesItsSize) {
     const std::string block = filetest::Pattern(200000, 4);
     w.Write(block);
     EXPECT_EQ(block, DrainPipe(fifo.path));
-    EXPECT_TRUE(log.Messages("WARN").empty());
-    EXPECT_TRUE(log.Messages("ERROR").empty());
+    EXPECT_TRUE(testsupport::NoWarningsOrErrors(log));
 
     // An unprivileged writer may not raise it beyond /proc/sys/fs/pipe-max-size: such a block
     // fails whole (a refusal would invite endless retries).
@@ -320,23 +314,19 @@ TEST_F(PosixPipe, BlockLargerThanThePipeRaisesItsSize) {
     const std::string huge = filetest::Pattern(limit + 4096, 5);
     ASSERT_EQ(0, ::chmod(fifo.path.c_str(), 0666));
     ASSERT_EQ(0, ::chmod(testsupport::TestRunDir().c_str(), 0711));
-    const testsupport::ChildResult result = testsupport::RunInChild([&] {
-        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
-            return 2;
-        }
+    const ::testing::AssertionResult failedWhole = testsupport::RunsInChild([&] {
+        Require(::setgid(65534) == 0 && ::setuid(65534) == 0, 2, "cannot become nobody");
         testsupport::LogCapture childLog("Slot.Writer");
         PipeWriter nobody(fifo.path);
         nobody.writer.SetWriteOutcomeName(fifo.name);
         nobody.Write(huge);
         const std::string error = "Block of " + std::to_string(huge.size()) +
                                   " bytes is larger than named pipe '" + fifo.path + "' can hold (";
-        if (childLog.CountPrefix("ERROR", error) != 1) {
-            return 3;
-        }
-        return shared::LastWriteOutcome() == shared::WriteOutcome::Failed ? 0 : 4;
+        Require(childLog.CountPrefix("ERROR", error) == 1, 3, "no error logged");
+        Require(shared::LastWriteOutcome() == shared::WriteOutcome::Failed, 4, "not failed");
     });
     ::chmod(testsupport::TestRunDir().c_str(), 0700);
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_TRUE(failedWhole);
     EXPECT_EQ("", DrainPipe(fifo.path));
 }
 
