@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "FileTestSupport.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
+#include "Verdicts.h"
 
 #include <FileUtils/FSSAutoReopen.h>
 #include <FileUtils/FStreamSubscriber.h>
@@ -13,7 +14,6 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/thread.hpp>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -23,6 +23,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <sstream>
 #include <vector>
@@ -32,10 +33,19 @@ namespace {
 using filetest::ReadFile;
 using filetest::TestOutputCfg;
 using filetest::WriteFile;
+using FileUtils::FSSAutoReopen;
+using testsupport::NoWarningsOrErrors;
+using Output = FileUtils::FStreamSubscriber;
 
-std::string NewFile(filetest::ScopedPaths& cleanup, const std::string& stem) {
-    return cleanup.Add(testsupport::TestRunDir() + "/" + testsupport::UniqueName(stem));
-}
+// Each test's files are removed when it ends; the writers' log is captured.
+class FStreamSubscriber : public ::testing::Test {
+protected:
+    std::string NewFile(const std::string& stem) {
+        return cleanup.Add(testsupport::TestRunDir() + "/" + testsupport::UniqueName(stem));
+    }
+    testsupport::LogCapture log{"Slot.Writer"};
+    filetest::ScopedPaths cleanup;
+};
 
 void Send(shared::ISubscriber& s, const std::string& bytes) {
     s.onNotify("n", bytes.data(), bytes.size());
@@ -45,12 +55,10 @@ std::string Line(shared::SizedArray& data) {
     return std::string(data.data(), data.size()) + "\n";
 }
 
-TEST(FStreamSubscriber, AppendsFormattedBlocksOnlyOnceOpenedAndNeverTruncatesOnReopen) {
-    testsupport::LogCapture log("Slot.Writer");
-    filetest::ScopedPaths cleanup;
-    const std::string file = NewFile(cleanup, "append");
+TEST_F(FStreamSubscriber, AppendsFormattedBlocksOnlyOnceOpenedAndNeverTruncatesOnReopen) {
+    const std::string file = NewFile("append");
     WriteFile(file, "old\n");
-    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 0, 0), &Line);
+    Output s(TestOutputCfg(file), &Line);
     Send(s, "lost");
     EXPECT_EQ(1u,
               log.Count("WARN", "Stream of '" + file + "' is not open, block of 5 bytes dropped"));
@@ -64,14 +72,12 @@ TEST(FStreamSubscriber, AppendsFormattedBlocksOnlyOnceOpenedAndNeverTruncatesOnR
 
 // A file already past 2 GiB (sparse) is opened, appended to and checked for its size as any
 // other: 32-bit builds use 64-bit file offsets too.
-TEST(FStreamSubscriber, AppendsToAFileOfMoreThan2GiB) {
-    testsupport::LogCapture log("Slot.Writer");
-    filetest::ScopedPaths cleanup;
-    const std::string file = NewFile(cleanup, "big");
+TEST_F(FStreamSubscriber, AppendsToAFileOfMoreThan2GiB) {
+    const std::string file = NewFile("big");
     const off_t start = (off_t{1} << 31) + 10;
     WriteFile(file, "");
     ASSERT_EQ(0, ::truncate(file.c_str(), start)) << std::strerror(errno);
-    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 0, 0), &Line);
+    Output s(TestOutputCfg(file), &Line);
     s.Reopen();
     Send(s, "abc");
     struct stat st;
@@ -83,37 +89,34 @@ TEST(FStreamSubscriber, AppendsToAFileOfMoreThan2GiB) {
     EXPECT_EQ(4, ::pread(fd, tail, sizeof tail, start));
     ::close(fd);
     EXPECT_EQ("abc\n", std::string(tail, sizeof tail));
-    EXPECT_EQ(std::vector<std::string>{}, log.Messages("ERROR"));
+    EXPECT_TRUE(NoWarningsOrErrors(log));
 }
 
 // What is at the name is never followed nor cut: a symlink is refused (its target, existing or
 // not, stays as it was), and starting empty (without append, at the first opening only) puts a
 // new file in the place of the old one, so another name of the old file keeps its bytes.
-TEST(FStreamSubscriber, NeverFollowsASymlinkNorCutsAnExistingFile) {
-    filetest::ScopedPaths cleanup;
-    const std::string target = NewFile(cleanup, "target");
-    const std::string missing = NewFile(cleanup, "missing");
+TEST_F(FStreamSubscriber, NeverFollowsASymlinkNorCutsAnExistingFile) {
+    const std::string target = NewFile("target");
+    const std::string missing = NewFile("missing");
     WriteFile(target, "keep");
     for (const std::string& pointee : {target, missing}) {
-        const std::string link = NewFile(cleanup, "link");
+        const std::string link = NewFile("link");
         ASSERT_EQ(0, ::symlink(pointee.c_str(), link.c_str()));
         for (bool append : {true, false}) {
-            FileUtils::FStreamSubscriber s(TestOutputCfg(link, append, false, 0, 0),
-                                           &shared::FormatNothing);
+            Output s(TestOutputCfg(link, append), &shared::FormatNothing);
             EXPECT_THROW(s.Reopen(), std::runtime_error);
-            FileUtils::FSSAutoReopen a(TestOutputCfg(link, append, false, 0, 0),
-                                       &shared::FormatNothing);
+            FSSAutoReopen a(TestOutputCfg(link, append), &shared::FormatNothing);
             Send(a, "x");
         }
     }
     EXPECT_EQ("keep", ReadFile(target));
     EXPECT_NE(0, ::access(missing.c_str(), F_OK)) << "a dangling symlink's target was created";
 
-    const std::string file = NewFile(cleanup, "linked");
-    const std::string otherName = NewFile(cleanup, "othername");
+    const std::string file = NewFile("linked");
+    const std::string otherName = NewFile("othername");
     WriteFile(file, "old bytes");
     ASSERT_EQ(0, ::link(file.c_str(), otherName.c_str()));
-    FileUtils::FStreamSubscriber s(TestOutputCfg(file, false, false, 0, 0), &shared::FormatNothing);
+    Output s(TestOutputCfg(file, false), &shared::FormatNothing);
     s.Reopen();
     Send(s, "new");
     s.Reopen();
@@ -122,11 +125,10 @@ TEST(FStreamSubscriber, NeverFollowsASymlinkNorCutsAnExistingFile) {
     EXPECT_EQ("old bytes", ReadFile(otherName));
 }
 
-TEST(FStreamSubscriber, ReopenAndAutoReopenFollowAFileMovedOrRemovedAway) {
-    filetest::ScopedPaths cleanup;
-    const std::string file = NewFile(cleanup, "moved");
+TEST_F(FStreamSubscriber, ReopenAndAutoReopenFollowAFileMovedOrRemovedAway) {
+    const std::string file = NewFile("moved");
     const std::string moved = cleanup.Add(file + ".old");
-    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 0, 0), &shared::FormatNothing);
+    Output s(TestOutputCfg(file), &shared::FormatNothing);
     s.Reopen();
     Send(s, "a");
     ASSERT_EQ(0, std::rename(file.c_str(), moved.c_str()));
@@ -137,8 +139,7 @@ TEST(FStreamSubscriber, ReopenAndAutoReopenFollowAFileMovedOrRemovedAway) {
     EXPECT_EQ("c", ReadFile(file));
 
     // The auto-reopening one needs no Reopen() at all.
-    testsupport::LogCapture log("Slot.Writer");
-    FileUtils::FSSAutoReopen a(TestOutputCfg(file, true, false, 0, 0), &shared::FormatNothing);
+    FSSAutoReopen a(TestOutputCfg(file), &shared::FormatNothing);
     Send(a, "d");
     ASSERT_EQ(0, std::rename(file.c_str(), moved.c_str()));
     Send(a, "e");
@@ -146,17 +147,14 @@ TEST(FStreamSubscriber, ReopenAndAutoReopenFollowAFileMovedOrRemovedAway) {
     Send(a, "f");
     EXPECT_EQ("cd", ReadFile(moved));
     EXPECT_EQ("f", ReadFile(file));
-    EXPECT_TRUE(log.Messages("WARN").empty());
+    EXPECT_TRUE(NoWarningsOrErrors(log));
 }
 
-TEST(FStreamSubscriber, WithoutRotationRefusesWhatWouldPassTheMaximumSize) {
-    testsupport::LogCapture log("Slot.Writer");
-    filetest::ScopedPaths cleanup;
-    const std::string file = NewFile(cleanup, "max");
+TEST_F(FStreamSubscriber, WithoutRotationRefusesWhatWouldPassTheMaximumSize) {
+    const std::string file = NewFile("max");
     const std::string before(30, 'p');
     WriteFile(file, before);
-    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 100, 0),
-                                   &shared::FormatNothing);
+    Output s(TestOutputCfg(file, true, false, 100), &shared::FormatNothing);
     s.Reopen();
     Send(s, std::string(40, 'a'));  // 70
     Send(s, std::string(40, 'b'));  // would be 110
@@ -172,14 +170,12 @@ TEST(FStreamSubscriber, WithoutRotationRefusesWhatWouldPassTheMaximumSize) {
               log.Messages("WARN"));
 }
 
-TEST(FStreamSubscriber, RotationKeepsTheNewestFilesUpToTheMaximumIndex) {
-    testsupport::LogCapture log("Slot.Writer");
-    filetest::ScopedPaths cleanup;
-    const std::string file = NewFile(cleanup, "rotate");
+TEST_F(FStreamSubscriber, RotationKeepsTheNewestFilesUpToTheMaximumIndex) {
+    const std::string file = NewFile("rotate");
     cleanup.Add(file + ".0");
     cleanup.Add(file + ".1");
     cleanup.Add(file + ".2");
-    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, true, 10, 1), &shared::FormatNothing);
+    Output s(TestOutputCfg(file, true, true, 10, 1), &shared::FormatNothing);
     s.Reopen();
     for (const char c : std::string("abcd")) {
         Send(s, std::string(6, c));
@@ -188,8 +184,7 @@ TEST(FStreamSubscriber, RotationKeepsTheNewestFilesUpToTheMaximumIndex) {
     EXPECT_EQ("cccccc", ReadFile(file + ".0"));
     EXPECT_EQ("bbbbbb", ReadFile(file + ".1"));
     EXPECT_NE(0, ::access((file + ".2").c_str(), F_OK));
-    EXPECT_TRUE(log.Messages("WARN").empty());
-    EXPECT_TRUE(log.Messages("ERROR").empty());
+    EXPECT_TRUE(NoWarningsOrErrors(log));
 
     // An older file that cannot move up (a folder in the way) stops the rotation instead of
     // being overwritten by the next move: the full current file refuses the block.
@@ -208,10 +203,10 @@ TEST(FStreamSubscriber, RotationKeepsTheNewestFilesUpToTheMaximumIndex) {
 }
 
 // An output whose time-stamped names take the time the test sets instead of the clock's.
-template <class Output>
-class Clocked : public Output {
+template <class Base>
+class Clocked : public Base {
 public:
-    explicit Clocked(const IFileOutputCfg& cfg) : Output(cfg, &shared::FormatNothing) {}
+    explicit Clocked(const IFileOutputCfg& cfg) : Base(cfg, &shared::FormatNothing) {}
     boost::posix_time::ptime now = boost::posix_time::from_iso_string("20300102T030405");
 
 private:
@@ -221,17 +216,13 @@ private:
 // The files of the test's folder whose names begin with `base`, sorted; each is removed when
 // the test ends.
 std::vector<std::string> FilesOf(filetest::ScopedPaths& cleanup, const std::string& base) {
-    const std::string folder = base.substr(0, base.rfind('/') + 1);
-    const std::string stem = base.substr(folder.size());
+    const std::filesystem::path path(base);
+    const std::string stem = path.filename().string();
     std::vector<std::string> found;
-    DIR* dir = ::opendir(folder.c_str());
-    for (dirent* entry; dir != nullptr && (entry = ::readdir(dir)) != nullptr;) {
-        if (std::string(entry->d_name).compare(0, stem.size(), stem) == 0) {
-            found.push_back(cleanup.Add(folder + entry->d_name));
+    for (const auto& entry : std::filesystem::directory_iterator(path.parent_path())) {
+        if (entry.path().filename().string().compare(0, stem.size(), stem) == 0) {
+            found.push_back(cleanup.Add(entry.path().string()));
         }
-    }
-    if (dir != nullptr) {
-        ::closedir(dir);
     }
     std::sort(found.begin(), found.end());
     return found;
@@ -241,12 +232,10 @@ std::vector<std::string> FilesOf(filetest::ScopedPaths& cleanup, const std::stri
 // files rotate as one chain, the oldest goes, and the folder holds at most the maximum index + 2
 // of them. An automatic reopening keeps the name too; only Reopen() takes a new time stamp and
 // starts another chain, leaving the first as it was.
-TEST(FStreamSubscriber, ATimeStampedOutputRotatesOneChainUntilReopened) {
-    testsupport::LogCapture log("Slot.Writer");
-    filetest::ScopedPaths cleanup;
-    const std::string base = NewFile(cleanup, "stamped");
+TEST_F(FStreamSubscriber, ATimeStampedOutputRotatesOneChainUntilReopened) {
+    const std::string base = NewFile("stamped");
     const std::string first = base + "_20300102T030405";
-    Clocked<FileUtils::FStreamSubscriber> s(TestOutputCfg(base, true, true, 10, 1, true));
+    Clocked<Output> s(TestOutputCfg(base, true, true, 10, 1, true));
     s.Reopen();
     for (const char c : std::string("abcde")) {
         s.now += boost::posix_time::seconds(1);
@@ -267,7 +256,7 @@ TEST(FStreamSubscriber, ATimeStampedOutputRotatesOneChainUntilReopened) {
     EXPECT_EQ("ffffff", ReadFile(second));
     EXPECT_EQ("eeeeee", ReadFile(first));
 
-    Clocked<FileUtils::FSSAutoReopen> a(TestOutputCfg(base + "-auto", true, false, 0, 0, true));
+    Clocked<FSSAutoReopen> a(TestOutputCfg(base + "-auto", true, false, 0, 0, true));
     const std::string autoName = base + "-auto_20300102T030405";
     Send(a, "g");
     a.now += boost::posix_time::seconds(1);
@@ -277,46 +266,38 @@ TEST(FStreamSubscriber, ATimeStampedOutputRotatesOneChainUntilReopened) {
     EXPECT_EQ((std::vector<std::string>{autoName}), FilesOf(cleanup, base + "-auto"));
     EXPECT_EQ("h", ReadFile(autoName));
     EXPECT_EQ("g", ReadFile(moved));
-    EXPECT_TRUE(log.Messages("WARN").empty());
-    EXPECT_TRUE(log.Messages("ERROR").empty());
+    EXPECT_TRUE(NoWarningsOrErrors(log));
 }
 
 // A write that fails part way (here at the process's file size limit, EFBIG) leaves no part of
 // its block behind, so the blocks an auto-reopening writer appends later stay whole too.
-TEST(FStreamSubscriber, AWriteThatFailsPartWayLeavesOnlyWholeBlocks) {
-    filetest::ScopedPaths cleanup;
-    const std::string file = NewFile(cleanup, "limit");
+TEST_F(FStreamSubscriber, AWriteThatFailsPartWayLeavesOnlyWholeBlocks) {
+    const std::string file = NewFile("limit");
     const size_t kBlock = 4000;
     const rlim_t kLimit = 10000;
     std::string whole;
     for (unsigned int i = 0; i < kLimit / kBlock; ++i) {
         whole += filetest::Pattern(kBlock, i);
     }
-    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+    EXPECT_TRUE(testsupport::RunsInChild([&] {
         std::signal(SIGXFSZ, SIG_IGN);
         const struct rlimit limit = {kLimit, kLimit};
-        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) {
-            return testsupport::Failed(2, "setrlimit");
-        }
-        testsupport::LogCapture log("Slot.Writer");
-        FileUtils::FSSAutoReopen a(TestOutputCfg(file, true, false, 0, 0), &shared::FormatNothing);
+        testsupport::Require(::setrlimit(RLIMIT_FSIZE, &limit) == 0, 2, "setrlimit");
+        FSSAutoReopen a(TestOutputCfg(file), &shared::FormatNothing);
         for (unsigned int i = 0; i < 4; ++i) {
             Send(a, filetest::Pattern(kBlock, i));
         }
         const std::string failed = "Write to '" + file + "' failed : " + std::strerror(EFBIG) +
                                    ", 4000 of 4000 bytes of a block dropped";
-        return log.Count("ERROR", failed) == 2 && log.Messages("ERROR").size() == 2
-                   ? 0
-                   : testsupport::Failed(3, "log");
-    });
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        testsupport::Require(log.Count("ERROR", failed) == 2 && log.Messages("ERROR").size() == 2,
+                             3, "log");
+    }));
     EXPECT_TRUE(filetest::SameBytes(whole, ReadFile(file)));
 }
 
-TEST(FStreamSubscriber, BlocksFromConcurrentThreadsAreNeverInterleaved) {
-    filetest::ScopedPaths cleanup;
-    const std::string file = NewFile(cleanup, "threads");
-    FileUtils::FStreamSubscriber s(TestOutputCfg(file, true, false, 0, 0), &Line);
+TEST_F(FStreamSubscriber, BlocksFromConcurrentThreadsAreNeverInterleaved) {
+    const std::string file = NewFile("threads");
+    Output s(TestOutputCfg(file), &Line);
     s.Reopen();
     const int kThreads = 4;
     const int kBlocks = 500;

@@ -13,33 +13,32 @@
 
 namespace filetest {
 
-// A file output with every field chosen by the test.
-class TestOutputCfg : public IFileOutputCfg {
-public:
-    TestOutputCfg(const std::string& file, bool append, bool rotate, size_t maxSize,
-                  unsigned int maxFileIndex, bool timestamped = false)
-        : file_(file),
-          timestamped_(timestamped),
-          append_(append),
-          rotate_(rotate),
-          maxSize_(maxSize),
-          maxFileIndex_(maxFileIndex) {}
+// A file output with every field chosen by the test; by default it appends, without rotation or
+// maximum size.
+struct TestOutputCfg : public IFileOutputCfg {
+    TestOutputCfg(const std::string& file, bool append = true, bool rotate = false,
+                  size_t maxSize = 0, unsigned int maxFileIndex = 0, bool timestamped = false)
+        : file(file),
+          timestamped(timestamped),
+          append(append),
+          rotate(rotate),
+          maxSize(maxSize),
+          maxFileIndex(maxFileIndex) {}
 
-    std::string GetTargetFilenameBase() const override { return file_; }
+    std::string GetTargetFilenameBase() const override { return file; }
     std::string GetFormat() const override { return ""; }
-    bool GetTimestampedFilenameFlag() const override { return timestamped_; }
-    bool GetAppendFlag() const override { return append_; }
-    bool GetRotateFlag() const override { return rotate_; }
-    size_t GetMaxSize() const override { return maxSize_; }
-    unsigned int GetMaxFileIndex() const override { return maxFileIndex_; }
+    bool GetTimestampedFilenameFlag() const override { return timestamped; }
+    bool GetAppendFlag() const override { return append; }
+    bool GetRotateFlag() const override { return rotate; }
+    size_t GetMaxSize() const override { return maxSize; }
+    unsigned int GetMaxFileIndex() const override { return maxFileIndex; }
 
-private:
-    std::string file_;
-    bool timestamped_;
-    bool append_;
-    bool rotate_;
-    size_t maxSize_;
-    unsigned int maxFileIndex_;
+    std::string file;
+    bool timestamped;
+    bool append;
+    bool rotate;
+    size_t maxSize;
+    unsigned int maxFileIndex;
 };
 
 // Reproducible bytes that reveal loss, duplication and reordering: every position differs

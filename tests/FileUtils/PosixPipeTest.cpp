@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "Collector.h"
 #include "FileTestSupport.h"
 #include "LogCapture.h"
 #include "ShmHygiene.h"
+#include "Verdicts.h"
 
 #include <FileUtils/FSSAutoReopen.h>
 #include <FileUtils/NamedPipeCreator.h>
@@ -28,6 +29,8 @@ namespace {
 
 using boost::posix_time::milliseconds;
 using boost::posix_time::seconds;
+using testsupport::EndedWell;
+using testsupport::Require;
 
 // Each test's FIFO has a fresh slot name and is removed when the test ends.
 class PosixPipe : public ::testing::Test {
@@ -51,17 +54,18 @@ struct PipeWriter {
     FileUtils::FSSAutoReopen writer;
 };
 
-// Writes `total` bytes of pattern `seed` in blocks of uneven sizes, small and larger than
-// PIPE_BUF. Returns 0 when no block was dropped.
+// Writes `total` bytes of pattern `seed` in blocks of uneven sizes, small, larger than PIPE_BUF
+// and one of more than half a pipe, for which the writer must wait until the reader made room.
+// Returns 0 when no block was dropped.
 int WriteStream(const std::string& path, size_t total, unsigned int seed) {
     testsupport::LogCapture log("Slot.Writer");
     PipeWriter w(path);
     w.writer.SetPipeFullTimeout(seconds(20));
     const std::string bytes = filetest::Pattern(total, seed);
-    static const size_t sizes[] = {1, 4096, 17, 333, 5000, 4095, 64, 9999, 2, 4097};
+    static const size_t sizes[] = {1, 4096, 40000, 17, 333, 5000, 4095, 64, 9999, 2, 4097};
     size_t offset = 0;
     for (size_t i = 0; offset < total; ++i) {
-        const size_t n = std::min(sizes[i % 10], total - offset);
+        const size_t n = std::min(sizes[i % 11], total - offset);
         w.Write(bytes.substr(offset, n));
         offset += n;
     }
@@ -70,41 +74,36 @@ int WriteStream(const std::string& path, size_t total, unsigned int seed) {
 
 TEST_F(PosixPipe, WriterWithoutReaderNeitherHangsNorDiesAndReportsWhatItDrops) {
     const int kBlocks = 40;  // 160 KiB: more than a pipe holds
-    const testsupport::ChildResult result = testsupport::RunInChild(
-        [&] {
-            std::signal(SIGPIPE, SIG_DFL);
-            testsupport::LogCapture log("Slot.Writer");
-            {
-                PipeWriter w(fifo.path);
-                w.writer.SetWriteOutcomeName(fifo.name);
-                w.writer.SetPipeFullTimeout(milliseconds(100));
-                for (int i = 0; i < kBlocks; ++i) {
-                    w.Write(std::string(4096, 'x'));
-                }
+    EXPECT_TRUE(testsupport::RunsInChild([&] {
+        std::signal(SIGPIPE, SIG_DFL);
+        testsupport::LogCapture log("Slot.Writer");
+        {
+            PipeWriter w(fifo.path);
+            w.writer.SetWriteOutcomeName(fifo.name);
+            w.writer.SetPipeFullTimeout(milliseconds(100));
+            for (int i = 0; i < kBlocks; ++i) {
+                w.Write(std::string(4096, 'x'));
             }
-            const size_t dropped = log.Count(
-                "WARN", "Named pipe '" + fifo.path + "' is full, block of 4096 bytes dropped");
-            // Nobody reads: what the pipe holds is lost with it, and that is reported, in the log
-            // and in the counts, which still count the blocks as stored.
-            const size_t closing = log.CountPrefix(
-                "WARN", "Closing named pipe '" + fifo.path + "' that no reader has open: ");
-            const shared::WriteCounts counts = shared::GetWriteCounts(fifo.name);
-            if (dropped == 0 || dropped == static_cast<size_t>(kBlocks) ||
-                counts.stored != kBlocks - dropped) {
-                return 4;
-            }
-            if (counts.bytesLostAtClose != counts.stored * 4096) {
-                return 6;
-            }
-            return closing == 1 ? 0 : 5;
-        },
-        std::chrono::seconds(30));
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+        }
+        const size_t dropped = log.Count(
+            "WARN", "Named pipe '" + fifo.path + "' is full, block of 4096 bytes dropped");
+        // Nobody reads: what the pipe holds is lost with it, and that is reported, in the log
+        // and in the counts, which still count the blocks as stored.
+        const shared::WriteCounts counts = shared::GetWriteCounts(fifo.name);
+        Require(dropped != 0 && dropped != static_cast<size_t>(kBlocks) &&
+                    counts.stored == kBlocks - dropped,
+                4,
+                "dropped " + std::to_string(dropped) + ", stored " + std::to_string(counts.stored));
+        Require(counts.bytesLostAtClose == counts.stored * 4096, 6, "bytes lost at close");
+        Require(log.CountPrefix("WARN", "Closing named pipe '" + fifo.path +
+                                            "' that no reader has open: ") == 1,
+                5, "the loss at close was not logged once");
+    }));
 }
 
-// Two writer processes one after the other, in blocks of uneven sizes around PIPE_BUF: every
-// byte arrives unchanged and in order, and the end of the first writer is not an end for the
-// reader.
+// Two writer processes one after the other, in blocks of uneven sizes around PIPE_BUF and
+// beyond: every byte arrives unchanged and in order (a writer waits for room for a whole block),
+// and the end of the first writer is not an end for the reader.
 TEST_F(PosixPipe, BytesOfWritersInOtherProcessesArriveInOrderAlsoAfterOneHasGone) {
     const size_t first = 50000;
     const size_t second = 70000;
@@ -121,13 +120,11 @@ TEST_F(PosixPipe, BytesOfWritersInOtherProcessesArriveInOrderAlsoAfterOneHasGone
         FileUtils::PosixFileReader reader(fifo.path, 512, milliseconds(50));
         reader.subscribe(&collector);
         go1.Post();
-        testsupport::ChildResult result = writer1.Wait();
-        EXPECT_TRUE(result.Ok()) << result.Describe();
+        EXPECT_TRUE(EndedWell(writer1.Wait()));
         ASSERT_TRUE(collector.WaitForBytes(first));
         // The first writer has closed its end; the reader must not have taken that as an end.
         go2.Post();
-        result = writer2.Wait();
-        EXPECT_TRUE(result.Ok()) << result.Describe();
+        EXPECT_TRUE(EndedWell(writer2.Wait()));
         ASSERT_TRUE(collector.WaitForBytes(first + second));
     }
     EXPECT_EQ(filetest::Pattern(first, 1) + filetest::Pattern(second, 2), collector.Stream());
@@ -207,40 +204,6 @@ std::string DrainPipe(const std::string& path) {
     return bytes;
 }
 
-// A writer given time waits for room for a whole block larger than PIPE_BUF and never writes a
-// part of one: a reader of a pipe it keeps full gets every block whole, in order.
-TEST_F(PosixPipe, AWriterWaitsForRoomForWholeBlocks) {
-    testsupport::LogCapture log("Slot.Writer");
-    PipeWriter w(fifo.path);
-    w.writer.SetPipeFullTimeout(seconds(20));
-    std::string all;
-    for (unsigned int i = 0; i < 4; ++i) {
-        all += filetest::Pattern(40000, i);
-    }
-    testsupport::PipeSignal go;
-    testsupport::ChildProcess reader([&] {
-        go.WaitFor();
-        const int fd = ::open(fifo.path.c_str(), O_RDONLY | O_CLOEXEC);
-        std::string got;
-        char chunk[1000];
-        while (fd >= 0 && got.size() < all.size()) {
-            const ssize_t n = ::read(fd, chunk, sizeof(chunk));
-            if (n <= 0) {
-                return 2;
-            }
-            got.append(chunk, static_cast<size_t>(n));
-        }
-        return got == all ? 0 : 3;
-    });
-    go.Post();
-    for (size_t at = 0; at < all.size(); at += 40000) {
-        w.Write(all.substr(at, 40000));
-    }
-    const testsupport::ChildResult result = reader.Wait();
-    EXPECT_TRUE(result.Ok()) << result.Describe();
-    EXPECT_TRUE(log.Messages("WARN").empty());
-}
-
 // Blocks that do not share pages: each unread write holds pages of its own, far more than its
 // bytes fill. With one writer and nobody reading, a block is stored whole or refused, never cut,
 // and its outcome says which; a reader then gets whole blocks only, in order.
@@ -306,8 +269,7 @@ TEST_F(PosixPipe, BlockLargerThanThePipeRaisesItsSize) {
     const std::string block = filetest::Pattern(200000, 4);
     w.Write(block);
     EXPECT_EQ(block, DrainPipe(fifo.path));
-    EXPECT_TRUE(log.Messages("WARN").empty());
-    EXPECT_TRUE(log.Messages("ERROR").empty());
+    EXPECT_TRUE(testsupport::NoWarningsOrErrors(log));
 
     // An unprivileged writer may not raise it beyond /proc/sys/fs/pipe-max-size: such a block
     // fails whole (a refusal would invite endless retries).
@@ -320,23 +282,19 @@ TEST_F(PosixPipe, BlockLargerThanThePipeRaisesItsSize) {
     const std::string huge = filetest::Pattern(limit + 4096, 5);
     ASSERT_EQ(0, ::chmod(fifo.path.c_str(), 0666));
     ASSERT_EQ(0, ::chmod(testsupport::TestRunDir().c_str(), 0711));
-    const testsupport::ChildResult result = testsupport::RunInChild([&] {
-        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
-            return 2;
-        }
+    const ::testing::AssertionResult failedWhole = testsupport::RunsInChild([&] {
+        Require(::setgid(65534) == 0 && ::setuid(65534) == 0, 2, "cannot become nobody");
         testsupport::LogCapture childLog("Slot.Writer");
         PipeWriter nobody(fifo.path);
         nobody.writer.SetWriteOutcomeName(fifo.name);
         nobody.Write(huge);
         const std::string error = "Block of " + std::to_string(huge.size()) +
                                   " bytes is larger than named pipe '" + fifo.path + "' can hold (";
-        if (childLog.CountPrefix("ERROR", error) != 1) {
-            return 3;
-        }
-        return shared::LastWriteOutcome() == shared::WriteOutcome::Failed ? 0 : 4;
+        Require(childLog.CountPrefix("ERROR", error) == 1, 3, "no error logged");
+        Require(shared::LastWriteOutcome() == shared::WriteOutcome::Failed, 4, "not failed");
     });
     ::chmod(testsupport::TestRunDir().c_str(), 0700);
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_TRUE(failedWhole);
     EXPECT_EQ("", DrainPipe(fifo.path));
 }
 

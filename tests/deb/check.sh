@@ -85,8 +85,8 @@ contains "${debs[1]}" '\./usr/lib/pkgconfig/slot\.pc$'
 contains "${debs[1]}" '\./usr/lib/cmake/Slot/SlotConfig\.cmake$'
 # libslot-dev carries exactly the public headers.
 headers="$build/public-headers.txt"
-# shellcheck source=tests/install/headers.sh
-source "$consumer/../headers.sh"
+# shellcheck source=tests/install/checks.sh
+source "$consumer/../checks.sh"
 check_header_set "$headers" < <(dpkg-deb --contents "${debs[1]}" \
     | awk '$1 !~ /^d/ {print $NF}' | sed -n 's|^\./usr/include/||p')
 contains "${debs[2]}" '\./usr/bin/slotctl$'
@@ -105,13 +105,9 @@ installed=1
 dpkg -i "${debs[@]}" > "$work/install.log" 2>&1 || { cat "$work/install.log"; exit 1; }
 
 step "find_package(Slot) from /usr, each public header alone"
-cmake -S "$consumer" -B "$work/consumer" -DSLOT_PUBLIC_HEADER_LIST="$headers" \
-    > "$work/configure.log" 2>&1 \
-    || { cat "$work/configure.log"; exit 1; }
+run_consumer "$consumer" "$work/consumer" -DSLOT_PUBLIC_HEADER_LIST="$headers"
 grep -q "Slot_DIR.*/usr/lib/cmake/Slot" "$work/consumer/CMakeCache.txt" \
     || { grep Slot_DIR "$work/consumer/CMakeCache.txt"; echo "Slot was not found in /usr"; exit 1; }
-cmake --build "$work/consumer" -j2 > "$work/build.log" 2>&1 || { cat "$work/build.log"; exit 1; }
-"$work/consumer/consumer"
 
 step "pkg-config from /usr"
 flags=$(pkg-config --cflags --libs slot)
@@ -119,23 +115,10 @@ flags=$(pkg-config --cflags --libs slot)
 g++ -std=c++17 "$consumer/main.cpp" $flags -o "$work/pc-consumer"
 "$work/pc-consumer"
 
-step "slotctl"
-/usr/bin/slotctl --version
-/usr/bin/slotctl ls > /dev/null
-# The manual page reads, and the completion completes from the installed files.
-gzip -dc /usr/share/man/man1/slotctl.1.gz | grep -q '^\.TH SLOTCTL 1' \
-    || { echo "slotctl.1.gz is not the manual page"; exit 1; }
-completed=$(bash -c 'source /usr/share/bash-completion/completions/slotctl
-    COMP_WORDS=(slotctl pe); COMP_CWORD=1; _slotctl; echo "${COMPREPLY[*]}"')
-[[ "$completed" == peek ]] || { echo "completion of 'slotctl pe' gave '$completed'"; exit 1; }
+step "slotctl, its manual page and completion"
+check_slotctl /usr
 if [[ $gateway -eq 1 ]]; then
-    step "slot-gateway"
-    /usr/bin/slot-gateway --check /usr/share/slot-gateway/example.json
-    # The unit starts the program where the package put it.
-    unit=/usr/lib/systemd/system/slot-gateway.service
-    for key in ExecStartPre ExecStart; do
-        grep -q "^$key=/usr/bin/slot-gateway " "$unit" \
-            || { echo "$unit: $key does not run /usr/bin/slot-gateway"; cat "$unit"; exit 1; }
-    done
+    step "slot-gateway, its unit starting the program where the package put it"
+    check_gateway /usr
 fi
 echo "Debian packages ok"

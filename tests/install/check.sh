@@ -37,20 +37,14 @@ done
 
 step "public headers"
 headers="$build/public-headers.txt"
-# shellcheck source=tests/install/headers.sh
-source "$src/headers.sh"
+# shellcheck source=tests/install/checks.sh
+source "$src/checks.sh"
 check_header_set "$headers" < <(cd "$prefix/include" && find . -type f -o -type l | sed 's|^\./||')
 check_umbrellas "$headers" "$prefix/include"
 
 consumer() {  # consumer LABEL BUILD_DIR CMAKE_ARGS...
-    local label=$1 dir=$2
-    shift 2
-    step "$label"
-    local args=(-S "$src/consumer" -B "$dir" "$@")
-    [[ -n "$toolchain" ]] && args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
-    cmake "${args[@]}" > "$dir.configure.log" || { cat "$dir.configure.log"; return 1; }
-    cmake --build "$dir" -j2 > "$dir.build.log" || { cat "$dir.build.log"; return 1; }
-    "$dir/consumer"
+    step "$1"
+    run_consumer "$src/consumer" "${@:2}" ${toolchain:+"-DCMAKE_TOOLCHAIN_FILE=$toolchain"}
 }
 # The project asks for C++14: the exported targets carry cxx_std_17 and lift it to C++17, which
 # the headers need.
@@ -87,28 +81,13 @@ fi
 tools=0
 if [[ -x "$prefix/bin/slotctl" ]]; then  # built unless SLOT_BUILD_TOOLS is off
     tools=1
-    step "installed slotctl"
-    version=$("$prefix/bin/slotctl" --version)
-    [[ "$version" =~ ^slotctl\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || { echo "slotctl --version: $version"; exit 1; }
-    "$prefix/bin/slotctl" ls > /dev/null
-    # Installed with the tool: the manual page and the bash completion.
-    gzip -dc "$prefix/share/man/man1/slotctl.1.gz" | grep -q '^\.TH SLOTCTL 1' \
-        || { echo "no slotctl manual page in $prefix/share/man/man1"; exit 1; }
-    completed=$(bash -c 'source "$1"; COMP_WORDS=(slotctl rm --f); COMP_CWORD=2; _slotctl
-        echo "${COMPREPLY[*]}"' _ "$prefix/share/bash-completion/completions/slotctl")
-    [[ "$completed" == --force ]] \
-        || { echo "completion of 'slotctl rm --f' gave '$completed'"; exit 1; }
+    step "installed slotctl, its manual page and completion"
+    check_slotctl "$prefix"
 fi
 
 if [[ -x "$prefix/bin/slot-gateway" ]]; then  # built when Cyclone DDS is found
-    step "installed slot-gateway"
-    "$prefix/bin/slot-gateway" --check "$prefix/share/slot-gateway/example.json"
-    # The systemd unit runs the executable of this prefix (written when installing).
-    unit="$prefix/lib/systemd/system/slot-gateway.service"
-    for key in ExecStartPre ExecStart; do
-        grep -q "^$key=$prefix/bin/slot-gateway " "$unit" \
-            || { echo "$unit: $key does not run $prefix/bin/slot-gateway"; cat "$unit"; exit 1; }
-    done
+    step "installed slot-gateway, its unit written for this prefix"
+    check_gateway "$prefix"
 fi
 
 step "moved installation"

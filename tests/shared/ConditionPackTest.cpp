@@ -1,9 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ChildProcess.h"
-#include "ChildRequire.h"
-#include "LogCapture.h"
 #include "SharedCondition.h"
-#include "ShmHygiene.h"
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/thread.hpp>
@@ -14,8 +10,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <functional>
-#include <memory>
-#include <string>
 
 namespace {
 
@@ -24,10 +18,8 @@ namespace pt = boost::posix_time;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testsupport::ChildProcess;
-using testsupport::ChildResult;
+using testsupport::EndedWell;
 using testsupport::PipeSignal;
-using testsupport::Require;
-using testsupport::RunInChild;
 using testsupport::RunsInChild;
 using ConditionPack = ConditionTest;
 using CrossProcess = ConditionTest;
@@ -110,23 +102,16 @@ TEST_F(ConditionPack, BroadcastBetweenWaitsEndsTheNextWaitOnce) {
     EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
     EXPECT_FALSE(c.pack->Wait(pt::seconds(-5)));
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(3));
-    EXPECT_TRUE(c.lockable.try_lock()) << "Wait must release the mutex";
-    c.lockable.unlock();
+    EXPECT_TRUE(c.MutexFree()) << "Wait must release the mutex";
     Pack other(c.mutex, c.cond);
     other.Notify();
     other.Notify();
     EXPECT_TRUE(c.pack->Wait(pt::milliseconds(0)));
     EXPECT_FALSE(c.pack->Wait(pt::milliseconds(0)));
     EXPECT_TRUE(other.Wait(pt::milliseconds(0)));
-    std::unique_ptr<Pack> late(new Pack(c.mutex, c.cond));
-    EXPECT_FALSE(late->Wait(pt::milliseconds(0)));
+    EXPECT_FALSE(Pack(c.mutex, c.cond).Wait(pt::milliseconds(0)));
 
-    const ChildResult notified = RunInChild([&] {
-        SharedCondition o(name);
-        o.pack->Notify();
-        return 0;
-    });
-    ASSERT_TRUE(notified.Ok()) << notified.Describe();
+    ASSERT_TRUE(RunsInChild([&] { SharedCondition(name).pack->Notify(); }));
     start = std::chrono::steady_clock::now();
     EXPECT_TRUE(c.pack->Wait(pt::seconds(20)));
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
@@ -159,17 +144,11 @@ TEST_F(ConditionPack, InterruptedWaiterStaysUntilNotifiedThenLeavesWithMutexUnlo
         ASSERT_TRUE(waiter.Join());
         EXPECT_TRUE(waiter.interrupted);
     }
-    const ChildResult other = RunInChild([&] {
-        SharedCondition o(name);
-        if (!o.lockable.try_lock()) {
-            return Failed(1, "mutex still held after the interrupted wait");
-        }
-        o.lockable.unlock();
-        return 0;
-    });
-    EXPECT_TRUE(other.Ok()) << other.Describe();
-    EXPECT_TRUE(c.lockable.try_lock());
-    c.lockable.unlock();
+    EXPECT_TRUE(RunsInChild([&] {
+        Require(SharedCondition(name).MutexFree(), 1,
+                "mutex still held after the interrupted wait");
+    }));
+    EXPECT_TRUE(c.MutexFree());
 }
 
 // A wait whose re-lock fails (here: the lock damaged meanwhile) leaves without the mutex: it
@@ -198,8 +177,7 @@ TEST_F(ConditionPack, AWaitWhoseRelockFailsLeavesTheLockAsItFoundIt) {
     EXPECT_EQ(damaged, __atomic_load_n(&native->__data.__kind, __ATOMIC_RELAXED));
     EXPECT_EQ(0u, Load(c.cond->waiters));
     __atomic_store_n(&native->__data.__kind, kind, __ATOMIC_RELAXED);
-    EXPECT_TRUE(c.lockable.try_lock()) << "the mutex was left unlocked";
-    c.lockable.unlock();
+    EXPECT_TRUE(c.MutexFree()) << "the mutex was left unlocked";
 }
 
 // A thread blocked on the mutex, which the test thread holds. `allowed`: it has
@@ -274,8 +252,7 @@ TEST_F(ConditionPack, AnInterruptionEndsLockWaitsOnlyWhereTheThreadAllowsIt) {
         EXPECT_EQ(0u, Load(c.cond->waiters));
         c.lockable.unlock();
     }
-    EXPECT_TRUE(c.lockable.try_lock()) << "an interrupted wait left the mutex held";
-    c.lockable.unlock();
+    EXPECT_TRUE(c.MutexFree()) << "an interrupted wait left the mutex held";
 }
 
 TEST(Lockable, UnboundReturnsAtOnceAndBoundNeverUnlocksOnDestruction) {
@@ -387,43 +364,14 @@ TEST_F(CrossProcess, TryLockAndTimedLockOfMutexHeldByAnotherProcess) {
     ASSERT_TRUE(locker.try_join_for(boost::chrono::seconds(10)));
     EXPECT_TRUE(infinite);
     EXPECT_TRUE(heldAfterwards);
-    const ChildResult result = holder.Wait();
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_TRUE(EndedWell(holder.Wait()));
 
     // And the other way round: this process holds it, another one is refused.
     c.lockable.lock();
-    const ChildResult tried = RunInChild([&] {
-        SharedCondition o(name);
-        return o.lockable.try_lock() ? Failed(1, "try_lock took a held mutex") : 0;
-    });
+    const ::testing::AssertionResult refused = RunsInChild(
+        [&] { Require(!SharedCondition(name).MutexFree(), 1, "try_lock took a held mutex"); });
     c.lockable.unlock();
-    EXPECT_TRUE(tried.Ok()) << tried.Describe();
-}
-
-TEST_F(CrossProcess, OneNotifyWakesEveryWaiterInBothProcesses) {
-    const int kThreads = 3;
-    ChildProcess child([&] {
-        SharedCondition o(name);
-        std::atomic<int> woken{0};
-        boost::thread_group threads;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.create_thread([&] { woken += o.pack->Wait(pt::not_a_date_time) ? 1 : 0; });
-        }
-        threads.join_all();
-        return woken == kThreads ? 0 : Failed(1, "a waiter returned false");
-    });
-    std::vector<std::unique_ptr<Waiter>> waiters;
-    for (int i = 0; i < kThreads; ++i) {
-        waiters.emplace_back(new Waiter(*c.pack, pt::seconds(30)));
-    }
-    ASSERT_TRUE(WaitForWaiters(c, 2 * kThreads));
-    c.pack->Notify();  // exactly one broadcast for all six
-    for (std::unique_ptr<Waiter>& waiter : waiters) {
-        ASSERT_TRUE(waiter->Join());
-        EXPECT_TRUE(waiter->result);
-    }
-    const ChildResult result = child.Wait(seconds(10));
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_TRUE(refused);
 }
 
 // Deadlines are absolute times on CLOCK_REALTIME; built from local time they would lie hours in
@@ -434,40 +382,34 @@ TEST_F(CrossProcess, TimedWaitsLastTheirTimeUnderAWesternTimeZone) {
     ChildProcess child([&] {
         ::setenv("TZ", "America/New_York", 1);
         ::tzset();
-        if (pt::microsec_clock::local_time() >
-            pt::microsec_clock::universal_time() - pt::hours(3)) {
-            return Failed(1, "time zone not in effect");
-        }
+        Require(
+            pt::microsec_clock::local_time() <= pt::microsec_clock::universal_time() - pt::hours(3),
+            1, "time zone not in effect");
         SharedCondition o(name);
         auto start = std::chrono::steady_clock::now();
+        auto lastedAbout200ms = [&] {
+            const auto elapsed = std::chrono::steady_clock::now() - start;
+            return elapsed >= milliseconds(150) && elapsed <= seconds(5);
+        };
         const bool woken = o.pack->Wait(pt::milliseconds(200));
-        auto elapsed = std::chrono::steady_clock::now() - start;
+        const bool lasted = lastedAbout200ms();
         waited.Post();
-        if (woken) {
-            return Failed(2, "Wait returned true with nobody notifying");
-        }
-        if (elapsed < milliseconds(150) || elapsed > seconds(5)) {
-            return Failed(3, "Wait(200ms) did not last about 200 ms");
-        }
-        if (!locked.WaitFor()) {
-            return Failed(4, "parent never locked");
-        }
+        Require(!woken, 2, "Wait returned true with nobody notifying");
+        Require(lasted, 3, "Wait(200ms) did not last about 200 ms");
+        Require(locked.WaitFor(), 4, "parent never locked");
         start = std::chrono::steady_clock::now();
-        if (o.lockable.timed_lock(pt::microsec_clock::universal_time() + pt::milliseconds(200))) {
-            return Failed(5, "timed_lock took a held mutex");
-        }
-        elapsed = std::chrono::steady_clock::now() - start;
-        if (elapsed < milliseconds(150) || elapsed > seconds(5)) {
-            return Failed(6, "timed_lock(now + 200ms) did not last about 200 ms");
-        }
+        Require(
+            !o.lockable.timed_lock(pt::microsec_clock::universal_time() + pt::milliseconds(200)), 5,
+            "timed_lock took a held mutex");
+        Require(lastedAbout200ms(), 6, "timed_lock(now + 200ms) did not last about 200 ms");
         return 0;
     });
     ASSERT_TRUE(waited.WaitFor());
     c.lockable.lock();  // held here while the child tries its timed lock
     locked.Post();
-    const ChildResult result = child.Wait();
+    const testsupport::ChildResult result = child.Wait();
     c.lockable.unlock();
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_TRUE(EndedWell(result));
 }
 
 }  // namespace

@@ -2,9 +2,7 @@
 // A reader process killed while it waits on the condition must not make the Wait or Notify of
 // any other process hang. Each scenario runs in a driver process under a watchdog, so a hang
 // anywhere fails the test instead of blocking the run.
-#include "ChildProcess.h"
 #include "SharedCondition.h"
-#include "ShmHygiene.h"
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/thread/thread.hpp>
@@ -29,8 +27,9 @@ const int kRounds = 6;
 // One side of the wake-up rounds: two threads wait once per round (one without deadline, one
 // with a long one) and count themselves in "woken"; the main thread broadcasts every other
 // round, once all waiters of both processes have left the previous round and entered this one.
-// `stuck` is how many entries killed waiters left in the condition's waiter count.
-int WakeRounds(SharedCondition& c, bool evenRounds, std::uint32_t stuck) {
+// `stuck` is how many entries killed waiters left in the condition's waiter count. A failure ends
+// the process (and its waiting threads) at once.
+void WakeRounds(SharedCondition& c, bool evenRounds, std::uint32_t stuck) {
     std::uint32_t* woken = c.Counter("woken");
     const std::uint32_t all = 2 * kWaitersPerProcess;
     std::atomic<int> missed{0};
@@ -45,37 +44,28 @@ int WakeRounds(SharedCondition& c, bool evenRounds, std::uint32_t stuck) {
             }
         });
     }
-    int failure = 0;
-    for (int round = evenRounds ? 0 : 1; round < kRounds && failure == 0; round += 2) {
-        if (!Eventually([&] { return Load(*woken) >= all * round; }) ||
-            !WaitForWaiters(c, stuck + all)) {
-            failure = Failed(11, "waiters did not come round");
-        } else {
-            c.pack->Notify();
-        }
-    }
-    if (failure != 0) {
-        return failure;  // the watchdog ends the waiting threads with the process
+    for (int round = evenRounds ? 0 : 1; round < kRounds; round += 2) {
+        Require(Eventually([&] { return Load(*woken) >= all * round; }) &&
+                    WaitForWaiters(c, stuck + all),
+                11, "waiters did not come round");
+        c.pack->Notify();
     }
     threads.join_all();
-    return missed == 0 ? 0 : Failed(12, "a waiter timed out: a broadcast was lost");
+    Require(missed == 0, 12, "a waiter timed out: a broadcast was lost");
 }
 
 // This process and a second one run WakeRounds against each other.
-int WakeRoundsWithAnotherProcess(SharedCondition& c, const std::string& name) {
+void WakeRoundsWithAnotherProcess(SharedCondition& c, const std::string& name) {
     const std::uint32_t stuck = Load(c.cond->waiters);
     __atomic_store_n(c.Counter("woken"), 0u, __ATOMIC_SEQ_CST);
     ChildProcess other([&] {
         DieWithParent();
         SharedCondition o(name);
-        return WakeRounds(o, false, stuck);
+        WakeRounds(o, false, stuck);
+        return 0;
     });
-    const int mine = WakeRounds(c, true, stuck);
-    const testsupport::ChildResult theirs = other.Wait(seconds(40));
-    if (mine != 0) {
-        return mine;
-    }
-    return theirs.Ok() ? 0 : Failed(13, "the other live process failed");
+    WakeRounds(c, true, stuck);
+    Require(other.Wait(seconds(40)).Ok(), 13, "the other live process failed");
 }
 
 void SpinFor(std::chrono::microseconds duration) {
@@ -88,7 +78,7 @@ void SpinFor(std::chrono::microseconds duration) {
 // between releasing the mutex and sleeping, or surely asleep. (Never while it holds the mutex:
 // nothing recovers a mutex whose holder died.) Then the condition must still serve two live
 // processes.
-int KillWaitersAtManyPoints(const std::string& name) {
+void KillWaitersAtManyPoints(const std::string& name) {
     SharedCondition c(name);
     for (int round = 0; round < 20; ++round) {
         const std::uint32_t before = Load(c.cond->waiters);
@@ -105,41 +95,31 @@ int KillWaitersAtManyPoints(const std::string& name) {
                                         : pt::time_duration(pt::seconds(60)));
             return 0;
         });
-        if (!ready.WaitFor()) {
-            return Failed(1, "victim did not start");
-        }
+        Require(ready.WaitFor(), 1, "victim did not start");
         if (blockedOnMutex) {
-            if (!WaitUntilBlocked(victim.Pid())) {
-                return Failed(2, "victim never blocked on the mutex");
-            }
-            victim.Kill(SIGKILL);
-            victim.Wait();
-            c.lockable.unlock();
+            Require(WaitUntilBlocked(victim.Pid()), 2, "victim never blocked on the mutex");
         } else {
-            if (!WaitForWaiters(c, before + 1)) {
-                return Failed(3, "victim never entered Wait");
-            }
-            if (round % 5 == 1 && !WaitUntilBlocked(victim.Pid())) {
-                return Failed(5, "victim never went to sleep in Wait");
-            }
+            Require(WaitForWaiters(c, before + 1), 3, "victim never entered Wait");
+            Require(round % 5 != 1 || WaitUntilBlocked(victim.Pid()), 5,
+                    "victim never went to sleep in Wait");
             SpinFor(std::chrono::microseconds(20 * round));
-            victim.Kill(SIGKILL);
-            victim.Wait();
+        }
+        victim.Kill(SIGKILL);
+        victim.Wait();
+        if (blockedOnMutex) {
+            c.lockable.unlock();
         }
         // The broadcast ends this pack's next wait at once, and only that one.
         c.pack->Notify();
-        if (!c.pack->Wait(pt::milliseconds(0)) || c.pack->Wait(pt::milliseconds(0))) {
-            return Failed(4, "Wait(0) after a broadcast answered wrong");
-        }
+        Require(c.pack->Wait(pt::milliseconds(0)) && !c.pack->Wait(pt::milliseconds(0)), 4,
+                "Wait(0) after a broadcast answered wrong");
     }
-    return WakeRoundsWithAnotherProcess(c, name);
+    WakeRoundsWithAnotherProcess(c, name);
 }
 
 TEST(CrashedWaiter, WaitersKilledAtManyPointsLeaveTheConditionUsable) {
     testsupport::ScopedSlotName name("crash");
-    const testsupport::ChildResult result =
-        testsupport::RunInChild([&] { return KillWaitersAtManyPoints(name); }, seconds(90));
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_TRUE(testsupport::RunsInChild([&] { KillWaitersAtManyPoints(name); }, seconds(90)));
 }
 
 }  // namespace

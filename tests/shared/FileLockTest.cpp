@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "ShmHygiene.h"
 
 #include <shared/FileHelpers.h>
@@ -24,9 +24,16 @@ namespace {
 using testsupport::ChildProcess;
 using testsupport::ChildResult;
 using testsupport::PipeSignal;
+using testsupport::Require;
+using testsupport::RunsInChild;
+
+// A fresh path in the test run's folder.
+std::string RunPath(const std::string& stem) {
+    return testsupport::TestRunDir() + "/" + testsupport::UniqueName(stem);
+}
 
 std::string FreshLockFile() {
-    return shared::TouchFile(testsupport::TestRunDir() + "/" + testsupport::UniqueName("lock"));
+    return shared::TouchFile(RunPath("lock"));
 }
 
 // 0: refused, 1: claimed, else a failure code.
@@ -86,7 +93,7 @@ bool KernelLockOfThisProcess(ino_t inode) {
 // lock in the kernel: the creation's own descriptor is closed before the lock, never after.
 // Many rounds, since the window is a few instructions wide.
 TEST(FileLock, ALockTakenWhileAnotherThreadMakesTheFileStays) {
-    const std::string path = testsupport::TestRunDir() + "/" + testsupport::UniqueName("made");
+    const std::string path = RunPath("made");
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
     int rounds = 0, lost = 0;
     for (; rounds < 20000 && std::chrono::steady_clock::now() < end; ++rounds) {
@@ -270,7 +277,7 @@ TEST(FileLock, RacingProcessesNeverBothWin) {
 // a claimant and a remover exclude each other like two claimants.
 TEST(FileLock, ClaimWaitsOutARemoverButNeverAClaimant) {
     using Outcome = shared::FileLock::ClaimOutcome;
-    const std::string path = testsupport::TestRunDir() + "/" + testsupport::UniqueName("claim");
+    const std::string path = RunPath("claim");
     // A remover that unlinks the file a moment after it claimed it, and one that never does.
     PipeSignal quickHeld, stuckHeld, stuckStop;
     auto remover = [&path](PipeSignal* held, std::function<bool()> waitUntilUnlink) {
@@ -298,17 +305,12 @@ TEST(FileLock, ClaimWaitsOutARemoverButNeverAClaimant) {
     EXPECT_EQ(::getpid(), shared::FileLock::Holder(path));
 
     // A claimant refuses a remover of another process, and another claimant at once.
-    const ChildResult refusedRemover = testsupport::RunInChild([&] {
-        shared::FileLock lock(path.c_str());
-        return lock.TryLockForRemoval() ? 1 : 0;
-    });
-    EXPECT_TRUE(refusedRemover.Ok()) << refusedRemover.Describe();
-    const ChildResult refusedClaim = testsupport::RunInChild([&] {
-        shared::FileLock lock;
+    EXPECT_TRUE(RunsInChild([&] {
+        Require(!shared::FileLock(path.c_str()).TryLockForRemoval(), 1, "a remover got in");
         pid_t holder = 0;
-        return lock.Claim(path, &holder) == Outcome::Held && holder == ::getppid() ? 0 : 1;
-    });
-    EXPECT_TRUE(refusedClaim.Ok()) << refusedClaim.Describe();
+        Require(shared::FileLock().Claim(path, &holder) == Outcome::Held && holder == ::getppid(),
+                2, "a second claimant was not refused with the holder named");
+    }));
     pid_t holder = 0;
     shared::FileLock second;
     EXPECT_EQ(Outcome::Held, second.Claim(path, &holder)) << "a second claimant of this process";
@@ -334,8 +336,8 @@ TEST(TouchFile, CreatesAReadableFileAndRefusesSymlinksAndFolders) {
     ASSERT_EQ(0, ::lstat(path.c_str(), &st));
     EXPECT_EQ(0644u, st.st_mode & 07777) << "readable by everyone whatever the umask";
 
-    const std::string target = dir + "/" + testsupport::UniqueName("target");
-    const std::string link = dir + "/" + testsupport::UniqueName("link");
+    const std::string target = RunPath("target");
+    const std::string link = RunPath("link");
     ASSERT_EQ(0, ::symlink(target.c_str(), link.c_str()));
     EXPECT_THROW(shared::TouchFile(link), std::runtime_error);
     EXPECT_NE(0, ::lstat(target.c_str(), &st)) << "a dangling symlink's target was created";
@@ -345,7 +347,7 @@ TEST(TouchFile, CreatesAReadableFileAndRefusesSymlinksAndFolders) {
 }
 
 TEST(CheckedFolder, RefusesSymlinksDotDotAndFoldersOthersMayChangeUnlessSticky) {
-    const std::string base = testsupport::TestRunDir() + "/" + testsupport::UniqueName("folders");
+    const std::string base = RunPath("folders");
     ASSERT_EQ(0, ::mkdir(base.c_str(), 0755));
     EXPECT_NO_THROW(shared::CheckedFolder::Open(base));
     EXPECT_NO_THROW(shared::CheckedFolder::Open(base + "/made", 01777));

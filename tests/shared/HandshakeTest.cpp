@@ -46,17 +46,12 @@ private:
 
 TEST(WaitForAsyncOpHandler, NotifyBeforeTheWaitIsNotLost) {
     shared::WaitForAsyncOpHandler handler((boost::shared_ptr<shared::ISyncEvent>()));
-    {
-        Handshake inside(handler, [&] { handler.Notify(); });
-        EXPECT_TRUE(inside.Finish()) << "Notify from inside op was lost";
-    }
-    {
-        // The started thread gets there before op returns.
-        Handshake early(handler, [&] {
-            boost::thread started([&] { handler.Notify(); });
-            started.join();
-        });
-        EXPECT_TRUE(early.Finish()) << "Notify before op returned was lost";
+    const boost::function<void()> notify = [&] { handler.Notify(); };
+    // From op itself, and from a thread that op started and waits for.
+    const boost::function<void()> fromThread = [&] { boost::thread(notify).join(); };
+    for (const boost::function<void()>& op : {notify, fromThread}) {
+        Handshake handshake(handler, op);
+        EXPECT_TRUE(handshake.Finish()) << "a Notify before op returned was lost";
     }
 }
 

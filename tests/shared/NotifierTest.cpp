@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -188,13 +187,8 @@ TEST(Notifier, UnsubscribeWaitsForTheDeliveryInProgress) {
     notifier.subscribe(&slow);
     boost::thread notifying([&] { notifier.notify("n", nullptr, 0); });
     entered.get_future().wait();
-    std::atomic<bool> returned{false};
-    boost::thread unsubscribing([&] {
-        notifier.unsubscribe(&slow);
-        returned = true;
-    });
+    boost::thread unsubscribing([&] { notifier.unsubscribe(&slow); });
     EXPECT_FALSE(unsubscribing.try_join_for(boost::chrono::milliseconds(100)));
-    EXPECT_FALSE(returned);
     proceed.set_value();
     EXPECT_TRUE(unsubscribing.try_join_for(boost::chrono::seconds(10)));
     EXPECT_TRUE(notifying.try_join_for(boost::chrono::seconds(10)));

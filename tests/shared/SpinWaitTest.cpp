@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Watching a condition's write signal without its lock: what a spin reports, and that it ends.
-#include "ChildProcess.h"
 #include "SharedCondition.h"
-#include "ShmHygiene.h"
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/thread.hpp>
@@ -17,7 +15,6 @@ namespace {
 using namespace sharedtest;
 namespace pt = boost::posix_time;
 using testsupport::ChildProcess;
-using testsupport::ChildResult;
 using testsupport::PipeSignal;
 using SpinWait = ConditionTest;
 
@@ -43,20 +40,15 @@ TEST_F(SpinWait, SeesABroadcastOfAnotherProcess) {
     PipeSignal spinning;
     ChildProcess child([&] {
         SharedCondition mine(name);
-        if (!spinning.WaitFor()) {
-            return Failed(2, "no spin started");
-        }
+        Require(spinning.WaitFor(), 2, "no spin started");
         const bool counted = Load(mine.cond->waiters) != 0;
         mine.pack->Notify();  // also after a failure: the parent spins until it comes
-        if (counted) {
-            return Failed(3, "a spinning waiter is counted as a sleeper");
-        }
+        Require(!counted, 3, "a spinning waiter is counted as a sleeper");
         return 0;
     });
     spinning.Post();
     EXPECT_TRUE(c.pack->SpinForSignal(pt::hours(1)));
-    const ChildResult result = child.Wait();
-    EXPECT_TRUE(result.Ok()) << result.Describe();
+    EXPECT_TRUE(testsupport::EndedWell(child.Wait()));
 }
 
 // Interrupting the spinning thread ends a spin of an hour, reporting no signal, and leaves the
