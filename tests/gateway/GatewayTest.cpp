@@ -37,6 +37,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -414,17 +415,12 @@ TEST(Gateway, EntriesThatDifferBetweenHostsAreReportedOnce) {
         return "Slot '" + entry.first.name + "' does not match a peer on topic '" +
                entry.first.topic + "': the other host's entry differs: " + entry.second;
     };
-    ASSERT_TRUE(Eventually(
-        [&] {
-            for (const auto& entry : expected) {
-                if (log.Count("WARN", warning(entry)) == 0) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        30s))
-        << testing::PrintToString(log.Messages("WARN"));
+    const auto allReported = [&] {
+        return std::all_of(expected.begin(), expected.end(), [&](const auto& entry) {
+            return log.Count("WARN", warning(entry)) > 0;
+        });
+    };
+    ASSERT_TRUE(Eventually(allReported, 30s)) << testing::PrintToString(log.Messages("WARN"));
     for (int n = 0; n < 5; ++n) {
         writer->onNotify(discardingOut.source, "state", 5);
         std::this_thread::sleep_for(300ms);

@@ -57,16 +57,13 @@ class SlotctlReader:
 @pytest.mark.parametrize("type_", ["reliable", "discarding", "posix-pipe"])
 def test_cpp_writer_to_python_reader(name, type_):
     with libslot.Reader(name, type=type_, update_time=1.0) as reader:
-        got = b""
         for block in BLOCKS:
             write_with_slotctl(name, type_, block)  # a whole process per block
-            if type_ == "posix-pipe":
-                while len(got) < sum(len(b) for b in BLOCKS[:BLOCKS.index(block) + 1]):
-                    got += reader.get(timeout=WAIT)
-            else:
-                assert reader.get(timeout=WAIT) == block
-        if type_ == "posix-pipe":
-            assert got == b"".join(BLOCKS)
+            # A pipe's blocks may come split or joined: read until the block's length came.
+            got = reader.get(timeout=WAIT)
+            while type_ == "posix-pipe" and len(got) < len(block):
+                got += reader.get(timeout=WAIT)
+            assert got == block
 
 
 @pytest.mark.parametrize("type_", ["reliable", "discarding", "posix-pipe"])
