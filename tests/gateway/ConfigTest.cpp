@@ -29,7 +29,9 @@ std::string OneSlot(const std::string& fields) {
 
 }  // namespace
 
-TEST(GatewayConfig, FullEntryAndDefaults) {
+// A pool entry names its kind with "pool" and its block count with "blocks"; a queue pool is
+// carried as a reliable slot is.
+TEST(GatewayConfig, FullEntriesAndDefaults) {
     const auto config = ParseConfig(R"({
       "gateway": {"name": "det", "status_file": "/run/x.json", "status_interval_ms": 250,
                   "stop_grace_ms": 0, "lease_ms": 2500},
@@ -37,7 +39,10 @@ TEST(GatewayConfig, FullEntryAndDefaults) {
         {"name": "frames", "type": "reliable", "max_size": 1048576, "queue_length": 64,
          "update_time_ms": 5, "direction": "from-network", "domain": 7, "partition": "lab",
          "topic": "det/frames"},
-        {"name": "state", "type": "discarding", "direction": "both", "topic": "det/frames"}]})",
+        {"name": "state", "type": "discarding", "direction": "both", "topic": "det/frames"},
+        {"name": "pframes", "pool": "queue", "max_size": 4194304, "blocks": 64,
+         "direction": "to-network", "topic": "frames"},
+        {"name": "image", "pool": "latest", "direction": "both", "topic": "image"}]})",
                                     "gw.json");
     EXPECT_EQ(config.gatewayName, "det");
     EXPECT_EQ(config.statusFile, "/run/x.json");
@@ -45,7 +50,7 @@ TEST(GatewayConfig, FullEntryAndDefaults) {
     EXPECT_EQ(config.stopGraceMs, 0u);
     EXPECT_EQ(config.leaseMs, 2500u);
     EXPECT_EQ(ParseConfig(OneSlot(""), "gw.json").leaseMs, 500u);
-    ASSERT_EQ(config.routes.size(), 2u);
+    ASSERT_EQ(config.routes.size(), 4u);
     const auto& frames = config.routes[0];
     EXPECT_EQ(frames.maxSize, 1048576u);
     EXPECT_EQ(frames.queueLength, 64u);
@@ -65,6 +70,18 @@ TEST(GatewayConfig, FullEntryAndDefaults) {
     EXPECT_EQ(frameCfg.GetMaxBufferLength(), 64u);
     EXPECT_EQ(frameCfg.GetUpdateTime(), boost::posix_time::milliseconds(5));
     EXPECT_EQ(stateCfg.GetMaxBufferLength(), 1u);
+
+    const auto& pframes = config.routes[2];
+    EXPECT_TRUE(pframes.isPool() && pframes.reliable());
+    EXPECT_EQ(pframes.TypeText(), "queue pool");
+    const Slot::PoolConfig pframesCfg = SlotGateway::RoutePoolCfg(pframes);
+    EXPECT_EQ(pframesCfg.kind, "queue");
+    EXPECT_EQ(pframesCfg.maxBlockSize, 4194304u);
+    EXPECT_EQ(pframesCfg.blockCount, 64u);
+    const auto& image = config.routes[3];
+    EXPECT_TRUE(image.isPool() && !image.reliable());
+    EXPECT_EQ(SlotGateway::RoutePoolCfg(image).blockCount, SlotGateway::kDefaultPoolBlocks);
+    EXPECT_EQ(SlotGateway::RoutePoolCfg(image).maxBlockSize, 65536u);
 }
 
 // Each configuration is refused with a message that names the file, the entry and the field (a
@@ -177,25 +194,4 @@ TEST(GatewayConfig, UnreadableFileNamed) {
     } catch (const ConfigError& e) {
         EXPECT_STREQ(e.what(), "/nonexistent/gw.json: cannot be read");
     }
-}
-
-// A pool entry names its kind with "pool" and its block count with "blocks"; a queue pool is
-// carried as a reliable slot is. Its errors are in the table above.
-TEST(GatewayConfig, PoolEntries) {
-    const auto config = ParseConfig(R"({"slots": [
-        {"name": "frames", "pool": "queue", "max_size": 4194304, "blocks": 64,
-         "direction": "to-network", "topic": "frames"},
-        {"name": "image", "pool": "latest", "direction": "both", "topic": "image"}]})",
-                                    "gw.json");
-    const auto& frames = config.routes[0];
-    EXPECT_TRUE(frames.isPool() && frames.reliable());
-    EXPECT_EQ(frames.TypeText(), "queue pool");
-    const Slot::PoolConfig framesCfg = SlotGateway::RoutePoolCfg(frames);
-    EXPECT_EQ(framesCfg.kind, "queue");
-    EXPECT_EQ(framesCfg.maxBlockSize, 4194304u);
-    EXPECT_EQ(framesCfg.blockCount, 64u);
-    const auto& image = config.routes[1];
-    EXPECT_TRUE(image.isPool() && !image.reliable());
-    EXPECT_EQ(SlotGateway::RoutePoolCfg(image).blockCount, SlotGateway::kDefaultPoolBlocks);
-    EXPECT_EQ(SlotGateway::RoutePoolCfg(image).maxBlockSize, 65536u);
 }

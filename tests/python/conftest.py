@@ -49,12 +49,13 @@ def lock_file(name):
 @pytest.fixture
 def names():
     """Makes unique slot names (names("stem")) and removes their objects afterwards, also when
-    the test fails."""
+    the test fails; names("stem", suffixes) removes those of the name plus each suffix too."""
     made = []
 
-    def make(stem="slot"):
-        made.append(unique_name(stem))
-        return made[-1]
+    def make(stem="slot", suffixes=()):
+        name = unique_name(stem)
+        made.extend([name] + [name + suffix for suffix in suffixes])
+        return name
 
     yield make
     for name in made:
@@ -72,6 +73,18 @@ def run_python(code, *args, timeout=CHILD_TIMEOUT, **kwargs):
     CompletedProcess. A child that outlives `timeout` is killed and fails the test."""
     return subprocess.run([sys.executable, "-c", code, *args], capture_output=True,
                           timeout=timeout, **kwargs)
+
+
+def check_child(result, stdout, returncode=0):
+    """Checks a child's exit status and whole output; returns its stderr, which shows no sign of
+    a crash, a Python error, a sanitizer's report or a log4cxx complaint (none of which need
+    change the exit status)."""
+    err = result.stderr.decode()
+    assert result.returncode == returncode, err
+    assert result.stdout.decode() == stdout, err
+    for sign in ("Fatal", "Traceback", "runtime error", "Sanitizer", "log4cxx:"):
+        assert sign not in err, err
+    return err
 
 
 def slotctl(*args, input=None, timeout=CHILD_TIMEOUT):

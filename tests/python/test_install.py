@@ -10,7 +10,7 @@ import tempfile
 
 import pytest
 
-from conftest import CHILD_TIMEOUT
+from conftest import CHILD_TIMEOUT, check_child
 
 
 # /usr and /usr/local are installed below a DESTDIR: the package folder (without the DESTDIR)
@@ -54,7 +54,6 @@ def test_installed_module_imports_without_library_path(name, system_prefix):
                 "libslot.remove_slot(sys.argv[1])\n")
         result = subprocess.run([sys.executable, "-c", code, name, scratch], env=env, cwd=scratch,
                                 capture_output=True, timeout=CHILD_TIMEOUT)
-        assert result.returncode == 0, result.stderr.decode()
-        assert result.stdout.decode() == "True\nb'in\\x00stalled'\n"
+        check_child(result, "True\nb'in\\x00stalled'\n")
     finally:
         shutil.rmtree(scratch, ignore_errors=True)

@@ -11,7 +11,7 @@ import weakref
 import pytest
 
 import libslot
-from conftest import remove_everything, run_python
+from conftest import check_child, run_python
 
 WAIT = 30  # seconds; generous bound for anything that should happen at once
 
@@ -34,6 +34,23 @@ def collecting_callback():
     return callback, wait_for
 
 
+def wait_until(condition):
+    """Polls `condition` until it holds or WAIT passed (the caller checks what came)."""
+    deadline = time.monotonic() + WAIT
+    while not condition() and time.monotonic() < deadline:
+        time.sleep(0.001)
+
+
+def run_together(targets):
+    """Runs each of `targets` on a thread of its own, all at once, and joins them."""
+    threads = [threading.Thread(target=target) for target in targets]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join(WAIT)
+        assert not thread.is_alive()
+
+
 def accepted(open_reader):
     """The reader open_reader() makes, retried while refused. A reliable reader closed inside
     its callback lets the slot go once that callback has returned, on its own thread: until
@@ -46,11 +63,6 @@ def accepted(open_reader):
             if time.monotonic() > deadline:
                 raise
             time.sleep(0.01)
-
-
-def second_reader(name, type_):
-    """The next reader of the slot (see accepted)."""
-    return accepted(lambda: libslot.Reader(name, type=type_))
 
 
 @pytest.mark.parametrize("type_", ["reliable", "discarding", "posix-pipe"])
@@ -77,7 +89,7 @@ def test_callback_runs_on_the_reader_thread_and_may_close_its_reader(name, type_
             if type_ != "discarding":
                 # The closed reader took nothing more: the next reader gets every later block
                 # (a pipe's blocks may come joined).
-                with second_reader(name, type_) as second:
+                with accepted(lambda: libslot.Reader(name, type=type_)) as second:
                     got = b""
                     while len(got) < len(later):
                         got += second.get(timeout=WAIT)
@@ -98,10 +110,6 @@ def open_writer(kind, name):
     if kind == "slot":
         return libslot.Writer(name, type="reliable")
     return libslot.PoolWriter(name, kind="queue", block_size=64, blocks=2)
-
-
-def open_reader_and_writer(kind, name, callback):
-    return open_reader(kind, name, callback), open_writer(kind, name)
 
 
 @pytest.mark.parametrize("kind", ["slot", "pool"])
@@ -156,7 +164,7 @@ def test_no_close_returns_while_the_callback_runs(name, kind, first):
         reader.close()
         seen_by_closers.append(len(finished))
 
-    reader, writer = open_reader_and_writer(kind, name, callback)
+    reader, writer = open_reader(kind, name, callback), open_writer(kind, name)
     with writer:
         writer.write(b"x")
         assert inside.wait(WAIT)
@@ -189,13 +197,11 @@ def test_callbacks_share_one_python_thread_state_until_close(name, kind):
             local.held = Held()
             refs.append(weakref.ref(local.held))
 
-    reader, writer = open_reader_and_writer(kind, name, callback)
+    reader, writer = open_reader(kind, name, callback), open_writer(kind, name)
     with writer:
         for i in range(3):
             writer.write(b"%d" % i)
-            deadline = time.monotonic() + WAIT
-            while len(counts) <= i and time.monotonic() < deadline:
-                time.sleep(0.01)
+            wait_until(lambda: len(counts) > i)
     reader.close()
     assert counts == [1, 2, 3]
     gc.collect()
@@ -232,13 +238,8 @@ def test_get_of_a_callback_reader_raises_at_once(name):
 
 
 def test_many_readers_each_get_every_block(name):
-    count = 8
-    callbacks, waits = [], []
-    for _ in range(count):
-        callback, wait_for = collecting_callback()
-        callbacks.append(callback)
-        waits.append(wait_for)
-    callbacks.append(None)  # and one that queues, the last
+    callbacks, waits = zip(*(collecting_callback() for _ in range(8)))
+    callbacks += (None,)  # and one that queues, the last
     readers = [None] * len(callbacks)
 
     def start(i):
@@ -247,11 +248,7 @@ def test_many_readers_each_get_every_block(name):
     try:
         # Started from several threads at once: a reader's start takes one update time, with
         # the GIL released.
-        starters = [threading.Thread(target=start, args=(i,)) for i in range(len(callbacks))]
-        for t in starters:
-            t.start()
-        for t in starters:
-            t.join(WAIT)
+        run_together([lambda i=i: start(i) for i in range(len(callbacks))])
         assert all(readers)
         with libslot.Writer(name) as writer:
             # A discarding slot keeps the latest block: each block is seen by all before the next.
@@ -263,11 +260,7 @@ def test_many_readers_each_get_every_block(name):
                 assert readers[-1].get(timeout=WAIT) == block
     finally:
         # Closed at once too: each close waits for its reader's thread.
-        closers = [threading.Thread(target=r.close) for r in readers if r is not None]
-        for t in closers:
-            t.start()
-        for t in closers:
-            t.join(WAIT)
+        run_together([r.close for r in readers if r is not None])
 
 
 def test_get_times_out_and_close_ends_a_waiting_iteration(name):
@@ -297,22 +290,14 @@ def test_get_times_out_and_close_ends_a_waiting_iteration(name):
         assert libslot._native._flush_log(1e10)
         with pytest.raises(ValueError, match="NaN"):
             libslot._native._flush_log(float("nan"))
-        got = []
-        arrived = threading.Condition()
-
-        def consume():
-            for block in reader:  # ends once the reader is closed and drained
-                with arrived:
-                    got.append(block)
-                    arrived.notify_all()
-
-        consumer = threading.Thread(target=consume)
+        callback, wait_for = collecting_callback()
+        # Its iteration ends once the reader is closed and drained.
+        consumer = threading.Thread(target=lambda: [callback(block) for block in reader])
         consumer.start()
         with libslot.Writer(name, type="reliable") as writer:
             writer.write(b"1")
             writer.write(b"2")
-        with arrived:
-            assert arrived.wait_for(lambda: len(got) == 2, WAIT)
+        got = wait_for(2)
         # The consumer now waits in get() with the GIL released; close() wakes it.
         reader.close()
         consumer.join(WAIT)
@@ -355,9 +340,7 @@ def test_close_from_another_thread_loses_no_block_of_a_reliable_slot(name, with_
         if with_callback:
             assert inside.wait(WAIT)
         else:
-            deadline = time.monotonic() + WAIT
-            while reader.pending < 2 and time.monotonic() < deadline:
-                time.sleep(0.001)
+            wait_until(lambda: reader.pending >= 2)
         reader.close()
         if not with_callback:
             first = drain(reader, 0)
@@ -383,14 +366,14 @@ def test_a_second_close_waits_while_the_first_drops_the_callback(name, kind):
             dropping.set()
             time.sleep(0.5)
 
-    reader, writer = open_reader_and_writer(kind, name, Callback())
+    reader, writer = open_reader(kind, name, Callback()), open_writer(kind, name)
     writer.close()
 
     def second_close():
         assert dropping.wait(WAIT)
         reader.close()
         try:
-            open_reader_and_writer(kind, name, lambda block: None)[0].close()
+            open_reader(kind, name, lambda block: None).close()
             second_done.append("reopened")
         except libslot.SlotCreationError as e:
             second_done.append(str(e))
@@ -414,9 +397,7 @@ def test_a_queue_pool_reader_closed_while_delivering_loses_no_block(name):
             with libslot.PoolReader(config, lambda view: first.append(bytes(view))):
                 assert all(writer.write(b).stored for b in blocks)
             with libslot.PoolReader(config, lambda view: rest.append(bytes(view))):
-                deadline = time.monotonic() + WAIT
-                while len(first) + len(rest) < len(blocks) and time.monotonic() < deadline:
-                    time.sleep(0.01)
+                wait_until(lambda: len(first) + len(rest) >= len(blocks))
             assert first + rest == blocks
 
 
@@ -434,9 +415,7 @@ def test_ctrl_c_interrupts_a_blocking_get(name):
             print("interrupted", flush=True)
         reader.close()
     """)
-    result = run_python(script, name)
-    assert result.returncode == 0, result.stderr.decode()
-    assert result.stdout.decode() == "interrupted\n"
+    check_child(run_python(script, name), "interrupted\n")
 
 
 SHUTDOWN = textwrap.dedent("""
@@ -476,19 +455,10 @@ SHUTDOWN = textwrap.dedent("""
 
 
 @pytest.mark.parametrize("how", ["end", "sys.exit(3)", "del readers"])
-def test_interpreter_exits_with_readers_running(name, how):
+def test_interpreter_exits_with_readers_running(names, how):
     script = SHUTDOWN.replace("{exit}", "" if how == "end" else how)
-    try:
-        result = run_python(script, name, timeout=120)
-    finally:
-        for suffix in ("_r", "_d", "_p", "_q", "_b"):
-            remove_everything(name + suffix)
-    err = result.stderr.decode()
-    assert result.returncode == (3 if how.startswith("sys.exit") else 0), err
-    assert result.stdout.decode() == "exiting\n"
-    # A sanitizer's report at exit need not change the exit status.
-    for sign in ("Fatal", "Traceback", "runtime error", "Sanitizer"):
-        assert sign not in err, err
+    result = run_python(script, names("exit", ("_r", "_d", "_p", "_q", "_b")), timeout=120)
+    check_child(result, "exiting\n", 3 if how.startswith("sys.exit") else 0)
 
 
 def test_a_forked_child_drops_inherited_readers_and_exits_at_once(names):
@@ -536,11 +506,7 @@ def test_a_forked_child_drops_inherited_readers_and_exits_at_once(names):
             writer.write(b"after the forks")
         print(reader.get(timeout=30).decode(), round(slowest))
     """)
-    slot = names()
-    try:
-        result = run_python(script, slot, names("pool"))
-    finally:
-        remove_everything(slot + "_w")
+    result = run_python(script, names("slot", ("_w",)), names("pool"))
     assert result.returncode == 0, result.stderr.decode()
     block, slowest = result.stdout.decode().rsplit(" ", 1)
     assert block == "after the forks"
