@@ -11,8 +11,8 @@ import tempfile
 
 import pytest
 
-# Lock files and FIFOs of this run go to a private folder (children inherit it), removed at
-# the end of the session.
+# Lock files and FIFOs of this run go to a private folder (children inherit it), removed when
+# pytest ends (also after a run that only collects).
 RUN_DIR = tempfile.mkdtemp(prefix="libslot-pytest-")
 os.environ["SLOT_LOCK_DIR"] = os.path.join(RUN_DIR, "lock")
 os.environ["SLOT_PIPE_DIR"] = os.path.join(RUN_DIR, "pipes")
@@ -108,10 +108,13 @@ def shm_leftovers():
 @pytest.fixture(scope="session", autouse=True)
 def no_leftovers():
     """After the last test: nothing of this run may remain in /dev/shm (it is removed, and the
-    run fails), and the private folders are removed."""
+    run fails)."""
     yield
     left = shm_leftovers()
     for f in left:
         os.unlink(os.path.join("/dev/shm", f))
-    shutil.rmtree(RUN_DIR, ignore_errors=True)
     assert not left, f"left in /dev/shm: {left}"
+
+
+def pytest_unconfigure(config):
+    shutil.rmtree(RUN_DIR, ignore_errors=True)
