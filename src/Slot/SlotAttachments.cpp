@@ -10,6 +10,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 #include <cerrno>
 #include <climits>
@@ -95,22 +96,37 @@ struct Use {
     Part part;
 };
 typedef std::unordered_map<std::string, std::vector<Use>> PathUses;
+// A file as device and inode: how a mapping is matched to the objects asked for.
+typedef std::pair<dev_t, ino_t> FileId;
+typedef std::map<FileId, std::vector<Use>> FileUses;
 
-// The path column of a maps line: what follows the fifth field.
-std::string MappedPath(const std::string& maps, size_t start, size_t end) {
-    // address perms offset dev inode, then spaces, then the path.
+// The file a maps line maps, as device and inode (the fourth and fifth fields). The path column
+// cannot be compared: the kernel writes a newline in it as "\012", which a name may also hold
+// literally. Inode 0 (anonymous memory) or a line that does not parse gives nothing.
+std::optional<FileId> MappedFile(const std::string& maps, size_t start, size_t end) {
     size_t at = start;
-    for (int field = 0; field < 5 && at < end; ++field) {
+    for (int field = 0; field < 3; ++field) {
         at = maps.find(' ', at);
         if (at == std::string::npos || at >= end) {
-            return "";
+            return std::nullopt;
         }
         ++at;
     }
-    while (at < end && maps[at] == ' ') {
-        ++at;
+    char* next = nullptr;
+    const unsigned long major = std::strtoul(maps.c_str() + at, &next, 16);
+    if (next == nullptr || *next != ':') {
+        return std::nullopt;
     }
-    return maps.substr(at, end - at);
+    const unsigned long minor = std::strtoul(next + 1, &next, 16);
+    if (*next != ' ') {
+        return std::nullopt;
+    }
+    const unsigned long long inode = std::strtoull(next + 1, &next, 10);
+    if (inode == 0 || static_cast<size_t>(next - maps.c_str()) > end) {
+        return std::nullopt;
+    }
+    return FileId{makedev(static_cast<unsigned>(major), static_cast<unsigned>(minor)),
+                  static_cast<ino_t>(inode)};
 }
 
 void Mark(SlotAttachment& process, Part part) {
@@ -164,6 +180,17 @@ std::vector<SlotAttachmentList> SlotAttachments::FindMany(
         } catch (const std::exception&) {
         }
     }
+    // The same objects as files: mappings are matched by device and inode. An object replaced
+    // after this is a different file, and a mapping of the one it replaced is no attachment.
+    FileUses files;
+    for (const auto& path : uses) {
+        struct stat st;
+        if (::fstatat(AT_FDCWD, path.first.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(st.st_mode)) {
+            std::vector<Use>& fileUses = files[FileId{st.st_dev, st.st_ino}];
+            fileUses.insert(fileUses.end(), path.second.begin(), path.second.end());
+        }
+    }
     // Per slot, the processes attached to it.
     std::vector<std::map<pid_t, SlotAttachment>> found(slots.size());
     unsigned unreadable = 0;
@@ -191,8 +218,9 @@ std::vector<SlotAttachmentList> SlotAttachments::FindMany(
             if (end == std::string::npos) {
                 end = maps.size();
             }
-            const auto it = uses.find(MappedPath(maps, start, end));
-            if (it != uses.end()) {
+            const std::optional<FileId> file = MappedFile(maps, start, end);
+            const auto it = file ? files.find(*file) : files.end();
+            if (it != files.end()) {
                 mark(it->second);
             }
             start = end + 1;

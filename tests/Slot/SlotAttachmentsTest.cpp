@@ -43,10 +43,11 @@ bool NobodyAttached(const std::string& name) {
 // A reader and a writer process, each with the slots it uses, are listed until they end. One
 // pass over /proc for many slots gives each what Find gives it alone: slots attached by
 // different children, one by two, a name whose header is another slot's queue ("queue_<a>"),
-// a repeated, an invalid and similar names. A read-only look is no attachment; a descriptor
-// open for writing is one, even unmapped; a mapping of a removed slot is none of its successor.
+// a repeated, an invalid and similar names, one with a newline (written "\012" in the maps). A
+// read-only look is no attachment; a descriptor open for writing is one, even unmapped; a
+// mapping of a removed slot is none of its successor.
 TEST(SlotAttachments, ProcessesAreListedPerSlotByFindAndFindManyUntilTheyEnd) {
-    ScopedSlotName a("many"), b("many"), c("many");
+    ScopedSlotName a("many"), b("new\nline"), c("many");
     SimpleSlotCfg reliable(a, "reliable", boost::posix_time::milliseconds(50), 4);
     SimpleSlotCfg discarding(b, "discarding", boost::posix_time::milliseconds(50), 1);
     SimpleSlotCfg unused(c, "discarding", boost::posix_time::milliseconds(50), 1);
