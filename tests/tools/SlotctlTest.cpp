@@ -206,9 +206,7 @@ TEST(SlotctlSurvey, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
 // says "being created" (opening either through Boost would spin for ever), and garbage that
 // claims to be initialised.
 TEST(SlotctlSurvey, ForeignAndBrokenObjectsNeitherHangNorCrashNorGetRemoved) {
-    ScopedSlotName empty("empty");
-    ScopedSlotName creating("creating");
-    ScopedSlotName garbage("garbage");
+    ScopedSlotName empty("empty"), creating("creating"), garbage("garbage");
     testsupport::Bytes noise(8192);
     for (size_t i = 0; i < noise.size(); ++i) {
         noise[i] = static_cast<unsigned char>((i * 2654435761u) >> 13);
@@ -663,13 +661,9 @@ TEST(SlotctlReadWrite, AReadStoppedWhileItsReaderStartsPrintsEveryBlockItTook) {
     for (int i = 0; i < 40; ++i) {
         first += std::to_string(i) + "\n";
     }
-    const std::vector<std::string> write = {"write", name.str(),   "--type", "reliable", "--queue",
-                                            "1000",  "--max-size", "16",     "--lines"};
-    ASSERT_EQ(0, Slotctl(write, Options{first}).status);
-    std::string slot;
-    for (size_t i = 1; i < write.size(); ++i) {
-        slot += " " + write[i];
-    }
+    const std::string write =
+        " write " + name.str() + " --type reliable --queue 1000 --max-size 16 --lines";
+    ASSERT_EQ(0, Slotctl(slotctltest::Words(write), Options{first}).status);
     // Writes 40, 41, ... every 20 ms until the stop file exists (also when the test fails), then
     // leaves the count.
     struct StopAtEnd {
@@ -679,8 +673,8 @@ TEST(SlotctlReadWrite, AReadStoppedWhileItsReaderStartsPrintsEveryBlockItTook) {
     // (The count comes from the subshell of the pipeline, where the loop counts.)
     const std::string script =
         "(i=40; while [ $i -lt 900 ] && [ ! -e \"$1\" ]; do echo $i; i=$((i+1)); sleep 0.02; "
-        "done; echo $i > \"$2.n\") | \"$0\" write" +
-        slot + " 2>/dev/null && mv \"$2.n\" \"$2\"";
+        "done; echo $i > \"$2.n\") | \"$0\"" +
+        write + " 2>/dev/null && mv \"$2.n\" \"$2\"";
     ChildProcess writer([&] {
         ::execl("/bin/bash", "bash", "-c", script.c_str(), SLOTCTL_PATH, stopFile.c_str(),
                 countFile.c_str(), static_cast<char*>(nullptr));
@@ -831,8 +825,7 @@ TEST(SlotctlReadWrite, InputLargerThanABlockIsRefusedWithoutBeingHeld) {
 // by each command that takes one (record --tee takes the recorded slot's), and nothing is
 // written to or taken from the slot.
 TEST(SlotctlReadWrite, ATypeOtherThanAnExistingSlotsKindIsRefused) {
-    ScopedSlotName reliable("kindrel");
-    ScopedSlotName discarding("kinddisc");
+    ScopedSlotName reliable("kindrel"), discarding("kinddisc");
     ASSERT_EQ(0, Slotctl({"write", reliable.str(), "--type", "reliable", "--queue", "2", "--count",
                           "2", "a"})
                      .status);
