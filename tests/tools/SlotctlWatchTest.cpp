@@ -446,10 +446,8 @@ TEST(SlotctlDocs, HelpManualPageAndCompletionKnowEveryCommand) {
             if (option == "--pool" || option == "--slot") {
                 continue;
             }
-            std::string roff;  // "--update-time" is written "\-\-update\-time"
-            for (const char c : option) {
-                roff += c == '-' ? std::string("\\-") : std::string(1, c);
-            }
+            // "--update-time" is written "\-\-update\-time".
+            const std::string roff = std::regex_replace(option, std::regex("-"), "\\-");
             EXPECT_NE(std::string::npos, section.find(roff))
                 << command << " " << option << " is not in its entry of the manual page";
         }
