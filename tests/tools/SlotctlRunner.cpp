@@ -3,6 +3,8 @@
 
 #include "Eventually.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -21,48 +23,6 @@ namespace slotctltest {
 
 namespace {
 
-pid_t Spawn(const std::vector<std::string>& args, uid_t uid, int& in, int& out, int& err,
-            const std::string& stdoutPath, const std::string& stderrPath,
-            const std::string& stdinPath) {
-    int pin[2], pout[2], perr[2];
-    if (::pipe2(pin, O_CLOEXEC) != 0 || ::pipe2(pout, O_CLOEXEC) != 0 ||
-        ::pipe2(perr, O_CLOEXEC) != 0) {
-        std::abort();
-    }
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(SLOTCTL_PATH));
-    for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    }
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        std::abort();
-    }
-    if (pid == 0) {
-        // A path given: that file (without becoming its controlling terminal), else the pipe.
-        auto use = [](const std::string& path, int flags, int pipeEnd, int fd) {
-            const int file = path.empty() ? -1 : ::open(path.c_str(), flags | O_NOCTTY);
-            ::dup2(file >= 0 ? file : pipeEnd, fd);
-        };
-        use(stdinPath, O_RDONLY, pin[0], STDIN_FILENO);
-        use(stdoutPath, O_WRONLY, pout[1], STDOUT_FILENO);
-        use(stderrPath, O_WRONLY, perr[1], STDERR_FILENO);
-        if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) {
-            ::_exit(126);
-        }
-        ::execv(SLOTCTL_PATH, argv.data());
-        ::_exit(127);
-    }
-    ::close(pin[0]);
-    ::close(pout[1]);
-    ::close(perr[1]);
-    in = pin[1];
-    out = pout[0];
-    err = perr[0];
-    return pid;
-}
-
 // Reads what is there from `fd` into `text`; closes it at end of file.
 void Drain(int& fd, std::string& text) {
     char chunk[4096];
@@ -72,16 +32,6 @@ void Drain(int& fd, std::string& text) {
     } else if (n == 0 || errno != EINTR) {
         ::close(fd);
         fd = -1;
-    }
-}
-
-void Reap(pid_t pid, int options, Outcome& run, bool& reaped) {
-    int status = 0;
-    if (::waitpid(pid, &status, options) == pid) {
-        reaped = true;
-        run.exited = WIFEXITED(status);
-        run.status = run.exited ? WEXITSTATUS(status) : -1;
-        run.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     }
 }
 
@@ -150,16 +100,56 @@ Outcome Slotctl(const std::vector<std::string>& args, const Options& options) {
     return child.Finish(options.timeout);
 }
 
+Outcome SlotctlEnding(int status, const std::vector<std::string>& args, const Options& options) {
+    const Outcome run = Slotctl(args, options);
+    std::string command = "slotctl";
+    for (const std::string& arg : args) {
+        command += " " + arg;
+    }
+    EXPECT_EQ(status, run.status) << command << "\n" << run.Describe();
+    return run;
+}
+
 Background::Background(const std::vector<std::string>& args, uid_t uid,
                        const std::string& stdoutPath, const std::string& stderrPath,
                        const std::string& stdinPath) {
     // A child that ends before reading its input must not kill us with SIGPIPE.
     std::signal(SIGPIPE, SIG_IGN);
-    pid_ = Spawn(args, uid, in_, out_, err_, stdoutPath, stderrPath, stdinPath);
+    int pin[2], pout[2], perr[2];
+    if (::pipe2(pin, O_CLOEXEC) != 0 || ::pipe2(pout, O_CLOEXEC) != 0 ||
+        ::pipe2(perr, O_CLOEXEC) != 0) {
+        std::abort();
+    }
+    std::vector<char*> argv = {const_cast<char*>(SLOTCTL_PATH)};
+    for (const std::string& arg : args) {
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    }
+    argv.push_back(nullptr);
+    child_.reset(new testsupport::ChildProcess([&] {
+        // A path given: that file (without becoming its controlling terminal), else the pipe.
+        auto use = [](const std::string& path, int flags, int pipeEnd, int fd) {
+            const int file = path.empty() ? -1 : ::open(path.c_str(), flags | O_NOCTTY);
+            ::dup2(file >= 0 ? file : pipeEnd, fd);
+        };
+        use(stdinPath, O_RDONLY, pin[0], STDIN_FILENO);
+        use(stdoutPath, O_WRONLY, pout[1], STDOUT_FILENO);
+        use(stderrPath, O_WRONLY, perr[1], STDERR_FILENO);
+        if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) {
+            return 126;
+        }
+        ::execv(SLOTCTL_PATH, argv.data());
+        return 127;
+    }));
+    ::close(pin[0]);
+    ::close(pout[1]);
+    ::close(perr[1]);
+    in_ = pin[1];
+    out_ = pout[0];
+    err_ = perr[0];
 }
 
 bool Background::BlockedIn(const std::vector<long>& calls) const {
-    const std::string proc = "/proc/" + std::to_string(pid_);
+    const std::string proc = "/proc/" + std::to_string(Pid());
     std::ifstream syscall(proc + "/syscall"), stat(proc + "/stat");
     long call = -1;
     std::string line;
@@ -193,10 +183,6 @@ void Background::Write(const std::string& input) {
 }
 
 Background::~Background() {
-    if (!reaped_) {
-        ::kill(pid_, SIGKILL);
-        Reap(pid_, 0, run_, reaped_);
-    }
     for (int fd : {in_, out_, err_}) {
         if (fd >= 0) {
             ::close(fd);
@@ -249,9 +235,7 @@ bool Background::WaitForOut(const std::string& text, std::chrono::milliseconds t
 }
 
 void Background::Signal(int signal) {
-    if (!reaped_) {
-        ::kill(pid_, signal);
-    }
+    child_->Kill(signal);
 }
 
 Outcome Background::Finish(std::chrono::milliseconds timeout) {
@@ -263,19 +247,20 @@ Outcome Background::Finish(std::chrono::milliseconds timeout) {
     while (Pump(deadline)) {
     }
     // Its output has ended, or goes elsewhere than to us: it has until the deadline to end.
-    while (!reaped_) {
-        Reap(pid_, WNOHANG, run_, reaped_);
-        if (reaped_ || std::chrono::steady_clock::now() >= deadline) {
-            break;
-        }
-        ::poll(nullptr, 0, 10);
-    }
-    if (!reaped_) {
-        run_.timedOut = true;
-        ::kill(pid_, SIGKILL);
-        Reap(pid_, 0, run_, reaped_);
-    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    const testsupport::ChildResult result = child_->Wait(std::max(left, left.zero()));
+    run_.exited = result.exited;
+    run_.status = result.exited ? result.exitCode : -1;
+    run_.signal = result.signal;
+    run_.timedOut = result.timedOut;
     return run_;
+}
+
+Outcome Background::FinishEnding(int status, std::chrono::milliseconds timeout) {
+    const Outcome run = Finish(timeout);
+    EXPECT_EQ(status, run.status) << run.Describe();
+    return run;
 }
 
 ShellRun InShell(const std::string& script, int seconds) {

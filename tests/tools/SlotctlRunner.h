@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "ChildProcess.h"
 #include "ShmHygiene.h"
 
 #include <sys/types.h>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,6 +49,10 @@ struct Options {
 // passed on) and waits for it; the watchdog kills it at the time-out.
 Outcome Slotctl(const std::vector<std::string>& args, const Options& options = Options());
 
+// As Slotctl, and expects it to end with exit status `status` (described when it does not).
+Outcome SlotctlEnding(int status, const std::vector<std::string>& args,
+                      const Options& options = Options());
+
 // Runs `script` with bash, slotctl's path as $0 (for pipes and redirections the runner has not),
 // killed after `seconds`; what it printed on standard output, and its exit status. The script
 // holds no single quote.
@@ -68,7 +74,7 @@ public:
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
 
-    pid_t Pid() const { return pid_; }
+    pid_t Pid() const { return child_->Pid(); }
     // Writes to its standard input (small amounts: nothing reads it meanwhile).
     void Write(const std::string& input);
     // Reads its output until stderr (or stdout) holds `text`; false at the time-out or when
@@ -81,6 +87,8 @@ public:
     // Closes its standard input, collects the rest of its output and waits for it; kills it at
     // the time-out.
     Outcome Finish(std::chrono::milliseconds timeout = std::chrono::seconds(60));
+    // As Finish, and expects it to end with exit status `status` (described when it does not).
+    Outcome FinishEnding(int status, std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
     // Whether its main thread is now blocked (sleeping) in one of the system calls `calls`
     // (SYS_... numbers), as /proc/<pid>/syscall and stat tell.
@@ -94,12 +102,11 @@ private:
     bool WaitFor(const std::string& text, const std::string& which,
                  std::chrono::milliseconds timeout);
 
-    pid_t pid_ = -1;
+    std::unique_ptr<testsupport::ChildProcess> child_;
     int in_ = -1;
     int out_ = -1;
     int err_ = -1;
     Outcome run_;
-    bool reaped_ = false;
 };
 
 // A pseudo-terminal of 80x24 that slotctl can be given as its terminal (SlavePath) while the

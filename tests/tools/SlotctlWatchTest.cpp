@@ -38,6 +38,7 @@ using slotctltest::Lines;
 using slotctltest::Options;
 using slotctltest::Outcome;
 using slotctltest::Slotctl;
+using slotctltest::SlotctlEnding;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -71,8 +72,7 @@ TEST(SlotctlWatch, HzAndBwCountEveryWriteWhileTheReliableReaderGetsEveryBlock) {
     const Outcome writer = Slotctl(
         {"write", name.str(), "--count", std::to_string(blocks), "--every", "2", "0123456789"});
     ASSERT_EQ(0, writer.status) << writer.Describe();
-    const Outcome read = reader.Finish();
-    EXPECT_EQ(0, read.status) << read.Describe();
+    const Outcome read = reader.FinishEnding(0);
     // Watching took nothing: the one reader got every block.
     EXPECT_EQ(static_cast<size_t>(blocks + 1), Lines(read.out).size()) << read.Describe();
 
@@ -96,8 +96,8 @@ TEST(SlotctlWatch, HzAndBwCountEveryWriteWhileTheReliableReaderGetsEveryBlock) {
 TEST(SlotctlWatch, HzAndBwEndAtTheTimeOutAndWhenTheirOutputFails) {
     ScopedSlotName name("hzout");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
-    const Outcome quiet = Slotctl({"hz", name.str(), "--window", "0.1", "--timeout", "300"});
-    EXPECT_EQ(0, quiet.status) << quiet.Describe();
+    const Outcome quiet =
+        SlotctlEnding(0, {"hz", name.str(), "--window", "0.1", "--timeout", "300"});
     EXPECT_EQ(0, WritesCounted(quiet)) << quiet.Describe();
     EXPECT_GE(Lines(quiet.out).size(), 2u) << quiet.Describe();
     const std::string err = testsupport::TestRunDir() + "/" + name.str() + ".err";
@@ -135,8 +135,7 @@ TEST(SlotctlWatch, PeekShowsTheLastBlockTakenAndChangesNothing) {
     ASSERT_TRUE(WaitForWaiting(name, 1));
     const SlotReport before = SlotSurvey::InspectSlot(name);
 
-    const Outcome raw = Slotctl({"peek", name.str(), "--format", "raw"});
-    EXPECT_EQ(0, raw.status) << raw.Describe();
+    const Outcome raw = SlotctlEnding(0, {"peek", name.str(), "--format", "raw"});
     EXPECT_EQ(block, raw.out);
     const Outcome hex = Slotctl({"peek", name.str(), "--format", "hex"});
     EXPECT_THAT(hex.out, HasSubstr("61 09 62 01 ff"));
@@ -165,12 +164,10 @@ TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForce
     const Outcome ls = Slotctl({"ls"});
     EXPECT_THAT(slotctltest::LineStartingWith(ls.out, name.str() + " "), HasSubstr("pid " + pid));
     // A second reader is refused, and told who holds the slot.
-    const Outcome second = Slotctl({"read", name.str(), "--timeout", "1000"});
-    EXPECT_EQ(1, second.status) << second.Describe();
+    const Outcome second = SlotctlEnding(1, {"read", name.str(), "--timeout", "1000"});
     EXPECT_THAT(second.err, HasSubstr("(its reader is pid " + pid + ")"));
 
-    const Outcome info = Slotctl({"info", name.str()});
-    EXPECT_EQ(0, info.status) << info.Describe();
+    const Outcome info = SlotctlEnding(0, {"info", name.str()});
     EXPECT_TRUE(std::regex_search(info.out, std::regex("\n +" + pid +
                                                        "  .*header, queue, reader lock  .*"
                                                        "slotctl read " +
@@ -188,8 +185,7 @@ TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForce
     EXPECT_EQ(reader.Pid(), json["attached"][0]["pid"].get<int>());
     EXPECT_TRUE(json["attached"][0]["reader"].get<bool>());
 
-    const Outcome refused = Slotctl({"rm", name.str()});
-    EXPECT_EQ(1, refused.status) << refused.Describe();
+    const Outcome refused = SlotctlEnding(1, {"rm", name.str()});
     EXPECT_THAT(refused.err,
                 AllOf(HasSubstr("is in use by 1 process: pid " + pid), HasSubstr("--force")));
     // The command line is shown up to 80 characters, and "..." says it was cut.
@@ -200,8 +196,7 @@ TEST(SlotctlAttached, LsInfoAndASecondReaderNameTheReaderAndRmRefusesUnlessForce
     EXPECT_THAT(refused.err, HasSubstr("pid " + pid + " (" + command.substr(0, 80) + "...: "));
     EXPECT_TRUE(Exists("/dev/shm/" + name.str()));
 
-    const Outcome forced = Slotctl({"rm", "--force", name.str()});
-    EXPECT_EQ(0, forced.status) << forced.Describe();
+    const Outcome forced = SlotctlEnding(0, {"rm", "--force", name.str()});
     EXPECT_THAT(forced.err, HasSubstr("warning: removing"));
     // The live reader keeps its lock file.
     EXPECT_THAT(forced.err, HasSubstr("kept lock file"));
@@ -230,8 +225,7 @@ TEST(SlotctlAttached, RmIsNotRefusedByAProcessThatOnlyGlancesAtTheSlot) {
         return 0;
     });
     ASSERT_TRUE(ready.WaitFor()) << glance.Wait().Describe();
-    const Outcome rm = Slotctl({"rm", name.str()});
-    EXPECT_EQ(0, rm.status) << rm.Describe();
+    SlotctlEnding(0, {"rm", name.str()});
     EXPECT_FALSE(Exists("/dev/shm/" + name.str()));
     glance.Kill();
 }
@@ -274,8 +268,7 @@ TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
             SlotFactory::RemoveSlot(name);  // the shared memory alone
         }
         ASSERT_TRUE(Exists(lockFile)) << "the reader left no lock file: nothing to test";
-        const Outcome run = Slotctl(rm.first);
-        EXPECT_EQ(0, run.status) << run.Describe();
+        const Outcome run = SlotctlEnding(0, rm.first);
         EXPECT_THAT(run.out, HasSubstr(rm.second ? alone : "lock file " + lockFile));
         EXPECT_FALSE(Exists(lockFile)) << run.Describe();
     }
@@ -283,8 +276,7 @@ TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
     const std::string victim = testsupport::TestRunDir() + "/" + name.str() + ".victim";
     std::ofstream(victim) << "keep";
     ASSERT_EQ(0, ::symlink(victim.c_str(), lockFile.c_str()));
-    const Outcome planted = Slotctl({"rm", name.str()});
-    EXPECT_EQ(1, planted.status) << planted.Describe();
+    const Outcome planted = SlotctlEnding(1, {"rm", name.str()});
     EXPECT_THAT(planted.err, HasSubstr("not a plain file"));
     EXPECT_TRUE(Exists(victim));
 }
@@ -294,14 +286,13 @@ TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
 TEST(SlotctlTimeout, ReadAndWriteThatGiveUpWaitingEndWithStatus124) {
     ScopedSlotName name("idle");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "first"}).status);
-    const Outcome follow = Slotctl({"read", name.str(), "--follow", "--timeout", "300"});
-    EXPECT_EQ(124, follow.status) << follow.Describe();
+    const Outcome follow = SlotctlEnding(124, {"read", name.str(), "--follow", "--timeout", "300"});
     EXPECT_EQ("5 bytes: first\n", follow.out) << "the block before the timeout is printed";
     EXPECT_THAT(follow.err,
                 HasSubstr("slotctl: no block from '" + name.str() + "' within 300 ms (1 read)"));
 
-    const Outcome count = Slotctl({"read", name.str(), "--count", "2", "--timeout", "300"});
-    EXPECT_EQ(124, count.status) << count.Describe();
+    const Outcome count =
+        SlotctlEnding(124, {"read", name.str(), "--count", "2", "--timeout", "300"});
     EXPECT_THAT(count.err, HasSubstr("within 300 ms (0 of 2 read)"));
 
     // A read that got what it asked for is a success, with or without --timeout.
@@ -325,8 +316,7 @@ TEST(SlotctlTimeout, ReadAndWriteThatGiveUpWaitingEndWithStatus124) {
 // ---- framed and NDJSON I/O ----
 
 TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctlsAndAsNdjson) {
-    ScopedSlotName from("framesa");
-    ScopedSlotName to("framesb");
+    ScopedSlotName from("framesa"), to("framesb");
     std::string big;
     for (int i = 0; i < 3000; ++i) {
         big += static_cast<char>(i * 7);
@@ -346,11 +336,11 @@ TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctlsAndAsNdj
                              60);
     ASSERT_EQ("0\n", piped.out);
 
-    const Outcome out = Slotctl({"read", to.str(), "--count", std::to_string(blocks.size()),
-                                 "--format", "frames", "--timeout", "10000"});
-    EXPECT_EQ(0, out.status) << out.Describe();
-    EXPECT_EQ(frames.size(), out.out.size());
-    EXPECT_TRUE(frames == out.out) << "the blocks changed on the way";
+    const Outcome out =
+        SlotctlEnding(0, {"read", to.str(), "--count", std::to_string(blocks.size()), "--format",
+                          "frames", "--timeout", "10000"});
+    EXPECT_TRUE(frames == out.out)
+        << "the blocks changed on the way: " << out.out.size() << " bytes of " << frames.size();
 
     // NDJSON: a line per block with its time, size and bytes in base64.
     ASSERT_EQ(0, Slotctl({"write", from.str(), "--frames"},
@@ -378,22 +368,19 @@ TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctlsAndAsNdj
 
 TEST(SlotctlFrames, TruncatedOrOversizedInputIsAClearError) {
     ScopedSlotName name("truncated");
-    const Outcome cut = Slotctl({"write", name.str(), "--type", "reliable", "--frames"},
-                                Options{Frames({"whole"}) + std::string("\x09\0\0\0ab", 6)});
-    EXPECT_EQ(1, cut.status) << cut.Describe();
+    const Outcome cut = SlotctlEnding(1, {"write", name.str(), "--type", "reliable", "--frames"},
+                                      Options{Frames({"whole"}) + std::string("\x09\0\0\0ab", 6)});
     EXPECT_THAT(cut.err, AllOf(HasSubstr("1 block to"),
                                HasSubstr("standard input ends inside a frame (6 bytes")));
     EXPECT_EQ(1u, SlotSurvey::InspectSlot(name).queue.waiting);
 
     const Outcome header =
-        Slotctl({"write", name.str(), "--frames"}, Options{std::string("\x01\0", 2)});
-    EXPECT_EQ(1, header.status) << header.Describe();
+        SlotctlEnding(1, {"write", name.str(), "--frames"}, Options{std::string("\x01\0", 2)});
     EXPECT_THAT(header.err, HasSubstr("ends inside a frame"));
 
     // A length beyond the slot's block size is refused before its bytes are awaited.
-    const Outcome huge =
-        Slotctl({"write", name.str(), "--frames"}, Options{std::string("\xff\xff\xff\x7f", 4)});
-    EXPECT_EQ(1, huge.status) << huge.Describe();
+    const Outcome huge = SlotctlEnding(1, {"write", name.str(), "--frames"},
+                                       Options{std::string("\xff\xff\xff\x7f", 4)});
     EXPECT_THAT(huge.err, HasSubstr("larger than the slot's maximum block size"));
 }
 
@@ -419,10 +406,8 @@ std::vector<std::string> Completions(const std::vector<std::string>& words) {
 TEST(SlotctlDocs, HelpManualPageAndCompletionKnowEveryCommand) {
     const std::string man = testsupport::ReadFile(SLOTCTL_SOURCE_DIR "/slotctl.1");
     ASSERT_FALSE(man.empty());
-    const Outcome help = Slotctl({"--help"});
-    EXPECT_EQ(0, help.status) << help.Describe();
-    const Outcome version = Slotctl({"--version"});
-    EXPECT_EQ(0, version.status) << version.Describe();
+    const Outcome help = SlotctlEnding(0, {"--help"});
+    const Outcome version = SlotctlEnding(0, {"--version"});
     EXPECT_EQ(std::string("slotctl ") + SLOT_VERSION_STRING + "\n", version.out);
     std::string commands = help.out.substr(help.out.find("commands:"));
     commands = commands.substr(0, commands.find("options"));
@@ -446,8 +431,7 @@ TEST(SlotctlDocs, HelpManualPageAndCompletionKnowEveryCommand) {
                                         : rest;
         const std::string usage = Slotctl({"help", command}).out;
         if (command != "help") {  // `COMMAND --help` is `help COMMAND`
-            const Outcome asked = Slotctl({command, "--help"});
-            EXPECT_EQ(0, asked.status) << asked.Describe();
+            const Outcome asked = SlotctlEnding(0, {command, "--help"});
             EXPECT_EQ(usage, asked.out);
             // bw shares hz's usage, as its second line.
             const std::string start = command == "bw" ? "usage: slotctl hz NAME [--window SECS] "
@@ -462,10 +446,8 @@ TEST(SlotctlDocs, HelpManualPageAndCompletionKnowEveryCommand) {
             if (option == "--pool" || option == "--slot") {
                 continue;
             }
-            std::string roff;  // "--update-time" is written "\-\-update\-time"
-            for (const char c : option) {
-                roff += c == '-' ? std::string("\\-") : std::string(1, c);
-            }
+            // "--update-time" is written "\-\-update\-time".
+            const std::string roff = std::regex_replace(option, std::regex("-"), "\\-");
             EXPECT_NE(std::string::npos, section.find(roff))
                 << command << " " << option << " is not in its entry of the manual page";
         }
