@@ -768,7 +768,7 @@ TEST(SlotctlOutput, ATerminalThatStopsReadingStillEndsAtAStopSignal) {
 
 // A standard error that takes nothing holds neither slotctl's own messages nor the library's
 // log lines past a stop signal: a usage error ends with its status, and rm, which goes on after
-// a stop, removes the slot (the lines it could not print are dropped).
+// a stop, removes the slot (the lines it could not print are dropped) and ends with 130.
 TEST(SlotctlOutput, AStandardErrorThatTakesNothingHoldsNoMessagePastAStopSignal) {
     ScopedSlotName name("errstall");
     ASSERT_EQ(0, Slotctl({"write", name.str(), "x"}).status);
@@ -782,7 +782,7 @@ TEST(SlotctlOutput, AStandardErrorThatTakesNothingHoldsNoMessagePastAStopSignal)
         run->Signal(SIGTERM);
     }
     usage.FinishEnding(2, std::chrono::seconds(30));
-    const Outcome removed = remove.FinishEnding(0, std::chrono::seconds(30));
+    const Outcome removed = remove.FinishEnding(130, std::chrono::seconds(30));
     EXPECT_THAT(removed.out, HasSubstr("removed '" + name.str() + "'"));
     EXPECT_FALSE(ShmExists(name.str()));
 }

@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "Names.h"
 #include "PoolTarget.h"
+#include "Signals.h"
 
 #include <FileUtils/NamedPipeCreator.h>
 #include <Slot/PoolFactory.h>
@@ -342,6 +343,10 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
         }
     }
     std::cout << std::flush;
+    // A stop does not cut the removals short, but the status tells that one came.
+    if (StopSignals::Received()) {
+        return ExitInterrupted;
+    }
     return ok ? ExitOk : ExitFailure;
 }
 
