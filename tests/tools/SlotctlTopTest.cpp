@@ -314,15 +314,18 @@ TEST(SlotctlTopScreen, AStopSignalEndsItAlsoWhileTheTerminalTakesNoOutput) {
     EXPECT_EQ(before.c_lflag & (ICANON | ECHO), after.c_lflag & (ICANON | ECHO));
 }
 
-TEST(SlotctlTopScreen, CtrlCEndsItWithTheTerminalRestored) {
+// Ctrl-\ (SIGQUIT) ends the view as Ctrl-C does (it once left the terminal in curses' modes).
+TEST(SlotctlTopScreen, CtrlCAndCtrlBackslashEndItWithTheTerminalRestored) {
     SKIP_WITHOUT_SCREEN();
-    Tmux tmux;
-    tmux.Start(TopCommand(), 80, 24);
-    std::string pane;
-    ASSERT_TRUE(tmux.WaitFor("WRITE/S", &pane)) << pane;
-    tmux.Run({"send-keys", "-t", "top", "C-c"});
-    ASSERT_TRUE(tmux.WaitFor("(modes)", &pane, true)) << pane;
-    EXPECT_THAT(pane, HasSubstr("top ended: 130\nicanon echo (modes)"));
+    for (const char* key : {"C-c", "C-\\"}) {
+        Tmux tmux;
+        tmux.Start(TopCommand(), 80, 24);
+        std::string pane;
+        ASSERT_TRUE(tmux.WaitFor("WRITE/S", &pane)) << pane;
+        tmux.Run({"send-keys", "-t", "top", key});
+        ASSERT_TRUE(tmux.WaitFor("(modes)", &pane, true)) << key << "\n" << pane;
+        EXPECT_THAT(pane, HasSubstr("top ended: 130\nicanon echo (modes)")) << key;
+    }
 }
 
 }  // namespace

@@ -239,7 +239,7 @@ the age of the last publish. A pool is surveyed as ls does: without attaching to
 keys: q quits; s sorts by the next column (NAME, WRITE/S, MB/S, WAITING, LAST: largest or
 most recent first); / filters by name (type a part of the name as shown, Enter applies, Esc
 cancels, an empty filter shows all); p pauses and resumes. The view fits 80x24 and follows the
-terminal's size. Ctrl-C ends it too (status 130), with the terminal restored.
+terminal's size. Ctrl-C (or Ctrl-\) ends it too (status 130), with the terminal restored.
 
   --interval SECS   time between looks, 0.1 to 3600 (default 1)
   --once            one table after one interval (the rates need two looks), then exit; also

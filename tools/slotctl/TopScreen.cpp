@@ -10,6 +10,7 @@
 #include <curses.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <term.h>
 #include <termios.h>
 #include <unistd.h>
@@ -62,12 +63,27 @@ public:
                 leave_ += text;
             }
         }
+        // Ctrl-\ (SIGQUIT, which cbreak() leaves on) would end the process with the terminal
+        // in curses' modes: while the view is up it is a stop as Ctrl-C is, handed on as SIGTERM
+        // to the stop descriptor.
+        struct sigaction quit {};
+        quit.sa_handler = [](int) {
+            const int saved = errno;
+            ::kill(::getpid(), SIGTERM);
+            errno = saved;
+        };
+        sigemptyset(&quit.sa_mask);
+        quit.sa_flags = SA_RESTART;
+        quitSet_ = ::sigaction(SIGQUIT, &quit, &quitBefore_) == 0;
         if (::pipe2(left_, O_CLOEXEC) == 0) {
             watchdog_ = std::thread([this, modesKnown] { Watch(modesKnown); });
         }
     }
     ~Terminal() {
         endwin();
+        if (quitSet_) {
+            ::sigaction(SIGQUIT, &quitBefore_, nullptr);
+        }
         delscreen(screen_);
         if (watchdog_.joinable()) {
             ::close(left_[1]);  // the view left on its own
@@ -107,6 +123,8 @@ private:
     termios modes_{};         // the terminal's modes before curses changed them
     std::string leave_;       // what endwin sends to leave the screen
     int left_[2] = {-1, -1};  // closed once the view left on its own
+    struct sigaction quitBefore_ {};
+    bool quitSet_ = false;
     std::thread watchdog_;
 };
 
