@@ -9,6 +9,7 @@
 
 #include <Slot/BoostInterprocess/BaseQueueSlot.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotNames.h>
 #include <Slot/SlotSurvey.h>
 
 #include <FileUtils/FSUtils.h>
@@ -290,6 +291,38 @@ TEST(SlotctlStates, ShownAndRemovedAsStaleOnlyWhenBroken) {
 
     liveHolder.Release();
     EXPECT_TRUE(liveHolder.Child().Wait().Ok());
+}
+
+// rm --stale waits for a slot's users to leave; a slot repaired meanwhile (a writer took over the
+// dead holder's lock and stored a block) is no longer stale and is left with its block. (When
+// the machine is too slow for the user to leave in time, rm gives up on it: also left.)
+TEST(SlotctlStates, ASlotRepairedWhileRmWaitsForItsUsersIsLeft) {
+    ScopedSlotName name("repaired");
+    HeaderHolder holder(name);
+    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+    holder.Child().Kill(SIGKILL);
+    holder.Child().Wait();
+    testsupport::PipeSignal opened, leave;
+    ChildProcess user([&] {
+        const int fd = ::open(Slot::ShmPath(name).c_str(), O_RDWR | O_CLOEXEC);
+        opened.Post();
+        leave.WaitFor(std::chrono::seconds(60));
+        return fd >= 0 ? 0 : 1;
+    });
+    ASSERT_TRUE(opened.WaitFor());
+    Background rm({"rm", "--stale", "--min-age", "0", name.str()});
+    EXPECT_TRUE(testsupport::Eventually(
+        [&] {
+            return rm.BlockedIn({SYS_clock_nanosleep, SYS_nanosleep});
+        },
+        std::chrono::seconds(30)));
+    SlotctlEnding(0, {"write", name.str(), "kept"});
+    leave.Post();
+    EXPECT_TRUE(user.Wait().Ok());
+    const Outcome removal = rm.Finish();
+    EXPECT_THAT(removal.out, Not(HasSubstr("removed"))) << removal.Describe();
+    const Outcome read = SlotctlEnding(0, {"read", name.str(), "--timeout", "10000"});
+    EXPECT_THAT(read.out, HasSubstr("kept"));
 }
 
 // No byte that a terminal acts on: C0 controls other than the line ends, DEL, and the bytes

@@ -143,10 +143,10 @@ bool RemoveOrphanOnly(const std::string& name) {
 }
 
 // Removes the name's objects; prints one line; false on failure.
-bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge, bool force) {
-    const std::string& name = report.name;
-    const bool header = report.header.state != SlotPartState::Absent;
-    const bool queue = report.queue.state != SlotPartState::Absent;
+bool RemoveOne(SlotReport report, bool staleOnly, double minAge, bool force) {
+    const std::string name = report.name;
+    bool header = report.header.state != SlotPartState::Absent;
+    bool queue = report.queue.state != SlotPartState::Absent;
     if (report.state == SlotState::Absent && HasOrphanLockFile(name)) {
         return RemoveOrphanOnly(name);
     }
@@ -184,6 +184,18 @@ bool RemoveOne(const SlotReport& report, bool staleOnly, double minAge, bool for
     }
     // Removing a slot under running processes leaves them on objects nobody else can reach.
     const std::vector<std::string> users = Users(report);
+    if (staleOnly) {
+        // Finding the users took a while, in which a writer may have made the slot whole or
+        // repaired its lock and stored blocks: what is removed is what is stale now.
+        report = SlotSurvey::InspectSlot(name);
+        if (!IsStale(report)) {
+            std::cout << "left " << Quote(name)
+                      << " (no longer stale: " << SlotStateText(report.state) << ")\n";
+            return true;
+        }
+        header = report.header.state != SlotPartState::Absent;
+        queue = report.queue.state != SlotPartState::Absent;
+    }
     if (!users.empty()) {
         if (!force) {
             std::cerr << "slotctl: " << Quote(name) << " is in use by " << users.size()
