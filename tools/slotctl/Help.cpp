@@ -175,7 +175,8 @@ are never removed. Processes still using a slot keep their mappings; new ones ma
                    reader lock files whose slot is gone; the named ones, or, without names,
                    every one on the machine; FIFOs are kept
   --min-age SECS   with --stale, leave slots younger than this (default 5): a slot being
-                   created is briefly half or unfinished
+                   created is briefly half or unfinished; one no longer stale when it is
+                   about to go (a writer repaired it) is left too
   --force          remove a slot even though processes are attached to it
 A slot that other processes are attached to (see info) is not removed, with a warning naming
 them, unless --force is given. The reliable reader's lock file left behind by a reader that
