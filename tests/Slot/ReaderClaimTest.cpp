@@ -110,7 +110,7 @@ TEST(ReaderClaim, AForkedChildNeverWaitsForTheClaimsOfOtherThreads) {
     const testsupport::ForkRounds rounds = testsupport::ForkWhileAnotherThreadRuns(
         [&] { ReliableSlotReader reader(busy, Update); }, claim, 1000);
     EXPECT_EQ(0, rounds.hung) << "a child found the claims locked for good";
-    EXPECT_EQ(1000, rounds.ok) << "a child's reader failed";
+    EXPECT_EQ(1000, rounds.ok) << "a child's reader failed: " << rounds.firstFailure;
 }
 
 // Both factory operations are refused with the same text while a reader of either flavour

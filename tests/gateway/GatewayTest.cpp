@@ -716,6 +716,32 @@ TEST(Gateway, DiscardingStatesCrossEmptyOnesToo) {
     EXPECT_EQ(Counts(sending).dropped + Counts(receiving).dropped, 0u);
 }
 
+// A latest pool's newest block reaches the other side's pool (also where the two-host test
+// cannot run: it needs root and network namespaces).
+TEST(Gateway, LatestPoolCarriesTheLatestBlock) {
+    const Ends ends("gw_latest", "latest", 512, 4, 4);
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    ASSERT_TRUE(Eventually([&] { return Sending(sending); }, 20s));
+    INotifierPtr reader = ends.Read();
+    ISubscriberPtr writer = ends.Writer();
+    const std::string last = "state 20";
+    for (unsigned n = 1; n <= 20; ++n) {
+        const std::string state = "state " + std::to_string(n);
+        writer->onNotify(ends.source, state.data(), state.size());
+    }
+    ASSERT_TRUE(Eventually(
+        [&] {
+            const std::vector<Bytes> blocks = BlocksOf(*ends.received);
+            return !blocks.empty() && blocks.back() == Bytes(last.begin(), last.end());
+        },
+        20s))
+        << sending.StatusJson() << receiving.StatusJson();
+    EXPECT_EQ(Counts(sending).dropped + Counts(receiving).dropped, 0u);
+}
+
+// A queue pool is not read while no receiver is matched: a gateway that stops without one leaves
+
 // A queue pool is not read while no receiver is matched: a gateway that stops without one leaves
 // the pool whole, and blocks written while the receiver is gone reach the next one in order.
 TEST(Gateway, QueuePoolKeepsItsBlocksWhileNoReceiverIsMatched) {

@@ -156,6 +156,9 @@ ForkRounds ForkWhileAnotherThreadRuns(const std::function<void()>& churn,
         result.hung += child.timedOut ? 1 : 0;
         result.wrong += child.exited && child.exitCode == 2 ? 1 : 0;
         result.ok += child.Ok() ? 1 : 0;
+        if (!child.Ok() && result.firstFailure.empty()) {
+            result.firstFailure = child.Describe();
+        }
     }
     stop = true;
     other.join();

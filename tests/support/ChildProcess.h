@@ -57,7 +57,8 @@ ChildResult RunInChild(const std::function<int()>& body,
 struct ForkRounds {
     int hung = 0;
     int wrong = 0;
-    int ok = 0;  // ended with status 0
+    int ok = 0;                // ended with status 0
+    std::string firstFailure;  // how the first child that did not end with 0 ended
 };
 // Runs `churn` in a loop on a thread of its own while up to `rounds` children run `body` one after
 // the other (each under a 10 s watchdog); stops at the first hung child.

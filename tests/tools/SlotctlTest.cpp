@@ -412,7 +412,8 @@ TEST(SlotctlNames, TableColumnsCountCharacters) {
 }
 
 // read and write on a slot whose header mutex a killed process held: the library repairs the lock
-// (its own test), so each of them works, and the blocks accepted before the death are read back.
+// (its own test), so each of them works, the slot is healthy again, and the blocks accepted
+// before the death are read back.
 TEST(SlotctlHeal, ReadAndWriteUseASlotWhoseHolderWasKilled) {
     for (const bool writeFirst : {false, true}) {
         ScopedSlotName name("heal");
@@ -434,6 +435,7 @@ TEST(SlotctlHeal, ReadAndWriteUseASlotWhoseHolderWasKilled) {
             0, {"read", name.str(), "--count", writeFirst ? "3" : "2", "--timeout", "20000"},
             Options{"", std::chrono::seconds(30)});
         EXPECT_EQ(expected, read.out);
+        EXPECT_EQ(SlotState::Healthy, SlotSurvey::InspectSlot(name).state);
     }
 }
 
