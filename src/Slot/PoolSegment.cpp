@@ -726,8 +726,10 @@ unsigned PoolSegment::Attach(int& lockFd) {
 
 void PoolSegment::Detach(unsigned index, int& lockFd) {
     std::uint64_t expected = Word(::getpid());
-    // A child forked with the attachment leaves the parent's entry alone.
-    if (attachments_[index].word.load() == expected) {
+    // A child forked with the attachment leaves the parent's entry alone: its copy of the lock
+    // descriptor was closed at the fork (-1). The pid alone does not tell: the child may since
+    // have attached an object of its own and been given the same entry, freed by the parent.
+    if (lockFd >= 0 && attachments_[index].word.load() == expected) {
         attachments_[index].startTime.store(0);
         attachments_[index].pidNamespace.store(0);
         attachments_[index].pidNamespaceDevice.store(0);

@@ -292,7 +292,8 @@ public:
     // Detach. Throws AbortSlotCreationException when all are in use, PoolGoneException when
     // the file was removed or replaced since the segment was opened.
     unsigned Attach(int& lockFd);
-    // Frees the entry (the caller released every block it held or loaned) and closes `lockFd`.
+    // Frees the entry (the caller released every block it held or loaned) and closes `lockFd`;
+    // leaves the entry alone when `lockFd` was closed at a fork (the parent's entry).
     void Detach(unsigned index, int& lockFd);
 
     // Frees block `index` when nobody can read it any more: Published(s) and no longer the

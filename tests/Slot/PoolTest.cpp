@@ -1346,6 +1346,45 @@ TEST_F(PoolTest, AForkedChildsCopiesOfHoldsLoansAndReadersLeaveTheParentsAlone) 
     EXPECT_TRUE(HasReader(queue));  // the parent's claim: the child's would be a dead one
 }
 
+// A child forked with its parent's writers may later attach objects of its own, and get the
+// entries the parent has freed meanwhile. Dropping its inherited copies must leave those
+// entries alone: a queue pool keeps refusing a second reader while the child's lives, and the
+// child's loan returns once it is killed.
+TEST_F(PoolTest, AForkedChildsInheritedCopiesLeaveItsOwnEntriesAlone) {
+    ScopedPool queuePool, latestPool;
+    const auto queue = queuePool.Config("queue", 64, 2);
+    const auto latest = latestPool.Config("latest", 64, 2);
+    auto queueWriter = PoolFactory::CreatePoolWriter(queue);  // entry 0 of each
+    auto latestWriter = PoolFactory::CreatePoolWriter(latest);
+    testsupport::PipeSignal parentLeft, childReady;
+    testsupport::ChildProcess child([&]() -> int {
+        testsupport::DieWithParent();
+        if (!parentLeft.WaitFor()) {
+            return testsupport::Failed(2, "the parent kept its writers");
+        }
+        INotifierPtr reader = PoolFactory::CreatePoolReader(queue);  // entry 0 again
+        auto writer = PoolFactory::CreatePoolWriter(latest);
+        Slot::PoolLoan loan = writer->loan(8);
+        queueWriter.reset();
+        latestWriter.reset();
+        childReady.Post();
+        SleepUntilKilled();
+    });
+    queueWriter.reset();
+    latestWriter.reset();
+    parentLeft.Post();
+    ASSERT_TRUE(childReady.WaitFor());
+    EXPECT_EQ("Cannot create a second reader for queue pool '" + queuePool.str() +
+                  "': it has one (process " + std::to_string(child.Pid()) + ")",
+              ReaderError(queue));
+    child.Kill(SIGKILL);
+    child.Wait();
+    testsupport::LogCapture log("Slot.Pool");
+    EXPECT_EQ(1u, PoolFactory::Recover(latestPool.str()));
+    EXPECT_EQ(1u, log.Count("ERROR", DiedLine(latestPool.str(), child.Pid(), 1)));
+    EXPECT_EQ(0u, Slot::SurveyPool(latestPool.str()).loanedBlocks);
+}
+
 // Kills `victim`, tells `reaper` so and waits until the reaper, reaping it, has stopped at its
 // crash point.
 bool ReaperStopsOnceTheVictimIsKilled(testsupport::ChildProcess& victim,
