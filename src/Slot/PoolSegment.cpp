@@ -18,6 +18,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <limits>
@@ -138,7 +140,27 @@ struct Fd {
     Fd& operator=(const Fd&) = delete;
 };
 
-std::atomic<unsigned> temporaryCounter{0};
+// How many names a creator tries for its temporary: another user may have planted entries in
+// the shared folder under names it guessed, which this user cannot remove.
+constexpr int TemporaryNameAttempts = 16;
+
+std::atomic<std::uint64_t> temporaryCounter{0};
+
+// A temporary's name that other users cannot predict: the prefix, the creator's pid (for whoever
+// reads the folder) and 64 random bits.
+std::string TemporaryName() {
+    std::uint64_t bits = 0;
+    if (::getrandom(&bits, sizeof(bits), GRND_NONBLOCK) != static_cast<ssize_t>(sizeof(bits))) {
+        // No entropy yet (early boot): the clock and a count, hard to guess still; a name that is
+        // taken is replaced by another.
+        bits = static_cast<std::uint64_t>(
+                   std::chrono::steady_clock::now().time_since_epoch().count()) ^
+               (temporaryCounter.fetch_add(1) * 0x9e3779b97f4a7c15ull);
+    }
+    char random[17];
+    std::snprintf(random, sizeof(random), "%016llx", static_cast<unsigned long long>(bits));
+    return PoolTemporaryPrefix + std::to_string(::getpid()) + "-" + random;
+}
 
 // Removes temporaries left by creators that died before renaming their pool into place. A
 // creator holds a lock on its temporary (its pid may be another pid namespace's): one
@@ -177,8 +199,7 @@ void RemoveStaleTemporaries(int folderFd) {
 // another process's pool won the name meanwhile.
 bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& geometry) {
     RemoveStaleTemporaries(folderFd);
-    const std::string temporary = PoolTemporaryPrefix + std::to_string(::getpid()) + "-" +
-                                  std::to_string(temporaryCounter.fetch_add(1));
+    std::string temporary;
     // The creator's lock is held on a descriptor of its own, registered from its open (a child
     // forked meanwhile closes its copy), not on the one the file is mapped through: a mapping
     // keeps its description, and a lock on it, alive in every child forked with it, and a dead
@@ -195,7 +216,9 @@ bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& 
         }
     } lockFd;
     int error = 0;
-    {
+    // A name that is taken (planted, or a collision) is replaced by another.
+    for (int attempt = 0; attempt < TemporaryNameAttempts && lockFd.fd < 0; ++attempt) {
+        temporary = TemporaryName();
         AttachmentFdsLock registry;
         attachmentFds->reserve(attachmentFds->size() + 1);
         lockFd.fd = ::openat(folderFd, temporary.c_str(),
@@ -203,10 +226,9 @@ bool CreatePoolFile(int folderFd, const PoolConfig& config, const PoolGeometry& 
         error = errno;
         if (lockFd.fd >= 0) {
             attachmentFds->push_back(&lockFd.fd);
+        } else if (error != EEXIST) {
+            break;
         }
-    }
-    if (lockFd.fd < 0 && error == EEXIST) {
-        return false;  // a creator of another pid namespace with the same pid: made again
     }
     if (lockFd.fd < 0) {
         Refuse(config.name, "cannot create " + PoolPath(temporary) + ": " + Errno(error));

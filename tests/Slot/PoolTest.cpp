@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -749,6 +750,49 @@ TEST_F(PoolTest, CreationIsAtomicAndCleansUpAfterDeadCreators) {
     ScopedPool third;
     PoolFactory::CreatePoolWriter(third.Config("latest", 8, 2));
     EXPECT_NE(0, ::access(stale.c_str(), F_OK));
+}
+
+// Another user can plant entries in the shared folder under the names of this process's next
+// temporaries (FIFOs: stale-temporary cleanup leaves what is not a regular file, and another
+// user's entries could not be removed anyway). Creation must go on under other names.
+TEST_F(PoolTest, EntriesPlantedUnderTemporaryNamesDoNotStopCreation) {
+    ScopedPool folderMade, watched, planted;
+    PoolFactory::CreatePoolWriter(folderMade.Config("latest", 8, 2));
+    // The name of one temporary, seen as it is created: the names after it are planted.
+    int watch = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    ASSERT_GE(watch, 0);
+    std::unique_ptr<int, void (*)(int*)> watchFd(&watch, [](int* fd) { ::close(*fd); });
+    ASSERT_GE(::inotify_add_watch(watch, Slot::PoolDirectory().c_str(), IN_CREATE), 0);
+    PoolFactory::CreatePoolWriter(watched.Config("latest", 8, 2));
+    const std::string own = Slot::PoolTemporaryPrefix + std::to_string(::getpid()) + "-";
+    std::string temporary;
+    alignas(inotify_event) char events[16384];
+    for (ssize_t got; temporary.empty() && (got = ::read(watch, events, sizeof(events))) > 0;) {
+        for (char* at = events; at < events + got;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(at);
+            if (event->len != 0 && std::strncmp(event->name, own.c_str(), own.size()) == 0) {
+                temporary = event->name;
+            }
+            at += sizeof(inotify_event) + event->len;
+        }
+    }
+    ASSERT_FALSE(temporary.empty()) << "no temporary of this process was seen";
+    const unsigned long long seen = std::strtoull(temporary.c_str() + own.size(), nullptr, 10);
+    std::vector<std::string> plants;
+    struct Remover {
+        std::vector<std::string>& paths;
+        ~Remover() {
+            for (const std::string& path : paths) {
+                ::unlink(path.c_str());
+            }
+        }
+    } remover{plants};
+    for (unsigned long long n = seen + 1; n <= seen + 16; ++n) {
+        plants.push_back(Slot::PoolPath(own + std::to_string(n)));
+        ASSERT_EQ(0, ::mkfifo(plants.back().c_str(), 0600)) << plants.back();
+    }
+    EXPECT_EQ("(nothing thrown)", WriterError(planted.Config("latest", 8, 2)));
+    EXPECT_EQ("healthy", Slot::SurveyPool(planted.str()).state);
 }
 
 TEST_F(PoolTest, APoolRemovedWhileItIsOpenedIsLookedForAgain) {
