@@ -178,6 +178,34 @@ void Count(PoolReport& report, unsigned char* base, const PoolHeader& checked, i
     report.otherNamespaceDead = foreignDead.size();
 }
 
+// The pools' folder as it is, without the checks of CheckedFolder (that refused it: another
+// user's, see docs/pools.md), for looking at its entries only; -1 when it cannot be opened.
+int OpenRefusedFolder(int flags) {
+    return ::open(PoolDirectory().c_str(), flags | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// The names of the pools of the folder `dirFd` (closed), sorted.
+std::vector<std::string> PoolNames(int dirFd) {
+    std::vector<std::string> names;
+    DIR* dir = dirFd < 0 ? nullptr : ::fdopendir(dirFd);
+    if (dir == nullptr) {
+        if (dirFd >= 0) {
+            ::close(dirFd);
+        }
+        return names;
+    }
+    const std::string temporary = PoolTemporaryPrefix;
+    while (dirent* entry = ::readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != ".." && name.compare(0, temporary.size(), temporary) != 0) {
+            names.push_back(name);
+        }
+    }
+    ::closedir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 }  // namespace
 
 PoolReport SurveyPool(const std::string& name) {
@@ -192,7 +220,17 @@ PoolReport SurveyPool(const std::string& name) {
         shared::CheckedFolder folder = shared::CheckedFolder::Open(PoolDirectory());
         // O_NONBLOCK: a FIFO planted under the name is reported, not waited on.
         fd = ::openat(folder.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    } catch (const std::exception&) {
+    } catch (const std::exception& e) {
+        // A folder that is there but refused: a pool in it is not missing, it cannot be used.
+        const int dirFd = OpenRefusedFolder(O_PATH);
+        struct stat st;
+        if (dirFd >= 0 && ::fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+            report.exists = true;
+            Damaged(report, e.what());
+        }
+        if (dirFd >= 0) {
+            ::close(dirFd);
+        }
         return report;
     }
     if (fd < 0) {
@@ -244,30 +282,14 @@ PoolReport SurveyPool(const std::string& name) {
 }
 
 std::vector<std::string> ListPools() {
-    std::vector<std::string> names;
     try {
         shared::CheckedFolder folder = shared::CheckedFolder::Open(PoolDirectory());
-        const int fd = ::openat(folder.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        DIR* dir = fd < 0 ? nullptr : ::fdopendir(fd);
-        if (dir == nullptr) {
-            if (fd >= 0) {
-                ::close(fd);
-            }
-            return names;
-        }
-        const std::string temporary = PoolTemporaryPrefix;
-        while (dirent* entry = ::readdir(dir)) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != ".." && name.compare(0, temporary.size(), temporary) != 0) {
-                names.push_back(name);
-            }
-        }
-        ::closedir(dir);
+        return PoolNames(::openat(folder.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     } catch (const std::exception&) {
-        return names;
+        // Refused (or missing): its names are listed all the same, and SurveyPool says why
+        // their pools cannot be used.
+        return PoolNames(OpenRefusedFolder(O_RDONLY));
     }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 }  // namespace Slot

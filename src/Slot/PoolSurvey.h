@@ -50,11 +50,13 @@ struct PoolReport {
 
 /// The state of the pool `name`. Never throws for what it finds: a missing file gives state
 /// "missing", a file that fails the checks (size, magic, geometry, words out of range) gives
-/// "damaged" with the reason.
+/// "damaged" with the reason, and so does a file in a pools' folder that is refused (made by
+/// another user: "Unsafe folder ...").
 SLOT_EXPORT PoolReport SurveyPool(const std::string& name);
 
 /// The names of the pools of this machine (the files of PoolDirectory(), without the
-/// temporaries of creations in progress), sorted. Empty when the folder does not exist.
+/// temporaries of creations in progress), sorted, also when the folder is refused. Empty when
+/// the folder does not exist.
 SLOT_EXPORT std::vector<std::string> ListPools();
 
 }  // namespace Slot

@@ -795,6 +795,49 @@ TEST_F(PoolTest, EntriesPlantedUnderTemporaryNamesDoNotStopCreation) {
     EXPECT_EQ("healthy", Slot::SurveyPool(planted.str()).state);
 }
 
+// The pools' folder made by another user (not root) is refused to everyone else: a survey says
+// why, and lists its pools, instead of reporting them missing. Run in a mount namespace of its
+// own, on a /dev/shm of its own (the folder of the machine is shared by every test run).
+TEST_F(PoolTest, PoolsInARefusedFolderAreReportedWithTheReasonNotMissing) {
+    ScopedPool pool, absent;
+    const auto config = pool.Config("latest", 8, 2);
+    auto unshareError = testsupport::SharedWithChildren<std::atomic<int>>();
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        if (::unshare(CLONE_NEWNS) != 0 ||
+            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("tmpfs", Slot::ShmDirectory().c_str(), "tmpfs", 0, "mode=1777") != 0) {
+            *unshareError = errno;
+            return 0;
+        }
+        if (Slot::SurveyPool(pool.str()).state != "missing" || !Slot::ListPools().empty()) {
+            return testsupport::Failed(2, "a pool found before the folder was made");
+        }
+        PoolFactory::CreatePoolWriter(config);
+        const uid_t other = ::geteuid() == 0 ? 65534 : 0;
+        if (::chown(Slot::PoolDirectory().c_str(), other, other) != 0) {
+            *unshareError = errno;
+            return 0;
+        }
+        const Slot::PoolReport report = Slot::SurveyPool(pool.str());
+        if (!report.exists || report.state != "damaged" ||
+            report.problem.rfind("Unsafe folder '" + Slot::PoolDirectory() + "': ", 0) != 0 ||
+            WriterError(config) != CannotOpen(pool.str(), report.problem)) {
+            return testsupport::Failed(3, report.state + ": " + report.problem);
+        }
+        if (Slot::ListPools() != std::vector<std::string>{pool.str()}) {
+            return testsupport::Failed(4, "the pool is not listed");
+        }
+        return Slot::SurveyPool(absent.str()).state == "missing"
+                   ? 0
+                   : testsupport::Failed(5, "a pool that is not there is not missing");
+    });
+    ASSERT_TRUE(result.Ok()) << result.Describe();
+    if (*unshareError != 0) {
+        GTEST_SKIP() << "a mount namespace with a folder of another user cannot be made here: "
+                     << std::strerror(*unshareError);
+    }
+}
+
 TEST_F(PoolTest, APoolRemovedWhileItIsOpenedIsLookedForAgain) {
     // Another process removes the pool over and over while this one creates writers: every
     // opener finds the pool, makes it again, or gives up on one that keeps disappearing (the
