@@ -284,7 +284,7 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
             if (givingUp()) {
                 return false;
             }
-            stop_.WaitFor(kPoll);
+            stop_.SleepInGrace(kPoll);
         }
         const Matches before = PublicationMatches(writer_);
         const std::map<dds_instance_handle_t, Guid> publishedTo = readers_.MatchedEndpoints();
@@ -293,7 +293,7 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
             if (written != DDS_RETCODE_TIMEOUT) {
                 LOG4CXX_WARN(Logger(), "Block of '" << route_.name << "' not published yet: "
                                                     << dds_strretcode(written));
-                stop_.WaitFor(std::chrono::milliseconds(50));
+                stop_.SleepInGrace(std::chrono::milliseconds(50));
             }
             if (givingUp()) {
                 return false;

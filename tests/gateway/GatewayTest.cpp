@@ -42,6 +42,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -694,6 +695,45 @@ TEST_P(GatewaySlotOrPool, StoppedBeforeTheBlockIsStoredItGoesBackOrIsCountedDrop
         << receivingAgain.StatusJson() << sendingAgain.StatusJson();
     EXPECT_EQ(BlocksOf(*ends.received), (std::vector<Bytes>{occupant, NumberedBlock(0, 512)}));
     EXPECT_TRUE(Eventually([&] { return Counts(sendingAgain).forwarded == 1; }, 20s));
+}
+
+// A stopping sender whose block in hand has no receiver waits out its grace asleep: a slot's
+// block (its slot full, so it cannot go back), a pool's in the pool reader's callback. The
+// process's CPU time over the grace stays far below the grace (a busy wait takes a whole core).
+TEST_P(GatewaySlotOrPool, AStoppingSenderWaitsOutItsGraceAsleep) {
+    const Ends ends("gw_asleep", GetParam(), 512, 1, 1);
+    ISubscriberPtr writer = ends.Writer();
+    WriteHeld(ends.Writer(true), ends.destination, Bytes{'o'});
+    Config sendingConfig = OneRoute(ends.out), receivingConfig = OneRoute(ends.in);
+    sendingConfig.stopGraceMs = 3000;
+    receivingConfig.stopGraceMs = 200;
+
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    Gateway sending(sendingConfig);
+    WriteHeld(writer, ends.source, NumberedBlock(0, 512));
+    ASSERT_TRUE(Eventually([&] { return Counts(*receiving).refused >= 1; }, 30s));
+    if (!ends.pool) {
+        WriteHeld(writer, ends.source, NumberedBlock(1, 512));  // the slot is full
+    }
+    receiving.reset();
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; }, 30s));
+
+    auto cpu = [] {
+        timespec now{};
+        ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    };
+    const auto cpuBefore = cpu();
+    const auto start = std::chrono::steady_clock::now();
+    sending.Stop();
+    const auto took = std::chrono::steady_clock::now() - start;
+    const auto used = cpu() - cpuBefore;
+    EXPECT_GE(took, 2500ms);  // the grace was waited out
+    EXPECT_LT(used, 1000ms) << std::chrono::duration_cast<std::chrono::milliseconds>(used).count()
+                            << " ms of CPU in "
+                            << std::chrono::duration_cast<std::chrono::milliseconds>(took).count()
+                            << " ms";
+    EXPECT_EQ(Counts(sending).dropped, 1u);
 }
 
 // A discarding slot's states cross, an empty one too (it has a write time, unlike no state);
