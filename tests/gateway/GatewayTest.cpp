@@ -697,6 +697,69 @@ TEST_P(GatewaySlotOrPool, StoppedBeforeTheBlockIsStoredItGoesBackOrIsCountedDrop
     EXPECT_TRUE(Eventually([&] { return Counts(sendingAgain).forwarded == 1; }, 20s));
 }
 
+// A receiving gateway that stops while it has a block it could not store (its slot full) leaves
+// with it unstored: the sending gateway, a process of its own, puts the block back at the head of
+// its slot at once instead of keeping it, so that a SIGKILL of the sender loses nothing. Both
+// started again, every block arrives once, in order.
+TEST(Gateway, AReceiverThatLeavesLeavesNoBlockInTheSendersHand) {
+    const Ends ends("gw_left", "reliable", 512, 8, 1);
+    ISubscriberPtr writer = ends.Writer();
+    boost::shared_ptr<ISlot> source = SlotFactory::CreateSlot(&ends.sourceCfg);
+    const Bytes occupant = {'o', 'l', 'd'};
+    WriteHeld(ends.Writer(true), ends.destination, occupant);
+    Config receivingConfig = OneRoute(ends.in);
+    receivingConfig.stopGraceMs = 200;
+
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    auto sending = StartGateway({ends.out}, 500);
+    WriteNumbered(writer, ends.source, 0, 4, 512);
+    ASSERT_TRUE(Eventually([&] { return Counts(*receiving).refused >= 1; }, 30s))
+        << receiving->StatusJson();
+    ASSERT_EQ(source->GetBufferLength(), 3u);  // block 0 is in the sender's hand
+    receiving.reset();
+    ASSERT_TRUE(Eventually([&] { return source->GetBufferLength() == 4; }, 20s))
+        << "the block stayed in the sender's hand";
+    sending->Kill();
+    sending->Wait();
+
+    INotifierPtr reader = ends.Read();
+    Gateway receivingAgain(receivingConfig);
+    sending = StartGateway({ends.out}, 500);
+    ASSERT_TRUE(ends.received->WaitFor(5, 30s)) << receivingAgain.StatusJson();
+    std::this_thread::sleep_for(300ms);  // time for a repeated block to show
+    std::vector<Bytes> expected = {occupant};
+    for (unsigned n = 0; n < 4; ++n) {
+        expected.push_back(NumberedBlock(n, 512));
+    }
+    EXPECT_EQ(BlocksOf(*ends.received), expected);
+}
+
+// The same when the writer filled the slot before the receiver left: the block does not fit
+// back and stays in hand only until the slot has room again, then goes back to the head.
+TEST(Gateway, ABlockThatDoesNotFitBackGoesBackOnceThereIsRoom) {
+    const Ends ends("gw_nofit", "reliable", 512, 2, 1);
+    ISubscriberPtr writer = ends.Writer();
+    boost::shared_ptr<ISlot> source = SlotFactory::CreateSlot(&ends.sourceCfg);
+    WriteHeld(ends.Writer(true), ends.destination, Bytes{'o'});
+    Config receivingConfig = OneRoute(ends.in);
+    receivingConfig.stopGraceMs = 200;
+
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    Gateway sending(OneRoute(ends.out));
+    WriteNumbered(writer, ends.source, 0, 3, 512);
+    ASSERT_TRUE(Eventually([&] { return Counts(*receiving).refused >= 1; }, 30s));
+    receiving.reset();
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; }, 30s));
+    std::this_thread::sleep_for(200ms);  // a few tries to put the block back
+    ASSERT_EQ(source->GetBufferLength(), 2u);
+    EXPECT_EQ(ReadFrom<Bytes>(*source), NumberedBlock(1, 512));  // room for one
+    ASSERT_TRUE(Eventually([&] { return source->GetBufferLength() == 2; }, 20s))
+        << "the block stayed in the sender's hand";
+    EXPECT_EQ(ReadFrom<Bytes>(*source), NumberedBlock(0, 512));
+    EXPECT_EQ(ReadFrom<Bytes>(*source), NumberedBlock(2, 512));
+    EXPECT_EQ(Counts(sending).dropped, 0u);
+}
+
 // A stopping sender whose block in hand has no receiver waits out its grace asleep: a slot's
 // block (its slot full, so it cannot go back), a pool's in the pool reader's callback. The
 // process's CPU time over the grace stays far below the grace (a busy wait takes a whole core).
