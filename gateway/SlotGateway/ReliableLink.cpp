@@ -34,6 +34,10 @@ constexpr std::chrono::milliseconds kPoll(20);
 // receiving gateway (a forger's stay so for ever).
 constexpr std::size_t kMaxUnplaced = 64;
 
+// Writes of one block that DDS held back (each for the route's max_blocking_time, 1 s) before
+// that is logged: DDS waits for every reliable reader's acknowledgement of what it keeps.
+constexpr unsigned kTimeoutsToWarn = 5;
+
 // What tells a block put back from another one of the same size.
 std::size_t HashOf(const void* data, std::size_t size) {
     return std::hash<std::string_view>()(std::string_view(static_cast<const char*>(data), size));
@@ -296,6 +300,7 @@ ReliableSender::Delivery ReliableSender::Deliver(const void* data, std::size_t s
     // The receiving gateways that acknowledged the block; empty whenever it goes out again.
     std::set<Guid> storedBy;
     std::vector<dds_instance_handle_t> unplaced;
+    unsigned timeouts = 0;  // writes of this block that DDS held back for max_blocking_time
     for (bool first = true;; first = false) {
         if (!first) {
             ++counters_.retried;
@@ -323,6 +328,13 @@ ReliableSender::Delivery ReliableSender::Deliver(const void* data, std::size_t s
         const std::map<dds_instance_handle_t, Guid> publishedTo = readers_.MatchedEndpoints();
         const dds_return_t written = dds_write(writer_, &sample);
         if (written != DDS_RETCODE_OK) {
+            if (written == DDS_RETCODE_TIMEOUT && ++timeouts == kTimeoutsToWarn) {
+                LOG4CXX_WARN(Logger(), "Block " << heldSerial_ << " of '" << route_.name
+                                                << "' not published after " << timeouts
+                                                << " write time-outs: a reader of topic '"
+                                                << route_.topic
+                                                << "' does not acknowledge (retrying)");
+            }
             if (written != DDS_RETCODE_TIMEOUT) {
                 LOG4CXX_WARN(Logger(), "Block of '" << route_.name << "' not published yet: "
                                                     << dds_strretcode(written));

@@ -207,8 +207,9 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
       qosMismatch_(route) {
     QosPtr qos(RouteQos(route));
     if (route.sends()) {
-        writer_ =
-            Check(dds_create_writer(publisher, topic, qos.get(), nullptr), "dds_create_writer");
+        QosPtr writerQos(RouteWriterQos(route));
+        writer_ = Check(dds_create_writer(publisher, topic, writerQos.get(), nullptr),
+                        "dds_create_writer");
     }
     if (route.receives()) {
         claim_.reset(new SlotClaim(route.name));

@@ -873,6 +873,35 @@ TEST(GatewayHostile, ForeignSerialsAndReadersDoNotHideOrStallTheSendersBlocks) {
                                   NumberedBlock(2, 512), NumberedBlock(3, 512)}));
 }
 
+// A reliable reader that is not a gateway and never takes a sample, with room for two (a
+// monitoring tool that stalled, in a process of its own), does not throttle the route: the
+// sending gateway's writes are never held back waiting for its acknowledgements.
+TEST(GatewayHostile, AReaderThatNeverTakesDoesNotThrottleTheRoute) {
+    const std::size_t maxSize = 65536;  // what DDS keeps unacknowledged soon exceeds its limit
+    const Ends ends("gw_stalled", "reliable", maxSize, 8, 8);
+    const std::string domain = std::to_string(ends.out.domain);
+    testsupport::ChildProcess monitor([&] {
+        testsupport::DieWithParent();
+        const int quiet = ::open("/dev/null", O_WRONLY);
+        ::dup2(quiet, STDOUT_FILENO);
+        ::execl(GATEWAY_PROBE_PATH, GATEWAY_PROBE_PATH, "stalled-reader", domain.c_str(),
+                ends.partition.c_str(), ends.out.topic.c_str(), "300", static_cast<char*>(nullptr));
+        return 127;
+    });
+    ISubscriberPtr writer = ends.Writer();
+    INotifierPtr reader = ends.Read();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 2; }, 20s));
+    const unsigned total = 60;
+    const auto start = std::chrono::steady_clock::now();
+    WriteNumbered(writer, ends.source, 0, total, maxSize);
+    ExpectNumbered(*ends.received, total, maxSize);
+    // Held back, each write waited 1 s for the monitor: most of a minute.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
+    EXPECT_EQ(Counts(sending).retried, 0u);
+}
+
 // A destination slot that exists with a smaller maximum size than the route's cannot take a
 // larger block, ever: it is dropped, and the blocks behind it arrive.
 TEST(Gateway, BlockLargerThanTheExistingSlotIsDroppedNotRetriedForever) {
