@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// slot-gateway: runs a gateway from a configuration file until SIGINT or SIGTERM.
+// slot-gateway: runs a gateway from a configuration file until SIGINT, SIGTERM or SIGHUP.
 #include <SlotGateway/Gateway.h>
 #include <SlotGateway/Status.h>
 

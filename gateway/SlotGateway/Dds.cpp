@@ -35,6 +35,15 @@ dds_qos_t* RouteQos(const Route& route) {
     return qos;
 }
 
+dds_qos_t* RouteWriterQos(const Route& route) {
+    dds_qos_t* qos = RouteQos(route);
+    if (route.reliable()) {
+        dds_qset_history(qos, DDS_HISTORY_KEEP_LAST, 1);
+        dds_qset_resource_limits(qos, 1, DDS_LENGTH_UNLIMITED, 1);
+    }
+    return qos;
+}
+
 dds_qos_t* AckQos() {
     dds_qos_t* qos = dds_create_qos();
     dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));

@@ -22,11 +22,19 @@ namespace SlotGateway {
 // `entity`, or std::runtime_error "<what>: <DDS's text>" when it is a DDS error code.
 dds_entity_t Check(dds_entity_t entity, const char* what);
 
-// QoS of one route's writer or reader. Reliable: every block is kept until the receiving side
-// has room (KEEP_ALL bounded by the slot's queue length, blocking writes). Discarding: only the
-// latest state, also for a gateway that joins later (TRANSIENT_LOCAL). Both ignore the
-// participant's own entities, so a "both" route never hears itself.
+// QoS of one route's reader (and, but for the history, writer). Reliable: every block is kept
+// until the receiving side has room (KEEP_ALL bounded by the slot's queue length, blocking
+// writes). Discarding: only the latest state, also for a gateway that joins later
+// (TRANSIENT_LOCAL). Both ignore the participant's own entities, so a "both" route never hears
+// itself.
 dds_qos_t* RouteQos(const Route& route);
+// QoS of one route's writer: RouteQos, but a reliable route's writer keeps only its latest
+// sample (KEEP_LAST 1). The sender has one block in flight and publishes it again itself until
+// acknowledged, so nothing older is needed; and a reliable reader that is not a gateway and
+// never acknowledges (a monitoring tool that does not take) cannot fill the writer's history
+// and block its writes. History is not a policy that readers and writers must agree on: peers
+// of earlier versions match as before.
+dds_qos_t* RouteWriterQos(const Route& route);
 
 // QoS of a reliable route's acknowledgements (receiving gateway -> sending gateway).
 dds_qos_t* AckQos();

@@ -45,6 +45,15 @@ struct StopFlag {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, duration, [this] { return set.load(); });
     }
+    // Sleeps up to `duration`, also while stopping: woken when the stop is raised (if it was
+    // not yet) or its grace cut; true when stopping. For waits that go on during the grace,
+    // which WaitFor would turn into a busy loop.
+    bool SleepInGrace(std::chrono::milliseconds duration) {
+        std::unique_lock<std::mutex> lock(mutex);
+        const bool wasSet = set;
+        changed.wait_for(lock, duration, [&] { return graceCut || set != wasSet; });
+        return set;
+    }
     void Raise() {
         {
             std::lock_guard<std::mutex> guard(mutex);

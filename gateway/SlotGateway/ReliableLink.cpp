@@ -21,6 +21,7 @@
 #include <map>
 #include <mutex>
 #include <stdexcept>
+#include <string_view>
 
 namespace SlotGateway {
 
@@ -32,6 +33,15 @@ constexpr std::chrono::milliseconds kPoll(20);
 // A bound on the acknowledgements of one block kept while their writer is not known as a
 // receiving gateway (a forger's stay so for ever).
 constexpr std::size_t kMaxUnplaced = 64;
+
+// Writes of one block that DDS held back (each for the route's max_blocking_time, 1 s) before
+// that is logged: DDS waits for every reliable reader's acknowledgement of what it keeps.
+constexpr unsigned kTimeoutsToWarn = 5;
+
+// What tells a block put back from another one of the same size.
+std::size_t HashOf(const void* data, std::size_t size) {
+    return std::hash<std::string_view>()(std::string_view(static_cast<const char*>(data), size));
+}
 
 }  // namespace
 
@@ -93,6 +103,7 @@ void ReliableSender::Run() {
                     claim_.reset();
                     slot_.reset();
                     claimed_ = false;
+                    putBack_.reset();
                     LOG4CXX_INFO(Logger(), "Slot '" << route_.name
                                                     << "' was removed or made again: the one of "
                                                        "that name is read now");
@@ -107,7 +118,8 @@ void ReliableSender::Run() {
                     continue;
                 }
             }
-            if (Deliver(held_.data(), heldSize_)) {
+            const Delivery delivery = Deliver(held_.data(), heldSize_);
+            if (delivery == Delivery::Stored || delivery == Delivery::PutBack) {
                 holding_ = false;
             }
         } catch (const std::exception& e) {
@@ -209,7 +221,7 @@ void ReliableSender::RunPool() {
 
 void ReliableSender::SendPoolBlock(const void* data, std::size_t size) {
     heldSerial_ = ++sequence_;
-    if (!Deliver(data, size)) {
+    if (Deliver(data, size) != Delivery::Stored) {
         ++counters_.dropped;
         LOG4CXX_ERROR(Logger(), "Block " << heldSerial_ << " of pool '" << route_.name
                                          << "' dropped: no receiver stored it while the gateway "
@@ -261,12 +273,21 @@ bool ReliableSender::Take() {
         return false;
     }
     heldSize_ = slot_->ReadData(held_.data(), held_.size());
-    heldSerial_ = ++sequence_;
+    // The block put back is at the head of the slot (the only reader is this one): it keeps its
+    // serial, so that a receiver that stored it and left for a moment only (its lease ran out,
+    // it matched again) recognises it.
+    if (putBack_ && putBack_->size == heldSize_ &&
+        putBack_->hash == HashOf(held_.data(), heldSize_)) {
+        heldSerial_ = putBack_->serial;
+    } else {
+        heldSerial_ = ++sequence_;
+    }
+    putBack_.reset();
     holding_ = true;
     return true;
 }
 
-bool ReliableSender::Deliver(const void* data, std::size_t size) {
+ReliableSender::Delivery ReliableSender::Deliver(const void* data, std::size_t size) {
     // Only read: DDS serialises the sample, a pool's block stays as published.
     SlotGatewayWire_Block sample = WireSample(gatewayId_, heldSerial_, data, size);
 
@@ -276,27 +297,51 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
     // Endpoints that left before this block is published cannot have stored it.
     readers_.Forget();
     acknowledgers_.Forget();
+    // The receiving gateways that acknowledged the block; empty whenever it goes out again.
+    std::set<Guid> storedBy;
+    std::vector<dds_instance_handle_t> unplaced;
+    unsigned timeouts = 0;  // writes of this block that DDS held back for max_blocking_time
     for (bool first = true;; first = false) {
         if (!first) {
             ++counters_.retried;
         }
-        while (ReceivingGateways().empty()) {
-            if (givingUp()) {
-                return false;
+        for (bool waited = false; ReceivingGateways().empty(); waited = true) {
+            // A receiver that stored the block and left: its acknowledgement, sent before it
+            // left, may come after the news that it left.
+            TakeAcks(sample.serial, storedBy, unplaced);
+            if (!storedBy.empty()) {
+                ++counters_.forwarded;
+                return Delivery::Stored;
             }
-            stop_.WaitFor(kPoll);
+            // Then a slot's block goes back: held here, it would be lost with this process (a
+            // SIGKILL, a crash). One that does not fit (the writer filled the slot) is tried
+            // again on every poll, until it fits or a receiver comes.
+            if (waited && !route_.isPool() && PutBack()) {
+                return Delivery::PutBack;
+            }
+            if (givingUp()) {
+                return Delivery::GaveUp;
+            }
+            stop_.SleepInGrace(kPoll);
         }
         const Matches before = PublicationMatches(writer_);
         const std::map<dds_instance_handle_t, Guid> publishedTo = readers_.MatchedEndpoints();
         const dds_return_t written = dds_write(writer_, &sample);
         if (written != DDS_RETCODE_OK) {
+            if (written == DDS_RETCODE_TIMEOUT && ++timeouts == kTimeoutsToWarn) {
+                LOG4CXX_WARN(Logger(), "Block " << heldSerial_ << " of '" << route_.name
+                                                << "' not published after " << timeouts
+                                                << " write time-outs: a reader of topic '"
+                                                << route_.topic
+                                                << "' does not acknowledge (retrying)");
+            }
             if (written != DDS_RETCODE_TIMEOUT) {
                 LOG4CXX_WARN(Logger(), "Block of '" << route_.name << "' not published yet: "
                                                     << dds_strretcode(written));
-                stop_.WaitFor(std::chrono::milliseconds(50));
+                stop_.SleepInGrace(std::chrono::milliseconds(50));
             }
             if (givingUp()) {
-                return false;
+                return Delivery::GaveUp;
             }
             continue;
         }
@@ -308,8 +353,6 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
         // One that acknowledged and left counts as having stored it, and its successor is not
         // sent the block: the receivers are looked at before the acknowledgements, and one that
         // has left sent its acknowledgements before.
-        std::set<Guid> storedBy;
-        std::vector<dds_instance_handle_t> unplaced;
         bool again = false;
         for (;;) {
             const Matches now = PublicationMatches(writer_);
@@ -336,13 +379,13 @@ bool ReliableSender::Deliver(const void* data, std::size_t size) {
                 // (its slot full until it stops too), so the block stays with this side. A
                 // receiver that stores it after all has it twice once the block is sent again.
                 unacknowledged_ = true;
-                return false;
+                return Delivery::GaveUp;
             }
             dds_waitset_wait(ackWaitset_, nullptr, 0, DDS_MSECS(kPoll.count()));
         }
         if (!again) {
             ++counters_.forwarded;
-            return true;
+            return Delivery::Stored;
         }
     }
 }
@@ -389,16 +432,20 @@ void ReliableSender::TakeAcks(std::uint64_t serial, std::set<Guid>& storedBy,
     }
 }
 
-void ReliableSender::GiveBack() {
+bool ReliableSender::PutBack() {
     // Under the slot's lock, which writers hold around each write: the block goes to the end of
     // the queue, then each block that waited before it is taken from the head and appended
     // again, which leaves the block at the head and the others in their order. The queue never
     // holds more than before plus this block, and no more than one block is out of it at a time.
     bool stored = false;
+    const PutBackBlock block{heldSerial_, heldSize_, HashOf(held_.data(), heldSize_)};
     try {
         if (ObjectOf(route_) != slotFile_) {
             // Removed and made again while the block was in hand: it goes to the slot of that
-            // name now, not to the removed one that nobody reads.
+            // name now, not to the removed one that nobody reads. The claim on the removed one
+            // is no claim on the new one: the next take claims it first.
+            claim_.reset();
+            claimed_ = false;
             slot_ = SlotFactory::CreateSlot(&cfg_);
             slotFile_ = ObjectOf(route_);
             held_.resize(std::max(held_.size(), slot_->GetMaxDataSize()));
@@ -421,18 +468,34 @@ void ReliableSender::GiveBack() {
         }
         slot_->GetOnWriteCondition()->Notify();
     } catch (const std::exception& e) {
-        LOG4CXX_ERROR(Logger(), "Slot '" << route_.name << "': " << e.what());
-    }
-    if (stored) {
-        if (unacknowledged_) {
-            LOG4CXX_WARN(Logger(), "No receiver stored block "
-                                       << heldSerial_ << " of slot '" << route_.name
-                                       << "' while stopping: put back at the head of the slot");
-        } else {
-            LOG4CXX_WARN(Logger(), "No receiver for slot '"
-                                       << route_.name << "' while stopping: block " << heldSerial_
-                                       << " put back at the head of the slot");
+        // Tried again on every poll while no receiver is matched: said once per half minute.
+        const Clock::time_point now = Clock::now();
+        if (stop_.set || now - lastRunError_ > std::chrono::seconds(30)) {
+            lastRunError_ = now;
+            LOG4CXX_ERROR(Logger(), "Slot '" << route_.name << "': " << e.what());
         }
+    }
+    if (!stored) {
+        return false;
+    }
+    putBack_ = block;
+    if (!stop_.set) {
+        LOG4CXX_INFO(Logger(), "No receiver for slot '" << route_.name << "': block " << heldSerial_
+                                                        << " put back at the head of the slot");
+    } else if (unacknowledged_) {
+        LOG4CXX_WARN(Logger(), "No receiver stored block "
+                                   << heldSerial_ << " of slot '" << route_.name
+                                   << "' while stopping: put back at the head of the slot");
+    } else {
+        LOG4CXX_WARN(Logger(), "No receiver for slot '" << route_.name << "' while stopping: block "
+                                                        << heldSerial_
+                                                        << " put back at the head of the slot");
+    }
+    return true;
+}
+
+void ReliableSender::GiveBack() {
+    if (PutBack()) {
         return;
     }
     ++counters_.dropped;

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -37,8 +38,10 @@ namespace SlotGateway {
 // for what it says, and only when that participant is or was a receiving gateway of the block.
 // Another reader (a monitoring tool) is not waited for. A receiver that leaves before acknowledging
 // gets the block again from its successor; one that matches while none has stored it gets it at
-// once. Without a receiver the block stays in hand (its place in the order kept) and nothing more
-// is taken.
+// once. Without a receiver a slot's block goes back to the head of the slot at once (held, it
+// would be lost with this process); one that does not fit, the slot refilled meanwhile, stays in
+// hand and is put back as soon as it fits, unless a receiver comes first. Nothing more is taken
+// meanwhile. Taken again, a block put back keeps its serial.
 //
 // The slot has one reader per machine: from the first take on, this sender holds the slot's
 // reader claim (a reliable slot reader whose thread is never started) and reads the slot itself,
@@ -80,11 +83,17 @@ private:
     bool Claim();
     // Takes the oldest block into the hand; false when the slot is empty.
     bool Take();
-    // Publishes the block in hand (`size` bytes at `data`) until stored (counted as forwarded);
-    // false: stopping, and the grace passed before a receiver stored it: the block is still in
-    // hand.
-    bool Deliver(const void* data, std::size_t size);
-    // Puts the block in hand back at the head of the slot's queue, or drops it (logged).
+    enum class Delivery {
+        Stored,   // a receiver stored it (counted as forwarded)
+        PutBack,  // a slot's, with no receiver matched: back at the head of the slot
+        GaveUp,   // stopping, and the grace passed before a receiver stored it: still in hand
+    };
+    // Publishes the block in hand (`size` bytes at `data`) until stored, or put back.
+    Delivery Deliver(const void* data, std::size_t size);
+    // Puts the block in hand back at the head of the slot's queue (logged); false: the slot is
+    // full (or failed), the block is still in hand.
+    bool PutBack();
+    // PutBack, or else drops the block (logged).
     void GiveBack();
     // The participants matched now as receiving gateways.
     std::set<Guid> ReceivingGateways() const;
@@ -125,6 +134,13 @@ private:
     bool holding_ = false;
     std::uint64_t heldSerial_ = 0;
     bool unacknowledged_ = false;  // Deliver gave up while a receiver was matched
+    // The block last put back, until the next take: taken again, it keeps its serial.
+    struct PutBackBlock {
+        std::uint64_t serial;
+        std::size_t size;
+        std::size_t hash;
+    };
+    std::optional<PutBackBlock> putBack_;
     std::uint64_t sequence_ = 0;
 
     std::atomic<bool> claimed_{false};

@@ -207,8 +207,9 @@ RouteRunner::RouteRunner(const Route& route, std::uint64_t gatewayId, dds_entity
       qosMismatch_(route) {
     QosPtr qos(RouteQos(route));
     if (route.sends()) {
-        writer_ =
-            Check(dds_create_writer(publisher, topic, qos.get(), nullptr), "dds_create_writer");
+        QosPtr writerQos(RouteWriterQos(route));
+        writer_ = Check(dds_create_writer(publisher, topic, writerQos.get(), nullptr),
+                        "dds_create_writer");
     }
     if (route.receives()) {
         claim_.reset(new SlotClaim(route.name));
@@ -255,7 +256,7 @@ RouteRunner::~RouteRunner() {
     if (writer_ > 0) {
         dds_set_listener(writer_, nullptr);
     }
-    if (reader_ > 0) {
+    if (reader_ > 0 && !readerDeleted_) {
         dds_set_listener(reader_, nullptr);
     }
     if (waitset_ > 0) {
@@ -444,7 +445,7 @@ RouteStatus RouteRunner::Status() const {
         std::lock_guard<std::mutex> guard(slotReaderMutex_);
         status.sending = static_cast<bool>(poolReader_) || (slotReader_ && !slotReader_->Ended());
     }
-    if (reader_ > 0) {
+    if (reader_ > 0 && !readerDeleted_) {
         dds_subscription_matched_status_t matched;
         if (dds_get_subscription_matched_status(reader_, &matched) == DDS_RETCODE_OK) {
             status.matchedWriters = matched.current_count;
@@ -662,14 +663,25 @@ void RouteRunner::ReceiveLoop() {
             }
             dds_return_loan(reader_, samples, n);
             if (!delivered) {
+                LeaveTopic();
                 return;  // stopping with a full slot: later blocks stay unstored too
             }
         }
         if (stopping) {
+            LeaveTopic();
             return;
         }
         dds_waitset_wait(waitset_, nullptr, 0, DDS_MSECS(200));
     }
+}
+
+void RouteRunner::LeaveTopic() {
+    if (!route_.reliable()) {
+        return;  // a discarding route's senders hold nothing back for it
+    }
+    readerDeleted_ = true;
+    dds_set_listener(reader_, nullptr);  // after a callback in progress
+    dds_delete(reader_);
 }
 
 bool RouteRunner::Deliver(const void* data, std::size_t size, std::uint64_t sequence) {

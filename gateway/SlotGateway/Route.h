@@ -14,6 +14,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -215,6 +216,10 @@ private:
     void Acknowledge(std::uint64_t sender, std::uint64_t serial);
 
     void ReceiveLoop();
+    // A reliable route's receiving thread, once it will store no more: deletes the reader, so
+    // that the sending gateways see this one leave now, not when its participant goes, and
+    // publish no further block to it (they put it back into their slot meanwhile).
+    void LeaveTopic();
 
     // Writes one received block into the slot; a refusal is retried with back-off (and DDS is
     // not taken from meanwhile, so the sending side is held back) until stored or, when
@@ -232,6 +237,7 @@ private:
 
     dds_entity_t writer_ = 0;
     dds_entity_t reader_ = 0;
+    std::atomic<bool> readerDeleted_{false};  // LeaveTopic() deleted reader_
     dds_entity_t readCondition_ = 0;
     dds_entity_t waitset_ = 0;
     dds_entity_t wakeup_ = 0;

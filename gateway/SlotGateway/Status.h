@@ -26,10 +26,16 @@ struct RouteCounters {
 struct RouteStatus {
     Route route;
     RouteCounters counters;
-    std::uint32_t matchedReaders = 0;  // remote gateways that take what this route publishes
-    std::uint32_t matchedWriters = 0;  // remote gateways that publish to this route
-    bool sending = false;              // the slot is being read (a reliable one: once a reader
-                                       // is matched)
+    // DDS readers of the topic that this route's writer matches: receiving gateways, and any
+    // other reader in the partition (a monitoring tool too).
+    std::uint32_t matchedReaders = 0;
+    // DDS writers of the topic that this route's reader matches: sending gateways, and any other
+    // writer in the partition.
+    std::uint32_t matchedWriters = 0;
+    // The slot is being read (a reliable one: its reader claim is held, from the first match of
+    // a receiving gateway on, also while none is matched; no block is then in hand but one that
+    // did not fit back into the full slot yet).
+    bool sending = false;
 };
 
 // The status document of gateway `gatewayName` (id `gatewayId`, this process, now) as JSON.

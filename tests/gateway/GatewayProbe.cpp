@@ -16,7 +16,12 @@
 //     blocks' sequence numbers grow; "latest": blocks may be skipped, not reordered, and the
 //     last must arrive
 //   pool-rm POOL: removes the pool
+//   stalled-reader DOMAIN PARTITION TOPIC SECONDS: a reader of a route's topic that is not a
+//     gateway, as a monitoring tool that stalled: RELIABLE, KEEP_ALL with room for 2 samples,
+//     never takes (prints 'ready' once it exists)
 #include "NumberedBlock.h"
+
+#include "GatewayBlock.h"
 
 #include <Slot/PoolBlock.h>
 #include <Slot/PoolFactory.h>
@@ -25,6 +30,8 @@
 
 #include <log4cxx/basicconfigurator.h>
 #include <log4cxx/logger.h>
+
+#include <dds/dds.h>
 
 #include <algorithm>
 #include <chrono>
@@ -212,6 +219,29 @@ int WatchState(const End& end, const std::string& text, std::chrono::seconds tim
     return seen ? 0 : 2;
 }
 
+int StalledReader(std::uint32_t domain, const std::string& partition, const std::string& topic,
+                  std::chrono::seconds timeout) {
+    const dds_entity_t participant = dds_create_participant(domain, nullptr, nullptr);
+    const dds_entity_t type =
+        dds_create_topic(participant, &SlotGatewayWire_Block_desc, topic.c_str(), nullptr, nullptr);
+    dds_qos_t* qos = dds_create_qos();
+    dds_qset_partition1(qos, partition.c_str());
+    const dds_entity_t subscriber = dds_create_subscriber(participant, qos, nullptr);
+    dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
+    dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);
+    dds_qset_resource_limits(qos, 2, DDS_LENGTH_UNLIMITED, 2);
+    const dds_entity_t reader = dds_create_reader(subscriber, type, qos, nullptr);
+    dds_delete_qos(qos);
+    if (reader < 0) {
+        std::cerr << "gateway_probe: no reader: " << dds_strretcode(reader) << std::endl;
+        return 1;
+    }
+    std::cout << "ready" << std::endl;
+    std::this_thread::sleep_for(timeout);
+    dds_delete(participant);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -222,6 +252,9 @@ int main(int argc, char** argv) {
     std::string mode = args.empty() ? "" : args[0];
     if (mode == "pool-rm" && args.size() == 2) {
         return Slot::PoolFactory::RemovePool(args[1]) ? 0 : 1;
+    }
+    if (mode == "stalled-reader" && args.size() == 5) {
+        return StalledReader(number(1), args[2], args[3], std::chrono::seconds(number(4)));
     }
     // From here on, args[i] is the i-th argument after the slot's or pool's.
     End end{};
@@ -263,6 +296,7 @@ int main(int argc, char** argv) {
     std::cerr
         << "usage: gateway_probe write|read|length|state|wait-state|watch-state SLOT MAXSIZE ...\n"
            "       gateway_probe pool-write|pool-read KIND POOL MAXSIZE BLOCKS COUNT ...\n"
-           "       gateway_probe pool-rm POOL\n";
+           "       gateway_probe pool-rm POOL\n"
+           "       gateway_probe stalled-reader DOMAIN PARTITION TOPIC SECONDS\n";
     return 64;
 }

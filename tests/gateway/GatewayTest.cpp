@@ -42,6 +42,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -696,6 +697,108 @@ TEST_P(GatewaySlotOrPool, StoppedBeforeTheBlockIsStoredItGoesBackOrIsCountedDrop
     EXPECT_TRUE(Eventually([&] { return Counts(sendingAgain).forwarded == 1; }, 20s));
 }
 
+// A receiving gateway that stops while it has a block it could not store (its slot full) leaves
+// with it unstored: the sending gateway, a process of its own, puts the block back at the head of
+// its slot at once instead of keeping it, so that a SIGKILL of the sender loses nothing. Both
+// started again, every block arrives once, in order.
+TEST(Gateway, AReceiverThatLeavesLeavesNoBlockInTheSendersHand) {
+    const Ends ends("gw_left", "reliable", 512, 8, 1);
+    ISubscriberPtr writer = ends.Writer();
+    boost::shared_ptr<ISlot> source = SlotFactory::CreateSlot(&ends.sourceCfg);
+    const Bytes occupant = {'o', 'l', 'd'};
+    WriteHeld(ends.Writer(true), ends.destination, occupant);
+    Config receivingConfig = OneRoute(ends.in);
+    receivingConfig.stopGraceMs = 200;
+
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    auto sending = StartGateway({ends.out}, 500);
+    WriteNumbered(writer, ends.source, 0, 4, 512);
+    ASSERT_TRUE(Eventually([&] { return Counts(*receiving).refused >= 1; }, 30s))
+        << receiving->StatusJson();
+    ASSERT_EQ(source->GetBufferLength(), 3u);  // block 0 is in the sender's hand
+    receiving.reset();
+    ASSERT_TRUE(Eventually([&] { return source->GetBufferLength() == 4; }, 20s))
+        << "the block stayed in the sender's hand";
+    sending->Kill();
+    sending->Wait();
+
+    INotifierPtr reader = ends.Read();
+    Gateway receivingAgain(receivingConfig);
+    sending = StartGateway({ends.out}, 500);
+    ASSERT_TRUE(ends.received->WaitFor(5, 30s)) << receivingAgain.StatusJson();
+    std::this_thread::sleep_for(300ms);  // time for a repeated block to show
+    std::vector<Bytes> expected = {occupant};
+    for (unsigned n = 0; n < 4; ++n) {
+        expected.push_back(NumberedBlock(n, 512));
+    }
+    EXPECT_EQ(BlocksOf(*ends.received), expected);
+}
+
+// The same when the writer filled the slot before the receiver left: the block does not fit
+// back and stays in hand only until the slot has room again, then goes back to the head.
+TEST(Gateway, ABlockThatDoesNotFitBackGoesBackOnceThereIsRoom) {
+    const Ends ends("gw_nofit", "reliable", 512, 2, 1);
+    ISubscriberPtr writer = ends.Writer();
+    boost::shared_ptr<ISlot> source = SlotFactory::CreateSlot(&ends.sourceCfg);
+    WriteHeld(ends.Writer(true), ends.destination, Bytes{'o'});
+    Config receivingConfig = OneRoute(ends.in);
+    receivingConfig.stopGraceMs = 200;
+
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    Gateway sending(OneRoute(ends.out));
+    WriteNumbered(writer, ends.source, 0, 3, 512);
+    ASSERT_TRUE(Eventually([&] { return Counts(*receiving).refused >= 1; }, 30s));
+    receiving.reset();
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; }, 30s));
+    std::this_thread::sleep_for(200ms);  // a few tries to put the block back
+    ASSERT_EQ(source->GetBufferLength(), 2u);
+    EXPECT_EQ(ReadFrom<Bytes>(*source), NumberedBlock(1, 512));  // room for one
+    ASSERT_TRUE(Eventually([&] { return source->GetBufferLength() == 2; }, 20s))
+        << "the block stayed in the sender's hand";
+    EXPECT_EQ(ReadFrom<Bytes>(*source), NumberedBlock(0, 512));
+    EXPECT_EQ(ReadFrom<Bytes>(*source), NumberedBlock(2, 512));
+    EXPECT_EQ(Counts(sending).dropped, 0u);
+}
+
+// A stopping sender whose block in hand has no receiver waits out its grace asleep: a slot's
+// block (its slot full, so it cannot go back), a pool's in the pool reader's callback. The
+// process's CPU time over the grace stays far below the grace (a busy wait takes a whole core).
+TEST_P(GatewaySlotOrPool, AStoppingSenderWaitsOutItsGraceAsleep) {
+    const Ends ends("gw_asleep", GetParam(), 512, 1, 1);
+    ISubscriberPtr writer = ends.Writer();
+    WriteHeld(ends.Writer(true), ends.destination, Bytes{'o'});
+    Config sendingConfig = OneRoute(ends.out), receivingConfig = OneRoute(ends.in);
+    sendingConfig.stopGraceMs = 3000;
+    receivingConfig.stopGraceMs = 200;
+
+    std::unique_ptr<Gateway> receiving(new Gateway(receivingConfig));
+    Gateway sending(sendingConfig);
+    WriteHeld(writer, ends.source, NumberedBlock(0, 512));
+    ASSERT_TRUE(Eventually([&] { return Counts(*receiving).refused >= 1; }, 30s));
+    if (!ends.pool) {
+        WriteHeld(writer, ends.source, NumberedBlock(1, 512));  // the slot is full
+    }
+    receiving.reset();
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 0; }, 30s));
+
+    auto cpu = [] {
+        timespec now{};
+        ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    };
+    const auto cpuBefore = cpu();
+    const auto start = std::chrono::steady_clock::now();
+    sending.Stop();
+    const auto took = std::chrono::steady_clock::now() - start;
+    const auto used = cpu() - cpuBefore;
+    EXPECT_GE(took, 2500ms);  // the grace was waited out
+    EXPECT_LT(used, 1000ms) << std::chrono::duration_cast<std::chrono::milliseconds>(used).count()
+                            << " ms of CPU in "
+                            << std::chrono::duration_cast<std::chrono::milliseconds>(took).count()
+                            << " ms";
+    EXPECT_EQ(Counts(sending).dropped, 1u);
+}
+
 // A discarding slot's states cross, an empty one too (it has a write time, unlike no state);
 // the reliable slot's empty blocks are in the numbered run above.
 TEST(Gateway, DiscardingStatesCrossEmptyOnesToo) {
@@ -794,6 +897,35 @@ TEST(GatewayHostile, ForeignSerialsAndReadersDoNotHideOrStallTheSendersBlocks) {
     EXPECT_EQ(BlocksOf(*ends.received),
               (std::vector<Bytes>{NumberedBlock(0, 512), forged, forged, NumberedBlock(1, 512),
                                   NumberedBlock(2, 512), NumberedBlock(3, 512)}));
+}
+
+// A reliable reader that is not a gateway and never takes a sample, with room for two (a
+// monitoring tool that stalled, in a process of its own), does not throttle the route: the
+// sending gateway's writes are never held back waiting for its acknowledgements.
+TEST(GatewayHostile, AReaderThatNeverTakesDoesNotThrottleTheRoute) {
+    const std::size_t maxSize = 65536;  // what DDS keeps unacknowledged soon exceeds its limit
+    const Ends ends("gw_stalled", "reliable", maxSize, 8, 8);
+    const std::string domain = std::to_string(ends.out.domain);
+    testsupport::ChildProcess monitor([&] {
+        testsupport::DieWithParent();
+        const int quiet = ::open("/dev/null", O_WRONLY);
+        ::dup2(quiet, STDOUT_FILENO);
+        ::execl(GATEWAY_PROBE_PATH, GATEWAY_PROBE_PATH, "stalled-reader", domain.c_str(),
+                ends.partition.c_str(), ends.out.topic.c_str(), "300", static_cast<char*>(nullptr));
+        return 127;
+    });
+    ISubscriberPtr writer = ends.Writer();
+    INotifierPtr reader = ends.Read();
+    Gateway receiving(OneRoute(ends.in));
+    Gateway sending(OneRoute(ends.out));
+    ASSERT_TRUE(Eventually([&] { return sending.Status()[0].matchedReaders == 2; }, 20s));
+    const unsigned total = 60;
+    const auto start = std::chrono::steady_clock::now();
+    WriteNumbered(writer, ends.source, 0, total, maxSize);
+    ExpectNumbered(*ends.received, total, maxSize);
+    // Held back, each write waited 1 s for the monitor: most of a minute.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
+    EXPECT_EQ(Counts(sending).retried, 0u);
 }
 
 // A destination slot that exists with a smaller maximum size than the route's cannot take a
