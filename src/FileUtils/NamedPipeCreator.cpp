@@ -119,9 +119,12 @@ std::string NamedPipeCreator::Remove(const std::string& path) {
 }
 
 std::string NamedPipeCreator::ConstructPipeFilename(const std::string& name) {
-    const std::string dir = PipeDirectory();
-    FSUtils::EnsureSharedDirectory(dir);
-    return dir + "/" + name + kFifoSuffix;
+    FSUtils::EnsureSharedDirectory(PipeDirectory());
+    return PipeFilenameWithoutCreating(name);
+}
+
+std::string NamedPipeCreator::PipeFilenameWithoutCreating(const std::string& name) {
+    return PipeDirectory() + "/" + name + kFifoSuffix;
 }
 
 bool NamedPipeCreator::CreateIfNeeded(const std::string& path) {

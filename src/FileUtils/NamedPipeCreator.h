@@ -13,6 +13,10 @@ public:
     // "<dir>/<name>.fifo", dir = $SLOT_PIPE_DIR when set, else /tmp/libslot-pipes. The
     // directory is created on demand with mode 01777, so pipes of every user can live in it.
     static std::string ConstructPipeFilename(const std::string& name);
+    // The same path with nothing created, for those that only look (surveys, slotctl): a look
+    // must not make the shared folder, which would then belong to whoever looked first and be
+    // refused to root's and every other user's pipes. A missing folder holds no pipes.
+    static std::string PipeFilenameWithoutCreating(const std::string& name);
 
     // Creates a FIFO at `path` (mode 0644 less the umask: nobody but the owner can write into
     // it; other users can read it, and so take bytes from it, unless the umask removes the read
