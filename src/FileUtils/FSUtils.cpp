@@ -23,13 +23,22 @@ std::string DefaultLockDirectory() {
 }  // namespace
 
 std::string FSUtils::GetSingletonFileLockName(const std::string& name) {
-    return GetSingletonFileLockDirectory() + "/" + name + ".lock";
+    GetSingletonFileLockDirectory();
+    return SingletonFileLockNameWithoutCreating(name);
 }
 
 std::string FSUtils::GetSingletonFileLockDirectory() {
-    const std::string dir = DirectoryFromEnvironment("SLOT_LOCK_DIR", DefaultLockDirectory());
+    const std::string dir = SingletonFileLockDirectoryWithoutCreating();
     EnsureSharedDirectory(dir);
     return dir;
+}
+
+std::string FSUtils::SingletonFileLockNameWithoutCreating(const std::string& name) {
+    return SingletonFileLockDirectoryWithoutCreating() + "/" + name + ".lock";
+}
+
+std::string FSUtils::SingletonFileLockDirectoryWithoutCreating() {
+    return DirectoryFromEnvironment("SLOT_LOCK_DIR", DefaultLockDirectory());
 }
 
 void FSUtils::EnsureSharedDirectory(const std::string& dir) {

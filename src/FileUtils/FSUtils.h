@@ -18,6 +18,13 @@ public:
     // The folder of those lock files, created on demand as above (without a trailing '/').
     static std::string GetSingletonFileLockDirectory();
 
+    // The same path and folder with nothing created, for those that only look (surveys,
+    // slotctl): a look must not make the shared folder, which would then belong to whoever
+    // looked first and be refused to root's and every other user's readers. A missing folder
+    // holds no lock files.
+    static std::string SingletonFileLockNameWithoutCreating(const std::string& name);
+    static std::string SingletonFileLockDirectoryWithoutCreating();
+
     // Makes sure the directory `dir` exists. One created here gets mode 01777 (set with fchmod,
     // so the umask does not matter): every user's processes can create their files in it, and
     // the sticky bit keeps them from removing each other's. It is reached as a

@@ -18,6 +18,10 @@ namespace FileUtils {
 namespace {
 
 const char kFifoSuffix[] = ".fifo";
+// Never writable by group or others, so that nobody but the owner can put bytes into another
+// user's stream. Others may read: a root writer with a non-root reader is a supported use.
+const mode_t kFifoMode = 0644;
+const mode_t kWritableByOthers = S_IWGRP | S_IWOTH;
 const char kInTheWay[] = "a file that is not a FIFO is in the way";
 
 std::string PipeDirectory() {
@@ -76,6 +80,26 @@ std::string FindPipe(const std::string& path, shared::CheckedFolder& folder, std
     return S_ISFIFO(st.st_mode) ? std::string() : "not a named pipe";
 }
 
+// Takes the group and other write bits from our own FIFO `leaf` in `folder`, made so by an
+// older version under umask 0. The entry is opened without following it and looked at through
+// that descriptor, so the change reaches exactly the FIFO that was checked. Best effort: the
+// pipe stays usable when it fails.
+void TightenOwnFifo(const shared::CheckedFolder& folder, const std::string& leaf) {
+    const int fd = ::openat(folder.fd(), leaf.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        return;
+    }
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode) && st.st_uid == ::geteuid() &&
+        (st.st_mode & kWritableByOthers) != 0) {
+        // fchmod does not take an O_PATH descriptor; its /proc/self/fd entry names the same
+        // inode and is not a path anybody else can redirect.
+        const std::string self = "/proc/self/fd/" + std::to_string(fd);
+        (void)::chmod(self.c_str(), st.st_mode & 07777 & ~kWritableByOthers);
+    }
+    ::close(fd);
+}
+
 }  // namespace
 
 bool NamedPipeCreator::IsPipe(const std::string& path) {
@@ -95,9 +119,12 @@ std::string NamedPipeCreator::Remove(const std::string& path) {
 }
 
 std::string NamedPipeCreator::ConstructPipeFilename(const std::string& name) {
-    const std::string dir = PipeDirectory();
-    FSUtils::EnsureSharedDirectory(dir);
-    return dir + "/" + name + kFifoSuffix;
+    FSUtils::EnsureSharedDirectory(PipeDirectory());
+    return PipeFilenameWithoutCreating(name);
+}
+
+std::string NamedPipeCreator::PipeFilenameWithoutCreating(const std::string& name) {
+    return PipeDirectory() + "/" + name + kFifoSuffix;
 }
 
 bool NamedPipeCreator::CreateIfNeeded(const std::string& path) {
@@ -125,12 +152,15 @@ bool NamedPipeCreator::CreateIfNeeded(const std::string& path) {
                 return Fail(path,
                             "a named pipe of uid " + std::to_string(st.st_uid) + " is in the way");
             }
+            if ((st.st_mode & kWritableByOthers) != 0 && st.st_uid == ::geteuid()) {
+                TightenOwnFifo(folder, leaf);
+            }
             return true;
         }
         if (errno != ENOENT) {
             return Fail(path, std::strerror(errno));
         }
-        if (::mkfifoat(folder.fd(), leaf.c_str(), 0666) == 0) {
+        if (::mkfifoat(folder.fd(), leaf.c_str(), kFifoMode) == 0) {
             return true;
         }
         if (errno != EEXIST) {

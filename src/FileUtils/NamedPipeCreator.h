@@ -13,9 +13,16 @@ public:
     // "<dir>/<name>.fifo", dir = $SLOT_PIPE_DIR when set, else /tmp/libslot-pipes. The
     // directory is created on demand with mode 01777, so pipes of every user can live in it.
     static std::string ConstructPipeFilename(const std::string& name);
+    // The same path with nothing created, for those that only look (surveys, slotctl): a look
+    // must not make the shared folder, which would then belong to whoever looked first and be
+    // refused to root's and every other user's pipes. A missing folder holds no pipes.
+    static std::string PipeFilenameWithoutCreating(const std::string& name);
 
-    // Creates a FIFO at `path` (mode 0666 less the umask) unless one is there already. False
-    // when it cannot be made, also when
+    // Creates a FIFO at `path` (mode 0644 less the umask: nobody but the owner can write into
+    // it; other users can read it, and so take bytes from it, unless the umask removes the read
+    // bits) unless one is there already. An existing FIFO of the effective user that group or
+    // others may write to (made by an older version under umask 0) loses those write bits.
+    // False when it cannot be made, also when
     // - the path does not stay in its folder: a ".." component, a folder below the pipe folder,
     //   or "<name>.fifo" with an empty name, "." or ".." (slot names "../x", "a/b", "", ".",
     //   "..");
@@ -23,8 +30,9 @@ public:
     // - something that is not a FIFO (a regular file, a folder, a symlink) is in the way, or a
     //   FIFO of another user than root or the effective user (which could hand this process's
     //   blocks to that user, or feed it theirs).
-    // The reason is logged at ERROR on logger "FileUtils". Nothing at the path is followed or
-    // changed. Safe against another process creating the same FIFO at the same time.
+    // The reason is logged at ERROR on logger "FileUtils". Nothing at the path is followed, and
+    // nothing is changed but those write bits. Safe against another process creating the same FIFO
+    // at the same time.
     static bool CreateIfNeeded(const std::string& path);
 
     // Whether a FIFO stands at `path`, looked up as CreateIfNeeded does: in a folder that passes

@@ -176,7 +176,7 @@ std::vector<SlotAttachmentList> SlotAttachments::FindMany(
             uses[slots[i].pipePath].push_back({i, Part::Pipe});
         }
         try {
-            lockFiles[i] = FileUtils::FSUtils::GetSingletonFileLockName(name);
+            lockFiles[i] = FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name);
         } catch (const std::exception&) {
         }
     }

@@ -42,10 +42,14 @@ LeftoverRemoval SlotLeftovers::RemoveReaderLockFile(const std::string& name) {
     if (!HasLockFile(name)) {
         return result;
     }
-    result.path = FileUtils::FSUtils::GetSingletonFileLockName(name);
+    result.path = FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name);
     std::string folderPath;
     std::string file;
     shared::SplitFolderAndName(result.path, folderPath, file);
+    struct stat folderStat;
+    if (::lstat(folderPath.c_str(), &folderStat) != 0 && errno == ENOENT) {
+        return result;  // no lock folder, so no lock file; it is not made for a look
+    }
     try {
         const shared::CheckedFolder folder = shared::CheckedFolder::Open(folderPath);
         struct stat st;
@@ -85,7 +89,7 @@ LeftoverRemoval SlotLeftovers::RemoveReaderLockFile(const std::string& name) {
 
 std::vector<std::string> SlotLeftovers::OrphanedReaderLockFiles() {
     std::vector<std::string> names;
-    const std::string folderPath = FileUtils::FSUtils::GetSingletonFileLockDirectory();
+    const std::string folderPath = FileUtils::FSUtils::SingletonFileLockDirectoryWithoutCreating();
     try {
         const shared::CheckedFolder folder = shared::CheckedFolder::Open(folderPath);
         const int fd = ::openat(folder.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -36,7 +36,8 @@ public:
     // which also sees a reader of this process), then unlinked through the checked lock folder
     // while claimed, never through a link. A reader that opened the file just before never holds
     // a file nobody else can see: its claim (FileLock::Claim) waits for the unlink and takes the
-    // file made after it, so the removal never refuses a reader. Never throws for what it finds.
+    // file made after it, so the removal never refuses a reader. A missing lock folder holds no
+    // file and is not made. Never throws for what it finds.
     static LeftoverRemoval RemoveReaderLockFile(const std::string& name);
 
     // Slot names whose reader lock file lies in the lock folder, unheld, while neither the

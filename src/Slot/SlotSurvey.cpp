@@ -398,13 +398,13 @@ SlotReport SlotSurvey::InspectSlot(const std::string& name) {
             break;
         }
     }
-    const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
+    const std::string pipe = FileUtils::NamedPipeCreator::PipeFilenameWithoutCreating(name);
     if (FileUtils::NamedPipeCreator::IsPipe(pipe)) {
         report.pipePath = pipe;
     }
     Decide(report);
     if (report.kind == SlotKind::Reliable) {
-        report.readerLockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);
+        report.readerLockFile = FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name);
         report.readerPid = shared::FileLock::AnyHolder(report.readerLockFile);
     }
     return report;
@@ -422,7 +422,7 @@ std::vector<SlotReport> SlotSurvey::ListSlots() {
         }
     }
     // "<dir>/<name>.fifo": the directory and the suffix of the library's named pipes.
-    const std::string anyPipe = FileUtils::NamedPipeCreator::ConstructPipeFilename("");
+    const std::string anyPipe = FileUtils::NamedPipeCreator::PipeFilenameWithoutCreating("");
     const std::string pipeDir = anyPipe.substr(0, anyPipe.rfind('/'));
     const std::string fifoSuffix = anyPipe.substr(pipeDir.size() + 1);
     std::set<std::string> pipes;

@@ -68,6 +68,30 @@ TEST(NamedPipeCreator, CreatesAFifoButRefusesAnythingElseInTheWayAndLeavesItAlon
     EXPECT_EQ(::geteuid() == 0 ? 4u : 3u, log.CountPrefix("ERROR", "Cannot create named pipe '"));
 }
 
+// Nobody but the owner may write into a FIFO, whatever the umask: a new one is made 0644, and
+// an own one that group or others may write to (made by an older version under umask 0) is
+// tightened. Others keep their read bits.
+TEST(NamedPipeCreator, NoFifoIsWritableByGroupOrOthersEvenUnderUmaskZero) {
+    filetest::ScopedPaths cleanup;
+    const std::string fresh =
+        cleanup.Add(NamedPipeCreator::ConstructPipeFilename(testsupport::UniqueName("umask0")));
+    const std::string old =
+        cleanup.Add(NamedPipeCreator::ConstructPipeFilename(testsupport::UniqueName("old")));
+    struct UmaskZero {
+        UmaskZero() : saved(::umask(0)) {}
+        ~UmaskZero() { ::umask(saved); }
+        mode_t saved;
+    };
+    {
+        UmaskZero zero;
+        ASSERT_TRUE(NamedPipeCreator::CreateIfNeeded(fresh));
+        ASSERT_EQ(0, ::mkfifo(old.c_str(), 0666));
+        ASSERT_TRUE(NamedPipeCreator::CreateIfNeeded(old));
+    }
+    EXPECT_EQ(static_cast<mode_t>(S_IFIFO | 0644), ModeOf(fresh));
+    EXPECT_EQ(static_cast<mode_t>(S_IFIFO | 0644), ModeOf(old));
+}
+
 TEST(NamedPipeCreator, NamesThatDoNotStayInThePipeFolderAreRefusedAndCreateNothing) {
     testsupport::LogCapture log("FileUtils");
     const std::string dir = testsupport::TestRunDir();

@@ -10,6 +10,8 @@
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
 #include <Slot/BoostInterprocess/SlotImage.h>
+#include <Slot/SlotAttachments.h>
+#include <Slot/SlotLeftovers.h>
 #include <Slot/SlotSurvey.h>
 
 #include <gtest/gtest.h>
@@ -145,6 +147,23 @@ TEST(SlotSurvey, NothingThereHalfAndUnfinishedSlots) {
         EXPECT_EQ(c.state, ListedState(c.name));
     }
     EXPECT_EQ(SlotState::Absent, ListedState(BaseQueueSlot::GetQueueName(emptyQueue)));
+}
+
+// Looking makes neither the pipe folder nor the lock folder: one made by a look would belong to
+// whoever looked first, and root's and every other user's pipes and readers would refuse it.
+TEST(SlotSurvey, LookingCreatesNoSharedFolder) {
+    ScopedSlotName name("look");
+    { ReliableSlot slot(open_or_create, name.c_str(), 8, 2); }
+    testsupport::ScopedMissingSharedFolders folders;
+    const SlotReport report = Inspect(name);
+    EXPECT_EQ(SlotKind::Reliable, report.kind);
+    EXPECT_EQ(0, report.readerPid);
+    EXPECT_TRUE(report.pipePath.empty());
+    EXPECT_EQ(SlotState::Healthy, ListedState(name));
+    EXPECT_TRUE(SlotAttachments::Find(name, report.pipePath).processes.empty());
+    EXPECT_EQ(LeftoverOutcome::Absent, SlotLeftovers::RemoveReaderLockFile(name).outcome);
+    EXPECT_TRUE(SlotLeftovers::OrphanedReaderLockFiles().empty());
+    EXPECT_EQ(std::vector<std::string>(), folders.Made());
 }
 
 TEST(SlotSurvey, DamagedAndForeignObjects) {

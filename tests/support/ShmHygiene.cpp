@@ -110,6 +110,30 @@ const std::string& TestRunDir() {
     return dir;
 }
 
+ScopedMissingSharedFolders::ScopedMissingSharedFolders()
+    : pipeDir_(TestRunDir() + "/" + UniqueName("nopipes")),
+      lockDir_(TestRunDir() + "/" + UniqueName("nolocks")) {
+    ::setenv("SLOT_PIPE_DIR", pipeDir_.c_str(), 1);
+    ::setenv("SLOT_LOCK_DIR", lockDir_.c_str(), 1);
+}
+
+ScopedMissingSharedFolders::~ScopedMissingSharedFolders() {
+    ::setenv("SLOT_PIPE_DIR", TestRunDir().c_str(), 1);
+    ::setenv("SLOT_LOCK_DIR", TestRunDir().c_str(), 1);
+    ::rmdir(pipeDir_.c_str());
+    ::rmdir(lockDir_.c_str());
+}
+
+std::vector<std::string> ScopedMissingSharedFolders::Made() const {
+    std::vector<std::string> made;
+    for (const std::string* dir : {&pipeDir_, &lockDir_}) {
+        if (Exists(*dir)) {
+            made.push_back(*dir);
+        }
+    }
+    return made;
+}
+
 void InstallTestEnvironment() {
     ::testing::AddGlobalTestEnvironment(new Environment);
 }

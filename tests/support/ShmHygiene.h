@@ -43,6 +43,24 @@ std::vector<std::string> LeftoverShmObjects();
 // (SLOT_PIPE_DIR). Created on first use, removed by the test environment.
 const std::string& TestRunDir();
 
+// Points SLOT_PIPE_DIR and SLOT_LOCK_DIR at two folders below TestRunDir() that do not exist,
+// for tests that check that a mere look creates neither; back to TestRunDir() (and the folders
+// removed, should they have been made) when it goes out of scope.
+class ScopedMissingSharedFolders {
+public:
+    ScopedMissingSharedFolders();
+    ~ScopedMissingSharedFolders();
+    ScopedMissingSharedFolders(const ScopedMissingSharedFolders&) = delete;
+    ScopedMissingSharedFolders& operator=(const ScopedMissingSharedFolders&) = delete;
+
+    // Those of the two folders that exist now, by path.
+    std::vector<std::string> Made() const;
+
+private:
+    std::string pipeDir_;
+    std::string lockDir_;
+};
+
 // Installs the gtest environment that sets the directories above up, silences log4cxx by
 // default (SLOT_TEST_LOG=1 prints everything to stderr) and, after the last test, fails the run
 // if anything it created is left in /dev/shm (and removes it).

@@ -203,6 +203,18 @@ TEST(SlotctlSurvey, LsAndInfoShowAWrittenSlotWithoutResettingIt) {
     EXPECT_TRUE(writer.Wait().Ok()) << "the writer's header changed";
 }
 
+// A look with slotctl makes neither the pipe folder nor the lock folder, which would then belong
+// to this user and be refused to every other user's pipes and readers.
+TEST(SlotctlSurvey, LsAndInfoCreateNoSharedFolder) {
+    ScopedSlotName name("nofolder");
+    SlotctlEnding(0, {"write", name.str(), "--type", "reliable"}, Options{"x"});
+    testsupport::ScopedMissingSharedFolders folders;
+    EXPECT_THAT(SlotctlEnding(0, {"ls"}).out, HasSubstr(name.str() + " "));
+    SlotctlEnding(0, {"info", name.str()});
+    SlotctlEnding(0, {"info", "--json", name.str()});
+    EXPECT_EQ(std::vector<std::string>(), folders.Made());
+}
+
 // Objects of other programs, or broken ones: an empty object and one whose Boost state word
 // says "being created" (opening either through Boost would spin for ever), and garbage that
 // claims to be initialised.

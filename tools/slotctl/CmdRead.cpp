@@ -193,8 +193,8 @@ Opened OpenSlotReader(const Arguments& arguments, const std::string& name, std::
     } catch (const AbortSlotCreationException& e) {
         std::string message = "cannot read " + Quote(name) + ": " + e.what();
         if (opened.type == "reliable") {
-            const pid_t holder =
-                shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name));
+            const pid_t holder = shared::FileLock::Holder(
+                FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name));
             if (holder > 0) {
                 message += " (its reader is pid " + std::to_string(holder) + ")";
             }

@@ -448,8 +448,8 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
         const std::string type = TypeName(cfg);
         if (type == "reliable") {
             // One reader per machine: the recorder must be it.
-            const pid_t holder =
-                shared::FileLock::Holder(FileUtils::FSUtils::GetSingletonFileLockName(name));
+            const pid_t holder = shared::FileLock::Holder(
+                FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name));
             if (holder > 0) {
                 throw CommandError(ExitFailure,
                                    "cannot record " + Quote(name) +

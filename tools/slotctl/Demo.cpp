@@ -373,7 +373,7 @@ void CleanUp(const demo::Settings& settings, Printer& printer) {
     for (int i = 0; i < SlotCount; ++i) {
         const std::string name = settings.SlotName(i);
         if (i == PosixPipe) {
-            const std::string pipe = FileUtils::NamedPipeCreator::ConstructPipeFilename(name);
+            const std::string pipe = FileUtils::NamedPipeCreator::PipeFilenameWithoutCreating(name);
             if (::unlink(pipe.c_str()) == 0) {
                 removed.push_back(pipe);
             }
@@ -385,7 +385,7 @@ void CleanUp(const demo::Settings& settings, Printer& printer) {
             removed.push_back("slot " + Quote(name));
         }
         if (i == Reliable) {
-            const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
+            const std::string lock = FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name);
             if (::unlink(lock.c_str()) == 0) {
                 removed.push_back(lock);
             }
@@ -428,7 +428,8 @@ int RunDemo(const Context& context, const std::vector<std::string>& args) {
         const std::string name = settings.SlotName(i);
         CheckSlotName(name);
         if (ShmExists(name) || ShmExists(QueueObject(name)) ||
-            ::access(FileUtils::NamedPipeCreator::ConstructPipeFilename(name).c_str(), F_OK) == 0) {
+            ::access(FileUtils::NamedPipeCreator::PipeFilenameWithoutCreating(name).c_str(),
+                     F_OK) == 0) {
             throw CommandError(ExitFailure, "slot " + Quote(name) +
                                                 " exists already: choose another --prefix or "
                                                 "remove it with slotctl rm");
