@@ -226,6 +226,7 @@ PoolReport SurveyPool(const std::string& name) {
         struct stat st;
         if (dirFd >= 0 && ::fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
             report.exists = true;
+            report.folderRefused = true;
             Damaged(report, e.what());
         }
         if (dirFd >= 0) {

@@ -19,7 +19,10 @@ struct PoolReport {
     bool exists = false;  ///< the pool's file exists
     std::string state;    ///< "healthy", "damaged" or "missing"
     std::string problem;  ///< why it is damaged (empty otherwise)
-    std::string kind;     ///< "latest" or "queue"
+    /// The pools' folder was refused (another user's): the pool is reported damaged, as no
+    /// process here can use or remove it, although its file may be sound.
+    bool folderRefused = false;
+    std::string kind;  ///< "latest" or "queue"
     std::size_t maxBlockSize = 0;
     std::size_t blockCount = 0;
     std::uint64_t fileSize = 0;

@@ -803,23 +803,20 @@ TEST_F(PoolTest, PoolsInARefusedFolderAreReportedWithTheReasonNotMissing) {
     const auto config = pool.Config("latest", 8, 2);
     auto unshareError = testsupport::SharedWithChildren<std::atomic<int>>();
     const testsupport::ChildResult result = testsupport::RunInChild([&] {
-        if (::unshare(CLONE_NEWNS) != 0 ||
-            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("tmpfs", Slot::ShmDirectory().c_str(), "tmpfs", 0, "mode=1777") != 0) {
-            *unshareError = errno;
+        *unshareError = pooltest::PrivateShm();
+        if (*unshareError != 0) {
             return 0;
         }
         if (Slot::SurveyPool(pool.str()).state != "missing" || !Slot::ListPools().empty()) {
             return testsupport::Failed(2, "a pool found before the folder was made");
         }
         PoolFactory::CreatePoolWriter(config);
-        const uid_t other = ::geteuid() == 0 ? 65534 : 0;
-        if (::chown(Slot::PoolDirectory().c_str(), other, other) != 0) {
-            *unshareError = errno;
+        *unshareError = pooltest::GivePoolFolderAway();
+        if (*unshareError != 0) {
             return 0;
         }
         const Slot::PoolReport report = Slot::SurveyPool(pool.str());
-        if (!report.exists || report.state != "damaged" ||
+        if (!report.exists || report.state != "damaged" || !report.folderRefused ||
             report.problem.rfind("Unsafe folder '" + Slot::PoolDirectory() + "': ", 0) != 0 ||
             WriterError(config) != CannotOpen(pool.str(), report.problem)) {
             return testsupport::Failed(3, report.state + ": " + report.problem);

@@ -11,7 +11,10 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -36,6 +39,25 @@ public:
 private:
     std::string name_;
 };
+
+// In a child process: gives it a /dev/shm of its own (a private mount namespace with a fresh
+// tmpfs). 0, or the errno that kept this from being set up here (no namespaces, not root): the
+// caller then skips.
+inline int PrivateShm() {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", Slot::ShmDirectory().c_str(), "tmpfs", 0, "mode=1777") != 0) {
+        return errno;
+    }
+    return 0;
+}
+
+// Hands the pools' folder (of a private /dev/shm) to another user, as a folder made first by
+// another user is; 0 or the errno.
+inline int GivePoolFolderAway() {
+    const uid_t other = ::geteuid() == 0 ? 65534 : 0;
+    return ::chown(Slot::PoolDirectory().c_str(), other, other) != 0 ? errno : 0;
+}
 
 // Files in the pools' folder whose names start with `prefix`.
 inline std::vector<std::string> PoolFiles(const std::string& prefix) {

@@ -4,6 +4,7 @@
 // record, replay and top.
 #include "../Slot/PoolTestSupport.h"
 #include "ChildProcess.h"
+#include "ChildRequire.h"
 #include "Eventually.h"
 #include "McapRecording.h"
 #include "ShmHygiene.h"
@@ -21,6 +22,7 @@
 
 #include <sys/wait.h>
 #include <unistd.h>
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -160,6 +162,31 @@ TEST(SlotctlPools, HoldersOfOtherPidNamespacesAreCountedNotListed) {
 // Both kinds carry blocks from write to read: a queue keeps what was written before its reader
 // came, a latest pool delivers to a reader that waits; a queue's second reader is refused,
 // naming the first.
+// rm --stale leaves the pools of a pools' folder another user made: they are reported damaged
+// (nobody here can use them) but are not this user's to remove. On a /dev/shm of its own.
+TEST(SlotctlPools, RmStaleLeavesPoolsOfARefusedFolder) {
+    ScopedPool pool("refused");
+    auto setupError = testsupport::SharedWithChildren<std::atomic<int>>();
+    const testsupport::ChildResult result = testsupport::RunInChild([&] {
+        *setupError = pooltest::PrivateShm();
+        if (*setupError == 0) {
+            Slot::PoolFactory::CreatePoolWriter(pool.Config("latest", 64, 2));
+            *setupError = pooltest::GivePoolFolderAway();
+        }
+        if (*setupError != 0) {
+            return 0;
+        }
+        const Outcome rm = Slotctl({"rm", "--stale"});
+        testsupport::Require(rm.status == 0 && Exists(Slot::PoolPath(pool.str())), 2,
+                             rm.Describe());
+        return 0;
+    });
+    ASSERT_TRUE(result.Ok()) << result.Describe();
+    if (*setupError != 0) {
+        GTEST_SKIP() << "a /dev/shm of its own cannot be made here: " << std::strerror(*setupError);
+    }
+}
+
 TEST(SlotctlPools, WriteAndReadThroughBothKinds) {
     ScopedPool queue("rq"), latest("rl");
     const Outcome write = Slotctl({"write", queue.str(), "--type", "queue", "--max-size", "64",

@@ -336,9 +336,11 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
             ++found;
             ok = RemoveOrphanOnly(name) && ok;
         }
-        // Damaged pools: nobody can use them.
+        // Damaged pools: nobody can use them. Those in a refused folder are not this user's
+        // to remove (their files may be sound).
         for (const std::string& name : Slot::ListPools()) {
-            if (Slot::SurveyPool(name).state == "damaged") {
+            const Slot::PoolReport pool = Slot::SurveyPool(name);
+            if (pool.state == "damaged" && !pool.folderRefused) {
                 ++found;
                 ok = RemovePoolOne(name, true, force) && ok;
             }
