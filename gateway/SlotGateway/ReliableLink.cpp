@@ -446,6 +446,7 @@ bool ReliableSender::PutBack() {
             // is no claim on the new one: the next take claims it first.
             claim_.reset();
             claimed_ = false;
+            refusedAt_.reset();
             slot_ = SlotFactory::CreateSlot(&cfg_);
             slotFile_ = ObjectOf(route_);
             held_.resize(std::max(held_.size(), slot_->GetMaxDataSize()));
@@ -453,8 +454,18 @@ bool ReliableSender::PutBack() {
         {
             boost::interprocess::scoped_lock<shared::ILockable> lock(*slot_->GetLockable());
             const std::size_t waiting = slot_->GetBufferLength();
+            // Tried on every poll: while the slot is as full as when it last refused the block
+            // (this gateway is its only reader, so it only fills), the refusal and its warning
+            // are not repeated. The stop's last try writes all the same.
+            if (!stop_.set && refusedAt_ && waiting >= *refusedAt_) {
+                return false;
+            }
             slot_->WriteData(held_.data(), heldSize_);
             stored = Slot::LastWriteOutcome() == Slot::WriteOutcome::Stored;
+            refusedAt_.reset();
+            if (!stored) {
+                refusedAt_ = waiting;
+            }
             for (std::size_t i = 0; stored && i < waiting; ++i) {
                 const std::size_t size = slot_->ReadData(held_.data(), held_.size());
                 slot_->WriteData(held_.data(), size);

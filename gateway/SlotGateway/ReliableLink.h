@@ -141,6 +141,8 @@ private:
         std::size_t hash;
     };
     std::optional<PutBackBlock> putBack_;
+    // How many blocks the slot held when it last refused the held block back (none: not refused).
+    std::optional<std::size_t> refusedAt_;
     std::uint64_t sequence_ = 0;
 
     std::atomic<bool> claimed_{false};

@@ -679,6 +679,11 @@ void RouteRunner::LeaveTopic() {
     if (!route_.reliable()) {
         return;  // a discarding route's senders hold nothing back for it
     }
+    // The acknowledgements sent go out first: a sender that learns of the leaving before an
+    // acknowledgement would put a stored block back, and the next receiver would store it again.
+    if (acknowledger_) {
+        acknowledger_->Flush(stop_.GraceLeft(grace_, kLastWords));
+    }
     readerDeleted_ = true;
     dds_set_listener(reader_, nullptr);  // after a callback in progress
     dds_delete(reader_);
