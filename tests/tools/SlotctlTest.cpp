@@ -79,6 +79,7 @@ TEST(SlotctlErrors, BadCommandLinesAndMissingSlotsGiveOneLine) {
         {2, {"read", ".."}, "invalid slot name '..'"},
         {2, {"rm", name.str(), "x/y"}, "invalid slot name 'x/y'"},
         {2, {"write", "a/b", "data"}, "invalid slot name 'a/b'"},
+        {2, {"ls", "--json", "--names"}, "ls: --json and --names exclude each other"},
         {2, {"write", name.str(), "--type", "win-pipe", "data"}, "invalid slot type 'win-pipe'"},
         {2, {"read", name.str(), "--type", "Reliable"}, "invalid slot type 'Reliable'"},
         {2, {"write", name.str(), "--count", "many", "data"}, "--count must be a whole number"},

@@ -12,7 +12,8 @@ prefix="slotcomp_$$_"
 # The completion runs in a folder of its own, where the planted command would leave its mark.
 work=$(mktemp -d)
 cd "$work"
-names=("${prefix}a b" "${prefix}x\$(>ran)y" "${prefix}q'uote" "${prefix}tab$(printf '\t')b")
+names=("${prefix}a b" "${prefix}x\$(>ran)y" "${prefix}q'uote" "${prefix}tab$(printf '\t')b"
+    "${prefix}$(printf 'long%.0s' {1..20})" "${prefix}NAME  KIND")
 cleanup() {
     local name
     for name in "${names[@]}"; do
@@ -46,11 +47,12 @@ if [[ -e ran ]]; then
     echo "completion ran a command held in a slot name"
     status=1
 fi
-write "${names[0]}"
-write "${names[2]}"
-write "${names[3]}"
-# The name with a tab is shown escaped by ls, so it is not offered.
-expect "$prefix" "${names[@]:0:3}"
+for name in "${names[@]:0:1}" "${names[@]:2}"; do
+    write "$name"
+done
+# The name with a tab is shown escaped by ls, so it is not offered; a name longer than the
+# table's column and one that looks like its heading are offered whole.
+expect "$prefix" "${names[@]:0:3}" "${names[@]:4}"
 offered=$(complete "$prefix")
 # Each offered word, read back by the shell, is the name itself.
 while IFS= read -r word; do

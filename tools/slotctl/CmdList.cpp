@@ -312,8 +312,11 @@ void PrintPoolInfo(std::ostream& out, const Slot::PoolReport& report) {
 }  // namespace
 
 int RunList(const Context&, const std::vector<std::string>& args) {
-    const Arguments arguments("ls", args, {}, {"json"});
+    const Arguments arguments("ls", args, {}, {"json", "names"});
     arguments.ExpectOperands(0, 0, "no operands");
+    if (arguments.Has("json") && arguments.Has("names")) {
+        throw UsageError("ls: --json and --names exclude each other");
+    }
     const std::vector<SlotReport> reports = SlotSurvey::ListSlots();
     std::vector<Slot::PoolReport> pools;
     for (const std::string& pool : Slot::ListPools()) {
@@ -321,6 +324,19 @@ int RunList(const Context&, const std::vector<std::string>& args) {
     }
     if (arguments.Has("json")) {
         PrintOut(ListJson(reports, pools) + "\n");
+        return ExitOk;
+    }
+    if (arguments.Has("names")) {
+        // The names alone, whole (the table cuts its column short), for scripts and the shell's
+        // completion.
+        std::string names;
+        for (const SlotReport& report : reports) {
+            names += Printable(report.name) + "\n";
+        }
+        for (const Slot::PoolReport& pool : pools) {
+            names += Printable(pool.name) + "\n";
+        }
+        PrintOut(names);
         return ExitOk;
     }
     size_t nameWidth = 4;

@@ -42,7 +42,7 @@ exit status: 0 ok, 1 failed (not a slot, no permission, data refused...), 2 bad 
 
 const char* CommandHelp(const std::string& command) {
     if (command == "ls") {
-        return R"HELP(usage: slotctl ls [--json]
+        return R"HELP(usage: slotctl ls [--json | --names]
 
 Lists every slot of this machine: NAME, KIND (a queue of capacity 1 is discarding, larger is
 reliable; a FIFO alone is posix-pipe), STATE, MAX BLOCK size in bytes, WAITING blocks /
@@ -67,6 +67,8 @@ characters and bytes that are not UTF-8 escaped as \xNN.
             owner, uid, age_seconds, detail); unknown values are null; control characters
             are \u00XX escapes (\n, \t... for those JSON has a short escape for) and bytes
             that are not UTF-8 the text \xNN
+  --names   only the names of the slots, then of the pools, one per line, whole and escaped as
+            in the table (for scripts and the shell's completion)
 )HELP";
     }
     if (command == "info") {
