@@ -6,11 +6,11 @@
 
 #include <FileUtils/FSUtils.h>
 #include <shared/FileLock.h>
+#include <shared/MutexOwner.h>
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 #include <cerrno>
 #include <climits>
@@ -99,35 +99,6 @@ typedef std::unordered_map<std::string, std::vector<Use>> PathUses;
 // A file as device and inode: how a mapping is matched to the objects asked for.
 typedef std::pair<dev_t, ino_t> FileId;
 typedef std::map<FileId, std::vector<Use>> FileUses;
-
-// The file a maps line maps, as device and inode (the fourth and fifth fields). The path column
-// cannot be compared: the kernel writes a newline in it as "\012", which a name may also hold
-// literally. Inode 0 (anonymous memory) or a line that does not parse gives nothing.
-std::optional<FileId> MappedFile(const std::string& maps, size_t start, size_t end) {
-    size_t at = start;
-    for (int field = 0; field < 3; ++field) {
-        at = maps.find(' ', at);
-        if (at == std::string::npos || at >= end) {
-            return std::nullopt;
-        }
-        ++at;
-    }
-    char* next = nullptr;
-    const unsigned long major = std::strtoul(maps.c_str() + at, &next, 16);
-    if (next == nullptr || *next != ':') {
-        return std::nullopt;
-    }
-    const unsigned long minor = std::strtoul(next + 1, &next, 16);
-    if (*next != ' ') {
-        return std::nullopt;
-    }
-    const unsigned long long inode = std::strtoull(next + 1, &next, 10);
-    if (inode == 0 || static_cast<size_t>(next - maps.c_str()) > end) {
-        return std::nullopt;
-    }
-    return FileId{makedev(static_cast<unsigned>(major), static_cast<unsigned>(minor)),
-                  static_cast<ino_t>(inode)};
-}
 
 void Mark(SlotAttachment& process, Part part) {
     process.header = process.header || part == Part::Header;
@@ -218,8 +189,12 @@ std::vector<SlotAttachmentList> SlotAttachments::FindMany(
             if (end == std::string::npos) {
                 end = maps.size();
             }
-            const std::optional<FileId> file = MappedFile(maps, start, end);
-            const auto it = file ? files.find(*file) : files.end();
+            // By device and inode: the path column writes a newline in a name as "\012",
+            // which a name may also hold literally. The line alone is parsed (a scan of the
+            // rest of the map for each line would take time quadratic in its length).
+            const shared::FileIdentity file =
+                shared::FileOfMapsLine(maps.substr(start, end - start).c_str());
+            const auto it = file.known ? files.find(FileId{file.device, file.inode}) : files.end();
             if (it != files.end()) {
                 mark(it->second);
             }

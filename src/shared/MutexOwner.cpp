@@ -112,6 +112,17 @@ bool ParseMapsLine(const char* text, MapsLine& line) {
                        &line.end, &line.major, &line.minor, &line.inode) == 5;
 }
 
+// The file a parsed line maps; an anonymous mapping shows inode 0 and is no file.
+FileIdentity FileOf(const MapsLine& line) {
+    FileIdentity file;
+    if (line.inode != 0) {
+        file.device = makedev(line.major, line.minor);
+        file.inode = static_cast<ino_t>(line.inode);
+        file.known = true;
+    }
+    return file;
+}
+
 // Calls `visit` with each line of /proc/<pid>/maps until it returns true. Returns -1 when the
 // map cannot be opened, 0 when it held no line, 1 otherwise. Only the start of a line is
 // parsed; the rest of a long one (its path) is skipped.
@@ -139,6 +150,11 @@ int ForEachMapsLine(const std::string& process, Visit visit) {
 
 }  // namespace
 
+FileIdentity FileOfMapsLine(const char* text) {
+    MapsLine line;
+    return ParseMapsLine(text, line) ? FileOf(line) : FileIdentity();
+}
+
 FileIdentity FileMappedAt(const void* address) {
     const std::uint64_t at = reinterpret_cast<std::uintptr_t>(address);
     FileIdentity file;
@@ -146,12 +162,7 @@ FileIdentity FileMappedAt(const void* address) {
         if (at < line.start || at >= line.end) {
             return false;
         }
-        // An anonymous mapping shows inode 0.
-        if (line.inode != 0) {
-            file.device = makedev(line.major, line.minor);
-            file.inode = static_cast<ino_t>(line.inode);
-            file.known = true;
-        }
+        file = FileOf(line);
         return true;
     });
     return file;

@@ -41,6 +41,10 @@ struct FileIdentity {
     bool known = false;
 };
 
+// The file that one line of a /proc/<pid>/maps maps (its device and inode fields); not known for
+// anonymous memory (inode 0) or a line that does not parse.
+SHARED_EXPORT FileIdentity FileOfMapsLine(const char* line);
+
 // The file that this process maps at `address`, from /proc/self/maps; not known when nothing
 // file-backed is mapped there or the map cannot be read.
 SHARED_EXPORT FileIdentity FileMappedAt(const void* address);
