@@ -35,6 +35,7 @@ namespace {
 
 using pooltest::ScopedPool;
 using slotctltest::Background;
+using slotctltest::Contains;
 using slotctltest::Exists;
 using slotctltest::LineStartingWith;
 using slotctltest::Outcome;
@@ -163,7 +164,8 @@ TEST(SlotctlPools, HoldersOfOtherPidNamespacesAreCountedNotListed) {
 // came, a latest pool delivers to a reader that waits; a queue's second reader is refused,
 // naming the first.
 // rm --stale leaves the pools of a pools' folder another user made: they are reported damaged
-// (nobody here can use them) but are not this user's to remove. On a /dev/shm of its own.
+// (nobody here can use them) but are not this user's to remove; rm and write of one say why,
+// and whose the removal is. On a /dev/shm of its own.
 TEST(SlotctlPools, RmStaleLeavesPoolsOfARefusedFolder) {
     ScopedPool pool("refused");
     auto setupError = testsupport::SharedWithChildren<std::atomic<int>>();
@@ -179,6 +181,19 @@ TEST(SlotctlPools, RmStaleLeavesPoolsOfARefusedFolder) {
         const Outcome rm = Slotctl({"rm", "--stale"});
         testsupport::Require(rm.status == 0 && Exists(Slot::PoolPath(pool.str())), 2,
                              rm.Describe());
+        const std::string refusal = "Unsafe folder '" + Slot::PoolDirectory() + "': ";
+        const Outcome named = Slotctl({"rm", "--pool", pool.str()});
+        testsupport::Require(
+            named.status == 1 && named.err.rfind("slotctl: could not remove " +
+                                                     Slot::PoolPath(pool.str()) + ": " + refusal,
+                                                 0) == 0,
+            3, named.Describe());
+        const Outcome write = Slotctl({"write", "--pool", pool.str(), "x"});
+        testsupport::Require(
+            write.status == 1 && Contains(write.err,
+                                          "; the folder's owner or root must remove "
+                                          "the folder\n"),
+            4, write.Describe());
         return 0;
     });
     ASSERT_TRUE(result.Ok()) << result.Describe();

@@ -306,6 +306,25 @@ TEST(SlotctlStates, ShownAndRemovedAsStaleOnlyWhenBroken) {
     EXPECT_TRUE(liveHolder.Child().Wait().Ok());
 }
 
+// An ordinary user's rm --stale leaves other users' stale slots (theirs or root's to remove),
+// says so, and does not fail for them.
+TEST(SlotctlStates, RmStaleOfAnOrdinaryUserLeavesOtherUsersSlots) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root runs a process as another user";
+    }
+    ScopedSlotName name("othersstale");
+    HeaderHolder holder(name);
+    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+    holder.Child().Kill(SIGKILL);
+    holder.Child().Wait();
+    Options nobody;
+    nobody.uid = 65534;
+    const Outcome rm = SlotctlEnding(0, {"rm", "--stale", "--min-age", "0"}, nobody);
+    EXPECT_THAT(rm.out, HasSubstr("left '" + name.str() + "' (held by dead pid "));
+    EXPECT_THAT(rm.out, HasSubstr(", uid 0's)\n"));
+    EXPECT_TRUE(ShmExists(name.str()));
+}
+
 // rm --stale waits for a slot's users to leave; a slot repaired meanwhile (a writer took over the
 // dead holder's lock and stored a block) is no longer stale and is left with its block. (When
 // the machine is too slow for the user to leave in time, rm gives up on it: also left.)

@@ -6,6 +6,7 @@
 #include "PoolTarget.h"
 #include "Signals.h"
 
+#include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
 #include <Slot/PoolFactory.h>
 #include <Slot/PoolSurvey.h>
@@ -16,6 +17,7 @@
 #include <Slot/SlotReportJson.h>
 #include <Slot/SlotSurvey.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <iostream>
@@ -293,6 +295,11 @@ bool RemovePoolOne(const std::string& name, bool staleOnly, bool force) {
         std::cerr << "slotctl: warning: removing the pool " << Quote(name) << " while in use by "
                   << Join(users) << "\n";
     }
+    if (report.folderRefused) {
+        std::cerr << "slotctl: could not remove " << path << ": " << Printable(report.problem)
+                  << "\n";
+        return false;
+    }
     if (!Slot::PoolFactory::RemovePool(name)) {
         std::cerr << "slotctl: could not remove " << path
                   << (::geteuid() != 0 ? " (not the owner?)" : "") << "\n";
@@ -322,6 +329,16 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
         for (const SlotReport& report : SlotSurvey::ListSlots()) {
             if (IsStale(report)) {
                 ++found;
+                // Another user's objects are theirs (or root's) to remove: the folder's sticky
+                // bit refuses the removal anyway.
+                uid_t owner = 0;
+                double created = 0;
+                if (::geteuid() != 0 && Slot::OwnerAndAge(report, owner, created) &&
+                    owner != ::geteuid()) {
+                    std::cout << "left " << Quote(report.name) << " (" << StaleWhat(report)
+                              << ", uid " << owner << "'s)\n";
+                    continue;
+                }
                 const double age = report.AgeSeconds();
                 if (age >= 0 && age < minAge) {
                     std::cout << "left " << Quote(report.name) << " (" << StaleWhat(report)
@@ -334,6 +351,15 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
         // Lock files of reliable readers whose slot is gone.
         for (const std::string& name : SlotLeftovers::OrphanedReaderLockFiles()) {
             ++found;
+            struct stat st;
+            const std::string lockFile =
+                FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name);
+            if (::geteuid() != 0 && ::lstat(lockFile.c_str(), &st) == 0 &&
+                st.st_uid != ::geteuid()) {
+                std::cout << "left " << Quote(name) << " (no slot left; its lock file is uid "
+                          << st.st_uid << "'s)\n";
+                continue;
+            }
             ok = RemoveOrphanOnly(name) && ok;
         }
         // Damaged pools: nobody can use them. Those in a refused folder are not this user's

@@ -44,9 +44,13 @@ Slot::PoolConfig ResolvePool(const Arguments& arguments, const std::string& comm
     config.name = name;
     if (report.exists) {
         if (report.state != "healthy") {
-            throw CommandError(ExitFailure, command + ": the pool " + Quote(name) +
-                                                " cannot be used: " + Printable(report.problem) +
-                                                "; remove it with slotctl rm --pool");
+            // A refused folder is not this user's to clear: its owner or root removes it.
+            throw CommandError(
+                ExitFailure,
+                command + ": the pool " + Quote(name) +
+                    " cannot be used: " + Printable(report.problem) +
+                    (report.folderRefused ? "; the folder's owner or root must remove the folder"
+                                          : "; remove it with slotctl rm --pool"));
         }
         config.kind = report.kind;
         config.maxBlockSize = report.maxBlockSize;
