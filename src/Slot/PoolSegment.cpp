@@ -555,14 +555,8 @@ std::shared_ptr<PoolSegment> PoolSegment::OpenExisting(const std::string& name) 
     // The folder is open to all: a file planted by another user (or one others may write)
     // could be rewritten or truncated under its users (SIGBUS). A pool of this user's own
     // that others may write was made by an earlier build: it is made 0644, as pools now are.
-    if (!shared::OwnedByRootOrMe(st)) {
-        Refuse(name, "the file belongs to uid " + std::to_string(st.st_uid) +
-                         ", not to root or this user");
-    }
-    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        if (st.st_uid != ::geteuid() || ::fchmod(fd.fd, 0644) != 0) {
-            Refuse(name, "others may write the file (mode " + shared::ModeText(st.st_mode) + ")");
-        }
+    if (std::optional<std::string> problem = shared::SharedWriteProblem(fd.fd, st, "the file")) {
+        Refuse(name, *problem);
     }
     const std::uint64_t fileSize = static_cast<std::uint64_t>(st.st_size);
     if (fileSize < sizeof(PoolHeader)) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Slot/SlotNames.h>
 
+#include <shared/SharedFolder.h>
+
 #include <climits>
 
 namespace Slot {
@@ -8,7 +10,6 @@ namespace Slot {
 namespace {
 
 const char* const QueuePrefix = "queue_";
-const char* const ShmFolder = "/dev/shm";
 
 }  // namespace
 
@@ -46,11 +47,11 @@ std::optional<std::string> SlotNameProblem(const std::string& name) {
 }
 
 std::string ShmDirectory() {
-    return ShmFolder;
+    return shared::ShmDirectory();
 }
 
 std::string ShmPath(const std::string& object) {
-    return ShmDirectory() + "/" + object;
+    return shared::ShmPath(object);
 }
 
 const char* const PoolFolderName = "libslot-pools";

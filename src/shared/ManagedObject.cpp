@@ -2,6 +2,7 @@
 #include <shared/CrashPoint.h>
 #include <shared/ManagedObject.h>
 #include <shared/MutexOwner.h>
+#include <shared/SharedFolder.h>
 
 #include <boost/interprocess/exceptions.hpp>
 
@@ -192,6 +193,16 @@ bool PrepareManagedObject(const std::string& name, std::size_t size, std::size_t
             FailSystem(errno);
         }
         Fd fd(opened);
+        // Another user who owns the object, or may write it, could truncate it under this
+        // process (SIGBUS) or share its blocks: refused before anything of it is mapped.
+        struct stat st;
+        if (::fstat(fd.get(), &st) != 0) {
+            FailSystem(errno);
+        }
+        if (std::optional<std::string> problem =
+                SharedWriteProblem(fd.get(), st, "'" + ShmPath(name) + "'")) {
+            Fail(*problem);
+        }
         if (AwaitObject(fd.get(), name, userOffset, remedy) == Found::Ready) {
             return false;
         }

@@ -24,6 +24,9 @@ namespace shared {
 //   `size` bytes with posix_fallocate before touching any, runs `initialise(userAddress,
 //   userSize)` and marks the object initialised. If the reservation or the initialisation fails,
 //   the object is unlinked again and the failure thrown: nothing half-made is left.
+// - When it exists, it must belong to root or to this user and group and others must not write
+//   it (shared::SharedWriteProblem; one of this user's own is made 0644): otherwise it is refused
+//   before it is mapped.
 // - When it exists, it waits up to CreationWaitLimit() for its creator to finish. An object that
 //   is still unfinished then (size 0, never initialised, or initialising) is left alone and
 //   reported: its creator may only be slow, so taking it over could corrupt it.

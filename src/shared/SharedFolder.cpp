@@ -93,6 +93,27 @@ bool OwnedByRootOrMe(const struct stat& st) {
     return st.st_uid == 0 || st.st_uid == ::geteuid();
 }
 
+std::optional<std::string> SharedWriteProblem(int fd, const struct stat& st,
+                                              const std::string& shown) {
+    if (!OwnedByRootOrMe(st)) {
+        return shown + " belongs to uid " + std::to_string(st.st_uid) +
+               ", not to root or this user";
+    }
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 &&
+        (st.st_uid != ::geteuid() || ::fchmod(fd, 0644) != 0)) {
+        return "others may write " + shown + " (mode " + ModeText(st.st_mode) + ")";
+    }
+    return std::nullopt;
+}
+
+std::string ShmDirectory() {
+    return "/dev/shm";
+}
+
+std::string ShmPath(const std::string& object) {
+    return ShmDirectory() + "/" + object;
+}
+
 std::string ModeText(mode_t mode) {
     char text[8];
     std::snprintf(text, sizeof(text), "%04o", static_cast<unsigned int>(mode & 07777));

@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <optional>
 #include <string>
 
 namespace shared {
@@ -51,6 +52,21 @@ SHARED_EXPORT bool SplitFolderAndName(const std::string& path, std::string& fold
 
 // True when `st` belongs to root or to the effective user.
 SHARED_EXPORT bool OwnedByRootOrMe(const struct stat& st);
+
+// Why this process must not map the file open as `fd` (`st` its fstat) read-write, or nothing
+// when it may: its owner could rewrite or truncate it under this process (SIGBUS), so it must
+// belong to root or to the effective user, and group and others must not write it. One of the
+// effective user's own that others may write (made so by an earlier build) is made 0644 and may
+// be used. `shown` names the file in the answer: "<shown> belongs to uid N, not to root or this
+// user", "others may write <shown> (mode 0666)".
+SHARED_EXPORT std::optional<std::string> SharedWriteProblem(int fd, const struct stat& st,
+                                                            const std::string& shown);
+
+// The folder where the system shows POSIX shared-memory objects: "/dev/shm".
+SHARED_EXPORT std::string ShmDirectory();
+
+// Where the system shows the POSIX shared-memory object `object`: "/dev/shm/<object>".
+SHARED_EXPORT std::string ShmPath(const std::string& object);
 
 // The permission bits of `mode` as four octal digits ("0644"), as error texts show them.
 SHARED_EXPORT std::string ModeText(mode_t mode);

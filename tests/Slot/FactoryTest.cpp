@@ -6,6 +6,7 @@
 
 #include <Slot/BoostInterprocess/DiscardingSlot.h>
 #include <Slot/BoostInterprocess/ReliableSlot.h>
+#include <Slot/SlotNames.h>
 
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
@@ -17,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cstdint>
+#include <fstream>
 #include <functional>
 #include <vector>
 
@@ -196,6 +198,75 @@ TEST(SlotFactory, UpdateTimesAndSpinBudgetsThatCannotWorkAreRefused) {
         std::chrono::seconds(20));
     EXPECT_TRUE(child.Ok()) << child.Describe();
     ExpectNothingMade(name);
+}
+
+// Objects another user could truncate under this process (SIGBUS) or share blocks through are
+// refused before they are mapped: another user's, and others' writable ones that are not this
+// user's own. This user's own that others may write are made 0644 and used.
+TEST(SlotFactory, SlotObjectsOfAnotherUserOrThatOthersMayWriteAreRefusedUnmapped) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "planting another user's objects needs root";
+    }
+    ScopedSlotName name("owner");
+    const SimpleSlotCfg cfg = Cfg(name, "reliable");
+    SlotFactory::CreateSlot(&cfg);
+    const std::string header = Slot::ShmPath(name),
+                      queue = Slot::ShmPath(Slot::QueueObjectName(name));
+    auto plant = [](const std::string& path, uid_t uid, mode_t mode) {
+        ASSERT_EQ(0, ::chown(path.c_str(), uid, uid));
+        ASSERT_EQ(0, ::chmod(path.c_str(), mode));
+    };
+    auto mapped = [&] {
+        std::ifstream maps("/proc/self/maps");
+        std::string line;
+        while (std::getline(maps, line)) {
+            if (line.find(header) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    };
+    const std::string refused = "Slot could not be created: ";
+    const std::string foreign = " belongs to uid 65534, not to root or this user";
+    plant(queue, 65534, 0644);
+    plant(header, 65534, 0644);
+    ExpectRefused(cfg, refused + "'" + queue + "'" + foreign);
+    plant(queue, 0, 0644);
+    ExpectRefused(cfg, refused + "'" + header + "'" + foreign);
+    EXPECT_THROW(
+        try {
+            delete shared::CreateSharedMemory(boost::interprocess::open_or_create, name.c_str(),
+                                              4096);
+        } catch (const boost::interprocess::interprocess_exception& e) {
+            EXPECT_EQ("'" + header + "'" + foreign, std::string(e.what()));
+            throw;
+        },
+        boost::interprocess::interprocess_exception);
+    EXPECT_FALSE(mapped());
+    EXPECT_FALSE(ProcessHasOpen(header));
+    EXPECT_FALSE(ProcessHasOpen(queue));
+
+    // Root's objects that others may write: another user refuses them and leaves them as they are.
+    plant(queue, 0, 0666);
+    plant(header, 0, 0666);
+    const testsupport::ChildResult child = testsupport::RunInChild([&] {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+            return testsupport::Failed(2, "cannot become nobody");
+        }
+        const std::string what = RefusalOf([&] { SlotFactory::CreateSlotWriter(&cfg); });
+        if (what != refused + "others may write '" + queue + "' (mode 0666)") {
+            return testsupport::Failed(3, what);
+        }
+        return 0;
+    });
+    EXPECT_TRUE(child.Ok()) << child.Describe();
+    // This user's own are made 0644 and used.
+    EXPECT_TRUE(SlotFactory::CreateSlotWriter(&cfg));
+    for (const std::string& path : {header, queue}) {
+        struct stat st;
+        ASSERT_EQ(0, ::stat(path.c_str(), &st));
+        EXPECT_EQ(0644u, st.st_mode & 07777) << path;
+    }
 }
 
 // What the factory makes is logged; a pipe goes through the file system only.

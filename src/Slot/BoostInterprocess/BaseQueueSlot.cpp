@@ -10,6 +10,7 @@
 #include <shared/ManagedObject.h>
 #include <shared/MutexOwner.h>
 #include <shared/RobustMutex.h>
+#include <shared/SharedFolder.h>
 #include <shared/UtcClock.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -726,7 +727,17 @@ void BaseQueueSlot::PrecheckHeaderSegment() const {
         return;
     }
     struct stat st;
-    const bool sized = ::fstat(fd, &st) == 0 && st.st_size > 0;
+    const bool stated = ::fstat(fd, &st) == 0;
+    // Even a read-only mapping of an object another user may truncate risks SIGBUS.
+    std::optional<std::string> refused;
+    if (stated) {
+        refused = shared::SharedWriteProblem(fd, st, "'" + shared::ShmPath(name_) + "'");
+    }
+    if (refused) {
+        ::close(fd);
+        throw boost::interprocess::interprocess_exception(refused->c_str());
+    }
+    const bool sized = stated && st.st_size > 0;
     void* address =
         sized ? ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_SHARED, fd, 0)
               : MAP_FAILED;

@@ -7,6 +7,7 @@
 #include <shared/ManagedObject.h>
 #include <shared/MutexOwner.h>
 #include <shared/RobustMutex.h>
+#include <shared/SharedFolder.h>
 
 #include <boost/interprocess/detail/managed_open_or_create_impl.hpp>
 #include <boost/interprocess/exceptions.hpp>
@@ -89,6 +90,12 @@ QueueGuard::QueueGuard(const std::string& queueName)
         const int error = errno;
         ::close(fd);
         throw bi::interprocess_exception(bi::error_info(error));
+    }
+    // The object named may have been replaced since its preparation checked it.
+    if (std::optional<std::string> problem =
+            shared::SharedWriteProblem(fd, st, "'" + shared::ShmPath(name_) + "'")) {
+        ::close(fd);
+        throw bi::interprocess_exception(problem->c_str());
     }
     size_ = static_cast<std::size_t>(st.st_size);
     file_.device = st.st_dev;
