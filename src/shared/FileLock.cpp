@@ -94,6 +94,10 @@ const Range kRemoval = {kRemovalStart, 0};
 // unlink, so this is reached only when one is stopped or starved between its lock and unlink.
 const std::chrono::seconds kRemovalPatience(1);
 
+// Lock files are their owner's alone (and root's): a process that can open one can lock it,
+// and any lock refuses every claimant.
+const mode_t kLockFileMode = 0600;
+
 int SetLock(int fd, short type, Range range = kWholeFile) {
     struct flock fl = {};
     fl.l_type = type;
@@ -199,6 +203,11 @@ FileLockEntry* Acquire(const std::string& path, bool keep, int& temporary,
         ::close(fd);
         Throw("Lock file '" + path + "' is not a plain file of one link (refused)");
     }
+    // An own lock file that others can open (made by an older version) could let them lock it:
+    // only its owner and root may.
+    if (writable && (opened.st_mode & 077) != 0) {
+        ::fchmod(fd, kLockFileMode);
+    }
     if (!keep) {
         temporary = fd;
         return nullptr;
@@ -236,7 +245,7 @@ Refusal WhyRefused(const FileLockEntry& entry, pid_t& holder) {
 
 }  // namespace
 
-std::string TouchFile(const std::string& path) {
+std::string TouchFile(const std::string& path, uid_t owner) {
     std::string folderPath;
     std::string name;
     if (!SplitFolderAndName(path, folderPath, name)) {
@@ -261,11 +270,16 @@ std::string TouchFile(const std::string& path) {
         // lock no FileLock of this process can open and lock the file before the close; other
         // processes' locks are not affected.
         RegistryLock lock;
-        const int fd =
-            ::openat(folder.fd(), name.c_str(),
-                     O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, 0644);
+        const int fd = ::openat(folder.fd(), name.c_str(),
+                                O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC,
+                                kLockFileMode);
         if (fd >= 0) {
-            ::fchmod(fd, 0644);
+            ::fchmod(fd, kLockFileMode);
+            // Given away before any other user can open it.
+            if (owner != kNoOwner && owner != 0 && ::geteuid() == 0 &&
+                ::fchown(fd, owner, static_cast<gid_t>(-1)) != 0) {
+                // Left root's: the owner's claims are refused until the file is removed.
+            }
             ::close(fd);
             return path;
         }
@@ -389,12 +403,12 @@ void FileLock::unlock() {
     }
 }
 
-FileLock::ClaimOutcome FileLock::Claim(const std::string& path, pid_t* holder) {
+FileLock::ClaimOutcome FileLock::Claim(const std::string& path, pid_t* holder, uid_t owner) {
     const auto deadline = std::chrono::steady_clock::now() + kRemovalPatience;
     for (int round = 0;; ++round) {
         // A file missing at the opening was removed since TouchFile made or found it.
         bool pause = round > 0;
-        if (OpenExisting(TouchFile(path))) {
+        if (OpenExisting(TouchFile(path, owner))) {
             if (try_lock()) {
                 return ClaimOutcome::Claimed;
             }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <shared/Export.h>
+#include <shared/FileHelpers.h>
 
 #include <sys/types.h>
 #include <string>
@@ -24,7 +25,9 @@ struct FileLockEntry;
 // FileLock of the file goes. The registry also knows which FileLock holds the lock, so a second
 // FileLock of the same file in the same process is refused, like one in another process.
 //
-// Lock files may belong to any user (see TouchFile): the lock is taken on a descriptor that is
+// Lock files are made with mode 0600 (see TouchFile), and an own file that others could open
+// is made 0600 when it is opened. A lock file of another user can be opened only by root (or
+// when it was left readable by an older version): the lock is taken on a descriptor that is
 // read-write when the file belongs to the effective user and read-only otherwise; nothing is
 // ever written to the file. Through a read-write descriptor the claim is an exclusive lock.
 // Through a read-only one it is a shared lock that is kept only when F_GETLK then shows no lock
@@ -77,7 +80,8 @@ public:
     // and a remover's claim is waited out, all within a bounded time; a claimant's lock ends the
     // attempt at once. With Held, `holder` (when given) gets the holder's pid, -1 when unknown.
     // Throws what TouchFile and the constructor throw for an unsafe or unusable file.
-    ClaimOutcome Claim(const std::string& path, pid_t* holder = nullptr);
+    // A file made by a root process is given to `owner` (see TouchFile).
+    ClaimOutcome Claim(const std::string& path, pid_t* holder = nullptr, uid_t owner = kNoOwner);
 
     // Pid of the process that holds the lock on `path`, 0 when nobody holds it (or the file is
     // missing or refused), -1 when it is held but the holder is unknown.

@@ -10,6 +10,7 @@
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
 #include <Slot/SlotLeftovers.h>
+#include <Slot/SlotNames.h>
 #include <Slot/SlotSurvey.h>
 
 #include <FileUtils/FSUtils.h>
@@ -19,6 +20,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -221,6 +223,39 @@ TEST(ReaderClaim, ARemovalOfTheLockFileNeverRefusesAReaderButALiveReaderStillDoe
     const ChildResult result = remover.Wait();
     EXPECT_TRUE(result.Ok()) << result.Describe();
     EXPECT_NO_THROW(ReliableSlotReader(slot, Update));
+}
+
+// A root reader of another user's slot gives the lock file it makes to the slot's owner, still
+// the owner's alone: the owner can be the slot's reader once root's reader is gone.
+TEST(ReaderClaim, ARootReaderLeavesTheLockFileToTheSlotsOwner) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to read another user's slot";
+    }
+    const uid_t owner = 65534;  // nobody
+    ScopedSlotName name("claimowner");
+    boost::shared_ptr<ISlot> slot = Reliable(name);
+    for (const std::string& object : {Slot::HeaderObjectName(name), Slot::QueueObjectName(name)}) {
+        ASSERT_EQ(0, ::chown(Slot::ShmPath(object).c_str(), owner, owner));
+    }
+    const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
+    { ReliableSlotReader reader(slot, Update); }
+    struct stat st;
+    ASSERT_EQ(0, ::lstat(lock.c_str(), &st));
+    EXPECT_EQ(owner, st.st_uid);
+    EXPECT_EQ(0600u, st.st_mode & 07777);
+    // The test run's folder is root's 0700: let the owner reach the lock file.
+    ASSERT_EQ(0, ::chmod(testsupport::TestRunDir().c_str(), 0711));
+    const ChildResult result = testsupport::RunInChild([&] {
+        if (::setgid(owner) != 0 || ::setuid(owner) != 0) {
+            return 2;
+        }
+        const std::string refusal =
+            RefusalOf([&] { ReliableSlotReader reader(Reliable(name), Update); });
+        return refusal.empty() ? 1 : 3;
+    });
+    ::chmod(testsupport::TestRunDir().c_str(), 0700);
+    EXPECT_EQ(1, result.exitCode) << result.Describe();
+    ::unlink(lock.c_str());
 }
 
 // A host may put a boost::mutex of its own into the public map for a name before the first

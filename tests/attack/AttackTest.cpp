@@ -12,6 +12,7 @@
 #include <Slot/AbortSlotCreationException.h>
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
 #include <Slot/SlotFactory.h>
+#include <Slot/SlotNames.h>
 
 #include <gtest/gtest.h>
 
@@ -80,6 +81,8 @@ public:
     ThrowawayUser& operator=(const ThrowawayUser&) = delete;
 
     bool Made() const { return made_; }
+    // Gives `path` to this user; false when that fails.
+    bool Own(const std::string& path) const { return ::chown(path.c_str(), uid_, gid_) == 0; }
     // Turns the calling (child) process into this user; false when that fails.
     bool Become() const {
         return ::setgroups(0, nullptr) == 0 && ::setgid(gid_) == 0 && ::setuid(uid_) == 0 &&
@@ -284,23 +287,31 @@ TEST_F(Attack, FifoSwapRaceNeverReachesTheVictim) {
     ::unlink(fifo.c_str());
 }
 
-// A lock file left by one user's reader never refuses another user's next reader once the first
-// has gone, whatever its owner and mode; while a reader lives, other users' readers are refused.
+// A lock file left by a reader never refuses the slot's next reader once the first has gone,
+// whether root's or the slot owner's reader ran last, also when an older version left the file
+// readable by everyone; while a reader lives, the other one is refused.
 TEST_F(Attack, NoLastingRefusalThroughTheLockFile) {
     for (int round = 0; round < 2; ++round) {
         testsupport::ScopedSlotName name("atkclaim");
         const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);
         const std::string refusal =
             "Cannot create non-unique reader for reliable slot '" + name.str() + "'";
+        // The slot is the other user's: root's reader gives the lock file it makes to them.
+        const SimpleSlotCfg slotCfg(name, "reliable", Update, 4);
+        SlotFactory::CreateSlot(&slotCfg);
+        for (const std::string& object :
+             {Slot::HeaderObjectName(name), Slot::QueueObjectName(name)}) {
+            ASSERT_TRUE(user_->Own(Slot::ShmPath(object)));
+        }
         if (round == 0) {
-            // Root's reader ran once and left its lock file, also as an older version left it:
-            // root's, mode 0644, with a pid in it.
-            ASSERT_TRUE(RootReader(name));
+            // The owner's reader ran once under an older version and left its lock file: mode
+            // 0644, with a pid in it.
             std::ofstream(lock.c_str()) << "12345\n";
+            ASSERT_TRUE(user_->Own(lock));
             ASSERT_EQ(0, ::chmod(lock.c_str(), 0644));
         }
-        // The other user's reader (of a slot object in its own memory: the shared memory of a
-        // root-made slot is root's) while root's reader may or may not live.
+        // The owner's reader (of a slot object in its own memory; only the lock file is shared)
+        // while root's reader may or may not live.
         auto userReader = [&](PipeSignal& claimed, PipeSignal& release) {
             return [&, name = name.str()] {
                 if (!user_->Become()) {
@@ -342,8 +353,8 @@ TEST_F(Attack, NoLastingRefusalThroughTheLockFile) {
     }
 }
 
-// The one lock file that refuses a reader until it is removed is one that the reader cannot
-// even read, which the library never makes: the refusal says whose file it is.
+// A lock file that refuses a reader until it is removed is one that the reader cannot even open
+// (another user's, such as one a root pipe reader made): the refusal says whose file it is.
 TEST_F(Attack, UnreadableLockFileIsRefusedWithAClearMessage) {
     const testsupport::ScopedSlotName name("atkmode");
     const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);

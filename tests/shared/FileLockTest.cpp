@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <atomic>
@@ -222,6 +223,48 @@ TEST(FileLock, ReadOnlyClaimantsExcludeEachOtherAndWritableOnes) {
     ::chmod(testsupport::TestRunDir().c_str(), 0700);
 }
 
+// No other user can lock a reader out: a process of another uid cannot even open a lock file
+// the library made, so the owner's claim goes through; an own lock file that others could open
+// (made by an older version) is made the owner's alone when it is opened.
+TEST(FileLock, OtherUsersCannotOpenALockFileAndOldReadableOnesAreTightened) {
+    const std::string old = FreshLockFile();
+    ASSERT_EQ(0, ::chmod(old.c_str(), 0644));
+    { shared::FileLock opened(old.c_str()); }
+    struct stat st;
+    ASSERT_EQ(0, ::stat(old.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 07777) << "an own readable lock file was left readable";
+    ::unlink(old.c_str());
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to run a process of another user";
+    }
+    const std::string path = FreshLockFile();
+    // The test run's folder is root's 0700: let the other user reach the file.
+    ASSERT_EQ(0, ::chmod(testsupport::TestRunDir().c_str(), 0711));
+    PipeSignal tried, stop;
+    ChildProcess stranger([&] {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+            return 2;
+        }
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        const int error = errno;
+        struct flock shared = {};
+        shared.l_type = F_RDLCK;
+        shared.l_whence = SEEK_SET;
+        const bool locked = fd >= 0 && ::fcntl(fd, F_SETLK, &shared) == 0;
+        tried.Post();
+        stop.WaitFor(std::chrono::seconds(30));
+        return fd < 0 && error == EACCES ? 0 : locked ? 3 : 4;
+    });
+    ASSERT_TRUE(tried.WaitFor());
+    shared::FileLock mine;
+    EXPECT_EQ(shared::FileLock::ClaimOutcome::Claimed, mine.Claim(path))
+        << "a stranger's lock refused the owner";
+    stop.Post();
+    EXPECT_EQ(0, stranger.Wait().exitCode) << "2: no setuid, 3: locked it, 4: opened it";
+    ::chmod(testsupport::TestRunDir().c_str(), 0700);
+    ::unlink(path.c_str());
+}
+
 // Processes racing for one lock file: never two winners, also when all of them must use shared
 // locks (the file is another user's), where a race may leave no winner at all.
 TEST(FileLock, RacingProcessesNeverBothWin) {
@@ -327,14 +370,14 @@ TEST(FileLock, ClaimWaitsOutARemoverButNeverAClaimant) {
     ::unlink(path.c_str());
 }
 
-TEST(TouchFile, CreatesAReadableFileAndRefusesSymlinksAndFolders) {
+TEST(TouchFile, CreatesAnOwnersOnlyFileAndRefusesSymlinksAndFolders) {
     const std::string dir = testsupport::TestRunDir();
-    const mode_t old = ::umask(077);
+    const mode_t old = ::umask(0);
     const std::string path = FreshLockFile();
     ::umask(old);
     struct stat st;
     ASSERT_EQ(0, ::lstat(path.c_str(), &st));
-    EXPECT_EQ(0644u, st.st_mode & 07777) << "readable by everyone whatever the umask";
+    EXPECT_EQ(0600u, st.st_mode & 07777) << "the owner's alone whatever the umask";
 
     const std::string target = RunPath("target");
     const std::string link = RunPath("link");

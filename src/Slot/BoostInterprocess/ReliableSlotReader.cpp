@@ -2,10 +2,12 @@
 #include <Slot/BoostInterprocess/ReliableSlotReader.h>
 
 #include <Slot/AbortSlotCreationException.h>
+#include <Slot/SlotNames.h>
 
 #include <FileUtils/FSUtils.h>
 #include <shared/AtForkMutex.h>
 
+#include <sys/stat.h>
 #include <map>
 #include <set>
 
@@ -59,6 +61,17 @@ void ReleaseName(const boost::mutex& mutex) {
     ClaimedNames().erase(&mutex);
 }
 
+// Who a lock file made for the slot `name` is given to: the owner of the slot's header object,
+// so that a root reader does not leave a lock file that the slot's owner cannot claim.
+uid_t SlotOwner(const std::string& name) {
+    struct stat st;
+    if (::lstat(Slot::ShmPath(Slot::HeaderObjectName(name)).c_str(), &st) != 0 ||
+        !S_ISREG(st.st_mode)) {
+        return shared::kNoOwner;
+    }
+    return st.st_uid;
+}
+
 }  // namespace
 
 ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
@@ -67,8 +80,8 @@ ReliableSlotReader::ReliableSlotReader(boost::shared_ptr<ISlot> slot,
     singletonMutex_ = FindOrCreateSingletonMutex(name_);
     // Neither attempt waits for a reader: a second reader is refused, never queued. The claim
     // of the lock file waits only for a removal of the file (slotctl rm) to end.
-    if (fileLock_.Claim(FileUtils::FSUtils::GetSingletonFileLockName(name_)) !=
-            shared::FileLock::ClaimOutcome::Claimed ||
+    if (fileLock_.Claim(FileUtils::FSUtils::GetSingletonFileLockName(name_), nullptr,
+                        SlotOwner(name_)) != shared::FileLock::ClaimOutcome::Claimed ||
         !ClaimName(*singletonMutex_)) {
         throw AbortSlotCreationException("Cannot create non-unique reader for reliable slot '" +
                                          name_ + "'");
