@@ -11,9 +11,11 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 namespace FileUtils {
@@ -31,6 +33,28 @@ std::string NameFromPath(const std::string& path) {
         name.erase(name.size() - suffix.size());
     }
     return name;
+}
+
+// The buffer the reader reads into: `size` bytes, or, when this process cannot allocate that
+// much (a max size of several GiB on a 32-bit host), the largest halving of it down to 64 KiB
+// that it can. A pipe is a byte stream, so smaller chunks lose nothing; logged once at WARN.
+shared::SizedArray ChunkBuffer(unsigned size, const std::string& path,
+                               const log4cxx::LoggerPtr& logger) {
+    for (unsigned chunk = size;; chunk = std::max(chunk / 2, std::min(size, kDefaultChunk))) {
+        try {
+            shared::SizedArray buffer(chunk);
+            if (chunk < size && logger->isWarnEnabled()) {
+                LOG4CXX_WARN(logger, "No memory for chunks of " << size << " bytes from '" << path
+                                                                << "', reading chunks of "
+                                                                << chunk);
+            }
+            return buffer;
+        } catch (const std::bad_alloc&) {
+            if (chunk <= kDefaultChunk) {
+                throw;
+            }
+        }
+    }
 }
 
 // Opens `name` in the checked folder `dir` read-write, or read-only when only that is allowed
@@ -205,10 +229,14 @@ void PosixFileReader::Run() {
     if (logger_->isDebugEnabled()) {
         LOG4CXX_DEBUG(logger_, "Reader thread started for '" << path_ << "'");
     }
+    shared::SizedArray buffer;  // kept across the restarts of the loop after an error
     try {
         while (!stopping_) {
             try {
-                ReadLoop();
+                if (buffer.empty()) {
+                    buffer = ChunkBuffer(size_, path_, logger_);
+                }
+                ReadLoop(buffer);
             } catch (const boost::thread_interrupted&) {
                 throw;
             } catch (const std::exception& e) {
@@ -230,8 +258,7 @@ void PosixFileReader::Run() {
     }
 }
 
-void PosixFileReader::ReadLoop() {
-    shared::SizedArray buffer(size_);
+void PosixFileReader::ReadLoop(const shared::SizedArray& buffer) {
     while (!stopping_) {
         boost::this_thread::interruption_point();
         while (waitingUnsubscribers_ > 0 && !stopping_) {
@@ -246,7 +273,7 @@ void PosixFileReader::ReadLoop() {
             if (!hasSubscribers()) {
                 n = -2;
             } else {
-                n = ::read(fd_, buffer.data(), size_);
+                n = ::read(fd_, buffer.data(), buffer.size());
                 error = errno;
                 if (n > 0) {
                     notify(name_, buffer.data(), static_cast<unsigned int>(n));

@@ -5,6 +5,7 @@
 
 #include <shared/Notifier.h>
 #include <shared/SharedFolder.h>
+#include <shared/SizedArray.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/thread/recursive_mutex.hpp>
@@ -29,7 +30,8 @@ namespace FileUtils {
 //   gap, loses nothing.
 // - A pipe is a byte stream: a chunk holds at most `size` bytes of what is waiting, so several
 //   writes may come in one notification and a write may be split over two. The bytes arrive
-//   unchanged and in order.
+//   unchanged and in order. A process that cannot allocate `size` bytes (several GiB on a
+//   32-bit host) reads smaller chunks, down to 64 KiB, and says so once at WARN.
 // - The pipe is opened relative to its checked folder (shared::CheckedFolder), without
 //   following a symlink, and must be a FIFO or a regular file of root or the user.
 // - A pipe removed and made again (by `slotctl rm --force` and a new reader or writer) is
@@ -70,7 +72,7 @@ public:
 
 private:
     void Run();
-    void ReadLoop();
+    void ReadLoop(const shared::SizedArray& buffer);
     // Waits up to `timeoutMs` for data (or for ever when -1 and data is not wanted yet); false
     // when the reader is being stopped. `idle` (when given) tells whether the time ran out.
     bool WaitReadable(int timeoutMs, bool wantData, bool* idle = nullptr);

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <atomic>
@@ -360,6 +361,34 @@ TEST_F(PosixPipe, BytesWaitForTheNextSubscriberAndTheReaderStopsPromptly) {
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// A max size this process cannot allocate (address space capped, as on a 32-bit host with a
+// max size of GiBs) is read in smaller chunks: every byte arrives, in order.
+TEST_F(PosixPipe, AChunkTooLargeToAllocateIsReadInSmallerOnes) {
+    EXPECT_TRUE(testsupport::RunsInChild([&] {
+        long pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        const rlimit cap = {static_cast<rlim_t>(pages) * ::sysconf(_SC_PAGESIZE) + (256u << 20),
+                            RLIM_INFINITY};
+        Require(::setrlimit(RLIMIT_AS, &cap) == 0, 2, "cannot cap the address space");
+        testsupport::LogCapture log("Slot.Reader");
+        const unsigned size = 2u << 30;
+        FileUtils::PosixFileReader reader(fifo.path, size, milliseconds(50));
+        testsupport::Collector collector;
+        reader.subscribe(&collector);
+        const std::string bytes = filetest::Pattern(300000, 7);
+        PipeWriter(fifo.path).Write(bytes);
+        Require(collector.WaitForBytes(bytes.size()) && collector.Stream() == bytes, 3,
+                "the bytes did not all arrive in order");
+        testsupport::RequireOneContaining(log, "WARN",
+                                          "No memory for chunks of " + std::to_string(size) +
+                                              " bytes from '" + fifo.path + "', reading chunks of ",
+                                          4);
+        reader.unsubscribeAll();
+    }));
+}
+#endif
 
 // Subscribers slower than the writer keep the reader busy all the time: unsubscribe and
 // unsubscribeAll still get their turn after the delivery in progress, not when the pipe runs dry.
