@@ -120,6 +120,11 @@ QueueGuard::~QueueGuard() {
     ::munmap(base_, size_);
 }
 
+void QueueGuard::CountersDamaged(std::uint64_t count, std::uint64_t first) const {
+    Damaged("its count " + std::to_string(count) + " or first position " + std::to_string(first) +
+            " exceeds its " + std::to_string(capacity_) + " messages");
+}
+
 void QueueGuard::Damaged(const std::string& detail) const {
     throw bi::interprocess_exception(("queue '" + name_ + "' is damaged: " + detail).c_str());
 }
@@ -266,8 +271,13 @@ std::string QueueGuard::RepairEntries() {
         }
     }
     // The waiting blocks, newest first, that can still be delivered.
-    const std::uint64_t first = *firstWord_;
-    const std::uint64_t count = *countWord_;
+    // Read once and checked again: they were checked before the wait for the queue's mutex,
+    // and another process may have written them since.
+    const std::uint64_t first = __atomic_load_n(firstWord_, __ATOMIC_RELAXED);
+    const std::uint64_t count = __atomic_load_n(countWord_, __ATOMIC_RELAXED);
+    if (count > capacity || first >= capacity) {
+        CountersDamaged(count, first);
+    }
     std::vector<std::uint64_t> kept;
     for (std::uint64_t k = 0; k < count; ++k) {
         const std::uint64_t position = (first + k) % capacity;
@@ -434,9 +444,7 @@ void QueueGuard::Recover(const log4cxx::LoggerPtr& logger, const std::string& sl
                                            << "; the values found at its opening were restored");
     }
     if (!CountersInRange()) {
-        Damaged("its count " + std::to_string(header_->m_cur_num_msg) + " or first position " +
-                std::to_string(header_->m_cur_first_msg) + " exceeds its " +
-                std::to_string(capacity_) + " messages");
+        CountersDamaged(header_->m_cur_num_msg, header_->m_cur_first_msg);
     }
     // A send record: the sender died inside its send (the queue's mutex is still held, repaired
     // below) or after it (its block is whole and stays).

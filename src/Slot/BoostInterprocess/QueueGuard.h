@@ -213,6 +213,7 @@ private:
     bool RepairSend(std::uint32_t record, std::uint64_t& first, std::uint64_t& count,
                     std::string& done) const;
     [[noreturn]] void Damaged(const std::string& detail) const;
+    [[noreturn]] void CountersDamaged(std::uint64_t count, std::uint64_t first) const;
     // Puts back the layout words found at the opening; returns what was changed ("" if none).
     std::string RestoreLayout();
     // Called with the queue's mutex held: drops the waiting blocks whose index entry points at no
