@@ -190,47 +190,58 @@ const int MaxTreeDepth = 40;
 
 // ---- Reading bytes --------------------------------------------------------------------------
 
+// Every read goes through here: checked against the object's real size, then copied out.
 class Bytes {
 public:
-    Bytes(const void* base, std::size_t size)
-        : base_(static_cast<const unsigned char*>(base)), size_(base == nullptr ? 0 : size) {}
+    explicit Bytes(const ByteSource& source) : source_(source), size_(source.Size()) {}
 
     std::uint64_t Size() const { return size_; }
 
-    // Whether [offset, offset + length) lies inside the mapping.
+    // Whether [offset, offset + length) lies inside the object.
     bool Has(std::uint64_t offset, std::uint64_t length) const {
         return offset <= size_ && length <= size_ - offset;
     }
 
+    // False, with `out` unchanged, when the bytes lie outside the object or cannot be read.
     template <class T>
     bool Read(std::uint64_t offset, T& out) const {
         static_assert(std::is_trivially_copyable<T>::value, "copied bytewise");
-        if (!Has(offset, sizeof(T))) {
+        T value{};
+        if (!Copy(offset, &value, sizeof(T))) {
             return false;
         }
-        std::memcpy(&out, base_ + offset, sizeof(T));
+        out = value;
         return true;
     }
 
     // Whether the bytes at `offset` are `length` bytes equal to `text`.
     bool Equals(std::uint64_t offset, const char* text, std::uint64_t length) const {
-        return Has(offset, length) && std::memcmp(base_ + offset, text, length) == 0;
-    }
-
-    // Copies `length` bytes at `offset` to `out`; false (nothing copied) outside the mapping.
-    bool Copy(std::uint64_t offset, void* out, std::uint64_t length) const {
         if (!Has(offset, length)) {
             return false;
         }
-        if (length != 0) {
-            std::memcpy(out, base_ + offset, length);
+        char piece[64];
+        for (std::uint64_t at = 0; at < length; at += sizeof(piece)) {
+            const std::uint64_t n = std::min<std::uint64_t>(sizeof(piece), length - at);
+            if (!Copy(offset + at, piece, n) || std::memcmp(piece, text + at, n) != 0) {
+                return false;
+            }
         }
         return true;
     }
 
+    // Copies `length` bytes at `offset` to `out`; false outside the object.
+    bool Copy(std::uint64_t offset, void* out, std::uint64_t length) const {
+        return Has(offset, length) && (length == 0 || source_.ReadAt(offset, out, length));
+    }
+
+    // Read a piece at a time: the object may be large.
     bool AllZero() const {
-        for (std::uint64_t i = 0; i < size_; ++i) {
-            if (base_[i] != 0) {
+        std::vector<unsigned char> piece(std::min<std::uint64_t>(size_, 64 * 1024));
+        for (std::uint64_t at = 0; at < size_; at += piece.size()) {
+            const std::uint64_t length = std::min<std::uint64_t>(piece.size(), size_ - at);
+            if (!Copy(at, piece.data(), length) ||
+                std::any_of(piece.begin(), piece.begin() + length,
+                            [](unsigned char byte) { return byte != 0; })) {
                 return false;
             }
         }
@@ -243,7 +254,7 @@ public:
             return false;
         }
         // An offset pointer stores target minus its own address, modulo the offset type's
-        // width; base cancels out, so the same holds for offsets from base.
+        // width; the object's address cancels out, so the same holds for offsets from its start.
         target = static_cast<OffsetType>(static_cast<OffsetType>(at) + raw);
         return true;
     }
@@ -257,7 +268,7 @@ public:
     }
 
 private:
-    const unsigned char* base_;
+    const ByteSource& source_;
     std::uint64_t size_;
 };
 
@@ -329,11 +340,13 @@ bool CheckCreation(const Bytes& bytes, Image& image) {
 
 // ---- Queue ----------------------------------------------------------------------------------
 
-// Index and message checks of a queue whose counts are valid.
+// Index and message checks of a queue whose counts are valid. Index entries are read in order
+// and each waiting message's header as its entry comes by; a problem of the index goes before one
+// of the messages, and of the messages the oldest-numbered one is told.
 void CheckQueueIndex(const Bytes& bytes, QueueImage& q) {
     const std::uint64_t entrySize = sizeof(OffsetType);
     std::vector<bool> used(q.capacity, false);
-    std::vector<std::uint64_t> slotOf(q.capacity, 0);
+    std::uint64_t firstTooLong = q.waiting;  // waiting messages are numbered from firstIndex
     for (std::uint64_t i = 0; i < q.capacity; ++i) {
         const std::uint64_t at = q.index.offset + i * entrySize;
         OffsetType raw = 0;
@@ -350,17 +363,18 @@ void CheckQueueIndex(const Bytes& bytes, QueueImage& q) {
             return;
         }
         used[slot] = true;
-        slotOf[i] = slot;
+        const std::uint64_t k = (i + q.capacity - q.firstIndex) % q.capacity;
+        QueueSize length = 0;
+        if (k < firstTooLong &&
+            (!bytes.Read(target + MessageLengthAt, length) || length > q.maxMessageSize)) {
+            firstTooLong = k;
+        }
     }
     q.indexValid = true;
-    for (std::uint64_t k = 0; k < q.waiting; ++k) {
-        const std::uint64_t position = (q.firstIndex + k) % q.capacity;
-        const std::uint64_t message = q.messages.offset + slotOf[position] * q.messageStride;
-        QueueSize length = 0;
-        if (!bytes.Read(message + MessageLengthAt, length) || length > q.maxMessageSize) {
-            q.problem = "waiting message " + std::to_string(k) + " is longer than the maximum";
-            return;
-        }
+    if (firstTooLong < q.waiting) {
+        q.problem =
+            "waiting message " + std::to_string(firstTooLong) + " is longer than the maximum";
+        return;
     }
     q.messagesValid = true;
 }
@@ -399,9 +413,23 @@ const char* VerdictText(Verdict verdict) {
     return "?";
 }
 
+bool MemorySource::ReadAt(std::uint64_t offset, void* out, std::size_t length) const {
+    if (offset > size_ || length > size_ - offset) {
+        return false;
+    }
+    if (length != 0) {
+        std::memcpy(out, base_ + offset, length);
+    }
+    return true;
+}
+
 CreationState ReadCreationState(const void* base, std::size_t size) {
+    return ReadCreationState(MemorySource(base, size));
+}
+
+CreationState ReadCreationState(const ByteSource& source) {
     std::uint32_t word = 0;
-    if (!Bytes(base, size).Read(0, word)) {
+    if (!Bytes(source).Read(0, word)) {
         return CreationState::Missing;
     }
     switch (word) {
@@ -419,7 +447,11 @@ CreationState ReadCreationState(const void* base, std::size_t size) {
 }
 
 QueueImage ParseQueue(const void* base, std::size_t size) {
-    const Bytes bytes(base, size);
+    return ParseQueue(MemorySource(base, size));
+}
+
+QueueImage ParseQueue(const ByteSource& source) {
+    const Bytes bytes(source);
     QueueImage q;
     if (!CheckCreation(bytes, q)) {
         return q;
@@ -872,7 +904,11 @@ bool HeaderImage::Complete() const {
 }
 
 HeaderImage ParseHeader(const void* base, std::size_t size) {
-    const Bytes bytes(base, size);
+    return ParseHeader(MemorySource(base, size));
+}
+
+HeaderImage ParseHeader(const ByteSource& source) {
+    const Bytes bytes(source);
     HeaderImage h;
     if (!CheckCreation(bytes, h)) {
         return h;

@@ -16,15 +16,43 @@
 // Boost.Interprocess open them: Boost spins for ever on an unfinished object, follows every
 // offset stored in the object, and locks mutexes that a dead process may hold.
 //
-// Every function here is a pure function of the bytes [base, base + size): it never reads
-// outside them whatever they contain, never writes, takes no lock and allocates only for its
-// result's texts and lists. `size` must be the real size of the mapping (fstat of the object),
-// never a size read from the object. `base` needs no alignment; values are copied out with memcpy.
-// The objects may change while they are read (other processes keep using them): the result is
-// a snapshot that may mix two moments, but it is never out of bounds.
+// Every function here is a pure function of the object's bytes, which it reads through a
+// ByteSource: bytes in memory (a mapping), or the object's file read on demand. It reads only the
+// parts that hold the slot's structure, never the blocks' bytes, so that a look at a large slot
+// stays cheap (only an object whose creation word is 0 is read whole, a piece at a time, to tell
+// a sized but untouched object from another program's data). It never reads outside [0, Size())
+// whatever the bytes contain, never writes, takes no lock and allocates only for its result's
+// texts and lists (and a bit per queue message). The objects may change while they are read
+// (other processes keep using them): the result is a snapshot that may mix two moments, but it
+// is never out of bounds.
 //
-// Offsets in the results are byte offsets from `base`.
+// Offsets in the results are byte offsets from the object's start.
 namespace SlotImage {
+
+// The bytes of one object. Size() must be the object's real size (fstat of the object, or the
+// size of the mapping), never a size read from the object. ReadAt copies the `length` bytes at
+// `offset`; false when they lie outside [0, Size()) or can no longer be read (the object shrank
+// meanwhile), and `out` then holds nothing meaningful.
+class SLOT_EXPORT ByteSource {
+public:
+    virtual ~ByteSource() = default;
+    virtual std::uint64_t Size() const = 0;
+    virtual bool ReadAt(std::uint64_t offset, void* out, std::size_t length) const = 0;
+};
+
+// Bytes in this process's memory: [base, base + size), e.g. a mapping of the object. `base`
+// needs no alignment; values are copied out with memcpy.
+class SLOT_EXPORT MemorySource : public ByteSource {
+public:
+    MemorySource(const void* base, std::size_t size)
+        : base_(static_cast<const unsigned char*>(base)), size_(base == nullptr ? 0 : size) {}
+    std::uint64_t Size() const override { return size_; }
+    bool ReadAt(std::uint64_t offset, void* out, std::size_t length) const override;
+
+private:
+    const unsigned char* base_;
+    std::uint64_t size_;
+};
 
 // Boost.Interprocess's creation-state word: the first 32 bits of a managed segment or queue,
 // which the creator sets from 0 to 1 when it starts building and to 2 when it is done.
@@ -39,6 +67,7 @@ enum class CreationState {
 };
 
 SLOT_EXPORT const char* CreationStateText(CreationState state);
+SLOT_EXPORT CreationState ReadCreationState(const ByteSource& bytes);
 SLOT_EXPORT CreationState ReadCreationState(const void* base, std::size_t size);
 
 // What the bytes are, as a whole.
@@ -99,6 +128,8 @@ struct QueueImage {
     bool messagesValid = false;  // each waiting message's length <= maxMessageSize
 };
 
+// Reads the control block, the index and each waiting message's length; never a message's data.
+SLOT_EXPORT QueueImage ParseQueue(const ByteSource& bytes);
 SLOT_EXPORT QueueImage ParseQueue(const void* base, std::size_t size);
 
 // The named objects of a slot's header segment, in the order the library constructs them.
@@ -153,6 +184,9 @@ struct SLOT_EXPORT HeaderImage {
     bool Complete() const;
 };
 
+// Reads the segment manager, the allocator's block words and free-block tree, both indexes with
+// their entries and names, and the named objects' values; never the output buffer's bytes.
+SLOT_EXPORT HeaderImage ParseHeader(const ByteSource& bytes);
 SLOT_EXPORT HeaderImage ParseHeader(const void* base, std::size_t size);
 
 }  // namespace SlotImage

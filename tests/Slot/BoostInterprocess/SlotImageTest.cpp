@@ -161,6 +161,42 @@ TEST(SlotImage, CountsAfterReadsAndAroundTheCircularIndex) {
     EXPECT_EQ(reliable.GetBufferLength(), w.waiting);
 }
 
+// A source that counts the bytes the parser reads.
+class CountingSource : public SlotImage::MemorySource {
+public:
+    explicit CountingSource(const Image& image) : MemorySource(image.data(), image.size()) {}
+    bool ReadAt(std::uint64_t offset, void* out, std::size_t length) const override {
+        read += length;
+        return MemorySource::ReadAt(offset, out, length);
+    }
+    mutable std::uint64_t read = 0;
+};
+
+// Parsing reads a slot's structure, not its blocks: a survey of a large slot stays cheap.
+TEST(SlotImage, ParsingReadsTheStructureNotTheBlocks) {
+    testsupport::ScopedSlotName name;
+    const size_t maxSize = 256 * 1024;
+    ReliableSlot slot(open_or_create, name.c_str(), maxSize, 4);
+    const std::string block(200 * 1024, 'b');
+    for (int i = 0; i < 3; ++i) {
+        WriteBlock(slot, block);
+    }
+    ASSERT_EQ(block, testsupport::ReadBlock(slot, maxSize));
+
+    const Image headerBytes = ReadObject(name);
+    const CountingSource header(headerBytes);
+    const SlotImage::HeaderImage h = SlotImage::ParseHeader(header);
+    EXPECT_EQ(Verdict::Valid, h.verdict) << h.problem;
+    EXPECT_EQ(block.size(), h.outputDataSize);
+    const Image queueBytes = ReadObject(BaseQueueSlot::GetQueueName(name));
+    const CountingSource queue(queueBytes);
+    const SlotImage::QueueImage q = SlotImage::ParseQueue(queue);
+    EXPECT_EQ(Verdict::Valid, q.verdict) << q.problem;
+    EXPECT_EQ(2u, q.waiting);
+    EXPECT_LT(header.read, 4096u) << "of " << headerBytes.size();
+    EXPECT_LT(queue.read, 4096u) << "of " << queueBytes.size();
+}
+
 TEST(SlotImage, CreationStates) {
     struct Case {
         Image bytes;
@@ -170,6 +206,11 @@ TEST(SlotImage, CreationStates) {
     auto word = [](std::uint32_t value) {
         Image bytes(4096, 0);
         std::memcpy(bytes.data(), &value, sizeof(value));
+        return bytes;
+    };
+    auto zeros = [](size_t size, unsigned char last) {
+        Image bytes(size, 0);
+        bytes.back() = last;
         return bytes;
     };
     const Case cases[] = {
@@ -183,6 +224,9 @@ TEST(SlotImage, CreationStates) {
              return bytes;
          }(),
          SlotImage::CreationState::Uninitialised, Verdict::Foreign},
+        // Larger objects are read in pieces, to their last byte.
+        {zeros(200 * 1024 + 1, 0), SlotImage::CreationState::Uninitialised, Verdict::Unfinished},
+        {zeros(200 * 1024 + 1, 7), SlotImage::CreationState::Uninitialised, Verdict::Foreign},
         {word(1), SlotImage::CreationState::Initialising, Verdict::Unfinished},
         {word(3), SlotImage::CreationState::Corrupted, Verdict::Damaged},
         {word(0x464c457f), SlotImage::CreationState::Invalid, Verdict::Foreign},
@@ -278,6 +322,12 @@ TEST_F(DamagedSlot, QueueCountsIndexAndLengths) {
     EXPECT_EQ(Verdict::Damaged, q.verdict);
     EXPECT_TRUE(q.indexValid);
     EXPECT_FALSE(q.messagesValid);
+    // Only the second oldest: it is the one named.
+    const std::uint64_t second =
+        q_.index.offset + (q_.firstIndex + 1) % q_.capacity * sizeof(Offset);
+    q = ParseQueue(
+        Poked<Count>(queue_, static_cast<Offset>(second + Peek<Offset>(queue_, second)), 41));
+    EXPECT_EQ("waiting message 1 is longer than the maximum", q.problem);
 
     bad = queue_;
     bad.resize(bad.size() - 1);
