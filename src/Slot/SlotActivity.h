@@ -13,8 +13,9 @@
 // Every write broadcasts the header's write condition, whose sequence word then advances by one;
 // two samples therefore tell how many writes happened between them (modulo 2^32), with no
 // reader and without taking a block from anybody. A sample reads the header segment "<name>"
-// with plain reads, like SlotSurvey: it takes no lock, never waits, writes nothing, and checks
-// every offset against the real size of the object.
+// with plain reads, like SlotSurvey, of its structure only (the output buffer's bytes only when
+// asked for): it takes no lock, never waits, writes nothing, and checks every offset against the
+// real size of the object.
 struct SlotActivitySample {
     bool valid = false;   // the header was read and its write condition found
     std::string problem;  // why not, when !valid

@@ -3,6 +3,7 @@
 
 #include <Slot/BoostInterprocess/SlotImage.h>
 #include <Slot/SlotNames.h>
+#include <Slot/SlotObjectFile.h>
 
 #include <FileUtils/FSUtils.h>
 #include <FileUtils/NamedPipeCreator.h>
@@ -24,31 +25,20 @@
 
 namespace {
 
-// Objects are read whole into memory; a larger one is not read. Slot objects are the maximum
-// block size plus a little (header) and capacity times that (queue).
-const std::uint64_t MaxObjectBytes = 256u << 20;
-
 // A lock that a live process holds is normally released within microseconds, so before calling
 // a slot busy it is looked at again, this many times, this far apart.
 const int BusyLooks = 20;
 const std::chrono::milliseconds BusyPause(5);
 
-// The bytes of one object and what the file system says about it.
-struct ObjectRead {
-    SlotPartReport part;
-    std::vector<unsigned char> bytes;
-    bool read = false;  // bytes hold the object's contents
-};
-
-ObjectRead ReadObject(const std::string& object) {
-    ObjectRead result;
-    SlotPartReport& part = result.part;
+// What the file system says about `object`, in `part`; true with `file` open for reading when it
+// is a regular file this process may read, else false with the part's state and detail set.
+bool OpenObject(const std::string& object, SlotPartReport& part, Slot::SlotObjectFile& file) {
     part.object = object;
     part.path = Slot::ShmPath(object);
     struct stat st;
     if (object.empty() || object.find('/') != std::string::npos ||
         ::lstat(part.path.c_str(), &st) != 0) {
-        return result;
+        return false;
     }
     part.owner = st.st_uid;
     part.mode = st.st_mode & 07777;
@@ -60,49 +50,21 @@ ObjectRead ReadObject(const std::string& object) {
     if (!S_ISREG(st.st_mode)) {
         part.state = SlotPartState::Foreign;
         part.detail = "not a regular file";
-        return result;
+        return false;
     }
     part.writable = ::faccessat(AT_FDCWD, part.path.c_str(), W_OK, AT_EACCESS) == 0;
-    // Non-blocking and without following links: whatever was planted under the name since the
-    // lstat can neither block the open nor redirect it.
-    const int fd = ::open(part.path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        const int error = errno;
+    if (const int error = file.Open(part.path)) {
         part.state = error == ENOENT ? SlotPartState::Absent : SlotPartState::NoAccess;
         part.detail = std::strerror(error);
-        return result;
+        return false;
     }
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
+    if (!file.IsRegularFile()) {
         part.state = SlotPartState::Foreign;
         part.detail = "not a regular file";
-        return result;
+        return false;
     }
-    part.size = static_cast<std::uint64_t>(st.st_size);
-    if (part.size > MaxObjectBytes) {
-        ::close(fd);
-        part.state = SlotPartState::NoAccess;
-        part.detail = "larger than " + std::to_string(MaxObjectBytes >> 20) + " MiB, not read";
-        return result;
-    }
-    result.bytes.resize(static_cast<size_t>(part.size));
-    size_t done = 0;
-    while (done < result.bytes.size()) {
-        const ssize_t n = ::pread(fd, result.bytes.data() + done, result.bytes.size() - done,
-                                  static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;  // shrunk meanwhile: what was read is the object now
-        }
-        done += static_cast<size_t>(n);
-    }
-    ::close(fd);
-    result.bytes.resize(done);
-    part.size = done;
-    result.read = true;
-    return result;
+    part.size = file.Size();
+    return true;
 }
 
 SlotPartState PartStateOf(SlotImage::Verdict verdict) {
@@ -133,13 +95,12 @@ void AddLock(std::vector<SlotLockReport>& locks, const char* lock, pid_t thread)
 // Reads the header segment and fills its report and its held locks.
 void InspectHeader(const std::string& name, SlotHeaderReport& header,
                    std::vector<SlotLockReport>& locks) {
-    ObjectRead object = ReadObject(name);
-    static_cast<SlotPartReport&>(header) = object.part;
-    if (!object.read) {
+    static_cast<SlotPartReport&>(header) = SlotPartReport();
+    Slot::SlotObjectFile file;
+    if (!OpenObject(name, header, file)) {
         return;
     }
-    const SlotImage::HeaderImage image =
-        SlotImage::ParseHeader(object.bytes.data(), object.bytes.size());
+    const SlotImage::HeaderImage image = SlotImage::ParseHeader(file);
     header.state = PartStateOf(image.verdict);
     header.detail = image.problem;
     if (image.verdict == SlotImage::Verdict::Foreign || !image.hasManager) {
@@ -166,12 +127,12 @@ void InspectHeader(const std::string& name, SlotHeaderReport& header,
 
 void InspectQueue(const std::string& object, SlotQueueReport& queue,
                   std::vector<SlotLockReport>& locks) {
-    ObjectRead read = ReadObject(object);
-    static_cast<SlotPartReport&>(queue) = read.part;
-    if (!read.read) {
+    static_cast<SlotPartReport&>(queue) = SlotPartReport();
+    Slot::SlotObjectFile file;
+    if (!OpenObject(object, queue, file)) {
         return;
     }
-    const SlotImage::QueueImage image = SlotImage::ParseQueue(read.bytes.data(), read.bytes.size());
+    const SlotImage::QueueImage image = SlotImage::ParseQueue(file);
     queue.state = PartStateOf(image.verdict);
     queue.detail = image.problem;
     if (image.verdict == SlotImage::Verdict::Foreign || !image.hasControlBlock) {

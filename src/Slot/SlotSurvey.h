@@ -15,10 +15,11 @@
 //
 // Opening a slot through the library resets its header and waits for its locks. An inspection
 // does neither: it reads the header segment "<name>" and the queue "queue_<name>" with plain
-// reads (never a mapping, so an object truncated meanwhile cannot raise SIGBUS), parses the
-// bytes with SlotImage, reads who holds each lock inside them without taking it, and asks the
-// reliable reader's lock file who holds it (fcntl F_OFD_GETLK; the file is opened read-only and
-// never created). It writes nothing, takes no lock, never waits for another process, and copes
+// reads (never a mapping, so an object truncated meanwhile cannot raise SIGBUS) of only the parts
+// that SlotImage parses, the slot's structure (not its blocks, so a look at a large slot stays
+// cheap), reads who holds each lock inside them without taking it, and asks the reliable
+// reader's lock file who holds it (fcntl F_OFD_GETLK; the file is opened read-only and never
+// created). It writes nothing, takes no lock, never waits for another process, and copes
 // with any content: foreign, damaged or half-created objects are reported, not trusted.
 //
 // The answer is a snapshot: other processes go on using the slot while it is read.
@@ -27,7 +28,7 @@
 enum class SlotPartState {
     Absent,      // no such object
     Ok,          // read and valid
-    NoAccess,    // exists, but could not be read (permissions, or too large to read)
+    NoAccess,    // exists, but could not be opened for reading (permissions)
     Unfinished,  // being created, or its creator died while creating it
     Damaged,     // a slot part whose contents are inconsistent
     Foreign      // exists, but is not this part of a slot (another program's object)

@@ -534,6 +534,25 @@ TEST(SlotctlReadWrite, AReliableSlotKeepsBlocksForALaterReaderInOrder) {
               text.out);
 }
 
+// A queue object larger than 256 MiB (260 blocks of 1 MiB; the library makes objects up to
+// INT_MAX) is surveyed healthy and used by every later command. One such object: its pages are
+// reserved in /dev/shm.
+TEST(SlotctlReadWrite, ASlotWhoseQueueIsLargerThan256MiBIsHealthyAndUsable) {
+    ScopedSlotName name("huge");
+    SlotctlEnding(0, {"write", "--type", "reliable", "--max-size", "1048576", "--queue", "260",
+                      name.str(), "hello"});
+    const SlotReport report = SlotSurvey::InspectSlot(name);
+    EXPECT_EQ(SlotState::Healthy, report.state) << report.detail;
+    EXPECT_GT(report.queue.size, std::uint64_t(256) << 20);
+    EXPECT_EQ(260u, report.queue.capacity);
+    EXPECT_EQ(1048576u, report.queue.maxBlockSize);
+    EXPECT_EQ(1u, report.queue.waiting);
+    SlotctlEnding(0, {"write", name.str(), "hello2"});
+    const Outcome read =
+        SlotctlEnding(0, {"read", name.str(), "--count", "2", "--timeout", "20000"});
+    EXPECT_EQ("5 bytes: hello\n6 bytes: hello2\n", read.out);
+}
+
 TEST(SlotctlReadWrite, RefusedAndDiscardedBlocksAreReportedAsTheLibraryLogsThem) {
     ScopedSlotName reliable("full");
     const Outcome refused = SlotctlEnding(
