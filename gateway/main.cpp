@@ -2,11 +2,11 @@
 // slot-gateway: runs a gateway from a configuration file until SIGINT, SIGTERM or SIGHUP.
 #include <SlotGateway/Gateway.h>
 #include <SlotGateway/Status.h>
+#include <shared/LogConfiguration.h>
 
 #include <log4cxx/basicconfigurator.h>
 #include <log4cxx/level.h>
 #include <log4cxx/logger.h>
-#include <log4cxx/propertyconfigurator.h>
 
 #include <atomic>
 #include <cerrno>
@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -136,12 +137,20 @@ int main(int argc, char** argv) {
         return Usage("--config is required");
     }
 
+    // A file as slotctl reads one (.xml: DOMConfigurator, else properties); else INFO and above
+    // on stdout. --verbose lowers the root level to DEBUG, over a file's too.
     if (!logConfig.empty()) {
-        log4cxx::PropertyConfigurator::configure(logConfig);
+        if (const std::optional<std::string> problem =
+                shared::ConfigureLoggingFromFile(logConfig)) {
+            std::cerr << "slot-gateway: " << *problem << "\n";
+            return 2;
+        }
     } else {
         log4cxx::BasicConfigurator::configure();
-        log4cxx::Logger::getRootLogger()->setLevel(verbose ? log4cxx::Level::getDebug()
-                                                           : log4cxx::Level::getInfo());
+        log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getInfo());
+    }
+    if (verbose) {
+        log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getDebug());
     }
 
     SlotGateway::Config config;

@@ -156,9 +156,11 @@ def last_write_outcome() -> WriteOutcome:
 class Writer(_native.Writer):
     """Writes blocks into a slot: ``Writer(config)`` or ``Writer(name, type=..., ...)``.
 
-    The slot is opened, or created from the configuration. A write never waits for room and
-    never raises for a full slot: it returns its WriteOutcome. Any thread may write; the GIL is
-    released while the block is stored. Use it as a context manager or call close().
+    The slot is opened, or created from the configuration. A write never raises for a full
+    slot: it returns its WriteOutcome. Into a discarding or reliable slot it never waits for
+    room; into a full posix-pipe it waits for room up to the pipe-full time-out (1 s by default),
+    then returns REFUSED. Any thread may write; the GIL is released while the block is stored.
+    Use it as a context manager or call close().
     """
 
     def __init__(self, config: ConfigLike, **options) -> None:

@@ -19,7 +19,8 @@ public:
     virtual ~ISlotConfiguration() {}
 };
 
-// Plain slot record. Every slot it describes carries blocks of at most 64 KiB.
+// Plain slot record. Every slot it describes has a maximum size of 64 KiB: the largest block of
+// a discarding or reliable slot, the reader's chunk size of a posix-pipe (a byte stream).
 class SimpleSlotCfg : public ISlotConfiguration {
 public:
     SimpleSlotCfg(const std::string& name, const std::string& slotType,

@@ -254,11 +254,9 @@ private:
     dds_entity_t ackWriter_ = 0;
 };
 
-// slot-gateway in a process of its own, run with a configuration of `routes` (a file in the
-// run's folder); killed (SIGKILL) at the end of the test, and with the test process.
-std::unique_ptr<testsupport::ChildProcess> StartGateway(const std::vector<Route>& routes,
-                                                        unsigned leaseMs,
-                                                        unsigned stopGraceMs = 5000) {
+// A configuration file of `routes`, in the run's folder.
+std::string GatewayConfigFile(const std::vector<Route>& routes, unsigned leaseMs,
+                              unsigned stopGraceMs) {
     const std::string config =
         testsupport::TestRunDir() + "/" + testsupport::UniqueName("gw") + ".json";
     nlohmann::json slots = nlohmann::json::array();
@@ -274,15 +272,35 @@ std::unique_ptr<testsupport::ChildProcess> StartGateway(const std::vector<Route>
     std::ofstream(config) << nlohmann::json{
         {"gateway", {{"name", "child"}, {"lease_ms", leaseMs}, {"stop_grace_ms", stopGraceMs}}},
         {"slots", slots}};
-    return std::unique_ptr<testsupport::ChildProcess>(new testsupport::ChildProcess([config] {
+    return config;
+}
+
+// slot-gateway run with `args` in a process of its own, its standard output and error into
+// `output` (made anew); killed (SIGKILL) at the end of the test, and with the test process.
+std::unique_ptr<testsupport::ChildProcess> RunGateway(std::vector<std::string> args,
+                                                      const std::string& output = "/dev/null") {
+    args.insert(args.begin(), SLOT_GATEWAY_PATH);
+    return std::unique_ptr<testsupport::ChildProcess>(new testsupport::ChildProcess([args, output] {
         testsupport::DieWithParent();
-        const int quiet = ::open("/dev/null", O_WRONLY);
-        ::dup2(quiet, STDOUT_FILENO);
-        ::dup2(quiet, STDERR_FILENO);
-        ::execl(SLOT_GATEWAY_PATH, SLOT_GATEWAY_PATH, "--config", config.c_str(), "--timeout",
-                "300", static_cast<char*>(nullptr));
+        const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(out, STDERR_FILENO);
+        std::vector<char*> argv;
+        for (const std::string& arg : args) {
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        }
+        argv.push_back(nullptr);
+        ::execv(argv[0], argv.data());
         return 127;
     }));
+}
+
+// slot-gateway in a process of its own, run with a configuration of `routes`.
+std::unique_ptr<testsupport::ChildProcess> StartGateway(const std::vector<Route>& routes,
+                                                        unsigned leaseMs,
+                                                        unsigned stopGraceMs = 5000) {
+    return RunGateway(
+        {"--config", GatewayConfigFile(routes, leaseMs, stopGraceMs), "--timeout", "300"});
 }
 
 // Overwrites the shared-memory object `name` (a slot's header) with 0xFF, as a stray writer
@@ -1001,6 +1019,46 @@ TEST(GatewayClaim, AKilledGatewaysClaimEndsWithIt) {
     child->Wait();
     Gateway successor(OneRoute(in));
     EXPECT_EQ(shared::FileLock::Holder(lockFile), ::getpid());
+}
+
+// --log-config reads a file ending in ".xml" as log4cxx XML, as slotctl does (read as properties,
+// it would set nothing up); a file that cannot be read is a usage error, said in one line.
+TEST(GatewayProgram, ReadsAnXmlLogConfiguration) {
+    testsupport::ScopedSlotName slot("gw_log_xml");
+    const std::string config =
+        GatewayConfigFile({MakeRoute(slot, "reliable", Direction::FromNetwork,
+                                     testsupport::UniqueName("part"), "log_xml", 64, 4)},
+                          500, 0);
+    const std::string base = testsupport::TestRunDir() + "/" + testsupport::UniqueName("gwlog");
+    std::string xml = R"(<?xml version="1.0"?>
+<log4j:configuration xmlns:log4j="http://jakarta.apache.org/log4j/">
+  <appender name="file" class="org.apache.log4j.FileAppender">
+    <param name="File" value="LOG_FILE"/>
+    <layout class="org.apache.log4j.PatternLayout">
+      <param name="ConversionPattern" value="%p %c %m%n"/>
+    </layout>
+  </appender>
+  <root><priority value="INFO"/><appender-ref ref="file"/></root>
+</log4j:configuration>
+)";
+    xml.replace(xml.find("LOG_FILE"), 8, base + ".log");
+    testsupport::WriteFile(base + ".xml", xml);
+    const auto run = [&](const std::string& logConfig) {
+        return RunGateway({"--config", config, "--timeout", "0.2", "--log-config", logConfig},
+                          base + ".out")
+            ->Wait(60s);
+    };
+    const testsupport::ChildResult configured = run(base + ".xml");
+    EXPECT_TRUE(configured.Ok()) << configured.Describe() << testsupport::ReadFile(base + ".out");
+    EXPECT_NE(testsupport::ReadFile(base + ".log").find("INFO SlotGateway Stopping: time is up"),
+              std::string::npos)
+        << testsupport::ReadFile(base + ".log");
+
+    const testsupport::ChildResult unreadable = run(base + ".missing.xml");
+    EXPECT_TRUE(unreadable.exited && unreadable.exitCode == 2) << unreadable.Describe();
+    EXPECT_EQ(testsupport::ReadFile(base + ".out"),
+              "slot-gateway: cannot read log configuration '" + base +
+                  ".missing.xml': No such file or directory\n");
 }
 
 // A stop ends within about the grace, however many routes wait on a peer that no longer answers

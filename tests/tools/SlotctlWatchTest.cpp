@@ -429,16 +429,14 @@ TEST(SlotctlDocs, HelpManualPageAndCompletionKnowEveryCommand) {
         const std::string section = std::regex_search(rest, next, std::regex("\n\\.(TP|SH)\n"))
                                         ? next.prefix().str()
                                         : rest;
-        const std::string usage = Slotctl({"help", command}).out;
-        if (command != "help") {  // `COMMAND --help` is `help COMMAND`
-            const Outcome asked = SlotctlEnding(0, {command, "--help"});
-            EXPECT_EQ(usage, asked.out);
-            // bw shares hz's usage, as its second line.
-            const std::string start = command == "bw" ? "usage: slotctl hz NAME [--window SECS] "
-                                                        "[--timeout MS]\n       slotctl bw "
-                                                      : "usage: slotctl " + command + " ";
-            EXPECT_EQ(0u, usage.find(start)) << usage;
-        }
+        // `COMMAND --help` is `help COMMAND`, `help help` too.
+        const std::string usage = SlotctlEnding(0, {"help", command}).out;
+        EXPECT_EQ(usage, SlotctlEnding(0, {command, "--help"}).out);
+        // bw shares hz's usage, as its second line.
+        const std::string start = command == "bw" ? "usage: slotctl hz NAME [--window SECS] "
+                                                    "[--timeout MS]\n       slotctl bw "
+                                                  : "usage: slotctl " + command + " ";
+        EXPECT_EQ(0u, usage.find(start)) << usage;
         const std::regex optionLine("\n +(--[a-z][a-z-]*)");
         for (auto it = std::sregex_iterator(usage.begin(), usage.end(), optionLine);
              it != std::sregex_iterator(); ++it) {

@@ -16,14 +16,14 @@ write and read create when it is missing (--max-size: its block size, --queue: i
 blocks).
 
 commands:
-  ls [--json]                 every slot, half slot and posix-pipe FIFO, one line each
+  ls [--json | --names]       every slot, half slot and posix-pipe FIFO, one line each
   info NAME [--json]          one slot in detail (read without disturbing it)
   write NAME [DATA | -]       write blocks (DATA, or standard input)
   read NAME                   print the blocks that arrive
   rm NAME... | rm --stale     remove slots, or stale ones left by a crash
   hz NAME / bw NAME           write rate / estimated bandwidth, without reading anything
   peek NAME                   the last block taken from the slot, without changing anything
-  top [--once | --json]       every slot and pool live: rates, fill, reader, attached processes
+  top [--once] [--json]       every slot and pool live: rates, fill, reader, attached processes
   record -o FILE.mcap NAME... record the blocks that arrive (slots, pools) to an MCAP file
   replay FILE.mcap...         write recorded blocks back into slots and pools
   demo                        blocks flowing through the three slot types, live
@@ -337,7 +337,12 @@ removes every object it made (also on Ctrl-C).
 )HELP";
     }
     if (command == "help") {
-        return ToolHelp();
+        return R"HELP(usage: slotctl help [COMMAND]
+       slotctl COMMAND --help
+
+Prints the overview of slotctl and its commands, or, with COMMAND, that command's usage and
+options.
+)HELP";
     }
     return "(internal command of slotctl demo)\n";
 }

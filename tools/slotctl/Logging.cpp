@@ -3,15 +3,15 @@
 
 #include "Cli.h"
 
+#include <shared/LogConfiguration.h>
+
 #include <log4cxx/helpers/writer.h>
 #include <log4cxx/logger.h>
 #include <log4cxx/logmanager.h>
 #include <log4cxx/patternlayout.h>
-#include <log4cxx/propertyconfigurator.h>
 #include <log4cxx/writerappender.h>
-#include <log4cxx/xml/domconfigurator.h>
 
-#include <unistd.h>
+#include <optional>
 
 namespace layout_detail {
 using namespace log4cxx;  // for the object macros
@@ -67,13 +67,9 @@ namespace slotctl {
 void ConfigureLogging(const LogOptions& options) {
     log4cxx::LoggerPtr root = log4cxx::Logger::getRootLogger();
     if (!options.configFile.empty()) {
-        if (::access(options.configFile.c_str(), R_OK) != 0) {
-            throw UsageError("cannot read log configuration " + Quote(options.configFile));
-        }
-        if (EndsWith(options.configFile, ".xml")) {
-            log4cxx::xml::DOMConfigurator::configure(options.configFile);
-        } else {
-            log4cxx::PropertyConfigurator::configure(options.configFile);
+        if (const std::optional<std::string> problem =
+                shared::ConfigureLoggingFromFile(options.configFile)) {
+            throw UsageError(*problem);
         }
     } else if (options.console) {
         auto console = std::make_shared<log4cxx::WriterAppender>();

@@ -96,7 +96,8 @@ int Run(int argc, char** argv) {
         }
     }
     if (command == "help") {
-        command = args.empty() ? "" : args[0];
+        // `help COMMAND` is `COMMAND --help`; `help --help` is `help help`, help's own usage.
+        command = !args.empty() ? args[0] : help ? "help" : "";
         help = true;
     }
     if (command.empty()) {
@@ -104,7 +105,7 @@ int Run(int argc, char** argv) {
         return help ? slotctl::ExitOk : slotctl::ExitUsage;
     }
     const auto found = Commands().find(command);
-    if (found == Commands().end()) {
+    if (found == Commands().end() && command != "help") {
         throw slotctl::UsageError("unknown command '" + command + "' (see slotctl --help)");
     }
     if (help) {

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "LogConfiguration.h"
+
+#include <log4cxx/propertyconfigurator.h>
+#include <log4cxx/xml/domconfigurator.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+
+namespace shared {
+
+namespace {
+
+// Why `path` cannot be read; empty when it can. Non-blocking, so that a FIFO without a writer
+// does not hold the program here.
+std::string ReadProblem(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return std::strerror(errno);
+    }
+    struct stat st;
+    const bool folder = ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
+    ::close(fd);
+    return folder ? std::strerror(EISDIR) : "";
+}
+
+bool EndsWithXml(const std::string& path) {
+    const std::string xml = ".xml";
+    return path.size() >= xml.size() &&
+           path.compare(path.size() - xml.size(), xml.size(), xml) == 0;
+}
+
+}  // namespace
+
+std::optional<std::string> ConfigureLoggingFromFile(const std::string& path) {
+    const std::string problem = ReadProblem(path);
+    if (!problem.empty()) {
+        return "cannot read log configuration '" + path + "': " + problem;
+    }
+    if (EndsWithXml(path)) {
+        log4cxx::xml::DOMConfigurator::configure(path);
+    } else {
+        log4cxx::PropertyConfigurator::configure(path);
+    }
+    return std::nullopt;
+}
+
+}  // namespace shared
