@@ -84,23 +84,28 @@ void StopSignals::ResetForExec() {
     std::signal(SIGPIPE, SIG_DFL);
 }
 
-WaitResult WaitOrStop(int fd, short events, int timeoutMs) {
+WaitResult WaitOrStop(int fd, short events, int timeoutMs, int watched) {
     if (StopSignals::Received()) {
         return WaitResult::Stopped;
     }
-    pollfd fds[3] = {{signalFd, POLLIN, 0}, {takenFd, POLLIN, 0}, {fd, events, 0}};
+    // poll leaves out a negative descriptor. `watched` asks for nothing: an error or a hang-up (a
+    // pipe whose reader went reports POLLERR) is reported anyway, and nothing else is.
+    pollfd fds[4] = {{signalFd, POLLIN, 0}, {takenFd, POLLIN, 0}, {fd, events, 0}, {watched, 0, 0}};
     int r;
     do {
-        r = ::poll(fds, fd >= 0 ? 3 : 2, timeoutMs);
+        r = ::poll(fds, 4, timeoutMs);
     } while (r < 0 && errno == EINTR);
     if (StopSignals::Received()) {
         return WaitResult::Stopped;
     }
+    if (r > 0 && fds[3].revents != 0) {
+        return WaitResult::Gone;
+    }
     return r == 0 ? WaitResult::TimedOut : WaitResult::Ready;
 }
 
-WaitResult WaitReadableOrStop(int fd, int timeoutMs) {
-    return WaitOrStop(fd, POLLIN, timeoutMs);
+WaitResult WaitReadableOrStop(int fd, int timeoutMs, int watched) {
+    return WaitOrStop(fd, POLLIN, timeoutMs, watched);
 }
 
 struct HelperRun::State {

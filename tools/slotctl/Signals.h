@@ -27,14 +27,16 @@ public:
     static void ResetForExec();
 };
 
-enum class WaitResult { Ready, TimedOut, Stopped };
+// Gone: the descriptor a wait watches reported an error or a hang-up.
+enum class WaitResult { Ready, TimedOut, Stopped, Gone };
 
 // Waits until `fd` reports one of `events` or an error (fd < 0: just waits), the time-out passes
-// (-1: none) or a stop signal arrives, also one another thread took.
-WaitResult WaitOrStop(int fd, short events, int timeoutMs);
+// (-1: none) or a stop signal arrives, also one another thread took; or until `watched` (-1: none)
+// reports an error or a hang-up (Gone, which outranks `fd`, as a stop outranks both).
+WaitResult WaitOrStop(int fd, short events, int timeoutMs, int watched = -1);
 
 // WaitOrStop for `fd` readable.
-WaitResult WaitReadableOrStop(int fd, int timeoutMs);
+WaitResult WaitReadableOrStop(int fd, int timeoutMs, int watched = -1);
 
 // `work` running on a helper thread of its own, waited for in steps: a wait that ends first (a
 // stop signal, a time-out) leaves the helper running, and a later wait may still see it end.
