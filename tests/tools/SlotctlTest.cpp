@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "../Slot/PoolTestSupport.h"
 #include "ChildProcess.h"
 #include "Eventually.h"
 #include "Files.h"
@@ -740,6 +741,43 @@ TEST(SlotctlReadWrite, AStalledStandardOutputEndsAtAStopSignalAndAtTheTimeOut) {
         if (timeOut) {
             EXPECT_EQ(std::string(size, static_cast<char>('a' + written + unwritten)), next.out);
         }
+    }
+}
+
+// A follower whose standard output closes (`read --follow | head -1`) ends at once with the status
+// of a closed output, without waiting for the next block: a reliable slot's or queue pool's
+// reader claim goes with it, and a block written afterwards waits for the next reader (it once
+// kept the claim until a block came, then took that block and lost it).
+TEST(SlotctlReadWrite, AFollowerWhoseOutputClosesEndsAtOnceAndTakesNoMoreBlocks) {
+    ScopedSlotName slot("follow");
+    pooltest::ScopedPool pool("followq");
+    for (const auto& [name, type, kind] : std::vector<std::array<std::string, 3>>{
+             {slot.str(), "reliable", "reliable"}, {pool.str(), "queue", "queue pool"}}) {
+        SlotctlEnding(
+            0, {"write", name, "--type", type, "--queue", "8", "--max-size", "16", "--lines"},
+            Options{"0\n1\n2\n3\n4\n"});
+        const std::string fifo = testsupport::TestRunDir() + "/" + testsupport::UniqueName("out");
+        ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+        const int head = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        Background reader({"read", name, "--follow"}, 0, fifo);
+        EXPECT_TRUE(reader.WaitForErr("slotctl: reading"));
+        ::unlink(fifo.c_str());  // opened by then
+        // Every waiting block printed before the pipe closes: none is taken and not written.
+        std::string printed;
+        EXPECT_TRUE(testsupport::Eventually(
+            [&] {
+                char buffer[256];
+                const ssize_t n = ::read(head, buffer, sizeof(buffer));
+                printed.append(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+                return printed.size() >= 55;
+            },
+            std::chrono::seconds(30)));
+        EXPECT_EQ("1 bytes: 0\n1 bytes: 1\n1 bytes: 2\n1 bytes: 3\n1 bytes: 4\n", printed);
+        ::close(head);
+        const Outcome run = reader.FinishEnding(1, std::chrono::seconds(20));
+        EXPECT_EQ("slotctl: reading '" + name + "' (" + kind + ")\n", run.err);
+        SlotctlEnding(0, {"write", name, "after"});
+        EXPECT_EQ("5 bytes: after\n", SlotctlEnding(0, {"read", name, "--timeout", "20000"}).out);
     }
 }
 

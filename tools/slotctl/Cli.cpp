@@ -433,6 +433,10 @@ bool WriteOut(const std::string& bytes, int timeoutMs) {
     return WriteTo(StandardOutput(), bytes, timeoutMs);
 }
 
+int OutputWatchFd() {
+    return StandardOutput().fd;
+}
+
 bool WriteErr(const std::string& bytes) {
     return WriteTo(StandardError(), bytes, -1);
 }

@@ -108,6 +108,12 @@ constexpr int OutputTimedOut = ETIMEDOUT;
 // until that many ms passed (OutputTimedOut). Any thread may write.
 bool WriteOut(const std::string& bytes, int timeoutMs = -1);
 
+// What a command watches (WaitOrStop's `watched`) while it waits for something to print on
+// standard output: Gone once nobody can read that output any more (a pipe whose reader ended, as
+// after `| head -1`; a socket or terminal hung up; never a file). The command then ends as after
+// a write that failed with EPIPE, without taking what it would not be able to print.
+int OutputWatchFd();
+
 // WriteOut for standard error, without a time-out.
 bool WriteErr(const std::string& bytes);
 

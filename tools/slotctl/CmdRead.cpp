@@ -307,9 +307,16 @@ int RunRead(const Context&, const std::vector<std::string>& args) {
         status = ExitTimedOut;
     }
     while (status == ExitOk && outputError == 0 && (target == 0 || printed < target)) {
-        const WaitResult wait = WaitReadableOrStop(queue.WakeFd(), limitMs);
+        const WaitResult wait = WaitReadableOrStop(queue.WakeFd(), limitMs, OutputWatchFd());
         if (wait == WaitResult::Stopped) {
             status = ExitInterrupted;
+            break;
+        }
+        if (wait == WaitResult::Gone) {
+            // Nobody reads standard output any more (`| head -1`): the reader is stopped now,
+            // and its claim released, rather than at the next block, which it would take from a
+            // reliable slot or a queue pool only to lose it. It ends as a closed pipe does.
+            outputError = EPIPE;
             break;
         }
         if (wait == WaitResult::TimedOut) {
