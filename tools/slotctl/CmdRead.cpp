@@ -162,8 +162,8 @@ Opened OpenSlotReader(const Arguments& arguments, const std::string& name, std::
         // while the reader starts.
         boost::shared_ptr<ISlot> slot;
         if (opened.type == "reliable" || opened.type == "discarding") {
-            const WaitResult wait =
-                RunInterruptibly([&] { slot = SlotFactory::CreateSlot(&cfg); }, limitMs);
+            const WaitResult wait = OpenSlotInterruptibly(
+                name, [&] { slot = SlotFactory::CreateSlot(&cfg); }, limitMs);
             if (wait != WaitResult::Ready) {
                 leaveNotOpened(wait);
             }

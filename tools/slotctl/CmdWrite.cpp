@@ -136,8 +136,7 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     // Opening and every write wait for the slot's lock, which a live process may keep: those
     // waits end on Ctrl-C and --timeout.
-    auto bounded = [&](const char* what, const std::function<void()>& step) {
-        const WaitResult result = RunInterruptibly(step, limitMs);
+    auto leaveUnlessReady = [&](const char* what, WaitResult result) {
         if (result == WaitResult::Stopped) {
             LeaveNow(ExitInterrupted, "slotctl: interrupted");
         }
@@ -199,13 +198,12 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     {
         ISubscriberPtr writer;
         try {
-            bounded("not opened", [&] {
-                if (pool) {
-                    writer = Slot::PoolFactory::CreatePoolWriter(*poolConfig);
-                } else {
-                    writer = SlotFactory::CreateSlotWriter(&*cfg);
-                }
-            });
+            const auto openPool = [&] {
+                writer = Slot::PoolFactory::CreatePoolWriter(*poolConfig);
+            };
+            const auto openSlot = [&] { writer = SlotFactory::CreateSlotWriter(&*cfg); };
+            leaveUnlessReady("not opened", pool ? RunInterruptibly(openPool, limitMs)
+                                                : OpenSlotInterruptibly(name, openSlot, limitMs));
         } catch (const AbortSlotCreationException& e) {
             throw CommandError(ExitFailure, "cannot write to " + Quote(name) + ": " + e.what());
         }
@@ -227,10 +225,11 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
         auto write = [&](const std::string& block) {
             // The outcome is the writing thread's.
             Slot::WriteOutcome outcome = Slot::WriteOutcome::None;
-            bounded("not done", [&] {
+            const auto put = [&] {
                 writer->onNotify(name, block.data(), block.size());
                 outcome = Slot::LastWriteOutcome();
-            });
+            };
+            leaveUnlessReady("not done", RunInterruptibly(put, limitMs));
             ++blocks;
             // The library logs why a slot refused a block; a pool's refusal is said here.
             if (pool && outcome == Slot::WriteOutcome::Refused) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Cli.h"
+#include "Signals.h"
 
 #include <Slot/ISlotConfiguration.h>
 
@@ -9,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <set>
 #include <string>
@@ -27,6 +29,17 @@ std::set<std::string> SlotValuedOptions(std::initializer_list<std::string> more)
 // blocks, 100 ms. Refuses, with one line, a slot that cannot be used safely: one whose parts
 // cannot be opened, are not slot parts, are unfinished, or are locked by a dead process.
 SlotCfg ResolveSlot(const Arguments& arguments, const std::string& name);
+
+// Runs `open`, which opens the slot `name` (or makes its writer) through the library, as
+// RunInterruptibly does: until it returns (Ready; what it throws is rethrown here), `limitMs`
+// (-1: none) passes, or a stop signal arrives. The library gives up waiting for the slot's lock
+// after its creation bound (2 s, SLOT_CREATION_WAIT_MS), also when a live process keeps it (one
+// stopped with SIGSTOP, say): as long as a look at the slot then finds another live process
+// holding one of its locks, `open` is tried again, so that only the time-out or a stop ends
+// that wait. After a wait that ended first, `open` may still be running: it is not tried again,
+// and the caller leaves with LeaveNow (or keeps nothing it captured).
+WaitResult OpenSlotInterruptibly(const std::string& name, const std::function<void()>& open,
+                                 int limitMs);
 
 // " (its lock is held)" when another live process holds a lock inside the slot `name` now (a
 // look without a lock), else "": the reason a --timeout ended opening or writing it, when that
