@@ -17,6 +17,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <functional>
@@ -135,7 +136,8 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
     const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     // Opening and every write wait for the slot's lock, which a live process may keep: those
-    // waits end on Ctrl-C and --timeout.
+    // waits end on Ctrl-C and --timeout. The time-out of the opening counts from here.
+    const auto started = std::chrono::steady_clock::now();
     auto leaveUnlessReady = [&](const char* what, WaitResult result) {
         if (result == WaitResult::Stopped) {
             LeaveNow(ExitInterrupted, "slotctl: interrupted");
@@ -202,8 +204,9 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
                 writer = Slot::PoolFactory::CreatePoolWriter(*poolConfig);
             };
             const auto openSlot = [&] { writer = SlotFactory::CreateSlotWriter(&*cfg); };
-            leaveUnlessReady("not opened", pool ? RunInterruptibly(openPool, limitMs)
-                                                : OpenSlotInterruptibly(name, openSlot, limitMs));
+            leaveUnlessReady("not opened",
+                             pool ? RunInterruptibly(openPool, limitMs)
+                                  : OpenSlotInterruptibly(name, openSlot, limitMs, started));
         } catch (const AbortSlotCreationException& e) {
             throw CommandError(ExitFailure, "cannot write to " + Quote(name) + ": " + e.what());
         }

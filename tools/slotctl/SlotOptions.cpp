@@ -9,6 +9,7 @@
 #include <Slot/SlotSurvey.h>
 
 #include <unistd.h>
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <memory>
@@ -140,7 +141,13 @@ SlotCfg ResolveSlot(const Arguments& arguments, const std::string& name) {
 }
 
 WaitResult OpenSlotInterruptibly(const std::string& name, const std::function<void()>& open,
-                                 int limitMs) {
+                                 int limitMs, std::chrono::steady_clock::time_point started) {
+    int leftMs = -1;
+    if (limitMs >= 0) {
+        const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - started);
+        leftMs = static_cast<int>(std::max<long long>(0, limitMs - spent.count()));
+    }
     // Set once the wait has ended first: the helper then gives up at its next failure.
     const auto waitEnded = std::make_shared<std::atomic<bool>>(false);
     const WaitResult result = RunInterruptibly(
@@ -158,7 +165,7 @@ WaitResult OpenSlotInterruptibly(const std::string& name, const std::function<vo
                 }
             }
         },
-        limitMs);
+        leftMs);
     if (result != WaitResult::Ready) {
         waitEnded->store(true);
     }
@@ -166,7 +173,7 @@ WaitResult OpenSlotInterruptibly(const std::string& name, const std::function<vo
 }
 
 std::string HeldLockNote(const std::string& name) {
-    return HeldByAnother(SlotSurvey::InspectSlot(name)) ? " (its lock is held)" : "";
+    return HeldByAnother(SlotSurvey::InspectSlotAtOnce(name)) ? " (its lock is held)" : "";
 }
 
 std::string PipeLossText(std::uint64_t bytes) {
