@@ -340,7 +340,10 @@ double SlotReport::AgeSeconds() const {
     return age;
 }
 
-SlotReport SlotSurvey::InspectSlot(const std::string& name) {
+namespace {
+
+// InspectSlot, looking at the locks up to `looks` times while a live process holds one.
+SlotReport Inspect(const std::string& name, int looks) {
     SlotReport report;
     report.name = name;
     // A name the system cannot hold has no objects; "queue_" alone is not its queue either.
@@ -348,7 +351,7 @@ SlotReport SlotSurvey::InspectSlot(const std::string& name) {
         return report;
     }
     const std::string queueName = Slot::QueueObjectName(name);
-    for (int look = 0; look < BusyLooks; ++look) {
+    for (int look = 0; look < looks; ++look) {
         if (look > 0) {
             std::this_thread::sleep_for(BusyPause);
         }
@@ -369,6 +372,16 @@ SlotReport SlotSurvey::InspectSlot(const std::string& name) {
         report.readerPid = shared::FileLock::AnyHolder(report.readerLockFile);
     }
     return report;
+}
+
+}  // namespace
+
+SlotReport SlotSurvey::InspectSlot(const std::string& name) {
+    return Inspect(name, BusyLooks);
+}
+
+SlotReport SlotSurvey::InspectSlotAtOnce(const std::string& name) {
+    return Inspect(name, 1);
 }
 
 std::vector<SlotReport> SlotSurvey::ListSlots() {

@@ -132,6 +132,12 @@ public:
     // cannot hold just reports Absent parts.
     static SlotReport InspectSlot(const std::string& name);
 
+    // As InspectSlot, but with a single look at the slot, for a caller that must not wait: a lock
+    // that a live process holds just then is reported held (InspectSlot looks again for about
+    // 100 ms before it calls a slot busy), and a part read while its holder changes it may be
+    // reported damaged.
+    static SlotReport InspectSlotAtOnce(const std::string& name);
+
     // Every slot, half slot, unfinished slot object and posix-pipe FIFO on this machine, sorted
     // by name. An object of another program is left out; a size-0 or uninitialised object
     // counts as a slot part only with the permissions the library creates them with (0644).

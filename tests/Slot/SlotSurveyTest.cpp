@@ -221,9 +221,15 @@ TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusyUntilReleasedAndByAKilledOn
     EXPECT_EQ("header mutex", busy.heldLocks[0].lock);
     EXPECT_EQ(holder.Child().Pid(), busy.heldLocks[0].process);
     EXPECT_FALSE(busy.heldLocks[0].HolderDead());
+    // A single look sees the same holder.
+    const SlotReport glance = SlotSurvey::InspectSlotAtOnce(name);
+    EXPECT_EQ(SlotState::Busy, glance.state) << glance.detail;
+    ASSERT_EQ(1u, glance.heldLocks.size());
+    EXPECT_EQ(holder.Child().Pid(), glance.heldLocks[0].process);
     holder.Release();
     EXPECT_TRUE(holder.Child().Wait().Ok());
     EXPECT_EQ(SlotState::Healthy, Inspect(name).state);
+    EXPECT_EQ(SlotState::Healthy, SlotSurvey::InspectSlotAtOnce(name).state);
 
     HeaderHolder killed(name);
     ASSERT_TRUE(killed.WaitLocked()) << killed.Child().Wait().Describe();

@@ -313,6 +313,39 @@ TEST(SlotctlTimeout, ReadAndWriteThatGiveUpWaitingEndWithStatus124) {
               write.err);
 }
 
+// A live holder that keeps the slot's lock past the library's bound on opening (2 s), here one
+// stopped with SIGSTOP: opening waits on for --timeout (124 with its text, not the library's
+// give-up), without it until Ctrl-C (130), and succeeds once the holder lets go.
+TEST(SlotctlTimeout, OpeningWaitsPastTheLibrarysBoundForAStoppedHolder) {
+    ScopedSlotName name("stopped");
+    testsupport::HeaderHolder holder(name);
+    ASSERT_TRUE(holder.WaitLocked()) << holder.Child().Wait().Describe();
+    // Should the test end early, the holder's destructor kills it, stopped or not.
+    ASSERT_EQ(0, ::kill(holder.Child().Pid(), SIGSTOP));
+    const auto started = std::chrono::steady_clock::now();
+    Background timed({"write", name.str(), "--timeout", "3000", "x"});
+    Background interrupted({"write", name.str(), "z"});
+    Background writer({"write", name.str(), "y"});
+    Background reader({"read", name.str(), "--timeout", "60000"});
+    const Outcome timedOut = timed.Finish();
+    const auto took = std::chrono::steady_clock::now() - started;
+    EXPECT_EQ(124, timedOut.status) << timedOut.Describe();
+    EXPECT_EQ("slotctl: cannot write to '" + name.str() +
+                  "': not opened within 3000 ms (its lock is held)\n",
+              timedOut.err);
+    EXPECT_GE(took, std::chrono::milliseconds(2900));
+    EXPECT_LT(took, std::chrono::seconds(10));
+
+    // The others still wait, past the library's bound.
+    interrupted.Signal(SIGINT);
+    interrupted.FinishEnding(130);
+    holder.Release();
+    ::kill(holder.Child().Pid(), SIGCONT);
+    writer.FinishEnding(0);
+    EXPECT_EQ("1 bytes: y\n", reader.FinishEnding(0).out);
+    EXPECT_TRUE(holder.Child().Wait().Ok());
+}
+
 // ---- framed and NDJSON I/O ----
 
 TEST(SlotctlFrames, BinaryBlocksPassIntactThroughAPipeBetweenTwoSlotctlsAndAsNdjson) {

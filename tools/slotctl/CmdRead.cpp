@@ -142,13 +142,13 @@ struct Opened {
 // limit) or until a stop signal.
 Opened OpenSlotReader(const Arguments& arguments, const std::string& name, std::uint64_t target,
                       std::unique_ptr<BlockQueue>& made, int limitMs) {
+    const auto started = std::chrono::steady_clock::now();
     const SlotCfg cfg = ResolveSlot(arguments, name);
     Opened opened;
     opened.type = TypeName(cfg);
     opened.updateMs = static_cast<int>(cfg.GetUpdateTime().total_milliseconds());
     made.reset(new BlockQueue(target, opened.type == "reliable", opened.type == "reliable"));
     BlockQueue& queue = *made;
-    const auto started = std::chrono::steady_clock::now();
     auto leaveNotOpened = [&](WaitResult wait) {
         if (wait == WaitResult::Stopped) {
             LeaveNow(ExitInterrupted, "");
@@ -162,8 +162,8 @@ Opened OpenSlotReader(const Arguments& arguments, const std::string& name, std::
         // while the reader starts.
         boost::shared_ptr<ISlot> slot;
         if (opened.type == "reliable" || opened.type == "discarding") {
-            const WaitResult wait =
-                RunInterruptibly([&] { slot = SlotFactory::CreateSlot(&cfg); }, limitMs);
+            const WaitResult wait = OpenSlotInterruptibly(
+                name, [&] { slot = SlotFactory::CreateSlot(&cfg); }, limitMs, started);
             if (wait != WaitResult::Ready) {
                 leaveNotOpened(wait);
             }

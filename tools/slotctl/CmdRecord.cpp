@@ -577,8 +577,9 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             continue;
         }
         try {
-            const WaitResult opened = RunInterruptibly(
-                [&] { source->opened = SlotFactory::CreateSlot(source->cfg.get()); }, -1);
+            const WaitResult opened = OpenSlotInterruptibly(
+                source->name, [&] { source->opened = SlotFactory::CreateSlot(source->cfg.get()); },
+                -1);
             if (opened != WaitResult::Ready) {
                 abandon();
                 LeaveNow(ExitInterrupted, "");
@@ -596,6 +597,10 @@ int RunRecord(const Context&, const std::vector<std::string>& rawArgs) {
             } catch (...) {
                 abandon();
                 throw;
+            }
+            if (source->tee->Abandoned()) {
+                abandon();
+                LeaveNow(ExitInterrupted, "");
             }
         }
     }

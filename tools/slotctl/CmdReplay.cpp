@@ -285,9 +285,7 @@ RetryingWriter::RetryingWriter(const ISlotConfiguration& cfg, Waits waits)
         opened->writer.reset(new SlotWriter(opened->slot));
     };
     try {
-        if (waits == Waits::Plain) {
-            open();
-        } else if (RunInterruptibly(open, -1) != WaitResult::Ready) {
+        if (OpenSlotInterruptibly(name_, open, -1) != WaitResult::Ready) {
             abandoned_ = true;
             return;
         }

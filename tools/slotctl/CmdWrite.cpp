@@ -17,6 +17,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <functional>
@@ -135,9 +136,9 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     const std::uint64_t timeoutMs = arguments.GetNumber("timeout", 0, 1, INT_MAX);
     const int limitMs = timeoutMs == 0 ? -1 : static_cast<int>(timeoutMs);
     // Opening and every write wait for the slot's lock, which a live process may keep: those
-    // waits end on Ctrl-C and --timeout.
-    auto bounded = [&](const char* what, const std::function<void()>& step) {
-        const WaitResult result = RunInterruptibly(step, limitMs);
+    // waits end on Ctrl-C and --timeout. The time-out of the opening counts from here.
+    const auto started = std::chrono::steady_clock::now();
+    auto leaveUnlessReady = [&](const char* what, WaitResult result) {
         if (result == WaitResult::Stopped) {
             LeaveNow(ExitInterrupted, "slotctl: interrupted");
         }
@@ -199,13 +200,13 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
     {
         ISubscriberPtr writer;
         try {
-            bounded("not opened", [&] {
-                if (pool) {
-                    writer = Slot::PoolFactory::CreatePoolWriter(*poolConfig);
-                } else {
-                    writer = SlotFactory::CreateSlotWriter(&*cfg);
-                }
-            });
+            const auto openPool = [&] {
+                writer = Slot::PoolFactory::CreatePoolWriter(*poolConfig);
+            };
+            const auto openSlot = [&] { writer = SlotFactory::CreateSlotWriter(&*cfg); };
+            leaveUnlessReady("not opened",
+                             pool ? RunInterruptibly(openPool, limitMs)
+                                  : OpenSlotInterruptibly(name, openSlot, limitMs, started));
         } catch (const AbortSlotCreationException& e) {
             throw CommandError(ExitFailure, "cannot write to " + Quote(name) + ": " + e.what());
         }
@@ -227,10 +228,11 @@ int RunWrite(const Context&, const std::vector<std::string>& args) {
         auto write = [&](const std::string& block) {
             // The outcome is the writing thread's.
             Slot::WriteOutcome outcome = Slot::WriteOutcome::None;
-            bounded("not done", [&] {
+            const auto put = [&] {
                 writer->onNotify(name, block.data(), block.size());
                 outcome = Slot::LastWriteOutcome();
-            });
+            };
+            leaveUnlessReady("not done", RunInterruptibly(put, limitMs));
             ++blocks;
             // The library logs why a slot refused a block; a pool's refusal is said here.
             if (pool && outcome == Slot::WriteOutcome::Refused) {

@@ -67,12 +67,13 @@ std::string ByteText(std::uint64_t bytes);
 class RetryingWriter {
 public:
     enum class Result { Stored, TooLarge, Failed, Stopped };
-    // How a slot's opening and each write wait for its lock, which a live process may keep.
-    // Plain: until they are done (a reader's thread). Interruptible (the main thread only): they
-    // also end when `stopping` says so (a write: Result::Stopped) or at a stop signal (the
-    // opening: Abandoned() is true).
+    // How each write waits for the slot's lock, which a live process may keep. Plain: until it
+    // is done (a reader's thread). Interruptible (the main thread only): it also ends when
+    // `stopping` says so (Result::Stopped).
     enum class Waits { Plain, Interruptible };
 
+    // Made on the main thread: the opening waits for the slot's lock until a stop signal
+    // (Abandoned() is then true), also past the library's bound while a live process keeps it.
     RetryingWriter(const ISlotConfiguration& cfg, Waits waits);
     explicit RetryingWriter(const Slot::PoolConfig& config);
     Result Write(const char* data, size_t size, const std::function<bool()>& stopping);

@@ -4,11 +4,15 @@
 #include "Names.h"
 #include "PoolTarget.h"
 
+#include <Slot/AbortSlotCreationException.h>
 #include <Slot/ConfigurationTags.h>
 #include <Slot/SlotSurvey.h>
 
 #include <unistd.h>
+#include <algorithm>
+#include <atomic>
 #include <climits>
+#include <memory>
 
 namespace slotctl {
 
@@ -61,6 +65,17 @@ void RefuseOtherKind(const std::string& command, const std::string& name, const 
     }
     throw CommandError(ExitFailure, command + ": the slot " + Quote(name) + " is a " + kind +
                                         " slot, not " + Quote(asked));
+}
+
+// Whether a process other than this one, and alive, holds one of the locks `report` found held.
+// This process's own helper may be the one inside: only another holder counts.
+bool HeldByAnother(const SlotReport& report) {
+    for (const SlotLockReport& lock : report.heldLocks) {
+        if (!lock.HolderDead() && lock.process != ::getpid()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -125,14 +140,40 @@ SlotCfg ResolveSlot(const Arguments& arguments, const std::string& name) {
                    maxSize != 0 ? static_cast<size_t>(maxSize) : existingMaxSize);
 }
 
-std::string HeldLockNote(const std::string& name) {
-    for (const SlotLockReport& lock : SlotSurvey::InspectSlot(name).heldLocks) {
-        // This process's own helper may be the one inside: only another holder counts.
-        if (!lock.HolderDead() && lock.process != ::getpid()) {
-            return " (its lock is held)";
-        }
+WaitResult OpenSlotInterruptibly(const std::string& name, const std::function<void()>& open,
+                                 int limitMs, std::chrono::steady_clock::time_point started) {
+    int leftMs = -1;
+    if (limitMs >= 0) {
+        const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - started);
+        leftMs = static_cast<int>(std::max<long long>(0, limitMs - spent.count()));
     }
-    return "";
+    // Set once the wait has ended first: the helper then gives up at its next failure.
+    const auto waitEnded = std::make_shared<std::atomic<bool>>(false);
+    const WaitResult result = RunInterruptibly(
+        [name, open, waitEnded] {
+            for (;;) {
+                try {
+                    open();
+                    return;
+                } catch (const AbortSlotCreationException&) {
+                    // A look finds a lock held only when it stays held for about 100 ms (it
+                    // looks again meanwhile): tries are that far apart at least.
+                    if (waitEnded->load() || !HeldByAnother(SlotSurvey::InspectSlot(name))) {
+                        throw;
+                    }
+                }
+            }
+        },
+        leftMs);
+    if (result != WaitResult::Ready) {
+        waitEnded->store(true);
+    }
+    return result;
+}
+
+std::string HeldLockNote(const std::string& name) {
+    return HeldByAnother(SlotSurvey::InspectSlotAtOnce(name)) ? " (its lock is held)" : "";
 }
 
 std::string PipeLossText(std::uint64_t bytes) {
