@@ -4,6 +4,7 @@
 #include <Slot/Export.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -63,6 +64,10 @@ SLOT_EXPORT std::string HeaderObjectName(const std::string& slot);
 
 // The queue's object name: "queue_<name>".
 SLOT_EXPORT std::string QueueObjectName(const std::string& slot);
+
+// The largest object a slot is made of: the objects' offsets and sizes are ints. A larger
+// object under a slot's name is some other program's.
+constexpr std::uint64_t MaxObjectBytes = 2147483647;  // INT_MAX
 
 // The longest slot name: a POSIX shared-memory name is one file name of at most NAME_MAX (255)
 // bytes, and the queue's name adds "queue_".

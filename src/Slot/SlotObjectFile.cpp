@@ -30,7 +30,7 @@ int SlotObjectFile::Open(const std::string& path) {
     }
     if (IsRegularFile()) {
         size_ = static_cast<std::uint64_t>(status_.st_size);
-        pages_.resize(CachedPages);
+        pages_.assign(CachedPages, Page());  // nothing of a file opened before
     }
     return 0;
 }

@@ -14,17 +14,21 @@ namespace shared {
 
 namespace {
 
-// Why `path` cannot be read; empty when it can. Non-blocking, so that a FIFO without a writer
-// does not hold the program here.
+// Why `path` cannot be read; empty when it can. Only a regular file: log4cxx opens the path
+// again with a blocking open, which a FIFO without a writer would hold for ever. The look itself
+// is non-blocking for the same reason.
 std::string ReadProblem(const std::string& path) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         return std::strerror(errno);
     }
     struct stat st;
-    const bool folder = ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
+    const bool statted = ::fstat(fd, &st) == 0;
     ::close(fd);
-    return folder ? std::strerror(EISDIR) : "";
+    if (statted && S_ISDIR(st.st_mode)) {
+        return std::strerror(EISDIR);
+    }
+    return statted && S_ISREG(st.st_mode) ? "" : "not a regular file";
 }
 
 bool EndsWithXml(const std::string& path) {

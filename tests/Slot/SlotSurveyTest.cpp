@@ -209,6 +209,19 @@ TEST(SlotSurvey, DamagedAndForeignObjects) {
         EXPECT_EQ(SlotPartState::Foreign, g.queue.state);
         EXPECT_EQ(SlotState::Absent, ListedState(garbage));
     }
+    // Sparse objects of any size cost nothing to make on tmpfs: one larger than any slot object
+    // is foreign without being read (reading 1 TiB of zeros would take minutes).
+    ScopedSlotName sparse("sparse");
+    for (const std::string& object : {std::string(sparse), BaseQueueSlot::GetQueueName(sparse)}) {
+        ASSERT_TRUE(WriteObject(object, Bytes()));
+        ASSERT_EQ(0, ::truncate(Slot::ShmPath(object).c_str(), off_t(1) << 40));
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const SlotReport huge = SlotSurvey::InspectSlot(sparse);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(SlotPartState::Foreign, huge.header.state);
+    EXPECT_EQ(SlotPartState::Foreign, huge.queue.state);
+    EXPECT_EQ(SlotState::Absent, ListedState(sparse));
 }
 
 TEST(SlotSurvey, AHeaderMutexHeldByALiveProcessIsBusyUntilReleasedAndByAKilledOneNamesItsPid) {

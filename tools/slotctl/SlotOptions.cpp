@@ -152,16 +152,20 @@ WaitResult OpenSlotInterruptibly(const std::string& name, const std::function<vo
     const auto waitEnded = std::make_shared<std::atomic<bool>>(false);
     const WaitResult result = RunInterruptibly(
         [name, open, waitEnded] {
+            bool held = false;  // a look found the lock held after an earlier try
             for (;;) {
                 try {
                     open();
                     return;
                 } catch (const AbortSlotCreationException&) {
                     // A look finds a lock held only when it stays held for about 100 ms (it
-                    // looks again meanwhile): tries are that far apart at least.
-                    if (waitEnded->load() || !HeldByAnother(SlotSurvey::InspectSlot(name))) {
+                    // looks again meanwhile): tries are that far apart at least. A holder seen
+                    // before that has let go since gets one more try.
+                    const bool heldNow = HeldByAnother(SlotSurvey::InspectSlot(name));
+                    if (waitEnded->load() || !(heldNow || held)) {
                         throw;
                     }
+                    held = heldNow;
                 }
             }
         },

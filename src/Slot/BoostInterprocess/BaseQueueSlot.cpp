@@ -56,7 +56,7 @@ auto WithIndexLock(shared::SlotSegment& segment, const std::string& name, const 
 // Boost sizes the queue in 32-bit unsigned arithmetic that wraps silently. Refuse sizes whose
 // objects could not be addressed, with a generous bound on the queue's per-message overhead.
 bool SizesAreAddressable(std::uint64_t maxDataSize, std::uint64_t bufferLength) {
-    const std::uint64_t limit = INT_MAX;
+    const std::uint64_t limit = Slot::MaxObjectBytes;
     const std::uint64_t perMessage = maxDataSize + 64;
     return maxDataSize + BaseQueueSlot::HeaderHeadroom <= limit &&
            bufferLength <= limit / perMessage && bufferLength * perMessage + 4096 <= limit;

@@ -291,6 +291,12 @@ std::uint64_t RoundUp(std::uint64_t value, std::uint64_t alignment) {
 template <class Image>
 bool CheckCreation(const Bytes& bytes, Image& image) {
     image.mappedSize = bytes.Size();
+    if (bytes.Size() > Slot::MaxObjectBytes) {
+        // Not read at all: an object of any size costs nothing to make on tmpfs (sparse).
+        image.verdict = Verdict::Foreign;
+        image.problem = "larger than any slot object";
+        return false;
+    }
     std::uint32_t word = 0;
     if (!bytes.Read(0, word)) {
         image.creation = CreationState::Missing;
@@ -548,6 +554,10 @@ struct IndexEntry {
     std::uint64_t nameOffset = 0;
 };
 
+// A header segment holds a handful of allocations (the index nodes, the named objects, the
+// output buffer): a chain of more blocks is damage, and is not walked to its end.
+constexpr std::size_t MaxBlocks = 1024;
+
 // One block of the allocator's chain.
 struct Block {
     std::uint64_t offset = 0;
@@ -571,6 +581,10 @@ bool WalkBlocks(const Bytes& bytes, std::uint64_t firstBlock, std::uint64_t endB
     std::uint64_t previousUnits = 0;
     std::uint64_t at = firstBlock;
     while (at < endBlock) {
+        if (blocks.size() == MaxBlocks) {
+            problem = "its allocator has more than " + std::to_string(MaxBlocks) + " blocks";
+            return false;
+        }
         SizeHolder holder{};
         bytes.Read(at, holder);
         const std::uint64_t units = holder.sizeAndFlags & BlockUnitsMask;
