@@ -47,6 +47,7 @@ set(SLOT_PUBLIC_HEADERS
     shared/ISubscriber.h
     shared/INotifier.h
     shared/Notifier.h
+    shared/ReaderNotifier.h  # the base of every reader
     shared/ProxySubscriber.h
     shared/ILockable.h
     shared/ISyncEvent.h

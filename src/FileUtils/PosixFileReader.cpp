@@ -121,8 +121,7 @@ PosixFileReader::PosixFileReader(const std::string& path, unsigned size,
       refusedDevice_(0),
       refusedInode_(0),
       waitingUnsubscribers_(0),
-      stopping_(false),
-      pid_(::getpid()) {
+      stopping_(false) {
     struct stat st;
     fd_ = OpenChecked(path, folder_, leaf_, st);
     isFifo_ = S_ISFIFO(st.st_mode);
@@ -146,7 +145,7 @@ PosixFileReader::PosixFileReader(const std::string& path, unsigned size,
 }
 
 PosixFileReader::~PosixFileReader() {
-    if (::getpid() != pid_) {
+    if (Inherited()) {
         // A forked child's copy: the thread is the parent's (joining its handle would wait for
         // ever) and a wake-up would reach it through the shared self-pipe. The handle is left
         // alone for good; the descriptors closed below are the child's own.
@@ -168,7 +167,12 @@ bool PosixFileReader::OnOwnThread() const {
     return boost::this_thread::get_id() == thread_.get_id();
 }
 
+// In a forked child's copy the subscription calls return at once: deliveryMutex_ may be held
+// there for good, and a wake-up would reach the parent's thread.
 void PosixFileReader::subscribe(shared::ISubscriber* subscriber) {
+    if (Inherited()) {
+        return;
+    }
     shared::Notifier::subscribe(subscriber);
     if (subscriber != nullptr) {
         Wake();
@@ -190,11 +194,17 @@ boost::recursive_mutex::scoped_lock PosixFileReader::LockForUnsubscribe() {
 }
 
 void PosixFileReader::unsubscribe(shared::ISubscriber* subscriber) {
+    if (Inherited()) {
+        return;
+    }
     boost::recursive_mutex::scoped_lock lock(LockForUnsubscribe());
     shared::Notifier::unsubscribe(subscriber);
 }
 
 void PosixFileReader::unsubscribeAll() {
+    if (Inherited()) {
+        return;
+    }
     boost::recursive_mutex::scoped_lock lock(LockForUnsubscribe());
     shared::Notifier::unsubscribeAll();
 }

@@ -3,7 +3,7 @@
 
 #include <FileUtils/Export.h>
 
-#include <shared/Notifier.h>
+#include <shared/ReaderNotifier.h>
 #include <shared/SharedFolder.h>
 #include <shared/SizedArray.h>
 
@@ -44,7 +44,9 @@ namespace FileUtils {
 //   after `period`.
 // - The destructor stops the thread at once (a self-pipe wakes its poll) and joins it; at the
 //   latest the thread notices within `period`. In a child forked (without exec) the copy has
-//   no thread: destroying it only closes the child's descriptors, the parent reads on.
+//   no thread (shared::ReaderNotifier::Inherited): its subscription calls return at once, also
+//   when the fork came during a delivery, and destroying it only closes the child's
+//   descriptors; the parent reads on.
 // - Errors (a failed read, an exception from a subscriber) are logged at ERROR on
 //   "Slot.Reader" and followed by a pause of `period`; they do not end the thread.
 //
@@ -52,7 +54,7 @@ namespace FileUtils {
 // may be called from any thread. unsubscribe() and unsubscribeAll() wait for the delivery in
 // progress only, also while the pipe stays full. Final because the thread runs from the
 // constructor on.
-class FILEUTILS_EXPORT PosixFileReader final : public shared::Notifier {
+class FILEUTILS_EXPORT PosixFileReader final : public shared::ReaderNotifier {
 public:
     // Opens `path` (which must exist) and starts the thread; throws std::runtime_error when the
     // file cannot be opened. A `size` of 0 reads chunks of up to 65536 bytes.
@@ -105,7 +107,6 @@ private:
     boost::recursive_mutex deliveryMutex_;
     std::atomic<int> waitingUnsubscribers_;  // unsubscribe calls waiting for deliveryMutex_
     std::atomic<bool> stopping_;             // set by the destructor
-    const pid_t pid_;                        // the process that made the reader and runs its thread
     boost::thread thread_;
 };
 

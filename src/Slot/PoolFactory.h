@@ -64,7 +64,9 @@ public:
     /// delivers to its subscribers onNotify(name, pointer into the block, size), valid during
     /// the call (HoldCurrentBlock keeps it longer). `firstSubscriber` (may be null) is
     /// subscribed before the thread starts. The last reference may be dropped anywhere, also
-    /// inside a subscriber's onNotify.
+    /// inside a subscriber's onNotify. A child forked without exec has a copy without the
+    /// thread (shared::ReaderNotifier): its subscription calls return at once and dropping it
+    /// leaves the parent's reader as it is.
     static INotifierPtr CreatePoolReader(const PoolConfig& config,
                                          const ISubscriberPtr& firstSubscriber = ISubscriberPtr());
 

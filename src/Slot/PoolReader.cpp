@@ -7,7 +7,7 @@
 #include <Slot/SlotNames.h>
 
 #include <shared/ManagedObject.h>
-#include <shared/Notifier.h>
+#include <shared/ReaderNotifier.h>
 #include <shared/RobustMutex.h>
 #include <shared/SharedFolder.h>
 
@@ -35,8 +35,9 @@ constexpr auto ReapedClaimSlice = std::chrono::milliseconds(5);
 // Threads: the creator's thread constructs, subscribes and releases; the reader thread runs
 // Run and every subscriber's onNotify, holding no lock of the pool while they run (the
 // Notifier's own mutex guards its subscriber list). Holds are counted per block in the
-// attachment, so subscribers' PoolBlock copies may be dropped on any thread.
-class PoolReader : public shared::Notifier {
+// attachment, so subscribers' PoolBlock copies may be dropped on any thread. A forked child's
+// copy has no thread: its subscription calls return at once (shared::ReaderNotifier).
+class PoolReader : public shared::ReaderNotifier {
 public:
     PoolReader(std::shared_ptr<PoolAttachment> attachment, std::int64_t spinNs,
                const ISubscriberPtr& first)

@@ -23,6 +23,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -834,10 +835,38 @@ bool PoolSegment::OwnerAlive(unsigned index, std::uint64_t word, const PidNamesp
     return PoolOwnerAlive(fd_, index, attachments_[index], word, mine);
 }
 
+namespace {
+
+// The process that an attachment entry names, as the entry recorded it: entries of one process
+// record the same pid, start time and pid namespace.
+struct EntryOwner {
+    std::uint64_t pid;
+    std::uint64_t startTime;
+    PidNamespace ns;
+
+    bool operator==(const EntryOwner& other) const {
+        return pid == other.pid && startTime == other.startTime && ns.inode == other.ns.inode &&
+               ns.device == other.ns.device;
+    }
+};
+
+// A dead process of one reaping pass and the blocks its entries returned.
+struct ReapedProcess {
+    EntryOwner owner;
+    unsigned blocks;
+};
+
+}  // namespace
+
 unsigned PoolSegment::ReapDead() {
     const pid_t me = ::getpid();
     const PidNamespace ns = OwnPidNamespace();
-    unsigned reaped = 0;
+    // One ERROR line per dead process, after the pass: a process with several attachments (a
+    // writer and a reader) has one entry each. Entries of one process that two reapers reap at
+    // the same time are logged by each. A fixed array: no allocation that could throw while a
+    // reaper lock is held.
+    std::array<ReapedProcess, MaxPoolAttachments> reaped;
+    unsigned processes = 0;
     for (unsigned i = 0; i < MaxPoolAttachments; ++i) {
         const std::uint64_t bit = 1ull << i;
         std::uint64_t word = attachments_[i].word.load();
@@ -868,18 +897,34 @@ unsigned PoolSegment::ReapDead() {
                     std::uint64_t marked = mine;
                     attachments_[i].word.compare_exchange_strong(marked, word);
                 } else {
-                    ReapEntry(i, word, mine);
-                    ++reaped;
+                    // Read before ReapEntry clears the entry; a dead owner writes it no more.
+                    const EntryOwner owner{word & AttachPidMask, attachments_[i].startTime.load(),
+                                           EntryPidNamespace(attachments_[i])};
+                    const unsigned blocks = ReapEntry(i, mine);
+                    ReapedProcess* const end = reaped.data() + processes;
+                    ReapedProcess* const same = std::find_if(
+                        reaped.data(), end,
+                        [&](const ReapedProcess& process) { return process.owner == owner; });
+                    if (same == end) {
+                        reaped[processes++] = ReapedProcess{owner, blocks};
+                    } else {
+                        same->blocks += blocks;
+                    }
                 }
             }
             UnlockByte(fd_, PoolReaperLockByte(i));
         }
         reapingHere_.fetch_and(~bit);
     }
-    return reaped;
+    for (unsigned n = 0; n < processes; ++n) {
+        LOG4CXX_ERROR(logger_, "Pool '" << name_ << "': process " << reaped[n].owner.pid
+                                        << " died; " << reaped[n].blocks
+                                        << " block(s) it held or had loaned returned to the pool");
+    }
+    return processes;
 }
 
-void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mine) {
+unsigned PoolSegment::ReapEntry(unsigned index, std::uint64_t mine) {
     shared::StopPoint("pool-reaping");
     const std::uint64_t bit = 1ull << index;
     header_->sleepers.fetch_and(~bit);
@@ -926,13 +971,11 @@ void PoolSegment::ReapEntry(unsigned index, std::uint64_t word, std::uint64_t mi
         }
     }
     TryReclaimAll();
-    LOG4CXX_ERROR(logger_, "Pool '" << name_ << "': process " << (word & AttachPidMask) << " died; "
-                                    << returned
-                                    << " block(s) it held or had loaned returned to the pool");
     attachments_[index].startTime.store(0);
     attachments_[index].pidNamespace.store(0);
     attachments_[index].pidNamespaceDevice.store(0);
     attachments_[index].word.compare_exchange_strong(mine, 0);
+    return returned;
 }
 
 void PoolSegment::WakeSleepers() {

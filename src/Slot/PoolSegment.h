@@ -379,7 +379,9 @@ private:
     // locked (two at-fork registries are never held at once: fork takes them in its own order).
     PoolSegment(const std::string& name, int fd, void* base, std::size_t size,
                 const PoolHeader& checked, shared::WriteCounters* counters);
-    void ReapEntry(unsigned index, std::uint64_t word, std::uint64_t myWord);
+    // Returns the loans and holds of the dead entry `index`, marked with this reaper's `myWord`,
+    // and frees it: the number of blocks returned.
+    unsigned ReapEntry(unsigned index, std::uint64_t myWord);
     // Whether the owner of entry `index` (word `word`, not being reaped) is still attached: its
     // lock is held and, in the pid namespace `mine`, its process is not gone.
     bool OwnerAlive(unsigned index, std::uint64_t word, const PidNamespace& mine);

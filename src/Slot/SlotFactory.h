@@ -31,7 +31,9 @@ public:
     // finite and not negative (AbortSlotCreationException otherwise). The last reference to a
     // reader of a shared-memory slot may be dropped anywhere, also inside one of its subscribers'
     // onNotify: the reader then delivers nothing more and is destroyed when that notification
-    // has returned.
+    // has returned. A child forked without exec has a copy without the thread
+    // (shared::ReaderNotifier): its subscription calls return at once and dropping it leaves the
+    // parent's reader as it is.
     static INotifierPtr CreateSlotReader(const ISlotConfiguration* cfg);
     // The same, with `firstSubscriber` subscribed before the reader's thread starts, so that it
     // gets every block the reader takes, also those that waited in a reliable slot. The reader

@@ -15,6 +15,7 @@
 #include <shared/LockablePtr.h>
 #include <shared/Notifier.h>
 #include <shared/ProxySubscriber.h>
+#include <shared/ReaderNotifier.h>
 #include <shared/RobustMutex.h>
 #include <shared/SharedFolder.h>
 #include <shared/SharedMemory.h>

@@ -8,6 +8,7 @@
 #include "FakeSlot.h"
 #include "HeaderHolder.h"
 #include "LogCapture.h"
+#include "PoolTestSupport.h"
 #include "Readers.h"
 #include "ShmHygiene.h"
 
@@ -223,27 +224,67 @@ TEST(ReliableSlotReader, StopsWhileAStoppedProcessKeepsTheSlotsLock) {
     EXPECT_EQ(1u, to->GetBufferLength()) << "the block taken was lost";
 }
 
-// A child forked (without exec) while readers run drops its copies at once; the parent's readers
-// read on (that the claim stays the parent's is ReaderClaim's). A hang shows as the watchdog.
-TEST(SlotReaders, AForkedChildDropsItsCopiesAtOnceAndTheParentsReadOn) {
-    for (const std::string type : {"reliable", "discarding", "posix-pipe"}) {
-        SCOPED_TRACE(type);
-        ScopedSlotName name("forkdrop");
-        const testsupport::ScopedPipe pipe(name);
-        const SimpleSlotCfg cfg = ReaderCfg(name, type);
-        boost::shared_ptr<Collector> collector(new Collector);
-        INotifierPtr reader = SlotFactory::CreateSlotReader(&cfg, collector);
-        EXPECT_TRUE(testsupport::RunsInChild(
-            [&] {
-                reader.reset();
-                collector.reset();
-            },
-            std::chrono::seconds(10)));
-        testsupport::WriteThroughWriter(cfg, "after");
-        EXPECT_TRUE(collector->WaitForBytes(5));
-        EXPECT_EQ("after", collector->Stream());
+// A child forked (without exec) while a reader's thread is inside a subscriber's onNotify, and so
+// holds the reader's delivery locks, leaves its copy at once: unsubscribe, subscribe,
+// unsubscribeAll and the drop return, for every kind of reader. The parent's reader reads on (that
+// a claim stays the parent's is ReaderClaim's). A hang shows as the child's watchdog.
+class ForkedReader : public testing::TestWithParam<std::string> {};
+
+TEST_P(ForkedReader, AChildForkedDuringADeliveryLeavesItsCopyAtOnceAndTheParentReadsOn) {
+    const std::string kind = GetParam();
+    const bool pool = kind == "queue" || kind == "latest";
+    ScopedSlotName name("forkleave");
+    const testsupport::ScopedPipe pipe(name);
+    const SimpleSlotCfg cfg = ReaderCfg(name, kind);
+    const pooltest::ScopedPool poolName("forkleave");
+    const Slot::PoolConfig poolCfg = poolName.Config(kind, 64, 4);
+    ISubscriberPtr poolWriter;
+    if (pool) {
+        poolWriter = Slot::PoolFactory::CreatePoolWriter(poolCfg);
     }
+    const auto write = [&](const std::string& bytes) {
+        if (pool) {
+            poolWriter->onNotify("", bytes.data(), bytes.size());
+        } else {
+            testsupport::WriteThroughWriter(cfg, bytes);
+        }
+    };
+
+    // The first delivery waits until the child is done.
+    std::promise<void> leave;
+    std::shared_future<void> left = leave.get_future().share();
+    boost::shared_ptr<Collector> held(new Collector);
+    held->action = [left, first = std::make_shared<std::atomic<bool>>(true)] {
+        if (first->exchange(false)) {
+            left.wait_for(std::chrono::seconds(30));
+        }
+    };
+    INotifierPtr reader = pool ? Slot::PoolFactory::CreatePoolReader(poolCfg, held)
+                               : SlotFactory::CreateSlotReader(&cfg, held);
+    write("one");
+    ASSERT_TRUE(held->WaitFor(1));
+    EXPECT_TRUE(testsupport::RunsInChild(
+        [&] {
+            Collector other;
+            reader->unsubscribe(held.get());
+            reader->subscribe(&other);
+            reader->unsubscribeAll();
+            reader.reset();
+            held.reset();
+        },
+        std::chrono::seconds(10)));
+    leave.set_value();
+    write("two");
+    EXPECT_TRUE(held->WaitForBytes(6));
+    EXPECT_EQ("onetwo", held->Stream());
 }
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ForkedReader,
+                         testing::Values("reliable", "discarding", "posix-pipe", "queue", "latest"),
+                         [](const testing::TestParamInfo<std::string>& info) {
+                             return info.param == "posix-pipe" ? std::string("posixpipe")
+                                                               : info.param;
+                         });
 
 // Destroying a reader that spins with a budget far beyond the test's time-out returns: the
 // spin ends on the stop request instead of running out. Also right after a delivery, when the

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ChildRequire.h"
+
 #include <shared/Notifier.h>
+#include <shared/ReaderNotifier.h>
 #include <shared/SizedArray.h>
 
 #include <boost/thread/thread.hpp>
@@ -93,6 +96,7 @@ TEST(Notifier, VirtualOperationsComeInTableOrderWithTheDestructorLast) {
 #if defined(__x86_64__) || defined(__i386__)
     ExpectOperationsFirstThenDestructor<shared::INotifier>();
     ExpectOperationsFirstThenDestructor<shared::Notifier>();
+    ExpectOperationsFirstThenDestructor<shared::ReaderNotifier>();
     // Five operations, then the destructor's two entries (complete and deleting).
     EXPECT_EQ(7, TableIndex(&Extended::extra));
 #else
@@ -192,6 +196,42 @@ TEST(Notifier, UnsubscribeWaitsForTheDeliveryInProgress) {
     proceed.set_value();
     EXPECT_TRUE(unsubscribing.try_join_for(boost::chrono::seconds(10)));
     EXPECT_TRUE(notifying.try_join_for(boost::chrono::seconds(10)));
+}
+
+// In a child forked while another thread delivers, a reader's notifier (whose mutex that thread
+// holds for good there) returns from its subscription calls at once and has no subscribers; a
+// plain notifier made before the fork works in the child as anywhere. A hang shows as the
+// child's watchdog.
+TEST(ReaderNotifier, AForkedChildsCopyLeavesAtOnceWhileAPlainNotifierKeepsWorking) {
+    shared::ReaderNotifier reader;
+    shared::Notifier plain;
+    Recorder slow;
+    std::promise<void> entered;
+    std::promise<void> proceed;
+    std::shared_future<void> go = proceed.get_future().share();
+    slow.action = [&] {
+        entered.set_value();
+        go.wait();
+    };
+    reader.subscribe(&slow);
+    boost::thread notifying([&] { reader.notify("n", nullptr, 0); });
+    entered.get_future().wait();
+    EXPECT_TRUE(testsupport::RunsInChild(
+        [&] {
+            Recorder mine;
+            reader.subscribe(&mine);
+            reader.unsubscribe(&slow);
+            reader.unsubscribeAll();
+            testsupport::Require(!reader.hasSubscribers(), 2, "the copy has subscribers");
+            plain.subscribe(&mine);
+            plain.notify("n", nullptr, 0);
+            testsupport::Require(mine.calls == 1, 3, "the plain notifier did not deliver");
+        },
+        std::chrono::seconds(10)));
+    proceed.set_value();
+    notifying.join();
+    EXPECT_FALSE(reader.Inherited());
+    EXPECT_TRUE(reader.hasSubscribers());
 }
 
 // Subscribers come and go on two threads while a third notifies without pause. Once

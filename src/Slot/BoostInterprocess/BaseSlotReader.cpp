@@ -12,7 +12,6 @@
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <boost/ref.hpp>
 
-#include <unistd.h>
 #include <algorithm>
 
 namespace {
@@ -47,8 +46,7 @@ BaseSlotReader::BaseSlotReader(boost::shared_ptr<ISlot> slot,
       logger_(ReaderLogger()),
       released_(false),
       spinBudget_(0, 0, 0),
-      spinWait_(nullptr),
-      pid_(::getpid()) {
+      spinWait_(nullptr) {
     CheckUpdateTime(slot_->GetName(), updateTime_);
 }
 
@@ -86,10 +84,6 @@ BaseSlotReader::~BaseSlotReader() {
     } else if (thread_.joinable()) {
         thread_.detach();
     }
-}
-
-bool BaseSlotReader::Inherited() const {
-    return ::getpid() != pid_;
 }
 
 void BaseSlotReader::Release(BaseSlotReader* reader, boost::shared_ptr<void> keepAlive) {

@@ -5,7 +5,7 @@
 #include <Slot/ISlot.h>
 
 #include <shared/ISpinWait.h>
-#include <shared/Notifier.h>
+#include <shared/ReaderNotifier.h>
 #include <shared/SizedArray.h>
 #include <shared/WaitForAsyncOpHandler.h>
 
@@ -13,8 +13,6 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/thread.hpp>
-
-#include <sys/types.h>
 
 // A notifier that owns one thread reading one shared-memory slot.
 //
@@ -31,15 +29,16 @@
 // their own parts are destroyed; this base neither interrupts nor joins.
 //
 // A child forked (without exec) from the process that made the reader has a copy of it but not
-// its thread: there the copy is Inherited, and destroying it neither stops nor waits for the
-// thread, nor gives up anything the parent's reader holds.
+// its thread: there the copy is Inherited (shared::ReaderNotifier). Its subscription calls return
+// at once, also when the fork came during a delivery, and destroying it neither stops nor waits
+// for the thread, nor gives up anything the parent's reader holds.
 //
 // Destroying a reader on its own thread (its owner drops the last reference inside a
 // subscriber's onNotify) cannot join that thread, and the code that called the subscriber still
 // runs on the reader's members. Owners that may do so delete the reader through Release, as the
 // readers of SlotFactory do: on the reader's own thread the reader stops delivering at once and
 // the thread deletes it when the cycle in progress has unwound.
-class SLOT_EXPORT BaseSlotReader : public shared::Notifier {
+class SLOT_EXPORT BaseSlotReader : public shared::ReaderNotifier {
 public:
     // Throws AbortSlotCreationException for an update time that CheckUpdateTime refuses.
     BaseSlotReader(boost::shared_ptr<ISlot> slot,
@@ -90,9 +89,6 @@ protected:
     // deleted through Release) the thread is detached instead: it is about to end. In a forked
     // child (Inherited) the thread is the parent's: its handle is let go, false.
     bool StopThread();
-    // True in a process forked from the one that made this reader: the thread and every claim
-    // of the reader are that process's.
-    bool Inherited() const;
     // Set on the reader thread by Release: the reader takes nothing more and is deleted by its
     // thread. Draining loops test it between blocks.
     bool Released() const { return released_; }
@@ -110,5 +106,4 @@ private:
     boost::posix_time::time_duration spinBudget_;  // set before Init
     shared::ISpinWait* spinWait_;                  // the slot's write signal; null: no spinning
     boost::shared_ptr<void> keepAlive_;            // reader thread only; see Release
-    const pid_t pid_;                              // the process that made the reader
 };

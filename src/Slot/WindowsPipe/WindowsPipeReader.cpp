@@ -7,7 +7,6 @@
 #include <boost/bind/bind.hpp>
 #include <boost/ref.hpp>
 
-#include <unistd.h>
 #include <stdexcept>
 
 namespace {
@@ -29,8 +28,7 @@ WindowsPipeReader::WindowsPipeReader(boost::shared_ptr<WindowsPipeServerSlot> sl
       errorPause_(errorPause),
       singletonMutex_(slot->GetName()),
       fileLock_(),
-      logger_(log4cxx::Logger::getLogger("Slot.Reader")),
-      pid_(::getpid()) {
+      logger_(log4cxx::Logger::getLogger("Slot.Reader")) {
     // The lock file is made when missing and claimed without waiting for a reader; a removal of
     // the file under way is waited out (FileLock::Claim).
     const bool unique =
@@ -45,7 +43,7 @@ WindowsPipeReader::WindowsPipeReader(boost::shared_ptr<WindowsPipeServerSlot> sl
 }
 
 WindowsPipeReader::~WindowsPipeReader() {
-    if (::getpid() != pid_) {
+    if (Inherited()) {
         // A forked child's copy: the thread is the parent's (interrupting or joining its handle
         // would wait for ever), and so may be the buffer's mutex. The handle is left alone for
         // good; the lock file's lock and the name's count are not the child's anyway.

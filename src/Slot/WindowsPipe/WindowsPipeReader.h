@@ -7,7 +7,7 @@
 #include <IoUtils/AccumulationBuffer.h>
 #include <shared/FileLock.h>
 #include <shared/ISubscriber.h>
-#include <shared/Notifier.h>
+#include <shared/ReaderNotifier.h>
 #include <shared/SingletonMutex.h>
 #include <shared/SizedArray.h>
 #include <shared/WaitForAsyncOpHandler.h>
@@ -17,8 +17,6 @@
 #include <boost/thread/thread.hpp>
 
 #include <log4cxx/logger.h>
-
-#include <sys/types.h>
 
 // Reads blocks from a WindowsPipeServerSlot on a thread of its own, gathers them in an
 // AccumulationBuffer (records of the slot's maximum data size; 0 passes blocks through) and
@@ -37,9 +35,10 @@
 // (subscribers cut off, thread interrupted and joined). Errors while reading are logged at
 // ERROR on "Slot.Reader" and followed by the error pause; only interruption ends the thread.
 // Subscribers are called on the reader thread. Init and the destructor are called by the owner
-// only, from one thread. A child forked (without exec) has a copy without the thread: destroying
-// it neither waits nor releases anything, and it does not count as the name's reader there.
-class SLOT_EXPORT WindowsPipeReader : public shared::Notifier {
+// only, from one thread. A child forked (without exec) has a copy without the thread
+// (shared::ReaderNotifier::Inherited): its subscription calls return at once, destroying it
+// neither waits nor releases anything, and it does not count as the name's reader there.
+class SLOT_EXPORT WindowsPipeReader : public shared::ReaderNotifier {
 public:
     // Throws std::logic_error "Cannot create non-unique reader for named pipe '<name>'".
     WindowsPipeReader(boost::shared_ptr<WindowsPipeServerSlot> slot,
@@ -63,5 +62,4 @@ private:
     shared::SingletonMutex singletonMutex_;
     shared::FileLock fileLock_;  // held for the reader's lifetime
     log4cxx::LoggerPtr logger_;
-    pid_t pid_;  // the process that made the reader
 };
