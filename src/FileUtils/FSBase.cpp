@@ -345,6 +345,13 @@ void FSBase::WriteBlock(const char* data, size_t size) {
     }
 }
 
+void FSBase::RecordEmptyBlock() {
+    boost::mutex::scoped_lock lock(mutex_);
+    if (writeCounters_ != nullptr) {
+        shared::RecordWriteOutcome(writeCounters_, shared::WriteOutcome::Stored);
+    }
+}
+
 void FSBase::WriteRegularFileLocked(const char* data, size_t size) {
     if (maxSize_ != 0) {
         if (size > maxSize_) {

@@ -122,6 +122,8 @@ public:
 protected:
     // Writes one block (already formatted); refusals and failures are logged.
     void WriteBlock(const char* data, size_t size);
+    // A block with nothing to write (0 bytes, or formatted to nothing): recorded as stored.
+    void RecordEmptyBlock();
 
     // Called under the lock before each block; true when the stream can take the block.
     // The default accepts an open stream only.

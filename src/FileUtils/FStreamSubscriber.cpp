@@ -12,6 +12,7 @@ FStreamSubscriber::FStreamSubscriber(const IFileOutputCfg& cfg, const FormatFunc
 void FStreamSubscriber::onNotify(const std::string&, const void* data, size_t size) {
     if (!format_) {
         if (size == 0) {
+            RecordEmptyBlock();
             return;
         }
         WriteBlock(static_cast<const char*>(data), size);
@@ -32,7 +33,9 @@ void FStreamSubscriber::onNotify(const std::string&, const void* data, size_t si
         std::memcpy(block.data(), data, size);
     }
     const std::string text = format_(block);
-    if (!text.empty()) {
+    if (text.empty()) {
+        RecordEmptyBlock();
+    } else {
         WriteBlock(text.data(), text.size());
     }
 }

@@ -248,7 +248,15 @@ void PosixFileReader::Run() {
                 }
                 ReadLoop(buffer);
             } catch (const boost::thread_interrupted&) {
-                throw;
+                if (stopping_) {
+                    throw;
+                }
+                // Thrown by a subscriber, not by the destructor's interrupt: reading goes on.
+                if (logger_->isErrorEnabled()) {
+                    LOG4CXX_ERROR(logger_, "boost::thread_interrupted from a subscriber in '"
+                                               << name_ << "', reading goes on");
+                }
+                Pause();
             } catch (const std::exception& e) {
                 if (logger_->isErrorEnabled()) {
                     LOG4CXX_ERROR(logger_, "std::exception in '" << name_ << "' : " << e.what());

@@ -23,7 +23,9 @@ namespace shared {
 // - a subscriber added during a notification gets the next one, not the one in progress;
 // - subscribing the same subscriber twice delivers to it once, also when it unsubscribes and
 //   subscribes again during a notification.
-// A subscriber must not wait, inside onNotify, for another thread that calls into this notifier.
+// A subscriber must not wait, inside onNotify, for another thread that calls into this notifier,
+// and that includes subscribe/unsubscribe of another notifier: two notifiers whose subscribers
+// change each other's subscriptions at the same moment would wait for each other for ever.
 class SHARED_EXPORT Notifier : public virtual INotifier {
 public:
     Notifier();

@@ -369,11 +369,11 @@ TEST_F(PosixPipe, AChunkTooLargeToAllocateIsReadInSmallerOnes) {
     EXPECT_TRUE(testsupport::RunsInChild([&] {
         long pages = 0;
         std::ifstream("/proc/self/statm") >> pages;
-        const rlimit cap = {static_cast<rlim_t>(pages) * ::sysconf(_SC_PAGESIZE) + (256u << 20),
+        const rlimit cap = {static_cast<rlim_t>(pages) * ::sysconf(_SC_PAGESIZE) + (1u << 30),
                             RLIM_INFINITY};
         Require(::setrlimit(RLIMIT_AS, &cap) == 0, 2, "cannot cap the address space");
         testsupport::LogCapture log("Slot.Reader");
-        const unsigned size = 2u << 30;
+        const unsigned size = 3u << 30;
         FileUtils::PosixFileReader reader(fifo.path, size, milliseconds(50));
         testsupport::Collector collector;
         reader.subscribe(&collector);
@@ -389,6 +389,30 @@ TEST_F(PosixPipe, AChunkTooLargeToAllocateIsReadInSmallerOnes) {
     }));
 }
 #endif
+
+// A subscriber that throws boost::thread_interrupted does not stop the reader: that is the
+// destructor's way to stop it, not a subscriber's.
+TEST_F(PosixPipe, ASubscriberThrowingAnInterruptionDoesNotStopTheReader) {
+    struct Interrupting : testsupport::Collector {
+        void onNotify(const std::string& name, const void* data, size_t size) override {
+            testsupport::Collector::onNotify(name, data, size);
+            if (!thrown.exchange(true)) {
+                throw boost::thread_interrupted();
+            }
+        }
+        std::atomic<bool> thrown{false};
+    } collector;
+    testsupport::LogCapture log("Slot.Reader");
+    FileUtils::PosixFileReader reader(fifo.path, 0, milliseconds(20));
+    reader.subscribe(&collector);
+    PipeWriter w(fifo.path);
+    w.Write("first");
+    ASSERT_TRUE(collector.WaitForBytes(5));
+    w.Write("second");
+    EXPECT_TRUE(collector.WaitForBytes(11)) << collector.Stream();
+    EXPECT_EQ(1u, log.Messages("ERROR").size());
+    reader.unsubscribeAll();
+}
 
 // Subscribers slower than the writer keep the reader busy all the time: unsubscribe and
 // unsubscribeAll still get their turn after the delivery in progress, not when the pipe runs dry.

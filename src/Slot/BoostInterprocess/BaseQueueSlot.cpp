@@ -103,6 +103,12 @@ BaseQueueSlot::BaseQueueSlot(boost::interprocess::open_or_create_t, const char* 
                                             << realBufferLength << "; asked for " << maxDataSize
                                             << " and " << bufferLength);
         }
+        // Allowed (an opener's length does not matter), but a queue made so stays useless.
+        if (createdQueue && realBufferLength == 0 && logger_->isWarnEnabled()) {
+            LOG4CXX_WARN(logger_, "Slot '" << name_
+                                           << "' was created with a buffer length of 0: its "
+                                              "queue can hold no block");
+        }
         if (!SizesAreAddressable(realMaxDataSize, 0)) {
             throw AbortSlotCreationException(std::string(CreationFailurePrefix) +
                                              "the queue's max data size " +

@@ -59,6 +59,19 @@ TEST(ReliableSlot, AFullQueueRefusesWritesAndKeepsTheFirstBlocksInOrder) {
         log.Messages("ERROR"));
 }
 
+// A queue made with a length of 0 holds nothing: its creator is warned, later openers are not
+// (their length does not matter).
+TEST(ReliableSlot, AQueueMadeWithALengthOf0IsWarnedAboutByItsCreatorOnly) {
+    testsupport::ScopedSlotName name;
+    testsupport::LogCapture log("Slot");
+    ReliableSlot creator(open_or_create, name.c_str(), 16, 0);
+    ReliableSlot opener(open_or_create, name.c_str(), 16, 0);
+    EXPECT_EQ(std::vector<std::string>{"Slot '" + name.str() +
+                                       "' was created with a buffer length of 0: its queue can "
+                                       "hold no block"},
+              log.Messages("WARN"));
+}
+
 // A block of a writer's sequence: its number, a payload derived from it, and a checksum.
 struct NumberedBlock {
     std::uint32_t seq;
