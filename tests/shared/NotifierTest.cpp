@@ -39,6 +39,23 @@ public:
     std::function<void()> action;
 };
 
+// A subscriber that stays inside its first onNotify until Release(): a delivery in progress.
+struct HeldDelivery {
+    HeldDelivery() {
+        std::shared_future<void> go = proceed.get_future().share();
+        subscriber.action = [this, go] {
+            entered.set_value();
+            go.wait();
+        };
+    }
+    void WaitEntered() { entered.get_future().wait(); }
+    void Release() { proceed.set_value(); }
+
+    Recorder subscriber;
+    std::promise<void> entered;
+    std::promise<void> proceed;
+};
+
 // Complains when it is called after the test flagged it unsubscribed.
 class Watched : public shared::ISubscriber {
 public:
@@ -180,20 +197,13 @@ TEST(Notifier, SubscribersMayUnsubscribeFromInsideOnNotify) {
 // unsubscribe from another thread waits for a delivery in progress to that subscriber.
 TEST(Notifier, UnsubscribeWaitsForTheDeliveryInProgress) {
     shared::Notifier notifier;
-    Recorder slow;
-    std::promise<void> entered;
-    std::promise<void> proceed;
-    std::shared_future<void> go = proceed.get_future().share();
-    slow.action = [&] {
-        entered.set_value();
-        go.wait();
-    };
-    notifier.subscribe(&slow);
+    HeldDelivery slow;
+    notifier.subscribe(&slow.subscriber);
     boost::thread notifying([&] { notifier.notify("n", nullptr, 0); });
-    entered.get_future().wait();
-    boost::thread unsubscribing([&] { notifier.unsubscribe(&slow); });
+    slow.WaitEntered();
+    boost::thread unsubscribing([&] { notifier.unsubscribe(&slow.subscriber); });
     EXPECT_FALSE(unsubscribing.try_join_for(boost::chrono::milliseconds(100)));
-    proceed.set_value();
+    slow.Release();
     EXPECT_TRUE(unsubscribing.try_join_for(boost::chrono::seconds(10)));
     EXPECT_TRUE(notifying.try_join_for(boost::chrono::seconds(10)));
 }
@@ -205,22 +215,15 @@ TEST(Notifier, UnsubscribeWaitsForTheDeliveryInProgress) {
 TEST(ReaderNotifier, AForkedChildsCopyLeavesAtOnceWhileAPlainNotifierKeepsWorking) {
     shared::ReaderNotifier reader;
     shared::Notifier plain;
-    Recorder slow;
-    std::promise<void> entered;
-    std::promise<void> proceed;
-    std::shared_future<void> go = proceed.get_future().share();
-    slow.action = [&] {
-        entered.set_value();
-        go.wait();
-    };
-    reader.subscribe(&slow);
+    HeldDelivery slow;
+    reader.subscribe(&slow.subscriber);
     boost::thread notifying([&] { reader.notify("n", nullptr, 0); });
-    entered.get_future().wait();
+    slow.WaitEntered();
     EXPECT_TRUE(testsupport::RunsInChild(
         [&] {
             Recorder mine;
             reader.subscribe(&mine);
-            reader.unsubscribe(&slow);
+            reader.unsubscribe(&slow.subscriber);
             reader.unsubscribeAll();
             testsupport::Require(!reader.hasSubscribers(), 2, "the copy has subscribers");
             plain.subscribe(&mine);
@@ -228,7 +231,7 @@ TEST(ReaderNotifier, AForkedChildsCopyLeavesAtOnceWhileAPlainNotifierKeepsWorkin
             testsupport::Require(mine.calls == 1, 3, "the plain notifier did not deliver");
         },
         std::chrono::seconds(10)));
-    proceed.set_value();
+    slow.Release();
     notifying.join();
     EXPECT_FALSE(reader.Inherited());
     EXPECT_TRUE(reader.hasSubscribers());
