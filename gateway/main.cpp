@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -104,7 +105,7 @@ int main(int argc, char** argv) {
         std::ostringstream text;
         text << in.rdbuf();
         try {
-            std::cout << SlotGateway::FormatStatus(text.str());
+            std::cout << SlotGateway::FormatStatus(text.str(), std::time(nullptr));
         } catch (const std::exception& e) {
             std::cerr << "slot-gateway: " << showPath << ": not a status file: " << e.what()
                       << "\n";

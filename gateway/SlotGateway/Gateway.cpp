@@ -153,7 +153,8 @@ std::uint64_t Gateway::Id() const {
 
 std::string Gateway::StatusJson() const {
     const std::vector<RouteStatus> routes = Status();
-    return StatusDocument(impl_->config.gatewayName, impl_->id, impl_->stop.set.load(), routes);
+    return StatusDocument(impl_->config.gatewayName, impl_->id, impl_->stop.set.load(),
+                          impl_->config.statusIntervalMs, routes);
 }
 
 void Gateway::Impl::WriteStatus() {

@@ -10,8 +10,7 @@
 namespace SlotGateway {
 
 std::string SlotClaim::PathOf(const std::string& slotName) {
-    // Shorter than the readers' ".lock", so every slot name fits the file name limit.
-    return FileUtils::FSUtils::GetSingletonFileLockDirectory() + "/" + slotName + ".gw";
+    return FileUtils::FSUtils::GetGatewayClaimFileName(slotName);
 }
 
 SlotClaim::SlotClaim(const std::string& slotName) : path_(PathOf(slotName)) {

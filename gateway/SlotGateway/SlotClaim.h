@@ -12,10 +12,12 @@ namespace SlotGateway {
 // a reliable slot twice, and on a "both" route each would take the other's writes for local
 // states and send them back without end.
 //
-// The claim is the lock file "<lock folder>/<slot name>.gw" (the folder of the reliable readers'
-// "<name>.lock" files, $SLOT_LOCK_DIR), held through shared::FileLock: the kernel drops it when
-// the gateway dies, however it dies. The file is removed when the claim ends, while still held;
-// a gateway that opened it just before finds it gone and makes a new one.
+// The claim is the lock file "<lock folder>/<slot name>.gw" (FSUtils::GetGatewayClaimFileName;
+// the folder of the reliable readers' "<name>.lock" files, $SLOT_LOCK_DIR), held through
+// shared::FileLock: the kernel drops it when the gateway dies, however it dies. The file is
+// removed when the claim ends, while still held; a gateway that opened it just before finds it
+// gone and makes a new one. A killed gateway's file is a leftover that slotctl rm removes
+// (SlotLeftovers::RemoveGatewayClaimFile) unless a gateway holds it.
 class SlotClaim {
 public:
     // Throws std::runtime_error naming the holder when another gateway, of this process or

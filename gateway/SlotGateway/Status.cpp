@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,13 +16,21 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <iomanip>
 #include <sstream>
 
 namespace SlotGateway {
 
+namespace {
+
+// The document's "time": UTC, whole seconds.
+constexpr const char* kTimeFormat = "%Y-%m-%dT%H:%M:%SZ";
+
+}  // namespace
+
 std::string StatusDocument(const std::string& gatewayName, std::uint64_t gatewayId, bool stopped,
-                           const std::vector<RouteStatus>& routes) {
+                           unsigned intervalMs, const std::vector<RouteStatus>& routes) {
     nlohmann::json slots = nlohmann::json::array();
     for (const RouteStatus& status : routes) {
         const Route& route = status.route;
@@ -48,9 +57,14 @@ std::string StatusDocument(const std::string& gatewayName, std::uint64_t gateway
     char stamp[32] = {};
     std::tm utc;
     gmtime_r(&now, &utc);
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    nlohmann::json document = {{"gateway", gatewayName}, {"id", id.str()},     {"pid", getpid()},
-                               {"time", stamp},          {"stopped", stopped}, {"slots", slots}};
+    std::strftime(stamp, sizeof stamp, kTimeFormat, &utc);
+    nlohmann::json document = {{"gateway", gatewayName},
+                               {"id", id.str()},
+                               {"pid", getpid()},
+                               {"time", stamp},
+                               {"status_interval_ms", intervalMs},
+                               {"stopped", stopped},
+                               {"slots", slots}};
     return document.dump(2) + "\n";
 }
 
@@ -171,12 +185,86 @@ unsigned RemoveStaleTemporaries(const std::string& path) {
     return removed;
 }
 
-std::string FormatStatus(const std::string& text) {
+namespace {
+
+// The start of process `pid` in seconds since the epoch (/proc/<pid>/stat's start time after
+// boot, /proc/stat's boot time), or -1 when unknown.
+double ProcessStart(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) {
+        return -1;
+    }
+    // The command in parentheses may hold spaces and parentheses: fields follow the last ')'.
+    const std::size_t close = line.rfind(')');
+    if (close == std::string::npos) {
+        return -1;
+    }
+    std::istringstream fields(line.substr(close + 1));
+    std::string field;
+    unsigned long long startTicks = 0;
+    for (int index = 3; fields >> field; ++index) {  // field 3 is the state
+        if (index == 22) {
+            startTicks = std::strtoull(field.c_str(), nullptr, 10);
+            break;
+        }
+    }
+    std::ifstream machine("/proc/stat");
+    unsigned long long bootTime = 0;
+    while (std::getline(machine, line)) {
+        if (line.compare(0, 6, "btime ") == 0) {
+            bootTime = std::strtoull(line.c_str() + 6, nullptr, 10);
+        }
+    }
+    const long ticksPerSecond = sysconf(_SC_CLK_TCK);
+    if (startTicks == 0 || bootTime == 0 || ticksPerSecond <= 0) {
+        return -1;
+    }
+    return static_cast<double>(bootTime) + static_cast<double>(startTicks) / ticksPerSecond;
+}
+
+// What the table's first line adds about the writer of a document written at `written` by `pid`
+// every `intervalMs` (0: not told), at `now`: "" while it looks current.
+std::string Liveness(pid_t pid, std::time_t written, unsigned intervalMs, std::time_t now) {
+    if (pid > 0) {
+        // A pid taken by a process started after the document was written (with a second's
+        // slack for the stamp's resolution) is not the writer's.
+        const double start = written >= 0 ? ProcessStart(pid) : -1;
+        if ((::kill(pid, 0) != 0 && errno == ESRCH) || (start >= 0 && start > written + 1.0)) {
+            return " (not running)";
+        }
+    }
+    if (written >= 0 && intervalMs > 0) {
+        const double age = std::difftime(now, written);
+        // Three intervals, and a second more for the stamp's resolution.
+        if (age * 1000.0 > 3.0 * intervalMs + 1000.0) {
+            return " (last written " + std::to_string(static_cast<long long>(age)) + " s ago)";
+        }
+    }
+    return "";
+}
+
+// The document's "time" in seconds since the epoch, or -1.
+std::time_t ParseTime(const std::string& text) {
+    std::tm utc{};
+    const char* end = strptime(text.c_str(), kTimeFormat, &utc);
+    if (end == nullptr || *end != '\0') {
+        return -1;
+    }
+    return timegm(&utc);
+}
+
+}  // namespace
+
+std::string FormatStatus(const std::string& text, std::time_t now) {
     const nlohmann::json document = nlohmann::json::parse(text);
+    const pid_t pid = document.value("pid", 0);
+    const std::string time = document.value("time", "?");
     std::ostringstream out;
     out << "gateway " << document.value("gateway", "?") << " (id " << document.value("id", "?")
-        << ", pid " << document.value("pid", 0) << ") at " << document.value("time", "?")
-        << (document.value("stopped", false) ? ", stopped" : "") << "\n";
+        << ", pid " << pid << ") at " << time
+        << (document.value("stopped", false) ? ", stopped" : "")
+        << Liveness(pid, ParseTime(time), document.value("status_interval_ms", 0u), now) << "\n";
     out << std::left << std::setw(24) << "slot" << std::setw(12) << "type" << std::setw(13)
         << "direction" << std::setw(24) << "topic" << std::right << std::setw(6) << "peers"
         << std::setw(11) << "forwarded" << std::setw(11) << "received" << std::setw(9) << "retried"

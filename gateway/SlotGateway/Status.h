@@ -6,6 +6,7 @@
 #include <SlotGateway/Config.h>
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -38,9 +39,10 @@ struct RouteStatus {
     bool sending = false;
 };
 
-// The status document of gateway `gatewayName` (id `gatewayId`, this process, now) as JSON.
+// The status document of gateway `gatewayName` (id `gatewayId`, this process, now, written every
+// `intervalMs`) as JSON.
 std::string StatusDocument(const std::string& gatewayName, std::uint64_t gatewayId, bool stopped,
-                           const std::vector<RouteStatus>& routes);
+                           unsigned intervalMs, const std::vector<RouteStatus>& routes);
 
 // Writes `text` to `path` atomically (a new temporary file "<path>.tmp.XXXXXX" beside it, then
 // rename); its folder is a shared::CheckedFolder and no symlink is followed, nor a file touched
@@ -52,7 +54,11 @@ std::string WriteFileAtomically(const std::string& path, const std::string& text
 // cannot be checked (WriteFileAtomically then says why).
 unsigned RemoveStaleTemporaries(const std::string& path);
 
-// A status document (StatusJson) as a table, for `slot-gateway --status`.
-std::string FormatStatus(const std::string& json);
+// A status document (StatusJson) as a table, for `slot-gateway --status` at time `now`. Its first
+// line says "(not running)" when the document's process is gone (or its pid now belongs to a
+// process started after the document was written), else "(last written N s ago)" when the
+// document is older than three of its write intervals: a killed or stopped gateway's file is not
+// taken for a current one.
+std::string FormatStatus(const std::string& json, std::time_t now);
 
 }  // namespace SlotGateway

@@ -34,7 +34,16 @@ std::string FSUtils::GetSingletonFileLockDirectory() {
 }
 
 std::string FSUtils::SingletonFileLockNameWithoutCreating(const std::string& name) {
-    return SingletonFileLockDirectoryWithoutCreating() + "/" + name + ".lock";
+    return SingletonFileLockDirectoryWithoutCreating() + "/" + name + kLockFileSuffix;
+}
+
+std::string FSUtils::GetGatewayClaimFileName(const std::string& name) {
+    GetSingletonFileLockDirectory();
+    return GatewayClaimFileNameWithoutCreating(name);
+}
+
+std::string FSUtils::GatewayClaimFileNameWithoutCreating(const std::string& name) {
+    return SingletonFileLockDirectoryWithoutCreating() + "/" + name + kGatewayClaimFileSuffix;
 }
 
 std::string FSUtils::SingletonFileLockDirectoryWithoutCreating() {

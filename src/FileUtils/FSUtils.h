@@ -25,6 +25,16 @@ public:
     static std::string SingletonFileLockNameWithoutCreating(const std::string& name);
     static std::string SingletonFileLockDirectoryWithoutCreating();
 
+    // Path of the file of the machine-wide claim of the gateway that writes slot `name`, in the
+    // same folder (created on demand as above; not by the WithoutCreating form):
+    // "<dir>/<name>.gw", shorter than ".lock", so that every slot name fits the file name limit.
+    static std::string GetGatewayClaimFileName(const std::string& name);
+    static std::string GatewayClaimFileNameWithoutCreating(const std::string& name);
+
+    // The suffixes of those two files' names.
+    static constexpr const char* kLockFileSuffix = ".lock";
+    static constexpr const char* kGatewayClaimFileSuffix = ".gw";
+
     // Makes sure the directory `dir` exists. One created here gets mode 01777 (set with fchmod,
     // so the umask does not matter): every user's processes can create their files in it, and
     // the sticky bit keeps them from removing each other's. It is reached as a

@@ -17,9 +17,6 @@
 
 namespace {
 
-const char kLockSuffix[] = ".lock";
-const size_t kLockSuffixLength = sizeof(kLockSuffix) - 1;
-
 // Slot names, which map to a file directly in the lock folder; other names have no lock file.
 bool HasLockFile(const std::string& name) {
     return !Slot::SlotNameProblem(name);
@@ -35,14 +32,13 @@ bool HasSharedMemory(const std::string& name) {
            Exists(Slot::ShmPath(Slot::QueueObjectName(name)));
 }
 
-}  // namespace
-
-LeftoverRemoval SlotLeftovers::RemoveReaderLockFile(const std::string& name) {
+// Removes the lock file at `path` (of slot `name`) unless a process holds it.
+LeftoverRemoval RemoveUnheldLockFile(const std::string& name, const std::string& path) {
     LeftoverRemoval result;
     if (!HasLockFile(name)) {
         return result;
     }
-    result.path = FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name);
+    result.path = path;
     std::string folderPath;
     std::string file;
     shared::SplitFolderAndName(result.path, folderPath, file);
@@ -87,7 +83,9 @@ LeftoverRemoval SlotLeftovers::RemoveReaderLockFile(const std::string& name) {
     return result;
 }
 
-std::vector<std::string> SlotLeftovers::OrphanedReaderLockFiles() {
+// Slot names whose lock file "<name><suffix>" lies in the lock folder, unheld, while the slot
+// is gone; sorted.
+std::vector<std::string> OrphanedLockFiles(const std::string& suffix) {
     std::vector<std::string> names;
     const std::string folderPath = FileUtils::FSUtils::SingletonFileLockDirectoryWithoutCreating();
     try {
@@ -102,12 +100,11 @@ std::vector<std::string> SlotLeftovers::OrphanedReaderLockFiles() {
         }
         while (const dirent* entry = ::readdir(dir)) {
             const std::string file = entry->d_name;
-            if (file.size() <= kLockSuffixLength ||
-                file.compare(file.size() - kLockSuffixLength, kLockSuffixLength, kLockSuffix) !=
-                    0) {
+            if (file.size() <= suffix.size() ||
+                file.compare(file.size() - suffix.size(), suffix.size(), suffix) != 0) {
                 continue;
             }
-            const std::string name = file.substr(0, file.size() - kLockSuffixLength);
+            const std::string name = file.substr(0, file.size() - suffix.size());
             struct stat st;
             if (::fstatat(folder.fd(), file.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
                 !S_ISREG(st.st_mode) || HasSharedMemory(name) ||
@@ -122,4 +119,24 @@ std::vector<std::string> SlotLeftovers::OrphanedReaderLockFiles() {
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+}  // namespace
+
+LeftoverRemoval SlotLeftovers::RemoveReaderLockFile(const std::string& name) {
+    return RemoveUnheldLockFile(name,
+                                FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name));
+}
+
+LeftoverRemoval SlotLeftovers::RemoveGatewayClaimFile(const std::string& name) {
+    return RemoveUnheldLockFile(name,
+                                FileUtils::FSUtils::GatewayClaimFileNameWithoutCreating(name));
+}
+
+std::vector<std::string> SlotLeftovers::OrphanedReaderLockFiles() {
+    return OrphanedLockFiles(FileUtils::FSUtils::kLockFileSuffix);
+}
+
+std::vector<std::string> SlotLeftovers::OrphanedGatewayClaimFiles() {
+    return OrphanedLockFiles(FileUtils::FSUtils::kGatewayClaimFileSuffix);
 }

@@ -11,13 +11,15 @@
 //
 // A reliable slot's reader claims the lock file "<lock folder>/<name>.lock" (folder:
 // $SLOT_LOCK_DIR, default /run/lock/libslot) and leaves it behind when it ends, since another
-// reader may be opening it at that moment. SlotFactory::RemoveSlot removes only the shared
-// memory; slotctl rm and the Python binding's remove_slot call RemoveReaderLockFile as well.
+// reader may be opening it at that moment. A gateway that writes a slot claims "<lock
+// folder>/<name>.gw" (FSUtils::GetGatewayClaimFileName) and leaves it behind when it is killed.
+// SlotFactory::RemoveSlot removes only the shared memory; slotctl rm calls RemoveReaderLockFile
+// and RemoveGatewayClaimFile as well, the Python binding's remove_slot RemoveReaderLockFile.
 
 enum class LeftoverOutcome {
     Absent,   // no such file (or the name is no slot name and cannot have one)
     Removed,  // unlinked
-    Held,     // a live reader holds it: kept
+    Held,     // a live reader (or gateway) holds it: kept
     Failed    // not a plain file of one link, unsafe folder, or unlink refused: kept
 };
 
@@ -39,9 +41,14 @@ public:
     // file made after it, so the removal never refuses a reader. A missing lock folder holds no
     // file and is not made. Never throws for what it finds.
     static LeftoverRemoval RemoveReaderLockFile(const std::string& name);
+    // The same for the claim file of a gateway that writes slot `name`: removed unless a gateway
+    // holds it, the same way.
+    static LeftoverRemoval RemoveGatewayClaimFile(const std::string& name);
 
     // Slot names whose reader lock file lies in the lock folder, unheld, while neither the
     // slot's header segment nor its queue exists, sorted. An unreadable or unsafe folder gives
     // none.
     static std::vector<std::string> OrphanedReaderLockFiles();
+    // The same for gateway claim files.
+    static std::vector<std::string> OrphanedGatewayClaimFiles();
 };

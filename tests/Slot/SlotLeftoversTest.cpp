@@ -73,6 +73,49 @@ TEST(SlotLeftovers, ALockFileIsKeptWhileHeldAndRemovedOnceOrphaned) {
     EXPECT_EQ(LeftoverOutcome::Removed, SlotLeftovers::RemoveReaderLockFile(name).outcome);
 }
 
+// A killed gateway's claim file is removed the same way: kept while a gateway holds it, listed
+// and removed once unheld with its slot gone; a link in its place is left alone.
+TEST(SlotLeftovers, AGatewayClaimFileIsKeptWhileHeldAndRemovedOnceOrphaned) {
+    ScopedSlotName name("claim");
+    const std::string claim = FileUtils::FSUtils::GetGatewayClaimFileName(name);
+    const auto listed = [&] {
+        const std::vector<std::string> orphans = SlotLeftovers::OrphanedGatewayClaimFiles();
+        return std::find(orphans.begin(), orphans.end(), name.str()) != orphans.end();
+    };
+    testsupport::PipeSignal ready, done;
+    ChildProcess child([&] {
+        shared::FileLock lock;
+        if (lock.Claim(claim) != shared::FileLock::ClaimOutcome::Claimed) {
+            return 1;
+        }
+        ready.Post();
+        return done.WaitFor() ? 0 : 1;
+    });
+    ASSERT_TRUE(ready.WaitFor()) << child.Wait().Describe();
+    EXPECT_FALSE(listed());
+    LeftoverRemoval removal = SlotLeftovers::RemoveGatewayClaimFile(name);
+    EXPECT_EQ(LeftoverOutcome::Held, removal.outcome);
+    EXPECT_EQ(child.Pid(), removal.holder);
+    child.Kill();
+    child.Wait();
+    EXPECT_TRUE(Exists(claim));
+    EXPECT_TRUE(listed());
+    EXPECT_FALSE(Listed(name)) << "no reader lock file";
+    removal = SlotLeftovers::RemoveGatewayClaimFile(name);
+    EXPECT_EQ(LeftoverOutcome::Removed, removal.outcome) << removal.detail;
+    EXPECT_EQ(claim, removal.path);
+    EXPECT_FALSE(Exists(claim));
+
+    const std::string target = testsupport::TestRunDir() + "/" + testsupport::UniqueName("target");
+    testsupport::WriteFile(target, "precious");
+    ASSERT_EQ(0, ::symlink(target.c_str(), claim.c_str()));
+    EXPECT_FALSE(listed());
+    EXPECT_EQ(LeftoverOutcome::Failed, SlotLeftovers::RemoveGatewayClaimFile(name).outcome);
+    EXPECT_EQ("precious", testsupport::ReadFile(target));
+    ::unlink(claim.c_str());
+    ::unlink(target.c_str());
+}
+
 TEST(SlotLeftovers, ALinkOrAFolderInPlaceOfTheLockFileIsLeftAloneAndItsTargetKept) {
     ScopedSlotName name("planted");
     const std::string lock = FileUtils::FSUtils::GetSingletonFileLockName(name);

@@ -582,10 +582,32 @@ TEST(Gateway, StatusFileWrittenAtomically) {
     config.statusIntervalMs = 20;
     Gateway(config).Stop();
     const std::string text = testsupport::ReadFile(config.statusFile);
-    const std::string table = FormatStatus(text);
+    const std::time_t now = std::time(nullptr);
+    const std::string table = FormatStatus(text, now);
     EXPECT_NE(table.find(slot.str()), std::string::npos) << table;
     EXPECT_NE(table.find("from-network"), std::string::npos) << table;
     EXPECT_NE(text.find("\"stopped\": true"), std::string::npos);
+    // The table says when the writer is gone (a reaped child's pid) or the file is older than
+    // three write intervals; a fresh file of a live writer gets neither note.
+    nlohmann::json document = nlohmann::json::parse(text);
+    char stamp[32] = {};
+    std::tm utc;
+    gmtime_r(&now, &utc);
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    document["time"] = stamp;
+    const auto firstLine = [&](std::time_t at) {
+        const std::string shown = FormatStatus(document.dump(), at);
+        return shown.substr(0, shown.find('\n'));
+    };
+    EXPECT_EQ(firstLine(now).find(" ago"), std::string::npos) << firstLine(now);
+    EXPECT_EQ(firstLine(now).find("not running"), std::string::npos) << firstLine(now);
+    EXPECT_NE(firstLine(now + 100).find(", stopped (last written 100 s ago)"), std::string::npos)
+        << firstLine(now + 100);
+    testsupport::ChildProcess child([] { return 0; });
+    ASSERT_TRUE(child.Wait().Ok());
+    document["pid"] = child.Pid();
+    EXPECT_NE(firstLine(now + 100).find(", stopped (not running)"), std::string::npos)
+        << firstLine(now + 100);
     std::remove(config.statusFile.c_str());
     // A symlink planted at the temporary name is not followed.
     const std::string target = testsupport::TestRunDir() + "/gateway-target";

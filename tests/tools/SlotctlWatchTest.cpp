@@ -250,13 +250,15 @@ TEST(SlotctlAttached, RmNeverRemovesAPipeThroughASymlinkedFolder) {
     ::unlink(fifo.c_str());
 }
 
-// The lock file a reader left goes with its slot (rm), and alone once the slot is gone (rm, rm
-// --stale); a symlink planted under its name is neither followed nor removed.
+// The lock file a reader left, and the claim file a killed gateway left, go with their slot
+// (rm), and alone once the slot is gone (rm, rm --stale); a symlink planted under the reader's
+// lock file's name is neither followed nor removed.
 TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
     ScopedSlotName name("orphan");
     const std::string lockFile = FileUtils::FSUtils::GetSingletonFileLockName(name);
-    const std::string alone =
-        "removed '" + name.str() + "' (no slot left): lock file " + lockFile + "\n";
+    const std::string claimFile = FileUtils::FSUtils::GetGatewayClaimFileName(name);
+    const std::string both = "lock file " + lockFile + ", lock file " + claimFile;
+    const std::string alone = "removed '" + name.str() + "' (no slot left): " + both + "\n";
     // (rm --stale without names would look at every slot of the machine, other runs' too.)
     for (const auto& rm :
          {std::make_pair(std::vector<std::string>{"rm", name.str()}, false),
@@ -268,9 +270,11 @@ TEST(SlotctlAttached, RmRemovesTheOrphanedReaderLockFile) {
             SlotFactory::RemoveSlot(name);  // the shared memory alone
         }
         ASSERT_TRUE(Exists(lockFile)) << "the reader left no lock file: nothing to test";
+        std::ofstream(claimFile).close();  // unheld, as a killed gateway leaves it
         const Outcome run = SlotctlEnding(0, rm.first);
-        EXPECT_THAT(run.out, HasSubstr(rm.second ? alone : "lock file " + lockFile));
+        EXPECT_THAT(run.out, HasSubstr(rm.second ? alone : both));
         EXPECT_FALSE(Exists(lockFile)) << run.Describe();
+        EXPECT_FALSE(Exists(claimFile)) << run.Describe();
     }
     ASSERT_EQ(0, Slotctl({"write", name.str(), "--type", "reliable", "x"}).status);
     const std::string victim = testsupport::TestRunDir() + "/" + name.str() + ".victim";

@@ -21,6 +21,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <iostream>
+#include <utility>
 
 namespace slotctl {
 
@@ -95,45 +96,64 @@ std::vector<std::string> Users(const SlotReport& report) {
     return users;
 }
 
-// Removes the reliable reader's lock file of `name` when nobody holds it (SlotLeftovers): a
-// reader that ended leaves it behind. A held one is left to its reader (noted in `kept`).
-// Returns what was done, for the "removed" line, or "" when there was nothing to do.
-std::string RemoveOrphanLockFile(const std::string& name, std::vector<std::string>& failed,
-                                 std::vector<std::string>& kept) {
-    const LeftoverRemoval removal = SlotLeftovers::RemoveReaderLockFile(name);
-    const std::string what = "lock file " + Printable(removal.path);
-    switch (removal.outcome) {
-        case LeftoverOutcome::Removed:
-            return what;
-        case LeftoverOutcome::Held:
-            kept.push_back(what + " (held by " +
-                           (removal.holder > 0 ? "pid " + std::to_string(removal.holder)
-                                               : std::string("a reader")) +
-                           ")");
-            break;
-        case LeftoverOutcome::Failed:
-            failed.push_back(what + " (" + Printable(removal.detail) + ", left alone)");
-            break;
-        case LeftoverOutcome::Absent:
-            break;
+// Removes the reliable reader's lock file of `name` and the claim file of a gateway that wrote
+// it when nobody holds them (SlotLeftovers): a reader that ended, or a gateway that was killed,
+// leaves its file behind. A held one is left to its holder (noted in `kept`); the removed ones
+// are added to `removed`, for the "removed" line.
+void RemoveOrphanLockFiles(const std::string& name, std::vector<std::string>& removed,
+                           std::vector<std::string>& failed, std::vector<std::string>& kept) {
+    const std::pair<LeftoverRemoval, const char*> removals[] = {
+        {SlotLeftovers::RemoveReaderLockFile(name), "a reader"},
+        {SlotLeftovers::RemoveGatewayClaimFile(name), "a gateway"}};
+    for (const auto& [removal, holder] : removals) {
+        const std::string what = "lock file " + Printable(removal.path);
+        switch (removal.outcome) {
+            case LeftoverOutcome::Removed:
+                removed.push_back(what);
+                break;
+            case LeftoverOutcome::Held:
+                kept.push_back(what + " (held by " +
+                               (removal.holder > 0 ? "pid " + std::to_string(removal.holder)
+                                                   : std::string(holder)) +
+                               ")");
+                break;
+            case LeftoverOutcome::Failed:
+                failed.push_back(what + " (" + Printable(removal.detail) + ", left alone)");
+                break;
+            case LeftoverOutcome::Absent:
+                break;
+        }
     }
-    return "";
 }
 
-// Whether `name` has a reader lock file that nobody holds while its slot is gone.
+// Names whose reader lock file or gateway claim file nobody holds while their slot is gone,
+// sorted, each once.
+std::vector<std::string> OrphanLockFileNames() {
+    std::vector<std::string> names = SlotLeftovers::OrphanedReaderLockFiles();
+    const std::vector<std::string> claims = SlotLeftovers::OrphanedGatewayClaimFiles();
+    names.insert(names.end(), claims.begin(), claims.end());
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+// Whether `name` has a reader lock file or gateway claim file that nobody holds while its slot
+// is gone.
 bool HasOrphanLockFile(const std::string& name) {
-    const std::vector<std::string> orphans = SlotLeftovers::OrphanedReaderLockFiles();
+    const std::vector<std::string> orphans = OrphanLockFileNames();
     return std::find(orphans.begin(), orphans.end(), name) != orphans.end();
 }
 
-// Removes the lock file that a reliable slot's reader left behind after the slot itself was
-// removed (by SlotFactory::RemoveSlot alone, or by an older slotctl); prints one line.
+// Removes the lock files that a reliable slot's reader or a killed gateway left behind after the
+// slot itself was removed (by SlotFactory::RemoveSlot alone, or by an older slotctl); prints one
+// line.
 bool RemoveOrphanOnly(const std::string& name) {
+    std::vector<std::string> removed;
     std::vector<std::string> failed;
     std::vector<std::string> kept;
-    const std::string removed = RemoveOrphanLockFile(name, failed, kept);
+    RemoveOrphanLockFiles(name, removed, failed, kept);
     if (!removed.empty()) {
-        std::cout << "removed " << Quote(name) << " (no slot left): " << removed << "\n";
+        std::cout << "removed " << Quote(name) << " (no slot left): " << Join(removed) << "\n";
     }
     if (!kept.empty()) {
         std::cerr << "slotctl: kept " << Join(kept) << "\n";
@@ -239,12 +259,9 @@ bool RemoveOne(SlotReport report, bool staleOnly, double minAge, bool force) {
     }
     {
         std::vector<std::string> kept;
-        const std::string lockFile = RemoveOrphanLockFile(name, failed, kept);
+        RemoveOrphanLockFiles(name, removed, failed, kept);
         if (!kept.empty()) {
             std::cerr << "slotctl: kept " << Join(kept) << "\n";
-        }
-        if (!lockFile.empty()) {
-            removed.push_back(lockFile);
         }
     }
     if (!removed.empty()) {
@@ -348,16 +365,21 @@ int RunRemove(const Context&, const std::vector<std::string>& args) {
                 ok = RemoveOne(report, true, minAge, force) && ok;
             }
         }
-        // Lock files of reliable readers whose slot is gone.
-        for (const std::string& name : SlotLeftovers::OrphanedReaderLockFiles()) {
+        // Lock files of reliable readers and gateways whose slot is gone.
+        for (const std::string& name : OrphanLockFileNames()) {
             ++found;
             struct stat st;
-            const std::string lockFile =
-                FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name);
-            if (::geteuid() != 0 && ::lstat(lockFile.c_str(), &st) == 0 &&
-                st.st_uid != ::geteuid()) {
+            uid_t owner = ::geteuid();
+            for (const std::string& lockFile :
+                 {FileUtils::FSUtils::SingletonFileLockNameWithoutCreating(name),
+                  FileUtils::FSUtils::GatewayClaimFileNameWithoutCreating(name)}) {
+                if (::lstat(lockFile.c_str(), &st) == 0 && st.st_uid != ::geteuid()) {
+                    owner = st.st_uid;
+                }
+            }
+            if (::geteuid() != 0 && owner != ::geteuid()) {
                 std::cout << "left " << Quote(name) << " (no slot left; its lock file is uid "
-                          << st.st_uid << "'s)\n";
+                          << owner << "'s)\n";
                 continue;
             }
             ok = RemoveOrphanOnly(name) && ok;
