@@ -347,6 +347,7 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
                 return CallLibrary([&] {
                     const bool removed = SlotFactory::RemoveSlot(name);
                     SlotLeftovers::RemoveReaderLockFile(name);
+                    SlotLeftovers::RemoveGatewayClaimFile(name);
                     return removed;
                 });
             });
@@ -354,7 +355,8 @@ largest block in bytes. A slot that already exists keeps the sizes it was create
         py::arg("name"),
         "Unlinks the slot's header segment and queue; True when both were removed. Processes "
         "that have the slot open keep using the old objects. The reliable reader's lock file "
-        "is removed too unless a reader holds it (as slotctl rm does).");
+        "and a gateway's claim file are removed too unless a reader or a gateway holds them "
+        "(as slotctl rm does).");
 
     py::class_<Writer>(m, "Writer", "Native writer; use libslot.Writer.")
         .def(py::init<const SlotConfig&>(), py::arg("config"))
