@@ -128,9 +128,13 @@ def test_factory_operations(name):
     assert report.state is libslot.SlotState.SLOT
     assert (report.kind, report.capacity, report.max_block_size) == \
         (libslot.SlotKind.RELIABLE, 4, 100)
+    # A gateway killed while it wrote the slot left its claim file: removed with the slot.
+    claim = os.path.join(os.environ["SLOT_LOCK_DIR"], name + ".gw")
+    os.close(os.open(claim, os.O_CREAT | os.O_EXCL | os.O_WRONLY, 0o600))
     assert libslot.remove_slot(name) is True
     assert libslot.remove_slot(name) is False
     assert not [f for f in os.listdir("/dev/shm") if f.endswith(name)]
+    assert not os.path.exists(claim)
 
 
 def test_simple_slot_round_trip(name):
