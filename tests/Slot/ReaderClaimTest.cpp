@@ -99,6 +99,7 @@ TEST(ReaderClaim, AForkedChildNeverKeepsTheParentsClaimAndCanTakeItOnceFree) {
 // Children forked while another thread makes and drops readers never find the process's claims
 // locked for good by that thread. (A hang shows as the child's watchdog.)
 TEST(ReaderClaim, AForkedChildNeverWaitsForTheClaimsOfOtherThreads) {
+    SKIP_FORK_AMID_THREADS_UNDER_ASAN();
     ScopedSlotName busyName("claimbusy"), childName("claimforked");
     boost::shared_ptr<ISlot> busy = Reliable(busyName);
     boost::shared_ptr<ISlot> forChild = Reliable(childName);

@@ -144,6 +144,7 @@ TEST(WriteOutcome, LastOutcomeBelongsToTheWritingThreadAndCountsAddUpAcrossThrea
 // Children forked while another thread reads the counts find the registry usable (not locked
 // for good by that thread) and count only their own writes, from zero.
 TEST(WriteOutcome, AForkedChildNeverWaitsForTheRegistryAndCountsOnlyItsOwnWrites) {
+    SKIP_FORK_AMID_THREADS_UNDER_ASAN();
     ScopedSlotName name("outcome_fork");
     shared::WriteCounters* counters = shared::WriteCountersFor(name);
     shared::RecordWriteOutcome(counters, shared::WriteOutcome::Stored);

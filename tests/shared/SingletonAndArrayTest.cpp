@@ -31,6 +31,7 @@ TEST(SingletonMutex, UniqueOnlyWhileAloneUnderItsName) {
 // A forked child starts with no holders: the parent's objects do not count in it (dropping its
 // copies changes nothing), and another thread of the parent never leaves the registry locked.
 TEST(SingletonMutex, AForkedChildCountsOnlyItsOwnAndNeverWaitsForTheRegistry) {
+    SKIP_FORK_AMID_THREADS_UNDER_ASAN();
     std::unique_ptr<shared::SingletonMutex> parents(
         new shared::SingletonMutex("SingletonMutexTest.fork"));
     const testsupport::ForkRounds rounds = testsupport::ForkWhileAnotherThreadRuns(
