@@ -13,8 +13,8 @@
 // $SLOT_LOCK_DIR, default /run/lock/libslot) and leaves it behind when it ends, since another
 // reader may be opening it at that moment. A gateway that writes a slot claims "<lock
 // folder>/<name>.gw" (FSUtils::GetGatewayClaimFileName) and leaves it behind when it is killed.
-// SlotFactory::RemoveSlot removes only the shared memory; slotctl rm calls RemoveReaderLockFile
-// and RemoveGatewayClaimFile as well, the Python binding's remove_slot RemoveReaderLockFile.
+// SlotFactory::RemoveSlot removes only the shared memory; slotctl rm and the Python binding's
+// remove_slot call RemoveReaderLockFile and RemoveGatewayClaimFile as well.
 
 enum class LeftoverOutcome {
     Absent,   // no such file (or the name is no slot name and cannot have one)
