@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <SlotGateway/Status.h>
 
+#include <shared/MutexOwner.h>
 #include <shared/SharedFolder.h>
 
 #include <nlohmann/json.hpp>
@@ -195,20 +196,7 @@ double ProcessStart(pid_t pid) {
     if (!std::getline(stat, line)) {
         return -1;
     }
-    // The command in parentheses may hold spaces and parentheses: fields follow the last ')'.
-    const std::size_t close = line.rfind(')');
-    if (close == std::string::npos) {
-        return -1;
-    }
-    std::istringstream fields(line.substr(close + 1));
-    std::string field;
-    unsigned long long startTicks = 0;
-    for (int index = 3; fields >> field; ++index) {  // field 3 is the state
-        if (index == 22) {
-            startTicks = std::strtoull(field.c_str(), nullptr, 10);
-            break;
-        }
-    }
+    const std::uint64_t startTicks = shared::StartTimeOfStatLine(line);
     std::ifstream machine("/proc/stat");
     unsigned long long bootTime = 0;
     while (std::getline(machine, line)) {

@@ -6,6 +6,7 @@
 
 #include <shared/AtForkMutex.h>
 #include <shared/CrashPoint.h>
+#include <shared/MutexOwner.h>
 #include <shared/RobustMutex.h>
 #include <shared/SharedFolder.h>
 #include <shared/WriteOutcome.h>
@@ -31,7 +32,6 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
-#include <sstream>
 #include <vector>
 
 namespace Slot {
@@ -431,23 +431,6 @@ bool ReadProcStat(pid_t pid, std::string& text) {
     return true;
 }
 
-// The start time (field 22) of a stat line; 0 when it has none.
-std::uint64_t StartTimeOf(const std::string& text) {
-    const std::size_t close = text.rfind(')');
-    if (close == std::string::npos) {
-        return 0;
-    }
-    std::istringstream fields(text.substr(close + 1));
-    std::string field;
-    // After the command: state (field 3) ... starttime (field 22).
-    for (int i = 3; i <= 22 && (fields >> field); ++i) {
-        if (i == 22) {
-            return std::strtoull(field.c_str(), nullptr, 10);
-        }
-    }
-    return 0;
-}
-
 }  // namespace
 
 PidNamespace OwnPidNamespace() {
@@ -474,7 +457,7 @@ bool PoolByteLocked(int fd, std::uint64_t byte) {
 
 std::uint64_t PoolProcessStartTime(pid_t pid) {
     std::string text;
-    return ReadProcStat(pid, text) ? StartTimeOf(text) : 0;
+    return ReadProcStat(pid, text) ? shared::StartTimeOfStatLine(text) : 0;
 }
 
 bool PoolProcessGone(pid_t pid, std::uint64_t startTime) {
@@ -497,7 +480,7 @@ bool PoolProcessGone(pid_t pid, std::uint64_t startTime) {
         return true;
     }
     // A line without a start time is not taken for another process's.
-    const std::uint64_t started = StartTimeOf(text);
+    const std::uint64_t started = shared::StartTimeOfStatLine(text);
     return startTime != 0 && started != 0 && started != startTime;
 }
 

@@ -5,7 +5,9 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -183,6 +185,22 @@ int ProcessMapsFile(pid_t pid, const FileIdentity& file) {
     // A map that opens but is empty belongs to a process without an address space (a kernel
     // thread, or a zombie): it maps nothing. One we may not read does not open at all.
     return read < 0 ? -1 : found;
+}
+
+std::uint64_t StartTimeOfStatLine(const std::string& line) {
+    const std::size_t close = line.rfind(')');
+    if (close == std::string::npos) {
+        return 0;
+    }
+    std::istringstream fields(line.substr(close + 1));
+    std::string field;
+    // After the command: state (field 3) ... starttime (field 22).
+    for (int i = 3; i <= 22 && (fields >> field); ++i) {
+        if (i == 22) {
+            return std::strtoull(field.c_str(), nullptr, 10);
+        }
+    }
+    return 0;
 }
 
 }  // namespace shared

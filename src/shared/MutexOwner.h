@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 
 namespace shared {
@@ -44,6 +45,10 @@ struct FileIdentity {
 // The file that one line of a /proc/<pid>/maps maps (its device and inode fields); not known for
 // anonymous memory (inode 0) or a line that does not parse.
 SHARED_EXPORT FileIdentity FileOfMapsLine(const char* line);
+
+// The start time (field 22, clock ticks after boot) of a /proc/<pid>/stat line; 0 when it has
+// none. The command in parentheses may hold spaces and parentheses: fields follow the last ')'.
+SHARED_EXPORT std::uint64_t StartTimeOfStatLine(const std::string& line);
 
 // The file that this process maps at `address`, from /proc/self/maps; not known when nothing
 // file-backed is mapped there or the map cannot be read.
